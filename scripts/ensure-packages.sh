@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that the build and the tests need, when any of
+# them is missing. Sourced by run.sh and test.sh; runs apt-get update at most once.
+
+KB_PACKAGES=(cmake ninja-build g++ libgtest-dev libgmock-dev)
+
+kb_missing_packages() {
+    local missing=()
+    for package in "${KB_PACKAGES[@]}" "$@"; do
+        if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then
+            missing+=("$package")
+        fi
+    done
+    echo "${missing[@]}"
+}
+
+kb_ensure_packages() {
+    local missing
+    missing=$(kb_missing_packages "$@")
+    [ -z "$missing" ] && return 0
+    local sudo=""
+    if [ "$(id -u)" -ne 0 ]; then
+        sudo="sudo"
+    fi
+    echo "Installing: $missing"
+    $sudo apt-get update
+    # shellcheck disable=SC2086
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y --no-install-recommends $missing
+}

@@ -1,0 +1,56 @@
+#include "platform/clock.h"
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+namespace {
+
+std::atomic<uint32_t> nowShift{0};
+
+// Seconds and milliseconds of the monotonic clock, the two parts that the
+// interval clock stores.
+struct ClockReading {
+    int64_t seconds;
+    int32_t millis;
+};
+
+ClockReading ReadClock() {
+    const auto since = std::chrono::steady_clock::now().time_since_epoch();
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(since).count();
+    return {ms / 1000, static_cast<int32_t>(ms % 1000)};
+}
+
+std::atomic<int64_t> elapsedSeconds{0};
+std::atomic<int32_t> elapsedMillis{0};
+
+}  // namespace
+
+uint32_t NowMs() {
+    const ClockReading now = ReadClock();
+    return static_cast<uint32_t>(now.seconds * 1000 + now.millis) + nowShift.load();
+}
+
+void StartElapsed() {
+    const ClockReading now = ReadClock();
+    elapsedSeconds.store(now.seconds);
+    elapsedMillis.store(now.millis);
+}
+
+int16_t ElapsedMs() {
+    const ClockReading now = ReadClock();
+    // (seconds now - seconds stored) x 1000 - ms stored + ms now, all in 16 bits.
+    const auto seconds = static_cast<int16_t>(now.seconds - elapsedSeconds.load());
+    auto sum = static_cast<int16_t>(seconds * 1000);
+    sum = static_cast<int16_t>(sum - static_cast<int16_t>(elapsedMillis.load()));
+    sum = static_cast<int16_t>(sum + static_cast<int16_t>(now.millis));
+    return sum;
+}
+
+std::time_t WallSeconds() { return std::time(nullptr); }
+
+void SleepMs(uint32_t milliseconds) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+}
+
+void ShiftNowMsForTest(uint32_t offset) { nowShift.store(offset); }

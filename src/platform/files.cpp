@@ -1,0 +1,170 @@
+#include "platform/files.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+
+File::~File() { Close(); }
+
+bool File::Open(const std::string& path, Mode mode) {
+    Close();
+    int flags = O_CLOEXEC;
+    switch (mode) {
+        case Mode::Read:
+            flags |= O_RDONLY;
+            break;
+        case Mode::Write:
+            flags |= O_WRONLY;
+            break;
+        case Mode::ReadWrite:
+            flags |= O_RDWR;
+            break;
+        case Mode::CreateReadWrite:
+            flags |= O_RDWR | O_CREAT | O_TRUNC;
+            break;
+    }
+    do {
+        fd_ = ::open(path.c_str(), flags, 0644);
+    } while (fd_ < 0 && errno == EINTR);
+    if (fd_ < 0) {
+        return false;
+    }
+    // Folders open for reading on Linux; a file operation never wants one.
+    struct stat info {};
+    if (::fstat(fd_, &info) != 0 || S_ISDIR(info.st_mode)) {
+        Close();
+        return false;
+    }
+    return true;
+}
+
+void File::Close() {
+    if (fd_ >= 0) {
+        ::close(fd_);
+        fd_ = -1;
+    }
+}
+
+uint32_t File::Read(void* buffer, uint32_t count) {
+    if (fd_ < 0) {
+        return 0;
+    }
+    auto* out = static_cast<uint8_t*>(buffer);
+    uint32_t done = 0;
+    while (done < count) {
+        const ssize_t n = ::read(fd_, out + done, count - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            break;
+        }
+        done += static_cast<uint32_t>(n);
+    }
+    return done;
+}
+
+bool File::Write(const void* bytes, uint32_t count) {
+    if (fd_ < 0) {
+        return false;
+    }
+    const auto* in = static_cast<const uint8_t*>(bytes);
+    uint32_t done = 0;
+    while (done < count) {
+        const ssize_t n = ::write(fd_, in + done, count - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        done += static_cast<uint32_t>(n);
+    }
+    return true;
+}
+
+bool File::Seek(int64_t offset, From from) {
+    if (fd_ < 0) {
+        return false;
+    }
+    return ::lseek(fd_, offset, from == From::Begin ? SEEK_SET : SEEK_END) >= 0;
+}
+
+int64_t File::Length() const {
+    struct stat info {};
+    if (fd_ < 0 || ::fstat(fd_, &info) != 0) {
+        return -1;
+    }
+    return info.st_size;
+}
+
+bool CreateFolder(const std::string& path) { return ::mkdir(path.c_str(), 0755) == 0; }
+
+bool RemoveFolder(const std::string& path) { return ::rmdir(path.c_str()) == 0; }
+
+bool RenamePath(const std::string& from, const std::string& to) {
+    return ::rename(from.c_str(), to.c_str()) == 0;
+}
+
+bool MoveFileNoReplace(const std::string& from, const std::string& to) {
+    return ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0;
+}
+
+bool DeleteFileAt(const std::string& path) { return ::unlink(path.c_str()) == 0; }
+
+bool PathExists(const std::string& path) {
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0;
+}
+
+bool FolderExists(const std::string& path) {
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+bool ListFolder(const std::string& path, std::vector<FolderEntry>& entries) {
+    entries.clear();
+    DIR* folder = ::opendir(path.c_str());
+    if (folder == nullptr) {
+        return false;
+    }
+    while (dirent* entry = ::readdir(folder)) {
+        FolderEntry item;
+        item.name = entry->d_name;
+        struct stat info {};
+        const std::string full = path + "/" + item.name;
+        if (::stat(full.c_str(), &info) == 0) {
+            item.isFolder = S_ISDIR(info.st_mode);
+            item.size = item.isFolder ? 0 : static_cast<uint64_t>(info.st_size);
+        } else {
+            item.isFolder = entry->d_type == DT_DIR;
+        }
+        entries.push_back(std::move(item));
+    }
+    ::closedir(folder);
+    return true;
+}
+
+uint64_t FreeDiskSpace(const std::string& path) {
+    struct statvfs info {};
+    if (::statvfs(path.empty() ? "." : path.c_str(), &info) != 0) {
+        return 0;
+    }
+    return static_cast<uint64_t>(info.f_bavail) * static_cast<uint64_t>(info.f_frsize);
+}
+
+std::string CurrentFolder() {
+    char buffer[PATH_MAX];
+    if (::getcwd(buffer, sizeof buffer) == nullptr) {
+        return {};
+    }
+    return buffer;
+}
+
+bool ChangeCurrentFolder(const std::string& path) { return ::chdir(path.c_str()) == 0; }

@@ -1,0 +1,78 @@
+// Files and folders.
+//
+// File stands in for the design's file object: it is opened for one operation
+// and closed at once. The folder operations give the results the program
+// relies on: making a folder that exists fails, removing a folder that holds
+// anything fails, and a move never replaces an existing file.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+class File {
+public:
+    enum class Mode {
+        Read,             // an existing file, for reading
+        Write,            // an existing file, for writing; its content stays
+        ReadWrite,        // an existing file, for reading and writing
+        CreateReadWrite,  // a new empty file, or an existing one cut to length 0
+    };
+    enum class From { Begin, End };
+
+    File() = default;
+    ~File();
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+
+    // True if the file could be opened in that mode.
+    bool Open(const std::string& path, Mode mode);
+    void Close();
+    bool IsOpen() const { return fd_ >= 0; }
+
+    // Bytes read; fewer than asked at the end of the file, 0 on an error.
+    uint32_t Read(void* buffer, uint32_t count);
+    // True if every byte was written.
+    bool Write(const void* bytes, uint32_t count);
+    // True if the position could be set.
+    bool Seek(int64_t offset, From from);
+    // Length of the open file, or -1.
+    int64_t Length() const;
+
+private:
+    int fd_ = -1;
+};
+
+// Makes a folder. False if it exists already or cannot be made.
+bool CreateFolder(const std::string& path);
+// Removes an empty folder. False if it holds anything or is missing.
+bool RemoveFolder(const std::string& path);
+// Renames a file or folder; an existing target is replaced only for plain files.
+bool RenamePath(const std::string& from, const std::string& to);
+// Moves a file. False if the target exists already or the move is impossible.
+bool MoveFileNoReplace(const std::string& from, const std::string& to);
+// Deletes a file. False if it is missing or cannot be deleted.
+bool DeleteFileAt(const std::string& path);
+// True if a file or folder exists at the path.
+bool PathExists(const std::string& path);
+// True if a folder exists at the path.
+bool FolderExists(const std::string& path);
+
+// One entry of a folder listing.
+struct FolderEntry {
+    std::string name;
+    bool isFolder = false;
+    uint64_t size = 0;
+};
+
+// Lists a folder, "." and ".." included, in the order the file system gives.
+// False if the folder cannot be read.
+bool ListFolder(const std::string& path, std::vector<FolderEntry>& entries);
+
+// Free bytes for this user on the volume that holds the path, in 64 bits.
+uint64_t FreeDiskSpace(const std::string& path);
+
+// The current directory, or an empty text on failure.
+std::string CurrentFolder();
+// Changes the current directory. False on failure.
+bool ChangeCurrentFolder(const std::string& path);

@@ -1,0 +1,35 @@
+#include "platform/message_box.h"
+
+#include <cstdio>
+#include <mutex>
+
+namespace {
+
+std::mutex handlerLock;
+MessageBoxHandler currentHandler;
+
+}  // namespace
+
+void ShowMessageBox(const std::string& text) {
+    MessageBoxHandler handler;
+    {
+        std::lock_guard<std::mutex> guard(handlerLock);
+        handler = currentHandler;
+    }
+    if (handler) {
+        handler(text);
+        return;
+    }
+    std::string shown = text;
+    for (char& c : shown) {
+        if (c == '\r') {
+            c = '\n';
+        }
+    }
+    std::fprintf(stderr, "%s\n", shown.c_str());
+}
+
+void SetMessageBoxHandler(MessageBoxHandler handler) {
+    std::lock_guard<std::mutex> guard(handlerLock);
+    currentHandler = std::move(handler);
+}

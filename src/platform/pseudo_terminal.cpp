@@ -1,0 +1,54 @@
+#include "platform/pseudo_terminal.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include "platform/serial_speed.h"
+
+bool OpenPseudoTerminal(PseudoTerminal& terminal) {
+    terminal = PseudoTerminal{};
+    const int master = ::posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (master < 0) {
+        return false;
+    }
+    char name[128];
+    if (::grantpt(master) != 0 || ::unlockpt(master) != 0 ||
+        ::ptsname_r(master, name, sizeof name) != 0) {
+        ::close(master);
+        return false;
+    }
+    const int keeper = ::open(name, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (keeper < 0) {
+        ::close(master);
+        return false;
+    }
+    termios settings{};
+    if (::tcgetattr(keeper, &settings) == 0) {
+        ::cfmakeraw(&settings);
+        ::tcsetattr(keeper, TCSANOW, &settings);
+    }
+    terminal.master = master;
+    terminal.slaveKeeper = keeper;
+    terminal.slavePath = name;
+    return true;
+}
+
+void ClosePseudoTerminal(PseudoTerminal& terminal) {
+    if (terminal.slaveKeeper >= 0) {
+        ::close(terminal.slaveKeeper);
+    }
+    if (terminal.master >= 0) {
+        ::close(terminal.master);
+    }
+    terminal = PseudoTerminal{};
+}
+
+uint32_t PseudoTerminalSpeed(const PseudoTerminal& terminal) {
+    termios settings{};
+    if (terminal.slaveKeeper < 0 || ::tcgetattr(terminal.slaveKeeper, &settings) != 0) {
+        return 0;
+    }
+    return BitsPerSecond(::cfgetospeed(&settings));
+}

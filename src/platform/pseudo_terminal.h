@@ -1,0 +1,20 @@
+// Pseudo-terminal pairs, on which a program and a stand-in for the hardware
+// behind a serial port meet.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+struct PseudoTerminal {
+    int master = -1;        // non-blocking; the hardware side
+    int slaveKeeper = -1;   // keeps the slave side open so the master never sees a hang-up
+    std::string slavePath;  // what the program opens
+};
+
+// Makes a new pair in raw mode. False if none could be made.
+bool OpenPseudoTerminal(PseudoTerminal& terminal);
+void ClosePseudoTerminal(PseudoTerminal& terminal);
+
+// The speed in bits per second that the program has set on the slave side,
+// as the master side sees it; 0 if it cannot be read.
+uint32_t PseudoTerminalSpeed(const PseudoTerminal& terminal);

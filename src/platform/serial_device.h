@@ -1,0 +1,90 @@
+// A serial device on termios.
+//
+// The program expects 24576-byte input and output queues in the driver. A
+// Linux tty reports at most 4095 bytes waiting, and a pseudo-terminal reports
+// no output queue at all, so the input queue lives here in user space: it is
+// filled from the device without blocking whenever its count is asked for,
+// and once it is full nothing more is read, so that the kernel and the far
+// end's flow control hold the stream.
+//
+// All operations may be called from several threads. Writes of whole runs
+// never interleave. No operation busy-waits: waiting is done in poll(2).
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <string>
+
+// Line settings, in the codes the program keeps in its port record.
+struct SerialSettings {
+    uint32_t baudRate = 9600;  // 9600 to 230400
+    uint8_t byteSize = 8;      // 5 to 8
+    uint8_t parity = 0;        // 0 none, 1 odd, 2 even, 3 mark, 4 space
+    uint8_t stopBits = 0;      // 0 one, 1 one and a half, 2 two
+    bool dtrDsrFlow = false;   // not available on Linux: DTR is simply raised
+    bool rtsCtsFlow = false;
+    bool xonXoffFlow = false;  // XON 0x11, XOFF 0x13
+};
+
+// Why a wait ended.
+enum class WaitResult { Input, Interrupted, TimedOut };
+
+class SerialDevice {
+public:
+    static constexpr uint32_t kQueueSize = 24576;
+
+    SerialDevice();
+    ~SerialDevice();
+    SerialDevice(const SerialDevice&) = delete;
+    SerialDevice& operator=(const SerialDevice&) = delete;
+
+    // Opens the device for exclusive use. False if it is missing, is no
+    // terminal, or is held by another program.
+    bool Open(const std::string& path);
+    // Drops DTR, throws both queues away and gives the device up.
+    void Close();
+    bool IsOpen() const { return fd_.load() >= 0; }
+
+    // Applies the settings in raw mode. False if the device refused any of them;
+    // the old settings then stay.
+    bool Configure(const SerialSettings& settings);
+
+    // Throws away both queues, in the kernel and here, and stops a write that
+    // is under way.
+    void Purge();
+    // Drops the DTR line; ignored where the device has no modem lines.
+    void ClearDtr();
+
+    // Bytes waiting in the input queue, after taking in what the device holds.
+    uint32_t InputCount();
+    // Bytes waiting in the driver's output queue; 0 where the device cannot tell.
+    uint32_t OutputCount();
+    // Takes up to count bytes from the input queue; returns how many.
+    uint32_t Read(void* buffer, uint32_t count);
+    // Writes every byte, waiting while the device takes no more. False if the
+    // device failed or a purge stopped the write.
+    bool Write(const void* bytes, uint32_t count);
+
+    // Waits until the device may have new input, another thread calls
+    // Interrupt, or the time is up. Returns at once if input is already waiting
+    // in the device.
+    WaitResult WaitForInput(int timeoutMs);
+    // Ends a WaitForInput on another thread; if none is under way, the next one
+    // returns at once.
+    void Interrupt();
+
+private:
+    // Moves what the device holds into the queue, while there is room.
+    void FillQueue();
+
+    std::atomic<int> fd_{-1};
+    int wakeFd_ = -1;   // eventfd behind Interrupt
+    int abortFd_ = -1;  // eventfd that wakes a waiting write when the queues are purged
+    std::mutex queueLock_;
+    std::mutex writeLock_;
+    std::atomic<uint32_t> purgeCount_{0};
+    uint8_t* queue_;
+    uint32_t head_ = 0;  // next byte to take
+    uint32_t count_ = 0;
+};

@@ -1,0 +1,33 @@
+#include "platform/serial_speed.h"
+
+namespace {
+
+struct SpeedPair {
+    uint32_t bitsPerSecond;
+    speed_t code;
+};
+
+constexpr SpeedPair kSpeeds[] = {
+    {9600, B9600},     {19200, B19200},   {38400, B38400},
+    {57600, B57600},   {115200, B115200}, {230400, B230400},
+};
+
+}  // namespace
+
+speed_t SpeedCode(uint32_t bitsPerSecond) {
+    for (const SpeedPair& pair : kSpeeds) {
+        if (pair.bitsPerSecond == bitsPerSecond) {
+            return pair.code;
+        }
+    }
+    return B0;
+}
+
+uint32_t BitsPerSecond(speed_t code) {
+    for (const SpeedPair& pair : kSpeeds) {
+        if (pair.code == code) {
+            return pair.bitsPerSecond;
+        }
+    }
+    return 0;
+}

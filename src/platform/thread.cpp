@@ -1,0 +1,108 @@
+#include "platform/thread.h"
+
+#include <pthread.h>
+#include <sched.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+struct ThreadRecord {
+    std::mutex lock;
+    std::condition_variable changed;
+    bool wakePending = false;
+    bool finished = false;
+    std::thread thread;
+    std::once_flag joined;
+
+    ~ThreadRecord() {
+        // The running thread holds a reference to its record, so the last
+        // reference goes either on that thread, as it ends, or elsewhere after
+        // its function has returned; a join here is then short.
+        if (thread.joinable()) {
+            if (thread.get_id() == std::this_thread::get_id()) {
+                thread.detach();
+            } else {
+                thread.join();
+            }
+        }
+    }
+};
+
+namespace {
+
+void RaisePriority() {
+    // Best effort: a real-time class is refused to unprivileged processes, and
+    // then the thread simply keeps the normal priority.
+    sched_param param{};
+    param.sched_priority = sched_get_priority_min(SCHED_RR);
+    pthread_setschedparam(pthread_self(), SCHED_RR, &param);
+}
+
+}  // namespace
+
+ThreadHandle StartThread(ThreadFunction function, void* parameter, ThreadPriority priority,
+                         bool suspended) {
+    auto record = std::make_shared<ThreadRecord>();
+    try {
+        ThreadRecord* raw = record.get();
+        record->thread = std::thread([self = record, raw, function, parameter, priority,
+                                      suspended] {
+            if (priority == ThreadPriority::Highest) {
+                RaisePriority();
+            }
+            if (suspended) {
+                std::unique_lock<std::mutex> guard(raw->lock);
+                raw->changed.wait(guard, [raw] { return raw->wakePending; });
+                raw->wakePending = false;
+            }
+            function(parameter);
+            std::lock_guard<std::mutex> guard(raw->lock);
+            raw->finished = true;
+            raw->changed.notify_all();
+        });
+    } catch (const std::system_error&) {
+        return nullptr;
+    }
+    return record;
+}
+
+void ParkThread(const ThreadHandle& self) {
+    if (!self) {
+        return;
+    }
+    std::unique_lock<std::mutex> guard(self->lock);
+    self->changed.wait(guard, [&self] { return self->wakePending; });
+    self->wakePending = false;
+}
+
+void WakeThread(const ThreadHandle& thread) {
+    if (!thread) {
+        return;
+    }
+    std::lock_guard<std::mutex> guard(thread->lock);
+    thread->wakePending = true;
+    thread->changed.notify_all();
+}
+
+void JoinThread(const ThreadHandle& thread) {
+    if (!thread) {
+        return;
+    }
+    if (thread->thread.get_id() == std::this_thread::get_id()) {
+        return;
+    }
+    std::call_once(thread->joined, [&thread] {
+        if (thread->thread.joinable()) {
+            thread->thread.join();
+        }
+    });
+}
+
+bool ThreadFinished(const ThreadHandle& thread) {
+    if (!thread) {
+        return true;
+    }
+    std::lock_guard<std::mutex> guard(thread->lock);
+    return thread->finished;
+}

@@ -1,0 +1,25 @@
+// A fresh folder under the system's temporary folder, removed with all it
+// holds when the object goes.
+#pragma once
+
+#include <string>
+
+class TempFolder {
+public:
+    TempFolder();
+    ~TempFolder();
+    TempFolder(const TempFolder&) = delete;
+    TempFolder& operator=(const TempFolder&) = delete;
+
+    const std::string& Path() const { return path_; }
+    // Path of a name inside the folder.
+    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_;
+};
+
+// Reads a whole file; an empty text if it cannot be read.
+std::string ReadWholeFile(const std::string& path);
+// Writes a whole file, replacing what was there.
+void WriteWholeFile(const std::string& path, const std::string& bytes);
