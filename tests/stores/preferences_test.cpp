@@ -1,0 +1,169 @@
+#include "stores/preferences.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "platform/message_box.h"
+#include "stores/paths.h"
+#include "support/temp_folder.h"
+
+namespace {
+
+uint32_t LittleEndianAt(const std::string& bytes, size_t offset, size_t width) {
+    uint32_t value = 0;
+    for (size_t i = 0; i < width; ++i) {
+        value |= static_cast<uint32_t>(static_cast<uint8_t>(bytes.at(offset + i))) << (8 * i);
+    }
+    return value;
+}
+
+class PreferencesTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        BuildPaths(folder.Path());
+        SetMessageBoxHandler([this](const std::string& text) { messages.push_back(text); });
+    }
+    void TearDown() override { SetMessageBoxHandler(nullptr); }
+
+    TempFolder folder;
+    std::vector<std::string> messages;
+};
+
+TEST_F(PreferencesTest, FirstRunCreatesTheFileWithTheDefaults) {
+    ASSERT_EQ(LoadPreferences(), 1);
+    EXPECT_TRUE(messages.empty());
+
+    const std::string bytes = ReadWholeFile(folder / "kestrelbound_prefs");
+    ASSERT_EQ(bytes.size(), 1176u);
+    EXPECT_EQ(bytes.substr(4, 4), std::string("\x80\x25\x00\x00", 4));
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        if (i < 4 || i >= 8) {
+            ASSERT_EQ(bytes[i], '\0') << "offset " << i;
+        }
+    }
+    EXPECT_EQ(ThePreferences.MaxPortSpeed, 9600u);
+    EXPECT_EQ(ThePreferences.ComPort, 0);
+}
+
+TEST_F(PreferencesTest, ShortAndEmptyFilesAreTakenAsTheyStandAndNotRewritten) {
+    // ComPort 3, MaxPortSpeed 57600, IncomingProtocol 2, then the file ends.
+    const std::string shortFile("\x03\x00\x00\x00\x00\xE1\x00\x00\x02\x00", 10);
+    WriteWholeFile(folder / "kestrelbound_prefs", shortFile);
+    // Values left from before must not survive a load.
+    ThePreferences.AdapterModel = 30;
+    ThePreferences.IgnoreHotFolders = 1;
+    std::strcpy(ThePreferences.ExternalProgramB, "left over");
+
+    ASSERT_EQ(LoadPreferences(), 1);
+    EXPECT_EQ(ThePreferences.ComPort, 3);
+    EXPECT_EQ(ThePreferences.MaxPortSpeed, 57600u);
+    EXPECT_EQ(ThePreferences.IncomingProtocol, 2);
+    EXPECT_EQ(ThePreferences.AdapterModel, 0);
+    EXPECT_EQ(ThePreferences.IgnoreHotFolders, 0);
+    EXPECT_STREQ(ThePreferences.ExternalProgramB, "");
+    EXPECT_EQ(ReadWholeFile(folder / "kestrelbound_prefs"), shortFile);
+
+    // An empty file is an all-zero record; the defaults of a new file do not
+    // apply to it.
+    WriteWholeFile(folder / "kestrelbound_prefs", "");
+    ASSERT_EQ(LoadPreferences(), 1);
+    EXPECT_EQ(ThePreferences.MaxPortSpeed, 0u);
+    EXPECT_EQ(ThePreferences.ComPort, 0);
+    EXPECT_EQ(ThePreferences.IncomingProtocol, 0);
+    EXPECT_EQ(ReadWholeFile(folder / "kestrelbound_prefs").size(), 0u);
+    EXPECT_TRUE(messages.empty());
+}
+
+TEST_F(PreferencesTest, SaveWritesEveryFieldAtItsOffset) {
+    ASSERT_EQ(LoadPreferences(), 1);
+    ThePreferences.ComPort = 2;
+    ThePreferences.MaxPortSpeed = 230400;
+    ThePreferences.IncomingProtocol = 2;
+    ThePreferences.Incoming56K = 1;
+    ThePreferences.AdapterModel = 20;
+    std::strcpy(ThePreferences.ExternalProgramA, "/usr/bin/first --a");
+    std::strcpy(ThePreferences.ExternalProgramB, "/opt/second");
+    ThePreferences.SelectedPortSpeed = 115200;
+    ThePreferences.AdapterVariant = 3;
+    ThePreferences.Incoming2B = 1;
+    ThePreferences.IncomingV42 = -2;
+    ThePreferences.IgnoreHotFolders = 1;
+    ASSERT_TRUE(SavePreferences());
+
+    const std::string bytes = ReadWholeFile(folder / "kestrelbound_prefs");
+    ASSERT_EQ(bytes.size(), 1176u);
+    EXPECT_EQ(LittleEndianAt(bytes, 0, 2), 2u);
+    EXPECT_EQ(LittleEndianAt(bytes, 2, 2), 0u);
+    EXPECT_EQ(LittleEndianAt(bytes, 4, 4), 230400u);
+    EXPECT_EQ(LittleEndianAt(bytes, 8, 2), 2u);
+    EXPECT_EQ(LittleEndianAt(bytes, 10, 2), 1u);
+    EXPECT_EQ(LittleEndianAt(bytes, 12, 2), 20u);
+    EXPECT_EQ(bytes.substr(14, 19), std::string("/usr/bin/first --a\0", 19));
+    EXPECT_EQ(bytes.substr(526, 12), std::string("/opt/second\0", 12));
+    EXPECT_EQ(LittleEndianAt(bytes, 1038, 2), 0u);
+    EXPECT_EQ(LittleEndianAt(bytes, 1040, 4), 115200u);
+    EXPECT_EQ(LittleEndianAt(bytes, 1044, 2), 3u);
+    EXPECT_EQ(LittleEndianAt(bytes, 1046, 2), 1u);
+    EXPECT_EQ(LittleEndianAt(bytes, 1048, 2), 0xFFFEu);
+    EXPECT_EQ(LittleEndianAt(bytes, 1050, 2), 1u);
+    EXPECT_EQ(bytes.substr(1052), std::string(124, '\0'));
+
+    // And the next start reads back what was saved.
+    ThePreferences.AdapterModel = 0;
+    ASSERT_EQ(LoadPreferences(), 1);
+    EXPECT_EQ(ThePreferences.AdapterModel, 20);
+    EXPECT_EQ(ThePreferences.IncomingV42, -2);
+    EXPECT_EQ(ThePreferences.SelectedPortSpeed, 115200u);
+    EXPECT_STREQ(ThePreferences.ExternalProgramA, "/usr/bin/first --a");
+}
+
+TEST_F(PreferencesTest, LongFileKeepsItsTailAndReservedBytesThroughLoadAndSave) {
+    std::string file(1176 + 300, '\0');
+    for (size_t i = 1052; i < file.size(); ++i) {
+        file[i] = static_cast<char>(i * 7 + 1);
+    }
+    file[4] = '\x00';
+    file[5] = '\xC2';
+    file[6] = '\x01';  // MaxPortSpeed 115200
+    WriteWholeFile(folder / "kestrelbound_prefs", file);
+
+    ASSERT_EQ(LoadPreferences(), 1);
+    EXPECT_EQ(ThePreferences.MaxPortSpeed, 115200u);
+    ThePreferences.ComPort = 4;
+    ASSERT_TRUE(SavePreferences());
+
+    std::string expected = file;
+    expected[0] = '\x04';
+    // The reserved bytes come back as they were read, and the save does not
+    // cut the file short.
+    EXPECT_EQ(ReadWholeFile(folder / "kestrelbound_prefs"), expected);
+}
+
+TEST_F(PreferencesTest, SaveNeedsAnExistingFileAndSaysNothingWithout) {
+    ThePreferences = Preferences{};
+    ThePreferences.ComPort = 1;
+    EXPECT_FALSE(SavePreferences());
+    struct stat info {};
+    EXPECT_NE(::stat((folder / "kestrelbound_prefs").c_str(), &info), 0);
+    EXPECT_TRUE(messages.empty());
+}
+
+TEST_F(PreferencesTest, AFolderWhereTheFileCannotBeMadeGivesTheMessageAndAZeroRecord) {
+    BuildPaths(folder / "missing");
+    ThePreferences.MaxPortSpeed = 57600;
+
+    EXPECT_EQ(LoadPreferences(), 0);
+    ASSERT_EQ(messages.size(), 1u);
+    EXPECT_EQ(messages[0], "Cannot create preferences file.");
+    // The defaults belong to a file that was made; without one the record is
+    // all zero, MaxPortSpeed included.
+    EXPECT_EQ(ThePreferences.MaxPortSpeed, 0u);
+    EXPECT_FALSE(SavePreferences());
+    EXPECT_EQ(messages.size(), 1u);
+}
+
+}  // namespace
