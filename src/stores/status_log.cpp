@@ -1,0 +1,183 @@
+#include "stores/status_log.h"
+
+#include <algorithm>
+#include <cctype>
+#include <condition_variable>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <utility>
+
+#include "platform/files.h"
+#include "platform/message_box.h"
+#include "stores/paths.h"
+
+namespace {
+
+// The file as the program last read it; the window takes its lines once.
+std::unique_ptr<char[]> LogBuffer;
+
+// Where lines go. A sink is never called with sinkLock held: a window that
+// hands the line to its own thread and waits there must not meet a thread that
+// waits here to log.
+std::mutex sinkLock;
+std::condition_variable sinkIdle;
+LogLineSink currentSink;
+// Lines logged without a sink, or while held lines are being handed over.
+std::vector<std::string> heldLines;
+// A thread is handing held lines to a new sink; later lines queue behind them.
+bool handingOver = false;
+// Calls into a sink that are running now.
+int callsInSink = 0;
+
+void LeaveSink(std::unique_lock<std::mutex>& lock) {
+    lock.lock();
+    if (--callsInSink == 0) {
+        sinkIdle.notify_all();
+    }
+}
+
+}  // namespace
+
+void AddLogLine(const std::string& text) {
+    std::unique_lock<std::mutex> lock(sinkLock);
+    if (!currentSink || handingOver) {
+        AppendLogLine(heldLines, text);
+        return;
+    }
+    LogLineSink sink = currentSink;
+    ++callsInSink;
+    lock.unlock();
+    sink(text);
+    LeaveSink(lock);
+}
+
+void SetLogLineSink(LogLineSink sink) {
+    std::unique_lock<std::mutex> lock(sinkLock);
+    currentSink = std::move(sink);
+    if (handingOver) {
+        // Another call is handing lines over; it takes up the new sink with
+        // its next batch. Only the calls into the old sink are waited for.
+        sinkIdle.wait(lock, [] { return callsInSink == 0; });
+        return;
+    }
+    handingOver = true;
+    sinkIdle.wait(lock, [] { return callsInSink == 0; });
+    // Lines logged meanwhile join the held ones, so they follow them.
+    while (currentSink && !heldLines.empty()) {
+        std::vector<std::string> batch = std::move(heldLines);
+        heldLines.clear();
+        LogLineSink target = currentSink;
+        ++callsInSink;
+        lock.unlock();
+        for (const std::string& line : batch) {
+            target(line);
+        }
+        LeaveSink(lock);
+    }
+    handingOver = false;
+}
+
+size_t AppendLogLine(std::vector<std::string>& lines, std::string text) {
+    lines.push_back(std::move(text));
+    if (lines.size() <= LogLineLimit) {
+        return 0;
+    }
+    // One batch, so that trimming happens once per LogTrimCount lines.
+    lines.erase(lines.begin(), lines.begin() + LogTrimCount);
+    return LogTrimCount;
+}
+
+std::vector<std::string> LogLinesFromBuffer(const char* buffer, size_t size) {
+    std::vector<std::string> lines;
+    size_t at = 0;
+    while (at < size) {
+        const void* nul = std::memchr(buffer + at, '\0', size - at);
+        if (nul == nullptr) {
+            break;  // cut off by the end of the buffer
+        }
+        const size_t length = static_cast<const char*>(nul) - (buffer + at);
+        if (length == 0) {
+            break;  // the end mark
+        }
+        lines.emplace_back(buffer + at, length);
+        at += length + 1;
+    }
+    return lines;
+}
+
+int LoadStatusLog() {
+    LogBuffer.reset(new (std::nothrow) char[LogBufferSize]);
+    if (!LogBuffer) {
+        ShowMessageBox("Not enough memory for status log.");
+        return 0;
+    }
+    std::memset(LogBuffer.get(), 0, LogBufferSize);
+
+    File file;
+    if (!file.Open(LogPath, File::Mode::Read)) {
+        if (!file.Open(LogPath, File::Mode::CreateReadWrite)) {
+            ShowMessageBox("Cannot create status log file.");
+            return 0;
+        }
+        const char endMark = '\0';
+        file.Write(&endMark, 1);
+        file.Close();
+        return 1;
+    }
+    file.Read(LogBuffer.get(), LogBufferSize);
+    file.Close();
+    return 1;
+}
+
+std::vector<std::string> StoredLogLines() {
+    if (!LogBuffer) {
+        return {};
+    }
+    return LogLinesFromBuffer(LogBuffer.get(), LogBufferSize);
+}
+
+void FreeStatusLog() {
+    LogBuffer.reset();
+}
+
+int SaveStatusLog(const std::vector<std::string>& lines) {
+    File file;
+    if (!file.Open(LogPath, File::Mode::Write)) {
+        return 0;
+    }
+    std::string bytes;
+    for (const std::string& line : lines) {
+        const size_t length = std::min(line.find('\0'), line.size());
+        if (length == 0) {
+            continue;
+        }
+        bytes.append(line, 0, length);
+        bytes.push_back('\0');
+    }
+    bytes.push_back('\0');
+    const bool written = file.Write(bytes.data(), static_cast<uint32_t>(bytes.size()));
+    file.Close();
+    return written ? 1 : 0;
+}
+
+std::string TimeText(std::time_t when) {
+    char text[64] = {};
+    if (::ctime_r(&when, text) == nullptr) {
+        return {};
+    }
+    std::string result = text;
+    while (!result.empty() && std::isspace(static_cast<unsigned char>(result.back())) != 0) {
+        result.pop_back();
+    }
+    return result;
+}
+
+std::string CurrentTimeText() {
+    return TimeText(std::time(nullptr));
+}
+
+std::string StartStopLine(bool starting) {
+    return (starting ? "Starting Kestrelbound " : "Stopping Kestrelbound ") + CurrentTimeText();
+}

@@ -1,0 +1,352 @@
+#include "stores/status_log.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <future>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/message_box.h"
+#include "stores/paths.h"
+#include "support/temp_folder.h"
+
+namespace {
+
+std::vector<std::string> Numbered(int from, int count) {
+    std::vector<std::string> lines;
+    for (int i = from; i < from + count; ++i) {
+        lines.push_back("line " + std::to_string(i));
+    }
+    return lines;
+}
+
+class StatusLogFileTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        BuildPaths(folder.Path());
+        SetMessageBoxHandler([this](const std::string& text) { messages.push_back(text); });
+    }
+    void TearDown() override {
+        SetMessageBoxHandler(nullptr);
+        FreeStatusLog();
+    }
+    std::string LogFile() const { return folder / "kestrelbound_log"; }
+
+    TempFolder folder;
+    std::vector<std::string> messages;
+};
+
+TEST_F(StatusLogFileTest, NewInstallationGetsAOneByteLogAndNoLines) {
+    ASSERT_EQ(LoadStatusLog(), 1);
+    EXPECT_EQ(ReadWholeFile(LogFile()), std::string(1, '\0'));
+    EXPECT_TRUE(StoredLogLines().empty());
+    EXPECT_TRUE(messages.empty());
+}
+
+TEST_F(StatusLogFileTest, SavedLinesComeBackAtTheNextStart) {
+    ASSERT_EQ(LoadStatusLog(), 1);
+    const std::vector<std::string> lines = {"Starting Kestrelbound Tue Nov 18 20:38:05 1997",
+                                            "Adapter found on COM2", std::string(255, 'w'),
+                                            "Stopping Kestrelbound Tue Nov 18 21:00:00 1997"};
+    ASSERT_EQ(SaveStatusLog(lines), 1);
+
+    std::string expected;
+    for (const std::string& line : lines) {
+        expected += line;
+        expected += '\0';
+    }
+    expected += '\0';
+    EXPECT_EQ(ReadWholeFile(LogFile()), expected);
+
+    FreeStatusLog();
+    ASSERT_EQ(LoadStatusLog(), 1);
+    EXPECT_EQ(StoredLogLines(), lines);
+}
+
+TEST_F(StatusLogFileTest, ShorterLogKeepsTheStaleTailWhichTheNextStartIgnores) {
+    ASSERT_EQ(LoadStatusLog(), 1);
+    ASSERT_EQ(SaveStatusLog(Numbered(1, 20)), 1);
+    const std::string before = ReadWholeFile(LogFile());
+
+    // The user cleared the log; at exit only the Stopping line is there.
+    const std::string stopping = "Stopping Kestrelbound Tue Nov 18 21:00:00 1997";
+    ASSERT_EQ(SaveStatusLog({stopping}), 1);
+
+    const std::string after = ReadWholeFile(LogFile());
+    ASSERT_EQ(after.size(), before.size());
+    EXPECT_EQ(after.substr(0, stopping.size() + 2), stopping + std::string(2, '\0'));
+    EXPECT_EQ(after.substr(stopping.size() + 2), before.substr(stopping.size() + 2));
+
+    FreeStatusLog();
+    ASSERT_EQ(LoadStatusLog(), 1);
+    EXPECT_EQ(StoredLogLines(), std::vector<std::string>{stopping});
+}
+
+TEST_F(StatusLogFileTest, SaveCannotBeFooledIntoAnEarlyEndMark) {
+    ASSERT_EQ(LoadStatusLog(), 1);
+    // An empty line would be the end mark, and a NUL inside a line would end
+    // it early; neither may hide the lines after it.
+    ASSERT_EQ(SaveStatusLog({"first", "", std::string("sec\0ond", 7), "third"}), 1);
+    EXPECT_EQ(ReadWholeFile(LogFile()), std::string("first\0sec\0third\0\0", 17));
+
+    FreeStatusLog();
+    ASSERT_EQ(LoadStatusLog(), 1);
+    EXPECT_EQ(StoredLogLines(), (std::vector<std::string>{"first", "sec", "third"}));
+}
+
+TEST_F(StatusLogFileTest, OnlyTheFirst28000BytesAreReadAndACutLineIsLeftOut) {
+    // Lines of 99 characters and their NUL fill the first 27900 bytes; the
+    // next line starts there and runs past byte 28000.
+    std::string file;
+    std::vector<std::string> whole;
+    for (int i = 0; i < 279; ++i) {
+        std::string line = "line " + std::to_string(i) + " ";
+        line.resize(99, 'x');
+        whole.push_back(line);
+        file += line;
+        file += '\0';
+    }
+    ASSERT_EQ(file.size(), 27900u);
+    file += std::string(150, 'c') + '\0';
+    file += "after the limit" + std::string(2, '\0');
+    WriteWholeFile(LogFile(), file);
+
+    ASSERT_EQ(LoadStatusLog(), 1);
+    EXPECT_EQ(StoredLogLines(), whole);
+    // Loading reads; it never changes the file.
+    EXPECT_EQ(ReadWholeFile(LogFile()), file);
+}
+
+TEST_F(StatusLogFileTest, ALineEndingOnTheLastByteOfTheBufferIsKept) {
+    std::string file(27999, 'a');
+    file += '\0';
+    file += "beyond";
+    file += '\0';
+    WriteWholeFile(LogFile(), file);
+
+    ASSERT_EQ(LoadStatusLog(), 1);
+    const std::vector<std::string> lines = StoredLogLines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0], std::string(27999, 'a'));
+}
+
+TEST_F(StatusLogFileTest, AFolderWhereTheLogCannotBeMadeGivesTheMessageAndAnEmptyLog) {
+    BuildPaths(folder / "missing");
+    EXPECT_EQ(LoadStatusLog(), 0);
+    ASSERT_EQ(messages.size(), 1u);
+    EXPECT_EQ(messages[0], "Cannot create status log file.");
+    EXPECT_TRUE(StoredLogLines().empty());
+
+    // The save at exit fails in silence and creates nothing.
+    EXPECT_EQ(SaveStatusLog({"Stopping Kestrelbound"}), 0);
+    EXPECT_EQ(messages.size(), 1u);
+    struct stat info {};
+    EXPECT_NE(::stat((folder / "missing").c_str(), &info), 0);
+}
+
+TEST_F(StatusLogFileTest, AStoredLogOf700LinesComesBackWholeAndTheNextLineTrimsIt) {
+    ASSERT_EQ(LoadStatusLog(), 1);
+    ASSERT_EQ(SaveStatusLog(Numbered(0, 700)), 1);
+    FreeStatusLog();
+    ASSERT_EQ(LoadStatusLog(), 1);
+
+    std::vector<std::string> lines = StoredLogLines();
+    ASSERT_EQ(lines, Numbered(0, 700));
+    EXPECT_EQ(AppendLogLine(lines, "Starting Kestrelbound"), 300u);
+    ASSERT_EQ(lines.size(), 401u);
+    EXPECT_EQ(lines.front(), "line 300");
+    EXPECT_EQ(lines.back(), "Starting Kestrelbound");
+}
+
+TEST(LogBufferTest, WalkStopsAtTheEndMarkAndNeverReadsPastTheBuffer) {
+    const std::string stored("one\0two\0\0stale\0", 15);
+    EXPECT_EQ(LogLinesFromBuffer(stored.data(), stored.size()),
+              (std::vector<std::string>{"one", "two"}));
+
+    // The bytes that follow the buffer end the cut line; a walk that looked at
+    // them would return it.
+    const std::string memory = std::string("kept\0", 5) + std::string(30, 'z') + '\0';
+    EXPECT_EQ(LogLinesFromBuffer(memory.data(), 20), std::vector<std::string>{"kept"});
+    EXPECT_TRUE(LogLinesFromBuffer(memory.data() + 5, 30).empty());
+    EXPECT_TRUE(LogLinesFromBuffer(memory.data(), 0).empty());
+}
+
+TEST(LogTrimTest, The601stLineLeaves301WithTheNewestLast) {
+    std::vector<std::string> lines;
+    for (const std::string& line : Numbered(1, 600)) {
+        ASSERT_EQ(AppendLogLine(lines, line), 0u);
+    }
+    EXPECT_EQ(lines.size(), 600u);
+    EXPECT_EQ(lines.front(), "line 1");
+
+    EXPECT_EQ(AppendLogLine(lines, "line 601"), 300u);
+    ASSERT_EQ(lines.size(), 301u);
+    EXPECT_EQ(lines.front(), "line 301");
+    EXPECT_EQ(lines.back(), "line 601");
+
+    // Trimming comes in batches: the next 299 lines take nothing away.
+    for (const std::string& line : Numbered(602, 299)) {
+        ASSERT_EQ(AppendLogLine(lines, line), 0u);
+    }
+    EXPECT_EQ(lines.size(), 600u);
+    EXPECT_EQ(AppendLogLine(lines, "line 901"), 300u);
+    EXPECT_EQ(lines.front(), "line 601");
+}
+
+TEST(LogTimeTest, TimeTextIsCtimeWithoutTheLineEnd) {
+    const char* oldZone = ::getenv("TZ");
+    const std::string saved = oldZone != nullptr ? oldZone : "";
+    ::setenv("TZ", "UTC", 1);
+    ::tzset();
+    const std::string late = TimeText(879885485);
+    const std::string early = TimeText(878972589);
+    if (oldZone != nullptr) {
+        ::setenv("TZ", saved.c_str(), 1);
+    } else {
+        ::unsetenv("TZ");
+    }
+    ::tzset();
+
+    EXPECT_EQ(late, "Tue Nov 18 20:38:05 1997");
+    EXPECT_EQ(early, "Sat Nov  8 07:03:09 1997");
+}
+
+TEST(LogTimeTest, StartingAndStoppingLinesNameTheTimeNow) {
+    const std::regex form(
+        "[A-Z][a-z]{2} [A-Z][a-z]{2} [ 123][0-9] [0-2][0-9]:[0-5][0-9]:[0-6][0-9] [0-9]{4}");
+    const std::time_t before = std::time(nullptr);
+    const std::string starting = StartStopLine(true);
+    const std::string stopping = StartStopLine(false);
+    const std::time_t after = std::time(nullptr);
+
+    ASSERT_EQ(starting.rfind("Starting Kestrelbound ", 0), 0u);
+    ASSERT_EQ(stopping.rfind("Stopping Kestrelbound ", 0), 0u);
+    for (const std::string& line : {starting, stopping}) {
+        const std::string time = line.substr(22);
+        EXPECT_TRUE(std::regex_match(time, form)) << line;
+        EXPECT_TRUE(time == TimeText(before) || time == TimeText(after)) << line;
+    }
+}
+
+// ---- Lines from any thread ----
+
+class LogSinkTest : public ::testing::Test {
+protected:
+    void SetUp() override { Drain(); }
+    void TearDown() override { Drain(); }
+    // Leaves no sink and no held lines behind.
+    static void Drain() {
+        SetLogLineSink([](const std::string&) {});
+        SetLogLineSink(nullptr);
+    }
+};
+
+TEST_F(LogSinkTest, LinesBeforeTheSinkAreHeldAndArriveFirstInOrder) {
+    AddLogLine("early one");
+    AddLogLine("early two");
+
+    std::vector<std::string> seen;
+    SetLogLineSink([&seen](const std::string& line) { seen.push_back(line); });
+    AddLogLine("later");
+    EXPECT_EQ(seen, (std::vector<std::string>{"early one", "early two", "later"}));
+
+    // After removal lines are held again for the next sink, not lost.
+    SetLogLineSink(nullptr);
+    AddLogLine("after the window");
+    EXPECT_EQ(seen.size(), 3u);
+    std::vector<std::string> next;
+    SetLogLineSink([&next](const std::string& line) { next.push_back(line); });
+    EXPECT_EQ(next, std::vector<std::string>{"after the window"});
+}
+
+TEST_F(LogSinkTest, ALineLoggedWhileHeldLinesAreHandedOverComesAfterThem) {
+    AddLogLine("held one");
+    AddLogLine("held two");
+    std::vector<std::string> seen;
+    SetLogLineSink([&seen](const std::string& line) {
+        seen.push_back(line);
+        if (line == "held one") {
+            // Another thread logs while the hand-over is under way; it must
+            // neither overtake the held lines nor wait for them.
+            std::thread([] { AddLogLine("meanwhile"); }).join();
+        }
+    });
+    EXPECT_EQ(seen, (std::vector<std::string>{"held one", "held two", "meanwhile"}));
+}
+
+TEST_F(LogSinkTest, HeldLinesKeepTheListLimit) {
+    for (const std::string& line : Numbered(1, 601)) {
+        AddLogLine(line);
+    }
+    std::vector<std::string> seen;
+    SetLogLineSink([&seen](const std::string& line) { seen.push_back(line); });
+    ASSERT_EQ(seen.size(), 301u);
+    EXPECT_EQ(seen.front(), "line 301");
+    EXPECT_EQ(seen.back(), "line 601");
+}
+
+TEST_F(LogSinkTest, LinesFromSeveralThreadsAllArriveEachThreadInItsOrder) {
+    std::mutex seenLock;
+    std::vector<std::string> seen;
+    SetLogLineSink([&](const std::string& line) {
+        std::lock_guard<std::mutex> guard(seenLock);
+        seen.push_back(line);
+    });
+    constexpr int kThreads = 4;
+    constexpr int kLines = 500;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t] {
+            for (int i = 0; i < kLines; ++i) {
+                AddLogLine(std::to_string(t) + " " + std::to_string(i));
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    SetLogLineSink(nullptr);
+
+    ASSERT_EQ(seen.size(), static_cast<size_t>(kThreads * kLines));
+    std::vector<int> nextOf(kThreads, 0);
+    for (const std::string& line : seen) {
+        const int t = std::stoi(line.substr(0, line.find(' ')));
+        const int i = std::stoi(line.substr(line.find(' ') + 1));
+        ASSERT_EQ(i, nextOf[t]) << line;
+        ++nextOf[t];
+    }
+}
+
+TEST_F(LogSinkTest, RemovingTheSinkWaitsForALineInProgress) {
+    std::promise<void> entered;
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    std::atomic<bool> sinkDone{false};
+    SetLogLineSink([&](const std::string&) {
+        entered.set_value();
+        released.wait();
+        sinkDone = true;
+    });
+    std::thread logger([] { AddLogLine("slow"); });
+    entered.get_future().wait();
+
+    std::atomic<bool> removed{false};
+    std::thread remover([&] {
+        SetLogLineSink(nullptr);
+        removed = true;
+    });
+    // Give a remover that did not wait the chance to return early.
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(removed);
+    release.set_value();
+    remover.join();
+    EXPECT_TRUE(sinkDone);
+    logger.join();
+}
+
+}  // namespace
