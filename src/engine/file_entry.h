@@ -1,0 +1,84 @@
+// One file of a send or receive list.
+//
+// FileEntry is a plain record: lists of them are shifted with memmove-like
+// moves and the receiver keeps a whole copy as the candidate for a recovered
+// transfer, so it must stay trivially copyable. A fresh entry is all zero.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+#include <type_traits>
+
+// Text in a field of fixed width, zero-terminated when it is shorter than the
+// field. Its bytes are the field's bytes, so it can stand in a record that goes
+// on the wire.
+template <std::size_t N>
+struct FixedText {
+    char Bytes[N]{};
+
+    // Puts text in, cut to N - 1 characters, and clears every byte behind it.
+    // False if the text had to be cut.
+    bool Set(std::string_view text) {
+        const std::size_t n = text.size() < N ? text.size() : N - 1;
+        std::memcpy(Bytes, text.data(), n);
+        std::memset(Bytes + n, 0, N - n);
+        return n == text.size();
+    }
+
+    // The text up to its terminator. A field without a terminator, as one from
+    // the far end may be, yields all N bytes and nothing beyond them.
+    std::string_view View() const {
+        const void* end = std::memchr(Bytes, 0, N);
+        const std::size_t n =
+            end ? static_cast<std::size_t>(static_cast<const char*>(end) - Bytes) : N;
+        return std::string_view(Bytes, n);
+    }
+
+    bool IsEmpty() const { return Bytes[0] == 0; }
+    void Clear() { std::memset(Bytes, 0, N); }
+};
+
+// Four characters in reading order, such as a creator or type code.
+using FourCharCode = std::array<char, 4>;
+
+// The codes that this program puts on every file it offers.
+inline constexpr FourCharCode DefaultCreatorCode{'d', 'o', 's', 'a'};
+inline constexpr FourCharCode DefaultTypeCode{'T', 'E', 'X', 'T'};
+
+// Values of EntryKind.
+inline constexpr int16_t KindPlainFile = 0;
+inline constexpr int16_t KindFolderMarker = 1;
+inline constexpr int16_t KindProgramFile = 2;
+
+struct FileEntry {
+    FixedText<32> WireName;     // receiving side: the name as announced
+    FixedText<32> DisplayName;  // the name shown, announced and, on receipt, in use
+    FixedText<512> FilePath;    // full path of the file
+    int16_t EntryKind = 0;
+    uint32_t TotalLength = 0;  // wire bytes of the entry
+    uint32_t DataLength = 0;   // wire bytes of the data stream
+    uint32_t AuxLength = 0;    // wire bytes of the second stream
+    FourCharCode CreatorCode{};
+    FourCharCode TypeCode{};
+    uint32_t EntryComplete = 0;  // receiving side: the whole file has arrived
+    int16_t NextBlock = 0;       // block that opens the next section to read or write
+    int16_t DataBlocks = 0;      // whole blocks in DataLength
+    int16_t BlocksDone = 0;      // whole blocks moved
+    int16_t LastBlockBytes = 0;  // bytes of the short last block, possibly 0
+    uint32_t DataDone = 0;       // nothing more of the data stream is to move
+    int16_t AuxNextBlock = 0;
+    int16_t AuxBlocks = 0;
+    int16_t AuxBlocksDone = 0;
+    int16_t AuxLastBlockBytes = 0;
+    uint32_t AuxDone = 0;
+    uint32_t BytesDone = 0;      // wire bytes moved
+    uint32_t StartTime = 0;      // NowMs when the first byte moved, 0 until then
+    uint32_t LastBlockTime = 0;  // NowMs when the latest block moved, 0 until then
+};
+
+static_assert(std::is_trivially_copyable_v<FileEntry>);
+static_assert(std::is_standard_layout_v<FileEntry>);
+static_assert(sizeof(FixedText<32>) == 32 && sizeof(FixedText<512>) == 512);
