@@ -37,20 +37,28 @@ void StartElapsed() {
     elapsedMillis.store(now.millis);
 }
 
-int16_t ElapsedMs() {
-    const ClockReading now = ReadClock();
-    // (seconds now - seconds stored) x 1000 - ms stored + ms now, all in 16 bits.
-    const auto seconds = static_cast<int16_t>(now.seconds - elapsedSeconds.load());
+int16_t ElapsedBetween(int64_t thenSeconds, int32_t thenMillis, int64_t nowSeconds,
+                       int32_t nowMillis) {
+    const auto seconds = static_cast<int16_t>(nowSeconds - thenSeconds);
     auto sum = static_cast<int16_t>(seconds * 1000);
-    sum = static_cast<int16_t>(sum - static_cast<int16_t>(elapsedMillis.load()));
-    sum = static_cast<int16_t>(sum + static_cast<int16_t>(now.millis));
+    sum = static_cast<int16_t>(sum - static_cast<int16_t>(thenMillis));
+    sum = static_cast<int16_t>(sum + static_cast<int16_t>(nowMillis));
     return sum;
 }
 
-std::time_t WallSeconds() { return std::time(nullptr); }
+int16_t ElapsedMs() {
+    const ClockReading now = ReadClock();
+    return ElapsedBetween(elapsedSeconds.load(), elapsedMillis.load(), now.seconds, now.millis);
+}
+
+std::time_t WallSeconds() {
+    return std::time(nullptr);
+}
 
 void SleepMs(uint32_t milliseconds) {
     std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
 
-void ShiftNowMsForTest(uint32_t offset) { nowShift.store(offset); }
+void ShiftNowMsForTest(uint32_t offset) {
+    nowShift.store(offset);
+}

@@ -21,6 +21,11 @@ void StartElapsed();
 // Milliseconds since the last StartElapsed, computed in 16-bit arithmetic.
 int16_t ElapsedMs();
 
+// The arithmetic of ElapsedMs: (seconds now - seconds then) x 1000 - ms then
+// + ms now, every step in 16 bits.
+int16_t ElapsedBetween(int64_t thenSeconds, int32_t thenMillis, int64_t nowSeconds,
+                       int32_t nowMillis);
+
 // Wall clock time in whole seconds, as time(0).
 std::time_t WallSeconds();
 

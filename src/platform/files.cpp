@@ -10,7 +10,9 @@
 #include <cerrno>
 #include <climits>
 
-File::~File() { Close(); }
+File::~File() {
+    Close();
+}
 
 bool File::Open(const std::string& path, Mode mode) {
     Close();
@@ -104,9 +106,13 @@ int64_t File::Length() const {
     return info.st_size;
 }
 
-bool CreateFolder(const std::string& path) { return ::mkdir(path.c_str(), 0755) == 0; }
+bool CreateFolder(const std::string& path) {
+    return ::mkdir(path.c_str(), 0755) == 0;
+}
 
-bool RemoveFolder(const std::string& path) { return ::rmdir(path.c_str()) == 0; }
+bool RemoveFolder(const std::string& path) {
+    return ::rmdir(path.c_str()) == 0;
+}
 
 bool RenamePath(const std::string& from, const std::string& to) {
     return ::rename(from.c_str(), to.c_str()) == 0;
@@ -116,7 +122,9 @@ bool MoveFileNoReplace(const std::string& from, const std::string& to) {
     return ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0;
 }
 
-bool DeleteFileAt(const std::string& path) { return ::unlink(path.c_str()) == 0; }
+bool DeleteFileAt(const std::string& path) {
+    return ::unlink(path.c_str()) == 0;
+}
 
 bool PathExists(const std::string& path) {
     struct stat info {};
@@ -167,4 +175,6 @@ std::string CurrentFolder() {
     return buffer;
 }
 
-bool ChangeCurrentFolder(const std::string& path) { return ::chdir(path.c_str()) == 0; }
+bool ChangeCurrentFolder(const std::string& path) {
+    return ::chdir(path.c_str()) == 0;
+}

@@ -243,7 +243,9 @@ uint32_t SerialDevice::OutputCount() {
 
 uint32_t SerialDevice::Read(void* buffer, uint32_t count) {
     std::lock_guard<std::mutex> guard(queueLock_);
-    FillQueue();
+    if (count_ < count) {
+        FillQueue();
+    }
     const uint32_t taken = std::min(count, count_);
     auto* out = static_cast<uint8_t*>(buffer);
     const uint32_t first = std::min(taken, kQueueSize - head_);
@@ -313,10 +315,21 @@ WaitResult SerialDevice::WaitForInput(int timeoutMs) {
         DrainEvent(wakeFd_);
         return WaitResult::Interrupted;
     }
-    if (ready > 0 && (waits[1].revents & POLLIN)) {
+    const short hangUp = POLLHUP | POLLERR | POLLNVAL;
+    if (ready > 0 && (waits[1].revents & POLLIN) && !(waits[1].revents & hangUp)) {
         return WaitResult::Input;
     }
-    if (ready > 0 && (waits[1].revents & (POLLHUP | POLLERR | POLLNVAL))) {
+    if (ready > 0 && (waits[1].revents & hangUp)) {
+        // A device whose far side has gone reports input that a read never
+        // delivers. Only what a read really takes counts.
+        {
+            std::lock_guard<std::mutex> guard(queueLock_);
+            const uint32_t before = count_;
+            FillQueue();
+            if (count_ != before) {
+                return WaitResult::Input;
+            }
+        }
         pollfd wake = {wakeFd_, POLLIN, 0};
         if (::poll(&wake, 1, std::max(timeoutMs, 0)) > 0) {
             DrainEvent(wakeFd_);
@@ -326,4 +339,6 @@ WaitResult SerialDevice::WaitForInput(int timeoutMs) {
     return WaitResult::TimedOut;
 }
 
-void SerialDevice::Interrupt() { SignalEvent(wakeFd_); }
+void SerialDevice::Interrupt() {
+    SignalEvent(wakeFd_);
+}

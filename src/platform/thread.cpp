@@ -46,21 +46,21 @@ ThreadHandle StartThread(ThreadFunction function, void* parameter, ThreadPriorit
     auto record = std::make_shared<ThreadRecord>();
     try {
         ThreadRecord* raw = record.get();
-        record->thread = std::thread([self = record, raw, function, parameter, priority,
-                                      suspended] {
-            if (priority == ThreadPriority::Highest) {
-                RaisePriority();
-            }
-            if (suspended) {
-                std::unique_lock<std::mutex> guard(raw->lock);
-                raw->changed.wait(guard, [raw] { return raw->wakePending; });
-                raw->wakePending = false;
-            }
-            function(parameter);
-            std::lock_guard<std::mutex> guard(raw->lock);
-            raw->finished = true;
-            raw->changed.notify_all();
-        });
+        record->thread =
+            std::thread([self = record, raw, function, parameter, priority, suspended] {
+                if (priority == ThreadPriority::Highest) {
+                    RaisePriority();
+                }
+                if (suspended) {
+                    std::unique_lock<std::mutex> guard(raw->lock);
+                    raw->changed.wait(guard, [raw] { return raw->wakePending; });
+                    raw->wakePending = false;
+                }
+                function(parameter);
+                std::lock_guard<std::mutex> guard(raw->lock);
+                raw->finished = true;
+                raw->changed.notify_all();
+            });
     } catch (const std::system_error&) {
         return nullptr;
     }
