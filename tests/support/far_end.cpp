@@ -13,7 +13,9 @@ FarEnd::FarEnd() {
     }
 }
 
-FarEnd::~FarEnd() { ClosePseudoTerminal(terminal_); }
+FarEnd::~FarEnd() {
+    ClosePseudoTerminal(terminal_);
+}
 
 void FarEnd::LinkAs(const std::string& folder, int portNumber) const {
     const std::string link = folder + "/COM" + std::to_string(portNumber);
@@ -61,8 +63,8 @@ std::string FarEnd::Receive(size_t count, int timeoutMs) const {
 std::string FarEnd::ReceiveUntil(const std::string& marker, int timeoutMs) const {
     std::string got;
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (got.size() < marker.size() || got.compare(got.size() - marker.size(), marker.size(),
-                                                     marker) != 0) {
+    while (got.size() < marker.size() ||
+           got.compare(got.size() - marker.size(), marker.size(), marker) != 0) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
                               end - std::chrono::steady_clock::now())
                               .count();

@@ -1,0 +1,268 @@
+#include "line/comm_port.h"
+
+#include <cstring>
+#include <new>
+
+#include "platform/files.h"
+#include "platform/message_box.h"
+#include "stores/paths.h"
+#include "stores/status_log.h"
+
+CommPort* ThePort = nullptr;
+
+namespace {
+
+constexpr uint32_t kCommandBufferSize = 256;
+constexpr uint32_t kTokenLimit = 1022;  // more bytes than this and the read gives up
+
+// Waits for the rest of a time limit that has elapsed ms of limitMs gone.
+void WaitForRest(int16_t limitMs, int16_t elapsedMs) {
+    WaitForPortInput(static_cast<int>(limitMs) - static_cast<int>(elapsedMs));
+}
+
+}  // namespace
+
+std::string CommPortDevicePath(uint8_t portNumber) {
+    const std::string link = RootDirectory + "/COM" + std::to_string(portNumber);
+    if (PathExists(link)) {
+        return link;
+    }
+    return "/dev/ttyS" + std::to_string(static_cast<int>(portNumber) - 1);
+}
+
+int CommPortCreate() {
+    if (ThePort != nullptr) {
+        return 1;
+    }
+    ThePort = new (std::nothrow) CommPort;
+    return ThePort != nullptr ? 1 : -1;
+}
+
+int CommPortDestroy() {
+    if (ThePort == nullptr) {
+        return 0;
+    }
+    CommPortClose();
+    delete ThePort;
+    ThePort = nullptr;
+    return 1;
+}
+
+int CommPortOpen() {
+    if (ThePort == nullptr) {
+        return 0;
+    }
+    if (!ThePort->Handle.Open(CommPortDevicePath(ThePort->PortNumber))) {
+        return 0;
+    }
+    ThePort->Handle.Purge();
+    const int configured = CommPortConfigure();
+    if (configured != 0) {
+        ThePort->IsOpen.store(1);
+    } else {
+        ThePort->IsOpen.store(0);
+        ThePort->Handle.Close();
+    }
+    return configured;
+}
+
+int CommPortConfigure() {
+    if (ThePort == nullptr || !ThePort->Handle.IsOpen()) {
+        return 0;
+    }
+    SerialSettings settings;
+    settings.baudRate = ThePort->BaudRate.load();
+    settings.byteSize = ThePort->ByteSize;
+    settings.parity = ThePort->Parity;
+    settings.stopBits = ThePort->StopBits;
+    settings.dtrDsrFlow = (ThePort->FlowControlFlags & FlowDtrDsr) != 0;
+    settings.rtsCtsFlow = (ThePort->FlowControlFlags & FlowRtsCts) != 0;
+    settings.xonXoffFlow = (ThePort->FlowControlFlags & FlowXonXoff) != 0;
+    return ThePort->Handle.Configure(settings) ? 1 : 0;
+}
+
+int CommPortClose() {
+    if (ThePort == nullptr) {
+        return 0;
+    }
+    if (ThePort->IsOpen.exchange(0) != 0) {
+        ThePort->Handle.ClearDtr();
+        ThePort->Handle.Purge();
+        ThePort->Handle.Close();
+    }
+    return 1;
+}
+
+int CommPortWrite(const void* bytes, uint32_t length) {
+    if (ThePort == nullptr || ThePort->IsOpen.load() == 0) {
+        return 0;
+    }
+    return ThePort->Handle.Write(bytes, length) ? 1 : 0;
+}
+
+void SendCommand(const char* text) {
+    const size_t length = std::strlen(text);
+    if (length > kCommandBufferSize - 2) {
+        return;
+    }
+    char command[kCommandBufferSize];
+    std::memcpy(command, text, length);
+    command[length] = '\r';
+    CommPortWrite(command, static_cast<uint32_t>(length + 1));
+}
+
+void SendBytes(const void* bytes, int16_t length) {
+    if (length > 0) {
+        CommPortWrite(bytes, static_cast<uint32_t>(length));
+    }
+}
+
+char* ReadUntilToken(const char* token, int16_t timeoutMs, char* buffer) {
+    if (ThePort == nullptr) {
+        return nullptr;
+    }
+    const size_t tokenLength = std::strlen(token);
+    uint32_t index = 0;
+    StartElapsed();
+    for (;;) {
+        // Take what waits, one byte at a time: the token must be found at the
+        // byte that completes it, so whatever follows it stays in the queue.
+        for (uint32_t waiting = PortQueueCount(1); waiting > 0; --waiting) {
+            uint8_t byte = 0;
+            if (ThePort->Handle.Read(&byte, 1) != 1) {
+                break;
+            }
+            if (byte != 0) {
+                buffer[index++] = static_cast<char>(byte);
+                buffer[index] = '\0';
+                // Everything before this byte was searched already, so a new
+                // occurrence can only end here.
+                if (index >= tokenLength &&
+                    std::memcmp(buffer + index - tokenLength, token, tokenLength) == 0) {
+                    return buffer + index - tokenLength;
+                }
+            }
+            if (index > kTokenLimit) {
+                AddLogLine("Serial Limit Reached");
+                return nullptr;
+            }
+        }
+        const int16_t elapsed = ElapsedMs();
+        if (elapsed >= timeoutMs) {
+            return nullptr;
+        }
+        WaitForRest(timeoutMs, elapsed);
+    }
+}
+
+char* ReadLine(int16_t timeoutMs, char* buffer) {
+    return ReadUntilToken("\r\n", timeoutMs, buffer);
+}
+
+char* ReadUntilOk(int16_t timeoutMs, char* buffer) {
+    return ReadUntilToken("OK\r\n", timeoutMs, buffer);
+}
+
+uint32_t ReadBlock(void* buffer, uint32_t count, int16_t timeoutMs) {
+    if (ThePort == nullptr) {
+        return 0;
+    }
+    uint32_t lastSeen = 0;
+    StartElapsed();
+    for (;;) {
+        const uint32_t waiting = PortQueueCount(1);
+        if (waiting >= count) {
+            return ThePort->Handle.Read(buffer, count);
+        }
+        if (waiting != lastSeen) {
+            lastSeen = waiting;
+            StartElapsed();
+        }
+        const int16_t elapsed = ElapsedMs();
+        if (elapsed >= timeoutMs) {
+            AddLogLine("Read Buffer Timeout");
+            return ThePort->Handle.Read(buffer, waiting);
+        }
+        WaitForRest(timeoutMs, elapsed);
+    }
+}
+
+void DrainInput(int16_t quietMs) {
+    if (ThePort == nullptr) {
+        return;
+    }
+    uint8_t scratch[256];
+    StartElapsed();
+    for (;;) {
+        if (PortQueueCount(1) != 0) {
+            while (ThePort->Handle.Read(scratch, sizeof scratch) > 0) {
+            }
+            StartElapsed();
+        }
+        const int16_t elapsed = ElapsedMs();
+        if (elapsed >= quietMs) {
+            return;
+        }
+        WaitForRest(quietMs, elapsed);
+    }
+}
+
+uint32_t PortQueueCount(int selector) {
+    if (ThePort == nullptr) {
+        return 0;
+    }
+    return selector != 0 ? ThePort->Handle.InputCount() : ThePort->Handle.OutputCount();
+}
+
+void PurgePort() {
+    if (ThePort != nullptr) {
+        ThePort->Handle.Purge();
+    }
+}
+
+int EnableHardwareHandshake() {
+    if (ThePort == nullptr) {
+        return 0;
+    }
+    ThePort->FlowControlFlags = FlowRtsCts;
+    if (CommPortConfigure() == 0) {
+        ShowMessageBox("Cannot set hardware handshaking on comm port.");
+        return 0;
+    }
+    return 1;
+}
+
+bool SetPortSpeed(uint32_t bitsPerSecond) {
+    if (ThePort == nullptr) {
+        return false;
+    }
+    ThePort->FlowControlFlags = FlowRtsCts;
+    ThePort->BaudRate.store(bitsPerSecond);
+    return CommPortConfigure() != 0;
+}
+
+void SelectPortNumber(uint8_t portNumber) {
+    if (ThePort != nullptr) {
+        ThePort->PortNumber = portNumber;
+    }
+}
+
+void SelectPortBaud(uint32_t bitsPerSecond) {
+    if (ThePort != nullptr) {
+        ThePort->BaudRate.store(bitsPerSecond);
+    }
+}
+
+WaitResult WaitForPortInput(int timeoutMs) {
+    if (ThePort == nullptr) {
+        SleepMs(static_cast<uint32_t>(timeoutMs > 0 ? timeoutMs : 0));
+        return WaitResult::TimedOut;
+    }
+    return ThePort->Handle.WaitForInput(timeoutMs);
+}
+
+void InterruptPortWait() {
+    if (ThePort != nullptr) {
+        ThePort->Handle.Interrupt();
+    }
+}

@@ -1,0 +1,96 @@
+// The serial port: the only code that touches the device behind port COMn.
+//
+// One CommPort record exists for the process, from CommPortCreate to
+// CommPortDestroy. The byte operations below are what the rest of the program
+// uses of the line. Every time limit here is measured on the interval clock
+// and every wait blocks in the kernel, so an idle or slow line costs no CPU.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include "platform/clock.h"
+#include "platform/serial_device.h"
+
+// Size of the shared buffer into which AT replies and wire tokens are read.
+// ReadUntilToken writes at most this many bytes, its terminator included.
+constexpr uint32_t TokenBufferSize = 1024;
+
+// Bits of FlowControlFlags.
+constexpr uint8_t FlowDtrDsr = 1;
+constexpr uint8_t FlowRtsCts = 2;
+constexpr uint8_t FlowXonXoff = 4;
+
+struct CommPort {
+    SerialDevice Handle;             // the open device, valid while IsOpen is set
+    uint8_t PortNumber = 1;          // the n of COMn
+    std::atomic<int32_t> IsOpen{0};  // 1 after a fully successful open
+    uint8_t ByteSize = 8;            // data bits
+    uint8_t FlowControlFlags = FlowXonXoff;
+    uint8_t Parity = 0;    // 0 none
+    uint8_t StopBits = 0;  // 0 one stop bit
+    std::atomic<uint32_t> BaudRate{9600};
+};
+
+// The record; null before CommPortCreate and after CommPortDestroy.
+extern CommPort* ThePort;
+
+// The device that port n means: the file "COMn" in the installation's folder if
+// there is one, else /dev/ttyS(n-1).
+std::string CommPortDevicePath(uint8_t portNumber);
+
+// 1, or -1 when memory is short.
+int CommPortCreate();
+// 0 if there is no record, else 1; closes the port first.
+int CommPortDestroy();
+// Non-zero when the port is open and configured.
+int CommPortOpen();
+// Non-zero when the device took the record's settings.
+int CommPortConfigure();
+// 0 if there is no record, else 1, also when the port was not open.
+int CommPortClose();
+// 1 written, 0 failed.
+int CommPortWrite(const void* bytes, uint32_t length);
+
+// Sends the text and one CR. A text of more than 254 characters is refused and
+// nothing is sent: every command of the program is shorter.
+void SendCommand(const char* text);
+// Sends the bytes as they are.
+void SendBytes(const void* bytes, int16_t length);
+
+// Reads into buffer (TokenBufferSize bytes) until the token has arrived, the
+// time limit on the whole read has passed, or 1023 bytes are held. NUL bytes
+// are dropped. Returns a pointer to the token in the buffer, or null.
+char* ReadUntilToken(const char* token, int16_t timeoutMs, char* buffer);
+// As ReadUntilToken with the token "\r\n".
+char* ReadLine(int16_t timeoutMs, char* buffer);
+// As ReadUntilToken with the token "OK\r\n".
+char* ReadUntilOk(int16_t timeoutMs, char* buffer);
+// Reads exactly count bytes. The time limit is one on silence: it restarts
+// whenever more has arrived. At the limit it logs "Read Buffer Timeout" and
+// delivers what there is. Returns the number of bytes delivered.
+uint32_t ReadBlock(void* buffer, uint32_t count, int16_t timeoutMs);
+// Throws input away until the line has been quiet for the whole quiet time.
+void DrainInput(int16_t quietMs);
+// Bytes in the input queue (selector non-zero) or the output queue (0); 0
+// without a record.
+uint32_t PortQueueCount(int selector);
+// Empties both queues; a write under way stops.
+void PurgePort();
+// Switches to RTS/CTS. 1, or 0 after the message
+// "Cannot set hardware handshaking on comm port."
+int EnableHardwareHandshake();
+// Switches to RTS/CTS at the speed; true when the device took it. The port
+// stays open and its queues are kept.
+bool SetPortSpeed(uint32_t bitsPerSecond);
+// Takes effect at the next open.
+void SelectPortNumber(uint8_t portNumber);
+// Takes effect at the next configure.
+void SelectPortBaud(uint32_t bitsPerSecond);
+
+// Waits until new input may have arrived, another thread interrupts the wait,
+// or the time is up. This is how a reader idles without spinning.
+WaitResult WaitForPortInput(int timeoutMs);
+// Ends a WaitForPortInput under way, or the next one.
+void InterruptPortWait();

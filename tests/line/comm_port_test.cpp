@@ -1,0 +1,234 @@
+#include "line/comm_port.h"
+
+#include <gtest/gtest.h>
+#include <time.h>
+
+#include <chrono>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/message_box.h"
+#include "stores/paths.h"
+#include "stores/status_log.h"
+#include "support/far_end.h"
+#include "support/temp_folder.h"
+
+namespace {
+
+std::mutex logLock;
+std::vector<std::string> logged;
+
+void Collect(const std::string& line) {
+    std::lock_guard<std::mutex> guard(logLock);
+    logged.push_back(line);
+}
+
+int CountLogged(const std::string& line) {
+    std::lock_guard<std::mutex> guard(logLock);
+    int count = 0;
+    for (const std::string& l : logged) {
+        count += l == line ? 1 : 0;
+    }
+    return count;
+}
+
+double ThreadCpuMs() {
+    timespec t{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return static_cast<double>(t.tv_sec) * 1000.0 + static_cast<double>(t.tv_nsec) / 1e6;
+}
+
+// An installation whose COM1 is a pseudo-terminal with the test as the far end,
+// opened at 115200 bps with RTS/CTS as a call would run.
+class CommPortTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        {
+            std::lock_guard<std::mutex> guard(logLock);
+            logged.clear();
+        }
+        SetLogLineSink(Collect);
+        BuildPaths(root.Path());
+        far.LinkAs(root.Path(), 1);
+        ASSERT_EQ(CommPortCreate(), 1);
+        SelectPortNumber(1);
+        SelectPortBaud(115200);
+        ASSERT_NE(CommPortOpen(), 0);
+        ASSERT_EQ(EnableHardwareHandshake(), 1);
+        std::memset(buffer, 0, sizeof buffer);
+    }
+    void TearDown() override {
+        CommPortDestroy();
+        SetLogLineSink(nullptr);
+    }
+
+    TempFolder root;
+    FarEnd far;
+    char buffer[TokenBufferSize];
+};
+
+}  // namespace
+
+TEST_F(CommPortTest, CommandsEndInCarriageReturnAloneAndLongOnesAreRefused) {
+    SendCommand("ATE1V1");
+    EXPECT_EQ(far.Receive(7, 2000), "ATE1V1\r");
+    const std::string longest(254, 'A');
+    SendCommand(longest.c_str());
+    EXPECT_EQ(far.Receive(255, 2000), longest + "\r");
+    const std::string tooLong(255, 'B');
+    SendCommand(tooLong.c_str());
+    SendBytes("\x00\xFF", 2);
+    EXPECT_EQ(far.Receive(3, 300), std::string("\x00\xFF", 2)) << "nothing of the refused command";
+}
+
+TEST_F(CommPortTest, TokenIsFoundAndWhatFollowsItStaysQueued) {
+    far.Send(std::string("noise\0 ACK3\r\n", 13) + "\xFF\xAA\x55");
+    char* token = ReadUntilToken("ACK3", 2000, buffer);
+    ASSERT_NE(token, nullptr);
+    EXPECT_STREQ(buffer, "noise ACK3") << "the NUL is dropped, the read stops at the token";
+    EXPECT_EQ(token, buffer + 6);
+    EXPECT_EQ(PortQueueCount(1), 5u);
+    uint8_t rest[5];
+    EXPECT_EQ(ReadBlock(rest, 5, 500), 5u);
+    EXPECT_EQ(std::memcmp(rest, "\r\n\xFF\xAA\x55", 5), 0);
+}
+
+TEST_F(CommPortTest, LineLimitOf1023BytesCountsOnlyRealBytes) {
+    // NULs do not count towards the limit: 1019 letters, 2000 NULs, then the
+    // token's last byte is the 1023rd real byte and is still found.
+    std::string reply(1019, 'x');
+    reply += std::string(2000, '\0');
+    reply += "OK\r\n";
+    far.Send(reply);
+    ASSERT_NE(ReadUntilOk(4000, buffer), nullptr);
+    EXPECT_EQ(std::strlen(buffer), 1023u);
+    EXPECT_EQ(CountLogged("Serial Limit Reached"), 0);
+
+    // One byte more and the limit comes first, once, with time still left.
+    far.Send(std::string(1020, 'y') + "OK\r\n");
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(ReadUntilOk(20000, buffer), nullptr);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    EXPECT_EQ(CountLogged("Serial Limit Reached"), 1);
+}
+
+TEST_F(CommPortTest, SilentLineTimesOutWithBufferUntouchedAndCostsNoProcessor) {
+    std::strcpy(buffer, "previous reply OK\r\n");
+    const double before = ThreadCpuMs();
+    EXPECT_EQ(ReadUntilOk(1000, buffer), nullptr);
+    EXPECT_LT(ThreadCpuMs() - before, 50.0);
+    EXPECT_STREQ(buffer, "previous reply OK\r\n") << "nothing was read, nothing written";
+    EXPECT_EQ(CountLogged("Serial Limit Reached"), 0);
+}
+
+TEST_F(CommPortTest, BlockReadWaitsWhileATrickleGoesOnThenDeliversWhatCame) {
+    // 8 chunks 60 ms apart take longer than the 400 ms limit; only silence ends it.
+    std::thread trickle([&] {
+        for (int i = 0; i < 8; ++i) {
+            far.Send(std::string(10, static_cast<char>('a' + i)));
+            std::this_thread::sleep_for(std::chrono::milliseconds(60));
+        }
+    });
+    uint8_t block[8192];
+    const uint32_t got = ReadBlock(block, sizeof block, 400);
+    trickle.join();
+    EXPECT_EQ(got, 80u);
+    EXPECT_EQ(block[0], 'a');
+    EXPECT_EQ(block[79], 'h');
+    EXPECT_EQ(CountLogged("Read Buffer Timeout"), 1);
+
+    EXPECT_EQ(ReadBlock(block, 16, 100), 0u) << "nothing received, nothing delivered";
+    EXPECT_EQ(CountLogged("Read Buffer Timeout"), 2);
+}
+
+TEST_F(CommPortTest, ThreeWholeBlocksFitTheInputQueueAndTheRestWaits) {
+    std::string stream;
+    for (int i = 0; i < 5 * 8192; ++i) {
+        stream += static_cast<char>((i * 7 + i / 8192) & 0xFF);
+    }
+    std::thread sender([&] { far.Send(stream); });
+    std::string got;
+    uint8_t block[8192];
+    // Let the queue fill before reading, then take block after block.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (PortQueueCount(1) < 3 * 8192 && std::chrono::steady_clock::now() < deadline) {
+        WaitForPortInput(100);
+    }
+    EXPECT_EQ(PortQueueCount(1), 3u * 8192u);
+    for (int i = 0; i < 5; ++i) {
+        ASSERT_EQ(ReadBlock(block, sizeof block, 2000), sizeof block) << "block " << i;
+        got.append(reinterpret_cast<char*>(block), sizeof block);
+    }
+    sender.join();
+    EXPECT_TRUE(got == stream);
+    EXPECT_EQ(CountLogged("Read Buffer Timeout"), 0);
+}
+
+TEST_F(CommPortTest, DrainReturnsOnlyAfterTheLineHasBeenQuiet) {
+    std::atomic<bool> sending{true};
+    std::thread stream([&] {
+        for (int i = 0; i < 30; ++i) {
+            far.Send("z");
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        sending.store(false);
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    DrainInput(150);
+    EXPECT_FALSE(sending.load()) << "returned while bytes were still arriving";
+    stream.join();
+    EXPECT_EQ(PortQueueCount(1), 0u);
+}
+
+TEST_F(CommPortTest, PurgeEmptiesTheInputAndSpeedChangesReachTheDevice) {
+    far.Send("stale reply\r\n");
+    ASSERT_EQ(WaitForPortInput(2000), WaitResult::Input);
+    EXPECT_GT(PortQueueCount(1), 0u);
+    PurgePort();
+    EXPECT_EQ(PortQueueCount(1), 0u);
+
+    EXPECT_TRUE(SetPortSpeed(230400));
+    EXPECT_EQ(far.Speed(), 230400u);
+    EXPECT_FALSE(SetPortSpeed(250000)) << "a speed the device cannot take";
+    EXPECT_EQ(far.Speed(), 230400u);
+}
+
+TEST_F(CommPortTest, CloseTwiceAndASecondOpenOfABusyPortFailQuietly) {
+    int messages = 0;
+    SetMessageBoxHandler([&](const std::string&) { ++messages; });
+    // Another program holds the port: this one gets 0 and no message.
+    SerialDevice other;
+    CommPortClose();
+    ASSERT_TRUE(other.Open(far.DevicePath()));
+    EXPECT_EQ(CommPortOpen(), 0);
+    EXPECT_EQ(ThePort->IsOpen.load(), 0);
+    other.Close();
+    EXPECT_NE(CommPortOpen(), 0);
+    EXPECT_EQ(CommPortClose(), 1);
+    EXPECT_EQ(CommPortClose(), 1);
+    EXPECT_EQ(ThePort->IsOpen.load(), 0);
+    SetMessageBoxHandler(nullptr);
+    EXPECT_EQ(messages, 0);
+}
+
+TEST(CommPortRecord, OperationsWithoutARecordDoNothing) {
+    ASSERT_EQ(ThePort, nullptr);
+    EXPECT_EQ(CommPortClose(), 0);
+    EXPECT_EQ(CommPortDestroy(), 0);
+    EXPECT_EQ(CommPortOpen(), 0);
+    EXPECT_EQ(PortQueueCount(1), 0u);
+    char buffer[TokenBufferSize] = {};
+    EXPECT_EQ(ReadLine(10, buffer), nullptr);
+}
+
+TEST(CommPortRecord, PortNumberNamesALinkInTheInstallationOrASerialDevice) {
+    TempFolder root;
+    BuildPaths(root.Path());
+    EXPECT_EQ(CommPortDevicePath(3), "/dev/ttyS2");
+    FarEnd far;
+    far.LinkAs(root.Path(), 3);
+    EXPECT_EQ(CommPortDevicePath(3), root / "COM3");
+}
