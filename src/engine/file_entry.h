@@ -12,6 +12,8 @@
 #include <string_view>
 #include <type_traits>
 
+#include "platform/shared_word.h"
+
 // Text in a field of fixed width, zero-terminated when it is shorter than the
 // field. Its bytes are the field's bytes, so it can stand in a record that goes
 // on the wire.
@@ -74,9 +76,11 @@ struct FileEntry {
     int16_t AuxBlocksDone = 0;
     int16_t AuxLastBlockBytes = 0;
     uint32_t AuxDone = 0;
-    uint32_t BytesDone = 0;      // wire bytes moved
-    uint32_t StartTime = 0;      // NowMs when the first byte moved, 0 until then
-    uint32_t LastBlockTime = 0;  // NowMs when the latest block moved, 0 until then
+    // The progress figures are read for the display by one thread while the
+    // threads of the pipeline write them, so each access is atomic.
+    SharedWord<uint32_t> BytesDone;      // wire bytes moved
+    SharedWord<uint32_t> StartTime;      // NowMs when the first byte moved, 0 until then
+    SharedWord<uint32_t> LastBlockTime;  // NowMs when the latest block moved, 0 until then
 };
 
 static_assert(std::is_trivially_copyable_v<FileEntry>);

@@ -9,6 +9,8 @@
 #include "stores/status_log.h"
 
 CommPort* ThePort = nullptr;
+char TokenBuffer[TokenBufferSize];
+std::recursive_mutex PortReadLock;
 
 namespace {
 
@@ -259,6 +261,14 @@ WaitResult WaitForPortInput(int timeoutMs) {
         return WaitResult::TimedOut;
     }
     return ThePort->Handle.WaitForInput(timeoutMs);
+}
+
+void WaitForPortWake(int timeoutMs) {
+    if (ThePort == nullptr) {
+        SleepMs(static_cast<uint32_t>(timeoutMs > 0 ? timeoutMs : 0));
+        return;
+    }
+    ThePort->Handle.WaitForInterrupt(timeoutMs);
 }
 
 void InterruptPortWait() {

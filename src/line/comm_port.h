@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 #include "platform/clock.h"
@@ -16,6 +17,11 @@
 // Size of the shared buffer into which AT replies and wire tokens are read.
 // ReadUntilToken writes at most this many bytes, its terminator included.
 constexpr uint32_t TokenBufferSize = 1024;
+
+// The one buffer into which AT replies and wire tokens are read; the 80-byte
+// bodies behind recovery tokens too. Callers clear it before a read when they
+// want it clear.
+extern char TokenBuffer[TokenBufferSize];
 
 // Bits of FlowControlFlags.
 constexpr uint8_t FlowDtrDsr = 1;
@@ -92,5 +98,16 @@ void SelectPortBaud(uint32_t bitsPerSecond);
 // Waits until new input may have arrived, another thread interrupts the wait,
 // or the time is up. This is how a reader idles without spinning.
 WaitResult WaitForPortInput(int timeoutMs);
-// Ends a WaitForPortInput under way, or the next one.
+// Ends a WaitForPortInput or WaitForPortWake under way, or the next one.
 void InterruptPortWait();
+// Waits for an InterruptPortWait or the time, without looking at the port:
+// how a reader idles while another thread holds a conversation on the port.
+void WaitForPortWake(int timeoutMs);
+
+// The port's read side belongs to one thread at a time. The communications
+// thread holds this lock for each pass in which it reads; any other thread
+// that reads the port (an AT exchange, a hang-up) first clears
+// LinePollingEnabled, interrupts the reader's wait, and then holds the lock
+// for its whole exchange. The communications thread may take it again inside
+// its own pass, when a handler of its own talks to the adapter.
+extern std::recursive_mutex PortReadLock;

@@ -342,3 +342,12 @@ WaitResult SerialDevice::WaitForInput(int timeoutMs) {
 void SerialDevice::Interrupt() {
     SignalEvent(wakeFd_);
 }
+
+bool SerialDevice::WaitForInterrupt(int timeoutMs) {
+    pollfd wake = {wakeFd_, POLLIN, 0};
+    if (::poll(&wake, 1, std::max(timeoutMs, 0)) > 0) {
+        DrainEvent(wakeFd_);
+        return true;
+    }
+    return false;
+}

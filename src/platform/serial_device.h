@@ -70,9 +70,13 @@ public:
     // Interrupt, or the time is up. Returns at once if input is already waiting
     // in the device.
     WaitResult WaitForInput(int timeoutMs);
-    // Ends a WaitForInput on another thread; if none is under way, the next one
-    // returns at once.
+    // Ends a WaitForInput or WaitForInterrupt on another thread; if none is
+    // under way, the next one returns at once.
     void Interrupt();
+    // Waits only for an interruption or the time, whatever the device does:
+    // for a reader that must leave the device alone for now. True if
+    // interrupted.
+    bool WaitForInterrupt(int timeoutMs);
 
 private:
     // Moves what the device holds into the queue, while there is room.

@@ -13,32 +13,13 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "platform/shared_word.h"
+
 // The file holds its numbers little-endian, and the record is read and written
 // as the file's bytes without converting them; a big-endian host would need a
 // conversion on load and save.
 static_assert(std::endian::native == std::endian::little,
               "the preferences record is stored as the host's bytes, which must be little-endian");
-
-// A number of the record that more than one thread reads or writes: the main
-// thread changes the incoming settings while the communications thread reads
-// them to set the adapter up again after a call. It holds the plain value, so
-// the record keeps the file's layout and stays a block of bytes, while every
-// access from the running program goes through an atomic load or store.
-template <typename T>
-class SharedWord {
-    static_assert(std::atomic_ref<T>::is_always_lock_free);
-    static_assert(std::atomic_ref<T>::required_alignment <= alignof(T));
-
-public:
-    operator T() const { return std::atomic_ref<T>(value_).load(); }
-    SharedWord& operator=(T value) {
-        std::atomic_ref<T>(value_).store(value);
-        return *this;
-    }
-
-private:
-    mutable T value_;
-};
 
 inline constexpr uint32_t PreferencesSize = 1176;
 inline constexpr uint32_t DefaultMaxPortSpeed = 9600;

@@ -1,0 +1,36 @@
+// The window's operations that the engine's threads call, directly and from
+// whatever thread they run on, through the one pointer TheMainWindow. The
+// window implements them over its thread-safe controls, so none of them ever
+// waits for another thread.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+class EngineWindow {
+public:
+    virtual ~EngineWindow() = default;
+
+    // The transfer display.
+    virtual void ShowBatchEstimate(uint32_t bytes) = 0;
+    virtual void RecomputeSendTotal() = 0;
+    virtual void ShowTransferDisplay(bool starting) = 0;
+    virtual void SetProgress(uint32_t done, uint32_t total) = 0;
+    virtual void ShowThroughput(bool sending, bool log) = 0;
+    virtual void LogElapsedTime() = 0;
+    virtual void ListIncomingFiles() = 0;
+    virtual void RemoveTopFileRow() = 0;
+
+    // The action buttons follow LinkState and the file list.
+    virtual void UpdateActionButtons() = 0;
+    // The directory panel shows record index.
+    virtual void ShowCorrespondent(int16_t index) = 0;
+    // The file list and SendList.
+    virtual void ClearFileList() = 0;
+    virtual void AddFolderToSendList(const std::string& path, const std::string& name) = 0;
+    // Enters an exported directory entry; 1 if a record was added.
+    virtual int ImportDirectoryEntry(const std::string& path) = 0;
+};
+
+// The window, once it exists; null before and after.
+extern EngineWindow* TheMainWindow;

@@ -1,0 +1,17 @@
+// The end of a call, however it comes.
+#pragma once
+
+#include <cstdint>
+
+// The one way to ask for the end of a call or a transfer, from any thread.
+void RequestDisconnect();
+// Takes the adapter out of data mode and hangs up.
+void HangUp();
+// The common tidying at the end of a call.
+void OnCallEnded();
+// Takes a partial block out of the queue after a stall; 1 if the call is over.
+int StallCheck(uint32_t waiting);
+// Receiving side: removes files that did not arrive and imports received
+// directory entries.
+void EndOfCallCleanup();
+void ImportReceivedEntries();

@@ -1,0 +1,107 @@
+// The transfer engine's one record, and its three threads.
+//
+// The engine owns the call once the adapter has reported CONNECT: the link's
+// state, the two file lists and the buffers. Its threads are the
+// communications thread, which lives as long as the program and is the only
+// reader of the port during a call; the section feeder, which exists during a
+// send and decides when the next block goes out; and the block writer, which
+// writes one block at a time.
+//
+// Every word that two threads share is atomic. The lists and buffers are
+// handed from thread to thread by the orderings of the protocol: a thread
+// touches SendList[0] only while LinkState and the feeder's park say that it
+// may, and the main thread edits SendList only while no link is up.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <ctime>
+
+#include "engine/file_entry.h"
+#include "engine/wire.h"
+#include "platform/thread.h"
+
+// Values of LinkState.
+enum : int16_t {
+    LinkIdle = 0,       // no call; lines from the port are adapter messages
+    LinkDialing = 1,    // the dial string has gone, the call's progress is awaited
+    LinkConnected = 2,  // the data channel is up and no file data flows
+    LinkTransfer = 3,   // file data flows
+    LinkFileSent = 4,   // sending side: the file's last block is out, an ACK is awaited
+    LinkRecovery = 5,   // a section failed its check and is being asked for again
+};
+
+struct TransferEngine {
+    std::atomic<int16_t> LinkState{LinkIdle};
+    // 1 on the sending side of the session; picks the token handler.
+    std::atomic<int32_t> WeSend{0};
+    // The communications thread runs while this is 1.
+    std::atomic<int32_t> CommThreadRun{1};
+    // Block slot 0..15 inside the current section, on both sides.
+    std::atomic<int16_t> BlockIndex{0};
+    // The last sign of life of the far end that the receiving side counts.
+    std::atomic<uint32_t> LastRxTime{0};
+    // Wall clock seconds at the start of a transfer; 0 when none runs.
+    std::atomic<std::time_t> TransferStartTime{0};
+
+    std::atomic<int32_t> FeederRun{0};
+    std::atomic<ThreadHandle> FeederThread;
+    std::atomic<int32_t> WriterRun{0};
+    std::atomic<ThreadHandle> WriterThread;
+    // 1: the writer holds no block and the next one may be handed to it.
+    std::atomic<int32_t> WriterIdle{0};
+    std::atomic<const uint8_t*> WriteBlock{nullptr};
+    std::atomic<int16_t> WriteBlockLength{0};
+    // 1: the feeder is to read the next section into StagedSection.
+    std::atomic<int32_t> SectionWanted{0};
+    std::atomic<uint32_t> StagedLength{0};
+
+    std::atomic<int32_t> SendDisplayDirty{0};
+    std::atomic<int32_t> ReceiveDisplayDirty{0};
+    // This call was placed to fetch files, not to send them.
+    std::atomic<int32_t> RetrievePending{0};
+    // The send list came out of a pick-up folder.
+    std::atomic<int32_t> PickupSend{0};
+
+    std::atomic<int16_t> SendCount{0};
+    std::atomic<uint32_t> SendRemaining{0};
+    std::atomic<uint32_t> ReceiveCount{0};
+    std::atomic<int16_t> ReceiveListSize{0};
+    std::atomic<uint32_t> ReceiveRemaining{0};
+    // Bytes that must wait in the input queue before a block is taken.
+    std::atomic<uint16_t> ExpectedBlock{0};
+
+    SessionHeader OutHeader;
+    SessionHeader InHeader;
+    // The position of the section being received, ready to send; "FILERECOVR\r\n"
+    // in front of the body at rest. It outlives the call.
+    RecoveryMessage RecoveryRecord;
+    // Copy of ReceiveList[0] at each section start; an empty WireName means
+    // there is nothing to recover. It outlives the call.
+    FileEntry SavedEntry;
+    // Where this session's files go: IncomingPath, or a folder made for it.
+    FixedText<512> ReceiveFolder;
+
+    // Buffers, made by EngineStartup and freed by EngineShutdown. The token
+    // buffer, which AT replies share with wire tokens, is the line's
+    // TokenBuffer.
+    WireFileEntry* WireList = nullptr;  // ListCapacity entries
+    FileEntry* SendList = nullptr;      // ListCapacity entries
+    FileEntry* ReceiveList = nullptr;   // ListCapacity entries
+    uint8_t* WorkingSection = nullptr;  // a section going out or coming in
+    uint8_t* StagedSection = nullptr;   // the next section, read ahead
+};
+
+// The process's one engine record.
+extern TransferEngine TheEngine;
+
+// Allocates the buffers, fills OutHeader's magic and empties SavedEntry.
+// Called on the main thread before the communications thread starts.
+void EngineStartup();
+// Frees the buffers, after every engine thread has stopped.
+void EngineShutdown();
+
+// The thread functions; their parameter is not used.
+unsigned CommThread(void* parameter);
+unsigned SectionFeeder(void* parameter);
+unsigned BlockWriter(void* parameter);

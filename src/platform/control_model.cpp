@@ -1,0 +1,364 @@
+#include "platform/control_model.h"
+
+#include <algorithm>
+
+namespace {
+
+const ControlState kMissing{};
+
+}  // namespace
+
+ControlModel& Controls() {
+    static ControlModel model;
+    return model;
+}
+
+ControlState* ControlModel::Find(int id) {
+    const auto found = index_.find(id);
+    return found == index_.end() ? nullptr : &controls_[found->second];
+}
+
+const ControlState* ControlModel::Find(int id) const {
+    const auto found = index_.find(id);
+    return found == index_.end() ? nullptr : &controls_[found->second];
+}
+
+void ControlModel::Announce(std::unique_lock<std::mutex>& stateGuard,
+                            std::vector<ControlEvent> events) {
+    // Take the delivery lock before giving up the state lock: changes are then
+    // announced in the order in which they were made.
+    std::lock_guard<std::recursive_mutex> delivery(deliveryLock_);
+    stateGuard.unlock();
+    std::vector<Listener> listeners;
+    {
+        std::lock_guard<std::mutex> guard(listenerLock_);
+        for (const auto& entry : listeners_) {
+            listeners.push_back(entry.second);
+        }
+    }
+    for (const ControlEvent& event : events) {
+        for (const Listener& listener : listeners) {
+            listener(event);
+        }
+    }
+}
+
+void ControlModel::Create(const ControlState& state) {
+    std::unique_lock<std::mutex> guard(stateLock_);
+    if (ControlState* existing = Find(state.id)) {
+        *existing = state;
+    } else {
+        index_[state.id] = controls_.size();
+        controls_.push_back(state);
+    }
+    Announce(guard, {{state.id, ControlChange::Created, -1, state.text}});
+}
+
+bool ControlModel::Exists(int id) const {
+    std::lock_guard<std::mutex> guard(stateLock_);
+    return Find(id) != nullptr;
+}
+
+ControlState ControlModel::State(int id) const {
+    std::lock_guard<std::mutex> guard(stateLock_);
+    const ControlState* control = Find(id);
+    return control != nullptr ? *control : kMissing;
+}
+
+std::vector<ControlState> ControlModel::AllStates() const {
+    std::lock_guard<std::mutex> guard(stateLock_);
+    return controls_;
+}
+
+void ControlModel::Reset() {
+    std::unique_lock<std::mutex> guard(stateLock_);
+    controls_.clear();
+    index_.clear();
+    menus_.clear();
+    Announce(guard, {{0, ControlChange::Menus, -1, {}}});
+}
+
+std::string ControlModel::Text(int id) const {
+    std::lock_guard<std::mutex> guard(stateLock_);
+    const ControlState* control = Find(id);
+    return control != nullptr ? control->text : std::string();
+}
+
+void ControlModel::SetText(int id, const std::string& text) {
+    std::unique_lock<std::mutex> guard(stateLock_);
+    ControlState* control = Find(id);
+    if (control == nullptr || control->text == text) {
+        return;
+    }
+    control->text = text;
+    Announce(guard, {{id, ControlChange::Text, -1, text}});
+}
+
+bool ControlModel::Enabled(int id) const {
+    std::lock_guard<std::mutex> guard(stateLock_);
+    const ControlState* control = Find(id);
+    return control != nullptr && control->enabled;
+}
+
+void ControlModel::Enable(int id, bool enabled) {
+    std::unique_lock<std::mutex> guard(stateLock_);
+    ControlState* control = Find(id);
+    if (control == nullptr || control->enabled == enabled) {
+        return;
+    }
+    control->enabled = enabled;
+    Announce(guard, {{id, ControlChange::Enabled, -1, {}}});
+}
+
+bool ControlModel::Shown(int id) const {
+    std::lock_guard<std::mutex> guard(stateLock_);
+    const ControlState* control = Find(id);
+    return control != nullptr && control->shown;
+}
+
+void ControlModel::Show(int id, bool shown) {
+    std::unique_lock<std::mutex> guard(stateLock_);
+    ControlState* control = Find(id);
+    if (control == nullptr || control->shown == shown) {
+        return;
+    }
+    control->shown = shown;
+    Announce(guard, {{id, ControlChange::Shown, -1, {}}});
+}
+
+bool ControlModel::Checked(int id) const {
+    std::lock_guard<std::mutex> guard(stateLock_);
+    const ControlState* control = Find(id);
+    return control != nullptr && control->checked;
+}
+
+void ControlModel::Check(int id, bool checked) {
+    std::unique_lock<std::mutex> guard(stateLock_);
+    ControlState* control = Find(id);
+    if (control == nullptr || control->checked == checked) {
+        return;
+    }
+    control->checked = checked;
+    Announce(guard, {{id, ControlChange::Checked, -1, {}}});
+}
+
+int ControlModel::Position(int id) const {
+    std::lock_guard<std::mutex> guard(stateLock_);
+    const ControlState* control = Find(id);
+    return control != nullptr ? control->position : 0;
+}
+
+void ControlModel::SetPosition(int id, int position) {
+    std::unique_lock<std::mutex> guard(stateLock_);
+    ControlState* control = Find(id);
+    if (control == nullptr || control->position == position) {
+        return;
+    }
+    control->position = position;
+    Announce(guard, {{id, ControlChange::Position, position, {}}});
+}
+
+int ControlModel::RowCount(int id) const {
+    std::lock_guard<std::mutex> guard(stateLock_);
+    const ControlState* control = Find(id);
+    return control != nullptr ? static_cast<int>(control->rows.size()) : 0;
+}
+
+std::string ControlModel::RowText(int id, int row) const {
+    return Row(id, row).text;
+}
+
+ListRow ControlModel::Row(int id, int row) const {
+    std::lock_guard<std::mutex> guard(stateLock_);
+    const ControlState* control = Find(id);
+    if (control == nullptr || row < 0 || row >= static_cast<int>(control->rows.size())) {
+        return {};
+    }
+    return control->rows[static_cast<size_t>(row)];
+}
+
+std::vector<ListRow> ControlModel::Rows(int id) const {
+    std::lock_guard<std::mutex> guard(stateLock_);
+    const ControlState* control = Find(id);
+    return control != nullptr ? control->rows : std::vector<ListRow>{};
+}
+
+int ControlModel::AddRow(int id, const ListRow& row) {
+    std::unique_lock<std::mutex> guard(stateLock_);
+    ControlState* control = Find(id);
+    if (control == nullptr) {
+        return -1;
+    }
+    control->rows.push_back(row);
+    const int index = static_cast<int>(control->rows.size()) - 1;
+    Announce(guard, {{id, ControlChange::RowAdded, index, row.text}});
+    return index;
+}
+
+void ControlModel::InsertRow(int id, int index, const ListRow& row) {
+    std::unique_lock<std::mutex> guard(stateLock_);
+    ControlState* control = Find(id);
+    if (control == nullptr) {
+        return;
+    }
+    const int size = static_cast<int>(control->rows.size());
+    const int at = std::clamp(index, 0, size);
+    control->rows.insert(control->rows.begin() + at, row);
+    if (control->selection >= at) {
+        ++control->selection;
+    }
+    Announce(guard, {{id, ControlChange::RowAdded, at, row.text}});
+}
+
+void ControlModel::DeleteRow(int id, int index) {
+    std::unique_lock<std::mutex> guard(stateLock_);
+    ControlState* control = Find(id);
+    if (control == nullptr || index < 0 || index >= static_cast<int>(control->rows.size())) {
+        return;
+    }
+    control->rows.erase(control->rows.begin() + index);
+    if (control->selection == index) {
+        control->selection = -1;
+    } else if (control->selection > index) {
+        --control->selection;
+    }
+    Announce(guard, {{id, ControlChange::RowRemoved, index, {}}});
+}
+
+void ControlModel::DeleteFirstRows(int id, int count) {
+    std::unique_lock<std::mutex> guard(stateLock_);
+    ControlState* control = Find(id);
+    if (control == nullptr || count <= 0) {
+        return;
+    }
+    const int removed = std::min(count, static_cast<int>(control->rows.size()));
+    control->rows.erase(control->rows.begin(), control->rows.begin() + removed);
+    control->selection = control->selection >= removed ? control->selection - removed : -1;
+    std::vector<ControlEvent> events(static_cast<size_t>(removed),
+                                     ControlEvent{id, ControlChange::RowRemoved, 0, {}});
+    Announce(guard, std::move(events));
+}
+
+void ControlModel::ClearRows(int id) {
+    std::unique_lock<std::mutex> guard(stateLock_);
+    ControlState* control = Find(id);
+    if (control == nullptr) {
+        return;
+    }
+    control->rows.clear();
+    control->selection = -1;
+    Announce(guard, {{id, ControlChange::RowsCleared, -1, {}}});
+}
+
+bool ControlModel::DeleteRowWithText(int id, const std::string& text) {
+    int found = -1;
+    {
+        std::lock_guard<std::mutex> guard(stateLock_);
+        const ControlState* control = Find(id);
+        if (control == nullptr) {
+            return false;
+        }
+        for (size_t i = 0; i < control->rows.size(); ++i) {
+            if (control->rows[i].text == text) {
+                found = static_cast<int>(i);
+                break;
+            }
+        }
+    }
+    if (found < 0) {
+        return false;
+    }
+    DeleteRow(id, found);
+    return true;
+}
+
+int ControlModel::Selection(int id) const {
+    std::lock_guard<std::mutex> guard(stateLock_);
+    const ControlState* control = Find(id);
+    return control != nullptr ? control->selection : -1;
+}
+
+void ControlModel::Select(int id, int row) {
+    std::unique_lock<std::mutex> guard(stateLock_);
+    ControlState* control = Find(id);
+    if (control == nullptr) {
+        return;
+    }
+    const int chosen = row >= 0 && row < static_cast<int>(control->rows.size()) ? row : -1;
+    if (control->selection == chosen) {
+        return;
+    }
+    control->selection = chosen;
+    Announce(guard, {{id, ControlChange::Selection, chosen, {}}});
+}
+
+void ControlModel::SetMenus(const std::vector<Menu>& menus) {
+    std::unique_lock<std::mutex> guard(stateLock_);
+    menus_ = menus;
+    Announce(guard, {{0, ControlChange::Menus, -1, {}}});
+}
+
+std::vector<Menu> ControlModel::Menus() const {
+    std::lock_guard<std::mutex> guard(stateLock_);
+    return menus_;
+}
+
+void ControlModel::CheckMenuItem(int command, bool checked) {
+    std::unique_lock<std::mutex> guard(stateLock_);
+    for (Menu& menu : menus_) {
+        for (MenuItem& item : menu.items) {
+            if (item.command == command) {
+                item.checked = checked;
+            }
+        }
+    }
+    Announce(guard, {{0, ControlChange::Menus, command, {}}});
+}
+
+bool ControlModel::MenuItemChecked(int command) const {
+    std::lock_guard<std::mutex> guard(stateLock_);
+    for (const Menu& menu : menus_) {
+        for (const MenuItem& item : menu.items) {
+            if (item.command == command) {
+                return item.checked;
+            }
+        }
+    }
+    return false;
+}
+
+bool ControlModel::HasMenuItem(int command) const {
+    std::lock_guard<std::mutex> guard(stateLock_);
+    for (const Menu& menu : menus_) {
+        for (const MenuItem& item : menu.items) {
+            if (item.command == command) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+void ControlModel::RemoveMenu(int position) {
+    std::unique_lock<std::mutex> guard(stateLock_);
+    if (position < 0 || position >= static_cast<int>(menus_.size())) {
+        return;
+    }
+    menus_.erase(menus_.begin() + position);
+    Announce(guard, {{0, ControlChange::Menus, -1, {}}});
+}
+
+int ControlModel::AddListener(Listener listener) {
+    std::lock_guard<std::mutex> guard(listenerLock_);
+    const int handle = nextListener_++;
+    listeners_[handle] = std::move(listener);
+    return handle;
+}
+
+void ControlModel::RemoveListener(int handle) {
+    // Taking the delivery lock first means that, once this returns, no
+    // announcement is still calling the removed listener.
+    std::lock_guard<std::recursive_mutex> delivery(deliveryLock_);
+    std::lock_guard<std::mutex> guard(listenerLock_);
+    listeners_.erase(handle);
+}

@@ -1,0 +1,163 @@
+// The window's controls as state: for each control its text, whether it is
+// enabled, shown and checked, its rows and selection, and a progress position;
+// and the window's menus. Any thread may read or change a control, as the
+// program's threads drive the window directly. A front end draws this state
+// and feeds the user's actions back to the window; no rule of the program
+// depends on a front end being there.
+//
+// Every change is announced to the listeners, after the change has been made
+// and in the order in which the changes were made, also across threads.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+enum class ControlKind {
+    Label,    // static text
+    Picture,  // static picture
+    Edit,
+    Button,
+    PictureButton,
+    CheckBox,
+    RadioButton,
+    ListBox,
+    DropDown,     // a drop-down list whose rows are fixed choices
+    ListView,     // report view: a name column and a size column, an image per row
+    ProgressBar,  // position 0 to 100
+};
+
+// One row of a list box, drop-down or list view.
+struct ListRow {
+    std::string text;    // the row's text; the first column of a list view
+    std::string detail;  // the second column of a list view
+    int image = 0;       // the image of a list view row
+};
+
+struct ControlState {
+    int id = 0;
+    ControlKind kind = ControlKind::Label;
+    std::string text;
+    bool enabled = true;
+    bool shown = true;
+    bool checked = false;
+    std::vector<ListRow> rows;
+    int selection = -1;  // selected row, -1 for none
+    int position = 0;    // of a progress bar
+    int picture = 0;     // resource number of a picture or picture button
+};
+
+enum class ControlChange {
+    Created,
+    Text,
+    Enabled,
+    Shown,
+    Checked,
+    RowAdded,    // row: where it was put; text: its text
+    RowRemoved,  // row: which one
+    RowsCleared,
+    Selection,
+    Position,
+    Menus,  // id 0: the menus changed
+};
+
+struct ControlEvent {
+    int id = 0;
+    ControlChange change = ControlChange::Created;
+    int row = -1;
+    std::string text;
+};
+
+struct MenuItem {
+    int command = 0;
+    std::string text;  // "" for a separator
+    bool checked = false;
+};
+
+struct Menu {
+    std::string title;
+    std::vector<MenuItem> items;
+};
+
+class ControlModel {
+public:
+    using Listener = std::function<void(const ControlEvent&)>;
+
+    // Makes a control, or sets one anew.
+    void Create(const ControlState& state);
+    bool Exists(int id) const;
+    // A copy of the control's state; a default state for an unknown id.
+    ControlState State(int id) const;
+    // Every control, in the order in which they were made.
+    std::vector<ControlState> AllStates() const;
+    // Removes every control and menu; listeners stay.
+    void Reset();
+
+    std::string Text(int id) const;
+    void SetText(int id, const std::string& text);
+    bool Enabled(int id) const;
+    void Enable(int id, bool enabled);
+    bool Shown(int id) const;
+    void Show(int id, bool shown);
+    bool Checked(int id) const;
+    void Check(int id, bool checked);
+    int Position(int id) const;
+    void SetPosition(int id, int position);
+
+    int RowCount(int id) const;
+    // The row's text, or "" if there is no such row.
+    std::string RowText(int id, int row) const;
+    ListRow Row(int id, int row) const;
+    std::vector<ListRow> Rows(int id) const;
+    // Appends a row and returns its index.
+    int AddRow(int id, const ListRow& row);
+    // Inserts a row before index (at the end if index is past it).
+    void InsertRow(int id, int index, const ListRow& row);
+    // Removes a row; a selection behind it moves up, a selection on it goes.
+    void DeleteRow(int id, int index);
+    // Removes the oldest count rows in one step.
+    void DeleteFirstRows(int id, int count);
+    void ClearRows(int id);
+    // Removes the first row whose text is the given one; false if none is.
+    bool DeleteRowWithText(int id, const std::string& text);
+    int Selection(int id) const;
+    // Selects a row; -1, or a row that does not exist, selects none.
+    void Select(int id, int row);
+
+    void SetMenus(const std::vector<Menu>& menus);
+    std::vector<Menu> Menus() const;
+    void CheckMenuItem(int command, bool checked);
+    bool MenuItemChecked(int command) const;
+    bool HasMenuItem(int command) const;
+    // Removes the menu at that position of the menu bar.
+    void RemoveMenu(int position);
+
+    // Listeners are called on the thread that made the change, never while
+    // the state is locked, so a listener may read and change the model. Since
+    // announcements are delivered one at a time, a listener must not wait for
+    // another thread: it copies what it needs or hands it on.
+    int AddListener(Listener listener);
+    void RemoveListener(int handle);
+
+private:
+    ControlState* Find(int id);
+    const ControlState* Find(int id) const;
+    // Announces the events of one change, in the order of the changes.
+    void Announce(std::unique_lock<std::mutex>& stateGuard, std::vector<ControlEvent> events);
+
+    mutable std::mutex stateLock_;
+    std::vector<ControlState> controls_;
+    std::map<int, size_t> index_;
+    std::vector<Menu> menus_;
+
+    std::recursive_mutex deliveryLock_;
+    std::mutex listenerLock_;
+    std::map<int, Listener> listeners_;
+    int nextListener_ = 1;
+};
+
+// The main window's controls.
+ControlModel& Controls();
