@@ -1,0 +1,143 @@
+#include "platform/control_model.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+ControlState ListBox(int id) {
+    ControlState state;
+    state.id = id;
+    state.kind = ControlKind::ListBox;
+    return state;
+}
+
+}  // namespace
+
+TEST(ControlModel, AnnouncementsFollowTheOrderOfChangesAcrossThreads) {
+    ControlModel model;
+    model.Create(ListBox(7));
+    std::mutex seenLock;
+    std::vector<std::string> seen;
+    model.AddListener([&](const ControlEvent& event) {
+        if (event.change == ControlChange::RowAdded) {
+            std::lock_guard<std::mutex> guard(seenLock);
+            seen.push_back(event.text);
+        }
+    });
+    auto writer = [&](char name) {
+        for (int i = 0; i < 2000; ++i) {
+            model.AddRow(7, {std::string(1, name) + std::to_string(i), "", 0});
+        }
+    };
+    std::thread a(writer, 'a');
+    std::thread b(writer, 'b');
+    a.join();
+    b.join();
+    std::vector<std::string> rows;
+    for (const ListRow& row : model.Rows(7)) {
+        rows.push_back(row.text);
+    }
+    ASSERT_EQ(rows.size(), 4000u);
+    EXPECT_EQ(seen, rows) << "a listener must see rows in the order the list holds them";
+}
+
+TEST(ControlModel, ListenerMayChangeTheModelAndRemovalWaitsForDelivery) {
+    ControlModel model;
+    ControlState edit;
+    edit.id = 1;
+    edit.kind = ControlKind::Edit;
+    model.Create(edit);
+    model.Create(ListBox(2));
+    // A listener that reacts to a text change by adding a row, as a window's
+    // handler of an edit notification would.
+    const int handle = model.AddListener([&](const ControlEvent& event) {
+        if (event.id == 1 && event.change == ControlChange::Text) {
+            model.AddRow(2, {event.text, "", 0});
+        }
+    });
+    model.SetText(1, "typed");
+    EXPECT_EQ(model.RowText(2, 0), "typed");
+    model.SetText(1, "typed");  // no change, no announcement
+    EXPECT_EQ(model.RowCount(2), 1);
+
+    std::atomic<bool> inside{false};
+    std::atomic<bool> release{false};
+    const int slow = model.AddListener([&](const ControlEvent& event) {
+        if (event.id == 2 && event.change == ControlChange::RowsCleared) {
+            inside.store(true);
+            while (!release.load()) {
+                std::this_thread::yield();
+            }
+            inside.store(false);
+        }
+    });
+    std::thread clearer([&] { model.ClearRows(2); });
+    while (!inside.load()) {
+        std::this_thread::yield();
+    }
+    std::atomic<bool> removed{false};
+    std::thread remover([&] {
+        model.RemoveListener(slow);
+        removed.store(true);
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_FALSE(removed.load()) << "removal must wait for the delivery under way";
+    release.store(true);
+    clearer.join();
+    remover.join();
+    EXPECT_FALSE(inside.load());
+    model.RemoveListener(handle);
+}
+
+TEST(ControlModel, SelectionFollowsRowsThatComeAndGo) {
+    ControlModel model;
+    model.Create(ListBox(3));
+    for (const char* text : {"a", "b", "c", "d"}) {
+        model.AddRow(3, {text, "", 0});
+    }
+    model.Select(3, 2);  // "c"
+    model.DeleteRow(3, 0);
+    EXPECT_EQ(model.Selection(3), 1);
+    EXPECT_EQ(model.RowText(3, 1), "c");
+    model.InsertRow(3, 0, {"z", "", 0});
+    EXPECT_EQ(model.Selection(3), 2);
+    model.DeleteRow(3, 2);
+    EXPECT_EQ(model.Selection(3), -1) << "the selected row went";
+    model.Select(3, 7);
+    EXPECT_EQ(model.Selection(3), -1) << "a row that does not exist selects none";
+    EXPECT_TRUE(model.DeleteRowWithText(3, "d"));
+    EXPECT_FALSE(model.DeleteRowWithText(3, "d"));
+    model.DeleteFirstRows(3, 5);
+    EXPECT_EQ(model.RowCount(3), 0);
+    EXPECT_EQ(model.RowText(3, 0), "");
+}
+
+TEST(ControlModel, MenusAreCheckedAndRemovedByPosition) {
+    ControlModel model;
+    model.SetMenus({{"&File", {{32771, "&Export Directory Entry...", false}}},
+                    {"&Port Speed", {{32774, "115200", false}, {32775, "230400", false}}}});
+    model.CheckMenuItem(32775, true);
+    EXPECT_TRUE(model.MenuItemChecked(32775));
+    EXPECT_FALSE(model.MenuItemChecked(32774));
+    model.RemoveMenu(1);
+    EXPECT_FALSE(model.HasMenuItem(32775));
+    EXPECT_TRUE(model.HasMenuItem(32771));
+    EXPECT_EQ(model.Menus().size(), 1u);
+}
+
+TEST(ControlModel, UnknownControlsAreHarmless) {
+    ControlModel model;
+    model.SetText(99, "x");
+    model.AddRow(99, {"x", "", 0});
+    model.Select(99, 0);
+    EXPECT_FALSE(model.Exists(99));
+    EXPECT_EQ(model.Text(99), "");
+    EXPECT_EQ(model.Selection(99), -1);
+    EXPECT_FALSE(model.Enabled(99));
+}
