@@ -1,0 +1,83 @@
+// One direction of a connected call: the bytes that one adapter has taken
+// from its port, on their way over the line to the far adapter's port.
+//
+// Bytes pass three marks, counted from the first data byte of the call:
+//   head      handed to the far port
+//   released  put on the line (paced by the token bucket; faults act here)
+//   tail      taken from the near port
+// Between released and tail wait bytes that the line has not carried yet, and
+// possibly, at the very end, a "+++" that may turn out to be an escape and is
+// held back until that is decided.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "options.h"
+#include "token_bucket.h"
+
+class DataPath {
+public:
+    DataPath(size_t capacity, uint64_t bytesPerSecond, uint64_t nowNs);
+
+    // Faults of the sending adapter that act in this call.
+    void Arm(FaultSpec* fault) { faults_.push_back(fault); }
+
+    // Taking bytes in from the near port.
+    size_t Free() const { return capacity_ - static_cast<size_t>(tail_ - head_); }
+    // The contiguous free space at the tail.
+    uint8_t* WriteArea(size_t& length);
+    void Commit(size_t count) { tail_ += count; }
+    uint64_t Tail() const { return tail_; }
+    // Holds back the bytes from position on, until Unhold.
+    void Hold(uint64_t position) {
+        holding_ = true;
+        holdFrom_ = position;
+    }
+    void Unhold() { holding_ = false; }
+    // Takes the last count bytes back out (a "+++" that was an escape).
+    void DropTail(size_t count) { tail_ -= count; }
+
+    // Puts what the bucket allows on the line, and acts the faults whose
+    // offsets it passes; those that act are added to acted. False when a drop
+    // fault made the line fall: nothing beyond its offset is released.
+    bool Release(uint64_t nowNs, std::vector<const FaultSpec*>& acted);
+    // Puts every byte taken in on the line at once, held ones included: what
+    // an adapter had taken from its port goes out before its hang-up. False
+    // if a drop fault made the line fall on the way.
+    bool ReleaseAll(std::vector<const FaultSpec*>& acted);
+    // When Release can put more on the line; kNever if nothing waits for it.
+    uint64_t NextReleaseAt(uint64_t nowNs);
+
+    // Handing bytes out to the far port: the contiguous run of released bytes.
+    const uint8_t* Ready(size_t& length) const;
+    void Consume(size_t count) { head_ += count; }
+    size_t ReadyCount() const { return static_cast<size_t>(released_ - head_); }
+    size_t Waiting() const { return static_cast<size_t>(tail_ - head_); }
+
+    // Appends the released bytes to the text and counts them as handed out.
+    void TakeReady(std::string& into);
+    // At the end of a call: appends the released bytes to the text, and
+    // empties the path; bytes that the line had not carried are lost.
+    void MoveReleased(std::string& into);
+
+    // Bytes put on the line so far.
+    uint64_t Sent() const { return released_; }
+
+private:
+    bool Put(uint64_t nowNs, std::vector<const FaultSpec*>& acted, bool unpaced);
+    void AppendRange(uint64_t from, uint64_t to, std::string& into) const;
+
+    std::vector<uint8_t> data_;
+    size_t capacity_;
+    uint64_t head_ = 0;
+    uint64_t released_ = 0;
+    uint64_t tail_ = 0;
+    bool holding_ = false;
+    uint64_t holdFrom_ = 0;
+    TokenBucket bucket_;
+    uint64_t chunk_;  // bytes worth waking up for, about 5 ms of line
+    std::vector<FaultSpec*> faults_;
+};

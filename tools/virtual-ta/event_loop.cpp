@@ -1,0 +1,48 @@
+#include "event_loop.h"
+
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <ctime>
+#include <vector>
+
+#include "mono_time.h"
+
+int RunEventLoop(Exchange& exchange, int signalFd) {
+    std::vector<pollfd> entries;
+    for (;;) {
+        uint64_t now = MonoNs();
+        exchange.Service(now);
+        entries.clear();
+        entries.push_back(pollfd{signalFd, POLLIN, 0});
+        exchange.CollectPoll(entries, now);
+        const uint64_t deadline = exchange.NextDeadline(now);
+        timespec limit{};
+        timespec* wait = nullptr;
+        if (deadline != kNever) {
+            const uint64_t left = deadline > now ? deadline - now : 0;
+            limit.tv_sec = static_cast<time_t>(left / 1000000000);
+            limit.tv_nsec = static_cast<long>(left % 1000000000);
+            wait = &limit;
+        }
+        const int ready = ::ppoll(entries.data(), entries.size(), wait, nullptr);
+        if (ready < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return 0;
+        }
+        if ((entries[0].revents & POLLIN) != 0) {
+            signalfd_siginfo info{};
+            if (::read(signalFd, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+                return static_cast<int>(info.ssi_signo);
+            }
+        }
+        if (ready > 0) {
+            now = MonoNs();
+            exchange.HandlePoll(entries.data() + 1, now);
+        }
+    }
+}

@@ -1,0 +1,214 @@
+#include "family.h"
+
+#include <algorithm>
+
+namespace {
+
+// Banners. The program tells the families apart by substrings of these texts,
+// so no family may carry another's marks: "960" only in the BitSURFR's, the
+// ZyXEL model numbers only in the ZyXELs', "3C882" only in the 3Com's, and no
+// banner holds a speed such as 9600 that would contain one of them.
+const std::vector<Family> kFamilies = {
+    {"bitsurfr",
+     FamilyKind::BitSurfr,
+     "BitSURFR Pro",
+     {"960"},
+     {"BitSURFR Pro Version 1.31"},
+     {"BitSURFR Pro ISDN Terminal Adapter", "V.120 and AIMUX, 2B+D"}},
+    {"adtran-xr",
+     FamilyKind::AdTran,
+     "AdTran Express XR",
+     {"ADTRAN EXPRESS XR ISDN Terminal Adapter", "Firmware Rev. B.07"},
+     {"Firmware Rev. B.07"},
+     {"EXPRESS XR S/T interface"}},
+    {"adtran-xrt",
+     FamilyKind::AdTran,
+     "AdTran Express XRT",
+     {"ADTRAN EXPRESS XRT ISDN Terminal Adapter", "Firmware Rev. B.07"},
+     {"Firmware Rev. B.07"},
+     {"EXPRESS XRT U interface"}},
+    {"zyxel-2864",
+     FamilyKind::Zyxel,
+     "ZyXEL Elite 2864I",
+     {"ZyXEL Elite 2864I", "ISDN V 2.17"},
+     {"V 2.17"},
+     {"Elite ISDN firmware V 2.17"}},
+    {"zyxel-omninet",
+     FamilyKind::Zyxel,
+     "ZyXEL Omni.net",
+     {"ZyXEL omni.net 1292", "ISDN V 1.05"},
+     {"V 1.05"},
+     {"omni.net ISDN firmware V 1.05"}},
+    {"zyxel-ta128",
+     FamilyKind::Zyxel,
+     "ZyXEL Omni TA128",
+     {"ZyXEL omni TA128 1282", "ISDN V 2.13"},
+     {"V 2.13"},
+     {"omni TA128 ISDN firmware V 2.13"}},
+    {"3com",
+     FamilyKind::ThreeCom,
+     "3Com Impact IQ",
+     {"3Com Impact IQ ISDN External 3C882"},
+     {"Impact IQ firmware 5.14"},
+     {"Impact IQ ISDN, V.120"}},
+};
+
+// Commands every family knows.
+const char* const kCommon[] = {"A", "D", "E", "H",  "I",  "O",  "Q", "S",
+                               "V", "X", "Z", "&C", "&D", "&F", "&W"};
+
+const char* const kBitSurfr[] = {"W", "\\Q", "%A", "&M", "&R", "@M", "@B", "@P", "!N"};
+const char* const kAdTran[] = {"\\Q", "SS"};
+const char* const kZyxel[] = {"B", "&H", "&E", "&S", "&O", "&J", "&K", "&Z"};
+const char* const kThreeCom[] = {"W", "\\Q", "$B"};
+
+template <size_t N>
+bool Holds(const char* const (&list)[N], std::string_view command) {
+    return std::find(std::begin(list), std::end(list), command) != std::end(list);
+}
+
+}  // namespace
+
+const Family* FindFamily(std::string_view name) {
+    for (const Family& family : kFamilies) {
+        if (name == family.name) {
+            return &family;
+        }
+    }
+    return nullptr;
+}
+
+std::string FamilyNameList() {
+    std::string list;
+    for (const Family& family : kFamilies) {
+        if (!list.empty()) {
+            list += " | ";
+        }
+        list += family.name;
+    }
+    return list;
+}
+
+const std::vector<Family>& AllFamilies() {
+    return kFamilies;
+}
+
+void DefaultSettings(FamilyKind kind, Settings& settings) {
+    settings.clear();
+    // Echo on, verbose result codes, result codes not suppressed.
+    settings["E"] = "1";
+    settings["V"] = "1";
+    settings["Q"] = "0";
+    // Auto-answer off, "+" as escape character, CR, LF and BS as line
+    // characters, and a guard time of 25 fiftieths of a second around "+++".
+    settings["S0"] = "0";
+    settings["S2"] = "43";
+    settings["S3"] = "13";
+    settings["S4"] = "10";
+    settings["S5"] = "8";
+    settings["S12"] = "25";
+    switch (kind) {
+        case FamilyKind::BitSurfr:
+            settings["%A2"] = "2";  // V.120
+            settings["%A4"] = "0";  // 64K
+            break;
+        case FamilyKind::AdTran:
+            settings["S53"] = "3";  // 64K
+            settings["S54"] = "6";  // V.120
+            break;
+        case FamilyKind::Zyxel:
+            settings["B"] = "20";  // V.120
+            settings["&E"] = "0";  // 64K
+            settings["&J"] = "0";  // one B channel
+            settings["&K"] = "0";  // no V.42bis
+            break;
+        case FamilyKind::ThreeCom:
+            settings["S60"] = "64";
+            break;
+    }
+}
+
+bool FactoryProfile(FamilyKind kind, int n, Settings& settings) {
+    if (kind == FamilyKind::AdTran) {
+        // The AdTran keeps five factory profiles; 3 is V.120 and 4 AIMUX.
+        if (n < 0 || n > 4) {
+            return false;
+        }
+        DefaultSettings(kind, settings);
+        settings["S54"] = n == 4 ? "2" : "6";
+        return true;
+    }
+    if (n != 0) {
+        return false;
+    }
+    DefaultSettings(kind, settings);
+    return true;
+}
+
+bool FamilyKnows(FamilyKind kind, std::string_view command) {
+    if (Holds(kCommon, command)) {
+        return true;
+    }
+    switch (kind) {
+        case FamilyKind::BitSurfr:
+            return Holds(kBitSurfr, command);
+        case FamilyKind::AdTran:
+            return Holds(kAdTran, command);
+        case FamilyKind::Zyxel:
+            return Holds(kZyxel, command);
+        case FamilyKind::ThreeCom:
+            return Holds(kThreeCom, command);
+    }
+    return false;
+}
+
+namespace {
+
+std::string Get(const Settings& settings, const char* name) {
+    const auto found = settings.find(name);
+    return found == settings.end() ? std::string() : found->second;
+}
+
+}  // namespace
+
+LineSetup SetupOf(FamilyKind kind, const Settings& settings) {
+    LineSetup setup;
+    switch (kind) {
+        case FamilyKind::BitSurfr:
+            if (Get(settings, "%A2") == "3") {
+                setup.protocol = "AIMUX";
+                setup.bundling = Bundling::Aimux;
+            }
+            setup.is56k = Get(settings, "%A4") == "1";
+            break;
+        case FamilyKind::AdTran:
+            if (Get(settings, "S54") == "2") {
+                setup.protocol = "AIMUX";
+                setup.bundling = Bundling::Aimux;
+            }
+            setup.is56k = Get(settings, "S53") == "2";
+            break;
+        case FamilyKind::Zyxel:
+            setup.protocol = Get(settings, "B") == "0" ? "X.75" : "V.120";
+            setup.is56k = Get(settings, "&E") == "1";
+            setup.bundling = Get(settings, "&J") == "3" ? Bundling::TwoB : Bundling::None;
+            setup.v42bis = Get(settings, "&K") == "44";
+            break;
+        case FamilyKind::ThreeCom:
+            setup.is56k = Get(settings, "S60") == "56";
+            break;
+    }
+    return setup;
+}
+
+std::string Describe(const LineSetup& setup) {
+    std::string text = setup.protocol;
+    text += setup.is56k ? " 56K" : " 64K";
+    if (setup.bundling == Bundling::TwoB) {
+        text += " 2B";
+    }
+    if (setup.v42bis) {
+        text += " V.42bis";
+    }
+    return text;
+}

@@ -1,0 +1,292 @@
+#include "options.h"
+
+#include <algorithm>
+#include <cctype>
+#include <set>
+
+#include "platform/files.h"
+
+namespace {
+
+bool AllDigits(const std::string& text) {
+    return !text.empty() &&
+           std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+// A decimal number up to the limit. False if it is no number or too big.
+bool ParseNumber(const std::string& text, uint64_t limit, uint64_t& value) {
+    if (!AllDigits(text) || text.size() > 19) {
+        return false;
+    }
+    value = std::stoull(text);
+    return value <= limit;
+}
+
+std::string FolderOf(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos) {
+        return ".";
+    }
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// PATH=FAMILY:NUMBER[,OPTION...]. The path may itself hold "=", so the
+// separator is the first "=" that a family name and ":" follow.
+bool ParseAdapter(const std::string& text, AdapterSpec& spec, std::string& error) {
+    size_t equals = text.find('=');
+    const Family* family = nullptr;
+    size_t familyEnd = 0;
+    while (equals != std::string::npos) {
+        const size_t colon = text.find(':', equals + 1);
+        if (colon != std::string::npos) {
+            family = FindFamily(std::string_view(text).substr(equals + 1, colon - equals - 1));
+            if (family != nullptr) {
+                familyEnd = colon;
+                break;
+            }
+        }
+        equals = text.find('=', equals + 1);
+    }
+    if (family == nullptr) {
+        if (text.find('=') == std::string::npos || text.find(':') == std::string::npos) {
+            error = "adapter '" + text + "' is not PATH=FAMILY:NUMBER";
+        } else {
+            error = "adapter '" + text + "' names no known family (" + FamilyNameList() + ")";
+        }
+        return false;
+    }
+    spec.path = text.substr(0, equals);
+    spec.family = family;
+    if (spec.path.empty()) {
+        error = "adapter '" + text + "' has no PATH";
+        return false;
+    }
+    if (spec.path.back() == '/') {
+        error = "adapter PATH '" + spec.path + "' names a folder, not a link";
+        return false;
+    }
+    const std::string rest = text.substr(familyEnd + 1);
+    const size_t comma = rest.find(',');
+    spec.number = rest.substr(0, comma);
+    if (!AllDigits(spec.number) || spec.number.size() > 31) {
+        error = "adapter '" + text + "': NUMBER must be 1 to 31 digits";
+        return false;
+    }
+    size_t at = comma;
+    while (at != std::string::npos) {
+        const size_t next = rest.find(',', at + 1);
+        const std::string option =
+            rest.substr(at + 1, next == std::string::npos ? std::string::npos : next - at - 1);
+        uint64_t speed = 0;
+        if (option == "dip230400") {
+            if (family->kind != FamilyKind::AdTran) {
+                error = "adapter '" + text + "': dip230400 is an AdTran option";
+                return false;
+            }
+            spec.dip230400 = true;
+        } else if (option == "no-dialtone") {
+            spec.noDialTone = true;
+        } else if (option.rfind("max-speed=", 0) == 0) {
+            if (!ParseNumber(option.substr(10), 100000000, speed) || speed == 0) {
+                error = "adapter '" + text + "': max-speed must be a speed in bits per second";
+                return false;
+            }
+            spec.maxSpeed = static_cast<uint32_t>(speed);
+        } else {
+            error = "adapter '" + text + "': unknown option '" + option + "'";
+            return false;
+        }
+        at = next;
+    }
+    if (!FolderExists(FolderOf(spec.path))) {
+        error = "the folder of '" + spec.path + "' does not exist";
+        return false;
+    }
+    return true;
+}
+
+bool ParseFault(const std::string& text, FaultSpec& fault, std::string& error) {
+    const size_t first = text.find(':');
+    const size_t second = first == std::string::npos ? first : text.find(':', first + 1);
+    if (second == std::string::npos) {
+        error = "fault '" + text + "' is not KIND:NUMBER:OFFSET";
+        return false;
+    }
+    const std::string kind = text.substr(0, first);
+    if (kind == "corrupt") {
+        fault.kind = FaultKind::Corrupt;
+    } else if (kind == "drop") {
+        fault.kind = FaultKind::Drop;
+    } else {
+        error = "fault '" + text + "': KIND must be corrupt or drop";
+        return false;
+    }
+    fault.number = text.substr(first + 1, second - first - 1);
+    if (!AllDigits(fault.number)) {
+        error = "fault '" + text + "': NUMBER must be an adapter's number";
+        return false;
+    }
+    if (!ParseNumber(text.substr(second + 1), UINT64_MAX / 2, fault.offset)) {
+        error = "fault '" + text + "': OFFSET must be a byte count";
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool ParseCommandLine(int argc, const char* const* argv, Options& options, std::string& error) {
+    options = Options{};
+    for (int i = 1; i < argc; ++i) {
+        std::string arg = argv[i];
+        std::string value;
+        bool hasValue = false;
+        if (arg.rfind("--", 0) == 0) {
+            const size_t equals = arg.find('=');
+            if (equals != std::string::npos) {
+                value = arg.substr(equals + 1);
+                arg = arg.substr(0, equals);
+                hasValue = true;
+            }
+        }
+        const auto takeValue = [&]() {
+            if (hasValue) {
+                return true;
+            }
+            if (i + 1 >= argc) {
+                error = arg + " needs a value";
+                return false;
+            }
+            value = argv[++i];
+            return true;
+        };
+        if (arg == "--help" || arg == "-h") {
+            options.help = true;
+            return true;
+        }
+        if (arg == "--rate") {
+            if (!takeValue()) {
+                return false;
+            }
+            if (!ParseNumber(value, 1000000000, options.rate)) {
+                error = "--rate must be bytes per second, 0 to 1000000000";
+                return false;
+            }
+        } else if (arg == "--fault") {
+            if (!takeValue()) {
+                return false;
+            }
+            FaultSpec fault;
+            if (!ParseFault(value, fault, error)) {
+                return false;
+            }
+            options.faults.push_back(fault);
+        } else if (arg == "--trace") {
+            if (!takeValue()) {
+                return false;
+            }
+            if (value.empty()) {
+                error = "--trace needs a file";
+                return false;
+            }
+            options.tracePath = value;
+        } else if (arg == "--answer-wait") {
+            uint64_t seconds = 0;
+            if (!takeValue()) {
+                return false;
+            }
+            if (!ParseNumber(value, 3600, seconds) || seconds == 0) {
+                error = "--answer-wait must be seconds, 1 to 3600";
+                return false;
+            }
+            options.answerWaitMs = static_cast<uint32_t>(seconds * 1000);
+        } else if (arg.rfind("-", 0) == 0) {
+            error = "unknown option '" + arg + "'";
+            return false;
+        } else {
+            AdapterSpec spec;
+            if (!ParseAdapter(arg, spec, error)) {
+                return false;
+            }
+            options.adapters.push_back(spec);
+        }
+    }
+    if (options.adapters.empty()) {
+        error = "no ADAPTER given";
+        return false;
+    }
+    std::set<std::string> paths;
+    std::set<std::string> numbers;
+    for (const AdapterSpec& spec : options.adapters) {
+        if (!paths.insert(spec.path).second) {
+            error = "two adapters at '" + spec.path + "'";
+            return false;
+        }
+        if (!numbers.insert(spec.number).second) {
+            error = "two adapters with the number " + spec.number;
+            return false;
+        }
+    }
+    for (const FaultSpec& fault : options.faults) {
+        if (numbers.count(fault.number) == 0) {
+            error = "fault for " + fault.number + ", which is no adapter's number";
+            return false;
+        }
+    }
+    return true;
+}
+
+const char* UsageHint() {
+    return "see virtual-ta --help";
+}
+
+std::string HelpText() {
+    return R"(Usage: virtual-ta [options] ADAPTER...
+
+Virtual ISDN terminal adapters for Kestrelbound. Each ADAPTER gets a
+pseudo-terminal that a program opens as its serial port; the tool plays the
+adapter behind that port and the exchange that connects calls between them.
+
+  ADAPTER   PATH=FAMILY:NUMBER[,OPTION...]
+            PATH    where the adapter's port appears: a link to its
+                    pseudo-terminal, e.g. stations/alice/COM1. Its folder must
+                    exist; a link left there by an earlier run is replaced.
+            FAMILY  )" +
+           FamilyNameList() +
+           R"(
+            NUMBER  the adapter's own ISDN number, digits
+            OPTION  max-speed=N   the highest port speed at which this adapter
+                                  still understands its port (default 230400)
+                    dip230400     an AdTran whose DIP switch 1 is set for
+                                  230400: its port runs at 230400 only
+                    no-dialtone   its line is unplugged
+
+Options:
+  --rate N            bytes per second that one B channel carries in each
+                      direction (default 8000; 0 = as fast as the ports go).
+                      A call whose two ends are both set up for two channels
+                      (AIMUX, or ZyXEL with 2B on) carries twice that; a call
+                      that either end set up for 56K carries 7/8 of it.
+  --fault corrupt:NUMBER:OFFSET
+                      in the next call of adapter NUMBER that gets that far,
+                      flip the lowest bit of data byte OFFSET (counted from 0,
+                      from the first data byte after CONNECT) that it sends
+  --fault drop:NUMBER:OFFSET
+                      in the next call of adapter NUMBER that gets that far,
+                      the line falls after it has sent OFFSET data bytes
+                      (both ends get NO CARRIER behind the last data)
+                      Faults may be given several times; each acts once, in
+                      the order given.
+  --trace FILE        write every command, reply, call event and per-call
+                      byte count to FILE, one line each, with a time stamp
+  --answer-wait S     how long a call rings unanswered before the caller gets
+                      NO CARRIER (default 30 seconds)
+  --help              this text
+
+It prints "ready" once every link exists, runs until SIGINT or SIGTERM, then
+removes its links and exits 0. Bad arguments: a one-line message and exit 2.
+
+Example:
+  virtual-ta alice/COM1=bitsurfr:5551001 bob/COM1=zyxel-2864:5551002
+)";
+}

@@ -1,0 +1,79 @@
+// An adapter: its pseudo-terminal, the link through which a program reaches
+// it, and all the state that the adapter keeps. The exchange drives it; the
+// command interpreter reads and changes its settings.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "family.h"
+#include "mono_time.h"
+#include "options.h"
+#include "platform/pseudo_terminal.h"
+
+struct Call;
+
+enum class AdapterMode {
+    Command,        // idle or ringing: command lines are read
+    Dialling,       // after ATD until a result: any byte breaks the dial off
+    Data,           // in a call: bytes go over the line
+    OnlineCommand,  // in a call after the escape: command lines are read
+};
+
+struct Adapter {
+    AdapterSpec spec;
+    PseudoTerminal pty;
+    std::string who;  // how the trace names it: its number
+
+    Settings settings;
+    uint32_t fixedSpeed = 0;    // 230400 when told to run there only; 0 follows the port
+    uint32_t portSpeed = 0;     // the port's speed when last read
+    uint32_t talkSpeed = 9600;  // the speed at which it last understood its port
+
+    // The command line being typed, from its "A".
+    bool inLine = false;
+    std::string line;
+    // Bytes read while the port's speed was one it does not understand.
+    std::string misheard;
+    // Bytes read with a command line that belong to the mode it went into,
+    // such as data behind "ATO": they are taken before the port's next bytes.
+    std::string pushback;
+
+    AdapterMode mode = AdapterMode::Command;
+    Call* call = nullptr;  // the call it makes, answers or rings for
+
+    // Bytes for the port that it has not taken yet: echo, replies, and at the
+    // end of a call the data that came before NO CARRIER.
+    std::string out;
+    size_t outHead = 0;
+
+    // Watching the port in data mode, for the silence around "+++". The port
+    // is known empty since emptySince when knownEmpty; while blind the tool
+    // was not reading it (the line could take nothing more) since blindSince.
+    bool knownEmpty = true;
+    uint64_t emptySince = 0;
+    bool blind = false;
+    uint64_t blindSince = 0;
+    int escapeCount = 0;  // escape characters held at the end of the line, 0 when none
+    uint64_t escapeDeadline = kNever;
+
+    size_t PendingOut() const { return out.size() - outHead; }
+    int Setting(const char* name) const;
+};
+
+// Points a link at the target, replacing an old link. False with a reason if
+// the path is taken by something else or the link cannot be made.
+bool MakeLink(const std::string& path, const std::string& target, std::string& error);
+// Removes the link if it still points at the target.
+void RemoveLink(const std::string& path, const std::string& target);
+
+// Reads what the port has, up to count bytes: the count, 0 if nothing waits.
+size_t ReadPort(int fd, void* buffer, size_t count);
+// Writes as much as the port takes: the count written; blocked tells that the
+// port took less than all.
+size_t WritePort(int fd, const void* bytes, size_t count, bool& blocked);
+// Bytes waiting to be read from the port.
+size_t BytesWaiting(int fd);

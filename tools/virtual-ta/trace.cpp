@@ -1,0 +1,76 @@
+#include "trace.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "mono_time.h"
+
+namespace {
+
+int traceFd = -1;
+uint64_t startNs = MonoNs();
+
+}  // namespace
+
+bool OpenTrace(const std::string& path) {
+    CloseTrace();
+    traceFd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
+    return traceFd >= 0;
+}
+
+void CloseTrace() {
+    if (traceFd >= 0) {
+        ::close(traceFd);
+        traceFd = -1;
+    }
+}
+
+bool TraceOn() {
+    return traceFd >= 0;
+}
+
+void TraceLine(std::string_view who, std::string_view text) {
+    if (traceFd < 0) {
+        return;
+    }
+    const uint64_t ms = (MonoNs() - startNs) / kNsPerMs;
+    char stamp[32];
+    std::snprintf(stamp, sizeof stamp, "%llu.%03llu ", static_cast<unsigned long long>(ms / 1000),
+                  static_cast<unsigned long long>(ms % 1000));
+    std::string line = stamp;
+    line.append(who);
+    line += ' ';
+    line.append(text);
+    line += '\n';
+    // One write per line: a reader never sees half a line, and O_APPEND keeps
+    // lines whole even if two tools share a file.
+    size_t done = 0;
+    while (done < line.size()) {
+        const ssize_t n = ::write(traceFd, line.data() + done, line.size() - done);
+        if (n <= 0) {
+            return;
+        }
+        done += static_cast<size_t>(n);
+    }
+}
+
+std::string Printable(std::string_view bytes) {
+    std::string text;
+    for (const char c : bytes) {
+        const auto u = static_cast<unsigned char>(c);
+        if (c == '\r') {
+            text += "\\r";
+        } else if (c == '\n') {
+            text += "\\n";
+        } else if (u >= 0x20 && u < 0x7F) {
+            text += c;
+        } else {
+            char hex[8];
+            std::snprintf(hex, sizeof hex, "\\x%02X", u);
+            text += hex;
+        }
+    }
+    return text;
+}
