@@ -21,8 +21,25 @@ extern std::atomic<int32_t> LinePollingEnabled;
 extern std::atomic<int16_t> SpeedClass;
 
 // Sets LinePollingEnabled and wakes the communications thread, so that it
-// takes the port up, or leaves it, at once.
+// takes the port up, or leaves it, at once. While a PortConversation is under
+// way the flag stays clear and the value given here is the one it gets back
+// when the last conversation ends. Every write of the flag goes through here.
 void SetLinePolling(int32_t enabled);
+
+// One conversation with the adapter, from any thread: for its lifetime the
+// communications thread is kept off the port and this thread alone reads it.
+// It clears LinePollingEnabled, wakes the communications thread out of its
+// wait, and holds PortReadLock; at its end the flag goes back to what it was
+// before the first of the conversations then under way began, or to what
+// SetLinePolling has asked for meanwhile. Conversations nest, also across
+// threads, so two of them never leave the flag wrong.
+class PortConversation {
+public:
+    PortConversation();
+    ~PortConversation();
+    PortConversation(const PortConversation&) = delete;
+    PortConversation& operator=(const PortConversation&) = delete;
+};
 
 // Searches for the adapter, or goes to the saved port, and brings it to its
 // incoming profile. 1 when an adapter stands ready for calls.
