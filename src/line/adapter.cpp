@@ -1,8 +1,18 @@
 #include "line/adapter.h"
 
+#include <cstring>
 #include <mutex>
+#include <string>
 
 #include "line/comm_port.h"
+#include "line/port_speed.h"
+#include "line/profiles.h"
+#include "platform/control_model.h"
+#include "platform/key_state.h"
+#include "platform/message_box.h"
+#include "resources/resource.h"
+#include "stores/preferences.h"
+#include "stores/status_log.h"
 
 std::atomic<int32_t> AdapterFound{0};
 std::atomic<int32_t> LinePollingEnabled{0};
@@ -21,6 +31,112 @@ constexpr int16_t kShortReplyLimitMs = 1000;
 std::mutex handoverLock;
 int conversationsUnderWay = 0;
 int32_t pollingAfterConversations = 0;
+
+constexpr int kLastSearchedPort = 4;
+constexpr uint32_t kSearchSpeed = 9600;
+
+bool BufferHolds(const char* mark) {
+    return std::strstr(TokenBuffer, mark) != nullptr;
+}
+
+void CheckSpeedItem(int command) {
+    Controls().CheckMenuItem(command, true);
+}
+
+// The Port Speed menu has a choice only when the port reaches 230400 bps.
+void RemovePortSpeedMenu() {
+    if (Controls().HasMenuItem(ID_PORT_SPEED_115200)) {
+        Controls().RemoveMenu(PortSpeedMenuPosition);
+    }
+}
+
+int AdapterNotFound() {
+    ShowMessageBox(NoAdapterMessage);
+    AddLogLine("ISDN TA not found.");
+    return 0;
+}
+
+// The adapter has been found and the port stands at its working speed: the
+// incoming profile goes out and the communications thread takes the port up.
+int AdapterReady() {
+    InitializeIncoming();
+    SetLinePolling(1);
+    return 1;
+}
+
+int FullSearch() {
+    for (int port = 1; port <= kLastSearchedPort; ++port) {
+        SelectPortNumber(static_cast<uint8_t>(port));
+        SelectPortBaud(kSearchSpeed);
+        AddLogLine("Searching Comm Port " + std::to_string(port));
+        if (IdentifyAdapter() == 0) {
+            CommPortClose();
+            continue;
+        }
+        ThePreferences.ComPort = static_cast<int16_t>(port);
+        QualifyPortSpeed();
+        if (ThePreferences.MaxPortSpeed == 230400) {
+            // The AdTran reaches 230400 only by its switch, which the user
+            // has yet to move.
+            if (ThePreferences.AdapterModel == ModelAdTran) {
+                ThePreferences.SelectedPortSpeed = 115200;
+                CheckSpeedItem(ID_PORT_SPEED_115200);
+            } else {
+                ThePreferences.SelectedPortSpeed = 230400;
+                CheckSpeedItem(ID_PORT_SPEED_230400);
+            }
+        } else {
+            RemovePortSpeedMenu();
+        }
+        return AdapterReady();
+    }
+    return AdapterNotFound();
+}
+
+// An AdTran whose switch stands at 230400 answers nothing at the search
+// speed, so it is taken as saved and brought straight to its top speed.
+int DipSwitchStart() {
+    if (CommPortOpen() == 0) {
+        return 0;
+    }
+    ThePreferences.MaxPortSpeed = 230400;
+    ThePreferences.SelectedPortSpeed = 230400;
+    AdapterFound.store(1);
+    SpeedClass.store(2);
+    ResumeTopSpeed();
+    AddLogLine("Port speed set to 230400 bps.");
+    CheckSpeedItem(ID_PORT_SPEED_230400);
+    std::memset(TokenBuffer, 0, TokenBufferSize);
+    if (!SendAndWaitOk("atv1") || EnableHardwareHandshake() == 0 || !SendAndWaitOkShort("ati0")) {
+        return 0;
+    }
+    return AdapterReady();
+}
+
+int QuickStart() {
+    SelectPortNumber(static_cast<uint8_t>(ThePreferences.ComPort));
+    if (ThePreferences.AdapterModel == ModelAdTran && ThePreferences.SelectedPortSpeed == 230400) {
+        return DipSwitchStart();
+    }
+    const uint32_t maxSpeed = ThePreferences.MaxPortSpeed;
+    SelectPortBaud(maxSpeed == 230400 ? 115200 : maxSpeed);
+    if (IdentifyAdapter() == 0) {
+        return AdapterNotFound();
+    }
+    SpeedClass.store(maxSpeed <= 57600 ? 1 : 2);
+    if (maxSpeed == 230400 && ThePreferences.SelectedPortSpeed == 230400) {
+        ResumeTopSpeed();
+        CheckSpeedItem(ID_PORT_SPEED_230400);
+        AddLogLine("Port speed set to 230400 bps.");
+    } else if (maxSpeed == 230400) {
+        CheckSpeedItem(ID_PORT_SPEED_115200);
+        AddLogLine("Port speed set to 115200 bps.");
+    } else {
+        RemovePortSpeedMenu();
+        AddLogLine("Port speed set to " + std::to_string(maxSpeed) + " bps.");
+    }
+    return AdapterReady();
+}
 
 bool ExchangeWithAdapter(const char* command, int16_t limitMs) {
     PortConversation conversation;
@@ -78,4 +194,65 @@ bool SendAndWaitOk(const char* command) {
 
 bool SendAndWaitOkShort(const char* command) {
     return ExchangeWithAdapter(command, kShortReplyLimitMs);
+}
+
+int IdentifyAdapter() {
+    CommPortClose();
+    if (CommPortOpen() == 0) {
+        return 0;
+    }
+    // The replies are taken apart in TokenBuffer, so no other reader may
+    // come between an exchange and the tests on it.
+    PortConversation conversation;
+    std::memset(TokenBuffer, 0, TokenBufferSize);
+    if (!SendAndWaitOk("atv1") || EnableHardwareHandshake() == 0 || !SendAndWaitOkShort("ati0")) {
+        return 0;
+    }
+    // The marks are tested in this order; the first family that matches
+    // is the adapter.
+    if (BufferHolds("960")) {
+        if (!SendAndWaitOk("ati8")) {
+            return 0;
+        }
+        ThePreferences.AdapterModel = ModelBitSURFR;
+        if (!BufferHolds("BitSURFR")) {
+            return 0;
+        }
+        AdapterFound.store(1);
+        return 1;
+    }
+    if (BufferHolds("ADTRAN EXPRESS XR")) {
+        AdapterFound.store(1);
+        ThePreferences.AdapterModel = ModelAdTran;
+        ThePreferences.AdapterVariant = BufferHolds("ADTRAN EXPRESS XRT") ? 1 : 0;
+        return 1;
+    }
+    for (const char* mark : {"2864", "1291", "1292", "1293", "1281", "1282", "1283"}) {
+        if (BufferHolds(mark)) {
+            ThePreferences.AdapterModel = ModelZyXEL;
+            if (BufferHolds("2864")) {
+                ThePreferences.AdapterVariant = 1;
+            } else if (BufferHolds("1291") || BufferHolds("1292") || BufferHolds("1293")) {
+                ThePreferences.AdapterVariant = 2;
+            } else {
+                ThePreferences.AdapterVariant = 3;
+            }
+            AdapterFound.store(1);
+            return 1;
+        }
+    }
+    if (BufferHolds("3C882")) {
+        ThePreferences.AdapterModel = Model3Com;
+        AdapterFound.store(1);
+        return 1;
+    }
+    return 0;
+}
+
+int FindAdapter() {
+    const bool shiftDown = KeyIsDown(Key::Shift);
+    if (ThePreferences.ComPort == 0 || shiftDown) {
+        return FullSearch();
+    }
+    return QuickStart();
 }

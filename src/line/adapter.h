@@ -13,6 +13,12 @@ enum : int16_t {
     Model3Com = 30,
 };
 
+// The message of a search that found nothing, and of an adapter that stopped
+// answering before its speed was tested.
+inline constexpr const char* NoAdapterMessage =
+    "Could not find your ISDN TA.  Please check your cables\rand make sure the ISDN TA is "
+    "powered on.";
+
 // An adapter was identified in this run; never cleared.
 extern std::atomic<int32_t> AdapterFound;
 // The communications thread may touch the port.
