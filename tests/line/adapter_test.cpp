@@ -1,0 +1,380 @@
+#include "line/adapter.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <future>
+#include <optional>
+#include <thread>
+
+#include "line/comm_port.h"
+#include "line/profiles.h"
+#include "line_fixture.h"
+#include "platform/control_model.h"
+#include "platform/event_loop.h"
+#include "platform/key_state.h"
+#include "resources/resource.h"
+#include "stores/preferences.h"
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+// ---- The exchange and the hand-over of the port ----
+
+TEST_F(LineTest, ExchangeKeepsTheWholeReplyAndPutsPollingBackAsItWas) {
+    Attach(1, [](const std::string& command, uint32_t) {
+        return command == "ATQ" ? EchoOnly(command) : Answer(command, {"line one"});
+    });
+    OpenPort(1, 115200);
+
+    std::strcpy(TokenBuffer, "an older reply that is longer than the new one and stays behind");
+    ASSERT_TRUE(SendAndWaitOk("ATI3"));
+    EXPECT_STREQ(TokenBuffer, "ATI3\r\r\nline one\r\n\r\nOK\r\n")
+        << "the echo and every line of the reply, read from the buffer's first byte";
+    EXPECT_EQ(LinePollingEnabled.load(), 0);
+
+    SetLinePolling(1);
+    ASSERT_TRUE(SendAndWaitOkShort("ATI4"));
+    EXPECT_EQ(LinePollingEnabled.load(), 1) << "polling goes back on after the exchange";
+    EXPECT_FALSE(SendAndWaitOkShort("ATQ")) << "an echo without OK is a failure";
+    EXPECT_EQ(LinePollingEnabled.load(), 1) << "also after a failed one";
+    EXPECT_EQ(adapters[0]->CommandTexts(), (Texts{"ATI3", "ATI4", "ATQ"}));
+}
+
+// A stand-in for the communications thread: it holds the read lock for each
+// pass in which polling is on, and sleeps long waits that only a wake ends.
+class PollingReader {
+public:
+    PollingReader()
+        : thread_([this] {
+              while (!stop_.load()) {
+                  if (LinePollingEnabled.load() != 0) {
+                      std::lock_guard<std::recursive_mutex> guard(PortReadLock);
+                      passes_.fetch_add(1);
+                      WaitForPortInput(30000);
+                  } else {
+                      WaitForPortWake(30000);
+                  }
+              }
+          }) {}
+    ~PollingReader() {
+        stop_.store(true);
+        InterruptPortWait();
+        thread_.join();
+    }
+    int Passes() const { return passes_.load(); }
+
+private:
+    std::atomic<bool> stop_{false};
+    std::atomic<int> passes_{0};
+    std::thread thread_;
+};
+
+TEST_F(LineTest, ExchangeTakesThePortFromAReaderThatWaitsOnIt) {
+    Attach(1, [](const std::string& command, uint32_t) { return Answer(command); });
+    OpenPort(1, 115200);
+    SetLinePolling(1);
+    PollingReader reader;
+    while (reader.Passes() == 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    // The reader sits in a long wait holding the lock; the exchange must wake
+    // it rather than wait out its time.
+    auto exchange = std::async(std::launch::async, [] { return SendAndWaitOk("AT"); });
+    ASSERT_EQ(exchange.wait_for(std::chrono::seconds(10)), std::future_status::ready)
+        << "the reader was not woken";
+    EXPECT_TRUE(exchange.get());
+    EXPECT_EQ(LinePollingEnabled.load(), 1);
+    SetLinePolling(0);
+}
+
+TEST_F(LineTest, ConversationsThatOverlapLeaveThePollingFlagRight) {
+    SetLinePolling(1);
+    std::optional<PortConversation> first(std::in_place);
+    EXPECT_EQ(LinePollingEnabled.load(), 0);
+    std::optional<PortConversation> second(std::in_place);
+    first.reset();
+    EXPECT_EQ(LinePollingEnabled.load(), 0) << "the second conversation is still under way";
+    second.reset();
+    EXPECT_EQ(LinePollingEnabled.load(), 1) << "back as it was before the first began";
+
+    // A change asked for during a conversation is the value it ends with.
+    {
+        PortConversation conversation;
+        SetLinePolling(0);
+        EXPECT_EQ(LinePollingEnabled.load(), 0);
+    }
+    EXPECT_EQ(LinePollingEnabled.load(), 0);
+    {
+        PortConversation conversation;
+        SetLinePolling(1);
+        EXPECT_EQ(LinePollingEnabled.load(), 0) << "the port stays held until the end";
+    }
+    EXPECT_EQ(LinePollingEnabled.load(), 1);
+
+    // Another thread's conversation waits for this one's lock, and the flag
+    // comes back only when both are over.
+    std::optional<PortConversation> mine(std::in_place);
+    std::atomic<bool> otherHadPort{false};
+    std::thread other([&] {
+        PortConversation theirs;
+        otherHadPort.store(true);
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(otherHadPort.load());
+    mine.reset();
+    other.join();
+    EXPECT_TRUE(otherHadPort.load());
+    EXPECT_EQ(LinePollingEnabled.load(), 1);
+    SetLinePolling(0);
+}
+
+// ---- Identification ----
+
+struct IdentityCase {
+    const char* name;
+    Texts identity0;
+    Texts identity8;
+    int expectedResult;
+    int16_t expectedModel;
+    int16_t expectedVariant;
+};
+
+TEST_F(LineTest, IdentificationTellsEachFamilyAndVariantByItsMarks) {
+    const IdentityCase cases[] = {
+        {"BitSURFR", {"960"}, {"BitSURFR Pro ISDN"}, 1, ModelBitSURFR, 7},
+        {"960 without BitSURFR", {"960"}, {"some other TA"}, 0, ModelBitSURFR, 7},
+        {"960 before the ZyXEL marks", {"960 2864"}, {"BitSURFR"}, 1, ModelBitSURFR, 7},
+        {"AdTran XR", {"ADTRAN EXPRESS XR ISDN"}, {}, 1, ModelAdTran, 0},
+        {"AdTran XRT", {"ADTRAN EXPRESS XRT ISDN"}, {}, 1, ModelAdTran, 1},
+        {"Elite 2864", {"ZyXEL Elite 2864I"}, {}, 1, ModelZyXEL, 1},
+        {"2864 with 1291", {"ZyXEL 1291 2864"}, {}, 1, ModelZyXEL, 1},
+        {"Omni.net 1291", {"ZyXEL 1291"}, {}, 1, ModelZyXEL, 2},
+        {"Omni.net 1293", {"ZyXEL 1293"}, {}, 1, ModelZyXEL, 2},
+        {"TA128 1281", {"ZyXEL 1281"}, {}, 1, ModelZyXEL, 3},
+        {"TA128 1283", {"ZyXEL 1283"}, {}, 1, ModelZyXEL, 3},
+        {"3Com", {"Impact IQ 3C882"}, {}, 1, Model3Com, 7},
+        {"no mark", {"Generic ISDN TA", "adtran express xr"}, {}, 0, Model3Com + 1, 7},
+    };
+    AdapterScript script;
+    std::mutex scriptLock;
+    ScriptedAdapter& adapter = Attach(2, [&](const std::string& command, uint32_t speed) {
+        std::lock_guard<std::mutex> guard(scriptLock);
+        return RespondAs(script)(command, speed);
+    });
+    SelectPortNumber(2);
+    for (const IdentityCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        {
+            std::lock_guard<std::mutex> guard(scriptLock);
+            script.identity0 = c.identity0;
+            script.identity8 = c.identity8;
+        }
+        adapter.ClearCommands();
+        AdapterFound.store(0);
+        ThePreferences.AdapterModel = Model3Com + 1;
+        ThePreferences.AdapterVariant = 7;
+        EXPECT_EQ(IdentifyAdapter(), c.expectedResult);
+        EXPECT_EQ(AdapterFound.load(), c.expectedResult);
+        EXPECT_EQ(ThePreferences.AdapterModel, c.expectedModel);
+        EXPECT_EQ(ThePreferences.AdapterVariant, c.expectedVariant);
+        Texts sent = {"atv1", "ati0"};
+        if (!c.identity8.empty()) {
+            sent.push_back("ati8");
+        }
+        EXPECT_EQ(adapter.CommandTexts(), sent);
+        EXPECT_NE(ThePort->IsOpen.load(), 0) << "the port stays open either way";
+    }
+}
+
+TEST_F(LineTest, IdentificationFailsOnAPortThatCannotBeOpenedOrGivesNoOk) {
+    SelectPortNumber(3);  // a plain file
+    EXPECT_EQ(IdentifyAdapter(), 0);
+    EXPECT_EQ(ThePort->IsOpen.load(), 0);
+
+    AdapterScript script = ZyxelScript("2864");
+    script.unanswered = {"ati0"};
+    ScriptedAdapter& adapter = Attach(3, RespondAs(script));
+    EXPECT_EQ(IdentifyAdapter(), 0) << "an ati0 without OK";
+    EXPECT_EQ(AdapterFound.load(), 0);
+    EXPECT_EQ(adapter.CommandTexts(), (Texts{"atv1", "ati0"}));
+}
+
+// ---- The search ----
+
+TEST_F(LineTest, FirstRunSearchesThePortsInTurnAndReadiesTheAdapterItFinds) {
+    ScriptedAdapter& adapter = Attach(3, RespondAs(ZyxelScript("2864")));
+    EXPECT_EQ(FindAdapter(), 1);
+
+    EXPECT_EQ(ThePreferences.ComPort, 3);
+    EXPECT_EQ(ThePreferences.AdapterModel, ModelZyXEL);
+    EXPECT_EQ(ThePreferences.AdapterVariant, 1);
+    EXPECT_EQ(ThePreferences.MaxPortSpeed, 230400u);
+    EXPECT_EQ(ThePreferences.SelectedPortSpeed, 230400u);
+    EXPECT_EQ(SpeedClass.load(), 2);
+    EXPECT_EQ(AdapterFound.load(), 1);
+    EXPECT_EQ(LinePollingEnabled.load(), 1);
+    EXPECT_EQ(adapter.Far().Speed(), 230400u);
+    EXPECT_TRUE(Controls().MenuItemChecked(ID_PORT_SPEED_230400));
+    EXPECT_FALSE(Controls().MenuItemChecked(ID_PORT_SPEED_115200));
+    EXPECT_TRUE(MainLoop().TimerRunning(TimerHotFolders));
+    EXPECT_EQ(Controls().Text(IDC_OWN_NUMBER), "Your ISDN Number: 5552864     ZyXEL Elite 2864i");
+    EXPECT_TRUE(Messages().empty());
+
+    const Texts logged = Logged();
+    const Texts expected = {"Searching Comm Port 1",
+                            "Searching Comm Port 2",
+                            "Searching Comm Port 3",
+                            "Testing 57600 bps...",
+                            "Testing 115200 bps...",
+                            "Testing 230400 bps...",
+                            "Test Successful through 230400 bps.",
+                            "Initializing Incoming: V.120 - 64K",
+                            "2B channel connection OFF",
+                            "V.42bis compression OFF"};
+    EXPECT_EQ(logged, expected);
+
+    const std::vector<ReceivedCommand> commands = adapter.Commands();
+    ASSERT_GE(commands.size(), 3u);
+    EXPECT_EQ(commands[0].text, "atv1");
+    EXPECT_EQ(commands[0].speed, 9600u) << "the search starts at 9600 bps";
+    EXPECT_EQ(commands.back().text, "AT&H3&D0&C1&E0&S0Q0E1V1B20&O2S0=0X1&J0&K00");
+    EXPECT_EQ(commands.back().speed, 230400u);
+}
+
+TEST_F(LineTest, ShiftSearchesAgainFromTheFirstPortAtTheSearchSpeed) {
+    ThePreferences.ComPort = 3;
+    ThePreferences.MaxPortSpeed = 57600;
+    ThePreferences.AdapterModel = ModelZyXEL;
+    ThePreferences.AdapterVariant = 1;
+    SetKeyStateQuery([](Key key) { return key == Key::Shift; });
+    AdapterScript script = ThreeComScript();
+    ScriptedAdapter& adapter = Attach(1, RespondAs(script));
+
+    EXPECT_EQ(FindAdapter(), 1);
+    EXPECT_EQ(ThePreferences.ComPort, 1);
+    EXPECT_EQ(ThePreferences.AdapterModel, Model3Com);
+    EXPECT_EQ(ThePreferences.MaxPortSpeed, 230400u) << "the speed is tested anew";
+    EXPECT_EQ(Logged().front(), "Searching Comm Port 1");
+    const std::vector<ReceivedCommand> commands = adapter.Commands();
+    ASSERT_FALSE(commands.empty());
+    EXPECT_EQ(commands[0].speed, 9600u);
+    EXPECT_EQ(Controls().Text(IDC_OWN_NUMBER), "Your ISDN Number: 5553882     3ComImpact IQ");
+}
+
+TEST_F(LineTest, QuickStartGoesToTheSavedPortAndSpeedWithoutTesting) {
+    ThePreferences.ComPort = 2;
+    ThePreferences.MaxPortSpeed = 230400;
+    ThePreferences.SelectedPortSpeed = 115200;
+    ThePreferences.AdapterModel = ModelBitSURFR;
+    ScriptedAdapter& adapter = Attach(2, RespondAs(BitsurfrScript()));
+
+    EXPECT_EQ(FindAdapter(), 1);
+    EXPECT_EQ(SpeedClass.load(), 2);
+    EXPECT_EQ(adapter.Far().Speed(), 115200u);
+    EXPECT_TRUE(Controls().MenuItemChecked(ID_PORT_SPEED_115200));
+    EXPECT_FALSE(Controls().MenuItemChecked(ID_PORT_SPEED_230400));
+    EXPECT_EQ(Logged().front(), "Port speed set to 115200 bps.");
+    const std::vector<ReceivedCommand> commands = adapter.Commands();
+    ASSERT_GE(commands.size(), 4u);
+    EXPECT_EQ(commands[0].text, "atv1");
+    EXPECT_EQ(commands[0].speed, 115200u);
+    EXPECT_EQ(commands[1].text, "ati0");
+    EXPECT_EQ(commands[2].text, "ati8");
+    EXPECT_EQ(commands[3].text, "AT!N1?") << "no speed test, no speed command";
+    EXPECT_EQ(LinePollingEnabled.load(), 1);
+    EXPECT_EQ(Controls().Text(IDC_OWN_NUMBER), "Your ISDN Number: 5552001     BitSURFR Pro");
+}
+
+TEST_F(LineTest, QuickStartResumesTheSavedTopSpeed) {
+    ThePreferences.ComPort = 4;
+    ThePreferences.MaxPortSpeed = 230400;
+    ThePreferences.SelectedPortSpeed = 230400;
+    ThePreferences.AdapterModel = ModelBitSURFR;
+    ScriptedAdapter& adapter = Attach(4, RespondAs(BitsurfrScript()));
+
+    EXPECT_EQ(FindAdapter(), 1);
+    EXPECT_EQ(adapter.Far().Speed(), 230400u);
+    EXPECT_TRUE(Controls().MenuItemChecked(ID_PORT_SPEED_230400));
+    EXPECT_EQ(Logged().front(), "Port speed set to 230400 bps.");
+    const std::vector<ReceivedCommand> commands = adapter.Commands();
+    ASSERT_GE(commands.size(), 4u);
+    EXPECT_EQ(commands[3].text, "AT@P2=230400");
+    EXPECT_EQ(commands[3].speed, 115200u) << "the speed command goes out at the old speed";
+}
+
+TEST_F(LineTest, QuickStartAtASlowPortRemovesTheSpeedMenu) {
+    ThePreferences.ComPort = 1;
+    ThePreferences.MaxPortSpeed = 57600;
+    ThePreferences.AdapterModel = ModelAdTran;
+    ThePreferences.IncomingProtocol = 1;
+    ScriptedAdapter& adapter = Attach(1, RespondAs(AdtranScript(false)));
+
+    EXPECT_EQ(FindAdapter(), 1);
+    EXPECT_EQ(SpeedClass.load(), 1);
+    EXPECT_EQ(adapter.Far().Speed(), 57600u);
+    EXPECT_FALSE(Controls().HasMenuItem(ID_PORT_SPEED_115200));
+    ASSERT_EQ(Controls().Menus().size(), 1u);
+    EXPECT_EQ(Controls().Menus()[0].title, "&File");
+    EXPECT_EQ(Logged().front(), "Port speed set to 57600 bps.");
+    EXPECT_EQ(ThePreferences.IncomingProtocol, 0) << "no AIMUX on a slow port";
+    EXPECT_EQ(RowTexts(IDC_IN_PROTOCOL), (Texts{"V.120"}));
+}
+
+TEST_F(LineTest, AdtranWithItsSwitchAt230400IsTakenAsSavedAtTopSpeed) {
+    ThePreferences.ComPort = 2;
+    ThePreferences.MaxPortSpeed = 115200;
+    ThePreferences.SelectedPortSpeed = 230400;
+    ThePreferences.AdapterModel = ModelAdTran;
+    ThePreferences.AdapterVariant = 0;
+    // The reply names the XRT; this route does not identify again.
+    AdapterScript script = AdtranScript(true);
+    script.numberQuery = "ATSS62?";
+    ScriptedAdapter& adapter = Attach(2, RespondAs(script));
+
+    EXPECT_EQ(FindAdapter(), 1);
+    EXPECT_EQ(ThePreferences.MaxPortSpeed, 230400u);
+    EXPECT_EQ(ThePreferences.AdapterVariant, 0);
+    EXPECT_EQ(AdapterFound.load(), 1);
+    EXPECT_EQ(SpeedClass.load(), 2);
+    EXPECT_EQ(adapter.Far().Speed(), 230400u);
+    EXPECT_TRUE(Controls().MenuItemChecked(ID_PORT_SPEED_230400));
+    const std::vector<ReceivedCommand> commands = adapter.Commands();
+    ASSERT_GE(commands.size(), 5u);
+    const Texts first = {commands[0].text, commands[1].text, commands[2].text, commands[3].text};
+    EXPECT_EQ(first, (Texts{"AT", "atv1", "ati0", "ATSS62?"}));
+    EXPECT_EQ(commands[0].speed, 230400u);
+    const Texts logged = Logged();
+    ASSERT_FALSE(logged.empty());
+    EXPECT_EQ(logged[0], "Port speed set to 230400 bps.");
+    EXPECT_EQ(logged[1], "Initializing Incoming: V.120 - 64K");
+    EXPECT_EQ(LinePollingEnabled.load(), 1);
+}
+
+TEST_F(LineTest, FailuresOfTheQuickStart) {
+    // The DIP-switch route on a port that cannot be opened: no message.
+    ThePreferences.ComPort = 2;
+    ThePreferences.MaxPortSpeed = 230400;
+    ThePreferences.SelectedPortSpeed = 230400;
+    ThePreferences.AdapterModel = ModelAdTran;
+    EXPECT_EQ(FindAdapter(), 0);
+    EXPECT_TRUE(Messages().empty());
+    EXPECT_TRUE(Logged().empty());
+
+    // Any other saved port that does not answer: the message, the line, and
+    // no search of the other ports.
+    ThePreferences.AdapterModel = ModelZyXEL;
+    Attach(1, RespondAs(ZyxelScript("2864")));
+    EXPECT_EQ(FindAdapter(), 0);
+    EXPECT_EQ(Messages(), (Texts{NoAdapterMessage}));
+    EXPECT_EQ(Logged(), (Texts{"ISDN TA not found."}));
+    EXPECT_EQ(AdapterFound.load(), 0);
+    EXPECT_EQ(LinePollingEnabled.load(), 0);
+    EXPECT_FALSE(MainLoop().TimerRunning(TimerHotFolders));
+    EXPECT_TRUE(adapters[0]->Commands().empty());
+}
+
+}  // namespace

@@ -1,0 +1,219 @@
+#include "line_fixture.h"
+
+#include <cstring>
+
+#include "line/adapter.h"
+#include "line/comm_port.h"
+#include "line/profiles.h"
+#include "platform/control_model.h"
+#include "platform/event_loop.h"
+#include "platform/key_state.h"
+#include "platform/message_box.h"
+#include "resources/resource.h"
+#include "stores/paths.h"
+#include "stores/preferences.h"
+#include "stores/status_log.h"
+
+namespace {
+
+std::string Lines(const std::string& command, const std::vector<std::string>& lines) {
+    std::string reply = command + "\r\r\n";
+    for (const std::string& line : lines) {
+        reply += line + "\r\n\r\n";
+    }
+    return reply + "OK\r\n";
+}
+
+}  // namespace
+
+void MakeWindowControls() {
+    ControlModel& controls = Controls();
+    controls.Reset();
+    auto list = [&](int id, std::vector<std::string> rows) {
+        ControlState state;
+        state.id = id;
+        state.kind = ControlKind::DropDown;
+        for (const std::string& row : rows) {
+            state.rows.push_back({row, "", 0});
+        }
+        controls.Create(state);
+    };
+    auto box = [&](int id, const char* text, bool shown) {
+        ControlState state;
+        state.id = id;
+        state.kind = ControlKind::CheckBox;
+        state.text = text;
+        state.shown = shown;
+        controls.Create(state);
+    };
+    list(IDC_PROTOCOL, {"V.120", "AIMUX", "X.75"});
+    list(IDC_CARRIER, {"Default", "AT&T", "MCI", "Sprint"});
+    list(IDC_IN_PROTOCOL, {"V.120", "AIMUX", "X.75"});
+    box(IDC_56K, "56K", true);
+    box(IDC_2B, "2B", false);
+    box(IDC_V42, "V.42", false);
+    box(IDC_IN_56K, "56K", true);
+    box(IDC_IN_2B, "2B", false);
+    box(IDC_IN_V42, "V.42", false);
+    box(IDC_IGNORE_HOT, "Ignore Hot Folders", true);
+    ControlState number;
+    number.id = IDC_OWN_NUMBER;
+    number.kind = ControlKind::Label;
+    number.text = "Your ISDN Number: ";
+    number.enabled = false;
+    controls.Create(number);
+    controls.SetMenus({
+        {"&File",
+         {{ID_FILE_EXPORT_ENTRY, "&Export Directory Entry...", false},
+          {0, "", false},
+          {ID_FILE_EXIT, "E&xit", false}}},
+        {"&Port Speed",
+         {{ID_PORT_SPEED_115200, "115200", false}, {ID_PORT_SPEED_230400, "230400", false}}},
+    });
+}
+
+AdapterScript BitsurfrScript() {
+    AdapterScript script;
+    script.identity0 = {"960"};
+    script.identity8 = {"BitSURFR Pro ISDN Terminal Adapter"};
+    script.numberQuery = "AT!N1?";
+    script.numberReply = "AT!N1?\r\r\n5552001\r\nOK\r\n";
+    return script;
+}
+
+AdapterScript AdtranScript(bool xrt) {
+    AdapterScript script;
+    script.identity0 = {xrt ? "ADTRAN EXPRESS XRT ISDN" : "ADTRAN EXPRESS XR ISDN", "Rev. B"};
+    script.numberQuery = xrt ? "ATSS63?" : "ATSS62?";
+    script.numberReply = Lines(script.numberQuery, {xrt ? "5552063" : "5552062"});
+    return script;
+}
+
+AdapterScript ZyxelScript(const std::string& modelNumber) {
+    AdapterScript script;
+    script.identity0 = {"ZyXEL " + modelNumber, "V 2.17"};
+    script.numberQuery = "AT&ZI?";
+    script.numberReply = Lines("AT&ZI?", {"(MultiAuto):(5552864)"});
+    return script;
+}
+
+AdapterScript ThreeComScript() {
+    AdapterScript script;
+    script.identity0 = {"3Com Impact IQ 3C882"};
+    script.numberQuery = "ATS51?";
+    script.numberReply = Lines("ATS51?", {"5553882"});
+    return script;
+}
+
+ScriptedAdapter::Responder RespondAs(AdapterScript script) {
+    return [script](const std::string& command, uint32_t speed) -> std::string {
+        if (speed > script.maxSpeed) {
+            return "";
+        }
+        if (script.unanswered.count(command) != 0) {
+            return EchoOnly(command);
+        }
+        if (command == "ati0") {
+            return Lines(command, script.identity0);
+        }
+        if (command == "ati8") {
+            return Lines(command, script.identity8);
+        }
+        if (!script.numberQuery.empty() && command == script.numberQuery) {
+            return script.numberReply;
+        }
+        return Answer(command);
+    };
+}
+
+void LineTest::SetUp() {
+    SetLogLineSink([this](const std::string& line) {
+        std::lock_guard<std::mutex> guard(lock_);
+        logged_.push_back(line);
+    });
+    SetMessageBoxHandler([this](const std::string& text) {
+        if (messageHook) {
+            messageHook(text);
+        }
+        std::lock_guard<std::mutex> guard(lock_);
+        messages_.push_back(text);
+    });
+    SetKeyStateQuery(nullptr);
+    BuildPaths(root.Path());
+    ThePreferences = Preferences{};
+    ThePreferences.MaxPortSpeed = DefaultMaxPortSpeed;
+    AdapterFound.store(0);
+    SpeedClass.store(0);
+    SetLinePolling(0);
+    RateEstimate.store(0);
+    std::memset(LocalNumber, 0, sizeof LocalNumber);
+    std::memset(TokenBuffer, 0, TokenBufferSize);
+    MakeWindowControls();
+    MainLoop().KillTimer(TimerHotFolders);
+    ASSERT_EQ(CommPortCreate(), 1);
+    // A port with nothing linked would be a real /dev/ttyS*: every port of
+    // the installation is a plain file until a test attaches an adapter.
+    for (int port = 1; port <= 4; ++port) {
+        NoDeviceAt(port);
+    }
+}
+
+void LineTest::TearDown() {
+    CommPortDestroy();
+    adapters.clear();
+    MainLoop().KillTimer(TimerHotFolders);
+    SetKeyStateQuery(nullptr);
+    SetMessageBoxHandler(nullptr);
+    SetLogLineSink(nullptr);
+}
+
+ScriptedAdapter& LineTest::Attach(int port, ScriptedAdapter::Responder responder) {
+    adapters.push_back(std::make_unique<ScriptedAdapter>(std::move(responder)));
+    adapters.back()->Far().LinkAs(root.Path(), port);
+    return *adapters.back();
+}
+
+void LineTest::NoDeviceAt(int port) {
+    WriteWholeFile(root / ("COM" + std::to_string(port)), "not a port");
+}
+
+void LineTest::OpenPort(int port, uint32_t speed) {
+    SelectPortNumber(static_cast<uint8_t>(port));
+    SelectPortBaud(speed);
+    ASSERT_NE(CommPortOpen(), 0);
+    ASSERT_EQ(EnableHardwareHandshake(), 1);
+}
+
+std::vector<std::string> LineTest::Logged() const {
+    std::lock_guard<std::mutex> guard(lock_);
+    return logged_;
+}
+
+std::vector<std::string> LineTest::Messages() const {
+    std::lock_guard<std::mutex> guard(lock_);
+    return messages_;
+}
+
+void LineTest::ClearLogged() {
+    std::lock_guard<std::mutex> guard(lock_);
+    logged_.clear();
+    messages_.clear();
+}
+
+std::vector<std::string> LineTest::LoggedFrom(const std::string& first) const {
+    std::vector<std::string> lines = Logged();
+    for (size_t i = 0; i < lines.size(); ++i) {
+        if (lines[i] == first) {
+            return std::vector<std::string>(lines.begin() + static_cast<long>(i), lines.end());
+        }
+    }
+    return {};
+}
+
+std::vector<std::string> RowTexts(int id) {
+    std::vector<std::string> texts;
+    for (const ListRow& row : Controls().Rows(id)) {
+        texts.push_back(row.text);
+    }
+    return texts;
+}

@@ -1,0 +1,71 @@
+// What the line's tests share: an installation in a fresh folder with the
+// window's controls and menus that the line drives, the log and the messages
+// caught, and adapters played by the test on pseudo-terminals linked as COMn.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "scripted_adapter.h"
+#include "support/temp_folder.h"
+
+// How a scripted adapter of one family answers.
+struct AdapterScript {
+    std::vector<std::string> identity0;  // lines for "ati0"
+    std::vector<std::string> identity8;  // lines for "ati8"
+    std::string numberQuery;             // the family's query of its own number
+    std::string numberReply;             // the whole answer to it, echo included
+    uint32_t maxSpeed = 230400;          // silent above this port speed
+    std::set<std::string> unanswered;    // commands that get their echo and no OK
+};
+
+// Scripts of the families as the tests' adapters present themselves.
+AdapterScript BitsurfrScript();
+AdapterScript AdtranScript(bool xrt);
+AdapterScript ZyxelScript(const std::string& modelNumber);
+AdapterScript ThreeComScript();
+
+// Answers as the script says: the identities, the number, "OK" to all else,
+// nothing at all above the top speed.
+ScriptedAdapter::Responder RespondAs(AdapterScript script);
+
+class LineTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Plays an adapter on port n of the installation.
+    ScriptedAdapter& Attach(int port, ScriptedAdapter::Responder responder);
+    // Makes port n a plain file: a port that cannot be opened, found at once.
+    void NoDeviceAt(int port);
+    // Opens port n at the speed with RTS/CTS, as the program has it after a find.
+    void OpenPort(int port, uint32_t speed);
+
+    std::vector<std::string> Logged() const;
+    std::vector<std::string> Messages() const;
+    void ClearLogged();
+    // The lines logged, from the first that equals first onwards.
+    std::vector<std::string> LoggedFrom(const std::string& first) const;
+
+    TempFolder root;
+    std::vector<std::unique_ptr<ScriptedAdapter>> adapters;
+    // Called with each message as it is shown, before it is acknowledged.
+    std::function<void(const std::string&)> messageHook;
+
+private:
+    mutable std::mutex lock_;
+    std::vector<std::string> logged_;
+    std::vector<std::string> messages_;
+};
+
+// The window's controls and menus as the window makes them at its start.
+void MakeWindowControls();
+// The rows of a list control.
+std::vector<std::string> RowTexts(int id);

@@ -1,0 +1,249 @@
+#include "line/port_speed.h"
+
+#include <gtest/gtest.h>
+
+#include <mutex>
+
+#include "line/adapter.h"
+#include "line/comm_port.h"
+#include "line_fixture.h"
+#include "platform/control_model.h"
+#include "platform/message_box.h"
+#include "resources/resource.h"
+#include "stores/preferences.h"
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+// "AT" n times at the speed.
+std::vector<ReceivedCommand> Tests(int n, uint32_t speed) {
+    return std::vector<ReceivedCommand>(static_cast<size_t>(n), ReceivedCommand{"AT", speed});
+}
+
+std::vector<ReceivedCommand> Join(std::initializer_list<std::vector<ReceivedCommand>> parts) {
+    std::vector<ReceivedCommand> all;
+    for (const auto& part : parts) {
+        all.insert(all.end(), part.begin(), part.end());
+    }
+    return all;
+}
+
+// The commands as "text@speed", so that a mismatch shows both; a speed of 0
+// in the expectation stands for any, where the command and a change of speed
+// race each other on the line.
+Texts Described(const std::vector<ReceivedCommand>& commands,
+                const std::vector<ReceivedCommand>& pattern) {
+    Texts texts;
+    for (size_t i = 0; i < commands.size(); ++i) {
+        const bool anySpeed = i < pattern.size() && pattern[i].speed == 0;
+        texts.push_back(commands[i].text + "@" +
+                        (anySpeed ? std::string("any") : std::to_string(commands[i].speed)));
+    }
+    return texts;
+}
+
+Texts Described(const std::vector<ReceivedCommand>& pattern) {
+    return Described(pattern, pattern);
+}
+
+class PortSpeedTest : public LineTest {
+protected:
+    // An adapter found on port n by the search: the port at 9600 bps.
+    ScriptedAdapter& FoundAt(int port, int16_t model, AdapterScript script) {
+        ThePreferences.AdapterModel = model;
+        AdapterFound.store(1);
+        ScriptedAdapter& adapter = Attach(port, RespondAs(std::move(script)));
+        OpenPort(port, 9600);
+        return adapter;
+    }
+};
+
+TEST_F(PortSpeedTest, LadderOfEachFamily) {
+    struct LadderCase {
+        const char* name;
+        int16_t model;
+        AdapterScript script;
+        std::vector<ReceivedCommand> commands;
+        Texts logged;
+        uint32_t maxSpeed;
+        uint32_t portSpeed;
+    };
+    const ReceivedCommand start{"ATE1V1", 9600};
+    const Texts through230400 = {"Testing 57600 bps...", "Testing 115200 bps...",
+                                 "Testing 230400 bps...", "Test Successful through 230400 bps."};
+    const LadderCase cases[] = {
+        {"BitSURFR", ModelBitSURFR, BitsurfrScript(),
+         Join({{start},
+               Tests(5, 57600),
+               Tests(5, 115200),
+               {{"AT@P2=230400", 115200}},
+               Tests(5, 230400)}),
+         through230400, 230400, 230400},
+        {"3Com", Model3Com, ThreeComScript(),
+         Join({{start}, Tests(5, 57600), Tests(5, 115200), {{"AT$B230400", 0}}, Tests(5, 230400)}),
+         through230400, 230400, 230400},
+        {"ZyXEL", ModelZyXEL, ZyxelScript("2864"),
+         Join({{start}, Tests(5, 57600), Tests(5, 115200), Tests(5, 230400)}), through230400,
+         230400, 230400},
+        {"AdTran",
+         ModelAdTran,
+         AdtranScript(false),
+         Join({{start}, Tests(5, 57600), Tests(5, 115200)}),
+         {"Testing 57600 bps...", "Testing 115200 bps...", "Test Successful through 115200 bps."},
+         230400,
+         115200},
+    };
+    int port = 1;
+    for (const LadderCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        ClearLogged();
+        ThePreferences.MaxPortSpeed = 9600;
+        ThePreferences.SelectedPortSpeed = 0;
+        SpeedClass.store(0);
+        ScriptedAdapter& adapter = FoundAt(port++, c.model, c.script);
+
+        QualifyPortSpeed();
+        EXPECT_EQ(Described(adapter.Commands(), c.commands), Described(c.commands));
+        EXPECT_EQ(Logged(), c.logged);
+        EXPECT_TRUE(Messages().empty());
+        EXPECT_EQ(ThePreferences.MaxPortSpeed, c.maxSpeed);
+        EXPECT_EQ(SpeedClass.load(), 2);
+        EXPECT_EQ(adapter.Far().Speed(), c.portSpeed);
+        EXPECT_EQ(ThePort->BaudRate.load(), c.portSpeed);
+        if (c.model == ModelAdTran) {
+            EXPECT_EQ(ThePreferences.SelectedPortSpeed, 115200u)
+                << "the AdTran waits at 115200 for its switch";
+        }
+        CommPortClose();
+    }
+}
+
+TEST_F(PortSpeedTest, AdtranWithItsSwitchAt230400SkipsTheLadder) {
+    ThePreferences.SelectedPortSpeed = 230400;
+    ScriptedAdapter& adapter = FoundAt(1, ModelAdTran, AdtranScript(true));
+    QualifyPortSpeed();
+    EXPECT_FALSE(adapter.WaitForCommands(1, 200));
+    EXPECT_TRUE(Logged().empty());
+    EXPECT_EQ(ThePreferences.MaxPortSpeed, 9600u);
+}
+
+TEST_F(PortSpeedTest, PortThatAnswersAt57600ButNotAt115200) {
+    AdapterScript script = ZyxelScript("2864");
+    script.maxSpeed = 57600;
+    ScriptedAdapter& adapter = FoundAt(2, ModelZyXEL, script);
+
+    QualifyPortSpeed();
+    const std::vector<ReceivedCommand> expected =
+        Join({{{"ATE1V1", 9600}}, Tests(5, 57600), Tests(1, 115200)});
+    EXPECT_EQ(Described(adapter.Commands(), expected), Described(expected));
+    EXPECT_EQ(Messages(), (Texts{"Error testing connection at 115200 bps."}));
+    EXPECT_EQ(ThePreferences.MaxPortSpeed, 57600u);
+    EXPECT_EQ(SpeedClass.load(), 1);
+    EXPECT_EQ(adapter.Far().Speed(), 115200u) << "the port is left where the test failed";
+}
+
+TEST_F(PortSpeedTest, ThreeComThatFailsAt230400IsSentBack) {
+    AdapterScript script = ThreeComScript();
+    script.maxSpeed = 115200;
+    ScriptedAdapter& adapter = FoundAt(3, Model3Com, script);
+
+    QualifyPortSpeed();
+    ASSERT_TRUE(adapter.WaitForCommands(14, 2000));
+    const Texts commands = adapter.CommandTexts();
+    EXPECT_EQ(Texts(commands.end() - 3, commands.end()), (Texts{"AT$B230400", "AT", "AT$B0"}));
+    EXPECT_EQ(Messages(), (Texts{"Error testing connection at 230400 bps."}));
+    EXPECT_EQ(ThePreferences.MaxPortSpeed, 115200u);
+    EXPECT_EQ(SpeedClass.load(), 2);
+    EXPECT_EQ(adapter.Far().Speed(), 115200u);
+    EXPECT_EQ(Logged().back(), "Testing 230400 bps...");
+}
+
+TEST_F(PortSpeedTest, FullSearchChecksTheSpeedItemByFamily) {
+    Attach(2, RespondAs(AdtranScript(false)));
+    EXPECT_EQ(FindAdapter(), 1);
+    EXPECT_EQ(ThePreferences.MaxPortSpeed, 230400u);
+    EXPECT_EQ(ThePreferences.SelectedPortSpeed, 115200u);
+    EXPECT_TRUE(Controls().MenuItemChecked(ID_PORT_SPEED_115200));
+    EXPECT_FALSE(Controls().MenuItemChecked(ID_PORT_SPEED_230400));
+    EXPECT_EQ(ThePort->BaudRate.load(), 115200u);
+    EXPECT_EQ(Controls().Text(IDC_OWN_NUMBER), "Your ISDN Number: 5552062     AdTran Express XR");
+    EXPECT_EQ(RowTexts(IDC_IN_PROTOCOL), (Texts{"V.120", "AIMUX"}));
+}
+
+TEST_F(PortSpeedTest, MenuMovesOfEachFamily) {
+    struct MoveCase {
+        const char* name;
+        int16_t model;
+        AdapterScript script;
+        std::vector<ReceivedCommand> up;
+        std::vector<ReceivedCommand> down;
+        Texts messages;
+    };
+    const MoveCase cases[] = {
+        {"BitSURFR",
+         ModelBitSURFR,
+         BitsurfrScript(),
+         {{"AT@P2=230400", 115200}, {"AT", 230400}},
+         {{"AT@P2=115200", 230400}, {"AT", 115200}},
+         {}},
+        {"3Com", Model3Com, ThreeComScript(), {{"AT$B230400", 0}}, {{"AT$B0", 0}}, {}},
+        {"ZyXEL", ModelZyXEL, ZyxelScript("1292"), {{"AT", 230400}}, {{"AT", 115200}}, {}},
+        {"AdTran",
+         ModelAdTran,
+         AdtranScript(true),
+         {{"AT", 230400}},
+         {{"AT", 115200}},
+         {"Please move DIP switch 1 to the OFF (up) position\ron the back of the AdTran ISDN "
+          "Terminal Adapter.",
+          "Please move DIP switch 1 to the ON (down) position\ron the back of the AdTran ISDN "
+          "Terminal Adapter."}},
+    };
+    int port = 1;
+    for (const MoveCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        ClearLogged();
+        MakeWindowControls();
+        ThePreferences.AdapterModel = c.model;
+        AdapterFound.store(1);
+        ScriptedAdapter& adapter = Attach(port, RespondAs(c.script));
+        OpenPort(port++, 115200);
+        SetLinePolling(1);
+        // While the message about the switch waits for the user, the port
+        // has moved and nothing has been sent yet.
+        std::vector<std::pair<uint32_t, size_t>> atMessage;
+        messageHook = [&](const std::string&) {
+            atMessage.push_back({adapter.Far().Speed(), adapter.Commands().size()});
+        };
+
+        OnPortSpeed230400();
+        ASSERT_TRUE(adapter.WaitForCommands(c.up.size(), 2000));
+        EXPECT_EQ(Described(adapter.Commands(), c.up), Described(c.up));
+        EXPECT_EQ(ThePort->BaudRate.load(), 230400u);
+        EXPECT_TRUE(Controls().MenuItemChecked(ID_PORT_SPEED_230400));
+        EXPECT_FALSE(Controls().MenuItemChecked(ID_PORT_SPEED_115200));
+        EXPECT_EQ(ThePreferences.SelectedPortSpeed, 230400u);
+        EXPECT_EQ(LinePollingEnabled.load(), 1);
+
+        adapter.ClearCommands();
+        OnPortSpeed115200();
+        ASSERT_TRUE(adapter.WaitForCommands(c.down.size(), 2000));
+        EXPECT_EQ(Described(adapter.Commands(), c.down), Described(c.down));
+        EXPECT_EQ(adapter.Far().Speed(), 115200u);
+        EXPECT_TRUE(Controls().MenuItemChecked(ID_PORT_SPEED_115200));
+        EXPECT_FALSE(Controls().MenuItemChecked(ID_PORT_SPEED_230400));
+        EXPECT_EQ(ThePreferences.SelectedPortSpeed, 115200u);
+        EXPECT_EQ(Logged(), (Texts{"Port speed changed to 230400 bps.",
+                                   "Port speed changed to 115200 bps."}));
+        EXPECT_EQ(Messages(), c.messages);
+        if (c.model == ModelAdTran) {
+            const std::vector<std::pair<uint32_t, size_t>> expected = {{230400, 0}, {115200, 0}};
+            EXPECT_EQ(atMessage, expected);
+        }
+        messageHook = nullptr;
+        SetLinePolling(0);
+        CommPortClose();
+    }
+}
+
+}  // namespace
