@@ -187,21 +187,21 @@ int RowOfProtocol(int id, int protocol) {
 
 }  // namespace
 
-void ShowLocalNumber() {
-    if (AdapterFound.load() == 0) {
-        Controls().Enable(IDC_OWN_NUMBER, false);
-        return;
-    }
-    // The reply is read here, so the communications thread stays off the
-    // port, and out of the buffer, until it has been taken apart.
+namespace {
+
+// Asks the adapter for its own number and takes it out of the reply into
+// LocalNumber. The label names the model. False when the adapter did not
+// answer, or answered without a number in the form its family gives it.
+bool ReadLocalNumber(const char*& label) {
+    // The reply is taken apart in TokenBuffer, so the communications thread
+    // stays off the port, and out of the buffer, until that is done.
     PortConversation conversation;
     std::memset(TokenBuffer, 0, TokenBufferSize);
     std::string_view number;
-    const char* label = "";
     switch (Model()) {
         case ModelBitSURFR:
             if (!SendAndWaitOk("AT!N1?")) {
-                return;
+                return false;
             }
             number = DigitsBeforeOk(TokenBuffer);
             label = "     BitSURFR Pro";
@@ -210,27 +210,41 @@ void ShowLocalNumber() {
             const bool xrt = ThePreferences.AdapterVariant == 1;
             if (!SendAndWaitOk(xrt ? "ATSS63?" : "ATSS62?") ||
                 !NumberOnSecondLine(TokenBuffer, number)) {
-                return;
+                return false;
             }
             label = xrt ? "     AdTran Express XRT" : "     AdTran Express XR";
             break;
         }
         case ModelZyXEL:
             if (!SendAndWaitOk("AT&ZI?") || !NumberInBrackets(TokenBuffer, number)) {
-                return;
+                return false;
             }
             label = ZyxelLabel(ThePreferences.AdapterVariant);
             break;
         case Model3Com:
             if (!SendAndWaitOk("ATS51?") || !NumberOnSecondLine(TokenBuffer, number)) {
-                return;
+                return false;
             }
             label = "     3ComImpact IQ";
             break;
         default:
-            return;
+            return false;
     }
     StoreLocalNumber(number);
+    return true;
+}
+
+}  // namespace
+
+void ShowLocalNumber() {
+    if (AdapterFound.load() == 0) {
+        Controls().Enable(IDC_OWN_NUMBER, false);
+        return;
+    }
+    const char* label = "";
+    if (!ReadLocalNumber(label)) {
+        return;
+    }
     Controls().SetText(IDC_OWN_NUMBER, std::string(kNumberCaption) + LocalNumber + label);
     Controls().Enable(IDC_OWN_NUMBER, true);
 }
