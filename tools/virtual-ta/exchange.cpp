@@ -197,7 +197,12 @@ void Exchange::HandlePoll(const pollfd* entries, uint64_t now) {
         }
         if ((events & (POLLIN | POLLERR | POLLHUP)) != 0 && WantsRead(a)) {
             if (a.mode == AdapterMode::Data) {
-                ReadData(a, now);
+                // Take a few runs while they come, so that a fast stream
+                // costs fewer trips through the loop.
+                for (int run = 0;
+                     run < 8 && a.mode == AdapterMode::Data && WantsRead(a) && ReadData(a, now) > 0;
+                     ++run) {
+                }
             } else {
                 ReadCommandPort(a, now);
             }
@@ -308,9 +313,11 @@ void Exchange::EditLine(Adapter& adapter, char c, uint64_t now) {
         return;
     }
     if (c == static_cast<char>(adapter.Setting("S5"))) {
-        adapter.line.pop_back();
-        Echo(adapter, c);
-        adapter.inLine = !adapter.line.empty();
+        // Backspace takes back what was typed after the "AT".
+        if (adapter.line.size() > 2) {
+            adapter.line.pop_back();
+            Echo(adapter, c);
+        }
         return;
     }
     if (adapter.line.size() == 1) {
@@ -570,11 +577,12 @@ void Exchange::Connect(Call& call, uint64_t now) {
     }
     call.bytesPerSecond = perChannel * static_cast<uint64_t>(call.channels);
     // The line holds about 50 ms of data each way, so that a sender is held
-    // back close to the pace of the line.
+    // back close to the pace of the line; an unthrottled line holds enough
+    // for large runs.
     const size_t capacity =
         call.bytesPerSecond == 0
-            ? 262144
-            : static_cast<size_t>(std::clamp<uint64_t>(call.bytesPerSecond / 20, 4096, 262144));
+            ? 65536
+            : static_cast<size_t>(std::clamp<uint64_t>(call.bytesPerSecond / 20, 4096, 65536));
     call.up = std::make_unique<DataPath>(capacity, call.bytesPerSecond, now);
     call.down = std::make_unique<DataPath>(capacity, call.bytesPerSecond, now);
     ArmFaults(caller, *call.up);
@@ -713,13 +721,13 @@ void Exchange::Sweep() {
 // ---------------------------------------------------------------------------
 // Data mode.
 
-void Exchange::ReadData(Adapter& adapter, uint64_t now) {
+size_t Exchange::ReadData(Adapter& adapter, uint64_t now) {
     Call& call = *adapter.call;
     DataPath& path = call.From(adapter);
     size_t room = 0;
     uint8_t* area = path.WriteArea(room);
     if (room == 0) {
-        return;
+        return 0;
     }
     size_t count = 0;
     const bool fromPushback = !adapter.pushback.empty();
@@ -738,7 +746,7 @@ void Exchange::ReadData(Adapter& adapter, uint64_t now) {
             adapter.emptySince = now;
         }
         adapter.blind = false;
-        return;
+        return 0;
     }
     // The escape: "+++" after a silence of the guard time, and followed by
     // one. Silence counts only as far as the port was watched.
@@ -773,6 +781,7 @@ void Exchange::ReadData(Adapter& adapter, uint64_t now) {
     }
     adapter.blind = false;
     Pump(call, now);
+    return count;
 }
 
 void Exchange::CheckEscape(Call& call, Adapter& end, uint64_t now) {

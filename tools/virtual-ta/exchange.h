@@ -72,7 +72,8 @@ private:
                       uint64_t now);
     void EditLine(Adapter& adapter, char c, uint64_t now);
     void RunLine(Adapter& adapter, uint64_t now);
-    void ReadData(Adapter& adapter, uint64_t now);
+    // Takes one run of data from the port onto the line: its length.
+    size_t ReadData(Adapter& adapter, uint64_t now);
     bool WantsRead(const Adapter& adapter) const;
 
     // Writing the ports.

@@ -1,0 +1,138 @@
+// The tool's command line, its links, its trace and its end.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "support/temp_folder.h"
+#include "vta_harness.h"
+
+namespace {
+
+bool IsLink(const std::string& path) {
+    struct stat status {};
+    return ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+}
+
+TEST(CommandLine, BadArgumentsGiveOneLineAndExit2) {
+    TempFolder folder;
+    const std::string good = folder / "COM1=bitsurfr:5551000";
+    const std::vector<std::vector<std::string>> cases = {
+        {},
+        {"--rate"},
+        {"--rate", "fast", good},
+        {"--bogus", good},
+        {folder / "COM1=modem:5551000"},
+        {folder / "COM1=bitsurfr:55-51"},
+        {folder / "COM1=bitsurfr:"},
+        {folder / "COM1bitsurfr5551000"},
+        {folder / "missing/COM1=bitsurfr:5551000"},
+        {folder / "COM1=bitsurfr:5551000,max-speed=fast"},
+        {folder / "COM1=bitsurfr:5551000,dip230400"},
+        {folder / "COM1=bitsurfr:5551000,turbo"},
+        {good, folder / "COM2=3com:5551000"},
+        {good, good},
+        {"--fault", "corrupt:5551000", good},
+        {"--fault", "melt:5551000:10", good},
+        {"--fault", "drop:5559999:10", good},
+        {"--fault", "drop:5551000:-1", good},
+        {"--answer-wait", "0", good},
+        {"--trace", folder / "missing/trace.txt", good},
+    };
+    for (const auto& arguments : cases) {
+        std::string shown;
+        for (const auto& argument : arguments) {
+            shown += argument + " ";
+        }
+        const ToolRun run = RunTool(arguments);
+        EXPECT_EQ(run.exitCode, 2) << shown;
+        EXPECT_EQ(run.out, "") << shown;
+        EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << shown << run.err;
+        EXPECT_EQ(run.err.rfind("virtual-ta: ", 0), 0u) << run.err;
+    }
+    EXPECT_FALSE(IsLink(folder / "COM1")) << "no link is left by a refused start";
+}
+
+TEST(CommandLine, HelpDescribesTheAdapters) {
+    const ToolRun run = RunTool({"--help"});
+    EXPECT_EQ(run.exitCode, 0);
+    for (const char* word :
+         {"PATH=FAMILY:NUMBER", "bitsurfr", "adtran-xrt", "zyxel-ta128", "3com", "max-speed=N",
+          "dip230400", "no-dialtone", "--rate", "--fault", "--trace"}) {
+        EXPECT_NE(run.out.find(word), std::string::npos) << word;
+    }
+}
+
+TEST(CommandLine, LinksAreMadeReplacedAndRemoved) {
+    TempFolder folder;
+    ASSERT_EQ(::symlink("/dev/pts/nowhere", (folder / "COM1").c_str()), 0);
+    VirtualTa tool({folder / "COM1=bitsurfr:5551001", folder / "COM2=3com:5551002"});
+    ASSERT_TRUE(tool.Ready());
+    ASSERT_TRUE(IsLink(folder / "COM1"));
+    ASSERT_TRUE(IsLink(folder / "COM2"));
+    {
+        TaPort port(folder / "COM1");
+        ASSERT_TRUE(port.IsOpen()) << "the stale link was replaced";
+        EXPECT_EQ(port.Command("AT"), "AT\r\r\nOK\r\n");
+    }
+    EXPECT_EQ(tool.Stop(), 0);
+    EXPECT_FALSE(IsLink(folder / "COM1"));
+    EXPECT_FALSE(IsLink(folder / "COM2"));
+}
+
+TEST(CommandLine, AnInterruptEndsItCleanly) {
+    TempFolder folder;
+    VirtualTa tool({folder / "COM1=zyxel-omninet:5551001"});
+    ASSERT_TRUE(tool.Ready());
+    EXPECT_TRUE(IsLink(folder / "COM1"));
+    EXPECT_EQ(tool.Stop(SIGINT), 0);
+    EXPECT_FALSE(IsLink(folder / "COM1"));
+}
+
+TEST(CommandLine, APathTakenByAFileIsLeftAlone) {
+    TempFolder folder;
+    WriteWholeFile(folder / "COM1", "mine");
+    const ToolRun run = RunTool({folder / "COM1=bitsurfr:5551000"});
+    EXPECT_NE(run.exitCode, 0);
+    EXPECT_EQ(ReadWholeFile(folder / "COM1"), "mine");
+}
+
+TEST(CommandLine, TheTraceShowsCommandsRepliesAndCallsWhileItRuns) {
+    TempFolder folder;
+    const std::string trace = folder / "trace.txt";
+    VirtualTa tool({"--trace", trace, "--rate", "0", folder / "a=bitsurfr:5551001",
+                    folder / "b=3com:5551002"});
+    ASSERT_TRUE(tool.Ready());
+    TaPort a(folder / "a", 115200);
+    TaPort b(folder / "b", 115200);
+    ASSERT_TRUE(SetUpCall(a, b, "5551002").connected);
+    ASSERT_EQ(TransferBothWays(a, b, "12345", "123", 2000).atA, "123");
+    ::usleep(600000);
+    a.Send("+++");
+    ASSERT_EQ(a.ReadUntil("OK\r\n", 2250), "\r\nOK\r\n");
+    ASSERT_EQ(a.Command("ATH"), "ATH\r\r\nOK\r\n");
+    const std::string text = ReadWholeFile(trace);
+    std::istringstream lines(text);
+    std::string line;
+    int count = 0;
+    while (std::getline(lines, line)) {
+        ++count;
+        // "SECONDS.MMM WHO TEXT"
+        const size_t dot = line.find('.');
+        ASSERT_NE(dot, std::string::npos) << line;
+        EXPECT_EQ(line.find(' '), dot + 4) << line;
+    }
+    EXPECT_GT(count, 5);
+    for (const char* expected :
+         {"5551001 <- ATD5551002", "5551002 -> RING", "5551002 <- ATA", "5551001 -> CONNECT 115200",
+          "5551001 escape to command mode", "5551001 <- ATH",
+          "5551001 sent 5 bytes, 5551002 sent 3 bytes", "5551002 -> NO CARRIER"}) {
+        EXPECT_NE(text.find(expected), std::string::npos) << expected << "\n" << text;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,219 @@
+// Data mode: what passes over a connected call, the escape to command mode
+// and the hang-up, the faults, and the pace of the line.
+#include <gtest/gtest.h>
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <thread>
+
+#include "support/temp_folder.h"
+#include "vta_harness.h"
+
+namespace {
+
+class DataMode : public testing::Test {
+protected:
+    // Alice (a BitSURFR) and Bob (a ZyXEL), connected, both ports at 115200.
+    void Connect(const std::vector<std::string>& extra = {}) {
+        std::vector<std::string> arguments = {folder_ / "alice=bitsurfr:5551001",
+                                              folder_ / "bob=zyxel-2864:5551002"};
+        arguments.insert(arguments.end(), extra.begin(), extra.end());
+        tool_ = std::make_unique<VirtualTa>(arguments);
+        ASSERT_TRUE(tool_->Ready());
+        alice_ = std::make_unique<TaPort>(folder_ / "alice", 115200);
+        bob_ = std::make_unique<TaPort>(folder_ / "bob", 115200);
+        ASSERT_TRUE(SetUpCall(*alice_, *bob_, "5551002").connected);
+    }
+
+    TempFolder folder_;
+    std::unique_ptr<VirtualTa> tool_;
+    std::unique_ptr<TaPort> alice_;
+    std::unique_ptr<TaPort> bob_;
+};
+
+TEST_F(DataMode, AMegabyteEachWayAtOnceArrivesUnchanged) {
+    Connect({"--rate", "0"});
+    const std::string toBob = RandomBytes(1 << 20, 1);
+    const std::string toAlice = RandomBytes(1 << 20, 2);
+    const Transfer transfer = TransferBothWays(*alice_, *bob_, toBob, toAlice, 30000);
+    EXPECT_EQ(transfer.atB.size(), toBob.size());
+    EXPECT_EQ(transfer.atA.size(), toAlice.size());
+    EXPECT_TRUE(transfer.atB == toBob) << "bytes to Bob changed";
+    EXPECT_TRUE(transfer.atA == toAlice) << "bytes to Alice changed";
+}
+
+TEST_F(DataMode, NoByteIsLostWhileTheFarEndDoesNotRead) {
+    Connect({"--rate", "0"});
+    const std::string bytes = RandomBytes(1 << 20, 3);
+    // Bob reads nothing: Alice's port takes a little and then holds her back.
+    size_t written = 0;
+    const int64_t until = MonotonicMs() + 1000;
+    while (MonotonicMs() < until && written < bytes.size()) {
+        const ssize_t n = ::write(alice_->Fd(), bytes.data() + written, bytes.size() - written);
+        if (n > 0) {
+            written += static_cast<size_t>(n);
+        } else {
+            pollfd entry{alice_->Fd(), POLLOUT, 0};
+            ::poll(&entry, 1, 50);
+        }
+    }
+    EXPECT_LT(written, bytes.size() / 4) << "the sender was not held back";
+    // Now Bob reads, and Alice sends the rest as her port takes it.
+    std::string atBob;
+    std::thread reader([&] { atBob = bob_->ReadCount(bytes.size(), 20000); });
+    alice_->Send(std::string_view(bytes).substr(written));
+    reader.join();
+    EXPECT_EQ(atBob.size(), bytes.size());
+    EXPECT_TRUE(atBob == bytes);
+}
+
+TEST_F(DataMode, PlusSignsWithinTheDataPassAsData) {
+    Connect({"--rate", "0"});
+    // Inside a run, and right behind other bytes with silence after.
+    Transfer transfer = TransferBothWays(*alice_, *bob_, "abc+++def", "", 2000);
+    EXPECT_EQ(transfer.atB, "abc+++def");
+    transfer = TransferBothWays(*alice_, *bob_, "xyz+++", "", 2000);
+    EXPECT_EQ(transfer.atB, "xyz+++");
+    EXPECT_EQ(alice_->ReadFor(800), "") << "no escape without silence before it";
+    // After silence, but with more bytes behind it within the guard time.
+    alice_->Send("+++");
+    ::usleep(150000);
+    alice_->Send("more");
+    EXPECT_EQ(bob_->ReadCount(7, 1500), "+++more");
+    EXPECT_EQ(alice_->ReadFor(800), "") << "no escape without silence after it";
+    // Four of them are no escape either.
+    ::usleep(600000);
+    alice_->Send("++++");
+    EXPECT_EQ(bob_->ReadCount(4, 1500), "++++");
+    EXPECT_EQ(alice_->ReadFor(700), "");
+}
+
+TEST_F(DataMode, EscapeAfterSilenceThenHangUpPutsNoCarrierBehindTheData) {
+    Connect({"--rate", "0"});
+    const std::string data = RandomBytes(5000, 4);
+    alice_->Send(data);
+    // Bob does not read yet: the data waits in his port.
+    ::usleep(650000);
+    const int64_t sent = MonotonicMs();
+    alice_->Send("+++");
+    EXPECT_EQ(alice_->ReadUntil("OK\r\n", 2250), "\r\nOK\r\n");
+    const int64_t took = MonotonicMs() - sent;
+    EXPECT_GE(took, 450) << "the OK comes only after the silence behind +++";
+    EXPECT_LE(took, 2250);
+    // Command mode within the call.
+    EXPECT_EQ(alice_->Command("ATI0"), "ATI0\r\r\n960\r\nOK\r\n");
+    EXPECT_EQ(alice_->Command("ATH"), "ATH\r\r\nOK\r\n");
+    // Bob gets all of Alice's data, no "+", and NO CARRIER behind it.
+    EXPECT_EQ(bob_->ReadUntil("NO CARRIER\r\n", 2000), data + "\r\nNO CARRIER\r\n");
+    EXPECT_EQ(bob_->Command("AT"), "AT\r\r\nOK\r\n") << "Bob is in command mode";
+    EXPECT_EQ(alice_->Command("AT"), "AT\r\r\nOK\r\n");
+}
+
+TEST_F(DataMode, OnlineCommandModeHoldsTheFarEndsDataUntilATO) {
+    Connect({"--rate", "0"});
+    ::usleep(600000);
+    alice_->Send("+++");
+    ASSERT_EQ(alice_->ReadUntil("OK\r\n", 2250), "\r\nOK\r\n");
+    bob_->Send("sent while alice talks to her adapter");
+    EXPECT_EQ(alice_->Command("AT"), "AT\r\r\nOK\r\n") << "nothing of Bob's in between";
+    alice_->Send("ATO\r");
+    EXPECT_EQ(alice_->ReadUntil("CONNECT 115200\r\n", 1000), "ATO\r\r\nCONNECT 115200\r\n");
+    const Transfer transfer = TransferBothWays(*alice_, *bob_, "back", "", 2000);
+    EXPECT_EQ(transfer.atA, "sent while alice talks to her adapter");
+    EXPECT_EQ(transfer.atB, "back");
+}
+
+TEST_F(DataMode, FaultsActAtTheirOffsetsOnceAndInOrder) {
+    Connect({"--rate", "0", "--fault", "corrupt:5551002:0", "--fault", "corrupt:5551001:100",
+             "--fault", "corrupt:5551001:7000", "--fault", "drop:5551001:9000"});
+    // Bob's first byte arrives with one bit flipped.
+    const std::string fromBob = RandomBytes(500, 5);
+    Transfer transfer = TransferBothWays(*alice_, *bob_, "", fromBob, 2000);
+    ASSERT_EQ(transfer.atA.size(), fromBob.size());
+    EXPECT_EQ(transfer.atA[0], static_cast<char>(fromBob[0] ^ 0x01));
+    EXPECT_EQ(transfer.atA.substr(1), fromBob.substr(1));
+
+    // Alice's bytes 100 and 7000 are flipped, and the line falls after 9000.
+    // What she sends beyond reaches her adapter in command mode; it holds no
+    // "A", so that none of it starts a command line there.
+    std::string fromAlice = RandomBytes(20000, 6);
+    for (char& byte : fromAlice) {
+        if (byte == 'A' || byte == 'a') {
+            byte = 'B';
+        }
+    }
+    alice_->Send(fromAlice.substr(0, 12000));
+    const std::string atBob = bob_->ReadUntil("NO CARRIER\r\n", 3000);
+    ASSERT_EQ(atBob.size(), 9000 + 14u);
+    EXPECT_EQ(atBob.substr(9000), "\r\nNO CARRIER\r\n");
+    std::string expected = fromAlice.substr(0, 9000);
+    expected[100] = static_cast<char>(expected[100] ^ 0x01);
+    expected[7000] = static_cast<char>(expected[7000] ^ 0x01);
+    EXPECT_TRUE(atBob.substr(0, 9000) == expected);
+    EXPECT_EQ(alice_->ReadUntil("NO CARRIER\r\n", 2000), "\r\nNO CARRIER\r\n");
+
+    // Both are back in command mode; the next call is clean.
+    alice_->ReadFor(200);
+    bob_->ReadFor(200);
+    ASSERT_TRUE(SetUpCall(*alice_, *bob_, "5551002").connected);
+    transfer = TransferBothWays(*alice_, *bob_, fromAlice, fromBob, 5000);
+    EXPECT_TRUE(transfer.atB == fromAlice);
+    EXPECT_TRUE(transfer.atA == fromBob);
+}
+
+TEST_F(DataMode, TheLinePacesAtItsRate) {
+    Connect({"--rate", "20000"});
+    const std::string bytes = RandomBytes(40000, 7);
+    const Transfer transfer = TransferBothWays(*alice_, *bob_, bytes, bytes, 10000);
+    EXPECT_TRUE(transfer.atB == bytes);
+    EXPECT_TRUE(transfer.atA == bytes);
+    // 40000 bytes at 20000 bytes per second each way.
+    EXPECT_NEAR(transfer.seconds, 2.0, 0.2);
+}
+
+// Six adapters in three calls at once: one whose two ends both bundle two
+// channels, one whose answerer does not, and one at 56K.
+TEST(LineRate, TwoChannelsNeedBothEndsAnd56KCarriesSevenEighths) {
+    TempFolder folder;
+    VirtualTa tool({"--rate", "10000", folder / "a=bitsurfr:1", folder / "b=adtran-xr:2",
+                    folder / "c=adtran-xrt:3", folder / "d=bitsurfr:4", folder / "e=zyxel-2864:5",
+                    folder / "f=zyxel-omninet:6"});
+    ASSERT_TRUE(tool.Ready());
+    TaPort a(folder / "a", 115200), b(folder / "b", 115200), c(folder / "c", 115200);
+    TaPort d(folder / "d", 115200), e(folder / "e", 115200), f(folder / "f", 115200);
+    const auto ok = [](TaPort& port, const std::string& profile) {
+        return port.Command(profile) == profile + "\r\r\nOK\r\n";
+    };
+    // AIMUX at 64K on a, b and c; V.120 at 64K on d.
+    ASSERT_TRUE(ok(a, "AT\\Q3%A2=3&M0%A4=0S0=0S12=25&D0&C1W1E1@M2=P@B0=2&R1"));
+    ASSERT_TRUE(ok(b, "AT&F4\\Q3&D0X1S0=0S12=25S53=3S54=2S15=1"));
+    ASSERT_TRUE(ok(c, "AT&F4\\Q3&D0X1S0=0S12=25S53=3S54=2S15=1"));
+    ASSERT_TRUE(ok(d, "AT\\Q3%A2=2%A4=0S0=0S12=25&D0&C1W1E1"));
+    // 2B on both ZyXELs, but e at 56K.
+    ASSERT_TRUE(ok(e, "AT&H3&D0&C1&E1&S0Q0E1V1B20&O2S0=0X1&J3&K00"));
+    ASSERT_TRUE(ok(f, "AT&H3&D0&C1&E0&S0Q0E1V1B20&O2S0=0X1&J3&K00"));
+    ASSERT_TRUE(SetUpCall(a, b, "2").connected);
+    ASSERT_TRUE(SetUpCall(c, d, "4").connected);
+    ASSERT_TRUE(SetUpCall(e, f, "6").connected);
+
+    const std::string forty = RandomBytes(40000, 8);
+    const std::string twenty = RandomBytes(20000, 9);
+    const std::string thirtyFive = RandomBytes(35000, 10);
+    Transfer ab, cd, ef;
+    std::thread one([&] { ab = TransferBothWays(a, b, forty, "", 10000); });
+    std::thread two([&] { cd = TransferBothWays(c, d, twenty, "", 10000); });
+    std::thread three([&] { ef = TransferBothWays(e, f, thirtyFive, "", 10000); });
+    one.join();
+    two.join();
+    three.join();
+    EXPECT_TRUE(ab.atB == forty);
+    EXPECT_TRUE(cd.atB == twenty);
+    EXPECT_TRUE(ef.atB == thirtyFive);
+    EXPECT_NEAR(ab.seconds, 2.0, 0.2) << "two channels of 10000 bytes per second";
+    EXPECT_NEAR(cd.seconds, 2.0, 0.2) << "one channel: the answerer does not bundle";
+    EXPECT_NEAR(ef.seconds, 2.0, 0.2) << "two channels at 56K: 17500 bytes per second";
+}
+
+}  // namespace
