@@ -97,7 +97,8 @@ TEST(CommandLine, APathTakenByAFileIsLeftAlone) {
     TempFolder folder;
     WriteWholeFile(folder / "COM1", "mine");
     const ToolRun run = RunTool({folder / "COM1=bitsurfr:5551000"});
-    EXPECT_NE(run.exitCode, 0);
+    EXPECT_EQ(run.exitCode, 2);
+    EXPECT_EQ(run.out, "");
     EXPECT_EQ(ReadWholeFile(folder / "COM1"), "mine");
 }
 

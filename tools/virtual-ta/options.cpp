@@ -1,5 +1,7 @@
 #include "options.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cctype>
 #include <set>
@@ -100,6 +102,12 @@ bool ParseAdapter(const std::string& text, AdapterSpec& spec, std::string& error
     }
     if (!FolderExists(FolderOf(spec.path))) {
         error = "the folder of '" + spec.path + "' does not exist";
+        return false;
+    }
+    // A link there is replaced; anything else belongs to someone.
+    struct stat status {};
+    if (::lstat(spec.path.c_str(), &status) == 0 && !S_ISLNK(status.st_mode)) {
+        error = "'" + spec.path + "' exists and is not a link";
         return false;
     }
     return true;
