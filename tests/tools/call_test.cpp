@@ -141,6 +141,18 @@ TEST_F(Calls, ABlankBreaksOffAFailingDialToo) {
     EXPECT_EQ(alice.ReadFor(1000), "\r\nNO CARRIER\r\n") << "one result only";
 }
 
+TEST_F(Calls, HangingUpARingingAdapterRefusesTheCall) {
+    Start();
+    TaPort alice(Link("alice"), 115200);
+    TaPort bob(Link("bob"), 115200);
+    alice.Send("ATD5551002\r");
+    EXPECT_EQ(bob.ReadUntil("RING\r\n", 2000), "\r\nRING\r\n");
+    EXPECT_EQ(bob.Command("ATH"), "ATH\r\r\nOK\r\n");
+    EXPECT_EQ(alice.ReadUntil("NO CARRIER\r\n", 1000),
+              "ATD5551002\r\r\nRINGING\r\n\r\nNO CARRIER\r\n");
+    EXPECT_EQ(bob.ReadFor(300), "") << "no more rings";
+}
+
 TEST_F(Calls, ARingRepeatsEveryTwoSecondsUntilTheCallerGivesUp) {
     Start({"--answer-wait", "3"});
     TaPort alice(Link("alice"), 115200);

@@ -113,11 +113,16 @@ TEST_F(DataMode, EscapeAfterSilenceThenHangUpPutsNoCarrierBehindTheData) {
 
 TEST_F(DataMode, OnlineCommandModeHoldsTheFarEndsDataUntilATO) {
     Connect({"--rate", "0"});
+    // The three "+" may come one by one within the guard time.
     ::usleep(600000);
-    alice_->Send("+++");
+    for (int i = 0; i < 3; ++i) {
+        alice_->Send("+");
+        ::usleep(100000);
+    }
     ASSERT_EQ(alice_->ReadUntil("OK\r\n", 2250), "\r\nOK\r\n");
     bob_->Send("sent while alice talks to her adapter");
     EXPECT_EQ(alice_->Command("AT"), "AT\r\r\nOK\r\n") << "nothing of Bob's in between";
+    EXPECT_EQ(alice_->Command("ATD5551002"), "ATD5551002\r\r\nERROR\r\n") << "one call at a time";
     alice_->Send("ATO\r");
     EXPECT_EQ(alice_->ReadUntil("CONNECT 115200\r\n", 1000), "ATO\r\r\nCONNECT 115200\r\n");
     const Transfer transfer = TransferBothWays(*alice_, *bob_, "back", "", 2000);
