@@ -1,0 +1,59 @@
+#include "app/application.h"
+
+#include "engine/transfer_engine.h"
+#include "line/comm_port.h"
+#include "platform/event_loop.h"
+#include "platform/files.h"
+#include "platform/message_box.h"
+#include "stores/directory.h"
+#include "stores/paths.h"
+#include "stores/preferences.h"
+#include "stores/status_log.h"
+
+namespace {
+
+// On every start but the first the folders are there already, so a failure
+// to make them says nothing; the file operations that need them fail by
+// themselves if they are truly missing.
+void EnsureIncomingFolder() {
+    CreateFolder(IncomingPath);
+}
+
+void EnsurePickUpRoot() {
+    CreateFolder(PickUpPath);
+}
+
+}  // namespace
+
+bool TransferApp::InitInstance() {
+    MainWindow window;
+    if (PrepareWindow) {
+        PrepareWindow(window);
+    }
+
+    const std::string root = CurrentFolder();
+    if (root.empty()) {
+        ShowMessageBox("Failed to resolve Current Directory");
+    }
+    BuildPaths(root);
+    // A loader that fails has told the user so itself; the program runs on.
+    LoadPreferences();
+    LoadDirectory();
+    LoadStatusLog();
+    EnsureIncomingFolder();
+    EnsurePickUpRoot();
+
+    window.OnInitDialog();
+    MainLoop().Run();
+    // The loop ends only through the window's two ways out, which prepare
+    // the exit; this call finds it done.
+    window.PrepareExit();
+
+    CommPortClose();
+    CommPortDestroy();
+    if (window.EngineStarted()) {
+        EngineShutdown();
+    }
+    FreeStatusLog();
+    return false;
+}

@@ -1,0 +1,372 @@
+// The directory panel: the list of correspondents and the form that shows and
+// edits one record, and the entry of an exported record.
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "app/main_window.h"
+#include "engine/wire.h"
+#include "line/adapter.h"
+#include "platform/control_model.h"
+#include "platform/files.h"
+#include "platform/message_box.h"
+#include "resources/resource.h"
+#include "stores/directory.h"
+#include "stores/paths.h"
+#include "stores/preferences.h"
+#include "stores/status_log.h"
+
+namespace {
+
+constexpr int kFolderButtons[] = {IDC_MAKE_FOLDER, IDC_FOLDER_EMPTY, IDC_FOLDER_FILLED,
+                                  IDC_HOT_EMPTY, IDC_HOT_FILLED};
+// Entries of a folder listing looked at when counting a pick-up folder's files.
+constexpr size_t kPickUpScanLimit = 100;
+constexpr uint8_t kEntryMagic[4] = {'K', 'B', 'D', 'e'};
+
+bool InRange(int16_t index) {
+    return index >= 0 && index < DirectorySlots;
+}
+
+std::string PickUpFolderOf(const Correspondent& record) {
+    return PickUpPath + "/" + FieldText(record.FirmName);
+}
+
+// Plain files in the record's pick-up folder, or -1 when the folder is gone.
+int PickUpFileCount(const Correspondent& record) {
+    std::vector<FolderEntry> entries;
+    if (!ListFolder(PickUpFolderOf(record), entries)) {
+        return -1;
+    }
+    int count = 0;
+    for (size_t i = 0; i < entries.size() && i < kPickUpScanLimit; ++i) {
+        if (!entries[i].isFolder) {
+            ++count;
+        }
+    }
+    return count;
+}
+
+void EnsureSentFiles(const Correspondent& record) {
+    // Made when missing; an existing folder is what is expected.
+    CreateFolder(PickUpFolderOf(record) + "/Sent Files");
+}
+
+void ShowOnlyFolderButton(int shown) {
+    for (int id : kFolderButtons) {
+        Controls().Show(id, id == shown);
+    }
+}
+
+void ShowForm(bool firm) {
+    Controls().Show(IDC_LABEL_ISDN, firm);
+    Controls().Show(IDC_LABEL_TELEPHONE, !firm);
+}
+
+uint32_t Swapped(int32_t value) {
+    uint32_t raw = static_cast<uint32_t>(value);
+    SwapLong(&raw);
+    return raw;
+}
+
+}  // namespace
+
+void MainWindow::FillDirectoryList() {
+    ControlModel& controls = Controls();
+    controls.ClearRows(IDC_DIRECTORY_LIST);
+    const int16_t count = std::clamp<int16_t>(DirectoryCount.load(), 0, DirectoryMaxRecords);
+    for (int16_t i = 0; i < count; ++i) {
+        controls.AddRow(IDC_DIRECTORY_LIST, ListRow{FieldText(Directory[i].FirmName), "", 0});
+    }
+}
+
+void MainWindow::ShowCorrespondent(int16_t index) {
+    if (!InRange(index)) {
+        return;
+    }
+    ControlModel& controls = Controls();
+    Correspondent& record = Directory[index];
+    controls.Select(IDC_FORM, 0);
+    ShowForm(true);
+    controls.SetText(IDC_NAME, FieldText(record.FirmName));
+    controls.SetText(IDC_NUMBER, FieldText(record.IsdnNumber));
+    // Putting text into the fields is an edit of them, as the user's is.
+    OnEntryEdited();
+
+    int protocolRow = record.Protocol;
+    if (ThePreferences.AdapterModel == ModelZyXEL && record.Protocol == 2) {
+        protocolRow = 1;
+    }
+    // A row the list lacks leaves it with no selection.
+    controls.Select(IDC_PROTOCOL, protocolRow);
+    controls.Select(IDC_CARRIER, record.Carrier);
+    controls.Check(IDC_56K, record.Use56K != 0);
+    controls.Check(IDC_2B, record.Use2B != 0);
+    controls.Check(IDC_V42, record.UseV42 != 0);
+
+    int files = -1;
+    if (record.HasPickUp != 0) {
+        files = PickUpFileCount(record);
+        if (files < 0) {
+            // The folder has gone; the record has none from now on.
+            record.HasPickUp = 0;
+        }
+    }
+    if (record.HasPickUp == 0) {
+        ShowOnlyFolderButton(IDC_MAKE_FOLDER);
+        controls.Show(IDC_HOT_SEND, false);
+        controls.Show(IDC_HOT_RETRIEVE, false);
+    } else {
+        const bool hot = record.HotSend != 0;
+        if (files == 0) {
+            ShowOnlyFolderButton(hot ? IDC_HOT_EMPTY : IDC_FOLDER_EMPTY);
+        } else {
+            ShowOnlyFolderButton(hot ? IDC_HOT_FILLED : IDC_FOLDER_FILLED);
+        }
+        controls.Show(IDC_HOT_SEND, true);
+        controls.Show(IDC_HOT_RETRIEVE, true);
+        controls.Check(IDC_HOT_SEND, hot);
+        controls.Check(IDC_HOT_RETRIEVE, !hot);
+        EnsureSentFiles(record);
+    }
+    UpdateActionButtons();
+}
+
+void MainWindow::ReadCorrespondentForm(int16_t index) {
+    if (!InRange(index)) {
+        return;
+    }
+    ControlModel& controls = Controls();
+    Correspondent& record = Directory[index];
+    if (controls.Selection(IDC_FORM) == 1) {
+        SetFieldText(record.ContactName, controls.Text(IDC_NAME));
+        SetFieldText(record.ContactPhone, controls.Text(IDC_NUMBER));
+    } else {
+        SetFieldText(record.FirmName, controls.Text(IDC_NAME));
+        SetFieldText(record.IsdnNumber, controls.Text(IDC_NUMBER));
+    }
+    int protocol = controls.Selection(IDC_PROTOCOL);
+    // That model's list has no AIMUX row, so its second row is X.75.
+    if (ThePreferences.AdapterModel == ModelZyXEL && protocol == 1) {
+        protocol = 2;
+    }
+    record.Protocol = std::max(protocol, 0);
+    record.Carrier = std::max(controls.Selection(IDC_CARRIER), 0);
+    record.Use56K = controls.Checked(IDC_56K) ? 1 : 0;
+    record.Use2B = controls.Checked(IDC_2B) ? 1 : 0;
+    record.UseV42 = controls.Checked(IDC_V42) ? 1 : 0;
+    record.HotSend = controls.Checked(IDC_HOT_SEND) ? 1 : 0;
+}
+
+void MainWindow::ShowMarkedRecord() {
+    const int16_t count = DirectoryCount.load();
+    for (int16_t i = 0; i < count; ++i) {
+        if (Directory[i].SelectMark != 0) {
+            Controls().Select(IDC_DIRECTORY_LIST, i);
+            currentEntry_.store(i);
+            ShowCorrespondent(i);
+            return;
+        }
+    }
+}
+
+void MainWindow::OnDirectorySelect() {
+    const int row = Controls().Selection(IDC_DIRECTORY_LIST);
+    if (row < 0 || row >= DirectoryCount.load()) {
+        return;
+    }
+    currentEntry_.store(static_cast<int16_t>(row));
+    for (int id : {IDC_CHANGE, IDC_DELETE, IDC_NEW}) {
+        Controls().Enable(id, true);
+    }
+    ShowCorrespondent(static_cast<int16_t>(row));
+    // The estimate follows the settings just shown.
+    RecomputeSendTotal();
+}
+
+void MainWindow::OnDirectoryAdd() {
+    const int16_t count = DirectoryCount.load();
+    if (count >= DirectoryMaxRecords) {
+        ShowMessageBox(
+            "Directory already has 128 entries.\r  Please delete an entry before adding a new "
+            "one.");
+        return;
+    }
+    ReadCorrespondentForm(count);
+    DirectoryCount.store(static_cast<int16_t>(count + 1));
+    for (int16_t i = 0; i <= count; ++i) {
+        Directory[i].SelectMark = 0;
+    }
+    Directory[count].SelectMark = 1;
+    Directory[count].HasPickUp = 0;
+    SortDirectory();
+    FillDirectoryList();
+    SaveDirectory();
+    ShowMarkedRecord();
+    // A new record has no pick-up folder until the user makes one.
+    Controls().Show(IDC_MAKE_FOLDER, true);
+    Controls().Show(IDC_FOLDER_EMPTY, false);
+    Controls().Show(IDC_FOLDER_FILLED, false);
+}
+
+void MainWindow::OnDirectoryChange() {
+    const int16_t current = currentEntry_.load();
+    const int16_t count = DirectoryCount.load();
+    if (current < 0 || current >= count) {
+        return;
+    }
+    ControlModel& controls = Controls();
+    Correspondent& record = Directory[current];
+    const std::string newName = controls.Text(IDC_NAME).substr(0, FirmNameMaxLength);
+    if (record.HasPickUp != 0 && controls.Selection(IDC_FORM) == 0 &&
+        newName != FieldText(record.FirmName)) {
+        // The folder follows the name; a rename that fails shows later as a
+        // folder that has gone.
+        RenamePath(PickUpFolderOf(record), PickUpPath + "/" + newName);
+    }
+    for (int16_t i = 0; i < count; ++i) {
+        Directory[i].SelectMark = 0;
+    }
+    record.SelectMark = 1;
+    ReadCorrespondentForm(current);
+    SortDirectory();
+    FillDirectoryList();
+    SaveDirectory();
+    ShowMarkedRecord();
+}
+
+void MainWindow::OnDirectoryDelete() {
+    const int16_t current = currentEntry_.load();
+    const int16_t count = DirectoryCount.load();
+    if (current < 0 || current >= count) {
+        return;
+    }
+    const Correspondent& record = Directory[current];
+    // A folder that still holds anything keeps its record alive.
+    if (record.HasPickUp != 0 && !RemoveFolder(PickUpFolderOf(record))) {
+        return;
+    }
+    // The zero slot behind the last record moves down with the others.
+    for (int16_t i = current; i < count; ++i) {
+        Directory[i] = Directory[i + 1];
+    }
+    DirectoryCount.store(static_cast<int16_t>(count - 1));
+    SortDirectory();
+    SaveDirectory();
+    FillDirectoryList();
+    currentEntry_.store(-1);
+    OnDirectoryNew();
+}
+
+void MainWindow::OnDirectoryNew() {
+    ControlModel& controls = Controls();
+    controls.SetText(IDC_NAME, "");
+    controls.SetText(IDC_NUMBER, "");
+    controls.Select(IDC_PROTOCOL, 0);
+    controls.Select(IDC_CARRIER, 0);
+    for (int id : {IDC_56K, IDC_2B, IDC_V42}) {
+        controls.Check(id, false);
+    }
+    for (int id : {IDC_ADD, IDC_CHANGE, IDC_DELETE, IDC_NEW}) {
+        controls.Enable(id, false);
+    }
+    ShowOnlyFolderButton(0);
+    controls.Show(IDC_HOT_SEND, false);
+    controls.Show(IDC_HOT_RETRIEVE, false);
+    controls.Select(IDC_DIRECTORY_LIST, -1);
+    controls.Select(IDC_FORM, 0);
+    // The labels follow the form chosen, so an empty form never says
+    // "Telephone:" over a firm's number.
+    ShowForm(true);
+    currentEntry_.store(-1);
+}
+
+void MainWindow::OnFormChange() {
+    const int16_t current = currentEntry_.load();
+    if (current < 0 || current >= DirectoryCount.load()) {
+        return;
+    }
+    ControlModel& controls = Controls();
+    const Correspondent& record = Directory[current];
+    const bool firm = controls.Selection(IDC_FORM) != 1;
+    controls.SetText(IDC_NAME, firm ? FieldText(record.FirmName) : FieldText(record.ContactName));
+    controls.SetText(IDC_NUMBER,
+                     firm ? FieldText(record.IsdnNumber) : FieldText(record.ContactPhone));
+    ShowForm(firm);
+    controls.Enable(IDC_ADD, false);
+    controls.Enable(IDC_CHANGE, true);
+    controls.Enable(IDC_DELETE, firm);
+    controls.Enable(IDC_NEW, true);
+}
+
+void MainWindow::OnEntryEdited() {
+    ControlModel& controls = Controls();
+    // Add stores what the form shows as a new record. In the form "Contact:"
+    // that record would have no firm name, no list row to show and no number
+    // to dial, so Add stays off there.
+    const bool firm = controls.Selection(IDC_FORM) != 1;
+    const bool filled = !controls.Text(IDC_NAME).empty() && !controls.Text(IDC_NUMBER).empty();
+    controls.Enable(IDC_ADD, firm && filled);
+}
+
+int MainWindow::ImportDirectoryEntry(const std::string& path) {
+    const int16_t count = DirectoryCount.load();
+    if (count >= DirectoryMaxRecords) {
+        ShowMessageBox(
+            "Your directory is full.\r Please delete an entry before adding a new entry.");
+        return 0;
+    }
+    File file;
+    if (!file.Open(path, File::Mode::Read)) {
+        return 0;
+    }
+    if (file.Length() != CorrespondentSize) {
+        return 0;
+    }
+    Correspondent record{};
+    const uint32_t got = file.Read(&record, CorrespondentSize);
+    file.Close();
+    if (got != CorrespondentSize) {
+        return 0;
+    }
+    record.Protocol = static_cast<int32_t>(Swapped(record.Protocol)) - 1;
+    record.Carrier = static_cast<int32_t>(Swapped(record.Carrier)) - 1;
+    std::reverse(record.EntryMagic, record.EntryMagic + 4);
+    // The magic reads "KBDe" in the file; reversed, as the record keeps it.
+    const uint8_t expected[4] = {kEntryMagic[3], kEntryMagic[2], kEntryMagic[1], kEntryMagic[0]};
+    if (std::memcmp(record.EntryMagic, expected, 4) != 0) {
+        return 0;
+    }
+    Directory[count] = record;
+    if (record.HasPickUp != 0) {
+        if (CreateFolder(PickUpFolderOf(record))) {
+            Controls().Show(IDC_MAKE_FOLDER, false);
+            Controls().Show(IDC_FOLDER_EMPTY, true);
+            Controls().Show(IDC_FOLDER_FILLED, false);
+        } else {
+            ShowMessageBox(
+                "Could not create a new pick up directory for this correspondent.\r  Please check "
+                "to see that you do not already have a directory\r in your Pick Up folder by this "
+                "name.");
+        }
+    }
+    for (int16_t i = 0; i < count; ++i) {
+        Directory[i].SelectMark = 0;
+    }
+    Directory[count].SelectMark = 1;
+    DirectoryCount.store(static_cast<int16_t>(count + 1));
+    SortDirectory();
+    SaveDirectory();
+    FillDirectoryList();
+    for (int16_t i = 0; i <= count; ++i) {
+        if (Directory[i].SelectMark != 0) {
+            Controls().Select(IDC_DIRECTORY_LIST, i);
+            break;
+        }
+    }
+    OnDirectorySelect();
+    ::AddLogLine("Directory Entry Added");
+    return 1;
+}

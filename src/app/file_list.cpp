@@ -1,0 +1,261 @@
+// The file list: the list control headed "File List" and SendList behind it.
+// Row n of the control is entry n of SendList while this end prepares to send.
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "app/main_window.h"
+#include "engine/pickup.h"
+#include "engine/transfer_engine.h"
+#include "engine/wire.h"
+#include "platform/control_model.h"
+#include "platform/files.h"
+#include "platform/message_box.h"
+#include "resources/resource.h"
+#include "stores/status_log.h"
+
+namespace {
+
+constexpr size_t kNameMaxLength = 31;
+constexpr size_t kPathMaxLength = 511;
+// An extension longer than this is not worth keeping when a name is shortened.
+constexpr size_t kExtensionKeptMaxLength = 10;
+
+// Removes "/" from the end of a path, but leaves the root alone.
+std::string WithoutTrailingSlash(std::string path) {
+    while (path.size() > 1 && path.back() == '/') {
+        path.pop_back();
+    }
+    return path;
+}
+
+// How many bytes of text to keep so that at most limit bytes remain and no
+// character of several bytes is cut in two.
+size_t CutPoint(const std::string& text, size_t limit) {
+    if (text.size() <= limit) {
+        return text.size();
+    }
+    size_t cut = limit;
+    while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) {
+        --cut;
+    }
+    return cut;
+}
+
+bool IsProgramName(const std::string& name) {
+    return name.find(".exe") != std::string::npos || name.find(".EXE") != std::string::npos;
+}
+
+}  // namespace
+
+std::string FileNameOfPath(const std::string& path) {
+    const std::string whole = WithoutTrailingSlash(path);
+    const size_t slash = whole.rfind('/');
+    if (slash == std::string::npos) {
+        return whole;
+    }
+    if (whole.size() == 1) {
+        return "";
+    }
+    return whole.substr(slash + 1);
+}
+
+// The name announced and shown for a file, at most 31 bytes. A longer name
+// keeps its extension, so that the far end still knows what kind of file it
+// holds: the stem is shortened in front of it.
+std::string ShortDisplayName(const std::string& name) {
+    if (name.size() <= kNameMaxLength) {
+        return name;
+    }
+    const size_t dot = name.rfind('.');
+    if (dot != std::string::npos && dot > 0 && name.size() - dot <= kExtensionKeptMaxLength) {
+        const std::string extension = name.substr(dot);
+        const std::string stem = name.substr(0, dot);
+        return stem.substr(0, CutPoint(stem, kNameMaxLength - extension.size())) + extension;
+    }
+    return name.substr(0, CutPoint(name, kNameMaxLength));
+}
+
+void MainWindow::OnFileAdd() {
+    if (!fileChooser_) {
+        return;
+    }
+    const std::optional<std::string> chosen = fileChooser_();
+    if (chosen) {
+        // A file of length 0 is accepted here, unlike in a drop.
+        AddFileToList(*chosen, FileNameOfPath(*chosen));
+    }
+}
+
+bool MainWindow::AddFileToList(const std::string& path, const std::string& name) {
+    const int16_t count = TheEngine.SendCount.load();
+    // SendList has ListCapacity slots and the wire list no more; an entry
+    // beyond them is refused, and the user is told in the log.
+    if (count >= ListCapacity) {
+        ::AddLogLine("File list is full: " + name + " was not added.");
+        return false;
+    }
+    if (path.size() > kPathMaxLength) {
+        ::AddLogLine("Path too long: " + name + " was not added.");
+        return false;
+    }
+    File file;
+    if (!file.Open(path, File::Mode::Read)) {
+        ShowMessageBox("Cannot open file.  It may be in use by another application.");
+        return false;
+    }
+    const int64_t length = file.Length();
+    file.Close();
+    const uint64_t dataLength = DataLengthForSize(static_cast<uint64_t>(length < 0 ? 0 : length));
+    // The block counters of the protocol cannot count a longer stream.
+    if (length < 0 || !DataLengthFits(dataLength)) {
+        ::AddLogLine("File too large to send: " + name);
+        return false;
+    }
+
+    FileEntry& entry = TheEngine.SendList[count];
+    entry = FileEntry{};
+    entry.FilePath.Set(path);
+    const std::string shown = ShortDisplayName(name);
+    entry.DisplayName.Set(shown);
+    entry.EntryKind = IsProgramName(name) ? KindProgramFile : KindPlainFile;
+    // The size shown is the file's, without the checksum bytes of the wire.
+    Controls().InsertRow(IDC_FILE_LIST, count,
+                         ListRow{shown, std::to_string(length), entry.EntryKind});
+    SetEntryLengths(entry, static_cast<uint32_t>(dataLength));
+    entry.CreatorCode = DefaultCreatorCode;
+    entry.TypeCode = DefaultTypeCode;
+
+    TheEngine.SendCount.store(static_cast<int16_t>(count + 1));
+    TheEngine.SendRemaining.fetch_add(entry.TotalLength);
+    selectedFileRow_.store(-1);
+    Controls().Select(IDC_FILE_LIST, -1);
+    UpdateActionButtons();
+    ShowBatchEstimate(TheEngine.SendRemaining.load());
+    return true;
+}
+
+void MainWindow::AddFolderToSendList(const std::string& path, const std::string& name) {
+    // A folder replaces whatever the list held, so that several folders in
+    // one drop leave only the last.
+    ClearFileList();
+    const std::string folder = WithoutTrailingSlash(path);
+
+    FileEntry& marker = TheEngine.SendList[0];
+    marker = FileEntry{};
+    marker.FilePath.Set(folder);
+    const std::string shown = ShortDisplayName(name);
+    marker.DisplayName.Set(shown);
+    marker.EntryKind = KindFolderMarker;
+    marker.CreatorCode = DefaultCreatorCode;
+    marker.TypeCode = DefaultTypeCode;
+    Controls().InsertRow(IDC_FILE_LIST, 0, ListRow{shown, "", KindFolderMarker});
+    TheEngine.SendCount.store(1);
+
+    // The folder is read by its full path, so the process's current folder
+    // never changes. A folder that cannot be read leaves the marker alone.
+    std::vector<FolderEntry> entries;
+    if (!ListFolder(folder, entries)) {
+        return;
+    }
+    // Only the plain files directly inside travel, in the order the file
+    // system lists them; subfolders, "Sent Files" among them, stay behind.
+    std::vector<std::string> files;
+    for (const FolderEntry& item : entries) {
+        if (!item.isFolder) {
+            files.push_back(item.name);
+        }
+    }
+    const std::string base = folder == "/" ? folder : folder + "/";
+    for (size_t i = 0; i < files.size(); ++i) {
+        if (TheEngine.SendCount.load() >= ListCapacity) {
+            ::AddLogLine("File list is full: " + std::to_string(files.size() - i) + " files of " +
+                         name + " were not added.");
+            break;
+        }
+        // Files of length 0 are taken too, unlike in a drop.
+        AddFileToList(base + files[i], files[i]);
+    }
+}
+
+void MainWindow::ClearFileList() {
+    ControlModel& controls = Controls();
+    controls.ClearRows(IDC_FILE_LIST);
+    controls.Enable(IDC_FILE_DELETE, false);
+    controls.Enable(IDC_FILE_CLEAR, false);
+    TheEngine.SendRemaining.store(0);
+    TheEngine.SendCount.store(0);
+    selectedFileRow_.store(-1);
+    UpdateActionButtons();
+    ShowBatchEstimate(0);
+}
+
+void MainWindow::OnFileClear() {
+    ClearFileList();
+}
+
+void MainWindow::OnFileDelete() {
+    const int16_t row = selectedFileRow_.load();
+    if (row == -1) {
+        return;
+    }
+    const int16_t count = TheEngine.SendCount.load();
+    if (row >= 0 && row < count) {
+        for (int16_t i = row; i + 1 < count; ++i) {
+            TheEngine.SendList[i] = TheEngine.SendList[i + 1];
+        }
+    }
+    Controls().DeleteRow(IDC_FILE_LIST, row);
+    TheEngine.SendCount.store(count > 0 ? static_cast<int16_t>(count - 1) : int16_t{0});
+    selectedFileRow_.store(-1);
+    UpdateActionButtons();
+    RecomputeSendTotal();
+}
+
+void MainWindow::OnFileClick(int row) {
+    selectedFileRow_.store(static_cast<int16_t>(row < 0 ? -1 : row));
+    Controls().Select(IDC_FILE_LIST, row);
+    if (TheEngine.LinkState.load() == LinkIdle) {
+        Controls().Enable(IDC_FILE_DELETE, row >= 0);
+    }
+}
+
+void MainWindow::OnDropFiles(int targetId, const std::vector<std::string>& paths) {
+    const bool onList = targetId == IDC_FILE_LIST || targetId == IDC_SEND;
+    if (onList && TheEngine.LinkState.load() == LinkIdle) {
+        for (const std::string& dropped : paths) {
+            const std::string path = WithoutTrailingSlash(dropped);
+            const std::string name = FileNameOfPath(path);
+            File file;
+            if (file.Open(path, File::Mode::Read)) {
+                const int64_t length = file.Length();
+                file.Close();
+                // A dropped file of length 0 is skipped.
+                if (length != 0) {
+                    AddFileToList(path, name);
+                }
+            } else {
+                // What does not open is taken for a folder; if it is none,
+                // the list ends up holding only a marker of that name.
+                AddFolderToSendList(path, name);
+            }
+        }
+        // One drop on Send fills the list and starts the call.
+        if (targetId == IDC_SEND) {
+            OnSendClicked();
+        }
+        return;
+    }
+    if (targetId == IDC_DIRECTORY_LIST && !paths.empty()) {
+        const std::string& first = paths.front();
+        const bool exported =
+            first.size() >= 4 && (first.compare(first.size() - 4, 4, ".KBE") == 0 ||
+                                  first.compare(first.size() - 4, 4, ".kbe") == 0);
+        if (exported) {
+            ImportDirectoryEntry(first);
+        }
+        // Raising the window is the front end's; a drop here always ends
+        // with the window in front.
+    }
+}

@@ -1,0 +1,631 @@
+#include "app/main_window.h"
+
+#include <map>
+#include <utility>
+
+#include "engine/dialing.h"
+#include "engine/pickup.h"
+#include "engine/teardown.h"
+#include "engine/transfer_engine.h"
+#include "line/adapter.h"
+#include "line/comm_port.h"
+#include "line/port_speed.h"
+#include "line/profiles.h"
+#include "platform/control_model.h"
+#include "platform/event_loop.h"
+#include "platform/message_box.h"
+#include "resources/resource.h"
+#include "stores/preferences.h"
+#include "stores/status_log.h"
+
+std::atomic<int32_t> MeasuredRate{0};
+std::atomic<int32_t> SplashPending{1};
+EngineWindow* TheMainWindow = nullptr;
+
+namespace {
+
+MainWindow* activeWindow = nullptr;
+
+// How a control starts, besides its place.
+struct ControlStart {
+    ControlPlace place;
+    ControlKind kind;
+    const char* text;
+    std::vector<const char*> rows;
+    bool enabled;
+    bool shown;
+    int selection;
+    int picture;
+};
+
+const std::vector<ControlStart>& StartTable() {
+    using K = ControlKind;
+    constexpr bool on = true;
+    constexpr bool off = false;
+    // clang-format off
+    static const std::vector<ControlStart> table = {
+        {{IDC_LABEL_DIRECTORY, "", 50, 7, 29, 8}, K::Label, "Directory", {}, on, on, -1, 0},
+        {{IDC_DIRECTORY_LIST, "IDC_DIRECTORY_LIST", 7, 19, 116, 75}, K::ListBox, "", {}, on, on, -1, 0},
+        {{IDC_FORM, "IDC_FORM", 125, 21, 36, 30}, K::DropDown, "", {"Firm:", "Contact:"}, on, on, 0, 0},
+        {{IDC_NAME, "IDC_NAME", 163, 20, 111, 14}, K::Edit, "", {}, on, on, -1, 0},
+        {{IDC_NUMBER, "IDC_NUMBER", 163, 37, 111, 14}, K::Edit, "", {}, on, on, -1, 0},
+        {{IDC_LABEL_ISDN, "IDC_LABEL_ISDN", 130, 40, 30, 9}, K::Label, "ISDN:", {}, on, on, -1, 0},
+        {{IDC_LABEL_TELEPHONE, "IDC_LABEL_TELEPHONE", 123, 40, 37, 9}, K::Label, "Telephone:", {}, on, off, -1, 0},
+        {{IDC_LABEL_PROTOCOL, "", 131, 57, 29, 8}, K::Label, "Protocol:", {}, on, on, -1, 0},
+        {{IDC_PROTOCOL, "IDC_PROTOCOL", 163, 55, 111, 30}, K::DropDown, "", {"V.120", "AIMUX", "X.75"}, on, on, -1, 0},
+        {{IDC_LABEL_CARRIER, "", 126, 74, 34, 8}, K::Label, "LD Carrier:", {}, on, on, -1, 0},
+        {{IDC_CARRIER, "IDC_CARRIER", 163, 72, 111, 30}, K::DropDown, "", {"Default", "AT&T", "MCI", "Sprint"}, on, on, -1, 0},
+        {{IDC_56K, "IDC_56K", 163, 89, 23, 10}, K::CheckBox, "56K", {}, on, on, -1, 0},
+        {{IDC_2B, "IDC_2B", 192, 89, 20, 10}, K::CheckBox, "2B", {}, on, off, -1, 0},
+        {{IDC_V42, "IDC_V42", 218, 89, 23, 10}, K::CheckBox, "V.42", {}, on, off, -1, 0},
+        {{IDC_ADD, "IDC_ADD", 280, 21, 30, 14}, K::Button, "Add", {}, off, on, -1, 0},
+        {{IDC_CHANGE, "IDC_CHANGE", 280, 39, 30, 14}, K::Button, "Change", {}, off, on, -1, 0},
+        {{IDC_DELETE, "IDC_DELETE", 314, 21, 30, 14}, K::Button, "Delete", {}, off, on, -1, 0},
+        {{IDC_NEW, "IDC_NEW", 314, 39, 30, 14}, K::Button, "New", {}, off, on, -1, 0},
+        {{IDC_MAKE_FOLDER, "IDC_MAKE_FOLDER", 280, 61, 23, 20}, K::PictureButton, "", {}, on, off, -1, IDB_MAKE_FOLDER},
+        {{IDC_FOLDER_EMPTY, "IDC_FOLDER_EMPTY", 280, 61, 23, 20}, K::PictureButton, "", {}, on, off, -1, IDB_FOLDER_EMPTY},
+        {{IDC_FOLDER_FILLED, "IDC_FOLDER_FILLED", 280, 61, 23, 20}, K::PictureButton, "", {}, on, off, -1, IDB_FOLDER_FILLED},
+        {{IDC_HOT_EMPTY, "IDC_HOT_EMPTY", 280, 61, 23, 20}, K::PictureButton, "", {}, on, off, -1, IDB_HOT_EMPTY},
+        {{IDC_HOT_FILLED, "IDC_HOT_FILLED", 280, 61, 23, 20}, K::PictureButton, "", {}, on, off, -1, IDB_HOT_FILLED},
+        {{IDC_HOT_RETRIEVE, "IDC_HOT_RETRIEVE", 307, 61, 37, 10}, K::RadioButton, "Retrieve", {}, on, off, -1, 0},
+        {{IDC_HOT_SEND, "IDC_HOT_SEND", 307, 72, 28, 10}, K::RadioButton, "Send", {}, on, off, -1, 0},
+        {{IDC_IGNORE_HOT, "IDC_IGNORE_HOT", 279, 89, 72, 10}, K::CheckBox, "Ignore Hot Folders", {}, on, on, -1, 0},
+        {{IDC_LABEL_FILE_LIST, "", 52, 110, 24, 8}, K::Label, "File List", {}, on, on, -1, 0},
+        {{IDC_FILE_LIST, "IDC_FILE_LIST", 7, 119, 116, 63}, K::ListView, "", {}, on, on, -1, 0},
+        {{IDC_FILE_ADD, "IDC_FILE_ADD", 7, 185, 30, 14}, K::Button, "Add", {}, on, on, -1, 0},
+        {{IDC_FILE_DELETE, "IDC_FILE_DELETE", 50, 185, 30, 14}, K::Button, "Delete", {}, off, on, -1, 0},
+        {{IDC_FILE_CLEAR, "IDC_FILE_CLEAR", 93, 185, 30, 14}, K::Button, "Clear", {}, off, on, -1, 0},
+        {{IDC_TOTAL_KB, "IDC_TOTAL_KB", 7, 204, 45, 8}, K::Label, "", {}, off, on, -1, 0},
+        {{IDC_EST_TIME, "IDC_EST_TIME", 50, 205, 73, 8}, K::Label, "", {}, off, on, -1, 0},
+        {{IDC_LABEL_LOG, "", 206, 110, 13, 8}, K::Label, "Log", {}, on, on, -1, 0},
+        {{IDC_LOG, "IDC_LOG", 128, 119, 161, 63}, K::ListBox, "", {}, on, on, -1, 0},
+        {{IDC_BYTES_SEC, "IDC_BYTES_SEC", 129, 188, 51, 8}, K::Label, "", {}, off, on, -1, 0},
+        {{IDC_CLEAR_LOG, "IDC_CLEAR_LOG", 188, 185, 50, 14}, K::Button, "Clear Log", {}, on, on, -1, 0},
+        {{IDC_DIR_SCRATCH, "IDC_DIR_SCRATCH", 256, 188, 16, 30}, K::DropDown, "", {}, on, off, -1, 0},
+        {{IDC_EMBLEM, "", 311, 187, 16, 16}, K::Picture, "", {}, on, on, -1, IDB_EMBLEM},
+        {{IDC_PROGRESS, "IDC_PROGRESS", 128, 205, 161, 7}, K::ProgressBar, "", {}, on, off, -1, 0},
+        {{IDC_SEND, "IDC_SEND", 294, 119, 50, 19}, K::Button, "Send", {}, off, on, -1, 0},
+        {{IDC_RETRIEVE, "IDC_RETRIEVE", 294, 141, 50, 19}, K::Button, "Retrieve", {}, off, on, -1, 0},
+        {{IDC_DISCONNECT, "IDC_DISCONNECT", 294, 163, 50, 19}, K::Button, "Disconnect", {}, off, on, -1, 0},
+        {{IDC_LABEL_IN_PROTOCOL, "", 7, 220, 56, 8}, K::Label, "Incoming Protocol:", {}, on, on, -1, 0},
+        {{IDC_IN_PROTOCOL, "IDC_IN_PROTOCOL", 66, 218, 57, 30}, K::DropDown, "", {"V.120", "AIMUX", "X.75"}, on, on, -1, 0},
+        {{IDC_IN_56K, "IDC_IN_56K", 130, 220, 21, 10}, K::CheckBox, "56K", {}, on, on, -1, 0},
+        {{IDC_IN_2B, "IDC_IN_2B", 160, 220, 19, 10}, K::CheckBox, "2B", {}, on, off, -1, 0},
+        {{IDC_IN_V42, "IDC_IN_V42", 188, 220, 29, 10}, K::CheckBox, "V.42", {}, on, off, -1, 0},
+        {{IDC_OPEN_INCOMING, "IDC_OPEN_INCOMING", 231, 223, 23, 20}, K::PictureButton, "", {}, on, on, -1, IDB_OPEN_INCOMING},
+        {{IDC_PROGRAM_1, "IDC_PROGRAM_1", 261, 223, 23, 20}, K::PictureButton, "", {}, on, on, -1, IDB_PROGRAM_1},
+        {{IDC_PROGRAM_2, "IDC_PROGRAM_2", 291, 223, 23, 20}, K::PictureButton, "", {}, on, on, -1, IDB_PROGRAM_2},
+        {{IDC_HELP, "IDC_HELP", 321, 223, 23, 20}, K::Button, "Help", {}, on, on, -1, 0},
+        {{IDC_OWN_NUMBER, "IDC_OWN_NUMBER", 7, 235, 218, 8}, K::Label, "Your ISDN Number: ", {}, off, on, -1, 0},
+    };
+    // clang-format on
+    return table;
+}
+
+std::vector<Menu> StartMenus() {
+    return {
+        {"&File",
+         {{ID_FILE_EXPORT_ENTRY, "&Export Directory Entry...", false},
+          {0, "", false},
+          {ID_FILE_EXIT, "E&xit", false}}},
+        {"&Port Speed",
+         {{ID_PORT_SPEED_115200, "115200", false}, {ID_PORT_SPEED_230400, "230400", false}}},
+    };
+}
+
+bool IsIncomingControl(int id) {
+    return id == IDC_IN_PROTOCOL || id == IDC_IN_56K || id == IDC_IN_2B || id == IDC_IN_V42;
+}
+
+// Stops the sending session's threads as every end of a session does, and
+// waits until the feeder and its writer have returned.
+void StopSessionThreads() {
+    TheEngine.FeederRun = 0;
+    const ThreadHandle feeder = TheEngine.FeederThread.exchange(nullptr);
+    WakeThread(feeder);
+    JoinThread(feeder);
+    JoinThread(TheEngine.WriterThread.load());
+}
+
+EventOutcome Refused(std::string why) {
+    return EventOutcome{false, std::move(why)};
+}
+
+}  // namespace
+
+const std::vector<ControlPlace>& MainWindowLayout() {
+    static const std::vector<ControlPlace> layout = [] {
+        std::vector<ControlPlace> places;
+        for (const ControlStart& start : StartTable()) {
+            places.push_back(start.place);
+        }
+        return places;
+    }();
+    return layout;
+}
+
+std::string ControlName(int id) {
+    static const std::map<int, std::string> names = [] {
+        std::map<int, std::string> byId;
+        for (const ControlStart& start : StartTable()) {
+            byId[start.place.id] = start.place.name;
+        }
+        return byId;
+    }();
+    const auto found = names.find(id);
+    return found == names.end() ? std::string() : found->second;
+}
+
+MainWindow* ActiveMainWindow() {
+    return activeWindow;
+}
+
+MainWindow::MainWindow() = default;
+
+MainWindow::~MainWindow() {
+    if (activeWindow == this) {
+        SetLogLineSink(nullptr);
+        MainLoop().SetTimerHandler(nullptr);
+        activeWindow = nullptr;
+        TheMainWindow = nullptr;
+    }
+}
+
+void MainWindow::SetLogObserver(std::function<void(const std::string&)> observer) {
+    std::lock_guard<std::mutex> guard(logLock_);
+    logObserver_ = std::move(observer);
+}
+
+void MainWindow::SetFileChooser(std::function<std::optional<std::string>()> chooser) {
+    fileChooser_ = std::move(chooser);
+}
+
+// ---------------------------------------------------------------------------
+// Start and stop
+
+void MainWindow::CreateControls() {
+    ControlModel& controls = Controls();
+    controls.Reset();
+    for (const ControlStart& start : StartTable()) {
+        ControlState state;
+        state.id = start.place.id;
+        state.kind = start.kind;
+        state.text = start.text;
+        for (const char* row : start.rows) {
+            state.rows.push_back(ListRow{row, "", 0});
+        }
+        state.enabled = start.enabled;
+        state.shown = start.shown;
+        state.selection = start.selection;
+        state.picture = start.picture;
+        controls.Create(state);
+    }
+    ControlState about;
+    about.id = IDD_ABOUTBOX;
+    about.kind = ControlKind::Picture;
+    about.text = AboutText;
+    about.shown = false;
+    about.picture = IDB_ABOUT;
+    controls.Create(about);
+    controls.SetMenus(StartMenus());
+}
+
+bool MainWindow::OnInitDialog() {
+    TheMainWindow = this;
+    activeWindow = this;
+    CreateControls();
+    MainLoop().SetTimerHandler([this](int id) { OnTimer(id); });
+
+    if (CommPortCreate() != 1) {
+        // Nothing runs in this state; the log list still takes what is logged.
+        SetLogLineSink([this](const std::string& line) { AddLogLine(line); });
+        ShowMessageBox("Cannot create comm port information.");
+        return false;
+    }
+    EngineStartup();
+    engineStarted_ = true;
+    FillLogList();
+    // Lines logged before the window existed follow the stored ones.
+    SetLogLineSink([this](const std::string& line) { AddLogLine(line); });
+    FillDirectoryList();
+    ClearHotFolderCounters();
+    LogStartStop(true);
+    TheEngine.CommThreadRun = 1;
+    commThread_ = StartThread(CommThread, nullptr, ThreadPriority::Normal, false);
+    commThreadStarted_ = commThread_ != nullptr;
+    MainLoop().SetTimer(TimerSplashOpen, 1);
+    return true;
+}
+
+void MainWindow::OnTimer(int id) {
+    switch (id) {
+        case TimerSplashOpen:
+            MainLoop().KillTimer(TimerSplashOpen);
+            OpenAboutBox();
+            break;
+        case TimerSplashClose:
+            MainLoop().KillTimer(TimerSplashClose);
+            OnAboutOk();
+            break;
+        case TimerFindAdapter:
+            MainLoop().KillTimer(TimerFindAdapter);
+            FindAdapter();
+            break;
+        case TimerHotFolders:
+            if (ThePreferences.IgnoreHotFolders == 0) {
+                ScanHotFolders();
+            }
+            break;
+        default:
+            break;
+    }
+}
+
+void MainWindow::OnClose() {
+    PrepareExit();
+    EndDialog();
+}
+
+void MainWindow::OnFileExit() {
+    PrepareExit();
+    EndDialog();
+}
+
+void MainWindow::EndDialog() {
+    // The window's timers go with it.
+    for (int timer : {TimerSplashOpen, TimerSplashClose, TimerFindAdapter, TimerHotFolders}) {
+        MainLoop().KillTimer(timer);
+    }
+    MainLoop().Quit();
+}
+
+void MainWindow::StopEngineThreads() {
+    TheEngine.CommThreadRun = 0;
+    if (!commThreadStarted_) {
+        return;
+    }
+    // The communications thread may be waiting for the port; it leaves its
+    // loop at the end of the pass it is in.
+    InterruptPortWait();
+    JoinThread(commThread_);
+    StopSessionThreads();
+}
+
+void MainWindow::PrepareExit() {
+    if (exitPrepared_) {
+        return;
+    }
+    exitPrepared_ = true;
+    MainLoop().KillTimer(TimerHotFolders);
+    // Nothing may use the port or the engine's buffers once they go, so every
+    // engine thread has ended before this returns, also during a transfer.
+    StopEngineThreads();
+    if (AdapterFound.load() != 0) {
+        SendClosingCommand();
+        // Preferences are saved here and only here: a run that found no
+        // adapter leaves the file as it was.
+        SavePreferences();
+    }
+    LogStartStop(false);
+    SaveStatusLog(LogLines());
+}
+
+// ---------------------------------------------------------------------------
+// The About box
+
+void MainWindow::OpenAboutBox() {
+    // The box is modal: while it is open a second one cannot be opened.
+    if (Controls().Shown(IDD_ABOUTBOX)) {
+        return;
+    }
+    Controls().Show(IDD_ABOUTBOX, true);
+    if (SplashPending.load() != 0) {
+        MainLoop().SetTimer(TimerSplashClose, SplashMs);
+    }
+}
+
+void MainWindow::OnAboutOk() {
+    if (!Controls().Shown(IDD_ABOUTBOX)) {
+        return;
+    }
+    // The box's timer goes with the box.
+    MainLoop().KillTimer(TimerSplashClose);
+    Controls().Show(IDD_ABOUTBOX, false);
+    if (SplashPending.exchange(0) != 0) {
+        MainLoop().SetTimer(TimerFindAdapter, 1);
+    }
+}
+
+// ---------------------------------------------------------------------------
+// The action buttons
+
+void MainWindow::UpdateActionButtons() {
+    std::lock_guard<std::mutex> guard(buttonsLock_);
+    ControlModel& controls = Controls();
+    const bool linkUp = TheEngine.LinkState.load() > LinkIdle;
+    const bool haveFiles = TheEngine.SendCount.load() > 0;
+    const bool rowSelected = selectedFileRow_.load() != -1;
+    controls.Enable(IDC_SEND, !linkUp && haveFiles);
+    controls.Enable(IDC_RETRIEVE, !linkUp && !haveFiles);
+    controls.Enable(IDC_DISCONNECT, linkUp);
+    controls.Enable(IDC_FILE_ADD, !linkUp);
+    controls.Enable(IDC_FILE_CLEAR, !linkUp && haveFiles);
+    controls.Enable(IDC_FILE_DELETE, !linkUp && haveFiles && rowSelected);
+    for (int id : {IDC_IN_PROTOCOL, IDC_IN_56K, IDC_IN_2B, IDC_IN_V42}) {
+        controls.Enable(id, !linkUp);
+    }
+}
+
+// ---------------------------------------------------------------------------
+// The status log
+
+void MainWindow::FillLogList() {
+    std::lock_guard<std::mutex> guard(logLock_);
+    // The stored lines come back whatever their number; the limit applies
+    // from the next line on.
+    logLines_ = StoredLogLines();
+    Controls().ClearRows(IDC_LOG);
+    for (const std::string& line : logLines_) {
+        Controls().AddRow(IDC_LOG, ListRow{line, "", 0});
+    }
+}
+
+void MainWindow::AddLogLine(const std::string& text) {
+    std::lock_guard<std::mutex> guard(logLock_);
+    ControlModel& controls = Controls();
+    const size_t removed = AppendLogLine(logLines_, text);
+    controls.AddRow(IDC_LOG, ListRow{text, "", 0});
+    if (removed != 0) {
+        controls.DeleteFirstRows(IDC_LOG, static_cast<int>(removed));
+    }
+    // Selecting the newest line brings it into view; selecting none then
+    // leaves no line highlighted.
+    controls.Select(IDC_LOG, static_cast<int>(logLines_.size()) - 1);
+    controls.Select(IDC_LOG, -1);
+    if (logObserver_) {
+        logObserver_(text);
+    }
+}
+
+void MainWindow::LogStartStop(bool starting) {
+    ::AddLogLine(StartStopLine(starting));
+}
+
+void MainWindow::OnClearLog() {
+    std::lock_guard<std::mutex> guard(logLock_);
+    // The file is not touched; it catches up at exit.
+    logLines_.clear();
+    Controls().ClearRows(IDC_LOG);
+}
+
+std::vector<std::string> MainWindow::LogLines() const {
+    std::lock_guard<std::mutex> guard(logLock_);
+    return logLines_;
+}
+
+// ---------------------------------------------------------------------------
+// Events of the front ends
+
+EventOutcome MainWindow::HandleEvent(const WindowEvent& event) {
+    using Kind = WindowEvent::Kind;
+    ControlModel& controls = Controls();
+    switch (event.kind) {
+        case Kind::AboutOk:
+            if (!controls.Shown(IDD_ABOUTBOX)) {
+                return Refused("the About box is not open");
+            }
+            OnAboutOk();
+            return {};
+        case Kind::Close:
+            OnClose();
+            return {};
+        case Kind::MenuCommand:
+            return OnMenuCommand(event.id);
+        case Kind::FilesDropped:
+            OnDropFiles(event.id, event.paths);
+            return {};
+        default:
+            break;
+    }
+
+    if (!controls.Exists(event.id) || ControlName(event.id).empty()) {
+        return Refused("no such control");
+    }
+    const std::string name = ControlName(event.id);
+    if (!controls.Shown(event.id)) {
+        return Refused(name + " is hidden");
+    }
+    if (!controls.Enabled(event.id)) {
+        return Refused(name + " is disabled");
+    }
+    const ControlKind kind = controls.State(event.id).kind;
+    switch (event.kind) {
+        case Kind::ButtonPressed:
+            if (kind != ControlKind::Button && kind != ControlKind::PictureButton) {
+                return Refused(name + " is no button");
+            }
+            return OnButton(event.id);
+        case Kind::SelectionChanged:
+            if (kind != ControlKind::ListBox && kind != ControlKind::DropDown &&
+                kind != ControlKind::ListView) {
+                return Refused(name + " has no rows");
+            }
+            if (event.row < -1 || event.row >= controls.RowCount(event.id)) {
+                return Refused(name + " has no row " + std::to_string(event.row));
+            }
+            return OnSelection(event.id, event.row);
+        case Kind::TextEdited:
+            if (kind != ControlKind::Edit) {
+                return Refused(name + " takes no text");
+            }
+            // The edit fields take at most 31 characters, as a record holds.
+            controls.SetText(event.id, event.text.substr(0, 31));
+            if (event.id == IDC_NAME || event.id == IDC_NUMBER) {
+                OnEntryEdited();
+            }
+            return {};
+        case Kind::BoxClicked:
+            if (kind != ControlKind::CheckBox && kind != ControlKind::RadioButton) {
+                return Refused(name + " is no check box");
+            }
+            return OnBoxClicked(event.id, event.checked);
+        default:
+            return Refused("unknown event");
+    }
+}
+
+EventOutcome MainWindow::OnButton(int id) {
+    switch (id) {
+        case IDC_SEND:
+            OnSendClicked();
+            return {};
+        case IDC_RETRIEVE:
+            OnRetrieveClicked();
+            return {};
+        case IDC_DISCONNECT:
+            RequestDisconnect();
+            return {};
+        case IDC_FILE_ADD:
+            OnFileAdd();
+            return {};
+        case IDC_FILE_DELETE:
+            OnFileDelete();
+            return {};
+        case IDC_FILE_CLEAR:
+            OnFileClear();
+            return {};
+        case IDC_CLEAR_LOG:
+            OnClearLog();
+            return {};
+        case IDC_ADD:
+            OnDirectoryAdd();
+            return {};
+        case IDC_CHANGE:
+            OnDirectoryChange();
+            return {};
+        case IDC_DELETE:
+            OnDirectoryDelete();
+            return {};
+        case IDC_NEW:
+            OnDirectoryNew();
+            return {};
+        default:
+            return Refused(ControlName(id) + " does nothing in this version");
+    }
+}
+
+EventOutcome MainWindow::OnSelection(int id, int row) {
+    switch (id) {
+        case IDC_FILE_LIST:
+            OnFileClick(row);
+            return {};
+        case IDC_DIRECTORY_LIST:
+            Controls().Select(id, row);
+            OnDirectorySelect();
+            return {};
+        case IDC_FORM:
+            Controls().Select(id, row);
+            OnFormChange();
+            return {};
+        case IDC_PROTOCOL:
+            Controls().Select(id, row);
+            RecomputeSendTotal();
+            return {};
+        case IDC_IN_PROTOCOL:
+            Controls().Select(id, row);
+            StoreIncomingSetting(id);
+            return {};
+        default:
+            // The carrier, the log list: the choice itself is all there is.
+            Controls().Select(id, row);
+            return {};
+    }
+}
+
+EventOutcome MainWindow::OnBoxClicked(int id, bool checked) {
+    ControlModel& controls = Controls();
+    if (controls.State(id).kind == ControlKind::RadioButton) {
+        // A click on a radio button chooses it; the pair excludes each other.
+        if (!checked) {
+            return Refused(ControlName(id) + " is cleared by choosing the other one");
+        }
+        const bool send = id == IDC_HOT_SEND;
+        controls.Check(IDC_HOT_SEND, send);
+        controls.Check(IDC_HOT_RETRIEVE, !send);
+        return {};
+    }
+    if (controls.Checked(id) == checked) {
+        return {};
+    }
+    controls.Check(id, checked);
+    switch (id) {
+        case IDC_56K:
+        case IDC_2B:
+        case IDC_V42:
+            RecomputeSendTotal();
+            break;
+        case IDC_IGNORE_HOT:
+            // Takes effect at the next tick of the hot folder timer.
+            ThePreferences.IgnoreHotFolders = checked ? 1 : 0;
+            break;
+        default:
+            if (IsIncomingControl(id)) {
+                StoreIncomingSetting(id);
+            }
+            break;
+    }
+    return {};
+}
+
+void MainWindow::StoreIncomingSetting(int id) {
+    ControlModel& controls = Controls();
+    switch (id) {
+        case IDC_IN_PROTOCOL: {
+            int row = controls.Selection(IDC_IN_PROTOCOL);
+            // That model's list has no AIMUX row, so its second row is X.75.
+            if (ThePreferences.AdapterModel == ModelZyXEL && row == 1) {
+                row = 2;
+            }
+            ThePreferences.IncomingProtocol = static_cast<int16_t>(row);
+            break;
+        }
+        case IDC_IN_56K:
+            ThePreferences.Incoming56K = controls.Checked(id) ? 1 : 0;
+            break;
+        case IDC_IN_2B:
+            ThePreferences.Incoming2B = controls.Checked(id) ? 1 : 0;
+            break;
+        case IDC_IN_V42:
+            ThePreferences.IncomingV42 = controls.Checked(id) ? 1 : 0;
+            break;
+        default:
+            return;
+    }
+    ReinitializeIncoming();
+}
+
+EventOutcome MainWindow::OnMenuCommand(int id) {
+    switch (id) {
+        case IDM_ABOUTBOX:
+            OpenAboutBox();
+            return {};
+        case ID_FILE_EXIT:
+            OnFileExit();
+            return {};
+        case ID_PORT_SPEED_115200:
+        case ID_PORT_SPEED_230400:
+            if (!Controls().HasMenuItem(id)) {
+                return Refused("the Port Speed menu is not there");
+            }
+            if (id == ID_PORT_SPEED_115200) {
+                OnPortSpeed115200();
+            } else {
+                OnPortSpeed230400();
+            }
+            return {};
+        case ID_FILE_EXPORT_ENTRY:
+            return Refused("Export Directory Entry does nothing in this version");
+        default:
+            return Refused("no such menu command");
+    }
+}

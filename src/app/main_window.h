@@ -1,0 +1,233 @@
+// The program's one window, without a windowing platform.
+//
+// MainWindow keeps the state of every control in the control model
+// (Controls()) and does the work of the controls. The engine's threads call
+// its display operations directly, through TheMainWindow, from whatever thread
+// they run on; none of them waits for another thread. A front end (the station
+// program, or a drawn window) shows the model and hands the user's actions to
+// HandleEvent on the main loop's thread; nothing here depends on which front
+// end, if any, is there.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "engine/engine_window.h"
+#include "platform/thread.h"
+
+// The About box, kept in the control model beside the window's controls: shown
+// while the box is open, with its text and picture.
+inline constexpr int IDD_ABOUTBOX = 100;
+inline constexpr const char* AboutText = "Kestrelbound Version 1.0.3";
+inline constexpr uint32_t SplashMs = 1000;
+
+// The window's labels and its emblem have no resource numbers of their own;
+// these numbers name them in the control model.
+inline constexpr int IDC_LABEL_DIRECTORY = 2001;
+inline constexpr int IDC_LABEL_PROTOCOL = 2002;
+inline constexpr int IDC_LABEL_CARRIER = 2003;
+inline constexpr int IDC_LABEL_FILE_LIST = 2004;
+inline constexpr int IDC_LABEL_LOG = 2005;
+inline constexpr int IDC_LABEL_IN_PROTOCOL = 2006;
+inline constexpr int IDC_EMBLEM = 2007;
+
+// Where a control lies in the window, in dialog units of a window of 351 x 250.
+struct ControlPlace {
+    int id = 0;
+    const char* name = "";  // "IDC_..." for a control that has a resource number
+    int x = 0;
+    int y = 0;
+    int width = 0;
+    int height = 0;
+};
+// Every control of the window, in the order in which the window makes them.
+const std::vector<ControlPlace>& MainWindowLayout();
+// The resource name of a control ("IDC_SEND"); "" for a label.
+std::string ControlName(int id);
+
+// Bytes per second measured in the present transfer; 0: none yet.
+extern std::atomic<int32_t> MeasuredRate;
+// Set until the first About box has closed: it tells the splash at start
+// apart from an About box that the user opens later.
+extern std::atomic<int32_t> SplashPending;
+
+// What a front end reports of the user. Every event is handled on the main
+// loop's thread, one at a time, as a window's messages are.
+struct WindowEvent {
+    enum class Kind {
+        ButtonPressed,     // id: a button or picture button
+        SelectionChanged,  // id: a list box, drop-down or the file list; row: the row, -1 none
+        TextEdited,        // id: an edit field; text: its whole new text
+        BoxClicked,        // id: a check box or radio button; checked: its state after the click
+        MenuCommand,       // id: the command, from the menu bar or the system menu
+        FilesDropped,      // id: the control under the drop, 0 for none; paths: the items
+        AboutOk,           // the About box's OK, or a click on its picture
+        Close,             // the window's close box
+    };
+    Kind kind = Kind::ButtonPressed;
+    int id = 0;
+    int row = -1;
+    bool checked = false;
+    std::string text;
+    std::vector<std::string> paths;
+};
+
+// How an event went: done, or refused with the reason a user would see (the
+// control is disabled, hidden, or does nothing yet).
+struct EventOutcome {
+    bool done = true;
+    std::string refusal;
+};
+
+class MainWindow : public EngineWindow {
+public:
+    MainWindow();
+    ~MainWindow() override;
+    MainWindow(const MainWindow&) = delete;
+    MainWindow& operator=(const MainWindow&) = delete;
+
+    // ---- Front ends ----
+
+    // Called on the main loop's thread for each of the user's actions.
+    EventOutcome HandleEvent(const WindowEvent& event);
+    // Called with every line the log receives, in the order of the list, once
+    // the line is in it. The station program prints them. Set it before the
+    // window starts; it must not wait for another thread.
+    void SetLogObserver(std::function<void(const std::string& line)> observer);
+    // The file dialog of the button "Add": returns the chosen file, or nothing
+    // when the user cancels. Without one the button does nothing.
+    void SetFileChooser(std::function<std::optional<std::string>()> chooser);
+
+    // ---- Start and stop ----
+
+    // Makes the controls and menus in their start state, then the port record,
+    // the engine's buffers, the lists, the Starting line, the communications
+    // thread and the splash timer. False, after its message, when the port
+    // record cannot be made: nothing then runs.
+    bool OnInitDialog();
+    // Ticks of timers 2, 3, 4 and 5.
+    void OnTimer(int id);
+    // The two ways out: both prepare the exit and end the main loop.
+    void OnClose();
+    void OnFileExit();
+    // Stops the hot folder timer and every engine thread, says goodbye to the
+    // adapter and saves the preferences (only when an adapter was found), logs
+    // the Stopping line and saves the log. Runs once.
+    void PrepareExit();
+    // True once OnInitDialog has started the engine, so that the end of the
+    // program knows what to free.
+    bool EngineStarted() const { return engineStarted_; }
+
+    // ---- The About box ----
+
+    void OpenAboutBox();
+    void OnAboutOk();
+
+    // ---- The action buttons ----
+
+    void UpdateActionButtons() override;
+
+    // ---- The status log ----
+
+    void FillLogList();
+    // The window's side of the log: the line goes into the list, the oldest
+    // 300 go when there are more than 600, and the newest comes into view.
+    void AddLogLine(const std::string& text);
+    void LogStartStop(bool starting);
+    void OnClearLog();
+    // The lines of the list, oldest first.
+    std::vector<std::string> LogLines() const;
+
+    // ---- The file list ----
+
+    void OnFileAdd();
+    // Appends one file to SendList and the list. False if it was not added.
+    bool AddFileToList(const std::string& path, const std::string& name);
+    void AddFolderToSendList(const std::string& path, const std::string& name) override;
+    void ClearFileList() override;
+    void OnFileClear();
+    void OnFileDelete();
+    // A click on the file list that hit row (-1: no row).
+    void OnFileClick(int row);
+    // Items dropped on a control: the file list and Send take files and
+    // folders, the directory list an exported entry.
+    void OnDropFiles(int targetId, const std::vector<std::string>& paths);
+    int16_t SelectedFileRow() const { return selectedFileRow_.load(); }
+
+    // ---- The transfer display ----
+
+    void ShowBatchEstimate(uint32_t bytes) override;
+    void RecomputeSendTotal() override;
+    void ShowTransferDisplay(bool starting) override;
+    void SetProgress(uint32_t done, uint32_t total) override;
+    void ShowThroughput(bool sending, bool log) override;
+    void LogElapsedTime() override;
+    void ListIncomingFiles() override;
+    void RemoveTopFileRow() override;
+
+    // ---- The directory panel ----
+
+    void FillDirectoryList();
+    void ShowCorrespondent(int16_t index) override;
+    void ReadCorrespondentForm(int16_t index);
+    void OnDirectorySelect();
+    void OnDirectoryAdd();
+    void OnDirectoryChange();
+    void OnDirectoryDelete();
+    void OnDirectoryNew();
+    void OnFormChange();
+    void OnEntryEdited();
+    int ImportDirectoryEntry(const std::string& path) override;
+    int16_t CurrentEntry() const { return currentEntry_.load(); }
+
+private:
+    void CreateControls();
+    // Selects the record that carries SelectMark, shows it and makes it the
+    // current one.
+    void ShowMarkedRecord();
+    EventOutcome OnButton(int id);
+    EventOutcome OnSelection(int id, int row);
+    EventOutcome OnBoxClicked(int id, bool checked);
+    EventOutcome OnMenuCommand(int id);
+    void StoreIncomingSetting(int id);
+    void StopEngineThreads();
+    // Ends the main loop, after the exit has been prepared.
+    void EndDialog();
+
+    std::atomic<int16_t> selectedFileRow_{-1};
+    std::atomic<int16_t> currentEntry_{-1};
+
+    // The log list's lines, beside the control: the saved log is made from
+    // these. Held while a line goes in, so lines from several threads reach
+    // the list, the observer and the file in one order.
+    mutable std::mutex logLock_;
+    std::vector<std::string> logLines_;
+    std::function<void(const std::string&)> logObserver_;
+
+    // Serialises the button rule, so that the last caller's view of the link
+    // is the one that stays on the buttons.
+    std::mutex buttonsLock_;
+
+    std::function<std::optional<std::string>()> fileChooser_;
+
+    bool engineStarted_ = false;
+    ThreadHandle commThread_;
+    bool commThreadStarted_ = false;
+    bool exitPrepared_ = false;
+};
+
+// The window while it exists, for the front ends; null before and after.
+MainWindow* ActiveMainWindow();
+
+// The part of a path behind its last "/"; a path that ends in "/" gives the
+// name of the folder before it.
+std::string FileNameOfPath(const std::string& path);
+// The name shown and announced for a file: at most 31 bytes, as the record
+// holds. A longer name keeps its extension and loses the end of its stem, and
+// no character of several bytes is cut in two.
+std::string ShortDisplayName(const std::string& name);

@@ -1,0 +1,176 @@
+// The row of figures under the lists: the batch's size and estimated time,
+// the measured rate and the progress bar, and the lines that close a
+// transfer in the log. The engine's threads call these directly.
+
+#include <algorithm>
+#include <cstdio>
+#include <string>
+
+#include "app/main_window.h"
+#include "engine/transfer_engine.h"
+#include "engine/wire.h"
+#include "line/adapter.h"
+#include "line/profiles.h"
+#include "platform/clock.h"
+#include "platform/control_model.h"
+#include "resources/resource.h"
+#include "stores/preferences.h"
+#include "stores/status_log.h"
+
+namespace {
+
+// Bytes per second expected before anything has been measured.
+constexpr uint32_t kRate64kOneChannel = 7200;
+constexpr uint32_t kRate64kTwoChannels = 15500;
+constexpr uint32_t kRate56kOneChannel = 5700;
+constexpr uint32_t kRate56kTwoChannels = 14500;
+
+// Hours, minutes and seconds joined by ":", each of at least two digits;
+// hours of three digits and more are shown whole.
+std::string ClockText(uint64_t seconds) {
+    char text[48];
+    std::snprintf(text, sizeof text, "%02llu:%02llu:%02llu",
+                  static_cast<unsigned long long>(seconds / 3600),
+                  static_cast<unsigned long long>((seconds % 3600) / 60),
+                  static_cast<unsigned long long>(seconds % 60));
+    return text;
+}
+
+// The rate that the outgoing settings promise. Row 1 of the protocol list is
+// AIMUX, which always takes two channels, except on the ZyXEL family, whose
+// list has X.75 there. With no row selected, which is the case until the
+// adapter is known, the estimate is that of the first row, V.120, the
+// protocol that the window then selects.
+uint32_t FixedRate() {
+    ControlModel& controls = Controls();
+    const bool at56k = controls.Checked(IDC_56K);
+    const int row = controls.Selection(IDC_PROTOCOL);
+    const bool aimux = row == 1 && ThePreferences.AdapterModel != ModelZyXEL;
+    const bool twoChannels = aimux || controls.Checked(IDC_2B);
+    if (at56k) {
+        return twoChannels ? kRate56kTwoChannels : kRate56kOneChannel;
+    }
+    return twoChannels ? kRate64kTwoChannels : kRate64kOneChannel;
+}
+
+}  // namespace
+
+void MainWindow::ShowBatchEstimate(uint32_t bytes) {
+    ControlModel& controls = Controls();
+    if (bytes == 0) {
+        // The last texts stay, grey.
+        controls.Enable(IDC_TOTAL_KB, false);
+        controls.Enable(IDC_EST_TIME, false);
+        return;
+    }
+    controls.Enable(IDC_TOTAL_KB, true);
+    controls.Enable(IDC_EST_TIME, true);
+    // Rounded up by a whole kilobyte even for an exact multiple.
+    controls.SetText(IDC_TOTAL_KB, std::to_string((bytes >> 10) + 1) + " KB");
+    const int32_t measured = MeasuredRate.load();
+    const uint32_t rate = measured > 0 ? static_cast<uint32_t>(measured) : FixedRate();
+    // Never an estimate of nothing.
+    const uint64_t seconds = uint64_t{bytes} / rate + 1;
+    controls.SetText(IDC_EST_TIME, "Est. Time: " + ClockText(seconds));
+}
+
+void MainWindow::RecomputeSendTotal() {
+    const int16_t count = std::clamp<int16_t>(TheEngine.SendCount.load(), 0, ListCapacity);
+    uint32_t total = 0;
+    for (int16_t i = 0; i < count; ++i) {
+        const FileEntry& entry = TheEngine.SendList[i];
+        // The folder marker carries no bytes of its own.
+        if (entry.EntryKind != KindFolderMarker) {
+            total += entry.TotalLength;
+        }
+    }
+    TheEngine.SendRemaining.store(total);
+    ShowBatchEstimate(total);
+}
+
+void MainWindow::ShowTransferDisplay(bool starting) {
+    ControlModel& controls = Controls();
+    controls.SetPosition(IDC_PROGRESS, 0);
+    if (starting) {
+        controls.Show(IDC_PROGRESS, true);
+        controls.SetText(IDC_BYTES_SEC, "");
+        controls.Enable(IDC_BYTES_SEC, true);
+        MeasuredRate.store(0);
+        controls.Enable(IDC_CLEAR_LOG, false);
+    } else {
+        controls.Show(IDC_PROGRESS, false);
+        // Its last text stays, grey.
+        controls.Enable(IDC_BYTES_SEC, false);
+        controls.Enable(IDC_CLEAR_LOG, true);
+        MeasuredRate.store(0);
+    }
+}
+
+void MainWindow::SetProgress(uint32_t done, uint32_t total) {
+    // In 64 bits, so that files past 42 MB do not overflow the product. An
+    // empty total has nothing to show, and the bar never passes its end.
+    const uint64_t position = total == 0 ? 0 : uint64_t{done} * 100 / total;
+    Controls().SetPosition(IDC_PROGRESS, static_cast<int>(std::min<uint64_t>(position, 100)));
+}
+
+void MainWindow::ShowThroughput(bool sending, bool log) {
+    const FileEntry* list = sending ? TheEngine.SendList : TheEngine.ReceiveList;
+    if (list == nullptr) {
+        return;
+    }
+    const FileEntry& entry = list[0];
+    const uint32_t start = entry.StartTime;
+    if (start == 0) {
+        return;  // nothing has moved yet
+    }
+    const uint32_t elapsed = entry.LastBlockTime - start;
+    // A rate from bytes and milliseconds, in 64 bits; the ceiling below
+    // brings it back into range.
+    int64_t rate = MeasuredRate.load();
+    if (elapsed != 0) {
+        rate = static_cast<int64_t>(uint64_t{entry.BytesDone} * 1000 / elapsed);
+    }
+    const int64_t ceiling = RateEstimate.load();
+    if (rate > ceiling || rate == 0) {
+        rate = ceiling;
+    }
+    std::string text = std::to_string(rate);
+    MeasuredRate.store(static_cast<int32_t>(rate));
+    if (text[0] == '0') {
+        // Only a ceiling of 0 gets here: the estimate must not divide by it.
+        MeasuredRate.store(10);
+    }
+    text += " Bytes/sec";
+    if (log) {
+        ::AddLogLine("Average throughput: " + text);
+    }
+    Controls().SetText(IDC_BYTES_SEC, text);
+}
+
+void MainWindow::LogElapsedTime() {
+    // Taken and cleared in one step: a second call in the same session, from
+    // whichever thread, logs nothing.
+    const std::time_t started = TheEngine.TransferStartTime.exchange(0);
+    if (started == 0) {
+        return;
+    }
+    const std::time_t now = WallSeconds();
+    const uint64_t seconds = now > started ? static_cast<uint64_t>(now - started) : 0;
+    ::AddLogLine("Elapsed Time: " + ClockText(seconds));
+}
+
+void MainWindow::ListIncomingFiles() {
+    const uint32_t count = std::min<uint32_t>(TheEngine.ReceiveCount.load(), ListCapacity);
+    for (uint32_t i = 0; i < count; ++i) {
+        const FileEntry& entry = TheEngine.ReceiveList[i];
+        // The size here includes the checksum bytes of the wire.
+        const std::string size =
+            entry.EntryKind == KindFolderMarker ? "" : std::to_string(entry.TotalLength);
+        Controls().AddRow(IDC_FILE_LIST,
+                          ListRow{std::string(entry.DisplayName.View()), size, entry.EntryKind});
+    }
+}
+
+void MainWindow::RemoveTopFileRow() {
+    Controls().DeleteRow(IDC_FILE_LIST, 0);
+}
