@@ -17,7 +17,7 @@ int Count(const std::string& text, const std::string& what) {
     return count;
 }
 
-class Calls : public testing::Test {
+class VirtualTaCalls : public testing::Test {
 protected:
     void Start(const std::vector<std::string>& extra = {}) {
         std::vector<std::string> arguments = {"--rate",
@@ -36,7 +36,7 @@ protected:
     std::unique_ptr<VirtualTa> tool_;
 };
 
-TEST_F(Calls, AliceCallsBobAndEachEndReportsItsOwnPortSpeed) {
+TEST_F(VirtualTaCalls, AliceCallsBobAndEachEndReportsItsOwnPortSpeed) {
     Start();
     TaPort alice(Link("alice"), 57600);
     TaPort bob(Link("bob"), 115200);
@@ -54,7 +54,7 @@ TEST_F(Calls, AliceCallsBobAndEachEndReportsItsOwnPortSpeed) {
     EXPECT_EQ(transfer.atA, "from bob");
 }
 
-TEST_F(Calls, BobCallsAliceWithCarrierCodesAndASecondNumber) {
+TEST_F(VirtualTaCalls, BobCallsAliceWithCarrierCodesAndASecondNumber) {
     Start();
     TaPort alice(Link("alice"), 115200);
     TaPort bob(Link("bob"), 115200);
@@ -66,7 +66,7 @@ TEST_F(Calls, BobCallsAliceWithCarrierCodesAndASecondNumber) {
     EXPECT_EQ(transfer.atA, "to bob");
 }
 
-TEST_F(Calls, AnAdapterInACallIsBusy) {
+TEST_F(VirtualTaCalls, AnAdapterInACallIsBusy) {
     Start();
     TaPort alice(Link("alice"), 115200);
     TaPort bob(Link("bob"), 115200);
@@ -87,7 +87,7 @@ TEST_F(Calls, AnAdapterInACallIsBusy) {
     EXPECT_EQ(dave.ReadUntil("BUSY\r\n", 3000), "ATD5551004\r\r\nBUSY\r\n");
 }
 
-TEST_F(Calls, AnUnknownNumberGetsNoCarrierAfterAShortDelay) {
+TEST_F(VirtualTaCalls, AnUnknownNumberGetsNoCarrierAfterAShortDelay) {
     Start();
     TaPort alice(Link("alice"), 115200);
     TaPort bob(Link("bob"), 115200);
@@ -105,7 +105,7 @@ TEST_F(Calls, AnUnknownNumberGetsNoCarrierAfterAShortDelay) {
     EXPECT_EQ(alice.Command("AT"), "AT\r\r\nOK\r\n");
 }
 
-TEST_F(Calls, AnUnpluggedLineHasNoDialToneAndCannotBeReached) {
+TEST_F(VirtualTaCalls, AnUnpluggedLineHasNoDialToneAndCannotBeReached) {
     Start();
     TaPort alice(Link("alice"), 115200);
     TaPort carol(Link("carol"), 115200);
@@ -117,7 +117,7 @@ TEST_F(Calls, AnUnpluggedLineHasNoDialToneAndCannotBeReached) {
     EXPECT_EQ(carol.ReadFor(100), "") << "no RING on an unplugged line";
 }
 
-TEST_F(Calls, ABlankBreaksTheDialOff) {
+TEST_F(VirtualTaCalls, ABlankBreaksTheDialOff) {
     Start();
     TaPort alice(Link("alice"), 115200);
     TaPort bob(Link("bob"), 115200);
@@ -132,7 +132,7 @@ TEST_F(Calls, ABlankBreaksTheDialOff) {
     EXPECT_EQ(alice.Command("AT"), "AT\r\r\nOK\r\n");
 }
 
-TEST_F(Calls, ABlankBreaksOffAFailingDialToo) {
+TEST_F(VirtualTaCalls, ABlankBreaksOffAFailingDialToo) {
     Start();
     TaPort alice(Link("alice"), 115200);
     alice.Send("ATD5559999\r");
@@ -141,7 +141,7 @@ TEST_F(Calls, ABlankBreaksOffAFailingDialToo) {
     EXPECT_EQ(alice.ReadFor(1000), "\r\nNO CARRIER\r\n") << "one result only";
 }
 
-TEST_F(Calls, HangingUpARingingAdapterRefusesTheCall) {
+TEST_F(VirtualTaCalls, HangingUpARingingAdapterRefusesTheCall) {
     Start();
     TaPort alice(Link("alice"), 115200);
     TaPort bob(Link("bob"), 115200);
@@ -153,7 +153,7 @@ TEST_F(Calls, HangingUpARingingAdapterRefusesTheCall) {
     EXPECT_EQ(bob.ReadFor(300), "") << "no more rings";
 }
 
-TEST_F(Calls, ARingRepeatsEveryTwoSecondsUntilTheCallerGivesUp) {
+TEST_F(VirtualTaCalls, ARingRepeatsEveryTwoSecondsUntilTheCallerGivesUp) {
     Start({"--answer-wait", "3"});
     TaPort alice(Link("alice"), 115200);
     TaPort bob(Link("bob"), 115200);
@@ -169,7 +169,7 @@ TEST_F(Calls, ARingRepeatsEveryTwoSecondsUntilTheCallerGivesUp) {
     EXPECT_EQ(bob.ReadUntil("NO CARRIER\r\n", 1000), "ATA\r\r\nNO CARRIER\r\n");
 }
 
-TEST_F(Calls, AnAdapterToldToAnswerByItselfDoesSo) {
+TEST_F(VirtualTaCalls, AnAdapterToldToAnswerByItselfDoesSo) {
     Start();
     TaPort alice(Link("alice"), 115200);
     TaPort dave(Link("dave"), 115200);
@@ -180,7 +180,7 @@ TEST_F(Calls, AnAdapterToldToAnswerByItselfDoesSo) {
               "ATD5551004\r\r\nRINGING\r\n\r\nCONNECT 115200\r\n");
 }
 
-TEST_F(Calls, AProfileWithS0Eq0LeavesTheAnswerToTheProgram) {
+TEST_F(VirtualTaCalls, AProfileWithS0Eq0LeavesTheAnswerToTheProgram) {
     Start();
     TaPort alice(Link("alice"), 115200);
     TaPort bob(Link("bob"), 115200);

@@ -18,7 +18,7 @@ bool IsLink(const std::string& path) {
     return ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
 }
 
-TEST(CommandLine, BadArgumentsGiveOneLineAndExit2) {
+TEST(VirtualTaCommandLine, BadArgumentsGiveOneLineAndExit2) {
     TempFolder folder;
     const std::string good = folder / "COM1=bitsurfr:5551000";
     const std::vector<std::vector<std::string>> cases = {
@@ -57,7 +57,7 @@ TEST(CommandLine, BadArgumentsGiveOneLineAndExit2) {
     EXPECT_FALSE(IsLink(folder / "COM1")) << "no link is left by a refused start";
 }
 
-TEST(CommandLine, HelpDescribesTheAdapters) {
+TEST(VirtualTaCommandLine, HelpDescribesTheAdapters) {
     const ToolRun run = RunTool({"--help"});
     EXPECT_EQ(run.exitCode, 0);
     for (const char* word :
@@ -67,7 +67,7 @@ TEST(CommandLine, HelpDescribesTheAdapters) {
     }
 }
 
-TEST(CommandLine, LinksAreMadeReplacedAndRemoved) {
+TEST(VirtualTaCommandLine, LinksAreMadeReplacedAndRemoved) {
     TempFolder folder;
     ASSERT_EQ(::symlink("/dev/pts/nowhere", (folder / "COM1").c_str()), 0);
     VirtualTa tool({folder / "COM1=bitsurfr:5551001", folder / "COM2=3com:5551002"});
@@ -84,7 +84,7 @@ TEST(CommandLine, LinksAreMadeReplacedAndRemoved) {
     EXPECT_FALSE(IsLink(folder / "COM2"));
 }
 
-TEST(CommandLine, AnInterruptEndsItCleanly) {
+TEST(VirtualTaCommandLine, AnInterruptEndsItCleanly) {
     TempFolder folder;
     VirtualTa tool({folder / "COM1=zyxel-omninet:5551001"});
     ASSERT_TRUE(tool.Ready());
@@ -93,7 +93,7 @@ TEST(CommandLine, AnInterruptEndsItCleanly) {
     EXPECT_FALSE(IsLink(folder / "COM1"));
 }
 
-TEST(CommandLine, APathTakenByAFileIsLeftAlone) {
+TEST(VirtualTaCommandLine, APathTakenByAFileIsLeftAlone) {
     TempFolder folder;
     WriteWholeFile(folder / "COM1", "mine");
     const ToolRun run = RunTool({folder / "COM1=bitsurfr:5551000"});
@@ -104,7 +104,7 @@ TEST(CommandLine, APathTakenByAFileIsLeftAlone) {
 
 // The second number names the second B channel: a call whose second number
 // reaches another adapter runs on one channel. The trace tells.
-TEST(CommandLine, TheTraceTellsTheChannelsOfEachCall) {
+TEST(VirtualTaCommandLine, TheTraceTellsTheChannelsOfEachCall) {
     TempFolder folder;
     const std::string trace = folder / "trace.txt";
     VirtualTa tool({"--trace", trace, "--fault", "drop:1:0", "--fault", "drop:1:0",
@@ -138,7 +138,7 @@ TEST(CommandLine, TheTraceTellsTheChannelsOfEachCall) {
     EXPECT_EQ(faults, 2u) << "each fault acts once, one per call";
 }
 
-TEST(CommandLine, TheTraceShowsCommandsRepliesAndCallsWhileItRuns) {
+TEST(VirtualTaCommandLine, TheTraceShowsCommandsRepliesAndCallsWhileItRuns) {
     TempFolder folder;
     const std::string trace = folder / "trace.txt";
     VirtualTa tool({"--trace", trace, "--rate", "0", folder / "a=bitsurfr:5551001",

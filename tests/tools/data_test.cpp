@@ -13,7 +13,7 @@
 
 namespace {
 
-class DataMode : public testing::Test {
+class VirtualTaDataMode : public testing::Test {
 protected:
     // Alice (a BitSURFR) and Bob (a ZyXEL), connected, both ports at 115200.
     void Connect(const std::vector<std::string>& extra = {}) {
@@ -33,7 +33,7 @@ protected:
     std::unique_ptr<TaPort> bob_;
 };
 
-TEST_F(DataMode, AMegabyteEachWayAtOnceArrivesUnchanged) {
+TEST_F(VirtualTaDataMode, AMegabyteEachWayAtOnceArrivesUnchanged) {
     Connect({"--rate", "0"});
     const std::string toBob = RandomBytes(1 << 20, 1);
     const std::string toAlice = RandomBytes(1 << 20, 2);
@@ -44,7 +44,7 @@ TEST_F(DataMode, AMegabyteEachWayAtOnceArrivesUnchanged) {
     EXPECT_TRUE(transfer.atA == toAlice) << "bytes to Alice changed";
 }
 
-TEST_F(DataMode, NoByteIsLostWhileTheFarEndDoesNotRead) {
+TEST_F(VirtualTaDataMode, NoByteIsLostWhileTheFarEndDoesNotRead) {
     Connect({"--rate", "0"});
     const std::string bytes = RandomBytes(1 << 20, 3);
     // Bob reads nothing: Alice's port takes a little and then holds her back.
@@ -69,7 +69,7 @@ TEST_F(DataMode, NoByteIsLostWhileTheFarEndDoesNotRead) {
     EXPECT_TRUE(atBob == bytes);
 }
 
-TEST_F(DataMode, PlusSignsWithinTheDataPassAsData) {
+TEST_F(VirtualTaDataMode, PlusSignsWithinTheDataPassAsData) {
     Connect({"--rate", "0"});
     // Inside a run, and right behind other bytes with silence after.
     Transfer transfer = TransferBothWays(*alice_, *bob_, "abc+++def", "", 2000);
@@ -90,7 +90,7 @@ TEST_F(DataMode, PlusSignsWithinTheDataPassAsData) {
     EXPECT_EQ(alice_->ReadFor(700), "");
 }
 
-TEST_F(DataMode, EscapeAfterSilenceThenHangUpPutsNoCarrierBehindTheData) {
+TEST_F(VirtualTaDataMode, EscapeAfterSilenceThenHangUpPutsNoCarrierBehindTheData) {
     Connect({"--rate", "0"});
     const std::string data = RandomBytes(5000, 4);
     alice_->Send(data);
@@ -111,7 +111,7 @@ TEST_F(DataMode, EscapeAfterSilenceThenHangUpPutsNoCarrierBehindTheData) {
     EXPECT_EQ(alice_->Command("AT"), "AT\r\r\nOK\r\n");
 }
 
-TEST_F(DataMode, OnlineCommandModeHoldsTheFarEndsDataUntilATO) {
+TEST_F(VirtualTaDataMode, OnlineCommandModeHoldsTheFarEndsDataUntilATO) {
     Connect({"--rate", "0"});
     // The three "+" may come one by one within the guard time.
     ::usleep(600000);
@@ -130,7 +130,7 @@ TEST_F(DataMode, OnlineCommandModeHoldsTheFarEndsDataUntilATO) {
     EXPECT_EQ(transfer.atB, "back");
 }
 
-TEST_F(DataMode, FaultsActAtTheirOffsetsOnceAndInOrder) {
+TEST_F(VirtualTaDataMode, FaultsActAtTheirOffsetsOnceAndInOrder) {
     Connect({"--rate", "0", "--fault", "corrupt:5551002:0", "--fault", "corrupt:5551001:100",
              "--fault", "corrupt:5551001:7000", "--fault", "drop:5551001:9000"});
     // Bob's first byte arrives with one bit flipped.
@@ -168,7 +168,7 @@ TEST_F(DataMode, FaultsActAtTheirOffsetsOnceAndInOrder) {
     EXPECT_TRUE(transfer.atA == fromBob);
 }
 
-TEST_F(DataMode, TheLinePacesAtItsRate) {
+TEST_F(VirtualTaDataMode, TheLinePacesAtItsRate) {
     Connect({"--rate", "20000"});
     const std::string bytes = RandomBytes(40000, 7);
     const Transfer transfer = TransferBothWays(*alice_, *bob_, bytes, bytes, 10000);
@@ -180,7 +180,7 @@ TEST_F(DataMode, TheLinePacesAtItsRate) {
 
 // Six adapters in three calls at once: one whose two ends both bundle two
 // channels, one whose answerer does not, and one at 56K.
-TEST(LineRate, TwoChannelsNeedBothEndsAnd56KCarriesSevenEighths) {
+TEST(VirtualTaLineRate, TwoChannelsNeedBothEndsAnd56KCarriesSevenEighths) {
     TempFolder folder;
     VirtualTa tool({"--rate", "10000", folder / "a=bitsurfr:1", folder / "b=adtran-xr:2",
                     folder / "c=adtran-xrt:3", folder / "d=bitsurfr:4", folder / "e=zyxel-2864:5",

@@ -271,9 +271,9 @@ std::string ChoiceName(const testing::TestParamInfo<Choice>& info) {
     return name;
 }
 
-INSTANTIATE_TEST_SUITE_P(AllFamilies, AdapterChoice, testing::ValuesIn(kChoices), ChoiceName);
+INSTANTIATE_TEST_SUITE_P(VirtualTa, AdapterChoice, testing::ValuesIn(kChoices), ChoiceName);
 
-TEST(CommandMode, EchoAndResultCodesFollowEAndV) {
+TEST(VirtualTaCommandMode, EchoAndResultCodesFollowEAndV) {
     TempFolder folder;
     VirtualTa tool({folder / "COM1=zyxel-2864:5551000"});
     ASSERT_TRUE(tool.Ready());

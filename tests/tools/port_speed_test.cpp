@@ -7,7 +7,7 @@
 
 namespace {
 
-class PortSpeeds : public testing::Test {
+class VirtualTaPortSpeeds : public testing::Test {
 protected:
     void Start(const std::string& adapter) {
         tool_ = std::make_unique<VirtualTa>(std::vector<std::string>{folder_ / adapter});
@@ -29,7 +29,7 @@ protected:
     std::unique_ptr<TaPort> port_;
 };
 
-TEST_F(PortSpeeds, AboveItsMaxSpeedAnAdapterHearsNothing) {
+TEST_F(VirtualTaPortSpeeds, AboveItsMaxSpeedAnAdapterHearsNothing) {
     Start("COM1=zyxel-ta128:5551000,max-speed=57600");
     EXPECT_TRUE(Answers(9600));
     EXPECT_TRUE(Answers(57600));
@@ -38,14 +38,14 @@ TEST_F(PortSpeeds, AboveItsMaxSpeedAnAdapterHearsNothing) {
     EXPECT_TRUE(Answers(57600)) << "nothing heard at the wrong speed has stuck";
 }
 
-TEST_F(PortSpeeds, AZyxelFollowsThePortAllTheWay) {
+TEST_F(VirtualTaPortSpeeds, AZyxelFollowsThePortAllTheWay) {
     Start("COM1=zyxel-2864:5551000");
     for (uint32_t speed : {9600u, 57600u, 115200u, 230400u, 9600u}) {
         EXPECT_TRUE(Answers(speed)) << speed;
     }
 }
 
-TEST_F(PortSpeeds, ABitSurfrMovesTo230400OnlyWhenToldAndBack) {
+TEST_F(VirtualTaPortSpeeds, ABitSurfrMovesTo230400OnlyWhenToldAndBack) {
     Start("COM1=bitsurfr:5551000");
     EXPECT_TRUE(Answers(57600));
     EXPECT_TRUE(Answers(115200));
@@ -65,7 +65,7 @@ TEST_F(PortSpeeds, ABitSurfrMovesTo230400OnlyWhenToldAndBack) {
     EXPECT_TRUE(Answers(9600));
 }
 
-TEST_F(PortSpeeds, A3ComMovesOnItsSpeedCommandWithoutAReply) {
+TEST_F(VirtualTaPortSpeeds, A3ComMovesOnItsSpeedCommandWithoutAReply) {
     Start("COM1=3com:5551000");
     EXPECT_TRUE(Answers(115200));
     EXPECT_FALSE(Answers(230400));
@@ -85,7 +85,7 @@ TEST_F(PortSpeeds, A3ComMovesOnItsSpeedCommandWithoutAReply) {
     EXPECT_TRUE(Answers(9600));
 }
 
-TEST_F(PortSpeeds, AnAdTranRunsAt230400OnlyWithItsSwitchAndThenOnlyThere) {
+TEST_F(VirtualTaPortSpeeds, AnAdTranRunsAt230400OnlyWithItsSwitchAndThenOnlyThere) {
     {
         Start("COM1=adtran-xr:5551000");
         EXPECT_TRUE(Answers(9600));
