@@ -2,6 +2,8 @@
 // channel is up, on the calling and the answering side.
 #pragma once
 
+#include <string>
+
 // Gives the adapter the outgoing profile and dials the number in IDC_NUMBER.
 // Runs on the main thread, with no link up.
 void PlaceCall();
@@ -9,4 +11,10 @@ void PlaceCall();
 // answered, CONNECT takes the link up, NO CARRIER, BUSY and NO DIALTONE end it.
 void HandleLineEvent();
 // Every hot folder must be seen unchanged twice again before it goes out.
+// From the communications thread (on RING) the counters are cleared when the
+// main thread next looks at them, since only the main thread touches the
+// directory.
 void ClearHotFolderCounters();
+// The dial command for a number as the user typed it, with the carrier code
+// of that row of the carrier list in front of each of its numbers.
+std::string DialString(const std::string& number, int carrierRow);

@@ -15,3 +15,18 @@ int16_t FindRetrieveFolder(const std::string& number);
 void LoadPickUpFolder(int16_t index);
 // The 15-second look at the hot folders.
 void ScanHotFolders();
+
+// The holder's answer to a line holding RETRIEVE: reads the request behind
+// it and sends the pick-up folder, or says why there is none.
+void AnswerRetrieveRequest();
+
+// The pick-up folders themselves, below PickUpPath under each FirmName.
+// The number of plain files directly in record index's folder, of its first
+// 100 entries, with their bytes in total; -1 if the folder is missing.
+int16_t ScanPickUpFolder(int16_t index, uint32_t& total);
+// Makes the folder "Sent Files" inside record index's pick-up folder.
+void EnsureSentFilesFolder(int16_t index);
+// Moves a file that has been sent into "Sent Files" beside it, under name,
+// replacing an older file of that name there; a file that cannot be moved is
+// deleted, so that it does not go out again.
+void MoveToSentFiles(const std::string& path, const std::string& name);

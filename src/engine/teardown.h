@@ -15,3 +15,6 @@ int StallCheck(uint32_t waiting);
 // directory entries.
 void EndOfCallCleanup();
 void ImportReceivedEntries();
+// At the program's exit: the files of a receive still under way and a file
+// kept for a resume are deleted, since they can no longer be finished.
+void DiscardUnfinishedFiles();

@@ -105,3 +105,10 @@ void EngineShutdown();
 unsigned CommThread(void* parameter);
 unsigned SectionFeeder(void* parameter);
 unsigned BlockWriter(void* parameter);
+
+// Stops the sending session's threads however far they have got: the feeder
+// leaves its loop, a block still being written is cut off, and when this
+// returns the feeder and its writer have both returned. Does nothing when no
+// feeder runs. Any thread but those two may call it; the program's exit does,
+// after the communications thread has left its loop.
+void StopFeeder();

@@ -1,0 +1,155 @@
+// Placing a call, and the adapter's result codes on both sides up to the
+// moment the data channel is up.
+
+#include "engine/dialing.h"
+
+#include <array>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "engine/comm_pass.h"
+#include "engine/display.h"
+#include "engine/pickup.h"
+#include "engine/session_threads.h"
+#include "engine/transfer_engine.h"
+#include "line/adapter.h"
+#include "line/comm_port.h"
+#include "line/profiles.h"
+#include "platform/clock.h"
+#include "platform/control_model.h"
+#include "platform/message_box.h"
+#include "resources/resource.h"
+#include "stores/status_log.h"
+
+namespace {
+
+constexpr int16_t LineLimitMs = 750;
+constexpr int16_t RingDrainQuietMs = 100;
+constexpr uint32_t AnswerPauseMs = 500;
+
+// The codes of the carrier list, by row: Default, AT&T, MCI, Sprint.
+constexpr std::array<const char*, 4> CarrierCodes{"", "10288", "10222", "10333"};
+
+struct ConnectCode {
+    const char* text;
+    const char* logLine;
+};
+constexpr std::array<ConnectCode, 3> ConnectCodes{{
+    {"CONNECT 57600", "Connected 57600"},
+    {"CONNECT 115200", "Connected 115200"},
+    {"CONNECT 230400", "Connected 230400"},
+}};
+
+// The link is back in the idle state after a call that did not come about.
+void BackToIdle() {
+    TheEngine.LinkState = LinkIdle;
+    Display().UpdateActionButtons();
+}
+
+void CallFailed() {
+    TheEngine.WeSend = 0;
+    TheEngine.RetrievePending = 0;
+    ClearSessionFlags();
+}
+
+void Connected(const ConnectCode& code) {
+    AddLogLine(code.logLine);
+    ClearSessionFlags();
+    TheEngine.LinkState = LinkConnected;
+    Display().UpdateActionButtons();
+    if (TheEngine.WeSend.load() != 0) {
+        SendBytes(TokenSyncon.Bytes(), static_cast<int16_t>(TokenSyncon.Length()));
+    } else {
+        // The caller speaks first; its silence is timed from here.
+        TheEngine.LastRxTime = NowMs();
+    }
+}
+
+}  // namespace
+
+std::string DialString(const std::string& number, int carrierRow) {
+    std::string digits;
+    for (const char c : number) {
+        if ((c >= '0' && c <= '9') || c == '+' || c == '&') {
+            digits += c;
+        }
+    }
+    const std::string code = carrierRow >= 0 && carrierRow < static_cast<int>(CarrierCodes.size())
+                                 ? CarrierCodes[static_cast<size_t>(carrierRow)]
+                                 : "";
+    size_t separator = digits.find('+');
+    if (separator == std::string::npos) {
+        separator = digits.find('&');
+    }
+    if (separator == std::string::npos) {
+        return "ATD" + code + digits;
+    }
+    return "ATD" + code + digits.substr(0, separator) + digits[separator] + code +
+           digits.substr(separator + 1);
+}
+
+void PlaceCall() {
+    ControlModel& controls = Controls();
+    if (controls.Text(IDC_NUMBER).empty()) {
+        ShowMessageBox("Please select a correspondent in your Directory.");
+        return;
+    }
+    // The adapter's answer to the dial is read only once the link stands in
+    // LinkDialing, however quickly it comes.
+    PortConversation conversation;
+    InitializeOutgoing();
+    const std::string number = controls.Text(IDC_NUMBER);
+    SendCommand(DialString(number, controls.Selection(IDC_CARRIER)).c_str());
+    AddLogLine("Calling " + controls.Text(IDC_NAME));
+    AddLogLine("at " + number);
+    ClearSessionFlags();
+    TheEngine.LinkState = LinkDialing;
+    Display().UpdateActionButtons();
+    TheEngine.WeSend = 1;
+}
+
+void HandleLineEvent() {
+    std::memset(TokenBuffer, 0, TokenBufferSize);
+    if (ReadLine(LineLimitMs, TokenBuffer) == nullptr) {
+        return;
+    }
+    const std::string line(TokenBuffer);
+    if (LineHolds(line, "RINGING")) {
+        return;
+    }
+    if (LineHolds(line, "RING")) {
+        DrainInput(RingDrainQuietMs);
+        ClearHotFolderCounters();
+        SleepMs(AnswerPauseMs);
+        SendCommand("ATA");
+        return;
+    }
+    for (const ConnectCode& code : ConnectCodes) {
+        if (LineHolds(line, code.text)) {
+            Connected(code);
+        }
+    }
+    if (LineHolds(line, TextNoCarrier)) {
+        AddLogLine("Disconnected");
+        BackToIdle();
+        SleepMs(50);
+        ReinitializeIncoming();
+        CallFailed();
+    }
+    if (LineHolds(line, "BUSY")) {
+        AddLogLine("Busy");
+        BackToIdle();
+        ReinitializeIncoming();
+        CallFailed();
+    }
+    if (LineHolds(line, "NO DIALTONE") || LineHolds(line, "NO DIAL TONE")) {
+        AddLogLine("No Dialtone.");
+        BackToIdle();
+        ReinitializeIncoming();
+        ShowMessageOutsidePass(
+            "Cannot place an outgoing data call.\rPlease make sure your ISDN line is properly "
+            "connected.");
+        CallFailed();
+    }
+}

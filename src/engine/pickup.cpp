@@ -1,0 +1,223 @@
+// The buttons that start a call, and the pick-up folders: fetched by their
+// correspondent calling in, or sent by themselves once they stop changing.
+
+#include "engine/pickup.h"
+
+#include <atomic>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "engine/comm_pass.h"
+#include "engine/dialing.h"
+#include "engine/display.h"
+#include "engine/sessions.h"
+#include "engine/transfer_engine.h"
+#include "line/comm_port.h"
+#include "platform/control_model.h"
+#include "platform/files.h"
+#include "resources/resource.h"
+#include "stores/directory.h"
+#include "stores/paths.h"
+#include "stores/status_log.h"
+
+namespace {
+
+constexpr int16_t RequestLimitMs = 500;
+// Entries of a pick-up folder looked at, "." and ".." among them.
+constexpr size_t ScannedEntries = 100;
+
+// Each clear asked for bumps the count; the main thread zeroes the counters
+// when it sees a count it has not yet served.
+std::atomic<uint32_t> clearsAsked{0};
+uint32_t clearsServed = 0;  // main thread only
+
+void ServeHotFolderClears() {
+    const uint32_t asked = clearsAsked.load();
+    if (asked == clearsServed) {
+        return;
+    }
+    clearsServed = asked;
+    for (int i = 0; i <= DirectoryCount.load() && i < DirectorySlots; ++i) {
+        if (Directory[i].HotSend != 0) {
+            Directory[i].HotBytes = 0;
+        }
+    }
+}
+
+std::string PickUpFolderOf(int16_t index) {
+    return PickUpPath + "/" + FieldText(Directory[index].FirmName);
+}
+
+bool ValidIndex(int16_t index) {
+    return index >= 0 && index < DirectorySlots;
+}
+
+// The digits of a stored number up to a second number behind "+" or "&".
+std::string FirstNumberDigits(const std::string& stored) {
+    std::string digits;
+    for (const char c : stored) {
+        if (c == '+' || c == '&') {
+            break;
+        }
+        if (c >= '0' && c <= '9') {
+            digits += c;
+        }
+    }
+    return digits;
+}
+
+void SendToken(const WireToken& token) {
+    SendBytes(token.Bytes(), static_cast<int16_t>(token.Length()));
+}
+
+}  // namespace
+
+void OnSendClicked() {
+    TheEngine.RetrievePending = 0;
+    TheEngine.PickupSend = 0;
+    PlaceCall();
+}
+
+void OnRetrieveClicked() {
+    TheEngine.RetrievePending = 1;
+    PlaceCall();
+}
+
+void ClearHotFolderCounters() {
+    clearsAsked.fetch_add(1);
+    if (!OnCommThread()) {
+        ServeHotFolderClears();
+    }
+}
+
+int16_t ScanPickUpFolder(int16_t index, uint32_t& total) {
+    total = 0;
+    if (!ValidIndex(index)) {
+        return -1;
+    }
+    std::vector<FolderEntry> entries;
+    if (!ListFolder(PickUpFolderOf(index), entries)) {
+        return -1;
+    }
+    int16_t count = 0;
+    for (size_t i = 0; i < entries.size() && i < ScannedEntries; ++i) {
+        if (!entries[i].isFolder) {
+            ++count;
+            total += static_cast<uint32_t>(entries[i].size);
+        }
+    }
+    return count;
+}
+
+void EnsureSentFilesFolder(int16_t index) {
+    if (ValidIndex(index)) {
+        CreateFolder(PickUpFolderOf(index) + "/Sent Files");
+    }
+}
+
+void MoveToSentFiles(const std::string& path, const std::string& name) {
+    const size_t slash = path.rfind('/');
+    const std::string folder =
+        slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
+    const std::string target = folder + "Sent Files/" + name;
+    if (MoveFileNoReplace(path, target)) {
+        return;
+    }
+    // An older file of that name is in the way.
+    DeleteFileAt(target);
+    if (MoveFileNoReplace(path, target)) {
+        return;
+    }
+    DeleteFileAt(path);
+}
+
+int16_t FindRetrieveFolder(const std::string& number) {
+    for (int i = 0; i <= DirectoryCount.load() && i < DirectorySlots; ++i) {
+        const Correspondent& record = Directory[i];
+        if (FirstNumberDigits(FieldText(record.IsdnNumber)).find(number) == std::string::npos ||
+            record.HasPickUp == 0) {
+            continue;
+        }
+        uint32_t total = 0;
+        if (ScanPickUpFolder(static_cast<int16_t>(i), total) == 0) {
+            return 0;
+        }
+        return static_cast<int16_t>(i + 1);
+    }
+    return -1;
+}
+
+void LoadPickUpFolder(int16_t index) {
+    if (!ValidIndex(index)) {
+        return;
+    }
+    const std::string name = FieldText(Directory[index].FirmName);
+    Display().AddFolderToSendList(PickUpFolderOf(index), name);
+}
+
+void AnswerRetrieveRequest() {
+    RetrieveRequest request;
+    if (ReadBlock(&request, sizeof request, RequestLimitMs) < sizeof request) {
+        return;  // no answer; the caller's watchdog ends the call
+    }
+    const std::string number(request.LocalNumber.View());
+    const int16_t found = FindRetrieveFolder(number);
+    if (found < 0) {
+        AddLogLine("Retrieve request from " + number);
+        SendToken(TokenNoFileDir);
+        AddLogLine("No retrieve folder found.");
+        return;
+    }
+    if (found == 0) {
+        AddLogLine("Retrieve request from " + number);
+        SendToken(TokenNoFileAvail);
+        AddLogLine("No files to be retrieved.");
+        return;
+    }
+    const auto index = static_cast<int16_t>(found - 1);
+    AddLogLine("Retrieve request from " + FieldText(Directory[index].FirmName));
+    AddLogLine("at " + number);
+    Controls().Select(IDC_DIRECTORY_LIST, index);
+    Display().ShowCorrespondent(index);
+    TheEngine.WeSend = 1;
+    TheEngine.PickupSend = 1;
+    EnsureSentFilesFolder(index);
+    LoadPickUpFolder(index);
+    StartSendSession();
+}
+
+void ScanHotFolders() {
+    if (TheEngine.LinkState.load() != LinkIdle) {
+        return;
+    }
+    ServeHotFolderClears();
+    for (int i = 0; i <= DirectoryCount.load() && i < DirectorySlots; ++i) {
+        Correspondent& record = Directory[i];
+        if (record.HotSend == 0) {
+            continue;
+        }
+        uint32_t total = 0;
+        if (ScanPickUpFolder(static_cast<int16_t>(i), total) <= 0) {
+            continue;
+        }
+        if (total == 0) {
+            record.HotBytes = 0;
+            continue;
+        }
+        if (total != record.HotBytes) {
+            record.HotBytes = total;
+            continue;
+        }
+        // Unchanged since the last look: it goes out now.
+        record.HotBytes = 0;
+        const auto index = static_cast<int16_t>(i);
+        LoadPickUpFolder(index);
+        Controls().Select(IDC_DIRECTORY_LIST, index);
+        Display().ShowCorrespondent(index);
+        TheEngine.PickupSend = 1;
+        TheEngine.RetrievePending = 0;
+        PlaceCall();
+        return;
+    }
+}

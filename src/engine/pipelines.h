@@ -1,0 +1,30 @@
+// The file data: a file on disk turned into blocks on the sending side, and
+// blocks put together into checked sections and appended on the receiving
+// side.
+#pragma once
+
+#include <cstdint>
+
+// ---- Sending side, on the feeder ----
+
+// Reads the next section of SendList[0] into StagedSection and seals it.
+void ReadNextSection();
+
+enum class BlockOutcome {
+    Nothing,   // nothing to hand out
+    Handed,    // a block went to the writer, or the file's end was booked
+    FileSent,  // the file is through: LinkFileSent, and the feeder is to park
+};
+// Hands the next block of SendList[0] to the writer.
+BlockOutcome SendNextBlock();
+// Redraws the send progress.
+void RefreshSendDisplay();
+
+// ---- Receiving side, on the communications thread ----
+
+// Takes one block off the port.
+void ReceiveBlock();
+// Redraws the receive progress.
+void RefreshReceiveDisplay();
+// Moves the finished ReceiveList[0] behind the files still to come.
+void RetireFinishedEntry();

@@ -1,0 +1,195 @@
+// The receiving side's file data: blocks are taken off the port as soon as
+// each lies whole in the input queue, put together into sections, checked,
+// and appended to the file. Only good sections reach the disk, so the file
+// is always a whole number of them long until its last one is written.
+
+#include <string>
+
+#include "engine/display.h"
+#include "engine/pipelines.h"
+#include "engine/recovery.h"
+#include "engine/teardown.h"
+#include "engine/transfer_engine.h"
+#include "line/adapter.h"
+#include "line/comm_port.h"
+#include "platform/clock.h"
+#include "platform/files.h"
+#include "stores/status_log.h"
+
+namespace {
+
+constexpr int16_t BlockLimitMs = 250;
+
+void SendToken(const WireToken& token) {
+    SendBytes(token.Bytes(), static_cast<int16_t>(token.Length()));
+}
+
+void BookBytes(FileEntry& entry, uint32_t got) {
+    const uint32_t remaining = TheEngine.ReceiveRemaining.load();
+    TheEngine.ReceiveRemaining = remaining > got ? remaining - got : 0;
+    entry.BytesDone += got;
+}
+
+// Checks the section in WorkingSection over its fileBytes. A section that
+// fails is asked for again, and nothing of it reaches the disk.
+bool SectionPasses(uint32_t fileBytes, int errorNumber) {
+    if (SectionIntact(TheEngine.WorkingSection, fileBytes)) {
+        return true;
+    }
+    AddLogLine("Packet byte error " + std::to_string(errorNumber) + ".");
+    RequestSectionResend();
+    TheEngine.LinkState = LinkRecovery;
+    return false;
+}
+
+// Appends the section's file bytes where the file stops. A file that cannot
+// take them ends the session; it is then handled as any file that did not
+// arrive.
+bool AppendSection(const FileEntry& entry, uint32_t fileBytes) {
+    File file;
+    if (!file.Open(std::string(entry.FilePath.View()), File::Mode::Write) ||
+        !file.Seek(0, File::From::End) ||
+        !file.Write(TheEngine.WorkingSection + SectionCrcBytes, fileBytes)) {
+        file.Close();
+        AddLogLine("Cannot write file: " + std::string(entry.DisplayName.View()));
+        RequestDisconnect();
+        return false;
+    }
+    file.Close();
+    return true;
+}
+
+void FileFinished() {
+    FileEntry& entry = TheEngine.ReceiveList[0];
+    EngineWindow& display = Display();
+    AddLogLine("File received.");
+    entry.EntryComplete = 1;
+    display.ShowThroughput(false, true);
+    RetireFinishedEntry();
+    if (TheEngine.ReceiveCount.load() > 0) {
+        const FileEntry& next = TheEngine.ReceiveList[0];
+        TheEngine.ExpectedBlock = ExpectedBlockOf(next);
+        SnapshotSection();
+        display.ShowBatchEstimate(TheEngine.ReceiveRemaining.load());
+        display.SetProgress(next.BytesDone, next.TotalLength);
+        display.ShowThroughput(false, false);
+        AddLogLine("Receiving File: " + std::string(next.DisplayName.View()));
+        SendToken(TokenAck4);
+        return;
+    }
+    SendToken(TokenAck2);
+    TheEngine.LinkState = LinkConnected;
+    AddLogLine("All files received.");
+    display.ShowBatchEstimate(TheEngine.ReceiveRemaining.load());
+    display.ShowThroughput(false, false);
+    // A finished list leaves nothing to resume.
+    TheEngine.SavedEntry.WireName.Clear();
+}
+
+}  // namespace
+
+void ReceiveBlock() {
+    TheEngine.LastRxTime = NowMs();
+    FileEntry& entry = TheEngine.ReceiveList[0];
+    if (entry.DataDone != 0) {
+        FileFinished();
+        return;
+    }
+    const int16_t slot = TheEngine.BlockIndex.load();
+    if (slot == 0) {
+        SnapshotSection();
+    }
+    uint8_t* at = TheEngine.WorkingSection + slot * BlockBytes;
+    if (entry.DataBlocks > entry.BlocksDone) {
+        BookBytes(entry, ReadBlock(at, BlockBytes, BlockLimitMs));
+        entry.BlocksDone = static_cast<int16_t>(entry.BlocksDone + 1);
+        const int16_t filled = static_cast<int16_t>(slot + 1);
+        TheEngine.BlockIndex = filled;
+        if (entry.BlocksDone == entry.DataBlocks && entry.LastBlockBytes == 0) {
+            // The file's last section ends on a block boundary.
+            const uint32_t fileBytes = filled * BlockBytes - SectionCrcBytes;
+            if (!SectionPasses(fileBytes, 1) || !AppendSection(entry, fileBytes)) {
+                return;
+            }
+            TheEngine.BlockIndex = 0;
+            entry.DataDone = 1;
+            FileFinished();
+            return;
+        }
+        bool sectionWritten = false;
+        if (filled == static_cast<int16_t>(BlocksPerSection)) {
+            if (!SectionPasses(SectionFileBytes, 2) || !AppendSection(entry, SectionFileBytes)) {
+                return;
+            }
+            TheEngine.BlockIndex = 0;
+            entry.NextBlock = static_cast<int16_t>(entry.NextBlock + BlocksPerSection);
+            sectionWritten = true;
+        }
+        TheEngine.ExpectedBlock = entry.BlocksDone == entry.DataBlocks
+                                      ? static_cast<uint16_t>(entry.LastBlockBytes)
+                                      : static_cast<uint16_t>(BlockBytes);
+        entry.LastBlockTime = NowMs();
+        TheEngine.ReceiveDisplayDirty = 1;
+        if (sectionWritten) {
+            // The position now stands at the next section's start, which is
+            // what the file on disk holds: a call lost before the next block
+            // can still be resumed from exactly there.
+            SnapshotSection();
+        }
+        return;
+    }
+    const uint32_t lastBytes = static_cast<uint32_t>(entry.LastBlockBytes);
+    BookBytes(entry, ReadBlock(at, lastBytes, BlockLimitMs));
+    const int64_t fileBytes = int64_t{slot} * BlockBytes + lastBytes - SectionCrcBytes;
+    if (fileBytes <= 0) {
+        // Only a damaged position could bring this; the section cannot be
+        // checked, so it is asked for again.
+        RequestSectionResend();
+        TheEngine.LinkState = LinkRecovery;
+        return;
+    }
+    if (!SectionPasses(static_cast<uint32_t>(fileBytes), 3) ||
+        !AppendSection(entry, static_cast<uint32_t>(fileBytes))) {
+        return;
+    }
+    TheEngine.BlockIndex = 0;
+    entry.DataDone = 1;
+    FileFinished();
+}
+
+void RefreshReceiveDisplay() {
+    const FileEntry& entry = TheEngine.ReceiveList[0];
+    EngineWindow& display = Display();
+    display.ShowBatchEstimate(TheEngine.ReceiveRemaining.load());
+    display.SetProgress(entry.BytesDone, entry.TotalLength);
+    display.ShowThroughput(false, false);
+    TheEngine.ReceiveDisplayDirty = 0;
+}
+
+void RetireFinishedEntry() {
+    FileEntry* list = TheEngine.ReceiveList;
+    WireFileEntry* wire = TheEngine.WireList;
+    const FileEntry finished = list[0];
+    const WireFileEntry finishedWire = wire[0];
+    EngineWindow& display = Display();
+    display.SetProgress(100, 100);
+    const uint32_t count = TheEngine.ReceiveCount.load();
+    const uint32_t left = count > 0 ? count - 1 : 0;
+    TheEngine.ReceiveCount = left;
+    const int16_t size = TheEngine.ReceiveListSize.load();
+    if (size >= 1) {
+        for (int16_t i = 1; i < size; ++i) {
+            list[i - 1] = list[i];
+            wire[i - 1] = wire[i];
+        }
+        list[size - 1] = finished;
+        wire[size - 1] = finishedWire;
+    }
+    uint32_t remaining = 0;
+    for (uint32_t i = 0; i < left; ++i) {
+        remaining += list[i].TotalLength;
+    }
+    TheEngine.ReceiveRemaining = remaining;
+    display.RemoveTopFileRow();
+    display.ShowBatchEstimate(remaining);
+}

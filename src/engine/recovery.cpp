@@ -1,0 +1,93 @@
+// Repair of a failed section within a call, and the snapshot of the
+// receiver's position that a repair and a resumed transfer start from.
+
+#include "engine/recovery.h"
+
+#include <string>
+
+#include "engine/display.h"
+#include "engine/teardown.h"
+#include "engine/transfer_engine.h"
+#include "line/adapter.h"
+#include "line/comm_port.h"
+#include "platform/clock.h"
+#include "stores/status_log.h"
+
+namespace {
+
+constexpr int16_t DrainQuietMs = 100;
+
+}  // namespace
+
+void SnapshotSection() {
+    const FileEntry& entry = TheEngine.ReceiveList[0];
+    TheEngine.RecoveryRecord = MakeRecoveryMessage(
+        TokenFileRecovr,
+        MakeRecoveryBody(TheEngine.ExpectedBlock.load(), TheEngine.ReceiveRemaining.load(), entry));
+    TheEngine.SavedEntry = entry;
+}
+
+void RequestSectionResend() {
+    {
+        // Reads on this thread alone until the line has fallen quiet.
+        PortConversation conversation;
+        SendBytes(&TheEngine.RecoveryRecord, sizeof(RecoveryMessage));
+        // What is left of the section's stream is thrown away.
+        DrainInput(DrainQuietMs);
+        TheEngine.LastRxTime = NowMs();
+    }
+    SendBytes(TokenContSend.Bytes(), static_cast<int16_t>(TokenContSend.Length()));
+}
+
+void ApplyRecoveryAtReceiver() {
+    TheEngine.BlockIndex = 0;
+    FileEntry& entry = TheEngine.ReceiveList[0];
+    const RecoveryPosition position = ApplyRecoveryBody(TheEngine.RecoveryRecord.Body, entry);
+    TheEngine.ExpectedBlock = position.ExpectedBlock;
+    TheEngine.ReceiveRemaining = position.ReceiveRemaining;
+    EngineWindow& display = Display();
+    display.ShowBatchEstimate(position.ReceiveRemaining);
+    display.SetProgress(entry.BytesDone, entry.TotalLength);
+    display.ShowThroughput(false, false);
+}
+
+void ApplyRecoveryAtSender() {
+    const RecoveryBody body = RecordFromBytes<RecoveryBody>(TokenBuffer);
+    TheEngine.BlockIndex = 0;
+    FileEntry& entry = TheEngine.SendList[0];
+    const RecoveryPosition position = ApplyRecoveryBody(body, entry);
+    TheEngine.SendRemaining = position.ReceiveRemaining;
+    EngineWindow& display = Display();
+    display.ShowBatchEstimate(position.ReceiveRemaining);
+    display.SetProgress(entry.BytesDone, entry.TotalLength);
+    display.ShowThroughput(true, false);
+    // The section read ahead is dropped; the next read starts at the position.
+    TheEngine.SectionWanted = 1;
+}
+
+void ConfirmRecovery() {
+    SendBytes(TokenSendRecovr.Bytes(), static_cast<int16_t>(TokenSendRecovr.Length()));
+    TheEngine.LinkState = LinkTransfer;
+}
+
+void StallAbort(uint32_t waiting) {
+    AddLogLine("Bytes Read: " + std::to_string(waiting));
+    RequestDisconnect();
+}
+
+bool RecoveryBodySound(const RecoveryBody& body) {
+    FileEntry position;
+    ApplyRecoveryBody(body, position);
+    const uint32_t length = position.DataLength;
+    if (!DataLengthFits(length) || length % SectionWireBytes == 1 ||
+        length % SectionWireBytes == 2) {
+        return false;
+    }
+    if (position.DataBlocks != DataBlocksOf(length) ||
+        position.LastBlockBytes != LastBlockBytesOf(length)) {
+        return false;
+    }
+    const int16_t next = position.NextBlock;
+    return next >= 0 && next % static_cast<int16_t>(BlocksPerSection) == 0 &&
+           next <= position.DataBlocks && position.BlocksDone == next;
+}

@@ -1,0 +1,27 @@
+// Repair of a section that failed its check, and the receiver's snapshot of
+// its position that makes both the repair and a resumed transfer possible.
+#pragma once
+
+#include <cstdint>
+
+#include "engine/wire.h"
+
+// Copies ReceiveList[0] to SavedEntry and writes RecoveryRecord for the same
+// moment; the two never speak of different files.
+void SnapshotSection();
+// Receiving side: asks for the failed section again.
+void RequestSectionResend();
+// Receiving side: back to the start of the failed section, on SENDRECOVR.
+void ApplyRecoveryAtReceiver();
+// Sending side: takes over the position in the 80 bytes at the start of
+// TokenBuffer.
+void ApplyRecoveryAtSender();
+// Sending side: SENDRECOVR, and the transfer goes on.
+void ConfirmRecovery();
+// Receiving side: nothing came for too long and the queue holds n bytes.
+void StallAbort(uint32_t waiting);
+
+// True if a body, as it came from the far end, describes a position inside a
+// data stream that the block counters can hold, so that the pipeline can
+// take it over without leaving its buffers.
+bool RecoveryBodySound(const RecoveryBody& body);

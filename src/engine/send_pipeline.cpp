@@ -1,0 +1,209 @@
+// The sending side's file data: the feeder reads a section ahead while the
+// one before it goes out, and hands the blocks one at a time to the writer.
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+
+#include "engine/display.h"
+#include "engine/pipelines.h"
+#include "engine/session_threads.h"
+#include "engine/transfer_engine.h"
+#include "line/comm_port.h"
+#include "platform/clock.h"
+#include "platform/files.h"
+#include "stores/status_log.h"
+
+namespace {
+
+// The longest nap while a real port's output queue drains; a stop or a new
+// state is seen at least this often.
+constexpr uint32_t LongestDrainNapMs = 100;
+
+// Bytes of the file behind a data stream: the stream less 2 for each section.
+int64_t FileSizeOf(uint32_t dataLength) {
+    const int64_t sections = (int64_t{dataLength} + SectionWireBytes - 1) / SectionWireBytes;
+    return int64_t{dataLength} - int64_t{SectionCrcBytes} * sections;
+}
+
+// Waits, without spinning, for the bytes still in the output queue to leave
+// the port: a nap sized by what is left at the port's speed.
+void NapWhileOutputDrains(uint32_t waiting) {
+    const uint32_t baud = ThePort != nullptr ? ThePort->BaudRate.load() : 9600;
+    // Ten bits on the line for each byte.
+    const uint64_t ms = uint64_t{waiting} * 10 * 1000 / std::max<uint32_t>(baud, 1) + 1;
+    SleepMs(static_cast<uint32_t>(std::min<uint64_t>(ms, LongestDrainNapMs)));
+}
+
+// The file cannot give what its entry announced: the call cannot go on.
+void ReportUnreadable(const FileEntry& entry) {
+    AddLogLine("Cannot read file: " + std::string(entry.DisplayName.View()));
+    TheSession.SendFault = 1;
+    // The communications thread ends the call at its next pass.
+    InterruptPortWait();
+}
+
+void HandToWriter(const uint8_t* block, int16_t length) {
+    TheEngine.WriterIdle = 0;
+    TheEngine.WriteBlockLength = length;
+    TheEngine.WriteBlock = block;
+    WakeThread(TheEngine.WriterThread.load());
+}
+
+void BookBlock(FileEntry& entry, uint32_t bytes) {
+    const uint32_t remaining = TheEngine.SendRemaining.load();
+    TheEngine.SendRemaining = remaining > bytes ? remaining - bytes : 0;
+    entry.BytesDone += bytes;
+}
+
+}  // namespace
+
+void ReadNextSection() {
+    FileEntry& entry = TheEngine.SendList[0];
+    if (entry.DataDone == 0) {
+        const int64_t offset = SectionFileOffset(entry.NextBlock);
+        // What the list announced for this section; past the end of the file
+        // there is nothing, and the section read there is never sent.
+        const int64_t rest = FileSizeOf(entry.DataLength) - offset;
+        const uint32_t announced =
+            rest <= 0 ? 0 : static_cast<uint32_t>(std::min<int64_t>(rest, SectionFileBytes));
+        File file;
+        if (offset < 0 || !file.Open(std::string(entry.FilePath.View()), File::Mode::Read) ||
+            !file.Seek(offset, File::From::Begin)) {
+            ReportUnreadable(entry);
+            return;
+        }
+        const uint32_t got = file.Read(TheEngine.StagedSection + SectionCrcBytes, SectionFileBytes);
+        file.Close();
+        // A file that has shrunk since it was listed would be repaired without
+        // end; one that has grown goes out as long as it was announced.
+        if (got < announced) {
+            ReportUnreadable(entry);
+            return;
+        }
+        TheEngine.StagedLength = announced;
+        entry.NextBlock = static_cast<int16_t>(entry.NextBlock + BlocksPerSection);
+        SealSection(TheEngine.StagedSection, announced);
+    }
+    TheEngine.SectionWanted = 0;
+}
+
+BlockOutcome SendNextBlock() {
+    if (TheEngine.SendCount.load() <= 0) {
+        return BlockOutcome::Nothing;
+    }
+    FileEntry& entry = TheEngine.SendList[0];
+    if (entry.StartTime == 0) {
+        entry.StartTime = NowMs();
+    }
+    uint8_t* working = TheEngine.WorkingSection;
+    int16_t slot = TheEngine.BlockIndex.load();
+    if (slot == 0) {
+        // A section begins: the next one is read while this one goes out.
+        std::memcpy(working, TheEngine.StagedSection,
+                    TheEngine.StagedLength.load() + SectionCrcBytes);
+        TheEngine.SectionWanted = 1;
+    }
+    if (entry.DataDone != 0) {
+        // The last block has left the port: this step runs only with the
+        // writer idle and the output queue empty.
+        entry.LastBlockTime = NowMs();
+        int16_t expected = LinkTransfer;
+        if (!TheEngine.LinkState.compare_exchange_strong(expected, LinkFileSent)) {
+            return BlockOutcome::Nothing;  // a repair has begun meanwhile
+        }
+        return BlockOutcome::FileSent;
+    }
+    if (entry.BlocksDone < entry.DataBlocks) {
+        HandToWriter(working + slot * BlockBytes, static_cast<int16_t>(BlockBytes));
+        BookBlock(entry, BlockBytes);
+        entry.BlocksDone = static_cast<int16_t>(entry.BlocksDone + 1);
+        slot = static_cast<int16_t>(slot + 1);
+        TheEngine.BlockIndex = slot == static_cast<int16_t>(BlocksPerSection) ? int16_t{0} : slot;
+        return BlockOutcome::Handed;
+    }
+    if (entry.LastBlockBytes > 0) {
+        HandToWriter(working + slot * BlockBytes, entry.LastBlockBytes);
+        BookBlock(entry, static_cast<uint32_t>(entry.LastBlockBytes));
+    }
+    entry.DataDone = 1;
+    TheEngine.BlockIndex = 0;
+    return BlockOutcome::Handed;
+}
+
+void RefreshSendDisplay() {
+    if (TheEngine.SendCount.load() <= 0) {
+        return;
+    }
+    const FileEntry& entry = TheEngine.SendList[0];
+    if (entry.BytesDone == 0) {
+        return;
+    }
+    EngineWindow& display = Display();
+    display.ShowThroughput(true, false);
+    display.SetProgress(entry.BytesDone, entry.TotalLength);
+    display.ShowBatchEstimate(TheEngine.SendRemaining.load());
+    TheEngine.SendDisplayDirty = 0;
+}
+
+unsigned SectionFeeder(void*) {
+    const ThreadHandle self = CurrentFeederHandle();
+    TheEngine.WriterRun = 1;
+    const ThreadHandle writer = StartThread(BlockWriter, nullptr, ThreadPriority::Highest, true);
+    TheEngine.WriterThread = writer;
+    TheEngine.WriterIdle = 1;
+    if (!writer) {
+        TheSession.SendFault = 1;
+        InterruptPortWait();
+    }
+    // After the file's end the feeder parks; woken into the next file or a
+    // repair, it first brings the display up to date.
+    bool refreshDue = false;
+    while (TheEngine.FeederRun.load() != 0) {
+        if (TheEngine.LinkState.load() != LinkTransfer || TheEngine.SendCount.load() <= 0 ||
+            TheSession.SendFault.load() != 0) {
+            ParkThread(self);
+            continue;
+        }
+        const bool sectionWanted = TheEngine.SectionWanted.load() != 0;
+        if (!sectionWanted && !refreshDue && TheEngine.WriterIdle.load() == 0) {
+            ParkThread(self);  // the writer wakes us when its block has gone
+            continue;
+        }
+        if (const uint32_t waiting = PortQueueCount(0); waiting != 0) {
+            NapWhileOutputDrains(waiting);
+            continue;
+        }
+        if (!FeederEnterStep()) {
+            continue;
+        }
+        if (refreshDue) {
+            RefreshSendDisplay();
+            refreshDue = false;
+        } else if (sectionWanted) {
+            ReadNextSection();
+        } else if (SendNextBlock() == BlockOutcome::FileSent) {
+            refreshDue = true;
+        }
+        FeederLeaveStep();
+    }
+    TheEngine.WriterRun = 0;
+    WakeThread(writer);
+    return 0;
+}
+
+unsigned BlockWriter(void*) {
+    const ThreadHandle self = TheEngine.WriterThread.load();
+    const ThreadHandle feeder = CurrentFeederHandle();
+    while (TheEngine.WriterRun.load() != 0) {
+        SendBytes(TheEngine.WriteBlock.load(), TheEngine.WriteBlockLength.load());
+        TheEngine.SendDisplayDirty = 1;
+        if (TheEngine.SendCount.load() > 0) {
+            TheEngine.SendList[0].LastBlockTime = NowMs();
+        }
+        TheEngine.WriterIdle = 1;
+        WakeThread(feeder);
+        ParkThread(self);
+    }
+    return 0;
+}

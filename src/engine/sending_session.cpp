@@ -1,0 +1,343 @@
+// The sending side of a session: from RCVCON to the last ACK, and the loss of
+// the line on the way.
+
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "engine/display.h"
+#include "engine/pickup.h"
+#include "engine/recovery.h"
+#include "engine/session_threads.h"
+#include "engine/sessions.h"
+#include "engine/teardown.h"
+#include "engine/transfer_engine.h"
+#include "line/adapter.h"
+#include "line/comm_port.h"
+#include "line/profiles.h"
+#include "platform/clock.h"
+#include "platform/control_model.h"
+#include "resources/resource.h"
+#include "stores/status_log.h"
+
+namespace {
+
+constexpr int16_t TokenLineLimitMs = 2000;
+constexpr int16_t BodyLimitMs = 1000;
+// How long an ACK that came before the feeder has parked may wait for it.
+constexpr int FileSentWaitMs = 2000;
+
+int16_t ClampedSendCount() {
+    const int16_t count = TheEngine.SendCount.load();
+    if (count < 0) {
+        return 0;
+    }
+    return count > ListCapacity ? static_cast<int16_t>(ListCapacity) : count;
+}
+
+// An empty file carries no data and the far end, which has made it already,
+// sends no ACK for it: it leaves the list as soon as it comes to the top.
+void DropLeadingEmptyEntries() {
+    while (TheEngine.SendCount.load() > 0 && TheEngine.SendList[0].EntryKind != KindFolderMarker &&
+           TheEngine.SendList[0].DataLength == 0) {
+        DropFirstSendEntry();
+    }
+}
+
+void LogSendingFile(const char* what) {
+    AddLogLine(std::string(what) + std::string(TheEngine.SendList[0].DisplayName.View()));
+}
+
+void StartTransfer() {
+    TheEngine.SectionWanted = 1;
+    TheEngine.FeederRun = 1;
+    StartSectionFeeder();
+    Display().ShowThroughput(true, false);
+    TheEngine.LinkState = LinkTransfer;
+    TheEngine.TransferStartTime = WallSeconds();
+    WakeFeeder();
+}
+
+// Whether a list-accepting token may start a transfer now.
+bool ReadyToStart() {
+    return TheEngine.LinkState.load() == LinkConnected && TheSession.ListOffered.load() != 0 &&
+           !FeederRunning();
+}
+
+// The receiver's body behind FILERECOVR or FILERESTA; false after the call
+// has been ended because it came short.
+bool ReadRecoveryBody() {
+    if (ReadBlock(TokenBuffer, sizeof(RecoveryBody), BodyLimitMs) < sizeof(RecoveryBody)) {
+        RequestDisconnect();
+        return false;
+    }
+    return true;
+}
+
+void OnFileRecovr() {
+    if (!ReadRecoveryBody()) {
+        return;
+    }
+    const int16_t state = TheEngine.LinkState.load();
+    if (!FeederRunning() || (state != LinkTransfer && state != LinkFileSent)) {
+        return;  // no data of ours is on its way: nothing to repair
+    }
+    if (!RecoveryBodySound(RecordFromBytes<RecoveryBody>(TokenBuffer))) {
+        RequestDisconnect();
+        return;
+    }
+    // The feeder stops at its next step; the position is rewritten only once
+    // it has left the step it is in.
+    TheEngine.LinkState = LinkRecovery;
+    WaitFeederOutOfStep();
+    ApplyRecoveryAtSender();
+}
+
+void OnContSend() {
+    if (TheEngine.LinkState.load() != LinkRecovery) {
+        return;
+    }
+    ConfirmRecovery();
+    // The feeder has parked if the failed section was the file's last.
+    WakeFeeder();
+}
+
+void OnSenderCarrierLost() {
+    if (TheEngine.LinkState.load() == LinkTransfer) {
+        AddLogLine("Remote end aborted transfer.");
+        TheEngine.FeederRun = 0;
+        PurgePort();
+    }
+    StopFeeder();
+    AddLogLine("Disconnected");
+    Display().LogElapsedTime();
+    AddLogLine("------------------------------");
+    TheEngine.LinkState = LinkIdle;
+    Display().UpdateActionButtons();
+    SleepMs(50);
+    ReinitializeIncoming();
+    TheEngine.WeSend = 0;
+    Display().ShowTransferDisplay(false);
+    ResetSendPosition();
+    TheEngine.RetrievePending = 0;
+    ClearSessionFlags();
+}
+
+void OnListAccepted() {
+    if (!ReadyToStart()) {
+        return;
+    }
+    DropLeadingEmptyEntries();
+    if (TheEngine.SendCount.load() <= 0) {
+        return;
+    }
+    LogSendingFile("Sending File: ");
+    StartTransfer();
+}
+
+void OnListResumed() {
+    if (!ReadRecoveryBody()) {
+        return;
+    }
+    if (!ReadyToStart()) {
+        return;
+    }
+    DropLeadingEmptyEntries();
+    if (TheEngine.SendCount.load() <= 0) {
+        return;
+    }
+    if (!RecoveryBodySound(RecordFromBytes<RecoveryBody>(TokenBuffer))) {
+        RequestDisconnect();
+        return;
+    }
+    ApplyRecoveryAtSender();
+    LogSendingFile("Sending Recovered File: ");
+    StartTransfer();
+}
+
+// ACK4 and ACK2 speak of a file whose last block has gone. If the token came
+// before the feeder has parked, it waits for it; a token that belongs to no
+// file on its way does nothing.
+bool FileIsThrough() {
+    if (!FeederRunning()) {
+        return false;
+    }
+    const int16_t state = TheEngine.LinkState.load();
+    if (state == LinkFileSent) {
+        WaitFeederOutOfStep();
+        return true;
+    }
+    return state == LinkTransfer && WaitFeederFileSent(FileSentWaitMs);
+}
+
+void OnAllFilesSent() {
+    const int16_t state = TheEngine.LinkState.load();
+    // With no feeder the list held no data at all, and the far end, having
+    // made the empty files, answers the offer with ACK2 at once.
+    const bool emptyList = !FeederRunning() && TheSession.ListOffered.load() != 0 &&
+                           (state == LinkConnected || state == LinkFileSent);
+    if (!emptyList && !FileIsThrough()) {
+        return;
+    }
+    DropFirstSendEntry();
+    AddLogLine("All files sent.");
+    TheEngine.LinkState = LinkConnected;
+    TheEngine.SendCount = 0;
+    StopFeeder();
+    HangUp();
+}
+
+void OnReceiverReady() {
+    if (TheEngine.LinkState.load() != LinkConnected || TheSession.ListOffered.load() != 0) {
+        return;
+    }
+    if (TheEngine.RetrievePending.load() == 0) {
+        StartSendSession();
+        return;
+    }
+    TheSession.ListOffered = 1;
+    SendBytes(TokenRetrieve.Bytes(), static_cast<int16_t>(TokenRetrieve.Length()));
+    const RetrieveRequest request = MakeRetrieveRequest(
+        std::string_view(LocalNumber, strnlen(LocalNumber, sizeof LocalNumber)));
+    SendBytes(&request, sizeof request);
+    TheEngine.WeSend = 0;
+    TheEngine.LastRxTime = NowMs();
+}
+
+void OnNextFileWanted() {
+    if (!FileIsThrough()) {
+        return;
+    }
+    DropFirstSendEntry();
+    BeginNextFile();
+    WakeFeeder();
+}
+
+}  // namespace
+
+void OnSenderInput() {
+    std::memset(TokenBuffer, 0, TokenBufferSize);
+    if (ReadLine(TokenLineLimitMs, TokenBuffer) == nullptr) {
+        return;
+    }
+    const std::string line(TokenBuffer);
+    if (LineHolds(line, TokenFileRecovr)) {
+        OnFileRecovr();
+        return;
+    }
+    if (LineHolds(line, TokenContSend)) {
+        OnContSend();
+        return;
+    }
+    if (LineHolds(line, TextNoC)) {
+        OnSenderCarrierLost();
+    }
+    if (LineHolds(line, TextAck1) || LineHolds(line, TokenAck3)) {
+        OnListAccepted();
+    }
+    if (LineHolds(line, TextFileResta1) || LineHolds(line, TokenFileResta3)) {
+        OnListResumed();
+    }
+    if (LineHolds(line, TokenAck2)) {
+        OnAllFilesSent();
+    }
+    if (LineHolds(line, TokenAbort)) {
+        AddLogLine("Received abort request.");
+        RequestDisconnect();
+    }
+    if (LineHolds(line, TokenRcvcon)) {
+        OnReceiverReady();
+    }
+    if (LineHolds(line, TokenAck4)) {
+        OnNextFileWanted();
+    }
+}
+
+void StartSendSession() {
+    SleepMs(100);
+    BuildSessionRecords();
+    const int16_t count = ClampedSendCount();
+    SendBytes(TokenH100.Bytes(), static_cast<int16_t>(TokenH100.Length()));
+    SendBytes(&TheEngine.OutHeader, sizeof(SessionHeader));
+    SendBytes(TheEngine.WireList, static_cast<int16_t>(count * sizeof(WireFileEntry)));
+    TheEngine.BlockIndex = 0;
+    TheSession.ListOffered = 1;
+    if (count > 0 && TheEngine.SendList[0].EntryKind == KindFolderMarker) {
+        // The marker has told the far end where the files go; it carries
+        // nothing itself.
+        DropFirstSendEntry();
+    }
+    Display().ShowTransferDisplay(true);
+}
+
+void BuildSessionRecords() {
+    const int16_t count = ClampedSendCount();
+    TheEngine.OutHeader =
+        MakeSessionHeader(static_cast<uint32_t>(count), TheEngine.SendRemaining.load());
+    for (int16_t i = 0; i < count; ++i) {
+        TheEngine.WireList[i] = MakeWireFileEntry(TheEngine.SendList[i]);
+    }
+}
+
+void DropFirstSendEntry() {
+    const int16_t count = ClampedSendCount();
+    if (count <= 0) {
+        return;
+    }
+    EngineWindow& display = Display();
+    if (TheEngine.LinkState.load() >= LinkTransfer) {
+        display.SetProgress(100, 100);
+        display.ShowThroughput(true, true);
+    }
+    TheEngine.SendRemaining = 0;
+    FileEntry* list = TheEngine.SendList;
+    if (TheEngine.PickupSend.load() != 0 && list[0].EntryKind != KindFolderMarker) {
+        MoveToSentFiles(std::string(list[0].FilePath.View()),
+                        std::string(list[0].DisplayName.View()));
+    }
+    const int16_t left = static_cast<int16_t>(count - 1);
+    TheEngine.SendCount = left;
+    uint32_t remaining = 0;
+    for (int16_t i = 0; i < left; ++i) {
+        list[i] = list[i + 1];
+        TheEngine.WireList[i] = TheEngine.WireList[i + 1];
+        remaining += list[i].TotalLength;
+    }
+    TheEngine.SendRemaining = remaining;
+    display.RemoveTopFileRow();
+    display.ShowBatchEstimate(remaining);
+    if (left <= 0) {
+        TheEngine.LinkState = LinkFileSent;
+        if (TheEngine.PickupSend.load() != 0) {
+            display.ShowCorrespondent(
+                static_cast<int16_t>(Controls().Selection(IDC_DIRECTORY_LIST)));
+        }
+    }
+    SetLinePolling(1);
+}
+
+void BeginNextFile() {
+    DropLeadingEmptyEntries();
+    if (TheEngine.SendCount.load() <= 0) {
+        return;
+    }
+    LogSendingFile("Sending File: ");
+    TheEngine.SectionWanted = 1;
+    TheEngine.LinkState = LinkTransfer;
+}
+
+void ResetSendPosition() {
+    if (TheEngine.SendCount.load() > 0) {
+        FileEntry& entry = TheEngine.SendList[0];
+        entry.NextBlock = 0;
+        entry.BlocksDone = 0;
+        entry.AuxNextBlock = 0;
+        entry.AuxBlocksDone = 0;
+        entry.BytesDone = 0;
+        entry.StartTime = 0;
+        entry.LastBlockTime = 0;
+        entry.DataDone = entry.DataLength == 0 ? 1 : 0;
+        entry.AuxDone = entry.AuxLength == 0 ? 1 : 0;
+    }
+    Display().RecomputeSendTotal();
+}

@@ -1,0 +1,133 @@
+#include "engine/session_threads.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+#include "engine/transfer_engine.h"
+#include "line/comm_port.h"
+
+SessionFlags TheSession;
+
+namespace {
+
+// The step handshake.
+std::atomic<int32_t> feederInStep{0};
+std::mutex stepLock;
+std::condition_variable stepLeft;
+
+// The threads of the latest session, kept until they have been waited for.
+// Only the communications thread starts a session, and the threads of one
+// session are waited for before those of the next start, so the handles are
+// written while no thread of a session runs.
+std::mutex handlesLock;
+ThreadHandle sessionFeeder;
+
+}  // namespace
+
+void ClearSessionFlags() {
+    TheSession.ListOffered = 0;
+    TheSession.SendFault = 0;
+}
+
+ThreadHandle CurrentFeederHandle() {
+    std::lock_guard<std::mutex> guard(handlesLock);
+    return sessionFeeder;
+}
+
+void StartSectionFeeder() {
+    // A feeder of an earlier session that has been told to stop may still be
+    // on its way out; it must be gone before a new one takes the shared words.
+    ThreadHandle oldFeeder;
+    {
+        std::lock_guard<std::mutex> guard(handlesLock);
+        oldFeeder = sessionFeeder;
+    }
+    JoinThread(oldFeeder);
+    JoinThread(TheEngine.WriterThread.load());
+    TheEngine.WriterThread.store(nullptr);
+
+    // Started held, so that its handle is in place before it first parks.
+    ThreadHandle feeder = StartThread(SectionFeeder, nullptr, ThreadPriority::Highest, true);
+    {
+        std::lock_guard<std::mutex> guard(handlesLock);
+        sessionFeeder = feeder;
+    }
+    if (!feeder) {
+        TheEngine.FeederRun = 0;
+        TheSession.SendFault = 1;
+        InterruptPortWait();
+        return;
+    }
+    TheEngine.FeederThread.store(feeder);
+    WakeThread(feeder);
+}
+
+bool FeederRunning() {
+    return TheEngine.FeederRun.load() != 0 && TheEngine.FeederThread.load() != nullptr;
+}
+
+void WakeFeeder() {
+    WakeThread(TheEngine.FeederThread.load());
+}
+
+void StopFeeder() {
+    TheEngine.FeederRun = 0;
+    const ThreadHandle parked = TheEngine.FeederThread.exchange(nullptr);
+    WakeThread(parked);
+
+    ThreadHandle feeder;
+    {
+        std::lock_guard<std::mutex> guard(handlesLock);
+        feeder = sessionFeeder;
+    }
+    if (!feeder) {
+        return;
+    }
+    const ThreadHandle writer = TheEngine.WriterThread.load();
+    // A block that the far end holds back would keep the writer, and so this
+    // wait, for as long as it pleases; the session is over, so cut it off.
+    if (writer && !ThreadFinished(writer) && TheEngine.WriterIdle.load() == 0) {
+        PurgePort();
+    }
+    JoinThread(feeder);
+    JoinThread(TheEngine.WriterThread.load());
+    {
+        std::lock_guard<std::mutex> guard(handlesLock);
+        if (sessionFeeder == feeder) {
+            sessionFeeder = nullptr;
+        }
+    }
+    TheEngine.WriterThread.store(nullptr);
+    feederInStep = 0;
+}
+
+bool FeederEnterStep() {
+    feederInStep.store(1);
+    if (TheEngine.LinkState.load() != LinkTransfer || TheEngine.FeederRun.load() == 0) {
+        FeederLeaveStep();
+        return false;
+    }
+    return true;
+}
+
+void FeederLeaveStep() {
+    {
+        std::lock_guard<std::mutex> guard(stepLock);
+        feederInStep.store(0);
+    }
+    stepLeft.notify_all();
+}
+
+void WaitFeederOutOfStep() {
+    std::unique_lock<std::mutex> guard(stepLock);
+    stepLeft.wait(guard, [] { return feederInStep.load() == 0; });
+}
+
+bool WaitFeederFileSent(int limitMs) {
+    std::unique_lock<std::mutex> guard(stepLock);
+    stepLeft.wait_for(guard, std::chrono::milliseconds(limitMs), [] {
+        return TheEngine.LinkState.load() != LinkTransfer && feederInStep.load() == 0;
+    });
+    return TheEngine.LinkState.load() == LinkFileSent && feederInStep.load() == 0;
+}

@@ -1,0 +1,59 @@
+// How the communications thread, the section feeder and the block writer hand
+// SendList[0] and the buffers to one another.
+//
+// The feeder works in steps (reading a section, handing out a block). It
+// enters a step only while LinkState is LinkTransfer, and the communications
+// thread, which leaves LinkTransfer before it rewrites a position or shifts
+// the list, then waits until the feeder is out of the step it may have begun.
+// Both sides use sequentially consistent operations on LinkState and on the
+// step flag, so at least one of them sees the other.
+//
+// Nothing here spins: the feeder parks until the writer has finished or the
+// communications thread has changed the state, and the communications thread
+// waits on a condition that the feeder signals as it leaves each step.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "platform/thread.h"
+
+// Flags of the session in progress, cleared when a call begins and ends.
+struct SessionFlags {
+    // The list has gone out in this call (H100 was sent).
+    std::atomic<int32_t> ListOffered{0};
+    // The feeder could not go on (a file could not be read, or no writer
+    // could be started); the communications thread ends the call.
+    std::atomic<int32_t> SendFault{0};
+};
+
+extern SessionFlags TheSession;
+
+// Clears the flags of the session.
+void ClearSessionFlags();
+
+// Starts a new feeder for the transfer that begins now, after the threads of
+// an earlier session have been waited for. FeederRun and SectionWanted must
+// be set first.
+void StartSectionFeeder();
+// True while a feeder runs for this session.
+bool FeederRunning();
+// Wakes the feeder, if one runs, so that it looks at the state again.
+void WakeFeeder();
+
+// The feeder's side of the step handshake. EnterStep is false when the state
+// is no longer LinkTransfer or the feeder is to stop; the step is then not
+// taken.
+bool FeederEnterStep();
+void FeederLeaveStep();
+
+// The communications thread's side: after it has taken LinkState out of
+// LinkTransfer, waits until the feeder is out of its step.
+void WaitFeederOutOfStep();
+// After a token that only makes sense once the file's last block is out:
+// waits at most limitMs for the feeder to reach LinkFileSent and leave its
+// step. True if it has.
+bool WaitFeederFileSent(int limitMs);
+
+// The feeder's own handle, for its parking; set before it runs.
+ThreadHandle CurrentFeederHandle();

@@ -1,0 +1,205 @@
+// Every call ends here: by a request of this end, by the sender's hang-up,
+// by the line's fall that the adapter reports, or by a stall in the data.
+//
+// Whoever ends a call from outside the communications thread takes the port
+// for the whole of it (a PortConversation), so the handlers of that thread
+// are never under way meanwhile and the receive list, the token buffer and
+// the send list are this thread's alone until it is done.
+
+#include "engine/teardown.h"
+
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "engine/display.h"
+#include "engine/session_threads.h"
+#include "engine/sessions.h"
+#include "engine/transfer_engine.h"
+#include "line/adapter.h"
+#include "line/comm_port.h"
+#include "line/profiles.h"
+#include "platform/clock.h"
+#include "platform/files.h"
+#include "stores/preferences.h"
+#include "stores/status_log.h"
+
+namespace {
+
+constexpr uint32_t EscapePauseMs = 650;
+constexpr uint32_t ZyxelEscapePauseMs = 2500;
+constexpr int16_t EscapeReplyLimitMs = 2250;
+constexpr int16_t HangUpLineLimitMs = 1000;
+constexpr uint32_t HangUpReplyMs = 1000;
+constexpr int16_t StallBodyLimitMs = 200;
+constexpr int16_t StallTailLimitMs = 100;
+constexpr uint32_t StallTailBytes = 12;
+
+void StopFeederIfSending() {
+    if (TheEngine.WeSend.load() != 0) {
+        StopFeeder();
+    }
+}
+
+bool EndsWith(std::string_view text, std::string_view tail) {
+    return text.size() >= tail.size() && text.substr(text.size() - tail.size()) == tail;
+}
+
+// Whether the file that SavedEntry names is this entry's, kept for a resume.
+bool KeptForResume(const FileEntry& entry) {
+    const FileEntry& saved = TheEngine.SavedEntry;
+    return !saved.WireName.IsEmpty() && saved.FilePath.View() == entry.FilePath.View() &&
+           SavedPartialIntact();
+}
+
+}  // namespace
+
+void RequestDisconnect() {
+    if (TheEngine.LinkState.load() == LinkDialing) {
+        // One blank breaks off the dial; the adapter's answer ends it.
+        SendBytes(" ", 1);
+        return;
+    }
+    PortConversation conversation;
+    const int16_t state = TheEngine.LinkState.load();
+    const bool sending = TheEngine.WeSend.load() != 0;
+    switch (state) {
+        case LinkDialing:
+            SendBytes(" ", 1);
+            break;
+        case LinkConnected:
+            // "AT" answered means the adapter is in command mode already, so
+            // the call has gone; silence means it is still up.
+            if (SendAndWaitOk("AT")) {
+                OnCallEnded();
+            } else {
+                HangUp();
+            }
+            break;
+        case LinkTransfer:
+        case LinkFileSent:
+        case LinkRecovery:
+            if (!sending) {
+                AddLogLine("Sending disconnect...");
+                SendBytes(TokenAbort.Bytes(), static_cast<int16_t>(TokenAbort.Length()));
+                TheEngine.LinkState = LinkConnected;
+            } else {
+                StopFeeder();
+                HangUp();
+            }
+            break;
+        default:
+            StopFeederIfSending();
+            HangUp();
+            break;
+    }
+}
+
+void HangUp() {
+    PortConversation conversation;
+    SleepMs(ThePreferences.AdapterModel == ModelZyXEL ? ZyxelEscapePauseMs : EscapePauseMs);
+    SendBytes("+++", 3);
+    std::memset(TokenBuffer, 0, TokenBufferSize);
+    if (ReadUntilOk(EscapeReplyLimitMs, TokenBuffer) == nullptr) {
+        return;  // still in data mode; the state stays as it was
+    }
+    SendCommand("ATH");
+    const uint32_t t0 = NowMs();
+    do {
+        std::memset(TokenBuffer, 0, TokenBufferSize);
+        if (ReadLine(HangUpLineLimitMs, TokenBuffer) != nullptr) {
+            const std::string_view line(TokenBuffer);
+            if (LineHolds(line, "OK") || LineHolds(line, TextNoCarrier)) {
+                OnCallEnded();
+                return;
+            }
+        }
+    } while (NowMs() - t0 < HangUpReplyMs);
+}
+
+void OnCallEnded() {
+    EngineWindow& display = Display();
+    AddLogLine("Disconnected");
+    display.ShowTransferDisplay(false);
+    const int16_t state = TheEngine.LinkState.load();
+    const bool sending = TheEngine.WeSend.load() != 0;
+    if (state == LinkConnected || state == LinkFileSent) {
+        display.LogElapsedTime();
+    }
+    StopFeederIfSending();
+    // The file in hand goes back to its start, so that the next offer sends
+    // it whole or from the receiver's position; also when the call ended
+    // while its ACK was awaited.
+    if (state == LinkTransfer || state == LinkRecovery || (sending && state == LinkFileSent)) {
+        ResetSendPosition();
+    }
+    TheEngine.LinkState = LinkIdle;
+    display.UpdateActionButtons();
+    ReinitializeIncoming();
+    if (!sending) {
+        EndOfCallCleanup();
+    }
+    TheEngine.WeSend = 0;
+    ClearSessionFlags();
+}
+
+int StallCheck(uint32_t waiting) {
+    uint8_t tail[32] = {};
+    if (waiting > StallTailBytes) {
+        const int16_t slot = TheEngine.BlockIndex.load();
+        ReadBlock(TheEngine.WorkingSection + slot * BlockBytes, waiting - StallTailBytes,
+                  StallBodyLimitMs);
+    }
+    ReadBlock(tail, StallTailBytes, StallTailLimitMs);
+    // Whatever the tail holds, nothing has come for five seconds: the line
+    // has gone.
+    return 1;
+}
+
+void EndOfCallCleanup() {
+    const uint32_t count = TheEngine.ReceiveCount.load();
+    for (uint32_t i = 0; i < count && i < static_cast<uint32_t>(ListCapacity); ++i) {
+        const FileEntry& entry = TheEngine.ReceiveList[i];
+        if (entry.EntryComplete != 0) {
+            continue;
+        }
+        // The file in progress stays while it can be resumed.
+        if (KeptForResume(entry)) {
+            continue;
+        }
+        DeleteFileAt(std::string(entry.FilePath.View()));
+        if (!TheEngine.SavedEntry.WireName.IsEmpty() &&
+            TheEngine.SavedEntry.FilePath.View() == entry.FilePath.View()) {
+            TheEngine.SavedEntry.WireName.Clear();
+        }
+    }
+    ImportReceivedEntries();
+    TheEngine.ReceiveCount = 0;
+    Display().ClearFileList();
+}
+
+void ImportReceivedEntries() {
+    const int16_t size = TheEngine.ReceiveListSize.load();
+    for (int16_t i = 0; i < size && i < ListCapacity; ++i) {
+        const FileEntry& entry = TheEngine.ReceiveList[i];
+        const std::string_view name = entry.DisplayName.View();
+        if (entry.EntryComplete != 0 && (EndsWith(name, ".KBE") || EndsWith(name, ".kbe"))) {
+            Display().ImportDirectoryEntry(std::string(entry.FilePath.View()));
+        }
+    }
+    TheEngine.ReceiveListSize = 0;
+}
+
+void DiscardUnfinishedFiles() {
+    if (TheEngine.ReceiveList != nullptr && TheEngine.WeSend.load() == 0) {
+        const uint32_t count = TheEngine.ReceiveCount.load();
+        for (uint32_t i = 0; i < count && i < static_cast<uint32_t>(ListCapacity); ++i) {
+            const FileEntry& entry = TheEngine.ReceiveList[i];
+            if (entry.EntryComplete == 0 && !KeptForResume(entry)) {
+                DeleteFileAt(std::string(entry.FilePath.View()));
+            }
+        }
+        TheEngine.ReceiveCount = 0;
+    }
+    EndRecoveryCandidacy();
+}

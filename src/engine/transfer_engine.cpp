@@ -1,0 +1,217 @@
+#include "engine/transfer_engine.h"
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "engine/comm_pass.h"
+#include "engine/dialing.h"
+#include "engine/pipelines.h"
+#include "engine/recovery.h"
+#include "engine/session_threads.h"
+#include "engine/sessions.h"
+#include "engine/teardown.h"
+#include "line/adapter.h"
+#include "line/comm_port.h"
+#include "platform/clock.h"
+#include "platform/message_box.h"
+
+TransferEngine TheEngine;
+
+namespace {
+
+// The receiving side's two limits on silence; both are strict.
+constexpr uint32_t StallLimitMs = 5000;
+constexpr uint32_t SilenceLimitMs = 10000;
+// The longest a pass waits when no limit is due sooner: it bounds how long a
+// change of state made by another thread without a wake goes unseen.
+constexpr int LongestWaitMs = 1000;
+// While blocks go out, the send progress is redrawn at this pace.
+constexpr int SendDisplayWaitMs = 200;
+
+thread_local bool onCommThread = false;
+thread_local bool insidePass = false;
+// Messages held back until the pass has let go of the port; the
+// communications thread's own.
+std::vector<std::string> heldMessages;
+
+// Milliseconds until more than limitMs have gone by since the stamp; 0 when
+// they have.
+int MsUntilPast(uint32_t since, uint32_t limitMs) {
+    const uint32_t elapsed = NowMs() - since;
+    if (elapsed > limitMs) {
+        return 0;
+    }
+    const uint32_t left = limitMs - elapsed + 1;
+    return left < static_cast<uint32_t>(LongestWaitMs) ? static_cast<int>(left) : LongestWaitMs;
+}
+
+// How long a pass that found nothing to do may wait for input.
+int WaitBound(int16_t state, bool sending) {
+    if (sending) {
+        return state == LinkTransfer ? SendDisplayWaitMs : LongestWaitMs;
+    }
+    switch (state) {
+        case LinkConnected:
+            return MsUntilPast(TheEngine.LastRxTime.load(), SilenceLimitMs);
+        case LinkTransfer:
+            return MsUntilPast(TheEngine.LastRxTime.load(), StallLimitMs);
+        default:
+            return LongestWaitMs;
+    }
+}
+
+// The work of one pass with the port in hand. Returns how long to wait for
+// input afterwards, or -1 if the pass acted and the next one should follow at
+// once.
+int PassWork() {
+    const uint32_t waiting = PortQueueCount(1);
+    const int16_t state = TheEngine.LinkState.load();
+    const bool sending = TheEngine.WeSend.load() != 0;
+
+    if (sending && state >= LinkConnected && TheSession.SendFault.exchange(0) != 0) {
+        RequestDisconnect();
+        return -1;
+    }
+    if (waiting != 0) {
+        if (state <= LinkDialing) {
+            HandleLineEvent();
+            return -1;
+        }
+        if (sending) {
+            OnSenderInput();
+            return -1;
+        }
+        if (state == LinkConnected || state == LinkRecovery) {
+            OnReceiverInput();
+            return -1;
+        }
+        if (state == LinkTransfer) {
+            if (waiting >= TheEngine.ExpectedBlock.load()) {
+                ReceiveBlock();
+                return -1;
+            }
+            FileEntry& entry = TheEngine.ReceiveList[0];
+            if (entry.StartTime == 0) {
+                // The first bytes of the file have come.
+                entry.StartTime = NowMs();
+                return WaitBound(state, sending);
+            }
+        }
+    }
+
+    if (sending) {
+        if (state == LinkTransfer && TheEngine.SendDisplayDirty.load() != 0) {
+            RefreshSendDisplay();
+        }
+        return WaitBound(state, sending);
+    }
+    if (state == LinkTransfer && NowMs() - TheEngine.LastRxTime.load() > StallLimitMs) {
+        if (waiting != 0 && waiting < TheEngine.ExpectedBlock.load()) {
+            if (StallCheck(waiting) != 0) {
+                OnCallEnded();
+            } else {
+                ReceiveBlock();
+            }
+        } else {
+            StallAbort(waiting);
+            TheEngine.LastRxTime = NowMs();
+        }
+        return -1;
+    }
+    if (state == LinkTransfer && TheEngine.ReceiveDisplayDirty.load() != 0) {
+        RefreshReceiveDisplay();
+    }
+    if (state == LinkConnected && NowMs() - TheEngine.LastRxTime.load() > SilenceLimitMs) {
+        RequestDisconnect();
+        return -1;
+    }
+    return WaitBound(state, sending);
+}
+
+void ShowHeldMessages() {
+    std::vector<std::string> messages;
+    messages.swap(heldMessages);
+    for (const std::string& text : messages) {
+        ShowMessageBox(text);
+    }
+}
+
+// One pass of the communications thread. It holds the port's read side for
+// the whole pass, and gives it up whenever another thread asks for it: such
+// a thread clears LinePollingEnabled and interrupts the wait first.
+void CommPass() {
+    std::unique_lock<std::recursive_mutex> portGuard(PortReadLock);
+    if (AdapterFound.load() == 0 || LinePollingEnabled.load() == 0) {
+        portGuard.unlock();
+        WaitForPortWake(LongestWaitMs);
+        return;
+    }
+    insidePass = true;
+    const int waitMs = PassWork();
+    if (waitMs >= 0 && TheEngine.CommThreadRun.load() != 0) {
+        WaitForPortInput(waitMs);
+    }
+    insidePass = false;
+    portGuard.unlock();
+    ShowHeldMessages();
+}
+
+}  // namespace
+
+bool OnCommThread() {
+    return onCommThread;
+}
+
+void ShowMessageOutsidePass(const std::string& text) {
+    if (insidePass) {
+        heldMessages.push_back(text);
+    } else {
+        ShowMessageBox(text);
+    }
+}
+
+void EngineStartup() {
+    if (TheEngine.WireList == nullptr) {
+        TheEngine.WireList = new WireFileEntry[ListCapacity]();
+    }
+    if (TheEngine.SendList == nullptr) {
+        TheEngine.SendList = new FileEntry[ListCapacity]();
+    }
+    if (TheEngine.ReceiveList == nullptr) {
+        TheEngine.ReceiveList = new FileEntry[ListCapacity]();
+    }
+    if (TheEngine.WorkingSection == nullptr) {
+        TheEngine.WorkingSection = new uint8_t[SectionWireBytes]();
+    }
+    if (TheEngine.StagedSection == nullptr) {
+        TheEngine.StagedSection = new uint8_t[SectionWireBytes]();
+    }
+    TheEngine.OutHeader = MakeSessionHeader(0, 0);
+    TheEngine.SavedEntry = FileEntry{};
+    TheEngine.RecoveryRecord = MakeRecoveryMessage(TokenFileRecovr, RecoveryBody{});
+}
+
+void EngineShutdown() {
+    // A file that was still on its way, and one kept for a resume, can no
+    // longer be finished once the program has gone.
+    DiscardUnfinishedFiles();
+    delete[] TheEngine.WireList;
+    delete[] TheEngine.SendList;
+    delete[] TheEngine.ReceiveList;
+    delete[] TheEngine.WorkingSection;
+    delete[] TheEngine.StagedSection;
+    TheEngine.WireList = nullptr;
+    TheEngine.SendList = nullptr;
+    TheEngine.ReceiveList = nullptr;
+    TheEngine.WorkingSection = nullptr;
+    TheEngine.StagedSection = nullptr;
+}
+
+unsigned CommThread(void*) {
+    onCommThread = true;
+    while (TheEngine.CommThreadRun.load() != 0) {
+        CommPass();
+    }
+    return 0;
+}

@@ -1,0 +1,332 @@
+#include "engine_harness.h"
+
+#include <chrono>
+#include <cstring>
+#include <random>
+#include <thread>
+
+#include "engine/checksum.h"
+#include "engine/sessions.h"
+#include "engine/wire.h"
+#include "line/adapter.h"
+#include "line/comm_port.h"
+#include "platform/clock.h"
+#include "platform/files.h"
+#include "stores/paths.h"
+#include "stores/preferences.h"
+#include "stores/status_log.h"
+
+// The program's window defines these; the engine's tests have their own.
+EngineWindow* TheMainWindow = nullptr;
+
+namespace {
+
+std::string Format(const char* name, std::initializer_list<uint64_t> args) {
+    std::string text = std::string(name) + "(";
+    bool first = true;
+    for (const uint64_t arg : args) {
+        text += (first ? "" : ",") + std::to_string(arg);
+        first = false;
+    }
+    return text + ")";
+}
+
+std::string BigEndian(uint32_t value) {
+    std::string bytes(4, '\0');
+    for (int i = 0; i < 4; ++i) {
+        bytes[static_cast<size_t>(i)] = static_cast<char>((value >> (24 - 8 * i)) & 0xFF);
+    }
+    return bytes;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+
+void RecordingWindow::Note(const std::string& call) {
+    std::lock_guard<std::mutex> guard(lock_);
+    calls_.push_back(call);
+}
+
+std::vector<std::string> RecordingWindow::Calls() const {
+    std::lock_guard<std::mutex> guard(lock_);
+    return calls_;
+}
+
+void RecordingWindow::Forget() {
+    std::lock_guard<std::mutex> guard(lock_);
+    calls_.clear();
+}
+
+void RecordingWindow::ShowBatchEstimate(uint32_t bytes) {
+    Note(Format("ShowBatchEstimate", {bytes}));
+}
+
+void RecordingWindow::RecomputeSendTotal() {
+    uint32_t total = 0;
+    for (int16_t i = 0; i < TheEngine.SendCount.load(); ++i) {
+        if (TheEngine.SendList[i].EntryKind != KindFolderMarker) {
+            total += TheEngine.SendList[i].TotalLength;
+        }
+    }
+    TheEngine.SendRemaining = total;
+    Note(Format("RecomputeSendTotal", {total}));
+}
+
+void RecordingWindow::ShowTransferDisplay(bool starting) {
+    Note(Format("ShowTransferDisplay", {starting ? 1u : 0u}));
+}
+
+void RecordingWindow::SetProgress(uint32_t done, uint32_t total) {
+    Note(Format("SetProgress", {done, total}));
+}
+
+void RecordingWindow::ShowThroughput(bool sending, bool log) {
+    Note(Format("ShowThroughput", {sending ? 1u : 0u, log ? 1u : 0u}));
+}
+
+void RecordingWindow::LogElapsedTime() {
+    TheEngine.TransferStartTime = 0;
+    Note("LogElapsedTime()");
+}
+
+void RecordingWindow::ListIncomingFiles() {
+    Note("ListIncomingFiles()");
+}
+
+void RecordingWindow::RemoveTopFileRow() {
+    Note("RemoveTopFileRow()");
+}
+
+void RecordingWindow::UpdateActionButtons() {
+    Note("UpdateActionButtons()");
+}
+
+void RecordingWindow::ShowCorrespondent(int16_t index) {
+    Note(Format("ShowCorrespondent", {static_cast<uint64_t>(index)}));
+}
+
+void RecordingWindow::ClearFileList() {
+    TheEngine.SendCount = 0;
+    TheEngine.SendRemaining = 0;
+    Note("ClearFileList()");
+}
+
+void RecordingWindow::AddFolderToSendList(const std::string& path, const std::string& name) {
+    Note("AddFolderToSendList(" + path + "," + name + ")");
+}
+
+int RecordingWindow::ImportDirectoryEntry(const std::string& path) {
+    Note("ImportDirectoryEntry(" + path + ")");
+    return 1;
+}
+
+// ---------------------------------------------------------------------------
+
+std::string DataStreamOf(const std::string& fileBytes) {
+    std::string stream;
+    for (size_t at = 0; at < fileBytes.size(); at += SectionFileBytes) {
+        const std::string section = fileBytes.substr(at, SectionFileBytes);
+        const uint16_t crc = SectionCrc(reinterpret_cast<const uint8_t*>(section.data()),
+                                        static_cast<uint32_t>(section.size()));
+        stream += static_cast<char>(crc >> 8);
+        stream += static_cast<char>(crc & 0xFF);
+        stream += section;
+    }
+    return stream;
+}
+
+std::string WireHeader(uint32_t count, uint32_t total, uint32_t magic) {
+    return BigEndian(magic) + std::string(10, '\0') + std::string("W100\0\0", 6) +
+           BigEndian(count) + BigEndian(total);
+}
+
+std::string WireEntry(const std::string& name, int32_t kind, uint32_t dataLength) {
+    std::string field = name.substr(0, 32);
+    field.resize(32, '\0');
+    return field + BigEndian(static_cast<uint32_t>(kind)) + BigEndian(dataLength) +
+           BigEndian(dataLength) + BigEndian(0) + "dosaTEXT";
+}
+
+std::string PatternBytes(size_t size, uint32_t seed) {
+    std::mt19937 random(seed);
+    std::string bytes(size, '\0');
+    for (char& c : bytes) {
+        c = static_cast<char>(random() & 0xFF);
+    }
+    return bytes;
+}
+
+// ---------------------------------------------------------------------------
+
+void EngineHarness::SetUp() {
+    SetLogLineSink([this](const std::string& line) {
+        {
+            std::lock_guard<std::mutex> guard(logLock_);
+            log_.push_back(line);
+        }
+        logged_.notify_all();
+    });
+    BuildPaths(root.Path());
+    CreateFolder(IncomingPath);
+    far.LinkAs(root.Path(), 1);
+    ASSERT_EQ(CommPortCreate(), 1);
+    SelectPortNumber(1);
+    SelectPortBaud(115200);
+    ASSERT_NE(CommPortOpen(), 0);
+    ASSERT_EQ(EnableHardwareHandshake(), 1);
+    ThePreferences.AdapterModel = ModelBitSURFR;
+    EngineStartup();
+    TheMainWindow = &window;
+    TheEngine.CommThreadRun = 1;
+    AdapterFound = 1;
+    SetLinePolling(1);
+    commThread_ = StartThread(CommThread, nullptr, ThreadPriority::Normal, false);
+    ASSERT_TRUE(commThread_ != nullptr);
+}
+
+void EngineHarness::TearDown() {
+    TheEngine.CommThreadRun = 0;
+    InterruptPortWait();
+    JoinThread(commThread_);
+    StopFeeder();
+    SetLinePolling(0);
+    AdapterFound = 0;
+    EngineShutdown();
+    TheMainWindow = nullptr;
+    CommPortDestroy();
+    SetFreeSpaceQuery(nullptr);
+    SetLogLineSink(nullptr);
+    TheEngine.LinkState = LinkIdle;
+    TheEngine.WeSend = 0;
+    TheEngine.SendCount = 0;
+    TheEngine.SendRemaining = 0;
+    TheEngine.ReceiveCount = 0;
+    TheEngine.ReceiveListSize = 0;
+    TheEngine.RetrievePending = 0;
+    TheEngine.PickupSend = 0;
+    TheEngine.BlockIndex = 0;
+    TheEngine.TransferStartTime = 0;
+}
+
+std::string EngineHarness::Take(size_t count, int timeoutMs) {
+    if (pending_.size() < count) {
+        pending_ += far.Receive(count - pending_.size(), timeoutMs);
+    }
+    const size_t n = std::min(count, pending_.size());
+    std::string taken = pending_.substr(0, n);
+    pending_.erase(0, n);
+    return taken;
+}
+
+std::string EngineHarness::TakeUntil(const std::string& marker, int timeoutMs) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        const size_t at = pending_.find(marker);
+        if (at != std::string::npos) {
+            std::string taken = pending_.substr(0, at + marker.size());
+            pending_.erase(0, at + marker.size());
+            return taken;
+        }
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                              end - std::chrono::steady_clock::now())
+                              .count();
+        if (left <= 0) {
+            std::string taken;
+            taken.swap(pending_);
+            return taken;
+        }
+        pending_ += far.Receive(pending_.size() + 1, static_cast<int>(std::min<int64_t>(left, 50)));
+    }
+}
+
+std::string EngineHarness::TakeFor(int ms) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+    std::string taken;
+    taken.swap(pending_);
+    return taken + far.ReceiveAvailable();
+}
+
+std::string EngineHarness::AnswerCommand(int timeoutMs) {
+    std::string command = TakeUntil("\r", timeoutMs);
+    if (!command.empty() && command.back() == '\r') {
+        command.pop_back();
+        far.Send(command + "\r\r\nOK\r\n");
+    }
+    return command;
+}
+
+void EngineHarness::AnswerHangUp() {
+    EXPECT_EQ(TakeUntil("+++", 5000), "+++");
+    far.Send("\r\nOK\r\n");
+    EXPECT_EQ(AnswerCommand(), "ATH");
+    // The incoming profile goes back to the adapter.
+    EXPECT_EQ(AnswerCommand().substr(0, 4), "AT\\Q");
+}
+
+bool EngineHarness::WaitForState(int16_t state, int timeoutMs) const {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (TheEngine.LinkState.load() != state) {
+        if (std::chrono::steady_clock::now() >= end) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+bool EngineHarness::WaitForLog(const std::string& line, int timeoutMs) {
+    std::unique_lock<std::mutex> guard(logLock_);
+    return logged_.wait_for(guard, std::chrono::milliseconds(timeoutMs), [&] {
+        return std::find(log_.begin(), log_.end(), line) != log_.end();
+    });
+}
+
+std::vector<std::string> EngineHarness::Log() const {
+    std::lock_guard<std::mutex> guard(logLock_);
+    return log_;
+}
+
+bool EngineHarness::Logged(const std::string& line) const {
+    const std::vector<std::string> lines = Log();
+    return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+
+void EngineHarness::ConnectAsAnswerer() {
+    Send("\r\nRING\r\n");
+    EXPECT_EQ(TakeUntil("\r", 3000), "ATA\r");
+    Send("\r\nCONNECT 115200\r\n");
+    ASSERT_TRUE(WaitForState(LinkConnected));
+    EXPECT_TRUE(WaitForLog("Connected 115200"));
+}
+
+void EngineHarness::ConnectAsCaller() {
+    TheEngine.WeSend = 1;
+    TheEngine.LinkState = LinkDialing;
+    Send("\r\nCONNECT 115200\r\n");
+    EXPECT_EQ(Take(8), "SYNCON\r\n");
+    ASSERT_TRUE(WaitForState(LinkConnected));
+}
+
+std::string EngineHarness::MakeFile(const std::string& name, const std::string& bytes) {
+    const std::string path = root / name;
+    WriteWholeFile(path, bytes);
+    return path;
+}
+
+void EngineHarness::AddToSendList(const std::string& path, const std::string& name) {
+    const int16_t count = TheEngine.SendCount.load();
+    FileEntry& entry = TheEngine.SendList[count];
+    entry = FileEntry{};
+    entry.DisplayName.Set(name);
+    entry.FilePath.Set(path);
+    SetEntryLengths(entry, static_cast<uint32_t>(DataLengthForSize(ReadWholeFile(path).size())));
+    entry.CreatorCode = DefaultCreatorCode;
+    entry.TypeCode = DefaultTypeCode;
+    TheEngine.SendCount = static_cast<int16_t>(count + 1);
+    TheEngine.SendRemaining += entry.TotalLength;
+}
+
+std::string EngineHarness::Incoming(const std::string& name) const {
+    return IncomingPath + "/" + name;
+}

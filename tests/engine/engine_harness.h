@@ -1,0 +1,107 @@
+// An engine that runs as in the program, on a real pseudo-terminal, with the
+// test playing the adapter and the far end's program byte for byte.
+//
+// The communications thread runs, an adapter counts as found and polling is
+// on. The window is a recording one: every display call the engine makes is
+// kept, in order, with its arguments.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "engine/engine_window.h"
+#include "engine/transfer_engine.h"
+#include "platform/thread.h"
+#include "support/far_end.h"
+#include "support/temp_folder.h"
+
+// A window that keeps the engine's display calls as text, such as
+// "SetProgress(100,100)". The calls that carry engine state do what the
+// program's window does with it: the send total is summed and an emptied
+// file list empties SendList.
+class RecordingWindow : public EngineWindow {
+public:
+    void ShowBatchEstimate(uint32_t bytes) override;
+    void RecomputeSendTotal() override;
+    void ShowTransferDisplay(bool starting) override;
+    void SetProgress(uint32_t done, uint32_t total) override;
+    void ShowThroughput(bool sending, bool log) override;
+    void LogElapsedTime() override;
+    void ListIncomingFiles() override;
+    void RemoveTopFileRow() override;
+    void UpdateActionButtons() override;
+    void ShowCorrespondent(int16_t index) override;
+    void ClearFileList() override;
+    void AddFolderToSendList(const std::string& path, const std::string& name) override;
+    int ImportDirectoryEntry(const std::string& path) override;
+
+    std::vector<std::string> Calls() const;
+    void Forget();
+
+private:
+    void Note(const std::string& call);
+
+    mutable std::mutex lock_;
+    std::vector<std::string> calls_;
+};
+
+// The bytes of a file's data stream as the wire carries it: each section's
+// checksum, high byte first, in front of its up to 131070 bytes.
+std::string DataStreamOf(const std::string& fileBytes);
+// A header and a list entry as a peer puts them on the wire.
+std::string WireHeader(uint32_t count, uint32_t total, uint32_t magic = 0xFFAA5500);
+std::string WireEntry(const std::string& name, int32_t kind, uint32_t dataLength);
+// Bytes that look like nothing in particular.
+std::string PatternBytes(size_t size, uint32_t seed);
+
+class EngineHarness : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // ---- What the engine wrote to its port ----
+    // Exactly count bytes, or fewer if the time ran out.
+    std::string Take(size_t count, int timeoutMs = 5000);
+    // Everything up to and including the marker, or what came in the time.
+    std::string TakeUntil(const std::string& marker, int timeoutMs = 5000);
+    // Whatever comes within the time.
+    std::string TakeFor(int ms);
+    // An AT command, up to its CR; the adapter answers OK. Returns the
+    // command without the CR.
+    std::string AnswerCommand(int timeoutMs = 6000);
+    // The hang-up of a sender: "+++" then "ATH", both answered, and the
+    // incoming profile that follows.
+    void AnswerHangUp();
+    // Sends bytes to the engine.
+    void Send(const std::string& bytes) { far.Send(bytes); }
+
+    // ---- The engine ----
+    bool WaitForState(int16_t state, int timeoutMs = 5000) const;
+    bool WaitForLog(const std::string& line, int timeoutMs = 5000);
+    std::vector<std::string> Log() const;
+    bool Logged(const std::string& line) const;
+    // The engine answers a call: RING, ATA, CONNECT.
+    void ConnectAsAnswerer();
+    // The engine has dialled and the far end answers: CONNECT, SYNCON.
+    void ConnectAsCaller();
+    // A file in the installation, and its entry at the end of SendList.
+    std::string MakeFile(const std::string& name, const std::string& bytes);
+    void AddToSendList(const std::string& path, const std::string& name);
+    std::string Incoming(const std::string& name) const;
+
+    TempFolder root;
+    FarEnd far;
+    RecordingWindow window;
+
+private:
+    ThreadHandle commThread_;
+    std::string pending_;
+    mutable std::mutex logLock_;
+    std::condition_variable logged_;
+    std::vector<std::string> log_;
+};
