@@ -256,6 +256,16 @@ std::string EngineHarness::AnswerCommand(int timeoutMs) {
     return command;
 }
 
+bool EngineHarness::AnswerProfile(int timeoutMs) {
+    const std::string before = TakeUntil("AT\\Q", timeoutMs);
+    if (before.size() < 4 || before.substr(before.size() - 4) != "AT\\Q") {
+        return false;
+    }
+    const std::string rest = TakeUntil("\r", timeoutMs);
+    far.Send("AT\\Q" + rest + "\r\nOK\r\n");
+    return !rest.empty() && rest.back() == '\r';
+}
+
 void EngineHarness::AnswerHangUp() {
     EXPECT_EQ(TakeUntil("+++", 5000), "+++");
     far.Send("\r\nOK\r\n");
@@ -265,8 +275,12 @@ void EngineHarness::AnswerHangUp() {
 }
 
 bool EngineHarness::WaitForState(int16_t state, int timeoutMs) const {
+    return WaitUntil([state] { return TheEngine.LinkState.load() == state; }, timeoutMs);
+}
+
+bool EngineHarness::WaitUntil(const std::function<bool()>& condition, int timeoutMs) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (TheEngine.LinkState.load() != state) {
+    while (!condition()) {
         if (std::chrono::steady_clock::now() >= end) {
             return false;
         }

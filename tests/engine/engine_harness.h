@@ -10,6 +10,7 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -74,6 +75,9 @@ protected:
     // An AT command, up to its CR; the adapter answers OK. Returns the
     // command without the CR.
     std::string AnswerCommand(int timeoutMs = 6000);
+    // The incoming profile that goes to the adapter after a call, found
+    // behind whatever data was still on its way; answered OK.
+    bool AnswerProfile(int timeoutMs = 6000);
     // The hang-up of a sender: "+++" then "ATH", both answered, and the
     // incoming profile that follows.
     void AnswerHangUp();
@@ -82,6 +86,8 @@ protected:
 
     // ---- The engine ----
     bool WaitForState(int16_t state, int timeoutMs = 5000) const;
+    // Waits until the condition holds; false if it did not within the time.
+    static bool WaitUntil(const std::function<bool()>& condition, int timeoutMs = 5000);
     bool WaitForLog(const std::string& line, int timeoutMs = 5000);
     std::vector<std::string> Log() const;
     bool Logged(const std::string& line) const;

@@ -114,8 +114,9 @@ TEST_F(ReceivePipelineTest, EveryFileOfAListArrivesByteForByte) {
     // goes back.
     Send("\r\nNO CARRIER\r\n");
     EXPECT_EQ(AnswerCommand().substr(0, 4), "AT\\Q");
-    ASSERT_TRUE(WaitForState(LinkIdle));
-    EXPECT_TRUE(WaitForLog("Disconnected"));
+    ASSERT_TRUE(WaitUntil([this] { return HasCall(window.Calls(), "ClearFileList()"); }));
+    EXPECT_EQ(TheEngine.LinkState.load(), LinkIdle);
+    EXPECT_TRUE(Logged("Disconnected"));
     // Every file arrived, so every file stays.
     for (const TestFile& file : files) {
         EXPECT_EQ(ReadWholeFile(Incoming(file.name)), file.bytes) << file.name;
