@@ -52,12 +52,25 @@ void SendToken(const WireToken& token) {
     SendBytes(token.Bytes(), static_cast<int16_t>(token.Length()));
 }
 
+// What has come in behind a refused list is thrown away. Only the input goes:
+// a purge of both queues would throw the refusal itself away with it, before
+// it has left.
+void DiscardInput() {
+    uint8_t scratch[1024];
+    uint32_t waiting = PortQueueCount(1);
+    while (waiting != 0) {
+        const uint32_t chunk = waiting < sizeof scratch ? waiting : sizeof scratch;
+        ReadBlock(scratch, chunk, 0);
+        waiting -= chunk;
+    }
+}
+
 // A refusal after the header: the far end is told, and what it sends behind
 // the list is thrown away.
 int16_t Refuse(const std::string& logLine) {
     AddLogLine(logLine);
     SendToken(TokenNak4);
-    PurgePort();
+    DiscardInput();
     return AdmitRefused;
 }
 
@@ -296,7 +309,7 @@ int16_t AdmitFileList() {
     if (FreeSpace() < header.TotalBytes) {
         AddLogLine("Not enough free space on volume.");
         SendToken(TokenNak3);
-        PurgePort();
+        DiscardInput();
         return AdmitRefused;
     }
     if (header.FileCount > static_cast<uint32_t>(ListCapacity)) {
