@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "app/main_window.h"
+#include "engine/pickup.h"
 #include "engine/wire.h"
 #include "line/adapter.h"
 #include "platform/control_model.h"
@@ -22,8 +23,6 @@ namespace {
 
 constexpr int kFolderButtons[] = {IDC_MAKE_FOLDER, IDC_FOLDER_EMPTY, IDC_FOLDER_FILLED,
                                   IDC_HOT_EMPTY, IDC_HOT_FILLED};
-// Entries of a folder listing looked at when counting a pick-up folder's files.
-constexpr size_t kPickUpScanLimit = 100;
 constexpr uint8_t kEntryMagic[4] = {'K', 'B', 'D', 'e'};
 
 bool InRange(int16_t index) {
@@ -32,26 +31,6 @@ bool InRange(int16_t index) {
 
 std::string PickUpFolderOf(const Correspondent& record) {
     return PickUpPath + "/" + FieldText(record.FirmName);
-}
-
-// Plain files in the record's pick-up folder, or -1 when the folder is gone.
-int PickUpFileCount(const Correspondent& record) {
-    std::vector<FolderEntry> entries;
-    if (!ListFolder(PickUpFolderOf(record), entries)) {
-        return -1;
-    }
-    int count = 0;
-    for (size_t i = 0; i < entries.size() && i < kPickUpScanLimit; ++i) {
-        if (!entries[i].isFolder) {
-            ++count;
-        }
-    }
-    return count;
-}
-
-void EnsureSentFiles(const Correspondent& record) {
-    // Made when missing; an existing folder is what is expected.
-    CreateFolder(PickUpFolderOf(record) + "/Sent Files");
 }
 
 void ShowOnlyFolderButton(int shown) {
@@ -108,7 +87,8 @@ void MainWindow::ShowCorrespondent(int16_t index) {
 
     int files = -1;
     if (record.HasPickUp != 0) {
-        files = PickUpFileCount(record);
+        uint32_t bytes = 0;
+        files = ScanPickUpFolder(index, bytes);
         if (files < 0) {
             // The folder has gone; the record has none from now on.
             record.HasPickUp = 0;
@@ -129,7 +109,7 @@ void MainWindow::ShowCorrespondent(int16_t index) {
         controls.Show(IDC_HOT_RETRIEVE, true);
         controls.Check(IDC_HOT_SEND, hot);
         controls.Check(IDC_HOT_RETRIEVE, !hot);
-        EnsureSentFiles(record);
+        EnsureSentFilesFolder(index);
     }
     UpdateActionButtons();
 }

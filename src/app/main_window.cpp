@@ -117,16 +117,6 @@ bool IsIncomingControl(int id) {
     return id == IDC_IN_PROTOCOL || id == IDC_IN_56K || id == IDC_IN_2B || id == IDC_IN_V42;
 }
 
-// Stops the sending session's threads as every end of a session does, and
-// waits until the feeder and its writer have returned.
-void StopSessionThreads() {
-    TheEngine.FeederRun = 0;
-    const ThreadHandle feeder = TheEngine.FeederThread.exchange(nullptr);
-    WakeThread(feeder);
-    JoinThread(feeder);
-    JoinThread(TheEngine.WriterThread.load());
-}
-
 EventOutcome Refused(std::string why) {
     return EventOutcome{false, std::move(why)};
 }
@@ -288,7 +278,9 @@ void MainWindow::StopEngineThreads() {
     // loop at the end of the pass it is in.
     InterruptPortWait();
     JoinThread(commThread_);
-    StopSessionThreads();
+    // A send under way ends with its feeder and writer, a block on its way
+    // cut off.
+    StopFeeder();
 }
 
 void MainWindow::PrepareExit() {
@@ -300,6 +292,10 @@ void MainWindow::PrepareExit() {
     // Nothing may use the port or the engine's buffers once they go, so every
     // engine thread has ended before this returns, also during a transfer.
     StopEngineThreads();
+    if (engineStarted_) {
+        // Files that can no longer be finished or resumed do not stay behind.
+        DiscardUnfinishedFiles();
+    }
     if (AdapterFound.load() != 0) {
         SendClosingCommand();
         // Preferences are saved here and only here: a run that found no
