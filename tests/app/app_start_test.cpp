@@ -1,0 +1,222 @@
+// The whole start and stop of the program, run as the program runs it: in
+// the current folder, with the main loop and its timers.
+
+#include "app/application.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "app/main_window.h"
+#include "engine/transfer_engine.h"
+#include "line/adapter.h"
+#include "platform/control_model.h"
+#include "platform/event_loop.h"
+#include "platform/files.h"
+#include "platform/message_box.h"
+#include "resources/resource.h"
+#include "stores/status_log.h"
+#include "support/temp_folder.h"
+#include "window_fixture.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::vector<std::string> LinesHolding(const std::vector<std::string>& lines,
+                                      const std::vector<std::string>& texts) {
+    std::vector<std::string> kept;
+    for (const std::string& line : lines) {
+        for (const std::string& text : texts) {
+            if (line.find(text) != std::string::npos) {
+                kept.push_back(line);
+                break;
+            }
+        }
+    }
+    return kept;
+}
+
+std::vector<std::string> LogRows() {
+    std::vector<std::string> rows;
+    for (const ListRow& row : Controls().Rows(IDC_LOG)) {
+        rows.push_back(row.text);
+    }
+    return rows;
+}
+
+void PostEvent(WindowEvent::Kind kind, int id = 0) {
+    MainLoop().Post([kind, id] {
+        WindowEvent event;
+        event.kind = kind;
+        event.id = id;
+        ActiveMainWindow()->HandleEvent(event);
+    });
+}
+
+class AppStartTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        previous_ = CurrentFolder();
+        ASSERT_TRUE(ChangeCurrentFolder(folder.Path()));
+        BlockPorts(folder.Path());
+        SetMessageBoxHandler([this](const std::string& text) {
+            std::lock_guard<std::mutex> guard(lock_);
+            messages_.push_back(text);
+            if (onMessage_) {
+                onMessage_(text);
+            }
+        });
+        SplashPending = 1;
+        AdapterFound = 0;
+        TheEngine.LinkState = LinkIdle;
+    }
+    void TearDown() override {
+        SetMessageBoxHandler(nullptr);
+        ChangeCurrentFolder(previous_);
+    }
+
+    // One run of the program; the window's first task is the given one.
+    std::vector<std::string> Run(const std::function<void()>& first) {
+        std::vector<std::string> lines;
+        TransferApp app;
+        app.PrepareWindow = [&](MainWindow& window) {
+            window.SetLogObserver([&](const std::string& line) { lines.push_back(line); });
+        };
+        if (first) {
+            MainLoop().Post(first);
+        }
+        EXPECT_FALSE(app.InitInstance());
+        return lines;
+    }
+
+    std::vector<std::string> Messages() {
+        std::lock_guard<std::mutex> guard(lock_);
+        return messages_;
+    }
+
+    TempFolder folder;
+    std::function<void(const std::string&)> onMessage_;
+
+private:
+    std::string previous_;
+    std::mutex lock_;
+    std::vector<std::string> messages_;
+};
+
+TEST_F(AppStartTest, AFirstRunMakesItsFilesAndAnExitWithoutAnAdapterSavesNoPreferences) {
+    const std::vector<std::string> lines = Run([] {
+        // The user changes a preference and leaves at once.
+        WindowEvent click;
+        click.kind = WindowEvent::Kind::BoxClicked;
+        click.id = IDC_IGNORE_HOT;
+        click.checked = true;
+        ActiveMainWindow()->HandleEvent(click);
+        PostEvent(WindowEvent::Kind::Close);
+    });
+
+    // The preferences file holds the first run's defaults: 9600 bps and
+    // nothing else, the change of this run not saved.
+    const std::string prefs = ReadWholeFile(folder / "kestrelbound_prefs");
+    ASSERT_EQ(prefs.size(), 1176u);
+    EXPECT_EQ(prefs.substr(0, 8), std::string("\0\0\0\0\x80\x25\0\0", 8));
+    EXPECT_EQ(prefs.find_first_not_of('\0', 8), std::string::npos);
+    EXPECT_EQ(ReadWholeFile(folder / "kestrelbound_directory"), std::string(2, '\0'));
+    EXPECT_TRUE(FolderExists(folder / "Incoming Files"));
+    EXPECT_TRUE(FolderExists(folder / "Pick Up"));
+
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].rfind("Starting Kestrelbound ", 0), 0u);
+    EXPECT_EQ(lines[1].rfind("Stopping Kestrelbound ", 0), 0u);
+    const std::string log = ReadWholeFile(folder / "kestrelbound_log");
+    EXPECT_EQ(log, lines[0] + std::string(1, '\0') + lines[1] + std::string(2, '\0'));
+    EXPECT_TRUE(Messages().empty());
+    EXPECT_EQ(TheMainWindow, nullptr);
+
+    // The second start shows the stored lines above its own Starting line.
+    std::vector<std::string> rows;
+    const std::vector<std::string> second = Run([&] {
+        rows = LogRows();
+        PostEvent(WindowEvent::Kind::MenuCommand, ID_FILE_EXIT);
+    });
+    ASSERT_EQ(rows.size(), 3u);
+    EXPECT_EQ(rows[0], lines[0]);
+    EXPECT_EQ(rows[1], lines[1]);
+    EXPECT_EQ(rows[2].rfind("Starting Kestrelbound ", 0), 0u);
+    ASSERT_EQ(second.size(), 2u);
+    // Only lines added in this run went through the log.
+    EXPECT_EQ(second[0], rows[2]);
+    EXPECT_EQ(ReadWholeFile(folder / "kestrelbound_prefs"), prefs);
+}
+
+TEST_F(AppStartTest, TheSplashClosesItselfAfterASecondAndTheSearchFollowsOnce) {
+    Clock::time_point shown;
+    Clock::time_point hidden;
+    int opened = 0;
+    const int listener = Controls().AddListener([&](const ControlEvent& event) {
+        if (event.id == IDD_ABOUTBOX && event.change == ControlChange::Shown) {
+            if (Controls().Shown(IDD_ABOUTBOX)) {
+                ++opened;
+                shown = Clock::now();
+            } else {
+                hidden = Clock::now();
+            }
+        }
+    });
+    // The search finds nothing and says so; the user then leaves.
+    onMessage_ = [](const std::string& text) {
+        if (text == NoAdapterMessage) {
+            PostEvent(WindowEvent::Kind::Close);
+        }
+    };
+    const std::vector<std::string> lines = Run(nullptr);
+    Controls().RemoveListener(listener);
+
+    EXPECT_EQ(opened, 1);
+    EXPECT_GE(std::chrono::duration_cast<std::chrono::milliseconds>(hidden - shown).count(), 990);
+    EXPECT_EQ(Messages(), std::vector<std::string>{NoAdapterMessage});
+    const std::vector<std::string> search =
+        LinesHolding(lines, {"Kestrelbound", "Searching Comm Port", "ISDN TA not found."});
+    ASSERT_EQ(search.size(), 7u);
+    EXPECT_EQ(search[0].rfind("Starting", 0), 0u);
+    EXPECT_EQ(search[1], "Searching Comm Port 1");
+    EXPECT_EQ(search[4], "Searching Comm Port 4");
+    EXPECT_EQ(search[5], "ISDN TA not found.");
+    EXPECT_EQ(search[6].rfind("Stopping", 0), 0u);
+    // No adapter: the preferences file is as the first run made it.
+    const std::string prefs = ReadWholeFile(folder / "kestrelbound_prefs");
+    EXPECT_EQ(prefs.substr(0, 8), std::string("\0\0\0\0\x80\x25\0\0", 8));
+    EXPECT_EQ(prefs.find_first_not_of('\0', 8), std::string::npos);
+}
+
+TEST_F(AppStartTest, OkOnTheSplashStartsTheSearchAtOnceAndOnlyOnce) {
+    const int listener = Controls().AddListener([](const ControlEvent& event) {
+        if (event.id == IDD_ABOUTBOX && event.change == ControlChange::Shown &&
+            Controls().Shown(IDD_ABOUTBOX)) {
+            PostEvent(WindowEvent::Kind::AboutOk);
+        }
+    });
+    bool timerAfterSearch = true;
+    onMessage_ = [&](const std::string& text) {
+        if (text == NoAdapterMessage) {
+            timerAfterSearch = MainLoop().TimerRunning(TimerSplashClose);
+            // About, opened now, stays until OK and starts nothing.
+            PostEvent(WindowEvent::Kind::MenuCommand, IDM_ABOUTBOX);
+            MainLoop().Post([] {
+                EXPECT_TRUE(Controls().Shown(IDD_ABOUTBOX));
+                EXPECT_FALSE(MainLoop().TimerRunning(TimerSplashClose));
+                PostEvent(WindowEvent::Kind::Close);
+            });
+        }
+    };
+    const std::vector<std::string> lines = Run(nullptr);
+    Controls().RemoveListener(listener);
+    EXPECT_FALSE(timerAfterSearch);
+    EXPECT_EQ(LinesHolding(lines, {"ISDN TA not found."}).size(), 1u);
+    EXPECT_EQ(Messages().size(), 1u);
+}
+
+}  // namespace

@@ -1,0 +1,234 @@
+// The directory panel: records made, changed, shown and removed through the
+// window, with the file and the pick-up folders behind them.
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "app/main_window.h"
+#include "line/adapter.h"
+#include "platform/control_model.h"
+#include "platform/files.h"
+#include "resources/resource.h"
+#include "stores/directory.h"
+#include "stores/paths.h"
+#include "stores/preferences.h"
+#include "window_fixture.h"
+
+namespace {
+
+class DirectoryPanelTest : public WindowTest {
+protected:
+    // Types a record into the form and presses Add.
+    void AddRecord(const std::string& name, const std::string& number) {
+        Type(IDC_NAME, name);
+        Type(IDC_NUMBER, number);
+        Press(IDC_ADD);
+    }
+    void Type(int id, const std::string& text) {
+        WindowEvent event;
+        event.kind = WindowEvent::Kind::TextEdited;
+        event.id = id;
+        event.text = text;
+        ASSERT_TRUE(window->HandleEvent(event).done) << ControlName(id);
+    }
+    EventOutcome Press(int id) {
+        WindowEvent event;
+        event.kind = WindowEvent::Kind::ButtonPressed;
+        event.id = id;
+        return window->HandleEvent(event);
+    }
+    void Choose(int id, int row) {
+        WindowEvent event;
+        event.kind = WindowEvent::Kind::SelectionChanged;
+        event.id = id;
+        event.row = row;
+        ASSERT_TRUE(window->HandleEvent(event).done) << ControlName(id);
+    }
+    int16_t StoredCount() {
+        const std::string bytes = ReadWholeFile(DirectoryPath);
+        return static_cast<int16_t>(static_cast<uint8_t>(bytes.at(0)) |
+                                    (static_cast<uint8_t>(bytes.at(1)) << 8));
+    }
+};
+
+TEST_F(DirectoryPanelTest, AddedRecordsStandInByteOrderAndTheNewOneIsOnShow) {
+    EXPECT_FALSE(Controls().Enabled(IDC_ADD));
+    Type(IDC_NAME, "alpha");
+    EXPECT_FALSE(Controls().Enabled(IDC_ADD));
+    Type(IDC_NUMBER, "555");
+    EXPECT_TRUE(Controls().Enabled(IDC_ADD));
+    Controls().Check(IDC_56K, true);
+    Controls().Select(IDC_CARRIER, 2);
+    Press(IDC_ADD);
+    AddRecord("Zeta", "666");
+
+    EXPECT_EQ(RowTexts(IDC_DIRECTORY_LIST), (std::vector<std::string>{"Zeta", "alpha"}));
+    EXPECT_EQ(Controls().Selection(IDC_DIRECTORY_LIST), 0);
+    EXPECT_EQ(window->CurrentEntry(), 0);
+    EXPECT_EQ(StoredCount(), 2);
+    EXPECT_EQ(FieldText(Directory[1].FirmName), "alpha");
+    EXPECT_EQ(Directory[1].Use56K, 1);
+    EXPECT_EQ(Directory[1].Carrier, 2);
+    EXPECT_EQ(Directory[1].HasPickUp, 0);
+    // A new record shows the button that makes its pick-up folder.
+    EXPECT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
+    EXPECT_FALSE(Controls().Shown(IDC_HOT_SEND));
+
+    // Choosing a record shows it and opens Change, Delete and New.
+    Choose(IDC_DIRECTORY_LIST, 1);
+    EXPECT_EQ(window->CurrentEntry(), 1);
+    EXPECT_EQ(Controls().Text(IDC_NAME), "alpha");
+    EXPECT_EQ(Controls().Text(IDC_NUMBER), "555");
+    EXPECT_TRUE(Controls().Checked(IDC_56K));
+    EXPECT_EQ(Controls().Selection(IDC_CARRIER), 2);
+    for (int id : {IDC_ADD, IDC_CHANGE, IDC_DELETE, IDC_NEW}) {
+        EXPECT_TRUE(Controls().Enabled(id)) << ControlName(id);
+    }
+    // New empties the form.
+    Press(IDC_NEW);
+    EXPECT_EQ(Controls().Text(IDC_NAME), "");
+    EXPECT_EQ(window->CurrentEntry(), -1);
+    EXPECT_EQ(Controls().Selection(IDC_DIRECTORY_LIST), -1);
+    for (int id : {IDC_ADD, IDC_CHANGE, IDC_DELETE, IDC_NEW}) {
+        EXPECT_FALSE(Controls().Enabled(id)) << ControlName(id);
+    }
+}
+
+TEST_F(DirectoryPanelTest, ARenamedRecordStaysOnShowAndItsFolderFollows) {
+    AddRecord("Beta", "1");
+    AddRecord("Delta", "2");
+    Choose(IDC_DIRECTORY_LIST, 0);
+    ASSERT_TRUE(CreateFolder(PickUpPath + "/Beta"));
+    Directory[0].HasPickUp = 1;
+    Type(IDC_NAME, "Omega");
+    Press(IDC_CHANGE);
+    EXPECT_EQ(RowTexts(IDC_DIRECTORY_LIST), (std::vector<std::string>{"Delta", "Omega"}));
+    EXPECT_EQ(window->CurrentEntry(), 1);
+    EXPECT_EQ(Controls().Selection(IDC_DIRECTORY_LIST), 1);
+    EXPECT_TRUE(FolderExists(PickUpPath + "/Omega"));
+    EXPECT_FALSE(FolderExists(PickUpPath + "/Beta"));
+    // Shown with a folder: "Sent Files" is made, and the folder is empty.
+    EXPECT_TRUE(FolderExists(PickUpPath + "/Omega/Sent Files"));
+    EXPECT_TRUE(Controls().Shown(IDC_FOLDER_EMPTY));
+    EXPECT_TRUE(Controls().Checked(IDC_HOT_RETRIEVE));
+
+    // The next Change acts on the same record.
+    Type(IDC_NUMBER, "99");
+    Press(IDC_CHANGE);
+    EXPECT_EQ(FieldText(Directory[1].IsdnNumber), "99");
+    EXPECT_EQ(FieldText(Directory[0].IsdnNumber), "2");
+
+    // The contact form keeps the folder's name, and cuts the name to 19.
+    Choose(IDC_FORM, 1);
+    EXPECT_TRUE(Controls().Shown(IDC_LABEL_TELEPHONE));
+    EXPECT_FALSE(Controls().Shown(IDC_LABEL_ISDN));
+    EXPECT_FALSE(Controls().Enabled(IDC_DELETE));
+    Type(IDC_NAME, "A Contact Of 25 Letters..");
+    EXPECT_FALSE(Controls().Enabled(IDC_ADD));
+    Press(IDC_CHANGE);
+    EXPECT_EQ(FieldText(Directory[1].ContactName), "A Contact Of 25 Let");
+    EXPECT_EQ(FieldText(Directory[1].FirmName), "Omega");
+    EXPECT_TRUE(FolderExists(PickUpPath + "/Omega"));
+}
+
+TEST_F(DirectoryPanelTest, TheFolderButtonTellsTheStateOfThePickUpFolder) {
+    AddRecord("Smith", "555");
+    Directory[0].HasPickUp = 1;
+    Directory[0].HotSend = 1;
+    ASSERT_TRUE(CreateFolder(PickUpPath + "/Smith"));
+    window->ShowCorrespondent(0);
+    EXPECT_TRUE(Controls().Shown(IDC_HOT_EMPTY));
+    EXPECT_TRUE(Controls().Checked(IDC_HOT_SEND));
+    EXPECT_FALSE(Controls().Checked(IDC_HOT_RETRIEVE));
+    WriteWholeFile(PickUpPath + "/Smith/waiting", "data");
+    window->ShowCorrespondent(0);
+    EXPECT_TRUE(Controls().Shown(IDC_HOT_FILLED));
+    EXPECT_FALSE(Controls().Shown(IDC_HOT_EMPTY));
+    Directory[0].HotSend = 0;
+    window->ShowCorrespondent(0);
+    EXPECT_TRUE(Controls().Shown(IDC_FOLDER_FILLED));
+
+    // A folder that holds anything keeps its record from being deleted.
+    Choose(IDC_DIRECTORY_LIST, 0);
+    Press(IDC_DELETE);
+    EXPECT_EQ(DirectoryCount.load(), 1);
+    EXPECT_TRUE(Messages().empty());
+
+    // A folder removed by hand: the record has none from then on.
+    ASSERT_TRUE(DeleteFileAt(PickUpPath + "/Smith/waiting"));
+    ASSERT_TRUE(RemoveFolder(PickUpPath + "/Smith/Sent Files"));
+    ASSERT_TRUE(RemoveFolder(PickUpPath + "/Smith"));
+    window->ShowCorrespondent(0);
+    EXPECT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
+    EXPECT_FALSE(Controls().Shown(IDC_HOT_SEND));
+    EXPECT_EQ(Directory[0].HasPickUp, 0);
+    Press(IDC_DELETE);
+    EXPECT_EQ(DirectoryCount.load(), 0);
+    EXPECT_EQ(StoredCount(), 0);
+    EXPECT_EQ(Controls().RowCount(IDC_DIRECTORY_LIST), 0);
+}
+
+TEST_F(DirectoryPanelTest, TheTableTakes127RecordsAndRefusesThe128th) {
+    for (int i = 0; i < 127; ++i) {
+        SetFieldText(Directory[i].FirmName, "Firm " + std::to_string(1000 + i));
+    }
+    DirectoryCount = 127;
+    AddRecord("One too many", "1");
+    EXPECT_EQ(Messages(), std::vector<std::string>{
+                              "Directory already has 128 entries.\r  Please delete an entry "
+                              "before adding a new one."});
+    EXPECT_EQ(DirectoryCount.load(), 127);
+    EXPECT_EQ(FieldText(Directory[127].FirmName), "");
+}
+
+TEST_F(DirectoryPanelTest, AnExportedEntryIsImportedOnlyWhenWhole) {
+    std::string entry(CorrespondentSize, '\0');
+    std::memcpy(entry.data(), "Smith & Co", 10);
+    std::memcpy(entry.data() + 32, "5551234", 7);
+    std::memcpy(entry.data() + 64, "\0\0\0\x03", 4);  // X.75
+    std::memcpy(entry.data() + 68, "\0\0\0\x04", 4);  // Sprint
+    entry[73] = 1;
+    std::memcpy(entry.data() + 136, "KBDe", 4);
+    const std::string good = MakeFile("smith.KBE", 0);
+    WriteWholeFile(good, entry);
+    WriteWholeFile(folder / "short.KBE", entry.substr(0, 139));
+    WriteWholeFile(folder / "long.KBE", entry + "x");
+    std::string wrongMagic = entry;
+    wrongMagic[139] = 'E';
+    WriteWholeFile(folder / "magic.KBE", wrongMagic);
+
+    EXPECT_EQ(window->ImportDirectoryEntry(folder / "short.KBE"), 0);
+    EXPECT_EQ(window->ImportDirectoryEntry(folder / "long.KBE"), 0);
+    EXPECT_EQ(window->ImportDirectoryEntry(folder / "magic.KBE"), 0);
+    EXPECT_EQ(window->ImportDirectoryEntry(folder / "missing.KBE"), 0);
+    EXPECT_EQ(DirectoryCount.load(), 0);
+
+    // A drop on the directory list of a name in .Kbe is no exported entry.
+    WriteWholeFile(folder / "smith.Kbe", entry);
+    WindowEvent drop;
+    drop.kind = WindowEvent::Kind::FilesDropped;
+    drop.id = IDC_DIRECTORY_LIST;
+    drop.paths = {folder / "smith.Kbe"};
+    window->HandleEvent(drop);
+    EXPECT_EQ(DirectoryCount.load(), 0);
+
+    drop.paths = {good, folder / "smith.Kbe"};
+    window->HandleEvent(drop);
+    ASSERT_EQ(DirectoryCount.load(), 1);
+    EXPECT_EQ(FieldText(Directory[0].FirmName), "Smith & Co");
+    EXPECT_EQ(Directory[0].Protocol, 2);
+    EXPECT_EQ(Directory[0].Carrier, 3);
+    EXPECT_EQ(Directory[0].Use56K, 1);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(Directory[0].EntryMagic), 4), "eDBK");
+    EXPECT_EQ(window->CurrentEntry(), 0);
+    EXPECT_EQ(Controls().Text(IDC_NAME), "Smith & Co");
+    EXPECT_EQ(Observed().back(), "Directory Entry Added");
+    EXPECT_EQ(StoredCount(), 1);
+    // The received file itself stays where it was.
+    EXPECT_TRUE(PathExists(good));
+}
+
+}  // namespace

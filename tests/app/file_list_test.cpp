@@ -1,0 +1,272 @@
+// The file list: entries with the lengths the wire announces, drops of files
+// and folders, deleting, and the limits of the list.
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "app/main_window.h"
+#include "engine/transfer_engine.h"
+#include "engine/wire.h"
+#include "platform/control_model.h"
+#include "platform/files.h"
+#include "resources/resource.h"
+#include "window_fixture.h"
+
+namespace {
+
+using FileListTest = WindowTest;
+
+const FileEntry& Entry(int i) {
+    return TheEngine.SendList[i];
+}
+
+void Drop(MainWindow& window, int target, const std::vector<std::string>& paths) {
+    WindowEvent event;
+    event.kind = WindowEvent::Kind::FilesDropped;
+    event.id = target;
+    event.paths = paths;
+    window.HandleEvent(event);
+}
+
+TEST_F(FileListTest, AnEntryCarriesTheLengthsTheWireAnnounces) {
+    ASSERT_TRUE(window->AddFileToList(MakeFile("whole", 131070), "whole"));
+    ASSERT_TRUE(window->AddFileToList(MakeFile("over", 131071), "over"));
+    ASSERT_EQ(TheEngine.SendCount.load(), 2);
+
+    const FileEntry& whole = Entry(0);
+    EXPECT_EQ(whole.FilePath.View(), folder / "whole");
+    EXPECT_EQ(whole.DisplayName.View(), "whole");
+    EXPECT_EQ(whole.EntryKind, KindPlainFile);
+    EXPECT_EQ(whole.DataLength, 131072u);
+    EXPECT_EQ(whole.TotalLength, 131072u);
+    EXPECT_EQ(whole.AuxLength, 0u);
+    EXPECT_EQ(whole.DataBlocks, 16);
+    EXPECT_EQ(whole.LastBlockBytes, 0);
+    EXPECT_EQ(whole.DataDone, 0u);
+    EXPECT_EQ(whole.AuxDone, 1u);
+    EXPECT_EQ(whole.NextBlock, 0);
+    EXPECT_EQ(whole.BytesDone, 0u);
+    EXPECT_EQ(whole.CreatorCode, DefaultCreatorCode);
+    EXPECT_EQ(whole.TypeCode, DefaultTypeCode);
+
+    const FileEntry& over = Entry(1);
+    EXPECT_EQ(over.DataLength, 131075u);
+    EXPECT_EQ(over.DataBlocks, 16);
+    EXPECT_EQ(over.LastBlockBytes, 3);
+
+    // The rows show the file's own size, without the checksum bytes.
+    const std::vector<ListRow> rows = Controls().Rows(IDC_FILE_LIST);
+    ASSERT_EQ(rows.size(), 2u);
+    EXPECT_EQ(rows[0].text, "whole");
+    EXPECT_EQ(rows[0].detail, "131070");
+    EXPECT_EQ(rows[1].detail, "131071");
+    EXPECT_EQ(TheEngine.SendRemaining.load(), 131072u + 131075u);
+    EXPECT_EQ(Controls().Text(IDC_TOTAL_KB), "257 KB");
+    // Files in the list: Send on, Retrieve off; clearing reverses it.
+    EXPECT_TRUE(Controls().Enabled(IDC_SEND));
+    EXPECT_FALSE(Controls().Enabled(IDC_RETRIEVE));
+    EXPECT_TRUE(Controls().Enabled(IDC_FILE_CLEAR));
+    window->OnFileClear();
+    EXPECT_FALSE(Controls().Enabled(IDC_SEND));
+    EXPECT_TRUE(Controls().Enabled(IDC_RETRIEVE));
+    EXPECT_EQ(TheEngine.SendCount.load(), 0);
+    EXPECT_EQ(TheEngine.SendRemaining.load(), 0u);
+    EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 0);
+    EXPECT_FALSE(Controls().Enabled(IDC_TOTAL_KB));
+    EXPECT_EQ(Controls().Text(IDC_TOTAL_KB), "257 KB");  // left, grey
+}
+
+TEST_F(FileListTest, AnEmptyFileGoesInThroughTheDialogButADropSkipsIt) {
+    const std::string empty = MakeFile("empty", 0);
+    window->SetFileChooser([&] { return std::optional<std::string>(empty); });
+    window->OnFileAdd();
+    ASSERT_EQ(TheEngine.SendCount.load(), 1);
+    EXPECT_EQ(Entry(0).DataLength, 0u);
+    EXPECT_EQ(Entry(0).DataDone, 1u);
+    EXPECT_EQ(Entry(0).DataBlocks, 0);
+    EXPECT_FALSE(Controls().Enabled(IDC_EST_TIME));
+
+    window->ClearFileList();
+    Drop(*window, IDC_FILE_LIST, {empty});
+    EXPECT_EQ(TheEngine.SendCount.load(), 0);
+    EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 0);
+
+    // A chooser that is cancelled adds nothing; a file that cannot be opened
+    // is told and leaves the list as it was.
+    window->SetFileChooser([] { return std::optional<std::string>(); });
+    window->OnFileAdd();
+    EXPECT_EQ(TheEngine.SendCount.load(), 0);
+    EXPECT_FALSE(window->AddFileToList(folder / "missing", "missing"));
+    EXPECT_EQ(Messages(), std::vector<std::string>{
+                              "Cannot open file.  It may be in use by another application."});
+    EXPECT_EQ(TheEngine.SendCount.load(), 0);
+    EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 0);
+}
+
+TEST_F(FileListTest, AFolderReplacesTheListAndTravelsOneLevelDeep) {
+    const std::string loose = MakeFile("loose", 10);
+    const std::string docs = MakeFolder("docs");
+    MakeFile("docs/a.txt", 100);
+    MakeFile("docs/b.exe.txt", 200);
+    MakeFile("docs/empty", 0);
+    MakeFolder("docs/Sent Files");
+    MakeFile("docs/Sent Files/old", 5);
+
+    Drop(*window, IDC_FILE_LIST, {loose, docs + "/"});
+    ASSERT_EQ(TheEngine.SendCount.load(), 4);
+    const std::vector<ListRow> rows = Controls().Rows(IDC_FILE_LIST);
+    ASSERT_EQ(rows.size(), 4u);
+    EXPECT_EQ(rows[0].text, "docs");
+    EXPECT_EQ(rows[0].detail, "");
+    EXPECT_EQ(rows[0].image, KindFolderMarker);
+    EXPECT_EQ(Entry(0).EntryKind, KindFolderMarker);
+    EXPECT_EQ(Entry(0).FilePath.View(), docs);
+    EXPECT_EQ(Entry(0).TotalLength, 0u);
+
+    // The files, in the order the file system lists them, the empty one too.
+    std::vector<FolderEntry> listed;
+    ASSERT_TRUE(ListFolder(docs, listed));
+    std::vector<std::string> expected;
+    for (const FolderEntry& item : listed) {
+        if (!item.isFolder) {
+            expected.push_back(item.name);
+        }
+    }
+    ASSERT_EQ(expected.size(), 3u);
+    for (int i = 1; i < 4; ++i) {
+        EXPECT_EQ(rows[i].text, expected[i - 1]);
+        EXPECT_EQ(Entry(i).FilePath.View(), docs + "/" + expected[i - 1]);
+        const int16_t kind = expected[i - 1] == "b.exe.txt" ? KindProgramFile : KindPlainFile;
+        EXPECT_EQ(Entry(i).EntryKind, kind);
+        EXPECT_EQ(rows[i].image, kind);
+    }
+    // The marker adds nothing to the total.
+    EXPECT_EQ(TheEngine.SendRemaining.load(), 102u + 202u + 0u);
+    window->RecomputeSendTotal();
+    EXPECT_EQ(TheEngine.SendRemaining.load(), 304u);
+    // The process's folder never moved.
+    EXPECT_NE(CurrentFolder(), docs);
+}
+
+TEST_F(FileListTest, OfTwoFoldersInOneDropOnlyTheSecondStays) {
+    const std::string first = MakeFolder("first");
+    MakeFile("first/one", 1);
+    const std::string second = MakeFolder("second");
+    MakeFile("second/two", 2);
+    Drop(*window, IDC_FILE_LIST, {first, second});
+    EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"second", "two"}));
+    EXPECT_EQ(TheEngine.SendCount.load(), 2);
+}
+
+TEST_F(FileListTest, WhatCannotBeOpenedIsTakenForAFolder) {
+    Drop(*window, IDC_FILE_LIST, {folder / "no such thing"});
+    EXPECT_EQ(RowTexts(IDC_FILE_LIST), std::vector<std::string>{"no such thing"});
+    EXPECT_EQ(TheEngine.SendCount.load(), 1);
+    EXPECT_EQ(Entry(0).EntryKind, KindFolderMarker);
+    EXPECT_TRUE(Messages().empty());
+}
+
+TEST_F(FileListTest, ADropOnSendWithAnUnreadableItemStillStartsTheCall) {
+    // With no number in the panel the call stops at once and says why: the
+    // message shows that the drop went on to place the call.
+    Drop(*window, IDC_SEND, {folder / "unreadable"});
+    EXPECT_EQ(RowTexts(IDC_FILE_LIST), std::vector<std::string>{"unreadable"});
+    EXPECT_EQ(Messages(),
+              std::vector<std::string>{"Please select a correspondent in your Directory."});
+}
+
+TEST_F(FileListTest, ADropDuringACallOrBesideTheListsDoesNothing) {
+    const std::string file = MakeFile("file", 10);
+    TheEngine.LinkState = LinkConnected;
+    Drop(*window, IDC_FILE_LIST, {file});
+    Drop(*window, IDC_SEND, {file});
+    TheEngine.LinkState = LinkIdle;
+    Drop(*window, IDC_LOG, {file});
+    Drop(*window, 0, {file});
+    EXPECT_EQ(TheEngine.SendCount.load(), 0);
+    // A name ending in .KBE is a file like any other on the file list.
+    const std::string entry = MakeFile("smith.KBE", 140);
+    Drop(*window, IDC_FILE_LIST, {entry});
+    EXPECT_EQ(RowTexts(IDC_FILE_LIST), std::vector<std::string>{"smith.KBE"});
+}
+
+TEST_F(FileListTest, DeleteTakesTheClickedRowAndItsEntry) {
+    for (const char* name : {"a", "b", "c"}) {
+        ASSERT_TRUE(window->AddFileToList(MakeFile(name, 100), name));
+    }
+    EXPECT_FALSE(Controls().Enabled(IDC_FILE_DELETE));
+    window->OnFileClick(1);
+    EXPECT_EQ(window->SelectedFileRow(), 1);
+    EXPECT_TRUE(Controls().Enabled(IDC_FILE_DELETE));
+    window->OnFileDelete();
+    EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"a", "c"}));
+    EXPECT_EQ(TheEngine.SendCount.load(), 2);
+    EXPECT_EQ(Entry(1).DisplayName.View(), "c");
+    EXPECT_EQ(TheEngine.SendRemaining.load(), 204u);
+    EXPECT_EQ(window->SelectedFileRow(), -1);
+    EXPECT_FALSE(Controls().Enabled(IDC_FILE_DELETE));
+    // With no row chosen, Delete does nothing.
+    window->OnFileDelete();
+    EXPECT_EQ(TheEngine.SendCount.load(), 2);
+
+    // A click on no row turns Delete off; adding a file forgets the click.
+    window->OnFileClick(0);
+    window->OnFileClick(-1);
+    EXPECT_FALSE(Controls().Enabled(IDC_FILE_DELETE));
+    window->OnFileClick(0);
+    ASSERT_TRUE(window->AddFileToList(MakeFile("d", 1), "d"));
+    EXPECT_EQ(window->SelectedFileRow(), -1);
+    EXPECT_FALSE(Controls().Enabled(IDC_FILE_DELETE));
+    // The same file can go in twice.
+    ASSERT_TRUE(window->AddFileToList(folder / "d", "d"));
+    EXPECT_EQ(TheEngine.SendCount.load(), 4);
+}
+
+TEST_F(FileListTest, TheListHoldsAHundredEntriesAndNeverMore) {
+    const std::string file = MakeFile("f", 1);
+    for (int i = 0; i < 100; ++i) {
+        ASSERT_TRUE(window->AddFileToList(file, "f"));
+    }
+    EXPECT_FALSE(window->AddFileToList(file, "f"));
+    EXPECT_EQ(TheEngine.SendCount.load(), 100);
+    EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 100);
+    EXPECT_EQ(Observed().back(), "File list is full: f was not added.");
+
+    // A folder of 120 files: its marker and the first 99, and one line.
+    const std::string big = MakeFolder("big");
+    for (int i = 0; i < 120; ++i) {
+        MakeFile("big/file" + std::to_string(i), 1);
+    }
+    const size_t linesBefore = Observed().size();
+    window->AddFolderToSendList(big, "big");
+    EXPECT_EQ(TheEngine.SendCount.load(), 100);
+    EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 100);
+    const std::vector<std::string> lines = Observed();
+    ASSERT_EQ(lines.size(), linesBefore + 1);
+    EXPECT_EQ(lines.back(), "File list is full: 21 files of big were not added.");
+}
+
+TEST_F(FileListTest, ALongNameKeepsItsExtensionAndThePathStaysWhole) {
+    const std::string name = "a report with a name far longer than the field.pdf";
+    const std::string path = MakeFile(name, 10);
+    ASSERT_TRUE(window->AddFileToList(path, name));
+    EXPECT_EQ(Entry(0).DisplayName.View(), "a report with a name far lo.pdf");
+    EXPECT_EQ(Entry(0).FilePath.View(), path);
+    EXPECT_EQ(RowTexts(IDC_FILE_LIST), std::vector<std::string>{"a report with a name far lo.pdf"});
+
+    EXPECT_EQ(ShortDisplayName(std::string(40, 'x')), std::string(31, 'x'));
+    EXPECT_EQ(ShortDisplayName(std::string(31, 'x')), std::string(31, 'x'));
+    // An extension too long to be worth keeping is cut with the rest.
+    EXPECT_EQ(ShortDisplayName(std::string(20, 'x') + "." + std::string(20, 'e')),
+              std::string(20, 'x') + "." + std::string(10, 'e'));
+    // A character of two bytes is never cut in two.
+    const std::string accented = std::string(30, 'x') + "\xC3\xA9" + "tail";
+    EXPECT_EQ(ShortDisplayName(accented), std::string(30, 'x'));
+    EXPECT_EQ(FileNameOfPath("/a/b/c.txt"), "c.txt");
+    EXPECT_EQ(FileNameOfPath("/a/b/"), "b");
+    EXPECT_EQ(FileNameOfPath("plain"), "plain");
+}
+
+}  // namespace

@@ -1,0 +1,112 @@
+#include "window_fixture.h"
+
+#include <sys/stat.h>
+
+#include "engine/transfer_engine.h"
+#include "line/adapter.h"
+#include "line/comm_port.h"
+#include "line/profiles.h"
+#include "platform/control_model.h"
+#include "platform/event_loop.h"
+#include "platform/files.h"
+#include "platform/message_box.h"
+#include "resources/resource.h"
+#include "stores/directory.h"
+#include "stores/paths.h"
+#include "stores/preferences.h"
+#include "stores/status_log.h"
+
+void BlockPorts(const std::string& folder) {
+    for (int port = 1; port <= 4; ++port) {
+        WriteWholeFile(folder + "/COM" + std::to_string(port), "");
+    }
+}
+
+void WindowTest::SetUp() {
+    BlockPorts(folder.Path());
+    SetMessageBoxHandler([this](const std::string& text) {
+        std::lock_guard<std::mutex> guard(lock_);
+        messages_.push_back(text);
+    });
+    BuildPaths(folder.Path());
+    CreateFolder(IncomingPath);
+    CreateFolder(PickUpPath);
+    StartWindow();
+}
+
+void WindowTest::TearDown() {
+    StopWindow();
+    SetMessageBoxHandler(nullptr);
+}
+
+void WindowTest::StartWindow() {
+    // What one process does once: every test starts from the program's
+    // first state.
+    TheEngine.LinkState = LinkIdle;
+    TheEngine.WeSend = 0;
+    TheEngine.SendCount = 0;
+    TheEngine.SendRemaining = 0;
+    TheEngine.ReceiveCount = 0;
+    TheEngine.TransferStartTime = 0;
+    AdapterFound = 0;
+    SetLinePolling(0);
+    RateEstimate = 0;
+    MeasuredRate = 0;
+    SplashPending = 1;
+    LoadPreferences();
+    LoadDirectory();
+    LoadStatusLog();
+    window = std::make_unique<MainWindow>();
+    window->SetLogObserver([this](const std::string& line) {
+        std::lock_guard<std::mutex> guard(lock_);
+        observed_.push_back(line);
+    });
+    ASSERT_TRUE(window->OnInitDialog());
+}
+
+void WindowTest::StopWindow() {
+    if (!window) {
+        return;
+    }
+    window->PrepareExit();
+    for (int timer : {TimerSplashOpen, TimerSplashClose, TimerFindAdapter, TimerHotFolders}) {
+        MainLoop().KillTimer(timer);
+    }
+    CommPortClose();
+    CommPortDestroy();
+    if (window->EngineStarted()) {
+        EngineShutdown();
+    }
+    FreeStatusLog();
+    window.reset();
+}
+
+std::string WindowTest::MakeFile(const std::string& name, size_t size, char fill) {
+    const std::string path = folder / name;
+    WriteWholeFile(path, std::string(size, fill));
+    return path;
+}
+
+std::string WindowTest::MakeFolder(const std::string& name) {
+    const std::string path = folder / name;
+    CreateFolder(path);
+    return path;
+}
+
+std::vector<std::string> WindowTest::Messages() const {
+    std::lock_guard<std::mutex> guard(lock_);
+    return messages_;
+}
+
+std::vector<std::string> WindowTest::Observed() const {
+    std::lock_guard<std::mutex> guard(lock_);
+    return observed_;
+}
+
+std::vector<std::string> WindowTest::RowTexts(int id) {
+    std::vector<std::string> texts;
+    for (const ListRow& row : Controls().Rows(id)) {
+        texts.push_back(row.text);
+    }
+    return texts;
+}
