@@ -340,4 +340,48 @@ TEST(StationTest, WithAnAdapterTheStationSavesWhatItLearntAtExit) {
     adapters.Wait(10s);
 }
 
+TEST(StationTest, StationsThatLeaveDuringATransferStopCleanlyAndLeaveNoPartialFile) {
+    TempFolder folder;
+    const std::string sender = folder / "sender";
+    const std::string receiver = folder / "receiver";
+    ASSERT_TRUE(CreateFolder(sender));
+    ASSERT_TRUE(CreateFolder(receiver));
+    // 1 MB at 8000 bytes a second: the transfer is sure to be under way.
+    WriteWholeFile(sender + "/big.bin", std::string(1000000, 'b'));
+    Child adapters(
+        VIRTUAL_TA_PATH,
+        {"--rate", "8000", sender + "/COM1=bitsurfr:5551111", receiver + "/COM1=3com:5552222"},
+        "/");
+    ASSERT_EQ(adapters.Next([](const std::string& line) { return line == "ready"; }, 20s), "ready");
+    Child a(KBSTATION_PATH, {}, sender);
+    Child b(KBSTATION_PATH, {}, receiver);
+    ASSERT_EQ(a.Command("wait Initializing Incoming: 60"), "ok");
+    ASSERT_EQ(b.Command("wait Initializing Incoming: 60"), "ok");
+    ASSERT_EQ(b.Command("wait-state idle"), "ok");
+    ASSERT_EQ(a.Command("number 5552222"), "ok");
+    ASSERT_EQ(a.Command("add big.bin"), "ok");
+    ASSERT_EQ(a.Command("send"), "ok");
+    ASSERT_EQ(b.Command("wait Receiving File: big.bin"), "ok");
+    ASSERT_EQ(b.Command("wait-state transfer"), "ok");
+    ASSERT_EQ(a.Command("wait-state transfer"), "ok");
+    ASSERT_TRUE(PathExists(receiver + "/Incoming Files/big.bin"));
+
+    // The receiver leaves in the middle of the file: its threads stop, and
+    // the file that can never be finished does not stay.
+    EXPECT_EQ(b.Command("quit"), "ok");
+    EXPECT_EQ(b.Wait(30s), 0);
+    EXPECT_FALSE(PathExists(receiver + "/Incoming Files/big.bin"));
+    const std::vector<std::string> stored = StoredLines(receiver + "/kestrelbound_log");
+    ASSERT_FALSE(stored.empty());
+    EXPECT_EQ(stored.back().rfind("Stopping Kestrelbound ", 0), 0u);
+
+    // The sender leaves while its feeder and writer may still be at work.
+    EXPECT_EQ(a.Command("quit"), "ok");
+    EXPECT_EQ(a.Wait(30s), 0);
+    ExpectWholeLines(a.Lines());
+    ExpectWholeLines(b.Lines());
+    ::kill(adapters.Pid(), SIGTERM);
+    adapters.Wait(10s);
+}
+
 }  // namespace
