@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "engine/engine_window.h"
+#include "engine/sessions.h"
 #include "engine/transfer_engine.h"
 #include "platform/thread.h"
 #include "support/far_end.h"
