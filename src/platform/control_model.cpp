@@ -25,22 +25,45 @@ const ControlState* ControlModel::Find(int id) const {
 
 void ControlModel::Announce(std::unique_lock<std::mutex>& stateGuard,
                             std::vector<ControlEvent> events) {
-    // Take the delivery lock before giving up the state lock: changes are then
-    // announced in the order in which they were made.
-    std::lock_guard<std::recursive_mutex> delivery(deliveryLock_);
-    stateGuard.unlock();
-    std::vector<Listener> listeners;
-    {
-        std::lock_guard<std::mutex> guard(listenerLock_);
-        for (const auto& entry : listeners_) {
-            listeners.push_back(entry.second);
-        }
+    // The queue takes events in the order the changes were made, since each
+    // change queues them before it gives up the state lock.
+    for (ControlEvent& event : events) {
+        queued_.push_back(std::move(event));
     }
-    for (const ControlEvent& event : events) {
+    stateGuard.unlock();
+    DeliverQueued();
+}
+
+void ControlModel::DeliverQueued() {
+    // A listener's own changes are delivered by the loop below, after the
+    // announcement it is handling.
+    if (deliverer_.load() == std::this_thread::get_id()) {
+        return;
+    }
+    std::lock_guard<std::mutex> delivery(deliveryLock_);
+    deliverer_.store(std::this_thread::get_id());
+    for (;;) {
+        ControlEvent event;
+        {
+            std::lock_guard<std::mutex> guard(stateLock_);
+            if (queued_.empty()) {
+                break;
+            }
+            event = std::move(queued_.front());
+            queued_.pop_front();
+        }
+        std::vector<Listener> listeners;
+        {
+            std::lock_guard<std::mutex> guard(listenerLock_);
+            for (const auto& entry : listeners_) {
+                listeners.push_back(entry.second);
+            }
+        }
         for (const Listener& listener : listeners) {
             listener(event);
         }
     }
+    deliverer_.store(std::thread::id());
 }
 
 void ControlModel::Create(const ControlState& state) {
@@ -356,9 +379,15 @@ int ControlModel::AddListener(Listener listener) {
 }
 
 void ControlModel::RemoveListener(int handle) {
-    // Taking the delivery lock first means that, once this returns, no
-    // announcement is still calling the removed listener.
-    std::lock_guard<std::recursive_mutex> delivery(deliveryLock_);
+    // Inside a delivery on this thread the listener is not running again after
+    // this announcement; elsewhere, waiting for the delivery lock means that no
+    // announcement is still calling it.
+    if (deliverer_.load() == std::this_thread::get_id()) {
+        std::lock_guard<std::mutex> guard(listenerLock_);
+        listeners_.erase(handle);
+        return;
+    }
+    std::lock_guard<std::mutex> delivery(deliveryLock_);
     std::lock_guard<std::mutex> guard(listenerLock_);
     listeners_.erase(handle);
 }

@@ -6,14 +6,18 @@
 // depends on a front end being there.
 //
 // Every change is announced to the listeners, after the change has been made
-// and in the order in which the changes were made, also across threads.
+// and in the order in which the changes were made, also across threads. A
+// change returns once its announcement has been delivered.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 enum class ControlKind {
@@ -135,25 +139,34 @@ public:
     // Removes the menu at that position of the menu bar.
     void RemoveMenu(int position);
 
-    // Listeners are called on the thread that made the change, never while
-    // the state is locked, so a listener may read and change the model. Since
-    // announcements are delivered one at a time, a listener must not wait for
-    // another thread: it copies what it needs or hands it on.
+    // Listeners are called one announcement at a time, never while the state
+    // is locked, so a listener may read and change the model; what it changes
+    // is announced after the announcement it is handling. An announcement is
+    // delivered by the thread that made the change or by another thread that
+    // was delivering at the time. A listener must not wait for another thread:
+    // it copies what it needs or hands it on. Once RemoveListener returns, the
+    // listener is not running and will not be called again.
     int AddListener(Listener listener);
     void RemoveListener(int handle);
 
 private:
     ControlState* Find(int id);
     const ControlState* Find(int id) const;
-    // Announces the events of one change, in the order of the changes.
+    // Queues the events of one change behind those of earlier changes, gives
+    // up the state lock and delivers what is queued.
     void Announce(std::unique_lock<std::mutex>& stateGuard, std::vector<ControlEvent> events);
+    void DeliverQueued();
 
     mutable std::mutex stateLock_;
     std::vector<ControlState> controls_;
     std::map<int, size_t> index_;
     std::vector<Menu> menus_;
 
-    std::recursive_mutex deliveryLock_;
+    std::deque<ControlEvent> queued_;  // under stateLock_
+
+    // One thread at a time delivers; it takes the queue in order.
+    std::mutex deliveryLock_;
+    std::atomic<std::thread::id> deliverer_;
     std::mutex listenerLock_;
     std::map<int, Listener> listeners_;
     int nextListener_ = 1;

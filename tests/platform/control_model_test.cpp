@@ -47,6 +47,42 @@ TEST(ControlModel, AnnouncementsFollowTheOrderOfChangesAcrossThreads) {
     EXPECT_EQ(seen, rows) << "a listener must see rows in the order the list holds them";
 }
 
+TEST(ControlModel, ListenersThatReadTheModelNeverDeadlockWithWriters) {
+    ControlModel model;
+    model.Create(ListBox(7));
+    ControlState edit;
+    edit.id = 8;
+    edit.kind = ControlKind::Edit;
+    model.Create(edit);
+    std::atomic<int> announced{0};
+    std::atomic<int> readsSawRow{0};
+    model.AddListener([&](const ControlEvent& event) {
+        // Reading the model, as a front end drawing a change would.
+        if (event.change == ControlChange::RowAdded && model.RowCount(7) > event.row) {
+            readsSawRow.fetch_add(1);
+        }
+        announced.fetch_add(1);
+    });
+    auto rows = [&] {
+        for (int i = 0; i < 3000; ++i) {
+            model.AddRow(7, {"r", "", 0});
+        }
+    };
+    auto texts = [&] {
+        for (int i = 0; i < 3000; ++i) {
+            model.SetText(8, std::to_string(i));
+        }
+    };
+    std::thread a(rows);
+    std::thread b(texts);
+    std::thread c(rows);
+    a.join();
+    b.join();
+    c.join();
+    EXPECT_EQ(announced.load(), 9000);
+    EXPECT_EQ(readsSawRow.load(), 6000) << "an announced row is in the model";
+}
+
 TEST(ControlModel, ListenerMayChangeTheModelAndRemovalWaitsForDelivery) {
     ControlModel model;
     ControlState edit;
