@@ -381,6 +381,7 @@ int16_t AdmitFileList() {
     if (!recovered) {
         EndRecoveryCandidacy();
     }
+    TheEngine.ReceiveFolder.Set(folder);
     RecoveryPosition resumed;
     uint32_t kept = 0;
     for (const PlannedFile& file : plan) {

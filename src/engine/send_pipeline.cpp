@@ -148,14 +148,7 @@ void RefreshSendDisplay() {
 
 unsigned SectionFeeder(void*) {
     const ThreadHandle self = CurrentFeederHandle();
-    TheEngine.WriterRun = 1;
-    const ThreadHandle writer = StartThread(BlockWriter, nullptr, ThreadPriority::Highest, true);
-    TheEngine.WriterThread = writer;
-    TheEngine.WriterIdle = 1;
-    if (!writer) {
-        TheSession.SendFault = 1;
-        InterruptPortWait();
-    }
+    const ThreadHandle writer = TheEngine.WriterThread.load();
     // After the file's end the feeder parks; woken into the next file or a
     // repair, it first brings the display up to date.
     bool refreshDue = false;

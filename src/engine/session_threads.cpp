@@ -47,14 +47,23 @@ void StartSectionFeeder() {
     JoinThread(TheEngine.WriterThread.load());
     TheEngine.WriterThread.store(nullptr);
 
-    // Started held, so that its handle is in place before it first parks.
+    // The writer is made here rather than by the feeder, held until its first
+    // block, so that its handle is written by this thread alone and is in
+    // place before either of the two runs.
+    TheEngine.WriterRun = 1;
+    TheEngine.WriterIdle = 1;
+    TheEngine.WriterThread.store(StartThread(BlockWriter, nullptr, ThreadPriority::Highest, true));
+    // Held too, so that its own handle is in place before it first parks.
     ThreadHandle feeder = StartThread(SectionFeeder, nullptr, ThreadPriority::Highest, true);
     {
         std::lock_guard<std::mutex> guard(handlesLock);
         sessionFeeder = feeder;
     }
-    if (!feeder) {
+    if (!feeder || !TheEngine.WriterThread.load()) {
         TheEngine.FeederRun = 0;
+        TheEngine.WriterRun = 0;
+        WakeThread(TheEngine.WriterThread.load());
+        WakeThread(feeder);
         TheSession.SendFault = 1;
         InterruptPortWait();
         return;

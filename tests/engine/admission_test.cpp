@@ -69,11 +69,13 @@ protected:
     }
 
     std::vector<std::string> ReceivedNames() const {
-        std::vector<std::string> names;
-        for (uint32_t i = 0; i < TheEngine.ReceiveCount.load(); ++i) {
-            names.emplace_back(TheEngine.ReceiveList[i].DisplayName.View());
-        }
-        return names;
+        return Inspect([] {
+            std::vector<std::string> names;
+            for (uint32_t i = 0; i < TheEngine.ReceiveCount.load(); ++i) {
+                names.emplace_back(TheEngine.ReceiveList[i].DisplayName.View());
+            }
+            return names;
+        });
     }
 };
 
@@ -127,8 +129,10 @@ TEST_F(AdmissionTest, CollidingNamesTakeSuffixesAndNeverOverwrite) {
                                                          std::string(29, 'n') + "-A"}));
     // The announced names stay for a resume; the list on the wire follows the
     // names in use.
-    EXPECT_EQ(TheEngine.ReceiveList[0].WireName.View(), "report.doc");
-    EXPECT_EQ(TheEngine.WireList[1].Name.View(), "report.doc-B");
+    EXPECT_EQ(Inspect([] { return std::string(TheEngine.ReceiveList[0].WireName.View()); }),
+              "report.doc");
+    EXPECT_EQ(Inspect([] { return std::string(TheEngine.WireList[1].Name.View()); }),
+              "report.doc-B");
     EXPECT_EQ(ReadWholeFile(Incoming("report.doc")), "mine");
     EXPECT_EQ(ReadWholeFile(Incoming(longName)), "mine too");
     EXPECT_TRUE(WaitForLog("Receiving File: report.doc-A"));
@@ -141,7 +145,8 @@ TEST_F(AdmissionTest, AFolderMarkerGetsAFolderOfItsOwn) {
     EXPECT_EQ(Take(6), "ACK3\r\n");
     EXPECT_TRUE(WaitForLog("Created new folder: Smith-B"));
     EXPECT_EQ(TheEngine.ReceiveCount.load(), 1u);
-    EXPECT_EQ(TheEngine.ReceiveList[0].FilePath.View(), Incoming("Smith-B") + "/letter.txt");
+    EXPECT_EQ(Inspect([] { return std::string(TheEngine.ReceiveList[0].FilePath.View()); }),
+              Incoming("Smith-B") + "/letter.txt");
     EXPECT_TRUE(PathExists(Incoming("Smith-B/letter.txt")));
     // Without the marker the remaining total is that of the files.
     EXPECT_EQ(TheEngine.ReceiveRemaining.load(), 5u);
@@ -187,7 +192,8 @@ TEST_F(AdmissionTest, NamesCannotReachOutsideTheReceiveFolder) {
     EXPECT_EQ(ReceivedNames(),
               (std::vector<std::string>{".._.._etc", "a_b", "c_d", "__ctl", "_", "_-A", "_-B"}));
     // The announced name stays for a resume.
-    EXPECT_EQ(TheEngine.ReceiveList[0].WireName.View(), "../../etc");
+    EXPECT_EQ(Inspect([] { return std::string(TheEngine.ReceiveList[0].WireName.View()); }),
+              "../../etc");
     std::set<std::string> added;
     for (const std::string& path : Tree()) {
         if (before.count(path) == 0) {

@@ -18,6 +18,7 @@
 #include "engine/engine_window.h"
 #include "engine/sessions.h"
 #include "engine/transfer_engine.h"
+#include "line/comm_port.h"
 #include "platform/thread.h"
 #include "support/far_end.h"
 #include "support/temp_folder.h"
@@ -87,6 +88,15 @@ protected:
 
     // ---- The engine ----
     bool WaitForState(int16_t state, int timeoutMs = 5000) const;
+    // Runs f with the port's read side in hand, so that the communications
+    // thread is between two passes: what f reads of the engine's lists was
+    // written before, in a pass that has ended.
+    template <class F>
+    static auto Inspect(F f) {
+        InterruptPortWait();
+        std::lock_guard<std::recursive_mutex> guard(PortReadLock);
+        return f();
+    }
     // Waits until the condition holds; false if it did not within the time.
     static bool WaitUntil(const std::function<bool()>& condition, int timeoutMs = 5000);
     bool WaitForLog(const std::string& line, int timeoutMs = 5000);

@@ -75,7 +75,7 @@ TEST_F(ReceivePipelineTest, EveryFileOfAListArrivesByteForByte) {
         EXPECT_EQ(Take(6), i + 1 < files.size() ? "ACK4\r\n" : "ACK2\r\n") << files[i].name;
     }
     ASSERT_TRUE(WaitForState(LinkConnected));
-    EXPECT_TRUE(TheEngine.SavedEntry.WireName.IsEmpty());
+    EXPECT_TRUE(Inspect([] { return TheEngine.SavedEntry.WireName.IsEmpty(); }));
     for (const TestFile& file : files) {
         EXPECT_EQ(ReadWholeFile(Incoming(file.name)), file.bytes) << file.name;
     }

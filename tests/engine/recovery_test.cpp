@@ -88,7 +88,7 @@ TEST_F(ReceiverRecoveryTest, ABadThirdSectionIsAskedForFromItsStart) {
 TEST_F(SenderRecoveryTest, TheSenderGoesBackToTheNamedSectionAndOnToTheEnd) {
     const std::string bytes = LetterBytes(3 * SectionFileBytes + 10);
     AddToSendList(MakeFile("r.txt", bytes), "r.txt");
-    const uint32_t length = TheEngine.SendList[0].DataLength;
+    const uint32_t length = static_cast<uint32_t>(DataLengthForSize(bytes.size()));
     const std::string stream = DataStreamOf(bytes);
     ConnectAsCaller();
     Send("RCVCON\r\n");

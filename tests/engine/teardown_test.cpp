@@ -81,7 +81,8 @@ TEST_F(ReceiverTeardownTest, ALostCallKeepsWhatArrivedAndTheFileInProgressForARe
     EXPECT_EQ(Take(6), "ACK4\r\n");
     const std::string stream = DataStreamOf(second.bytes);
     Send(stream.substr(0, SectionWireBytes + 100));
-    ASSERT_TRUE(WaitUntil([] { return TheEngine.ReceiveList[0].NextBlock == 16; }));
+    ASSERT_TRUE(
+        WaitUntil([] { return Inspect([] { return TheEngine.ReceiveList[0].NextBlock == 16; }); }));
 
     DisconnectTwice();
     EXPECT_TRUE(WaitUntil([this] {
@@ -92,7 +93,8 @@ TEST_F(ReceiverTeardownTest, ALostCallKeepsWhatArrivedAndTheFileInProgressForARe
     // The file in progress stays, exactly its good sections long.
     EXPECT_EQ(ReadWholeFile(Incoming("second.bin")), second.bytes.substr(0, SectionFileBytes));
     EXPECT_FALSE(PathExists(Incoming("third.bin")));
-    EXPECT_EQ(TheEngine.SavedEntry.WireName.View(), "second.bin");
+    EXPECT_EQ(Inspect([] { return std::string(TheEngine.SavedEntry.WireName.View()); }),
+              "second.bin");
     EXPECT_EQ(TheEngine.ReceiveCount.load(), 0u);
 
     // The sender offers what it has left; the first file takes up where the
@@ -119,7 +121,8 @@ TEST_F(ReceiverTeardownTest, AChangedFileOfTheSameNameIsANewFileAndTheOldPartGoe
     OfferAsCaller({second});
     EXPECT_EQ(Take(6), "ACK3\r\n");
     Send(DataStreamOf(second.bytes).substr(0, SectionWireBytes + 10));
-    ASSERT_TRUE(WaitUntil([] { return TheEngine.ReceiveList[0].NextBlock == 16; }));
+    ASSERT_TRUE(
+        WaitUntil([] { return Inspect([] { return TheEngine.ReceiveList[0].NextBlock == 16; }); }));
     DisconnectTwice();
     ASSERT_TRUE(WaitUntil([] { return TheEngine.ReceiveCount.load() == 0; }));
     ASSERT_TRUE(PathExists(Incoming("second.bin")));
@@ -140,13 +143,14 @@ TEST_F(ReceiverTeardownTest, TheExitDeletesAPartLeftForAResume) {
     OfferAsCaller({second});
     EXPECT_EQ(Take(6), "ACK3\r\n");
     Send(DataStreamOf(second.bytes).substr(0, SectionWireBytes + 10));
-    ASSERT_TRUE(WaitUntil([] { return TheEngine.ReceiveList[0].NextBlock == 16; }));
+    ASSERT_TRUE(
+        WaitUntil([] { return Inspect([] { return TheEngine.ReceiveList[0].NextBlock == 16; }); }));
     DisconnectTwice();
     ASSERT_TRUE(WaitUntil([] { return TheEngine.ReceiveCount.load() == 0; }));
     ASSERT_TRUE(PathExists(Incoming("second.bin")));
-    DiscardUnfinishedFiles();
+    Inspect([] { DiscardUnfinishedFiles(); });
     EXPECT_FALSE(PathExists(Incoming("second.bin")));
-    EXPECT_TRUE(TheEngine.SavedEntry.WireName.IsEmpty());
+    EXPECT_TRUE(Inspect([] { return TheEngine.SavedEntry.WireName.IsEmpty(); }));
 }
 
 TEST_F(ReceiverTeardownTest, AFileThatCannotBeWrittenEndsTheSession) {
@@ -184,7 +188,7 @@ TEST_F(SenderTeardownTest, DisconnectDuringATransferStopsTheFeederAndHangsUp) {
     EXPECT_TRUE(Logged("Disconnected"));
     // The file is offered whole at the next call.
     EXPECT_EQ(TheEngine.SendCount.load(), 1);
-    EXPECT_EQ(TheEngine.SendList[0].BytesDone, 0u);
+    EXPECT_EQ(Inspect([] { return uint32_t{TheEngine.SendList[0].BytesDone}; }), 0u);
     EXPECT_EQ(TheEngine.SendRemaining.load(), total);
     EXPECT_EQ(LinePollingEnabled.load(), 1);
 }

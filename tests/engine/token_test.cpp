@@ -179,8 +179,8 @@ TEST_F(SenderTokenTest, LossOfCarrierInTransferResetsTheFileInHand) {
     EXPECT_EQ(*(aborted + 1), "Disconnected");
     // The list keeps the file, back at its start, counted in full.
     EXPECT_EQ(TheEngine.SendCount.load(), 1);
-    EXPECT_EQ(TheEngine.SendList[0].BytesDone, 0u);
-    EXPECT_EQ(TheEngine.SendList[0].NextBlock, 0);
+    EXPECT_EQ(Inspect([] { return uint32_t{TheEngine.SendList[0].BytesDone}; }), 0u);
+    EXPECT_EQ(Inspect([] { return TheEngine.SendList[0].NextBlock; }), 0);
     EXPECT_EQ(TheEngine.SendRemaining.load(), total);
     EXPECT_EQ(TheEngine.WeSend.load(), 0);
 }
