@@ -330,8 +330,7 @@ std::string EngineHarness::MakeFile(const std::string& name, const std::string& 
 
 void EngineHarness::AddToSendList(const std::string& path, const std::string& name) {
     // As the window does it: while no pass of the communications thread runs.
-    InterruptPortWait();
-    std::lock_guard<std::recursive_mutex> guard(PortReadLock);
+    PortConversation conversation;
     const int16_t count = TheEngine.SendCount.load();
     FileEntry& entry = TheEngine.SendList[count];
     entry = FileEntry{};

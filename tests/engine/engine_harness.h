@@ -18,6 +18,7 @@
 #include "engine/engine_window.h"
 #include "engine/sessions.h"
 #include "engine/transfer_engine.h"
+#include "line/adapter.h"
 #include "line/comm_port.h"
 #include "platform/thread.h"
 #include "support/far_end.h"
@@ -93,8 +94,7 @@ protected:
     // written before, in a pass that has ended.
     template <class F>
     static auto Inspect(F f) {
-        InterruptPortWait();
-        std::lock_guard<std::recursive_mutex> guard(PortReadLock);
+        PortConversation conversation;
         return f();
     }
     // Waits until the condition holds; false if it did not within the time.

@@ -193,6 +193,25 @@ TEST_F(SenderTeardownTest, DisconnectDuringATransferStopsTheFeederAndHangsUp) {
     EXPECT_EQ(LinePollingEnabled.load(), 1);
 }
 
+TEST_F(SenderTeardownTest, DisconnectWhileAnAckIsAwaitedPutsTheFileBackToItsStart) {
+    const std::string bytes = LetterBytes(20000);
+    AddToSendList(MakeFile("wait.txt", bytes), "wait.txt");
+    ConnectAsCaller();
+    Send("RCVCON\r\n");
+    Take(6 + 28 + 56);
+    Send("ACK3\r\n");
+    Take(20002);
+    ASSERT_TRUE(WaitForState(LinkFileSent));
+    std::thread user(RequestDisconnect);
+    AnswerHangUp();
+    user.join();
+    EXPECT_EQ(TheEngine.LinkState.load(), LinkIdle);
+    // Offered again, the file goes whole, not as one whose data is done.
+    EXPECT_EQ(Inspect([] { return TheEngine.SendList[0].DataDone; }), 0u);
+    EXPECT_EQ(Inspect([] { return uint32_t{TheEngine.SendList[0].BytesDone}; }), 0u);
+    EXPECT_EQ(TheEngine.SendCount.load(), 1);
+}
+
 TEST_F(SenderTeardownTest, AFileThatCannotBeReadEndsTheCall) {
     const std::string path = MakeFile("gone.txt", LetterBytes(3000));
     AddToSendList(path, "gone.txt");

@@ -185,6 +185,41 @@ TEST_F(SenderTokenTest, LossOfCarrierInTransferResetsTheFileInHand) {
     EXPECT_EQ(TheEngine.WeSend.load(), 0);
 }
 
+TEST_F(SenderTokenTest, EmptyFilesLeaveTheListWithoutWaitingForAnAck) {
+    const std::string a = PatternBytes(500, 21);
+    const std::string b = PatternBytes(700, 22);
+    AddToSendList(MakeFile("a", a), "a");
+    AddToSendList(MakeFile("e1", ""), "e1");
+    AddToSendList(MakeFile("e2", ""), "e2");
+    AddToSendList(MakeFile("b", b), "b");
+    ConnectAsCaller();
+    Send("RCVCON\r\n");
+    Take(6 + 28 + 4 * 56);
+    Send("ACK3\r\n");
+    EXPECT_EQ(Take(502), DataStreamOf(a));
+    ASSERT_TRUE(WaitForState(LinkFileSent));
+    // The far end made the empty files at admission and asks for b at once.
+    Send("ACK4\r\n");
+    EXPECT_EQ(Take(702), DataStreamOf(b));
+    EXPECT_TRUE(WaitForLog("Sending File: b"));
+    EXPECT_FALSE(Logged("Sending File: e1"));
+    ASSERT_TRUE(WaitForState(LinkFileSent));
+    Send("ACK2\r\n");
+    AnswerHangUp();
+    EXPECT_TRUE(WaitForLog("All files sent."));
+}
+
+TEST_F(SenderTokenTest, AListWithNoDataIsThroughAtTheFirstAck2) {
+    AddToSendList(MakeFile("e", ""), "e");
+    ConnectAsCaller();
+    Send("RCVCON\r\n");
+    Take(6 + 28 + 56);
+    Send("ACK2\r\n");
+    AnswerHangUp();
+    EXPECT_TRUE(WaitForLog("All files sent."));
+    EXPECT_EQ(TheEngine.SendCount.load(), 0);
+}
+
 TEST_F(CallProgressTest, RingIsAnsweredRingingAndOtherSpeedsAreNot) {
     Send("\r\nRINGING\r\n");
     EXPECT_EQ(TakeFor(300), "");

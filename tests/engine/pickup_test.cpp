@@ -1,0 +1,136 @@
+// Pick-up folders: the caller of a retrieve and the holder's answers, and the
+// hot folder that goes out once it has stopped changing.
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "engine/dialing.h"
+#include "engine/pickup.h"
+#include "engine/wire.h"
+#include "engine_harness.h"
+#include "line/profiles.h"
+#include "platform/files.h"
+#include "platform/message_box.h"
+#include "stores/directory.h"
+#include "stores/paths.h"
+
+namespace {
+
+class PickUpTest : public EngineHarness {
+protected:
+    void SetUp() override {
+        EngineHarness::SetUp();
+        CreateFolder(PickUpPath);
+        std::memset(Directory, 0, sizeof Directory);
+        DirectoryCount = 0;
+    }
+    void TearDown() override {
+        std::memset(Directory, 0, sizeof Directory);
+        DirectoryCount = 0;
+        EngineHarness::TearDown();
+    }
+
+    // A record with a pick-up folder holding the given files.
+    void AddRecord(const std::string& name, const std::string& number, bool hot,
+                   const std::vector<std::string>& files) {
+        // As the window edits the directory: between two passes of the
+        // communications thread, which reads it for a retrieve request.
+        PortConversation conversation;
+        Correspondent& record = Directory[DirectoryCount.load()];
+        SetFieldText(record.FirmName, name);
+        SetFieldText(record.IsdnNumber, number);
+        record.HasPickUp = 1;
+        record.HotSend = hot ? 1 : 0;
+        CreateFolder(PickUpPath + "/" + name);
+        CreateFolder(PickUpPath + "/" + name + "/Sent Files");
+        for (const std::string& file : files) {
+            WriteWholeFile(PickUpPath + "/" + name + "/" + file, file);
+        }
+        DirectoryCount = static_cast<int16_t>(DirectoryCount.load() + 1);
+    }
+
+    static std::string Request(const std::string& number) {
+        const RetrieveRequest request = MakeRetrieveRequest(number);
+        return "RETRIEVE\r\n" +
+               std::string(reinterpret_cast<const char*>(&request), sizeof request);
+    }
+};
+
+}  // namespace
+
+TEST_F(PickUpTest, TheCallerOfARetrieveAsksAndTakesNoForAnAnswer) {
+    std::memset(LocalNumber, 0, sizeof LocalNumber);
+    std::memcpy(LocalNumber, "5551234", 7);
+    TheEngine.RetrievePending = 1;
+    ConnectAsCaller();
+    Send("RCVCON\r\n");
+    EXPECT_EQ(Take(10 + 32), Request("5551234"));
+    ASSERT_TRUE(WaitUntil([] { return TheEngine.WeSend.load() == 0; }));
+    // This end is the receiver now, and its watchdog runs.
+    Send("NOFILEAVAIL\r\n");
+    AnswerHangUp();
+    EXPECT_TRUE(WaitForLog("No files to be retrieved."));
+    EXPECT_TRUE(WaitForState(LinkIdle));
+}
+
+TEST_F(PickUpTest, TheHolderAnswersARequestItCannotServe) {
+    AddRecord("Empty", "030 555+777", false, {});
+    AddRecord("Full", "040 666", false, {"a.txt"});
+    ConnectAsAnswerer();
+    Send("SYNCON\r\n");
+    Take(8);
+    // No record's first number holds 777.
+    Send(Request("777"));
+    EXPECT_EQ(Take(11), "NOFILEDIR\r\n");
+    EXPECT_TRUE(WaitForLog("No retrieve folder found."));
+    EXPECT_TRUE(Logged("Retrieve request from 777"));
+    // 555 matches the first record, whose folder holds only "Sent Files".
+    Send(Request("555"));
+    EXPECT_EQ(Take(13), "NOFILEAVAIL\r\n");
+    EXPECT_TRUE(WaitForLog("No files to be retrieved."));
+    EXPECT_EQ(TheEngine.LinkState.load(), LinkConnected);
+    EXPECT_EQ(TheEngine.WeSend.load(), 0);
+    // A match with files in the folder: index + 1.
+    EXPECT_EQ(Inspect([] { return FindRetrieveFolder("666"); }), 2);
+}
+
+TEST_F(PickUpTest, AHotFolderGoesOutOnceItsTotalHasStoodStill) {
+    AddRecord("Hot", "123", true, {"one.txt", "three.txt"});
+    std::vector<std::string> messages;
+    SetMessageBoxHandler([&](const std::string& text) { messages.push_back(text); });
+    uint32_t total = 0;
+    EXPECT_EQ(ScanPickUpFolder(0, total), 2);
+    EXPECT_EQ(total, 16u);
+
+    ScanHotFolders();  // the total is noted
+    EXPECT_EQ(Directory[0].HotBytes, 16u);
+    // A call that rings in starts the count again.
+    Send("\r\nRING\r\n");
+    EXPECT_EQ(TakeUntil("\r", 3000), "ATA\r");
+    ScanHotFolders();
+    EXPECT_EQ(Directory[0].HotBytes, 16u);
+    EXPECT_TRUE(messages.empty());
+    ScanHotFolders();  // unchanged since the last look: it dials
+    EXPECT_EQ(Directory[0].HotBytes, 0u);
+    EXPECT_EQ(TheEngine.PickupSend.load(), 1);
+    const std::vector<std::string> calls = window.Calls();
+    EXPECT_NE(
+        std::find(calls.begin(), calls.end(), "AddFolderToSendList(" + PickUpPath + "/Hot,Hot)"),
+        calls.end());
+    // The window has no number to dial in this test.
+    EXPECT_EQ(messages,
+              std::vector<std::string>{"Please select a correspondent in your Directory."});
+    SetMessageBoxHandler(nullptr);
+}
+
+TEST_F(PickUpTest, ASentFileMovesToSentFilesReplacingAnOlderOne) {
+    AddRecord("P", "1", false, {"f.txt"});
+    const std::string folder = PickUpPath + "/P";
+    WriteWholeFile(folder + "/Sent Files/f.txt", "old");
+    MoveToSentFiles(folder + "/f.txt", "f.txt");
+    EXPECT_FALSE(PathExists(folder + "/f.txt"));
+    EXPECT_EQ(ReadWholeFile(folder + "/Sent Files/f.txt"), "f.txt");
+}
