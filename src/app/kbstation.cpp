@@ -23,6 +23,7 @@
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -274,6 +275,31 @@ Answer AddPath(const std::string& argument) {
     });
 }
 
+// The button "Add" with PATH picked in its file dialog. Unlike a drop, the
+// dialog accepts a file of length 0.
+Answer ChooseFile(const std::string& argument) {
+    if (argument.empty()) {
+        return Fail("choose what?");
+    }
+    std::string path = argument;
+    if (path[0] != '/') {
+        path = CurrentFolder() + "/" + path;
+    }
+    return OnMainLoop([path] {
+        MainWindow* window = ActiveMainWindow();
+        if (window == nullptr) {
+            return Fail("the window is not there");
+        }
+        window->SetFileChooser([path]() -> std::optional<std::string> { return path; });
+        WindowEvent event;
+        event.kind = WindowEvent::Kind::ButtonPressed;
+        event.id = IDC_FILE_ADD;
+        Answer answer = FromOutcome(window->HandleEvent(event));
+        window->SetFileChooser(nullptr);
+        return answer;
+    });
+}
+
 Answer Show() {
     return OnMainLoop([] {
         for (const ControlState& control : Controls().AllStates()) {
@@ -307,6 +333,22 @@ Answer Show() {
                     break;
             }
             PrintLine(line);
+        }
+        // The menus: each with its items, and those that carry a check mark.
+        for (const Menu& menu : Controls().Menus()) {
+            std::string items;
+            std::string checked;
+            for (const MenuItem& item : menu.items) {
+                if (item.text.empty()) {
+                    continue;
+                }
+                items += (items.empty() ? "" : "|") + item.text;
+                if (item.checked) {
+                    checked += (checked.empty() ? "" : "|") + item.text;
+                }
+            }
+            PrintLine("menu text=" + Quoted(menu.title) + " items=" + Quoted(items) +
+                      " checked=" + Quoted(checked));
         }
         return Answer{};
     });
@@ -434,6 +476,9 @@ Answer RunCommand(const std::string& line) {
     }
     if (verb == "add") {
         return AddPath(rest);
+    }
+    if (verb == "choose") {
+        return ChooseFile(rest);
     }
     if (verb == "send") {
         return PressButton(IDC_SEND);
