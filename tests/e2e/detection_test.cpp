@@ -1,0 +1,131 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "harness.h"
+#include "installation.h"
+
+namespace {
+
+struct Family {
+    const char* name;     // the adapter's family for virtual-ta
+    const char* label;    // what follows the number in IDC_OWN_NUMBER
+    const char* topLine;  // the last line of the speed ladder
+    const char* checked;  // the Port Speed item checked afterwards
+};
+
+const Family kFamilies[] = {
+    {"bitsurfr", "     BitSURFR Pro", "Test Successful through 230400 bps.", "230400"},
+    {"adtran-xr", "     AdTran Express XR", "Test Successful through 115200 bps.", "115200"},
+    {"adtran-xrt", "     AdTran Express XRT", "Test Successful through 115200 bps.", "115200"},
+    {"zyxel-2864", "     ZyXEL Elite 2864i", "Test Successful through 230400 bps.", "230400"},
+    {"zyxel-omninet", "     ZyXEL Omni.net", "Test Successful through 230400 bps.", "230400"},
+    {"zyxel-ta128", "     ZyXEL Omni TA128", "Test Successful through 230400 bps.", "230400"},
+    {"3com", "     3ComImpact IQ", "Test Successful through 230400 bps.", "230400"},
+};
+
+class Detection : public ::testing::TestWithParam<Family> {};
+
+}  // namespace
+
+TEST_P(Detection, FindsTheAdapterShowsItsNumberAndTakesTheIncomingProfile) {
+    const Family& family = GetParam();
+    TempFolder root;
+    const std::string folder = MakeInstallation(root, "station");
+    const std::string number = "4930123456789";
+    VirtualAdapters adapters({folder + "/COM1=" + family.name + ":" + number});
+    Station station(folder);
+    ASSERT_TRUE(station.WaitForLog("Initializing Incoming: V.120 - 64K"));
+
+    const std::vector<std::string> search = LinesHolding(
+        station.LogLines(), {"Searching", "Testing", "Test Successful", "Initializing"});
+    std::vector<std::string> expected = {"Searching Comm Port 1", "Testing 57600 bps...",
+                                         "Testing 115200 bps..."};
+    if (std::string(family.checked) == "230400") {
+        expected.push_back("Testing 230400 bps...");
+    }
+    expected.push_back(family.topLine);
+    expected.push_back("Initializing Incoming: V.120 - 64K");
+    EXPECT_EQ(search, expected);
+    if (std::string(family.name).rfind("zyxel", 0) == 0) {
+        EXPECT_TRUE(station.WaitForLog("2B channel connection OFF"));
+        EXPECT_TRUE(station.WaitForLog("V.42bis compression OFF"));
+    }
+
+    EXPECT_EQ(station.ShowControl("IDC_OWN_NUMBER"),
+              std::string("control IDC_OWN_NUMBER text=\"Your ISDN Number: ") + number +
+                  family.label + "\" enabled=1 shown=1");
+    EXPECT_NE(station.ShowControl("menu text=\"&Port Speed\"")
+                  .find(std::string("checked=\"") + family.checked + "\""),
+              std::string::npos);
+    EXPECT_TRUE(station.Messages().empty());
+    EXPECT_EQ(station.Quit(), 0);
+
+    // The search is saved: the port, the family and the top speed.
+    const std::string prefs = ReadWholeFile(folder + "/kestrelbound_prefs");
+    ASSERT_EQ(prefs.size(), 1176u);
+    EXPECT_EQ(prefs[0], 1) << "COM1";
+    EXPECT_EQ(std::string(prefs.data() + 4, 4), std::string("\x00\x84\x03\x00", 4)) << "230400";
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryFamily, Detection, ::testing::ValuesIn(kFamilies),
+                         [](const ::testing::TestParamInfo<Family>& info) {
+                             std::string name = info.param.name;
+                             for (char& c : name) {
+                                 c = c == '-' ? '_' : c;
+                             }
+                             return name;
+                         });
+
+TEST(DetectionLimits, APortThatTopsOutAt57600LeavesOnlyV120AndNoSpeedMenu) {
+    TempFolder root;
+    const std::string folder = MakeInstallation(root, "station");
+    VirtualAdapters adapters({folder + "/COM1=bitsurfr:5550100,max-speed=57600"});
+    Station station(folder);
+    ASSERT_TRUE(station.WaitForLog("Initializing Incoming: V.120 - 64K"));
+    const std::vector<std::string> messages = station.Messages();
+    ASSERT_EQ(messages.size(), 1u);
+    EXPECT_EQ(messages[0], "Error testing connection at 115200 bps.");
+    EXPECT_EQ(station.ShowControl("menu text=\"&Port Speed\""), "");
+    EXPECT_NE(station.ShowControl("IDC_PROTOCOL").find("rows=\"V.120\""), std::string::npos);
+    EXPECT_EQ(station.Quit(), 0);
+    const std::string prefs = ReadWholeFile(folder + "/kestrelbound_prefs");
+    ASSERT_EQ(prefs.size(), 1176u);
+    EXPECT_EQ(std::string(prefs.data() + 4, 4), std::string("\x00\xE1\x00\x00", 4)) << "57600";
+
+    // The next start goes straight to the saved port and speed.
+    Station again(folder);
+    ASSERT_TRUE(again.WaitForLog("Port speed set to 57600 bps."));
+    ASSERT_TRUE(again.WaitForLog("Initializing Incoming: V.120 - 64K"));
+    EXPECT_TRUE(LinesHolding(again.LogLines(), {"Searching", "Testing"}).empty());
+    EXPECT_EQ(again.Quit(), 0);
+}
+
+TEST(DetectionLimits, WithoutAnyAdapterTheStationRunsOnAndSavesNoPreferences) {
+    TempFolder root;
+    const std::string folder = MakeInstallation(root, "station", 1);
+    Station station(folder);
+    ASSERT_TRUE(station.WaitForLog("ISDN TA not found."));
+    const std::vector<std::string> searched = LinesHolding(station.LogLines(), {"Searching"});
+    EXPECT_EQ(searched,
+              (std::vector<std::string>{"Searching Comm Port 1", "Searching Comm Port 2",
+                                        "Searching Comm Port 3", "Searching Comm Port 4"}));
+    ASSERT_EQ(station.Messages().size(), 1u);
+    EXPECT_EQ(station.Messages()[0],
+              "Could not find your ISDN TA.  Please check your cables\\rand make sure the ISDN "
+              "TA is powered on.");
+    EXPECT_NE(station.ShowControl("IDC_OWN_NUMBER").find("enabled=0"), std::string::npos);
+    EXPECT_EQ(station.Command("send"), "error: IDC_SEND is disabled");
+    EXPECT_EQ(station.Quit(), 0);
+
+    // First-run files, and no preferences saved without an adapter.
+    std::string prefs(1176, '\0');
+    prefs[4] = '\x80';
+    prefs[5] = '\x25';
+    EXPECT_TRUE(ReadWholeFile(folder + "/kestrelbound_prefs") == prefs);
+    EXPECT_EQ(ReadWholeFile(folder + "/kestrelbound_directory"), std::string(2, '\0'));
+    const std::string log = ReadWholeFile(folder + "/kestrelbound_log");
+    EXPECT_NE(log.find("Stopping Kestrelbound "), std::string::npos);
+    EXPECT_EQ(log.substr(log.size() - 2), std::string(2, '\0')) << "last line, then the end mark";
+}
