@@ -298,7 +298,9 @@ void OnReceiverInput() {
 int16_t AdmitFileList() {
     // A list that the user had prepared here stops counting from now.
     TheEngine.SendCount = 0;
-    TheEngine.ReceiveCount = 0;
+    // A list of this call that was abandoned leaves nothing half made behind
+    // when another takes its place.
+    DeleteUnfinishedReceives();
     SessionHeader& header = TheEngine.InHeader;
     SwapSessionHeader(header);
     if (header.Magic != SessionMagic) {

@@ -156,7 +156,7 @@ int StallCheck(uint32_t waiting) {
     return 1;
 }
 
-void EndOfCallCleanup() {
+void DeleteUnfinishedReceives() {
     const uint32_t count = TheEngine.ReceiveCount.load();
     for (uint32_t i = 0; i < count && i < static_cast<uint32_t>(ListCapacity); ++i) {
         const FileEntry& entry = TheEngine.ReceiveList[i];
@@ -173,6 +173,11 @@ void EndOfCallCleanup() {
             TheEngine.SavedEntry.WireName.Clear();
         }
     }
+    TheEngine.ReceiveCount = 0;
+}
+
+void EndOfCallCleanup() {
+    DeleteUnfinishedReceives();
     ImportReceivedEntries();
     TheEngine.ReceiveCount = 0;
     Display().ClearFileList();
@@ -191,15 +196,8 @@ void ImportReceivedEntries() {
 }
 
 void DiscardUnfinishedFiles() {
-    if (TheEngine.ReceiveList != nullptr && TheEngine.WeSend.load() == 0) {
-        const uint32_t count = TheEngine.ReceiveCount.load();
-        for (uint32_t i = 0; i < count && i < static_cast<uint32_t>(ListCapacity); ++i) {
-            const FileEntry& entry = TheEngine.ReceiveList[i];
-            if (entry.EntryComplete == 0 && !KeptForResume(entry)) {
-                DeleteFileAt(std::string(entry.FilePath.View()));
-            }
-        }
-        TheEngine.ReceiveCount = 0;
+    if (TheEngine.ReceiveList != nullptr) {
+        DeleteUnfinishedReceives();
     }
     EndRecoveryCandidacy();
 }

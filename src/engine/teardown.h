@@ -14,6 +14,9 @@ int StallCheck(uint32_t waiting);
 // Receiving side: removes files that did not arrive and imports received
 // directory entries.
 void EndOfCallCleanup();
+// Deletes the files of the receive list that did not arrive, except one
+// kept for a resume, and empties the list.
+void DeleteUnfinishedReceives();
 void ImportReceivedEntries();
 // At the program's exit: the files of a receive still under way and a file
 // kept for a resume are deleted, since they can no longer be finished.

@@ -139,6 +139,21 @@ TEST_F(ReceiverTeardownTest, AChangedFileOfTheSameNameIsANewFileAndTheOldPartGoe
     EXPECT_FALSE(PathExists(Incoming("second.bin-A")));
 }
 
+TEST_F(ReceiverTeardownTest, ANewListInTheSameCallLeavesNothingOfTheAbandonedOne) {
+    OfferAsCaller({second, third});
+    EXPECT_EQ(Take(6), "ACK3\r\n");
+    RequestDisconnect();
+    EXPECT_EQ(Take(7), "ABORT\r\n");
+    // The far end offers another list instead of hanging up.
+    Send("H100\r\n" + WireHeader(1, first.Length()) + WireEntry(first.name, 0, first.Length()));
+    EXPECT_EQ(Take(6), "ACK3\r\n");
+    EXPECT_FALSE(PathExists(Incoming("second.bin")));
+    EXPECT_FALSE(PathExists(Incoming("third.bin")));
+    Send(DataStreamOf(first.bytes));
+    EXPECT_EQ(Take(6), "ACK2\r\n");
+    EXPECT_EQ(ReadWholeFile(Incoming("first.bin")), first.bytes);
+}
+
 TEST_F(ReceiverTeardownTest, TheExitDeletesAPartLeftForAResume) {
     OfferAsCaller({second});
     EXPECT_EQ(Take(6), "ACK3\r\n");
