@@ -215,7 +215,7 @@ void ExpectWholeLines(const std::vector<std::string>& lines) {
     for (const std::string& line : lines) {
         const bool known = line == "ok" || line.rfind("error: ", 0) == 0 ||
                            line.rfind("log: ", 0) == 0 || line.rfind("message: ", 0) == 0 ||
-                           line.rfind("control IDC_", 0) == 0;
+                           line.rfind("control IDC_", 0) == 0 || line.rfind("menu text=", 0) == 0;
         EXPECT_TRUE(known) << line;
     }
 }
@@ -275,7 +275,9 @@ TEST(StationTest, WithoutAnAdapterItAnswersEveryCommandAndLeavesOnQuit) {
     EXPECT_EQ(control("IDC_TOTAL_KB"), "control IDC_TOTAL_KB text=\"1 KB\" enabled=1 shown=1");
     EXPECT_EQ(control("IDC_PROGRESS"),
               "control IDC_PROGRESS text=\"\" enabled=1 shown=0 position=0");
-    EXPECT_EQ(shown.size(), 46u);
+    // One line for each named control and one for each menu.
+    EXPECT_EQ(shown.size(), 48u);
+    EXPECT_EQ(shown.back(), "menu text=\"&Port Speed\" items=\"115200|230400\" checked=\"\"");
 
     EXPECT_EQ(station.Command("clear-log"), "ok");
     EXPECT_EQ(station.Command("quit"), "ok");
