@@ -41,16 +41,12 @@ constexpr std::array<ConnectCode, 3> ConnectCodes{{
     {"CONNECT 230400", "Connected 230400"},
 }};
 
-// The link is back in the idle state after a call that did not come about.
-void BackToIdle() {
-    TheEngine.LinkState = LinkIdle;
-    Display().UpdateActionButtons();
-}
-
+// A call that did not come about: the link goes back to idle.
 void CallFailed() {
     TheEngine.WeSend = 0;
     TheEngine.RetrievePending = 0;
     ClearSessionFlags();
+    ReturnToIdle();
 }
 
 void Connected(const ConnectCode& code) {
@@ -132,20 +128,17 @@ void HandleLineEvent() {
     }
     if (LineHolds(line, TextNoCarrier)) {
         AddLogLine("Disconnected");
-        BackToIdle();
         SleepMs(50);
         ReinitializeIncoming();
         CallFailed();
     }
     if (LineHolds(line, "BUSY")) {
         AddLogLine("Busy");
-        BackToIdle();
         ReinitializeIncoming();
         CallFailed();
     }
     if (LineHolds(line, "NO DIALTONE") || LineHolds(line, "NO DIAL TONE")) {
         AddLogLine("No Dialtone.");
-        BackToIdle();
         ReinitializeIncoming();
         ShowMessageOutsidePass(
             "Cannot place an outgoing data call.\rPlease make sure your ISDN line is properly "

@@ -186,8 +186,6 @@ void OnListOffered() {
 void OnReceiverCarrierLost() {
     AddLogLine("Disconnected");
     Display().LogElapsedTime();
-    TheEngine.LinkState = LinkIdle;
-    Display().UpdateActionButtons();
     SleepMs(50);
     ReinitializeIncoming();
     if (TheEngine.WeSend.load() == 0) {
@@ -197,6 +195,7 @@ void OnReceiverCarrierLost() {
     Display().ShowTransferDisplay(false);
     TheEngine.RetrievePending = 0;
     ClearSessionFlags();
+    ReturnToIdle();
 }
 
 // The holder's answer to a retrieve request came: there is nothing to fetch.

@@ -112,8 +112,6 @@ void OnSenderCarrierLost() {
     AddLogLine("Disconnected");
     Display().LogElapsedTime();
     AddLogLine("------------------------------");
-    TheEngine.LinkState = LinkIdle;
-    Display().UpdateActionButtons();
     SleepMs(50);
     ReinitializeIncoming();
     TheEngine.WeSend = 0;
@@ -121,6 +119,7 @@ void OnSenderCarrierLost() {
     ResetSendPosition();
     TheEngine.RetrievePending = 0;
     ClearSessionFlags();
+    ReturnToIdle();
 }
 
 void OnListAccepted() {
@@ -180,6 +179,9 @@ void OnAllFilesSent() {
         return;
     }
     DropFirstSendEntry();
+    // Empty files behind the last one were made by the far end from the list
+    // alone; they are through too, and leave the list with their rows.
+    DropLeadingEmptyEntries();
     AddLogLine("All files sent.");
     TheEngine.LinkState = LinkConnected;
     TheEngine.SendCount = 0;

@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <mutex>
 
+#include "engine/display.h"
 #include "engine/transfer_engine.h"
 #include "line/comm_port.h"
 
@@ -24,6 +25,11 @@ std::mutex handlesLock;
 ThreadHandle sessionFeeder;
 
 }  // namespace
+
+void ReturnToIdle() {
+    TheEngine.LinkState = LinkIdle;
+    Display().UpdateActionButtons();
+}
 
 void ClearSessionFlags() {
     TheSession.ListOffered = 0;

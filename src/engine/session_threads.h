@@ -32,6 +32,13 @@ extern SessionFlags TheSession;
 // Clears the flags of the session.
 void ClearSessionFlags();
 
+// The last step of the end of a call: the link is idle, and the window's
+// buttons say so. It comes after the adapter has its incoming profile again
+// and the lists are tidied, so that a new call or an edit of the file list,
+// which the buttons allow from then on, never meets the tidying of the call
+// before.
+void ReturnToIdle();
+
 // Starts a new feeder for the transfer that begins now, after the threads of
 // an earlier session have been waited for. FeederRun and SectionWanted must
 // be set first.

@@ -133,14 +133,13 @@ void OnCallEnded() {
     if (state == LinkTransfer || state == LinkRecovery || (sending && state == LinkFileSent)) {
         ResetSendPosition();
     }
-    TheEngine.LinkState = LinkIdle;
-    display.UpdateActionButtons();
     ReinitializeIncoming();
     if (!sending) {
         EndOfCallCleanup();
     }
     TheEngine.WeSend = 0;
     ClearSessionFlags();
+    ReturnToIdle();
 }
 
 int StallCheck(uint32_t waiting) {
