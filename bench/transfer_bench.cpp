@@ -5,7 +5,9 @@
 // rate, from "Sending File: " to "All files sent.", the processor time of each
 // station as a fraction of the wall time over the same span, and each
 // station's peak resident memory. Unthrottled (--rate 0) it prints the goodput
-// in MB/s. Usage: kb_transfer_bench [--quick]  (--quick skips the line-rate run)
+// in MB/s. Usage: kb_transfer_bench [--quick] [--size BYTES]
+//   --quick   skips the line-rate run
+//   --size    the size of the file (1 MB unless given)
 
 #include <unistd.h>
 
@@ -72,6 +74,8 @@ void PrintLogs(Station& alice, Station& bob) {
     }
 }
 
+size_t fileSize = 1 << 20;
+
 bool Run(int rate, Figures& figures) {
     TempFolder root;
     const std::string alicePath = MakeInstallation(root, "alice");
@@ -81,7 +85,7 @@ bool Run(int rate, Figures& figures) {
         {"--rate", std::to_string(rate)});
     Station alice(alicePath);
     Station bob(bobPath);
-    const std::string file = RandomBytes(1 << 20, 42);
+    const std::string file = RandomBytes(fileSize, 42);
     WriteWholeFile(root / "random.bin", file);
     if (!alice.WaitForLog("Initializing Incoming") || !bob.WaitForLog("Initializing Incoming") ||
         bob.Command("in-protocol AIMUX") != "ok" || alice.Command("protocol AIMUX") != "ok" ||
@@ -124,15 +128,26 @@ bool Run(int rate, Figures& figures) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const bool quick = argc > 1 && std::strcmp(argv[1], "--quick") == 0;
-    const double fileBytes = 1 << 20;
+    bool quick = false;
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--quick") == 0) {
+            quick = true;
+        } else if (std::strcmp(argv[i], "--size") == 0 && i + 1 < argc) {
+            fileSize = std::stoul(argv[++i]);
+        } else {
+            std::fprintf(stderr, "usage: kb_transfer_bench [--quick] [--size BYTES]\n");
+            return 2;
+        }
+    }
+    const double fileBytes = static_cast<double>(fileSize);
     if (!quick) {
         Figures line;
         if (!Run(8000, line)) {
             return 1;
         }
         const double lineRate = 16000.0;
-        std::printf("line rate %.0f B/s (two channels of 8000 B/s), 1 MB random file\n", lineRate);
+        std::printf("line rate %.0f B/s (two channels of 8000 B/s), %zu random bytes\n", lineRate,
+                    fileSize);
         std::printf("  transfer time     %.2f s\n", line.seconds);
         std::printf("  goodput           %.4f of the line rate (target at least 0.995)\n",
                     fileBytes / line.seconds / lineRate);
@@ -149,7 +164,7 @@ int main(int argc, char** argv) {
     if (!Run(0, fast)) {
         return 1;
     }
-    std::printf("unthrottled (--rate 0), 1 MB random file\n");
+    std::printf("unthrottled (--rate 0), %zu random bytes\n", fileSize);
     std::printf("  transfer time     %.3f s\n", fast.seconds);
     std::printf("  goodput           %.1f MB/s (target at least 50)\n",
                 fileBytes / fast.seconds / 1e6);

@@ -261,7 +261,8 @@ uint32_t SerialDevice::Read(void* buffer, uint32_t count) {
 
 bool SerialDevice::Write(const void* bytes, uint32_t count) {
     std::lock_guard<std::mutex> guard(writeLock_);
-    DrainEvent(abortFd_);
+    // A signal of an earlier purge may still stand on abortFd_; a wait below
+    // that sees it finds the purge count unchanged and simply goes on.
     const uint32_t purgeSeen = purgeCount_.load();
     const auto* in = static_cast<const uint8_t*>(bytes);
     uint32_t done = 0;

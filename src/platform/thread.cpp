@@ -39,15 +39,33 @@ void RaisePriority() {
     pthread_setschedparam(pthread_self(), SCHED_RR, &param);
 }
 
+void KeepOnProcessor(int processor) {
+    if (processor < 0) {
+        return;
+    }
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(processor, &set);
+    // Refused, for instance where the processor is not ours to use: the thread
+    // then simply runs wherever the system puts it.
+    pthread_setaffinity_np(pthread_self(), sizeof set, &set);
+}
+
 }  // namespace
 
+int CurrentProcessor() {
+    const int processor = sched_getcpu();
+    return processor >= 0 ? processor : AnyProcessor;
+}
+
 ThreadHandle StartThread(ThreadFunction function, void* parameter, ThreadPriority priority,
-                         bool suspended) {
+                         bool suspended, int processor) {
     auto record = std::make_shared<ThreadRecord>();
     try {
         ThreadRecord* raw = record.get();
         record->thread =
-            std::thread([self = record, raw, function, parameter, priority, suspended] {
+            std::thread([self = record, raw, function, parameter, priority, suspended, processor] {
+                KeepOnProcessor(processor);
                 if (priority == ThreadPriority::Highest) {
                     RaisePriority();
                 }

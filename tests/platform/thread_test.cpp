@@ -114,3 +114,25 @@ TEST(Thread, ARecordMayOutliveItsLastOtherOwner) {
     }
     EXPECT_EQ(runs.load(), 1);
 }
+
+namespace {
+
+unsigned RecordProcessor(void* parameter) {
+    static_cast<std::atomic<int>*>(parameter)->store(CurrentProcessor());
+    return 0;
+}
+
+}  // namespace
+
+TEST(Thread, AThreadKeptOnAProcessorRunsThere) {
+    const int processor = CurrentProcessor();
+    ASSERT_NE(processor, AnyProcessor);
+    for (int round = 0; round < 20; ++round) {
+        std::atomic<int> ranOn{AnyProcessor};
+        ThreadHandle thread =
+            StartThread(RecordProcessor, &ranOn, ThreadPriority::Normal, false, processor);
+        ASSERT_TRUE(thread);
+        JoinThread(thread);
+        EXPECT_EQ(ranOn.load(), processor);
+    }
+}
