@@ -7,7 +7,10 @@
 DataPath::DataPath(size_t capacity, uint64_t bytesPerSecond, uint64_t nowNs)
     : data_(capacity), capacity_(capacity) {
     bucket_.Start(bytesPerSecond, nowNs);
-    chunk_ = std::max<uint64_t>(1, bytesPerSecond / 200);
+    // An adapter hands the data of its B channels to the port frame by frame,
+    // not byte by byte: at least a frame of 256 bytes (V.120's information
+    // field is 260), or 5 ms of line when that is more.
+    chunk_ = std::max<uint64_t>(kFrameBytes, bytesPerSecond / 200);
 }
 
 uint8_t* DataPath::WriteArea(size_t& length) {

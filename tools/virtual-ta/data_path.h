@@ -78,6 +78,7 @@ private:
     bool holding_ = false;
     uint64_t holdFrom_ = 0;
     TokenBucket bucket_;
-    uint64_t chunk_;  // bytes worth waking up for, about 5 ms of line
+    static constexpr uint64_t kFrameBytes = 256;
+    uint64_t chunk_;  // bytes worth waking up for: a frame, or 5 ms of line
     std::vector<FaultSpec*> faults_;
 };
