@@ -34,6 +34,8 @@ void ReturnToIdle() {
 void ClearSessionFlags() {
     TheSession.ListOffered = 0;
     TheSession.SendFault = 0;
+    TheSession.HangUpRetries = 0;
+    TheSession.HangUpRetryDue = 0;
 }
 
 ThreadHandle CurrentFeederHandle() {

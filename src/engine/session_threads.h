@@ -25,6 +25,11 @@ struct SessionFlags {
     // The feeder could not go on (a file could not be read, or no writer
     // could be started); the communications thread ends the call.
     std::atomic<int32_t> SendFault{0};
+    // The sending side's hang-up got no answer: how often it has been tried
+    // again, and whether and when the next try is due.
+    std::atomic<int32_t> HangUpRetries{0};
+    std::atomic<int32_t> HangUpRetryDue{0};
+    std::atomic<uint32_t> HangUpRetryAt{0};
 };
 
 extern SessionFlags TheSession;

@@ -34,6 +34,22 @@ constexpr uint32_t HangUpReplyMs = 1000;
 constexpr int16_t StallBodyLimitMs = 200;
 constexpr int16_t StallTailLimitMs = 100;
 constexpr uint32_t StallTailBytes = 12;
+constexpr int32_t HangUpRetryLimit = 2;
+constexpr uint32_t HangUpRetryMs = 5000;
+
+// The adapter answered neither the escape nor the hang-up: the call may
+// still be up. The receiving side's watchdog ends it in the end; the
+// sending side has none, so it tries again a few times.
+bool HangUpFailed() {
+    AddLogLine("Hang-up failed.");
+    if (TheEngine.WeSend.load() != 0 && TheSession.HangUpRetries.load() < HangUpRetryLimit) {
+        TheSession.HangUpRetries.fetch_add(1);
+        TheSession.HangUpRetryAt = NowMs();
+        TheSession.HangUpRetryDue = 1;
+        InterruptPortWait();
+    }
+    return false;
+}
 
 void StopFeederIfSending() {
     if (TheEngine.WeSend.load() != 0) {
@@ -95,13 +111,14 @@ void RequestDisconnect() {
     }
 }
 
-void HangUp() {
+bool HangUp() {
     PortConversation conversation;
+    TheSession.HangUpRetryDue = 0;
     SleepMs(ThePreferences.AdapterModel == ModelZyXEL ? ZyxelEscapePauseMs : EscapePauseMs);
     SendBytes("+++", 3);
     std::memset(TokenBuffer, 0, TokenBufferSize);
     if (ReadUntilOk(EscapeReplyLimitMs, TokenBuffer) == nullptr) {
-        return;  // still in data mode; the state stays as it was
+        return HangUpFailed();  // still in data mode; the state stays as it was
     }
     SendCommand("ATH");
     const uint32_t t0 = NowMs();
@@ -111,10 +128,32 @@ void HangUp() {
             const std::string_view line(TokenBuffer);
             if (LineHolds(line, "OK") || LineHolds(line, TextNoCarrier)) {
                 OnCallEnded();
-                return;
+                return true;
             }
         }
     } while (NowMs() - t0 < HangUpReplyMs);
+    return HangUpFailed();
+}
+
+int MsUntilHangUpRetry() {
+    if (TheSession.HangUpRetryDue.load() == 0) {
+        return -1;
+    }
+    const uint32_t elapsed = NowMs() - TheSession.HangUpRetryAt.load();
+    return elapsed >= HangUpRetryMs ? 0 : static_cast<int>(HangUpRetryMs - elapsed);
+}
+
+bool RetryHangUpIfDue() {
+    if (MsUntilHangUpRetry() != 0) {
+        return false;
+    }
+    // A call that has ended meanwhile (NO CARRIER) cleared the retry.
+    if (TheEngine.LinkState.load() < LinkConnected) {
+        TheSession.HangUpRetryDue = 0;
+        return false;
+    }
+    HangUp();
+    return true;
 }
 
 void OnCallEnded() {

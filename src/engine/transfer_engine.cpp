@@ -49,7 +49,9 @@ int MsUntilPast(uint32_t since, uint32_t limitMs) {
 // How long a pass that found nothing to do may wait for input.
 int WaitBound(int16_t state, bool sending) {
     if (sending) {
-        return state == LinkTransfer ? SendDisplayWaitMs : LongestWaitMs;
+        const int bound = state == LinkTransfer ? SendDisplayWaitMs : LongestWaitMs;
+        const int retry = MsUntilHangUpRetry();
+        return retry >= 0 && retry < bound ? retry : bound;
     }
     switch (state) {
         case LinkConnected:
@@ -71,6 +73,9 @@ int PassWork() {
 
     if (sending && state >= LinkConnected && TheSession.SendFault.exchange(0) != 0) {
         RequestDisconnect();
+        return -1;
+    }
+    if (sending && waiting == 0 && RetryHangUpIfDue()) {
         return -1;
     }
     if (waiting != 0) {

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
@@ -239,4 +241,68 @@ TEST_F(SenderTeardownTest, AFileThatCannotBeReadEndsTheCall) {
     EXPECT_TRUE(WaitForState(LinkIdle));
     EXPECT_TRUE(Logged("Cannot read file: gone.txt"));
     EXPECT_FALSE(FeederRunning());
+}
+
+// An adapter that answers neither "+++" nor anything after it: the sending
+// side, which has no watchdog, tries twice more, 5 s apart, and then leaves
+// the call to the line's fall or the user.
+TEST_F(SenderTeardownTest, AnUnansweredHangUpIsTriedTwiceMoreFiveSecondsApart) {
+    const std::string bytes = LetterBytes(300);
+    AddToSendList(MakeFile("note.txt", bytes), "note.txt");
+    ConnectAsCaller();
+    Send("RCVCON\r\n");
+    Take(6 + 28 + 56);
+    Send("ACK3\r\n");
+    Take(302);
+    ASSERT_TRUE(WaitForState(LinkFileSent));
+    Send("ACK2\r\n");
+
+    std::vector<std::chrono::steady_clock::time_point> escapes;
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        const std::string before = TakeUntil("+++", 9000);
+        ASSERT_GE(before.size(), 3u) << "attempt " << attempt;
+        ASSERT_EQ(before.substr(before.size() - 3), "+++") << "attempt " << attempt;
+        escapes.push_back(std::chrono::steady_clock::now());
+    }
+    for (size_t i = 1; i < escapes.size(); ++i) {
+        // Each try waits for the escape's answer, then 5 s before the next.
+        EXPECT_GE(escapes[i] - escapes[i - 1], std::chrono::milliseconds(5000));
+    }
+    ASSERT_TRUE(WaitUntil([this] {
+        const auto log = Log();
+        return std::count(log.begin(), log.end(), "Hang-up failed.") == 3;
+    }));
+    // No fourth try; the call is still up as far as this end knows.
+    EXPECT_EQ(TakeUntil("+++", 6000).find("+++"), std::string::npos);
+    EXPECT_EQ(TheEngine.LinkState.load(), LinkConnected);
+    EXPECT_FALSE(Logged("Disconnected"));
+
+    // When the line falls after all, the call ends as any other.
+    Send("\r\nNO CARRIER\r\n");
+    EXPECT_TRUE(AnswerProfile());
+    EXPECT_TRUE(WaitForLog("Disconnected"));
+    EXPECT_TRUE(WaitUntil([] { return TheEngine.LinkState.load() == LinkIdle; }));
+}
+
+// A hang-up answered at its second try ends the call there.
+TEST_F(SenderTeardownTest, AHangUpAnsweredAtItsSecondTryEndsTheCall) {
+    const std::string bytes = LetterBytes(300);
+    AddToSendList(MakeFile("note.txt", bytes), "note.txt");
+    ConnectAsCaller();
+    Send("RCVCON\r\n");
+    Take(6 + 28 + 56);
+    Send("ACK3\r\n");
+    Take(302);
+    ASSERT_TRUE(WaitForState(LinkFileSent));
+    Send("ACK2\r\n");
+    ASSERT_NE(TakeUntil("+++", 5000).find("+++"), std::string::npos);
+    ASSERT_TRUE(WaitForLog("Hang-up failed.", 5000));
+    ASSERT_NE(TakeUntil("+++", 9000).find("+++"), std::string::npos);
+    Send("\r\nOK\r\n");
+    EXPECT_EQ(AnswerCommand(), "ATH");
+    EXPECT_TRUE(AnswerProfile());
+    EXPECT_TRUE(WaitForLog("Disconnected"));
+    EXPECT_TRUE(WaitUntil([] { return TheEngine.LinkState.load() == LinkIdle; }));
+    const auto log = Log();
+    EXPECT_EQ(std::count(log.begin(), log.end(), "Hang-up failed."), 1);
 }
