@@ -6,6 +6,8 @@
 #include <chrono>
 #include <cstring>
 #include <future>
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <thread>
 
@@ -159,19 +161,23 @@ TEST_F(LineTest, IdentificationTellsEachFamilyAndVariantByItsMarks) {
         {"3Com", {"Impact IQ 3C882"}, {}, 1, Model3Com, 7},
         {"no mark", {"Generic ISDN TA", "adtran express xr"}, {}, 0, Model3Com + 1, 7},
     };
-    AdapterScript script;
-    std::mutex scriptLock;
-    ScriptedAdapter& adapter = Attach(2, [&](const std::string& command, uint32_t speed) {
-        std::lock_guard<std::mutex> guard(scriptLock);
-        return RespondAs(script)(command, speed);
+    // The adapter's thread outlives this body, so what it reads is shared.
+    struct Script {
+        std::mutex lock;
+        AdapterScript script;
+    };
+    const auto shared = std::make_shared<Script>();
+    ScriptedAdapter& adapter = Attach(2, [shared](const std::string& command, uint32_t speed) {
+        std::lock_guard<std::mutex> guard(shared->lock);
+        return RespondAs(shared->script)(command, speed);
     });
     SelectPortNumber(2);
     for (const IdentityCase& c : cases) {
         SCOPED_TRACE(c.name);
         {
-            std::lock_guard<std::mutex> guard(scriptLock);
-            script.identity0 = c.identity0;
-            script.identity8 = c.identity8;
+            std::lock_guard<std::mutex> guard(shared->lock);
+            shared->script.identity0 = c.identity0;
+            shared->script.identity8 = c.identity8;
         }
         adapter.ClearCommands();
         AdapterFound.store(0);

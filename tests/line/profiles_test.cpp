@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <memory>
 #include <mutex>
 
 #include "line/adapter.h"
@@ -80,18 +81,22 @@ TEST_F(ProfileTest, EachFamilysNumberIsReadAsItWritesIt) {
          "Your ISDN Number: 5553882     3ComImpact IQ", "5553882"},
         {"3Com with no CR behind the number", Model3Com, 0, "ATS51?", "ATS51?OK\r\n", "", ""},
     };
-    std::mutex replyLock;
-    std::string reply;
-    ScriptedAdapter& adapter = Attach(1, [&](const std::string&, uint32_t) {
-        std::lock_guard<std::mutex> guard(replyLock);
-        return reply;
+    // The adapter's thread outlives this body, so what it reads is shared.
+    struct Reply {
+        std::mutex lock;
+        std::string text;
+    };
+    const auto reply = std::make_shared<Reply>();
+    ScriptedAdapter& adapter = Attach(1, [reply](const std::string&, uint32_t) {
+        std::lock_guard<std::mutex> guard(reply->lock);
+        return reply->text;
     });
     OpenPort(1, 115200);
     for (const NumberCase& c : cases) {
         SCOPED_TRACE(c.name);
         {
-            std::lock_guard<std::mutex> guard(replyLock);
-            reply = c.reply;
+            std::lock_guard<std::mutex> guard(reply->lock);
+            reply->text = c.reply;
         }
         Found(c.model, c.variant, 2);
         Controls().SetText(IDC_OWN_NUMBER, "Your ISDN Number: ");
