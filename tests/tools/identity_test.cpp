@@ -290,6 +290,10 @@ TEST(VirtualTaCommandMode, EchoAndResultCodesFollowEAndV) {
     EXPECT_EQ(port.ReadFor(300), "");
     port.Send("xyzAT\r");
     EXPECT_EQ(port.ReadFor(300), "AT\r\r\nOK\r\n");
+    // An "A" alone, ended by CR, is echoed and runs nothing.
+    port.Send("A\r");
+    EXPECT_EQ(port.ReadFor(300), "A\r");
+    EXPECT_EQ(port.Command("AT"), "AT\r\r\nOK\r\n");
     // A line may be corrected with backspace, back to its "AT".
     port.Send("ATQ\b\bE1\r");
     EXPECT_EQ(port.ReadFor(300), "ATQ\bE1\r\r\nOK\r\n");

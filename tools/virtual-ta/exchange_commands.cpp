@@ -120,7 +120,11 @@ void Exchange::EditLine(Adapter& adapter, char c, uint64_t now) {
     if (c == static_cast<char>(adapter.Setting("S3"))) {
         Echo(adapter, c);
         adapter.inLine = false;
-        RunLine(adapter, now);
+        // An "A" alone is no command: data that a program still sends after
+        // its call has gone holds such pairs by chance.
+        if (adapter.line.size() >= 2) {
+            RunLine(adapter, now);
+        }
         return;
     }
     if (c == static_cast<char>(adapter.Setting("S5"))) {
