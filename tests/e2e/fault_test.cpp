@@ -1,0 +1,232 @@
+// Calls on a faulty line: virtual-ta flips bits in what the calling station
+// sends, or lets the line fall after a given byte, and the two stations must
+// come out with every file either whole and identical, or gone, or kept for
+// a resume at exactly its good sections.
+//
+// Offsets are counted as the line counts them: every data byte the caller's
+// adapter carries after CONNECT. The caller sends "SYNCON\r\n", then "H100\r\n"
+// with the 28-byte header and a 56-byte entry for each file, then each file's
+// stream: for every section of up to 131070 bytes, its 2-byte checksum, high
+// byte first, and the bytes.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "harness.h"
+#include "installation.h"
+#include "platform/files.h"
+
+namespace {
+
+constexpr size_t SectionData = 131070;
+constexpr size_t SectionOnLine = SectionData + 2;
+constexpr size_t ChecksumChunk = 1024;
+
+size_t ListBytes(size_t entries) {
+    return 8 + 6 + 28 + 56 * entries;
+}
+
+size_t StreamBytes(size_t fileSize) {
+    const size_t sections = (fileSize + SectionData - 1) / SectionData;
+    return fileSize + 2 * sections;
+}
+
+// The line offset of data byte `byte` of section `section` of a file whose
+// stream starts at `start`.
+size_t DataByte(size_t start, size_t section, size_t byte) {
+    return start + section * SectionOnLine + 2 + byte;
+}
+
+std::string Corrupt(size_t offset) {
+    return "corrupt:5551001:" + std::to_string(offset);
+}
+
+std::string Drop(size_t offset) {
+    return "drop:5551001:" + std::to_string(offset);
+}
+
+struct SampleFile {
+    std::string name;
+    std::string bytes;
+};
+
+// Two stations, Alice calling Bob, on adapters with the given faults.
+class FaultyLine {
+public:
+    explicit FaultyLine(const std::vector<std::string>& faults) {
+        alicePath = MakeInstallation(root, "alice");
+        bobPath = MakeInstallation(root, "bob");
+        std::vector<std::string> options{"--rate", "0"};
+        for (const std::string& fault : faults) {
+            options.push_back("--fault");
+            options.push_back(fault);
+        }
+        adapters = std::make_unique<VirtualAdapters>(
+            std::vector<std::string>{alicePath + "/COM1=bitsurfr:5551001",
+                                     bobPath + "/COM1=zyxel-2864:5552002"},
+            options);
+        alice = std::make_unique<Station>(alicePath);
+        bob = std::make_unique<Station>(bobPath);
+        EXPECT_TRUE(alice->WaitForLog("Initializing Incoming"));
+        EXPECT_TRUE(bob->WaitForLog("Initializing Incoming"));
+        EXPECT_EQ(alice->Command("name Bob"), "ok");
+        EXPECT_EQ(alice->Command("number 5552002"), "ok");
+        EXPECT_TRUE(CreateFolder(root / "samples"));
+    }
+
+    void Choose(const std::vector<SampleFile>& files) {
+        for (const SampleFile& file : files) {
+            const std::string path = root / "samples/" + file.name;
+            WriteWholeFile(path, file.bytes);
+            EXPECT_EQ(alice->Command("choose " + path), "ok");
+        }
+    }
+
+    // Alice sends; the call runs to its normal end.
+    void SendThrough() {
+        ASSERT_EQ(alice->Command("send"), "ok");
+        ASSERT_TRUE(alice->WaitForLog("All files sent."));
+        ASSERT_TRUE(bob->WaitForLog("All files received."));
+        BackToIdle();
+    }
+
+    // Both stations have their incoming profile again and are idle.
+    void BackToIdle() {
+        ASSERT_TRUE(alice->WaitForLog("Reinitializing Incoming"));
+        ASSERT_TRUE(bob->WaitForLog("Reinitializing Incoming"));
+        ASSERT_EQ(alice->Command("wait-state idle 30"), "ok");
+        ASSERT_EQ(bob->Command("wait-state idle 30"), "ok");
+    }
+
+    std::string IncomingPath(const std::string& name) const {
+        return bobPath + "/Incoming Files/" + name;
+    }
+
+    std::vector<std::string> ErrorLines() const {
+        return LinesHolding(bob->LogLines(), {"Packet byte error"});
+    }
+
+    TempFolder root;
+    std::string alicePath;
+    std::string bobPath;
+    std::unique_ptr<VirtualAdapters> adapters;
+    std::unique_ptr<Station> alice;
+    std::unique_ptr<Station> bob;
+};
+
+// Files compared without printing megabytes when they differ.
+void ExpectSameBytes(const std::string& path, const std::string& expected) {
+    const std::string arrived = ReadWholeFile(path);
+    EXPECT_EQ(arrived.size(), expected.size()) << path;
+    EXPECT_TRUE(arrived == expected) << path << " differs";
+}
+
+}  // namespace
+
+TEST(FaultyLineTest, ACorruptedByteInAnyKindOfSectionIsFoundAndTheSectionSentAgain) {
+    // Seven full sections and a short one of 9000 bytes.
+    const std::string big = RandomBytes(7 * SectionData + 9000, 11);
+    const size_t start = ListBytes(1);
+    struct Case {
+        const char* what;
+        size_t offset;
+        const char* line;
+    };
+    const std::vector<Case> cases = {
+        {"first section", DataByte(start, 0, 700), "Packet byte error 2."},
+        {"third section", DataByte(start, 2, 65000), "Packet byte error 2."},
+        {"last, short section", DataByte(start, 7, 3000), "Packet byte error 3."},
+        {"a checksum byte", start + 5 * SectionOnLine + 1, "Packet byte error 2."},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        FaultyLine line({Corrupt(c.offset)});
+        line.Choose({{"big.bin", big}});
+        line.SendThrough();
+        EXPECT_EQ(line.ErrorLines(), std::vector<std::string>{c.line});
+        ExpectSameBytes(line.IncomingPath("big.bin"), big);
+    }
+}
+
+TEST(FaultyLineTest, TwoFaultsInOneSectionAreRepairedTwice) {
+    // One section that ends exactly on a block: after it the sender waits, so
+    // its bytes on the line are the section, "SENDRECOVR\r\n" and the section
+    // again.
+    const std::string whole = RandomBytes(SectionData, 12);
+    const size_t start = ListBytes(1);
+    const size_t resent = start + SectionOnLine + 12;
+    FaultyLine line({Corrupt(DataByte(start, 0, 100)), Corrupt(DataByte(resent, 0, 90000))});
+    line.Choose({{"whole.bin", whole}});
+    line.SendThrough();
+    EXPECT_EQ(line.ErrorLines(),
+              (std::vector<std::string>{"Packet byte error 1.", "Packet byte error 1."}));
+    ExpectSameBytes(line.IncomingPath("whole.bin"), whole);
+}
+
+// The section checksum leaves out the last chunk of 1 to 1024 bytes of each
+// section; a fault there reaches the disk unnoticed.
+TEST(FaultyLineTest, AFaultInTheLastChunkOfASectionIsNotCaught) {
+    const std::string bytes = RandomBytes(2 * SectionData, 13);
+    const size_t start = ListBytes(1);
+    const size_t inTail = SectionData - ChecksumChunk / 2;
+    FaultyLine line({Corrupt(DataByte(start, 0, inTail))});
+    line.Choose({{"tail.bin", bytes}});
+    line.SendThrough();
+    EXPECT_TRUE(line.ErrorLines().empty());
+    std::string expected = bytes;
+    expected[inTail] = static_cast<char>(expected[inTail] ^ 0x01);
+    ExpectSameBytes(line.IncomingPath("tail.bin"), expected);
+}
+
+TEST(FaultyLineTest, ACallCutOffAnywhereLeavesWholeFilesOrAResumableOneAndTheResendCompletes) {
+    const std::string big = RandomBytes(1 << 20, 14);
+    const std::string note = RandomBytes(20000, 15);
+    const size_t start = ListBytes(2);
+    const size_t noteStart = start + StreamBytes(big.size());
+    struct Case {
+        const char* what;
+        size_t offset;
+        bool bigComplete;
+        size_t keptBytes;  // of the file in progress
+    };
+    const std::vector<Case> cases = {
+        {"inside the fourth section", DataByte(start, 3, 40000), false, 3 * SectionData},
+        {"at a section boundary", start + 5 * SectionOnLine, false, 5 * SectionData},
+        {"in the second file", noteStart + 5000, true, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        FaultyLine line({Drop(c.offset)});
+        line.Choose({{"big.bin", big}, {"note.txt", note}});
+        ASSERT_EQ(line.alice->Command("send"), "ok");
+        ASSERT_TRUE(line.bob->WaitForLog("Disconnected"));
+        ASSERT_TRUE(line.alice->WaitForLog("Disconnected"));
+        line.BackToIdle();
+
+        const std::string inProgress = c.bigComplete ? "note.txt" : "big.bin";
+        if (c.bigComplete) {
+            ExpectSameBytes(line.IncomingPath("big.bin"), big);
+        }
+        ASSERT_TRUE(PathExists(line.IncomingPath(inProgress)));
+        EXPECT_EQ(ReadWholeFile(line.IncomingPath(inProgress)).size(), c.keptBytes);
+        if (!c.bigComplete) {
+            EXPECT_FALSE(PathExists(line.IncomingPath("note.txt")));
+        }
+
+        // The same list again: what is left of it goes, the file in progress
+        // from where it stopped.
+        line.SendThrough();
+        EXPECT_EQ(LinesHolding(line.alice->LogLines(), {"Sending Recovered File: "}),
+                  std::vector<std::string>{"Sending Recovered File: " + inProgress});
+        EXPECT_EQ(LinesHolding(line.bob->LogLines(), {"Recovering File: "}),
+                  std::vector<std::string>{"Recovering File: " + inProgress});
+        ExpectSameBytes(line.IncomingPath("big.bin"), big);
+        ExpectSameBytes(line.IncomingPath("note.txt"), note);
+        EXPECT_FALSE(PathExists(line.IncomingPath("big.bin-A")));
+        EXPECT_FALSE(PathExists(line.IncomingPath("note.txt-A")));
+    }
+}
