@@ -35,6 +35,10 @@ constexpr int16_t StallBodyLimitMs = 200;
 constexpr int16_t StallTailLimitMs = 100;
 constexpr uint32_t StallTailBytes = 12;
 constexpr int32_t HangUpRetryLimit = 2;
+
+// Whether the tail that the last stall took out of the queue held the
+// adapter's NO CARRIER; the communications thread's own.
+bool stallTailHeldNoCarrier = false;
 constexpr uint32_t HangUpRetryMs = 5000;
 
 // The adapter answered neither the escape nor the hang-up: the call may
@@ -118,6 +122,12 @@ bool HangUp() {
     SendBytes("+++", 3);
     std::memset(TokenBuffer, 0, TokenBufferSize);
     if (ReadUntilOk(EscapeReplyLimitMs, TokenBuffer) == nullptr) {
+        // The line fell before the escape: the adapter, in command mode
+        // already, reported NO CARRIER and lets "+++" pass unanswered.
+        if (std::string_view(TokenBuffer).find(TextNoCarrier) != std::string_view::npos) {
+            OnCallEnded();
+            return true;
+        }
         return HangUpFailed();  // still in data mode; the state stays as it was
     }
     SendCommand("ATH");
@@ -189,9 +199,21 @@ int StallCheck(uint32_t waiting) {
                   StallBodyLimitMs);
     }
     ReadBlock(tail, StallTailBytes, StallTailLimitMs);
-    // Whatever the tail holds, nothing has come for five seconds: the line
-    // has gone.
+    const std::string_view text(reinterpret_cast<const char*>(tail), StallTailBytes);
+    stallTailHeldNoCarrier = text.find(TextNoCarrier) != std::string_view::npos;
+    // Whatever the tail holds, nothing has come for five seconds: the call
+    // is over.
     return 1;
+}
+
+void EndStalledCall() {
+    // A line that fell leaves NO CARRIER behind its last data, and the
+    // adapter is back in command mode. Without it the far end has only gone
+    // quiet and the call is still up: it is hung up, so that neither adapter
+    // stays in a call that nobody uses and both can be called again.
+    if (stallTailHeldNoCarrier || !HangUp()) {
+        OnCallEnded();
+    }
 }
 
 void DeleteUnfinishedReceives() {

@@ -19,6 +19,9 @@ bool RetryHangUpIfDue();
 void OnCallEnded();
 // Takes a partial block out of the queue after a stall; 1 if the call is over.
 int StallCheck(uint32_t waiting);
+// Ends the call that a stall has shown to be over: hung up first, unless the
+// line has already fallen.
+void EndStalledCall();
 // Receiving side: removes files that did not arrive and imports received
 // directory entries.
 void EndOfCallCleanup();

@@ -114,7 +114,7 @@ int PassWork() {
     if (state == LinkTransfer && NowMs() - TheEngine.LastRxTime.load() > StallLimitMs) {
         if (waiting != 0 && waiting < TheEngine.ExpectedBlock.load()) {
             if (StallCheck(waiting) != 0) {
-                OnCallEnded();
+                EndStalledCall();
             } else {
                 ReceiveBlock();
             }

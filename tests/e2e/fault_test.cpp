@@ -10,6 +10,7 @@
 // byte first, and the bytes.
 
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <algorithm>
 #include <memory>
@@ -57,10 +58,10 @@ struct SampleFile {
 // Two stations, Alice calling Bob, on adapters with the given faults.
 class FaultyLine {
 public:
-    explicit FaultyLine(const std::vector<std::string>& faults) {
+    explicit FaultyLine(const std::vector<std::string>& faults, const std::string& rate = "0") {
         alicePath = MakeInstallation(root, "alice");
         bobPath = MakeInstallation(root, "bob");
-        std::vector<std::string> options{"--rate", "0"};
+        std::vector<std::string> options{"--rate", rate};
         for (const std::string& fault : faults) {
             options.push_back("--fault");
             options.push_back(fault);
@@ -104,6 +105,18 @@ public:
 
     std::string IncomingPath(const std::string& name) const {
         return bobPath + "/Incoming Files/" + name;
+    }
+
+    // Both logs, for a failure's message.
+    std::string Logs() const {
+        std::string all;
+        for (const std::string& entry : alice->LogLines()) {
+            all += "alice | " + entry + "\n";
+        }
+        for (const std::string& entry : bob->LogLines()) {
+            all += "bob   | " + entry + "\n";
+        }
+        return all;
     }
 
     std::vector<std::string> ErrorLines() const {
@@ -227,6 +240,47 @@ TEST(FaultyLineTest, ACallCutOffAnywhereLeavesWholeFilesOrAResumableOneAndTheRes
         ExpectSameBytes(line.IncomingPath("big.bin"), big);
         ExpectSameBytes(line.IncomingPath("note.txt"), note);
         EXPECT_FALSE(PathExists(line.IncomingPath("big.bin-A")));
+        EXPECT_FALSE(PathExists(line.IncomingPath("note.txt-A")));
+    }
+}
+
+// Alice's station stops dead (SIGSTOP) and so falls silent on a line that
+// stays up: before it has said a word, and in the middle of a file. Bob's
+// watchdogs end the call and hang up; once Alice runs again her adapter tells
+// her the line has gone, and the next call goes through.
+TEST(FaultyLineTest, AFarEndThatFallsSilentIsLetGoAndBothStationsCanBeCalledAgain) {
+    struct Case {
+        const char* what;
+        const char* rate;
+        const char* stopAfter;  // a line of Alice's log
+        const char* bobWaitsFor;
+    };
+    const std::vector<Case> cases = {
+        {"silent from the start", "0", "at 5552002", "Connected"},
+        {"silent in the middle of a file", "8000", "Sending File: ", "Receiving File: "},
+    };
+    const std::string note = RandomBytes(30000, 16);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        FaultyLine line({}, c.rate);
+        line.Choose({{"note.txt", note}});
+        ASSERT_EQ(line.alice->Command("send"), "ok");
+        ASSERT_TRUE(line.alice->WaitForLog(c.stopAfter));
+        ASSERT_EQ(kill(line.alice->Pid(), SIGSTOP), 0);
+        EXPECT_TRUE(line.bob->WaitForLog(c.bobWaitsFor));
+        const bool ended = line.bob->WaitForLog("Disconnected");
+        EXPECT_TRUE(line.bob->WaitForLog("Reinitializing Incoming"));
+        ASSERT_EQ(kill(line.alice->Pid(), SIGCONT), 0);
+        ASSERT_TRUE(ended);
+        ASSERT_TRUE(line.alice->WaitForLog("Disconnected", std::chrono::seconds(20)))
+            << line.Logs();
+        ASSERT_TRUE(line.alice->WaitForLog("Reinitializing Incoming"));
+        ASSERT_EQ(line.alice->Command("wait-state idle 30"), "ok");
+        ASSERT_EQ(line.bob->Command("wait-state idle 30"), "ok");
+        EXPECT_TRUE(LinesHolding(line.bob->LogLines(), {"Hang-up failed."}).empty());
+
+        line.SendThrough();
+        ExpectSameBytes(line.IncomingPath("note.txt"), note);
         EXPECT_FALSE(PathExists(line.IncomingPath("note.txt-A")));
     }
 }
