@@ -284,3 +284,61 @@ TEST(FaultyLineTest, AFarEndThatFallsSilentIsLetGoAndBothStationsCanBeCalledAgai
         EXPECT_FALSE(PathExists(line.IncomingPath("note.txt-A")));
     }
 }
+
+// Disconnect pressed in the middle of a call, on either side and in each
+// state of the transfer: both stations end the call, and the next call sends
+// the file through.
+struct DisconnectCase {
+    const char* what;
+    bool byReceiver;
+    const char* state;  // the state the sender waits for before the press
+    int presses;
+};
+
+void DisconnectAndSendAgain(const DisconnectCase& c) {
+    SCOPED_TRACE(c.what);
+    const std::string note = RandomBytes(72000, 17);
+    FaultyLine line({}, "24000");
+    line.Choose({{"note.txt", note}});
+    ASSERT_EQ(line.alice->Command("send"), "ok");
+    ASSERT_EQ(line.alice->Command(std::string("wait-state ") + c.state + " 30"), "ok");
+    if (c.byReceiver) {
+        ASSERT_EQ(line.bob->Command("wait-state transfer 30"), "ok");
+    }
+    Station& presser = c.byReceiver ? *line.bob : *line.alice;
+    for (int press = 0; press < c.presses; ++press) {
+        // A second press may find the call already over, its button off.
+        const std::string answer = presser.Command("disconnect");
+        EXPECT_TRUE(press > 0 || answer == "ok") << answer;
+    }
+    ASSERT_TRUE(line.alice->WaitForLog("Disconnected")) << line.Logs();
+    ASSERT_TRUE(line.bob->WaitForLog("Disconnected")) << line.Logs();
+    line.BackToIdle();
+    if (c.byReceiver) {
+        EXPECT_EQ(LinesHolding(line.alice->LogLines(), {"Received abort request."}).size(), 1u);
+    }
+    // A file whose every byte had arrived, but whose ACK had not when the
+    // line went, is complete at the receiver and is sent again in full
+    // beside it, since the sender cannot know; any other stays resumable.
+    const bool arrivedWhole = !LinesHolding(line.bob->LogLines(), {"All files received."}).empty();
+
+    line.SendThrough();
+    ExpectSameBytes(line.IncomingPath("note.txt"), note);
+    EXPECT_EQ(PathExists(line.IncomingPath("note.txt-A")), arrivedWhole) << line.Logs();
+    if (arrivedWhole) {
+        ExpectSameBytes(line.IncomingPath("note.txt-A"), note);
+    } else {
+        EXPECT_EQ(LinesHolding(line.bob->LogLines(), {"Recovering File: "}),
+                  std::vector<std::string>{"Recovering File: note.txt"});
+    }
+}
+
+TEST(FaultyLineTest, DisconnectOnTheSendingSideEndsTheCallCleanly) {
+    DisconnectAndSendAgain({"while the file goes out", false, "transfer", 1});
+    DisconnectAndSendAgain({"while the last ACK is awaited", false, "filesent", 1});
+}
+
+TEST(FaultyLineTest, DisconnectOnTheReceivingSideOnceOrTwiceEndsTheCallCleanly) {
+    DisconnectAndSendAgain({"once", true, "transfer", 1});
+    DisconnectAndSendAgain({"twice", true, "transfer", 2});
+}
