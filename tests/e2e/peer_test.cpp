@@ -1,0 +1,114 @@
+// A station against a second, independent implementation of the transfer
+// protocol (tests/support/wire_peer), each on its own virtual adapter: what
+// one end sends the other must take, byte for byte, in both directions.
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "harness.h"
+#include "installation.h"
+#include "platform/files.h"
+#include "support/wire_peer.h"
+
+namespace {
+
+class PeerAndStation : public ::testing::Test {
+protected:
+    void SetUp() override {
+        stationPath = MakeInstallation(root, "station");
+        adapters = std::make_unique<VirtualAdapters>(
+            std::vector<std::string>{stationPath + "/COM1=bitsurfr:5552002",
+                                     root / "peer-port=zyxel-2864:5553003"},
+            std::vector<std::string>{"--rate", "0"});
+        station = std::make_unique<Station>(stationPath);
+        ASSERT_TRUE(station->WaitForLog("Initializing Incoming"));
+        port = std::make_unique<peer::Port>(root / "peer-port");
+        ASSERT_TRUE(port->Command("AT"));
+    }
+
+    std::string Incoming(const std::string& relative) const {
+        return ReadWholeFile(stationPath + "/Incoming Files/" + relative);
+    }
+
+    TempFolder root;
+    std::string stationPath;
+    std::unique_ptr<VirtualAdapters> adapters;
+    std::unique_ptr<Station> station;
+    std::unique_ptr<peer::Port> port;
+};
+
+}  // namespace
+
+// The peer's checksum agrees with the values every build must reproduce, so
+// that the tests below compare two implementations and not two mistakes.
+TEST(WirePeer, ChecksumGivesTheKnownValues) {
+    const std::string abc = "abc";
+    EXPECT_EQ(peer::Crc16(reinterpret_cast<const uint8_t*>(abc.data()), 3, 0), 0x9DD6);
+    std::string repeated;
+    for (int i = 0; i < 400; ++i) {
+        repeated += abc;
+    }
+    EXPECT_EQ(peer::SectionChecksum(reinterpret_cast<const uint8_t*>(repeated.data()), 1200),
+              0x1F93);
+    std::string counting(131070, '\0');
+    for (size_t i = 0; i < counting.size(); ++i) {
+        counting[i] = static_cast<char>(i % 256);
+    }
+    EXPECT_EQ(peer::SectionChecksum(reinterpret_cast<const uint8_t*>(counting.data()), 131070),
+              0x37BA);
+}
+
+TEST_F(PeerAndStation, APeerSendsAFolderOfFilesAndTheStationFilesThemIdentical) {
+    const std::vector<peer::File> files = {
+        {"hello.txt", RandomBytes(1000, 21)},
+        {"empty.dat", ""},
+        {"mid.bin", RandomBytes(131071, 22)},
+        {"big.bin", RandomBytes(300000, 23)},
+    };
+    ASSERT_TRUE(port->Dial("5552002"));
+    EXPECT_EQ(peer::SendSession(*port, files, "Album"), "");
+    EXPECT_TRUE(port->HangUp());
+    ASSERT_TRUE(station->WaitForLog("All files received."));
+    ASSERT_TRUE(station->WaitForLog("Disconnected"));
+    ASSERT_EQ(station->Command("wait-state idle 30"), "ok");
+    for (const peer::File& file : files) {
+        EXPECT_TRUE(Incoming("Album/" + file.name) == file.bytes) << file.name;
+    }
+    EXPECT_EQ(LinesHolding(station->LogLines(),
+                           {"Created new folder", "Receiving File", "All files received"}),
+              (std::vector<std::string>{"Created new folder: Album", "Receiving File: hello.txt",
+                                        "Receiving File: mid.bin", "Receiving File: big.bin",
+                                        "All files received."}));
+}
+
+TEST_F(PeerAndStation, AStationSendsFilesAndThePeerReceivesThemIdentical) {
+    const std::vector<peer::File> files = {
+        {"note.txt", RandomBytes(9000, 24)},
+        {"blank.txt", ""},
+        {"whole.bin", RandomBytes(131070, 25)},
+        {"big.bin", RandomBytes(400000, 26)},
+    };
+    ASSERT_TRUE(CreateFolder(root / "samples"));
+    for (const peer::File& file : files) {
+        WriteWholeFile(root / "samples/" + file.name, file.bytes);
+        ASSERT_EQ(station->Command("choose " + (root / "samples/" + file.name)), "ok");
+    }
+    ASSERT_EQ(station->Command("name Peer"), "ok");
+    ASSERT_EQ(station->Command("number 5553003"), "ok");
+    ASSERT_EQ(station->Command("send"), "ok");
+    ASSERT_TRUE(port->Answer(30000));
+    std::vector<peer::File> arrived;
+    EXPECT_EQ(peer::ReceiveSession(*port, arrived), "");
+    ASSERT_EQ(arrived.size(), files.size());
+    for (size_t i = 0; i < files.size(); ++i) {
+        EXPECT_EQ(arrived[i].name, files[i].name);
+        EXPECT_TRUE(arrived[i].bytes == files[i].bytes) << files[i].name;
+    }
+    // The station hangs up once the last file is acknowledged.
+    EXPECT_NE(port->ReceiveUntil("NO CARRIER", 15000).find("NO CARRIER"), std::string::npos);
+    ASSERT_TRUE(station->WaitForLog("All files sent."));
+    ASSERT_EQ(station->Command("wait-state idle 30"), "ok");
+}

@@ -1,0 +1,348 @@
+#include "support/wire_peer.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <stdexcept>
+#include <thread>
+
+namespace peer {
+
+namespace {
+
+constexpr size_t SectionData = 131070;
+constexpr size_t Chunk = 1024;
+
+void Put32(std::string& out, uint32_t value) {
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        out += static_cast<char>((value >> shift) & 0xFF);
+    }
+}
+
+uint32_t Get32(const std::string& bytes, size_t at) {
+    uint32_t value = 0;
+    for (size_t i = 0; i < 4; ++i) {
+        value = (value << 8) | static_cast<uint8_t>(bytes[at + i]);
+    }
+    return value;
+}
+
+using Clock = std::chrono::steady_clock;
+
+int MsLeft(Clock::time_point end) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
+    return left.count() > 0 ? static_cast<int>(left.count()) : 0;
+}
+
+}  // namespace
+
+std::string Header(uint32_t fileCount, uint32_t totalBytes, uint32_t magic) {
+    std::string out;
+    Put32(out, magic);
+    out.append(10, '\0');
+    out += std::string("W100\0\0", 6);
+    Put32(out, fileCount);
+    Put32(out, totalBytes);
+    return out;
+}
+
+std::string Entry(const std::string& name, int32_t kind, uint32_t totalLength,
+                  uint32_t dataLength) {
+    std::string out = name.substr(0, 31);
+    out.resize(32, '\0');
+    Put32(out, static_cast<uint32_t>(kind));
+    Put32(out, totalLength);
+    Put32(out, dataLength);
+    Put32(out, 0);
+    out += "dosaTEXT";
+    return out;
+}
+
+uint16_t Crc16(const uint8_t* bytes, size_t length, uint16_t start) {
+    uint16_t c = start;
+    for (size_t i = 0; i < length; ++i) {
+        c = static_cast<uint16_t>(c ^ (bytes[i] << 8));
+        for (int bit = 0; bit < 8; ++bit) {
+            c = (c & 0x8000) ? static_cast<uint16_t>((c << 1) ^ 0x1021)
+                             : static_cast<uint16_t>(c << 1);
+        }
+    }
+    return c;
+}
+
+uint16_t SectionChecksum(const uint8_t* bytes, size_t length) {
+    const size_t chunks = length <= Chunk ? 0 : (length - 1) / Chunk;
+    std::string values;
+    for (size_t i = 0; i < chunks; ++i) {
+        const uint16_t value = Crc16(bytes + i * Chunk, Chunk, 0);
+        values += static_cast<char>(value >> 8);
+        values += static_cast<char>(value & 0xFF);
+    }
+    return Crc16(reinterpret_cast<const uint8_t*>(values.data()), values.size(), 0);
+}
+
+std::string Stream(const std::string& fileBytes) {
+    std::string out;
+    for (size_t at = 0; at < fileBytes.size(); at += SectionData) {
+        const size_t length = std::min(SectionData, fileBytes.size() - at);
+        const uint16_t sum =
+            SectionChecksum(reinterpret_cast<const uint8_t*>(fileBytes.data() + at), length);
+        out += static_cast<char>(sum >> 8);
+        out += static_cast<char>(sum & 0xFF);
+        out.append(fileBytes, at, length);
+    }
+    return out;
+}
+
+uint32_t StreamLength(size_t fileSize) {
+    return static_cast<uint32_t>(fileSize + 2 * ((fileSize + SectionData - 1) / SectionData));
+}
+
+Port::Port(const std::string& path) {
+    fd_ = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
+    if (fd_ < 0) {
+        throw std::runtime_error("cannot open " + path + ": " + std::strerror(errno));
+    }
+    termios settings{};
+    ::tcgetattr(fd_, &settings);
+    ::cfmakeraw(&settings);
+    ::cfsetispeed(&settings, B115200);
+    ::cfsetospeed(&settings, B115200);
+    settings.c_cflag |= CLOCAL | CREAD;
+    ::tcsetattr(fd_, TCSANOW, &settings);
+}
+
+Port::~Port() {
+    if (fd_ >= 0) {
+        ::close(fd_);
+    }
+}
+
+void Port::Send(const std::string& bytes) {
+    size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t n = ::write(fd_, bytes.data() + done, bytes.size() - done);
+        if (n > 0) {
+            done += static_cast<size_t>(n);
+        } else if (n < 0 && errno != EAGAIN && errno != EINTR) {
+            throw std::runtime_error(std::string("write: ") + std::strerror(errno));
+        } else {
+            pollfd p{fd_, POLLOUT, 0};
+            ::poll(&p, 1, 100);
+        }
+    }
+}
+
+std::string Port::Receive(size_t count, int timeoutMs) {
+    const auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (pending_.size() < count) {
+        pollfd p{fd_, POLLIN, 0};
+        if (::poll(&p, 1, MsLeft(end)) <= 0) {
+            break;
+        }
+        char buffer[16384];
+        const ssize_t n = ::read(fd_, buffer, sizeof buffer);
+        if (n > 0) {
+            pending_.append(buffer, static_cast<size_t>(n));
+        }
+    }
+    const size_t take = std::min(count, pending_.size());
+    std::string out = pending_.substr(0, take);
+    pending_.erase(0, take);
+    return out;
+}
+
+std::string Port::ReceiveUntil(const std::string& marker, int timeoutMs) {
+    const auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        const size_t at = pending_.find(marker);
+        if (at != std::string::npos) {
+            std::string out = pending_.substr(0, at + marker.size());
+            pending_.erase(0, at + marker.size());
+            return out;
+        }
+        pollfd p{fd_, POLLIN, 0};
+        if (::poll(&p, 1, MsLeft(end)) <= 0) {
+            std::string out;
+            out.swap(pending_);
+            return out;
+        }
+        char buffer[16384];
+        const ssize_t n = ::read(fd_, buffer, sizeof buffer);
+        if (n > 0) {
+            pending_.append(buffer, static_cast<size_t>(n));
+        }
+    }
+}
+
+std::string Port::ReceiveFor(int timeoutMs) {
+    Receive(SIZE_MAX, timeoutMs);
+    std::string out;
+    out.swap(pending_);
+    return out;
+}
+
+bool Port::Command(const std::string& command) {
+    Send(command + "\r");
+    const std::string reply = ReceiveUntil("\r\n", 3000) + ReceiveUntil("\r\n", 3000);
+    return reply.find("OK\r\n") != std::string::npos;
+}
+
+bool Port::Dial(const std::string& number) {
+    Send("ATD" + number + "\r");
+    const std::string reply = ReceiveUntil("CONNECT", 40000);
+    if (reply.find("CONNECT") == std::string::npos) {
+        return false;
+    }
+    ReceiveUntil("\r\n", 1000);  // the rest of the CONNECT line
+    return true;
+}
+
+bool Port::Answer(int timeoutMs) {
+    if (ReceiveUntil("RING", timeoutMs).find("RING") == std::string::npos) {
+        return false;
+    }
+    ReceiveFor(100);
+    Send("ATA\r");
+    if (ReceiveUntil("CONNECT", 10000).find("CONNECT") == std::string::npos) {
+        return false;
+    }
+    ReceiveUntil("\r\n", 1000);
+    return true;
+}
+
+bool Port::HangUp() {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    Send("+++");
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    const std::string escaped = ReceiveFor(200);
+    if (escaped.find("NO CARRIER") != std::string::npos) {
+        return true;  // the far end hung up first
+    }
+    Send("ATH\r");
+    const std::string reply = ReceiveUntil("OK\r\n", 3000);
+    return reply.find("OK") != std::string::npos || reply.find("NO CARRIER") != std::string::npos;
+}
+
+std::string SendSession(Port& port, const std::vector<File>& files, const std::string& folder) {
+    port.Send("SYNCON\r\n");
+    if (port.ReceiveUntil("RCVCON\r\n", 5000).find("RCVCON\r\n") == std::string::npos) {
+        return "no RCVCON";
+    }
+    std::string list;
+    uint32_t total = 0;
+    uint32_t count = 0;
+    if (!folder.empty()) {
+        list += Entry(folder, 1, 0, 0);
+        ++count;
+    }
+    size_t withData = 0;
+    for (const File& file : files) {
+        const uint32_t length = StreamLength(file.bytes.size());
+        list += Entry(file.name, 0, length, length);
+        total += length;
+        ++count;
+        withData += file.bytes.empty() ? 0 : 1;
+    }
+    port.Send("H100\r\n" + Header(count, total) + list);
+    const std::string answer = port.ReceiveUntil("\r\n", 5000);
+    if (withData == 0) {
+        return answer == "ACK2\r\n" ? "" : "list of empty files answered with " + answer;
+    }
+    if (answer != "ACK3\r\n") {
+        return "list answered with " + answer;
+    }
+    size_t sent = 0;
+    for (const File& file : files) {
+        if (file.bytes.empty()) {
+            continue;
+        }
+        port.Send(Stream(file.bytes));
+        ++sent;
+        const std::string expected = sent == withData ? "ACK2\r\n" : "ACK4\r\n";
+        const std::string ack = port.ReceiveUntil("\r\n", 30000);
+        if (ack != expected) {
+            return file.name + " answered with " + ack;
+        }
+    }
+    return "";
+}
+
+std::string ReceiveSession(Port& port, std::vector<File>& files) {
+    if (port.ReceiveUntil("SYNCON\r\n", 10000).find("SYNCON\r\n") == std::string::npos) {
+        return "no SYNCON";
+    }
+    port.Send("RCVCON\r\n");
+    const std::string token = port.ReceiveUntil("H100\r\n", 5000);
+    if (token != "H100\r\n") {
+        return "no H100 but " + token;
+    }
+    const std::string header = port.Receive(28, 2000);
+    if (header.size() != 28 || Get32(header, 0) != 0xFFAA5500u ||
+        header.compare(14, 6, std::string("W100\0\0", 6)) != 0) {
+        return "a bad header";
+    }
+    const uint32_t count = Get32(header, 20);
+    const std::string list = port.Receive(56 * size_t{count}, 2000);
+    if (list.size() != 56 * size_t{count}) {
+        return "a short list";
+    }
+    struct Announced {
+        std::string name;
+        uint32_t dataLength;
+    };
+    std::vector<Announced> announced;
+    uint32_t total = 0;
+    for (uint32_t i = 0; i < count; ++i) {
+        const std::string entry = list.substr(56 * size_t{i}, 56);
+        const std::string name = entry.substr(0, entry.find('\0'));
+        if (Get32(entry, 32) != 0) {
+            continue;  // a folder marker carries no data
+        }
+        const uint32_t dataLength = Get32(entry, 40);
+        if (Get32(entry, 36) != dataLength || Get32(entry, 44) != 0 ||
+            entry.compare(48, 8, "dosaTEXT") != 0) {
+            return "a bad entry for " + name;
+        }
+        total += dataLength;
+        announced.push_back({name, dataLength});
+    }
+    if (total != Get32(header, 24)) {
+        return "a total that is not the sum of the entries";
+    }
+    port.Send("ACK3\r\n");
+    size_t left = 0;
+    for (const Announced& a : announced) {
+        left += a.dataLength != 0 ? 1 : 0;
+    }
+    for (const Announced& a : announced) {
+        File file{a.name, ""};
+        if (a.dataLength != 0) {
+            const std::string stream = port.Receive(a.dataLength, 30000);
+            if (stream.size() != a.dataLength) {
+                return a.name + " arrived short";
+            }
+            for (size_t at = 0; at < stream.size(); at += SectionData + 2) {
+                const size_t length = std::min(SectionData, stream.size() - at - 2);
+                const auto* bytes = reinterpret_cast<const uint8_t*>(stream.data() + at + 2);
+                const uint16_t sum = static_cast<uint16_t>((static_cast<uint8_t>(stream[at]) << 8) |
+                                                           static_cast<uint8_t>(stream[at + 1]));
+                if (sum != SectionChecksum(bytes, length)) {
+                    return a.name + " has a section that fails its checksum";
+                }
+                file.bytes.append(stream, at + 2, length);
+            }
+            --left;
+            port.Send(left == 0 ? "ACK2\r\n" : "ACK4\r\n");
+        }
+        files.push_back(file);
+    }
+    return "";
+}
+
+}  // namespace peer

@@ -1,0 +1,66 @@
+// A far end that speaks the transfer protocol itself, over a terminal
+// adapter's port: the records, the sections and their checksums are written
+// here afresh from the protocol's description, apart from the program's
+// engine, so that a test can talk to a station as another implementation
+// would, and can also send it anything at all.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace peer {
+
+// Records and data as the wire carries them; integers high byte first.
+std::string Header(uint32_t fileCount, uint32_t totalBytes, uint32_t magic = 0xFFAA5500u);
+std::string Entry(const std::string& name, int32_t kind, uint32_t totalLength, uint32_t dataLength);
+// The two-level checksum of a section's file bytes.
+uint16_t Crc16(const uint8_t* bytes, size_t length, uint16_t start);
+uint16_t SectionChecksum(const uint8_t* bytes, size_t length);
+// A file's bytes cut into sections, each behind its checksum.
+std::string Stream(const std::string& fileBytes);
+uint32_t StreamLength(size_t fileSize);
+
+struct File {
+    std::string name;
+    std::string bytes;
+};
+
+// The port of a virtual adapter, raw, at 115200 bits per second.
+class Port {
+public:
+    explicit Port(const std::string& path);
+    ~Port();
+    Port(const Port&) = delete;
+    Port& operator=(const Port&) = delete;
+
+    void Send(const std::string& bytes);
+    // Exactly count bytes, or what came before the time ran out.
+    std::string Receive(size_t count, int timeoutMs);
+    // Everything up to and including the marker; what came if it did not.
+    std::string ReceiveUntil(const std::string& marker, int timeoutMs);
+    // What comes within the time.
+    std::string ReceiveFor(int timeoutMs);
+
+    // Command mode: the command and CR; true if OK came back.
+    bool Command(const std::string& command);
+    // Dials and waits for CONNECT.
+    bool Dial(const std::string& number);
+    // Waits for RING, answers, waits for CONNECT.
+    bool Answer(int timeoutMs);
+    // Escape and ATH; true once the adapter is back on hook.
+    bool HangUp();
+
+private:
+    int fd_ = -1;
+    std::string pending_;
+};
+
+// The whole of a session as the sending side, after CONNECT as the caller:
+// SYNCON, the list, the data, the ACKs. Returns "" or what went wrong.
+std::string SendSession(Port& port, const std::vector<File>& files, const std::string& folder = "");
+// The whole of a session as the receiving side, after CONNECT as the
+// answerer. The files that arrived, or "" in failure with the reason.
+std::string ReceiveSession(Port& port, std::vector<File>& files);
+
+}  // namespace peer
