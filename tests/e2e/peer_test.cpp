@@ -8,39 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "harness.h"
-#include "installation.h"
+#include "peer_fixture.h"
 #include "platform/files.h"
-#include "support/wire_peer.h"
-
-namespace {
-
-class PeerAndStation : public ::testing::Test {
-protected:
-    void SetUp() override {
-        stationPath = MakeInstallation(root, "station");
-        adapters = std::make_unique<VirtualAdapters>(
-            std::vector<std::string>{stationPath + "/COM1=bitsurfr:5552002",
-                                     root / "peer-port=zyxel-2864:5553003"},
-            std::vector<std::string>{"--rate", "0"});
-        station = std::make_unique<Station>(stationPath);
-        ASSERT_TRUE(station->WaitForLog("Initializing Incoming"));
-        port = std::make_unique<peer::Port>(root / "peer-port");
-        ASSERT_TRUE(port->Command("AT"));
-    }
-
-    std::string Incoming(const std::string& relative) const {
-        return ReadWholeFile(stationPath + "/Incoming Files/" + relative);
-    }
-
-    TempFolder root;
-    std::string stationPath;
-    std::unique_ptr<VirtualAdapters> adapters;
-    std::unique_ptr<Station> station;
-    std::unique_ptr<peer::Port> port;
-};
-
-}  // namespace
 
 // The peer's checksum agrees with the values every build must reproduce, so
 // that the tests below compare two implementations and not two mistakes.

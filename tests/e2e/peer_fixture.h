@@ -1,0 +1,53 @@
+// A station and an independent implementation of the protocol (the peer),
+// each on a virtual adapter of its own, the peer's port opened by the test.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "harness.h"
+#include "installation.h"
+#include "support/wire_peer.h"
+
+class PeerAndStation : public ::testing::Test {
+protected:
+    void SetUp() override {
+        stationPath = MakeInstallation(root, "station");
+        adapters = std::make_unique<VirtualAdapters>(
+            std::vector<std::string>{stationPath + "/COM1=bitsurfr:5552002",
+                                     root / "peer-port=zyxel-2864:5553003"},
+            std::vector<std::string>{"--rate", "0"});
+        station = std::make_unique<Station>(stationPath);
+        ASSERT_TRUE(station->WaitForLog("Initializing Incoming"));
+        port = std::make_unique<peer::Port>(root / "peer-port");
+        ASSERT_TRUE(port->Command("AT"));
+    }
+
+    std::string Incoming(const std::string& relative) const {
+        return ReadWholeFile(stationPath + "/Incoming Files/" + relative);
+    }
+
+    // Every path under the test's folder that is not inside "Incoming Files".
+    std::set<std::string> PathsOutsideIncoming() const {
+        std::set<std::string> paths;
+        const std::string incoming = stationPath + "/Incoming Files/";
+        for (const auto& item : std::filesystem::recursive_directory_iterator(root.Path())) {
+            const std::string path = item.path().string();
+            if (path.rfind(incoming, 0) != 0) {
+                paths.insert(path);
+            }
+        }
+        return paths;
+    }
+
+    TempFolder root;
+    std::string stationPath;
+    std::unique_ptr<VirtualAdapters> adapters;
+    std::unique_ptr<Station> station;
+    std::unique_ptr<peer::Port> port;
+};
