@@ -1,0 +1,47 @@
+// Fuzz target: the admission of a header and a file list, as the receiving
+// side reads them from its port. The input is the 28-byte header and then the
+// list; the list goes to the port whole (cut or padded to what the header
+// announces), so that no read waits out its time limit.
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+
+#include "engine/sessions.h"
+#include "engine/transfer_engine.h"
+#include "engine/wire.h"
+#include "line/comm_port.h"
+#include "sandbox.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    SetUpSandbox();
+    if (size < sizeof(SessionHeader)) {
+        return 0;
+    }
+    SessionHeader probe = RecordFromBytes<SessionHeader>(data);
+    SwapSessionHeader(probe);
+    if (probe.Magic != SessionMagic) {
+        return 0;  // a wrong magic only ends the call
+    }
+    std::string list(reinterpret_cast<const char*>(data) + sizeof(SessionHeader),
+                     size - sizeof(SessionHeader));
+    if (probe.FileCount <= static_cast<uint32_t>(ListCapacity)) {
+        list.resize(size_t{probe.FileCount} * sizeof(WireFileEntry), '\0');
+    }
+    TheEngine.InHeader = RecordFromBytes<SessionHeader>(data);
+    TheEngine.SavedEntry = FileEntry{};
+    TheEngine.LinkState = LinkConnected;
+    TheEngine.WeSend = 0;
+    FeedPort(list);
+    AdmitFileList();
+    // What a refusal leaves, and what the program answered, goes.
+    while (const uint32_t waiting = PortQueueCount(1)) {
+        static uint8_t scratch[8192];
+        ReadBlock(scratch, waiting < sizeof scratch ? waiting : sizeof scratch, 0);
+    }
+    DrainPortOutput();
+    TheEngine.ReceiveCount = 0;
+    TheEngine.ReceiveListSize = 0;
+    CheckAndEmptySandbox();
+    return 0;
+}

@@ -1,0 +1,129 @@
+#include "sandbox.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <set>
+
+#include "engine/engine_window.h"
+#include "engine/sessions.h"
+#include "engine/transfer_engine.h"
+#include "line/adapter.h"
+#include "line/comm_port.h"
+#include "platform/files.h"
+#include "platform/pseudo_terminal.h"
+#include "stores/paths.h"
+#include "stores/preferences.h"
+#include "stores/status_log.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+class QuietWindow : public EngineWindow {
+public:
+    void ShowBatchEstimate(uint32_t) override {}
+    void RecomputeSendTotal() override {}
+    void ShowTransferDisplay(bool) override {}
+    void SetProgress(uint32_t, uint32_t) override {}
+    void ShowThroughput(bool, bool) override {}
+    void LogElapsedTime() override {}
+    void ListIncomingFiles() override {}
+    void RemoveTopFileRow() override {}
+    void UpdateActionButtons() override {}
+    void ShowCorrespondent(int16_t) override {}
+    void ClearFileList() override {}
+    void AddFolderToSendList(const std::string&, const std::string&) override {}
+    int ImportDirectoryEntry(const std::string&) override { return 0; }
+};
+
+QuietWindow window;
+PseudoTerminal terminal;
+std::string base;  // the sandbox; the installation is base + "/inst"
+std::string root;
+std::set<std::string> known;
+
+void Fail(const std::string& what) {
+    std::fprintf(stderr, "sandbox: %s\n", what.c_str());
+    std::abort();
+}
+
+}  // namespace
+
+void SetUpSandbox() {
+    if (!base.empty()) {
+        return;
+    }
+    char pattern[] = "/tmp/kbfuzz.XXXXXX";
+    if (::mkdtemp(pattern) == nullptr || !OpenPseudoTerminal(terminal)) {
+        Fail("cannot make the sandbox");
+    }
+    base = pattern;
+    root = base + "/inst";
+    fs::create_directory(root);
+    fs::create_symlink(terminal.slavePath, root + "/COM1");
+    SetLogLineSink([](const std::string&) {});
+    BuildPaths(root);
+    CreateFolder(IncomingPath);
+    if (CommPortCreate() != 1) {
+        Fail("no port record");
+    }
+    SelectPortNumber(1);
+    SelectPortBaud(115200);
+    // As for a call: RTS/CTS, so that 0x11 and 0x13 in the data are data.
+    if (CommPortOpen() == 0 || EnableHardwareHandshake() != 1) {
+        Fail("the port does not open");
+    }
+    ThePreferences.AdapterModel = ModelBitSURFR;
+    EngineStartup();
+    TheMainWindow = &window;
+    AdapterFound = 1;
+    SetFreeSpaceQuery([] { return uint64_t{1} << 40; });
+    TheEngine.WeSend = 0;
+    TheEngine.LinkState = LinkConnected;
+    for (const auto& item : fs::recursive_directory_iterator(base)) {
+        known.insert(item.path().string());
+    }
+}
+
+void FeedPort(const std::string& bytes) {
+    // The pseudo-terminal holds only a few kilobytes; the port's own queue
+    // takes them over as they come, as it does for the program.
+    const uint32_t before = PortQueueCount(1);
+    size_t done = 0;
+    for (int idle = 0; idle < 20000 && PortQueueCount(1) < before + bytes.size(); ++idle) {
+        if (done < bytes.size()) {
+            const ssize_t n = ::write(terminal.master, bytes.data() + done, bytes.size() - done);
+            if (n > 0) {
+                done += static_cast<size_t>(n);
+                idle = 0;
+                continue;
+            }
+        }
+        ::usleep(20);
+    }
+    if (PortQueueCount(1) < before + bytes.size()) {
+        Fail("the port did not take the input");
+    }
+}
+
+void DrainPortOutput() {
+    char scratch[4096];
+    while (::read(terminal.master, scratch, sizeof scratch) > 0) {
+    }
+}
+
+void CheckAndEmptySandbox() {
+    const std::string incoming = IncomingPath + "/";
+    for (const auto& item : fs::recursive_directory_iterator(base)) {
+        const std::string path = item.path().string();
+        if (path.rfind(incoming, 0) != 0 && known.count(path) == 0) {
+            Fail("written outside the receive folder: " + path);
+        }
+    }
+    fs::remove_all(IncomingPath);
+    fs::create_directory(IncomingPath);
+}

@@ -1,0 +1,17 @@
+// What the fuzz targets share: an installation in a folder of its own, its
+// port on a real pseudo-terminal, and a window that shows nothing.
+#pragma once
+
+#include <string>
+
+// Sets up the engine once, in a fresh folder under the system's temporary
+// folder, with the port open and the link in LinkConnected as a receiver.
+void SetUpSandbox();
+// Bytes for the port, as if the far end had sent them.
+void FeedPort(const std::string& bytes);
+// Throws away what the program wrote to its port.
+void DrainPortOutput();
+// Aborts, which the fuzzer reports as a finding, if anything exists in the
+// sandbox outside the installation's known files and its "Incoming Files";
+// then empties "Incoming Files" for the next input.
+void CheckAndEmptySandbox();
