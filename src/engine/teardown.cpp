@@ -35,11 +35,11 @@ constexpr int16_t StallBodyLimitMs = 200;
 constexpr int16_t StallTailLimitMs = 100;
 constexpr uint32_t StallTailBytes = 12;
 constexpr int32_t HangUpRetryLimit = 2;
+constexpr uint32_t HangUpRetryMs = 5000;
 
 // Whether the tail that the last stall took out of the queue held the
 // adapter's NO CARRIER; the communications thread's own.
 bool stallTailHeldNoCarrier = false;
-constexpr uint32_t HangUpRetryMs = 5000;
 
 // The adapter answered neither the escape nor the hang-up: the call may
 // still be up. The receiving side's watchdog ends it in the end; the
