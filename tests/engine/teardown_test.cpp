@@ -72,7 +72,21 @@ protected:
     const TestFile third{"third.bin", PatternBytes(300, 3)};
 };
 
-using SenderTeardownTest = EngineHarness;
+class SenderTeardownTest : public EngineHarness {
+protected:
+    // A short file goes out and is acknowledged as the last: the sender
+    // hangs up next.
+    void SendOneFileToTheLastAck() {
+        AddToSendList(MakeFile("note.txt", LetterBytes(300)), "note.txt");
+        ConnectAsCaller();
+        Send("RCVCON\r\n");
+        Take(6 + 28 + 56);
+        Send("ACK3\r\n");
+        Take(302);
+        ASSERT_TRUE(WaitForState(LinkFileSent));
+        Send("ACK2\r\n");
+    }
+};
 
 }  // namespace
 
@@ -247,15 +261,7 @@ TEST_F(SenderTeardownTest, AFileThatCannotBeReadEndsTheCall) {
 // side, which has no watchdog, tries twice more, 5 s apart, and then leaves
 // the call to the line's fall or the user.
 TEST_F(SenderTeardownTest, AnUnansweredHangUpIsTriedTwiceMoreFiveSecondsApart) {
-    const std::string bytes = LetterBytes(300);
-    AddToSendList(MakeFile("note.txt", bytes), "note.txt");
-    ConnectAsCaller();
-    Send("RCVCON\r\n");
-    Take(6 + 28 + 56);
-    Send("ACK3\r\n");
-    Take(302);
-    ASSERT_TRUE(WaitForState(LinkFileSent));
-    Send("ACK2\r\n");
+    SendOneFileToTheLastAck();
 
     std::vector<std::chrono::steady_clock::time_point> escapes;
     for (int attempt = 0; attempt < 3; ++attempt) {
@@ -286,15 +292,7 @@ TEST_F(SenderTeardownTest, AnUnansweredHangUpIsTriedTwiceMoreFiveSecondsApart) {
 
 // A hang-up answered at its second try ends the call there.
 TEST_F(SenderTeardownTest, AHangUpAnsweredAtItsSecondTryEndsTheCall) {
-    const std::string bytes = LetterBytes(300);
-    AddToSendList(MakeFile("note.txt", bytes), "note.txt");
-    ConnectAsCaller();
-    Send("RCVCON\r\n");
-    Take(6 + 28 + 56);
-    Send("ACK3\r\n");
-    Take(302);
-    ASSERT_TRUE(WaitForState(LinkFileSent));
-    Send("ACK2\r\n");
+    SendOneFileToTheLastAck();
     ASSERT_NE(TakeUntil("+++", 5000).find("+++"), std::string::npos);
     ASSERT_TRUE(WaitForLog("Hang-up failed.", 5000));
     ASSERT_NE(TakeUntil("+++", 9000).find("+++"), std::string::npos);
