@@ -37,6 +37,36 @@ constexpr int16_t ListLimitMs = 1000;
 constexpr size_t NameStemForSuffix = 29;
 constexpr size_t NameLimit = 31;
 
+// The unfinished end of a line that a read gave up on, for the next read to
+// finish: a token whose pieces arrive further apart than one read waits is
+// still heard. Only the last few bytes are kept, too few to hold a whole
+// token but enough to begin any, and only for a moment, so that no fragment
+// outlives its call. The communications thread alone uses them.
+constexpr size_t CarryBytes = 15;
+constexpr uint32_t CarryLimitMs = 1000;
+std::string carriedBytes;
+uint32_t carriedAt = 0;
+
+// The line just read, behind what the previous read left unfinished.
+std::string JoinCarried(const char* read) {
+    std::string line;
+    if (!carriedBytes.empty() && NowMs() - carriedAt <= CarryLimitMs) {
+        line = carriedBytes;
+    }
+    carriedBytes.clear();
+    return line + read;
+}
+
+// Keeps the end of a line that did not finish within its read.
+void CarryUnfinished(const char* read) {
+    if (*read == '\0') {
+        return;  // nothing came: what is carried ages on
+    }
+    const std::string line = JoinCarried(read);
+    carriedBytes = line.substr(line.size() > CarryBytes ? line.size() - CarryBytes : 0);
+    carriedAt = NowMs();
+}
+
 std::mutex freeSpaceLock;
 FreeSpaceQuery freeSpaceQuery;
 
@@ -184,6 +214,7 @@ void OnListOffered() {
 }
 
 void OnReceiverCarrierLost() {
+    carriedBytes.clear();
     AddLogLine("Disconnected");
     Display().LogElapsedTime();
     SleepMs(50);
@@ -262,9 +293,10 @@ void EndRecoveryCandidacy() {
 void OnReceiverInput() {
     std::memset(TokenBuffer, 0, TokenBufferSize);
     if (ReadLine(TokenLineLimitMs, TokenBuffer) == nullptr) {
+        CarryUnfinished(TokenBuffer);
         return;
     }
-    const std::string line(TokenBuffer);
+    const std::string line = JoinCarried(TokenBuffer);
     if (TheEngine.LinkState.load() == LinkRecovery) {
         if (LineHolds(line, TokenSendRecovr)) {
             ApplyRecoveryAtReceiver();

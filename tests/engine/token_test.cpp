@@ -65,6 +65,25 @@ TEST_F(ReceiverTokenTest, ALineHoldingSynconAndH100IsServedInThatOrder) {
     EXPECT_EQ(ReadWholeFile(Incoming("both.txt")), bytes);
 }
 
+TEST_F(ReceiverTokenTest, ATokenSplitByAPauseLongerThanOneReadIsStillHeard) {
+    ConnectAsAnswerer();
+    // The first piece is read, and the read's time runs out, before the rest
+    // arrives.
+    Send("SYN");
+    std::this_thread::sleep_for(std::chrono::milliseconds(700));
+    Send("CON\r\n");
+    EXPECT_EQ(Take(8), "RCVCON\r\n");
+    const std::string bytes = PatternBytes(40, 9);
+    const std::string offer = OneFileOffer("late.txt", bytes.size());
+    Send("noise H1");
+    std::this_thread::sleep_for(std::chrono::milliseconds(700));
+    Send(offer.substr(2));
+    EXPECT_EQ(Take(6), "ACK3\r\n");
+    Send(DataStreamOf(bytes));
+    EXPECT_EQ(Take(6), "ACK2\r\n");
+    EXPECT_EQ(ReadWholeFile(Incoming("late.txt")), bytes);
+}
+
 TEST_F(ReceiverTokenTest, InRecoveryOnlySendRecovrIsHeard) {
     ConnectAsAnswerer();
     Send("SYNCON\r\n");
