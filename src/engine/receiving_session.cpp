@@ -111,6 +111,15 @@ bool DataLengthOfAFile(uint32_t dataLength) {
            dataLength % SectionWireBytes != 2;
 }
 
+// Too little room for the list: the far end is told, and its list thrown
+// away.
+int16_t RefuseForSpace() {
+    AddLogLine("Not enough free space on volume.");
+    SendToken(TokenNak3);
+    DiscardInput();
+    return AdmitRefused;
+}
+
 int16_t KindOf(const WireFileEntry& entry) {
     return static_cast<int16_t>(static_cast<uint16_t>(static_cast<uint32_t>(entry.EntryKind)));
 }
@@ -339,11 +348,9 @@ int16_t AdmitFileList() {
         return AdmitRefused;
     }
     // In 64 bits: a volume with more than 4 GB free has room for any list.
-    if (FreeSpace() < header.TotalBytes) {
-        AddLogLine("Not enough free space on volume.");
-        SendToken(TokenNak3);
-        DiscardInput();
-        return AdmitRefused;
+    const uint64_t freeSpace = FreeSpace();
+    if (freeSpace < header.TotalBytes) {
+        return RefuseForSpace();
     }
     if (header.FileCount > static_cast<uint32_t>(ListCapacity)) {
         return Refuse("Corrupted file list.");
@@ -354,6 +361,7 @@ int16_t AdmitFileList() {
     if (count > 0 && ReadBlock(wire, listBytes, ListLimitMs) < listBytes) {
         return Refuse("Corrupted file list.");
     }
+    uint64_t announcedData = 0;
     for (int i = 0; i < count; ++i) {
         SwapWireFileEntry(wire[i]);
         const int16_t kind = KindOf(wire[i]);
@@ -362,6 +370,12 @@ int16_t AdmitFileList() {
         if (kind == KindFolderMarker ? i != 0 : !DataLengthOfAFile(wire[i].DataLength)) {
             return Refuse("Corrupted file list.");
         }
+        announcedData += kind == KindFolderMarker ? 0 : wire[i].DataLength;
+    }
+    // A total below what the entries announce would let the files fill the
+    // volume past the room that was checked for.
+    if (freeSpace < announcedData) {
+        return RefuseForSpace();
     }
 
     const bool marker = count > 0 && KindOf(wire[0]) == KindFolderMarker;

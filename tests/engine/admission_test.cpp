@@ -108,6 +108,21 @@ TEST_F(AdmissionTest, FreeSpaceEqualToTheTotalIsEnoughAndOneByteLessIsNot) {
     EXPECT_EQ(ReceivedNames(), (std::vector<std::string>{"one.txt", "two.txt"}));
 }
 
+TEST_F(AdmissionTest, ATotalBelowWhatTheEntriesAnnounceDoesNotPassTheSpaceCheck) {
+    SetFreeSpaceQuery([] { return uint64_t{3002}; });
+    // The header claims 3000 bytes; the entries hold 3003.
+    Offer({{"one.txt", 0, 1003}, {"two.txt", 0, 2000}}, 3000, 2);
+    EXPECT_EQ(TakeRefusal(), "NAK3\r\n");
+    const std::vector<std::string> log = Log();
+    EXPECT_EQ(std::count(log.begin(), log.end(), "Not enough free space on volume."), 1);
+    EXPECT_FALSE(PathExists(Incoming("one.txt")));
+    EXPECT_EQ(TheEngine.LinkState.load(), LinkConnected);
+    // A folder marker's lengths count for nothing.
+    Offer({{"Box", 1, 0x7FFFFFFF}, {"one.txt", 0, 3002}}, 0, 2);
+    EXPECT_EQ(Take(6), "ACK3\r\n");
+    EXPECT_EQ(ReceivedNames(), (std::vector<std::string>{"one.txt"}));
+}
+
 TEST_F(AdmissionTest, AListShorterThanAnnouncedIsRefused) {
     Offer({{"a.txt", 0, 10}}, 20, 2);
     EXPECT_EQ(Take(6, 3000), "NAK4\r\n");
