@@ -5,6 +5,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -136,6 +137,7 @@ void Port::Send(const std::string& bytes) {
             ::poll(&p, 1, 100);
         }
     }
+    lastSend_ = Clock::now();
 }
 
 std::string Port::Receive(size_t count, int timeoutMs) {
@@ -158,12 +160,22 @@ std::string Port::Receive(size_t count, int timeoutMs) {
 }
 
 std::string Port::ReceiveUntil(const std::string& marker, int timeoutMs) {
+    return ReceiveUntilAny({marker}, timeoutMs);
+}
+
+std::string Port::ReceiveUntilAny(const std::vector<std::string>& markers, int timeoutMs) {
     const auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
     for (;;) {
-        const size_t at = pending_.find(marker);
-        if (at != std::string::npos) {
-            std::string out = pending_.substr(0, at + marker.size());
-            pending_.erase(0, at + marker.size());
+        size_t cut = std::string::npos;
+        for (const std::string& marker : markers) {
+            const size_t at = pending_.find(marker);
+            if (at != std::string::npos) {
+                cut = std::min(cut, at + marker.size());
+            }
+        }
+        if (cut != std::string::npos) {
+            std::string out = pending_.substr(0, cut);
+            pending_.erase(0, cut);
             return out;
         }
         pollfd p{fd_, POLLIN, 0};
@@ -217,12 +229,16 @@ bool Port::Answer(int timeoutMs) {
 }
 
 bool Port::HangUp() {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    // The escape needs the port silent for the adapter's guard time (500 ms)
+    // on both sides of the "+++"; its OK marks the end of the second one.
+    std::this_thread::sleep_until(lastSend_ + std::chrono::milliseconds(600));
     Send("+++");
-    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
-    const std::string escaped = ReceiveFor(200);
+    const std::string escaped = ReceiveUntilAny({"OK\r\n", "NO CARRIER"}, 5000);
     if (escaped.find("NO CARRIER") != std::string::npos) {
         return true;  // the far end hung up first
+    }
+    if (escaped.find("OK\r\n") == std::string::npos) {
+        return false;
     }
     Send("ATH\r");
     const std::string reply = ReceiveUntil("OK\r\n", 3000);

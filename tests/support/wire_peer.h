@@ -5,6 +5,7 @@
 // would, and can also send it anything at all.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -39,6 +40,9 @@ public:
     std::string Receive(size_t count, int timeoutMs);
     // Everything up to and including the marker; what came if it did not.
     std::string ReceiveUntil(const std::string& marker, int timeoutMs);
+    // Everything up to and including the first of the markers to come; what
+    // came if none did.
+    std::string ReceiveUntilAny(const std::vector<std::string>& markers, int timeoutMs);
     // What comes within the time.
     std::string ReceiveFor(int timeoutMs);
 
@@ -54,6 +58,7 @@ public:
 private:
     int fd_ = -1;
     std::string pending_;
+    std::chrono::steady_clock::time_point lastSend_ = std::chrono::steady_clock::now();
 };
 
 // The whole of a session as the sending side, after CONNECT as the caller:
