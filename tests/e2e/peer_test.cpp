@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -80,4 +81,35 @@ TEST_F(PeerAndStation, AStationSendsFilesAndThePeerReceivesThemIdentical) {
     EXPECT_NE(port->ReceiveUntil("NO CARRIER", 15000).find("NO CARRIER"), std::string::npos);
     ASSERT_TRUE(station->WaitForLog("All files sent."));
     ASSERT_EQ(station->Command("wait-state idle 30"), "ok");
+}
+
+TEST_F(PeerAndStation, AStationSendsAFolderAndThePeerGetsItsMarkerFirst) {
+    const std::vector<peer::File> files = {
+        {"a.txt", RandomBytes(5000, 27), 0},
+        {"setup.exe", RandomBytes(131072, 28), 2},
+    };
+    ASSERT_TRUE(CreateFolder(root / "Holiday"));
+    for (const peer::File& file : files) {
+        WriteWholeFile(root / "Holiday/" + file.name, file.bytes);
+    }
+    ASSERT_EQ(station->Command("add " + (root / "Holiday")), "ok");
+    ASSERT_EQ(station->Command("name Peer"), "ok");
+    ASSERT_EQ(station->Command("number 5553003"), "ok");
+    ASSERT_EQ(station->Command("send"), "ok");
+    ASSERT_TRUE(port->Answer(30000));
+    std::vector<peer::File> arrived;
+    std::string folder;
+    EXPECT_EQ(peer::ReceiveSession(*port, arrived, &folder), "");
+    EXPECT_EQ(folder, "Holiday");
+    // A folder's files go in the order the folder lists them.
+    std::sort(arrived.begin(), arrived.end(),
+              [](const peer::File& a, const peer::File& b) { return a.name < b.name; });
+    ASSERT_EQ(arrived.size(), files.size());
+    for (size_t i = 0; i < files.size(); ++i) {
+        EXPECT_EQ(arrived[i].name, files[i].name);
+        EXPECT_EQ(arrived[i].kind, files[i].kind) << files[i].name;
+        EXPECT_TRUE(arrived[i].bytes == files[i].bytes) << files[i].name;
+    }
+    EXPECT_NE(port->ReceiveUntil("NO CARRIER", 15000).find("NO CARRIER"), std::string::npos);
+    ASSERT_TRUE(station->WaitForLog("All files sent."));
 }

@@ -260,7 +260,7 @@ std::string SendSession(Port& port, const std::vector<File>& files, const std::s
     size_t withData = 0;
     for (const File& file : files) {
         const uint32_t length = StreamLength(file.bytes.size());
-        list += Entry(file.name, 0, length, length);
+        list += Entry(file.name, file.kind, length, length);
         total += length;
         ++count;
         withData += file.bytes.empty() ? 0 : 1;
@@ -289,7 +289,7 @@ std::string SendSession(Port& port, const std::vector<File>& files, const std::s
     return "";
 }
 
-std::string ReceiveSession(Port& port, std::vector<File>& files) {
+std::string ReceiveSession(Port& port, std::vector<File>& files, std::string* folder) {
     if (port.ReceiveUntil("SYNCON\r\n", 10000).find("SYNCON\r\n") == std::string::npos) {
         return "no SYNCON";
     }
@@ -300,6 +300,7 @@ std::string ReceiveSession(Port& port, std::vector<File>& files) {
     }
     const std::string header = port.Receive(28, 2000);
     if (header.size() != 28 || Get32(header, 0) != 0xFFAA5500u ||
+        header.compare(4, 10, std::string(10, '\0')) != 0 ||
         header.compare(14, 6, std::string("W100\0\0", 6)) != 0) {
         return "a bad header";
     }
@@ -311,22 +312,40 @@ std::string ReceiveSession(Port& port, std::vector<File>& files) {
     struct Announced {
         std::string name;
         uint32_t dataLength;
+        int32_t kind;
     };
     std::vector<Announced> announced;
     uint32_t total = 0;
     for (uint32_t i = 0; i < count; ++i) {
         const std::string entry = list.substr(56 * size_t{i}, 56);
-        const std::string name = entry.substr(0, entry.find('\0'));
-        if (Get32(entry, 32) != 0) {
-            continue;  // a folder marker carries no data
+        // What follows the name's terminator means nothing.
+        const size_t end = entry.find('\0');
+        if (end > 31) {
+            return "a name without its terminator";
+        }
+        const std::string name = entry.substr(0, end);
+        const uint32_t kind = Get32(entry, 32);
+        if (kind == 1) {
+            // A folder marker heads the list; nothing but its name counts.
+            if (i != 0) {
+                return "a folder marker behind a file";
+            }
+            if (folder != nullptr) {
+                *folder = name;
+            }
+            continue;
+        }
+        if (kind != 0 && kind != 2) {
+            return "an entry of kind " + std::to_string(kind);
         }
         const uint32_t dataLength = Get32(entry, 40);
+        const uint32_t lastSection = dataLength % (SectionData + 2);
         if (Get32(entry, 36) != dataLength || Get32(entry, 44) != 0 ||
-            entry.compare(48, 8, "dosaTEXT") != 0) {
+            entry.compare(48, 8, "dosaTEXT") != 0 || lastSection == 1 || lastSection == 2) {
             return "a bad entry for " + name;
         }
         total += dataLength;
-        announced.push_back({name, dataLength});
+        announced.push_back({name, dataLength, static_cast<int32_t>(kind)});
     }
     if (total != Get32(header, 24)) {
         return "a total that is not the sum of the entries";
@@ -337,7 +356,7 @@ std::string ReceiveSession(Port& port, std::vector<File>& files) {
         left += a.dataLength != 0 ? 1 : 0;
     }
     for (const Announced& a : announced) {
-        File file{a.name, ""};
+        File file{a.name, "", a.kind};
         if (a.dataLength != 0) {
             const std::string stream = port.Receive(a.dataLength, 30000);
             if (stream.size() != a.dataLength) {

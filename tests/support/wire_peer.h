@@ -25,6 +25,7 @@ uint32_t StreamLength(size_t fileSize);
 struct File {
     std::string name;
     std::string bytes;
+    int32_t kind = 0;  // 2 for a program file
 };
 
 // The port of a virtual adapter, raw, at 115200 bits per second.
@@ -65,7 +66,8 @@ private:
 // SYNCON, the list, the data, the ACKs. Returns "" or what went wrong.
 std::string SendSession(Port& port, const std::vector<File>& files, const std::string& folder = "");
 // The whole of a session as the receiving side, after CONNECT as the
-// answerer. The files that arrived, or "" in failure with the reason.
-std::string ReceiveSession(Port& port, std::vector<File>& files);
+// answerer: the files that arrive go to files, and the name of a folder marker
+// at the head of the list to folder. Returns "" or what went wrong.
+std::string ReceiveSession(Port& port, std::vector<File>& files, std::string* folder = nullptr);
 
 }  // namespace peer
