@@ -19,6 +19,7 @@
 #include "engine/session_threads.h"
 #include "engine/sessions.h"
 #include "engine/teardown.h"
+#include "engine/token_lines.h"
 #include "engine/transfer_engine.h"
 #include "line/adapter.h"
 #include "line/comm_port.h"
@@ -36,36 +37,6 @@ constexpr int16_t ListLimitMs = 1000;
 // Characters of a name kept in front of a suffix such as "-A".
 constexpr size_t NameStemForSuffix = 29;
 constexpr size_t NameLimit = 31;
-
-// The unfinished end of a line that a read gave up on, for the next read to
-// finish: a token whose pieces arrive further apart than one read waits is
-// still heard. Only the last few bytes are kept, too few to hold a whole
-// token but enough to begin any, and only for a moment, so that no fragment
-// outlives its call. The communications thread alone uses them.
-constexpr size_t CarryBytes = 15;
-constexpr uint32_t CarryLimitMs = 1000;
-std::string carriedBytes;
-uint32_t carriedAt = 0;
-
-// The line just read, behind what the previous read left unfinished.
-std::string JoinCarried(const char* read) {
-    std::string line;
-    if (!carriedBytes.empty() && NowMs() - carriedAt <= CarryLimitMs) {
-        line = carriedBytes;
-    }
-    carriedBytes.clear();
-    return line + read;
-}
-
-// Keeps the end of a line that did not finish within its read.
-void CarryUnfinished(const char* read) {
-    if (*read == '\0') {
-        return;  // nothing came: what is carried ages on
-    }
-    const std::string line = JoinCarried(read);
-    carriedBytes = line.substr(line.size() > CarryBytes ? line.size() - CarryBytes : 0);
-    carriedAt = NowMs();
-}
 
 std::mutex freeSpaceLock;
 FreeSpaceQuery freeSpaceQuery;
@@ -223,7 +194,7 @@ void OnListOffered() {
 }
 
 void OnReceiverCarrierLost() {
-    carriedBytes.clear();
+    ForgetUnfinishedLine();
     AddLogLine("Disconnected");
     Display().LogElapsedTime();
     SleepMs(50);
@@ -300,12 +271,10 @@ void EndRecoveryCandidacy() {
 }
 
 void OnReceiverInput() {
-    std::memset(TokenBuffer, 0, TokenBufferSize);
-    if (ReadLine(TokenLineLimitMs, TokenBuffer) == nullptr) {
-        CarryUnfinished(TokenBuffer);
+    std::string line;
+    if (!ReadTokenLine(TokenLineLimitMs, line)) {
         return;
     }
-    const std::string line = JoinCarried(TokenBuffer);
     if (TheEngine.LinkState.load() == LinkRecovery) {
         if (LineHolds(line, TokenSendRecovr)) {
             ApplyRecoveryAtReceiver();
@@ -388,7 +357,6 @@ int16_t AdmitFileList() {
             return Refuse("Too many files named " + name);
         }
         folder = IncomingPath + "/" + folderName;
-        AddLogLine("Created new folder: " + folderName);
     }
 
     // The list's first file with data may take up a file that a former call
@@ -425,6 +393,10 @@ int16_t AdmitFileList() {
         plan.push_back(file);
     }
 
+    if (marker) {
+        // Only now that the list will be taken: a refused one removes it again.
+        AddLogLine("Created new folder: " + folderName);
+    }
     if (!recovered) {
         EndRecoveryCandidacy();
     }

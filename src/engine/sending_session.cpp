@@ -11,6 +11,7 @@
 #include "engine/session_threads.h"
 #include "engine/sessions.h"
 #include "engine/teardown.h"
+#include "engine/token_lines.h"
 #include "engine/transfer_engine.h"
 #include "line/adapter.h"
 #include "line/comm_port.h"
@@ -103,6 +104,7 @@ void OnContSend() {
 }
 
 void OnSenderCarrierLost() {
+    ForgetUnfinishedLine();
     if (TheEngine.LinkState.load() == LinkTransfer) {
         AddLogLine("Remote end aborted transfer.");
         TheEngine.FeederRun = 0;
@@ -218,11 +220,10 @@ void OnNextFileWanted() {
 }  // namespace
 
 void OnSenderInput() {
-    std::memset(TokenBuffer, 0, TokenBufferSize);
-    if (ReadLine(TokenLineLimitMs, TokenBuffer) == nullptr) {
+    std::string line;
+    if (!ReadTokenLine(TokenLineLimitMs, line)) {
         return;
     }
-    const std::string line(TokenBuffer);
     if (LineHolds(line, TokenFileRecovr)) {
         OnFileRecovr();
         return;

@@ -7,6 +7,7 @@
 // the send list are this thread's alone until it is done.
 
 #include "engine/teardown.h"
+#include "engine/token_lines.h"
 
 #include <cstring>
 #include <string>
@@ -167,6 +168,7 @@ bool RetryHangUpIfDue() {
 }
 
 void OnCallEnded() {
+    ForgetUnfinishedLine();
     EngineWindow& display = Display();
     AddLogLine("Disconnected");
     display.ShowTransferDisplay(false);

@@ -271,7 +271,10 @@ TEST_F(AdmissionTest, ANameWithAllItsSuffixesTakenRefusesTheList) {
     Offer(same);
     EXPECT_EQ(TakeRefusal(), "NAK4\r\n");
     EXPECT_TRUE(WaitForLog("Too many files named same"));
-    // The folder made for the refused list is gone again.
+    // The folder made for the refused list is gone again, and the log never
+    // said it was made.
     EXPECT_FALSE(PathExists(Incoming("Box")));
+    const std::vector<std::string> log = Log();
+    EXPECT_EQ(std::count(log.begin(), log.end(), "Created new folder: Box"), 0);
     EXPECT_EQ(TheEngine.LinkState.load(), LinkConnected);
 }

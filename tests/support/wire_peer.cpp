@@ -289,11 +289,26 @@ std::string SendSession(Port& port, const std::vector<File>& files, const std::s
     return "";
 }
 
-std::string ReceiveSession(Port& port, std::vector<File>& files, std::string* folder) {
+namespace {
+
+void SendToken(Port& port, const std::string& token, int pauseMs) {
+    if (pauseMs <= 0) {
+        port.Send(token);
+        return;
+    }
+    port.Send(token.substr(0, token.size() / 2));
+    std::this_thread::sleep_for(std::chrono::milliseconds(pauseMs));
+    port.Send(token.substr(token.size() / 2));
+}
+
+}  // namespace
+
+std::string ReceiveSession(Port& port, std::vector<File>& files, std::string* folder,
+                           int tokenPauseMs) {
     if (port.ReceiveUntil("SYNCON\r\n", 10000).find("SYNCON\r\n") == std::string::npos) {
         return "no SYNCON";
     }
-    port.Send("RCVCON\r\n");
+    SendToken(port, "RCVCON\r\n", tokenPauseMs);
     const std::string token = port.ReceiveUntil("H100\r\n", 5000);
     if (token != "H100\r\n") {
         return "no H100 but " + token;
@@ -350,7 +365,7 @@ std::string ReceiveSession(Port& port, std::vector<File>& files, std::string* fo
     if (total != Get32(header, 24)) {
         return "a total that is not the sum of the entries";
     }
-    port.Send("ACK3\r\n");
+    SendToken(port, "ACK3\r\n", tokenPauseMs);
     size_t left = 0;
     for (const Announced& a : announced) {
         left += a.dataLength != 0 ? 1 : 0;
@@ -373,7 +388,7 @@ std::string ReceiveSession(Port& port, std::vector<File>& files, std::string* fo
                 file.bytes.append(stream, at + 2, length);
             }
             --left;
-            port.Send(left == 0 ? "ACK2\r\n" : "ACK4\r\n");
+            SendToken(port, left == 0 ? "ACK2\r\n" : "ACK4\r\n", tokenPauseMs);
         }
         files.push_back(file);
     }

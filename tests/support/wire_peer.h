@@ -67,7 +67,9 @@ private:
 std::string SendSession(Port& port, const std::vector<File>& files, const std::string& folder = "");
 // The whole of a session as the receiving side, after CONNECT as the
 // answerer: the files that arrive go to files, and the name of a folder marker
-// at the head of the list to folder. Returns "" or what went wrong.
-std::string ReceiveSession(Port& port, std::vector<File>& files, std::string* folder = nullptr);
+// at the head of the list to folder. Returns "" or what went wrong. With a
+// pause, each token the peer sends goes in two pieces that far apart.
+std::string ReceiveSession(Port& port, std::vector<File>& files, std::string* folder = nullptr,
+                           int tokenPauseMs = 0);
 
 }  // namespace peer

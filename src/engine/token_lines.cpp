@@ -1,0 +1,50 @@
+#include "engine/token_lines.h"
+
+#include <cstring>
+
+#include "engine/transfer_engine.h"
+#include "line/comm_port.h"
+#include "platform/clock.h"
+
+namespace {
+
+// Only the last few bytes are kept, too few to hold a whole token but enough
+// to begin any, and only for a moment, so that no fragment outlives its call.
+// The communications thread alone uses them.
+constexpr size_t CarryBytes = 15;
+constexpr uint32_t CarryLimitMs = 1000;
+std::string carriedBytes;
+uint32_t carriedAt = 0;
+
+// What was just read, behind what the previous read left unfinished.
+std::string JoinCarried(const char* read) {
+    std::string line;
+    if (!carriedBytes.empty() && NowMs() - carriedAt <= CarryLimitMs) {
+        line = carriedBytes;
+    }
+    carriedBytes.clear();
+    return line + read;
+}
+
+}  // namespace
+
+bool ReadTokenLine(int16_t limitMs, std::string& line) {
+    std::memset(TokenBuffer, 0, TokenBufferSize);
+    const bool ended = ReadLine(limitMs, TokenBuffer) != nullptr;
+    if (ended) {
+        line = JoinCarried(TokenBuffer);
+        return true;
+    }
+    line.clear();
+    if (*TokenBuffer != '\0') {  // when nothing came, what is carried ages on
+        const std::string unfinished = JoinCarried(TokenBuffer);
+        carriedBytes = unfinished.substr(
+            unfinished.size() > CarryBytes ? unfinished.size() - CarryBytes : 0);
+        carriedAt = NowMs();
+    }
+    return false;
+}
+
+void ForgetUnfinishedLine() {
+    carriedBytes.clear();
+}
