@@ -17,10 +17,14 @@ CC=clang CXX=clang++ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithD
 cmake --build "$build" -j2
 
 status=0
-for target in admission recovery; do
+for target in admission recovery tokens; do
     work="$build/runs/$target"
     rm -rf "$work"
     mkdir -p "$work/corpus"
+    # A target's seeds, where it has some, start its corpus.
+    if [ -d "fuzz/seeds/$target" ]; then
+        cp "fuzz/seeds/$target/"* "$work/corpus/"
+    fi
     start=$(date +%s)
     if (cd "$work" && "../../fuzz/${target}_fuzz" -runs="$runs" -print_final_stats=1 corpus \
         >log.txt 2>&1); then

@@ -35,10 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FeedPort(list);
     AdmitFileList();
     // What a refusal leaves, and what the program answered, goes.
-    while (const uint32_t waiting = PortQueueCount(1)) {
-        static uint8_t scratch[8192];
-        ReadBlock(scratch, waiting < sizeof scratch ? waiting : sizeof scratch, 0);
-    }
+    DiscardPortInput();
     DrainPortOutput();
     TheEngine.ReceiveCount = 0;
     TheEngine.ReceiveListSize = 0;

@@ -3,10 +3,12 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <set>
+#include <thread>
 
 #include "engine/engine_window.h"
 #include "engine/sessions.h"
@@ -113,6 +115,69 @@ void FeedPort(const std::string& bytes) {
 void DrainPortOutput() {
     char scratch[4096];
     while (::read(terminal.master, scratch, sizeof scratch) > 0) {
+    }
+}
+
+// Writes all of text to the program's side, waiting while its input is full.
+static void Answer(const std::string& text) {
+    size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t n = ::write(terminal.master, text.data() + done, text.size() - done);
+        if (n > 0) {
+            done += static_cast<size_t>(n);
+        } else if (errno == EAGAIN || errno == EINTR) {
+            pollfd room{terminal.master, POLLOUT, 0};
+            ::poll(&room, 1, 10);
+        } else {
+            Fail("the adapter cannot answer");
+        }
+    }
+}
+
+void StartInstantAdapter() {
+    static bool started = false;
+    if (started) {
+        return;
+    }
+    started = true;
+    std::thread([] {
+        std::string heard;
+        char bytes[4096];
+        for (;;) {
+            pollfd ready{terminal.master, POLLIN, 0};
+            if (::poll(&ready, 1, -1) <= 0) {
+                continue;
+            }
+            const ssize_t n = ::read(terminal.master, bytes, sizeof bytes);
+            if (n <= 0) {
+                continue;
+            }
+            heard.append(bytes, static_cast<size_t>(n));
+            // Only the end of what was heard can still begin a command.
+            for (;;) {
+                const size_t escape = heard.find("+++");
+                const size_t at = heard.find("AT");
+                const size_t cr = at == std::string::npos ? std::string::npos : heard.find('\r', at);
+                if (escape != std::string::npos && (cr == std::string::npos || escape < at)) {
+                    heard.erase(0, escape + 3);
+                } else if (cr != std::string::npos) {
+                    heard.erase(0, cr + 1);
+                } else {
+                    break;
+                }
+                Answer("OK\r\n");
+            }
+            if (heard.size() > 64) {
+                heard.erase(0, heard.size() - 64);
+            }
+        }
+    }).detach();
+}
+
+void DiscardPortInput() {
+    static uint8_t scratch[8192];
+    while (const uint32_t waiting = PortQueueCount(1)) {
+        ReadBlock(scratch, waiting < sizeof scratch ? waiting : sizeof scratch, 0);
     }
 }
 

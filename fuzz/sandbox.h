@@ -11,6 +11,13 @@ void SetUpSandbox();
 void FeedPort(const std::string& bytes);
 // Throws away what the program wrote to its port.
 void DrainPortOutput();
+// From now on the far end of the port answers at once, as an adapter in
+// command mode does: OK to every command line and to the escape "+++".
+// Whatever else the program writes is thrown away. DrainPortOutput must not
+// be used once this runs.
+void StartInstantAdapter();
+// Throws away what waits in the program's input queue.
+void DiscardPortInput();
 // Aborts, which the fuzzer reports as a finding, if anything exists in the
 // sandbox outside the installation's known files and its "Incoming Files";
 // then empties "Incoming Files" for the next input.

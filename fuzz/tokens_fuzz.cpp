@@ -1,0 +1,130 @@
+// Fuzz target: the receiving side's token handler, fed what a far end sends
+// during a call — tokens in any order, noise, retrieve requests, lists behind
+// H100 and answers to a repair — from the moment the call is up until the
+// first file's data would begin. Each input starts a fresh call on which the
+// receive folder holds a file that a former call left for a resume, so that
+// the recovery tokens have something to act on.
+//
+// The far end of the port answers every command with OK at once, as an
+// adapter does in command mode, so that a list with a wrong magic ends its
+// call without waiting out a reply limit. Every input is followed by CR LF,
+// zero bytes enough for the longest header and list, and CR LF again, so
+// that no record read waits for bytes that will never come. A line read
+// skips zero bytes, so the padding that a record read leaves over does not
+// stand between a command and its OK either.
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "engine/recovery.h"
+#include "engine/session_threads.h"
+#include "engine/sessions.h"
+#include "engine/teardown.h"
+#include "engine/token_lines.h"
+#include "engine/transfer_engine.h"
+#include "engine/wire.h"
+#include "line/adapter.h"
+#include "line/comm_port.h"
+#include "platform/clock.h"
+#include "platform/files.h"
+#include "sandbox.h"
+#include "stores/paths.h"
+
+namespace {
+
+constexpr int StepLimit = 64;
+
+// A file of two sections, the first of which had arrived when the former
+// call fell.
+void LeaveAResumableFile() {
+    const std::string path = IncomingPath + "/resume.bin";
+    const std::string bytes(SectionFileOffset(BlocksPerSection), 'r');
+    File file;
+    if (!file.Open(path, File::Mode::CreateReadWrite) ||
+        !file.Write(bytes.data(), static_cast<uint32_t>(bytes.size()))) {
+        std::abort();
+    }
+    file.Close();
+    FileEntry& entry = TheEngine.ReceiveList[0];
+    entry = FileEntry{};
+    entry.WireName.Set("resume.bin");
+    entry.DisplayName.Set("resume.bin");
+    entry.FilePath.Set(path);
+    SetEntryLengths(entry, 2 * SectionWireBytes);
+    entry.NextBlock = static_cast<int16_t>(BlocksPerSection);
+    entry.BlocksDone = entry.NextBlock;
+    entry.BytesDone = SectionWireBytes;
+    TheEngine.ExpectedBlock = BlockBytes;
+    TheEngine.ReceiveRemaining = SectionWireBytes;
+    SnapshotSection();
+    TheEngine.ReceiveList[0] = FileEntry{};
+}
+
+// The line falling ends each input anyway, by the cleanup behind the loop.
+// NO CARRIER within the input would end it sooner through the same cleanup,
+// after a pause for the adapter that would slow the fuzzer to a crawl, so it
+// is spoiled wherever it would be heard: also across the NUL bytes that a
+// line read skips.
+void DefuseCarrierLoss(std::string& input) {
+    const std::string_view loss = "NO CARRIER";
+    for (;;) {
+        std::string heard;
+        std::vector<size_t> at;
+        for (size_t i = 0; i < input.size(); ++i) {
+            if (input[i] != '\0') {
+                heard += input[i];
+                at.push_back(i);
+            }
+        }
+        const size_t found = heard.find(loss);
+        if (found == std::string::npos) {
+            return;
+        }
+        input[at[found]] = 'n';
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    SetUpSandbox();
+    StartInstantAdapter();
+    AdapterFound = 0;  // no profile goes out after a call; nothing would answer it
+    LeaveAResumableFile();
+    TheEngine.WeSend = 0;
+    TheEngine.ReceiveCount = 0;
+    TheEngine.ReceiveListSize = 0;
+    TheEngine.RetrievePending = 0;
+    TheEngine.LastRxTime = NowMs();
+    TheEngine.LinkState = LinkConnected;
+
+    std::string input(reinterpret_cast<const char*>(data), size);
+    DefuseCarrierLoss(input);
+    input += "\r\n";
+    input += std::string(sizeof(SessionHeader) + ListCapacity * sizeof(WireFileEntry), '\0');
+    input += "\r\n";
+    FeedPort(input);
+    for (int step = 0; step < StepLimit && PortQueueCount(1) != 0; ++step) {
+        const int16_t state = TheEngine.LinkState.load();
+        if (state != LinkConnected && state != LinkRecovery) {
+            break;  // the call has ended, or the data of a file has begun
+        }
+        OnReceiverInput();
+    }
+
+    // The call falls here, whatever its state: what is incomplete goes.
+    if (TheEngine.LinkState.load() >= LinkConnected) {
+        EndOfCallCleanup();
+    }
+    EndRecoveryCandidacy();
+    ForgetUnfinishedLine();
+    ClearSessionFlags();
+    TheEngine.LinkState = LinkConnected;
+    DiscardPortInput();
+    CheckAndEmptySandbox();
+    return 0;
+}
