@@ -157,7 +157,8 @@ void StartInstantAdapter() {
             for (;;) {
                 const size_t escape = heard.find("+++");
                 const size_t at = heard.find("AT");
-                const size_t cr = at == std::string::npos ? std::string::npos : heard.find('\r', at);
+                const size_t cr =
+                    at == std::string::npos ? std::string::npos : heard.find('\r', at);
                 if (escape != std::string::npos && (cr == std::string::npos || escape < at)) {
                     heard.erase(0, escape + 3);
                 } else if (cr != std::string::npos) {

@@ -7,7 +7,6 @@
 // the send list are this thread's alone until it is done.
 
 #include "engine/teardown.h"
-#include "engine/token_lines.h"
 
 #include <cstring>
 #include <string>
@@ -16,6 +15,7 @@
 #include "engine/display.h"
 #include "engine/session_threads.h"
 #include "engine/sessions.h"
+#include "engine/token_lines.h"
 #include "engine/transfer_engine.h"
 #include "line/adapter.h"
 #include "line/comm_port.h"

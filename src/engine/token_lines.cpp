@@ -38,8 +38,8 @@ bool ReadTokenLine(int16_t limitMs, std::string& line) {
     line.clear();
     if (*TokenBuffer != '\0') {  // when nothing came, what is carried ages on
         const std::string unfinished = JoinCarried(TokenBuffer);
-        carriedBytes = unfinished.substr(
-            unfinished.size() > CarryBytes ? unfinished.size() - CarryBytes : 0);
+        carriedBytes =
+            unfinished.substr(unfinished.size() > CarryBytes ? unfinished.size() - CarryBytes : 0);
         carriedAt = NowMs();
     }
     return false;
