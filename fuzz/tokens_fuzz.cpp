@@ -105,10 +105,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string input(reinterpret_cast<const char*>(data), size);
     DefuseCarrierLoss(input);
     input += "\r\n";
-    input += std::string(sizeof(SessionHeader) + ListCapacity * sizeof(WireFileEntry), '\0');
-    input += "\r\n";
+    const std::string padding =
+        std::string(sizeof(SessionHeader) + ListCapacity * sizeof(WireFileEntry), '\0') + "\r\n";
+    input += padding;
     FeedPort(input);
-    for (int step = 0; step < StepLimit && PortQueueCount(1) != 0; ++step) {
+    // Once no more than the padding waits, what is left reads as an empty
+    // line, one byte at a time; it is not read.
+    for (int step = 0; step < StepLimit && PortQueueCount(1) > padding.size(); ++step) {
         const int16_t state = TheEngine.LinkState.load();
         if (state != LinkConnected && state != LinkRecovery) {
             break;  // the call has ended, or the data of a file has begun
