@@ -72,7 +72,7 @@ void SetUpSandbox() {
         Fail("cannot make the sandbox");
     }
     base = made;
-    // Gone again when the fuzzer ends; an input that crashed leaves it.
+    // Gone again when the fuzzer ends; a crash or an interrupt leaves it.
     std::atexit([] { fs::remove_all(base); });
     root = base + "/inst";
     fs::create_directory(root);
