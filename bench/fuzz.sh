@@ -1,23 +1,29 @@
 #!/usr/bin/env bash
 # Builds the fuzz targets with clang (libFuzzer, AddressSanitizer and
 # UndefinedBehaviorSanitizer) and runs each for a million inputs, or for the
-# number given. Prints, per target, the inputs run, the time, the coverage
-# and what was found; exits non-zero if anything was. Not part of ./test.sh.
+# number given, each target or those named. Prints, per target, the inputs
+# run, the time, the coverage and what was found; exits non-zero if anything
+# was. Not part of ./test.sh.
 #
-#   bench/fuzz.sh [RUNS]
+#   bench/fuzz.sh [RUNS [TARGET...]]     TARGET: admission recovery tokens send_tokens
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/ensure-packages.sh
 kb_ensure_packages clang libclang-rt-14-dev
 
 runs=${1:-1000000}
+shift || true
+targets=("$@")
+if [ "${#targets[@]}" -eq 0 ]; then
+    targets=(admission recovery tokens send_tokens)
+fi
 build=build-fuzz
 CC=clang CXX=clang++ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DKB_FUZZ=ON >/dev/null
 cmake --build "$build" -j2
 
 status=0
-for target in admission recovery tokens; do
+for target in "${targets[@]}"; do
     work="$build/runs/$target"
     rm -rf "$work"
     mkdir -p "$work/corpus"

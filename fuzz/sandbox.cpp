@@ -15,6 +15,7 @@
 #include "engine/transfer_engine.h"
 #include "line/adapter.h"
 #include "line/comm_port.h"
+#include "platform/clock.h"
 #include "platform/files.h"
 #include "platform/pseudo_terminal.h"
 #include "stores/paths.h"
@@ -85,6 +86,8 @@ void SetUpSandbox() {
     }
     SelectPortNumber(1);
     SelectPortBaud(115200);
+    // A fuzz target has no pause to wait out: its adapter answers at once.
+    CapPausesForTest(1);
     // As for a call: RTS/CTS, so that 0x11 and 0x13 in the data are data.
     if (CommPortOpen() == 0 || EnableHardwareHandshake() != 1) {
         Fail("the port does not open");
@@ -99,6 +102,21 @@ void SetUpSandbox() {
     for (const auto& item : fs::recursive_directory_iterator(base)) {
         known.insert(item.path().string());
     }
+}
+
+std::string PlaceSourceFile(const std::string& name, const std::string& bytes) {
+    const std::string folder = base + "/Outgoing";
+    fs::create_directories(folder);
+    const std::string path = folder + "/" + name;
+    File file;
+    if (!file.Open(path, File::Mode::CreateReadWrite) ||
+        (!bytes.empty() && !file.Write(bytes.data(), static_cast<uint32_t>(bytes.size())))) {
+        Fail("cannot place " + path);
+    }
+    file.Close();
+    known.insert(folder);
+    known.insert(path);
+    return path;
 }
 
 void FeedPort(const std::string& bytes) {

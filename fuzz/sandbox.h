@@ -7,6 +7,10 @@
 // Sets up the engine once, in a fresh folder under the system's temporary
 // folder, with the port open and the link in LinkConnected as a receiver.
 void SetUpSandbox();
+// Writes a file of the given bytes into the sandbox's "Outgoing" folder,
+// beside the installation, and returns its path. Such files count as the
+// sandbox's own for CheckAndEmptySandbox.
+std::string PlaceSourceFile(const std::string& name, const std::string& bytes);
 // Bytes for the port, as if the far end had sent them.
 void FeedPort(const std::string& bytes);
 // Throws away what the program wrote to its port.

@@ -1,12 +1,15 @@
 #include "platform/clock.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <thread>
 
 namespace {
 
 std::atomic<uint32_t> nowShift{0};
+std::atomic<uint32_t> longestPause{UINT32_MAX};
 
 // Seconds and milliseconds of the monotonic clock, the two parts that the
 // interval clock stores.
@@ -56,7 +59,12 @@ std::time_t WallSeconds() {
 }
 
 void SleepMs(uint32_t milliseconds) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+    const uint32_t pause = std::min(milliseconds, longestPause.load());
+    std::this_thread::sleep_for(std::chrono::milliseconds(pause));
+}
+
+void CapPausesForTest(uint32_t milliseconds) {
+    longestPause.store(milliseconds);
 }
 
 void ShiftNowMsForTest(uint32_t offset) {

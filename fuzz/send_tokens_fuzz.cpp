@@ -1,0 +1,222 @@
+// Fuzz target: the sending side's token handler, fed whatever a far end
+// answers to an offer: RCVCON, the acceptance or refusal of the list, a
+// resume with its body, repairs of sections, ACKs for files, aborts, the
+// loss of the line, noise and lines too long, in any order and in pieces.
+// The first byte of an input chooses how the call began: with or without a
+// folder in front of the files, and whether this end called to fetch files
+// instead of sending them.
+//
+// The list holds a file of two sections, so that a resume or a repair may
+// point to either, an empty file and a small one, read
+// from real files; the feeder sends their data to the adapter as in a call.
+// Every input ends with the line's fall, and then:
+// - the files offered are unchanged on disk;
+// - no feeder runs, the link is idle and this end no longer sends;
+// - the list holds what it held less some files taken off its top, and the
+//   file on top goes back to its start, to be sent whole next time;
+// - nothing was written outside the receive folder.
+
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "engine/recovery.h"
+#include "engine/session_threads.h"
+#include "engine/sessions.h"
+#include "engine/teardown.h"
+#include "engine/token_lines.h"
+#include "engine/transfer_engine.h"
+#include "engine/wire.h"
+#include "line/adapter.h"
+#include "line/comm_port.h"
+#include "platform/files.h"
+#include "sandbox.h"
+
+namespace {
+
+constexpr int StepLimit = 64;
+
+struct SourceFile {
+    const char* name;
+    std::string bytes;
+    std::string path;
+};
+
+// Lower-case letters only, so that nothing in the data reads as a command to
+// the adapter.
+std::string Letters(size_t length, unsigned seed) {
+    std::string text(length, 'a');
+    for (size_t i = 0; i < length; ++i) {
+        seed = seed * 1103515245u + 12345u;
+        text[i] = static_cast<char>('a' + (seed >> 16) % 26);
+    }
+    return text;
+}
+
+std::array<SourceFile, 3>& Sources() {
+    static std::array<SourceFile, 3> sources = [] {
+        std::array<SourceFile, 3> made{{
+            {"two-sections.bin", Letters(SectionFileBytes + 777, 2), {}},
+            {"empty.txt", std::string(), {}},
+            {"small.txt", Letters(5000, 1), {}},
+        }};
+        for (SourceFile& source : made) {
+            source.path = PlaceSourceFile(source.name, source.bytes);
+        }
+        return made;
+    }();
+    return sources;
+}
+
+void Require(bool holds, const char* what) {
+    if (!holds) {
+        std::fprintf(stderr, "send_tokens_fuzz: %s\n", what);
+        std::abort();
+    }
+}
+
+// The list as the window makes it when the files are dropped on it.
+void OfferTheFiles(bool withFolder) {
+    int16_t count = 0;
+    uint32_t remaining = 0;
+    if (withFolder) {
+        FileEntry& marker = TheEngine.SendList[count++];
+        marker = FileEntry{};
+        marker.FilePath.Set(Sources()[0].path.substr(0, Sources()[0].path.rfind('/')));
+        marker.DisplayName.Set("Outgoing");
+        marker.EntryKind = KindFolderMarker;
+    }
+    for (const SourceFile& source : Sources()) {
+        FileEntry& entry = TheEngine.SendList[count++];
+        entry = FileEntry{};
+        entry.FilePath.Set(source.path);
+        entry.DisplayName.Set(source.name);
+        entry.EntryKind = KindPlainFile;
+        SetEntryLengths(entry, static_cast<uint32_t>(DataLengthForSize(source.bytes.size())));
+        entry.CreatorCode = DefaultCreatorCode;
+        entry.TypeCode = DefaultTypeCode;
+        remaining += entry.TotalLength;
+    }
+    TheEngine.SendCount = count;
+    TheEngine.SendRemaining = remaining;
+}
+
+bool SourcesIntact() {
+    for (const SourceFile& source : Sources()) {
+        File file;
+        if (!file.Open(source.path, File::Mode::Read) ||
+            file.Length() != static_cast<int64_t>(source.bytes.size())) {
+            return false;
+        }
+        std::string bytes(source.bytes.size(), '\0');
+        if (!bytes.empty() &&
+            file.Read(bytes.data(), static_cast<uint32_t>(bytes.size())) != bytes.size()) {
+            return false;
+        }
+        if (bytes != source.bytes) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// What is left of the list is its end, in order, and its top starts afresh.
+void CheckTheListLeft() {
+    const int16_t count = TheEngine.SendCount.load();
+    Require(count >= 0 && count <= static_cast<int16_t>(Sources().size()) + 1,
+            "a list longer than the one offered");
+    const auto& sources = Sources();
+    for (int16_t i = 0; i < count; ++i) {
+        const FileEntry& entry = TheEngine.SendList[i];
+        if (entry.EntryKind == KindFolderMarker) {
+            Require(i == 0, "a folder marker below the top");
+            continue;
+        }
+        const size_t source = sources.size() - static_cast<size_t>(count - i);
+        Require(entry.DisplayName.View() == sources[source].name, "a list out of its order");
+    }
+    if (count > 0) {
+        const FileEntry& top = TheEngine.SendList[0];
+        Require(top.NextBlock == 0 && top.BlocksDone == 0 && top.BytesDone == 0,
+                "the file on top does not go back to its start");
+    }
+}
+
+// The station hands over to its receiving side after a request to fetch
+// files; a list that comes then is admitted as any other.
+void Step() {
+    if (TheEngine.WeSend.load() != 0) {
+        OnSenderInput();
+    } else {
+        OnReceiverInput();
+    }
+}
+
+bool CallUp() {
+    const int16_t state = TheEngine.LinkState.load();
+    if (TheEngine.WeSend.load() != 0) {
+        return state >= LinkConnected;
+    }
+    // The receiving side's data is not this target's.
+    return state == LinkConnected || state == LinkRecovery;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size == 0) {
+        return 0;
+    }
+    SetUpSandbox();
+    StartInstantAdapter();
+    AdapterFound = 0;  // no profile goes out after a call; nothing would answer it
+    OfferTheFiles((data[0] & 1) != 0);
+    if ((data[0] & 2) != 0) {
+        // A request to fetch files goes out instead of a list.
+        TheEngine.RetrievePending = 1;
+        TheEngine.SendCount = 0;
+        TheEngine.SendRemaining = 0;
+    }
+    TheEngine.ReceiveCount = 0;
+    TheEngine.ReceiveListSize = 0;
+    TheEngine.WeSend = 1;
+    TheEngine.LinkState = LinkConnected;
+
+    std::string input(reinterpret_cast<const char*>(data + 1), size - 1);
+    input += "\r\n";
+    // Enough for the body behind a resume or a repair, and for a list that
+    // comes after a request to fetch files.
+    const std::string padding =
+        std::string(sizeof(SessionHeader) + ListCapacity * sizeof(WireFileEntry), '\0') + "\r\n";
+    input += padding;
+    FeedPort(input);
+    for (int step = 0; step < StepLimit && PortQueueCount(1) > padding.size() && CallUp(); ++step) {
+        Step();
+    }
+
+    // The line falls, as the adapter reports it.
+    DiscardPortInput();
+    if (TheEngine.WeSend.load() != 0 && TheEngine.LinkState.load() >= LinkConnected) {
+        FeedPort("NO CARRIER\r\n");
+        OnSenderInput();
+        Require(TheEngine.LinkState.load() == LinkIdle, "the line's fall leaves the call up");
+    } else if (TheEngine.LinkState.load() >= LinkConnected) {
+        EndOfCallCleanup();
+        TheEngine.LinkState = LinkIdle;
+    }
+    EndRecoveryCandidacy();
+    ForgetUnfinishedLine();
+    ClearSessionFlags();
+
+    Require(!FeederRunning(), "a feeder runs after the call");
+    Require(SourcesIntact(), "a file offered was changed");
+    CheckTheListLeft();
+    TheEngine.RetrievePending = 0;
+    TheEngine.WeSend = 0;
+    TheEngine.LinkState = LinkConnected;
+    DiscardPortInput();
+    CheckAndEmptySandbox();
+    return 0;
+}
