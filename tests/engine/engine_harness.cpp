@@ -1,11 +1,13 @@
 #include "engine_harness.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <random>
 #include <thread>
 
 #include "engine/checksum.h"
+#include "engine/recovery.h"
 #include "engine/sessions.h"
 #include "engine/wire.h"
 #include "line/adapter.h"
@@ -51,6 +53,12 @@ void RecordingWindow::Note(const std::string& call) {
 std::vector<std::string> RecordingWindow::Calls() const {
     std::lock_guard<std::mutex> guard(lock_);
     return calls_;
+}
+
+bool RecordingWindow::Called(const std::string& call) const {
+    std::lock_guard<std::mutex> guard(lock_);
+    return std::any_of(calls_.begin(), calls_.end(),
+                       [&](const std::string& made) { return made.rfind(call, 0) == 0; });
 }
 
 void RecordingWindow::Forget() {
@@ -157,6 +165,37 @@ std::string PatternBytes(size_t size, uint32_t seed) {
     return bytes;
 }
 
+std::string LetterBytes(size_t size) {
+    std::string bytes(size, 'a');
+    for (size_t i = 0; i < size; ++i) {
+        bytes[i] = static_cast<char>('a' + (i * 7 + i / 13) % 26);
+    }
+    return bytes;
+}
+
+std::string ListFor(const std::vector<peer::File>& files) {
+    std::string entries;
+    uint32_t total = 0;
+    for (const peer::File& file : files) {
+        const uint32_t length = peer::StreamLength(file.bytes.size());
+        entries += peer::Entry(file.name, file.kind, length, length);
+        total += length;
+    }
+    return "H100\r\n" + peer::Header(static_cast<uint32_t>(files.size()), total) + entries;
+}
+
+std::string BodyAt(uint32_t dataLength, int16_t section, uint32_t receiveRemaining) {
+    FileEntry position;
+    SetEntryLengths(position, dataLength);
+    position.CreatorCode = DefaultCreatorCode;
+    position.TypeCode = DefaultTypeCode;
+    position.NextBlock = static_cast<int16_t>(section * 16);
+    position.BlocksDone = position.NextBlock;
+    position.BytesDone = static_cast<uint32_t>(section) * SectionWireBytes;
+    const RecoveryBody body = MakeRecoveryBody(8192, receiveRemaining, position);
+    return std::string(reinterpret_cast<const char*>(&body), sizeof body);
+}
+
 // ---------------------------------------------------------------------------
 
 void EngineHarness::SetUp() {
@@ -167,6 +206,7 @@ void EngineHarness::SetUp() {
         }
         logged_.notify_all();
     });
+    SetFreeSpaceQuery([] { return uint64_t{1} << 40; });
     BuildPaths(root.Path());
     CreateFolder(IncomingPath);
     far.LinkAs(root.Path(), 1);
@@ -314,12 +354,24 @@ void EngineHarness::ConnectAsAnswerer() {
     EXPECT_TRUE(WaitForLog("Connected 115200"));
 }
 
+void EngineHarness::ConnectAsReceiver() {
+    ConnectAsAnswerer();
+    Send("SYNCON\r\n");
+    EXPECT_EQ(Take(8), "RCVCON\r\n");
+}
+
 void EngineHarness::ConnectAsCaller() {
     TheEngine.WeSend = 1;
     TheEngine.LinkState = LinkDialing;
     Send("\r\nCONNECT 115200\r\n");
     EXPECT_EQ(Take(8), "SYNCON\r\n");
     ASSERT_TRUE(WaitForState(LinkConnected));
+}
+
+void EngineHarness::ConnectAndTakeList(size_t entries) {
+    ConnectAsCaller();
+    Send("RCVCON\r\n");
+    EXPECT_EQ(Take(6 + 28 + 56 * entries).substr(0, 6), "H100\r\n");
 }
 
 std::string EngineHarness::MakeFile(const std::string& name, const std::string& bytes) {

@@ -23,6 +23,7 @@
 #include "platform/thread.h"
 #include "support/far_end.h"
 #include "support/temp_folder.h"
+#include "support/wire_peer.h"
 
 // A window that keeps the engine's display calls as text, such as
 // "SetProgress(100,100)". The calls that carry engine state do what the
@@ -46,6 +47,8 @@ public:
 
     std::vector<std::string> Calls() const;
     void Forget();
+    // True once a call whose text starts with this has been made.
+    bool Called(const std::string& call) const;
 
 private:
     void Note(const std::string& call);
@@ -62,6 +65,13 @@ std::string WireHeader(uint32_t count, uint32_t total, uint32_t magic = 0xFFAA55
 std::string WireEntry(const std::string& name, int32_t kind, uint32_t dataLength);
 // Bytes that look like nothing in particular.
 std::string PatternBytes(size_t size, uint32_t seed);
+// Letters only, so that a hang-up's "+++" cannot be mistaken in the data.
+std::string LetterBytes(size_t size);
+// "H100" and the list of the files, as a peer sends it.
+std::string ListFor(const std::vector<peer::File>& files);
+// A recovery body naming the start of section `section` of a file whose
+// stream is dataLength bytes long.
+std::string BodyAt(uint32_t dataLength, int16_t section, uint32_t receiveRemaining);
 
 class EngineHarness : public ::testing::Test {
 protected:
@@ -104,8 +114,12 @@ protected:
     bool Logged(const std::string& line) const;
     // The engine answers a call: RING, ATA, CONNECT.
     void ConnectAsAnswerer();
+    // Answered, and the far end's SYNCON has had its RCVCON.
+    void ConnectAsReceiver();
     // The engine has dialled and the far end answers: CONNECT, SYNCON.
     void ConnectAsCaller();
+    // Called, RCVCON sent, and the list of that many entries taken.
+    void ConnectAndTakeList(size_t entries);
     // A file in the installation, and its entry at the end of SendList.
     std::string MakeFile(const std::string& name, const std::string& bytes);
     void AddToSendList(const std::string& path, const std::string& name);

@@ -21,28 +21,6 @@ RecoveryBody BodyOf(const std::string& bytes) {
     return RecordFromBytes<RecoveryBody>(bytes.data());
 }
 
-// The position at the start of section `section` of a file of dataLength.
-std::string BodyAt(uint32_t dataLength, int16_t section, uint32_t receiveRemaining) {
-    FileEntry position;
-    SetEntryLengths(position, dataLength);
-    position.CreatorCode = DefaultCreatorCode;
-    position.TypeCode = DefaultTypeCode;
-    position.NextBlock = static_cast<int16_t>(section * 16);
-    position.BlocksDone = position.NextBlock;
-    position.BytesDone = static_cast<uint32_t>(section) * SectionWireBytes;
-    const RecoveryBody body = MakeRecoveryBody(8192, receiveRemaining, position);
-    return std::string(reinterpret_cast<const char*>(&body), sizeof body);
-}
-
-// Letters only, so that a hang-up's "+++" cannot be mistaken in the data.
-std::string LetterBytes(size_t size) {
-    std::string bytes(size, 'a');
-    for (size_t i = 0; i < size; ++i) {
-        bytes[i] = static_cast<char>('a' + (i * 7 + i / 13) % 26);
-    }
-    return bytes;
-}
-
 }  // namespace
 
 TEST_F(ReceiverRecoveryTest, ABadThirdSectionIsAskedForFromItsStart) {

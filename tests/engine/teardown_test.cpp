@@ -20,14 +20,6 @@
 
 namespace {
 
-std::string LetterBytes(size_t size) {
-    std::string bytes(size, 'a');
-    for (size_t i = 0; i < size; ++i) {
-        bytes[i] = static_cast<char>('a' + (i * 5 + i / 11) % 26);
-    }
-    return bytes;
-}
-
 struct TestFile {
     std::string name;
     std::string bytes;

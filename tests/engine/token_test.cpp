@@ -30,20 +30,6 @@ std::string OneFileOffer(const std::string& name, size_t size) {
            WireEntry(name, 0, static_cast<uint32_t>(DataLengthForSize(size)));
 }
 
-// The body a receiver sends for a position in a file of dataLength bytes:
-// the start of section `section`.
-std::string BodyAt(uint32_t dataLength, int16_t section, uint32_t receiveRemaining) {
-    FileEntry position;
-    SetEntryLengths(position, dataLength);
-    position.CreatorCode = DefaultCreatorCode;
-    position.TypeCode = DefaultTypeCode;
-    position.NextBlock = static_cast<int16_t>(section * 16);
-    position.BlocksDone = position.NextBlock;
-    position.BytesDone = static_cast<uint32_t>(section) * SectionWireBytes;
-    const RecoveryBody body = MakeRecoveryBody(8192, receiveRemaining, position);
-    return std::string(reinterpret_cast<const char*>(&body), sizeof body);
-}
-
 }  // namespace
 
 TEST_F(ReceiverTokenTest, NoiseAndNulBytesAroundATokenAreLeftOutOfTheLine) {
