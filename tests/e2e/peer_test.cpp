@@ -33,9 +33,9 @@ TEST(WirePeer, ChecksumGivesTheKnownValues) {
 
 TEST_F(PeerAndStation, APeerSendsAFolderOfFilesAndTheStationFilesThemIdentical) {
     const std::vector<peer::File> files = {
-        {"hello.txt", RandomBytes(1000, 21)},
-        {"empty.dat", ""},
-        {"mid.bin", RandomBytes(131071, 22)},
+        {"hello.txt", RandomBytes(1000, 21)},   {"empty.dat", ""},
+        {"one.byte", RandomBytes(1, 29)},       {"block.bin", RandomBytes(8190, 30)},
+        {"whole.bin", RandomBytes(131070, 31)}, {"mid.bin", RandomBytes(131071, 22)},
         {"big.bin", RandomBytes(300000, 23)},
     };
     ASSERT_TRUE(port->Dial("5552002"));
@@ -50,18 +50,18 @@ TEST_F(PeerAndStation, APeerSendsAFolderOfFilesAndTheStationFilesThemIdentical) 
     EXPECT_EQ(LinesHolding(station->LogLines(),
                            {"Created new folder", "Receiving File", "All files received"}),
               (std::vector<std::string>{"Created new folder: Album", "Receiving File: hello.txt",
-                                        "Receiving File: mid.bin", "Receiving File: big.bin",
-                                        "All files received."}));
+                                        "Receiving File: one.byte", "Receiving File: block.bin",
+                                        "Receiving File: whole.bin", "Receiving File: mid.bin",
+                                        "Receiving File: big.bin", "All files received."}));
 }
 
 // Every token of the receiving peer comes in two pieces further apart than
 // the sending station's read of a line waits: the station still hears each.
 TEST_F(PeerAndStation, AStationSendsFilesAndThePeerReceivesThemIdentical) {
     const std::vector<peer::File> files = {
-        {"note.txt", RandomBytes(9000, 24)},
-        {"blank.txt", ""},
-        {"whole.bin", RandomBytes(131070, 25)},
-        {"big.bin", RandomBytes(400000, 26)},
+        {"note.txt", RandomBytes(9000, 24)},    {"blank.txt", ""},
+        {"one.byte", RandomBytes(1, 32)},       {"block.bin", RandomBytes(8190, 33)},
+        {"whole.bin", RandomBytes(131070, 25)}, {"big.bin", RandomBytes(400000, 26)},
     };
     ASSERT_TRUE(CreateFolder(root / "samples"));
     for (const peer::File& file : files) {
