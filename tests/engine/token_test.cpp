@@ -1,6 +1,8 @@
 // Tokens on both sides of a session, in the orders of the protocol: noise in
 // front of a token, NUL bytes inside a line, several tokens on one line, and
-// tokens that belong to no session in progress.
+// tokens that belong to no session in progress; the adapter's answers to a
+// call, and exchanges with it from another thread while the communications
+// thread waits on the port.
 
 #include <gtest/gtest.h>
 
@@ -15,6 +17,7 @@
 #include "engine/session_threads.h"
 #include "engine/wire.h"
 #include "engine_harness.h"
+#include "line/adapter.h"
 #include "platform/control_model.h"
 #include "platform/message_box.h"
 #include "resources/resource.h"
@@ -24,6 +27,7 @@ namespace {
 using ReceiverTokenTest = EngineHarness;
 using SenderTokenTest = EngineHarness;
 using CallProgressTest = EngineHarness;
+using PortHandOverTest = EngineHarness;
 
 std::string OneFileOffer(const std::string& name, size_t size) {
     return "H100\r\n" + WireHeader(1, static_cast<uint32_t>(DataLengthForSize(size))) +
@@ -310,6 +314,22 @@ TEST_F(CallProgressTest, PlaceCallSetsUpTheAdapterThenDialsTheFilteredNumber) {
     EXPECT_EQ(*(calling + 1), "at (030) 555-12+555 13");
     EXPECT_TRUE(Logged("Busy"));
     controls.Reset();
+}
+
+TEST_F(PortHandOverTest, AnExchangeFromAnotherThreadGetsItsOwnReplies) {
+    // The communications thread idles on the port; each exchange takes the
+    // port from it, and the reply reaches the exchange, not the line handler.
+    for (int i = 0; i < 30; ++i) {
+        std::thread exchange([] { EXPECT_TRUE(SendAndWaitOk("ATZ")); });
+        EXPECT_EQ(TakeUntil("\r"), "ATZ\r");
+        Send("ATZ\r\r\nRING\r\nOK\r\n");
+        exchange.join();
+    }
+    EXPECT_EQ(TakeFor(100), "");
+    EXPECT_EQ(LinePollingEnabled.load(), 1);
+    // And the line handler has the port again.
+    Send("\r\nRING\r\n");
+    EXPECT_EQ(TakeUntil("\r", 3000), "ATA\r");
 }
 
 TEST(DialStringTest, CarrierCodesGoInFrontOfEachNumber) {
