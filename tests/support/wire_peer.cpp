@@ -118,6 +118,13 @@ Port::Port(const std::string& path) {
     ::tcsetattr(fd_, TCSANOW, &settings);
 }
 
+Port::Port(int fd) : fd_(::fcntl(fd, F_DUPFD_CLOEXEC, 0)) {
+    if (fd_ < 0) {
+        throw std::runtime_error(std::string("cannot take the descriptor: ") +
+                                 std::strerror(errno));
+    }
+}
+
 Port::~Port() {
     if (fd_ >= 0) {
         ::close(fd_);

@@ -32,6 +32,9 @@ struct File {
 class Port {
 public:
     explicit Port(const std::string& path);
+    // A descriptor already open, such as a pseudo-terminal's own end, used as
+    // it is set up.
+    explicit Port(int fd);
     ~Port();
     Port(const Port&) = delete;
     Port& operator=(const Port&) = delete;
