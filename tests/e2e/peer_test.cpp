@@ -12,25 +12,6 @@
 #include "peer_fixture.h"
 #include "platform/files.h"
 
-// The peer's checksum agrees with the values every build must reproduce, so
-// that the tests below compare two implementations and not two mistakes.
-TEST(WirePeer, ChecksumGivesTheKnownValues) {
-    const std::string abc = "abc";
-    EXPECT_EQ(peer::Crc16(reinterpret_cast<const uint8_t*>(abc.data()), 3, 0), 0x9DD6);
-    std::string repeated;
-    for (int i = 0; i < 400; ++i) {
-        repeated += abc;
-    }
-    EXPECT_EQ(peer::SectionChecksum(reinterpret_cast<const uint8_t*>(repeated.data()), 1200),
-              0x1F93);
-    std::string counting(131070, '\0');
-    for (size_t i = 0; i < counting.size(); ++i) {
-        counting[i] = static_cast<char>(i % 256);
-    }
-    EXPECT_EQ(peer::SectionChecksum(reinterpret_cast<const uint8_t*>(counting.data()), 131070),
-              0x37BA);
-}
-
 TEST_F(PeerAndStation, APeerSendsAFolderOfFilesAndTheStationFilesThemIdentical) {
     const std::vector<peer::File> files = {
         {"hello.txt", RandomBytes(1000, 21)},   {"empty.dat", ""},
