@@ -64,6 +64,54 @@ TEST(WireRecords, RetrieveRequestCarriesTheNumberZeroPadded) {
 // ---------------------------------------------------------------------------
 // Sections and blocks
 
+TEST(WireArithmetic, LengthsOfFilesOnTheWire) {
+    struct Case {
+        uint64_t size;
+        uint32_t dataLength;
+        int16_t dataBlocks;
+        int16_t lastBlockBytes;
+    };
+    const Case cases[] = {
+        {0, 0, 0, 0},
+        {1, 3, 0, 3},
+        {8190, 8192, 1, 0},
+        {8191, 8193, 1, 1},
+        {131070, 131072, 16, 0},
+        {131071, 131075, 16, 3},
+        {262140, 262144, 32, 0},
+        {262141, 262147, 32, 3},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(DataLengthForSize(c.size), c.dataLength) << c.size;
+        EXPECT_EQ(DataBlocksOf(c.dataLength), c.dataBlocks) << c.size;
+        EXPECT_EQ(LastBlockBytesOf(c.dataLength), c.lastBlockBytes) << c.size;
+    }
+}
+
+TEST(WireArithmetic, NewEntryPosition) {
+    const FileEntry empty = EntryForFile("empty", 0);
+    EXPECT_EQ(empty.DataDone, 1u);
+    EXPECT_EQ(empty.TotalLength, 0u);
+
+    FileEntry entry = EntryForFile("f", 8191);
+    EXPECT_EQ(entry.TotalLength, 8193u);
+    EXPECT_EQ(entry.DataDone, 0u);
+    EXPECT_EQ(entry.AuxLength, 0u);
+    EXPECT_EQ(entry.AuxDone, 1u);
+    EXPECT_EQ(entry.NextBlock, 0);
+    EXPECT_EQ(entry.BytesDone, 0u);
+    EXPECT_EQ(ExpectedBlockOf(entry), 8192);
+    entry.BlocksDone = 1;
+    EXPECT_EQ(ExpectedBlockOf(entry), 1);
+
+    EXPECT_EQ(ExpectedBlockOf(EntryForFile("one", 1)), 3);
+    // A stream that ends on a block boundary has no short block: after its
+    // last whole block nothing more is due.
+    FileEntry whole = EntryForFile("whole", 131070);
+    whole.BlocksDone = 16;
+    EXPECT_EQ(ExpectedBlockOf(whole), 0);
+}
+
 TEST(WireArithmetic, SectionOffsetsInTheFile) {
     EXPECT_EQ(SectionFileOffset(0), 0);
     EXPECT_EQ(SectionFileOffset(16), 131070);
