@@ -100,6 +100,7 @@ TEST_F(HostilePeer, NamesAreMadeSafeAndNothingLandsOutsideIncomingFiles) {
         {"..", "the folder above"},
         {".", "this folder"},
         {longName, "a name of 31 characters"},
+        {"", "no name at all"},
     };
     ASSERT_TRUE(port->Dial("5552002"));
     EXPECT_EQ(peer::SendSession(*port, files, "../up"), "");
@@ -110,6 +111,7 @@ TEST_F(HostilePeer, NamesAreMadeSafeAndNothingLandsOutsideIncomingFiles) {
     EXPECT_EQ(Incoming(".._up/ctl___.txt"), "control bytes");
     EXPECT_EQ(Incoming(".._up/_"), "the folder above");
     EXPECT_EQ(Incoming(".._up/_-A"), "this folder");
+    EXPECT_EQ(Incoming(".._up/_-B"), "no name at all");
     EXPECT_EQ(Incoming(".._up/" + longName), "a name of 31 characters");
     EXPECT_EQ(Count("Created new folder: .._up"), 1);
 

@@ -12,30 +12,11 @@
 #include "peer_fixture.h"
 #include "platform/files.h"
 
-// The peer's checksum agrees with the values every build must reproduce, so
-// that the tests below compare two implementations and not two mistakes.
-TEST(WirePeer, ChecksumGivesTheKnownValues) {
-    const std::string abc = "abc";
-    EXPECT_EQ(peer::Crc16(reinterpret_cast<const uint8_t*>(abc.data()), 3, 0), 0x9DD6);
-    std::string repeated;
-    for (int i = 0; i < 400; ++i) {
-        repeated += abc;
-    }
-    EXPECT_EQ(peer::SectionChecksum(reinterpret_cast<const uint8_t*>(repeated.data()), 1200),
-              0x1F93);
-    std::string counting(131070, '\0');
-    for (size_t i = 0; i < counting.size(); ++i) {
-        counting[i] = static_cast<char>(i % 256);
-    }
-    EXPECT_EQ(peer::SectionChecksum(reinterpret_cast<const uint8_t*>(counting.data()), 131070),
-              0x37BA);
-}
-
 TEST_F(PeerAndStation, APeerSendsAFolderOfFilesAndTheStationFilesThemIdentical) {
     const std::vector<peer::File> files = {
-        {"hello.txt", RandomBytes(1000, 21)},
-        {"empty.dat", ""},
-        {"mid.bin", RandomBytes(131071, 22)},
+        {"hello.txt", RandomBytes(1000, 21)},   {"empty.dat", ""},
+        {"one.byte", RandomBytes(1, 29)},       {"block.bin", RandomBytes(8190, 30)},
+        {"whole.bin", RandomBytes(131070, 31)}, {"mid.bin", RandomBytes(131071, 22)},
         {"big.bin", RandomBytes(300000, 23)},
     };
     ASSERT_TRUE(port->Dial("5552002"));
@@ -50,18 +31,18 @@ TEST_F(PeerAndStation, APeerSendsAFolderOfFilesAndTheStationFilesThemIdentical) 
     EXPECT_EQ(LinesHolding(station->LogLines(),
                            {"Created new folder", "Receiving File", "All files received"}),
               (std::vector<std::string>{"Created new folder: Album", "Receiving File: hello.txt",
-                                        "Receiving File: mid.bin", "Receiving File: big.bin",
-                                        "All files received."}));
+                                        "Receiving File: one.byte", "Receiving File: block.bin",
+                                        "Receiving File: whole.bin", "Receiving File: mid.bin",
+                                        "Receiving File: big.bin", "All files received."}));
 }
 
 // Every token of the receiving peer comes in two pieces further apart than
 // the sending station's read of a line waits: the station still hears each.
 TEST_F(PeerAndStation, AStationSendsFilesAndThePeerReceivesThemIdentical) {
     const std::vector<peer::File> files = {
-        {"note.txt", RandomBytes(9000, 24)},
-        {"blank.txt", ""},
-        {"whole.bin", RandomBytes(131070, 25)},
-        {"big.bin", RandomBytes(400000, 26)},
+        {"note.txt", RandomBytes(9000, 24)},    {"blank.txt", ""},
+        {"one.byte", RandomBytes(1, 32)},       {"block.bin", RandomBytes(8190, 33)},
+        {"whole.bin", RandomBytes(131070, 25)}, {"big.bin", RandomBytes(400000, 26)},
     };
     ASSERT_TRUE(CreateFolder(root / "samples"));
     for (const peer::File& file : files) {

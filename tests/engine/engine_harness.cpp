@@ -1,11 +1,11 @@
 #include "engine_harness.h"
 
+#include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <random>
 #include <thread>
 
-#include "engine/checksum.h"
+#include "engine/recovery.h"
 #include "engine/sessions.h"
 #include "engine/wire.h"
 #include "line/adapter.h"
@@ -19,28 +19,6 @@
 // The program's window defines these; the engine's tests have their own.
 EngineWindow* TheMainWindow = nullptr;
 
-namespace {
-
-std::string Format(const char* name, std::initializer_list<uint64_t> args) {
-    std::string text = std::string(name) + "(";
-    bool first = true;
-    for (const uint64_t arg : args) {
-        text += (first ? "" : ",") + std::to_string(arg);
-        first = false;
-    }
-    return text + ")";
-}
-
-std::string BigEndian(uint32_t value) {
-    std::string bytes(4, '\0');
-    for (int i = 0; i < 4; ++i) {
-        bytes[static_cast<size_t>(i)] = static_cast<char>((value >> (24 - 8 * i)) & 0xFF);
-    }
-    return bytes;
-}
-
-}  // namespace
-
 // ---------------------------------------------------------------------------
 
 void RecordingWindow::Note(const std::string& call) {
@@ -48,18 +26,9 @@ void RecordingWindow::Note(const std::string& call) {
     calls_.push_back(call);
 }
 
-std::vector<std::string> RecordingWindow::Calls() const {
+bool RecordingWindow::Called(const std::string& call) const {
     std::lock_guard<std::mutex> guard(lock_);
-    return calls_;
-}
-
-void RecordingWindow::Forget() {
-    std::lock_guard<std::mutex> guard(lock_);
-    calls_.clear();
-}
-
-void RecordingWindow::ShowBatchEstimate(uint32_t bytes) {
-    Note(Format("ShowBatchEstimate", {bytes}));
+    return std::find(calls_.begin(), calls_.end(), call) != calls_.end();
 }
 
 void RecordingWindow::RecomputeSendTotal() {
@@ -70,83 +39,19 @@ void RecordingWindow::RecomputeSendTotal() {
         }
     }
     TheEngine.SendRemaining = total;
-    Note(Format("RecomputeSendTotal", {total}));
-}
-
-void RecordingWindow::ShowTransferDisplay(bool starting) {
-    Note(Format("ShowTransferDisplay", {starting ? 1u : 0u}));
-}
-
-void RecordingWindow::SetProgress(uint32_t done, uint32_t total) {
-    Note(Format("SetProgress", {done, total}));
-}
-
-void RecordingWindow::ShowThroughput(bool sending, bool log) {
-    Note(Format("ShowThroughput", {sending ? 1u : 0u, log ? 1u : 0u}));
-}
-
-void RecordingWindow::LogElapsedTime() {
-    TheEngine.TransferStartTime = 0;
-    Note("LogElapsedTime()");
-}
-
-void RecordingWindow::ListIncomingFiles() {
-    Note("ListIncomingFiles()");
-}
-
-void RecordingWindow::RemoveTopFileRow() {
-    Note("RemoveTopFileRow()");
-}
-
-void RecordingWindow::UpdateActionButtons() {
-    Note("UpdateActionButtons()");
-}
-
-void RecordingWindow::ShowCorrespondent(int16_t index) {
-    Note(Format("ShowCorrespondent", {static_cast<uint64_t>(index)}));
+    Note("RecomputeSendTotal");
 }
 
 void RecordingWindow::ClearFileList() {
     TheEngine.SendCount = 0;
     TheEngine.SendRemaining = 0;
-    Note("ClearFileList()");
 }
 
 void RecordingWindow::AddFolderToSendList(const std::string& path, const std::string& name) {
     Note("AddFolderToSendList(" + path + "," + name + ")");
 }
 
-int RecordingWindow::ImportDirectoryEntry(const std::string& path) {
-    Note("ImportDirectoryEntry(" + path + ")");
-    return 1;
-}
-
 // ---------------------------------------------------------------------------
-
-std::string DataStreamOf(const std::string& fileBytes) {
-    std::string stream;
-    for (size_t at = 0; at < fileBytes.size(); at += SectionFileBytes) {
-        const std::string section = fileBytes.substr(at, SectionFileBytes);
-        const uint16_t crc = SectionCrc(reinterpret_cast<const uint8_t*>(section.data()),
-                                        static_cast<uint32_t>(section.size()));
-        stream += static_cast<char>(crc >> 8);
-        stream += static_cast<char>(crc & 0xFF);
-        stream += section;
-    }
-    return stream;
-}
-
-std::string WireHeader(uint32_t count, uint32_t total, uint32_t magic) {
-    return BigEndian(magic) + std::string(10, '\0') + std::string("W100\0\0", 6) +
-           BigEndian(count) + BigEndian(total);
-}
-
-std::string WireEntry(const std::string& name, int32_t kind, uint32_t dataLength) {
-    std::string field = name.substr(0, 32);
-    field.resize(32, '\0');
-    return field + BigEndian(static_cast<uint32_t>(kind)) + BigEndian(dataLength) +
-           BigEndian(dataLength) + BigEndian(0) + "dosaTEXT";
-}
 
 std::string PatternBytes(size_t size, uint32_t seed) {
     std::mt19937 random(seed);
@@ -155,6 +60,37 @@ std::string PatternBytes(size_t size, uint32_t seed) {
         c = static_cast<char>(random() & 0xFF);
     }
     return bytes;
+}
+
+std::string LetterBytes(size_t size) {
+    std::string bytes(size, 'a');
+    for (size_t i = 0; i < size; ++i) {
+        bytes[i] = static_cast<char>('a' + (i * 7 + i / 13) % 26);
+    }
+    return bytes;
+}
+
+std::string ListFor(const std::vector<peer::File>& files) {
+    std::string entries;
+    uint32_t total = 0;
+    for (const peer::File& file : files) {
+        const uint32_t length = peer::StreamLength(file.bytes.size());
+        entries += peer::Entry(file.name, file.kind, length, length);
+        total += length;
+    }
+    return "H100\r\n" + peer::Header(static_cast<uint32_t>(files.size()), total) + entries;
+}
+
+std::string BodyAt(uint32_t dataLength, int16_t section, uint32_t receiveRemaining) {
+    FileEntry position;
+    SetEntryLengths(position, dataLength);
+    position.CreatorCode = DefaultCreatorCode;
+    position.TypeCode = DefaultTypeCode;
+    position.NextBlock = static_cast<int16_t>(section * 16);
+    position.BlocksDone = position.NextBlock;
+    position.BytesDone = static_cast<uint32_t>(section) * SectionWireBytes;
+    const RecoveryBody body = MakeRecoveryBody(8192, receiveRemaining, position);
+    return std::string(reinterpret_cast<const char*>(&body), sizeof body);
 }
 
 // ---------------------------------------------------------------------------
@@ -167,6 +103,7 @@ void EngineHarness::SetUp() {
         }
         logged_.notify_all();
     });
+    SetFreeSpaceQuery([] { return uint64_t{1} << 40; });
     BuildPaths(root.Path());
     CreateFolder(IncomingPath);
     far.LinkAs(root.Path(), 1);
@@ -207,44 +144,6 @@ void EngineHarness::TearDown() {
     TheEngine.PickupSend = 0;
     TheEngine.BlockIndex = 0;
     TheEngine.TransferStartTime = 0;
-}
-
-std::string EngineHarness::Take(size_t count, int timeoutMs) {
-    if (pending_.size() < count) {
-        pending_ += far.Receive(count - pending_.size(), timeoutMs);
-    }
-    const size_t n = std::min(count, pending_.size());
-    std::string taken = pending_.substr(0, n);
-    pending_.erase(0, n);
-    return taken;
-}
-
-std::string EngineHarness::TakeUntil(const std::string& marker, int timeoutMs) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    for (;;) {
-        const size_t at = pending_.find(marker);
-        if (at != std::string::npos) {
-            std::string taken = pending_.substr(0, at + marker.size());
-            pending_.erase(0, at + marker.size());
-            return taken;
-        }
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                              end - std::chrono::steady_clock::now())
-                              .count();
-        if (left <= 0) {
-            std::string taken;
-            taken.swap(pending_);
-            return taken;
-        }
-        pending_ += far.Receive(pending_.size() + 1, static_cast<int>(std::min<int64_t>(left, 50)));
-    }
-}
-
-std::string EngineHarness::TakeFor(int ms) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
-    std::string taken;
-    taken.swap(pending_);
-    return taken + far.ReceiveAvailable();
 }
 
 std::string EngineHarness::AnswerCommand(int timeoutMs) {
@@ -314,12 +213,24 @@ void EngineHarness::ConnectAsAnswerer() {
     EXPECT_TRUE(WaitForLog("Connected 115200"));
 }
 
+void EngineHarness::ConnectAsReceiver() {
+    ConnectAsAnswerer();
+    Send("SYNCON\r\n");
+    EXPECT_EQ(Take(8), "RCVCON\r\n");
+}
+
 void EngineHarness::ConnectAsCaller() {
     TheEngine.WeSend = 1;
     TheEngine.LinkState = LinkDialing;
     Send("\r\nCONNECT 115200\r\n");
     EXPECT_EQ(Take(8), "SYNCON\r\n");
     ASSERT_TRUE(WaitForState(LinkConnected));
+}
+
+void EngineHarness::ConnectAndTakeList(size_t entries) {
+    ConnectAsCaller();
+    Send("RCVCON\r\n");
+    EXPECT_EQ(Take(6 + 28 + 56 * entries).substr(0, 6), "H100\r\n");
 }
 
 std::string EngineHarness::MakeFile(const std::string& name, const std::string& bytes) {

@@ -1,6 +1,8 @@
 // Tokens on both sides of a session, in the orders of the protocol: noise in
 // front of a token, NUL bytes inside a line, several tokens on one line, and
-// tokens that belong to no session in progress.
+// tokens that belong to no session in progress; recovery positions that a
+// sender must refuse; the adapter's answers to a call, and exchanges with it
+// from another thread while the communications thread waits on the port.
 
 #include <gtest/gtest.h>
 
@@ -11,87 +13,42 @@
 #include <vector>
 
 #include "engine/dialing.h"
-#include "engine/recovery.h"
 #include "engine/session_threads.h"
 #include "engine/wire.h"
 #include "engine_harness.h"
-#include "platform/control_model.h"
+#include "line/adapter.h"
 #include "platform/message_box.h"
-#include "resources/resource.h"
 
 namespace {
 
 using ReceiverTokenTest = EngineHarness;
 using SenderTokenTest = EngineHarness;
 using CallProgressTest = EngineHarness;
-
-std::string OneFileOffer(const std::string& name, size_t size) {
-    return "H100\r\n" + WireHeader(1, static_cast<uint32_t>(DataLengthForSize(size))) +
-           WireEntry(name, 0, static_cast<uint32_t>(DataLengthForSize(size)));
-}
-
-// The body a receiver sends for a position in a file of dataLength bytes:
-// the start of section `section`.
-std::string BodyAt(uint32_t dataLength, int16_t section, uint32_t receiveRemaining) {
-    FileEntry position;
-    SetEntryLengths(position, dataLength);
-    position.CreatorCode = DefaultCreatorCode;
-    position.TypeCode = DefaultTypeCode;
-    position.NextBlock = static_cast<int16_t>(section * 16);
-    position.BlocksDone = position.NextBlock;
-    position.BytesDone = static_cast<uint32_t>(section) * SectionWireBytes;
-    const RecoveryBody body = MakeRecoveryBody(8192, receiveRemaining, position);
-    return std::string(reinterpret_cast<const char*>(&body), sizeof body);
-}
+using PortHandOverTest = EngineHarness;
 
 }  // namespace
 
-TEST_F(ReceiverTokenTest, NoiseAndNulBytesAroundATokenAreLeftOutOfTheLine) {
+TEST_F(ReceiverTokenTest, NoiseNulBytesAndTwoTokensOnOneLineAreHeardInOrder) {
     ConnectAsAnswerer();
     Send(std::string("\x7f noise SYN\0CO\0N\r\n", 19));
     EXPECT_EQ(Take(8), "RCVCON\r\n");
     // A lone CR LF, as the first half of an adapter message, matches nothing.
     Send("\r\n");
     EXPECT_EQ(TakeFor(100), "");
-}
-
-TEST_F(ReceiverTokenTest, ALineHoldingSynconAndH100IsServedInThatOrder) {
-    ConnectAsAnswerer();
-    const std::string bytes = PatternBytes(5, 7);
-    Send("SYNCON H100\r\n" + OneFileOffer("both.txt", 5).substr(6));
+    const peer::File file{"both.txt", PatternBytes(5, 7)};
+    Send("SYNCON " + ListFor({file}));
     EXPECT_EQ(Take(14), "RCVCON\r\nACK3\r\n");
-    Send(DataStreamOf(bytes));
+    Send(peer::Stream(file.bytes));
     EXPECT_EQ(Take(6), "ACK2\r\n");
-    EXPECT_EQ(ReadWholeFile(Incoming("both.txt")), bytes);
-}
-
-TEST_F(ReceiverTokenTest, ATokenSplitByAPauseLongerThanOneReadIsStillHeard) {
-    ConnectAsAnswerer();
-    // The first piece is read, and the read's time runs out, before the rest
-    // arrives.
-    Send("SYN");
-    std::this_thread::sleep_for(std::chrono::milliseconds(700));
-    Send("CON\r\n");
-    EXPECT_EQ(Take(8), "RCVCON\r\n");
-    const std::string bytes = PatternBytes(40, 9);
-    const std::string offer = OneFileOffer("late.txt", bytes.size());
-    Send("noise H1");
-    std::this_thread::sleep_for(std::chrono::milliseconds(700));
-    Send(offer.substr(2));
-    EXPECT_EQ(Take(6), "ACK3\r\n");
-    Send(DataStreamOf(bytes));
-    EXPECT_EQ(Take(6), "ACK2\r\n");
-    EXPECT_EQ(ReadWholeFile(Incoming("late.txt")), bytes);
+    EXPECT_EQ(ReadWholeFile(Incoming("both.txt")), file.bytes);
 }
 
 TEST_F(ReceiverTokenTest, InRecoveryOnlySendRecovrIsHeard) {
-    ConnectAsAnswerer();
-    Send("SYNCON\r\n");
-    EXPECT_EQ(Take(8), "RCVCON\r\n");
+    ConnectAsReceiver();
     const std::string bytes = PatternBytes(2000, 3);
-    Send(OneFileOffer("fix.bin", bytes.size()));
+    Send(ListFor({{"fix.bin", bytes}}));
     EXPECT_EQ(Take(6), "ACK3\r\n");
-    std::string stream = DataStreamOf(bytes);
+    std::string stream = peer::Stream(bytes);
     stream[100] = static_cast<char>(stream[100] ^ 0x01);
     Send(stream);
     EXPECT_EQ(Take(12), "FILERECOVR\r\n");
@@ -106,7 +63,7 @@ TEST_F(ReceiverTokenTest, InRecoveryOnlySendRecovrIsHeard) {
     EXPECT_EQ(TheEngine.LinkState.load(), LinkRecovery);
     // Behind noise on its line, SENDRECOVR is heard, and the section comes
     // again from its start.
-    Send("xx SENDRECOVR\r\n" + DataStreamOf(bytes));
+    Send("xx SENDRECOVR\r\n" + peer::Stream(bytes));
     EXPECT_EQ(Take(6), "ACK2\r\n");
     EXPECT_EQ(ReadWholeFile(Incoming("fix.bin")), bytes);
 }
@@ -121,14 +78,14 @@ TEST_F(SenderTokenTest, AnAcceptanceBehindNoiseStartsTheTransferAndAck1CountsAsA
     EXPECT_EQ(TheEngine.LinkState.load(), LinkConnected);
 
     Send(std::string("junk\0 RCVCON\r\n", 14));
-    const std::string offer = OneFileOffer("a.bin", bytes.size());
+    const std::string offer = ListFor({{"a.bin", bytes}});
     EXPECT_EQ(Take(offer.size()), offer);
     // A second RCVCON does not offer the list twice.
     Send("RCVCON\r\n");
     EXPECT_EQ(TakeFor(200), "");
 
     Send("\r\nadapter noise ACK1\r\n");
-    EXPECT_EQ(Take(bytes.size() + 2), DataStreamOf(bytes));
+    EXPECT_EQ(Take(bytes.size() + 2), peer::Stream(bytes));
     EXPECT_TRUE(WaitForState(LinkFileSent));
     EXPECT_TRUE(Logged("Sending File: a.bin"));
     // No second transfer starts on a second acceptance.
@@ -142,12 +99,10 @@ TEST_F(SenderTokenTest, AnAcceptanceBehindNoiseStartsTheTransferAndAck1CountsAsA
 TEST_F(SenderTokenTest, FileResta1GoesOnFromTheReceiversPosition) {
     const std::string bytes = PatternBytes(2 * SectionFileBytes + 500, 13);
     AddToSendList(MakeFile("big.bin", bytes), "big.bin");
-    const uint32_t dataLength = static_cast<uint32_t>(DataLengthForSize(bytes.size()));
-    ConnectAsCaller();
-    Send("RCVCON\r\n");
-    Take(6 + 28 + 56);
+    const uint32_t dataLength = peer::StreamLength(bytes.size());
+    ConnectAndTakeList(1);
     Send("FILERESTA1\r\n" + BodyAt(dataLength, 2, 502));
-    const std::string stream = DataStreamOf(bytes);
+    const std::string stream = peer::Stream(bytes);
     EXPECT_EQ(Take(502), stream.substr(2 * SectionWireBytes));
     EXPECT_TRUE(WaitForLog("Sending Recovered File: big.bin"));
     EXPECT_TRUE(WaitForState(LinkFileSent));
@@ -155,41 +110,16 @@ TEST_F(SenderTokenTest, FileResta1GoesOnFromTheReceiversPosition) {
     AnswerHangUp();
 }
 
-TEST_F(SenderTokenTest, AShortRecoveryBodyEndsTheCall) {
-    const std::string bytes = PatternBytes(100, 17);
-    AddToSendList(MakeFile("c.bin", bytes), "c.bin");
-    ConnectAsCaller();
-    Send("RCVCON\r\n");
-    Take(6 + 28 + 56);
-    Send("FILERESTA3\r\n" + std::string(40, '\0'));
-    // After the body's second of silence: the adapter is asked whether the
-    // call is still up, and it is not.
-    EXPECT_EQ(AnswerCommand(3000), "AT");
-    EXPECT_EQ(AnswerCommand().substr(0, 4), "AT\\Q");
-    EXPECT_TRUE(WaitForState(LinkIdle));
-    EXPECT_TRUE(Logged("Read Buffer Timeout"));
-    EXPECT_EQ(TheEngine.SendCount.load(), 1);
-}
-
 TEST_F(SenderTokenTest, LossOfCarrierInTransferResetsTheFileInHand) {
     // Far more than the line holds while the far end takes nothing in.
     const std::string bytes = PatternBytes(4 * SectionFileBytes, 19);
     AddToSendList(MakeFile("d.bin", bytes), "d.bin");
     const uint32_t total = TheEngine.SendRemaining.load();
-    ConnectAsCaller();
-    Send("RCVCON\r\n");
-    Take(6 + 28 + 56);
+    ConnectAndTakeList(1);
     Send("ACK3\r\n\r\nNO CARRIER\r\n");
     EXPECT_TRUE(AnswerProfile());
     // The last step of the end of the call sums the list again.
-    ASSERT_TRUE(WaitUntil([this] {
-        for (const std::string& call : window.Calls()) {
-            if (call.rfind("RecomputeSendTotal", 0) == 0) {
-                return true;
-            }
-        }
-        return false;
-    }));
+    ASSERT_TRUE(WaitUntil([this] { return window.Called("RecomputeSendTotal"); }));
     EXPECT_EQ(TheEngine.LinkState.load(), LinkIdle);
     EXPECT_FALSE(FeederRunning());
     const std::vector<std::string> log = Log();
@@ -204,39 +134,27 @@ TEST_F(SenderTokenTest, LossOfCarrierInTransferResetsTheFileInHand) {
     EXPECT_EQ(TheEngine.WeSend.load(), 0);
 }
 
-TEST_F(SenderTokenTest, EmptyFilesLeaveTheListWithoutWaitingForAnAck) {
-    const std::string a = PatternBytes(500, 21);
-    const std::string b = PatternBytes(700, 22);
-    AddToSendList(MakeFile("a", a), "a");
-    AddToSendList(MakeFile("e1", ""), "e1");
-    AddToSendList(MakeFile("e2", ""), "e2");
-    AddToSendList(MakeFile("b", b), "b");
-    ConnectAsCaller();
-    Send("RCVCON\r\n");
-    Take(6 + 28 + 4 * 56);
-    Send("ACK3\r\n");
-    EXPECT_EQ(Take(502), DataStreamOf(a));
-    ASSERT_TRUE(WaitForState(LinkFileSent));
-    // The far end made the empty files at admission and asks for b at once.
-    Send("ACK4\r\n");
-    EXPECT_EQ(Take(702), DataStreamOf(b));
-    EXPECT_TRUE(WaitForLog("Sending File: b"));
-    EXPECT_FALSE(Logged("Sending File: e1"));
-    ASSERT_TRUE(WaitForState(LinkFileSent));
-    Send("ACK2\r\n");
-    AnswerHangUp();
-    EXPECT_TRUE(WaitForLog("All files sent."));
-}
-
 TEST_F(SenderTokenTest, AListWithNoDataIsThroughAtTheFirstAck2) {
     AddToSendList(MakeFile("e", ""), "e");
-    ConnectAsCaller();
-    Send("RCVCON\r\n");
-    Take(6 + 28 + 56);
+    ConnectAndTakeList(1);
     Send("ACK2\r\n");
     AnswerHangUp();
     EXPECT_TRUE(WaitForLog("All files sent."));
     EXPECT_EQ(TheEngine.SendCount.load(), 0);
+}
+
+TEST_F(SenderTokenTest, ARecoveryBodyOutsideTheFileEndsTheCall) {
+    const std::string bytes = LetterBytes(1000);
+    AddToSendList(MakeFile("s.txt", bytes), "s.txt");
+    ConnectAndTakeList(1);
+    Send("ACK3\r\n");
+    EXPECT_EQ(Take(1002), peer::Stream(bytes));
+    EXPECT_TRUE(WaitForState(LinkFileSent));
+    // A position sixteen blocks into a file that has none.
+    Send("FILERECOVR\r\n" + BodyAt(1002, 1, 0));
+    AnswerHangUp();
+    EXPECT_TRUE(WaitForState(LinkIdle));
+    EXPECT_FALSE(FeederRunning());
 }
 
 TEST_F(CallProgressTest, RingIsAnsweredRingingAndOtherSpeedsAreNot) {
@@ -286,44 +204,20 @@ TEST_F(CallProgressTest, BusyNoCarrierAndNoDialtoneEndTheDial) {
     SetMessageBoxHandler(nullptr);
 }
 
-TEST_F(CallProgressTest, PlaceCallSetsUpTheAdapterThenDialsTheFilteredNumber) {
-    ControlModel& controls = Controls();
-    controls.Reset();
-    for (const int id : {IDC_NAME, IDC_NUMBER, IDC_CARRIER, IDC_PROTOCOL, IDC_56K}) {
-        ControlState state;
-        state.id = id;
-        if (id == IDC_CARRIER) {
-            state.rows = {{"Default", "", 0}, {"AT&T", "", 0}, {"MCI", "", 0}, {"Sprint", "", 0}};
-        }
-        controls.Create(state);
+TEST_F(PortHandOverTest, AnExchangeFromAnotherThreadGetsItsOwnReplies) {
+    // The communications thread idles on the port; each exchange takes the
+    // port from it, and the reply reaches the exchange, not the line handler.
+    for (int i = 0; i < 30; ++i) {
+        std::thread exchange([] { EXPECT_TRUE(SendAndWaitOk("ATZ")); });
+        EXPECT_EQ(TakeUntil("\r"), "ATZ\r");
+        Send("ATZ\r\r\nRING\r\nOK\r\n");
+        exchange.join();
     }
-    // Without a number nothing goes to the adapter.
-    std::vector<std::string> messages;
-    SetMessageBoxHandler([&](const std::string& text) { messages.push_back(text); });
-    PlaceCall();
-    EXPECT_EQ(messages,
-              std::vector<std::string>{"Please select a correspondent in your Directory."});
     EXPECT_EQ(TakeFor(100), "");
-    SetMessageBoxHandler(nullptr);
-
-    controls.SetText(IDC_NAME, "Smith & Co");
-    controls.SetText(IDC_NUMBER, "(030) 555-12+555 13");
-    controls.Select(IDC_CARRIER, 1);
-    std::thread caller(PlaceCall);
-    // The outgoing profile first, then the dial string; the adapter's answer
-    // comes at once, and is read only once the link is dialling.
-    EXPECT_EQ(AnswerCommand().substr(0, 4), "AT\\Q");
-    EXPECT_EQ(TakeUntil("\r"), "ATD1028803055512+1028855513\r");
-    Send("\r\nBUSY\r\n");
-    caller.join();
-    EXPECT_EQ(AnswerCommand().substr(0, 4), "AT\\Q");
-    EXPECT_TRUE(WaitForState(LinkIdle));
-    const std::vector<std::string> log = Log();
-    const auto calling = std::find(log.begin(), log.end(), "Calling Smith & Co");
-    ASSERT_NE(calling, log.end());
-    EXPECT_EQ(*(calling + 1), "at (030) 555-12+555 13");
-    EXPECT_TRUE(Logged("Busy"));
-    controls.Reset();
+    EXPECT_EQ(LinePollingEnabled.load(), 1);
+    // And the line handler has the port again.
+    Send("\r\nRING\r\n");
+    EXPECT_EQ(TakeUntil("\r", 3000), "ATA\r");
 }
 
 TEST(DialStringTest, CarrierCodesGoInFrontOfEachNumber) {

@@ -14,12 +14,8 @@ using WatchdogTest = EngineHarness;
 }  // namespace
 
 TEST_F(WatchdogTest, FiveSecondsWithoutABlockAbortTheTransfer) {
-    SetFreeSpaceQuery([] { return uint64_t{1} << 30; });
-    ConnectAsAnswerer();
-    Send("SYNCON\r\n");
-    EXPECT_EQ(Take(8), "RCVCON\r\n");
-    const uint32_t length = static_cast<uint32_t>(DataLengthForSize(8191));
-    Send("H100\r\n" + WireHeader(1, length) + WireEntry("stall.bin", 0, length));
+    ConnectAsReceiver();
+    Send(ListFor({{"stall.bin", PatternBytes(8191, 1)}}));
     EXPECT_EQ(Take(6), "ACK3\r\n");
     // Not before the limit...
     EXPECT_EQ(TakeFor(4900), "");

@@ -4,12 +4,10 @@
 
 #include <cstdint>
 #include <cstring>
-#include <random>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "engine/checksum.h"
 #include "engine/file_entry.h"
 
 namespace {
@@ -52,114 +50,7 @@ FileEntry EntryForFile(std::string_view name, uint64_t size) {
 }
 
 // ---------------------------------------------------------------------------
-// A list of one file, a.txt of 1000 bytes, as it goes on the wire.
-
-TEST(WireExample, OneFileListBytes) {
-    const FileEntry entry = EntryForFile("a.txt", 1000);
-    ASSERT_EQ(entry.DataLength, 1002u);
-
-    const Bytes sent = Concat({
-        TextBytes(TokenH100.Line),
-        BytesOf(MakeSessionHeader(1, entry.TotalLength)),
-        BytesOf(MakeWireFileEntry(entry)),
-    });
-
-    const Bytes header = Concat({
-        {0xFF, 0xAA, 0x55, 0x00},
-        Zeros(10),
-        {0x57, 0x31, 0x30, 0x30, 0x00, 0x00},
-        {0x00, 0x00, 0x00, 0x01},
-        {0x00, 0x00, 0x03, 0xEA},
-    });
-    // The bytes behind the name's terminator are ours to choose: zeros.
-    const Bytes fileEntry = Concat({
-        {0x61, 0x2E, 0x74, 0x78, 0x74, 0x00},
-        Zeros(26),
-        {0x00, 0x00, 0x00, 0x00},
-        {0x00, 0x00, 0x03, 0xEA},
-        {0x00, 0x00, 0x03, 0xEA},
-        {0x00, 0x00, 0x00, 0x00},
-        {0x64, 0x6F, 0x73, 0x61},
-        {0x54, 0x45, 0x58, 0x54},
-    });
-    EXPECT_EQ(sent, Concat({TextBytes("H100\r\n"), header, fileEntry}));
-}
-
-TEST(WireExample, DataStreamIsOneShortBlockOpeningWithZeroChecksum) {
-    const FileEntry entry = EntryForFile("a.txt", 1000);
-    EXPECT_EQ(entry.DataBlocks, 0);
-    EXPECT_EQ(entry.LastBlockBytes, 1002);
-    EXPECT_EQ(ExpectedBlockOf(entry), 1002);
-
-    std::mt19937 random(1);
-    Bytes section(SectionWireBytes, 0xEE);
-    for (uint32_t i = 0; i < 1000; ++i) {
-        section[2 + i] = static_cast<uint8_t>(random() | 1);
-    }
-    SealSection(section.data(), 1000);
-    EXPECT_EQ(section[0], 0x00);
-    EXPECT_EQ(section[1], 0x00);
-    EXPECT_TRUE(SectionIntact(section.data(), 1000));
-}
-
-TEST(WireExample, ReceivedRecordsReadBackInHostOrder) {
-    const FileEntry entry = EntryForFile("a.txt", 1000);
-    // As the receiver finds them in its input, behind an odd offset.
-    const Bytes arrived =
-        Concat({{0x99}, BytesOf(MakeSessionHeader(1, 1002)), BytesOf(MakeWireFileEntry(entry))});
-
-    auto header = RecordFromBytes<SessionHeader>(arrived.data() + 1);
-    SwapSessionHeader(header);
-    EXPECT_EQ(header.Magic, SessionMagic);
-    EXPECT_EQ(header.FileCount, 1u);
-    EXPECT_EQ(header.TotalBytes, 1002u);
-
-    auto wire = RecordFromBytes<WireFileEntry>(arrived.data() + 1 + sizeof(SessionHeader));
-    SwapWireFileEntry(wire);
-    EXPECT_EQ(wire.Name.View(), "a.txt");
-    EXPECT_EQ(wire.EntryKind, 0);
-    EXPECT_EQ(wire.TotalLength, 1002u);
-    EXPECT_EQ(wire.DataLength, 1002u);
-    EXPECT_EQ(wire.AuxLength, 0u);
-    EXPECT_EQ(wire.CreatorCode, DefaultCreatorCode);
-    EXPECT_EQ(wire.TypeCode, DefaultTypeCode);
-}
-
-TEST(WireRecords, MagicInAnotherByteOrderIsNotTheMagic) {
-    const Bytes reversed = Concat({{0x00, 0x55, 0xAA, 0xFF}, Zeros(24)});
-    auto header = RecordFromBytes<SessionHeader>(reversed.data());
-    SwapSessionHeader(header);
-    EXPECT_NE(header.Magic, SessionMagic);
-}
-
-TEST(WireRecords, FolderMarkerAndProgramKindsAreBigEndian) {
-    FileEntry marker;
-    marker.DisplayName.Set("Reports");
-    marker.EntryKind = KindFolderMarker;
-    const Bytes markerBytes = BytesOf(MakeWireFileEntry(marker));
-    EXPECT_EQ(Bytes(markerBytes.begin() + 32, markerBytes.begin() + 36),
-              (Bytes{0x00, 0x00, 0x00, 0x01}));
-
-    FileEntry program = EntryForFile("setup.exe", 70000);
-    program.EntryKind = KindProgramFile;
-    const Bytes programBytes = BytesOf(MakeWireFileEntry(program));
-    EXPECT_EQ(Bytes(programBytes.begin() + 32, programBytes.begin() + 36),
-              (Bytes{0x00, 0x00, 0x00, 0x02}));
-    // 70000 + 2 = 0x00011172
-    EXPECT_EQ(Bytes(programBytes.begin() + 40, programBytes.begin() + 44),
-              (Bytes{0x00, 0x01, 0x11, 0x72}));
-}
-
-TEST(WireRecords, NameFieldIsZeroPaddedWhateverTheEntryHeld) {
-    FileEntry entry = EntryForFile("b", 10);
-    // Left-over bytes behind the terminator of the entry's own field.
-    std::memset(entry.DisplayName.Bytes, 'Z', sizeof entry.DisplayName.Bytes);
-    entry.DisplayName.Bytes[0] = 'b';
-    entry.DisplayName.Bytes[1] = 0;
-    const Bytes bytes = BytesOf(MakeWireFileEntry(entry));
-    EXPECT_EQ(bytes[0], 'b');
-    EXPECT_EQ(Bytes(bytes.begin() + 1, bytes.begin() + 32), Zeros(31));
-}
+// Records that no peer of the end-to-end tests sends
 
 TEST(WireRecords, RetrieveRequestCarriesTheNumberZeroPadded) {
     const Bytes bytes = BytesOf(MakeRetrieveRequest("0301234567"));
@@ -168,99 +59,6 @@ TEST(WireRecords, RetrieveRequestCarriesTheNumberZeroPadded) {
     // A number too long for the field keeps its terminator.
     const Bytes longNumber = BytesOf(MakeRetrieveRequest(std::string(40, '9')));
     EXPECT_EQ(longNumber, Concat({Bytes(31, '9'), Zeros(1)}));
-}
-
-// ---------------------------------------------------------------------------
-// Tokens
-
-TEST(WireTokens, BytesAndLengths) {
-    const std::vector<std::string_view> lines = {
-        "SYNCON\r\n",     "RCVCON\r\n",     "H100\r\n",      "ACK3\r\n",
-        "FILERESTA3\r\n", "NAK3\r\n",       "NAK4\r\n",      "ACK4\r\n",
-        "ACK2\r\n",       "FILERECOVR\r\n", "CONTSEND\r\n",  "SENDRECOVR\r\n",
-        "ABORT\r\n",      "RETRIEVE\r\n",   "NOFILEDIR\r\n", "NOFILEAVAIL\r\n",
-    };
-    const std::vector<uint32_t> lengths = {8, 8, 6, 6, 12, 6, 6, 6, 6, 12, 10, 12, 7, 10, 11, 13};
-    ASSERT_EQ(AllTokens.size(), lines.size());
-    for (size_t i = 0; i < AllTokens.size(); ++i) {
-        EXPECT_EQ(AllTokens[i].Line, lines[i]);
-        EXPECT_EQ(AllTokens[i].Length(), lengths[i]) << lines[i];
-        EXPECT_EQ(std::string_view(AllTokens[i].Bytes(), AllTokens[i].Length()), lines[i]);
-        EXPECT_EQ(AllTokens[i].Text().find_first_of("\r\n"), std::string_view::npos);
-    }
-}
-
-// The searches of each side, in the order in which they run.
-const std::vector<std::string_view> SenderSearches = {
-    TokenFileRecovr.Text(),
-    TokenContSend.Text(),
-    TextNoC,
-    TextAck1,
-    TokenAck3.Text(),
-    TextFileResta1,
-    TokenFileResta3.Text(),
-    TokenAck2.Text(),
-    TokenAbort.Text(),
-    TokenRcvcon.Text(),
-    TokenAck4.Text(),
-};
-const std::vector<std::string_view> ReceiverSearches = {
-    TokenSyncon.Text(),   TokenH100.Text(),      TextNoCarrier,
-    TokenRetrieve.Text(), TokenNoFileDir.Text(), TokenNoFileAvail.Text(),
-};
-
-std::vector<std::string_view> Matches(std::string_view line,
-                                      const std::vector<std::string_view>& searches) {
-    std::vector<std::string_view> found;
-    for (auto text : searches) {
-        if (LineHolds(line, text)) {
-            found.push_back(text);
-        }
-    }
-    return found;
-}
-
-TEST(WireTokens, EachTokenTriggersExactlyItsOwnSearch) {
-    // What the receiver sends reaches the sender's searches, and the other
-    // way round. NAK3 and NAK4 have no search; a token must never set off a
-    // search meant for another one.
-    const std::vector<std::pair<WireToken, std::string_view>> toSender = {
-        {TokenRcvcon, "RCVCON"},     {TokenAck3, "ACK3"},   {TokenFileResta3, "FILERESTA3"},
-        {TokenAck4, "ACK4"},         {TokenAck2, "ACK2"},   {TokenFileRecovr, "FILERECOVR"},
-        {TokenContSend, "CONTSEND"}, {TokenAbort, "ABORT"},
-    };
-    for (const auto& [token, search] : toSender) {
-        EXPECT_EQ(Matches(token.Line, SenderSearches), std::vector<std::string_view>{search})
-            << token.Line;
-    }
-    EXPECT_TRUE(Matches(TokenNak3.Line, SenderSearches).empty());
-    EXPECT_TRUE(Matches(TokenNak4.Line, SenderSearches).empty());
-
-    const std::vector<std::pair<WireToken, std::string_view>> toReceiver = {
-        {TokenSyncon, "SYNCON"},           {TokenH100, "H100"},
-        {TokenRetrieve, "RETRIEVE"},       {TokenNoFileDir, "NOFILEDIR"},
-        {TokenNoFileAvail, "NOFILEAVAIL"},
-    };
-    for (const auto& [token, search] : toReceiver) {
-        EXPECT_EQ(Matches(token.Line, ReceiverSearches), std::vector<std::string_view>{search})
-            << token.Line;
-    }
-    EXPECT_TRUE(LineHolds(TokenSendRecovr.Line, TokenSendRecovr));
-}
-
-TEST(WireTokens, LinesAreSearchedAnywhere) {
-    EXPECT_TRUE(LineHolds("\x1b[0mOK ACK3\r\n", TokenAck3));
-    EXPECT_TRUE(LineHolds("ACK1\r\n", TextAck1));
-    EXPECT_FALSE(LineHolds("ACK1\r\n", TokenAck3));
-    EXPECT_TRUE(LineHolds("FILERESTA1\r\n", TextFileResta1));
-    // The adapter's message is seen by both sides, the bare CR LF in front of
-    // it by nobody.
-    EXPECT_TRUE(LineHolds("NO CARRIER\r\n", TextNoC));
-    EXPECT_TRUE(LineHolds("NO CARRIER\r\n", TextNoCarrier));
-    EXPECT_TRUE(Matches("\r\n", SenderSearches).empty());
-    EXPECT_TRUE(Matches("\r\n", ReceiverSearches).empty());
-    EXPECT_EQ(Matches("SYNCON H100\r\n", ReceiverSearches),
-              (std::vector<std::string_view>{"SYNCON", "H100"}));
 }
 
 // ---------------------------------------------------------------------------
@@ -314,18 +112,6 @@ TEST(WireArithmetic, NewEntryPosition) {
     EXPECT_EQ(ExpectedBlockOf(whole), 0);
 }
 
-TEST(WireArithmetic, BlockCountersHoldEveryStreamBelowTheLimit) {
-    EXPECT_TRUE(DataLengthFits(DataLengthLimit - 1));
-    EXPECT_FALSE(DataLengthFits(DataLengthLimit));
-    EXPECT_EQ(DataBlocksOf(static_cast<uint32_t>(DataLengthLimit - 1)), 32767);
-    // The largest file whose stream still fits.
-    const uint64_t sections = (DataLengthLimit - 1) / SectionWireBytes;
-    const uint64_t size =
-        sections * SectionFileBytes + (DataLengthLimit - 1) % SectionWireBytes - 2;
-    EXPECT_EQ(DataLengthForSize(size), DataLengthLimit - 1);
-    EXPECT_FALSE(DataLengthFits(DataLengthForSize(size + 1)));
-}
-
 TEST(WireArithmetic, SectionOffsetsInTheFile) {
     EXPECT_EQ(SectionFileOffset(0), 0);
     EXPECT_EQ(SectionFileOffset(16), 131070);
@@ -333,28 +119,6 @@ TEST(WireArithmetic, SectionOffsetsInTheFile) {
     EXPECT_EQ(SectionFileOffset(48), 393210);
     // The highest section start that the 16-bit counter reaches.
     EXPECT_EQ(SectionFileOffset(32752), int64_t{2047} * 131070);
-}
-
-TEST(WireSections, SealedSectionsCheckAndDamageShows) {
-    std::mt19937 random(9);
-    Bytes section(SectionWireBytes);
-    for (auto& b : section) {
-        b = static_cast<uint8_t>(random());
-    }
-    SealSection(section.data(), SectionFileBytes);
-    const uint16_t crc = SectionCrc(section.data() + 2, SectionFileBytes);
-    EXPECT_EQ(section[0], crc >> 8);
-    EXPECT_EQ(section[1], crc & 0xFF);
-    EXPECT_TRUE(SectionIntact(section.data(), SectionFileBytes));
-
-    section[2 + 5000] ^= 0x10;
-    EXPECT_FALSE(SectionIntact(section.data(), SectionFileBytes));
-    section[2 + 5000] ^= 0x10;
-    section[0] ^= 0x01;
-    EXPECT_FALSE(SectionIntact(section.data(), SectionFileBytes));
-    section[0] ^= 0x01;
-    section[1] ^= 0x80;
-    EXPECT_FALSE(SectionIntact(section.data(), SectionFileBytes));
 }
 
 // ---------------------------------------------------------------------------
@@ -486,29 +250,6 @@ TEST(WireRecovery, MessageIsTokenThenBody) {
     EXPECT_EQ(resend, Concat({TextBytes("FILERECOVR\r\n"), BytesOf(body)}));
     const Bytes restart = BytesOf(MakeRecoveryMessage(TokenFileResta3, body));
     EXPECT_EQ(restart, Concat({TextBytes("FILERESTA3\r\n"), BytesOf(body)}));
-}
-
-// ---------------------------------------------------------------------------
-// Text fields
-
-TEST(FixedTextField, CutsAndTerminates) {
-    FixedText<32> name;
-    EXPECT_TRUE(name.IsEmpty());
-    EXPECT_TRUE(name.Set(std::string(31, 'a')));
-    EXPECT_EQ(name.View(), std::string(31, 'a'));
-    EXPECT_FALSE(name.Set(std::string(32, 'b')));
-    EXPECT_EQ(name.View(), std::string(31, 'b'));
-    EXPECT_EQ(name.Bytes[31], 0);
-    EXPECT_TRUE(name.Set("x"));
-    EXPECT_EQ(name.View(), "x");
-    EXPECT_EQ(std::string(name.Bytes + 1, 31), std::string(31, '\0'));
-    name.Clear();
-    EXPECT_TRUE(name.IsEmpty());
-
-    // A field from the far end without any terminator is read to its end
-    // and no further.
-    std::memset(name.Bytes, 'q', sizeof name.Bytes);
-    EXPECT_EQ(name.View(), std::string(32, 'q'));
 }
 
 }  // namespace

@@ -29,6 +29,8 @@ public:
     std::string ReceiveUntil(const std::string& marker, int timeoutMs) const;
     // What has come so far, without waiting.
     std::string ReceiveAvailable() const;
+    // The pseudo-terminal's own end, for a reader of its own.
+    int Master() const { return terminal_.master; }
     // The speed the program has set on its side.
     uint32_t Speed() const { return PseudoTerminalSpeed(terminal_); }
 

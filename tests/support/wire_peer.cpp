@@ -40,6 +40,30 @@ int MsLeft(Clock::time_point end) {
     return left.count() > 0 ? static_cast<int>(left.count()) : 0;
 }
 
+// The two-level checksum of a section's file bytes.
+uint16_t Crc16(const uint8_t* bytes, size_t length, uint16_t start) {
+    uint16_t c = start;
+    for (size_t i = 0; i < length; ++i) {
+        c = static_cast<uint16_t>(c ^ (bytes[i] << 8));
+        for (int bit = 0; bit < 8; ++bit) {
+            c = (c & 0x8000) ? static_cast<uint16_t>((c << 1) ^ 0x1021)
+                             : static_cast<uint16_t>(c << 1);
+        }
+    }
+    return c;
+}
+
+uint16_t SectionChecksum(const uint8_t* bytes, size_t length) {
+    const size_t chunks = length <= Chunk ? 0 : (length - 1) / Chunk;
+    std::string values;
+    for (size_t i = 0; i < chunks; ++i) {
+        const uint16_t value = Crc16(bytes + i * Chunk, Chunk, 0);
+        values += static_cast<char>(value >> 8);
+        values += static_cast<char>(value & 0xFF);
+    }
+    return Crc16(reinterpret_cast<const uint8_t*>(values.data()), values.size(), 0);
+}
+
 }  // namespace
 
 std::string Header(uint32_t fileCount, uint32_t totalBytes, uint32_t magic) {
@@ -62,29 +86,6 @@ std::string Entry(const std::string& name, int32_t kind, uint32_t totalLength,
     Put32(out, 0);
     out += "dosaTEXT";
     return out;
-}
-
-uint16_t Crc16(const uint8_t* bytes, size_t length, uint16_t start) {
-    uint16_t c = start;
-    for (size_t i = 0; i < length; ++i) {
-        c = static_cast<uint16_t>(c ^ (bytes[i] << 8));
-        for (int bit = 0; bit < 8; ++bit) {
-            c = (c & 0x8000) ? static_cast<uint16_t>((c << 1) ^ 0x1021)
-                             : static_cast<uint16_t>(c << 1);
-        }
-    }
-    return c;
-}
-
-uint16_t SectionChecksum(const uint8_t* bytes, size_t length) {
-    const size_t chunks = length <= Chunk ? 0 : (length - 1) / Chunk;
-    std::string values;
-    for (size_t i = 0; i < chunks; ++i) {
-        const uint16_t value = Crc16(bytes + i * Chunk, Chunk, 0);
-        values += static_cast<char>(value >> 8);
-        values += static_cast<char>(value & 0xFF);
-    }
-    return Crc16(reinterpret_cast<const uint8_t*>(values.data()), values.size(), 0);
 }
 
 std::string Stream(const std::string& fileBytes) {
@@ -116,6 +117,13 @@ Port::Port(const std::string& path) {
     ::cfsetospeed(&settings, B115200);
     settings.c_cflag |= CLOCAL | CREAD;
     ::tcsetattr(fd_, TCSANOW, &settings);
+}
+
+Port::Port(int fd) : fd_(::fcntl(fd, F_DUPFD_CLOEXEC, 0)) {
+    if (fd_ < 0) {
+        throw std::runtime_error(std::string("cannot take the descriptor: ") +
+                                 std::strerror(errno));
+    }
 }
 
 Port::~Port() {

@@ -15,9 +15,6 @@ namespace peer {
 // Records and data as the wire carries them; integers high byte first.
 std::string Header(uint32_t fileCount, uint32_t totalBytes, uint32_t magic = 0xFFAA5500u);
 std::string Entry(const std::string& name, int32_t kind, uint32_t totalLength, uint32_t dataLength);
-// The two-level checksum of a section's file bytes.
-uint16_t Crc16(const uint8_t* bytes, size_t length, uint16_t start);
-uint16_t SectionChecksum(const uint8_t* bytes, size_t length);
 // A file's bytes cut into sections, each behind its checksum.
 std::string Stream(const std::string& fileBytes);
 uint32_t StreamLength(size_t fileSize);
@@ -32,6 +29,9 @@ struct File {
 class Port {
 public:
     explicit Port(const std::string& path);
+    // A descriptor already open, such as a pseudo-terminal's own end, used as
+    // it is set up.
+    explicit Port(int fd);
     ~Port();
     Port(const Port&) = delete;
     Port& operator=(const Port&) = delete;
