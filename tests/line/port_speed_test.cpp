@@ -159,18 +159,6 @@ TEST_F(PortSpeedTest, ThreeComThatFailsAt230400IsSentBack) {
     EXPECT_EQ(Logged().back(), "Testing 230400 bps...");
 }
 
-TEST_F(PortSpeedTest, FullSearchChecksTheSpeedItemByFamily) {
-    Attach(2, RespondAs(AdtranScript(false)));
-    EXPECT_EQ(FindAdapter(), 1);
-    EXPECT_EQ(ThePreferences.MaxPortSpeed, 230400u);
-    EXPECT_EQ(ThePreferences.SelectedPortSpeed, 115200u);
-    EXPECT_TRUE(Controls().MenuItemChecked(ID_PORT_SPEED_115200));
-    EXPECT_FALSE(Controls().MenuItemChecked(ID_PORT_SPEED_230400));
-    EXPECT_EQ(ThePort->BaudRate.load(), 115200u);
-    EXPECT_EQ(Controls().Text(IDC_OWN_NUMBER), "Your ISDN Number: 5552062     AdTran Express XR");
-    EXPECT_EQ(RowTexts(IDC_IN_PROTOCOL), (Texts{"V.120", "AIMUX"}));
-}
-
 TEST_F(PortSpeedTest, MenuMovesOfEachFamily) {
     struct MoveCase {
         const char* name;
