@@ -163,46 +163,6 @@ TEST_F(LineTest, IdentificationFailsOnAPortThatCannotBeOpenedOrGivesNoOk) {
 
 // ---- The search ----
 
-TEST_F(LineTest, FirstRunSearchesThePortsInTurnAndReadiesTheAdapterItFinds) {
-    ScriptedAdapter& adapter = Attach(3, RespondAs(ZyxelScript("2864")));
-    EXPECT_EQ(FindAdapter(), 1);
-
-    EXPECT_EQ(ThePreferences.ComPort, 3);
-    EXPECT_EQ(ThePreferences.AdapterModel, ModelZyXEL);
-    EXPECT_EQ(ThePreferences.AdapterVariant, 1);
-    EXPECT_EQ(ThePreferences.MaxPortSpeed, 230400u);
-    EXPECT_EQ(ThePreferences.SelectedPortSpeed, 230400u);
-    EXPECT_EQ(SpeedClass.load(), 2);
-    EXPECT_EQ(AdapterFound.load(), 1);
-    EXPECT_EQ(LinePollingEnabled.load(), 1);
-    EXPECT_EQ(adapter.Far().Speed(), 230400u);
-    EXPECT_TRUE(Controls().MenuItemChecked(ID_PORT_SPEED_230400));
-    EXPECT_FALSE(Controls().MenuItemChecked(ID_PORT_SPEED_115200));
-    EXPECT_TRUE(MainLoop().TimerRunning(TimerHotFolders));
-    EXPECT_EQ(Controls().Text(IDC_OWN_NUMBER), "Your ISDN Number: 5552864     ZyXEL Elite 2864i");
-    EXPECT_TRUE(Messages().empty());
-
-    const Texts logged = Logged();
-    const Texts expected = {"Searching Comm Port 1",
-                            "Searching Comm Port 2",
-                            "Searching Comm Port 3",
-                            "Testing 57600 bps...",
-                            "Testing 115200 bps...",
-                            "Testing 230400 bps...",
-                            "Test Successful through 230400 bps.",
-                            "Initializing Incoming: V.120 - 64K",
-                            "2B channel connection OFF",
-                            "V.42bis compression OFF"};
-    EXPECT_EQ(logged, expected);
-
-    const std::vector<ReceivedCommand> commands = adapter.Commands();
-    ASSERT_GE(commands.size(), 3u);
-    EXPECT_EQ(commands[0].text, "atv1");
-    EXPECT_EQ(commands[0].speed, 9600u) << "the search starts at 9600 bps";
-    EXPECT_EQ(commands.back().text, "AT&H3&D0&C1&E0&S0Q0E1V1B20&O2S0=0X1&J0&K00");
-    EXPECT_EQ(commands.back().speed, 230400u);
-}
-
 TEST_F(LineTest, ShiftSearchesAgainFromTheFirstPortAtTheSearchSpeed) {
     ThePreferences.ComPort = 3;
     ThePreferences.MaxPortSpeed = 57600;
@@ -262,24 +222,6 @@ TEST_F(LineTest, QuickStartResumesTheSavedTopSpeed) {
     ASSERT_GE(commands.size(), 4u);
     EXPECT_EQ(commands[3].text, "AT@P2=230400");
     EXPECT_EQ(commands[3].speed, 115200u) << "the speed command goes out at the old speed";
-}
-
-TEST_F(LineTest, QuickStartAtASlowPortRemovesTheSpeedMenu) {
-    ThePreferences.ComPort = 1;
-    ThePreferences.MaxPortSpeed = 57600;
-    ThePreferences.AdapterModel = ModelAdTran;
-    ThePreferences.IncomingProtocol = 1;
-    ScriptedAdapter& adapter = Attach(1, RespondAs(AdtranScript(false)));
-
-    EXPECT_EQ(FindAdapter(), 1);
-    EXPECT_EQ(SpeedClass.load(), 1);
-    EXPECT_EQ(adapter.Far().Speed(), 57600u);
-    EXPECT_FALSE(Controls().HasMenuItem(ID_PORT_SPEED_115200));
-    ASSERT_EQ(Controls().Menus().size(), 1u);
-    EXPECT_EQ(Controls().Menus()[0].title, "&File");
-    EXPECT_EQ(Logged().front(), "Port speed set to 57600 bps.");
-    EXPECT_EQ(ThePreferences.IncomingProtocol, 0) << "no AIMUX on a slow port";
-    EXPECT_EQ(RowTexts(IDC_IN_PROTOCOL), (Texts{"V.120"}));
 }
 
 TEST_F(LineTest, AdtranWithItsSwitchAt230400IsTakenAsSavedAtTopSpeed) {
