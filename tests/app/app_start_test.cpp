@@ -195,32 +195,4 @@ TEST_F(AppStartTest, TheSplashClosesItselfAfterASecondAndTheSearchFollowsOnce) {
     EXPECT_EQ(prefs.find_first_not_of('\0', 8), std::string::npos);
 }
 
-TEST_F(AppStartTest, OkOnTheSplashStartsTheSearchAtOnceAndOnlyOnce) {
-    bool first = true;
-    const int listener = Controls().AddListener([&first](const ControlEvent& event) {
-        if (event.id == IDD_ABOUTBOX && event.change == ControlChange::Shown && first) {
-            first = false;
-            PostEvent(WindowEvent::Kind::AboutOk);
-        }
-    });
-    bool timerAfterSearch = true;
-    onMessage_ = [&](const std::string& text) {
-        if (text == NoAdapterMessage) {
-            timerAfterSearch = MainLoop().TimerRunning(TimerSplashClose);
-            // About, opened now, stays until OK and starts nothing.
-            PostEvent(WindowEvent::Kind::MenuCommand, IDM_ABOUTBOX);
-            MainLoop().Post([] {
-                EXPECT_TRUE(Controls().Shown(IDD_ABOUTBOX));
-                EXPECT_FALSE(MainLoop().TimerRunning(TimerSplashClose));
-                PostEvent(WindowEvent::Kind::Close);
-            });
-        }
-    };
-    const std::vector<std::string> lines = Run(nullptr);
-    Controls().RemoveListener(listener);
-    EXPECT_FALSE(timerAfterSearch);
-    EXPECT_EQ(LinesHolding(lines, {"ISDN TA not found."}).size(), 1u);
-    EXPECT_EQ(Messages().size(), 1u);
-}
-
 }  // namespace

@@ -1,5 +1,5 @@
-// The file list: entries with the lengths the wire announces, drops of files
-// and folders, deleting, and the limits of the list.
+// The file list: drops of files and folders, the dialog, deleting, and the
+// limits of the list.
 
 #include <gtest/gtest.h>
 
@@ -28,54 +28,6 @@ void Drop(MainWindow& window, int target, const std::vector<std::string>& paths)
     event.id = target;
     event.paths = paths;
     window.HandleEvent(event);
-}
-
-TEST_F(FileListTest, AnEntryCarriesTheLengthsTheWireAnnounces) {
-    ASSERT_TRUE(window->AddFileToList(MakeFile("whole", 131070), "whole"));
-    ASSERT_TRUE(window->AddFileToList(MakeFile("over", 131071), "over"));
-    ASSERT_EQ(TheEngine.SendCount.load(), 2);
-
-    const FileEntry& whole = Entry(0);
-    EXPECT_EQ(whole.FilePath.View(), folder / "whole");
-    EXPECT_EQ(whole.DisplayName.View(), "whole");
-    EXPECT_EQ(whole.EntryKind, KindPlainFile);
-    EXPECT_EQ(whole.DataLength, 131072u);
-    EXPECT_EQ(whole.TotalLength, 131072u);
-    EXPECT_EQ(whole.AuxLength, 0u);
-    EXPECT_EQ(whole.DataBlocks, 16);
-    EXPECT_EQ(whole.LastBlockBytes, 0);
-    EXPECT_EQ(whole.DataDone, 0u);
-    EXPECT_EQ(whole.AuxDone, 1u);
-    EXPECT_EQ(whole.NextBlock, 0);
-    EXPECT_EQ(whole.BytesDone, 0u);
-    EXPECT_EQ(whole.CreatorCode, DefaultCreatorCode);
-    EXPECT_EQ(whole.TypeCode, DefaultTypeCode);
-
-    const FileEntry& over = Entry(1);
-    EXPECT_EQ(over.DataLength, 131075u);
-    EXPECT_EQ(over.DataBlocks, 16);
-    EXPECT_EQ(over.LastBlockBytes, 3);
-
-    // The rows show the file's own size, without the checksum bytes.
-    const std::vector<ListRow> rows = Controls().Rows(IDC_FILE_LIST);
-    ASSERT_EQ(rows.size(), 2u);
-    EXPECT_EQ(rows[0].text, "whole");
-    EXPECT_EQ(rows[0].detail, "131070");
-    EXPECT_EQ(rows[1].detail, "131071");
-    EXPECT_EQ(TheEngine.SendRemaining.load(), 131072u + 131075u);
-    EXPECT_EQ(Controls().Text(IDC_TOTAL_KB), "257 KB");
-    // Files in the list: Send on, Retrieve off; clearing reverses it.
-    EXPECT_TRUE(Controls().Enabled(IDC_SEND));
-    EXPECT_FALSE(Controls().Enabled(IDC_RETRIEVE));
-    EXPECT_TRUE(Controls().Enabled(IDC_FILE_CLEAR));
-    window->OnFileClear();
-    EXPECT_FALSE(Controls().Enabled(IDC_SEND));
-    EXPECT_TRUE(Controls().Enabled(IDC_RETRIEVE));
-    EXPECT_EQ(TheEngine.SendCount.load(), 0);
-    EXPECT_EQ(TheEngine.SendRemaining.load(), 0u);
-    EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 0);
-    EXPECT_FALSE(Controls().Enabled(IDC_TOTAL_KB));
-    EXPECT_EQ(Controls().Text(IDC_TOTAL_KB), "257 KB");  // left, grey
 }
 
 TEST_F(FileListTest, AnEmptyFileGoesInThroughTheDialogButADropSkipsIt) {

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
-#include <future>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -44,53 +43,6 @@ TEST_F(LineTest, ExchangeKeepsTheWholeReplyAndPutsPollingBackAsItWas) {
     EXPECT_FALSE(SendAndWaitOkShort("ATQ")) << "an echo without OK is a failure";
     EXPECT_EQ(LinePollingEnabled.load(), 1) << "also after a failed one";
     EXPECT_EQ(adapters[0]->CommandTexts(), (Texts{"ATI3", "ATI4", "ATQ"}));
-}
-
-// A stand-in for the communications thread: it holds the read lock for each
-// pass in which polling is on, and sleeps long waits that only a wake ends.
-class PollingReader {
-public:
-    PollingReader()
-        : thread_([this] {
-              while (!stop_.load()) {
-                  if (LinePollingEnabled.load() != 0) {
-                      std::lock_guard<std::recursive_mutex> guard(PortReadLock);
-                      passes_.fetch_add(1);
-                      WaitForPortInput(30000);
-                  } else {
-                      WaitForPortWake(30000);
-                  }
-              }
-          }) {}
-    ~PollingReader() {
-        stop_.store(true);
-        InterruptPortWait();
-        thread_.join();
-    }
-    int Passes() const { return passes_.load(); }
-
-private:
-    std::atomic<bool> stop_{false};
-    std::atomic<int> passes_{0};
-    std::thread thread_;
-};
-
-TEST_F(LineTest, ExchangeTakesThePortFromAReaderThatWaitsOnIt) {
-    Attach(1, [](const std::string& command, uint32_t) { return Answer(command); });
-    OpenPort(1, 115200);
-    SetLinePolling(1);
-    PollingReader reader;
-    while (reader.Passes() == 0) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    // The reader sits in a long wait holding the lock; the exchange must wake
-    // it rather than wait out its time.
-    auto exchange = std::async(std::launch::async, [] { return SendAndWaitOk("AT"); });
-    ASSERT_EQ(exchange.wait_for(std::chrono::seconds(10)), std::future_status::ready)
-        << "the reader was not woken";
-    EXPECT_TRUE(exchange.get());
-    EXPECT_EQ(LinePollingEnabled.load(), 1);
-    SetLinePolling(0);
 }
 
 TEST_F(LineTest, ConversationsThatOverlapLeaveThePollingFlagRight) {
@@ -211,46 +163,6 @@ TEST_F(LineTest, IdentificationFailsOnAPortThatCannotBeOpenedOrGivesNoOk) {
 
 // ---- The search ----
 
-TEST_F(LineTest, FirstRunSearchesThePortsInTurnAndReadiesTheAdapterItFinds) {
-    ScriptedAdapter& adapter = Attach(3, RespondAs(ZyxelScript("2864")));
-    EXPECT_EQ(FindAdapter(), 1);
-
-    EXPECT_EQ(ThePreferences.ComPort, 3);
-    EXPECT_EQ(ThePreferences.AdapterModel, ModelZyXEL);
-    EXPECT_EQ(ThePreferences.AdapterVariant, 1);
-    EXPECT_EQ(ThePreferences.MaxPortSpeed, 230400u);
-    EXPECT_EQ(ThePreferences.SelectedPortSpeed, 230400u);
-    EXPECT_EQ(SpeedClass.load(), 2);
-    EXPECT_EQ(AdapterFound.load(), 1);
-    EXPECT_EQ(LinePollingEnabled.load(), 1);
-    EXPECT_EQ(adapter.Far().Speed(), 230400u);
-    EXPECT_TRUE(Controls().MenuItemChecked(ID_PORT_SPEED_230400));
-    EXPECT_FALSE(Controls().MenuItemChecked(ID_PORT_SPEED_115200));
-    EXPECT_TRUE(MainLoop().TimerRunning(TimerHotFolders));
-    EXPECT_EQ(Controls().Text(IDC_OWN_NUMBER), "Your ISDN Number: 5552864     ZyXEL Elite 2864i");
-    EXPECT_TRUE(Messages().empty());
-
-    const Texts logged = Logged();
-    const Texts expected = {"Searching Comm Port 1",
-                            "Searching Comm Port 2",
-                            "Searching Comm Port 3",
-                            "Testing 57600 bps...",
-                            "Testing 115200 bps...",
-                            "Testing 230400 bps...",
-                            "Test Successful through 230400 bps.",
-                            "Initializing Incoming: V.120 - 64K",
-                            "2B channel connection OFF",
-                            "V.42bis compression OFF"};
-    EXPECT_EQ(logged, expected);
-
-    const std::vector<ReceivedCommand> commands = adapter.Commands();
-    ASSERT_GE(commands.size(), 3u);
-    EXPECT_EQ(commands[0].text, "atv1");
-    EXPECT_EQ(commands[0].speed, 9600u) << "the search starts at 9600 bps";
-    EXPECT_EQ(commands.back().text, "AT&H3&D0&C1&E0&S0Q0E1V1B20&O2S0=0X1&J0&K00");
-    EXPECT_EQ(commands.back().speed, 230400u);
-}
-
 TEST_F(LineTest, ShiftSearchesAgainFromTheFirstPortAtTheSearchSpeed) {
     ThePreferences.ComPort = 3;
     ThePreferences.MaxPortSpeed = 57600;
@@ -310,24 +222,6 @@ TEST_F(LineTest, QuickStartResumesTheSavedTopSpeed) {
     ASSERT_GE(commands.size(), 4u);
     EXPECT_EQ(commands[3].text, "AT@P2=230400");
     EXPECT_EQ(commands[3].speed, 115200u) << "the speed command goes out at the old speed";
-}
-
-TEST_F(LineTest, QuickStartAtASlowPortRemovesTheSpeedMenu) {
-    ThePreferences.ComPort = 1;
-    ThePreferences.MaxPortSpeed = 57600;
-    ThePreferences.AdapterModel = ModelAdTran;
-    ThePreferences.IncomingProtocol = 1;
-    ScriptedAdapter& adapter = Attach(1, RespondAs(AdtranScript(false)));
-
-    EXPECT_EQ(FindAdapter(), 1);
-    EXPECT_EQ(SpeedClass.load(), 1);
-    EXPECT_EQ(adapter.Far().Speed(), 57600u);
-    EXPECT_FALSE(Controls().HasMenuItem(ID_PORT_SPEED_115200));
-    ASSERT_EQ(Controls().Menus().size(), 1u);
-    EXPECT_EQ(Controls().Menus()[0].title, "&File");
-    EXPECT_EQ(Logged().front(), "Port speed set to 57600 bps.");
-    EXPECT_EQ(ThePreferences.IncomingProtocol, 0) << "no AIMUX on a slow port";
-    EXPECT_EQ(RowTexts(IDC_IN_PROTOCOL), (Texts{"V.120"}));
 }
 
 TEST_F(LineTest, AdtranWithItsSwitchAt230400IsTakenAsSavedAtTopSpeed) {

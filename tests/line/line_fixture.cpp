@@ -200,16 +200,6 @@ void LineTest::ClearLogged() {
     messages_.clear();
 }
 
-std::vector<std::string> LineTest::LoggedFrom(const std::string& first) const {
-    std::vector<std::string> lines = Logged();
-    for (size_t i = 0; i < lines.size(); ++i) {
-        if (lines[i] == first) {
-            return std::vector<std::string>(lines.begin() + static_cast<long>(i), lines.end());
-        }
-    }
-    return {};
-}
-
 std::vector<std::string> RowTexts(int id) {
     std::vector<std::string> texts;
     for (const ListRow& row : Controls().Rows(id)) {

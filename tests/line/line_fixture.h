@@ -51,8 +51,6 @@ protected:
     std::vector<std::string> Logged() const;
     std::vector<std::string> Messages() const;
     void ClearLogged();
-    // The lines logged, from the first that equals first onwards.
-    std::vector<std::string> LoggedFrom(const std::string& first) const;
 
     TempFolder root;
     std::vector<std::unique_ptr<ScriptedAdapter>> adapters;

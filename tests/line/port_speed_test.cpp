@@ -59,66 +59,6 @@ protected:
     }
 };
 
-TEST_F(PortSpeedTest, LadderOfEachFamily) {
-    struct LadderCase {
-        const char* name;
-        int16_t model;
-        AdapterScript script;
-        std::vector<ReceivedCommand> commands;
-        Texts logged;
-        uint32_t maxSpeed;
-        uint32_t portSpeed;
-    };
-    const ReceivedCommand start{"ATE1V1", 9600};
-    const Texts through230400 = {"Testing 57600 bps...", "Testing 115200 bps...",
-                                 "Testing 230400 bps...", "Test Successful through 230400 bps."};
-    const LadderCase cases[] = {
-        {"BitSURFR", ModelBitSURFR, BitsurfrScript(),
-         Join({{start},
-               Tests(5, 57600),
-               Tests(5, 115200),
-               {{"AT@P2=230400", 115200}},
-               Tests(5, 230400)}),
-         through230400, 230400, 230400},
-        {"3Com", Model3Com, ThreeComScript(),
-         Join({{start}, Tests(5, 57600), Tests(5, 115200), {{"AT$B230400", 0}}, Tests(5, 230400)}),
-         through230400, 230400, 230400},
-        {"ZyXEL", ModelZyXEL, ZyxelScript("2864"),
-         Join({{start}, Tests(5, 57600), Tests(5, 115200), Tests(5, 230400)}), through230400,
-         230400, 230400},
-        {"AdTran",
-         ModelAdTran,
-         AdtranScript(false),
-         Join({{start}, Tests(5, 57600), Tests(5, 115200)}),
-         {"Testing 57600 bps...", "Testing 115200 bps...", "Test Successful through 115200 bps."},
-         230400,
-         115200},
-    };
-    int port = 1;
-    for (const LadderCase& c : cases) {
-        SCOPED_TRACE(c.name);
-        ClearLogged();
-        ThePreferences.MaxPortSpeed = 9600;
-        ThePreferences.SelectedPortSpeed = 0;
-        SpeedClass.store(0);
-        ScriptedAdapter& adapter = FoundAt(port++, c.model, c.script);
-
-        QualifyPortSpeed();
-        EXPECT_EQ(Described(adapter.Commands(), c.commands), Described(c.commands));
-        EXPECT_EQ(Logged(), c.logged);
-        EXPECT_TRUE(Messages().empty());
-        EXPECT_EQ(ThePreferences.MaxPortSpeed, c.maxSpeed);
-        EXPECT_EQ(SpeedClass.load(), 2);
-        EXPECT_EQ(adapter.Far().Speed(), c.portSpeed);
-        EXPECT_EQ(ThePort->BaudRate.load(), c.portSpeed);
-        if (c.model == ModelAdTran) {
-            EXPECT_EQ(ThePreferences.SelectedPortSpeed, 115200u)
-                << "the AdTran waits at 115200 for its switch";
-        }
-        CommPortClose();
-    }
-}
-
 TEST_F(PortSpeedTest, AdtranWithItsSwitchAt230400SkipsTheLadder) {
     ThePreferences.SelectedPortSpeed = 230400;
     ScriptedAdapter& adapter = FoundAt(1, ModelAdTran, AdtranScript(true));
@@ -157,18 +97,6 @@ TEST_F(PortSpeedTest, ThreeComThatFailsAt230400IsSentBack) {
     EXPECT_EQ(SpeedClass.load(), 2);
     EXPECT_EQ(adapter.Far().Speed(), 115200u);
     EXPECT_EQ(Logged().back(), "Testing 230400 bps...");
-}
-
-TEST_F(PortSpeedTest, FullSearchChecksTheSpeedItemByFamily) {
-    Attach(2, RespondAs(AdtranScript(false)));
-    EXPECT_EQ(FindAdapter(), 1);
-    EXPECT_EQ(ThePreferences.MaxPortSpeed, 230400u);
-    EXPECT_EQ(ThePreferences.SelectedPortSpeed, 115200u);
-    EXPECT_TRUE(Controls().MenuItemChecked(ID_PORT_SPEED_115200));
-    EXPECT_FALSE(Controls().MenuItemChecked(ID_PORT_SPEED_230400));
-    EXPECT_EQ(ThePort->BaudRate.load(), 115200u);
-    EXPECT_EQ(Controls().Text(IDC_OWN_NUMBER), "Your ISDN Number: 5552062     AdTran Express XR");
-    EXPECT_EQ(RowTexts(IDC_IN_PROTOCOL), (Texts{"V.120", "AIMUX"}));
 }
 
 TEST_F(PortSpeedTest, MenuMovesOfEachFamily) {

@@ -24,11 +24,6 @@ std::vector<std::string> ScriptedAdapter::CommandTexts() const {
     return texts;
 }
 
-std::string ScriptedAdapter::Pending() const {
-    std::lock_guard<std::mutex> guard(lock_);
-    return pending_;
-}
-
 void ScriptedAdapter::ClearCommands() {
     std::lock_guard<std::mutex> guard(lock_);
     commands_.clear();

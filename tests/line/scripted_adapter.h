@@ -36,8 +36,6 @@ public:
     // Every command so far, in order.
     std::vector<ReceivedCommand> Commands() const;
     std::vector<std::string> CommandTexts() const;
-    // Bytes that came without a CR behind them yet.
-    std::string Pending() const;
     // Forgets the commands so far.
     void ClearCommands();
     // Waits until count commands have come, or the time is up; true if they

@@ -7,24 +7,13 @@
 
 #include <atomic>
 #include <chrono>
-#include <random>
 #include <string>
 #include <thread>
 
 #include "platform/pseudo_terminal.h"
 #include "support/far_end.h"
-#include "support/temp_folder.h"
 
 namespace {
-
-std::string RandomBytes(size_t count, unsigned seed) {
-    std::mt19937 generator(seed);
-    std::string bytes(count, '\0');
-    for (char& c : bytes) {
-        c = static_cast<char>(generator() & 0xFF);
-    }
-    return bytes;
-}
 
 double ThreadCpuMs() {
     timespec t{};
@@ -33,77 +22,6 @@ double ThreadCpuMs() {
 }
 
 }  // namespace
-
-TEST(SerialDevice, OpenIsExclusiveAndRefusesWhatIsNoTerminal) {
-    FarEnd far;
-    TempFolder root;
-    SerialDevice first;
-    SerialDevice second;
-    ASSERT_TRUE(first.Open(far.DevicePath()));
-    EXPECT_FALSE(second.Open(far.DevicePath())) << "a port in use must look busy";
-    first.Close();
-    EXPECT_TRUE(second.Open(far.DevicePath())) << "a closed port is free again";
-    EXPECT_FALSE(first.Open(root / "missing"));
-    WriteWholeFile(root / "plain", "x");
-    EXPECT_FALSE(first.Open(root / "plain"));
-}
-
-TEST(SerialDevice, SettingsReachTheDeviceAndRefusalsKeepTheOld) {
-    FarEnd far;
-    SerialDevice port;
-    ASSERT_TRUE(port.Open(far.DevicePath()));
-    SerialSettings settings;
-    settings.baudRate = 115200;
-    settings.rtsCtsFlow = true;
-    ASSERT_TRUE(port.Configure(settings));
-    EXPECT_EQ(far.Speed(), 115200u);
-
-    SerialSettings odd = settings;
-    odd.baudRate = 12345;
-    EXPECT_FALSE(port.Configure(odd));
-    odd.baudRate = 230400;
-    odd.stopBits = 1;  // one and a half: no such setting here
-    EXPECT_FALSE(port.Configure(odd));
-    EXPECT_EQ(far.Speed(), 115200u) << "a refused change leaves the old speed";
-
-    settings.baudRate = 230400;
-    EXPECT_TRUE(port.Configure(settings));
-    EXPECT_EQ(far.Speed(), 230400u);
-}
-
-TEST(SerialDevice, InputQueueHoldsItsFullSizeAndLosesNothing) {
-    FarEnd far;
-    SerialDevice port;
-    ASSERT_TRUE(port.Open(far.DevicePath()));
-    SerialSettings settings;
-    settings.baudRate = 115200;
-    settings.rtsCtsFlow = true;
-    ASSERT_TRUE(port.Configure(settings));
-
-    const std::string sent = RandomBytes(100000, 7);
-    std::thread sender([&] { far.Send(sent); });
-    // The queue fills to its size and no further, whatever more the far end
-    // has for it: the rest waits in the kernel and in the sender.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (port.InputCount() < SerialDevice::kQueueSize &&
-           std::chrono::steady_clock::now() < deadline) {
-        port.WaitForInput(100);
-    }
-    EXPECT_EQ(port.InputCount(), SerialDevice::kQueueSize);
-
-    std::string got;
-    char buffer[8192];
-    while (got.size() < sent.size() && std::chrono::steady_clock::now() < deadline) {
-        if (port.InputCount() >= sizeof buffer || port.InputCount() + got.size() == sent.size()) {
-            const uint32_t n = port.Read(buffer, sizeof buffer);
-            got.append(buffer, n);
-        } else {
-            port.WaitForInput(100);
-        }
-    }
-    sender.join();
-    EXPECT_TRUE(got == sent) << "got " << got.size() << " of " << sent.size() << " bytes";
-}
 
 TEST(SerialDevice, PurgeStopsAWriteThatTheFarEndHoldsBack) {
     FarEnd far;  // never reads

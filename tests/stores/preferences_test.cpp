@@ -33,22 +33,6 @@ protected:
     std::vector<std::string> messages;
 };
 
-TEST_F(PreferencesTest, FirstRunCreatesTheFileWithTheDefaults) {
-    ASSERT_EQ(LoadPreferences(), 1);
-    EXPECT_TRUE(messages.empty());
-
-    const std::string bytes = ReadWholeFile(folder / "kestrelbound_prefs");
-    ASSERT_EQ(bytes.size(), 1176u);
-    EXPECT_EQ(bytes.substr(4, 4), std::string("\x80\x25\x00\x00", 4));
-    for (size_t i = 0; i < bytes.size(); ++i) {
-        if (i < 4 || i >= 8) {
-            ASSERT_EQ(bytes[i], '\0') << "offset " << i;
-        }
-    }
-    EXPECT_EQ(ThePreferences.MaxPortSpeed, 9600u);
-    EXPECT_EQ(ThePreferences.ComPort, 0);
-}
-
 TEST_F(PreferencesTest, ShortAndEmptyFilesAreTakenAsTheyStandAndNotRewritten) {
     // ComPort 3, MaxPortSpeed 57600, IncomingProtocol 2, then the file ends.
     const std::string shortFile("\x03\x00\x00\x00\x00\xE1\x00\x00\x02\x00", 10);

@@ -48,26 +48,6 @@ TEST_F(StatusLogFileTest, NewInstallationGetsAOneByteLogAndNoLines) {
     EXPECT_TRUE(messages.empty());
 }
 
-TEST_F(StatusLogFileTest, SavedLinesComeBackAtTheNextStart) {
-    ASSERT_EQ(LoadStatusLog(), 1);
-    const std::vector<std::string> lines = {"Starting Kestrelbound Tue Nov 18 20:38:05 1997",
-                                            "Adapter found on COM2", std::string(255, 'w'),
-                                            "Stopping Kestrelbound Tue Nov 18 21:00:00 1997"};
-    ASSERT_EQ(SaveStatusLog(lines), 1);
-
-    std::string expected;
-    for (const std::string& line : lines) {
-        expected += line;
-        expected += '\0';
-    }
-    expected += '\0';
-    EXPECT_EQ(ReadWholeFile(LogFile()), expected);
-
-    FreeStatusLog();
-    ASSERT_EQ(LoadStatusLog(), 1);
-    EXPECT_EQ(StoredLogLines(), lines);
-}
-
 TEST_F(StatusLogFileTest, ShorterLogKeepsTheStaleTailWhichTheNextStartIgnores) {
     ASSERT_EQ(LoadStatusLog(), 1);
     ASSERT_EQ(SaveStatusLog(Numbered(1, 20)), 1);
