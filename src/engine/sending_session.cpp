@@ -75,15 +75,32 @@ bool ReadRecoveryBody() {
     return true;
 }
 
+// Whether the body just read may move the file on top of the list: sound in
+// itself, and about a stream of that file's length. A body of another length
+// would have the feeder read past the file's end, or send the wrong blocks.
+bool BodyFitsTopFile() {
+    const RecoveryBody body = RecordFromBytes<RecoveryBody>(TokenBuffer);
+    if (!RecoveryBodySound(body)) {
+        return false;
+    }
+    FileEntry position;
+    ApplyRecoveryBody(body, position);
+    const FileEntry& top = TheEngine.SendList[0];
+    return position.DataLength == top.DataLength && position.AuxLength == top.AuxLength;
+}
+
 void OnFileRecovr() {
     if (!ReadRecoveryBody()) {
         return;
     }
     const int16_t state = TheEngine.LinkState.load();
-    if (!FeederRunning() || (state != LinkTransfer && state != LinkFileSent)) {
+    // With the list empty the file of that data has been acknowledged
+    // already; a repair would put a stale entry back on the way.
+    if (!FeederRunning() || (state != LinkTransfer && state != LinkFileSent) ||
+        TheEngine.SendCount.load() <= 0) {
         return;  // no data of ours is on its way: nothing to repair
     }
-    if (!RecoveryBodySound(RecordFromBytes<RecoveryBody>(TokenBuffer))) {
+    if (!BodyFitsTopFile()) {
         RequestDisconnect();
         return;
     }
@@ -147,7 +164,7 @@ void OnListResumed() {
     if (TheEngine.SendCount.load() <= 0) {
         return;
     }
-    if (!RecoveryBodySound(RecordFromBytes<RecoveryBody>(TokenBuffer))) {
+    if (!BodyFitsTopFile()) {
         RequestDisconnect();
         return;
     }

@@ -265,3 +265,56 @@ TEST_F(HostilePeer, ARecoveryBodyCutShortEndsTheSendersCall) {
     EXPECT_EQ(Count("All files sent."), 0);
     EXPECT_NE(station->ShowControl("IDC_FILE_LIST").find("out.bin"), std::string::npos);
 }
+
+// The station sends one file; the peer takes it whole, then asks for repairs
+// that the sender must not act on: one that speaks of a stream of another
+// length, and, in a second call, one that comes after the peer has
+// acknowledged the file as if another were to follow.
+TEST_F(HostilePeer, RepairsOfNoFileOnItsWayAreNotActedOn) {
+    const std::string bytes = RandomBytes(50000, 35);
+    const uint32_t stream = peer::StreamLength(bytes.size());
+    ASSERT_TRUE(CreateFolder(root / "samples"));
+    WriteWholeFile(root / "samples/out.bin", bytes);
+    ASSERT_EQ(station->Command("choose " + (root / "samples/out.bin")), "ok");
+    ASSERT_EQ(station->Command("name Peer"), "ok");
+    ASSERT_EQ(station->Command("number 5553003"), "ok");
+    const auto takeTheFile = [&] {
+        ASSERT_EQ(station->Command("send"), "ok");
+        ASSERT_TRUE(port->Answer(30000));
+        ASSERT_NE(port->ReceiveUntil("SYNCON\r\n", 5000).find("SYNCON"), std::string::npos);
+        port->Send("RCVCON\r\n");
+        ASSERT_NE(port->ReceiveUntil("H100\r\n", 5000).find("H100"), std::string::npos);
+        ASSERT_EQ(port->Receive(28 + 56, 3000).size(), 28u + 56u);
+        port->Send("ACK3\r\n");
+        // Compared whole, so that a failure does not print the data.
+        ASSERT_TRUE(port->Receive(stream, 10000) == peer::Stream(bytes));
+    };
+
+    // Two sections from the second on, for a file of one: the feeder would
+    // read past the file's end. The station ends the call instead, and the
+    // file stays in its list for the next.
+    takeTheFile();
+    port->Send("FILERECOVR\r\n" + peer::RecoveryBody(2 * 131072, 1, 2 * 131072));
+    port->Send("CONTSEND\r\n");
+    const std::string heard = port->ReceiveUntil("NO CARRIER", 15000);
+    EXPECT_NE(heard.find("NO CARRIER"), std::string::npos);
+    EXPECT_EQ(heard.find("SENDRECOVR"), std::string::npos) << heard;
+    ASSERT_TRUE(station->WaitForLog("Disconnected")) << Log();
+    ASSERT_EQ(station->Command("wait-state idle 30"), "ok");
+    EXPECT_EQ(Count("Cannot read file: out.bin"), 0) << Log();
+    EXPECT_EQ(Count("All files sent."), 0);
+    EXPECT_NE(station->ShowControl("IDC_FILE_LIST").find("out.bin"), std::string::npos);
+
+    // ACK4 takes the file off the list; a repair of it then has nothing to
+    // act on, and the ACK2 behind it still ends the session at once.
+    takeTheFile();
+    port->Send("ACK4\r\n");
+    port->Send("FILERECOVR\r\n" + peer::RecoveryBody(stream, 0, stream));
+    port->Send("CONTSEND\r\n");
+    port->Send("ACK2\r\n");
+    EXPECT_TRUE(station->WaitForLog("All files sent.", std::chrono::seconds(15))) << Log();
+    const std::string after = port->ReceiveUntil("NO CARRIER", 15000);
+    EXPECT_NE(after.find("NO CARRIER"), std::string::npos);
+    EXPECT_EQ(after.find("SENDRECOVR"), std::string::npos) << after;
+    ASSERT_EQ(station->Command("wait-state idle 30"), "ok");
+}

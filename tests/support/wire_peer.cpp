@@ -88,6 +88,31 @@ std::string Entry(const std::string& name, int32_t kind, uint32_t totalLength,
     return out;
 }
 
+std::string RecoveryBody(uint32_t dataLength, uint32_t section, uint32_t receiveRemaining) {
+    constexpr uint32_t BlockBytes = 8192;
+    const uint32_t nextBlock = section * 16;
+    std::string out;
+    Put32(out, BlockBytes);  // the block expected next: a whole one
+    Put32(out, receiveRemaining);
+    Put32(out, 0);           // a plain file
+    Put32(out, dataLength);  // total length
+    Put32(out, dataLength);
+    Put32(out, 0);      // no second stream
+    out += "asodTXET";  // the two codes, each turned like a number
+    Put32(out, 0);      // not complete
+    Put32(out, nextBlock);
+    Put32(out, dataLength / BlockBytes);
+    Put32(out, nextBlock);  // blocks done
+    Put32(out, dataLength % BlockBytes);
+    Put32(out, 0);  // data not done
+    for (int field = 0; field < 4; ++field) {
+        Put32(out, 0);  // the second stream's position
+    }
+    Put32(out, 1);  // the empty second stream is done
+    Put32(out, nextBlock * BlockBytes);
+    return out;
+}
+
 std::string Stream(const std::string& fileBytes) {
     std::string out;
     for (size_t at = 0; at < fileBytes.size(); at += SectionData) {

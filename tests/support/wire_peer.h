@@ -15,6 +15,10 @@ namespace peer {
 // Records and data as the wire carries them; integers high byte first.
 std::string Header(uint32_t fileCount, uint32_t totalBytes, uint32_t magic = 0xFFAA5500u);
 std::string Entry(const std::string& name, int32_t kind, uint32_t totalLength, uint32_t dataLength);
+// The 80-byte body behind FILERECOVR and FILERESTA3: where a receiver of a
+// stream of dataLength bytes (checksums included) stands at the start of
+// section `section`, with receiveRemaining bytes of its list still to come.
+std::string RecoveryBody(uint32_t dataLength, uint32_t section, uint32_t receiveRemaining);
 // A file's bytes cut into sections, each behind its checksum.
 std::string Stream(const std::string& fileBytes);
 uint32_t StreamLength(size_t fileSize);
