@@ -9,6 +9,8 @@
 // The list holds a file of two sections, so that a resume or a repair may
 // point to either, an empty file and a small one, read
 // from real files; the feeder sends their data to the adapter as in a call.
+// No token may leave a transfer under way with nothing in the list to send:
+// such a call would hang, since every ACK waits for a file that never ends.
 // Every input ends with the line's fall, and then:
 // - the files offered are unchanged on disk;
 // - no feeder runs, the link is idle and this end no longer sends;
@@ -148,6 +150,9 @@ void CheckTheListLeft() {
 // files; a list that comes then is admitted as any other.
 void Step() {
     if (TheEngine.WeSend.load() != 0) {
+        // The files offered are there and readable: a fault in reading one
+        // means the position went outside it.
+        Require(TheSession.SendFault.load() == 0, "a file offered could not be read");
         OnSenderInput();
     } else {
         OnReceiverInput();
@@ -194,6 +199,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FeedPort(input);
     for (int step = 0; step < StepLimit && PortQueueCount(1) > padding.size() && CallUp(); ++step) {
         Step();
+        const int16_t state = TheEngine.LinkState.load();
+        Require(TheEngine.WeSend.load() == 0 || (state != LinkTransfer && state != LinkRecovery) ||
+                    TheEngine.SendCount.load() > 0,
+                "a transfer with nothing in the list to send");
     }
 
     // The line falls, as the adapter reports it.
