@@ -1,7 +1,7 @@
 // Admission of a file list where the far end's word cannot be checked by a
 // peer on a real line: the free space against what the entries announce, the
-// largest length the block counters hold, and a name whose every suffix is
-// taken.
+// largest length the block counters hold, a name whose every suffix is
+// taken, and a folder whose name and first suffix are taken.
 
 #include <gtest/gtest.h>
 
@@ -121,4 +121,17 @@ TEST_F(AdmissionTest, ANameWithAllItsSuffixesTakenRefusesTheList) {
     const std::vector<std::string> log = Log();
     EXPECT_EQ(std::count(log.begin(), log.end(), "Created new folder: Box"), 0);
     EXPECT_EQ(TheEngine.LinkState.load(), LinkConnected);
+}
+
+TEST_F(AdmissionTest, AFolderMarkerTakesTheFirstFreeSuffixAndItsFilesGoInside) {
+    ASSERT_TRUE(CreateFolder(Incoming("Smith")));
+    ASSERT_TRUE(CreateFolder(Incoming("Smith-A")));
+    Offer({{"Smith", 1, 0}, {"letter.txt", 0, 5}}, 5, 2);
+    EXPECT_EQ(Take(6), "ACK3\r\n");
+    EXPECT_TRUE(WaitForLog("Created new folder: Smith-B"));
+    EXPECT_TRUE(PathExists(Incoming("Smith-B/letter.txt")));
+    EXPECT_FALSE(PathExists(Incoming("Smith/letter.txt")));
+    EXPECT_EQ(ReceivedNames(), (std::vector<std::string>{"letter.txt"}));
+    // Without the marker the remaining total is that of the files.
+    EXPECT_EQ(TheEngine.ReceiveRemaining.load(), 5u);
 }
