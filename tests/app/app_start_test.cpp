@@ -20,25 +20,12 @@
 #include "resources/resource.h"
 #include "stores/status_log.h"
 #include "support/temp_folder.h"
+#include "support/test_data.h"
 #include "window_fixture.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-std::vector<std::string> LinesHolding(const std::vector<std::string>& lines,
-                                      const std::vector<std::string>& texts) {
-    std::vector<std::string> kept;
-    for (const std::string& line : lines) {
-        for (const std::string& text : texts) {
-            if (line.find(text) != std::string::npos) {
-                kept.push_back(line);
-                break;
-            }
-        }
-    }
-    return kept;
-}
 
 std::vector<std::string> LogRows() {
     std::vector<std::string> rows;

@@ -17,9 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "harness.h"
-#include "installation.h"
-#include "platform/files.h"
+#include "two_stations.h"
 
 namespace {
 
@@ -56,55 +54,25 @@ struct SampleFile {
 };
 
 // Two stations, Alice calling Bob, on adapters with the given faults.
-class FaultyLine {
+class FaultyLine : public AliceAndBob {
 public:
-    explicit FaultyLine(const std::vector<std::string>& faults, const std::string& rate = "0") {
-        alicePath = MakeInstallation(root, "alice");
-        bobPath = MakeInstallation(root, "bob");
+    explicit FaultyLine(const std::vector<std::string>& faults, const std::string& rate = "0")
+        : AliceAndBob("zyxel-2864", Options(faults, rate)) {}
+
+    static std::vector<std::string> Options(const std::vector<std::string>& faults,
+                                            const std::string& rate) {
         std::vector<std::string> options{"--rate", rate};
         for (const std::string& fault : faults) {
             options.push_back("--fault");
             options.push_back(fault);
         }
-        adapters = std::make_unique<VirtualAdapters>(
-            std::vector<std::string>{alicePath + "/COM1=bitsurfr:5551001",
-                                     bobPath + "/COM1=zyxel-2864:5552002"},
-            options);
-        alice = std::make_unique<Station>(alicePath);
-        bob = std::make_unique<Station>(bobPath);
-        EXPECT_TRUE(alice->WaitForLog("Initializing Incoming"));
-        EXPECT_TRUE(bob->WaitForLog("Initializing Incoming"));
-        EXPECT_EQ(alice->Command("name Bob"), "ok");
-        EXPECT_EQ(alice->Command("number 5552002"), "ok");
-        EXPECT_TRUE(CreateFolder(root / "samples"));
+        return options;
     }
 
     void Choose(const std::vector<SampleFile>& files) {
         for (const SampleFile& file : files) {
-            const std::string path = root / "samples/" + file.name;
-            WriteWholeFile(path, file.bytes);
-            EXPECT_EQ(alice->Command("choose " + path), "ok");
+            EXPECT_EQ(alice->Command("choose " + Sample(file.name, file.bytes)), "ok");
         }
-    }
-
-    // Alice sends; the call runs to its normal end.
-    void SendThrough() {
-        ASSERT_EQ(alice->Command("send"), "ok");
-        ASSERT_TRUE(alice->WaitForLog("All files sent."));
-        ASSERT_TRUE(bob->WaitForLog("All files received."));
-        BackToIdle();
-    }
-
-    // Both stations have their incoming profile again and are idle.
-    void BackToIdle() {
-        ASSERT_TRUE(alice->WaitForLog("Reinitializing Incoming"));
-        ASSERT_TRUE(bob->WaitForLog("Reinitializing Incoming"));
-        ASSERT_EQ(alice->Command("wait-state idle 30"), "ok");
-        ASSERT_EQ(bob->Command("wait-state idle 30"), "ok");
-    }
-
-    std::string IncomingPath(const std::string& name) const {
-        return bobPath + "/Incoming Files/" + name;
     }
 
     // Both logs, for a failure's message.
@@ -122,13 +90,6 @@ public:
     std::vector<std::string> ErrorLines() const {
         return LinesHolding(bob->LogLines(), {"Packet byte error"});
     }
-
-    TempFolder root;
-    std::string alicePath;
-    std::string bobPath;
-    std::unique_ptr<VirtualAdapters> adapters;
-    std::unique_ptr<Station> alice;
-    std::unique_ptr<Station> bob;
 };
 
 // Files compared without printing megabytes when they differ.
@@ -256,7 +217,7 @@ TEST(FaultyLineTest, AFarEndThatFallsSilentIsLetGoAndBothStationsCanBeCalledAgai
         const char* bobWaitsFor;
     };
     const std::vector<Case> cases = {
-        {"silent from the start", "0", "at 5552002", "Connected"},
+        {"silent from the start", "0", "at 555-2002", "Connected"},
         {"silent in the middle of a file", "8000", "Sending File: ", "Receiving File: "},
     };
     const std::string note = RandomBytes(30000, 16);

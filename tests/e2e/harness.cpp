@@ -278,26 +278,3 @@ int Station::Quit(std::chrono::milliseconds limit) {
     }
     return process_.WaitForExit(limit);
 }
-
-std::vector<std::string> LinesHolding(const std::vector<std::string>& lines,
-                                      const std::vector<std::string>& texts) {
-    std::vector<std::string> kept;
-    for (const std::string& line : lines) {
-        for (const std::string& text : texts) {
-            if (line.find(text) != std::string::npos) {
-                kept.push_back(line);
-                break;
-            }
-        }
-    }
-    return kept;
-}
-
-std::string RandomBytes(size_t count, unsigned seed) {
-    std::mt19937 generator(seed);
-    std::string bytes(count, '\0');
-    for (char& c : bytes) {
-        c = static_cast<char>(generator() & 0xFF);
-    }
-    return bytes;
-}

@@ -16,6 +16,8 @@
 #include <thread>
 #include <vector>
 
+#include "support/test_data.h"
+
 // A child process with its standard input and output on pipes; standard error
 // is passed through. Lines of output are collected by a reader thread.
 class ChildProcess {
@@ -108,10 +110,3 @@ private:
     std::vector<std::string> messages_;
     size_t logWaitMark_ = 0;
 };
-
-// Lines of a, in order, that hold any of the texts: for comparing the order of
-// the lines that matter while ignoring the rest.
-std::vector<std::string> LinesHolding(const std::vector<std::string>& lines,
-                                      const std::vector<std::string>& texts);
-// Random bytes, the same for the same seed.
-std::string RandomBytes(size_t count, unsigned seed);

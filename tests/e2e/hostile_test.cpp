@@ -81,6 +81,26 @@ protected:
         EXPECT_TRUE(Incoming("after.txt") == files[0].bytes);
     }
 
+    // A file of these bytes, chosen for the station to send to the peer.
+    void ChooseAFileForThePeer(const std::string& bytes) {
+        ASSERT_TRUE(CreateFolder(root / "samples"));
+        WriteWholeFile(root / "samples/out.bin", bytes);
+        ASSERT_EQ(station->Command("choose " + (root / "samples/out.bin")), "ok");
+        ASSERT_EQ(station->Command("name Peer"), "ok");
+        ASSERT_EQ(station->Command("number 5553003"), "ok");
+    }
+
+    // The station sends its one file: the peer answers its call and takes
+    // the offer up to the list.
+    void TakeTheOffer() {
+        ASSERT_EQ(station->Command("send"), "ok");
+        ASSERT_TRUE(port->Answer(30000));
+        ASSERT_NE(port->ReceiveUntil("SYNCON\r\n", 5000).find("SYNCON"), std::string::npos);
+        port->Send("RCVCON\r\n");
+        ASSERT_NE(port->ReceiveUntil("H100\r\n", 5000).find("H100"), std::string::npos);
+        ASSERT_EQ(port->Receive(28 + 56, 3000).size(), 28u + 56u);
+    }
+
     // A gap between two pieces of one token or record: longer than a token
     // read waits, shorter than a block read's limit on silence.
     static void ShortPause() { std::this_thread::sleep_for(std::chrono::milliseconds(60)); }
@@ -243,17 +263,8 @@ TEST_F(HostilePeer, EndlessLinesAndNoiseHarmNothing) {
 // The station sends; the peer answers the list with a FILERESTA3 whose body
 // stops halfway.
 TEST_F(HostilePeer, ARecoveryBodyCutShortEndsTheSendersCall) {
-    ASSERT_TRUE(CreateFolder(root / "samples"));
-    WriteWholeFile(root / "samples/out.bin", RandomBytes(50000, 34));
-    ASSERT_EQ(station->Command("choose " + (root / "samples/out.bin")), "ok");
-    ASSERT_EQ(station->Command("name Peer"), "ok");
-    ASSERT_EQ(station->Command("number 5553003"), "ok");
-    ASSERT_EQ(station->Command("send"), "ok");
-    ASSERT_TRUE(port->Answer(30000));
-    ASSERT_NE(port->ReceiveUntil("SYNCON\r\n", 5000).find("SYNCON"), std::string::npos);
-    port->Send("RCVCON\r\n");
-    ASSERT_NE(port->ReceiveUntil("H100\r\n", 5000).find("H100"), std::string::npos);
-    ASSERT_EQ(port->Receive(28 + 56, 3000).size(), 28u + 56u);
+    ChooseAFileForThePeer(RandomBytes(50000, 34));
+    ASSERT_NO_FATAL_FAILURE(TakeTheOffer());
     port->Send("FILERESTA3\r\n" + std::string(40, '\0'));
     EXPECT_TRUE(station->WaitForLog("Read Buffer Timeout")) << Log();
     EXPECT_EQ(Count("Read Buffer Timeout"), 1);
@@ -273,18 +284,9 @@ TEST_F(HostilePeer, ARecoveryBodyCutShortEndsTheSendersCall) {
 TEST_F(HostilePeer, RepairsOfNoFileOnItsWayAreNotActedOn) {
     const std::string bytes = RandomBytes(50000, 35);
     const uint32_t stream = peer::StreamLength(bytes.size());
-    ASSERT_TRUE(CreateFolder(root / "samples"));
-    WriteWholeFile(root / "samples/out.bin", bytes);
-    ASSERT_EQ(station->Command("choose " + (root / "samples/out.bin")), "ok");
-    ASSERT_EQ(station->Command("name Peer"), "ok");
-    ASSERT_EQ(station->Command("number 5553003"), "ok");
+    ChooseAFileForThePeer(bytes);
     const auto takeTheFile = [&] {
-        ASSERT_EQ(station->Command("send"), "ok");
-        ASSERT_TRUE(port->Answer(30000));
-        ASSERT_NE(port->ReceiveUntil("SYNCON\r\n", 5000).find("SYNCON"), std::string::npos);
-        port->Send("RCVCON\r\n");
-        ASSERT_NE(port->ReceiveUntil("H100\r\n", 5000).find("H100"), std::string::npos);
-        ASSERT_EQ(port->Receive(28 + 56, 3000).size(), 28u + 56u);
+        ASSERT_NO_FATAL_FAILURE(TakeTheOffer());
         port->Send("ACK3\r\n");
         // Compared whole, so that a failure does not print the data.
         ASSERT_TRUE(port->Receive(stream, 10000) == peer::Stream(bytes));
@@ -293,7 +295,7 @@ TEST_F(HostilePeer, RepairsOfNoFileOnItsWayAreNotActedOn) {
     // Two sections from the second on, for a file of one: the feeder would
     // read past the file's end. The station ends the call instead, and the
     // file stays in its list for the next.
-    takeTheFile();
+    ASSERT_NO_FATAL_FAILURE(takeTheFile());
     port->Send("FILERECOVR\r\n" + peer::RecoveryBody(2 * 131072, 1, 2 * 131072));
     port->Send("CONTSEND\r\n");
     const std::string heard = port->ReceiveUntil("NO CARRIER", 15000);
@@ -307,7 +309,7 @@ TEST_F(HostilePeer, RepairsOfNoFileOnItsWayAreNotActedOn) {
 
     // ACK4 takes the file off the list; a repair of it then has nothing to
     // act on, and the ACK2 behind it still ends the session at once.
-    takeTheFile();
+    ASSERT_NO_FATAL_FAILURE(takeTheFile());
     port->Send("ACK4\r\n");
     port->Send("FILERECOVR\r\n" + peer::RecoveryBody(stream, 0, stream));
     port->Send("CONTSEND\r\n");

@@ -4,60 +4,14 @@
 #include <string>
 #include <vector>
 
-#include "harness.h"
-#include "installation.h"
-#include "platform/files.h"
+#include "two_stations.h"
 
 namespace {
 
 // Two stations of different families that know each other's numbers.
-class TwoStations : public ::testing::Test {
+class TwoStations : public ::testing::Test, public AliceAndBob {
 protected:
-    void SetUp() override {
-        alicePath = MakeInstallation(root, "alice");
-        bobPath = MakeInstallation(root, "bob");
-        adapters = std::make_unique<VirtualAdapters>(
-            std::vector<std::string>{alicePath + "/COM1=bitsurfr:5551001",
-                                     bobPath + "/COM1=adtran-xrt:5552002"},
-            std::vector<std::string>{"--rate", "0"});
-        alice = std::make_unique<Station>(alicePath);
-        bob = std::make_unique<Station>(bobPath);
-        ASSERT_TRUE(alice->WaitForLog("Initializing Incoming"));
-        ASSERT_TRUE(bob->WaitForLog("Initializing Incoming"));
-        ASSERT_EQ(alice->Command("name Bob"), "ok");
-        ASSERT_EQ(alice->Command("number 555-2002"), "ok");
-        ASSERT_TRUE(CreateFolder(root / "samples"));
-    }
-
-    // A sample file of the given bytes, in the samples folder.
-    std::string Sample(const std::string& name, const std::string& bytes) {
-        const std::string path = root / "samples/" + name;
-        WriteWholeFile(path, bytes);
-        return path;
-    }
-
-    // Alice presses Send; both sides see the session through.
-    void SendAndWait() {
-        ASSERT_EQ(alice->Command("send"), "ok");
-        ASSERT_TRUE(alice->WaitForLog("All files sent."));
-        ASSERT_TRUE(bob->WaitForLog("All files received."));
-        // Both back in the incoming profile and idle.
-        ASSERT_TRUE(alice->WaitForLog("Reinitializing Incoming: V.120 - 64K"));
-        ASSERT_TRUE(bob->WaitForLog("Reinitializing Incoming: V.120 - 64K"));
-        ASSERT_EQ(alice->Command("wait-state idle 30"), "ok");
-        ASSERT_EQ(bob->Command("wait-state idle 30"), "ok");
-    }
-
-    std::string Received(const std::string& relative) const {
-        return ReadWholeFile(bobPath + "/Incoming Files/" + relative);
-    }
-
-    TempFolder root;
-    std::string alicePath;
-    std::string bobPath;
-    std::unique_ptr<VirtualAdapters> adapters;
-    std::unique_ptr<Station> alice;
-    std::unique_ptr<Station> bob;
+    TwoStations() : AliceAndBob("adtran-xrt", {"--rate", "0"}) {}
 };
 
 }  // namespace
@@ -70,7 +24,7 @@ TEST_F(TwoStations, AListOfFilesArrivesByteForByteWithTheLinesOfBothSides) {
     ASSERT_EQ(alice->Command("choose " + Sample("mid.bin", mid)), "ok");
     ASSERT_EQ(alice->Command("choose " + Sample("big.bin", big)), "ok");
     ASSERT_EQ(alice->Command("choose " + Sample("empty.dat", "")), "ok");
-    SendAndWait();
+    SendThrough();
 
     EXPECT_TRUE(Received("note.txt") == note);
     EXPECT_TRUE(Received("mid.bin") == mid);
@@ -110,7 +64,7 @@ TEST_F(TwoStations, AFolderArrivesUnderItsNameAndASecondOneUnderNameA) {
     WriteWholeFile(root / "samples/Reports/empty.txt", "");
 
     ASSERT_EQ(alice->Command("add " + (root / "samples/Reports")), "ok");
-    SendAndWait();
+    SendThrough();
     EXPECT_EQ(LinesHolding(bob->LogLines(), {"Created new folder"}),
               std::vector<std::string>{"Created new folder: Reports"});
     EXPECT_TRUE(Received("Reports/first.bin") == first);
@@ -119,7 +73,7 @@ TEST_F(TwoStations, AFolderArrivesUnderItsNameAndASecondOneUnderNameA) {
     EXPECT_FALSE(PathExists(bobPath + "/Incoming Files/Reports/Old"));
 
     ASSERT_EQ(alice->Command("add " + (root / "samples/Reports")), "ok");
-    SendAndWait();
+    SendThrough();
     EXPECT_EQ(
         LinesHolding(bob->LogLines(), {"Created new folder"}),
         (std::vector<std::string>{"Created new folder: Reports", "Created new folder: Reports-A"}));
@@ -131,10 +85,10 @@ TEST_F(TwoStations, AFolderArrivesUnderItsNameAndASecondOneUnderNameA) {
 TEST_F(TwoStations, AFileOfAnExistingNameArrivesBesideItAndTheCallerCanBeCalledBack) {
     const std::string one = RandomBytes(5000, 6);
     ASSERT_EQ(alice->Command("choose " + Sample("report.doc", one)), "ok");
-    SendAndWait();
+    SendThrough();
     const std::string two = RandomBytes(7000, 7);
     ASSERT_EQ(alice->Command("choose " + Sample("report.doc", two)), "ok");
-    SendAndWait();
+    SendThrough();
     EXPECT_EQ(
         LinesHolding(bob->LogLines(), {"Receiving File"}),
         (std::vector<std::string>{"Receiving File: report.doc", "Receiving File: report.doc-A"}));

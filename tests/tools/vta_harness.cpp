@@ -327,15 +327,6 @@ Transfer TransferBothWays(TaPort& a, TaPort& b, const std::string& aToB, const s
     return result;
 }
 
-std::string RandomBytes(size_t count, uint32_t seed) {
-    std::mt19937 generator(seed);
-    std::string bytes(count, '\0');
-    for (char& byte : bytes) {
-        byte = static_cast<char>(generator() & 0xFF);
-    }
-    return bytes;
-}
-
 CallSetUp SetUpCall(TaPort& caller, TaPort& answerer, const std::string& dialString) {
     CallSetUp result;
     caller.Send("ATD" + dialString + "\r");

@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include "support/test_data.h"
+
 // The tool, started with the given arguments and running until Stop or the
 // end of the object. The start waits for "ready".
 class VirtualTa {
@@ -95,9 +97,6 @@ struct CallSetUp {
     bool connected = false;
 };
 CallSetUp SetUpCall(TaPort& caller, TaPort& answerer, const std::string& dialString);
-
-// Deterministic random bytes.
-std::string RandomBytes(size_t count, uint32_t seed);
 
 // Milliseconds of the monotonic clock.
 int64_t MonotonicMs();

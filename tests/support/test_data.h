@@ -1,0 +1,15 @@
+// Data for tests: bytes that no compression or pattern makes easy, and the
+// lines of a log that matter to a check.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// Bytes of a fixed pseudo-random sequence: the same seed, the same bytes.
+std::string RandomBytes(size_t count, uint32_t seed);
+
+// The lines that hold any of the texts, in their order.
+std::vector<std::string> LinesHolding(const std::vector<std::string>& lines,
+                                      const std::vector<std::string>& texts);
