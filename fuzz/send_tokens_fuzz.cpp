@@ -191,10 +191,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     std::string input(reinterpret_cast<const char*>(data + 1), size - 1);
     input += "\r\n";
-    // Enough for the body behind a resume or a repair, and for a list that
-    // comes after a request to fetch files.
-    const std::string padding =
-        std::string(sizeof(SessionHeader) + ListCapacity * sizeof(WireFileEntry), '\0') + "\r\n";
+    // Enough for the body behind a resume or a repair, or, after a request to
+    // fetch files, for the list that may come.
+    const size_t recordBytes = TheEngine.RetrievePending.load() != 0
+                                   ? sizeof(SessionHeader) + ListCapacity * sizeof(WireFileEntry)
+                                   : sizeof(RecoveryBody);
+    const std::string padding = std::string(recordBytes, '\0') + "\r\n";
     input += padding;
     FeedPort(input);
     for (int step = 0; step < StepLimit && PortQueueCount(1) > padding.size() && CallUp(); ++step) {
@@ -209,7 +211,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     DiscardPortInput();
     if (TheEngine.WeSend.load() != 0 && TheEngine.LinkState.load() >= LinkConnected) {
         FeedPort("NO CARRIER\r\n");
-        OnSenderInput();
+        // An answer of the adapter to a command-like run of bytes in the data
+        // may still have been on its way, and come first.
+        for (int line = 0;
+             line < 4 && TheEngine.LinkState.load() >= LinkConnected && PortQueueCount(1) > 0;
+             ++line) {
+            OnSenderInput();
+        }
         Require(TheEngine.LinkState.load() == LinkIdle, "the line's fall leaves the call up");
     } else if (TheEngine.LinkState.load() >= LinkConnected) {
         EndOfCallCleanup();
