@@ -7,10 +7,12 @@
 // instead of sending them.
 //
 // The list holds a file of two sections, so that a resume or a repair may
-// point to either, an empty file and a small one, read
-// from real files; the feeder sends their data to the adapter as in a call.
-// No token may leave a transfer under way with nothing in the list to send:
-// such a call would hang, since every ACK waits for a file that never ends.
+// point to either, an empty file and a small one, read from real files; the
+// feeder sends their data to the adapter as in a call. After every token:
+// - no transfer is under way with nothing in the list to send (such a call
+//   would hang: every ACK would wait for a file that never ends);
+// - the files offered could be read (a fault there means the position went
+//   outside the file).
 // Every input ends with the line's fall, and then:
 // - the files offered are unchanged on disk;
 // - no feeder runs, the link is idle and this end no longer sends;
