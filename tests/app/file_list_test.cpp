@@ -2,6 +2,7 @@
 // limits of the list.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -12,6 +13,7 @@
 #include "platform/control_model.h"
 #include "platform/files.h"
 #include "resources/resource.h"
+#include "support/temp_folder.h"
 #include "window_fixture.h"
 
 namespace {
@@ -219,6 +221,27 @@ TEST_F(FileListTest, ALongNameKeepsItsExtensionAndThePathStaysWhole) {
     EXPECT_EQ(FileNameOfPath("/a/b/c.txt"), "c.txt");
     EXPECT_EQ(FileNameOfPath("/a/b/"), "b");
     EXPECT_EQ(FileNameOfPath("plain"), "plain");
+}
+
+TEST_F(FileListTest, APathTooLongOrAFileTooLargeForTheProtocolIsRefusedWithItsLine) {
+    // Folders of 200 characters each: the path passes 511 at the file.
+    const std::string deep = MakeFolder(std::string(200, 'd')) + "/" + std::string(200, 'e');
+    ASSERT_TRUE(CreateFolder(deep));
+    const std::string name = std::string(120, 'f');
+    const std::string longPath = deep + "/" + name;
+    ASSERT_GT(longPath.size(), 511u);
+    WriteWholeFile(longPath, "x");
+    EXPECT_FALSE(window->AddFileToList(longPath, name));
+    EXPECT_EQ(Observed().back(), "Path too long: " + name + " was not added.");
+
+    // A file whose stream the block counters cannot count; sparse, so that
+    // it costs no disk.
+    const std::string huge = MakeFile("huge.bin", 0);
+    ASSERT_EQ(::truncate(huge.c_str(), off_t{1} << 28), 0);
+    EXPECT_FALSE(window->AddFileToList(huge, "huge.bin"));
+    EXPECT_EQ(Observed().back(), "File too large to send: huge.bin");
+    EXPECT_EQ(TheEngine.SendCount.load(), 0);
+    EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 0);
 }
 
 }  // namespace

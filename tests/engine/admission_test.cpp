@@ -1,7 +1,8 @@
 // Admission of a file list where the far end's word cannot be checked by a
 // peer on a real line: the free space against what the entries announce, the
-// largest length the block counters hold, a name whose every suffix is
-// taken, and a folder whose name and first suffix are taken.
+// largest length the block counters hold, names already taken (files and
+// folders, up to the last suffix), the announced name kept for a resume, and
+// empty files made at once but kept out of the list.
 
 #include <gtest/gtest.h>
 
@@ -47,6 +48,14 @@ protected:
             offer += peer::Entry(entry.name, entry.kind, entry.dataLength, entry.dataLength);
         }
         Send(offer);
+    }
+    // A list whose header tells the truth.
+    void Offer(const std::vector<Offered>& entries) {
+        uint32_t total = 0;
+        for (const Offered& entry : entries) {
+            total += entry.dataLength;
+        }
+        Offer(entries, total, static_cast<uint32_t>(entries.size()));
     }
 
     std::vector<std::string> ReceivedNames() const {
@@ -108,6 +117,18 @@ TEST_F(AdmissionTest, ANameWithAllItsSuffixesTakenRefusesTheList) {
     EXPECT_FALSE(PathExists(Incoming("free")));
     EXPECT_EQ(ReadWholeFile(Incoming("busy-Z")), "Z");
 
+    // A folder marker whose name and every suffix are taken refuses the list
+    // the same way; nothing is made in any of the folders.
+    ASSERT_TRUE(CreateFolder(Incoming("box")));
+    for (char letter = 'A'; letter <= 'Z'; ++letter) {
+        ASSERT_TRUE(CreateFolder(Incoming(std::string("box-") + letter)));
+    }
+    Offer({{"box", 1, 0}, {"inside", 0, 3}}, 3, 2);
+    EXPECT_EQ(TakeRefusal(), "NAK4\r\n");
+    EXPECT_TRUE(WaitForLog("Too many files named box"));
+    EXPECT_FALSE(PathExists(Incoming("box/inside")));
+    EXPECT_FALSE(PathExists(Incoming("box-Z/inside")));
+
     // Twenty-eight files of one name in one list: the plain name and its 26
     // suffixes hold 27 of them.
     std::vector<Offered> same(28, Offered{"same", 0, 3});
@@ -134,4 +155,48 @@ TEST_F(AdmissionTest, AFolderMarkerTakesTheFirstFreeSuffixAndItsFilesGoInside) {
     EXPECT_EQ(ReceivedNames(), (std::vector<std::string>{"letter.txt"}));
     // Without the marker the remaining total is that of the files.
     EXPECT_EQ(TheEngine.ReceiveRemaining.load(), 5u);
+}
+
+TEST_F(AdmissionTest, CollidingNamesTakeSuffixesAndNeverOverwrite) {
+    WriteWholeFile(Incoming("report.doc"), "mine");
+    const std::string longName(31, 'n');
+    WriteWholeFile(Incoming(longName), "mine too");
+    Offer({{"report.doc", 0, 5}, {"report.doc", 0, 5}, {longName, 0, 5}});
+    EXPECT_EQ(Take(6), "ACK3\r\n");
+    EXPECT_EQ(ReceivedNames(), (std::vector<std::string>{"report.doc-A", "report.doc-B",
+                                                         std::string(29, 'n') + "-A"}));
+    // The announced names stay for a resume; the list on the wire follows the
+    // names in use.
+    EXPECT_EQ(Inspect([] { return std::string(TheEngine.ReceiveList[0].WireName.View()); }),
+              "report.doc");
+    EXPECT_EQ(Inspect([] { return std::string(TheEngine.WireList[1].Name.View()); }),
+              "report.doc-B");
+    EXPECT_EQ(ReadWholeFile(Incoming("report.doc")), "mine");
+    EXPECT_EQ(ReadWholeFile(Incoming(longName)), "mine too");
+    EXPECT_TRUE(WaitForLog("Receiving File: report.doc-A"));
+}
+
+TEST_F(AdmissionTest, EmptyFilesAreMadeAtOnceAndLeftOutOfTheList) {
+    Offer({{"a.txt", 0, 5}, {"empty.txt", 0, 0}, {"b.txt", 0, 7}});
+    EXPECT_EQ(Take(6), "ACK3\r\n");
+    EXPECT_EQ(ReceivedNames(), (std::vector<std::string>{"a.txt", "b.txt"}));
+    EXPECT_EQ(TheEngine.ReceiveListSize.load(), 2);
+    EXPECT_EQ(TheEngine.ReceiveRemaining.load(), 12u);
+    EXPECT_TRUE(PathExists(Incoming("empty.txt")));
+    EXPECT_EQ(ReadWholeFile(Incoming("empty.txt")), "");
+    EXPECT_EQ(TheEngine.ExpectedBlock.load(), 5);
+}
+
+TEST_F(AdmissionTest, AListOfOnlyEmptyFilesIsAnsweredWithAck2) {
+    WriteWholeFile(Incoming("x"), "mine");
+    Offer({{"x", 0, 0}, {"y", 0, 0}});
+    EXPECT_EQ(Take(6), "ACK2\r\n");
+    EXPECT_TRUE(WaitForLog("All files received."));
+    EXPECT_EQ(TheEngine.LinkState.load(), LinkConnected);
+    EXPECT_EQ(ReadWholeFile(Incoming("x")), "mine");
+    EXPECT_TRUE(PathExists(Incoming("x-A")));
+    EXPECT_TRUE(PathExists(Incoming("y")));
+    // An empty list too.
+    Offer({});
+    EXPECT_EQ(Take(6), "ACK2\r\n");
 }

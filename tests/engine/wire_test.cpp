@@ -52,6 +52,17 @@ FileEntry EntryForFile(std::string_view name, uint64_t size) {
 // ---------------------------------------------------------------------------
 // Records that no peer of the end-to-end tests sends
 
+TEST(WireRecords, NameFieldIsZeroPaddedWhateverTheEntryHeld) {
+    FileEntry entry = EntryForFile("b", 10);
+    // Left-over bytes behind the terminator of the entry's own field.
+    std::memset(entry.DisplayName.Bytes, 'Z', sizeof entry.DisplayName.Bytes);
+    entry.DisplayName.Bytes[0] = 'b';
+    entry.DisplayName.Bytes[1] = 0;
+    const Bytes bytes = BytesOf(MakeWireFileEntry(entry));
+    EXPECT_EQ(bytes[0], 'b');
+    EXPECT_EQ(Bytes(bytes.begin() + 1, bytes.begin() + 32), Zeros(31));
+}
+
 TEST(WireRecords, RetrieveRequestCarriesTheNumberZeroPadded) {
     const Bytes bytes = BytesOf(MakeRetrieveRequest("0301234567"));
     EXPECT_EQ(bytes, Concat({TextBytes("0301234567"), Zeros(22)}));
@@ -110,6 +121,18 @@ TEST(WireArithmetic, NewEntryPosition) {
     FileEntry whole = EntryForFile("whole", 131070);
     whole.BlocksDone = 16;
     EXPECT_EQ(ExpectedBlockOf(whole), 0);
+}
+
+TEST(WireArithmetic, BlockCountersHoldEveryStreamBelowTheLimit) {
+    EXPECT_TRUE(DataLengthFits(DataLengthLimit - 1));
+    EXPECT_FALSE(DataLengthFits(DataLengthLimit));
+    EXPECT_EQ(DataBlocksOf(static_cast<uint32_t>(DataLengthLimit - 1)), 32767);
+    // The largest file whose stream still fits.
+    const uint64_t sections = (DataLengthLimit - 1) / SectionWireBytes;
+    const uint64_t size =
+        sections * SectionFileBytes + (DataLengthLimit - 1) % SectionWireBytes - 2;
+    EXPECT_EQ(DataLengthForSize(size), DataLengthLimit - 1);
+    EXPECT_FALSE(DataLengthFits(DataLengthForSize(size + 1)));
 }
 
 TEST(WireArithmetic, SectionOffsetsInTheFile) {

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -43,6 +44,53 @@ TEST_F(LineTest, ExchangeKeepsTheWholeReplyAndPutsPollingBackAsItWas) {
     EXPECT_FALSE(SendAndWaitOkShort("ATQ")) << "an echo without OK is a failure";
     EXPECT_EQ(LinePollingEnabled.load(), 1) << "also after a failed one";
     EXPECT_EQ(adapters[0]->CommandTexts(), (Texts{"ATI3", "ATI4", "ATQ"}));
+}
+
+// A stand-in for the communications thread: it holds the read lock for each
+// pass in which polling is on, and sleeps long waits that only a wake ends.
+class PollingReader {
+public:
+    PollingReader()
+        : thread_([this] {
+              while (!stop_.load()) {
+                  if (LinePollingEnabled.load() != 0) {
+                      std::lock_guard<std::recursive_mutex> guard(PortReadLock);
+                      passes_.fetch_add(1);
+                      WaitForPortInput(30000);
+                  } else {
+                      WaitForPortWake(30000);
+                  }
+              }
+          }) {}
+    ~PollingReader() {
+        stop_.store(true);
+        InterruptPortWait();
+        thread_.join();
+    }
+    int Passes() const { return passes_.load(); }
+
+private:
+    std::atomic<bool> stop_{false};
+    std::atomic<int> passes_{0};
+    std::thread thread_;
+};
+
+TEST_F(LineTest, ExchangeTakesThePortFromAReaderThatWaitsOnIt) {
+    Attach(1, [](const std::string& command, uint32_t) { return Answer(command); });
+    OpenPort(1, 115200);
+    SetLinePolling(1);
+    PollingReader reader;
+    while (reader.Passes() == 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    // The reader sits in a long wait holding the lock; the exchange must wake
+    // it rather than wait out its time.
+    auto exchange = std::async(std::launch::async, [] { return SendAndWaitOk("AT"); });
+    ASSERT_EQ(exchange.wait_for(std::chrono::seconds(10)), std::future_status::ready)
+        << "the reader was not woken";
+    EXPECT_TRUE(exchange.get());
+    EXPECT_EQ(LinePollingEnabled.load(), 1);
+    SetLinePolling(0);
 }
 
 TEST_F(LineTest, ConversationsThatOverlapLeaveThePollingFlagRight) {

@@ -84,6 +84,18 @@ TEST_F(CommPortTest, CommandsEndInCarriageReturnAloneAndLongOnesAreRefused) {
     EXPECT_EQ(far.Receive(3, 300), std::string("\x00\xFF", 2)) << "nothing of the refused command";
 }
 
+TEST_F(CommPortTest, TokenIsFoundAndWhatFollowsItStaysQueued) {
+    far.Send(std::string("noise\0 ACK3\r\n", 13) + "\xFF\xAA\x55");
+    char* token = ReadUntilToken("ACK3", 2000, buffer);
+    ASSERT_NE(token, nullptr);
+    EXPECT_STREQ(buffer, "noise ACK3") << "the NUL is dropped, the read stops at the token";
+    EXPECT_EQ(token, buffer + 6);
+    EXPECT_EQ(PortQueueCount(1), 5u);
+    uint8_t rest[5];
+    EXPECT_EQ(ReadBlock(rest, 5, 500), 5u);
+    EXPECT_EQ(std::memcmp(rest, "\r\n\xFF\xAA\x55", 5), 0);
+}
+
 TEST_F(CommPortTest, LineLimitOf1023BytesCountsOnlyRealBytes) {
     // NULs do not count towards the limit: 1019 letters, 2000 NULs, then the
     // token's last byte is the 1023rd real byte and is still found.

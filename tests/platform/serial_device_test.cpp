@@ -80,3 +80,26 @@ TEST(SerialDevice, AWaitOnADeadLineCostsNoProcessor) {
     EXPECT_LT(ThreadCpuMs() - before, 50.0);
     port.Close();
 }
+
+TEST(SerialDevice, SettingsReachTheDeviceAndRefusalsKeepTheOld) {
+    FarEnd far;
+    SerialDevice port;
+    ASSERT_TRUE(port.Open(far.DevicePath()));
+    SerialSettings settings;
+    settings.baudRate = 115200;
+    settings.rtsCtsFlow = true;
+    ASSERT_TRUE(port.Configure(settings));
+    EXPECT_EQ(far.Speed(), 115200u);
+
+    SerialSettings odd = settings;
+    odd.baudRate = 12345;
+    EXPECT_FALSE(port.Configure(odd));
+    odd.baudRate = 230400;
+    odd.stopBits = 1;  // one and a half: no such setting here
+    EXPECT_FALSE(port.Configure(odd));
+    EXPECT_EQ(far.Speed(), 115200u) << "a refused change leaves the old speed";
+
+    settings.baudRate = 230400;
+    EXPECT_TRUE(port.Configure(settings));
+    EXPECT_EQ(far.Speed(), 230400u);
+}

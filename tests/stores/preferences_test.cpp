@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <string>
@@ -133,6 +134,11 @@ TEST_F(PreferencesTest, SaveNeedsAnExistingFileAndSaysNothingWithout) {
     EXPECT_FALSE(SavePreferences());
     struct stat info {};
     EXPECT_NE(::stat((folder / "kestrelbound_prefs").c_str(), &info), 0);
+    EXPECT_TRUE(messages.empty());
+
+    // A file that opens but takes no bytes: the save fails, still silently.
+    ASSERT_EQ(::symlink("/dev/full", (folder / "kestrelbound_prefs").c_str()), 0);
+    EXPECT_FALSE(SavePreferences());
     EXPECT_TRUE(messages.empty());
 }
 
