@@ -3,8 +3,30 @@
 
 #include "engine/engine_window.h"
 
+#include <cstdint>
+#include <string>
+
+// The window when there is none: it shows nothing but keeps the engine's own
+// figures right, as the real window does: the send total is still summed and
+// an emptied file list still empties SendList.
+class NoWindow : public EngineWindow {
+public:
+    void ShowBatchEstimate(uint32_t) override {}
+    void RecomputeSendTotal() override;
+    void ShowTransferDisplay(bool) override {}
+    void SetProgress(uint32_t, uint32_t) override {}
+    void ShowThroughput(bool, bool) override {}
+    void LogElapsedTime() override;
+    void ListIncomingFiles() override {}
+    void RemoveTopFileRow() override {}
+    void UpdateActionButtons() override {}
+    void ShowCorrespondent(int16_t) override {}
+    void ClearFileList() override;
+    void AddFolderToSendList(const std::string&, const std::string&) override {}
+    int ImportDirectoryEntry(const std::string&) override { return 0; }
+};
+
 // TheMainWindow while the window exists. Before it exists and after it has
-// gone the engine's threads may still run, and then the calls go to a window
-// that shows nothing but keeps the engine's own figures right: the send total
-// is still summed and an emptied file list still empties SendList.
+// gone the engine's threads may still run, and then the calls go to a
+// NoWindow.
 EngineWindow& Display();

@@ -32,19 +32,8 @@ bool RecordingWindow::Called(const std::string& call) const {
 }
 
 void RecordingWindow::RecomputeSendTotal() {
-    uint32_t total = 0;
-    for (int16_t i = 0; i < TheEngine.SendCount.load(); ++i) {
-        if (TheEngine.SendList[i].EntryKind != KindFolderMarker) {
-            total += TheEngine.SendList[i].TotalLength;
-        }
-    }
-    TheEngine.SendRemaining = total;
+    NoWindow::RecomputeSendTotal();
     Note("RecomputeSendTotal");
-}
-
-void RecordingWindow::ClearFileList() {
-    TheEngine.SendCount = 0;
-    TheEngine.SendRemaining = 0;
 }
 
 void RecordingWindow::AddFolderToSendList(const std::string& path, const std::string& name) {
@@ -52,15 +41,6 @@ void RecordingWindow::AddFolderToSendList(const std::string& path, const std::st
 }
 
 // ---------------------------------------------------------------------------
-
-std::string PatternBytes(size_t size, uint32_t seed) {
-    std::mt19937 random(seed);
-    std::string bytes(size, '\0');
-    for (char& c : bytes) {
-        c = static_cast<char>(random() & 0xFF);
-    }
-    return bytes;
-}
 
 std::string LetterBytes(size_t size) {
     std::string bytes(size, 'a');

@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "engine/engine_window.h"
+#include "engine/display.h"
 #include "engine/sessions.h"
 #include "engine/transfer_engine.h"
 #include "line/adapter.h"
@@ -25,21 +25,12 @@
 #include "platform/thread.h"
 #include "support/far_end.h"
 #include "support/temp_folder.h"
+#include "support/test_data.h"
 #include "support/wire_peer.h"
 
-class RecordingWindow : public EngineWindow {
+class RecordingWindow : public NoWindow {
 public:
-    void ShowBatchEstimate(uint32_t) override {}
     void RecomputeSendTotal() override;
-    void ShowTransferDisplay(bool) override {}
-    void SetProgress(uint32_t, uint32_t) override {}
-    void ShowThroughput(bool, bool) override {}
-    void LogElapsedTime() override { TheEngine.TransferStartTime = 0; }
-    void ListIncomingFiles() override {}
-    void RemoveTopFileRow() override {}
-    void UpdateActionButtons() override {}
-    void ShowCorrespondent(int16_t) override {}
-    void ClearFileList() override;
     void AddFolderToSendList(const std::string& path, const std::string& name) override;
     int ImportDirectoryEntry(const std::string&) override { return 1; }
 
@@ -53,8 +44,6 @@ private:
     std::vector<std::string> calls_;
 };
 
-// Bytes that look like nothing in particular.
-std::string PatternBytes(size_t size, uint32_t seed);
 // Letters only, so that a hang-up's "+++" cannot be mistaken in the data.
 std::string LetterBytes(size_t size);
 // "H100" and the list of the files, as a peer sends it.

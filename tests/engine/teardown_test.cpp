@@ -54,9 +54,9 @@ protected:
         EXPECT_EQ(TheEngine.LinkState.load(), LinkIdle);
     }
 
-    const peer::File first{"first.bin", PatternBytes(5000, 1)};
-    const peer::File second{"second.bin", PatternBytes(SectionFileBytes + 7000, 2)};
-    const peer::File third{"third.bin", PatternBytes(300, 3)};
+    const peer::File first{"first.bin", RandomBytes(5000, 1)};
+    const peer::File second{"second.bin", RandomBytes(SectionFileBytes + 7000, 2)};
+    const peer::File third{"third.bin", RandomBytes(300, 3)};
 };
 
 class SenderTeardownTest : public EngineHarness {
@@ -79,7 +79,7 @@ TEST_F(ReceiverTeardownTest, AChangedFileOfTheSameNameIsANewFileAndTheOldPartGoe
     LeaveAPartForAResume();
     // Same name, another length: admitted as new, under the plain name,
     // since the part left behind has gone.
-    const peer::File changed{"second.bin", PatternBytes(900, 9)};
+    const peer::File changed{"second.bin", RandomBytes(900, 9)};
     OfferAsCaller({changed});
     EXPECT_EQ(Take(6), "ACK3\r\n");
     EXPECT_TRUE(WaitForLog("Receiving File: second.bin"));

@@ -35,7 +35,7 @@ TEST_F(ReceiverTokenTest, NoiseNulBytesAndTwoTokensOnOneLineAreHeardInOrder) {
     // A lone CR LF, as the first half of an adapter message, matches nothing.
     Send("\r\n");
     EXPECT_EQ(TakeFor(100), "");
-    const peer::File file{"both.txt", PatternBytes(5, 7)};
+    const peer::File file{"both.txt", RandomBytes(5, 7)};
     Send("SYNCON " + ListFor({file}));
     EXPECT_EQ(Take(14), "RCVCON\r\nACK3\r\n");
     Send(peer::Stream(file.bytes));
@@ -45,7 +45,7 @@ TEST_F(ReceiverTokenTest, NoiseNulBytesAndTwoTokensOnOneLineAreHeardInOrder) {
 
 TEST_F(ReceiverTokenTest, InRecoveryOnlySendRecovrIsHeard) {
     ConnectAsReceiver();
-    const std::string bytes = PatternBytes(2000, 3);
+    const std::string bytes = RandomBytes(2000, 3);
     Send(ListFor({{"fix.bin", bytes}}));
     EXPECT_EQ(Take(6), "ACK3\r\n");
     std::string stream = peer::Stream(bytes);
@@ -69,7 +69,7 @@ TEST_F(ReceiverTokenTest, InRecoveryOnlySendRecovrIsHeard) {
 }
 
 TEST_F(SenderTokenTest, AnAcceptanceBehindNoiseStartsTheTransferAndAck1CountsAsAck3) {
-    const std::string bytes = PatternBytes(3000, 11);
+    const std::string bytes = RandomBytes(3000, 11);
     AddToSendList(MakeFile("a.bin", bytes), "a.bin");
     ConnectAsCaller();
     // Tokens that belong to no session in progress do nothing.
@@ -97,7 +97,7 @@ TEST_F(SenderTokenTest, AnAcceptanceBehindNoiseStartsTheTransferAndAck1CountsAsA
 }
 
 TEST_F(SenderTokenTest, FileResta1GoesOnFromTheReceiversPosition) {
-    const std::string bytes = PatternBytes(2 * SectionFileBytes + 500, 13);
+    const std::string bytes = RandomBytes(2 * SectionFileBytes + 500, 13);
     AddToSendList(MakeFile("big.bin", bytes), "big.bin");
     const uint32_t dataLength = peer::StreamLength(bytes.size());
     ConnectAndTakeList(1);
@@ -112,7 +112,7 @@ TEST_F(SenderTokenTest, FileResta1GoesOnFromTheReceiversPosition) {
 
 TEST_F(SenderTokenTest, LossOfCarrierInTransferResetsTheFileInHand) {
     // Far more than the line holds while the far end takes nothing in.
-    const std::string bytes = PatternBytes(4 * SectionFileBytes, 19);
+    const std::string bytes = RandomBytes(4 * SectionFileBytes, 19);
     AddToSendList(MakeFile("d.bin", bytes), "d.bin");
     const uint32_t total = TheEngine.SendRemaining.load();
     ConnectAndTakeList(1);

@@ -15,7 +15,7 @@ using WatchdogTest = EngineHarness;
 
 TEST_F(WatchdogTest, FiveSecondsWithoutABlockAbortTheTransfer) {
     ConnectAsReceiver();
-    Send(ListFor({{"stall.bin", PatternBytes(8191, 1)}}));
+    Send(ListFor({{"stall.bin", RandomBytes(8191, 1)}}));
     EXPECT_EQ(Take(6), "ACK3\r\n");
     // Not before the limit...
     EXPECT_EQ(TakeFor(4900), "");
