@@ -129,6 +129,13 @@ bool HangUp() {
             OnCallEnded();
             return true;
         }
+        // Its NO CARRIER may also have gone before: with input thrown away
+        // when the feeder was stopped, or read by another wait. An adapter in
+        // command mode answers "AT"; one still in data mode passes it on.
+        if (SendAndWaitOkShort("AT")) {
+            OnCallEnded();
+            return true;
+        }
         return HangUpFailed();  // still in data mode; the state stays as it was
     }
     SendCommand("ATH");
