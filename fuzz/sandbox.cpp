@@ -10,7 +10,7 @@
 #include <set>
 #include <thread>
 
-#include "engine/engine_window.h"
+#include "engine/display.h"
 #include "engine/sessions.h"
 #include "engine/transfer_engine.h"
 #include "line/adapter.h"
@@ -26,24 +26,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class QuietWindow : public EngineWindow {
-public:
-    void ShowBatchEstimate(uint32_t) override {}
-    void RecomputeSendTotal() override {}
-    void ShowTransferDisplay(bool) override {}
-    void SetProgress(uint32_t, uint32_t) override {}
-    void ShowThroughput(bool, bool) override {}
-    void LogElapsedTime() override {}
-    void ListIncomingFiles() override {}
-    void RemoveTopFileRow() override {}
-    void UpdateActionButtons() override {}
-    void ShowCorrespondent(int16_t) override {}
-    void ClearFileList() override {}
-    void AddFolderToSendList(const std::string&, const std::string&) override {}
-    int ImportDirectoryEntry(const std::string&) override { return 0; }
-};
-
-QuietWindow window;
+// The window when there is none: it keeps the engine's own figures and
+// shows nothing.
+NoWindow window;
 PseudoTerminal terminal;
 std::string base;  // the sandbox; the installation is base + "/inst"
 std::string root;
