@@ -60,11 +60,11 @@ long PeakResidentKb(pid_t pid) {
 }
 
 struct Figures {
-    double seconds = 0;
-    double senderCpu = 0;
-    double receiverCpu = 0;
-    long senderPeakKb = 0;
-    long receiverPeakKb = 0;
+    double Seconds = 0;
+    double SenderCpu = 0;
+    double ReceiverCpu = 0;
+    long SenderPeakKb = 0;
+    long ReceiverPeakKb = 0;
 };
 
 void PrintLogs(Station& alice, Station& bob) {
@@ -76,7 +76,7 @@ void PrintLogs(Station& alice, Station& bob) {
     }
 }
 
-size_t fileSize = 1 << 20;
+size_t FileSize = 1 << 20;
 constexpr size_t UnthrottledRuns = 7;
 
 bool Run(int rate, Figures& figures) {
@@ -88,7 +88,7 @@ bool Run(int rate, Figures& figures) {
         {"--rate", std::to_string(rate)});
     Station alice(alicePath);
     Station bob(bobPath);
-    const std::string file = RandomBytes(fileSize, 42);
+    const std::string file = RandomBytes(FileSize, 42);
     WriteWholeFile(root / "random.bin", file);
     if (!alice.WaitForLog("Initializing Incoming") || !bob.WaitForLog("Initializing Incoming") ||
         bob.Command("in-protocol AIMUX") != "ok" || alice.Command("protocol AIMUX") != "ok" ||
@@ -112,11 +112,11 @@ bool Run(int rate, Figures& figures) {
         return false;
     }
     const auto end = Clock::now();
-    figures.seconds = std::chrono::duration<double>(end - start).count();
-    figures.senderCpu = (ProcessorSeconds(alice.Pid()) - aliceStart) / figures.seconds;
-    figures.receiverCpu = (ProcessorSeconds(bob.Pid()) - bobStart) / figures.seconds;
-    figures.senderPeakKb = PeakResidentKb(alice.Pid());
-    figures.receiverPeakKb = PeakResidentKb(bob.Pid());
+    figures.Seconds = std::chrono::duration<double>(end - start).count();
+    figures.SenderCpu = (ProcessorSeconds(alice.Pid()) - aliceStart) / figures.Seconds;
+    figures.ReceiverCpu = (ProcessorSeconds(bob.Pid()) - bobStart) / figures.Seconds;
+    figures.SenderPeakKb = PeakResidentKb(alice.Pid());
+    figures.ReceiverPeakKb = PeakResidentKb(bob.Pid());
     if (!bob.WaitForLog("All files received.", std::chrono::seconds(60)) ||
         ReadWholeFile(bobPath + "/Incoming Files/random.bin") != file) {
         std::fprintf(stderr, "the file did not arrive identical\n");
@@ -136,13 +136,13 @@ int main(int argc, char** argv) {
         if (std::strcmp(argv[i], "--quick") == 0) {
             quick = true;
         } else if (std::strcmp(argv[i], "--size") == 0 && i + 1 < argc) {
-            fileSize = std::stoul(argv[++i]);
+            FileSize = std::stoul(argv[++i]);
         } else {
             std::fprintf(stderr, "usage: kb_transfer_bench [--quick] [--size BYTES]\n");
             return 2;
         }
     }
-    const double fileBytes = static_cast<double>(fileSize);
+    const double fileBytes = static_cast<double>(FileSize);
     if (!quick) {
         Figures line;
         if (!Run(8000, line)) {
@@ -150,18 +150,18 @@ int main(int argc, char** argv) {
         }
         const double lineRate = 16000.0;
         std::printf("line rate %.0f B/s (two channels of 8000 B/s), %zu random bytes\n", lineRate,
-                    fileSize);
-        std::printf("  transfer time     %.2f s\n", line.seconds);
+                    FileSize);
+        std::printf("  transfer time     %.2f s\n", line.Seconds);
         std::printf("  goodput           %.4f of the line rate (target at least 0.995)\n",
-                    fileBytes / line.seconds / lineRate);
+                    fileBytes / line.Seconds / lineRate);
         std::printf("  sender CPU        %.4f of wall time (target at most 0.01)\n",
-                    line.senderCpu);
+                    line.SenderCpu);
         std::printf("  receiver CPU      %.4f of wall time (target at most 0.01)\n",
-                    line.receiverCpu);
+                    line.ReceiverCpu);
         std::printf("  sender peak RSS   %.1f MB (target at most 16)\n",
-                    static_cast<double>(line.senderPeakKb) / 1024.0);
+                    static_cast<double>(line.SenderPeakKb) / 1024.0);
         std::printf("  receiver peak RSS %.1f MB (target at most 16)\n",
-                    static_cast<double>(line.receiverPeakKb) / 1024.0);
+                    static_cast<double>(line.ReceiverPeakKb) / 1024.0);
     }
     // One unthrottled megabyte takes some 20 ms, so a single run says more
     // about the scheduler than about the program: take the median of several.
@@ -172,21 +172,21 @@ int main(int argc, char** argv) {
         }
     }
     std::sort(runs.begin(), runs.end(),
-              [](const Figures& a, const Figures& b) { return a.seconds < b.seconds; });
+              [](const Figures& a, const Figures& b) { return a.Seconds < b.Seconds; });
     const Figures& median = runs[runs.size() / 2];
-    std::printf("unthrottled (--rate 0), %zu random bytes, median of %zu runs\n", fileSize,
+    std::printf("unthrottled (--rate 0), %zu random bytes, median of %zu runs\n", FileSize,
                 runs.size());
-    std::printf("  transfer time     %.3f s\n", median.seconds);
+    std::printf("  transfer time     %.3f s\n", median.Seconds);
     std::printf("  goodput           %.1f MB/s (target at least 50; runs from %.1f to %.1f)\n",
-                fileBytes / median.seconds / 1e6, fileBytes / runs.back().seconds / 1e6,
-                fileBytes / runs.front().seconds / 1e6);
+                fileBytes / median.Seconds / 1e6, fileBytes / runs.back().Seconds / 1e6,
+                fileBytes / runs.front().Seconds / 1e6);
     // The kernel counts processor time in ticks of 10 ms, too coarse for one
     // run: the shares are over all runs together.
     double seconds = 0, sender = 0, receiver = 0;
     for (const Figures& run : runs) {
-        seconds += run.seconds;
-        sender += run.senderCpu * run.seconds;
-        receiver += run.receiverCpu * run.seconds;
+        seconds += run.Seconds;
+        sender += run.SenderCpu * run.Seconds;
+        receiver += run.ReceiverCpu * run.Seconds;
     }
     std::printf("  sender CPU        %.2f of wall time\n", sender / seconds);
     std::printf("  receiver CPU      %.2f of wall time\n", receiver / seconds);

@@ -28,11 +28,11 @@ namespace {
 
 // The window when there is none: it keeps the engine's own figures and
 // shows nothing.
-NoWindow window;
-PseudoTerminal terminal;
-std::string base;  // the sandbox; the installation is base + "/inst"
-std::string root;
-std::set<std::string> known;
+NoWindow Window;
+PseudoTerminal Terminal;
+std::string Base;  // the sandbox; the installation is base + "/inst"
+std::string Root;
+std::set<std::string> Known;
 
 void Fail(const std::string& what) {
     std::fprintf(stderr, "sandbox: %s\n", what.c_str());
@@ -42,7 +42,7 @@ void Fail(const std::string& what) {
 }  // namespace
 
 void SetUpSandbox() {
-    if (!base.empty()) {
+    if (!Base.empty()) {
         return;
     }
     // In memory where the system has such a folder: every input creates and
@@ -54,17 +54,17 @@ void SetUpSandbox() {
     if (made == nullptr) {
         made = ::mkdtemp(onDisk);
     }
-    if (made == nullptr || !OpenPseudoTerminal(terminal)) {
+    if (made == nullptr || !OpenPseudoTerminal(Terminal)) {
         Fail("cannot make the sandbox");
     }
-    base = made;
+    Base = made;
     // Gone again when the fuzzer ends; a crash or an interrupt leaves it.
-    std::atexit([] { fs::remove_all(base); });
-    root = base + "/inst";
-    fs::create_directory(root);
-    fs::create_symlink(terminal.slavePath, root + "/COM1");
+    std::atexit([] { fs::remove_all(Base); });
+    Root = Base + "/inst";
+    fs::create_directory(Root);
+    fs::create_symlink(Terminal.SlavePath, Root + "/COM1");
     SetLogLineSink([](const std::string&) {});
-    BuildPaths(root);
+    BuildPaths(Root);
     CreateFolder(IncomingPath);
     if (CommPortCreate() != 1) {
         Fail("no port record");
@@ -79,18 +79,18 @@ void SetUpSandbox() {
     }
     ThePreferences.AdapterModel = ModelBitSURFR;
     EngineStartup();
-    TheMainWindow = &window;
+    TheMainWindow = &Window;
     AdapterFound = 1;
     SetFreeSpaceQuery([] { return uint64_t{1} << 40; });
     TheEngine.WeSend = 0;
     TheEngine.LinkState = LinkConnected;
-    for (const auto& item : fs::recursive_directory_iterator(base)) {
-        known.insert(item.path().string());
+    for (const auto& item : fs::recursive_directory_iterator(Base)) {
+        Known.insert(item.path().string());
     }
 }
 
 std::string PlaceSourceFile(const std::string& name, const std::string& bytes) {
-    const std::string folder = base + "/Outgoing";
+    const std::string folder = Base + "/Outgoing";
     fs::create_directories(folder);
     const std::string path = folder + "/" + name;
     File file;
@@ -99,8 +99,8 @@ std::string PlaceSourceFile(const std::string& name, const std::string& bytes) {
         Fail("cannot place " + path);
     }
     file.Close();
-    known.insert(folder);
-    known.insert(path);
+    Known.insert(folder);
+    Known.insert(path);
     return path;
 }
 
@@ -111,7 +111,7 @@ void FeedPort(const std::string& bytes) {
     size_t done = 0;
     for (int idle = 0; idle < 20000 && PortQueueCount(1) < before + bytes.size(); ++idle) {
         if (done < bytes.size()) {
-            const ssize_t n = ::write(terminal.master, bytes.data() + done, bytes.size() - done);
+            const ssize_t n = ::write(Terminal.Master, bytes.data() + done, bytes.size() - done);
             if (n > 0) {
                 done += static_cast<size_t>(n);
                 idle = 0;
@@ -127,7 +127,7 @@ void FeedPort(const std::string& bytes) {
 
 void DrainPortOutput() {
     char scratch[4096];
-    while (::read(terminal.master, scratch, sizeof scratch) > 0) {
+    while (::read(Terminal.Master, scratch, sizeof scratch) > 0) {
     }
 }
 
@@ -135,11 +135,11 @@ void DrainPortOutput() {
 static void Answer(const std::string& text) {
     size_t done = 0;
     while (done < text.size()) {
-        const ssize_t n = ::write(terminal.master, text.data() + done, text.size() - done);
+        const ssize_t n = ::write(Terminal.Master, text.data() + done, text.size() - done);
         if (n > 0) {
             done += static_cast<size_t>(n);
         } else if (errno == EAGAIN || errno == EINTR) {
-            pollfd room{terminal.master, POLLOUT, 0};
+            pollfd room{Terminal.Master, POLLOUT, 0};
             ::poll(&room, 1, 10);
         } else {
             Fail("the adapter cannot answer");
@@ -148,20 +148,20 @@ static void Answer(const std::string& text) {
 }
 
 void StartInstantAdapter() {
-    static bool started = false;
-    if (started) {
+    static bool Started = false;
+    if (Started) {
         return;
     }
-    started = true;
+    Started = true;
     std::thread([] {
         std::string heard;
         char bytes[4096];
         for (;;) {
-            pollfd ready{terminal.master, POLLIN, 0};
+            pollfd ready{Terminal.Master, POLLIN, 0};
             if (::poll(&ready, 1, -1) <= 0) {
                 continue;
             }
-            const ssize_t n = ::read(terminal.master, bytes, sizeof bytes);
+            const ssize_t n = ::read(Terminal.Master, bytes, sizeof bytes);
             if (n <= 0) {
                 continue;
             }
@@ -189,17 +189,17 @@ void StartInstantAdapter() {
 }
 
 void DiscardPortInput() {
-    static uint8_t scratch[8192];
+    static uint8_t Scratch[8192];
     while (const uint32_t waiting = PortQueueCount(1)) {
-        ReadBlock(scratch, waiting < sizeof scratch ? waiting : sizeof scratch, 0);
+        ReadBlock(Scratch, waiting < sizeof Scratch ? waiting : sizeof Scratch, 0);
     }
 }
 
 void CheckAndEmptySandbox() {
     const std::string incoming = IncomingPath + "/";
-    for (const auto& item : fs::recursive_directory_iterator(base)) {
+    for (const auto& item : fs::recursive_directory_iterator(Base)) {
         const std::string path = item.path().string();
-        if (path.rfind(incoming, 0) != 0 && known.count(path) == 0) {
+        if (path.rfind(incoming, 0) != 0 && Known.count(path) == 0) {
             Fail("written outside the receive folder: " + path);
         }
     }

@@ -43,9 +43,9 @@ namespace {
 constexpr int StepLimit = 64;
 
 struct SourceFile {
-    const char* name;
-    std::string bytes;
-    std::string path;
+    const char* Name;
+    std::string Bytes;
+    std::string Path;
 };
 
 // Lower-case letters only, so that nothing in the data reads as a command to
@@ -60,18 +60,18 @@ std::string Letters(size_t length, unsigned seed) {
 }
 
 std::array<SourceFile, 3>& Sources() {
-    static std::array<SourceFile, 3> sources = [] {
+    static std::array<SourceFile, 3> Sources = [] {
         std::array<SourceFile, 3> made{{
             {"two-sections.bin", Letters(SectionFileBytes + 777, 2), {}},
             {"empty.txt", std::string(), {}},
             {"small.txt", Letters(5000, 1), {}},
         }};
         for (SourceFile& source : made) {
-            source.path = PlaceSourceFile(source.name, source.bytes);
+            source.Path = PlaceSourceFile(source.Name, source.Bytes);
         }
         return made;
     }();
-    return sources;
+    return Sources;
 }
 
 void Require(bool holds, const char* what) {
@@ -88,17 +88,17 @@ void OfferTheFiles(bool withFolder) {
     if (withFolder) {
         FileEntry& marker = TheEngine.SendList[count++];
         marker = FileEntry{};
-        marker.FilePath.Set(Sources()[0].path.substr(0, Sources()[0].path.rfind('/')));
+        marker.FilePath.Set(Sources()[0].Path.substr(0, Sources()[0].Path.rfind('/')));
         marker.DisplayName.Set("Outgoing");
         marker.EntryKind = KindFolderMarker;
     }
     for (const SourceFile& source : Sources()) {
         FileEntry& entry = TheEngine.SendList[count++];
         entry = FileEntry{};
-        entry.FilePath.Set(source.path);
-        entry.DisplayName.Set(source.name);
+        entry.FilePath.Set(source.Path);
+        entry.DisplayName.Set(source.Name);
         entry.EntryKind = KindPlainFile;
-        SetEntryLengths(entry, static_cast<uint32_t>(DataLengthForSize(source.bytes.size())));
+        SetEntryLengths(entry, static_cast<uint32_t>(DataLengthForSize(source.Bytes.size())));
         entry.CreatorCode = DefaultCreatorCode;
         entry.TypeCode = DefaultTypeCode;
         remaining += entry.TotalLength;
@@ -110,16 +110,16 @@ void OfferTheFiles(bool withFolder) {
 bool SourcesIntact() {
     for (const SourceFile& source : Sources()) {
         File file;
-        if (!file.Open(source.path, File::Mode::Read) ||
-            file.Length() != static_cast<int64_t>(source.bytes.size())) {
+        if (!file.Open(source.Path, File::Mode::Read) ||
+            file.Length() != static_cast<int64_t>(source.Bytes.size())) {
             return false;
         }
-        std::string bytes(source.bytes.size(), '\0');
+        std::string bytes(source.Bytes.size(), '\0');
         if (!bytes.empty() &&
             file.Read(bytes.data(), static_cast<uint32_t>(bytes.size())) != bytes.size()) {
             return false;
         }
-        if (bytes != source.bytes) {
+        if (bytes != source.Bytes) {
             return false;
         }
     }
@@ -139,7 +139,7 @@ void CheckTheListLeft() {
             continue;
         }
         const size_t source = sources.size() - static_cast<size_t>(count - i);
-        Require(entry.DisplayName.View() == sources[source].name, "a list out of its order");
+        Require(entry.DisplayName.View() == sources[source].Name, "a list out of its order");
     }
     if (count > 0) {
         const FileEntry& top = TheEngine.SendList[0];

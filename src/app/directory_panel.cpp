@@ -21,9 +21,9 @@
 
 namespace {
 
-constexpr int kFolderButtons[] = {IDC_MAKE_FOLDER, IDC_FOLDER_EMPTY, IDC_FOLDER_FILLED,
-                                  IDC_HOT_EMPTY, IDC_HOT_FILLED};
-constexpr uint8_t kEntryMagic[4] = {'K', 'B', 'D', 'e'};
+constexpr int FolderButtons[] = {IDC_MAKE_FOLDER, IDC_FOLDER_EMPTY, IDC_FOLDER_FILLED,
+                                 IDC_HOT_EMPTY, IDC_HOT_FILLED};
+constexpr uint8_t ExportedEntryMagic[4] = {'K', 'B', 'D', 'e'};
 
 bool InRange(int16_t index) {
     return index >= 0 && index < DirectorySlots;
@@ -34,7 +34,7 @@ std::string PickUpFolderOf(const Correspondent& record) {
 }
 
 void ShowOnlyFolderButton(int shown) {
-    for (int id : kFolderButtons) {
+    for (int id : FolderButtons) {
         Controls().Show(id, id == shown);
     }
 }
@@ -315,7 +315,8 @@ int MainWindow::ImportDirectoryEntry(const std::string& path) {
     record.Carrier = static_cast<int32_t>(Swapped(record.Carrier)) - 1;
     std::reverse(record.EntryMagic, record.EntryMagic + 4);
     // The magic reads "KBDe" in the file; reversed, as the record keeps it.
-    const uint8_t expected[4] = {kEntryMagic[3], kEntryMagic[2], kEntryMagic[1], kEntryMagic[0]};
+    const uint8_t expected[4] = {ExportedEntryMagic[3], ExportedEntryMagic[2],
+                                 ExportedEntryMagic[1], ExportedEntryMagic[0]};
     if (std::memcmp(record.EntryMagic, expected, 4) != 0) {
         return 0;
     }

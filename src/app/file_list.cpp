@@ -17,10 +17,10 @@
 
 namespace {
 
-constexpr size_t kNameMaxLength = 31;
-constexpr size_t kPathMaxLength = 511;
+constexpr size_t NameMaxLength = 31;
+constexpr size_t PathMaxLength = 511;
 // An extension longer than this is not worth keeping when a name is shortened.
-constexpr size_t kExtensionKeptMaxLength = 10;
+constexpr size_t ExtensionKeptMaxLength = 10;
 
 // Removes "/" from the end of a path, but leaves the root alone.
 std::string WithoutTrailingSlash(std::string path) {
@@ -65,16 +65,16 @@ std::string FileNameOfPath(const std::string& path) {
 // keeps its extension, so that the far end still knows what kind of file it
 // holds: the stem is shortened in front of it.
 std::string ShortDisplayName(const std::string& name) {
-    if (name.size() <= kNameMaxLength) {
+    if (name.size() <= NameMaxLength) {
         return name;
     }
     const size_t dot = name.rfind('.');
-    if (dot != std::string::npos && dot > 0 && name.size() - dot <= kExtensionKeptMaxLength) {
+    if (dot != std::string::npos && dot > 0 && name.size() - dot <= ExtensionKeptMaxLength) {
         const std::string extension = name.substr(dot);
         const std::string stem = name.substr(0, dot);
-        return stem.substr(0, CutPoint(stem, kNameMaxLength - extension.size())) + extension;
+        return stem.substr(0, CutPoint(stem, NameMaxLength - extension.size())) + extension;
     }
-    return name.substr(0, CutPoint(name, kNameMaxLength));
+    return name.substr(0, CutPoint(name, NameMaxLength));
 }
 
 void MainWindow::OnFileAdd() {
@@ -96,7 +96,7 @@ bool MainWindow::AddFileToList(const std::string& path, const std::string& name)
         ::AddLogLine("File list is full: " + name + " was not added.");
         return false;
     }
-    if (path.size() > kPathMaxLength) {
+    if (path.size() > PathMaxLength) {
         ::AddLogLine("Path too long: " + name + " was not added.");
         return false;
     }
@@ -163,8 +163,8 @@ void MainWindow::AddFolderToSendList(const std::string& path, const std::string&
     // system lists them; subfolders, "Sent Files" among them, stay behind.
     std::vector<std::string> files;
     for (const FolderEntry& item : entries) {
-        if (!item.isFolder) {
-            files.push_back(item.name);
+        if (!item.IsFolder) {
+            files.push_back(item.Name);
         }
     }
     const std::string base = folder == "/" ? folder : folder + "/";

@@ -42,15 +42,15 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr double kDefaultWaitSeconds = 60;
+constexpr double DefaultWaitSeconds = 60;
 
 // ---- Output: whole lines, never mixed across threads ----
 
-std::mutex outputLock;
+std::mutex OutputLock;
 
 void PrintLine(const std::string& line) {
     const std::string text = line + "\n";
-    std::lock_guard<std::mutex> guard(outputLock);
+    std::lock_guard<std::mutex> guard(OutputLock);
     size_t done = 0;
     while (done < text.size()) {
         const ssize_t n = ::write(STDOUT_FILENO, text.data() + done, text.size() - done);
@@ -99,32 +99,32 @@ std::string Quoted(const std::string& text) {
 
 // ---- What the station has seen: the log, for "wait" ----
 
-std::mutex seenLock;
-std::condition_variable seenChanged;
-std::vector<std::string> logSeen;
-size_t waitMark = 0;
+std::mutex SeenLock;
+std::condition_variable SeenChanged;
+std::vector<std::string> LogSeen;
+size_t WaitMark = 0;
 // Set when the main loop has ended: nothing posted runs any more.
-bool loopEnded = false;
+bool LoopEnded = false;
 
 void NoteLogLine(const std::string& line) {
     PrintLine("log: " + OneLine(line));
-    std::lock_guard<std::mutex> guard(seenLock);
-    logSeen.push_back(line);
-    seenChanged.notify_all();
+    std::lock_guard<std::mutex> guard(SeenLock);
+    LogSeen.push_back(line);
+    SeenChanged.notify_all();
 }
 
 void NoteChange() {
-    std::lock_guard<std::mutex> guard(seenLock);
-    seenChanged.notify_all();
+    std::lock_guard<std::mutex> guard(SeenLock);
+    SeenChanged.notify_all();
 }
 
-std::atomic<bool> shiftDown{false};
+std::atomic<bool> ShiftDown{false};
 
 // ---- Commands ----
 
 struct Answer {
-    bool ok = true;
-    std::string why;
+    bool Ok = true;
+    std::string Why;
 };
 
 Answer Fail(std::string why) {
@@ -132,29 +132,29 @@ Answer Fail(std::string why) {
 }
 
 Answer FromOutcome(const EventOutcome& outcome) {
-    return outcome.done ? Answer{} : Fail(outcome.refusal);
+    return outcome.Done ? Answer{} : Fail(outcome.Refusal);
 }
 
 // Runs a piece of work on the main loop's thread and waits until it is done.
 Answer OnMainLoop(std::function<Answer()> work) {
     struct Pending {
-        bool done = false;
-        Answer answer;
+        bool Done = false;
+        Answer Result;
     };
     auto pending = std::make_shared<Pending>();
     MainLoop().Post([pending, work = std::move(work)] {
         Answer answer = work();
-        std::lock_guard<std::mutex> guard(seenLock);
-        pending->answer = std::move(answer);
-        pending->done = true;
-        seenChanged.notify_all();
+        std::lock_guard<std::mutex> guard(SeenLock);
+        pending->Result = std::move(answer);
+        pending->Done = true;
+        SeenChanged.notify_all();
     });
-    std::unique_lock<std::mutex> guard(seenLock);
-    seenChanged.wait(guard, [&] { return pending->done || loopEnded; });
-    if (!pending->done) {
+    std::unique_lock<std::mutex> guard(SeenLock);
+    SeenChanged.wait(guard, [&] { return pending->Done || LoopEnded; });
+    if (!pending->Done) {
         return Fail("the station is stopping");
     }
-    return pending->answer;
+    return pending->Result;
 }
 
 Answer WindowEventOnLoop(WindowEvent event) {
@@ -205,7 +205,7 @@ Answer SelectRow(int id, const std::string& argument) {
         } else {
             const std::vector<ListRow> rows = Controls().Rows(id);
             for (size_t i = 0; i < rows.size(); ++i) {
-                if (rows[i].text == argument) {
+                if (rows[i].Text == argument) {
                     row = static_cast<int>(i);
                 }
             }
@@ -214,9 +214,9 @@ Answer SelectRow(int id, const std::string& argument) {
             }
         }
         WindowEvent event;
-        event.kind = WindowEvent::Kind::SelectionChanged;
-        event.id = id;
-        event.row = row;
+        event.Kind = EventKind::SelectionChanged;
+        event.Id = id;
+        event.Row = row;
         return FromOutcome(window->HandleEvent(event));
     });
 }
@@ -227,23 +227,23 @@ Answer ClickBox(int id, const std::string& argument) {
         return Fail("say on or off");
     }
     WindowEvent event;
-    event.kind = WindowEvent::Kind::BoxClicked;
-    event.id = id;
-    event.checked = on;
+    event.Kind = EventKind::BoxClicked;
+    event.Id = id;
+    event.Checked = on;
     return WindowEventOnLoop(event);
 }
 
 Answer PressButton(int id) {
     WindowEvent event;
-    event.kind = WindowEvent::Kind::ButtonPressed;
-    event.id = id;
+    event.Kind = EventKind::ButtonPressed;
+    event.Id = id;
     return WindowEventOnLoop(event);
 }
 
 Answer MenuCommand(int id) {
     WindowEvent event;
-    event.kind = WindowEvent::Kind::MenuCommand;
-    event.id = id;
+    event.Kind = EventKind::MenuCommand;
+    event.Id = id;
     return WindowEventOnLoop(event);
 }
 
@@ -268,9 +268,9 @@ Answer AddPath(const std::string& argument) {
             return Fail("the file list is shut during a call");
         }
         WindowEvent event;
-        event.kind = WindowEvent::Kind::FilesDropped;
-        event.id = IDC_FILE_LIST;
-        event.paths = {path};
+        event.Kind = EventKind::FilesDropped;
+        event.Id = IDC_FILE_LIST;
+        event.Paths = {path};
         return FromOutcome(window->HandleEvent(event));
     });
 }
@@ -292,8 +292,8 @@ Answer ChooseFile(const std::string& argument) {
         }
         window->SetFileChooser([path]() -> std::optional<std::string> { return path; });
         WindowEvent event;
-        event.kind = WindowEvent::Kind::ButtonPressed;
-        event.id = IDC_FILE_ADD;
+        event.Kind = EventKind::ButtonPressed;
+        event.Id = IDC_FILE_ADD;
         Answer answer = FromOutcome(window->HandleEvent(event));
         window->SetFileChooser(nullptr);
         return answer;
@@ -303,31 +303,31 @@ Answer ChooseFile(const std::string& argument) {
 Answer Show() {
     return OnMainLoop([] {
         for (const ControlState& control : Controls().AllStates()) {
-            const std::string name = ControlName(control.id);
+            const std::string name = ControlName(control.Id);
             if (name.empty()) {
                 continue;
             }
-            std::string line = "control " + name + " text=" + Quoted(control.text) +
-                               " enabled=" + (control.enabled ? "1" : "0") +
-                               " shown=" + (control.shown ? "1" : "0");
-            switch (control.kind) {
+            std::string line = "control " + name + " text=" + Quoted(control.Text) +
+                               " enabled=" + (control.Enabled ? "1" : "0") +
+                               " shown=" + (control.Shown ? "1" : "0");
+            switch (control.Kind) {
                 case ControlKind::CheckBox:
                 case ControlKind::RadioButton:
-                    line += std::string(" checked=") + (control.checked ? "1" : "0");
+                    line += std::string(" checked=") + (control.Checked ? "1" : "0");
                     break;
                 case ControlKind::ListBox:
                 case ControlKind::DropDown:
                 case ControlKind::ListView: {
-                    line += " selected=" + std::to_string(control.selection);
+                    line += " selected=" + std::to_string(control.Selection);
                     std::string rows;
-                    for (size_t i = 0; i < control.rows.size(); ++i) {
-                        rows += (i == 0 ? "" : "|") + control.rows[i].text;
+                    for (size_t i = 0; i < control.Rows.size(); ++i) {
+                        rows += (i == 0 ? "" : "|") + control.Rows[i].Text;
                     }
                     line += " rows=" + Quoted(rows);
                     break;
                 }
                 case ControlKind::ProgressBar:
-                    line += " position=" + std::to_string(control.position);
+                    line += " position=" + std::to_string(control.Position);
                     break;
                 default:
                     break;
@@ -338,16 +338,16 @@ Answer Show() {
         for (const Menu& menu : Controls().Menus()) {
             std::string items;
             std::string checked;
-            for (const MenuItem& item : menu.items) {
-                if (item.text.empty()) {
+            for (const MenuItem& item : menu.Items) {
+                if (item.Text.empty()) {
                     continue;
                 }
-                items += (items.empty() ? "" : "|") + item.text;
-                if (item.checked) {
-                    checked += (checked.empty() ? "" : "|") + item.text;
+                items += (items.empty() ? "" : "|") + item.Text;
+                if (item.Checked) {
+                    checked += (checked.empty() ? "" : "|") + item.Text;
                 }
             }
-            PrintLine("menu text=" + Quoted(menu.title) + " items=" + Quoted(items) +
+            PrintLine("menu text=" + Quoted(menu.Title) + " items=" + Quoted(items) +
                       " checked=" + Quoted(checked));
         }
         return Answer{};
@@ -359,22 +359,22 @@ Answer Show() {
 Answer WaitForLog(const std::string& text, double seconds) {
     const auto deadline =
         Clock::now() + std::chrono::milliseconds(static_cast<int64_t>(seconds * 1000));
-    std::unique_lock<std::mutex> guard(seenLock);
+    std::unique_lock<std::mutex> guard(SeenLock);
     for (;;) {
-        for (size_t i = waitMark; i < logSeen.size(); ++i) {
-            if (logSeen[i].find(text) != std::string::npos) {
-                waitMark = i + 1;
+        for (size_t i = WaitMark; i < LogSeen.size(); ++i) {
+            if (LogSeen[i].find(text) != std::string::npos) {
+                WaitMark = i + 1;
                 return Answer{};
             }
         }
-        waitMark = waitMark > logSeen.size() ? logSeen.size() : waitMark;
-        if (loopEnded) {
+        WaitMark = WaitMark > LogSeen.size() ? LogSeen.size() : WaitMark;
+        if (LoopEnded) {
             return Fail("the station is stopping");
         }
-        if (seenChanged.wait_until(guard, deadline) == std::cv_status::timeout) {
+        if (SeenChanged.wait_until(guard, deadline) == std::cv_status::timeout) {
             bool found = false;
-            for (size_t i = waitMark; i < logSeen.size() && !found; ++i) {
-                found = logSeen[i].find(text) != std::string::npos;
+            for (size_t i = WaitMark; i < LogSeen.size() && !found; ++i) {
+                found = LogSeen[i].find(text) != std::string::npos;
             }
             if (!found) {
                 return Fail("timed out waiting for " + text);
@@ -384,10 +384,10 @@ Answer WaitForLog(const std::string& text, double seconds) {
 }
 
 int StateOfName(const std::string& name) {
-    static const char* const names[] = {"idle",     "dialing",  "connected",
+    static const char* const Names[] = {"idle",     "dialing",  "connected",
                                         "transfer", "filesent", "recovery"};
     for (int i = 0; i < 6; ++i) {
-        if (name == names[i]) {
+        if (name == Names[i]) {
             return i;
         }
     }
@@ -397,12 +397,12 @@ int StateOfName(const std::string& name) {
 Answer WaitForState(int state, double seconds) {
     const auto deadline =
         Clock::now() + std::chrono::milliseconds(static_cast<int64_t>(seconds * 1000));
-    std::unique_lock<std::mutex> guard(seenLock);
+    std::unique_lock<std::mutex> guard(SeenLock);
     for (;;) {
         if (TheEngine.LinkState.load() == state) {
             return Answer{};
         }
-        if (loopEnded) {
+        if (LoopEnded) {
             return Fail("the station is stopping");
         }
         if (Clock::now() >= deadline) {
@@ -410,14 +410,14 @@ Answer WaitForState(int state, double seconds) {
         }
         // Most changes of the link show in the window and wake this wait;
         // the short limit covers those that do not.
-        seenChanged.wait_for(guard, std::chrono::milliseconds(20));
+        SeenChanged.wait_for(guard, std::chrono::milliseconds(20));
     }
 }
 
 // Splits "TEXT [SECONDS]". A text in double quotes may end in a number;
 // otherwise a last word that is a number is the time limit.
 void SplitWaitArguments(const std::string& rest, std::string& text, double& seconds) {
-    seconds = kDefaultWaitSeconds;
+    seconds = DefaultWaitSeconds;
     if (!rest.empty() && rest[0] == '"') {
         const size_t close = rest.find('"', 1);
         if (close != std::string::npos) {
@@ -446,9 +446,9 @@ Answer RunCommand(const std::string& line) {
 
     if (verb == "name" || verb == "number") {
         WindowEvent event;
-        event.kind = WindowEvent::Kind::TextEdited;
-        event.id = verb == "name" ? IDC_NAME : IDC_NUMBER;
-        event.text = rest;
+        event.Kind = EventKind::TextEdited;
+        event.Id = verb == "name" ? IDC_NAME : IDC_NUMBER;
+        event.Text = rest;
         return WindowEventOnLoop(event);
     }
     if (verb == "protocol") {
@@ -460,7 +460,7 @@ Answer RunCommand(const std::string& line) {
     if (verb == "in-protocol") {
         return SelectRow(IDC_IN_PROTOCOL, rest);
     }
-    static const std::vector<std::pair<std::string, int>> boxes = {
+    static const std::vector<std::pair<std::string, int>> Boxes = {
         {"56k", IDC_56K},
         {"2b", IDC_2B},
         {"v42", IDC_V42},
@@ -469,7 +469,7 @@ Answer RunCommand(const std::string& line) {
         {"in-v42", IDC_IN_V42},
         {"ignore-hot", IDC_IGNORE_HOT},
     };
-    for (const auto& [word, id] : boxes) {
+    for (const auto& [word, id] : Boxes) {
         if (verb == word) {
             return ClickBox(id, rest);
         }
@@ -516,7 +516,7 @@ Answer RunCommand(const std::string& line) {
         if (state < 0) {
             return Fail("the states are idle, dialing, connected, transfer, filesent, recovery");
         }
-        double seconds = kDefaultWaitSeconds;
+        double seconds = DefaultWaitSeconds;
         if (gap != std::string::npos && !ParseNumber(rest.substr(gap + 1), seconds)) {
             return Fail("a time limit is a number of seconds");
         }
@@ -529,7 +529,7 @@ Answer RunCommand(const std::string& line) {
         if (!ParseSwitch(rest, on)) {
             return Fail("say on or off");
         }
-        shiftDown.store(on);
+        ShiftDown.store(on);
         return Answer{};
     }
     if (verb == "show") {
@@ -543,29 +543,29 @@ Answer RunCommand(const std::string& line) {
 
 // ---- The threads around the main loop ----
 
-std::mutex queueLock;
-std::condition_variable queueChanged;
-std::deque<std::string> commands;
-bool queueClosed = false;
+std::mutex QueueLock;
+std::condition_variable QueueChanged;
+std::deque<std::string> Commands;
+bool QueueClosed = false;
 
 // Runs the commands one after another, each when the one before is done.
 void RunCommands() {
     for (;;) {
         std::string line;
         {
-            std::unique_lock<std::mutex> guard(queueLock);
-            queueChanged.wait(guard, [] { return queueClosed || !commands.empty(); });
-            if (commands.empty()) {
+            std::unique_lock<std::mutex> guard(QueueLock);
+            QueueChanged.wait(guard, [] { return QueueClosed || !Commands.empty(); });
+            if (Commands.empty()) {
                 return;
             }
-            line = std::move(commands.front());
-            commands.pop_front();
+            line = std::move(Commands.front());
+            Commands.pop_front();
         }
         if (line.empty()) {
             continue;
         }
         const Answer answer = RunCommand(line);
-        PrintLine(answer.ok ? "ok" : "error: " + OneLine(answer.why));
+        PrintLine(answer.Ok ? "ok" : "error: " + OneLine(answer.Why));
     }
 }
 
@@ -576,15 +576,15 @@ void Enqueue(std::string line) {
     }
     const size_t start = line.find_first_not_of(" \t");
     line.erase(0, start == std::string::npos ? line.size() : start);
-    std::lock_guard<std::mutex> guard(queueLock);
-    commands.push_back(std::move(line));
-    queueChanged.notify_all();
+    std::lock_guard<std::mutex> guard(QueueLock);
+    Commands.push_back(std::move(line));
+    QueueChanged.notify_all();
 }
 
 void CloseQueue() {
-    std::lock_guard<std::mutex> guard(queueLock);
-    queueClosed = true;
-    queueChanged.notify_all();
+    std::lock_guard<std::mutex> guard(QueueLock);
+    QueueClosed = true;
+    QueueChanged.notify_all();
 }
 
 // Reads standard input and the two stopping signals until told to stop.
@@ -611,7 +611,7 @@ void ReadInput(int signals, int stopPipe) {
                 MainLoop().Post([] {
                     if (MainWindow* window = ActiveMainWindow()) {
                         WindowEvent event;
-                        event.kind = WindowEvent::Kind::Close;
+                        event.Kind = EventKind::Close;
                         window->HandleEvent(event);
                     }
                 });
@@ -662,7 +662,7 @@ int main() {
     }
 
     SetMessageBoxHandler([](const std::string& text) { PrintLine("message: " + OneLine(text)); });
-    SetKeyStateQuery([](Key key) { return key == Key::Shift && shiftDown.load(); });
+    SetKeyStateQuery([](Key key) { return key == Key::Shift && ShiftDown.load(); });
     const int listener = Controls().AddListener([](const ControlEvent&) { NoteChange(); });
 
     std::thread input(ReadInput, signals, stopPipe[0]);
@@ -673,9 +673,9 @@ int main() {
     app.InitInstance();
 
     {
-        std::lock_guard<std::mutex> guard(seenLock);
-        loopEnded = true;
-        seenChanged.notify_all();
+        std::lock_guard<std::mutex> guard(SeenLock);
+        LoopEnded = true;
+        SeenChanged.notify_all();
     }
     const char stop = 's';
     if (::write(stopPipe[1], &stop, 1) < 0) {

@@ -24,82 +24,82 @@ EngineWindow* TheMainWindow = nullptr;
 
 namespace {
 
-MainWindow* activeWindow = nullptr;
+MainWindow* ActiveWindow = nullptr;
 
 // How a control starts, besides its place.
 struct ControlStart {
-    ControlPlace place;
-    ControlKind kind;
-    const char* text;
-    std::vector<const char*> rows;
-    bool enabled;
-    bool shown;
-    int selection;
-    int picture;
+    ControlPlace Place;
+    ControlKind Kind;
+    const char* Text;
+    std::vector<const char*> Rows;
+    bool Enabled;
+    bool Shown;
+    int Selection;
+    int Picture;
 };
 
 const std::vector<ControlStart>& StartTable() {
     using K = ControlKind;
-    constexpr bool on = true;
-    constexpr bool off = false;
+    constexpr bool On = true;
+    constexpr bool Off = false;
     // clang-format off
-    static const std::vector<ControlStart> table = {
-        {{IDC_LABEL_DIRECTORY, "", 50, 7, 29, 8}, K::Label, "Directory", {}, on, on, -1, 0},
-        {{IDC_DIRECTORY_LIST, "IDC_DIRECTORY_LIST", 7, 19, 116, 75}, K::ListBox, "", {}, on, on, -1, 0},
-        {{IDC_FORM, "IDC_FORM", 125, 21, 36, 30}, K::DropDown, "", {"Firm:", "Contact:"}, on, on, 0, 0},
-        {{IDC_NAME, "IDC_NAME", 163, 20, 111, 14}, K::Edit, "", {}, on, on, -1, 0},
-        {{IDC_NUMBER, "IDC_NUMBER", 163, 37, 111, 14}, K::Edit, "", {}, on, on, -1, 0},
-        {{IDC_LABEL_ISDN, "IDC_LABEL_ISDN", 130, 40, 30, 9}, K::Label, "ISDN:", {}, on, on, -1, 0},
-        {{IDC_LABEL_TELEPHONE, "IDC_LABEL_TELEPHONE", 123, 40, 37, 9}, K::Label, "Telephone:", {}, on, off, -1, 0},
-        {{IDC_LABEL_PROTOCOL, "", 131, 57, 29, 8}, K::Label, "Protocol:", {}, on, on, -1, 0},
-        {{IDC_PROTOCOL, "IDC_PROTOCOL", 163, 55, 111, 30}, K::DropDown, "", {"V.120", "AIMUX", "X.75"}, on, on, -1, 0},
-        {{IDC_LABEL_CARRIER, "", 126, 74, 34, 8}, K::Label, "LD Carrier:", {}, on, on, -1, 0},
-        {{IDC_CARRIER, "IDC_CARRIER", 163, 72, 111, 30}, K::DropDown, "", {"Default", "AT&T", "MCI", "Sprint"}, on, on, -1, 0},
-        {{IDC_56K, "IDC_56K", 163, 89, 23, 10}, K::CheckBox, "56K", {}, on, on, -1, 0},
-        {{IDC_2B, "IDC_2B", 192, 89, 20, 10}, K::CheckBox, "2B", {}, on, off, -1, 0},
-        {{IDC_V42, "IDC_V42", 218, 89, 23, 10}, K::CheckBox, "V.42", {}, on, off, -1, 0},
-        {{IDC_ADD, "IDC_ADD", 280, 21, 30, 14}, K::Button, "Add", {}, off, on, -1, 0},
-        {{IDC_CHANGE, "IDC_CHANGE", 280, 39, 30, 14}, K::Button, "Change", {}, off, on, -1, 0},
-        {{IDC_DELETE, "IDC_DELETE", 314, 21, 30, 14}, K::Button, "Delete", {}, off, on, -1, 0},
-        {{IDC_NEW, "IDC_NEW", 314, 39, 30, 14}, K::Button, "New", {}, off, on, -1, 0},
-        {{IDC_MAKE_FOLDER, "IDC_MAKE_FOLDER", 280, 61, 23, 20}, K::PictureButton, "", {}, on, off, -1, IDB_MAKE_FOLDER},
-        {{IDC_FOLDER_EMPTY, "IDC_FOLDER_EMPTY", 280, 61, 23, 20}, K::PictureButton, "", {}, on, off, -1, IDB_FOLDER_EMPTY},
-        {{IDC_FOLDER_FILLED, "IDC_FOLDER_FILLED", 280, 61, 23, 20}, K::PictureButton, "", {}, on, off, -1, IDB_FOLDER_FILLED},
-        {{IDC_HOT_EMPTY, "IDC_HOT_EMPTY", 280, 61, 23, 20}, K::PictureButton, "", {}, on, off, -1, IDB_HOT_EMPTY},
-        {{IDC_HOT_FILLED, "IDC_HOT_FILLED", 280, 61, 23, 20}, K::PictureButton, "", {}, on, off, -1, IDB_HOT_FILLED},
-        {{IDC_HOT_RETRIEVE, "IDC_HOT_RETRIEVE", 307, 61, 37, 10}, K::RadioButton, "Retrieve", {}, on, off, -1, 0},
-        {{IDC_HOT_SEND, "IDC_HOT_SEND", 307, 72, 28, 10}, K::RadioButton, "Send", {}, on, off, -1, 0},
-        {{IDC_IGNORE_HOT, "IDC_IGNORE_HOT", 279, 89, 72, 10}, K::CheckBox, "Ignore Hot Folders", {}, on, on, -1, 0},
-        {{IDC_LABEL_FILE_LIST, "", 52, 110, 24, 8}, K::Label, "File List", {}, on, on, -1, 0},
-        {{IDC_FILE_LIST, "IDC_FILE_LIST", 7, 119, 116, 63}, K::ListView, "", {}, on, on, -1, 0},
-        {{IDC_FILE_ADD, "IDC_FILE_ADD", 7, 185, 30, 14}, K::Button, "Add", {}, on, on, -1, 0},
-        {{IDC_FILE_DELETE, "IDC_FILE_DELETE", 50, 185, 30, 14}, K::Button, "Delete", {}, off, on, -1, 0},
-        {{IDC_FILE_CLEAR, "IDC_FILE_CLEAR", 93, 185, 30, 14}, K::Button, "Clear", {}, off, on, -1, 0},
-        {{IDC_TOTAL_KB, "IDC_TOTAL_KB", 7, 204, 45, 8}, K::Label, "", {}, off, on, -1, 0},
-        {{IDC_EST_TIME, "IDC_EST_TIME", 50, 205, 73, 8}, K::Label, "", {}, off, on, -1, 0},
-        {{IDC_LABEL_LOG, "", 206, 110, 13, 8}, K::Label, "Log", {}, on, on, -1, 0},
-        {{IDC_LOG, "IDC_LOG", 128, 119, 161, 63}, K::ListBox, "", {}, on, on, -1, 0},
-        {{IDC_BYTES_SEC, "IDC_BYTES_SEC", 129, 188, 51, 8}, K::Label, "", {}, off, on, -1, 0},
-        {{IDC_CLEAR_LOG, "IDC_CLEAR_LOG", 188, 185, 50, 14}, K::Button, "Clear Log", {}, on, on, -1, 0},
-        {{IDC_DIR_SCRATCH, "IDC_DIR_SCRATCH", 256, 188, 16, 30}, K::DropDown, "", {}, on, off, -1, 0},
-        {{IDC_EMBLEM, "", 311, 187, 16, 16}, K::Picture, "", {}, on, on, -1, IDB_EMBLEM},
-        {{IDC_PROGRESS, "IDC_PROGRESS", 128, 205, 161, 7}, K::ProgressBar, "", {}, on, off, -1, 0},
-        {{IDC_SEND, "IDC_SEND", 294, 119, 50, 19}, K::Button, "Send", {}, off, on, -1, 0},
-        {{IDC_RETRIEVE, "IDC_RETRIEVE", 294, 141, 50, 19}, K::Button, "Retrieve", {}, off, on, -1, 0},
-        {{IDC_DISCONNECT, "IDC_DISCONNECT", 294, 163, 50, 19}, K::Button, "Disconnect", {}, off, on, -1, 0},
-        {{IDC_LABEL_IN_PROTOCOL, "", 7, 220, 56, 8}, K::Label, "Incoming Protocol:", {}, on, on, -1, 0},
-        {{IDC_IN_PROTOCOL, "IDC_IN_PROTOCOL", 66, 218, 57, 30}, K::DropDown, "", {"V.120", "AIMUX", "X.75"}, on, on, -1, 0},
-        {{IDC_IN_56K, "IDC_IN_56K", 130, 220, 21, 10}, K::CheckBox, "56K", {}, on, on, -1, 0},
-        {{IDC_IN_2B, "IDC_IN_2B", 160, 220, 19, 10}, K::CheckBox, "2B", {}, on, off, -1, 0},
-        {{IDC_IN_V42, "IDC_IN_V42", 188, 220, 29, 10}, K::CheckBox, "V.42", {}, on, off, -1, 0},
-        {{IDC_OPEN_INCOMING, "IDC_OPEN_INCOMING", 231, 223, 23, 20}, K::PictureButton, "", {}, on, on, -1, IDB_OPEN_INCOMING},
-        {{IDC_PROGRAM_1, "IDC_PROGRAM_1", 261, 223, 23, 20}, K::PictureButton, "", {}, on, on, -1, IDB_PROGRAM_1},
-        {{IDC_PROGRAM_2, "IDC_PROGRAM_2", 291, 223, 23, 20}, K::PictureButton, "", {}, on, on, -1, IDB_PROGRAM_2},
-        {{IDC_HELP, "IDC_HELP", 321, 223, 23, 20}, K::Button, "Help", {}, on, on, -1, 0},
-        {{IDC_OWN_NUMBER, "IDC_OWN_NUMBER", 7, 235, 218, 8}, K::Label, "Your ISDN Number: ", {}, off, on, -1, 0},
+    static const std::vector<ControlStart> Table = {
+        {{IDC_LABEL_DIRECTORY, "", 50, 7, 29, 8}, K::Label, "Directory", {}, On, On, -1, 0},
+        {{IDC_DIRECTORY_LIST, "IDC_DIRECTORY_LIST", 7, 19, 116, 75}, K::ListBox, "", {}, On, On, -1, 0},
+        {{IDC_FORM, "IDC_FORM", 125, 21, 36, 30}, K::DropDown, "", {"Firm:", "Contact:"}, On, On, 0, 0},
+        {{IDC_NAME, "IDC_NAME", 163, 20, 111, 14}, K::Edit, "", {}, On, On, -1, 0},
+        {{IDC_NUMBER, "IDC_NUMBER", 163, 37, 111, 14}, K::Edit, "", {}, On, On, -1, 0},
+        {{IDC_LABEL_ISDN, "IDC_LABEL_ISDN", 130, 40, 30, 9}, K::Label, "ISDN:", {}, On, On, -1, 0},
+        {{IDC_LABEL_TELEPHONE, "IDC_LABEL_TELEPHONE", 123, 40, 37, 9}, K::Label, "Telephone:", {}, On, Off, -1, 0},
+        {{IDC_LABEL_PROTOCOL, "", 131, 57, 29, 8}, K::Label, "Protocol:", {}, On, On, -1, 0},
+        {{IDC_PROTOCOL, "IDC_PROTOCOL", 163, 55, 111, 30}, K::DropDown, "", {"V.120", "AIMUX", "X.75"}, On, On, -1, 0},
+        {{IDC_LABEL_CARRIER, "", 126, 74, 34, 8}, K::Label, "LD Carrier:", {}, On, On, -1, 0},
+        {{IDC_CARRIER, "IDC_CARRIER", 163, 72, 111, 30}, K::DropDown, "", {"Default", "AT&T", "MCI", "Sprint"}, On, On, -1, 0},
+        {{IDC_56K, "IDC_56K", 163, 89, 23, 10}, K::CheckBox, "56K", {}, On, On, -1, 0},
+        {{IDC_2B, "IDC_2B", 192, 89, 20, 10}, K::CheckBox, "2B", {}, On, Off, -1, 0},
+        {{IDC_V42, "IDC_V42", 218, 89, 23, 10}, K::CheckBox, "V.42", {}, On, Off, -1, 0},
+        {{IDC_ADD, "IDC_ADD", 280, 21, 30, 14}, K::Button, "Add", {}, Off, On, -1, 0},
+        {{IDC_CHANGE, "IDC_CHANGE", 280, 39, 30, 14}, K::Button, "Change", {}, Off, On, -1, 0},
+        {{IDC_DELETE, "IDC_DELETE", 314, 21, 30, 14}, K::Button, "Delete", {}, Off, On, -1, 0},
+        {{IDC_NEW, "IDC_NEW", 314, 39, 30, 14}, K::Button, "New", {}, Off, On, -1, 0},
+        {{IDC_MAKE_FOLDER, "IDC_MAKE_FOLDER", 280, 61, 23, 20}, K::PictureButton, "", {}, On, Off, -1, IDB_MAKE_FOLDER},
+        {{IDC_FOLDER_EMPTY, "IDC_FOLDER_EMPTY", 280, 61, 23, 20}, K::PictureButton, "", {}, On, Off, -1, IDB_FOLDER_EMPTY},
+        {{IDC_FOLDER_FILLED, "IDC_FOLDER_FILLED", 280, 61, 23, 20}, K::PictureButton, "", {}, On, Off, -1, IDB_FOLDER_FILLED},
+        {{IDC_HOT_EMPTY, "IDC_HOT_EMPTY", 280, 61, 23, 20}, K::PictureButton, "", {}, On, Off, -1, IDB_HOT_EMPTY},
+        {{IDC_HOT_FILLED, "IDC_HOT_FILLED", 280, 61, 23, 20}, K::PictureButton, "", {}, On, Off, -1, IDB_HOT_FILLED},
+        {{IDC_HOT_RETRIEVE, "IDC_HOT_RETRIEVE", 307, 61, 37, 10}, K::RadioButton, "Retrieve", {}, On, Off, -1, 0},
+        {{IDC_HOT_SEND, "IDC_HOT_SEND", 307, 72, 28, 10}, K::RadioButton, "Send", {}, On, Off, -1, 0},
+        {{IDC_IGNORE_HOT, "IDC_IGNORE_HOT", 279, 89, 72, 10}, K::CheckBox, "Ignore Hot Folders", {}, On, On, -1, 0},
+        {{IDC_LABEL_FILE_LIST, "", 52, 110, 24, 8}, K::Label, "File List", {}, On, On, -1, 0},
+        {{IDC_FILE_LIST, "IDC_FILE_LIST", 7, 119, 116, 63}, K::ListView, "", {}, On, On, -1, 0},
+        {{IDC_FILE_ADD, "IDC_FILE_ADD", 7, 185, 30, 14}, K::Button, "Add", {}, On, On, -1, 0},
+        {{IDC_FILE_DELETE, "IDC_FILE_DELETE", 50, 185, 30, 14}, K::Button, "Delete", {}, Off, On, -1, 0},
+        {{IDC_FILE_CLEAR, "IDC_FILE_CLEAR", 93, 185, 30, 14}, K::Button, "Clear", {}, Off, On, -1, 0},
+        {{IDC_TOTAL_KB, "IDC_TOTAL_KB", 7, 204, 45, 8}, K::Label, "", {}, Off, On, -1, 0},
+        {{IDC_EST_TIME, "IDC_EST_TIME", 50, 205, 73, 8}, K::Label, "", {}, Off, On, -1, 0},
+        {{IDC_LABEL_LOG, "", 206, 110, 13, 8}, K::Label, "Log", {}, On, On, -1, 0},
+        {{IDC_LOG, "IDC_LOG", 128, 119, 161, 63}, K::ListBox, "", {}, On, On, -1, 0},
+        {{IDC_BYTES_SEC, "IDC_BYTES_SEC", 129, 188, 51, 8}, K::Label, "", {}, Off, On, -1, 0},
+        {{IDC_CLEAR_LOG, "IDC_CLEAR_LOG", 188, 185, 50, 14}, K::Button, "Clear Log", {}, On, On, -1, 0},
+        {{IDC_DIR_SCRATCH, "IDC_DIR_SCRATCH", 256, 188, 16, 30}, K::DropDown, "", {}, On, Off, -1, 0},
+        {{IDC_EMBLEM, "", 311, 187, 16, 16}, K::Picture, "", {}, On, On, -1, IDB_EMBLEM},
+        {{IDC_PROGRESS, "IDC_PROGRESS", 128, 205, 161, 7}, K::ProgressBar, "", {}, On, Off, -1, 0},
+        {{IDC_SEND, "IDC_SEND", 294, 119, 50, 19}, K::Button, "Send", {}, Off, On, -1, 0},
+        {{IDC_RETRIEVE, "IDC_RETRIEVE", 294, 141, 50, 19}, K::Button, "Retrieve", {}, Off, On, -1, 0},
+        {{IDC_DISCONNECT, "IDC_DISCONNECT", 294, 163, 50, 19}, K::Button, "Disconnect", {}, Off, On, -1, 0},
+        {{IDC_LABEL_IN_PROTOCOL, "", 7, 220, 56, 8}, K::Label, "Incoming Protocol:", {}, On, On, -1, 0},
+        {{IDC_IN_PROTOCOL, "IDC_IN_PROTOCOL", 66, 218, 57, 30}, K::DropDown, "", {"V.120", "AIMUX", "X.75"}, On, On, -1, 0},
+        {{IDC_IN_56K, "IDC_IN_56K", 130, 220, 21, 10}, K::CheckBox, "56K", {}, On, On, -1, 0},
+        {{IDC_IN_2B, "IDC_IN_2B", 160, 220, 19, 10}, K::CheckBox, "2B", {}, On, Off, -1, 0},
+        {{IDC_IN_V42, "IDC_IN_V42", 188, 220, 29, 10}, K::CheckBox, "V.42", {}, On, Off, -1, 0},
+        {{IDC_OPEN_INCOMING, "IDC_OPEN_INCOMING", 231, 223, 23, 20}, K::PictureButton, "", {}, On, On, -1, IDB_OPEN_INCOMING},
+        {{IDC_PROGRAM_1, "IDC_PROGRAM_1", 261, 223, 23, 20}, K::PictureButton, "", {}, On, On, -1, IDB_PROGRAM_1},
+        {{IDC_PROGRAM_2, "IDC_PROGRAM_2", 291, 223, 23, 20}, K::PictureButton, "", {}, On, On, -1, IDB_PROGRAM_2},
+        {{IDC_HELP, "IDC_HELP", 321, 223, 23, 20}, K::Button, "Help", {}, On, On, -1, 0},
+        {{IDC_OWN_NUMBER, "IDC_OWN_NUMBER", 7, 235, 218, 8}, K::Label, "Your ISDN Number: ", {}, Off, On, -1, 0},
     };
     // clang-format on
-    return table;
+    return Table;
 }
 
 std::vector<Menu> StartMenus() {
@@ -124,39 +124,39 @@ EventOutcome Refused(std::string why) {
 }  // namespace
 
 const std::vector<ControlPlace>& MainWindowLayout() {
-    static const std::vector<ControlPlace> layout = [] {
+    static const std::vector<ControlPlace> Layout = [] {
         std::vector<ControlPlace> places;
         for (const ControlStart& start : StartTable()) {
-            places.push_back(start.place);
+            places.push_back(start.Place);
         }
         return places;
     }();
-    return layout;
+    return Layout;
 }
 
 std::string ControlName(int id) {
-    static const std::map<int, std::string> names = [] {
+    static const std::map<int, std::string> Names = [] {
         std::map<int, std::string> byId;
         for (const ControlStart& start : StartTable()) {
-            byId[start.place.id] = start.place.name;
+            byId[start.Place.Id] = start.Place.Name;
         }
         return byId;
     }();
-    const auto found = names.find(id);
-    return found == names.end() ? std::string() : found->second;
+    const auto found = Names.find(id);
+    return found == Names.end() ? std::string() : found->second;
 }
 
 MainWindow* ActiveMainWindow() {
-    return activeWindow;
+    return ActiveWindow;
 }
 
 MainWindow::MainWindow() = default;
 
 MainWindow::~MainWindow() {
-    if (activeWindow == this) {
+    if (ActiveWindow == this) {
         SetLogLineSink(nullptr);
         MainLoop().SetTimerHandler(nullptr);
-        activeWindow = nullptr;
+        ActiveWindow = nullptr;
         TheMainWindow = nullptr;
     }
 }
@@ -178,31 +178,31 @@ void MainWindow::CreateControls() {
     controls.Reset();
     for (const ControlStart& start : StartTable()) {
         ControlState state;
-        state.id = start.place.id;
-        state.kind = start.kind;
-        state.text = start.text;
-        for (const char* row : start.rows) {
-            state.rows.push_back(ListRow{row, "", 0});
+        state.Id = start.Place.Id;
+        state.Kind = start.Kind;
+        state.Text = start.Text;
+        for (const char* row : start.Rows) {
+            state.Rows.push_back(ListRow{row, "", 0});
         }
-        state.enabled = start.enabled;
-        state.shown = start.shown;
-        state.selection = start.selection;
-        state.picture = start.picture;
+        state.Enabled = start.Enabled;
+        state.Shown = start.Shown;
+        state.Selection = start.Selection;
+        state.Picture = start.Picture;
         controls.Create(state);
     }
     ControlState about;
-    about.id = IDD_ABOUTBOX;
-    about.kind = ControlKind::Picture;
-    about.text = AboutText;
-    about.shown = false;
-    about.picture = IDB_ABOUT;
+    about.Id = IDD_ABOUTBOX;
+    about.Kind = ControlKind::Picture;
+    about.Text = AboutText;
+    about.Shown = false;
+    about.Picture = IDB_ABOUT;
     controls.Create(about);
     controls.SetMenus(StartMenus());
 }
 
 bool MainWindow::OnInitDialog() {
     TheMainWindow = this;
-    activeWindow = this;
+    ActiveWindow = this;
     CreateControls();
     MainLoop().SetTimerHandler([this](int id) { OnTimer(id); });
 
@@ -403,9 +403,9 @@ std::vector<std::string> MainWindow::LogLines() const {
 // Events of the front ends
 
 EventOutcome MainWindow::HandleEvent(const WindowEvent& event) {
-    using Kind = WindowEvent::Kind;
+    using Kind = EventKind;
     ControlModel& controls = Controls();
-    switch (event.kind) {
+    switch (event.Kind) {
         case Kind::AboutOk:
             if (!controls.Shown(IDD_ABOUTBOX)) {
                 return Refused("the About box is not open");
@@ -416,47 +416,47 @@ EventOutcome MainWindow::HandleEvent(const WindowEvent& event) {
             OnClose();
             return {};
         case Kind::MenuCommand:
-            return OnMenuCommand(event.id);
+            return OnMenuCommand(event.Id);
         case Kind::FilesDropped:
-            OnDropFiles(event.id, event.paths);
+            OnDropFiles(event.Id, event.Paths);
             return {};
         default:
             break;
     }
 
-    if (!controls.Exists(event.id) || ControlName(event.id).empty()) {
+    if (!controls.Exists(event.Id) || ControlName(event.Id).empty()) {
         return Refused("no such control");
     }
-    const std::string name = ControlName(event.id);
-    if (!controls.Shown(event.id)) {
+    const std::string name = ControlName(event.Id);
+    if (!controls.Shown(event.Id)) {
         return Refused(name + " is hidden");
     }
-    if (!controls.Enabled(event.id)) {
+    if (!controls.Enabled(event.Id)) {
         return Refused(name + " is disabled");
     }
-    const ControlKind kind = controls.State(event.id).kind;
-    switch (event.kind) {
+    const ControlKind kind = controls.State(event.Id).Kind;
+    switch (event.Kind) {
         case Kind::ButtonPressed:
             if (kind != ControlKind::Button && kind != ControlKind::PictureButton) {
                 return Refused(name + " is no button");
             }
-            return OnButton(event.id);
+            return OnButton(event.Id);
         case Kind::SelectionChanged:
             if (kind != ControlKind::ListBox && kind != ControlKind::DropDown &&
                 kind != ControlKind::ListView) {
                 return Refused(name + " has no rows");
             }
-            if (event.row < -1 || event.row >= controls.RowCount(event.id)) {
-                return Refused(name + " has no row " + std::to_string(event.row));
+            if (event.Row < -1 || event.Row >= controls.RowCount(event.Id)) {
+                return Refused(name + " has no row " + std::to_string(event.Row));
             }
-            return OnSelection(event.id, event.row);
+            return OnSelection(event.Id, event.Row);
         case Kind::TextEdited:
             if (kind != ControlKind::Edit) {
                 return Refused(name + " takes no text");
             }
             // The edit fields take at most 31 characters, as a record holds.
-            controls.SetText(event.id, event.text.substr(0, 31));
-            if (event.id == IDC_NAME || event.id == IDC_NUMBER) {
+            controls.SetText(event.Id, event.Text.substr(0, 31));
+            if (event.Id == IDC_NAME || event.Id == IDC_NUMBER) {
                 OnEntryEdited();
             }
             return {};
@@ -464,7 +464,7 @@ EventOutcome MainWindow::HandleEvent(const WindowEvent& event) {
             if (kind != ControlKind::CheckBox && kind != ControlKind::RadioButton) {
                 return Refused(name + " is no check box");
             }
-            return OnBoxClicked(event.id, event.checked);
+            return OnBoxClicked(event.Id, event.Checked);
         default:
             return Refused("unknown event");
     }
@@ -540,7 +540,7 @@ EventOutcome MainWindow::OnSelection(int id, int row) {
 
 EventOutcome MainWindow::OnBoxClicked(int id, bool checked) {
     ControlModel& controls = Controls();
-    if (controls.State(id).kind == ControlKind::RadioButton) {
+    if (controls.State(id).Kind == ControlKind::RadioButton) {
         // A click on a radio button chooses it; the pair excludes each other.
         if (!checked) {
             return Refused(ControlName(id) + " is cleared by choosing the other one");

@@ -38,12 +38,12 @@ inline constexpr int IDC_EMBLEM = 2007;
 
 // Where a control lies in the window, in dialog units of a window of 351 x 250.
 struct ControlPlace {
-    int id = 0;
-    const char* name = "";  // "IDC_..." for a control that has a resource number
-    int x = 0;
-    int y = 0;
-    int width = 0;
-    int height = 0;
+    int Id = 0;
+    const char* Name = "";  // "IDC_..." for a control that has a resource number
+    int X = 0;
+    int Y = 0;
+    int Width = 0;
+    int Height = 0;
 };
 // Every control of the window, in the order in which the window makes them.
 const std::vector<ControlPlace>& MainWindowLayout();
@@ -58,30 +58,31 @@ extern std::atomic<int32_t> SplashPending;
 
 // What a front end reports of the user. Every event is handled on the main
 // loop's thread, one at a time, as a window's messages are.
+enum class EventKind {
+    ButtonPressed,     // Id: a button or picture button
+    SelectionChanged,  // Id: a list box, drop-down or the file list; Row: the row, -1 none
+    TextEdited,        // Id: an edit field; Text: its whole new text
+    BoxClicked,        // Id: a check box or radio button; Checked: its state after the click
+    MenuCommand,       // Id: the command, from the menu bar or the system menu
+    FilesDropped,      // Id: the control under the drop, 0 for none; Paths: the items
+    AboutOk,           // the About box's OK, or a click on its picture
+    Close,             // the window's close box
+};
+
 struct WindowEvent {
-    enum class Kind {
-        ButtonPressed,     // id: a button or picture button
-        SelectionChanged,  // id: a list box, drop-down or the file list; row: the row, -1 none
-        TextEdited,        // id: an edit field; text: its whole new text
-        BoxClicked,        // id: a check box or radio button; checked: its state after the click
-        MenuCommand,       // id: the command, from the menu bar or the system menu
-        FilesDropped,      // id: the control under the drop, 0 for none; paths: the items
-        AboutOk,           // the About box's OK, or a click on its picture
-        Close,             // the window's close box
-    };
-    Kind kind = Kind::ButtonPressed;
-    int id = 0;
-    int row = -1;
-    bool checked = false;
-    std::string text;
-    std::vector<std::string> paths;
+    EventKind Kind = EventKind::ButtonPressed;
+    int Id = 0;
+    int Row = -1;
+    bool Checked = false;
+    std::string Text;
+    std::vector<std::string> Paths;
 };
 
 // How an event went: done, or refused with the reason a user would see (the
 // control is disabled, hidden, or does nothing yet).
 struct EventOutcome {
-    bool done = true;
-    std::string refusal;
+    bool Done = true;
+    std::string Refusal;
 };
 
 class MainWindow : public EngineWindow {

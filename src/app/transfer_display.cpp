@@ -20,10 +20,10 @@
 namespace {
 
 // Bytes per second expected before anything has been measured.
-constexpr uint32_t kRate64kOneChannel = 7200;
-constexpr uint32_t kRate64kTwoChannels = 15500;
-constexpr uint32_t kRate56kOneChannel = 5700;
-constexpr uint32_t kRate56kTwoChannels = 14500;
+constexpr uint32_t Rate64kOneChannel = 7200;
+constexpr uint32_t Rate64kTwoChannels = 15500;
+constexpr uint32_t Rate56kOneChannel = 5700;
+constexpr uint32_t Rate56kTwoChannels = 14500;
 
 // Hours, minutes and seconds joined by ":", each of at least two digits;
 // hours of three digits and more are shown whole.
@@ -48,9 +48,9 @@ uint32_t FixedRate() {
     const bool aimux = row == 1 && ThePreferences.AdapterModel != ModelZyXEL;
     const bool twoChannels = aimux || controls.Checked(IDC_2B);
     if (at56k) {
-        return twoChannels ? kRate56kTwoChannels : kRate56kOneChannel;
+        return twoChannels ? Rate56kTwoChannels : Rate56kOneChannel;
     }
-    return twoChannels ? kRate64kTwoChannels : kRate64kOneChannel;
+    return twoChannels ? Rate64kTwoChannels : Rate64kOneChannel;
 }
 
 }  // namespace

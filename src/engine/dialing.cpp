@@ -32,8 +32,8 @@ constexpr uint32_t AnswerPauseMs = 500;
 constexpr std::array<const char*, 4> CarrierCodes{"", "10288", "10222", "10333"};
 
 struct ConnectCode {
-    const char* text;
-    const char* logLine;
+    const char* Text;
+    const char* LogLine;
 };
 constexpr std::array<ConnectCode, 3> ConnectCodes{{
     {"CONNECT 57600", "Connected 57600"},
@@ -50,7 +50,7 @@ void CallFailed() {
 }
 
 void Connected(const ConnectCode& code) {
-    AddLogLine(code.logLine);
+    AddLogLine(code.LogLine);
     ClearSessionFlags();
     TheEngine.LinkState = LinkConnected;
     Display().UpdateActionButtons();
@@ -122,7 +122,7 @@ void HandleLineEvent() {
         return;
     }
     for (const ConnectCode& code : ConnectCodes) {
-        if (LineHolds(line, code.text)) {
+        if (LineHolds(line, code.Text)) {
             Connected(code);
         }
     }

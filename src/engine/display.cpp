@@ -24,11 +24,11 @@ void NoWindow::ClearFileList() {
 
 namespace {
 
-NoWindow noWindow;
+NoWindow Windowless;
 
 }  // namespace
 
 EngineWindow& Display() {
     EngineWindow* window = TheMainWindow;
-    return window != nullptr ? *window : noWindow;
+    return window != nullptr ? *window : Windowless;
 }

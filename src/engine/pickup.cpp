@@ -29,15 +29,15 @@ constexpr size_t ScannedEntries = 100;
 
 // Each clear asked for bumps the count; the main thread zeroes the counters
 // when it sees a count it has not yet served.
-std::atomic<uint32_t> clearsAsked{0};
-uint32_t clearsServed = 0;  // main thread only
+std::atomic<uint32_t> ClearsAsked{0};
+uint32_t ClearsServed = 0;  // main thread only
 
 void ServeHotFolderClears() {
-    const uint32_t asked = clearsAsked.load();
-    if (asked == clearsServed) {
+    const uint32_t asked = ClearsAsked.load();
+    if (asked == ClearsServed) {
         return;
     }
-    clearsServed = asked;
+    ClearsServed = asked;
     for (int i = 0; i <= DirectoryCount.load() && i < DirectorySlots; ++i) {
         if (Directory[i].HotSend != 0) {
             Directory[i].HotBytes = 0;
@@ -85,7 +85,7 @@ void OnRetrieveClicked() {
 }
 
 void ClearHotFolderCounters() {
-    clearsAsked.fetch_add(1);
+    ClearsAsked.fetch_add(1);
     if (!OnCommThread()) {
         ServeHotFolderClears();
     }
@@ -102,9 +102,9 @@ int16_t ScanPickUpFolder(int16_t index, uint32_t& total) {
     }
     int16_t count = 0;
     for (size_t i = 0; i < entries.size() && i < ScannedEntries; ++i) {
-        if (!entries[i].isFolder) {
+        if (!entries[i].IsFolder) {
             ++count;
-            total += static_cast<uint32_t>(entries[i].size);
+            total += static_cast<uint32_t>(entries[i].Size);
         }
     }
     return count;

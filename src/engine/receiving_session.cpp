@@ -38,13 +38,13 @@ constexpr int16_t ListLimitMs = 1000;
 constexpr size_t NameStemForSuffix = 29;
 constexpr size_t NameLimit = 31;
 
-std::mutex freeSpaceLock;
-FreeSpaceQuery freeSpaceQuery;
+std::mutex FreeSpaceLock;
+FreeSpaceQuery InstalledFreeSpaceQuery;
 
 uint64_t FreeSpace() {
-    std::lock_guard<std::mutex> guard(freeSpaceLock);
-    if (freeSpaceQuery) {
-        return freeSpaceQuery();
+    std::lock_guard<std::mutex> guard(FreeSpaceLock);
+    if (InstalledFreeSpaceQuery) {
+        return InstalledFreeSpaceQuery();
     }
     return FreeDiskSpace(RootDirectory);
 }
@@ -107,9 +107,9 @@ std::string Suffixed(const std::string& name, char letter) {
 
 // One file of the list as admission means to make it.
 struct PlannedFile {
-    int wireIndex = 0;
-    std::string nameInUse;
-    bool recovered = false;
+    int WireIndex = 0;
+    std::string NameInUse;
+    bool Recovered = false;
 };
 
 // The first name free in the folder, the plain name or a suffix from -A to
@@ -222,8 +222,8 @@ void OnNothingToRetrieve(const char* logLine) {
 }  // namespace
 
 void SetFreeSpaceQuery(FreeSpaceQuery query) {
-    std::lock_guard<std::mutex> guard(freeSpaceLock);
-    freeSpaceQuery = std::move(query);
+    std::lock_guard<std::mutex> guard(FreeSpaceLock);
+    InstalledFreeSpaceQuery = std::move(query);
 }
 
 std::string SafeReceivedName(std::string_view announced) {
@@ -372,24 +372,24 @@ int16_t AdmitFileList() {
     for (int i = marker ? 1 : 0; i < count; ++i) {
         const std::string announced = AnnouncedName(wire[i]);
         PlannedFile file;
-        file.wireIndex = i;
+        file.WireIndex = i;
         if (firstFile && wire[i].DataLength != 0) {
             firstFile = false;
             if (!marker && ResumesSavedEntry(announced, wire[i].DataLength)) {
-                file.recovered = recovered = true;
+                file.Recovered = recovered = true;
                 plan.push_back(file);
                 continue;
             }
         }
         const std::string name = SafeReceivedName(announced);
-        file.nameInUse = FreeName(folder, name, planned, recovered ? std::string() : goingAway);
-        if (file.nameInUse.empty()) {
+        file.NameInUse = FreeName(folder, name, planned, recovered ? std::string() : goingAway);
+        if (file.NameInUse.empty()) {
             if (marker) {
                 RemoveFolder(folder);
             }
             return Refuse("Too many files named " + name);
         }
-        planned.insert(file.nameInUse);
+        planned.insert(file.NameInUse);
         plan.push_back(file);
     }
 
@@ -404,9 +404,9 @@ int16_t AdmitFileList() {
     RecoveryPosition resumed;
     uint32_t kept = 0;
     for (const PlannedFile& file : plan) {
-        const WireFileEntry announced = wire[file.wireIndex];
+        const WireFileEntry announced = wire[file.WireIndex];
         FileEntry& entry = TheEngine.ReceiveList[kept];
-        if (file.recovered) {
+        if (file.Recovered) {
             entry = TheEngine.SavedEntry;
             entry.EntryComplete = 0;
             entry.StartTime = 0;
@@ -414,7 +414,7 @@ int16_t AdmitFileList() {
             wire[kept++] = announced;
             continue;
         }
-        const std::string path = folder + "/" + file.nameInUse;
+        const std::string path = folder + "/" + file.NameInUse;
         // An empty file arrives here and now; it has no data to wait for.
         MakeEmptyFile(path);
         if (announced.DataLength == 0) {
@@ -422,7 +422,7 @@ int16_t AdmitFileList() {
         }
         entry = FileEntry{};
         entry.WireName.Set(AnnouncedName(announced));
-        entry.DisplayName.Set(file.nameInUse);
+        entry.DisplayName.Set(file.NameInUse);
         entry.FilePath.Set(path);
         entry.EntryKind = KindOf(announced);
         SetEntryLengths(entry, announced.DataLength);
@@ -430,7 +430,7 @@ int16_t AdmitFileList() {
         entry.CreatorCode = announced.CreatorCode;
         entry.TypeCode = announced.TypeCode;
         wire[kept] = announced;
-        wire[kept].Name.Set(file.nameInUse);
+        wire[kept].Name.Set(file.NameInUse);
         ++kept;
     }
     TheEngine.ReceiveCount = kept;

@@ -13,16 +13,16 @@ SessionFlags TheSession;
 namespace {
 
 // The step handshake.
-std::atomic<int32_t> feederInStep{0};
-std::mutex stepLock;
-std::condition_variable stepLeft;
+std::atomic<int32_t> FeederInStep{0};
+std::mutex StepLock;
+std::condition_variable StepLeft;
 
 // The threads of the latest session, kept until they have been waited for.
 // Only the communications thread starts a session, and the threads of one
 // session are waited for before those of the next start, so the handles are
 // written while no thread of a session runs.
-std::mutex handlesLock;
-ThreadHandle sessionFeeder;
+std::mutex HandlesLock;
+ThreadHandle SessionFeeder;
 
 }  // namespace
 
@@ -39,8 +39,8 @@ void ClearSessionFlags() {
 }
 
 ThreadHandle CurrentFeederHandle() {
-    std::lock_guard<std::mutex> guard(handlesLock);
-    return sessionFeeder;
+    std::lock_guard<std::mutex> guard(HandlesLock);
+    return SessionFeeder;
 }
 
 void StartSectionFeeder() {
@@ -48,8 +48,8 @@ void StartSectionFeeder() {
     // on its way out; it must be gone before a new one takes the shared words.
     ThreadHandle oldFeeder;
     {
-        std::lock_guard<std::mutex> guard(handlesLock);
-        oldFeeder = sessionFeeder;
+        std::lock_guard<std::mutex> guard(HandlesLock);
+        oldFeeder = SessionFeeder;
     }
     JoinThread(oldFeeder);
     JoinThread(TheEngine.WriterThread.load());
@@ -69,8 +69,8 @@ void StartSectionFeeder() {
     ThreadHandle feeder =
         StartThread(SectionFeeder, nullptr, ThreadPriority::Highest, true, processor);
     {
-        std::lock_guard<std::mutex> guard(handlesLock);
-        sessionFeeder = feeder;
+        std::lock_guard<std::mutex> guard(HandlesLock);
+        SessionFeeder = feeder;
     }
     if (!feeder || !TheEngine.WriterThread.load()) {
         TheEngine.FeederRun = 0;
@@ -100,8 +100,8 @@ void StopFeeder() {
 
     ThreadHandle feeder;
     {
-        std::lock_guard<std::mutex> guard(handlesLock);
-        feeder = sessionFeeder;
+        std::lock_guard<std::mutex> guard(HandlesLock);
+        feeder = SessionFeeder;
     }
     if (!feeder) {
         return;
@@ -115,17 +115,17 @@ void StopFeeder() {
     JoinThread(feeder);
     JoinThread(TheEngine.WriterThread.load());
     {
-        std::lock_guard<std::mutex> guard(handlesLock);
-        if (sessionFeeder == feeder) {
-            sessionFeeder = nullptr;
+        std::lock_guard<std::mutex> guard(HandlesLock);
+        if (SessionFeeder == feeder) {
+            SessionFeeder = nullptr;
         }
     }
     TheEngine.WriterThread.store(nullptr);
-    feederInStep = 0;
+    FeederInStep = 0;
 }
 
 bool FeederEnterStep() {
-    feederInStep.store(1);
+    FeederInStep.store(1);
     if (TheEngine.LinkState.load() != LinkTransfer || TheEngine.FeederRun.load() == 0) {
         FeederLeaveStep();
         return false;
@@ -135,21 +135,21 @@ bool FeederEnterStep() {
 
 void FeederLeaveStep() {
     {
-        std::lock_guard<std::mutex> guard(stepLock);
-        feederInStep.store(0);
+        std::lock_guard<std::mutex> guard(StepLock);
+        FeederInStep.store(0);
     }
-    stepLeft.notify_all();
+    StepLeft.notify_all();
 }
 
 void WaitFeederOutOfStep() {
-    std::unique_lock<std::mutex> guard(stepLock);
-    stepLeft.wait(guard, [] { return feederInStep.load() == 0; });
+    std::unique_lock<std::mutex> guard(StepLock);
+    StepLeft.wait(guard, [] { return FeederInStep.load() == 0; });
 }
 
 bool WaitFeederFileSent(int limitMs) {
-    std::unique_lock<std::mutex> guard(stepLock);
-    stepLeft.wait_for(guard, std::chrono::milliseconds(limitMs), [] {
-        return TheEngine.LinkState.load() != LinkTransfer && feederInStep.load() == 0;
+    std::unique_lock<std::mutex> guard(StepLock);
+    StepLeft.wait_for(guard, std::chrono::milliseconds(limitMs), [] {
+        return TheEngine.LinkState.load() != LinkTransfer && FeederInStep.load() == 0;
     });
-    return TheEngine.LinkState.load() == LinkFileSent && feederInStep.load() == 0;
+    return TheEngine.LinkState.load() == LinkFileSent && FeederInStep.load() == 0;
 }

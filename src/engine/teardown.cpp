@@ -40,7 +40,7 @@ constexpr uint32_t HangUpRetryMs = 5000;
 
 // Whether the tail that the last stall took out of the queue held the
 // adapter's NO CARRIER; the communications thread's own.
-bool stallTailHeldNoCarrier = false;
+bool StallTailHeldNoCarrier = false;
 
 // The adapter answered neither the escape nor the hang-up: the call may
 // still be up. The receiving side's watchdog ends it in the end; the
@@ -209,7 +209,7 @@ int StallCheck(uint32_t waiting) {
     }
     ReadBlock(tail, StallTailBytes, StallTailLimitMs);
     const std::string_view text(reinterpret_cast<const char*>(tail), StallTailBytes);
-    stallTailHeldNoCarrier = text.find(TextNoCarrier) != std::string_view::npos;
+    StallTailHeldNoCarrier = text.find(TextNoCarrier) != std::string_view::npos;
     // Whatever the tail holds, nothing has come for five seconds: the call
     // is over.
     return 1;
@@ -220,7 +220,7 @@ void EndStalledCall() {
     // adapter is back in command mode. Without it the far end has only gone
     // quiet and the call is still up: it is hung up, so that neither adapter
     // stays in a call that nobody uses and both can be called again.
-    if (stallTailHeldNoCarrier || !HangUp()) {
+    if (StallTailHeldNoCarrier || !HangUp()) {
         OnCallEnded();
     }
 }

@@ -13,16 +13,16 @@ namespace {
 // The communications thread alone uses them.
 constexpr size_t CarryBytes = 15;
 constexpr uint32_t CarryLimitMs = 1000;
-std::string carriedBytes;
-uint32_t carriedAt = 0;
+std::string CarriedBytes;
+uint32_t CarriedAt = 0;
 
 // What was just read, behind what the previous read left unfinished.
 std::string JoinCarried(const char* read) {
     std::string line;
-    if (!carriedBytes.empty() && NowMs() - carriedAt <= CarryLimitMs) {
-        line = carriedBytes;
+    if (!CarriedBytes.empty() && NowMs() - CarriedAt <= CarryLimitMs) {
+        line = CarriedBytes;
     }
-    carriedBytes.clear();
+    CarriedBytes.clear();
     return line + read;
 }
 
@@ -38,13 +38,13 @@ bool ReadTokenLine(int16_t limitMs, std::string& line) {
     line.clear();
     if (*TokenBuffer != '\0') {  // when nothing came, what is carried ages on
         const std::string unfinished = JoinCarried(TokenBuffer);
-        carriedBytes =
+        CarriedBytes =
             unfinished.substr(unfinished.size() > CarryBytes ? unfinished.size() - CarryBytes : 0);
-        carriedAt = NowMs();
+        CarriedAt = NowMs();
     }
     return false;
 }
 
 void ForgetUnfinishedLine() {
-    carriedBytes.clear();
+    CarriedBytes.clear();
 }

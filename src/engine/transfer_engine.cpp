@@ -29,11 +29,11 @@ constexpr int LongestWaitMs = 1000;
 // While blocks go out, the send progress is redrawn at this pace.
 constexpr int SendDisplayWaitMs = 200;
 
-thread_local bool onCommThread = false;
-thread_local bool insidePass = false;
+thread_local bool ThisIsCommThread = false;
+thread_local bool InsidePass = false;
 // Messages held back until the pass has let go of the port; the
 // communications thread's own.
-std::vector<std::string> heldMessages;
+std::vector<std::string> HeldMessages;
 
 // Milliseconds until more than limitMs have gone by since the stamp; 0 when
 // they have.
@@ -136,7 +136,7 @@ int PassWork() {
 
 void ShowHeldMessages() {
     std::vector<std::string> messages;
-    messages.swap(heldMessages);
+    messages.swap(HeldMessages);
     for (const std::string& text : messages) {
         ShowMessageBox(text);
     }
@@ -152,12 +152,12 @@ void CommPass() {
         WaitForPortWake(LongestWaitMs);
         return;
     }
-    insidePass = true;
+    InsidePass = true;
     const int waitMs = PassWork();
     if (waitMs >= 0 && TheEngine.CommThreadRun.load() != 0) {
         WaitForPortInput(waitMs);
     }
-    insidePass = false;
+    InsidePass = false;
     portGuard.unlock();
     ShowHeldMessages();
 }
@@ -165,12 +165,12 @@ void CommPass() {
 }  // namespace
 
 bool OnCommThread() {
-    return onCommThread;
+    return ThisIsCommThread;
 }
 
 void ShowMessageOutsidePass(const std::string& text) {
-    if (insidePass) {
-        heldMessages.push_back(text);
+    if (InsidePass) {
+        HeldMessages.push_back(text);
     } else {
         ShowMessageBox(text);
     }
@@ -214,7 +214,7 @@ void EngineShutdown() {
 }
 
 unsigned CommThread(void*) {
-    onCommThread = true;
+    ThisIsCommThread = true;
     while (TheEngine.CommThreadRun.load() != 0) {
         CommPass();
     }

@@ -20,20 +20,20 @@ std::atomic<int16_t> SpeedClass{0};
 
 namespace {
 
-constexpr int16_t kReplyLimitMs = 4000;
-constexpr int16_t kShortReplyLimitMs = 1000;
+constexpr int16_t ReplyLimitMs = 4000;
+constexpr int16_t ShortReplyLimitMs = 1000;
 
 // The hand-over of the port. Remembering the flag in each exchange and putting
 // it back at the end is not enough once two threads talk to the adapter: the
 // one that started second would remember the cleared flag and leave polling
 // off for good. So the conversations under way are counted, and the flag
 // comes back only when the last of them ends.
-std::mutex handoverLock;
-int conversationsUnderWay = 0;
-int32_t pollingAfterConversations = 0;
+std::mutex HandoverLock;
+int ConversationsUnderWay = 0;
+int32_t PollingAfterConversations = 0;
 
-constexpr int kLastSearchedPort = 4;
-constexpr uint32_t kSearchSpeed = 9600;
+constexpr int LastSearchedPort = 4;
+constexpr uint32_t SearchSpeed = 9600;
 
 bool BufferHolds(const char* mark) {
     return std::strstr(TokenBuffer, mark) != nullptr;
@@ -65,9 +65,9 @@ int AdapterReady() {
 }
 
 int FullSearch() {
-    for (int port = 1; port <= kLastSearchedPort; ++port) {
+    for (int port = 1; port <= LastSearchedPort; ++port) {
         SelectPortNumber(static_cast<uint8_t>(port));
-        SelectPortBaud(kSearchSpeed);
+        SelectPortBaud(SearchSpeed);
         AddLogLine("Searching Comm Port " + std::to_string(port));
         if (IdentifyAdapter() == 0) {
             CommPortClose();
@@ -148,9 +148,9 @@ bool ExchangeWithAdapter(const char* command, int16_t limitMs) {
 
 void SetLinePolling(int32_t enabled) {
     {
-        std::lock_guard<std::mutex> guard(handoverLock);
-        if (conversationsUnderWay > 0) {
-            pollingAfterConversations = enabled;
+        std::lock_guard<std::mutex> guard(HandoverLock);
+        if (ConversationsUnderWay > 0) {
+            PollingAfterConversations = enabled;
             return;
         }
         LinePollingEnabled.store(enabled);
@@ -160,9 +160,9 @@ void SetLinePolling(int32_t enabled) {
 
 PortConversation::PortConversation() {
     {
-        std::lock_guard<std::mutex> guard(handoverLock);
-        if (conversationsUnderWay++ == 0) {
-            pollingAfterConversations = LinePollingEnabled.exchange(0);
+        std::lock_guard<std::mutex> guard(HandoverLock);
+        if (ConversationsUnderWay++ == 0) {
+            PollingAfterConversations = LinePollingEnabled.exchange(0);
         }
     }
     // The communications thread may be waiting for input with the flag seen
@@ -175,9 +175,9 @@ PortConversation::~PortConversation() {
     PortReadLock.unlock();
     int32_t restored = 0;
     {
-        std::lock_guard<std::mutex> guard(handoverLock);
-        if (--conversationsUnderWay == 0) {
-            restored = pollingAfterConversations;
+        std::lock_guard<std::mutex> guard(HandoverLock);
+        if (--ConversationsUnderWay == 0) {
+            restored = PollingAfterConversations;
             LinePollingEnabled.store(restored);
         }
     }
@@ -189,11 +189,11 @@ PortConversation::~PortConversation() {
 }
 
 bool SendAndWaitOk(const char* command) {
-    return ExchangeWithAdapter(command, kReplyLimitMs);
+    return ExchangeWithAdapter(command, ReplyLimitMs);
 }
 
 bool SendAndWaitOkShort(const char* command) {
-    return ExchangeWithAdapter(command, kShortReplyLimitMs);
+    return ExchangeWithAdapter(command, ShortReplyLimitMs);
 }
 
 int IdentifyAdapter() {

@@ -14,8 +14,8 @@ std::recursive_mutex PortReadLock;
 
 namespace {
 
-constexpr uint32_t kCommandBufferSize = 256;
-constexpr uint32_t kTokenLimit = 1022;  // more bytes than this and the read gives up
+constexpr uint32_t CommandBufferSize = 256;
+constexpr uint32_t TokenLimit = 1022;  // more bytes than this and the read gives up
 
 // Waits for the rest of a time limit that has elapsed ms of limitMs gone.
 void WaitForRest(int16_t limitMs, int16_t elapsedMs) {
@@ -73,13 +73,13 @@ int CommPortConfigure() {
         return 0;
     }
     SerialSettings settings;
-    settings.baudRate = ThePort->BaudRate.load();
-    settings.byteSize = ThePort->ByteSize;
-    settings.parity = ThePort->Parity;
-    settings.stopBits = ThePort->StopBits;
-    settings.dtrDsrFlow = (ThePort->FlowControlFlags & FlowDtrDsr) != 0;
-    settings.rtsCtsFlow = (ThePort->FlowControlFlags & FlowRtsCts) != 0;
-    settings.xonXoffFlow = (ThePort->FlowControlFlags & FlowXonXoff) != 0;
+    settings.BaudRate = ThePort->BaudRate.load();
+    settings.ByteSize = ThePort->ByteSize;
+    settings.Parity = ThePort->Parity;
+    settings.StopBits = ThePort->StopBits;
+    settings.DtrDsrFlow = (ThePort->FlowControlFlags & FlowDtrDsr) != 0;
+    settings.RtsCtsFlow = (ThePort->FlowControlFlags & FlowRtsCts) != 0;
+    settings.XonXoffFlow = (ThePort->FlowControlFlags & FlowXonXoff) != 0;
     return ThePort->Handle.Configure(settings) ? 1 : 0;
 }
 
@@ -104,10 +104,10 @@ int CommPortWrite(const void* bytes, uint32_t length) {
 
 void SendCommand(const char* text) {
     const size_t length = std::strlen(text);
-    if (length > kCommandBufferSize - 2) {
+    if (length > CommandBufferSize - 2) {
         return;
     }
-    char command[kCommandBufferSize];
+    char command[CommandBufferSize];
     std::memcpy(command, text, length);
     command[length] = '\r';
     CommPortWrite(command, static_cast<uint32_t>(length + 1));
@@ -144,7 +144,7 @@ char* ReadUntilToken(const char* token, int16_t timeoutMs, char* buffer) {
                     return buffer + index - tokenLength;
                 }
             }
-            if (index > kTokenLimit) {
+            if (index > TokenLimit) {
                 AddLogLine("Serial Limit Reached");
                 return nullptr;
             }

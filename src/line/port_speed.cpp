@@ -12,10 +12,10 @@
 
 namespace {
 
-constexpr int kTestRounds = 5;
-constexpr int16_t kSpeedChangeQuietMs = 10;
+constexpr int TestRounds = 5;
+constexpr int16_t SpeedChangeQuietMs = 10;
 
-constexpr const char* kTopSpeed115200 =
+constexpr const char* TopSpeed115200 =
     "Your maximum port speed is 115200 bps.\r  You will be able to use both the V.120 and AIMUX "
     "protocols for sending and receiving files.\r  Your throughput with AIMUX, however, will be "
     "limited to 115200 kbps.";
@@ -26,7 +26,7 @@ int16_t Model() {
 
 // Five "AT" in a row, each answered with OK; the first silence fails it.
 bool TestAtThisSpeed() {
-    for (int round = 0; round < kTestRounds; ++round) {
+    for (int round = 0; round < TestRounds; ++round) {
         if (!SendAndWaitOk("AT")) {
             return false;
         }
@@ -89,7 +89,7 @@ void QualifyPortSpeed() {
         // port is merely asked whether it could follow.
         const bool portCan230400 = SetPortSpeed(230400);
         if (!portCan230400) {
-            ShowMessageBox(kTopSpeed115200);
+            ShowMessageBox(TopSpeed115200);
         }
         SetPortSpeed(115200);
         AddLogLine("Test Successful through 115200 bps.");
@@ -104,7 +104,7 @@ void QualifyPortSpeed() {
 
     AddLogLine("Testing 230400 bps...");
     if (!SetPortSpeed(230400)) {
-        ShowMessageBox(kTopSpeed115200);
+        ShowMessageBox(TopSpeed115200);
         SetPortSpeed(115200);
         ThePreferences.MaxPortSpeed = 115200;
         return;
@@ -117,7 +117,7 @@ void QualifyPortSpeed() {
         SetPortSpeed(115200);
         SendCommand("AT$B230400");
         SetPortSpeed(230400);
-        DrainInput(kSpeedChangeQuietMs);
+        DrainInput(SpeedChangeQuietMs);
     }
     if (TestAtThisSpeed()) {
         AddLogLine("Test Successful through 230400 bps.");

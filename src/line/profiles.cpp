@@ -23,14 +23,14 @@ constexpr int ProtocolV120 = 0;
 constexpr int ProtocolAimux = 1;
 constexpr int ProtocolX75 = 2;
 
-constexpr const char* kProtocolNames[] = {"V.120", "AIMUX", "X.75"};
+constexpr const char* ProtocolNames[] = {"V.120", "AIMUX", "X.75"};
 
 // Which set-up a profile is for; the first words of its log line.
 enum class Setup { FirstIncoming, LaterIncoming, Outgoing };
 
-constexpr int16_t kDrainQuietMs = 100;
-constexpr uint32_t kHotFolderPeriodMs = 15000;
-constexpr const char* kNumberCaption = "Your ISDN Number: ";
+constexpr int16_t DrainQuietMs = 100;
+constexpr uint32_t HotFolderPeriodMs = 15000;
+constexpr const char* NumberCaption = "Your ISDN Number: ";
 
 int16_t Model() {
     return ThePreferences.AdapterModel;
@@ -70,7 +70,7 @@ std::string BuildProfile(int protocol, bool at56k, Setup setup) {
     const char* opening = setup == Setup::FirstIncoming   ? "Initializing Incoming: "
                           : setup == Setup::LaterIncoming ? "Reinitializing Incoming: "
                                                           : "Initializing Outgoing: ";
-    AddLogLine(std::string(opening) + kProtocolNames[protocol] + (at56k ? " - 56K" : " - 64K"));
+    AddLogLine(std::string(opening) + ProtocolNames[protocol] + (at56k ? " - 56K" : " - 64K"));
     // 56K lines carry 7000 bytes a second, 64K lines 8000, and AIMUX bundles
     // two of them.
     uint16_t rate = at56k ? 7000 : 8000;
@@ -92,7 +92,7 @@ std::string IncomingProfile(Setup setup) {
 // the row every list starts with.
 int ProtocolOfRow(const std::string& text) {
     for (int protocol = ProtocolV120; protocol <= ProtocolX75; ++protocol) {
-        if (text == kProtocolNames[protocol]) {
+        if (text == ProtocolNames[protocol]) {
             return protocol;
         }
     }
@@ -142,12 +142,12 @@ std::string_view DigitsBeforeOk(std::string_view reply) {
 // What follows "MultiAuto):(" up to the next ")". False when the ZyXEL's reply
 // has no such bracket.
 bool NumberInBrackets(std::string_view reply, std::string_view& number) {
-    constexpr std::string_view mark = "MultiAuto):(";
-    const size_t found = reply.find(mark);
+    constexpr std::string_view Mark = "MultiAuto):(";
+    const size_t found = reply.find(Mark);
     if (found == std::string_view::npos) {
         return false;
     }
-    const size_t start = found + mark.size();
+    const size_t start = found + Mark.size();
     const size_t end = reply.find(')', start);
     if (end == std::string_view::npos) {
         return false;
@@ -171,14 +171,14 @@ const char* ZyxelLabel(int16_t variant) {
 
 // Removes a protocol's row from both protocol lists.
 void RemoveProtocol(int protocol) {
-    Controls().DeleteRowWithText(IDC_PROTOCOL, kProtocolNames[protocol]);
-    Controls().DeleteRowWithText(IDC_IN_PROTOCOL, kProtocolNames[protocol]);
+    Controls().DeleteRowWithText(IDC_PROTOCOL, ProtocolNames[protocol]);
+    Controls().DeleteRowWithText(IDC_IN_PROTOCOL, ProtocolNames[protocol]);
 }
 
 int RowOfProtocol(int id, int protocol) {
     const std::vector<ListRow> rows = Controls().Rows(id);
     for (size_t row = 0; row < rows.size(); ++row) {
-        if (rows[row].text == kProtocolNames[protocol]) {
+        if (rows[row].Text == ProtocolNames[protocol]) {
             return static_cast<int>(row);
         }
     }
@@ -245,7 +245,7 @@ void ShowLocalNumber() {
     if (!ReadLocalNumber(label)) {
         return;
     }
-    Controls().SetText(IDC_OWN_NUMBER, std::string(kNumberCaption) + LocalNumber + label);
+    Controls().SetText(IDC_OWN_NUMBER, std::string(NumberCaption) + LocalNumber + label);
     Controls().Enable(IDC_OWN_NUMBER, true);
 }
 
@@ -297,14 +297,14 @@ void InitializeIncoming() {
     bool accepted = false;
     {
         PortConversation conversation;
-        DrainInput(kDrainQuietMs);
+        DrainInput(DrainQuietMs);
         accepted = SendAndWaitOk(command.c_str());
     }
     if (!accepted) {
         ShowMessageBox("Communications read time out during Startup.");
         return;
     }
-    MainLoop().SetTimer(TimerHotFolders, kHotFolderPeriodMs);
+    MainLoop().SetTimer(TimerHotFolders, HotFolderPeriodMs);
 }
 
 void ReinitializeIncoming() {
@@ -317,7 +317,7 @@ void ReinitializeIncoming() {
     AddLogLine("------------------------------");
     const std::string command = IncomingProfile(Setup::LaterIncoming);
     PortConversation conversation;
-    DrainInput(kDrainQuietMs);
+    DrainInput(DrainQuietMs);
     SendAndWaitOk(command.c_str());
 }
 

@@ -8,14 +8,14 @@
 
 namespace {
 
-std::atomic<uint32_t> nowShift{0};
-std::atomic<uint32_t> longestPause{UINT32_MAX};
+std::atomic<uint32_t> NowShift{0};
+std::atomic<uint32_t> LongestPause{UINT32_MAX};
 
 // Seconds and milliseconds of the monotonic clock, the two parts that the
 // interval clock stores.
 struct ClockReading {
-    int64_t seconds;
-    int32_t millis;
+    int64_t Seconds;
+    int32_t Millis;
 };
 
 ClockReading ReadClock() {
@@ -24,20 +24,20 @@ ClockReading ReadClock() {
     return {ms / 1000, static_cast<int32_t>(ms % 1000)};
 }
 
-std::atomic<int64_t> elapsedSeconds{0};
-std::atomic<int32_t> elapsedMillis{0};
+std::atomic<int64_t> ElapsedSeconds{0};
+std::atomic<int32_t> ElapsedMillis{0};
 
 }  // namespace
 
 uint32_t NowMs() {
     const ClockReading now = ReadClock();
-    return static_cast<uint32_t>(now.seconds * 1000 + now.millis) + nowShift.load();
+    return static_cast<uint32_t>(now.Seconds * 1000 + now.Millis) + NowShift.load();
 }
 
 void StartElapsed() {
     const ClockReading now = ReadClock();
-    elapsedSeconds.store(now.seconds);
-    elapsedMillis.store(now.millis);
+    ElapsedSeconds.store(now.Seconds);
+    ElapsedMillis.store(now.Millis);
 }
 
 int16_t ElapsedBetween(int64_t thenSeconds, int32_t thenMillis, int64_t nowSeconds,
@@ -51,7 +51,7 @@ int16_t ElapsedBetween(int64_t thenSeconds, int32_t thenMillis, int64_t nowSecon
 
 int16_t ElapsedMs() {
     const ClockReading now = ReadClock();
-    return ElapsedBetween(elapsedSeconds.load(), elapsedMillis.load(), now.seconds, now.millis);
+    return ElapsedBetween(ElapsedSeconds.load(), ElapsedMillis.load(), now.Seconds, now.Millis);
 }
 
 std::time_t WallSeconds() {
@@ -59,14 +59,14 @@ std::time_t WallSeconds() {
 }
 
 void SleepMs(uint32_t milliseconds) {
-    const uint32_t pause = std::min(milliseconds, longestPause.load());
+    const uint32_t pause = std::min(milliseconds, LongestPause.load());
     std::this_thread::sleep_for(std::chrono::milliseconds(pause));
 }
 
 void CapPausesForTest(uint32_t milliseconds) {
-    longestPause.store(milliseconds);
+    LongestPause.store(milliseconds);
 }
 
 void ShiftNowMsForTest(uint32_t offset) {
-    nowShift.store(offset);
+    NowShift.store(offset);
 }

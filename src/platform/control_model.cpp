@@ -4,13 +4,13 @@
 
 namespace {
 
-const ControlState kMissing{};
+const ControlState Missing{};
 
 }  // namespace
 
 ControlModel& Controls() {
-    static ControlModel model;
-    return model;
+    static ControlModel Model;
+    return Model;
 }
 
 ControlState* ControlModel::Find(int id) {
@@ -68,13 +68,13 @@ void ControlModel::DeliverQueued() {
 
 void ControlModel::Create(const ControlState& state) {
     std::unique_lock<std::mutex> guard(stateLock_);
-    if (ControlState* existing = Find(state.id)) {
+    if (ControlState* existing = Find(state.Id)) {
         *existing = state;
     } else {
-        index_[state.id] = controls_.size();
+        index_[state.Id] = controls_.size();
         controls_.push_back(state);
     }
-    Announce(guard, {{state.id, ControlChange::Created, -1, state.text}});
+    Announce(guard, {{state.Id, ControlChange::Created, -1, state.Text}});
 }
 
 bool ControlModel::Exists(int id) const {
@@ -85,7 +85,7 @@ bool ControlModel::Exists(int id) const {
 ControlState ControlModel::State(int id) const {
     std::lock_guard<std::mutex> guard(stateLock_);
     const ControlState* control = Find(id);
-    return control != nullptr ? *control : kMissing;
+    return control != nullptr ? *control : Missing;
 }
 
 std::vector<ControlState> ControlModel::AllStates() const {
@@ -104,106 +104,106 @@ void ControlModel::Reset() {
 std::string ControlModel::Text(int id) const {
     std::lock_guard<std::mutex> guard(stateLock_);
     const ControlState* control = Find(id);
-    return control != nullptr ? control->text : std::string();
+    return control != nullptr ? control->Text : std::string();
 }
 
 void ControlModel::SetText(int id, const std::string& text) {
     std::unique_lock<std::mutex> guard(stateLock_);
     ControlState* control = Find(id);
-    if (control == nullptr || control->text == text) {
+    if (control == nullptr || control->Text == text) {
         return;
     }
-    control->text = text;
+    control->Text = text;
     Announce(guard, {{id, ControlChange::Text, -1, text}});
 }
 
 bool ControlModel::Enabled(int id) const {
     std::lock_guard<std::mutex> guard(stateLock_);
     const ControlState* control = Find(id);
-    return control != nullptr && control->enabled;
+    return control != nullptr && control->Enabled;
 }
 
 void ControlModel::Enable(int id, bool enabled) {
     std::unique_lock<std::mutex> guard(stateLock_);
     ControlState* control = Find(id);
-    if (control == nullptr || control->enabled == enabled) {
+    if (control == nullptr || control->Enabled == enabled) {
         return;
     }
-    control->enabled = enabled;
+    control->Enabled = enabled;
     Announce(guard, {{id, ControlChange::Enabled, -1, {}}});
 }
 
 bool ControlModel::Shown(int id) const {
     std::lock_guard<std::mutex> guard(stateLock_);
     const ControlState* control = Find(id);
-    return control != nullptr && control->shown;
+    return control != nullptr && control->Shown;
 }
 
 void ControlModel::Show(int id, bool shown) {
     std::unique_lock<std::mutex> guard(stateLock_);
     ControlState* control = Find(id);
-    if (control == nullptr || control->shown == shown) {
+    if (control == nullptr || control->Shown == shown) {
         return;
     }
-    control->shown = shown;
+    control->Shown = shown;
     Announce(guard, {{id, ControlChange::Shown, -1, {}}});
 }
 
 bool ControlModel::Checked(int id) const {
     std::lock_guard<std::mutex> guard(stateLock_);
     const ControlState* control = Find(id);
-    return control != nullptr && control->checked;
+    return control != nullptr && control->Checked;
 }
 
 void ControlModel::Check(int id, bool checked) {
     std::unique_lock<std::mutex> guard(stateLock_);
     ControlState* control = Find(id);
-    if (control == nullptr || control->checked == checked) {
+    if (control == nullptr || control->Checked == checked) {
         return;
     }
-    control->checked = checked;
+    control->Checked = checked;
     Announce(guard, {{id, ControlChange::Checked, -1, {}}});
 }
 
 int ControlModel::Position(int id) const {
     std::lock_guard<std::mutex> guard(stateLock_);
     const ControlState* control = Find(id);
-    return control != nullptr ? control->position : 0;
+    return control != nullptr ? control->Position : 0;
 }
 
 void ControlModel::SetPosition(int id, int position) {
     std::unique_lock<std::mutex> guard(stateLock_);
     ControlState* control = Find(id);
-    if (control == nullptr || control->position == position) {
+    if (control == nullptr || control->Position == position) {
         return;
     }
-    control->position = position;
+    control->Position = position;
     Announce(guard, {{id, ControlChange::Position, position, {}}});
 }
 
 int ControlModel::RowCount(int id) const {
     std::lock_guard<std::mutex> guard(stateLock_);
     const ControlState* control = Find(id);
-    return control != nullptr ? static_cast<int>(control->rows.size()) : 0;
+    return control != nullptr ? static_cast<int>(control->Rows.size()) : 0;
 }
 
 std::string ControlModel::RowText(int id, int row) const {
-    return Row(id, row).text;
+    return Row(id, row).Text;
 }
 
 ListRow ControlModel::Row(int id, int row) const {
     std::lock_guard<std::mutex> guard(stateLock_);
     const ControlState* control = Find(id);
-    if (control == nullptr || row < 0 || row >= static_cast<int>(control->rows.size())) {
+    if (control == nullptr || row < 0 || row >= static_cast<int>(control->Rows.size())) {
         return {};
     }
-    return control->rows[static_cast<size_t>(row)];
+    return control->Rows[static_cast<size_t>(row)];
 }
 
 std::vector<ListRow> ControlModel::Rows(int id) const {
     std::lock_guard<std::mutex> guard(stateLock_);
     const ControlState* control = Find(id);
-    return control != nullptr ? control->rows : std::vector<ListRow>{};
+    return control != nullptr ? control->Rows : std::vector<ListRow>{};
 }
 
 int ControlModel::AddRow(int id, const ListRow& row) {
@@ -212,9 +212,9 @@ int ControlModel::AddRow(int id, const ListRow& row) {
     if (control == nullptr) {
         return -1;
     }
-    control->rows.push_back(row);
-    const int index = static_cast<int>(control->rows.size()) - 1;
-    Announce(guard, {{id, ControlChange::RowAdded, index, row.text}});
+    control->Rows.push_back(row);
+    const int index = static_cast<int>(control->Rows.size()) - 1;
+    Announce(guard, {{id, ControlChange::RowAdded, index, row.Text}});
     return index;
 }
 
@@ -224,26 +224,26 @@ void ControlModel::InsertRow(int id, int index, const ListRow& row) {
     if (control == nullptr) {
         return;
     }
-    const int size = static_cast<int>(control->rows.size());
+    const int size = static_cast<int>(control->Rows.size());
     const int at = std::clamp(index, 0, size);
-    control->rows.insert(control->rows.begin() + at, row);
-    if (control->selection >= at) {
-        ++control->selection;
+    control->Rows.insert(control->Rows.begin() + at, row);
+    if (control->Selection >= at) {
+        ++control->Selection;
     }
-    Announce(guard, {{id, ControlChange::RowAdded, at, row.text}});
+    Announce(guard, {{id, ControlChange::RowAdded, at, row.Text}});
 }
 
 void ControlModel::DeleteRow(int id, int index) {
     std::unique_lock<std::mutex> guard(stateLock_);
     ControlState* control = Find(id);
-    if (control == nullptr || index < 0 || index >= static_cast<int>(control->rows.size())) {
+    if (control == nullptr || index < 0 || index >= static_cast<int>(control->Rows.size())) {
         return;
     }
-    control->rows.erase(control->rows.begin() + index);
-    if (control->selection == index) {
-        control->selection = -1;
-    } else if (control->selection > index) {
-        --control->selection;
+    control->Rows.erase(control->Rows.begin() + index);
+    if (control->Selection == index) {
+        control->Selection = -1;
+    } else if (control->Selection > index) {
+        --control->Selection;
     }
     Announce(guard, {{id, ControlChange::RowRemoved, index, {}}});
 }
@@ -254,9 +254,9 @@ void ControlModel::DeleteFirstRows(int id, int count) {
     if (control == nullptr || count <= 0) {
         return;
     }
-    const int removed = std::min(count, static_cast<int>(control->rows.size()));
-    control->rows.erase(control->rows.begin(), control->rows.begin() + removed);
-    control->selection = control->selection >= removed ? control->selection - removed : -1;
+    const int removed = std::min(count, static_cast<int>(control->Rows.size()));
+    control->Rows.erase(control->Rows.begin(), control->Rows.begin() + removed);
+    control->Selection = control->Selection >= removed ? control->Selection - removed : -1;
     std::vector<ControlEvent> events(static_cast<size_t>(removed),
                                      ControlEvent{id, ControlChange::RowRemoved, 0, {}});
     Announce(guard, std::move(events));
@@ -268,8 +268,8 @@ void ControlModel::ClearRows(int id) {
     if (control == nullptr) {
         return;
     }
-    control->rows.clear();
-    control->selection = -1;
+    control->Rows.clear();
+    control->Selection = -1;
     Announce(guard, {{id, ControlChange::RowsCleared, -1, {}}});
 }
 
@@ -281,8 +281,8 @@ bool ControlModel::DeleteRowWithText(int id, const std::string& text) {
         if (control == nullptr) {
             return false;
         }
-        for (size_t i = 0; i < control->rows.size(); ++i) {
-            if (control->rows[i].text == text) {
+        for (size_t i = 0; i < control->Rows.size(); ++i) {
+            if (control->Rows[i].Text == text) {
                 found = static_cast<int>(i);
                 break;
             }
@@ -298,7 +298,7 @@ bool ControlModel::DeleteRowWithText(int id, const std::string& text) {
 int ControlModel::Selection(int id) const {
     std::lock_guard<std::mutex> guard(stateLock_);
     const ControlState* control = Find(id);
-    return control != nullptr ? control->selection : -1;
+    return control != nullptr ? control->Selection : -1;
 }
 
 void ControlModel::Select(int id, int row) {
@@ -307,11 +307,11 @@ void ControlModel::Select(int id, int row) {
     if (control == nullptr) {
         return;
     }
-    const int chosen = row >= 0 && row < static_cast<int>(control->rows.size()) ? row : -1;
-    if (control->selection == chosen) {
+    const int chosen = row >= 0 && row < static_cast<int>(control->Rows.size()) ? row : -1;
+    if (control->Selection == chosen) {
         return;
     }
-    control->selection = chosen;
+    control->Selection = chosen;
     Announce(guard, {{id, ControlChange::Selection, chosen, {}}});
 }
 
@@ -329,9 +329,9 @@ std::vector<Menu> ControlModel::Menus() const {
 void ControlModel::CheckMenuItem(int command, bool checked) {
     std::unique_lock<std::mutex> guard(stateLock_);
     for (Menu& menu : menus_) {
-        for (MenuItem& item : menu.items) {
-            if (item.command == command) {
-                item.checked = checked;
+        for (MenuItem& item : menu.Items) {
+            if (item.Command == command) {
+                item.Checked = checked;
             }
         }
     }
@@ -341,9 +341,9 @@ void ControlModel::CheckMenuItem(int command, bool checked) {
 bool ControlModel::MenuItemChecked(int command) const {
     std::lock_guard<std::mutex> guard(stateLock_);
     for (const Menu& menu : menus_) {
-        for (const MenuItem& item : menu.items) {
-            if (item.command == command) {
-                return item.checked;
+        for (const MenuItem& item : menu.Items) {
+            if (item.Command == command) {
+                return item.Checked;
             }
         }
     }
@@ -353,8 +353,8 @@ bool ControlModel::MenuItemChecked(int command) const {
 bool ControlModel::HasMenuItem(int command) const {
     std::lock_guard<std::mutex> guard(stateLock_);
     for (const Menu& menu : menus_) {
-        for (const MenuItem& item : menu.items) {
-            if (item.command == command) {
+        for (const MenuItem& item : menu.Items) {
+            if (item.Command == command) {
                 return true;
             }
         }

@@ -36,22 +36,22 @@ enum class ControlKind {
 
 // One row of a list box, drop-down or list view.
 struct ListRow {
-    std::string text;    // the row's text; the first column of a list view
-    std::string detail;  // the second column of a list view
-    int image = 0;       // the image of a list view row
+    std::string Text;    // the row's text; the first column of a list view
+    std::string Detail;  // the second column of a list view
+    int Image = 0;       // the image of a list view row
 };
 
 struct ControlState {
-    int id = 0;
-    ControlKind kind = ControlKind::Label;
-    std::string text;
-    bool enabled = true;
-    bool shown = true;
-    bool checked = false;
-    std::vector<ListRow> rows;
-    int selection = -1;  // selected row, -1 for none
-    int position = 0;    // of a progress bar
-    int picture = 0;     // resource number of a picture or picture button
+    int Id = 0;
+    ControlKind Kind = ControlKind::Label;
+    std::string Text;
+    bool Enabled = true;
+    bool Shown = true;
+    bool Checked = false;
+    std::vector<ListRow> Rows;
+    int Selection = -1;  // selected row, -1 for none
+    int Position = 0;    // of a progress bar
+    int Picture = 0;     // resource number of a picture or picture button
 };
 
 enum class ControlChange {
@@ -69,21 +69,21 @@ enum class ControlChange {
 };
 
 struct ControlEvent {
-    int id = 0;
-    ControlChange change = ControlChange::Created;
-    int row = -1;
-    std::string text;
+    int Id = 0;
+    ControlChange Change = ControlChange::Created;
+    int Row = -1;
+    std::string Text;
 };
 
 struct MenuItem {
-    int command = 0;
-    std::string text;  // "" for a separator
-    bool checked = false;
+    int Command = 0;
+    std::string Text;  // "" for a separator
+    bool Checked = false;
 };
 
 struct Menu {
-    std::string title;
-    std::vector<MenuItem> items;
+    std::string Title;
+    std::vector<MenuItem> Items;
 };
 
 class ControlModel {

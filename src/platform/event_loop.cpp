@@ -1,8 +1,8 @@
 #include "platform/event_loop.h"
 
 EventLoop& MainLoop() {
-    static EventLoop loop;
-    return loop;
+    static EventLoop Loop;
+    return Loop;
 }
 
 void EventLoop::Post(Task task) {
@@ -19,8 +19,8 @@ void EventLoop::SetTimerHandler(TimerHandler handler) {
 void EventLoop::SetTimer(int id, uint32_t periodMs) {
     std::lock_guard<std::mutex> guard(lock_);
     Timer& timer = timers_[id];
-    timer.periodMs = periodMs;
-    timer.due = Clock::now() + std::chrono::milliseconds(periodMs);
+    timer.PeriodMs = periodMs;
+    timer.Due = Clock::now() + std::chrono::milliseconds(periodMs);
     changed_.notify_all();
 }
 
@@ -50,17 +50,17 @@ void EventLoop::Run() {
         // The timer that is due first, if any is due.
         auto first = timers_.end();
         for (auto it = timers_.begin(); it != timers_.end(); ++it) {
-            if (first == timers_.end() || it->second.due < first->second.due) {
+            if (first == timers_.end() || it->second.Due < first->second.Due) {
                 first = it;
             }
         }
-        if (first != timers_.end() && first->second.due <= Clock::now()) {
+        if (first != timers_.end() && first->second.Due <= Clock::now()) {
             Timer& timer = first->second;
             const int id = first->first;
             const TimerHandler handler = handler_;
             // The next tick is counted from now, so a loop held up by long
             // work does not fire a burst of ticks afterwards.
-            timer.due = Clock::now() + std::chrono::milliseconds(timer.periodMs);
+            timer.Due = Clock::now() + std::chrono::milliseconds(timer.PeriodMs);
             guard.unlock();
             if (handler) {
                 handler(id);
@@ -69,7 +69,7 @@ void EventLoop::Run() {
             continue;
         }
         if (first != timers_.end()) {
-            changed_.wait_until(guard, first->second.due);
+            changed_.wait_until(guard, first->second.Due);
         } else {
             changed_.wait(guard);
         }

@@ -39,8 +39,8 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
     struct Timer {
-        uint32_t periodMs = 0;
-        Clock::time_point due;
+        uint32_t PeriodMs = 0;
+        Clock::time_point Due;
     };
 
     mutable std::mutex lock_;

@@ -144,14 +144,14 @@ bool ListFolder(const std::string& path, std::vector<FolderEntry>& entries) {
     }
     while (dirent* entry = ::readdir(folder)) {
         FolderEntry item;
-        item.name = entry->d_name;
+        item.Name = entry->d_name;
         struct stat info {};
-        const std::string full = path + "/" + item.name;
+        const std::string full = path + "/" + item.Name;
         if (::stat(full.c_str(), &info) == 0) {
-            item.isFolder = S_ISDIR(info.st_mode);
-            item.size = item.isFolder ? 0 : static_cast<uint64_t>(info.st_size);
+            item.IsFolder = S_ISDIR(info.st_mode);
+            item.Size = item.IsFolder ? 0 : static_cast<uint64_t>(info.st_size);
         } else {
-            item.isFolder = entry->d_type == DT_DIR;
+            item.IsFolder = entry->d_type == DT_DIR;
         }
         entries.push_back(std::move(item));
     }

@@ -60,9 +60,9 @@ bool FolderExists(const std::string& path);
 
 // One entry of a folder listing.
 struct FolderEntry {
-    std::string name;
-    bool isFolder = false;
-    uint64_t size = 0;
+    std::string Name;
+    bool IsFolder = false;
+    uint64_t Size = 0;
 };
 
 // Lists a folder, "." and ".." included, in the order the file system gives.

@@ -4,21 +4,21 @@
 
 namespace {
 
-std::mutex queryLock;
-std::function<bool(Key)> currentQuery;
+std::mutex QueryLock;
+std::function<bool(Key)> CurrentQuery;
 
 }  // namespace
 
 bool KeyIsDown(Key key) {
     std::function<bool(Key)> query;
     {
-        std::lock_guard<std::mutex> guard(queryLock);
-        query = currentQuery;
+        std::lock_guard<std::mutex> guard(QueryLock);
+        query = CurrentQuery;
     }
     return query ? query(key) : false;
 }
 
 void SetKeyStateQuery(std::function<bool(Key)> query) {
-    std::lock_guard<std::mutex> guard(queryLock);
-    currentQuery = std::move(query);
+    std::lock_guard<std::mutex> guard(QueryLock);
+    CurrentQuery = std::move(query);
 }

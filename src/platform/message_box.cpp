@@ -5,16 +5,16 @@
 
 namespace {
 
-std::mutex handlerLock;
-MessageBoxHandler currentHandler;
+std::mutex HandlerLock;
+MessageBoxHandler CurrentHandler;
 
 }  // namespace
 
 void ShowMessageBox(const std::string& text) {
     MessageBoxHandler handler;
     {
-        std::lock_guard<std::mutex> guard(handlerLock);
-        handler = currentHandler;
+        std::lock_guard<std::mutex> guard(HandlerLock);
+        handler = CurrentHandler;
     }
     if (handler) {
         handler(text);
@@ -30,6 +30,6 @@ void ShowMessageBox(const std::string& text) {
 }
 
 void SetMessageBoxHandler(MessageBoxHandler handler) {
-    std::lock_guard<std::mutex> guard(handlerLock);
-    currentHandler = std::move(handler);
+    std::lock_guard<std::mutex> guard(HandlerLock);
+    CurrentHandler = std::move(handler);
 }

@@ -29,25 +29,25 @@ bool OpenPseudoTerminal(PseudoTerminal& terminal) {
         ::cfmakeraw(&settings);
         ::tcsetattr(keeper, TCSANOW, &settings);
     }
-    terminal.master = master;
-    terminal.slaveKeeper = keeper;
-    terminal.slavePath = name;
+    terminal.Master = master;
+    terminal.SlaveKeeper = keeper;
+    terminal.SlavePath = name;
     return true;
 }
 
 void ClosePseudoTerminal(PseudoTerminal& terminal) {
-    if (terminal.slaveKeeper >= 0) {
-        ::close(terminal.slaveKeeper);
+    if (terminal.SlaveKeeper >= 0) {
+        ::close(terminal.SlaveKeeper);
     }
-    if (terminal.master >= 0) {
-        ::close(terminal.master);
+    if (terminal.Master >= 0) {
+        ::close(terminal.Master);
     }
     terminal = PseudoTerminal{};
 }
 
 uint32_t PseudoTerminalSpeed(const PseudoTerminal& terminal) {
     termios settings{};
-    if (terminal.slaveKeeper < 0 || ::tcgetattr(terminal.slaveKeeper, &settings) != 0) {
+    if (terminal.SlaveKeeper < 0 || ::tcgetattr(terminal.SlaveKeeper, &settings) != 0) {
         return 0;
     }
     return BitsPerSecond(::cfgetospeed(&settings));

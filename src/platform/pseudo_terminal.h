@@ -6,9 +6,9 @@
 #include <string>
 
 struct PseudoTerminal {
-    int master = -1;        // non-blocking; the hardware side
-    int slaveKeeper = -1;   // keeps the slave side open so the master never sees a hang-up
-    std::string slavePath;  // what the program opens
+    int Master = -1;        // non-blocking; the hardware side
+    int SlaveKeeper = -1;   // keeps the slave side open so the master never sees a hang-up
+    std::string SlavePath;  // what the program opens
 };
 
 // Makes a new pair in raw mode. False if none could be made.

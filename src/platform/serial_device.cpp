@@ -29,14 +29,14 @@ void SignalEvent(int eventFd) {
 }
 
 bool BuildTermios(const SerialSettings& settings, termios& t) {
-    const speed_t code = SpeedCode(settings.baudRate);
+    const speed_t code = SpeedCode(settings.BaudRate);
     if (code == B0) {
         return false;
     }
     ::cfmakeraw(&t);
     t.c_cflag |= CLOCAL | CREAD;
     t.c_cflag &= ~static_cast<tcflag_t>(CSIZE | PARENB | PARODD | CMSPAR | CSTOPB | CRTSCTS);
-    switch (settings.byteSize) {
+    switch (settings.ByteSize) {
         case 5:
             t.c_cflag |= CS5;
             break;
@@ -52,7 +52,7 @@ bool BuildTermios(const SerialSettings& settings, termios& t) {
         default:
             return false;
     }
-    switch (settings.parity) {
+    switch (settings.Parity) {
         case 0:
             break;
         case 1:
@@ -70,7 +70,7 @@ bool BuildTermios(const SerialSettings& settings, termios& t) {
         default:
             return false;
     }
-    switch (settings.stopBits) {
+    switch (settings.StopBits) {
         case 0:
             break;
         case 2:
@@ -79,11 +79,11 @@ bool BuildTermios(const SerialSettings& settings, termios& t) {
         default:  // one and a half stop bits has no termios form
             return false;
     }
-    if (settings.rtsCtsFlow) {
+    if (settings.RtsCtsFlow) {
         t.c_cflag |= CRTSCTS;
     }
     t.c_iflag &= ~static_cast<tcflag_t>(IXON | IXOFF | IXANY);
-    if (settings.xonXoffFlow) {
+    if (settings.XonXoffFlow) {
         t.c_iflag |= IXON | IXOFF;
     }
     t.c_cc[VSTART] = 0x11;
@@ -105,7 +105,7 @@ bool SameSettings(const termios& wanted, const termios& got) {
 
 }  // namespace
 
-SerialDevice::SerialDevice() : queue_(new uint8_t[kQueueSize]) {
+SerialDevice::SerialDevice() : queue_(new uint8_t[QueueSize]) {
     wakeFd_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     abortFd_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
 }
@@ -212,9 +212,9 @@ void SerialDevice::FillQueue() {
     if (fd < 0) {
         return;
     }
-    while (count_ < kQueueSize) {
-        const uint32_t tail = (head_ + count_) % kQueueSize;
-        const uint32_t room = std::min(kQueueSize - tail, kQueueSize - count_);
+    while (count_ < QueueSize) {
+        const uint32_t tail = (head_ + count_) % QueueSize;
+        const uint32_t room = std::min(QueueSize - tail, QueueSize - count_);
         const ssize_t n = ::read(fd, queue_ + tail, room);
         if (n > 0) {
             count_ += static_cast<uint32_t>(n);
@@ -248,10 +248,10 @@ uint32_t SerialDevice::Read(void* buffer, uint32_t count) {
     }
     const uint32_t taken = std::min(count, count_);
     auto* out = static_cast<uint8_t*>(buffer);
-    const uint32_t first = std::min(taken, kQueueSize - head_);
+    const uint32_t first = std::min(taken, QueueSize - head_);
     std::memcpy(out, queue_ + head_, first);
     std::memcpy(out + first, queue_, taken - first);
-    head_ = (head_ + taken) % kQueueSize;
+    head_ = (head_ + taken) % QueueSize;
     count_ -= taken;
     if (count_ == 0) {
         head_ = 0;
@@ -305,7 +305,7 @@ WaitResult SerialDevice::WaitForInput(int timeoutMs) {
     bool queueFull;
     {
         std::lock_guard<std::mutex> guard(queueLock_);
-        queueFull = count_ >= kQueueSize;
+        queueFull = count_ >= QueueSize;
     }
     // With the queue full, new input could not be taken anyway; and a device
     // whose far side is gone reports a hang-up at once, on every poll. In both

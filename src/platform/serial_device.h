@@ -18,13 +18,13 @@
 
 // Line settings, in the codes the program keeps in its port record.
 struct SerialSettings {
-    uint32_t baudRate = 9600;  // 9600 to 230400
-    uint8_t byteSize = 8;      // 5 to 8
-    uint8_t parity = 0;        // 0 none, 1 odd, 2 even, 3 mark, 4 space
-    uint8_t stopBits = 0;      // 0 one, 1 one and a half, 2 two
-    bool dtrDsrFlow = false;   // not available on Linux: DTR is simply raised
-    bool rtsCtsFlow = false;
-    bool xonXoffFlow = false;  // XON 0x11, XOFF 0x13
+    uint32_t BaudRate = 9600;  // 9600 to 230400
+    uint8_t ByteSize = 8;      // 5 to 8
+    uint8_t Parity = 0;        // 0 none, 1 odd, 2 even, 3 mark, 4 space
+    uint8_t StopBits = 0;      // 0 one, 1 one and a half, 2 two
+    bool DtrDsrFlow = false;   // not available on Linux: DTR is simply raised
+    bool RtsCtsFlow = false;
+    bool XonXoffFlow = false;  // XON 0x11, XOFF 0x13
 };
 
 // Why a wait ended.
@@ -32,7 +32,7 @@ enum class WaitResult { Input, Interrupted, TimedOut };
 
 class SerialDevice {
 public:
-    static constexpr uint32_t kQueueSize = 24576;
+    static constexpr uint32_t QueueSize = 24576;
 
     SerialDevice();
     ~SerialDevice();

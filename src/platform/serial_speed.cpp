@@ -3,11 +3,11 @@
 namespace {
 
 struct SpeedPair {
-    uint32_t bitsPerSecond;
-    speed_t code;
+    uint32_t BitsPerSecond;
+    speed_t Code;
 };
 
-constexpr SpeedPair kSpeeds[] = {
+constexpr SpeedPair Speeds[] = {
     {9600, B9600},   {19200, B19200},   {38400, B38400},
     {57600, B57600}, {115200, B115200}, {230400, B230400},
 };
@@ -15,18 +15,18 @@ constexpr SpeedPair kSpeeds[] = {
 }  // namespace
 
 speed_t SpeedCode(uint32_t bitsPerSecond) {
-    for (const SpeedPair& pair : kSpeeds) {
-        if (pair.bitsPerSecond == bitsPerSecond) {
-            return pair.code;
+    for (const SpeedPair& pair : Speeds) {
+        if (pair.BitsPerSecond == bitsPerSecond) {
+            return pair.Code;
         }
     }
     return B0;
 }
 
 uint32_t BitsPerSecond(speed_t code) {
-    for (const SpeedPair& pair : kSpeeds) {
-        if (pair.code == code) {
-            return pair.bitsPerSecond;
+    for (const SpeedPair& pair : Speeds) {
+        if (pair.Code == code) {
+            return pair.BitsPerSecond;
         }
     }
     return 0;

@@ -8,22 +8,22 @@
 #include <thread>
 
 struct ThreadRecord {
-    std::mutex lock;
-    std::condition_variable changed;
-    bool wakePending = false;
-    bool finished = false;
-    std::thread thread;
-    std::once_flag joined;
+    std::mutex Lock;
+    std::condition_variable Changed;
+    bool WakePending = false;
+    bool Finished = false;
+    std::thread Thread;
+    std::once_flag Joined;
 
     ~ThreadRecord() {
         // The running thread holds a reference to its record, so the last
         // reference goes either on that thread, as it ends, or elsewhere after
         // its function has returned; a join here is then short.
-        if (thread.joinable()) {
-            if (thread.get_id() == std::this_thread::get_id()) {
-                thread.detach();
+        if (Thread.joinable()) {
+            if (Thread.get_id() == std::this_thread::get_id()) {
+                Thread.detach();
             } else {
-                thread.join();
+                Thread.join();
             }
         }
     }
@@ -63,21 +63,21 @@ ThreadHandle StartThread(ThreadFunction function, void* parameter, ThreadPriorit
     auto record = std::make_shared<ThreadRecord>();
     try {
         ThreadRecord* raw = record.get();
-        record->thread =
+        record->Thread =
             std::thread([self = record, raw, function, parameter, priority, suspended, processor] {
                 KeepOnProcessor(processor);
                 if (priority == ThreadPriority::Highest) {
                     RaisePriority();
                 }
                 if (suspended) {
-                    std::unique_lock<std::mutex> guard(raw->lock);
-                    raw->changed.wait(guard, [raw] { return raw->wakePending; });
-                    raw->wakePending = false;
+                    std::unique_lock<std::mutex> guard(raw->Lock);
+                    raw->Changed.wait(guard, [raw] { return raw->WakePending; });
+                    raw->WakePending = false;
                 }
                 function(parameter);
-                std::lock_guard<std::mutex> guard(raw->lock);
-                raw->finished = true;
-                raw->changed.notify_all();
+                std::lock_guard<std::mutex> guard(raw->Lock);
+                raw->Finished = true;
+                raw->Changed.notify_all();
             });
     } catch (const std::system_error&) {
         return nullptr;
@@ -89,30 +89,30 @@ void ParkThread(const ThreadHandle& self) {
     if (!self) {
         return;
     }
-    std::unique_lock<std::mutex> guard(self->lock);
-    self->changed.wait(guard, [&self] { return self->wakePending; });
-    self->wakePending = false;
+    std::unique_lock<std::mutex> guard(self->Lock);
+    self->Changed.wait(guard, [&self] { return self->WakePending; });
+    self->WakePending = false;
 }
 
 void WakeThread(const ThreadHandle& thread) {
     if (!thread) {
         return;
     }
-    std::lock_guard<std::mutex> guard(thread->lock);
-    thread->wakePending = true;
-    thread->changed.notify_all();
+    std::lock_guard<std::mutex> guard(thread->Lock);
+    thread->WakePending = true;
+    thread->Changed.notify_all();
 }
 
 void JoinThread(const ThreadHandle& thread) {
     if (!thread) {
         return;
     }
-    if (thread->thread.get_id() == std::this_thread::get_id()) {
+    if (thread->Thread.get_id() == std::this_thread::get_id()) {
         return;
     }
-    std::call_once(thread->joined, [&thread] {
-        if (thread->thread.joinable()) {
-            thread->thread.join();
+    std::call_once(thread->Joined, [&thread] {
+        if (thread->Thread.joinable()) {
+            thread->Thread.join();
         }
     });
 }
@@ -121,6 +121,6 @@ bool ThreadFinished(const ThreadHandle& thread) {
     if (!thread) {
         return true;
     }
-    std::lock_guard<std::mutex> guard(thread->lock);
-    return thread->finished;
+    std::lock_guard<std::mutex> guard(thread->Lock);
+    return thread->Finished;
 }

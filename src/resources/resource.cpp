@@ -3,7 +3,7 @@
 namespace {
 
 // In these texts a backslash is a backslash.
-constexpr std::string_view kProfiles[] = {
+constexpr std::string_view Profiles[] = {
     // BitSURFR, 102-111
     R"(AT\Q3%A2=2%A4=1S0=0S12=25&D0&C1W1E1)",
     R"(AT\Q3%A2=2%A4=0S0=0S12=25&D0&C1W1E1)",
@@ -46,7 +46,7 @@ constexpr std::string_view kProfiles[] = {
     "AT$B0E1",
 };
 
-static_assert(std::size(kProfiles) == ProfileStringLast - ProfileStringBase + 1);
+static_assert(std::size(Profiles) == ProfileStringLast - ProfileStringBase + 1);
 
 }  // namespace
 
@@ -54,5 +54,5 @@ std::string_view LoadResourceString(int id) {
     if (id < ProfileStringBase || id > ProfileStringLast) {
         return {};
     }
-    return kProfiles[id - ProfileStringBase];
+    return Profiles[id - ProfileStringBase];
 }

@@ -2,13 +2,13 @@
 
 namespace {
 
-std::string rootDirectory;
-std::string prefsPath;
-std::string directoryPath;
-std::string logPath;
-std::string incomingPath;
-std::string pickUpPath;
-std::string helpPath;
+std::string RootDirectoryValue;
+std::string PrefsPathValue;
+std::string DirectoryPathValue;
+std::string LogPathValue;
+std::string IncomingPathValue;
+std::string PickUpPathValue;
+std::string HelpPathValue;
 
 std::string Below(const std::string& root, const char* name) {
     if (!root.empty() && root.back() == '/') {
@@ -21,20 +21,20 @@ std::string Below(const std::string& root, const char* name) {
 
 // Bound to objects of static storage, these references are set before any
 // code runs, so a reader in another file's start-up never sees them unbound.
-const std::string& RootDirectory = rootDirectory;
-const std::string& PrefsPath = prefsPath;
-const std::string& DirectoryPath = directoryPath;
-const std::string& LogPath = logPath;
-const std::string& IncomingPath = incomingPath;
-const std::string& PickUpPath = pickUpPath;
-const std::string& HelpPath = helpPath;
+const std::string& RootDirectory = RootDirectoryValue;
+const std::string& PrefsPath = PrefsPathValue;
+const std::string& DirectoryPath = DirectoryPathValue;
+const std::string& LogPath = LogPathValue;
+const std::string& IncomingPath = IncomingPathValue;
+const std::string& PickUpPath = PickUpPathValue;
+const std::string& HelpPath = HelpPathValue;
 
 void BuildPaths(const std::string& root) {
-    rootDirectory = root;
-    prefsPath = Below(root, PrefsFileName);
-    directoryPath = Below(root, DirectoryFileName);
-    logPath = Below(root, LogFileName);
-    incomingPath = Below(root, IncomingFolderName);
-    pickUpPath = Below(root, PickUpFolderName);
-    helpPath = Below(root, HelpPageName);
+    RootDirectoryValue = root;
+    PrefsPathValue = Below(root, PrefsFileName);
+    DirectoryPathValue = Below(root, DirectoryFileName);
+    LogPathValue = Below(root, LogFileName);
+    IncomingPathValue = Below(root, IncomingFolderName);
+    PickUpPathValue = Below(root, PickUpFolderName);
+    HelpPathValue = Below(root, HelpPageName);
 }

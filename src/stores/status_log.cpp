@@ -21,62 +21,62 @@ std::unique_ptr<char[]> LogBuffer;
 // Where lines go. A sink is never called with sinkLock held: a window that
 // hands the line to its own thread and waits there must not meet a thread that
 // waits here to log.
-std::mutex sinkLock;
-std::condition_variable sinkIdle;
-LogLineSink currentSink;
+std::mutex SinkLock;
+std::condition_variable SinkIdle;
+LogLineSink CurrentSink;
 // Lines logged without a sink, or while held lines are being handed over.
-std::vector<std::string> heldLines;
+std::vector<std::string> HeldLines;
 // A thread is handing held lines to a new sink; later lines queue behind them.
-bool handingOver = false;
+bool HandingOver = false;
 // Calls into a sink that are running now.
-int callsInSink = 0;
+int CallsInSink = 0;
 
 void LeaveSink(std::unique_lock<std::mutex>& lock) {
     lock.lock();
-    if (--callsInSink == 0) {
-        sinkIdle.notify_all();
+    if (--CallsInSink == 0) {
+        SinkIdle.notify_all();
     }
 }
 
 }  // namespace
 
 void AddLogLine(const std::string& text) {
-    std::unique_lock<std::mutex> lock(sinkLock);
-    if (!currentSink || handingOver) {
-        AppendLogLine(heldLines, text);
+    std::unique_lock<std::mutex> lock(SinkLock);
+    if (!CurrentSink || HandingOver) {
+        AppendLogLine(HeldLines, text);
         return;
     }
-    LogLineSink sink = currentSink;
-    ++callsInSink;
+    LogLineSink sink = CurrentSink;
+    ++CallsInSink;
     lock.unlock();
     sink(text);
     LeaveSink(lock);
 }
 
 void SetLogLineSink(LogLineSink sink) {
-    std::unique_lock<std::mutex> lock(sinkLock);
-    currentSink = std::move(sink);
-    if (handingOver) {
+    std::unique_lock<std::mutex> lock(SinkLock);
+    CurrentSink = std::move(sink);
+    if (HandingOver) {
         // Another call is handing lines over; it takes up the new sink with
         // its next batch. Only the calls into the old sink are waited for.
-        sinkIdle.wait(lock, [] { return callsInSink == 0; });
+        SinkIdle.wait(lock, [] { return CallsInSink == 0; });
         return;
     }
-    handingOver = true;
-    sinkIdle.wait(lock, [] { return callsInSink == 0; });
+    HandingOver = true;
+    SinkIdle.wait(lock, [] { return CallsInSink == 0; });
     // Lines logged meanwhile join the held ones, so they follow them.
-    while (currentSink && !heldLines.empty()) {
-        std::vector<std::string> batch = std::move(heldLines);
-        heldLines.clear();
-        LogLineSink target = currentSink;
-        ++callsInSink;
+    while (CurrentSink && !HeldLines.empty()) {
+        std::vector<std::string> batch = std::move(HeldLines);
+        HeldLines.clear();
+        LogLineSink target = CurrentSink;
+        ++CallsInSink;
         lock.unlock();
         for (const std::string& line : batch) {
             target(line);
         }
         LeaveSink(lock);
     }
-    handingOver = false;
+    HandingOver = false;
 }
 
 size_t AppendLogLine(std::vector<std::string>& lines, std::string text) {

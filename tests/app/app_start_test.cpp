@@ -30,16 +30,16 @@ using Clock = std::chrono::steady_clock;
 std::vector<std::string> LogRows() {
     std::vector<std::string> rows;
     for (const ListRow& row : Controls().Rows(IDC_LOG)) {
-        rows.push_back(row.text);
+        rows.push_back(row.Text);
     }
     return rows;
 }
 
-void PostEvent(WindowEvent::Kind kind, int id = 0) {
+void PostEvent(EventKind kind, int id = 0) {
     MainLoop().Post([kind, id] {
         WindowEvent event;
-        event.kind = kind;
-        event.id = id;
+        event.Kind = kind;
+        event.Id = id;
         ActiveMainWindow()->HandleEvent(event);
     });
 }
@@ -48,8 +48,8 @@ class AppStartTest : public ::testing::Test {
 protected:
     void SetUp() override {
         previous_ = CurrentFolder();
-        ASSERT_TRUE(ChangeCurrentFolder(folder.Path()));
-        BlockPorts(folder.Path());
+        ASSERT_TRUE(ChangeCurrentFolder(folder_.Path()));
+        BlockPorts(folder_.Path());
         SetMessageBoxHandler([this](const std::string& text) {
             std::lock_guard<std::mutex> guard(lock_);
             messages_.push_back(text);
@@ -85,7 +85,7 @@ protected:
         return messages_;
     }
 
-    TempFolder folder;
+    TempFolder folder_;
     std::function<void(const std::string&)> onMessage_;
 
 private:
@@ -98,27 +98,27 @@ TEST_F(AppStartTest, AFirstRunMakesItsFilesAndAnExitWithoutAnAdapterSavesNoPrefe
     const std::vector<std::string> lines = Run([] {
         // The user changes a preference and leaves at once.
         WindowEvent click;
-        click.kind = WindowEvent::Kind::BoxClicked;
-        click.id = IDC_IGNORE_HOT;
-        click.checked = true;
+        click.Kind = EventKind::BoxClicked;
+        click.Id = IDC_IGNORE_HOT;
+        click.Checked = true;
         ActiveMainWindow()->HandleEvent(click);
-        PostEvent(WindowEvent::Kind::Close);
+        PostEvent(EventKind::Close);
     });
 
     // The preferences file holds the first run's defaults: 9600 bps and
     // nothing else, the change of this run not saved.
-    const std::string prefs = ReadWholeFile(folder / "kestrelbound_prefs");
+    const std::string prefs = ReadWholeFile(folder_ / "kestrelbound_prefs");
     ASSERT_EQ(prefs.size(), 1176u);
     EXPECT_EQ(prefs.substr(0, 8), std::string("\0\0\0\0\x80\x25\0\0", 8));
     EXPECT_EQ(prefs.find_first_not_of('\0', 8), std::string::npos);
-    EXPECT_EQ(ReadWholeFile(folder / "kestrelbound_directory"), std::string(2, '\0'));
-    EXPECT_TRUE(FolderExists(folder / "Incoming Files"));
-    EXPECT_TRUE(FolderExists(folder / "Pick Up"));
+    EXPECT_EQ(ReadWholeFile(folder_ / "kestrelbound_directory"), std::string(2, '\0'));
+    EXPECT_TRUE(FolderExists(folder_ / "Incoming Files"));
+    EXPECT_TRUE(FolderExists(folder_ / "Pick Up"));
 
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_EQ(lines[0].rfind("Starting Kestrelbound ", 0), 0u);
     EXPECT_EQ(lines[1].rfind("Stopping Kestrelbound ", 0), 0u);
-    const std::string log = ReadWholeFile(folder / "kestrelbound_log");
+    const std::string log = ReadWholeFile(folder_ / "kestrelbound_log");
     EXPECT_EQ(log, lines[0] + std::string(1, '\0') + lines[1] + std::string(2, '\0'));
     EXPECT_TRUE(Messages().empty());
     EXPECT_EQ(TheMainWindow, nullptr);
@@ -127,7 +127,7 @@ TEST_F(AppStartTest, AFirstRunMakesItsFilesAndAnExitWithoutAnAdapterSavesNoPrefe
     std::vector<std::string> rows;
     const std::vector<std::string> second = Run([&] {
         rows = LogRows();
-        PostEvent(WindowEvent::Kind::MenuCommand, ID_FILE_EXIT);
+        PostEvent(EventKind::MenuCommand, ID_FILE_EXIT);
     });
     ASSERT_EQ(rows.size(), 3u);
     EXPECT_EQ(rows[0], lines[0]);
@@ -136,7 +136,7 @@ TEST_F(AppStartTest, AFirstRunMakesItsFilesAndAnExitWithoutAnAdapterSavesNoPrefe
     ASSERT_EQ(second.size(), 2u);
     // Only lines added in this run went through the log.
     EXPECT_EQ(second[0], rows[2]);
-    EXPECT_EQ(ReadWholeFile(folder / "kestrelbound_prefs"), prefs);
+    EXPECT_EQ(ReadWholeFile(folder_ / "kestrelbound_prefs"), prefs);
 }
 
 TEST_F(AppStartTest, TheSplashClosesItselfAfterASecondAndTheSearchFollowsOnce) {
@@ -147,7 +147,7 @@ TEST_F(AppStartTest, TheSplashClosesItselfAfterASecondAndTheSearchFollowsOnce) {
     // listener keeps to what the announcement says.
     int changes = 0;
     const int listener = Controls().AddListener([&](const ControlEvent& event) {
-        if (event.id == IDD_ABOUTBOX && event.change == ControlChange::Shown) {
+        if (event.Id == IDD_ABOUTBOX && event.Change == ControlChange::Shown) {
             if (changes++ % 2 == 0) {
                 ++opened;
                 shown = Clock::now();
@@ -159,7 +159,7 @@ TEST_F(AppStartTest, TheSplashClosesItselfAfterASecondAndTheSearchFollowsOnce) {
     // The search finds nothing and says so; the user then leaves.
     onMessage_ = [](const std::string& text) {
         if (text == NoAdapterMessage) {
-            PostEvent(WindowEvent::Kind::Close);
+            PostEvent(EventKind::Close);
         }
     };
     const std::vector<std::string> lines = Run(nullptr);
@@ -177,7 +177,7 @@ TEST_F(AppStartTest, TheSplashClosesItselfAfterASecondAndTheSearchFollowsOnce) {
     EXPECT_EQ(search[5], "ISDN TA not found.");
     EXPECT_EQ(search[6].rfind("Stopping", 0), 0u);
     // No adapter: the preferences file is as the first run made it.
-    const std::string prefs = ReadWholeFile(folder / "kestrelbound_prefs");
+    const std::string prefs = ReadWholeFile(folder_ / "kestrelbound_prefs");
     EXPECT_EQ(prefs.substr(0, 8), std::string("\0\0\0\0\x80\x25\0\0", 8));
     EXPECT_EQ(prefs.find_first_not_of('\0', 8), std::string::npos);
 }

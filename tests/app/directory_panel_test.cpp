@@ -29,23 +29,23 @@ protected:
     }
     void Type(int id, const std::string& text) {
         WindowEvent event;
-        event.kind = WindowEvent::Kind::TextEdited;
-        event.id = id;
-        event.text = text;
-        ASSERT_TRUE(window->HandleEvent(event).done) << ControlName(id);
+        event.Kind = EventKind::TextEdited;
+        event.Id = id;
+        event.Text = text;
+        ASSERT_TRUE(window_->HandleEvent(event).Done) << ControlName(id);
     }
     EventOutcome Press(int id) {
         WindowEvent event;
-        event.kind = WindowEvent::Kind::ButtonPressed;
-        event.id = id;
-        return window->HandleEvent(event);
+        event.Kind = EventKind::ButtonPressed;
+        event.Id = id;
+        return window_->HandleEvent(event);
     }
     void Choose(int id, int row) {
         WindowEvent event;
-        event.kind = WindowEvent::Kind::SelectionChanged;
-        event.id = id;
-        event.row = row;
-        ASSERT_TRUE(window->HandleEvent(event).done) << ControlName(id);
+        event.Kind = EventKind::SelectionChanged;
+        event.Id = id;
+        event.Row = row;
+        ASSERT_TRUE(window_->HandleEvent(event).Done) << ControlName(id);
     }
     int16_t StoredCount() {
         const std::string bytes = ReadWholeFile(DirectoryPath);
@@ -67,7 +67,7 @@ TEST_F(DirectoryPanelTest, AddedRecordsStandInByteOrderAndTheNewOneIsOnShow) {
 
     EXPECT_EQ(RowTexts(IDC_DIRECTORY_LIST), (std::vector<std::string>{"Zeta", "alpha"}));
     EXPECT_EQ(Controls().Selection(IDC_DIRECTORY_LIST), 0);
-    EXPECT_EQ(window->CurrentEntry(), 0);
+    EXPECT_EQ(window_->CurrentEntry(), 0);
     EXPECT_EQ(StoredCount(), 2);
     EXPECT_EQ(FieldText(Directory[1].FirmName), "alpha");
     EXPECT_EQ(Directory[1].Use56K, 1);
@@ -79,7 +79,7 @@ TEST_F(DirectoryPanelTest, AddedRecordsStandInByteOrderAndTheNewOneIsOnShow) {
 
     // Choosing a record shows it and opens Change, Delete and New.
     Choose(IDC_DIRECTORY_LIST, 1);
-    EXPECT_EQ(window->CurrentEntry(), 1);
+    EXPECT_EQ(window_->CurrentEntry(), 1);
     EXPECT_EQ(Controls().Text(IDC_NAME), "alpha");
     EXPECT_EQ(Controls().Text(IDC_NUMBER), "555");
     EXPECT_TRUE(Controls().Checked(IDC_56K));
@@ -90,7 +90,7 @@ TEST_F(DirectoryPanelTest, AddedRecordsStandInByteOrderAndTheNewOneIsOnShow) {
     // New empties the form.
     Press(IDC_NEW);
     EXPECT_EQ(Controls().Text(IDC_NAME), "");
-    EXPECT_EQ(window->CurrentEntry(), -1);
+    EXPECT_EQ(window_->CurrentEntry(), -1);
     EXPECT_EQ(Controls().Selection(IDC_DIRECTORY_LIST), -1);
     for (int id : {IDC_ADD, IDC_CHANGE, IDC_DELETE, IDC_NEW}) {
         EXPECT_FALSE(Controls().Enabled(id)) << ControlName(id);
@@ -106,7 +106,7 @@ TEST_F(DirectoryPanelTest, ARenamedRecordStaysOnShowAndItsFolderFollows) {
     Type(IDC_NAME, "Omega");
     Press(IDC_CHANGE);
     EXPECT_EQ(RowTexts(IDC_DIRECTORY_LIST), (std::vector<std::string>{"Delta", "Omega"}));
-    EXPECT_EQ(window->CurrentEntry(), 1);
+    EXPECT_EQ(window_->CurrentEntry(), 1);
     EXPECT_EQ(Controls().Selection(IDC_DIRECTORY_LIST), 1);
     EXPECT_TRUE(FolderExists(PickUpPath + "/Omega"));
     EXPECT_FALSE(FolderExists(PickUpPath + "/Beta"));
@@ -139,16 +139,16 @@ TEST_F(DirectoryPanelTest, TheFolderButtonTellsTheStateOfThePickUpFolder) {
     Directory[0].HasPickUp = 1;
     Directory[0].HotSend = 1;
     ASSERT_TRUE(CreateFolder(PickUpPath + "/Smith"));
-    window->ShowCorrespondent(0);
+    window_->ShowCorrespondent(0);
     EXPECT_TRUE(Controls().Shown(IDC_HOT_EMPTY));
     EXPECT_TRUE(Controls().Checked(IDC_HOT_SEND));
     EXPECT_FALSE(Controls().Checked(IDC_HOT_RETRIEVE));
     WriteWholeFile(PickUpPath + "/Smith/waiting", "data");
-    window->ShowCorrespondent(0);
+    window_->ShowCorrespondent(0);
     EXPECT_TRUE(Controls().Shown(IDC_HOT_FILLED));
     EXPECT_FALSE(Controls().Shown(IDC_HOT_EMPTY));
     Directory[0].HotSend = 0;
-    window->ShowCorrespondent(0);
+    window_->ShowCorrespondent(0);
     EXPECT_TRUE(Controls().Shown(IDC_FOLDER_FILLED));
 
     // A folder that holds anything keeps its record from being deleted.
@@ -161,7 +161,7 @@ TEST_F(DirectoryPanelTest, TheFolderButtonTellsTheStateOfThePickUpFolder) {
     ASSERT_TRUE(DeleteFileAt(PickUpPath + "/Smith/waiting"));
     ASSERT_TRUE(RemoveFolder(PickUpPath + "/Smith/Sent Files"));
     ASSERT_TRUE(RemoveFolder(PickUpPath + "/Smith"));
-    window->ShowCorrespondent(0);
+    window_->ShowCorrespondent(0);
     EXPECT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
     EXPECT_FALSE(Controls().Shown(IDC_HOT_SEND));
     EXPECT_EQ(Directory[0].HasPickUp, 0);
@@ -194,36 +194,36 @@ TEST_F(DirectoryPanelTest, AnExportedEntryIsImportedOnlyWhenWhole) {
     std::memcpy(entry.data() + 136, "KBDe", 4);
     const std::string good = MakeFile("smith.KBE", 0);
     WriteWholeFile(good, entry);
-    WriteWholeFile(folder / "short.KBE", entry.substr(0, 139));
-    WriteWholeFile(folder / "long.KBE", entry + "x");
+    WriteWholeFile(folder_ / "short.KBE", entry.substr(0, 139));
+    WriteWholeFile(folder_ / "long.KBE", entry + "x");
     std::string wrongMagic = entry;
     wrongMagic[139] = 'E';
-    WriteWholeFile(folder / "magic.KBE", wrongMagic);
+    WriteWholeFile(folder_ / "magic.KBE", wrongMagic);
 
-    EXPECT_EQ(window->ImportDirectoryEntry(folder / "short.KBE"), 0);
-    EXPECT_EQ(window->ImportDirectoryEntry(folder / "long.KBE"), 0);
-    EXPECT_EQ(window->ImportDirectoryEntry(folder / "magic.KBE"), 0);
-    EXPECT_EQ(window->ImportDirectoryEntry(folder / "missing.KBE"), 0);
+    EXPECT_EQ(window_->ImportDirectoryEntry(folder_ / "short.KBE"), 0);
+    EXPECT_EQ(window_->ImportDirectoryEntry(folder_ / "long.KBE"), 0);
+    EXPECT_EQ(window_->ImportDirectoryEntry(folder_ / "magic.KBE"), 0);
+    EXPECT_EQ(window_->ImportDirectoryEntry(folder_ / "missing.KBE"), 0);
     EXPECT_EQ(DirectoryCount.load(), 0);
 
     // A drop on the directory list of a name in .Kbe is no exported entry.
-    WriteWholeFile(folder / "smith.Kbe", entry);
+    WriteWholeFile(folder_ / "smith.Kbe", entry);
     WindowEvent drop;
-    drop.kind = WindowEvent::Kind::FilesDropped;
-    drop.id = IDC_DIRECTORY_LIST;
-    drop.paths = {folder / "smith.Kbe"};
-    window->HandleEvent(drop);
+    drop.Kind = EventKind::FilesDropped;
+    drop.Id = IDC_DIRECTORY_LIST;
+    drop.Paths = {folder_ / "smith.Kbe"};
+    window_->HandleEvent(drop);
     EXPECT_EQ(DirectoryCount.load(), 0);
 
-    drop.paths = {good, folder / "smith.Kbe"};
-    window->HandleEvent(drop);
+    drop.Paths = {good, folder_ / "smith.Kbe"};
+    window_->HandleEvent(drop);
     ASSERT_EQ(DirectoryCount.load(), 1);
     EXPECT_EQ(FieldText(Directory[0].FirmName), "Smith & Co");
     EXPECT_EQ(Directory[0].Protocol, 2);
     EXPECT_EQ(Directory[0].Carrier, 3);
     EXPECT_EQ(Directory[0].Use56K, 1);
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(Directory[0].EntryMagic), 4), "eDBK");
-    EXPECT_EQ(window->CurrentEntry(), 0);
+    EXPECT_EQ(window_->CurrentEntry(), 0);
     EXPECT_EQ(Controls().Text(IDC_NAME), "Smith & Co");
     EXPECT_EQ(Observed().back(), "Directory Entry Added");
     EXPECT_EQ(StoredCount(), 1);

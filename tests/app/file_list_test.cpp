@@ -26,33 +26,33 @@ const FileEntry& Entry(int i) {
 
 void Drop(MainWindow& window, int target, const std::vector<std::string>& paths) {
     WindowEvent event;
-    event.kind = WindowEvent::Kind::FilesDropped;
-    event.id = target;
-    event.paths = paths;
+    event.Kind = EventKind::FilesDropped;
+    event.Id = target;
+    event.Paths = paths;
     window.HandleEvent(event);
 }
 
 TEST_F(FileListTest, AnEmptyFileGoesInThroughTheDialogButADropSkipsIt) {
     const std::string empty = MakeFile("empty", 0);
-    window->SetFileChooser([&] { return std::optional<std::string>(empty); });
-    window->OnFileAdd();
+    window_->SetFileChooser([&] { return std::optional<std::string>(empty); });
+    window_->OnFileAdd();
     ASSERT_EQ(TheEngine.SendCount.load(), 1);
     EXPECT_EQ(Entry(0).DataLength, 0u);
     EXPECT_EQ(Entry(0).DataDone, 1u);
     EXPECT_EQ(Entry(0).DataBlocks, 0);
     EXPECT_FALSE(Controls().Enabled(IDC_EST_TIME));
 
-    window->ClearFileList();
-    Drop(*window, IDC_FILE_LIST, {empty});
+    window_->ClearFileList();
+    Drop(*window_, IDC_FILE_LIST, {empty});
     EXPECT_EQ(TheEngine.SendCount.load(), 0);
     EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 0);
 
     // A chooser that is cancelled adds nothing; a file that cannot be opened
     // is told and leaves the list as it was.
-    window->SetFileChooser([] { return std::optional<std::string>(); });
-    window->OnFileAdd();
+    window_->SetFileChooser([] { return std::optional<std::string>(); });
+    window_->OnFileAdd();
     EXPECT_EQ(TheEngine.SendCount.load(), 0);
-    EXPECT_FALSE(window->AddFileToList(folder / "missing", "missing"));
+    EXPECT_FALSE(window_->AddFileToList(folder_ / "missing", "missing"));
     EXPECT_EQ(Messages(), std::vector<std::string>{
                               "Cannot open file.  It may be in use by another application."});
     EXPECT_EQ(TheEngine.SendCount.load(), 0);
@@ -68,13 +68,13 @@ TEST_F(FileListTest, AFolderReplacesTheListAndTravelsOneLevelDeep) {
     MakeFolder("docs/Sent Files");
     MakeFile("docs/Sent Files/old", 5);
 
-    Drop(*window, IDC_FILE_LIST, {loose, docs + "/"});
+    Drop(*window_, IDC_FILE_LIST, {loose, docs + "/"});
     ASSERT_EQ(TheEngine.SendCount.load(), 4);
     const std::vector<ListRow> rows = Controls().Rows(IDC_FILE_LIST);
     ASSERT_EQ(rows.size(), 4u);
-    EXPECT_EQ(rows[0].text, "docs");
-    EXPECT_EQ(rows[0].detail, "");
-    EXPECT_EQ(rows[0].image, KindFolderMarker);
+    EXPECT_EQ(rows[0].Text, "docs");
+    EXPECT_EQ(rows[0].Detail, "");
+    EXPECT_EQ(rows[0].Image, KindFolderMarker);
     EXPECT_EQ(Entry(0).EntryKind, KindFolderMarker);
     EXPECT_EQ(Entry(0).FilePath.View(), docs);
     EXPECT_EQ(Entry(0).TotalLength, 0u);
@@ -84,21 +84,21 @@ TEST_F(FileListTest, AFolderReplacesTheListAndTravelsOneLevelDeep) {
     ASSERT_TRUE(ListFolder(docs, listed));
     std::vector<std::string> expected;
     for (const FolderEntry& item : listed) {
-        if (!item.isFolder) {
-            expected.push_back(item.name);
+        if (!item.IsFolder) {
+            expected.push_back(item.Name);
         }
     }
     ASSERT_EQ(expected.size(), 3u);
     for (int i = 1; i < 4; ++i) {
-        EXPECT_EQ(rows[i].text, expected[i - 1]);
+        EXPECT_EQ(rows[i].Text, expected[i - 1]);
         EXPECT_EQ(Entry(i).FilePath.View(), docs + "/" + expected[i - 1]);
         const int16_t kind = expected[i - 1] == "b.exe.txt" ? KindProgramFile : KindPlainFile;
         EXPECT_EQ(Entry(i).EntryKind, kind);
-        EXPECT_EQ(rows[i].image, kind);
+        EXPECT_EQ(rows[i].Image, kind);
     }
     // The marker adds nothing to the total.
     EXPECT_EQ(TheEngine.SendRemaining.load(), 102u + 202u + 0u);
-    window->RecomputeSendTotal();
+    window_->RecomputeSendTotal();
     EXPECT_EQ(TheEngine.SendRemaining.load(), 304u);
     // The process's folder never moved.
     EXPECT_NE(CurrentFolder(), docs);
@@ -109,13 +109,13 @@ TEST_F(FileListTest, OfTwoFoldersInOneDropOnlyTheSecondStays) {
     MakeFile("first/one", 1);
     const std::string second = MakeFolder("second");
     MakeFile("second/two", 2);
-    Drop(*window, IDC_FILE_LIST, {first, second});
+    Drop(*window_, IDC_FILE_LIST, {first, second});
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"second", "two"}));
     EXPECT_EQ(TheEngine.SendCount.load(), 2);
 }
 
 TEST_F(FileListTest, WhatCannotBeOpenedIsTakenForAFolder) {
-    Drop(*window, IDC_FILE_LIST, {folder / "no such thing"});
+    Drop(*window_, IDC_FILE_LIST, {folder_ / "no such thing"});
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), std::vector<std::string>{"no such thing"});
     EXPECT_EQ(TheEngine.SendCount.load(), 1);
     EXPECT_EQ(Entry(0).EntryKind, KindFolderMarker);
@@ -125,7 +125,7 @@ TEST_F(FileListTest, WhatCannotBeOpenedIsTakenForAFolder) {
 TEST_F(FileListTest, ADropOnSendWithAnUnreadableItemStillStartsTheCall) {
     // With no number in the panel the call stops at once and says why: the
     // message shows that the drop went on to place the call.
-    Drop(*window, IDC_SEND, {folder / "unreadable"});
+    Drop(*window_, IDC_SEND, {folder_ / "unreadable"});
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), std::vector<std::string>{"unreadable"});
     EXPECT_EQ(Messages(),
               std::vector<std::string>{"Please select a correspondent in your Directory."});
@@ -134,56 +134,56 @@ TEST_F(FileListTest, ADropOnSendWithAnUnreadableItemStillStartsTheCall) {
 TEST_F(FileListTest, ADropDuringACallOrBesideTheListsDoesNothing) {
     const std::string file = MakeFile("file", 10);
     TheEngine.LinkState = LinkConnected;
-    Drop(*window, IDC_FILE_LIST, {file});
-    Drop(*window, IDC_SEND, {file});
+    Drop(*window_, IDC_FILE_LIST, {file});
+    Drop(*window_, IDC_SEND, {file});
     TheEngine.LinkState = LinkIdle;
-    Drop(*window, IDC_LOG, {file});
-    Drop(*window, 0, {file});
+    Drop(*window_, IDC_LOG, {file});
+    Drop(*window_, 0, {file});
     EXPECT_EQ(TheEngine.SendCount.load(), 0);
     // A name ending in .KBE is a file like any other on the file list.
     const std::string entry = MakeFile("smith.KBE", 140);
-    Drop(*window, IDC_FILE_LIST, {entry});
+    Drop(*window_, IDC_FILE_LIST, {entry});
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), std::vector<std::string>{"smith.KBE"});
 }
 
 TEST_F(FileListTest, DeleteTakesTheClickedRowAndItsEntry) {
     for (const char* name : {"a", "b", "c"}) {
-        ASSERT_TRUE(window->AddFileToList(MakeFile(name, 100), name));
+        ASSERT_TRUE(window_->AddFileToList(MakeFile(name, 100), name));
     }
     EXPECT_FALSE(Controls().Enabled(IDC_FILE_DELETE));
-    window->OnFileClick(1);
-    EXPECT_EQ(window->SelectedFileRow(), 1);
+    window_->OnFileClick(1);
+    EXPECT_EQ(window_->SelectedFileRow(), 1);
     EXPECT_TRUE(Controls().Enabled(IDC_FILE_DELETE));
-    window->OnFileDelete();
+    window_->OnFileDelete();
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"a", "c"}));
     EXPECT_EQ(TheEngine.SendCount.load(), 2);
     EXPECT_EQ(Entry(1).DisplayName.View(), "c");
     EXPECT_EQ(TheEngine.SendRemaining.load(), 204u);
-    EXPECT_EQ(window->SelectedFileRow(), -1);
+    EXPECT_EQ(window_->SelectedFileRow(), -1);
     EXPECT_FALSE(Controls().Enabled(IDC_FILE_DELETE));
     // With no row chosen, Delete does nothing.
-    window->OnFileDelete();
+    window_->OnFileDelete();
     EXPECT_EQ(TheEngine.SendCount.load(), 2);
 
     // A click on no row turns Delete off; adding a file forgets the click.
-    window->OnFileClick(0);
-    window->OnFileClick(-1);
+    window_->OnFileClick(0);
+    window_->OnFileClick(-1);
     EXPECT_FALSE(Controls().Enabled(IDC_FILE_DELETE));
-    window->OnFileClick(0);
-    ASSERT_TRUE(window->AddFileToList(MakeFile("d", 1), "d"));
-    EXPECT_EQ(window->SelectedFileRow(), -1);
+    window_->OnFileClick(0);
+    ASSERT_TRUE(window_->AddFileToList(MakeFile("d", 1), "d"));
+    EXPECT_EQ(window_->SelectedFileRow(), -1);
     EXPECT_FALSE(Controls().Enabled(IDC_FILE_DELETE));
     // The same file can go in twice.
-    ASSERT_TRUE(window->AddFileToList(folder / "d", "d"));
+    ASSERT_TRUE(window_->AddFileToList(folder_ / "d", "d"));
     EXPECT_EQ(TheEngine.SendCount.load(), 4);
 }
 
 TEST_F(FileListTest, TheListHoldsAHundredEntriesAndNeverMore) {
     const std::string file = MakeFile("f", 1);
     for (int i = 0; i < 100; ++i) {
-        ASSERT_TRUE(window->AddFileToList(file, "f"));
+        ASSERT_TRUE(window_->AddFileToList(file, "f"));
     }
-    EXPECT_FALSE(window->AddFileToList(file, "f"));
+    EXPECT_FALSE(window_->AddFileToList(file, "f"));
     EXPECT_EQ(TheEngine.SendCount.load(), 100);
     EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 100);
     EXPECT_EQ(Observed().back(), "File list is full: f was not added.");
@@ -194,7 +194,7 @@ TEST_F(FileListTest, TheListHoldsAHundredEntriesAndNeverMore) {
         MakeFile("big/file" + std::to_string(i), 1);
     }
     const size_t linesBefore = Observed().size();
-    window->AddFolderToSendList(big, "big");
+    window_->AddFolderToSendList(big, "big");
     EXPECT_EQ(TheEngine.SendCount.load(), 100);
     EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 100);
     const std::vector<std::string> lines = Observed();
@@ -205,7 +205,7 @@ TEST_F(FileListTest, TheListHoldsAHundredEntriesAndNeverMore) {
 TEST_F(FileListTest, ALongNameKeepsItsExtensionAndThePathStaysWhole) {
     const std::string name = "a report with a name far longer than the field.pdf";
     const std::string path = MakeFile(name, 10);
-    ASSERT_TRUE(window->AddFileToList(path, name));
+    ASSERT_TRUE(window_->AddFileToList(path, name));
     EXPECT_EQ(Entry(0).DisplayName.View(), "a report with a name far lo.pdf");
     EXPECT_EQ(Entry(0).FilePath.View(), path);
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), std::vector<std::string>{"a report with a name far lo.pdf"});
@@ -231,14 +231,14 @@ TEST_F(FileListTest, APathTooLongOrAFileTooLargeForTheProtocolIsRefusedWithItsLi
     const std::string longPath = deep + "/" + name;
     ASSERT_GT(longPath.size(), 511u);
     WriteWholeFile(longPath, "x");
-    EXPECT_FALSE(window->AddFileToList(longPath, name));
+    EXPECT_FALSE(window_->AddFileToList(longPath, name));
     EXPECT_EQ(Observed().back(), "Path too long: " + name + " was not added.");
 
     // A file whose stream the block counters cannot count; sparse, so that
     // it costs no disk.
     const std::string huge = MakeFile("huge.bin", 0);
     ASSERT_EQ(::truncate(huge.c_str(), off_t{1} << 28), 0);
-    EXPECT_FALSE(window->AddFileToList(huge, "huge.bin"));
+    EXPECT_FALSE(window_->AddFileToList(huge, "huge.bin"));
     EXPECT_EQ(Observed().back(), "File too large to send: huge.bin");
     EXPECT_EQ(TheEngine.SendCount.load(), 0);
     EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 0);

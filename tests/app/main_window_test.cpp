@@ -20,22 +20,22 @@
 
 namespace {
 
-WindowEvent Event(WindowEvent::Kind kind, int id) {
+WindowEvent Event(EventKind kind, int id) {
     WindowEvent event;
-    event.kind = kind;
-    event.id = id;
+    event.Kind = kind;
+    event.Id = id;
     return event;
 }
 
 WindowEvent Click(int id, bool checked) {
-    WindowEvent event = Event(WindowEvent::Kind::BoxClicked, id);
-    event.checked = checked;
+    WindowEvent event = Event(EventKind::BoxClicked, id);
+    event.Checked = checked;
     return event;
 }
 
 WindowEvent Choose(int id, int row) {
-    WindowEvent event = Event(WindowEvent::Kind::SelectionChanged, id);
-    event.row = row;
+    WindowEvent event = Event(EventKind::SelectionChanged, id);
+    event.Row = row;
     return event;
 }
 
@@ -43,10 +43,10 @@ using MainWindowTest = WindowTest;
 
 TEST_F(MainWindowTest, TheButtonsFollowTheLinkAndTheFileList) {
     struct Row {
-        int16_t link;
-        int16_t count;
-        int16_t selected;
-        bool send, retrieve, disconnect, add, clear, remove, incoming;
+        int16_t Link;
+        int16_t Count;
+        int16_t Selected;
+        bool Send, Retrieve, Disconnect, Add, Clear, Remove, Incoming;
     };
     const std::vector<Row> table = {
         {LinkIdle, 0, -1, false, true, false, true, false, false, true},
@@ -61,22 +61,22 @@ TEST_F(MainWindowTest, TheButtonsFollowTheLinkAndTheFileList) {
     // At start Retrieve waits for the first run of the rule.
     EXPECT_FALSE(Controls().Enabled(IDC_RETRIEVE));
     for (const Row& row : table) {
-        SCOPED_TRACE("state " + std::to_string(row.link) + " count " + std::to_string(row.count) +
-                     " row " + std::to_string(row.selected));
+        SCOPED_TRACE("state " + std::to_string(row.Link) + " count " + std::to_string(row.Count) +
+                     " row " + std::to_string(row.Selected));
         // A selected row is what a click leaves behind.
         TheEngine.LinkState = LinkIdle;
-        TheEngine.SendCount = row.count;
-        window->OnFileClick(row.selected);
-        TheEngine.LinkState = row.link;
-        window->UpdateActionButtons();
-        EXPECT_EQ(Controls().Enabled(IDC_SEND), row.send);
-        EXPECT_EQ(Controls().Enabled(IDC_RETRIEVE), row.retrieve);
-        EXPECT_EQ(Controls().Enabled(IDC_DISCONNECT), row.disconnect);
-        EXPECT_EQ(Controls().Enabled(IDC_FILE_ADD), row.add);
-        EXPECT_EQ(Controls().Enabled(IDC_FILE_CLEAR), row.clear);
-        EXPECT_EQ(Controls().Enabled(IDC_FILE_DELETE), row.remove);
+        TheEngine.SendCount = row.Count;
+        window_->OnFileClick(row.Selected);
+        TheEngine.LinkState = row.Link;
+        window_->UpdateActionButtons();
+        EXPECT_EQ(Controls().Enabled(IDC_SEND), row.Send);
+        EXPECT_EQ(Controls().Enabled(IDC_RETRIEVE), row.Retrieve);
+        EXPECT_EQ(Controls().Enabled(IDC_DISCONNECT), row.Disconnect);
+        EXPECT_EQ(Controls().Enabled(IDC_FILE_ADD), row.Add);
+        EXPECT_EQ(Controls().Enabled(IDC_FILE_CLEAR), row.Clear);
+        EXPECT_EQ(Controls().Enabled(IDC_FILE_DELETE), row.Remove);
         for (int id : {IDC_IN_PROTOCOL, IDC_IN_56K, IDC_IN_2B, IDC_IN_V42}) {
-            EXPECT_EQ(Controls().Enabled(id), row.incoming) << ControlName(id);
+            EXPECT_EQ(Controls().Enabled(id), row.Incoming) << ControlName(id);
         }
         // What stays open during a call.
         for (int id : {IDC_DIRECTORY_LIST, IDC_NAME, IDC_PROTOCOL, IDC_56K, IDC_IGNORE_HOT}) {
@@ -89,74 +89,74 @@ TEST_F(MainWindowTest, TheButtonsFollowTheLinkAndTheFileList) {
 
 TEST_F(MainWindowTest, EventsReachOnlyControlsAUserCouldUse) {
     // Disabled, hidden and unnamed controls refuse, with the reason.
-    EventOutcome outcome = window->HandleEvent(Event(WindowEvent::Kind::ButtonPressed, IDC_SEND));
-    EXPECT_FALSE(outcome.done);
-    EXPECT_EQ(outcome.refusal, "IDC_SEND is disabled");
-    outcome = window->HandleEvent(Click(IDC_2B, true));
-    EXPECT_FALSE(outcome.done);
-    EXPECT_EQ(outcome.refusal, "IDC_2B is hidden");
+    EventOutcome outcome = window_->HandleEvent(Event(EventKind::ButtonPressed, IDC_SEND));
+    EXPECT_FALSE(outcome.Done);
+    EXPECT_EQ(outcome.Refusal, "IDC_SEND is disabled");
+    outcome = window_->HandleEvent(Click(IDC_2B, true));
+    EXPECT_FALSE(outcome.Done);
+    EXPECT_EQ(outcome.Refusal, "IDC_2B is hidden");
     EXPECT_FALSE(Controls().Checked(IDC_2B));
-    EXPECT_FALSE(window->HandleEvent(Event(WindowEvent::Kind::ButtonPressed, 4711)).done);
-    EXPECT_FALSE(window->HandleEvent(Choose(IDC_PROTOCOL, 3)).done);
-    EXPECT_FALSE(window->HandleEvent(Event(WindowEvent::Kind::ButtonPressed, IDC_56K)).done);
-    EXPECT_FALSE(window->HandleEvent(Event(WindowEvent::Kind::AboutOk, 0)).done);
+    EXPECT_FALSE(window_->HandleEvent(Event(EventKind::ButtonPressed, 4711)).Done);
+    EXPECT_FALSE(window_->HandleEvent(Choose(IDC_PROTOCOL, 3)).Done);
+    EXPECT_FALSE(window_->HandleEvent(Event(EventKind::ButtonPressed, IDC_56K)).Done);
+    EXPECT_FALSE(window_->HandleEvent(Event(EventKind::AboutOk, 0)).Done);
 
     // An edit field takes at most 31 characters.
-    WindowEvent typed = Event(WindowEvent::Kind::TextEdited, IDC_NAME);
-    typed.text = std::string(40, 'n');
-    EXPECT_TRUE(window->HandleEvent(typed).done);
+    WindowEvent typed = Event(EventKind::TextEdited, IDC_NAME);
+    typed.Text = std::string(40, 'n');
+    EXPECT_TRUE(window_->HandleEvent(typed).Done);
     EXPECT_EQ(Controls().Text(IDC_NAME), std::string(31, 'n'));
 
     // The incoming settings are stored at once; without an adapter nothing
     // goes to the line.
-    EXPECT_TRUE(window->HandleEvent(Click(IDC_IN_56K, true)).done);
+    EXPECT_TRUE(window_->HandleEvent(Click(IDC_IN_56K, true)).Done);
     EXPECT_EQ(ThePreferences.Incoming56K, 1);
-    EXPECT_TRUE(window->HandleEvent(Click(IDC_IN_56K, false)).done);
+    EXPECT_TRUE(window_->HandleEvent(Click(IDC_IN_56K, false)).Done);
     EXPECT_EQ(ThePreferences.Incoming56K, 0);
     ThePreferences.AdapterModel = ModelZyXEL;
-    EXPECT_TRUE(window->HandleEvent(Choose(IDC_IN_PROTOCOL, 1)).done);
+    EXPECT_TRUE(window_->HandleEvent(Choose(IDC_IN_PROTOCOL, 1)).Done);
     EXPECT_EQ(ThePreferences.IncomingProtocol, 2);
     ThePreferences.AdapterModel = ModelBitSURFR;
-    EXPECT_TRUE(window->HandleEvent(Choose(IDC_IN_PROTOCOL, 1)).done);
+    EXPECT_TRUE(window_->HandleEvent(Choose(IDC_IN_PROTOCOL, 1)).Done);
     EXPECT_EQ(ThePreferences.IncomingProtocol, 1);
-    EXPECT_TRUE(window->HandleEvent(Click(IDC_IGNORE_HOT, true)).done);
+    EXPECT_TRUE(window_->HandleEvent(Click(IDC_IGNORE_HOT, true)).Done);
     EXPECT_EQ(ThePreferences.IgnoreHotFolders, 1);
 
     // An outgoing setting changes the estimate of what waits to go.
     MakeFile("a", 1000000);
-    ASSERT_TRUE(window->AddFileToList(folder / "a", "a"));
+    ASSERT_TRUE(window_->AddFileToList(folder_ / "a", "a"));
     EXPECT_EQ(Controls().Text(IDC_EST_TIME), "Est. Time: 00:02:19");
-    EXPECT_TRUE(window->HandleEvent(Click(IDC_56K, true)).done);
+    EXPECT_TRUE(window_->HandleEvent(Click(IDC_56K, true)).Done);
     EXPECT_EQ(Controls().Text(IDC_EST_TIME), "Est. Time: 00:02:56");
-    EXPECT_TRUE(window->HandleEvent(Choose(IDC_PROTOCOL, 1)).done);
+    EXPECT_TRUE(window_->HandleEvent(Choose(IDC_PROTOCOL, 1)).Done);
     EXPECT_EQ(Controls().Text(IDC_EST_TIME), "Est. Time: 00:01:09");
 
     // The Port Speed menu answers only while it is there.
     Controls().RemoveMenu(PortSpeedMenuPosition);
-    outcome = window->HandleEvent(Event(WindowEvent::Kind::MenuCommand, ID_PORT_SPEED_230400));
-    EXPECT_FALSE(outcome.done);
+    outcome = window_->HandleEvent(Event(EventKind::MenuCommand, ID_PORT_SPEED_230400));
+    EXPECT_FALSE(outcome.Done);
     EXPECT_TRUE(Messages().empty());
 }
 
 TEST_F(MainWindowTest, TheAboutBoxOfTheMenuNeitherClosesByItselfNorSearches) {
     SplashPending = 0;
-    EXPECT_TRUE(window->HandleEvent(Event(WindowEvent::Kind::MenuCommand, IDM_ABOUTBOX)).done);
+    EXPECT_TRUE(window_->HandleEvent(Event(EventKind::MenuCommand, IDM_ABOUTBOX)).Done);
     EXPECT_TRUE(Controls().Shown(IDD_ABOUTBOX));
     EXPECT_FALSE(MainLoop().TimerRunning(TimerSplashClose));
-    EXPECT_TRUE(window->HandleEvent(Event(WindowEvent::Kind::AboutOk, 0)).done);
+    EXPECT_TRUE(window_->HandleEvent(Event(EventKind::AboutOk, 0)).Done);
     EXPECT_FALSE(Controls().Shown(IDD_ABOUTBOX));
     EXPECT_FALSE(MainLoop().TimerRunning(TimerFindAdapter));
 
     // The splash, closed by OK before its time, starts the search once.
     SplashPending = 1;
-    window->OpenAboutBox();
+    window_->OpenAboutBox();
     EXPECT_TRUE(MainLoop().TimerRunning(TimerSplashClose));
-    window->OnAboutOk();
+    window_->OnAboutOk();
     EXPECT_FALSE(MainLoop().TimerRunning(TimerSplashClose));
     EXPECT_TRUE(MainLoop().TimerRunning(TimerFindAdapter));
     EXPECT_EQ(SplashPending.load(), 0);
     MainLoop().KillTimer(TimerFindAdapter);
-    window->OnAboutOk();
+    window_->OnAboutOk();
     EXPECT_FALSE(MainLoop().TimerRunning(TimerFindAdapter));
 }
 
@@ -173,7 +173,7 @@ TEST_F(MainWindowTest, TheLogKeeps600LinesAndThe601stLeaves301) {
     ASSERT_EQ(rows.size(), 301u);
     EXPECT_EQ(rows.front(), "line 300");
     EXPECT_EQ(rows.back(), "line 600");
-    EXPECT_EQ(window->LogLines(), rows);
+    EXPECT_EQ(window_->LogLines(), rows);
     EXPECT_EQ(Controls().Selection(IDC_LOG), -1);
     // The observer saw every line once, in order.
     const std::vector<std::string> observed = Observed();
@@ -184,7 +184,7 @@ TEST_F(MainWindowTest, TheLogKeeps600LinesAndThe601stLeaves301) {
 
 TEST_F(MainWindowTest, ClearLogEmptiesTheListAndExitLeavesTheStoppingLineFirst) {
     AddLogLine("an older line");
-    window->OnClearLog();
+    window_->OnClearLog();
     EXPECT_EQ(Controls().RowCount(IDC_LOG), 0);
     StopWindow();
     const std::string bytes = ReadWholeFile(LogPath);

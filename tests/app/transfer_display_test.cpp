@@ -27,27 +27,27 @@ std::string Estimate(MainWindow& window, uint32_t bytes) {
 
 TEST_F(TransferDisplayTest, TheEstimateIsNeverNothingAndRoundsTheSizeUp) {
     Controls().Select(IDC_PROTOCOL, 0);
-    window->ShowBatchEstimate(1);
+    window_->ShowBatchEstimate(1);
     EXPECT_EQ(Controls().Text(IDC_TOTAL_KB), "1 KB");
     EXPECT_EQ(Controls().Text(IDC_EST_TIME), "Est. Time: 00:00:01");
     EXPECT_TRUE(Controls().Enabled(IDC_TOTAL_KB));
     EXPECT_TRUE(Controls().Enabled(IDC_EST_TIME));
     // One 64K channel carries 7200 bytes a second, and a whole second is added.
-    EXPECT_EQ(Estimate(*window, 7200), "Est. Time: 00:00:02");
-    EXPECT_EQ(Estimate(*window, 7199), "Est. Time: 00:00:01");
-    window->ShowBatchEstimate(1024);
+    EXPECT_EQ(Estimate(*window_, 7200), "Est. Time: 00:00:02");
+    EXPECT_EQ(Estimate(*window_, 7199), "Est. Time: 00:00:01");
+    window_->ShowBatchEstimate(1024);
     EXPECT_EQ(Controls().Text(IDC_TOTAL_KB), "2 KB");
-    window->ShowBatchEstimate(1023);
+    window_->ShowBatchEstimate(1023);
     EXPECT_EQ(Controls().Text(IDC_TOTAL_KB), "1 KB");
     // Hours of three digits are shown whole.
-    EXPECT_EQ(Estimate(*window, 359999u * 7200u), "Est. Time: 100:00:00");
-    EXPECT_EQ(Estimate(*window, 3599u * 7200u), "Est. Time: 01:00:00");
-    window->ShowBatchEstimate(4294967295u);
+    EXPECT_EQ(Estimate(*window_, 359999u * 7200u), "Est. Time: 100:00:00");
+    EXPECT_EQ(Estimate(*window_, 3599u * 7200u), "Est. Time: 01:00:00");
+    window_->ShowBatchEstimate(4294967295u);
     EXPECT_EQ(Controls().Text(IDC_TOTAL_KB), "4194304 KB");
     EXPECT_EQ(Controls().Text(IDC_EST_TIME), "Est. Time: 165:42:04");
 
     // Nothing to send: the last texts stay, grey.
-    window->ShowBatchEstimate(0);
+    window_->ShowBatchEstimate(0);
     EXPECT_FALSE(Controls().Enabled(IDC_TOTAL_KB));
     EXPECT_FALSE(Controls().Enabled(IDC_EST_TIME));
     EXPECT_EQ(Controls().Text(IDC_EST_TIME), "Est. Time: 165:42:04");
@@ -59,41 +59,41 @@ TEST_F(TransferDisplayTest, TheFixedRatesFollowTheOutgoingSettings) {
     Controls().Check(IDC_56K, true);
     Controls().Check(IDC_2B, true);
     // 1000000 / 14500 + 1 = 69 seconds.
-    EXPECT_EQ(Estimate(*window, 1000000), "Est. Time: 00:01:09");
+    EXPECT_EQ(Estimate(*window_, 1000000), "Est. Time: 00:01:09");
     Controls().Check(IDC_2B, false);
-    EXPECT_EQ(Estimate(*window, 1000000), "Est. Time: 00:02:56");  // 5700
+    EXPECT_EQ(Estimate(*window_, 1000000), "Est. Time: 00:02:56");  // 5700
     Controls().Check(IDC_56K, false);
-    EXPECT_EQ(Estimate(*window, 1000000), "Est. Time: 00:02:19");  // 7200
+    EXPECT_EQ(Estimate(*window_, 1000000), "Est. Time: 00:02:19");  // 7200
     Controls().Check(IDC_2B, true);
-    EXPECT_EQ(Estimate(*window, 1000000), "Est. Time: 00:01:05");  // 15500
+    EXPECT_EQ(Estimate(*window_, 1000000), "Est. Time: 00:01:05");  // 15500
 
     // AIMUX takes two channels whatever 2B says.
     Controls().Select(IDC_PROTOCOL, 1);
-    const std::string withTwo = Estimate(*window, 1000000);
+    const std::string withTwo = Estimate(*window_, 1000000);
     Controls().Check(IDC_2B, false);
-    EXPECT_EQ(Estimate(*window, 1000000), withTwo);
+    EXPECT_EQ(Estimate(*window_, 1000000), withTwo);
     EXPECT_EQ(withTwo, "Est. Time: 00:01:05");
     // On a ZyXEL the second row is X.75, where 2B decides.
     ThePreferences.AdapterModel = ModelZyXEL;
-    EXPECT_EQ(Estimate(*window, 1000000), "Est. Time: 00:02:19");
+    EXPECT_EQ(Estimate(*window_, 1000000), "Est. Time: 00:02:19");
     Controls().Select(IDC_PROTOCOL, 2);
-    EXPECT_EQ(Estimate(*window, 1000000), "Est. Time: 00:02:19");
+    EXPECT_EQ(Estimate(*window_, 1000000), "Est. Time: 00:02:19");
     Controls().Check(IDC_2B, true);
-    EXPECT_EQ(Estimate(*window, 1000000), "Est. Time: 00:01:05");
+    EXPECT_EQ(Estimate(*window_, 1000000), "Est. Time: 00:01:05");
     // V.42 does not enter the estimate.
     Controls().Check(IDC_V42, true);
-    EXPECT_EQ(Estimate(*window, 1000000), "Est. Time: 00:01:05");
+    EXPECT_EQ(Estimate(*window_, 1000000), "Est. Time: 00:01:05");
 
     // With no row chosen the estimate is V.120's: 2B decides.
     ThePreferences.AdapterModel = ModelBitSURFR;
     Controls().Select(IDC_PROTOCOL, -1);
-    EXPECT_EQ(Estimate(*window, 1000000), "Est. Time: 00:01:05");
+    EXPECT_EQ(Estimate(*window_, 1000000), "Est. Time: 00:01:05");
     Controls().Check(IDC_2B, false);
-    EXPECT_EQ(Estimate(*window, 1000000), "Est. Time: 00:02:19");
+    EXPECT_EQ(Estimate(*window_, 1000000), "Est. Time: 00:02:19");
 
     // A measured rate takes over.
     MeasuredRate = 1000;
-    EXPECT_EQ(Estimate(*window, 1000000), "Est. Time: 00:16:41");
+    EXPECT_EQ(Estimate(*window_, 1000000), "Est. Time: 00:16:41");
 }
 
 TEST_F(TransferDisplayTest, TheShownRateNeverPassesTheCeiling) {
@@ -103,21 +103,21 @@ TEST_F(TransferDisplayTest, TheShownRateNeverPassesTheCeiling) {
 
     // Nothing has moved yet: nothing changes at all.
     Controls().SetText(IDC_BYTES_SEC, "untouched");
-    window->ShowThroughput(true, true);
+    window_->ShowThroughput(true, true);
     EXPECT_EQ(Controls().Text(IDC_BYTES_SEC), "untouched");
     EXPECT_EQ(MeasuredRate.load(), 0);
 
     entry.StartTime = 1000;
     entry.LastBlockTime = 2000;
     entry.BytesDone = 20000;
-    window->ShowThroughput(true, true);
+    window_->ShowThroughput(true, true);
     EXPECT_EQ(MeasuredRate.load(), 16000);
     EXPECT_EQ(Controls().Text(IDC_BYTES_SEC), "16000 Bytes/sec");
     EXPECT_EQ(Observed().back(), "Average throughput: 16000 Bytes/sec");
 
     entry.BytesDone = 12000;
     const size_t lines = Observed().size();
-    window->ShowThroughput(true, false);
+    window_->ShowThroughput(true, false);
     EXPECT_EQ(MeasuredRate.load(), 12000);
     EXPECT_EQ(Controls().Text(IDC_BYTES_SEC), "12000 Bytes/sec");
     EXPECT_EQ(Observed().size(), lines);
@@ -125,25 +125,25 @@ TEST_F(TransferDisplayTest, TheShownRateNeverPassesTheCeiling) {
     // A file that finishes within its first millisecond keeps the last rate.
     entry.LastBlockTime = entry.StartTime;
     entry.BytesDone = 999999;
-    window->ShowThroughput(true, false);
+    window_->ShowThroughput(true, false);
     EXPECT_EQ(MeasuredRate.load(), 12000);
     EXPECT_EQ(Controls().Text(IDC_BYTES_SEC), "12000 Bytes/sec");
 
     // A huge count over a millisecond does not overflow.
     entry.LastBlockTime = entry.StartTime + 1;
     entry.BytesDone = 4000000000u;
-    window->ShowThroughput(true, false);
+    window_->ShowThroughput(true, false);
     EXPECT_EQ(MeasuredRate.load(), 16000);
     // The clock's wrap between the stamps does no harm.
     entry.StartTime = 0xFFFFFC18u;  // 1000 ms before the wrap
     entry.LastBlockTime = 1000;
     entry.BytesDone = 10000;
-    window->ShowThroughput(true, false);
+    window_->ShowThroughput(true, false);
     EXPECT_EQ(MeasuredRate.load(), 5000);
 
     // A ceiling of 0 shows 0 and leaves a rate the estimate can divide by.
     RateEstimate = 0;
-    window->ShowThroughput(true, false);
+    window_->ShowThroughput(true, false);
     EXPECT_EQ(Controls().Text(IDC_BYTES_SEC), "0 Bytes/sec");
     EXPECT_EQ(MeasuredRate.load(), 10);
 
@@ -153,28 +153,28 @@ TEST_F(TransferDisplayTest, TheShownRateNeverPassesTheCeiling) {
     TheEngine.ReceiveList[0].StartTime = 10;
     TheEngine.ReceiveList[0].LastBlockTime = 2010;
     TheEngine.ReceiveList[0].BytesDone = 14000;
-    window->ShowThroughput(false, false);
+    window_->ShowThroughput(false, false);
     EXPECT_EQ(Controls().Text(IDC_BYTES_SEC), "7000 Bytes/sec");
 }
 
 TEST_F(TransferDisplayTest, ProgressIsComputedInSixtyFourBits) {
-    window->SetProgress(50u * 1024 * 1024, 60u * 1024 * 1024);
+    window_->SetProgress(50u * 1024 * 1024, 60u * 1024 * 1024);
     EXPECT_EQ(Controls().Position(IDC_PROGRESS), 83);
-    window->SetProgress(4000000000u, 4200000000u);
+    window_->SetProgress(4000000000u, 4200000000u);
     EXPECT_EQ(Controls().Position(IDC_PROGRESS), 95);
-    window->SetProgress(100, 100);
+    window_->SetProgress(100, 100);
     EXPECT_EQ(Controls().Position(IDC_PROGRESS), 100);
-    window->SetProgress(0, 0);
+    window_->SetProgress(0, 0);
     EXPECT_EQ(Controls().Position(IDC_PROGRESS), 0);
-    window->SetProgress(7, 5);
+    window_->SetProgress(7, 5);
     EXPECT_EQ(Controls().Position(IDC_PROGRESS), 100);
 }
 
 TEST_F(TransferDisplayTest, TheTransferStateShowsTheBarAndShutsClearLog) {
     MeasuredRate = 500;
     Controls().SetText(IDC_BYTES_SEC, "old");
-    window->SetProgress(1, 2);
-    window->ShowTransferDisplay(true);
+    window_->SetProgress(1, 2);
+    window_->ShowTransferDisplay(true);
     EXPECT_TRUE(Controls().Shown(IDC_PROGRESS));
     EXPECT_EQ(Controls().Position(IDC_PROGRESS), 0);
     EXPECT_TRUE(Controls().Enabled(IDC_BYTES_SEC));
@@ -184,8 +184,8 @@ TEST_F(TransferDisplayTest, TheTransferStateShowsTheBarAndShutsClearLog) {
 
     Controls().SetText(IDC_BYTES_SEC, "7000 Bytes/sec");
     MeasuredRate = 7000;
-    window->SetProgress(1, 2);
-    window->ShowTransferDisplay(false);
+    window_->SetProgress(1, 2);
+    window_->ShowTransferDisplay(false);
     EXPECT_FALSE(Controls().Shown(IDC_PROGRESS));
     EXPECT_EQ(Controls().Position(IDC_PROGRESS), 0);
     EXPECT_FALSE(Controls().Enabled(IDC_BYTES_SEC));
@@ -195,12 +195,12 @@ TEST_F(TransferDisplayTest, TheTransferStateShowsTheBarAndShutsClearLog) {
 }
 
 TEST_F(TransferDisplayTest, TheElapsedTimeIsLoggedOncePerSession) {
-    window->LogElapsedTime();
+    window_->LogElapsedTime();
     const size_t lines = Observed().size();
     EXPECT_EQ(lines, 1u);  // nothing ran: no line
     TheEngine.TransferStartTime = WallSeconds() - 3725;
-    window->LogElapsedTime();
-    window->LogElapsedTime();
+    window_->LogElapsedTime();
+    window_->LogElapsedTime();
     const std::vector<std::string> observed = Observed();
     ASSERT_EQ(observed.size(), 2u);
     // A second may pass between the two readings of the clock.
@@ -222,15 +222,15 @@ TEST_F(TransferDisplayTest, TheIncomingListShowsTheWireSizesAndLosesItsTopRow) {
     list[2].EntryKind = KindProgramFile;
     list[2].TotalLength = 12;
     TheEngine.ReceiveCount = 3;
-    window->ListIncomingFiles();
+    window_->ListIncomingFiles();
     std::vector<ListRow> rows = Controls().Rows(IDC_FILE_LIST);
     ASSERT_EQ(rows.size(), 3u);
-    EXPECT_EQ(rows[0].text, "Smith-A");
-    EXPECT_EQ(rows[0].detail, "");
-    EXPECT_EQ(rows[0].image, KindFolderMarker);
-    EXPECT_EQ(rows[1].detail, "131075");
-    EXPECT_EQ(rows[2].image, KindProgramFile);
-    window->RemoveTopFileRow();
+    EXPECT_EQ(rows[0].Text, "Smith-A");
+    EXPECT_EQ(rows[0].Detail, "");
+    EXPECT_EQ(rows[0].Image, KindFolderMarker);
+    EXPECT_EQ(rows[1].Detail, "131075");
+    EXPECT_EQ(rows[2].Image, KindProgramFile);
+    window_->RemoveTopFileRow();
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"report.txt", "tool.exe"}));
     TheEngine.ReceiveCount = 0;
 }

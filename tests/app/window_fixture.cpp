@@ -23,12 +23,12 @@ void BlockPorts(const std::string& folder) {
 }
 
 void WindowTest::SetUp() {
-    BlockPorts(folder.Path());
+    BlockPorts(folder_.Path());
     SetMessageBoxHandler([this](const std::string& text) {
         std::lock_guard<std::mutex> guard(lock_);
         messages_.push_back(text);
     });
-    BuildPaths(folder.Path());
+    BuildPaths(folder_.Path());
     CreateFolder(IncomingPath);
     CreateFolder(PickUpPath);
     StartWindow();
@@ -56,39 +56,39 @@ void WindowTest::StartWindow() {
     LoadPreferences();
     LoadDirectory();
     LoadStatusLog();
-    window = std::make_unique<MainWindow>();
-    window->SetLogObserver([this](const std::string& line) {
+    window_ = std::make_unique<MainWindow>();
+    window_->SetLogObserver([this](const std::string& line) {
         std::lock_guard<std::mutex> guard(lock_);
         observed_.push_back(line);
     });
-    ASSERT_TRUE(window->OnInitDialog());
+    ASSERT_TRUE(window_->OnInitDialog());
 }
 
 void WindowTest::StopWindow() {
-    if (!window) {
+    if (!window_) {
         return;
     }
-    window->PrepareExit();
+    window_->PrepareExit();
     for (int timer : {TimerSplashOpen, TimerSplashClose, TimerFindAdapter, TimerHotFolders}) {
         MainLoop().KillTimer(timer);
     }
     CommPortClose();
     CommPortDestroy();
-    if (window->EngineStarted()) {
+    if (window_->EngineStarted()) {
         EngineShutdown();
     }
     FreeStatusLog();
-    window.reset();
+    window_.reset();
 }
 
 std::string WindowTest::MakeFile(const std::string& name, size_t size, char fill) {
-    const std::string path = folder / name;
+    const std::string path = folder_ / name;
     WriteWholeFile(path, std::string(size, fill));
     return path;
 }
 
 std::string WindowTest::MakeFolder(const std::string& name) {
-    const std::string path = folder / name;
+    const std::string path = folder_ / name;
     CreateFolder(path);
     return path;
 }
@@ -106,7 +106,7 @@ std::vector<std::string> WindowTest::Observed() const {
 std::vector<std::string> WindowTest::RowTexts(int id) {
     std::vector<std::string> texts;
     for (const ListRow& row : Controls().Rows(id)) {
-        texts.push_back(row.text);
+        texts.push_back(row.Text);
     }
     return texts;
 }

@@ -37,8 +37,8 @@ protected:
     // Rows of a list, by their text.
     static std::vector<std::string> RowTexts(int id);
 
-    TempFolder folder;
-    std::unique_ptr<MainWindow> window;
+    TempFolder folder_;
+    std::unique_ptr<MainWindow> window_;
 
 private:
     mutable std::mutex lock_;

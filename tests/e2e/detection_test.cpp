@@ -9,13 +9,13 @@
 namespace {
 
 struct Family {
-    const char* name;     // the adapter's family for virtual-ta
-    const char* label;    // what follows the number in IDC_OWN_NUMBER
-    const char* topLine;  // the last line of the speed ladder
-    const char* checked;  // the Port Speed item checked afterwards
+    const char* Name;     // the adapter's family for virtual-ta
+    const char* Label;    // what follows the number in IDC_OWN_NUMBER
+    const char* TopLine;  // the last line of the speed ladder
+    const char* Checked;  // the Port Speed item checked afterwards
 };
 
-const Family kFamilies[] = {
+const Family Families[] = {
     {"bitsurfr", "     BitSURFR Pro", "Test Successful through 230400 bps.", "230400"},
     {"adtran-xr", "     AdTran Express XR", "Test Successful through 115200 bps.", "115200"},
     {"adtran-xrt", "     AdTran Express XRT", "Test Successful through 115200 bps.", "115200"},
@@ -34,7 +34,7 @@ TEST_P(Detection, FindsTheAdapterShowsItsNumberAndTakesTheIncomingProfile) {
     TempFolder root;
     const std::string folder = MakeInstallation(root, "station");
     const std::string number = "4930123456789";
-    VirtualAdapters adapters({folder + "/COM1=" + family.name + ":" + number});
+    VirtualAdapters adapters({folder + "/COM1=" + family.Name + ":" + number});
     Station station(folder);
     ASSERT_TRUE(station.WaitForLog("Initializing Incoming: V.120 - 64K"));
 
@@ -42,22 +42,22 @@ TEST_P(Detection, FindsTheAdapterShowsItsNumberAndTakesTheIncomingProfile) {
         station.LogLines(), {"Searching", "Testing", "Test Successful", "Initializing"});
     std::vector<std::string> expected = {"Searching Comm Port 1", "Testing 57600 bps...",
                                          "Testing 115200 bps..."};
-    if (std::string(family.checked) == "230400") {
+    if (std::string(family.Checked) == "230400") {
         expected.push_back("Testing 230400 bps...");
     }
-    expected.push_back(family.topLine);
+    expected.push_back(family.TopLine);
     expected.push_back("Initializing Incoming: V.120 - 64K");
     EXPECT_EQ(search, expected);
-    if (std::string(family.name).rfind("zyxel", 0) == 0) {
+    if (std::string(family.Name).rfind("zyxel", 0) == 0) {
         EXPECT_TRUE(station.WaitForLog("2B channel connection OFF"));
         EXPECT_TRUE(station.WaitForLog("V.42bis compression OFF"));
     }
 
     EXPECT_EQ(station.ShowControl("IDC_OWN_NUMBER"),
               std::string("control IDC_OWN_NUMBER text=\"Your ISDN Number: ") + number +
-                  family.label + "\" enabled=1 shown=1");
+                  family.Label + "\" enabled=1 shown=1");
     EXPECT_NE(station.ShowControl("menu text=\"&Port Speed\"")
-                  .find(std::string("checked=\"") + family.checked + "\""),
+                  .find(std::string("checked=\"") + family.Checked + "\""),
               std::string::npos);
     EXPECT_TRUE(station.Messages().empty());
     EXPECT_EQ(station.Quit(), 0);
@@ -69,9 +69,9 @@ TEST_P(Detection, FindsTheAdapterShowsItsNumberAndTakesTheIncomingProfile) {
     EXPECT_EQ(std::string(prefs.data() + 4, 4), std::string("\x00\x84\x03\x00", 4)) << "230400";
 }
 
-INSTANTIATE_TEST_SUITE_P(EveryFamily, Detection, ::testing::ValuesIn(kFamilies),
+INSTANTIATE_TEST_SUITE_P(EveryFamily, Detection, ::testing::ValuesIn(Families),
                          [](const ::testing::TestParamInfo<Family>& info) {
-                             std::string name = info.param.name;
+                             std::string name = info.param.Name;
                              for (char& c : name) {
                                  c = c == '-' ? '_' : c;
                              }

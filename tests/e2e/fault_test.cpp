@@ -49,8 +49,8 @@ std::string Drop(size_t offset) {
 }
 
 struct SampleFile {
-    std::string name;
-    std::string bytes;
+    std::string Name;
+    std::string Bytes;
 };
 
 // Two stations, Alice calling Bob, on adapters with the given faults.
@@ -71,24 +71,24 @@ public:
 
     void Choose(const std::vector<SampleFile>& files) {
         for (const SampleFile& file : files) {
-            EXPECT_EQ(alice->Command("choose " + Sample(file.name, file.bytes)), "ok");
+            EXPECT_EQ(Alice->Command("choose " + Sample(file.Name, file.Bytes)), "ok");
         }
     }
 
     // Both logs, for a failure's message.
     std::string Logs() const {
         std::string all;
-        for (const std::string& entry : alice->LogLines()) {
+        for (const std::string& entry : Alice->LogLines()) {
             all += "alice | " + entry + "\n";
         }
-        for (const std::string& entry : bob->LogLines()) {
+        for (const std::string& entry : Bob->LogLines()) {
             all += "bob   | " + entry + "\n";
         }
         return all;
     }
 
     std::vector<std::string> ErrorLines() const {
-        return LinesHolding(bob->LogLines(), {"Packet byte error"});
+        return LinesHolding(Bob->LogLines(), {"Packet byte error"});
     }
 };
 
@@ -106,9 +106,9 @@ TEST(FaultyLineTest, ACorruptedByteInAnyKindOfSectionIsFoundAndTheSectionSentAga
     const std::string big = RandomBytes(7 * SectionData + 9000, 11);
     const size_t start = ListBytes(1);
     struct Case {
-        const char* what;
-        size_t offset;
-        const char* line;
+        const char* What;
+        size_t Offset;
+        const char* Line;
     };
     const std::vector<Case> cases = {
         {"first section", DataByte(start, 0, 700), "Packet byte error 2."},
@@ -117,11 +117,11 @@ TEST(FaultyLineTest, ACorruptedByteInAnyKindOfSectionIsFoundAndTheSectionSentAga
         {"a checksum byte", start + 5 * SectionOnLine + 1, "Packet byte error 2."},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        FaultyLine line({Corrupt(c.offset)});
+        SCOPED_TRACE(c.What);
+        FaultyLine line({Corrupt(c.Offset)});
         line.Choose({{"big.bin", big}});
         line.SendThrough();
-        EXPECT_EQ(line.ErrorLines(), std::vector<std::string>{c.line});
+        EXPECT_EQ(line.ErrorLines(), std::vector<std::string>{c.Line});
         ExpectSameBytes(line.IncomingPath("big.bin"), big);
     }
 }
@@ -162,10 +162,10 @@ TEST(FaultyLineTest, ACallCutOffAnywhereLeavesWholeFilesOrAResumableOneAndTheRes
     const size_t start = ListBytes(2);
     const size_t noteStart = start + StreamBytes(big.size());
     struct Case {
-        const char* what;
-        size_t offset;
-        bool bigComplete;
-        size_t keptBytes;  // of the file in progress
+        const char* What;
+        size_t Offset;
+        bool BigComplete;
+        size_t KeptBytes;  // of the file in progress
     };
     const std::vector<Case> cases = {
         {"inside the fourth section", DataByte(start, 3, 40000), false, 3 * SectionData},
@@ -173,30 +173,30 @@ TEST(FaultyLineTest, ACallCutOffAnywhereLeavesWholeFilesOrAResumableOneAndTheRes
         {"in the second file", noteStart + 5000, true, 0},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        FaultyLine line({Drop(c.offset)});
+        SCOPED_TRACE(c.What);
+        FaultyLine line({Drop(c.Offset)});
         line.Choose({{"big.bin", big}, {"note.txt", note}});
-        ASSERT_EQ(line.alice->Command("send"), "ok");
-        ASSERT_TRUE(line.bob->WaitForLog("Disconnected"));
-        ASSERT_TRUE(line.alice->WaitForLog("Disconnected"));
+        ASSERT_EQ(line.Alice->Command("send"), "ok");
+        ASSERT_TRUE(line.Bob->WaitForLog("Disconnected"));
+        ASSERT_TRUE(line.Alice->WaitForLog("Disconnected"));
         line.BackToIdle();
 
-        const std::string inProgress = c.bigComplete ? "note.txt" : "big.bin";
-        if (c.bigComplete) {
+        const std::string inProgress = c.BigComplete ? "note.txt" : "big.bin";
+        if (c.BigComplete) {
             ExpectSameBytes(line.IncomingPath("big.bin"), big);
         }
         ASSERT_TRUE(PathExists(line.IncomingPath(inProgress)));
-        EXPECT_EQ(ReadWholeFile(line.IncomingPath(inProgress)).size(), c.keptBytes);
-        if (!c.bigComplete) {
+        EXPECT_EQ(ReadWholeFile(line.IncomingPath(inProgress)).size(), c.KeptBytes);
+        if (!c.BigComplete) {
             EXPECT_FALSE(PathExists(line.IncomingPath("note.txt")));
         }
 
         // The same list again: what is left of it goes, the file in progress
         // from where it stopped.
         line.SendThrough();
-        EXPECT_EQ(LinesHolding(line.alice->LogLines(), {"Sending Recovered File: "}),
+        EXPECT_EQ(LinesHolding(line.Alice->LogLines(), {"Sending Recovered File: "}),
                   std::vector<std::string>{"Sending Recovered File: " + inProgress});
-        EXPECT_EQ(LinesHolding(line.bob->LogLines(), {"Recovering File: "}),
+        EXPECT_EQ(LinesHolding(line.Bob->LogLines(), {"Recovering File: "}),
                   std::vector<std::string>{"Recovering File: " + inProgress});
         ExpectSameBytes(line.IncomingPath("big.bin"), big);
         ExpectSameBytes(line.IncomingPath("note.txt"), note);
@@ -211,10 +211,10 @@ TEST(FaultyLineTest, ACallCutOffAnywhereLeavesWholeFilesOrAResumableOneAndTheRes
 // her the line has gone, and the next call goes through.
 TEST(FaultyLineTest, AFarEndThatFallsSilentIsLetGoAndBothStationsCanBeCalledAgain) {
     struct Case {
-        const char* what;
-        const char* rate;
-        const char* stopAfter;  // a line of Alice's log
-        const char* bobWaitsFor;
+        const char* What;
+        const char* Rate;
+        const char* StopAfter;  // a line of Alice's log
+        const char* BobWaitsFor;
     };
     const std::vector<Case> cases = {
         {"silent from the start", "0", "at 555-2002", "Connected"},
@@ -222,23 +222,23 @@ TEST(FaultyLineTest, AFarEndThatFallsSilentIsLetGoAndBothStationsCanBeCalledAgai
     };
     const std::string note = RandomBytes(30000, 16);
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        FaultyLine line({}, c.rate);
+        SCOPED_TRACE(c.What);
+        FaultyLine line({}, c.Rate);
         line.Choose({{"note.txt", note}});
-        ASSERT_EQ(line.alice->Command("send"), "ok");
-        ASSERT_TRUE(line.alice->WaitForLog(c.stopAfter));
-        ASSERT_EQ(kill(line.alice->Pid(), SIGSTOP), 0);
-        EXPECT_TRUE(line.bob->WaitForLog(c.bobWaitsFor));
-        const bool ended = line.bob->WaitForLog("Disconnected");
-        EXPECT_TRUE(line.bob->WaitForLog("Reinitializing Incoming"));
-        ASSERT_EQ(kill(line.alice->Pid(), SIGCONT), 0);
+        ASSERT_EQ(line.Alice->Command("send"), "ok");
+        ASSERT_TRUE(line.Alice->WaitForLog(c.StopAfter));
+        ASSERT_EQ(kill(line.Alice->Pid(), SIGSTOP), 0);
+        EXPECT_TRUE(line.Bob->WaitForLog(c.BobWaitsFor));
+        const bool ended = line.Bob->WaitForLog("Disconnected");
+        EXPECT_TRUE(line.Bob->WaitForLog("Reinitializing Incoming"));
+        ASSERT_EQ(kill(line.Alice->Pid(), SIGCONT), 0);
         ASSERT_TRUE(ended);
-        ASSERT_TRUE(line.alice->WaitForLog("Disconnected", std::chrono::seconds(20)))
+        ASSERT_TRUE(line.Alice->WaitForLog("Disconnected", std::chrono::seconds(20)))
             << line.Logs();
-        ASSERT_TRUE(line.alice->WaitForLog("Reinitializing Incoming"));
-        ASSERT_EQ(line.alice->Command("wait-state idle 30"), "ok");
-        ASSERT_EQ(line.bob->Command("wait-state idle 30"), "ok");
-        EXPECT_TRUE(LinesHolding(line.bob->LogLines(), {"Hang-up failed."}).empty());
+        ASSERT_TRUE(line.Alice->WaitForLog("Reinitializing Incoming"));
+        ASSERT_EQ(line.Alice->Command("wait-state idle 30"), "ok");
+        ASSERT_EQ(line.Bob->Command("wait-state idle 30"), "ok");
+        EXPECT_TRUE(LinesHolding(line.Bob->LogLines(), {"Hang-up failed."}).empty());
 
         line.SendThrough();
         ExpectSameBytes(line.IncomingPath("note.txt"), note);
@@ -250,38 +250,38 @@ TEST(FaultyLineTest, AFarEndThatFallsSilentIsLetGoAndBothStationsCanBeCalledAgai
 // state of the transfer: both stations end the call, and the next call sends
 // the file through.
 struct DisconnectCase {
-    const char* what;
-    bool byReceiver;
-    const char* state;  // the state the sender waits for before the press
-    int presses;
+    const char* What;
+    bool ByReceiver;
+    const char* State;  // the state the sender waits for before the press
+    int Presses;
 };
 
 void DisconnectAndSendAgain(const DisconnectCase& c) {
-    SCOPED_TRACE(c.what);
+    SCOPED_TRACE(c.What);
     const std::string note = RandomBytes(72000, 17);
     FaultyLine line({}, "24000");
     line.Choose({{"note.txt", note}});
-    ASSERT_EQ(line.alice->Command("send"), "ok");
-    ASSERT_EQ(line.alice->Command(std::string("wait-state ") + c.state + " 30"), "ok");
-    if (c.byReceiver) {
-        ASSERT_EQ(line.bob->Command("wait-state transfer 30"), "ok");
+    ASSERT_EQ(line.Alice->Command("send"), "ok");
+    ASSERT_EQ(line.Alice->Command(std::string("wait-state ") + c.State + " 30"), "ok");
+    if (c.ByReceiver) {
+        ASSERT_EQ(line.Bob->Command("wait-state transfer 30"), "ok");
     }
-    Station& presser = c.byReceiver ? *line.bob : *line.alice;
-    for (int press = 0; press < c.presses; ++press) {
+    Station& presser = c.ByReceiver ? *line.Bob : *line.Alice;
+    for (int press = 0; press < c.Presses; ++press) {
         // A second press may find the call already over, its button off.
         const std::string answer = presser.Command("disconnect");
         EXPECT_TRUE(press > 0 || answer == "ok") << answer;
     }
-    ASSERT_TRUE(line.alice->WaitForLog("Disconnected")) << line.Logs();
-    ASSERT_TRUE(line.bob->WaitForLog("Disconnected")) << line.Logs();
+    ASSERT_TRUE(line.Alice->WaitForLog("Disconnected")) << line.Logs();
+    ASSERT_TRUE(line.Bob->WaitForLog("Disconnected")) << line.Logs();
     line.BackToIdle();
-    if (c.byReceiver) {
-        EXPECT_EQ(LinesHolding(line.alice->LogLines(), {"Received abort request."}).size(), 1u);
+    if (c.ByReceiver) {
+        EXPECT_EQ(LinesHolding(line.Alice->LogLines(), {"Received abort request."}).size(), 1u);
     }
     // A file whose every byte had arrived, but whose ACK had not when the
     // line went, is complete at the receiver and is sent again in full
     // beside it, since the sender cannot know; any other stays resumable.
-    const bool arrivedWhole = !LinesHolding(line.bob->LogLines(), {"All files received."}).empty();
+    const bool arrivedWhole = !LinesHolding(line.Bob->LogLines(), {"All files received."}).empty();
 
     line.SendThrough();
     ExpectSameBytes(line.IncomingPath("note.txt"), note);
@@ -289,7 +289,7 @@ void DisconnectAndSendAgain(const DisconnectCase& c) {
     if (arrivedWhole) {
         ExpectSameBytes(line.IncomingPath("note.txt-A"), note);
     } else {
-        EXPECT_EQ(LinesHolding(line.bob->LogLines(), {"Recovering File: "}),
+        EXPECT_EQ(LinesHolding(line.Bob->LogLines(), {"Recovering File: "}),
                   std::vector<std::string>{"Recovering File: note.txt"});
     }
 }

@@ -20,7 +20,7 @@ class HostilePeer : public PeerAndStation {
 protected:
     // Dials the station and exchanges SYNCON and RCVCON.
     void Call() {
-        ASSERT_TRUE(port->Dial("5552002"));
+        ASSERT_TRUE(port_->Dial("5552002"));
         Resync();
     }
 
@@ -29,8 +29,8 @@ protected:
     // behind the refusal with it, so one is sent again after a while.
     void Resync() {
         for (int attempt = 0; attempt < 10; ++attempt) {
-            port->Send("SYNCON\r\n");
-            if (port->ReceiveUntil("RCVCON\r\n", 1000).find("RCVCON\r\n") != std::string::npos) {
+            port_->Send("SYNCON\r\n");
+            if (port_->ReceiveUntil("RCVCON\r\n", 1000).find("RCVCON\r\n") != std::string::npos) {
                 return;
             }
         }
@@ -41,7 +41,7 @@ protected:
     // SYNCON brought.
     std::string Reply(int timeoutMs) {
         for (;;) {
-            const std::string line = port->ReceiveUntil("\r\n", timeoutMs);
+            const std::string line = port_->ReceiveUntil("\r\n", timeoutMs);
             if (line != "RCVCON\r\n") {
                 return line;
             }
@@ -50,14 +50,14 @@ protected:
 
     // Hangs up, whoever has not yet, and waits until the station is idle.
     void EndCall() {
-        EXPECT_TRUE(port->HangUp());
-        ASSERT_TRUE(station->WaitForLog("Disconnected")) << Log();
-        ASSERT_EQ(station->Command("wait-state idle 30"), "ok");
+        EXPECT_TRUE(port_->HangUp());
+        ASSERT_TRUE(station_->WaitForLog("Disconnected")) << Log();
+        ASSERT_EQ(station_->Command("wait-state idle 30"), "ok");
     }
 
     std::string Log() const {
         std::string all;
-        for (const std::string& line : station->LogLines()) {
+        for (const std::string& line : station_->LogLines()) {
             all += line + "\n";
         }
         return all;
@@ -67,38 +67,38 @@ protected:
     // command comes behind every log line it had added before, so the lines
     // in hand are all there are.
     long Count(const std::string& line) {
-        station->ShowControl("IDC_SEND");
-        const std::vector<std::string> lines = station->LogLines();
+        station_->ShowControl("IDC_SEND");
+        const std::vector<std::string> lines = station_->LogLines();
         return std::count(lines.begin(), lines.end(), line);
     }
 
     // A plain session after all the rest: the station is unharmed.
     void ExpectANormalCallStillWorks() {
         const std::vector<peer::File> files = {{"after.txt", RandomBytes(30000, 31)}};
-        ASSERT_TRUE(port->Dial("5552002"));
-        EXPECT_EQ(peer::SendSession(*port, files), "");
+        ASSERT_TRUE(port_->Dial("5552002"));
+        EXPECT_EQ(peer::SendSession(*port_, files), "");
         EndCall();
-        EXPECT_TRUE(Incoming("after.txt") == files[0].bytes);
+        EXPECT_TRUE(Incoming("after.txt") == files[0].Bytes);
     }
 
     // A file of these bytes, chosen for the station to send to the peer.
     void ChooseAFileForThePeer(const std::string& bytes) {
-        ASSERT_TRUE(CreateFolder(root / "samples"));
-        WriteWholeFile(root / "samples/out.bin", bytes);
-        ASSERT_EQ(station->Command("choose " + (root / "samples/out.bin")), "ok");
-        ASSERT_EQ(station->Command("name Peer"), "ok");
-        ASSERT_EQ(station->Command("number 5553003"), "ok");
+        ASSERT_TRUE(CreateFolder(root_ / "samples"));
+        WriteWholeFile(root_ / "samples/out.bin", bytes);
+        ASSERT_EQ(station_->Command("choose " + (root_ / "samples/out.bin")), "ok");
+        ASSERT_EQ(station_->Command("name Peer"), "ok");
+        ASSERT_EQ(station_->Command("number 5553003"), "ok");
     }
 
     // The station sends its one file: the peer answers its call and takes
     // the offer up to the list.
     void TakeTheOffer() {
-        ASSERT_EQ(station->Command("send"), "ok");
-        ASSERT_TRUE(port->Answer(30000));
-        ASSERT_NE(port->ReceiveUntil("SYNCON\r\n", 5000).find("SYNCON"), std::string::npos);
-        port->Send("RCVCON\r\n");
-        ASSERT_NE(port->ReceiveUntil("H100\r\n", 5000).find("H100"), std::string::npos);
-        ASSERT_EQ(port->Receive(28 + 56, 3000).size(), 28u + 56u);
+        ASSERT_EQ(station_->Command("send"), "ok");
+        ASSERT_TRUE(port_->Answer(30000));
+        ASSERT_NE(port_->ReceiveUntil("SYNCON\r\n", 5000).find("SYNCON"), std::string::npos);
+        port_->Send("RCVCON\r\n");
+        ASSERT_NE(port_->ReceiveUntil("H100\r\n", 5000).find("H100"), std::string::npos);
+        ASSERT_EQ(port_->Receive(28 + 56, 3000).size(), 28u + 56u);
     }
 
     // A gap between two pieces of one token or record: longer than a token
@@ -122,8 +122,8 @@ TEST_F(HostilePeer, NamesAreMadeSafeAndNothingLandsOutsideIncomingFiles) {
         {longName, "a name of 31 characters"},
         {"", "no name at all"},
     };
-    ASSERT_TRUE(port->Dial("5552002"));
-    EXPECT_EQ(peer::SendSession(*port, files, "../up"), "");
+    ASSERT_TRUE(port_->Dial("5552002"));
+    EXPECT_EQ(peer::SendSession(*port_, files, "../up"), "");
     EndCall();
     EXPECT_EQ(Incoming(".._up/.._escape.txt"), "up and out");
     EXPECT_EQ(Incoming(".._up/a_b.txt"), "into a folder");
@@ -139,30 +139,30 @@ TEST_F(HostilePeer, NamesAreMadeSafeAndNothingLandsOutsideIncomingFiles) {
     // and the name of 31 that is left, taken already, keeps 29 in front of its
     // suffix. Every token and record comes in pieces, some further apart than
     // a token read waits.
-    WriteWholeFile(stationPath + "/Incoming Files/" + longName, "here before");
+    WriteWholeFile(stationPath_ + "/Incoming Files/" + longName, "here before");
     const std::string data = RandomBytes(20000, 32);
     const uint32_t length = peer::StreamLength(data.size());
     std::string entry = peer::Entry(longName, 0, length, length);
     entry[31] = 'Z';
     const std::string list = peer::Header(1, length) + entry;
     const std::string stream = peer::Stream(data);
-    ASSERT_TRUE(port->Dial("5552002"));
-    port->Send("SYN");
+    ASSERT_TRUE(port_->Dial("5552002"));
+    port_->Send("SYN");
     LongPause();
-    port->Send("CON\r\n");
-    ASSERT_EQ(port->ReceiveUntil("RCVCON\r\n", 5000), "RCVCON\r\n");
-    port->Send("H1");
+    port_->Send("CON\r\n");
+    ASSERT_EQ(port_->ReceiveUntil("RCVCON\r\n", 5000), "RCVCON\r\n");
+    port_->Send("H1");
     LongPause();
-    port->Send("00\r\n" + list.substr(0, 10));
+    port_->Send("00\r\n" + list.substr(0, 10));
     ShortPause();
-    port->Send(list.substr(10, 40));
+    port_->Send(list.substr(10, 40));
     ShortPause();
-    port->Send(list.substr(50));
-    ASSERT_EQ(port->ReceiveUntil("\r\n", 5000), "ACK3\r\n");
-    port->Send(stream.substr(0, 7000));
+    port_->Send(list.substr(50));
+    ASSERT_EQ(port_->ReceiveUntil("\r\n", 5000), "ACK3\r\n");
+    port_->Send(stream.substr(0, 7000));
     ShortPause();
-    port->Send(stream.substr(7000));
-    EXPECT_EQ(port->ReceiveUntil("\r\n", 5000), "ACK2\r\n");
+    port_->Send(stream.substr(7000));
+    EXPECT_EQ(port_->ReceiveUntil("\r\n", 5000), "ACK2\r\n");
     EndCall();
     EXPECT_TRUE(Incoming(longName.substr(0, 29) + "-A") == data);
     EXPECT_EQ(Incoming(longName), "here before");
@@ -174,10 +174,10 @@ TEST_F(HostilePeer, ListsThatCannotBeRightAreRefusedEachWithItsLogLine) {
     const auto before = PathsOutsideIncoming();
     const std::string one = peer::Entry("one.txt", 0, 1002, 1002);
     struct Case {
-        const char* what;
-        std::string records;
-        const char* reply;  // the token that answers, "" for none
-        const char* logLine;
+        const char* What;
+        std::string Records;
+        const char* Reply;  // the token that answers, "" for none
+        const char* LogLine;
     };
     const std::vector<Case> cases = {
         {"101 files", peer::Header(101, 0), "NAK4\r\n", "Corrupted file list."},
@@ -197,24 +197,24 @@ TEST_F(HostilePeer, ListsThatCannotBeRightAreRefusedEachWithItsLogLine) {
     // All in one call: a refused list leaves the call open for another.
     Call();
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        const long seen = Count(c.logLine);
-        port->Send("H100\r\n" + c.records);
-        ASSERT_TRUE(station->WaitForLog(c.logLine)) << Log();
-        if (*c.reply != '\0') {
-            EXPECT_EQ(Reply(3000), c.reply);
+        SCOPED_TRACE(c.What);
+        const long seen = Count(c.LogLine);
+        port_->Send("H100\r\n" + c.Records);
+        ASSERT_TRUE(station_->WaitForLog(c.LogLine)) << Log();
+        if (*c.Reply != '\0') {
+            EXPECT_EQ(Reply(3000), c.Reply);
         }
-        EXPECT_EQ(Count(c.logLine), seen + 1);
+        EXPECT_EQ(Count(c.LogLine), seen + 1);
         Resync();
     }
     EXPECT_EQ(Count("Read Buffer Timeout"), 2);  // the short list and the short header
 
     // A wrong magic number: the station hangs up at once, without a word.
     const long corrupted = Count("Corrupted file list.");
-    port->Send("H100\r\n" + peer::Header(1, 1002, 0x0055AAFFu) + one);
-    EXPECT_NE(port->ReceiveUntil("NO CARRIER", 15000).find("NO CARRIER"), std::string::npos);
-    ASSERT_TRUE(station->WaitForLog("Disconnected"));
-    ASSERT_EQ(station->Command("wait-state idle 30"), "ok");
+    port_->Send("H100\r\n" + peer::Header(1, 1002, 0x0055AAFFu) + one);
+    EXPECT_NE(port_->ReceiveUntil("NO CARRIER", 15000).find("NO CARRIER"), std::string::npos);
+    ASSERT_TRUE(station_->WaitForLog("Disconnected"));
+    ASSERT_EQ(station_->Command("wait-state idle 30"), "ok");
     EXPECT_EQ(Count("Corrupted file list."), corrupted);
 
     // A hundred files is the most a list may hold.
@@ -222,13 +222,13 @@ TEST_F(HostilePeer, ListsThatCannotBeRightAreRefusedEachWithItsLogLine) {
     for (int i = 0; i < 100; ++i) {
         hundred.push_back({"e" + std::to_string(i), ""});
     }
-    ASSERT_TRUE(port->Dial("5552002"));
-    EXPECT_EQ(peer::SendSession(*port, hundred), "");
+    ASSERT_TRUE(port_->Dial("5552002"));
+    EXPECT_EQ(peer::SendSession(*port_, hundred), "");
     EndCall();
-    EXPECT_TRUE(PathExists(stationPath + "/Incoming Files/e0"));
-    EXPECT_TRUE(PathExists(stationPath + "/Incoming Files/e99"));
+    EXPECT_TRUE(PathExists(stationPath_ + "/Incoming Files/e0"));
+    EXPECT_TRUE(PathExists(stationPath_ + "/Incoming Files/e99"));
     for (const char* refused : {"one.txt", "huge", "huger", "odd", "F"}) {
-        EXPECT_FALSE(PathExists(stationPath + "/Incoming Files/" + refused)) << refused;
+        EXPECT_FALSE(PathExists(stationPath_ + "/Incoming Files/" + refused)) << refused;
     }
     EXPECT_EQ(PathsOutsideIncoming(), before);
     ExpectANormalCallStillWorks();
@@ -238,25 +238,25 @@ TEST_F(HostilePeer, EndlessLinesAndNoiseHarmNothing) {
     const auto before = PathsOutsideIncoming();
     Call();
     // A line of 1023 bytes with its CR LF is the longest that is read whole.
-    port->Send(std::string(1015, 'x') + "SYNCON\r\n");
-    EXPECT_EQ(port->ReceiveUntil("\r\n", 3000), "RCVCON\r\n");
+    port_->Send(std::string(1015, 'x') + "SYNCON\r\n");
+    EXPECT_EQ(port_->ReceiveUntil("\r\n", 3000), "RCVCON\r\n");
     EXPECT_EQ(Count("Serial Limit Reached"), 0);
     // One byte more and the read gives up, with its log line.
-    port->Send(std::string(1022, 'x') + "\r\n");
-    ASSERT_TRUE(station->WaitForLog("Serial Limit Reached")) << Log();
+    port_->Send(std::string(1022, 'x') + "\r\n");
+    ASSERT_TRUE(station_->WaitForLog("Serial Limit Reached")) << Log();
     Resync();
     EXPECT_EQ(Count("Serial Limit Reached"), 1);
     // Far longer lines, without any line end, and a token lost inside one.
-    port->Send(std::string(5000, 'y') + "SYNCON" + std::string(5000, 'z'));
-    ASSERT_TRUE(station->WaitForLog("Serial Limit Reached")) << Log();
+    port_->Send(std::string(5000, 'y') + "SYNCON" + std::string(5000, 'z'));
+    ASSERT_TRUE(station_->WaitForLog("Serial Limit Reached")) << Log();
     Resync();
     EXPECT_GE(Count("Serial Limit Reached"), 9);
     // Noise of every byte value.
-    port->Send(RandomBytes(65536, 33));
+    port_->Send(RandomBytes(65536, 33));
     Resync();
     EndCall();
     EXPECT_EQ(PathsOutsideIncoming(), before);
-    EXPECT_TRUE(std::filesystem::is_empty(stationPath + "/Incoming Files"));
+    EXPECT_TRUE(std::filesystem::is_empty(stationPath_ + "/Incoming Files"));
     ExpectANormalCallStillWorks();
 }
 
@@ -265,16 +265,16 @@ TEST_F(HostilePeer, EndlessLinesAndNoiseHarmNothing) {
 TEST_F(HostilePeer, ARecoveryBodyCutShortEndsTheSendersCall) {
     ChooseAFileForThePeer(RandomBytes(50000, 34));
     ASSERT_NO_FATAL_FAILURE(TakeTheOffer());
-    port->Send("FILERESTA3\r\n" + std::string(40, '\0'));
-    EXPECT_TRUE(station->WaitForLog("Read Buffer Timeout")) << Log();
+    port_->Send("FILERESTA3\r\n" + std::string(40, '\0'));
+    EXPECT_TRUE(station_->WaitForLog("Read Buffer Timeout")) << Log();
     EXPECT_EQ(Count("Read Buffer Timeout"), 1);
-    EXPECT_NE(port->ReceiveUntil("NO CARRIER", 15000).find("NO CARRIER"), std::string::npos);
-    ASSERT_TRUE(station->WaitForLog("Disconnected")) << Log();
-    ASSERT_EQ(station->Command("wait-state idle 30"), "ok");
+    EXPECT_NE(port_->ReceiveUntil("NO CARRIER", 15000).find("NO CARRIER"), std::string::npos);
+    ASSERT_TRUE(station_->WaitForLog("Disconnected")) << Log();
+    ASSERT_EQ(station_->Command("wait-state idle 30"), "ok");
     // Not a byte of the file went out, and it stays in the list, whole, for
     // the next call.
     EXPECT_EQ(Count("All files sent."), 0);
-    EXPECT_NE(station->ShowControl("IDC_FILE_LIST").find("out.bin"), std::string::npos);
+    EXPECT_NE(station_->ShowControl("IDC_FILE_LIST").find("out.bin"), std::string::npos);
 }
 
 // The station sends one file; the peer takes it whole, then asks for repairs
@@ -287,36 +287,36 @@ TEST_F(HostilePeer, RepairsOfNoFileOnItsWayAreNotActedOn) {
     ChooseAFileForThePeer(bytes);
     const auto takeTheFile = [&] {
         ASSERT_NO_FATAL_FAILURE(TakeTheOffer());
-        port->Send("ACK3\r\n");
+        port_->Send("ACK3\r\n");
         // Compared whole, so that a failure does not print the data.
-        ASSERT_TRUE(port->Receive(stream, 10000) == peer::Stream(bytes));
+        ASSERT_TRUE(port_->Receive(stream, 10000) == peer::Stream(bytes));
     };
 
     // Two sections from the second on, for a file of one: the feeder would
     // read past the file's end. The station ends the call instead, and the
     // file stays in its list for the next.
     ASSERT_NO_FATAL_FAILURE(takeTheFile());
-    port->Send("FILERECOVR\r\n" + peer::RecoveryBody(2 * 131072, 1, 2 * 131072));
-    port->Send("CONTSEND\r\n");
-    const std::string heard = port->ReceiveUntil("NO CARRIER", 15000);
+    port_->Send("FILERECOVR\r\n" + peer::RecoveryBody(2 * 131072, 1, 2 * 131072));
+    port_->Send("CONTSEND\r\n");
+    const std::string heard = port_->ReceiveUntil("NO CARRIER", 15000);
     EXPECT_NE(heard.find("NO CARRIER"), std::string::npos);
     EXPECT_EQ(heard.find("SENDRECOVR"), std::string::npos) << heard;
-    ASSERT_TRUE(station->WaitForLog("Disconnected")) << Log();
-    ASSERT_EQ(station->Command("wait-state idle 30"), "ok");
+    ASSERT_TRUE(station_->WaitForLog("Disconnected")) << Log();
+    ASSERT_EQ(station_->Command("wait-state idle 30"), "ok");
     EXPECT_EQ(Count("Cannot read file: out.bin"), 0) << Log();
     EXPECT_EQ(Count("All files sent."), 0);
-    EXPECT_NE(station->ShowControl("IDC_FILE_LIST").find("out.bin"), std::string::npos);
+    EXPECT_NE(station_->ShowControl("IDC_FILE_LIST").find("out.bin"), std::string::npos);
 
     // ACK4 takes the file off the list; a repair of it then has nothing to
     // act on, and the ACK2 behind it still ends the session at once.
     ASSERT_NO_FATAL_FAILURE(takeTheFile());
-    port->Send("ACK4\r\n");
-    port->Send("FILERECOVR\r\n" + peer::RecoveryBody(stream, 0, stream));
-    port->Send("CONTSEND\r\n");
-    port->Send("ACK2\r\n");
-    EXPECT_TRUE(station->WaitForLog("All files sent.", std::chrono::seconds(15))) << Log();
-    const std::string after = port->ReceiveUntil("NO CARRIER", 15000);
+    port_->Send("ACK4\r\n");
+    port_->Send("FILERECOVR\r\n" + peer::RecoveryBody(stream, 0, stream));
+    port_->Send("CONTSEND\r\n");
+    port_->Send("ACK2\r\n");
+    EXPECT_TRUE(station_->WaitForLog("All files sent.", std::chrono::seconds(15))) << Log();
+    const std::string after = port_->ReceiveUntil("NO CARRIER", 15000);
     EXPECT_NE(after.find("NO CARRIER"), std::string::npos);
     EXPECT_EQ(after.find("SENDRECOVR"), std::string::npos) << after;
-    ASSERT_EQ(station->Command("wait-state idle 30"), "ok");
+    ASSERT_EQ(station_->Command("wait-state idle 30"), "ok");
 }

@@ -17,26 +17,26 @@
 class PeerAndStation : public ::testing::Test {
 protected:
     void SetUp() override {
-        stationPath = MakeInstallation(root, "station");
-        adapters = std::make_unique<VirtualAdapters>(
-            std::vector<std::string>{stationPath + "/COM1=bitsurfr:5552002",
-                                     root / "peer-port=zyxel-2864:5553003"},
+        stationPath_ = MakeInstallation(root_, "station");
+        adapters_ = std::make_unique<VirtualAdapters>(
+            std::vector<std::string>{stationPath_ + "/COM1=bitsurfr:5552002",
+                                     root_ / "peer-port=zyxel-2864:5553003"},
             std::vector<std::string>{"--rate", "0"});
-        station = std::make_unique<Station>(stationPath);
-        ASSERT_TRUE(station->WaitForLog("Initializing Incoming"));
-        port = std::make_unique<peer::Port>(root / "peer-port");
-        ASSERT_TRUE(port->Command("AT"));
+        station_ = std::make_unique<Station>(stationPath_);
+        ASSERT_TRUE(station_->WaitForLog("Initializing Incoming"));
+        port_ = std::make_unique<peer::Port>(root_ / "peer-port");
+        ASSERT_TRUE(port_->Command("AT"));
     }
 
     std::string Incoming(const std::string& relative) const {
-        return ReadWholeFile(stationPath + "/Incoming Files/" + relative);
+        return ReadWholeFile(stationPath_ + "/Incoming Files/" + relative);
     }
 
     // Every path under the test's folder that is not inside "Incoming Files".
     std::set<std::string> PathsOutsideIncoming() const {
         std::set<std::string> paths;
-        const std::string incoming = stationPath + "/Incoming Files/";
-        for (const auto& item : std::filesystem::recursive_directory_iterator(root.Path())) {
+        const std::string incoming = stationPath_ + "/Incoming Files/";
+        for (const auto& item : std::filesystem::recursive_directory_iterator(root_.Path())) {
             const std::string path = item.path().string();
             if (path.rfind(incoming, 0) != 0) {
                 paths.insert(path);
@@ -45,9 +45,9 @@ protected:
         return paths;
     }
 
-    TempFolder root;
-    std::string stationPath;
-    std::unique_ptr<VirtualAdapters> adapters;
-    std::unique_ptr<Station> station;
-    std::unique_ptr<peer::Port> port;
+    TempFolder root_;
+    std::string stationPath_;
+    std::unique_ptr<VirtualAdapters> adapters_;
+    std::unique_ptr<Station> station_;
+    std::unique_ptr<peer::Port> port_;
 };

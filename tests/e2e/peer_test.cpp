@@ -19,16 +19,16 @@ TEST_F(PeerAndStation, APeerSendsAFolderOfFilesAndTheStationFilesThemIdentical) 
         {"whole.bin", RandomBytes(131070, 31)}, {"mid.bin", RandomBytes(131071, 22)},
         {"big.bin", RandomBytes(300000, 23)},
     };
-    ASSERT_TRUE(port->Dial("5552002"));
-    EXPECT_EQ(peer::SendSession(*port, files, "Album"), "");
-    EXPECT_TRUE(port->HangUp());
-    ASSERT_TRUE(station->WaitForLog("All files received."));
-    ASSERT_TRUE(station->WaitForLog("Disconnected"));
-    ASSERT_EQ(station->Command("wait-state idle 30"), "ok");
+    ASSERT_TRUE(port_->Dial("5552002"));
+    EXPECT_EQ(peer::SendSession(*port_, files, "Album"), "");
+    EXPECT_TRUE(port_->HangUp());
+    ASSERT_TRUE(station_->WaitForLog("All files received."));
+    ASSERT_TRUE(station_->WaitForLog("Disconnected"));
+    ASSERT_EQ(station_->Command("wait-state idle 30"), "ok");
     for (const peer::File& file : files) {
-        EXPECT_TRUE(Incoming("Album/" + file.name) == file.bytes) << file.name;
+        EXPECT_TRUE(Incoming("Album/" + file.Name) == file.Bytes) << file.Name;
     }
-    EXPECT_EQ(LinesHolding(station->LogLines(),
+    EXPECT_EQ(LinesHolding(station_->LogLines(),
                            {"Created new folder", "Receiving File", "All files received"}),
               (std::vector<std::string>{"Created new folder: Album", "Receiving File: hello.txt",
                                         "Receiving File: one.byte", "Receiving File: block.bin",
@@ -44,26 +44,26 @@ TEST_F(PeerAndStation, AStationSendsFilesAndThePeerReceivesThemIdentical) {
         {"one.byte", RandomBytes(1, 32)},       {"block.bin", RandomBytes(8190, 33)},
         {"whole.bin", RandomBytes(131070, 25)}, {"big.bin", RandomBytes(400000, 26)},
     };
-    ASSERT_TRUE(CreateFolder(root / "samples"));
+    ASSERT_TRUE(CreateFolder(root_ / "samples"));
     for (const peer::File& file : files) {
-        WriteWholeFile(root / "samples/" + file.name, file.bytes);
-        ASSERT_EQ(station->Command("choose " + (root / "samples/" + file.name)), "ok");
+        WriteWholeFile(root_ / "samples/" + file.Name, file.Bytes);
+        ASSERT_EQ(station_->Command("choose " + (root_ / "samples/" + file.Name)), "ok");
     }
-    ASSERT_EQ(station->Command("name Peer"), "ok");
-    ASSERT_EQ(station->Command("number 5553003"), "ok");
-    ASSERT_EQ(station->Command("send"), "ok");
-    ASSERT_TRUE(port->Answer(30000));
+    ASSERT_EQ(station_->Command("name Peer"), "ok");
+    ASSERT_EQ(station_->Command("number 5553003"), "ok");
+    ASSERT_EQ(station_->Command("send"), "ok");
+    ASSERT_TRUE(port_->Answer(30000));
     std::vector<peer::File> arrived;
-    EXPECT_EQ(peer::ReceiveSession(*port, arrived, nullptr, 2500), "");
+    EXPECT_EQ(peer::ReceiveSession(*port_, arrived, nullptr, 2500), "");
     ASSERT_EQ(arrived.size(), files.size());
     for (size_t i = 0; i < files.size(); ++i) {
-        EXPECT_EQ(arrived[i].name, files[i].name);
-        EXPECT_TRUE(arrived[i].bytes == files[i].bytes) << files[i].name;
+        EXPECT_EQ(arrived[i].Name, files[i].Name);
+        EXPECT_TRUE(arrived[i].Bytes == files[i].Bytes) << files[i].Name;
     }
     // The station hangs up once the last file is acknowledged.
-    EXPECT_NE(port->ReceiveUntil("NO CARRIER", 15000).find("NO CARRIER"), std::string::npos);
-    ASSERT_TRUE(station->WaitForLog("All files sent."));
-    ASSERT_EQ(station->Command("wait-state idle 30"), "ok");
+    EXPECT_NE(port_->ReceiveUntil("NO CARRIER", 15000).find("NO CARRIER"), std::string::npos);
+    ASSERT_TRUE(station_->WaitForLog("All files sent."));
+    ASSERT_EQ(station_->Command("wait-state idle 30"), "ok");
 }
 
 TEST_F(PeerAndStation, AStationSendsAFolderAndThePeerGetsItsMarkerFirst) {
@@ -71,28 +71,28 @@ TEST_F(PeerAndStation, AStationSendsAFolderAndThePeerGetsItsMarkerFirst) {
         {"a.txt", RandomBytes(5000, 27), 0},
         {"setup.exe", RandomBytes(131072, 28), 2},
     };
-    ASSERT_TRUE(CreateFolder(root / "Holiday"));
+    ASSERT_TRUE(CreateFolder(root_ / "Holiday"));
     for (const peer::File& file : files) {
-        WriteWholeFile(root / "Holiday/" + file.name, file.bytes);
+        WriteWholeFile(root_ / "Holiday/" + file.Name, file.Bytes);
     }
-    ASSERT_EQ(station->Command("add " + (root / "Holiday")), "ok");
-    ASSERT_EQ(station->Command("name Peer"), "ok");
-    ASSERT_EQ(station->Command("number 5553003"), "ok");
-    ASSERT_EQ(station->Command("send"), "ok");
-    ASSERT_TRUE(port->Answer(30000));
+    ASSERT_EQ(station_->Command("add " + (root_ / "Holiday")), "ok");
+    ASSERT_EQ(station_->Command("name Peer"), "ok");
+    ASSERT_EQ(station_->Command("number 5553003"), "ok");
+    ASSERT_EQ(station_->Command("send"), "ok");
+    ASSERT_TRUE(port_->Answer(30000));
     std::vector<peer::File> arrived;
     std::string folder;
-    EXPECT_EQ(peer::ReceiveSession(*port, arrived, &folder), "");
+    EXPECT_EQ(peer::ReceiveSession(*port_, arrived, &folder), "");
     EXPECT_EQ(folder, "Holiday");
     // A folder's files go in the order the folder lists them.
     std::sort(arrived.begin(), arrived.end(),
-              [](const peer::File& a, const peer::File& b) { return a.name < b.name; });
+              [](const peer::File& a, const peer::File& b) { return a.Name < b.Name; });
     ASSERT_EQ(arrived.size(), files.size());
     for (size_t i = 0; i < files.size(); ++i) {
-        EXPECT_EQ(arrived[i].name, files[i].name);
-        EXPECT_EQ(arrived[i].kind, files[i].kind) << files[i].name;
-        EXPECT_TRUE(arrived[i].bytes == files[i].bytes) << files[i].name;
+        EXPECT_EQ(arrived[i].Name, files[i].Name);
+        EXPECT_EQ(arrived[i].Kind, files[i].Kind) << files[i].Name;
+        EXPECT_TRUE(arrived[i].Bytes == files[i].Bytes) << files[i].Name;
     }
-    EXPECT_NE(port->ReceiveUntil("NO CARRIER", 15000).find("NO CARRIER"), std::string::npos);
-    ASSERT_TRUE(station->WaitForLog("All files sent."));
+    EXPECT_NE(port_->ReceiveUntil("NO CARRIER", 15000).find("NO CARRIER"), std::string::npos);
+    ASSERT_TRUE(station_->WaitForLog("All files sent."));
 }

@@ -20,27 +20,27 @@ TEST_F(TwoStations, AListOfFilesArrivesByteForByteWithTheLinesOfBothSides) {
     const std::string note = RandomBytes(10000, 1);
     const std::string mid = RandomBytes(131071, 2);
     const std::string big = RandomBytes(1 << 20, 3);
-    ASSERT_EQ(alice->Command("choose " + Sample("note.txt", note)), "ok");
-    ASSERT_EQ(alice->Command("choose " + Sample("mid.bin", mid)), "ok");
-    ASSERT_EQ(alice->Command("choose " + Sample("big.bin", big)), "ok");
-    ASSERT_EQ(alice->Command("choose " + Sample("empty.dat", "")), "ok");
+    ASSERT_EQ(Alice->Command("choose " + Sample("note.txt", note)), "ok");
+    ASSERT_EQ(Alice->Command("choose " + Sample("mid.bin", mid)), "ok");
+    ASSERT_EQ(Alice->Command("choose " + Sample("big.bin", big)), "ok");
+    ASSERT_EQ(Alice->Command("choose " + Sample("empty.dat", "")), "ok");
     SendThrough();
 
     EXPECT_TRUE(Received("note.txt") == note);
     EXPECT_TRUE(Received("mid.bin") == mid);
     EXPECT_TRUE(Received("big.bin") == big);
-    EXPECT_TRUE(PathExists(bobPath + "/Incoming Files/empty.dat"));
+    EXPECT_TRUE(PathExists(BobPath + "/Incoming Files/empty.dat"));
     EXPECT_EQ(Received("empty.dat"), "");
 
     const std::vector<std::string> sent =
-        LinesHolding(alice->LogLines(), {"Calling", "at 555", "Connected", "Sending File",
+        LinesHolding(Alice->LogLines(), {"Calling", "at 555", "Connected", "Sending File",
                                          "All files", "Disconnected", "Reinitializing Incoming"});
     EXPECT_EQ(sent, (std::vector<std::string>{
                         "Calling Bob", "at 555-2002", "Connected 230400", "Sending File: note.txt",
                         "Sending File: mid.bin", "Sending File: big.bin", "All files sent.",
                         "Disconnected", "Reinitializing Incoming: V.120 - 64K"}));
     const std::vector<std::string> received =
-        LinesHolding(bob->LogLines(), {"Connected", "Receiving File", "File received", "All files",
+        LinesHolding(Bob->LogLines(), {"Connected", "Receiving File", "File received", "All files",
                                        "Disconnected", "Reinitializing Incoming"});
     EXPECT_EQ(received, (std::vector<std::string>{
                             "Connected 115200", "Receiving File: note.txt", "File received.",
@@ -48,34 +48,34 @@ TEST_F(TwoStations, AListOfFilesArrivesByteForByteWithTheLinesOfBothSides) {
                             "File received.", "All files received.", "Disconnected",
                             "Reinitializing Incoming: V.120 - 64K"}));
     // The sender's list went down to nothing; the receiver's list is cleared.
-    EXPECT_NE(alice->ShowControl("IDC_FILE_LIST").find("rows=\"\""), std::string::npos);
-    EXPECT_NE(bob->ShowControl("IDC_FILE_LIST").find("rows=\"\""), std::string::npos);
-    EXPECT_NE(alice->ShowControl("IDC_RETRIEVE").find("enabled=1"), std::string::npos);
+    EXPECT_NE(Alice->ShowControl("IDC_FILE_LIST").find("rows=\"\""), std::string::npos);
+    EXPECT_NE(Bob->ShowControl("IDC_FILE_LIST").find("rows=\"\""), std::string::npos);
+    EXPECT_NE(Alice->ShowControl("IDC_RETRIEVE").find("enabled=1"), std::string::npos);
 }
 
 TEST_F(TwoStations, AFolderArrivesUnderItsNameAndASecondOneUnderNameA) {
-    ASSERT_TRUE(CreateFolder(root / "samples/Reports"));
-    ASSERT_TRUE(CreateFolder(root / "samples/Reports/Old"));
-    WriteWholeFile(root / "samples/Reports/Old/skipped.txt", "a subfolder does not travel");
+    ASSERT_TRUE(CreateFolder(Root / "samples/Reports"));
+    ASSERT_TRUE(CreateFolder(Root / "samples/Reports/Old"));
+    WriteWholeFile(Root / "samples/Reports/Old/skipped.txt", "a subfolder does not travel");
     const std::string first = RandomBytes(262141, 4);
     const std::string second = RandomBytes(8191, 5);
-    WriteWholeFile(root / "samples/Reports/first.bin", first);
-    WriteWholeFile(root / "samples/Reports/second.bin", second);
-    WriteWholeFile(root / "samples/Reports/empty.txt", "");
+    WriteWholeFile(Root / "samples/Reports/first.bin", first);
+    WriteWholeFile(Root / "samples/Reports/second.bin", second);
+    WriteWholeFile(Root / "samples/Reports/empty.txt", "");
 
-    ASSERT_EQ(alice->Command("add " + (root / "samples/Reports")), "ok");
+    ASSERT_EQ(Alice->Command("add " + (Root / "samples/Reports")), "ok");
     SendThrough();
-    EXPECT_EQ(LinesHolding(bob->LogLines(), {"Created new folder"}),
+    EXPECT_EQ(LinesHolding(Bob->LogLines(), {"Created new folder"}),
               std::vector<std::string>{"Created new folder: Reports"});
     EXPECT_TRUE(Received("Reports/first.bin") == first);
     EXPECT_TRUE(Received("Reports/second.bin") == second);
-    EXPECT_TRUE(PathExists(bobPath + "/Incoming Files/Reports/empty.txt"));
-    EXPECT_FALSE(PathExists(bobPath + "/Incoming Files/Reports/Old"));
+    EXPECT_TRUE(PathExists(BobPath + "/Incoming Files/Reports/empty.txt"));
+    EXPECT_FALSE(PathExists(BobPath + "/Incoming Files/Reports/Old"));
 
-    ASSERT_EQ(alice->Command("add " + (root / "samples/Reports")), "ok");
+    ASSERT_EQ(Alice->Command("add " + (Root / "samples/Reports")), "ok");
     SendThrough();
     EXPECT_EQ(
-        LinesHolding(bob->LogLines(), {"Created new folder"}),
+        LinesHolding(Bob->LogLines(), {"Created new folder"}),
         (std::vector<std::string>{"Created new folder: Reports", "Created new folder: Reports-A"}));
     EXPECT_TRUE(Received("Reports-A/first.bin") == first);
     EXPECT_TRUE(Received("Reports-A/second.bin") == second);
@@ -84,25 +84,25 @@ TEST_F(TwoStations, AFolderArrivesUnderItsNameAndASecondOneUnderNameA) {
 
 TEST_F(TwoStations, AFileOfAnExistingNameArrivesBesideItAndTheCallerCanBeCalledBack) {
     const std::string one = RandomBytes(5000, 6);
-    ASSERT_EQ(alice->Command("choose " + Sample("report.doc", one)), "ok");
+    ASSERT_EQ(Alice->Command("choose " + Sample("report.doc", one)), "ok");
     SendThrough();
     const std::string two = RandomBytes(7000, 7);
-    ASSERT_EQ(alice->Command("choose " + Sample("report.doc", two)), "ok");
+    ASSERT_EQ(Alice->Command("choose " + Sample("report.doc", two)), "ok");
     SendThrough();
     EXPECT_EQ(
-        LinesHolding(bob->LogLines(), {"Receiving File"}),
+        LinesHolding(Bob->LogLines(), {"Receiving File"}),
         (std::vector<std::string>{"Receiving File: report.doc", "Receiving File: report.doc-A"}));
     EXPECT_TRUE(Received("report.doc") == one);
     EXPECT_TRUE(Received("report.doc-A") == two);
 
     // Now the other way round: Bob calls Alice.
-    ASSERT_EQ(bob->Command("name Alice"), "ok");
-    ASSERT_EQ(bob->Command("number 5551001"), "ok");
+    ASSERT_EQ(Bob->Command("name Alice"), "ok");
+    ASSERT_EQ(Bob->Command("number 5551001"), "ok");
     const std::string back = RandomBytes(40000, 8);
-    ASSERT_EQ(bob->Command("choose " + Sample("back.bin", back)), "ok");
-    ASSERT_EQ(bob->Command("send"), "ok");
-    ASSERT_TRUE(bob->WaitForLog("All files sent."));
-    ASSERT_TRUE(alice->WaitForLog("All files received."));
-    const std::string arrived = ReadWholeFile(alicePath + "/Incoming Files/back.bin");
+    ASSERT_EQ(Bob->Command("choose " + Sample("back.bin", back)), "ok");
+    ASSERT_EQ(Bob->Command("send"), "ok");
+    ASSERT_TRUE(Bob->WaitForLog("All files sent."));
+    ASSERT_TRUE(Alice->WaitForLog("All files received."));
+    const std::string arrived = ReadWholeFile(AlicePath + "/Incoming Files/back.bin");
     EXPECT_TRUE(arrived == back) << arrived.size() << " bytes arrived of " << back.size();
 }

@@ -21,9 +21,9 @@
 namespace {
 
 struct Offered {
-    std::string name;
-    int32_t kind;
-    uint32_t dataLength;
+    std::string Name;
+    int32_t Kind;
+    uint32_t DataLength;
 };
 
 class AdmissionTest : public EngineHarness {
@@ -45,7 +45,7 @@ protected:
     void Offer(const std::vector<Offered>& entries, uint32_t total, uint32_t count) {
         std::string offer = "H100\r\n" + peer::Header(count, total);
         for (const Offered& entry : entries) {
-            offer += peer::Entry(entry.name, entry.kind, entry.dataLength, entry.dataLength);
+            offer += peer::Entry(entry.Name, entry.Kind, entry.DataLength, entry.DataLength);
         }
         Send(offer);
     }
@@ -53,7 +53,7 @@ protected:
     void Offer(const std::vector<Offered>& entries) {
         uint32_t total = 0;
         for (const Offered& entry : entries) {
-            total += entry.dataLength;
+            total += entry.DataLength;
         }
         Offer(entries, total, static_cast<uint32_t>(entries.size()));
     }

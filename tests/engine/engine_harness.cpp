@@ -54,8 +54,8 @@ std::string ListFor(const std::vector<peer::File>& files) {
     std::string entries;
     uint32_t total = 0;
     for (const peer::File& file : files) {
-        const uint32_t length = peer::StreamLength(file.bytes.size());
-        entries += peer::Entry(file.name, file.kind, length, length);
+        const uint32_t length = peer::StreamLength(file.Bytes.size());
+        entries += peer::Entry(file.Name, file.Kind, length, length);
         total += length;
     }
     return "H100\r\n" + peer::Header(static_cast<uint32_t>(files.size()), total) + entries;
@@ -84,9 +84,9 @@ void EngineHarness::SetUp() {
         logged_.notify_all();
     });
     SetFreeSpaceQuery([] { return uint64_t{1} << 40; });
-    BuildPaths(root.Path());
+    BuildPaths(root_.Path());
     CreateFolder(IncomingPath);
-    far.LinkAs(root.Path(), 1);
+    far_.LinkAs(root_.Path(), 1);
     ASSERT_EQ(CommPortCreate(), 1);
     SelectPortNumber(1);
     SelectPortBaud(115200);
@@ -94,7 +94,7 @@ void EngineHarness::SetUp() {
     ASSERT_EQ(EnableHardwareHandshake(), 1);
     ThePreferences.AdapterModel = ModelBitSURFR;
     EngineStartup();
-    TheMainWindow = &window;
+    TheMainWindow = &window_;
     TheEngine.CommThreadRun = 1;
     AdapterFound = 1;
     SetLinePolling(1);
@@ -130,7 +130,7 @@ std::string EngineHarness::AnswerCommand(int timeoutMs) {
     std::string command = TakeUntil("\r", timeoutMs);
     if (!command.empty() && command.back() == '\r') {
         command.pop_back();
-        far.Send(command + "\r\r\nOK\r\n");
+        far_.Send(command + "\r\r\nOK\r\n");
     }
     return command;
 }
@@ -141,13 +141,13 @@ bool EngineHarness::AnswerProfile(int timeoutMs) {
         return false;
     }
     const std::string rest = TakeUntil("\r", timeoutMs);
-    far.Send("AT\\Q" + rest + "\r\nOK\r\n");
+    far_.Send("AT\\Q" + rest + "\r\nOK\r\n");
     return !rest.empty() && rest.back() == '\r';
 }
 
 void EngineHarness::AnswerHangUp() {
     EXPECT_EQ(TakeUntil("+++", 5000), "+++");
-    far.Send("\r\nOK\r\n");
+    far_.Send("\r\nOK\r\n");
     EXPECT_EQ(AnswerCommand(), "ATH");
     // The incoming profile goes back to the adapter.
     EXPECT_EQ(AnswerCommand().substr(0, 4), "AT\\Q");
@@ -214,7 +214,7 @@ void EngineHarness::ConnectAndTakeList(size_t entries) {
 }
 
 std::string EngineHarness::MakeFile(const std::string& name, const std::string& bytes) {
-    const std::string path = root / name;
+    const std::string path = root_ / name;
     WriteWholeFile(path, bytes);
     return path;
 }

@@ -59,13 +59,13 @@ protected:
 
     // ---- What the engine wrote to its port ----
     // Exactly count bytes, or fewer if the time ran out.
-    std::string Take(size_t count, int timeoutMs = 5000) { return line.Receive(count, timeoutMs); }
+    std::string Take(size_t count, int timeoutMs = 5000) { return line_.Receive(count, timeoutMs); }
     // Everything up to and including the marker, or what came in the time.
     std::string TakeUntil(const std::string& marker, int timeoutMs = 5000) {
-        return line.ReceiveUntil(marker, timeoutMs);
+        return line_.ReceiveUntil(marker, timeoutMs);
     }
     // Whatever comes within the time.
-    std::string TakeFor(int ms) { return line.ReceiveFor(ms); }
+    std::string TakeFor(int ms) { return line_.ReceiveFor(ms); }
     // An AT command, up to its CR; the adapter answers OK. Returns the
     // command without the CR.
     std::string AnswerCommand(int timeoutMs = 6000);
@@ -76,7 +76,7 @@ protected:
     // incoming profile that follows.
     void AnswerHangUp();
     // Sends bytes to the engine.
-    void Send(const std::string& bytes) { far.Send(bytes); }
+    void Send(const std::string& bytes) { far_.Send(bytes); }
 
     // ---- The engine ----
     bool WaitForState(int16_t state, int timeoutMs = 5000) const;
@@ -106,11 +106,11 @@ protected:
     void AddToSendList(const std::string& path, const std::string& name);
     std::string Incoming(const std::string& name) const;
 
-    TempFolder root;
-    FarEnd far;
+    TempFolder root_;
+    FarEnd far_;
     // The reading side of far.
-    peer::Port line{far.Master()};
-    RecordingWindow window;
+    peer::Port line_{far_.Master()};
+    RecordingWindow window_;
 
 private:
     ThreadHandle commThread_;

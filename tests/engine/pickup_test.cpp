@@ -116,7 +116,7 @@ TEST_F(PickUpTest, AHotFolderGoesOutOnceItsTotalHasStoodStill) {
     ScanHotFolders();  // unchanged since the last look: it dials
     EXPECT_EQ(Directory[0].HotBytes, 0u);
     EXPECT_EQ(TheEngine.PickupSend.load(), 1);
-    EXPECT_TRUE(window.Called("AddFolderToSendList(" + PickUpPath + "/Hot,Hot)"));
+    EXPECT_TRUE(window_.Called("AddFolderToSendList(" + PickUpPath + "/Hot,Hot)"));
     // The window has no number to dial in this test.
     EXPECT_EQ(messages,
               std::vector<std::string>{"Please select a correspondent in your Directory."});

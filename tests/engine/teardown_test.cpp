@@ -31,9 +31,9 @@ protected:
     // A call that ends with the second file's first section on the disk,
     // kept for a resume.
     void LeaveAPartForAResume() {
-        OfferAsCaller({second});
+        OfferAsCaller({second_});
         EXPECT_EQ(Take(6), "ACK3\r\n");
-        Send(peer::Stream(second.bytes).substr(0, SectionWireBytes + 10));
+        Send(peer::Stream(second_.Bytes).substr(0, SectionWireBytes + 10));
         ASSERT_TRUE(WaitUntil(
             [] { return Inspect([] { return TheEngine.ReceiveList[0].NextBlock == 16; }); }));
         DisconnectTwice();
@@ -54,9 +54,9 @@ protected:
         EXPECT_EQ(TheEngine.LinkState.load(), LinkIdle);
     }
 
-    const peer::File first{"first.bin", RandomBytes(5000, 1)};
-    const peer::File second{"second.bin", RandomBytes(SectionFileBytes + 7000, 2)};
-    const peer::File third{"third.bin", RandomBytes(300, 3)};
+    const peer::File first_{"first.bin", RandomBytes(5000, 1)};
+    const peer::File second_{"second.bin", RandomBytes(SectionFileBytes + 7000, 2)};
+    const peer::File third_{"third.bin", RandomBytes(300, 3)};
 };
 
 class SenderTeardownTest : public EngineHarness {
@@ -83,25 +83,25 @@ TEST_F(ReceiverTeardownTest, AChangedFileOfTheSameNameIsANewFileAndTheOldPartGoe
     OfferAsCaller({changed});
     EXPECT_EQ(Take(6), "ACK3\r\n");
     EXPECT_TRUE(WaitForLog("Receiving File: second.bin"));
-    Send(peer::Stream(changed.bytes));
+    Send(peer::Stream(changed.Bytes));
     EXPECT_EQ(Take(6), "ACK2\r\n");
-    EXPECT_EQ(ReadWholeFile(Incoming("second.bin")), changed.bytes);
+    EXPECT_EQ(ReadWholeFile(Incoming("second.bin")), changed.Bytes);
     EXPECT_FALSE(PathExists(Incoming("second.bin-A")));
 }
 
 TEST_F(ReceiverTeardownTest, ANewListInTheSameCallLeavesNothingOfTheAbandonedOne) {
-    OfferAsCaller({second, third});
+    OfferAsCaller({second_, third_});
     EXPECT_EQ(Take(6), "ACK3\r\n");
     RequestDisconnect();
     EXPECT_EQ(Take(7), "ABORT\r\n");
     // The far end offers another list instead of hanging up.
-    Send(ListFor({first}));
+    Send(ListFor({first_}));
     EXPECT_EQ(Take(6), "ACK3\r\n");
     EXPECT_FALSE(PathExists(Incoming("second.bin")));
     EXPECT_FALSE(PathExists(Incoming("third.bin")));
-    Send(peer::Stream(first.bytes));
+    Send(peer::Stream(first_.Bytes));
     EXPECT_EQ(Take(6), "ACK2\r\n");
-    EXPECT_EQ(ReadWholeFile(Incoming("first.bin")), first.bytes);
+    EXPECT_EQ(ReadWholeFile(Incoming("first.bin")), first_.Bytes);
 }
 
 TEST_F(ReceiverTeardownTest, TheExitDeletesAPartLeftForAResume) {
@@ -112,11 +112,11 @@ TEST_F(ReceiverTeardownTest, TheExitDeletesAPartLeftForAResume) {
 }
 
 TEST_F(ReceiverTeardownTest, AFileThatCannotBeWrittenEndsTheSession) {
-    OfferAsCaller({first});
+    OfferAsCaller({first_});
     EXPECT_EQ(Take(6), "ACK3\r\n");
     ASSERT_TRUE(DeleteFileAt(Incoming("first.bin")));
     ASSERT_TRUE(CreateFolder(Incoming("first.bin")));
-    Send(peer::Stream(first.bytes));
+    Send(peer::Stream(first_.Bytes));
     EXPECT_EQ(Take(7), "ABORT\r\n");
     EXPECT_TRUE(WaitForLog("Cannot write file: first.bin"));
     EXPECT_TRUE(Logged("Sending disconnect..."));

@@ -38,9 +38,9 @@ TEST_F(ReceiverTokenTest, NoiseNulBytesAndTwoTokensOnOneLineAreHeardInOrder) {
     const peer::File file{"both.txt", RandomBytes(5, 7)};
     Send("SYNCON " + ListFor({file}));
     EXPECT_EQ(Take(14), "RCVCON\r\nACK3\r\n");
-    Send(peer::Stream(file.bytes));
+    Send(peer::Stream(file.Bytes));
     EXPECT_EQ(Take(6), "ACK2\r\n");
-    EXPECT_EQ(ReadWholeFile(Incoming("both.txt")), file.bytes);
+    EXPECT_EQ(ReadWholeFile(Incoming("both.txt")), file.Bytes);
 }
 
 TEST_F(ReceiverTokenTest, InRecoveryOnlySendRecovrIsHeard) {
@@ -119,7 +119,7 @@ TEST_F(SenderTokenTest, LossOfCarrierInTransferResetsTheFileInHand) {
     Send("ACK3\r\n\r\nNO CARRIER\r\n");
     EXPECT_TRUE(AnswerProfile());
     // The last step of the end of the call sums the list again.
-    ASSERT_TRUE(WaitUntil([this] { return window.Called("RecomputeSendTotal"); }));
+    ASSERT_TRUE(WaitUntil([this] { return window_.Called("RecomputeSendTotal"); }));
     EXPECT_EQ(TheEngine.LinkState.load(), LinkIdle);
     EXPECT_FALSE(FeederRunning());
     const std::vector<std::string> log = Log();

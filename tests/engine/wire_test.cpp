@@ -77,10 +77,10 @@ TEST(WireRecords, RetrieveRequestCarriesTheNumberZeroPadded) {
 
 TEST(WireArithmetic, LengthsOfFilesOnTheWire) {
     struct Case {
-        uint64_t size;
-        uint32_t dataLength;
-        int16_t dataBlocks;
-        int16_t lastBlockBytes;
+        uint64_t Size;
+        uint32_t DataLength;
+        int16_t DataBlocks;
+        int16_t LastBlockBytes;
     };
     const Case cases[] = {
         {0, 0, 0, 0},
@@ -93,9 +93,9 @@ TEST(WireArithmetic, LengthsOfFilesOnTheWire) {
         {262141, 262147, 32, 3},
     };
     for (const auto& c : cases) {
-        EXPECT_EQ(DataLengthForSize(c.size), c.dataLength) << c.size;
-        EXPECT_EQ(DataBlocksOf(c.dataLength), c.dataBlocks) << c.size;
-        EXPECT_EQ(LastBlockBytesOf(c.dataLength), c.lastBlockBytes) << c.size;
+        EXPECT_EQ(DataLengthForSize(c.Size), c.DataLength) << c.Size;
+        EXPECT_EQ(DataBlocksOf(c.DataLength), c.DataBlocks) << c.Size;
+        EXPECT_EQ(LastBlockBytesOf(c.DataLength), c.LastBlockBytes) << c.Size;
     }
 }
 

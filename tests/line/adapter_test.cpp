@@ -43,7 +43,7 @@ TEST_F(LineTest, ExchangeKeepsTheWholeReplyAndPutsPollingBackAsItWas) {
     EXPECT_EQ(LinePollingEnabled.load(), 1) << "polling goes back on after the exchange";
     EXPECT_FALSE(SendAndWaitOkShort("ATQ")) << "an echo without OK is a failure";
     EXPECT_EQ(LinePollingEnabled.load(), 1) << "also after a failed one";
-    EXPECT_EQ(adapters[0]->CommandTexts(), (Texts{"ATI3", "ATI4", "ATQ"}));
+    EXPECT_EQ(adapters_[0]->CommandTexts(), (Texts{"ATI3", "ATI4", "ATQ"}));
 }
 
 // A stand-in for the communications thread: it holds the read lock for each
@@ -137,12 +137,12 @@ TEST_F(LineTest, ConversationsThatOverlapLeaveThePollingFlagRight) {
 // ---- Identification ----
 
 struct IdentityCase {
-    const char* name;
-    Texts identity0;
-    Texts identity8;
-    int expectedResult;
-    int16_t expectedModel;
-    int16_t expectedVariant;
+    const char* Name;
+    Texts Identity0;
+    Texts Identity8;
+    int ExpectedResult;
+    int16_t ExpectedModel;
+    int16_t ExpectedVariant;
 };
 
 TEST_F(LineTest, IdentificationTellsEachFamilyAndVariantByItsMarks) {
@@ -163,32 +163,32 @@ TEST_F(LineTest, IdentificationTellsEachFamilyAndVariantByItsMarks) {
     };
     // The adapter's thread outlives this body, so what it reads is shared.
     struct Script {
-        std::mutex lock;
-        AdapterScript script;
+        std::mutex Lock;
+        AdapterScript Script;
     };
     const auto shared = std::make_shared<Script>();
     ScriptedAdapter& adapter = Attach(2, [shared](const std::string& command, uint32_t speed) {
-        std::lock_guard<std::mutex> guard(shared->lock);
-        return RespondAs(shared->script)(command, speed);
+        std::lock_guard<std::mutex> guard(shared->Lock);
+        return RespondAs(shared->Script)(command, speed);
     });
     SelectPortNumber(2);
     for (const IdentityCase& c : cases) {
-        SCOPED_TRACE(c.name);
+        SCOPED_TRACE(c.Name);
         {
-            std::lock_guard<std::mutex> guard(shared->lock);
-            shared->script.identity0 = c.identity0;
-            shared->script.identity8 = c.identity8;
+            std::lock_guard<std::mutex> guard(shared->Lock);
+            shared->Script.Identity0 = c.Identity0;
+            shared->Script.Identity8 = c.Identity8;
         }
         adapter.ClearCommands();
         AdapterFound.store(0);
         ThePreferences.AdapterModel = Model3Com + 1;
         ThePreferences.AdapterVariant = 7;
-        EXPECT_EQ(IdentifyAdapter(), c.expectedResult);
-        EXPECT_EQ(AdapterFound.load(), c.expectedResult);
-        EXPECT_EQ(ThePreferences.AdapterModel, c.expectedModel);
-        EXPECT_EQ(ThePreferences.AdapterVariant, c.expectedVariant);
+        EXPECT_EQ(IdentifyAdapter(), c.ExpectedResult);
+        EXPECT_EQ(AdapterFound.load(), c.ExpectedResult);
+        EXPECT_EQ(ThePreferences.AdapterModel, c.ExpectedModel);
+        EXPECT_EQ(ThePreferences.AdapterVariant, c.ExpectedVariant);
         Texts sent = {"atv1", "ati0"};
-        if (!c.identity8.empty()) {
+        if (!c.Identity8.empty()) {
             sent.push_back("ati8");
         }
         EXPECT_EQ(adapter.CommandTexts(), sent);
@@ -202,7 +202,7 @@ TEST_F(LineTest, IdentificationFailsOnAPortThatCannotBeOpenedOrGivesNoOk) {
     EXPECT_EQ(ThePort->IsOpen.load(), 0);
 
     AdapterScript script = ZyxelScript("2864");
-    script.unanswered = {"ati0"};
+    script.Unanswered = {"ati0"};
     ScriptedAdapter& adapter = Attach(3, RespondAs(script));
     EXPECT_EQ(IdentifyAdapter(), 0) << "an ati0 without OK";
     EXPECT_EQ(AdapterFound.load(), 0);
@@ -227,7 +227,7 @@ TEST_F(LineTest, ShiftSearchesAgainFromTheFirstPortAtTheSearchSpeed) {
     EXPECT_EQ(Logged().front(), "Searching Comm Port 1");
     const std::vector<ReceivedCommand> commands = adapter.Commands();
     ASSERT_FALSE(commands.empty());
-    EXPECT_EQ(commands[0].speed, 9600u);
+    EXPECT_EQ(commands[0].Speed, 9600u);
     EXPECT_EQ(Controls().Text(IDC_OWN_NUMBER), "Your ISDN Number: 5553882     3ComImpact IQ");
 }
 
@@ -246,11 +246,11 @@ TEST_F(LineTest, QuickStartGoesToTheSavedPortAndSpeedWithoutTesting) {
     EXPECT_EQ(Logged().front(), "Port speed set to 115200 bps.");
     const std::vector<ReceivedCommand> commands = adapter.Commands();
     ASSERT_GE(commands.size(), 4u);
-    EXPECT_EQ(commands[0].text, "atv1");
-    EXPECT_EQ(commands[0].speed, 115200u);
-    EXPECT_EQ(commands[1].text, "ati0");
-    EXPECT_EQ(commands[2].text, "ati8");
-    EXPECT_EQ(commands[3].text, "AT!N1?") << "no speed test, no speed command";
+    EXPECT_EQ(commands[0].Text, "atv1");
+    EXPECT_EQ(commands[0].Speed, 115200u);
+    EXPECT_EQ(commands[1].Text, "ati0");
+    EXPECT_EQ(commands[2].Text, "ati8");
+    EXPECT_EQ(commands[3].Text, "AT!N1?") << "no speed test, no speed command";
     EXPECT_EQ(LinePollingEnabled.load(), 1);
     EXPECT_EQ(Controls().Text(IDC_OWN_NUMBER), "Your ISDN Number: 5552001     BitSURFR Pro");
 }
@@ -268,8 +268,8 @@ TEST_F(LineTest, QuickStartResumesTheSavedTopSpeed) {
     EXPECT_EQ(Logged().front(), "Port speed set to 230400 bps.");
     const std::vector<ReceivedCommand> commands = adapter.Commands();
     ASSERT_GE(commands.size(), 4u);
-    EXPECT_EQ(commands[3].text, "AT@P2=230400");
-    EXPECT_EQ(commands[3].speed, 115200u) << "the speed command goes out at the old speed";
+    EXPECT_EQ(commands[3].Text, "AT@P2=230400");
+    EXPECT_EQ(commands[3].Speed, 115200u) << "the speed command goes out at the old speed";
 }
 
 TEST_F(LineTest, AdtranWithItsSwitchAt230400IsTakenAsSavedAtTopSpeed) {
@@ -280,7 +280,7 @@ TEST_F(LineTest, AdtranWithItsSwitchAt230400IsTakenAsSavedAtTopSpeed) {
     ThePreferences.AdapterVariant = 0;
     // The reply names the XRT; this route does not identify again.
     AdapterScript script = AdtranScript(true);
-    script.numberQuery = "ATSS62?";
+    script.NumberQuery = "ATSS62?";
     ScriptedAdapter& adapter = Attach(2, RespondAs(script));
 
     EXPECT_EQ(FindAdapter(), 1);
@@ -292,9 +292,9 @@ TEST_F(LineTest, AdtranWithItsSwitchAt230400IsTakenAsSavedAtTopSpeed) {
     EXPECT_TRUE(Controls().MenuItemChecked(ID_PORT_SPEED_230400));
     const std::vector<ReceivedCommand> commands = adapter.Commands();
     ASSERT_GE(commands.size(), 5u);
-    const Texts first = {commands[0].text, commands[1].text, commands[2].text, commands[3].text};
+    const Texts first = {commands[0].Text, commands[1].Text, commands[2].Text, commands[3].Text};
     EXPECT_EQ(first, (Texts{"AT", "atv1", "ati0", "ATSS62?"}));
-    EXPECT_EQ(commands[0].speed, 230400u);
+    EXPECT_EQ(commands[0].Speed, 230400u);
     const Texts logged = Logged();
     ASSERT_FALSE(logged.empty());
     EXPECT_EQ(logged[0], "Port speed set to 230400 bps.");
@@ -322,7 +322,7 @@ TEST_F(LineTest, FailuresOfTheQuickStart) {
     EXPECT_EQ(AdapterFound.load(), 0);
     EXPECT_EQ(LinePollingEnabled.load(), 0);
     EXPECT_FALSE(MainLoop().TimerRunning(TimerHotFolders));
-    EXPECT_TRUE(adapters[0]->Commands().empty());
+    EXPECT_TRUE(adapters_[0]->Commands().empty());
 }
 
 }  // namespace

@@ -18,18 +18,18 @@
 
 namespace {
 
-std::mutex logLock;
-std::vector<std::string> logged;
+std::mutex LogLock;
+std::vector<std::string> Logged;
 
 void Collect(const std::string& line) {
-    std::lock_guard<std::mutex> guard(logLock);
-    logged.push_back(line);
+    std::lock_guard<std::mutex> guard(LogLock);
+    Logged.push_back(line);
 }
 
 int CountLogged(const std::string& line) {
-    std::lock_guard<std::mutex> guard(logLock);
+    std::lock_guard<std::mutex> guard(LogLock);
     int count = 0;
-    for (const std::string& l : logged) {
+    for (const std::string& l : Logged) {
         count += l == line ? 1 : 0;
     }
     return count;
@@ -47,49 +47,49 @@ class CommPortTest : public ::testing::Test {
 protected:
     void SetUp() override {
         {
-            std::lock_guard<std::mutex> guard(logLock);
-            logged.clear();
+            std::lock_guard<std::mutex> guard(LogLock);
+            Logged.clear();
         }
         SetLogLineSink(Collect);
-        BuildPaths(root.Path());
-        far.LinkAs(root.Path(), 1);
+        BuildPaths(root_.Path());
+        far_.LinkAs(root_.Path(), 1);
         ASSERT_EQ(CommPortCreate(), 1);
         SelectPortNumber(1);
         SelectPortBaud(115200);
         ASSERT_NE(CommPortOpen(), 0);
         ASSERT_EQ(EnableHardwareHandshake(), 1);
-        std::memset(buffer, 0, sizeof buffer);
+        std::memset(buffer_, 0, sizeof buffer_);
     }
     void TearDown() override {
         CommPortDestroy();
         SetLogLineSink(nullptr);
     }
 
-    TempFolder root;
-    FarEnd far;
-    char buffer[TokenBufferSize];
+    TempFolder root_;
+    FarEnd far_;
+    char buffer_[TokenBufferSize];
 };
 
 }  // namespace
 
 TEST_F(CommPortTest, CommandsEndInCarriageReturnAloneAndLongOnesAreRefused) {
     SendCommand("ATE1V1");
-    EXPECT_EQ(far.Receive(7, 2000), "ATE1V1\r");
+    EXPECT_EQ(far_.Receive(7, 2000), "ATE1V1\r");
     const std::string longest(254, 'A');
     SendCommand(longest.c_str());
-    EXPECT_EQ(far.Receive(255, 2000), longest + "\r");
+    EXPECT_EQ(far_.Receive(255, 2000), longest + "\r");
     const std::string tooLong(255, 'B');
     SendCommand(tooLong.c_str());
     SendBytes("\x00\xFF", 2);
-    EXPECT_EQ(far.Receive(3, 300), std::string("\x00\xFF", 2)) << "nothing of the refused command";
+    EXPECT_EQ(far_.Receive(3, 300), std::string("\x00\xFF", 2)) << "nothing of the refused command";
 }
 
 TEST_F(CommPortTest, TokenIsFoundAndWhatFollowsItStaysQueued) {
-    far.Send(std::string("noise\0 ACK3\r\n", 13) + "\xFF\xAA\x55");
-    char* token = ReadUntilToken("ACK3", 2000, buffer);
+    far_.Send(std::string("noise\0 ACK3\r\n", 13) + "\xFF\xAA\x55");
+    char* token = ReadUntilToken("ACK3", 2000, buffer_);
     ASSERT_NE(token, nullptr);
-    EXPECT_STREQ(buffer, "noise ACK3") << "the NUL is dropped, the read stops at the token";
-    EXPECT_EQ(token, buffer + 6);
+    EXPECT_STREQ(buffer_, "noise ACK3") << "the NUL is dropped, the read stops at the token";
+    EXPECT_EQ(token, buffer_ + 6);
     EXPECT_EQ(PortQueueCount(1), 5u);
     uint8_t rest[5];
     EXPECT_EQ(ReadBlock(rest, 5, 500), 5u);
@@ -102,25 +102,25 @@ TEST_F(CommPortTest, LineLimitOf1023BytesCountsOnlyRealBytes) {
     std::string reply(1019, 'x');
     reply += std::string(2000, '\0');
     reply += "OK\r\n";
-    far.Send(reply);
-    ASSERT_NE(ReadUntilOk(4000, buffer), nullptr);
-    EXPECT_EQ(std::strlen(buffer), 1023u);
+    far_.Send(reply);
+    ASSERT_NE(ReadUntilOk(4000, buffer_), nullptr);
+    EXPECT_EQ(std::strlen(buffer_), 1023u);
     EXPECT_EQ(CountLogged("Serial Limit Reached"), 0);
 
     // One byte more and the limit comes first, once, with time still left.
-    far.Send(std::string(1020, 'y') + "OK\r\n");
+    far_.Send(std::string(1020, 'y') + "OK\r\n");
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(ReadUntilOk(20000, buffer), nullptr);
+    EXPECT_EQ(ReadUntilOk(20000, buffer_), nullptr);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
     EXPECT_EQ(CountLogged("Serial Limit Reached"), 1);
 }
 
 TEST_F(CommPortTest, SilentLineTimesOutWithBufferUntouchedAndCostsNoProcessor) {
-    std::strcpy(buffer, "previous reply OK\r\n");
+    std::strcpy(buffer_, "previous reply OK\r\n");
     const double before = ThreadCpuMs();
-    EXPECT_EQ(ReadUntilOk(4000, buffer), nullptr);
+    EXPECT_EQ(ReadUntilOk(4000, buffer_), nullptr);
     EXPECT_LT(ThreadCpuMs() - before, 50.0);
-    EXPECT_STREQ(buffer, "previous reply OK\r\n") << "nothing was read, nothing written";
+    EXPECT_STREQ(buffer_, "previous reply OK\r\n") << "nothing was read, nothing written";
     EXPECT_EQ(CountLogged("Serial Limit Reached"), 0);
 }
 
@@ -128,7 +128,7 @@ TEST_F(CommPortTest, BlockReadWaitsWhileATrickleGoesOnThenDeliversWhatCame) {
     // 8 chunks 60 ms apart take longer than the 400 ms limit; only silence ends it.
     std::thread trickle([&] {
         for (int i = 0; i < 8; ++i) {
-            far.Send(std::string(10, static_cast<char>('a' + i)));
+            far_.Send(std::string(10, static_cast<char>('a' + i)));
             std::this_thread::sleep_for(std::chrono::milliseconds(60));
         }
     });
@@ -149,7 +149,7 @@ TEST_F(CommPortTest, ThreeWholeBlocksFitTheInputQueueAndTheRestWaits) {
     for (int i = 0; i < 5 * 8192; ++i) {
         stream += static_cast<char>((i * 7 + i / 8192) & 0xFF);
     }
-    std::thread sender([&] { far.Send(stream); });
+    std::thread sender([&] { far_.Send(stream); });
     std::string got;
     uint8_t block[8192];
     // Let the queue fill before reading, then take block after block.
@@ -171,7 +171,7 @@ TEST_F(CommPortTest, DrainReturnsOnlyAfterTheLineHasBeenQuiet) {
     std::atomic<bool> sending{true};
     std::thread stream([&] {
         for (int i = 0; i < 30; ++i) {
-            far.Send("z");
+            far_.Send("z");
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
         sending.store(false);
@@ -184,16 +184,16 @@ TEST_F(CommPortTest, DrainReturnsOnlyAfterTheLineHasBeenQuiet) {
 }
 
 TEST_F(CommPortTest, PurgeEmptiesTheInputAndSpeedChangesReachTheDevice) {
-    far.Send("stale reply\r\n");
+    far_.Send("stale reply\r\n");
     ASSERT_EQ(WaitForPortInput(2000), WaitResult::Input);
     EXPECT_GT(PortQueueCount(1), 0u);
     PurgePort();
     EXPECT_EQ(PortQueueCount(1), 0u);
 
     EXPECT_TRUE(SetPortSpeed(230400));
-    EXPECT_EQ(far.Speed(), 230400u);
+    EXPECT_EQ(far_.Speed(), 230400u);
     EXPECT_FALSE(SetPortSpeed(250000)) << "a speed the device cannot take";
-    EXPECT_EQ(far.Speed(), 230400u);
+    EXPECT_EQ(far_.Speed(), 230400u);
 }
 
 TEST_F(CommPortTest, CloseTwiceAndASecondOpenOfABusyPortFailQuietly) {
@@ -202,7 +202,7 @@ TEST_F(CommPortTest, CloseTwiceAndASecondOpenOfABusyPortFailQuietly) {
     // Another program holds the port: this one gets 0 and no message.
     SerialDevice other;
     CommPortClose();
-    ASSERT_TRUE(other.Open(far.DevicePath()));
+    ASSERT_TRUE(other.Open(far_.DevicePath()));
     EXPECT_EQ(CommPortOpen(), 0);
     EXPECT_EQ(ThePort->IsOpen.load(), 0);
     other.Close();

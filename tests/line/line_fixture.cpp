@@ -31,19 +31,19 @@ void MakeWindowControls() {
     controls.Reset();
     auto list = [&](int id, std::vector<std::string> rows) {
         ControlState state;
-        state.id = id;
-        state.kind = ControlKind::DropDown;
+        state.Id = id;
+        state.Kind = ControlKind::DropDown;
         for (const std::string& row : rows) {
-            state.rows.push_back({row, "", 0});
+            state.Rows.push_back({row, "", 0});
         }
         controls.Create(state);
     };
     auto box = [&](int id, const char* text, bool shown) {
         ControlState state;
-        state.id = id;
-        state.kind = ControlKind::CheckBox;
-        state.text = text;
-        state.shown = shown;
+        state.Id = id;
+        state.Kind = ControlKind::CheckBox;
+        state.Text = text;
+        state.Shown = shown;
         controls.Create(state);
     };
     list(IDC_PROTOCOL, {"V.120", "AIMUX", "X.75"});
@@ -57,10 +57,10 @@ void MakeWindowControls() {
     box(IDC_IN_V42, "V.42", false);
     box(IDC_IGNORE_HOT, "Ignore Hot Folders", true);
     ControlState number;
-    number.id = IDC_OWN_NUMBER;
-    number.kind = ControlKind::Label;
-    number.text = "Your ISDN Number: ";
-    number.enabled = false;
+    number.Id = IDC_OWN_NUMBER;
+    number.Kind = ControlKind::Label;
+    number.Text = "Your ISDN Number: ";
+    number.Enabled = false;
     controls.Create(number);
     controls.SetMenus({
         {"&File",
@@ -74,53 +74,53 @@ void MakeWindowControls() {
 
 AdapterScript BitsurfrScript() {
     AdapterScript script;
-    script.identity0 = {"960"};
-    script.identity8 = {"BitSURFR Pro ISDN Terminal Adapter"};
-    script.numberQuery = "AT!N1?";
-    script.numberReply = "AT!N1?\r\r\n5552001\r\nOK\r\n";
+    script.Identity0 = {"960"};
+    script.Identity8 = {"BitSURFR Pro ISDN Terminal Adapter"};
+    script.NumberQuery = "AT!N1?";
+    script.NumberReply = "AT!N1?\r\r\n5552001\r\nOK\r\n";
     return script;
 }
 
 AdapterScript AdtranScript(bool xrt) {
     AdapterScript script;
-    script.identity0 = {xrt ? "ADTRAN EXPRESS XRT ISDN" : "ADTRAN EXPRESS XR ISDN", "Rev. B"};
-    script.numberQuery = xrt ? "ATSS63?" : "ATSS62?";
-    script.numberReply = Lines(script.numberQuery, {xrt ? "5552063" : "5552062"});
+    script.Identity0 = {xrt ? "ADTRAN EXPRESS XRT ISDN" : "ADTRAN EXPRESS XR ISDN", "Rev. B"};
+    script.NumberQuery = xrt ? "ATSS63?" : "ATSS62?";
+    script.NumberReply = Lines(script.NumberQuery, {xrt ? "5552063" : "5552062"});
     return script;
 }
 
 AdapterScript ZyxelScript(const std::string& modelNumber) {
     AdapterScript script;
-    script.identity0 = {"ZyXEL " + modelNumber, "V 2.17"};
-    script.numberQuery = "AT&ZI?";
-    script.numberReply = Lines("AT&ZI?", {"(MultiAuto):(5552864)"});
+    script.Identity0 = {"ZyXEL " + modelNumber, "V 2.17"};
+    script.NumberQuery = "AT&ZI?";
+    script.NumberReply = Lines("AT&ZI?", {"(MultiAuto):(5552864)"});
     return script;
 }
 
 AdapterScript ThreeComScript() {
     AdapterScript script;
-    script.identity0 = {"3Com Impact IQ 3C882"};
-    script.numberQuery = "ATS51?";
-    script.numberReply = Lines("ATS51?", {"5553882"});
+    script.Identity0 = {"3Com Impact IQ 3C882"};
+    script.NumberQuery = "ATS51?";
+    script.NumberReply = Lines("ATS51?", {"5553882"});
     return script;
 }
 
 ScriptedAdapter::Responder RespondAs(AdapterScript script) {
     return [script](const std::string& command, uint32_t speed) -> std::string {
-        if (speed > script.maxSpeed) {
+        if (speed > script.MaxSpeed) {
             return "";
         }
-        if (script.unanswered.count(command) != 0) {
+        if (script.Unanswered.count(command) != 0) {
             return EchoOnly(command);
         }
         if (command == "ati0") {
-            return Lines(command, script.identity0);
+            return Lines(command, script.Identity0);
         }
         if (command == "ati8") {
-            return Lines(command, script.identity8);
+            return Lines(command, script.Identity8);
         }
-        if (!script.numberQuery.empty() && command == script.numberQuery) {
-            return script.numberReply;
+        if (!script.NumberQuery.empty() && command == script.NumberQuery) {
+            return script.NumberReply;
         }
         return Answer(command);
     };
@@ -132,14 +132,14 @@ void LineTest::SetUp() {
         logged_.push_back(line);
     });
     SetMessageBoxHandler([this](const std::string& text) {
-        if (messageHook) {
-            messageHook(text);
+        if (messageHook_) {
+            messageHook_(text);
         }
         std::lock_guard<std::mutex> guard(lock_);
         messages_.push_back(text);
     });
     SetKeyStateQuery(nullptr);
-    BuildPaths(root.Path());
+    BuildPaths(root_.Path());
     ThePreferences = Preferences{};
     ThePreferences.MaxPortSpeed = DefaultMaxPortSpeed;
     AdapterFound.store(0);
@@ -160,7 +160,7 @@ void LineTest::SetUp() {
 
 void LineTest::TearDown() {
     CommPortDestroy();
-    adapters.clear();
+    adapters_.clear();
     MainLoop().KillTimer(TimerHotFolders);
     SetKeyStateQuery(nullptr);
     SetMessageBoxHandler(nullptr);
@@ -168,13 +168,13 @@ void LineTest::TearDown() {
 }
 
 ScriptedAdapter& LineTest::Attach(int port, ScriptedAdapter::Responder responder) {
-    adapters.push_back(std::make_unique<ScriptedAdapter>(std::move(responder)));
-    adapters.back()->Far().LinkAs(root.Path(), port);
-    return *adapters.back();
+    adapters_.push_back(std::make_unique<ScriptedAdapter>(std::move(responder)));
+    adapters_.back()->Far().LinkAs(root_.Path(), port);
+    return *adapters_.back();
 }
 
 void LineTest::NoDeviceAt(int port) {
-    WriteWholeFile(root / ("COM" + std::to_string(port)), "not a port");
+    WriteWholeFile(root_ / ("COM" + std::to_string(port)), "not a port");
 }
 
 void LineTest::OpenPort(int port, uint32_t speed) {
@@ -203,7 +203,7 @@ void LineTest::ClearLogged() {
 std::vector<std::string> RowTexts(int id) {
     std::vector<std::string> texts;
     for (const ListRow& row : Controls().Rows(id)) {
-        texts.push_back(row.text);
+        texts.push_back(row.Text);
     }
     return texts;
 }

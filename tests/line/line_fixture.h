@@ -18,12 +18,12 @@
 
 // How a scripted adapter of one family answers.
 struct AdapterScript {
-    std::vector<std::string> identity0;  // lines for "ati0"
-    std::vector<std::string> identity8;  // lines for "ati8"
-    std::string numberQuery;             // the family's query of its own number
-    std::string numberReply;             // the whole answer to it, echo included
-    uint32_t maxSpeed = 230400;          // silent above this port speed
-    std::set<std::string> unanswered;    // commands that get their echo and no OK
+    std::vector<std::string> Identity0;  // lines for "ati0"
+    std::vector<std::string> Identity8;  // lines for "ati8"
+    std::string NumberQuery;             // the family's query of its own number
+    std::string NumberReply;             // the whole answer to it, echo included
+    uint32_t MaxSpeed = 230400;          // silent above this port speed
+    std::set<std::string> Unanswered;    // commands that get their echo and no OK
 };
 
 // Scripts of the families as the tests' adapters present themselves.
@@ -52,10 +52,10 @@ protected:
     std::vector<std::string> Messages() const;
     void ClearLogged();
 
-    TempFolder root;
-    std::vector<std::unique_ptr<ScriptedAdapter>> adapters;
+    TempFolder root_;
+    std::vector<std::unique_ptr<ScriptedAdapter>> adapters_;
     // Called with each message as it is shown, before it is acknowledged.
-    std::function<void(const std::string&)> messageHook;
+    std::function<void(const std::string&)> messageHook_;
 
 private:
     mutable std::mutex lock_;

@@ -36,9 +36,9 @@ Texts Described(const std::vector<ReceivedCommand>& commands,
                 const std::vector<ReceivedCommand>& pattern) {
     Texts texts;
     for (size_t i = 0; i < commands.size(); ++i) {
-        const bool anySpeed = i < pattern.size() && pattern[i].speed == 0;
-        texts.push_back(commands[i].text + "@" +
-                        (anySpeed ? std::string("any") : std::to_string(commands[i].speed)));
+        const bool anySpeed = i < pattern.size() && pattern[i].Speed == 0;
+        texts.push_back(commands[i].Text + "@" +
+                        (anySpeed ? std::string("any") : std::to_string(commands[i].Speed)));
     }
     return texts;
 }
@@ -70,7 +70,7 @@ TEST_F(PortSpeedTest, AdtranWithItsSwitchAt230400SkipsTheLadder) {
 
 TEST_F(PortSpeedTest, PortThatAnswersAt57600ButNotAt115200) {
     AdapterScript script = ZyxelScript("2864");
-    script.maxSpeed = 57600;
+    script.MaxSpeed = 57600;
     ScriptedAdapter& adapter = FoundAt(2, ModelZyXEL, script);
 
     QualifyPortSpeed();
@@ -85,7 +85,7 @@ TEST_F(PortSpeedTest, PortThatAnswersAt57600ButNotAt115200) {
 
 TEST_F(PortSpeedTest, ThreeComThatFailsAt230400IsSentBack) {
     AdapterScript script = ThreeComScript();
-    script.maxSpeed = 115200;
+    script.MaxSpeed = 115200;
     ScriptedAdapter& adapter = FoundAt(3, Model3Com, script);
 
     QualifyPortSpeed();
@@ -101,12 +101,12 @@ TEST_F(PortSpeedTest, ThreeComThatFailsAt230400IsSentBack) {
 
 TEST_F(PortSpeedTest, MenuMovesOfEachFamily) {
     struct MoveCase {
-        const char* name;
-        int16_t model;
-        AdapterScript script;
-        std::vector<ReceivedCommand> up;
-        std::vector<ReceivedCommand> down;
-        Texts messages;
+        const char* Name;
+        int16_t Model;
+        AdapterScript Script;
+        std::vector<ReceivedCommand> Up;
+        std::vector<ReceivedCommand> Down;
+        Texts Messages;
     };
     const MoveCase cases[] = {
         {"BitSURFR",
@@ -129,24 +129,24 @@ TEST_F(PortSpeedTest, MenuMovesOfEachFamily) {
     };
     int port = 1;
     for (const MoveCase& c : cases) {
-        SCOPED_TRACE(c.name);
+        SCOPED_TRACE(c.Name);
         ClearLogged();
         MakeWindowControls();
-        ThePreferences.AdapterModel = c.model;
+        ThePreferences.AdapterModel = c.Model;
         AdapterFound.store(1);
-        ScriptedAdapter& adapter = Attach(port, RespondAs(c.script));
+        ScriptedAdapter& adapter = Attach(port, RespondAs(c.Script));
         OpenPort(port++, 115200);
         SetLinePolling(1);
         // While the message about the switch waits for the user, the port
         // has moved and nothing has been sent yet.
         std::vector<std::pair<uint32_t, size_t>> atMessage;
-        messageHook = [&](const std::string&) {
+        messageHook_ = [&](const std::string&) {
             atMessage.push_back({adapter.Far().Speed(), adapter.Commands().size()});
         };
 
         OnPortSpeed230400();
-        ASSERT_TRUE(adapter.WaitForCommands(c.up.size(), 2000));
-        EXPECT_EQ(Described(adapter.Commands(), c.up), Described(c.up));
+        ASSERT_TRUE(adapter.WaitForCommands(c.Up.size(), 2000));
+        EXPECT_EQ(Described(adapter.Commands(), c.Up), Described(c.Up));
         EXPECT_EQ(ThePort->BaudRate.load(), 230400u);
         EXPECT_TRUE(Controls().MenuItemChecked(ID_PORT_SPEED_230400));
         EXPECT_FALSE(Controls().MenuItemChecked(ID_PORT_SPEED_115200));
@@ -155,20 +155,20 @@ TEST_F(PortSpeedTest, MenuMovesOfEachFamily) {
 
         adapter.ClearCommands();
         OnPortSpeed115200();
-        ASSERT_TRUE(adapter.WaitForCommands(c.down.size(), 2000));
-        EXPECT_EQ(Described(adapter.Commands(), c.down), Described(c.down));
+        ASSERT_TRUE(adapter.WaitForCommands(c.Down.size(), 2000));
+        EXPECT_EQ(Described(adapter.Commands(), c.Down), Described(c.Down));
         EXPECT_EQ(adapter.Far().Speed(), 115200u);
         EXPECT_TRUE(Controls().MenuItemChecked(ID_PORT_SPEED_115200));
         EXPECT_FALSE(Controls().MenuItemChecked(ID_PORT_SPEED_230400));
         EXPECT_EQ(ThePreferences.SelectedPortSpeed, 115200u);
         EXPECT_EQ(Logged(), (Texts{"Port speed changed to 230400 bps.",
                                    "Port speed changed to 115200 bps."}));
-        EXPECT_EQ(Messages(), c.messages);
-        if (c.model == ModelAdTran) {
+        EXPECT_EQ(Messages(), c.Messages);
+        if (c.Model == ModelAdTran) {
             const std::vector<std::pair<uint32_t, size_t>> expected = {{230400, 0}, {115200, 0}};
             EXPECT_EQ(atMessage, expected);
         }
-        messageHook = nullptr;
+        messageHook_ = nullptr;
         SetLinePolling(0);
         CommPortClose();
     }

@@ -40,13 +40,13 @@ protected:
 };
 
 struct NumberCase {
-    const char* name;
-    int16_t model;
-    int16_t variant;
-    std::string query;
-    std::string reply;
-    std::string shown;  // "" when the line keeps its state
-    std::string number;
+    const char* Name;
+    int16_t Model;
+    int16_t Variant;
+    std::string Query;
+    std::string Reply;
+    std::string Shown;  // "" when the line keeps its state
+    std::string Number;
 };
 
 TEST_F(ProfileTest, EachFamilysNumberIsReadAsItWritesIt) {
@@ -83,39 +83,39 @@ TEST_F(ProfileTest, EachFamilysNumberIsReadAsItWritesIt) {
     };
     // The adapter's thread outlives this body, so what it reads is shared.
     struct Reply {
-        std::mutex lock;
-        std::string text;
+        std::mutex Lock;
+        std::string Text;
     };
     const auto reply = std::make_shared<Reply>();
     ScriptedAdapter& adapter = Attach(1, [reply](const std::string&, uint32_t) {
-        std::lock_guard<std::mutex> guard(reply->lock);
-        return reply->text;
+        std::lock_guard<std::mutex> guard(reply->Lock);
+        return reply->Text;
     });
     OpenPort(1, 115200);
     for (const NumberCase& c : cases) {
-        SCOPED_TRACE(c.name);
+        SCOPED_TRACE(c.Name);
         {
-            std::lock_guard<std::mutex> guard(reply->lock);
-            reply->text = c.reply;
+            std::lock_guard<std::mutex> guard(reply->Lock);
+            reply->Text = c.Reply;
         }
-        Found(c.model, c.variant, 2);
+        Found(c.Model, c.Variant, 2);
         Controls().SetText(IDC_OWN_NUMBER, "Your ISDN Number: ");
         Controls().Enable(IDC_OWN_NUMBER, false);
         std::memset(LocalNumber, 'x', sizeof LocalNumber);
         adapter.ClearCommands();
 
         ShowLocalNumber();
-        EXPECT_EQ(adapter.CommandTexts(), (Texts{c.query}));
-        if (c.shown.empty()) {
+        EXPECT_EQ(adapter.CommandTexts(), (Texts{c.Query}));
+        if (c.Shown.empty()) {
             EXPECT_EQ(Controls().Text(IDC_OWN_NUMBER), "Your ISDN Number: ");
             EXPECT_FALSE(Controls().Enabled(IDC_OWN_NUMBER));
             EXPECT_EQ(std::string(LocalNumber, sizeof LocalNumber), std::string(32, 'x'))
                 << "a reply without a number leaves it as it was";
             continue;
         }
-        EXPECT_EQ(Controls().Text(IDC_OWN_NUMBER), c.shown);
+        EXPECT_EQ(Controls().Text(IDC_OWN_NUMBER), c.Shown);
         EXPECT_TRUE(Controls().Enabled(IDC_OWN_NUMBER));
-        std::string expected(c.number);
+        std::string expected(c.Number);
         expected.resize(32, '\0');
         EXPECT_EQ(std::string(LocalNumber, sizeof LocalNumber), expected)
             << "the number, with zeros behind it";
@@ -191,14 +191,14 @@ TEST_F(ProfileTest, ZyxelX75IsRowOneAndItsOwnSlots) {
 
 TEST_F(ProfileTest, ProtocolListsFollowTheFamily) {
     struct ListCase {
-        const char* name;
-        int16_t model;
-        int16_t variant;
-        int16_t speedClass;
-        int16_t savedProtocol;
-        Texts rows;
-        int16_t protocolAfter;
-        int selection;
+        const char* Name;
+        int16_t Model;
+        int16_t Variant;
+        int16_t SpeedClass;
+        int16_t SavedProtocol;
+        Texts Rows;
+        int16_t ProtocolAfter;
+        int Selection;
     };
     const ListCase cases[] = {
         {"BitSURFR on a slow port", ModelBitSURFR, 0, 1, 1, {"V.120"}, 0, 0},
@@ -209,18 +209,18 @@ TEST_F(ProfileTest, ProtocolListsFollowTheFamily) {
         {"3Com with X.75 saved", Model3Com, 0, 2, 2, {"V.120"}, 0, 0},
     };
     for (const ListCase& c : cases) {
-        SCOPED_TRACE(c.name);
+        SCOPED_TRACE(c.Name);
         MakeWindowControls();
         ThePreferences = Preferences{};
-        Found(c.model, c.variant, c.speedClass);
-        ThePreferences.IncomingProtocol = c.savedProtocol;
+        Found(c.Model, c.Variant, c.SpeedClass);
+        ThePreferences.IncomingProtocol = c.SavedProtocol;
         ThePreferences.Incoming2B = 1;
         ApplyAdapterToWindow();
-        EXPECT_EQ(RowTexts(IDC_PROTOCOL), c.rows);
-        EXPECT_EQ(RowTexts(IDC_IN_PROTOCOL), c.rows);
-        EXPECT_EQ(ThePreferences.IncomingProtocol, c.protocolAfter);
-        EXPECT_EQ(Controls().Selection(IDC_IN_PROTOCOL), c.selection);
-        const bool zyxel = c.model == ModelZyXEL;
+        EXPECT_EQ(RowTexts(IDC_PROTOCOL), c.Rows);
+        EXPECT_EQ(RowTexts(IDC_IN_PROTOCOL), c.Rows);
+        EXPECT_EQ(ThePreferences.IncomingProtocol, c.ProtocolAfter);
+        EXPECT_EQ(Controls().Selection(IDC_IN_PROTOCOL), c.Selection);
+        const bool zyxel = c.Model == ModelZyXEL;
         EXPECT_EQ(Controls().Shown(IDC_IN_2B), zyxel);
         EXPECT_EQ(Controls().Shown(IDC_2B), zyxel);
         EXPECT_TRUE(Controls().Checked(IDC_IN_2B)) << "set from the record in every family";
@@ -280,7 +280,7 @@ TEST_F(ProfileTest, LaterIncomingSetUpDrainsTheLineFirstAndIgnoresItsResult) {
     Found(ModelAdTran, 1, 2);
     ThePreferences.IncomingProtocol = 1;
     AdapterScript script = AdtranScript(true);
-    script.unanswered = {"AT&F4\\Q3&D0X1S0=0S12=25S53=3S54=2S15=1"};
+    script.Unanswered = {"AT&F4\\Q3&D0X1S0=0S12=25S53=3S54=2S15=1"};
     ScriptedAdapter& adapter = Adapter(script);
     // Stale input that must not be taken for the reply.
     adapter.Far().Send("\r\nRING\r\n");
@@ -306,7 +306,7 @@ TEST_F(ProfileTest, LaterIncomingSetUpDrainsTheLineFirstAndIgnoresItsResult) {
 TEST_F(ProfileTest, FirstIncomingSetUpThatFailsIsReportedAndStartsNoTimer) {
     Found(Model3Com, 0, 2);
     AdapterScript script = ThreeComScript();
-    script.unanswered = {"AT\\Q3S0=0&D0&C1W1E1S71=2S73=0S74=253S75=0S60=64"};
+    script.Unanswered = {"AT\\Q3S0=0&D0&C1W1E1S71=2S73=0S74=253S75=0S60=64"};
     Adapter(script);
 
     InitializeIncoming();

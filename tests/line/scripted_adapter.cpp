@@ -19,7 +19,7 @@ std::vector<ReceivedCommand> ScriptedAdapter::Commands() const {
 std::vector<std::string> ScriptedAdapter::CommandTexts() const {
     std::vector<std::string> texts;
     for (const ReceivedCommand& command : Commands()) {
-        texts.push_back(command.text);
+        texts.push_back(command.Text);
     }
     return texts;
 }

@@ -17,8 +17,8 @@
 #include "support/far_end.h"
 
 struct ReceivedCommand {
-    std::string text;  // without its CR
-    uint32_t speed = 0;
+    std::string Text;  // without its CR
+    uint32_t Speed = 0;
 };
 
 class ScriptedAdapter {

@@ -12,8 +12,8 @@ namespace {
 
 ControlState ListBox(int id) {
     ControlState state;
-    state.id = id;
-    state.kind = ControlKind::ListBox;
+    state.Id = id;
+    state.Kind = ControlKind::ListBox;
     return state;
 }
 
@@ -25,9 +25,9 @@ TEST(ControlModel, AnnouncementsFollowTheOrderOfChangesAcrossThreads) {
     std::mutex seenLock;
     std::vector<std::string> seen;
     model.AddListener([&](const ControlEvent& event) {
-        if (event.change == ControlChange::RowAdded) {
+        if (event.Change == ControlChange::RowAdded) {
             std::lock_guard<std::mutex> guard(seenLock);
-            seen.push_back(event.text);
+            seen.push_back(event.Text);
         }
     });
     auto writer = [&](char name) {
@@ -41,7 +41,7 @@ TEST(ControlModel, AnnouncementsFollowTheOrderOfChangesAcrossThreads) {
     b.join();
     std::vector<std::string> rows;
     for (const ListRow& row : model.Rows(7)) {
-        rows.push_back(row.text);
+        rows.push_back(row.Text);
     }
     ASSERT_EQ(rows.size(), 4000u);
     EXPECT_EQ(seen, rows) << "a listener must see rows in the order the list holds them";
@@ -51,14 +51,14 @@ TEST(ControlModel, ListenersThatReadTheModelNeverDeadlockWithWriters) {
     ControlModel model;
     model.Create(ListBox(7));
     ControlState edit;
-    edit.id = 8;
-    edit.kind = ControlKind::Edit;
+    edit.Id = 8;
+    edit.Kind = ControlKind::Edit;
     model.Create(edit);
     std::atomic<int> announced{0};
     std::atomic<int> readsSawRow{0};
     model.AddListener([&](const ControlEvent& event) {
         // Reading the model, as a front end drawing a change would.
-        if (event.change == ControlChange::RowAdded && model.RowCount(7) > event.row) {
+        if (event.Change == ControlChange::RowAdded && model.RowCount(7) > event.Row) {
             readsSawRow.fetch_add(1);
         }
         announced.fetch_add(1);
@@ -86,15 +86,15 @@ TEST(ControlModel, ListenersThatReadTheModelNeverDeadlockWithWriters) {
 TEST(ControlModel, ListenerMayChangeTheModelAndRemovalWaitsForDelivery) {
     ControlModel model;
     ControlState edit;
-    edit.id = 1;
-    edit.kind = ControlKind::Edit;
+    edit.Id = 1;
+    edit.Kind = ControlKind::Edit;
     model.Create(edit);
     model.Create(ListBox(2));
     // A listener that reacts to a text change by adding a row, as a window's
     // handler of an edit notification would.
     const int handle = model.AddListener([&](const ControlEvent& event) {
-        if (event.id == 1 && event.change == ControlChange::Text) {
-            model.AddRow(2, {event.text, "", 0});
+        if (event.Id == 1 && event.Change == ControlChange::Text) {
+            model.AddRow(2, {event.Text, "", 0});
         }
     });
     model.SetText(1, "typed");
@@ -105,7 +105,7 @@ TEST(ControlModel, ListenerMayChangeTheModelAndRemovalWaitsForDelivery) {
     std::atomic<bool> inside{false};
     std::atomic<bool> release{false};
     const int slow = model.AddListener([&](const ControlEvent& event) {
-        if (event.id == 2 && event.change == ControlChange::RowsCleared) {
+        if (event.Id == 2 && event.Change == ControlChange::RowsCleared) {
             inside.store(true);
             while (!release.load()) {
                 std::this_thread::yield();

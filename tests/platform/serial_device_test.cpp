@@ -69,12 +69,12 @@ TEST(SerialDevice, AWaitOnADeadLineCostsNoProcessor) {
     PseudoTerminal terminal;
     ASSERT_TRUE(OpenPseudoTerminal(terminal));
     SerialDevice port;
-    ASSERT_TRUE(port.Open(terminal.slavePath));
+    ASSERT_TRUE(port.Open(terminal.SlavePath));
     ASSERT_TRUE(port.Configure(SerialSettings{}));
     // With every other side closed the device reports a hang-up on each poll.
-    ::close(terminal.slaveKeeper);
-    ::close(terminal.master);
-    terminal.slaveKeeper = terminal.master = -1;
+    ::close(terminal.SlaveKeeper);
+    ::close(terminal.Master);
+    terminal.SlaveKeeper = terminal.Master = -1;
     const double before = ThreadCpuMs();
     EXPECT_EQ(port.WaitForInput(500), WaitResult::TimedOut);
     EXPECT_LT(ThreadCpuMs() - before, 50.0);
@@ -86,20 +86,20 @@ TEST(SerialDevice, SettingsReachTheDeviceAndRefusalsKeepTheOld) {
     SerialDevice port;
     ASSERT_TRUE(port.Open(far.DevicePath()));
     SerialSettings settings;
-    settings.baudRate = 115200;
-    settings.rtsCtsFlow = true;
+    settings.BaudRate = 115200;
+    settings.RtsCtsFlow = true;
     ASSERT_TRUE(port.Configure(settings));
     EXPECT_EQ(far.Speed(), 115200u);
 
     SerialSettings odd = settings;
-    odd.baudRate = 12345;
+    odd.BaudRate = 12345;
     EXPECT_FALSE(port.Configure(odd));
-    odd.baudRate = 230400;
-    odd.stopBits = 1;  // one and a half: no such setting here
+    odd.BaudRate = 230400;
+    odd.StopBits = 1;  // one and a half: no such setting here
     EXPECT_FALSE(port.Configure(odd));
     EXPECT_EQ(far.Speed(), 115200u) << "a refused change leaves the old speed";
 
-    settings.baudRate = 230400;
+    settings.BaudRate = 230400;
     EXPECT_TRUE(port.Configure(settings));
     EXPECT_EQ(far.Speed(), 230400u);
 }

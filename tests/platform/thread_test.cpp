@@ -9,22 +9,22 @@
 namespace {
 
 struct PingPong {
-    ThreadHandle self;
-    ThreadHandle other;
-    std::atomic<int> turns{0};
-    int rounds = 0;
+    ThreadHandle Self;
+    ThreadHandle Other;
+    std::atomic<int> Turns{0};
+    int Rounds = 0;
 };
 
 // Parks right after handing the turn over: exactly the window in which a wake
 // could be lost if an early wake were not kept.
 unsigned Player(void* parameter) {
     auto* game = static_cast<PingPong*>(parameter);
-    for (int i = 0; i < game->rounds; ++i) {
-        game->turns.fetch_add(1);
-        WakeThread(game->other);
-        ParkThread(game->self);
+    for (int i = 0; i < game->Rounds; ++i) {
+        game->Turns.fetch_add(1);
+        WakeThread(game->Other);
+        ParkThread(game->Self);
     }
-    WakeThread(game->other);
+    WakeThread(game->Other);
     return 0;
 }
 
@@ -34,18 +34,18 @@ unsigned CountOnce(void* parameter) {
 }
 
 struct Parker {
-    ThreadHandle self;
-    std::atomic<int> passes{0};
+    ThreadHandle Self;
+    std::atomic<int> Passes{0};
 };
 
 unsigned ParkTwice(void* parameter) {
     auto* parker = static_cast<Parker*>(parameter);
     // Give the test time to wake it several times before it first parks.
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    ParkThread(parker->self);
-    parker->passes.fetch_add(1);
-    ParkThread(parker->self);
-    parker->passes.fetch_add(1);
+    ParkThread(parker->Self);
+    parker->Passes.fetch_add(1);
+    ParkThread(parker->Self);
+    parker->Passes.fetch_add(1);
     return 0;
 }
 
@@ -54,18 +54,18 @@ unsigned ParkTwice(void* parameter) {
 TEST(Thread, WakesBeforeParksAreNeverLost) {
     PingPong a;
     PingPong b;
-    a.rounds = b.rounds = 20000;
+    a.Rounds = b.Rounds = 20000;
     // Both start suspended so that each handle is known before either runs.
-    a.self = StartThread(Player, &a, ThreadPriority::Normal, true);
-    b.self = StartThread(Player, &b, ThreadPriority::Normal, true);
-    ASSERT_TRUE(a.self && b.self);
-    a.other = b.self;
-    b.other = a.self;
-    WakeThread(a.self);
-    WakeThread(b.self);
-    JoinThread(a.self);
-    JoinThread(b.self);
-    EXPECT_EQ(a.turns.load() + b.turns.load(), 40000);
+    a.Self = StartThread(Player, &a, ThreadPriority::Normal, true);
+    b.Self = StartThread(Player, &b, ThreadPriority::Normal, true);
+    ASSERT_TRUE(a.Self && b.Self);
+    a.Other = b.Self;
+    b.Other = a.Self;
+    WakeThread(a.Self);
+    WakeThread(b.Self);
+    JoinThread(a.Self);
+    JoinThread(b.Self);
+    EXPECT_EQ(a.Turns.load() + b.Turns.load(), 40000);
 }
 
 TEST(Thread, SuspendedThreadRunsOnlyAfterItsWake) {
@@ -83,23 +83,23 @@ TEST(Thread, SuspendedThreadRunsOnlyAfterItsWake) {
 
 TEST(Thread, SeveralWakesBeforeAParkCountAsOne) {
     Parker parker;
-    parker.self = StartThread(ParkTwice, &parker, ThreadPriority::Normal, true);
-    ASSERT_TRUE(parker.self);
-    WakeThread(parker.self);  // starts it
+    parker.Self = StartThread(ParkTwice, &parker, ThreadPriority::Normal, true);
+    ASSERT_TRUE(parker.Self);
+    WakeThread(parker.Self);  // starts it
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     // Three wakes while it runs, before its first park, leave one kept wake.
-    WakeThread(parker.self);
-    WakeThread(parker.self);
-    WakeThread(parker.self);
+    WakeThread(parker.Self);
+    WakeThread(parker.Self);
+    WakeThread(parker.Self);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (parker.passes.load() < 1 && std::chrono::steady_clock::now() < deadline) {
+    while (parker.Passes.load() < 1 && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ(parker.passes.load(), 1);  // parked the second time, not passed through
-    WakeThread(parker.self);
-    JoinThread(parker.self);
-    EXPECT_EQ(parker.passes.load(), 2);
+    EXPECT_EQ(parker.Passes.load(), 1);  // parked the second time, not passed through
+    WakeThread(parker.Self);
+    JoinThread(parker.Self);
+    EXPECT_EQ(parker.Passes.load(), 2);
 }
 
 TEST(Thread, ARecordMayOutliveItsLastOtherOwner) {

@@ -40,15 +40,15 @@ bool SlotIsZero(int slot) {
 class DirectoryTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        BuildPaths(folder.Path());
-        SetMessageBoxHandler([this](const std::string& text) { messages.push_back(text); });
+        BuildPaths(folder_.Path());
+        SetMessageBoxHandler([this](const std::string& text) { messages_.push_back(text); });
     }
     void TearDown() override { SetMessageBoxHandler(nullptr); }
 
-    std::string FilePath() const { return folder / "kestrelbound_directory"; }
+    std::string FilePath() const { return folder_ / "kestrelbound_directory"; }
 
-    TempFolder folder;
-    std::vector<std::string> messages;
+    TempFolder folder_;
+    std::vector<std::string> messages_;
 };
 
 TEST_F(DirectoryTest, FirstRunWritesTwoZeroBytesAndLeavesTheTableEmpty) {
@@ -60,22 +60,22 @@ TEST_F(DirectoryTest, FirstRunWritesTwoZeroBytesAndLeavesTheTableEmpty) {
     EXPECT_EQ(ReadWholeFile(FilePath()), std::string(2, '\0'));
     EXPECT_EQ(DirectoryCount.load(), 0);
     EXPECT_TRUE(SlotIsZero(0));
-    EXPECT_TRUE(messages.empty());
+    EXPECT_TRUE(messages_.empty());
 
     // The empty file loads as an empty table, with no message.
     ASSERT_EQ(LoadDirectory(), 1);
     EXPECT_EQ(DirectoryCount.load(), 0);
-    EXPECT_TRUE(messages.empty());
+    EXPECT_TRUE(messages_.empty());
 }
 
 TEST_F(DirectoryTest, AFileThatCannotBeCreatedGivesTheMessageAndAnEmptyTable) {
-    BuildPaths(folder / "missing folder");
+    BuildPaths(folder_ / "missing folder");
     EXPECT_EQ(LoadDirectory(), 0);
-    EXPECT_EQ(messages, std::vector<std::string>{"Cannot create directory file."});
+    EXPECT_EQ(messages_, std::vector<std::string>{"Cannot create directory file."});
     EXPECT_EQ(DirectoryCount.load(), 0);
     // Saving then fails quietly and creates nothing.
     EXPECT_FALSE(SaveDirectory());
-    EXPECT_EQ(messages.size(), 1u);
+    EXPECT_EQ(messages_.size(), 1u);
 }
 
 TEST_F(DirectoryTest, OnlyTheCountedRecordsLoadAndTheTailIsNeverRead) {
@@ -119,7 +119,7 @@ TEST_F(DirectoryTest, ACountOutsideTheTableNeverWritesPastIt) {
     WriteWholeFile(FilePath(), std::string(1, '\x05'));
     ASSERT_EQ(LoadDirectory(), 1);
     EXPECT_EQ(DirectoryCount.load(), 0);
-    EXPECT_TRUE(messages.empty());
+    EXPECT_TRUE(messages_.empty());
 }
 
 TEST_F(DirectoryTest, SaveWritesEveryFieldAtItsOffsetAndKeepsTheOlderTail) {

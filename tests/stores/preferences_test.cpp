@@ -25,19 +25,19 @@ uint32_t LittleEndianAt(const std::string& bytes, size_t offset, size_t width) {
 class PreferencesTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        BuildPaths(folder.Path());
-        SetMessageBoxHandler([this](const std::string& text) { messages.push_back(text); });
+        BuildPaths(folder_.Path());
+        SetMessageBoxHandler([this](const std::string& text) { messages_.push_back(text); });
     }
     void TearDown() override { SetMessageBoxHandler(nullptr); }
 
-    TempFolder folder;
-    std::vector<std::string> messages;
+    TempFolder folder_;
+    std::vector<std::string> messages_;
 };
 
 TEST_F(PreferencesTest, ShortAndEmptyFilesAreTakenAsTheyStandAndNotRewritten) {
     // ComPort 3, MaxPortSpeed 57600, IncomingProtocol 2, then the file ends.
     const std::string shortFile("\x03\x00\x00\x00\x00\xE1\x00\x00\x02\x00", 10);
-    WriteWholeFile(folder / "kestrelbound_prefs", shortFile);
+    WriteWholeFile(folder_ / "kestrelbound_prefs", shortFile);
     // Values left from before must not survive a load.
     ThePreferences.AdapterModel = 30;
     ThePreferences.IgnoreHotFolders = 1;
@@ -50,17 +50,17 @@ TEST_F(PreferencesTest, ShortAndEmptyFilesAreTakenAsTheyStandAndNotRewritten) {
     EXPECT_EQ(ThePreferences.AdapterModel, 0);
     EXPECT_EQ(ThePreferences.IgnoreHotFolders, 0);
     EXPECT_STREQ(ThePreferences.ExternalProgramB, "");
-    EXPECT_EQ(ReadWholeFile(folder / "kestrelbound_prefs"), shortFile);
+    EXPECT_EQ(ReadWholeFile(folder_ / "kestrelbound_prefs"), shortFile);
 
     // An empty file is an all-zero record; the defaults of a new file do not
     // apply to it.
-    WriteWholeFile(folder / "kestrelbound_prefs", "");
+    WriteWholeFile(folder_ / "kestrelbound_prefs", "");
     ASSERT_EQ(LoadPreferences(), 1);
     EXPECT_EQ(ThePreferences.MaxPortSpeed, 0u);
     EXPECT_EQ(ThePreferences.ComPort, 0);
     EXPECT_EQ(ThePreferences.IncomingProtocol, 0);
-    EXPECT_EQ(ReadWholeFile(folder / "kestrelbound_prefs").size(), 0u);
-    EXPECT_TRUE(messages.empty());
+    EXPECT_EQ(ReadWholeFile(folder_ / "kestrelbound_prefs").size(), 0u);
+    EXPECT_TRUE(messages_.empty());
 }
 
 TEST_F(PreferencesTest, SaveWritesEveryFieldAtItsOffset) {
@@ -79,7 +79,7 @@ TEST_F(PreferencesTest, SaveWritesEveryFieldAtItsOffset) {
     ThePreferences.IgnoreHotFolders = 1;
     ASSERT_TRUE(SavePreferences());
 
-    const std::string bytes = ReadWholeFile(folder / "kestrelbound_prefs");
+    const std::string bytes = ReadWholeFile(folder_ / "kestrelbound_prefs");
     ASSERT_EQ(bytes.size(), 1176u);
     EXPECT_EQ(LittleEndianAt(bytes, 0, 2), 2u);
     EXPECT_EQ(LittleEndianAt(bytes, 2, 2), 0u);
@@ -114,7 +114,7 @@ TEST_F(PreferencesTest, LongFileKeepsItsTailAndReservedBytesThroughLoadAndSave) 
     file[4] = '\x00';
     file[5] = '\xC2';
     file[6] = '\x01';  // MaxPortSpeed 115200
-    WriteWholeFile(folder / "kestrelbound_prefs", file);
+    WriteWholeFile(folder_ / "kestrelbound_prefs", file);
 
     ASSERT_EQ(LoadPreferences(), 1);
     EXPECT_EQ(ThePreferences.MaxPortSpeed, 115200u);
@@ -125,7 +125,7 @@ TEST_F(PreferencesTest, LongFileKeepsItsTailAndReservedBytesThroughLoadAndSave) 
     expected[0] = '\x04';
     // The reserved bytes come back as they were read, and the save does not
     // cut the file short.
-    EXPECT_EQ(ReadWholeFile(folder / "kestrelbound_prefs"), expected);
+    EXPECT_EQ(ReadWholeFile(folder_ / "kestrelbound_prefs"), expected);
 }
 
 TEST_F(PreferencesTest, SaveNeedsAnExistingFileAndSaysNothingWithout) {
@@ -133,27 +133,27 @@ TEST_F(PreferencesTest, SaveNeedsAnExistingFileAndSaysNothingWithout) {
     ThePreferences.ComPort = 1;
     EXPECT_FALSE(SavePreferences());
     struct stat info {};
-    EXPECT_NE(::stat((folder / "kestrelbound_prefs").c_str(), &info), 0);
-    EXPECT_TRUE(messages.empty());
+    EXPECT_NE(::stat((folder_ / "kestrelbound_prefs").c_str(), &info), 0);
+    EXPECT_TRUE(messages_.empty());
 
     // A file that opens but takes no bytes: the save fails, still silently.
-    ASSERT_EQ(::symlink("/dev/full", (folder / "kestrelbound_prefs").c_str()), 0);
+    ASSERT_EQ(::symlink("/dev/full", (folder_ / "kestrelbound_prefs").c_str()), 0);
     EXPECT_FALSE(SavePreferences());
-    EXPECT_TRUE(messages.empty());
+    EXPECT_TRUE(messages_.empty());
 }
 
 TEST_F(PreferencesTest, AFolderWhereTheFileCannotBeMadeGivesTheMessageAndAZeroRecord) {
-    BuildPaths(folder / "missing");
+    BuildPaths(folder_ / "missing");
     ThePreferences.MaxPortSpeed = 57600;
 
     EXPECT_EQ(LoadPreferences(), 0);
-    ASSERT_EQ(messages.size(), 1u);
-    EXPECT_EQ(messages[0], "Cannot create preferences file.");
+    ASSERT_EQ(messages_.size(), 1u);
+    EXPECT_EQ(messages_[0], "Cannot create preferences file.");
     // The defaults belong to a file that was made; without one the record is
     // all zero, MaxPortSpeed included.
     EXPECT_EQ(ThePreferences.MaxPortSpeed, 0u);
     EXPECT_FALSE(SavePreferences());
-    EXPECT_EQ(messages.size(), 1u);
+    EXPECT_EQ(messages_.size(), 1u);
 }
 
 }  // namespace

@@ -28,24 +28,24 @@ std::vector<std::string> Numbered(int from, int count) {
 class StatusLogFileTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        BuildPaths(folder.Path());
-        SetMessageBoxHandler([this](const std::string& text) { messages.push_back(text); });
+        BuildPaths(folder_.Path());
+        SetMessageBoxHandler([this](const std::string& text) { messages_.push_back(text); });
     }
     void TearDown() override {
         SetMessageBoxHandler(nullptr);
         FreeStatusLog();
     }
-    std::string LogFile() const { return folder / "kestrelbound_log"; }
+    std::string LogFile() const { return folder_ / "kestrelbound_log"; }
 
-    TempFolder folder;
-    std::vector<std::string> messages;
+    TempFolder folder_;
+    std::vector<std::string> messages_;
 };
 
 TEST_F(StatusLogFileTest, NewInstallationGetsAOneByteLogAndNoLines) {
     ASSERT_EQ(LoadStatusLog(), 1);
     EXPECT_EQ(ReadWholeFile(LogFile()), std::string(1, '\0'));
     EXPECT_TRUE(StoredLogLines().empty());
-    EXPECT_TRUE(messages.empty());
+    EXPECT_TRUE(messages_.empty());
 }
 
 TEST_F(StatusLogFileTest, ShorterLogKeepsTheStaleTailWhichTheNextStartIgnores) {
@@ -116,17 +116,17 @@ TEST_F(StatusLogFileTest, ALineEndingOnTheLastByteOfTheBufferIsKept) {
 }
 
 TEST_F(StatusLogFileTest, AFolderWhereTheLogCannotBeMadeGivesTheMessageAndAnEmptyLog) {
-    BuildPaths(folder / "missing");
+    BuildPaths(folder_ / "missing");
     EXPECT_EQ(LoadStatusLog(), 0);
-    ASSERT_EQ(messages.size(), 1u);
-    EXPECT_EQ(messages[0], "Cannot create status log file.");
+    ASSERT_EQ(messages_.size(), 1u);
+    EXPECT_EQ(messages_[0], "Cannot create status log file.");
     EXPECT_TRUE(StoredLogLines().empty());
 
     // The save at exit fails in silence and creates nothing.
     EXPECT_EQ(SaveStatusLog({"Stopping Kestrelbound"}), 0);
-    EXPECT_EQ(messages.size(), 1u);
+    EXPECT_EQ(messages_.size(), 1u);
     struct stat info {};
-    EXPECT_NE(::stat((folder / "missing").c_str(), &info), 0);
+    EXPECT_NE(::stat((folder_ / "missing").c_str(), &info), 0);
 }
 
 TEST_F(StatusLogFileTest, AStoredLogOf700LinesComesBackWholeAndTheNextLineTrimsIt) {
@@ -277,12 +277,12 @@ TEST_F(LogSinkTest, LinesFromSeveralThreadsAllArriveEachThreadInItsOrder) {
         std::lock_guard<std::mutex> guard(seenLock);
         seen.push_back(line);
     });
-    constexpr int kThreads = 4;
-    constexpr int kLines = 500;
+    constexpr int Threads = 4;
+    constexpr int Lines = 500;
     std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
+    for (int t = 0; t < Threads; ++t) {
         threads.emplace_back([t] {
-            for (int i = 0; i < kLines; ++i) {
+            for (int i = 0; i < Lines; ++i) {
                 AddLogLine(std::to_string(t) + " " + std::to_string(i));
             }
         });
@@ -292,8 +292,8 @@ TEST_F(LogSinkTest, LinesFromSeveralThreadsAllArriveEachThreadInItsOrder) {
     }
     SetLogLineSink(nullptr);
 
-    ASSERT_EQ(seen.size(), static_cast<size_t>(kThreads * kLines));
-    std::vector<int> nextOf(kThreads, 0);
+    ASSERT_EQ(seen.size(), static_cast<size_t>(Threads * Lines));
+    std::vector<int> nextOf(Threads, 0);
     for (const std::string& line : seen) {
         const int t = std::stoi(line.substr(0, line.find(' ')));
         const int i = std::stoi(line.substr(line.find(' ') + 1));

@@ -20,7 +20,7 @@ FarEnd::~FarEnd() {
 void FarEnd::LinkAs(const std::string& folder, int portNumber) const {
     const std::string link = folder + "/COM" + std::to_string(portNumber);
     ::unlink(link.c_str());
-    if (::symlink(terminal_.slavePath.c_str(), link.c_str()) != 0) {
+    if (::symlink(terminal_.SlavePath.c_str(), link.c_str()) != 0) {
         throw std::runtime_error("cannot link " + link);
     }
 }
@@ -28,11 +28,11 @@ void FarEnd::LinkAs(const std::string& folder, int portNumber) const {
 void FarEnd::Send(const std::string& bytes) const {
     size_t done = 0;
     while (done < bytes.size()) {
-        const ssize_t n = ::write(terminal_.master, bytes.data() + done, bytes.size() - done);
+        const ssize_t n = ::write(terminal_.Master, bytes.data() + done, bytes.size() - done);
         if (n > 0) {
             done += static_cast<size_t>(n);
         } else if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
-            pollfd wait = {terminal_.master, POLLOUT, 0};
+            pollfd wait = {terminal_.Master, POLLOUT, 0};
             ::poll(&wait, 1, 100);
         } else {
             throw std::runtime_error("cannot write to the pseudo-terminal");
@@ -54,7 +54,7 @@ std::string FarEnd::Receive(size_t count, int timeoutMs) const {
         if (left <= 0) {
             break;
         }
-        pollfd wait = {terminal_.master, POLLIN, 0};
+        pollfd wait = {terminal_.Master, POLLIN, 0};
         ::poll(&wait, 1, static_cast<int>(left));
     }
     return got;
@@ -71,10 +71,10 @@ std::string FarEnd::ReceiveUntil(const std::string& marker, int timeoutMs) const
         if (left <= 0) {
             break;
         }
-        pollfd wait = {terminal_.master, POLLIN, 0};
+        pollfd wait = {terminal_.Master, POLLIN, 0};
         if (::poll(&wait, 1, static_cast<int>(left)) > 0) {
             char byte;
-            if (::read(terminal_.master, &byte, 1) == 1) {
+            if (::read(terminal_.Master, &byte, 1) == 1) {
                 got += byte;
             }
         }
@@ -86,7 +86,7 @@ std::string FarEnd::ReceiveAvailable() const {
     std::string got;
     char buffer[4096];
     for (;;) {
-        const ssize_t n = ::read(terminal_.master, buffer, sizeof buffer);
+        const ssize_t n = ::read(terminal_.Master, buffer, sizeof buffer);
         if (n > 0) {
             got.append(buffer, static_cast<size_t>(n));
         } else if (n < 0 && errno == EINTR) {

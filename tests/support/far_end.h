@@ -16,7 +16,7 @@ public:
     FarEnd& operator=(const FarEnd&) = delete;
 
     // The device path that the program opens.
-    const std::string& DevicePath() const { return terminal_.slavePath; }
+    const std::string& DevicePath() const { return terminal_.SlavePath; }
     // Makes a link "COMn" in the folder that points at the device.
     void LinkAs(const std::string& folder, int portNumber) const;
 
@@ -30,7 +30,7 @@ public:
     // What has come so far, without waiting.
     std::string ReceiveAvailable() const;
     // The pseudo-terminal's own end, for a reader of its own.
-    int Master() const { return terminal_.master; }
+    int Master() const { return terminal_.Master; }
     // The speed the program has set on its side.
     uint32_t Speed() const { return PseudoTerminalSpeed(terminal_); }
 

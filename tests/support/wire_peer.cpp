@@ -292,11 +292,11 @@ std::string SendSession(Port& port, const std::vector<File>& files, const std::s
     }
     size_t withData = 0;
     for (const File& file : files) {
-        const uint32_t length = StreamLength(file.bytes.size());
-        list += Entry(file.name, file.kind, length, length);
+        const uint32_t length = StreamLength(file.Bytes.size());
+        list += Entry(file.Name, file.Kind, length, length);
         total += length;
         ++count;
-        withData += file.bytes.empty() ? 0 : 1;
+        withData += file.Bytes.empty() ? 0 : 1;
     }
     port.Send("H100\r\n" + Header(count, total) + list);
     const std::string answer = port.ReceiveUntil("\r\n", 5000);
@@ -308,15 +308,15 @@ std::string SendSession(Port& port, const std::vector<File>& files, const std::s
     }
     size_t sent = 0;
     for (const File& file : files) {
-        if (file.bytes.empty()) {
+        if (file.Bytes.empty()) {
             continue;
         }
-        port.Send(Stream(file.bytes));
+        port.Send(Stream(file.Bytes));
         ++sent;
         const std::string expected = sent == withData ? "ACK2\r\n" : "ACK4\r\n";
         const std::string ack = port.ReceiveUntil("\r\n", 30000);
         if (ack != expected) {
-            return file.name + " answered with " + ack;
+            return file.Name + " answered with " + ack;
         }
     }
     return "";
@@ -358,9 +358,9 @@ std::string ReceiveSession(Port& port, std::vector<File>& files, std::string* fo
         return "a short list";
     }
     struct Announced {
-        std::string name;
-        uint32_t dataLength;
-        int32_t kind;
+        std::string Name;
+        uint32_t DataLength;
+        int32_t Kind;
     };
     std::vector<Announced> announced;
     uint32_t total = 0;
@@ -401,14 +401,14 @@ std::string ReceiveSession(Port& port, std::vector<File>& files, std::string* fo
     SendToken(port, "ACK3\r\n", tokenPauseMs);
     size_t left = 0;
     for (const Announced& a : announced) {
-        left += a.dataLength != 0 ? 1 : 0;
+        left += a.DataLength != 0 ? 1 : 0;
     }
     for (const Announced& a : announced) {
-        File file{a.name, "", a.kind};
-        if (a.dataLength != 0) {
-            const std::string stream = port.Receive(a.dataLength, 30000);
-            if (stream.size() != a.dataLength) {
-                return a.name + " arrived short";
+        File file{a.Name, "", a.Kind};
+        if (a.DataLength != 0) {
+            const std::string stream = port.Receive(a.DataLength, 30000);
+            if (stream.size() != a.DataLength) {
+                return a.Name + " arrived short";
             }
             for (size_t at = 0; at < stream.size(); at += SectionData + 2) {
                 const size_t length = std::min(SectionData, stream.size() - at - 2);
@@ -416,9 +416,9 @@ std::string ReceiveSession(Port& port, std::vector<File>& files, std::string* fo
                 const uint16_t sum = static_cast<uint16_t>((static_cast<uint8_t>(stream[at]) << 8) |
                                                            static_cast<uint8_t>(stream[at + 1]));
                 if (sum != SectionChecksum(bytes, length)) {
-                    return a.name + " has a section that fails its checksum";
+                    return a.Name + " has a section that fails its checksum";
                 }
-                file.bytes.append(stream, at + 2, length);
+                file.Bytes.append(stream, at + 2, length);
             }
             --left;
             SendToken(port, left == 0 ? "ACK2\r\n" : "ACK4\r\n", tokenPauseMs);

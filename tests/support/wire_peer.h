@@ -24,9 +24,9 @@ std::string Stream(const std::string& fileBytes);
 uint32_t StreamLength(size_t fileSize);
 
 struct File {
-    std::string name;
-    std::string bytes;
-    int32_t kind = 0;  // 2 for a program file
+    std::string Name;
+    std::string Bytes;
+    int32_t Kind = 0;  // 2 for a program file
 };
 
 // The port of a virtual adapter, raw, at 115200 bits per second.

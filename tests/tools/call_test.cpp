@@ -50,8 +50,8 @@ TEST_F(VirtualTaCalls, AliceCallsBobAndEachEndReportsItsOwnPortSpeed) {
     EXPECT_EQ(alice.ReadUntil("CONNECT 57600\r\n", 2000), "\r\nCONNECT 57600\r\n");
     // Both are in data mode now: what one sends, the other gets.
     const Transfer transfer = TransferBothWays(alice, bob, "from alice", "from bob", 2000);
-    EXPECT_EQ(transfer.atB, "from alice");
-    EXPECT_EQ(transfer.atA, "from bob");
+    EXPECT_EQ(transfer.AtB, "from alice");
+    EXPECT_EQ(transfer.AtA, "from bob");
 }
 
 TEST_F(VirtualTaCalls, BobCallsAliceWithCarrierCodesAndASecondNumber) {
@@ -59,11 +59,11 @@ TEST_F(VirtualTaCalls, BobCallsAliceWithCarrierCodesAndASecondNumber) {
     TaPort alice(Link("alice"), 115200);
     TaPort bob(Link("bob"), 115200);
     const CallSetUp call = SetUpCall(bob, alice, "102885551001+102885551001");
-    ASSERT_TRUE(call.connected) << call.atCaller << " / " << call.atAnswerer;
-    EXPECT_EQ(call.atAnswerer, "\r\nRING\r\nATA\r\r\nCONNECT 115200\r\n");
+    ASSERT_TRUE(call.Connected) << call.AtCaller << " / " << call.AtAnswerer;
+    EXPECT_EQ(call.AtAnswerer, "\r\nRING\r\nATA\r\r\nCONNECT 115200\r\n");
     const Transfer transfer = TransferBothWays(bob, alice, "to alice", "to bob", 2000);
-    EXPECT_EQ(transfer.atB, "to alice");
-    EXPECT_EQ(transfer.atA, "to bob");
+    EXPECT_EQ(transfer.AtB, "to alice");
+    EXPECT_EQ(transfer.AtA, "to bob");
 }
 
 TEST_F(VirtualTaCalls, AnAdapterInACallIsBusy) {
@@ -71,7 +71,7 @@ TEST_F(VirtualTaCalls, AnAdapterInACallIsBusy) {
     TaPort alice(Link("alice"), 115200);
     TaPort bob(Link("bob"), 115200);
     TaPort dave(Link("dave"), 115200);
-    ASSERT_TRUE(SetUpCall(alice, bob, "5551002").connected);
+    ASSERT_TRUE(SetUpCall(alice, bob, "5551002").Connected);
     for (const char* number : {"5551002", "5551001"}) {
         const int64_t start = MonotonicMs();
         dave.Send(std::string("ATD") + number + "\r");
@@ -80,8 +80,8 @@ TEST_F(VirtualTaCalls, AnAdapterInACallIsBusy) {
     }
     // The call itself goes on undisturbed.
     const Transfer transfer = TransferBothWays(alice, bob, "still", "here", 2000);
-    EXPECT_EQ(transfer.atB, "still");
-    EXPECT_EQ(transfer.atA, "here");
+    EXPECT_EQ(transfer.AtB, "still");
+    EXPECT_EQ(transfer.AtA, "here");
     // Calling oneself meets a busy line too.
     dave.Send("ATD5551004\r");
     EXPECT_EQ(dave.ReadUntil("BUSY\r\n", 3000), "ATD5551004\r\r\nBUSY\r\n");
@@ -193,13 +193,13 @@ TEST_F(VirtualTaCalls, AProfileWithS0Eq0LeavesTheAnswerToTheProgram) {
     const CallSetUp late = [&] {
         bob.Send("ATA\r");
         CallSetUp result;
-        result.atAnswerer = bob.ReadUntil("CONNECT 115200\r\n", 2000);
-        result.atCaller = alice.ReadUntil("CONNECT 115200\r\n", 2000);
+        result.AtAnswerer = bob.ReadUntil("CONNECT 115200\r\n", 2000);
+        result.AtCaller = alice.ReadUntil("CONNECT 115200\r\n", 2000);
         return result;
     }();
-    EXPECT_EQ(late.atAnswerer, "ATA\r\r\nCONNECT 115200\r\n");
-    EXPECT_EQ(late.atCaller, "ATD5551002\r\r\nRINGING\r\n\r\nCONNECT 115200\r\n");
-    EXPECT_EQ(Count(late.atCaller, "RINGING"), 1);
+    EXPECT_EQ(late.AtAnswerer, "ATA\r\r\nCONNECT 115200\r\n");
+    EXPECT_EQ(late.AtCaller, "ATD5551002\r\r\nRINGING\r\n\r\nCONNECT 115200\r\n");
+    EXPECT_EQ(Count(late.AtCaller, "RINGING"), 1);
 }
 
 }  // namespace

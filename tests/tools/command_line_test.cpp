@@ -49,21 +49,21 @@ TEST(VirtualTaCommandLine, BadArgumentsGiveOneLineAndExit2) {
             shown += argument + " ";
         }
         const ToolRun run = RunTool(arguments);
-        EXPECT_EQ(run.exitCode, 2) << shown;
-        EXPECT_EQ(run.out, "") << shown;
-        EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << shown << run.err;
-        EXPECT_EQ(run.err.rfind("virtual-ta: ", 0), 0u) << run.err;
+        EXPECT_EQ(run.ExitCode, 2) << shown;
+        EXPECT_EQ(run.Out, "") << shown;
+        EXPECT_EQ(std::count(run.Err.begin(), run.Err.end(), '\n'), 1) << shown << run.Err;
+        EXPECT_EQ(run.Err.rfind("virtual-ta: ", 0), 0u) << run.Err;
     }
     EXPECT_FALSE(IsLink(folder / "COM1")) << "no link is left by a refused start";
 }
 
 TEST(VirtualTaCommandLine, HelpDescribesTheAdapters) {
     const ToolRun run = RunTool({"--help"});
-    EXPECT_EQ(run.exitCode, 0);
+    EXPECT_EQ(run.ExitCode, 0);
     for (const char* word :
          {"PATH=FAMILY:NUMBER", "bitsurfr", "adtran-xrt", "zyxel-ta128", "3com", "max-speed=N",
           "dip230400", "no-dialtone", "--rate", "--fault", "--trace"}) {
-        EXPECT_NE(run.out.find(word), std::string::npos) << word;
+        EXPECT_NE(run.Out.find(word), std::string::npos) << word;
     }
 }
 
@@ -97,8 +97,8 @@ TEST(VirtualTaCommandLine, APathTakenByAFileIsLeftAlone) {
     TempFolder folder;
     WriteWholeFile(folder / "COM1", "mine");
     const ToolRun run = RunTool({folder / "COM1=bitsurfr:5551000"});
-    EXPECT_EQ(run.exitCode, 2);
-    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.ExitCode, 2);
+    EXPECT_EQ(run.Out, "");
     EXPECT_EQ(ReadWholeFile(folder / "COM1"), "mine");
 }
 
@@ -120,7 +120,7 @@ TEST(VirtualTaCommandLine, TheTraceTellsTheChannelsOfEachCall) {
     for (const char* dial : {"2&3", "2&9", "2&103332"}) {
         // Each call falls at once, by the drop faults at offset 0.
         const CallSetUp call = SetUpCall(a, b, dial);
-        ASSERT_TRUE(call.connected) << dial;
+        ASSERT_TRUE(call.Connected) << dial;
         EXPECT_EQ(a.ReadUntil("NO CARRIER\r\n", 1000), "\r\nNO CARRIER\r\n");
         EXPECT_EQ(b.ReadUntil("NO CARRIER\r\n", 1000), "\r\nNO CARRIER\r\n");
     }
@@ -145,8 +145,8 @@ TEST(VirtualTaCommandLine, TheTraceShowsCommandsRepliesAndCallsWhileItRuns) {
     ASSERT_TRUE(tool.Ready());
     TaPort a(folder / "a", 115200);
     TaPort b(folder / "b", 115200);
-    ASSERT_TRUE(SetUpCall(a, b, "5551002").connected);
-    ASSERT_EQ(TransferBothWays(a, b, "12345", "123", 2000).atA, "123");
+    ASSERT_TRUE(SetUpCall(a, b, "5551002").Connected);
+    ASSERT_EQ(TransferBothWays(a, b, "12345", "123", 2000).AtA, "123");
     ::usleep(600000);
     a.Send("+++");
     ASSERT_EQ(a.ReadUntil("OK\r\n", 2250), "\r\nOK\r\n");

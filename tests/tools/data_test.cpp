@@ -24,7 +24,7 @@ protected:
         ASSERT_TRUE(tool_->Ready());
         alice_ = std::make_unique<TaPort>(folder_ / "alice", 115200);
         bob_ = std::make_unique<TaPort>(folder_ / "bob", 115200);
-        ASSERT_TRUE(SetUpCall(*alice_, *bob_, "5551002").connected);
+        ASSERT_TRUE(SetUpCall(*alice_, *bob_, "5551002").Connected);
     }
 
     TempFolder folder_;
@@ -38,10 +38,10 @@ TEST_F(VirtualTaDataMode, AMegabyteEachWayAtOnceArrivesUnchanged) {
     const std::string toBob = RandomBytes(1 << 20, 1);
     const std::string toAlice = RandomBytes(1 << 20, 2);
     const Transfer transfer = TransferBothWays(*alice_, *bob_, toBob, toAlice, 30000);
-    EXPECT_EQ(transfer.atB.size(), toBob.size());
-    EXPECT_EQ(transfer.atA.size(), toAlice.size());
-    EXPECT_TRUE(transfer.atB == toBob) << "bytes to Bob changed";
-    EXPECT_TRUE(transfer.atA == toAlice) << "bytes to Alice changed";
+    EXPECT_EQ(transfer.AtB.size(), toBob.size());
+    EXPECT_EQ(transfer.AtA.size(), toAlice.size());
+    EXPECT_TRUE(transfer.AtB == toBob) << "bytes to Bob changed";
+    EXPECT_TRUE(transfer.AtA == toAlice) << "bytes to Alice changed";
 }
 
 TEST_F(VirtualTaDataMode, NoByteIsLostWhileTheFarEndDoesNotRead) {
@@ -73,9 +73,9 @@ TEST_F(VirtualTaDataMode, PlusSignsWithinTheDataPassAsData) {
     Connect({"--rate", "0"});
     // Inside a run, and right behind other bytes with silence after.
     Transfer transfer = TransferBothWays(*alice_, *bob_, "abc+++def", "", 2000);
-    EXPECT_EQ(transfer.atB, "abc+++def");
+    EXPECT_EQ(transfer.AtB, "abc+++def");
     transfer = TransferBothWays(*alice_, *bob_, "xyz+++", "", 2000);
-    EXPECT_EQ(transfer.atB, "xyz+++");
+    EXPECT_EQ(transfer.AtB, "xyz+++");
     EXPECT_EQ(alice_->ReadFor(800), "") << "no escape without silence before it";
     // After silence, but with more bytes behind it within the guard time.
     alice_->Send("+++");
@@ -126,8 +126,8 @@ TEST_F(VirtualTaDataMode, OnlineCommandModeHoldsTheFarEndsDataUntilATO) {
     alice_->Send("ATO\r");
     EXPECT_EQ(alice_->ReadUntil("CONNECT 115200\r\n", 1000), "ATO\r\r\nCONNECT 115200\r\n");
     const Transfer transfer = TransferBothWays(*alice_, *bob_, "back", "", 2000);
-    EXPECT_EQ(transfer.atA, "sent while alice talks to her adapter");
-    EXPECT_EQ(transfer.atB, "back");
+    EXPECT_EQ(transfer.AtA, "sent while alice talks to her adapter");
+    EXPECT_EQ(transfer.AtB, "back");
 }
 
 TEST_F(VirtualTaDataMode, FaultsActAtTheirOffsetsOnceAndInOrder) {
@@ -136,9 +136,9 @@ TEST_F(VirtualTaDataMode, FaultsActAtTheirOffsetsOnceAndInOrder) {
     // Bob's first byte arrives with one bit flipped.
     const std::string fromBob = RandomBytes(500, 5);
     Transfer transfer = TransferBothWays(*alice_, *bob_, "", fromBob, 2000);
-    ASSERT_EQ(transfer.atA.size(), fromBob.size());
-    EXPECT_EQ(transfer.atA[0], static_cast<char>(fromBob[0] ^ 0x01));
-    EXPECT_EQ(transfer.atA.substr(1), fromBob.substr(1));
+    ASSERT_EQ(transfer.AtA.size(), fromBob.size());
+    EXPECT_EQ(transfer.AtA[0], static_cast<char>(fromBob[0] ^ 0x01));
+    EXPECT_EQ(transfer.AtA.substr(1), fromBob.substr(1));
 
     // Alice's bytes 100 and 7000 are flipped, and the line falls after 9000.
     // What she sends beyond reaches her adapter in command mode; it holds no
@@ -162,20 +162,20 @@ TEST_F(VirtualTaDataMode, FaultsActAtTheirOffsetsOnceAndInOrder) {
     // Both are back in command mode; the next call is clean.
     alice_->ReadFor(200);
     bob_->ReadFor(200);
-    ASSERT_TRUE(SetUpCall(*alice_, *bob_, "5551002").connected);
+    ASSERT_TRUE(SetUpCall(*alice_, *bob_, "5551002").Connected);
     transfer = TransferBothWays(*alice_, *bob_, fromAlice, fromBob, 5000);
-    EXPECT_TRUE(transfer.atB == fromAlice);
-    EXPECT_TRUE(transfer.atA == fromBob);
+    EXPECT_TRUE(transfer.AtB == fromAlice);
+    EXPECT_TRUE(transfer.AtA == fromBob);
 }
 
 TEST_F(VirtualTaDataMode, TheLinePacesAtItsRate) {
     Connect({"--rate", "20000"});
     const std::string bytes = RandomBytes(40000, 7);
     const Transfer transfer = TransferBothWays(*alice_, *bob_, bytes, bytes, 10000);
-    EXPECT_TRUE(transfer.atB == bytes);
-    EXPECT_TRUE(transfer.atA == bytes);
+    EXPECT_TRUE(transfer.AtB == bytes);
+    EXPECT_TRUE(transfer.AtA == bytes);
     // 40000 bytes at 20000 bytes per second each way.
-    EXPECT_NEAR(transfer.seconds, 2.0, 0.2);
+    EXPECT_NEAR(transfer.Seconds, 2.0, 0.2);
 }
 
 // Six adapters in three calls at once: one whose two ends both bundle two
@@ -199,9 +199,9 @@ TEST(VirtualTaLineRate, TwoChannelsNeedBothEndsAnd56KCarriesSevenEighths) {
     // 2B on both ZyXELs, but e at 56K.
     ASSERT_TRUE(ok(e, "AT&H3&D0&C1&E1&S0Q0E1V1B20&O2S0=0X1&J3&K00"));
     ASSERT_TRUE(ok(f, "AT&H3&D0&C1&E0&S0Q0E1V1B20&O2S0=0X1&J3&K00"));
-    ASSERT_TRUE(SetUpCall(a, b, "2").connected);
-    ASSERT_TRUE(SetUpCall(c, d, "4").connected);
-    ASSERT_TRUE(SetUpCall(e, f, "6").connected);
+    ASSERT_TRUE(SetUpCall(a, b, "2").Connected);
+    ASSERT_TRUE(SetUpCall(c, d, "4").Connected);
+    ASSERT_TRUE(SetUpCall(e, f, "6").Connected);
 
     const std::string forty = RandomBytes(40000, 8);
     const std::string twenty = RandomBytes(20000, 9);
@@ -213,12 +213,12 @@ TEST(VirtualTaLineRate, TwoChannelsNeedBothEndsAnd56KCarriesSevenEighths) {
     one.join();
     two.join();
     three.join();
-    EXPECT_TRUE(ab.atB == forty);
-    EXPECT_TRUE(cd.atB == twenty);
-    EXPECT_TRUE(ef.atB == thirtyFive);
-    EXPECT_NEAR(ab.seconds, 2.0, 0.2) << "two channels of 10000 bytes per second";
-    EXPECT_NEAR(cd.seconds, 2.0, 0.2) << "one channel: the answerer does not bundle";
-    EXPECT_NEAR(ef.seconds, 2.0, 0.2) << "two channels at 56K: 17500 bytes per second";
+    EXPECT_TRUE(ab.AtB == forty);
+    EXPECT_TRUE(cd.AtB == twenty);
+    EXPECT_TRUE(ef.AtB == thirtyFive);
+    EXPECT_NEAR(ab.Seconds, 2.0, 0.2) << "two channels of 10000 bytes per second";
+    EXPECT_NEAR(cd.Seconds, 2.0, 0.2) << "one channel: the answerer does not bundle";
+    EXPECT_NEAR(ef.Seconds, 2.0, 0.2) << "two channels at 56K: 17500 bytes per second";
 }
 
 }  // namespace

@@ -14,9 +14,9 @@ namespace {
 
 // The program's view of an adapter: AdapterModel and AdapterVariant.
 struct Identity {
-    bool found = false;
-    int model = -1;
-    int variant = -1;
+    bool Found = false;
+    int Model = -1;
+    int Variant = -1;
 };
 
 bool Holds(const std::string& text, const char* mark) {
@@ -33,33 +33,33 @@ Identity Identify(TaPort& port) {
     }
     if (Holds(ati0, "960")) {
         const std::string ati8 = port.Command("ati8", 4000);
-        identity.model = 0;
-        identity.found = Holds(ati8, "OK\r\n") && Holds(ati8, "BitSURFR");
+        identity.Model = 0;
+        identity.Found = Holds(ati8, "OK\r\n") && Holds(ati8, "BitSURFR");
         return identity;
     }
     if (Holds(ati0, "ADTRAN EXPRESS XR")) {
-        identity.found = true;
-        identity.model = 10;
-        identity.variant = Holds(ati0, "ADTRAN EXPRESS XRT") ? 1 : 0;
+        identity.Found = true;
+        identity.Model = 10;
+        identity.Variant = Holds(ati0, "ADTRAN EXPRESS XRT") ? 1 : 0;
         return identity;
     }
     for (const char* mark : {"2864", "1291", "1292", "1293", "1281", "1282", "1283"}) {
         if (Holds(ati0, mark)) {
-            identity.found = true;
-            identity.model = 20;
+            identity.Found = true;
+            identity.Model = 20;
             if (Holds(ati0, "2864")) {
-                identity.variant = 1;
+                identity.Variant = 1;
             } else if (Holds(ati0, "1291") || Holds(ati0, "1292") || Holds(ati0, "1293")) {
-                identity.variant = 2;
+                identity.Variant = 2;
             } else {
-                identity.variant = 3;
+                identity.Variant = 3;
             }
             return identity;
         }
     }
     if (Holds(ati0, "3C882")) {
-        identity.found = true;
-        identity.model = 30;
+        identity.Found = true;
+        identity.Model = 30;
     }
     return identity;
 }
@@ -112,20 +112,20 @@ std::string ZyxelNumber(const std::string& exchange) {
 }
 
 struct Choice {
-    const char* family;
-    int model;
-    int variant;  // -1 where the family has none
-    const char* numberQuery;
-    std::string (*reader)(const std::string&);
-    std::vector<const char*> profiles;  // the family's set-up strings
-    const char* foreign;                // one of them that only its own family understands
+    const char* Family;
+    int Model;
+    int Variant;  // -1 where the family has none
+    const char* NumberQuery;
+    std::string (*Reader)(const std::string&);
+    std::vector<const char*> Profiles;  // the family's set-up strings
+    const char* Foreign;                // one of them that only its own family understands
 };
 
 void PrintTo(const Choice& choice, std::ostream* os) {
-    *os << choice.family;
+    *os << choice.Family;
 }
 
-const std::vector<const char*> kBitSurfrProfiles = {
+const std::vector<const char*> BitSurfrProfiles = {
     "AT\\Q3%A2=2%A4=1S0=0S12=25&D0&C1W1E1",
     "AT\\Q3%A2=2%A4=0S0=0S12=25&D0&C1W1E1",
     "AT\\Q3%A2=3&M0%A4=1S0=0S12=25&D0&C1W1E1",
@@ -133,14 +133,14 @@ const std::vector<const char*> kBitSurfrProfiles = {
     "AT",
     "AT@P2=9600S25=5",
 };
-const std::vector<const char*> kAdTranProfiles = {
+const std::vector<const char*> AdTranProfiles = {
     "AT&F3\\Q3&D0X1S0=0S12=25S53=2S54=6",
     "AT&F3\\Q3&D0X1S0=0S12=25S53=3S54=6",
     "AT&F4\\Q3&D0X1S0=0S12=25S53=2S54=2S15=1",
     "AT&F4\\Q3&D0X1S0=0S12=25S53=3S54=2S15=1",
     "AT",
 };
-const std::vector<const char*> kZyxelProfiles = {
+const std::vector<const char*> ZyxelProfiles = {
     "AT&H3&D0&C1&E1&S0Q0E1V1B20&O2S0=0X1&J0&K00",
     "AT&H3&D0&C1&E0&S0Q0E1V1B20&O2S0=0X1&J3&K44",
     "AT&H3&D0&C1&E1&S0Q0E1V1B00&O2S0=0X1&J3&K00",
@@ -148,37 +148,37 @@ const std::vector<const char*> kZyxelProfiles = {
     "AT&O0E1",
     "AT",
 };
-const std::vector<const char*> kThreeComProfiles = {
+const std::vector<const char*> ThreeComProfiles = {
     "AT\\Q3S0=0&D0&C1W1E1S71=2S73=1S74=256S75=0S60=56",
     "AT\\Q3S0=0&D0&C1W1E1S71=2S73=0S74=253S75=0S60=64",
     "AT$B0E1",  // no result code: the 3Com moves its port at once
     "AT",
 };
 
-const Choice kChoices[] = {
-    {"bitsurfr", 0, -1, "AT!N1?", BitSurfrNumber, kBitSurfrProfiles,
+const Choice Choices[] = {
+    {"bitsurfr", 0, -1, "AT!N1?", BitSurfrNumber, BitSurfrProfiles,
      "AT\\Q3%A2=3&M0%A4=1S0=0S12=25&D0&C1W1E1"},
-    {"adtran-xr", 10, 0, "ATSS62?", FirstLineNumber, kAdTranProfiles,
+    {"adtran-xr", 10, 0, "ATSS62?", FirstLineNumber, AdTranProfiles,
      "AT&F4\\Q3&D0X1S0=0S12=25S53=2S54=2S15=1"},
-    {"adtran-xrt", 10, 1, "ATSS63?", FirstLineNumber, kAdTranProfiles,
+    {"adtran-xrt", 10, 1, "ATSS63?", FirstLineNumber, AdTranProfiles,
      "AT&F4\\Q3&D0X1S0=0S12=25S53=2S54=2S15=1"},
-    {"zyxel-2864", 20, 1, "AT&ZI?", ZyxelNumber, kZyxelProfiles,
+    {"zyxel-2864", 20, 1, "AT&ZI?", ZyxelNumber, ZyxelProfiles,
      "AT&H3&D0&C1&E1&S0Q0E1V1B20&O2S0=0X1&J3&K44"},
-    {"zyxel-omninet", 20, 2, "AT&ZI?", ZyxelNumber, kZyxelProfiles,
+    {"zyxel-omninet", 20, 2, "AT&ZI?", ZyxelNumber, ZyxelProfiles,
      "AT&H3&D0&C1&E1&S0Q0E1V1B20&O2S0=0X1&J3&K44"},
-    {"zyxel-ta128", 20, 3, "AT&ZI?", ZyxelNumber, kZyxelProfiles,
+    {"zyxel-ta128", 20, 3, "AT&ZI?", ZyxelNumber, ZyxelProfiles,
      "AT&H3&D0&C1&E1&S0Q0E1V1B20&O2S0=0X1&J3&K44"},
-    {"3com", 30, -1, "ATS51?", FirstLineNumber, kThreeComProfiles, "AT$B0E1"},
+    {"3com", 30, -1, "ATS51?", FirstLineNumber, ThreeComProfiles, "AT$B0E1"},
 };
 
-const char* const kNumber = "4930123456789";
+const char* const Number = "4930123456789";
 
 class AdapterChoice : public testing::TestWithParam<Choice> {};
 
 TEST_P(AdapterChoice, IsIdentifiedAndGivesItsNumberInFull) {
     const Choice& choice = GetParam();
     TempFolder folder;
-    VirtualTa tool({folder / "COM1=" + choice.family + ":" + kNumber});
+    VirtualTa tool({folder / "COM1=" + choice.Family + ":" + Number});
     ASSERT_TRUE(tool.Ready());
     TaPort port(folder / "COM1", 9600);
     ASSERT_TRUE(port.IsOpen());
@@ -186,40 +186,40 @@ TEST_P(AdapterChoice, IsIdentifiedAndGivesItsNumberInFull) {
     EXPECT_EQ(port.Command("atv1"), "atv1\r\r\nOK\r\n");
     EXPECT_EQ(port.Command("ATE1V1"), "ATE1V1\r\r\nOK\r\n");
     const Identity identity = Identify(port);
-    EXPECT_TRUE(identity.found);
-    EXPECT_EQ(identity.model, choice.model);
-    if (choice.variant >= 0) {
-        EXPECT_EQ(identity.variant, choice.variant);
+    EXPECT_TRUE(identity.Found);
+    EXPECT_EQ(identity.Model, choice.Model);
+    if (choice.Variant >= 0) {
+        EXPECT_EQ(identity.Variant, choice.Variant);
     }
 
-    const std::string exchange = port.Command(choice.numberQuery, 4000);
-    EXPECT_EQ(exchange.substr(0, std::string(choice.numberQuery).size() + 1),
-              std::string(choice.numberQuery) + "\r")
+    const std::string exchange = port.Command(choice.NumberQuery, 4000);
+    EXPECT_EQ(exchange.substr(0, std::string(choice.NumberQuery).size() + 1),
+              std::string(choice.NumberQuery) + "\r")
         << "the query is echoed";
-    EXPECT_EQ(choice.reader(exchange), kNumber) << exchange;
+    EXPECT_EQ(choice.Reader(exchange), Number) << exchange;
 }
 
 TEST_P(AdapterChoice, RepliesCarryOnlyTheMarksOfTheirOwnFamily) {
     const Choice& choice = GetParam();
     TempFolder folder;
-    VirtualTa tool({folder / "COM1=" + choice.family + ":5551000"});
+    VirtualTa tool({folder / "COM1=" + choice.Family + ":5551000"});
     ASSERT_TRUE(tool.Ready());
     TaPort port(folder / "COM1", 9600);
     const std::string replies = port.Command("ati0") + port.Command("ati8") + port.Command("ati3");
     struct Mark {
-        const char* text;
-        int model;
+        const char* Text;
+        int Model;
     };
     const Mark marks[] = {{"960", 0},   {"BitSURFR", 0}, {"ADTRAN EXPRESS XR", 10},
                           {"2864", 20}, {"1291", 20},    {"1292", 20},
                           {"1293", 20}, {"1281", 20},    {"1282", 20},
                           {"1283", 20}, {"3C882", 30}};
     for (const Mark& mark : marks) {
-        if (mark.model != choice.model) {
-            EXPECT_FALSE(Holds(replies, mark.text)) << mark.text << " in " << replies;
+        if (mark.Model != choice.Model) {
+            EXPECT_FALSE(Holds(replies, mark.Text)) << mark.Text << " in " << replies;
         }
     }
-    if (choice.model == 20) {
+    if (choice.Model == 20) {
         // One model number of its own, none of the other ZyXELs.
         int own = 0;
         for (const char* mark : {"2864", "1291", "1292", "1293", "1281", "1282", "1283"}) {
@@ -232,10 +232,10 @@ TEST_P(AdapterChoice, RepliesCarryOnlyTheMarksOfTheirOwnFamily) {
 TEST_P(AdapterChoice, TakesItsFamilysSetUpStringsAndRefusesOthers) {
     const Choice& choice = GetParam();
     TempFolder folder;
-    VirtualTa tool({folder / "COM1=" + choice.family + ":5551000"});
+    VirtualTa tool({folder / "COM1=" + choice.Family + ":5551000"});
     ASSERT_TRUE(tool.Ready());
     TaPort port(folder / "COM1", 115200);
-    for (const char* profile : choice.profiles) {
+    for (const char* profile : choice.Profiles) {
         if (std::string(profile).find("$B") != std::string::npos) {
             port.Send(std::string(profile) + "\r");
             EXPECT_EQ(port.ReadFor(300), std::string(profile) + "\r") << "echo and no result";
@@ -245,15 +245,15 @@ TEST_P(AdapterChoice, TakesItsFamilysSetUpStringsAndRefusesOthers) {
     }
     // What only other families understand is refused, and the number
     // queries of the others give no number.
-    for (const Choice& other : kChoices) {
-        if (other.model == choice.model) {
+    for (const Choice& other : Choices) {
+        if (other.Model == choice.Model) {
             continue;
         }
-        const std::string profile = other.foreign;
-        EXPECT_EQ(port.Command(profile), profile + "\r\r\nERROR\r\n") << other.family;
-        if (other.model != 30) {  // S51 is an ordinary register elsewhere
-            const std::string query = other.numberQuery;
-            EXPECT_EQ(port.Command(query), query + "\r\r\nERROR\r\n") << other.family;
+        const std::string profile = other.Foreign;
+        EXPECT_EQ(port.Command(profile), profile + "\r\r\nERROR\r\n") << other.Family;
+        if (other.Model != 30) {  // S51 is an ordinary register elsewhere
+            const std::string query = other.NumberQuery;
+            EXPECT_EQ(port.Command(query), query + "\r\r\nERROR\r\n") << other.Family;
         }
     }
     EXPECT_EQ(port.Command("ATY9"), "ATY9\r\r\nERROR\r\n");
@@ -262,7 +262,7 @@ TEST_P(AdapterChoice, TakesItsFamilysSetUpStringsAndRefusesOthers) {
 }
 
 std::string ChoiceName(const testing::TestParamInfo<Choice>& info) {
-    std::string name = info.param.family;
+    std::string name = info.param.Family;
     for (char& c : name) {
         if (c == '-') {
             c = '_';
@@ -271,7 +271,7 @@ std::string ChoiceName(const testing::TestParamInfo<Choice>& info) {
     return name;
 }
 
-INSTANTIATE_TEST_SUITE_P(VirtualTa, AdapterChoice, testing::ValuesIn(kChoices), ChoiceName);
+INSTANTIATE_TEST_SUITE_P(VirtualTa, AdapterChoice, testing::ValuesIn(Choices), ChoiceName);
 
 TEST(VirtualTaCommandMode, EchoAndResultCodesFollowEAndV) {
     TempFolder folder;

@@ -24,8 +24,8 @@ namespace {
 
 std::vector<char*> ArgumentVector(const std::vector<std::string>& arguments) {
     std::vector<char*> argv;
-    static std::string name = VIRTUAL_TA_PATH;
-    argv.push_back(name.data());
+    static std::string Name = VIRTUAL_TA_PATH;
+    argv.push_back(Name.data());
     for (const std::string& argument : arguments) {
         argv.push_back(const_cast<char*>(argument.c_str()));
     }
@@ -133,12 +133,12 @@ ToolRun RunTool(const std::vector<std::string>& arguments) {
         char buffer[4096];
         if (outOpen && entries[0].revents != 0) {
             const ssize_t n = ::read(out[0], buffer, sizeof buffer);
-            n > 0 ? static_cast<void>(run.out.append(buffer, static_cast<size_t>(n)))
+            n > 0 ? static_cast<void>(run.Out.append(buffer, static_cast<size_t>(n)))
                   : static_cast<void>(outOpen = false);
         }
         if (errOpen && entries[1].revents != 0) {
             const ssize_t n = ::read(err[0], buffer, sizeof buffer);
-            n > 0 ? static_cast<void>(run.err.append(buffer, static_cast<size_t>(n)))
+            n > 0 ? static_cast<void>(run.Err.append(buffer, static_cast<size_t>(n)))
                   : static_cast<void>(errOpen = false);
         }
     }
@@ -154,7 +154,7 @@ ToolRun RunTool(const std::vector<std::string>& arguments) {
         ::waitpid(pid, &status, 0);
         return run;
     }
-    run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    run.ExitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return run;
 }
 
@@ -283,16 +283,16 @@ std::string TaPort::Command(const std::string& command, int timeoutMs) {
 Transfer TransferBothWays(TaPort& a, TaPort& b, const std::string& aToB, const std::string& bToA,
                           int timeoutMs) {
     Transfer result;
-    result.atA = a.TakePending();
-    result.atB = b.TakePending();
-    result.atA.reserve(bToA.size());
-    result.atB.reserve(aToB.size());
+    result.AtA = a.TakePending();
+    result.AtB = b.TakePending();
+    result.AtA.reserve(bToA.size());
+    result.AtB.reserve(aToB.size());
     size_t sentA = 0;
     size_t sentB = 0;
     const int64_t start = MonotonicMs();
     const int64_t deadline = start + timeoutMs;
     char buffer[65536];
-    while ((result.atB.size() < aToB.size() || result.atA.size() < bToA.size()) &&
+    while ((result.AtB.size() < aToB.size() || result.AtA.size() < bToA.size()) &&
            MonotonicMs() < deadline) {
         pollfd entries[2] = {{a.Fd(), POLLIN, 0}, {b.Fd(), POLLIN, 0}};
         if (sentA < aToB.size()) {
@@ -313,33 +313,33 @@ Transfer TransferBothWays(TaPort& a, TaPort& b, const std::string& aToB, const s
         if ((entries[0].revents & POLLIN) != 0) {
             const ssize_t n = ::read(a.Fd(), buffer, sizeof buffer);
             if (n > 0) {
-                result.atA.append(buffer, static_cast<size_t>(n));
+                result.AtA.append(buffer, static_cast<size_t>(n));
             }
         }
         if ((entries[1].revents & POLLIN) != 0) {
             const ssize_t n = ::read(b.Fd(), buffer, sizeof buffer);
             if (n > 0) {
-                result.atB.append(buffer, static_cast<size_t>(n));
+                result.AtB.append(buffer, static_cast<size_t>(n));
             }
         }
     }
-    result.seconds = static_cast<double>(MonotonicMs() - start) / 1000.0;
+    result.Seconds = static_cast<double>(MonotonicMs() - start) / 1000.0;
     return result;
 }
 
 CallSetUp SetUpCall(TaPort& caller, TaPort& answerer, const std::string& dialString) {
     CallSetUp result;
     caller.Send("ATD" + dialString + "\r");
-    result.atAnswerer = answerer.ReadUntil("RING\r\n", 3000);
-    if (result.atAnswerer.find("RING") == std::string::npos) {
+    result.AtAnswerer = answerer.ReadUntil("RING\r\n", 3000);
+    if (result.AtAnswerer.find("RING") == std::string::npos) {
         return result;
     }
     answerer.Send("ATA\r");
-    result.atAnswerer += answerer.ReadUntil("CONNECT ", 3000);
-    result.atAnswerer += answerer.ReadUntil("\r\n", 1000);
-    result.atCaller = caller.ReadUntil("CONNECT ", 3000);
-    result.atCaller += caller.ReadUntil("\r\n", 1000);
-    result.connected = result.atCaller.find("CONNECT ") != std::string::npos &&
-                       result.atAnswerer.find("CONNECT ") != std::string::npos;
+    result.AtAnswerer += answerer.ReadUntil("CONNECT ", 3000);
+    result.AtAnswerer += answerer.ReadUntil("\r\n", 1000);
+    result.AtCaller = caller.ReadUntil("CONNECT ", 3000);
+    result.AtCaller += caller.ReadUntil("\r\n", 1000);
+    result.Connected = result.AtCaller.find("CONNECT ") != std::string::npos &&
+                       result.AtAnswerer.find("CONNECT ") != std::string::npos;
     return result;
 }

@@ -32,9 +32,9 @@ private:
 
 // The tool run to its end with a limit of ten seconds, as for bad arguments.
 struct ToolRun {
-    int exitCode = -1;
-    std::string out;
-    std::string err;
+    int ExitCode = -1;
+    std::string Out;
+    std::string Err;
 };
 ToolRun RunTool(const std::vector<std::string>& arguments);
 
@@ -81,9 +81,9 @@ private:
 // Sends aToB into a and bToA into b at once and reads what comes out at the
 // other ends, until each has the length sent or the time is up.
 struct Transfer {
-    std::string atB;
-    std::string atA;
-    double seconds = 0;  // until the last byte arrived
+    std::string AtB;
+    std::string AtA;
+    double Seconds = 0;  // until the last byte arrived
 };
 Transfer TransferBothWays(TaPort& a, TaPort& b, const std::string& aToB, const std::string& bToA,
                           int timeoutMs);
@@ -92,9 +92,9 @@ Transfer TransferBothWays(TaPort& a, TaPort& b, const std::string& aToB, const s
 // The texts each port showed, up to and including its CONNECT line, are
 // returned; empty texts if no CONNECT came.
 struct CallSetUp {
-    std::string atCaller;
-    std::string atAnswerer;
-    bool connected = false;
+    std::string AtCaller;
+    std::string AtAnswerer;
+    bool Connected = false;
 };
 CallSetUp SetUpCall(TaPort& caller, TaPort& answerer, const std::string& dialString);
 

@@ -67,7 +67,7 @@ bool DialCharacterAllowed(char c) {
 class Interpreter {
 public:
     Interpreter(Adapter& adapter, std::string_view body)
-        : adapter_(adapter), body_(body), kind_(adapter.spec.family->kind) {}
+        : adapter_(adapter), body_(body), kind_(adapter.Spec.Model->Kind) {}
 
     CommandOutcome Run() {
         while (at_ < body_.size()) {
@@ -76,7 +76,7 @@ public:
                 continue;
             }
             if (!Next()) {
-                outcome_.final = CommandOutcome::Final::Error;
+                outcome_.Final = CommandOutcome::FinalCode::Error;
                 return outcome_;
             }
             if (done_) {
@@ -87,13 +87,13 @@ public:
     }
 
 private:
-    void Info(std::string_view text) { outcome_.info += FrameInfo(adapter_, {std::string(text)}); }
+    void Info(std::string_view text) { outcome_.Info += FrameInfo(adapter_, {std::string(text)}); }
     void Info(const std::vector<std::string>& lines) {
-        outcome_.info += FrameInfo(adapter_, lines);
+        outcome_.Info += FrameInfo(adapter_, lines);
     }
 
     void Store(const std::string& name, long value) {
-        adapter_.settings[name] = std::to_string(value);
+        adapter_.Registers[name] = std::to_string(value);
     }
 
     bool Knows(std::string_view name) const { return FamilyKnows(kind_, name); }
@@ -130,13 +130,13 @@ private:
                     return false;
                 }
             }
-            outcome_.dial = std::string(rest);
-            outcome_.final = CommandOutcome::Final::Dial;
+            outcome_.Dial = std::string(rest);
+            outcome_.Final = CommandOutcome::FinalCode::Dial;
             done_ = true;
             return true;
         }
         if (c == 'A') {
-            outcome_.final = CommandOutcome::Final::Answer;
+            outcome_.Final = CommandOutcome::FinalCode::Answer;
             done_ = true;
             return true;
         }
@@ -173,20 +173,20 @@ private:
                 if (value != 0) {
                     return false;
                 }
-                outcome_.hangUp = true;
+                outcome_.HangUp = true;
                 return true;
             case 'O':
                 if (value != 0) {
                     return false;
                 }
-                outcome_.final = CommandOutcome::Final::Online;
+                outcome_.Final = CommandOutcome::FinalCode::Online;
                 done_ = true;
                 return true;
             case 'Z':
                 if (value != 0) {
                     return false;
                 }
-                DefaultSettings(kind_, adapter_.settings);
+                DefaultSettings(kind_, adapter_.Registers);
                 return true;
             case 'I':
                 return Identity(value);
@@ -196,17 +196,17 @@ private:
     }
 
     bool Identity(long which) {
-        const Family& family = *adapter_.spec.family;
+        const Family& family = *adapter_.Spec.Model;
         const std::vector<const char*>* lines = nullptr;
         switch (which) {
             case 0:
-                lines = &family.identity0;
+                lines = &family.Identity0;
                 break;
             case 3:
-                lines = &family.identity3;
+                lines = &family.Identity3;
                 break;
             case 8:
-                lines = &family.identity8;
+                lines = &family.Identity8;
                 break;
             default:
                 return false;
@@ -229,7 +229,7 @@ private:
         if (body_[at_] == '?') {
             ++at_;
             if (kind_ == FamilyKind::ThreeCom && reg == 51) {
-                Info(adapter_.spec.number);  // the 3Com keeps its own number in S51
+                Info(adapter_.Spec.Number);  // the 3Com keeps its own number in S51
                 return true;
             }
             char text[16];
@@ -262,11 +262,11 @@ private:
             return false;
         }
         ++at_;
-        const bool xrt = std::string_view(adapter_.spec.family->name) == "adtran-xrt";
+        const bool xrt = std::string_view(adapter_.Spec.Model->Name) == "adtran-xrt";
         if (reg != (xrt ? 63 : 62)) {
             return false;
         }
-        Info(adapter_.spec.number);
+        Info(adapter_.Spec.Number);
         return true;
     }
 
@@ -286,16 +286,16 @@ private:
         long value = 0;
         const bool given = ReadNumber(body_, at_, value);
         if (name == "&F") {
-            return FactoryProfile(kind_, static_cast<int>(value), adapter_.settings);
+            return FactoryProfile(kind_, static_cast<int>(value), adapter_.Registers);
         }
         if (name == "$B") {
             // The 3Com moves its port at once and gives no result code.
             if (!given || (value != 0 && !IsPortSpeed(value))) {
                 return false;
             }
-            outcome_.speedChange = true;
-            outcome_.fixedSpeed = value == 230400 ? 230400 : 0;
-            outcome_.final = CommandOutcome::Final::Silent;
+            outcome_.SpeedChange = true;
+            outcome_.FixedSpeed = value == 230400 ? 230400 : 0;
+            outcome_.Final = CommandOutcome::FinalCode::Silent;
             Store(name, value);
             return true;
         }
@@ -310,7 +310,7 @@ private:
         }
         at_ += 2;
         Info({"&ZI1 (Data):()", "&ZI2 (Voice):()",
-              "&ZI3 (MultiAuto):(" + adapter_.spec.number + ")"});
+              "&ZI3 (MultiAuto):(" + adapter_.Spec.Number + ")"});
         return true;
     }
 
@@ -332,11 +332,11 @@ private:
         if (body_[at_] == '?') {
             ++at_;
             if (name == "!N1") {
-                Info(adapter_.spec.number);  // the BitSURFR's own number
+                Info(adapter_.Spec.Number);  // the BitSURFR's own number
                 return true;
             }
-            const auto found = adapter_.settings.find(name);
-            if (found == adapter_.settings.end()) {
+            const auto found = adapter_.Registers.find(name);
+            if (found == adapter_.Registers.end()) {
                 return false;
             }
             Info(found->second);
@@ -353,14 +353,14 @@ private:
                 if (!IsPortSpeed(value)) {
                     return false;
                 }
-                outcome_.speedChange = true;
-                outcome_.fixedSpeed = value == 230400 ? 230400 : 0;
+                outcome_.SpeedChange = true;
+                outcome_.FixedSpeed = value == 230400 ? 230400 : 0;
             }
             Store(name, value);
             return true;
         }
         if (at_ < body_.size() && IsLetter(body_[at_]) && name != "@P2") {
-            adapter_.settings[name] = std::string(1, Upper(body_[at_++]));
+            adapter_.Registers[name] = std::string(1, Upper(body_[at_++]));
             return true;
         }
         return false;
@@ -393,21 +393,21 @@ std::string FrameInfo(const Adapter& adapter, const std::vector<std::string>& li
     }
     // The BitSURFR puts its line breaks in front: its result code follows the
     // last line of text directly.
-    if (adapter.spec.family->kind == FamilyKind::BitSurfr) {
+    if (adapter.Spec.Model->Kind == FamilyKind::BitSurfr) {
         return "\r\n" + text;
     }
     return "\r\n" + text + "\r\n";
 }
 
 bool Understands(const Adapter& adapter, uint32_t portSpeed, uint32_t fixedSpeed) {
-    if (portSpeed == 0 || portSpeed > adapter.spec.maxSpeed) {
+    if (portSpeed == 0 || portSpeed > adapter.Spec.MaxSpeed) {
         return false;
     }
-    switch (adapter.spec.family->kind) {
+    switch (adapter.Spec.Model->Kind) {
         case FamilyKind::Zyxel:
             return true;  // follows the port at any speed
         case FamilyKind::AdTran:
-            return adapter.spec.dip230400 ? portSpeed == 230400 : portSpeed <= 115200;
+            return adapter.Spec.Dip230400 ? portSpeed == 230400 : portSpeed <= 115200;
         case FamilyKind::BitSurfr:
         case FamilyKind::ThreeCom:
             return fixedSpeed == 230400 ? portSpeed == 230400 : portSpeed <= 115200;
@@ -424,7 +424,7 @@ bool IsSpeedCommandFor(const Adapter& adapter, std::string_view text, uint32_t p
         return false;
     }
     const char* marker = nullptr;
-    switch (adapter.spec.family->kind) {
+    switch (adapter.Spec.Model->Kind) {
         case FamilyKind::BitSurfr:
             marker = "@P2=";
             break;

@@ -11,7 +11,7 @@
 #include "port.h"
 
 struct CommandOutcome {
-    enum class Final {
+    enum class FinalCode {
         Ok,      // "OK"
         Error,   // "ERROR"
         Silent,  // no result code (a 3Com speed command)
@@ -19,12 +19,12 @@ struct CommandOutcome {
         Answer,  // ATA
         Online,  // ATO
     };
-    Final final = Final::Ok;
-    std::string info;  // information text, framed as the family frames it
-    std::string dial;  // what followed the D
-    bool hangUp = false;
-    bool speedChange = false;  // after the result, run at fixedSpeed
-    uint32_t fixedSpeed = 0;
+    FinalCode Final = FinalCode::Ok;
+    std::string Info;  // information text, framed as the family frames it
+    std::string Dial;  // what followed the D
+    bool HangUp = false;
+    bool SpeedChange = false;  // after the result, run at fixedSpeed
+    uint32_t FixedSpeed = 0;
 };
 
 // Runs the commands that follow "AT" (body). Commands before an unknown one

@@ -10,7 +10,7 @@ DataPath::DataPath(size_t capacity, uint64_t bytesPerSecond, uint64_t nowNs)
     // An adapter hands the data of its B channels to the port frame by frame,
     // not byte by byte: at least a frame of 256 bytes (V.120's information
     // field is 260), or 5 ms of line when that is more.
-    chunk_ = std::max<uint64_t>(kFrameBytes, bytesPerSecond / 200);
+    chunk_ = std::max<uint64_t>(FrameBytes, bytesPerSecond / 200);
 }
 
 uint8_t* DataPath::WriteArea(size_t& length) {
@@ -32,17 +32,17 @@ bool DataPath::Put(uint64_t nowNs, std::vector<const FaultSpec*>& acted, bool un
     // The nearest drop fault still to act bounds what may go.
     FaultSpec* drop = nullptr;
     for (FaultSpec* fault : faults_) {
-        if (!fault->acted && fault->kind == FaultKind::Drop &&
-            (drop == nullptr || fault->offset < drop->offset)) {
+        if (!fault->Acted && fault->Kind == FaultKind::Drop &&
+            (drop == nullptr || fault->Offset < drop->Offset)) {
             drop = fault;
         }
     }
     const auto fall = [&]() {
-        drop->acted = true;
+        drop->Acted = true;
         acted.push_back(drop);
         return false;
     };
-    if (drop != nullptr && drop->offset <= released_) {
+    if (drop != nullptr && drop->Offset <= released_) {
         return fall();
     }
     const uint64_t limit = holding_ ? std::max(holdFrom_, released_) : tail_;
@@ -54,16 +54,16 @@ bool DataPath::Put(uint64_t nowNs, std::vector<const FaultSpec*>& acted, bool un
         count = std::min(count, bucket_.Available(nowNs));
     }
     if (drop != nullptr) {
-        count = std::min(count, drop->offset - released_);
+        count = std::min(count, drop->Offset - released_);
     }
     if (count == 0) {
         return true;
     }
     for (FaultSpec* fault : faults_) {
-        if (!fault->acted && fault->kind == FaultKind::Corrupt && fault->offset >= released_ &&
-            fault->offset < released_ + count) {
-            data_[static_cast<size_t>(fault->offset % capacity_)] ^= 0x01;
-            fault->acted = true;
+        if (!fault->Acted && fault->Kind == FaultKind::Corrupt && fault->Offset >= released_ &&
+            fault->Offset < released_ + count) {
+            data_[static_cast<size_t>(fault->Offset % capacity_)] ^= 0x01;
+            fault->Acted = true;
             acted.push_back(fault);
         }
     }
@@ -71,7 +71,7 @@ bool DataPath::Put(uint64_t nowNs, std::vector<const FaultSpec*>& acted, bool un
     if (!unpaced) {
         bucket_.Take(count);
     }
-    if (drop != nullptr && drop->offset == released_) {
+    if (drop != nullptr && drop->Offset == released_) {
         return fall();
     }
     return true;
@@ -81,7 +81,7 @@ uint64_t DataPath::NextReleaseAt(uint64_t nowNs) {
     const uint64_t limit = holding_ ? std::max(holdFrom_, released_) : tail_;
     const uint64_t waiting = limit - released_;
     if (waiting == 0) {
-        return kNever;
+        return Never;
     }
     return bucket_.TimeWhen(std::min(waiting, chunk_), nowNs);
 }

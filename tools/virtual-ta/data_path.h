@@ -78,7 +78,7 @@ private:
     bool holding_ = false;
     uint64_t holdFrom_ = 0;
     TokenBucket bucket_;
-    static constexpr uint64_t kFrameBytes = 256;
+    static constexpr uint64_t FrameBytes = 256;
     uint64_t chunk_;  // bytes worth waking up for: a frame, or 5 ms of line
     std::vector<FaultSpec*> faults_;
 };

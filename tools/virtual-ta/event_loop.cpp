@@ -21,7 +21,7 @@ int RunEventLoop(Exchange& exchange, int signalFd) {
         const uint64_t deadline = exchange.NextDeadline(now);
         timespec limit{};
         timespec* wait = nullptr;
-        if (deadline != kNever) {
+        if (deadline != Never) {
             const uint64_t left = deadline > now ? deadline - now : 0;
             limit.tv_sec = static_cast<time_t>(left / 1000000000);
             limit.tv_nsec = static_cast<long>(left % 1000000000);

@@ -7,11 +7,11 @@
 
 namespace {
 
-constexpr uint64_t kRoutingDelayNs = 500 * kNsPerMs;  // until a failed dial is reported
-constexpr uint64_t kRingIntervalNs = 2000 * kNsPerMs;
+constexpr uint64_t RoutingDelayNs = 500 * NsPerMs;  // until a failed dial is reported
+constexpr uint64_t RingIntervalNs = 2000 * NsPerMs;
 
 // Carrier codes that may stand in front of a number.
-const char* const kCarrierCodes[] = {"10288", "10222", "10333"};
+const char* const CarrierCodes[] = {"10288", "10222", "10333"};
 
 }  // namespace
 
@@ -22,21 +22,21 @@ Exchange::~Exchange() {
 }
 
 bool Exchange::Open(std::string& error) {
-    for (const AdapterSpec& spec : options_.adapters) {
+    for (const AdapterSpec& spec : options_.Adapters) {
         auto adapter = std::make_unique<Adapter>();
-        adapter->spec = spec;
-        adapter->who = spec.number;
-        DefaultSettings(spec.family->kind, adapter->settings);
-        if (!OpenPseudoTerminal(adapter->pty)) {
-            error = "cannot make a pseudo-terminal for '" + spec.path + "'";
+        adapter->Spec = spec;
+        adapter->Who = spec.Number;
+        DefaultSettings(spec.Model->Kind, adapter->Registers);
+        if (!OpenPseudoTerminal(adapter->Pty)) {
+            error = "cannot make a pseudo-terminal for '" + spec.Path + "'";
             return false;
         }
-        if (!MakeLink(spec.path, adapter->pty.slavePath, error)) {
-            ClosePseudoTerminal(adapter->pty);
+        if (!MakeLink(spec.Path, adapter->Pty.SlavePath, error)) {
+            ClosePseudoTerminal(adapter->Pty);
             return false;
         }
-        TraceLine(adapter->who, spec.family->product + std::string(" at ") + spec.path + " -> " +
-                                    adapter->pty.slavePath);
+        TraceLine(adapter->Who, spec.Model->Product + std::string(" at ") + spec.Path + " -> " +
+                                    adapter->Pty.SlavePath);
         adapters_.push_back(std::move(adapter));
     }
     return true;
@@ -44,8 +44,8 @@ bool Exchange::Open(std::string& error) {
 
 void Exchange::Close() {
     for (auto& adapter : adapters_) {
-        RemoveLink(adapter->spec.path, adapter->pty.slavePath);
-        ClosePseudoTerminal(adapter->pty);
+        RemoveLink(adapter->Spec.Path, adapter->Pty.SlavePath);
+        ClosePseudoTerminal(adapter->Pty);
     }
     adapters_.clear();
     calls_.clear();
@@ -57,31 +57,31 @@ void Exchange::Close() {
 void Exchange::Service(uint64_t now) {
     for (auto& owned : calls_) {
         Call& call = *owned;
-        if (call.ended) {
+        if (call.Ended) {
             continue;
         }
-        switch (call.phase) {
+        switch (call.Phase) {
             case CallPhase::Routing:
-                if (now >= call.resultAt) {
-                    TraceLine(call.caller->who, std::string("dial fails: ") + call.failure);
-                    Abandon(call, call.failure);
+                if (now >= call.ResultAt) {
+                    TraceLine(call.Caller->Who, std::string("dial fails: ") + call.Failure);
+                    Abandon(call, call.Failure);
                 }
                 break;
             case CallPhase::Ringing:
-                if (now >= call.giveUpAt) {
-                    TraceLine(call.caller->who, "no answer");
+                if (now >= call.GiveUpAt) {
+                    TraceLine(call.Caller->Who, "no answer");
                     Abandon(call, "NO CARRIER");
-                } else if (now >= call.nextRingAt) {
-                    call.nextRingAt += kRingIntervalNs;
+                } else if (now >= call.NextRingAt) {
+                    call.NextRingAt += RingIntervalNs;
                     Ring(call, now);
                 }
                 break;
             case CallPhase::Connected:
-                CheckEscape(call, *call.caller, now);
-                if (!call.ended) {
-                    CheckEscape(call, *call.answerer, now);
+                CheckEscape(call, *call.Caller, now);
+                if (!call.Ended) {
+                    CheckEscape(call, *call.Answerer, now);
                 }
-                if (!call.ended) {
+                if (!call.Ended) {
                     Pump(call, now);
                 }
                 break;
@@ -91,22 +91,22 @@ void Exchange::Service(uint64_t now) {
     for (auto& adapter : adapters_) {
         Adapter& a = *adapter;
         // Bytes that came behind a command line and belong to its new mode.
-        if (!a.pushback.empty()) {
-            if (a.mode == AdapterMode::Data) {
+        if (!a.Pushback.empty()) {
+            if (a.Mode == AdapterMode::Data) {
                 ReadData(a, now);
             } else {
                 std::string bytes;
-                bytes.swap(a.pushback);
-                if (a.mode == AdapterMode::Dialling) {
-                    Abandon(*a.call, "NO CARRIER");
+                bytes.swap(a.Pushback);
+                if (a.Mode == AdapterMode::Dialling) {
+                    Abandon(*a.InCall, "NO CARRIER");
                 } else {
-                    CommandBytes(a, bytes.data(), bytes.size(), a.portSpeed, now);
+                    CommandBytes(a, bytes.data(), bytes.size(), a.PortSpeed, now);
                 }
             }
         }
         // A port that was not watched while the line was full: look at once
         // whether anything came meanwhile.
-        if (a.mode == AdapterMode::Data && a.blind && WantsRead(a)) {
+        if (a.Mode == AdapterMode::Data && a.Blind && WantsRead(a)) {
             ReadData(a, now);
         }
         Flush(a);
@@ -115,22 +115,22 @@ void Exchange::Service(uint64_t now) {
 }
 
 uint64_t Exchange::NextDeadline(uint64_t now) {
-    uint64_t next = kNever;
+    uint64_t next = Never;
     for (auto& adapter : adapters_) {
-        if (!adapter->pushback.empty() &&
-            (adapter->mode != AdapterMode::Data || WantsRead(*adapter))) {
+        if (!adapter->Pushback.empty() &&
+            (adapter->Mode != AdapterMode::Data || WantsRead(*adapter))) {
             return now;
         }
     }
     for (auto& owned : calls_) {
         Call& call = *owned;
-        if (call.ended) {
+        if (call.Ended) {
             continue;
         }
-        next = std::min({next, call.resultAt, call.nextRingAt, call.giveUpAt});
-        if (call.phase == CallPhase::Connected) {
-            next = std::min({next, call.caller->escapeDeadline, call.answerer->escapeDeadline,
-                             call.up->NextReleaseAt(now), call.down->NextReleaseAt(now)});
+        next = std::min({next, call.ResultAt, call.NextRingAt, call.GiveUpAt});
+        if (call.Phase == CallPhase::Connected) {
+            next = std::min({next, call.Caller->EscapeDeadline, call.Answerer->EscapeDeadline,
+                             call.Up->NextReleaseAt(now), call.Down->NextReleaseAt(now)});
         }
     }
     return next;
@@ -139,12 +139,12 @@ uint64_t Exchange::NextDeadline(uint64_t now) {
 void Exchange::CollectPoll(std::vector<pollfd>& entries, uint64_t now) {
     for (auto& adapter : adapters_) {
         Adapter& a = *adapter;
-        pollfd entry{a.pty.master, 0, 0};
+        pollfd entry{a.Pty.Master, 0, 0};
         if (WantsRead(a)) {
             entry.events |= POLLIN;
-        } else if (a.mode == AdapterMode::Data && !a.blind) {
-            a.blind = true;
-            a.blindSince = now;
+        } else if (a.Mode == AdapterMode::Data && !a.Blind) {
+            a.Blind = true;
+            a.BlindSince = now;
         }
         if (HasOutput(a)) {
             entry.events |= POLLOUT;
@@ -161,11 +161,11 @@ void Exchange::HandlePoll(const pollfd* entries, uint64_t now) {
             Flush(a);
         }
         if ((events & (POLLIN | POLLERR | POLLHUP)) != 0 && WantsRead(a)) {
-            if (a.mode == AdapterMode::Data) {
+            if (a.Mode == AdapterMode::Data) {
                 // Take a few runs while they come, so that a fast stream
                 // costs fewer trips through the loop.
                 for (int run = 0;
-                     run < 8 && a.mode == AdapterMode::Data && WantsRead(a) && ReadData(a, now) > 0;
+                     run < 8 && a.Mode == AdapterMode::Data && WantsRead(a) && ReadData(a, now) > 0;
                      ++run) {
                 }
             } else {
@@ -177,17 +177,17 @@ void Exchange::HandlePoll(const pollfd* entries, uint64_t now) {
 }
 
 bool Exchange::WantsRead(const Adapter& adapter) const {
-    if (adapter.mode != AdapterMode::Data) {
+    if (adapter.Mode != AdapterMode::Data) {
         return true;
     }
-    return adapter.call->From(adapter).Free() > 0;
+    return adapter.InCall->From(adapter).Free() > 0;
 }
 
 bool Exchange::HasOutput(Adapter& adapter) const {
     if (adapter.PendingOut() > 0) {
         return true;
     }
-    return adapter.mode == AdapterMode::Data && adapter.call->To(adapter).ReadyCount() > 0;
+    return adapter.Mode == AdapterMode::Data && adapter.InCall->To(adapter).ReadyCount() > 0;
 }
 
 // ---------------------------------------------------------------------------
@@ -196,7 +196,7 @@ bool Exchange::HasOutput(Adapter& adapter) const {
 Adapter* Exchange::Route(const std::string& number) {
     const auto find = [&](const std::string& wanted) -> Adapter* {
         for (auto& adapter : adapters_) {
-            if (adapter->spec.number == wanted) {
+            if (adapter->Spec.Number == wanted) {
                 return adapter.get();
             }
         }
@@ -205,7 +205,7 @@ Adapter* Exchange::Route(const std::string& number) {
     if (Adapter* exact = find(number)) {
         return exact;
     }
-    for (const char* code : kCarrierCodes) {
+    for (const char* code : CarrierCodes) {
         const std::string prefix = code;
         if (number.size() > prefix.size() && number.compare(0, prefix.size(), prefix) == 0) {
             return find(number.substr(prefix.size()));
@@ -215,10 +215,10 @@ Adapter* Exchange::Route(const std::string& number) {
 }
 
 void Exchange::Dial(Adapter& caller, const std::string& dialString, uint64_t now) {
-    if (caller.call != nullptr) {
+    if (caller.InCall != nullptr) {
         // Dialling out while a call rings here: the incoming call is refused.
-        TraceLine(caller.who, "refuses the ringing call to dial out");
-        Abandon(*caller.call, "NO CARRIER");
+        TraceLine(caller.Who, "refuses the ringing call to dial out");
+        Abandon(*caller.InCall, "NO CARRIER");
     }
     std::string digits;
     for (const char c : dialString) {
@@ -238,7 +238,7 @@ void Exchange::Dial(Adapter& caller, const std::string& dialString, uint64_t now
                                     [](char c) { return c == '+' || c == '&'; }),
                      second.end());
     }
-    TraceLine(caller.who,
+    TraceLine(caller.Who,
               "dials " + first +
                   (separator == std::string::npos ? std::string()
                                                   : " and " + second + " for the second channel"));
@@ -246,48 +246,48 @@ void Exchange::Dial(Adapter& caller, const std::string& dialString, uint64_t now
     auto owned = std::make_unique<Call>();
     Call& call = *owned;
     calls_.push_back(std::move(owned));
-    call.caller = &caller;
-    caller.call = &call;
-    caller.mode = AdapterMode::Dialling;
-    caller.inLine = false;
+    call.Caller = &caller;
+    caller.InCall = &call;
+    caller.Mode = AdapterMode::Dialling;
+    caller.InLine = false;
 
     Adapter* target = Route(first);
-    if (caller.spec.noDialTone) {
-        call.failure = "NO DIAL TONE";
-    } else if (target == nullptr || target->spec.noDialTone) {
-        call.failure = "NO CARRIER";
-    } else if (target == &caller || target->mode != AdapterMode::Command ||
-               target->call != nullptr) {
-        call.failure = "BUSY";
+    if (caller.Spec.NoDialTone) {
+        call.Failure = "NO DIAL TONE";
+    } else if (target == nullptr || target->Spec.NoDialTone) {
+        call.Failure = "NO CARRIER";
+    } else if (target == &caller || target->Mode != AdapterMode::Command ||
+               target->InCall != nullptr) {
+        call.Failure = "BUSY";
     } else {
-        call.phase = CallPhase::Ringing;
-        call.answerer = target;
-        target->call = &call;
-        call.secondChannelReachable = second.empty() || Route(second) == target;
-        call.nextRingAt = now + kRingIntervalNs;
-        call.giveUpAt = now + static_cast<uint64_t>(options_.answerWaitMs) * kNsPerMs;
-        TraceLine(caller.who, "rings " + target->who);
+        call.Phase = CallPhase::Ringing;
+        call.Answerer = target;
+        target->InCall = &call;
+        call.SecondChannelReachable = second.empty() || Route(second) == target;
+        call.NextRingAt = now + RingIntervalNs;
+        call.GiveUpAt = now + static_cast<uint64_t>(options_.AnswerWaitMs) * NsPerMs;
+        TraceLine(caller.Who, "rings " + target->Who);
         Ring(call, now);
         return;
     }
-    call.resultAt = now + kRoutingDelayNs;
+    call.ResultAt = now + RoutingDelayNs;
 }
 
 void Exchange::Ring(Call& call, uint64_t now) {
-    ++call.rings;
-    Result(*call.answerer, "RING");
-    Result(*call.caller, "RINGING");
-    const int autoAnswer = call.answerer->Setting("S0");
-    if (autoAnswer > 0 && call.rings >= autoAnswer) {
-        TraceLine(call.answerer->who,
-                  "answers by itself after " + std::to_string(call.rings) + " rings");
+    ++call.Rings;
+    Result(*call.Answerer, "RING");
+    Result(*call.Caller, "RINGING");
+    const int autoAnswer = call.Answerer->Setting("S0");
+    if (autoAnswer > 0 && call.Rings >= autoAnswer) {
+        TraceLine(call.Answerer->Who,
+                  "answers by itself after " + std::to_string(call.Rings) + " rings");
         Connect(call, now);
     }
 }
 
 void Exchange::Answer(Adapter& adapter, uint64_t now) {
-    Call* call = adapter.call;
-    if (call == nullptr || call->phase != CallPhase::Ringing || call->answerer != &adapter) {
+    Call* call = adapter.InCall;
+    if (call == nullptr || call->Phase != CallPhase::Ringing || call->Answerer != &adapter) {
         Result(adapter, "NO CARRIER");  // nothing rings
         return;
     }
@@ -295,54 +295,54 @@ void Exchange::Answer(Adapter& adapter, uint64_t now) {
 }
 
 void Exchange::Connect(Call& call, uint64_t now) {
-    Adapter& caller = *call.caller;
-    Adapter& answerer = *call.answerer;
-    const LineSetup callerSetup = SetupOf(caller.spec.family->kind, caller.settings);
-    const LineSetup answererSetup = SetupOf(answerer.spec.family->kind, answerer.settings);
+    Adapter& caller = *call.Caller;
+    Adapter& answerer = *call.Answerer;
+    const LineSetup callerSetup = SetupOf(caller.Spec.Model->Kind, caller.Registers);
+    const LineSetup answererSetup = SetupOf(answerer.Spec.Model->Kind, answerer.Registers);
     // Two channels only if both ends are set up for the same bundling, and the
     // second number, if one was dialled, reaches the same adapter.
-    call.channels = callerSetup.bundling != Bundling::None &&
-                            callerSetup.bundling == answererSetup.bundling &&
-                            call.secondChannelReachable
+    call.Channels = callerSetup.Bundle != Bundling::None &&
+                            callerSetup.Bundle == answererSetup.Bundle &&
+                            call.SecondChannelReachable
                         ? 2
                         : 1;
     // A 56K end uses seven bits of each octet: the channel carries 7/8.
-    uint64_t perChannel = options_.rate;
-    if (callerSetup.is56k || answererSetup.is56k) {
+    uint64_t perChannel = options_.Rate;
+    if (callerSetup.Is56k || answererSetup.Is56k) {
         perChannel = perChannel * 7 / 8;
     }
-    call.bytesPerSecond = perChannel * static_cast<uint64_t>(call.channels);
+    call.BytesPerSecond = perChannel * static_cast<uint64_t>(call.Channels);
     // The line holds about 50 ms of data each way, so that a sender is held
     // back close to the pace of the line; an unthrottled line holds enough
     // for large runs.
     const size_t capacity =
-        call.bytesPerSecond == 0
+        call.BytesPerSecond == 0
             ? 65536
-            : static_cast<size_t>(std::clamp<uint64_t>(call.bytesPerSecond / 20, 4096, 65536));
-    call.up = std::make_unique<DataPath>(capacity, call.bytesPerSecond, now);
-    call.down = std::make_unique<DataPath>(capacity, call.bytesPerSecond, now);
-    ArmFaults(caller, *call.up);
-    ArmFaults(answerer, *call.down);
-    call.phase = CallPhase::Connected;
-    call.nextRingAt = kNever;
-    call.giveUpAt = kNever;
+            : static_cast<size_t>(std::clamp<uint64_t>(call.BytesPerSecond / 20, 4096, 65536));
+    call.Up = std::make_unique<DataPath>(capacity, call.BytesPerSecond, now);
+    call.Down = std::make_unique<DataPath>(capacity, call.BytesPerSecond, now);
+    ArmFaults(caller, *call.Up);
+    ArmFaults(answerer, *call.Down);
+    call.Phase = CallPhase::Connected;
+    call.NextRingAt = Never;
+    call.GiveUpAt = Never;
     for (Adapter* end : {&answerer, &caller}) {
-        end->mode = AdapterMode::Data;
-        end->inLine = false;
-        end->misheard.clear();
-        end->knownEmpty = true;
-        end->emptySince = now;
-        end->blind = false;
-        end->escapeCount = 0;
-        end->escapeDeadline = kNever;
-        Result(*end, "CONNECT " + std::to_string(end->talkSpeed));
+        end->Mode = AdapterMode::Data;
+        end->InLine = false;
+        end->Misheard.clear();
+        end->KnownEmpty = true;
+        end->EmptySince = now;
+        end->Blind = false;
+        end->EscapeCount = 0;
+        end->EscapeDeadline = Never;
+        Result(*end, "CONNECT " + std::to_string(end->TalkSpeed));
     }
-    TraceLine(caller.who, "connected to " + answerer.who + ": " + Describe(callerSetup) + " to " +
-                              Describe(answererSetup) + ", " + std::to_string(call.channels) +
-                              (call.channels == 1 ? " channel, " : " channels, ") +
-                              (call.bytesPerSecond == 0
+    TraceLine(caller.Who, "connected to " + answerer.Who + ": " + Describe(callerSetup) + " to " +
+                              Describe(answererSetup) + ", " + std::to_string(call.Channels) +
+                              (call.Channels == 1 ? " channel, " : " channels, ") +
+                              (call.BytesPerSecond == 0
                                    ? std::string("unthrottled")
-                                   : std::to_string(call.bytesPerSecond) + " bytes/s each way"));
+                                   : std::to_string(call.BytesPerSecond) + " bytes/s each way"));
     Pump(call, now);
 }
 
@@ -351,51 +351,51 @@ void Exchange::ArmFaults(Adapter& sender, DataPath& path) {
     // drop (which ends the call). A fault at an offset that an earlier one in
     // this call already takes waits for a later call.
     std::set<uint64_t> offsets;
-    for (FaultSpec& fault : options_.faults) {
-        if (fault.acted || fault.number != sender.spec.number ||
-            !offsets.insert(fault.offset).second) {
+    for (FaultSpec& fault : options_.Faults) {
+        if (fault.Acted || fault.Number != sender.Spec.Number ||
+            !offsets.insert(fault.Offset).second) {
             continue;
         }
         path.Arm(&fault);
-        if (fault.kind == FaultKind::Drop) {
+        if (fault.Kind == FaultKind::Drop) {
             break;
         }
     }
 }
 
 void Exchange::Online(Adapter& adapter, uint64_t now) {
-    if (adapter.mode != AdapterMode::OnlineCommand) {
+    if (adapter.Mode != AdapterMode::OnlineCommand) {
         Result(adapter, "NO CARRIER");
         return;
     }
-    adapter.mode = AdapterMode::Data;
-    adapter.knownEmpty = true;
-    adapter.emptySince = now;
-    adapter.blind = false;
-    Result(adapter, "CONNECT " + std::to_string(adapter.talkSpeed));
-    TraceLine(adapter.who, "back in data mode");
+    adapter.Mode = AdapterMode::Data;
+    adapter.KnownEmpty = true;
+    adapter.EmptySince = now;
+    adapter.Blind = false;
+    Result(adapter, "CONNECT " + std::to_string(adapter.TalkSpeed));
+    TraceLine(adapter.Who, "back in data mode");
 }
 
 void Exchange::HangUp(Adapter& adapter) {
-    Call* call = adapter.call;
+    Call* call = adapter.InCall;
     if (call == nullptr) {
         return;
     }
-    if (call->phase == CallPhase::Connected) {
+    if (call->Phase == CallPhase::Connected) {
         EndCall(*call, EndReason::HangUp, &adapter);
-    } else if (call->answerer == &adapter) {
-        TraceLine(adapter.who, "refuses the ringing call");
+    } else if (call->Answerer == &adapter) {
+        TraceLine(adapter.Who, "refuses the ringing call");
         Abandon(*call, "NO CARRIER");
     }
 }
 
 void Exchange::Abandon(Call& call, const char* callerHears) {
-    Result(*call.caller, callerHears);
-    Leave(*call.caller);
-    if (call.answerer != nullptr) {
-        call.answerer->call = nullptr;  // it stops ringing
+    Result(*call.Caller, callerHears);
+    Leave(*call.Caller);
+    if (call.Answerer != nullptr) {
+        call.Answerer->InCall = nullptr;  // it stops ringing
     }
-    call.ended = true;
+    call.Ended = true;
 }
 
 void Exchange::EndCall(Call& call, EndReason reason, Adapter* by) {
@@ -407,49 +407,49 @@ void Exchange::EndCall(Call& call, EndReason reason, Adapter* by) {
         Adapter& far = call.Other(*by);
         DataPath& outgoing = call.From(*by);
         outgoing.ReleaseAll(acted);
-        if (far.mode == AdapterMode::Data) {
-            outgoing.MoveReleased(far.out);
+        if (far.Mode == AdapterMode::Data) {
+            outgoing.MoveReleased(far.Out);
         }
     } else {
         // A falling line: each end gets what the line had carried to it.
-        for (Adapter* end : {call.caller, call.answerer}) {
-            if (end->mode == AdapterMode::Data) {
-                call.To(*end).MoveReleased(end->out);
+        for (Adapter* end : {call.Caller, call.Answerer}) {
+            if (end->Mode == AdapterMode::Data) {
+                call.To(*end).MoveReleased(end->Out);
             }
         }
     }
     for (const FaultSpec* fault : acted) {
-        TraceLine(by->who,
-                  fault->kind == FaultKind::Corrupt
-                      ? "fault: byte " + std::to_string(fault->offset) + " corrupted"
-                      : "fault: line falls after " + std::to_string(fault->offset) + " bytes");
+        TraceLine(by->Who,
+                  fault->Kind == FaultKind::Corrupt
+                      ? "fault: byte " + std::to_string(fault->Offset) + " corrupted"
+                      : "fault: line falls after " + std::to_string(fault->Offset) + " bytes");
     }
-    TraceLine(call.caller->who,
-              std::string("call with ") + call.answerer->who + " ended (" +
-                  (reason == EndReason::HangUp ? "ATH by " + by->who : std::string("line fell")) +
-                  "): " + call.caller->who + " sent " + std::to_string(call.up->Sent()) +
-                  " bytes, " + call.answerer->who + " sent " + std::to_string(call.down->Sent()) +
+    TraceLine(call.Caller->Who,
+              std::string("call with ") + call.Answerer->Who + " ended (" +
+                  (reason == EndReason::HangUp ? "ATH by " + by->Who : std::string("line fell")) +
+                  "): " + call.Caller->Who + " sent " + std::to_string(call.Up->Sent()) +
+                  " bytes, " + call.Answerer->Who + " sent " + std::to_string(call.Down->Sent()) +
                   " bytes");
-    for (Adapter* end : {call.caller, call.answerer}) {
+    for (Adapter* end : {call.Caller, call.Answerer}) {
         if (reason == EndReason::LineFell || end != by) {
             Result(*end, "NO CARRIER");
         }
         Leave(*end);
     }
-    call.ended = true;
+    call.Ended = true;
 }
 
 void Exchange::Leave(Adapter& adapter) {
-    adapter.mode = AdapterMode::Command;
-    adapter.call = nullptr;
-    adapter.escapeCount = 0;
-    adapter.escapeDeadline = kNever;
-    adapter.blind = false;
-    adapter.inLine = false;
-    adapter.misheard.clear();
-    adapter.pushback.clear();
+    adapter.Mode = AdapterMode::Command;
+    adapter.InCall = nullptr;
+    adapter.EscapeCount = 0;
+    adapter.EscapeDeadline = Never;
+    adapter.Blind = false;
+    adapter.InLine = false;
+    adapter.Misheard.clear();
+    adapter.Pushback.clear();
 }
 
 void Exchange::Sweep() {
-    calls_.remove_if([](const std::unique_ptr<Call>& call) { return call->ended; });
+    calls_.remove_if([](const std::unique_ptr<Call>& call) { return call->Ended; });
 }

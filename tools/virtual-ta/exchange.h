@@ -23,24 +23,24 @@ enum class CallPhase {
 };
 
 struct Call {
-    Adapter* caller = nullptr;
-    Adapter* answerer = nullptr;  // null while Routing
-    CallPhase phase = CallPhase::Routing;
-    const char* failure = "NO CARRIER";  // what a Routing caller will hear
-    uint64_t resultAt = kNever;
-    uint64_t nextRingAt = kNever;
-    uint64_t giveUpAt = kNever;
-    int rings = 0;
-    bool secondChannelReachable = true;
-    int channels = 1;
-    uint64_t bytesPerSecond = 0;     // each way; 0 unthrottled
-    std::unique_ptr<DataPath> up;    // caller to answerer
-    std::unique_ptr<DataPath> down;  // answerer to caller
-    bool ended = false;
+    Adapter* Caller = nullptr;
+    Adapter* Answerer = nullptr;  // null while Routing
+    CallPhase Phase = CallPhase::Routing;
+    const char* Failure = "NO CARRIER";  // what a Routing caller will hear
+    uint64_t ResultAt = Never;
+    uint64_t NextRingAt = Never;
+    uint64_t GiveUpAt = Never;
+    int Rings = 0;
+    bool SecondChannelReachable = true;
+    int Channels = 1;
+    uint64_t BytesPerSecond = 0;     // each way; 0 unthrottled
+    std::unique_ptr<DataPath> Up;    // caller to answerer
+    std::unique_ptr<DataPath> Down;  // answerer to caller
+    bool Ended = false;
 
-    DataPath& From(const Adapter& end) { return &end == caller ? *up : *down; }
-    DataPath& To(const Adapter& end) { return &end == caller ? *down : *up; }
-    Adapter& Other(const Adapter& end) { return &end == caller ? *answerer : *caller; }
+    DataPath& From(const Adapter& end) { return &end == Caller ? *Up : *Down; }
+    DataPath& To(const Adapter& end) { return &end == Caller ? *Down : *Up; }
+    Adapter& Other(const Adapter& end) { return &end == Caller ? *Answerer : *Caller; }
 };
 
 class Exchange {

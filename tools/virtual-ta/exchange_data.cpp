@@ -10,13 +10,13 @@ namespace {
 
 uint64_t GuardNs(const Adapter& adapter) {
     // S12 counts fiftieths of a second.
-    return static_cast<uint64_t>(adapter.Setting("S12")) * 20 * kNsPerMs;
+    return static_cast<uint64_t>(adapter.Setting("S12")) * 20 * NsPerMs;
 }
 
 }  // namespace
 
 size_t Exchange::ReadData(Adapter& adapter, uint64_t now) {
-    Call& call = *adapter.call;
+    Call& call = *adapter.InCall;
     DataPath& path = call.From(adapter);
     size_t room = 0;
     uint8_t* area = path.WriteArea(room);
@@ -24,99 +24,99 @@ size_t Exchange::ReadData(Adapter& adapter, uint64_t now) {
         return 0;
     }
     size_t count = 0;
-    const bool fromPushback = !adapter.pushback.empty();
+    const bool fromPushback = !adapter.Pushback.empty();
     if (fromPushback) {
-        count = std::min(room, adapter.pushback.size());
-        std::memcpy(area, adapter.pushback.data(), count);
-        adapter.pushback.erase(0, count);
+        count = std::min(room, adapter.Pushback.size());
+        std::memcpy(area, adapter.Pushback.data(), count);
+        adapter.Pushback.erase(0, count);
     } else {
-        count = ReadPort(adapter.pty.master, area, room);
+        count = ReadPort(adapter.Pty.Master, area, room);
     }
     if (count == 0) {
         // Nothing came: the port is quiet, and has been since the last bytes
         // if it was known to be empty then.
-        if (!adapter.knownEmpty) {
-            adapter.knownEmpty = true;
-            adapter.emptySince = now;
+        if (!adapter.KnownEmpty) {
+            adapter.KnownEmpty = true;
+            adapter.EmptySince = now;
         }
-        adapter.blind = false;
+        adapter.Blind = false;
         return 0;
     }
     // The escape: "+++" after a silence of the guard time, and followed by
     // one. Silence counts only as far as the port was watched.
     const uint64_t guard = GuardNs(adapter);
-    const uint64_t watchedUntil = adapter.blind ? adapter.blindSince : now;
-    const bool quietBefore = adapter.knownEmpty && watchedUntil >= adapter.emptySince + guard;
+    const uint64_t watchedUntil = adapter.Blind ? adapter.BlindSince : now;
+    const bool quietBefore = adapter.KnownEmpty && watchedUntil >= adapter.EmptySince + guard;
     const int escape = adapter.Setting("S2");
     bool allEscape = escape <= 127 && count <= 3;
     for (size_t i = 0; allEscape && i < count; ++i) {
         allEscape = area[i] == escape;
     }
-    if (adapter.escapeCount > 0) {
-        if (allEscape && adapter.escapeCount + static_cast<int>(count) <= 3) {
-            adapter.escapeCount += static_cast<int>(count);
-            adapter.escapeDeadline = now + guard;
+    if (adapter.EscapeCount > 0) {
+        if (allEscape && adapter.EscapeCount + static_cast<int>(count) <= 3) {
+            adapter.EscapeCount += static_cast<int>(count);
+            adapter.EscapeDeadline = now + guard;
         } else {
             path.Unhold();  // more came: the "+" were data
-            adapter.escapeCount = 0;
-            adapter.escapeDeadline = kNever;
+            adapter.EscapeCount = 0;
+            adapter.EscapeDeadline = Never;
         }
     } else if (allEscape && quietBefore) {
         path.Hold(path.Tail());
-        adapter.escapeCount = static_cast<int>(count);
-        adapter.escapeDeadline = now + guard;
+        adapter.EscapeCount = static_cast<int>(count);
+        adapter.EscapeDeadline = now + guard;
     }
     path.Commit(count);
     if (!fromPushback && count < room) {
-        adapter.knownEmpty = true;
-        adapter.emptySince = now;
+        adapter.KnownEmpty = true;
+        adapter.EmptySince = now;
     } else {
-        adapter.knownEmpty = false;
+        adapter.KnownEmpty = false;
     }
-    adapter.blind = false;
+    adapter.Blind = false;
     Pump(call, now);
     return count;
 }
 
 void Exchange::CheckEscape(Call& call, Adapter& end, uint64_t now) {
-    if (end.escapeCount == 0 || now < end.escapeDeadline) {
+    if (end.EscapeCount == 0 || now < end.EscapeDeadline) {
         return;
     }
     DataPath& path = call.From(end);
-    const bool escaped = end.escapeCount == 3 && end.pushback.empty() &&
-                         end.mode == AdapterMode::Data && BytesWaiting(end.pty.master) == 0;
+    const bool escaped = end.EscapeCount == 3 && end.Pushback.empty() &&
+                         end.Mode == AdapterMode::Data && BytesWaiting(end.Pty.Master) == 0;
     path.Unhold();
     if (escaped) {
         path.DropTail(3);
     }
-    end.escapeCount = 0;
-    end.escapeDeadline = kNever;
+    end.EscapeCount = 0;
+    end.EscapeDeadline = Never;
     if (!escaped) {
         return;  // the held "+" go on as data
     }
     // Command mode within the call. What the line had brought for the port
     // goes before the OK; more data for it waits on the line meanwhile.
-    end.mode = AdapterMode::OnlineCommand;
-    call.To(end).TakeReady(end.out);
-    TraceLine(end.who, "escape to command mode");
+    end.Mode = AdapterMode::OnlineCommand;
+    call.To(end).TakeReady(end.Out);
+    TraceLine(end.Who, "escape to command mode");
     Result(end, "OK");
 }
 
 void Exchange::Pump(Call& call, uint64_t now) {
-    for (Adapter* sender : {call.caller, call.answerer}) {
+    for (Adapter* sender : {call.Caller, call.Answerer}) {
         std::vector<const FaultSpec*> acted;
         const bool up = call.From(*sender).Release(now, acted);
         for (const FaultSpec* fault : acted) {
-            TraceLine(sender->who,
-                      fault->kind == FaultKind::Corrupt
-                          ? "fault: byte " + std::to_string(fault->offset) + " corrupted"
-                          : "fault: line falls after " + std::to_string(fault->offset) + " bytes");
+            TraceLine(sender->Who,
+                      fault->Kind == FaultKind::Corrupt
+                          ? "fault: byte " + std::to_string(fault->Offset) + " corrupted"
+                          : "fault: line falls after " + std::to_string(fault->Offset) + " bytes");
         }
         if (!up) {
             EndCall(call, EndReason::LineFell, sender);
             return;
         }
     }
-    Flush(*call.caller);
-    Flush(*call.answerer);
+    Flush(*call.Caller);
+    Flush(*call.Answerer);
 }

@@ -8,7 +8,7 @@ namespace {
 // so no family may carry another's marks: "960" only in the BitSURFR's, the
 // ZyXEL model numbers only in the ZyXELs', "3C882" only in the 3Com's, and no
 // banner holds a speed such as 9600 that would contain one of them.
-const std::vector<Family> kFamilies = {
+const std::vector<Family> Families = {
     {"bitsurfr",
      FamilyKind::BitSurfr,
      "BitSURFR Pro",
@@ -54,13 +54,13 @@ const std::vector<Family> kFamilies = {
 };
 
 // Commands every family knows.
-const char* const kCommon[] = {"A", "D", "E", "H",  "I",  "O",  "Q", "S",
-                               "V", "X", "Z", "&C", "&D", "&F", "&W"};
+const char* const Common[] = {"A", "D", "E", "H",  "I",  "O",  "Q", "S",
+                              "V", "X", "Z", "&C", "&D", "&F", "&W"};
 
-const char* const kBitSurfr[] = {"W", "\\Q", "%A", "&M", "&R", "@M", "@B", "@P", "!N"};
-const char* const kAdTran[] = {"\\Q", "SS"};
-const char* const kZyxel[] = {"B", "&H", "&E", "&S", "&O", "&J", "&K", "&Z"};
-const char* const kThreeCom[] = {"W", "\\Q", "$B"};
+const char* const BitSurfrCommands[] = {"W", "\\Q", "%A", "&M", "&R", "@M", "@B", "@P", "!N"};
+const char* const AdTranCommands[] = {"\\Q", "SS"};
+const char* const ZyxelCommands[] = {"B", "&H", "&E", "&S", "&O", "&J", "&K", "&Z"};
+const char* const ThreeComCommands[] = {"W", "\\Q", "$B"};
 
 template <size_t N>
 bool Holds(const char* const (&list)[N], std::string_view command) {
@@ -70,8 +70,8 @@ bool Holds(const char* const (&list)[N], std::string_view command) {
 }  // namespace
 
 const Family* FindFamily(std::string_view name) {
-    for (const Family& family : kFamilies) {
-        if (name == family.name) {
+    for (const Family& family : Families) {
+        if (name == family.Name) {
             return &family;
         }
     }
@@ -80,17 +80,17 @@ const Family* FindFamily(std::string_view name) {
 
 std::string FamilyNameList() {
     std::string list;
-    for (const Family& family : kFamilies) {
+    for (const Family& family : Families) {
         if (!list.empty()) {
             list += " | ";
         }
-        list += family.name;
+        list += family.Name;
     }
     return list;
 }
 
 const std::vector<Family>& AllFamilies() {
-    return kFamilies;
+    return Families;
 }
 
 void DefaultSettings(FamilyKind kind, Settings& settings) {
@@ -146,18 +146,18 @@ bool FactoryProfile(FamilyKind kind, int n, Settings& settings) {
 }
 
 bool FamilyKnows(FamilyKind kind, std::string_view command) {
-    if (Holds(kCommon, command)) {
+    if (Holds(Common, command)) {
         return true;
     }
     switch (kind) {
         case FamilyKind::BitSurfr:
-            return Holds(kBitSurfr, command);
+            return Holds(BitSurfrCommands, command);
         case FamilyKind::AdTran:
-            return Holds(kAdTran, command);
+            return Holds(AdTranCommands, command);
         case FamilyKind::Zyxel:
-            return Holds(kZyxel, command);
+            return Holds(ZyxelCommands, command);
         case FamilyKind::ThreeCom:
-            return Holds(kThreeCom, command);
+            return Holds(ThreeComCommands, command);
     }
     return false;
 }
@@ -176,38 +176,38 @@ LineSetup SetupOf(FamilyKind kind, const Settings& settings) {
     switch (kind) {
         case FamilyKind::BitSurfr:
             if (Get(settings, "%A2") == "3") {
-                setup.protocol = "AIMUX";
-                setup.bundling = Bundling::Aimux;
+                setup.Protocol = "AIMUX";
+                setup.Bundle = Bundling::Aimux;
             }
-            setup.is56k = Get(settings, "%A4") == "1";
+            setup.Is56k = Get(settings, "%A4") == "1";
             break;
         case FamilyKind::AdTran:
             if (Get(settings, "S54") == "2") {
-                setup.protocol = "AIMUX";
-                setup.bundling = Bundling::Aimux;
+                setup.Protocol = "AIMUX";
+                setup.Bundle = Bundling::Aimux;
             }
-            setup.is56k = Get(settings, "S53") == "2";
+            setup.Is56k = Get(settings, "S53") == "2";
             break;
         case FamilyKind::Zyxel:
-            setup.protocol = Get(settings, "B") == "0" ? "X.75" : "V.120";
-            setup.is56k = Get(settings, "&E") == "1";
-            setup.bundling = Get(settings, "&J") == "3" ? Bundling::TwoB : Bundling::None;
-            setup.v42bis = Get(settings, "&K") == "44";
+            setup.Protocol = Get(settings, "B") == "0" ? "X.75" : "V.120";
+            setup.Is56k = Get(settings, "&E") == "1";
+            setup.Bundle = Get(settings, "&J") == "3" ? Bundling::TwoB : Bundling::None;
+            setup.V42bis = Get(settings, "&K") == "44";
             break;
         case FamilyKind::ThreeCom:
-            setup.is56k = Get(settings, "S60") == "56";
+            setup.Is56k = Get(settings, "S60") == "56";
             break;
     }
     return setup;
 }
 
 std::string Describe(const LineSetup& setup) {
-    std::string text = setup.protocol;
-    text += setup.is56k ? " 56K" : " 64K";
-    if (setup.bundling == Bundling::TwoB) {
+    std::string text = setup.Protocol;
+    text += setup.Is56k ? " 56K" : " 64K";
+    if (setup.Bundle == Bundling::TwoB) {
         text += " 2B";
     }
-    if (setup.v42bis) {
+    if (setup.V42bis) {
         text += " V.42bis";
     }
     return text;

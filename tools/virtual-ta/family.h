@@ -12,13 +12,13 @@
 enum class FamilyKind { BitSurfr, AdTran, Zyxel, ThreeCom };
 
 struct Family {
-    const char* name;  // as written on the command line
-    FamilyKind kind;
-    const char* product;  // the model, for the help text and the trace
+    const char* Name;  // as written on the command line
+    FamilyKind Kind;
+    const char* Product;  // the model, for the help text and the trace
     // Lines of information text for "ATI0", "ATI3" and "ATI8".
-    std::vector<const char*> identity0;
-    std::vector<const char*> identity3;
-    std::vector<const char*> identity8;
+    std::vector<const char*> Identity0;
+    std::vector<const char*> Identity3;
+    std::vector<const char*> Identity8;
 };
 
 // The family of a command-line name, or null.
@@ -48,10 +48,10 @@ enum class Bundling { None, Aimux, TwoB };
 
 // The set-up of calls that an adapter's settings make.
 struct LineSetup {
-    const char* protocol = "V.120";
-    bool is56k = false;
-    Bundling bundling = Bundling::None;
-    bool v42bis = false;
+    const char* Protocol = "V.120";
+    bool Is56k = false;
+    Bundling Bundle = Bundling::None;
+    bool V42bis = false;
 };
 
 LineSetup SetupOf(FamilyKind kind, const Settings& settings);

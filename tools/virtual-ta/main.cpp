@@ -19,13 +19,13 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "virtual-ta: %s (%s)\n", error.c_str(), UsageHint());
         return 2;
     }
-    if (options.help) {
+    if (options.Help) {
         std::fputs(HelpText().c_str(), stdout);
         return 0;
     }
-    if (!options.tracePath.empty() && !OpenTrace(options.tracePath)) {
+    if (!options.TracePath.empty() && !OpenTrace(options.TracePath)) {
         std::fprintf(stderr, "virtual-ta: cannot write the trace file '%s' (%s)\n",
-                     options.tracePath.c_str(), UsageHint());
+                     options.TracePath.c_str(), UsageHint());
         return 2;
     }
 

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-constexpr uint64_t kNsPerMs = 1000000;
-constexpr uint64_t kNever = UINT64_MAX;
+constexpr uint64_t NsPerMs = 1000000;
+constexpr uint64_t Never = UINT64_MAX;
 
 uint64_t MonoNs();

@@ -57,20 +57,20 @@ bool ParseAdapter(const std::string& text, AdapterSpec& spec, std::string& error
         }
         return false;
     }
-    spec.path = text.substr(0, equals);
-    spec.family = family;
-    if (spec.path.empty()) {
+    spec.Path = text.substr(0, equals);
+    spec.Model = family;
+    if (spec.Path.empty()) {
         error = "adapter '" + text + "' has no PATH";
         return false;
     }
-    if (spec.path.back() == '/') {
-        error = "adapter PATH '" + spec.path + "' names a folder, not a link";
+    if (spec.Path.back() == '/') {
+        error = "adapter PATH '" + spec.Path + "' names a folder, not a link";
         return false;
     }
     const std::string rest = text.substr(familyEnd + 1);
     const size_t comma = rest.find(',');
-    spec.number = rest.substr(0, comma);
-    if (!AllDigits(spec.number) || spec.number.size() > 31) {
+    spec.Number = rest.substr(0, comma);
+    if (!AllDigits(spec.Number) || spec.Number.size() > 31) {
         error = "adapter '" + text + "': NUMBER must be 1 to 31 digits";
         return false;
     }
@@ -81,33 +81,33 @@ bool ParseAdapter(const std::string& text, AdapterSpec& spec, std::string& error
             rest.substr(at + 1, next == std::string::npos ? std::string::npos : next - at - 1);
         uint64_t speed = 0;
         if (option == "dip230400") {
-            if (family->kind != FamilyKind::AdTran) {
+            if (family->Kind != FamilyKind::AdTran) {
                 error = "adapter '" + text + "': dip230400 is an AdTran option";
                 return false;
             }
-            spec.dip230400 = true;
+            spec.Dip230400 = true;
         } else if (option == "no-dialtone") {
-            spec.noDialTone = true;
+            spec.NoDialTone = true;
         } else if (option.rfind("max-speed=", 0) == 0) {
             if (!ParseNumber(option.substr(10), 100000000, speed) || speed == 0) {
                 error = "adapter '" + text + "': max-speed must be a speed in bits per second";
                 return false;
             }
-            spec.maxSpeed = static_cast<uint32_t>(speed);
+            spec.MaxSpeed = static_cast<uint32_t>(speed);
         } else {
             error = "adapter '" + text + "': unknown option '" + option + "'";
             return false;
         }
         at = next;
     }
-    if (!FolderExists(FolderOf(spec.path))) {
-        error = "the folder of '" + spec.path + "' does not exist";
+    if (!FolderExists(FolderOf(spec.Path))) {
+        error = "the folder of '" + spec.Path + "' does not exist";
         return false;
     }
     // A link there is replaced; anything else belongs to someone.
     struct stat status {};
-    if (::lstat(spec.path.c_str(), &status) == 0 && !S_ISLNK(status.st_mode)) {
-        error = "'" + spec.path + "' exists and is not a link";
+    if (::lstat(spec.Path.c_str(), &status) == 0 && !S_ISLNK(status.st_mode)) {
+        error = "'" + spec.Path + "' exists and is not a link";
         return false;
     }
     return true;
@@ -122,19 +122,19 @@ bool ParseFault(const std::string& text, FaultSpec& fault, std::string& error) {
     }
     const std::string kind = text.substr(0, first);
     if (kind == "corrupt") {
-        fault.kind = FaultKind::Corrupt;
+        fault.Kind = FaultKind::Corrupt;
     } else if (kind == "drop") {
-        fault.kind = FaultKind::Drop;
+        fault.Kind = FaultKind::Drop;
     } else {
         error = "fault '" + text + "': KIND must be corrupt or drop";
         return false;
     }
-    fault.number = text.substr(first + 1, second - first - 1);
-    if (!AllDigits(fault.number)) {
+    fault.Number = text.substr(first + 1, second - first - 1);
+    if (!AllDigits(fault.Number)) {
         error = "fault '" + text + "': NUMBER must be an adapter's number";
         return false;
     }
-    if (!ParseNumber(text.substr(second + 1), UINT64_MAX / 2, fault.offset)) {
+    if (!ParseNumber(text.substr(second + 1), UINT64_MAX / 2, fault.Offset)) {
         error = "fault '" + text + "': OFFSET must be a byte count";
         return false;
     }
@@ -169,14 +169,14 @@ bool ParseCommandLine(int argc, const char* const* argv, Options& options, std::
             return true;
         };
         if (arg == "--help" || arg == "-h") {
-            options.help = true;
+            options.Help = true;
             return true;
         }
         if (arg == "--rate") {
             if (!takeValue()) {
                 return false;
             }
-            if (!ParseNumber(value, 1000000000, options.rate)) {
+            if (!ParseNumber(value, 1000000000, options.Rate)) {
                 error = "--rate must be bytes per second, 0 to 1000000000";
                 return false;
             }
@@ -188,7 +188,7 @@ bool ParseCommandLine(int argc, const char* const* argv, Options& options, std::
             if (!ParseFault(value, fault, error)) {
                 return false;
             }
-            options.faults.push_back(fault);
+            options.Faults.push_back(fault);
         } else if (arg == "--trace") {
             if (!takeValue()) {
                 return false;
@@ -197,7 +197,7 @@ bool ParseCommandLine(int argc, const char* const* argv, Options& options, std::
                 error = "--trace needs a file";
                 return false;
             }
-            options.tracePath = value;
+            options.TracePath = value;
         } else if (arg == "--answer-wait") {
             uint64_t seconds = 0;
             if (!takeValue()) {
@@ -207,7 +207,7 @@ bool ParseCommandLine(int argc, const char* const* argv, Options& options, std::
                 error = "--answer-wait must be seconds, 1 to 3600";
                 return false;
             }
-            options.answerWaitMs = static_cast<uint32_t>(seconds * 1000);
+            options.AnswerWaitMs = static_cast<uint32_t>(seconds * 1000);
         } else if (arg.rfind("-", 0) == 0) {
             error = "unknown option '" + arg + "'";
             return false;
@@ -216,28 +216,28 @@ bool ParseCommandLine(int argc, const char* const* argv, Options& options, std::
             if (!ParseAdapter(arg, spec, error)) {
                 return false;
             }
-            options.adapters.push_back(spec);
+            options.Adapters.push_back(spec);
         }
     }
-    if (options.adapters.empty()) {
+    if (options.Adapters.empty()) {
         error = "no ADAPTER given";
         return false;
     }
     std::set<std::string> paths;
     std::set<std::string> numbers;
-    for (const AdapterSpec& spec : options.adapters) {
-        if (!paths.insert(spec.path).second) {
-            error = "two adapters at '" + spec.path + "'";
+    for (const AdapterSpec& spec : options.Adapters) {
+        if (!paths.insert(spec.Path).second) {
+            error = "two adapters at '" + spec.Path + "'";
             return false;
         }
-        if (!numbers.insert(spec.number).second) {
-            error = "two adapters with the number " + spec.number;
+        if (!numbers.insert(spec.Number).second) {
+            error = "two adapters with the number " + spec.Number;
             return false;
         }
     }
-    for (const FaultSpec& fault : options.faults) {
-        if (numbers.count(fault.number) == 0) {
-            error = "fault for " + fault.number + ", which is no adapter's number";
+    for (const FaultSpec& fault : options.Faults) {
+        if (numbers.count(fault.Number) == 0) {
+            error = "fault for " + fault.Number + ", which is no adapter's number";
             return false;
         }
     }

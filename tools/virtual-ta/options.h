@@ -9,31 +9,31 @@
 
 // One adapter: PATH=FAMILY:NUMBER[,OPTION...].
 struct AdapterSpec {
-    std::string path;  // where the link to its pseudo-terminal goes
-    const Family* family = nullptr;
-    std::string number;          // its own ISDN number, digits
-    uint32_t maxSpeed = 230400;  // above this port speed it understands nothing
-    bool dip230400 = false;      // AdTran with DIP switch 1 set for 230400
-    bool noDialTone = false;     // its line is unplugged
+    std::string Path;  // where the link to its pseudo-terminal goes
+    const Family* Model = nullptr;
+    std::string Number;          // its own ISDN number, digits
+    uint32_t MaxSpeed = 230400;  // above this port speed it understands nothing
+    bool Dip230400 = false;      // AdTran with DIP switch 1 set for 230400
+    bool NoDialTone = false;     // its line is unplugged
 };
 
 enum class FaultKind { Corrupt, Drop };
 
 // --fault KIND:NUMBER:OFFSET. A fault acts once; acted records that it has.
 struct FaultSpec {
-    FaultKind kind = FaultKind::Corrupt;
-    std::string number;
-    uint64_t offset = 0;
-    bool acted = false;
+    FaultKind Kind = FaultKind::Corrupt;
+    std::string Number;
+    uint64_t Offset = 0;
+    bool Acted = false;
 };
 
 struct Options {
-    std::vector<AdapterSpec> adapters;
-    uint64_t rate = 8000;  // bytes per second per B channel each way; 0 unthrottled
-    std::vector<FaultSpec> faults;
-    std::string tracePath;
-    uint32_t answerWaitMs = 30000;  // a call rings this long before the caller gives up
-    bool help = false;
+    std::vector<AdapterSpec> Adapters;
+    uint64_t Rate = 8000;  // bytes per second per B channel each way; 0 unthrottled
+    std::vector<FaultSpec> Faults;
+    std::string TracePath;
+    uint32_t AnswerWaitMs = 30000;  // a call rings this long before the caller gives up
+    bool Help = false;
 };
 
 // Parses the arguments. False with a one-line reason for bad ones.

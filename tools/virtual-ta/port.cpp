@@ -8,8 +8,8 @@
 #include <cstdlib>
 
 int Adapter::Setting(const char* name) const {
-    const auto found = settings.find(name);
-    return found == settings.end() ? 0 : std::atoi(found->second.c_str());
+    const auto found = Registers.find(name);
+    return found == Registers.end() ? 0 : std::atoi(found->second.c_str());
 }
 
 bool MakeLink(const std::string& path, const std::string& target, std::string& error) {

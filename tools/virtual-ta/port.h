@@ -24,43 +24,43 @@ enum class AdapterMode {
 };
 
 struct Adapter {
-    AdapterSpec spec;
-    PseudoTerminal pty;
-    std::string who;  // how the trace names it: its number
+    AdapterSpec Spec;
+    PseudoTerminal Pty;
+    std::string Who;  // how the trace names it: its number
 
-    Settings settings;
-    uint32_t fixedSpeed = 0;    // 230400 when told to run there only; 0 follows the port
-    uint32_t portSpeed = 0;     // the port's speed when last read
-    uint32_t talkSpeed = 9600;  // the speed at which it last understood its port
+    Settings Registers;
+    uint32_t FixedSpeed = 0;    // 230400 when told to run there only; 0 follows the port
+    uint32_t PortSpeed = 0;     // the port's speed when last read
+    uint32_t TalkSpeed = 9600;  // the speed at which it last understood its port
 
     // The command line being typed, from its "A".
-    bool inLine = false;
-    std::string line;
+    bool InLine = false;
+    std::string Line;
     // Bytes read while the port's speed was one it does not understand.
-    std::string misheard;
+    std::string Misheard;
     // Bytes read with a command line that belong to the mode it went into,
     // such as data behind "ATO": they are taken before the port's next bytes.
-    std::string pushback;
+    std::string Pushback;
 
-    AdapterMode mode = AdapterMode::Command;
-    Call* call = nullptr;  // the call it makes, answers or rings for
+    AdapterMode Mode = AdapterMode::Command;
+    Call* InCall = nullptr;  // the call it makes, answers or rings for
 
     // Bytes for the port that it has not taken yet: echo, replies, and at the
     // end of a call the data that came before NO CARRIER.
-    std::string out;
-    size_t outHead = 0;
+    std::string Out;
+    size_t OutHead = 0;
 
     // Watching the port in data mode, for the silence around "+++". The port
     // is known empty since emptySince when knownEmpty; while blind the tool
     // was not reading it (the line could take nothing more) since blindSince.
-    bool knownEmpty = true;
-    uint64_t emptySince = 0;
-    bool blind = false;
-    uint64_t blindSince = 0;
-    int escapeCount = 0;  // escape characters held at the end of the line, 0 when none
-    uint64_t escapeDeadline = kNever;
+    bool KnownEmpty = true;
+    uint64_t EmptySince = 0;
+    bool Blind = false;
+    uint64_t BlindSince = 0;
+    int EscapeCount = 0;  // escape characters held at the end of the line, 0 when none
+    uint64_t EscapeDeadline = Never;
 
-    size_t PendingOut() const { return out.size() - outHead; }
+    size_t PendingOut() const { return Out.size() - OutHead; }
     int Setting(const char* name) const;
 };
 

@@ -4,8 +4,8 @@
 
 namespace {
 
-constexpr uint64_t kUnit = 1000000000;    // token units in one byte
-constexpr uint64_t kWindowNs = 50000000;  // the most a bucket holds: 50 ms of line
+constexpr uint64_t Unit = 1000000000;    // token units in one byte
+constexpr uint64_t WindowNs = 50000000;  // the most a bucket holds: 50 ms of line
 
 }  // namespace
 
@@ -13,7 +13,7 @@ void TokenBucket::Start(uint64_t bytesPerSecond, uint64_t nowNs) {
     rate_ = bytesPerSecond;
     last_ = nowNs;
     // rate in bytes per second times nanoseconds gives token units.
-    cap_ = std::max(rate_ * kWindowNs, kUnit);
+    cap_ = std::max(rate_ * WindowNs, Unit);
     tokens_ = 0;
 }
 
@@ -37,14 +37,14 @@ uint64_t TokenBucket::Available(uint64_t nowNs) {
         return UINT64_MAX;
     }
     Refill(nowNs);
-    return tokens_ / kUnit;
+    return tokens_ / Unit;
 }
 
 void TokenBucket::Take(uint64_t count) {
     if (rate_ == 0) {
         return;
     }
-    const uint64_t spend = count * kUnit;
+    const uint64_t spend = count * Unit;
     tokens_ = spend >= tokens_ ? 0 : tokens_ - spend;
 }
 
@@ -53,7 +53,7 @@ uint64_t TokenBucket::TimeWhen(uint64_t count, uint64_t nowNs) {
         return nowNs;
     }
     Refill(nowNs);
-    const uint64_t want = std::min(count * kUnit, cap_ - cap_ % kUnit);
+    const uint64_t want = std::min(count * Unit, cap_ - cap_ % Unit);
     if (tokens_ >= want) {
         return nowNs;
     }

@@ -9,33 +9,33 @@
 
 namespace {
 
-int traceFd = -1;
-uint64_t startNs = MonoNs();
+int TraceFd = -1;
+uint64_t StartNs = MonoNs();
 
 }  // namespace
 
 bool OpenTrace(const std::string& path) {
     CloseTrace();
-    traceFd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
-    return traceFd >= 0;
+    TraceFd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
+    return TraceFd >= 0;
 }
 
 void CloseTrace() {
-    if (traceFd >= 0) {
-        ::close(traceFd);
-        traceFd = -1;
+    if (TraceFd >= 0) {
+        ::close(TraceFd);
+        TraceFd = -1;
     }
 }
 
 bool TraceOn() {
-    return traceFd >= 0;
+    return TraceFd >= 0;
 }
 
 void TraceLine(std::string_view who, std::string_view text) {
-    if (traceFd < 0) {
+    if (TraceFd < 0) {
         return;
     }
-    const uint64_t ms = (MonoNs() - startNs) / kNsPerMs;
+    const uint64_t ms = (MonoNs() - StartNs) / NsPerMs;
     char stamp[32];
     std::snprintf(stamp, sizeof stamp, "%llu.%03llu ", static_cast<unsigned long long>(ms / 1000),
                   static_cast<unsigned long long>(ms % 1000));
@@ -48,7 +48,7 @@ void TraceLine(std::string_view who, std::string_view text) {
     // lines whole even if two tools share a file.
     size_t done = 0;
     while (done < line.size()) {
-        const ssize_t n = ::write(traceFd, line.data() + done, line.size() - done);
+        const ssize_t n = ::write(TraceFd, line.data() + done, line.size() - done);
         if (n <= 0) {
             return;
         }
