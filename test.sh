@@ -2,7 +2,7 @@
 # Installs what is missing, builds Kestrelbound and runs every test.
 # The exit status is that of the tests.
 #
-#   ./test.sh                the ordinary build, every test
+#   ./test.sh                the ordinary build, the style checks, every test
 #   ./test.sh --sanitizers   every test under AddressSanitizer with
 #                            UndefinedBehaviorSanitizer, then every test under
 #                            ThreadSanitizer, each in a build of its own
@@ -26,8 +26,12 @@ if [ "$sanitizers" -eq 0 ]; then
     build=build
     cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
     cmake --build "$build" -j2
-    ctest --test-dir "$build" --output-on-failure -j2
-    exit
+    # The tree's layout, names and includes; a finding fails the run, after
+    # the tests have had their say too.
+    status=0
+    scripts/check-style.sh "$build" || status=1
+    ctest --test-dir "$build" --output-on-failure -j2 || status=1
+    exit "$status"
 fi
 
 # Builds with the sanitizers named and runs the tests. The tests start

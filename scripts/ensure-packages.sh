@@ -2,7 +2,7 @@
 # Installs the Debian packages that the build and the tests need, when any of
 # them is missing. Sourced by run.sh and test.sh; runs apt-get update at most once.
 
-KB_PACKAGES=(cmake ninja-build g++ libgtest-dev libgmock-dev)
+KB_PACKAGES=(cmake ninja-build g++ libgtest-dev libgmock-dev clang-format clang-tidy)
 
 kb_missing_packages() {
     local missing=()

@@ -1,4 +1,4 @@
-#include "command_interpreter.h"
+#include "virtual-ta/command_interpreter.h"
 
 #include <cctype>
 #include <cstdio>

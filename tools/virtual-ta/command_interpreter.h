@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "port.h"
+#include "virtual-ta/port.h"
 
 struct CommandOutcome {
     enum class FinalCode {

@@ -1,8 +1,8 @@
-#include "data_path.h"
+#include "virtual-ta/data_path.h"
 
 #include <algorithm>
 
-#include "mono_time.h"
+#include "virtual-ta/mono_time.h"
 
 DataPath::DataPath(size_t capacity, uint64_t bytesPerSecond, uint64_t nowNs)
     : data_(capacity), capacity_(capacity) {

@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "options.h"
-#include "token_bucket.h"
+#include "virtual-ta/options.h"
+#include "virtual-ta/token_bucket.h"
 
 class DataPath {
 public:

@@ -1,4 +1,4 @@
-#include "event_loop.h"
+#include "virtual-ta/event_loop.h"
 
 #include <poll.h>
 #include <sys/signalfd.h>
@@ -8,7 +8,7 @@
 #include <ctime>
 #include <vector>
 
-#include "mono_time.h"
+#include "virtual-ta/mono_time.h"
 
 int RunEventLoop(Exchange& exchange, int signalFd) {
     std::vector<pollfd> entries;

@@ -3,7 +3,7 @@
 // done between events, so an idle tool costs no processor time.
 #pragma once
 
-#include "exchange.h"
+#include "virtual-ta/exchange.h"
 
 // Runs until a signal arrives on signalFd (a signalfd); returns its number.
 int RunEventLoop(Exchange& exchange, int signalFd);

@@ -1,9 +1,9 @@
-#include "exchange.h"
+#include "virtual-ta/exchange.h"
 
 #include <algorithm>
 #include <set>
 
-#include "trace.h"
+#include "virtual-ta/trace.h"
 
 namespace {
 

@@ -12,9 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "data_path.h"
-#include "options.h"
-#include "port.h"
+#include "virtual-ta/data_path.h"
+#include "virtual-ta/options.h"
+#include "virtual-ta/port.h"
 
 enum class CallPhase {
     Routing,    // the exchange is about to answer the caller with a failure

@@ -2,9 +2,9 @@
 // line editor, running a line, and what goes back to the port.
 #include <algorithm>
 
-#include "command_interpreter.h"
-#include "exchange.h"
-#include "trace.h"
+#include "virtual-ta/command_interpreter.h"
+#include "virtual-ta/exchange.h"
+#include "virtual-ta/trace.h"
 
 namespace {
 

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
-#include "exchange.h"
-#include "trace.h"
+#include "virtual-ta/exchange.h"
+#include "virtual-ta/trace.h"
 
 namespace {
 

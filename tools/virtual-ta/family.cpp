@@ -1,4 +1,4 @@
-#include "family.h"
+#include "virtual-ta/family.h"
 
 #include <algorithm>
 

@@ -7,10 +7,10 @@
 #include <cstdio>
 #include <string>
 
-#include "event_loop.h"
-#include "exchange.h"
-#include "options.h"
-#include "trace.h"
+#include "virtual-ta/event_loop.h"
+#include "virtual-ta/exchange.h"
+#include "virtual-ta/options.h"
+#include "virtual-ta/trace.h"
 
 int main(int argc, char** argv) {
     Options options;

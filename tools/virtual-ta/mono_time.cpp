@@ -1,4 +1,4 @@
-#include "mono_time.h"
+#include "virtual-ta/mono_time.h"
 
 #include <chrono>
 

@@ -1,4 +1,4 @@
-#include "options.h"
+#include "virtual-ta/options.h"
 
 #include <sys/stat.h>
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "family.h"
+#include "virtual-ta/family.h"
 
 // One adapter: PATH=FAMILY:NUMBER[,OPTION...].
 struct AdapterSpec {

@@ -1,4 +1,4 @@
-#include "port.h"
+#include "virtual-ta/port.h"
 
 #include <sys/ioctl.h>
 #include <sys/stat.h>

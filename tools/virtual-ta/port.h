@@ -9,10 +9,10 @@
 #include <cstdint>
 #include <string>
 
-#include "family.h"
-#include "mono_time.h"
-#include "options.h"
 #include "platform/pseudo_terminal.h"
+#include "virtual-ta/family.h"
+#include "virtual-ta/mono_time.h"
+#include "virtual-ta/options.h"
 
 struct Call;
 

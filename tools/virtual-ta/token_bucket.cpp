@@ -1,4 +1,4 @@
-#include "token_bucket.h"
+#include "virtual-ta/token_bucket.h"
 
 #include <algorithm>
 

@@ -1,11 +1,11 @@
-#include "trace.h"
+#include "virtual-ta/trace.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
 
-#include "mono_time.h"
+#include "virtual-ta/mono_time.h"
 
 namespace {
 

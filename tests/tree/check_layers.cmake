@@ -1,0 +1,58 @@
+# Shows that the build refuses an include that reaches upward: for every layer
+# and every layer above it, a source of the lower layer that includes a header
+# of the higher one is compiled with the lower layer's include folder, and its
+# compilation must fail for want of that header. Every view must still find a
+# header of its own, so that the failures come from the views and not from a
+# broken compiler.
+#
+#   cmake -DCOMPILER=c++ -DVIEWS=<build>/layers -DWORK=<folder> -P check_layers.cmake
+set(layers resources platform stores line engine app)
+set(header_resources resources/resource.h)
+set(header_platform platform/clock.h)
+set(header_stores stores/paths.h)
+set(header_line line/comm_port.h)
+set(header_engine engine/transfer_engine.h)
+set(header_app app/main_window.h)
+
+file(MAKE_DIRECTORY ${WORK})
+set(failures "")
+
+# Compiles one include with a view; sets found to TRUE if the compiler found
+# the header, FALSE if it stopped because the header is not there.
+function(try_include view header)
+    string(MAKE_C_IDENTIFIER "${view}_${header}" stem)
+    set(source ${WORK}/${stem}.cpp)
+    file(WRITE ${source} "#include \"${header}\"\n")
+    execute_process(
+        COMMAND ${COMPILER} -std=c++20 -fsyntax-only -I${VIEWS}/${view} ${source}
+        RESULT_VARIABLE status OUTPUT_VARIABLE out ERROR_VARIABLE out)
+    if(status EQUAL 0)
+        set(found TRUE PARENT_SCOPE)
+    elseif(out MATCHES "No such file or directory|file not found")
+        set(found FALSE PARENT_SCOPE)
+    else()
+        message(SEND_ERROR "${view} including ${header} failed for another reason:\n${out}")
+        set(found FALSE PARENT_SCOPE)
+    endif()
+endfunction()
+
+set(below "")
+foreach(layer IN LISTS layers)
+    try_include(${layer} ${header_${layer}})
+    if(NOT found)
+        list(APPEND failures "${layer} cannot include its own ${header_${layer}}")
+    endif()
+    foreach(lower IN LISTS below)
+        try_include(${lower} ${header_${layer}})
+        if(found)
+            list(APPEND failures "${lower} can include ${header_${layer}} of ${layer} above it")
+        endif()
+    endforeach()
+    list(APPEND below ${layer})
+endforeach()
+
+if(failures)
+    list(JOIN failures "\n  " text)
+    message(FATAL_ERROR "Layer boundaries not kept:\n  ${text}")
+endif()
+message(STATUS "Every layer sees only itself and the layers below it.")

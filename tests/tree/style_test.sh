@@ -1,0 +1,55 @@
+#!/usr/bin/env bash
+# Plants a source that breaks each rule of scripts/check-style.sh and shows
+# that the check finds every one of them; then shows that a clean source of
+# the same layer passes.
+#
+#   tests/tree/style_test.sh BUILD WORK
+set -uo pipefail
+root=$(cd "$(dirname "$0")/../.." && pwd)
+build=$1
+work=$2
+rm -rf "$work"
+mkdir -p "$work/src/line"
+
+planted=$work/src/line/planted.cpp
+cat >"$planted" <<'SOURCE'
+#include "../engine/transfer_engine.h"
+#include "comm_port.h"
+
+namespace {
+constexpr int kLimitMs = 100;
+int  badlyLaidOut() { return kLimitMs; }
+}  // namespace
+SOURCE
+
+out=$("$root/scripts/check-style.sh" "$build" "$planted" 2>&1)
+status=$?
+fail() {
+    echo "$1" >&2
+    echo "--- the check said:" >&2
+    echo "$out" >&2
+    exit 1
+}
+[ "$status" -ne 0 ] || fail "the planted source passed"
+grep -q "^format: .*planted.cpp" <<<"$out" || fail "its layout was not found"
+grep -q "^includes: .*planted.cpp:1:.*climbs out" <<<"$out" || fail "its ../ include was not found"
+grep -q "^includes: .*planted.cpp:2:.*layer's folder" <<<"$out" || fail "its bare include was not found"
+grep -q "^names: .*'kLimitMs'" <<<"$out" || fail "its constant's name was not found"
+grep -q "^names: .*'badlyLaidOut'" <<<"$out" || fail "its function's name was not found"
+
+clean=$work/src/line/clean.cpp
+cat >"$clean" <<'SOURCE'
+#include "line/comm_port.h"
+
+namespace {
+
+constexpr int LimitMs = 100;
+
+}  // namespace
+
+int CleanLimit() {
+    return LimitMs;
+}
+SOURCE
+out=$("$root/scripts/check-style.sh" "$build" "$clean" 2>&1) || fail "a clean source failed"
+echo "Every planted breach of the tree's rules was found, and a clean source passed."
