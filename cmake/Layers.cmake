@@ -32,8 +32,11 @@ foreach(layer IN LISTS KB_LAYERS)
     kb_layer_view(${layer} ${kb_below})
 endforeach()
 # A front end (kbstation, the Qt window) sees the window's model and the
-# platform's services, never the engine, the line or the stores behind them.
+# platform's services, never the engine, the line or the stores behind them:
+# "frontend" is what the window's library shows to whoever links it, and each
+# front end adds its own folder.
 kb_layer_view(frontend resources platform app)
+kb_layer_view(station resources platform app station)
 # virtual-ta plays the adapters; it shares the platform's services and
 # nothing of the program's own logic.
 kb_layer_view(virtual-ta platform virtual-ta=${PROJECT_SOURCE_DIR}/tools/virtual-ta)

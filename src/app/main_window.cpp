@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "engine/dialing.h"
+#include "engine/engine_window.h"
 #include "engine/pickup.h"
 #include "engine/teardown.h"
 #include "engine/transfer_engine.h"
@@ -150,7 +151,36 @@ MainWindow* ActiveMainWindow() {
     return ActiveWindow;
 }
 
-MainWindow::MainWindow() = default;
+// The window as the engine's threads see it: each display call goes to the
+// window's operation of the same name. It keeps the engine's interface out of
+// MainWindow's header, which front ends include.
+class EngineDisplay final : public EngineWindow {
+public:
+    explicit EngineDisplay(MainWindow& window) : window_(window) {}
+
+    void ShowBatchEstimate(uint32_t bytes) override { window_.ShowBatchEstimate(bytes); }
+    void RecomputeSendTotal() override { window_.RecomputeSendTotal(); }
+    void ShowTransferDisplay(bool starting) override { window_.ShowTransferDisplay(starting); }
+    void SetProgress(uint32_t done, uint32_t total) override { window_.SetProgress(done, total); }
+    void ShowThroughput(bool sending, bool log) override { window_.ShowThroughput(sending, log); }
+    void LogElapsedTime() override { window_.LogElapsedTime(); }
+    void ListIncomingFiles() override { window_.ListIncomingFiles(); }
+    void RemoveTopFileRow() override { window_.RemoveTopFileRow(); }
+    void UpdateActionButtons() override { window_.UpdateActionButtons(); }
+    void ShowCorrespondent(int16_t index) override { window_.ShowCorrespondent(index); }
+    void ClearFileList() override { window_.ClearFileList(); }
+    void AddFolderToSendList(const std::string& path, const std::string& name) override {
+        window_.AddFolderToSendList(path, name);
+    }
+    int ImportDirectoryEntry(const std::string& path) override {
+        return window_.ImportDirectoryEntry(path);
+    }
+
+private:
+    MainWindow& window_;
+};
+
+MainWindow::MainWindow() : engineDisplay_(std::make_unique<EngineDisplay>(*this)) {}
 
 MainWindow::~MainWindow() {
     if (ActiveWindow == this) {
@@ -168,6 +198,20 @@ void MainWindow::SetLogObserver(std::function<void(const std::string&)> observer
 
 void MainWindow::SetFileChooser(std::function<std::optional<std::string>()> chooser) {
     fileChooser_ = std::move(chooser);
+}
+
+const std::vector<std::string>& MainWindow::LinkStateNames() {
+    // By the values of LinkState, LinkIdle first.
+    static const std::vector<std::string> Names = {"idle",     "dialing",  "connected",
+                                                   "transfer", "filesent", "recovery"};
+    return Names;
+}
+
+std::string MainWindow::LinkStateName() {
+    const int state = TheEngine.LinkState.load();
+    const std::vector<std::string>& names = LinkStateNames();
+    return state >= 0 && state < static_cast<int>(names.size()) ? names[static_cast<size_t>(state)]
+                                                                : "unknown";
 }
 
 // ---------------------------------------------------------------------------
@@ -201,7 +245,7 @@ void MainWindow::CreateControls() {
 }
 
 bool MainWindow::OnInitDialog() {
-    TheMainWindow = this;
+    TheMainWindow = engineDisplay_.get();
     ActiveWindow = this;
     CreateControls();
     MainLoop().SetTimerHandler([this](int id) { OnTimer(id); });
@@ -252,11 +296,6 @@ void MainWindow::OnTimer(int id) {
 }
 
 void MainWindow::OnClose() {
-    PrepareExit();
-    EndDialog();
-}
-
-void MainWindow::OnFileExit() {
     PrepareExit();
     EndDialog();
 }
@@ -418,6 +457,11 @@ EventOutcome MainWindow::HandleEvent(const WindowEvent& event) {
         case Kind::MenuCommand:
             return OnMenuCommand(event.Id);
         case Kind::FilesDropped:
+            // The file list and Send take nothing while a call is up.
+            if ((event.Id == IDC_FILE_LIST || event.Id == IDC_SEND) &&
+                TheEngine.LinkState.load() != LinkIdle) {
+                return Refused("the file list is shut during a call");
+            }
             OnDropFiles(event.Id, event.Paths);
             return {};
         default:
@@ -606,7 +650,7 @@ EventOutcome MainWindow::OnMenuCommand(int id) {
             OpenAboutBox();
             return {};
         case ID_FILE_EXIT:
-            OnFileExit();
+            OnClose();
             return {};
         case ID_PORT_SPEED_115200:
         case ID_PORT_SPEED_230400:

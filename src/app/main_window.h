@@ -7,17 +7,22 @@
 // program, or a drawn window) shows the model and hands the user's actions to
 // HandleEvent on the main loop's thread; nothing here depends on which front
 // end, if any, is there.
+//
+// This header is what a front end sees of the program: it names nothing of
+// the engine, the line or the stores, whose headers a front end cannot
+// include. What a front end needs to know of them, such as the state of the
+// link, the window tells.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "engine/engine_window.h"
 #include "platform/thread.h"
 
 // The About box, kept in the control model beside the window's controls: shown
@@ -85,10 +90,12 @@ struct EventOutcome {
     std::string Refusal;
 };
 
-class MainWindow : public EngineWindow {
+class EngineDisplay;
+
+class MainWindow {
 public:
     MainWindow();
-    ~MainWindow() override;
+    ~MainWindow();
     MainWindow(const MainWindow&) = delete;
     MainWindow& operator=(const MainWindow&) = delete;
 
@@ -103,6 +110,10 @@ public:
     // The file dialog of the button "Add": returns the chosen file, or nothing
     // when the user cancels. Without one the button does nothing.
     void SetFileChooser(std::function<std::optional<std::string>()> chooser);
+    // The state of the link, by name: one of LinkStateNames(), in the order
+    // of the link's states from "idle" to "recovery".
+    static const std::vector<std::string>& LinkStateNames();
+    static std::string LinkStateName();
 
     // ---- Start and stop ----
 
@@ -113,9 +124,9 @@ public:
     bool OnInitDialog();
     // Ticks of timers 2, 3, 4 and 5.
     void OnTimer(int id);
-    // The two ways out: both prepare the exit and end the main loop.
+    // The close box, and the menu's Exit, which is the same way out: prepares
+    // the exit and ends the main loop.
     void OnClose();
-    void OnFileExit();
     // Stops the hot folder timer and every engine thread, says goodbye to the
     // adapter and saves the preferences (only when an adapter was found), logs
     // the Stopping line and saves the log. Runs once.
@@ -131,7 +142,7 @@ public:
 
     // ---- The action buttons ----
 
-    void UpdateActionButtons() override;
+    void UpdateActionButtons();
 
     // ---- The status log ----
 
@@ -149,8 +160,8 @@ public:
     void OnFileAdd();
     // Appends one file to SendList and the list. False if it was not added.
     bool AddFileToList(const std::string& path, const std::string& name);
-    void AddFolderToSendList(const std::string& path, const std::string& name) override;
-    void ClearFileList() override;
+    void AddFolderToSendList(const std::string& path, const std::string& name);
+    void ClearFileList();
     void OnFileClear();
     void OnFileDelete();
     // A click on the file list that hit row (-1: no row).
@@ -162,19 +173,19 @@ public:
 
     // ---- The transfer display ----
 
-    void ShowBatchEstimate(uint32_t bytes) override;
-    void RecomputeSendTotal() override;
-    void ShowTransferDisplay(bool starting) override;
-    void SetProgress(uint32_t done, uint32_t total) override;
-    void ShowThroughput(bool sending, bool log) override;
-    void LogElapsedTime() override;
-    void ListIncomingFiles() override;
-    void RemoveTopFileRow() override;
+    void ShowBatchEstimate(uint32_t bytes);
+    void RecomputeSendTotal();
+    void ShowTransferDisplay(bool starting);
+    void SetProgress(uint32_t done, uint32_t total);
+    void ShowThroughput(bool sending, bool log);
+    void LogElapsedTime();
+    void ListIncomingFiles();
+    void RemoveTopFileRow();
 
     // ---- The directory panel ----
 
     void FillDirectoryList();
-    void ShowCorrespondent(int16_t index) override;
+    void ShowCorrespondent(int16_t index);
     void ReadCorrespondentForm(int16_t index);
     void OnDirectorySelect();
     void OnDirectoryAdd();
@@ -183,7 +194,7 @@ public:
     void OnDirectoryNew();
     void OnFormChange();
     void OnEntryEdited();
-    int ImportDirectoryEntry(const std::string& path) override;
+    int ImportDirectoryEntry(const std::string& path);
     int16_t CurrentEntry() const { return currentEntry_.load(); }
 
 private:
@@ -215,6 +226,10 @@ private:
     std::mutex buttonsLock_;
 
     std::function<std::optional<std::string>()> fileChooser_;
+
+    // What the engine's threads call; TheMainWindow points at it while the
+    // window exists.
+    std::unique_ptr<EngineDisplay> engineDisplay_;
 
     bool engineStarted_ = false;
     ThreadHandle commThread_;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "app/main_window.h"
+#include "engine/engine_window.h"
 #include "engine/transfer_engine.h"
 #include "line/adapter.h"
 #include "platform/control_model.h"

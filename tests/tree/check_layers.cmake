@@ -1,9 +1,10 @@
 # Shows that the build refuses an include that reaches upward: for every layer
 # and every layer above it, a source of the lower layer that includes a header
 # of the higher one is compiled with the lower layer's include folder, and its
-# compilation must fail for want of that header. Every view must still find a
-# header of its own, so that the failures come from the views and not from a
-# broken compiler.
+# compilation must fail for want of that header. A front end that includes a
+# header of the stores, the line or the engine must fail the same way. Every
+# view must still find a header of its own, so that the failures come from the
+# views and not from a broken compiler.
 #
 #   cmake -DCOMPILER=c++ -DVIEWS=<build>/layers -DWORK=<folder> -P check_layers.cmake
 set(layers resources platform stores line engine app)
@@ -49,6 +50,17 @@ foreach(layer IN LISTS layers)
         endif()
     endforeach()
     list(APPEND below ${layer})
+endforeach()
+
+try_include(frontend ${header_app})
+if(NOT found)
+    list(APPEND failures "a front end cannot include ${header_app}")
+endif()
+foreach(hidden stores line engine)
+    try_include(frontend ${header_${hidden}})
+    if(found)
+        list(APPEND failures "a front end can include ${header_${hidden}}")
+    endif()
 endforeach()
 
 if(failures)
