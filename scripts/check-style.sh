@@ -4,10 +4,12 @@
 #
 #   format    every C++ file is laid out as .clang-format says;
 #   names     every name follows the naming rules of .clang-tidy;
-#   includes  no include climbs out of its folder with "../", and the
-#             program's sources (src/, tools/) name each header of the
-#             project by its layer's folder ("line/adapter.h"), so that a
-#             layer's include folder alone decides what it can see.
+#   includes  no include climbs out of its folder with "../"; the program's
+#             sources (src/, tools/) name each header of the project by its
+#             layer's folder ("line/adapter.h"), so that a layer's include
+#             folder alone decides what it can see, and never include a
+#             test hook ("*_test_hooks.h"), which only tests and the fuzz
+#             targets may use.
 #
 #   scripts/check-style.sh BUILD [FILE...]
 #
@@ -64,6 +66,9 @@ for file in "${files[@]}"; do
     while IFS= read -r hit; do
         finding "includes: $file:$hit: name the header by its layer's folder"
     done < <(grep -nE '^\s*#\s*include\s*"[^/"]+"' "$file")
+    while IFS= read -r hit; do
+        finding "includes: $file:$hit: a test hook, for tests and the fuzz targets only"
+    done < <(grep -nE '^\s*#\s*include\s*"[^"]*_test_hooks\.h"' "$file")
 done
 
 # ---- names ----

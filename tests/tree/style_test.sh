@@ -15,6 +15,7 @@ planted=$work/src/line/planted.cpp
 cat >"$planted" <<'SOURCE'
 #include "../engine/transfer_engine.h"
 #include "comm_port.h"
+#include "platform/clock_test_hooks.h"
 
 namespace {
 constexpr int kLimitMs = 100;
@@ -34,6 +35,7 @@ fail() {
 grep -q "^format: .*planted.cpp" <<<"$out" || fail "its layout was not found"
 grep -q "^includes: .*planted.cpp:1:.*climbs out" <<<"$out" || fail "its ../ include was not found"
 grep -q "^includes: .*planted.cpp:2:.*layer's folder" <<<"$out" || fail "its bare include was not found"
+grep -q "^includes: .*planted.cpp:3:.*test hook" <<<"$out" || fail "its test hook was not found"
 grep -q "^names: .*'kLimitMs'" <<<"$out" || fail "its constant's name was not found"
 grep -q "^names: .*'badlyLaidOut'" <<<"$out" || fail "its function's name was not found"
 
