@@ -4,6 +4,7 @@
 // announces), so that no read waits out its time limit.
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -31,9 +32,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     TheEngine.InHeader = RecordFromBytes<SessionHeader>(data);
     TheEngine.SavedEntry = FileEntry{};
     TheEngine.LinkState = LinkConnected;
-    TheEngine.WeSend = 0;
+    TheEngine.WeSend = false;
     FeedPort(list);
-    AdmitFileList();
+    const AdmitResult result = AdmitFileList();
+    // An accepted list awaits its first file's data; a refused one, or one of
+    // empty files only, leaves nothing to receive.
+    const bool awaiting =
+        TheEngine.LinkState.load() == LinkTransfer && TheEngine.ReceiveCount.load() > 0;
+    if (awaiting != (result == AdmitAccepted || result == AdmitRecovered)) {
+        std::abort();
+    }
     // What a refusal leaves, and what the program answered, goes.
     DiscardPortInput();
     DrainPortOutput();

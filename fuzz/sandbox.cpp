@@ -11,11 +11,13 @@
 #include <thread>
 
 #include "engine/display.h"
+#include "engine/receiving_session_test_hooks.h"
 #include "engine/sessions.h"
 #include "engine/transfer_engine.h"
 #include "line/adapter.h"
 #include "line/comm_port.h"
 #include "platform/clock.h"
+#include "platform/clock_test_hooks.h"
 #include "platform/files.h"
 #include "platform/pseudo_terminal.h"
 #include "stores/paths.h"
@@ -82,7 +84,7 @@ void SetUpSandbox() {
     TheMainWindow = &Window;
     AdapterFound = 1;
     SetFreeSpaceQuery([] { return uint64_t{1} << 40; });
-    TheEngine.WeSend = 0;
+    TheEngine.WeSend = false;
     TheEngine.LinkState = LinkConnected;
     for (const auto& item : fs::recursive_directory_iterator(Base)) {
         Known.insert(item.path().string());

@@ -151,10 +151,10 @@ void CheckTheListLeft() {
 // The station hands over to its receiving side after a request to fetch
 // files; a list that comes then is admitted as any other.
 void Step() {
-    if (TheEngine.WeSend.load() != 0) {
+    if (TheEngine.WeSend.load()) {
         // The files offered are there and readable: a fault in reading one
         // means the position went outside it.
-        Require(TheSession.SendFault.load() == 0, "a file offered could not be read");
+        Require(!TheSession.SendFault.load(), "a file offered could not be read");
         OnSenderInput();
     } else {
         OnReceiverInput();
@@ -163,7 +163,7 @@ void Step() {
 
 bool CallUp() {
     const int16_t state = TheEngine.LinkState.load();
-    if (TheEngine.WeSend.load() != 0) {
+    if (TheEngine.WeSend.load()) {
         return state >= LinkConnected;
     }
     // The receiving side's data is not this target's.
@@ -182,20 +182,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     OfferTheFiles((data[0] & 1) != 0);
     if ((data[0] & 2) != 0) {
         // A request to fetch files goes out instead of a list.
-        TheEngine.RetrievePending = 1;
+        TheEngine.RetrievePending = true;
         TheEngine.SendCount = 0;
         TheEngine.SendRemaining = 0;
     }
     TheEngine.ReceiveCount = 0;
     TheEngine.ReceiveListSize = 0;
-    TheEngine.WeSend = 1;
+    TheEngine.WeSend = true;
     TheEngine.LinkState = LinkConnected;
 
     std::string input(reinterpret_cast<const char*>(data + 1), size - 1);
     input += "\r\n";
     // Enough for the body behind a resume or a repair, or, after a request to
     // fetch files, for the list that may come.
-    const size_t recordBytes = TheEngine.RetrievePending.load() != 0
+    const size_t recordBytes = TheEngine.RetrievePending.load()
                                    ? sizeof(SessionHeader) + ListCapacity * sizeof(WireFileEntry)
                                    : sizeof(RecoveryBody);
     const std::string padding = std::string(recordBytes, '\0') + "\r\n";
@@ -204,14 +204,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (int step = 0; step < StepLimit && PortQueueCount(1) > padding.size() && CallUp(); ++step) {
         Step();
         const int16_t state = TheEngine.LinkState.load();
-        Require(TheEngine.WeSend.load() == 0 || (state != LinkTransfer && state != LinkRecovery) ||
+        Require(!TheEngine.WeSend.load() || (state != LinkTransfer && state != LinkRecovery) ||
                     TheEngine.SendCount.load() > 0,
                 "a transfer with nothing in the list to send");
     }
 
     // The line falls, as the adapter reports it.
     DiscardPortInput();
-    if (TheEngine.WeSend.load() != 0 && TheEngine.LinkState.load() >= LinkConnected) {
+    if (TheEngine.WeSend.load() && TheEngine.LinkState.load() >= LinkConnected) {
         FeedPort("NO CARRIER\r\n");
         // An answer of the adapter to a command-like run of bytes in the data
         // may still have been on its way, and come first.
@@ -232,8 +232,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Require(!FeederRunning(), "a feeder runs after the call");
     Require(SourcesIntact(), "a file offered was changed");
     CheckTheListLeft();
-    TheEngine.RetrievePending = 0;
-    TheEngine.WeSend = 0;
+    TheEngine.RetrievePending = false;
+    TheEngine.WeSend = false;
     TheEngine.LinkState = LinkConnected;
     DiscardPortInput();
     CheckAndEmptySandbox();

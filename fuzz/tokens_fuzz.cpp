@@ -72,10 +72,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     StartInstantAdapter();
     AdapterFound = 0;  // no profile goes out after a call; nothing would answer it
     LeaveAResumableFile();
-    TheEngine.WeSend = 0;
+    TheEngine.WeSend = false;
     TheEngine.ReceiveCount = 0;
     TheEngine.ReceiveListSize = 0;
-    TheEngine.RetrievePending = 0;
+    TheEngine.RetrievePending = false;
     TheEngine.LastRxTime = NowMs();
     TheEngine.LinkState = LinkConnected;
 

@@ -264,7 +264,7 @@ bool MainWindow::OnInitDialog() {
     FillDirectoryList();
     ClearHotFolderCounters();
     LogStartStop(true);
-    TheEngine.CommThreadRun = 1;
+    TheEngine.CommThreadRun = true;
     commThread_ = StartThread(CommThread, nullptr, ThreadPriority::Normal, false);
     commThreadStarted_ = commThread_ != nullptr;
     MainLoop().SetTimer(TimerSplashOpen, 1);
@@ -309,7 +309,7 @@ void MainWindow::EndDialog() {
 }
 
 void MainWindow::StopEngineThreads() {
-    TheEngine.CommThreadRun = 0;
+    TheEngine.CommThreadRun = false;
     if (!commThreadStarted_) {
         return;
     }

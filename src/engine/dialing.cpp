@@ -43,8 +43,8 @@ constexpr std::array<ConnectCode, 3> ConnectCodes{{
 
 // A call that did not come about: the link goes back to idle.
 void CallFailed() {
-    TheEngine.WeSend = 0;
-    TheEngine.RetrievePending = 0;
+    TheEngine.WeSend = false;
+    TheEngine.RetrievePending = false;
     ClearSessionFlags();
     ReturnToIdle();
 }
@@ -54,7 +54,7 @@ void Connected(const ConnectCode& code) {
     ClearSessionFlags();
     TheEngine.LinkState = LinkConnected;
     Display().UpdateActionButtons();
-    if (TheEngine.WeSend.load() != 0) {
+    if (TheEngine.WeSend.load()) {
         SendBytes(TokenSyncon.Bytes(), static_cast<int16_t>(TokenSyncon.Length()));
     } else {
         // The caller speaks first; its silence is timed from here.
@@ -102,7 +102,7 @@ void PlaceCall() {
     ClearSessionFlags();
     TheEngine.LinkState = LinkDialing;
     Display().UpdateActionButtons();
-    TheEngine.WeSend = 1;
+    TheEngine.WeSend = true;
 }
 
 void HandleLineEvent() {

@@ -74,13 +74,13 @@ void SendToken(const WireToken& token) {
 }  // namespace
 
 void OnSendClicked() {
-    TheEngine.RetrievePending = 0;
-    TheEngine.PickupSend = 0;
+    TheEngine.RetrievePending = false;
+    TheEngine.PickupSend = false;
     PlaceCall();
 }
 
 void OnRetrieveClicked() {
-    TheEngine.RetrievePending = 1;
+    TheEngine.RetrievePending = true;
     PlaceCall();
 }
 
@@ -180,8 +180,8 @@ void AnswerRetrieveRequest() {
     AddLogLine("at " + number);
     Controls().Select(IDC_DIRECTORY_LIST, index);
     Display().ShowCorrespondent(index);
-    TheEngine.WeSend = 1;
-    TheEngine.PickupSend = 1;
+    TheEngine.WeSend = true;
+    TheEngine.PickupSend = true;
     EnsureSentFilesFolder(index);
     LoadPickUpFolder(index);
     StartSendSession();
@@ -215,8 +215,8 @@ void ScanHotFolders() {
         LoadPickUpFolder(index);
         Controls().Select(IDC_DIRECTORY_LIST, index);
         Display().ShowCorrespondent(index);
-        TheEngine.PickupSend = 1;
-        TheEngine.RetrievePending = 0;
+        TheEngine.PickupSend = true;
+        TheEngine.RetrievePending = false;
         PlaceCall();
         return;
     }

@@ -30,13 +30,21 @@ void BookBytes(FileEntry& entry, uint32_t got) {
     entry.BytesDone += got;
 }
 
+// Where a section ends, as "Packet byte error N." numbers it when the section
+// fails its check.
+enum class SectionEnd {
+    OnABlockBoundary = 1,  // the file's last section, ending with a whole block
+    Whole = 2,             // a full section inside the file
+    InAShortBlock = 3,     // the file's last section, ending in a short block
+};
+
 // Checks the section in WorkingSection over its fileBytes. A section that
 // fails is asked for again, and nothing of it reaches the disk.
-bool SectionPasses(uint32_t fileBytes, int errorNumber) {
+[[nodiscard]] bool SectionPasses(uint32_t fileBytes, SectionEnd end) {
     if (SectionIntact(TheEngine.WorkingSection, fileBytes)) {
         return true;
     }
-    AddLogLine("Packet byte error " + std::to_string(errorNumber) + ".");
+    AddLogLine("Packet byte error " + std::to_string(static_cast<int>(end)) + ".");
     RequestSectionResend();
     TheEngine.LinkState = LinkRecovery;
     return false;
@@ -45,7 +53,7 @@ bool SectionPasses(uint32_t fileBytes, int errorNumber) {
 // Appends the section's file bytes where the file stops. A file that cannot
 // take them ends the session; it is then handled as any file that did not
 // arrive.
-bool AppendSection(const FileEntry& entry, uint32_t fileBytes) {
+[[nodiscard]] bool AppendSection(const FileEntry& entry, uint32_t fileBytes) {
     File file;
     if (!file.Open(std::string(entry.FilePath.View()), File::Mode::Write) ||
         !file.Seek(0, File::From::End) ||
@@ -108,7 +116,8 @@ void ReceiveBlock() {
         if (entry.BlocksDone == entry.DataBlocks && entry.LastBlockBytes == 0) {
             // The file's last section ends on a block boundary.
             const uint32_t fileBytes = filled * BlockBytes - SectionCrcBytes;
-            if (!SectionPasses(fileBytes, 1) || !AppendSection(entry, fileBytes)) {
+            if (!SectionPasses(fileBytes, SectionEnd::OnABlockBoundary) ||
+                !AppendSection(entry, fileBytes)) {
                 return;
             }
             TheEngine.BlockIndex = 0;
@@ -118,7 +127,8 @@ void ReceiveBlock() {
         }
         bool sectionWritten = false;
         if (filled == static_cast<int16_t>(BlocksPerSection)) {
-            if (!SectionPasses(SectionFileBytes, 2) || !AppendSection(entry, SectionFileBytes)) {
+            if (!SectionPasses(SectionFileBytes, SectionEnd::Whole) ||
+                !AppendSection(entry, SectionFileBytes)) {
                 return;
             }
             TheEngine.BlockIndex = 0;
@@ -129,7 +139,7 @@ void ReceiveBlock() {
                                       ? static_cast<uint16_t>(entry.LastBlockBytes)
                                       : static_cast<uint16_t>(BlockBytes);
         entry.LastBlockTime = NowMs();
-        TheEngine.ReceiveDisplayDirty = 1;
+        TheEngine.ReceiveDisplayDirty = true;
         if (sectionWritten) {
             // The position now stands at the next section's start, which is
             // what the file on disk holds: a call lost before the next block
@@ -148,7 +158,7 @@ void ReceiveBlock() {
         TheEngine.LinkState = LinkRecovery;
         return;
     }
-    if (!SectionPasses(static_cast<uint32_t>(fileBytes), 3) ||
+    if (!SectionPasses(static_cast<uint32_t>(fileBytes), SectionEnd::InAShortBlock) ||
         !AppendSection(entry, static_cast<uint32_t>(fileBytes))) {
         return;
     }
@@ -163,7 +173,7 @@ void RefreshReceiveDisplay() {
     display.ShowBatchEstimate(TheEngine.ReceiveRemaining.load());
     display.SetProgress(entry.BytesDone, entry.TotalLength);
     display.ShowThroughput(false, false);
-    TheEngine.ReceiveDisplayDirty = 0;
+    TheEngine.ReceiveDisplayDirty = false;
 }
 
 void RetireFinishedEntry() {

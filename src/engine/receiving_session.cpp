@@ -15,6 +15,7 @@
 
 #include "engine/display.h"
 #include "engine/pickup.h"
+#include "engine/receiving_session_test_hooks.h"
 #include "engine/recovery.h"
 #include "engine/session_threads.h"
 #include "engine/sessions.h"
@@ -68,7 +69,7 @@ void DiscardInput() {
 
 // A refusal after the header: the far end is told, and what it sends behind
 // the list is thrown away.
-int16_t Refuse(const std::string& logLine) {
+AdmitResult Refuse(const std::string& logLine) {
     AddLogLine(logLine);
     SendToken(TokenNak4);
     DiscardInput();
@@ -84,7 +85,7 @@ bool DataLengthOfAFile(uint32_t dataLength) {
 
 // Too little room for the list: the far end is told, and its list thrown
 // away.
-int16_t RefuseForSpace() {
+AdmitResult RefuseForSpace() {
     AddLogLine("Not enough free space on volume.");
     SendToken(TokenNak3);
     DiscardInput();
@@ -104,13 +105,6 @@ std::string AnnouncedName(const WireFileEntry& entry) {
 std::string Suffixed(const std::string& name, char letter) {
     return name.substr(0, std::min(name.size(), NameStemForSuffix)) + "-" + letter;
 }
-
-// One file of the list as admission means to make it.
-struct PlannedFile {
-    int WireIndex = 0;
-    std::string NameInUse;
-    bool Recovered = false;
-};
 
 // The first name free in the folder, the plain name or a suffix from -A to
 // -Z; empty when all 27 are taken. A name planned for an earlier entry of the
@@ -135,14 +129,14 @@ std::string FreeName(const std::string& folder, const std::string& name,
 }
 
 // The folder that a list opening with a marker gets: the plain name, or the
-// first of -A to -Z that could be made. Empty if none could.
-std::string MakeSessionFolder(const std::string& name) {
-    if (CreateFolder(IncomingPath + "/" + name)) {
+// first of -A to -Z that is free. Empty if none is.
+std::string FreeFolderName(const std::string& name) {
+    if (!PathExists(IncomingPath + "/" + name)) {
         return name;
     }
     for (char letter = 'A'; letter <= 'Z'; ++letter) {
         const std::string candidate = Suffixed(name, letter);
-        if (CreateFolder(IncomingPath + "/" + candidate)) {
+        if (!PathExists(IncomingPath + "/" + candidate)) {
             return candidate;
         }
     }
@@ -162,6 +156,206 @@ void MakeEmptyFile(const std::string& path) {
     File file;
     file.Open(path, File::Mode::CreateReadWrite);
     file.Close();
+}
+
+// One file of the list as admission means to make it.
+struct PlannedFile {
+    int WireIndex = 0;
+    std::string NameInUse;
+    bool Recovered = false;
+};
+
+// A list on its way through admission. Each step either takes it further or
+// refuses it, leaving in Result what AdmitFileList answers.
+struct Admission {
+    int Count = 0;
+    bool Marker = false;     // the list opens with a folder marker
+    std::string FolderName;  // the folder made for the marker's files
+    std::string Folder;      // where the files go
+    std::vector<PlannedFile> Plan;
+    bool Recovered = false;  // the first file takes up a former call's
+    AdmitResult Result = AdmitRefused;
+};
+
+// Step 1: the header and the entries, as far as they can be believed: the
+// magic, a count the list can hold, whole entries, a marker only at the head,
+// lengths a file can have, and room on the volume for both the header's total
+// and the entries' sum, which a false total would otherwise hide.
+bool ReadAndCheckList(Admission& list) {
+    SessionHeader& header = TheEngine.InHeader;
+    SwapSessionHeader(header);
+    if (header.Magic != SessionMagic) {
+        RequestDisconnect();
+        return false;
+    }
+    // In 64 bits: a volume with more than 4 GB free has room for any list.
+    const uint64_t freeSpace = FreeSpace();
+    if (freeSpace < header.TotalBytes) {
+        list.Result = RefuseForSpace();
+        return false;
+    }
+    if (header.FileCount > static_cast<uint32_t>(ListCapacity)) {
+        list.Result = Refuse("Corrupted file list.");
+        return false;
+    }
+    list.Count = static_cast<int>(header.FileCount);
+    WireFileEntry* wire = TheEngine.WireList;
+    const uint32_t listBytes = static_cast<uint32_t>(list.Count) * sizeof(WireFileEntry);
+    if (list.Count > 0 && ReadBlock(wire, listBytes, ListLimitMs) < listBytes) {
+        list.Result = Refuse("Corrupted file list.");
+        return false;
+    }
+    uint64_t announcedData = 0;
+    for (int i = 0; i < list.Count; ++i) {
+        SwapWireFileEntry(wire[i]);
+        const int16_t kind = KindOf(wire[i]);
+        if (kind == KindFolderMarker ? i != 0 : !DataLengthOfAFile(wire[i].DataLength)) {
+            list.Result = Refuse("Corrupted file list.");
+            return false;
+        }
+        announcedData += kind == KindFolderMarker ? 0 : wire[i].DataLength;
+    }
+    if (freeSpace < announcedData) {
+        list.Result = RefuseForSpace();
+        return false;
+    }
+    list.Marker = list.Count > 0 && KindOf(wire[0]) == KindFolderMarker;
+    return true;
+}
+
+// Step 2: a name for the marker's folder and for every file, none of them
+// taken on the disk or by an earlier file of the list. The list's first file
+// with data may take up the file that a former call left; otherwise that
+// file's chance has gone, and its name is free for this list.
+bool PlanNames(Admission& list) {
+    const WireFileEntry* wire = TheEngine.WireList;
+    list.Folder = IncomingPath;
+    if (list.Marker) {
+        const std::string name = SafeReceivedName(AnnouncedName(wire[0]));
+        list.FolderName = FreeFolderName(name);
+        if (list.FolderName.empty()) {
+            list.Result = Refuse("Too many files named " + name);
+            return false;
+        }
+        list.Folder = IncomingPath + "/" + list.FolderName;
+    }
+    std::set<std::string> planned;
+    bool firstFile = true;
+    const std::string goingAway = TheEngine.SavedEntry.WireName.IsEmpty()
+                                      ? std::string()
+                                      : std::string(TheEngine.SavedEntry.FilePath.View());
+    for (int i = list.Marker ? 1 : 0; i < list.Count; ++i) {
+        const std::string announced = AnnouncedName(wire[i]);
+        PlannedFile file;
+        file.WireIndex = i;
+        if (firstFile && wire[i].DataLength != 0) {
+            firstFile = false;
+            if (!list.Marker && ResumesSavedEntry(announced, wire[i].DataLength)) {
+                file.Recovered = list.Recovered = true;
+                list.Plan.push_back(file);
+                continue;
+            }
+        }
+        const std::string name = SafeReceivedName(announced);
+        file.NameInUse =
+            FreeName(list.Folder, name, planned, list.Recovered ? std::string() : goingAway);
+        if (file.NameInUse.empty()) {
+            list.Result = Refuse("Too many files named " + name);
+            return false;
+        }
+        planned.insert(file.NameInUse);
+        list.Plan.push_back(file);
+    }
+    return true;
+}
+
+// Step 3: the marker's folder and every file, made empty; an empty file has
+// arrived with that. A part that a former call left goes unless this list
+// takes it up.
+bool MakeFilesAndFolders(Admission& list) {
+    if (list.Marker) {
+        if (!CreateFolder(list.Folder)) {
+            list.Result = Refuse("Too many files named " + list.FolderName);
+            return false;
+        }
+        AddLogLine("Created new folder: " + list.FolderName);
+    }
+    if (!list.Recovered) {
+        EndRecoveryCandidacy();
+    }
+    for (const PlannedFile& file : list.Plan) {
+        if (!file.Recovered) {
+            MakeEmptyFile(list.Folder + "/" + file.NameInUse);
+        }
+    }
+    return true;
+}
+
+// Step 4: ReceiveList and the wire list hold the files that have data to
+// come, under the names in use; the bytes still to come are counted.
+void FillReceiveList(const Admission& list) {
+    WireFileEntry* wire = TheEngine.WireList;
+    TheEngine.ReceiveFolder.Set(list.Folder);
+    uint32_t kept = 0;
+    for (const PlannedFile& file : list.Plan) {
+        const WireFileEntry announced = wire[file.WireIndex];
+        FileEntry& entry = TheEngine.ReceiveList[kept];
+        if (file.Recovered) {
+            entry = TheEngine.SavedEntry;
+            entry.EntryComplete = 0;
+            entry.StartTime = 0;
+            wire[kept++] = announced;
+            continue;
+        }
+        if (announced.DataLength == 0) {
+            continue;
+        }
+        entry = FileEntry{};
+        entry.WireName.Set(AnnouncedName(announced));
+        entry.DisplayName.Set(file.NameInUse);
+        entry.FilePath.Set(list.Folder + "/" + file.NameInUse);
+        entry.EntryKind = KindOf(announced);
+        SetEntryLengths(entry, announced.DataLength);
+        entry.AuxLength = announced.AuxLength;
+        entry.CreatorCode = announced.CreatorCode;
+        entry.TypeCode = announced.TypeCode;
+        wire[kept] = announced;
+        wire[kept].Name.Set(file.NameInUse);
+        ++kept;
+    }
+    TheEngine.ReceiveCount = kept;
+    TheEngine.ReceiveListSize = static_cast<int16_t>(kept);
+    if (list.Recovered) {
+        TheEngine.ReceiveRemaining =
+            RecoveryPositionOf(TheEngine.RecoveryRecord.Body).ReceiveRemaining;
+    } else if (list.Marker) {
+        // A marker's list counts by its files: the marker itself brings no
+        // data, whatever the header's total made of it.
+        uint32_t total = 0;
+        for (uint32_t i = 0; i < kept; ++i) {
+            total += TheEngine.ReceiveList[i].TotalLength;
+        }
+        TheEngine.ReceiveRemaining = total;
+    } else {
+        TheEngine.ReceiveRemaining = TheEngine.InHeader.TotalBytes;
+    }
+}
+
+// Step 5: the first file's data is awaited.
+void StartReceiving(const Admission& list) {
+    EngineWindow& display = Display();
+    display.ListIncomingFiles();
+    display.ShowBatchEstimate(TheEngine.ReceiveRemaining.load());
+    TheEngine.ExpectedBlock = list.Recovered
+                                  ? RecoveryPositionOf(TheEngine.RecoveryRecord.Body).ExpectedBlock
+                                  : ExpectedBlockOf(TheEngine.ReceiveList[0]);
+    SnapshotSection();
+    TheEngine.LinkState = LinkTransfer;
+    TheEngine.BlockIndex = 0;
+    AddLogLine(std::string(list.Recovered ? "Recovering File: " : "Receiving File: ") +
+               std::string(TheEngine.ReceiveList[0].DisplayName.View()));
+    display.ShowTransferDisplay(true);
+    TheEngine.LastRxTime = NowMs();
 }
 
 void OnListOffered() {
@@ -193,30 +387,14 @@ void OnListOffered() {
     TheEngine.TransferStartTime = WallSeconds();
 }
 
-void OnReceiverCarrierLost() {
-    ForgetUnfinishedLine();
-    AddLogLine("Disconnected");
-    Display().LogElapsedTime();
-    SleepMs(50);
-    ReinitializeIncoming();
-    if (TheEngine.WeSend.load() == 0) {
-        EndOfCallCleanup();
-    }
-    TheEngine.WeSend = 0;
-    Display().ShowTransferDisplay(false);
-    TheEngine.RetrievePending = 0;
-    ClearSessionFlags();
-    ReturnToIdle();
-}
-
 // The holder's answer to a retrieve request came: there is nothing to fetch.
 void OnNothingToRetrieve(const char* logLine) {
-    if (TheEngine.RetrievePending.load() == 0) {
+    if (!TheEngine.RetrievePending.load()) {
         return;  // this end asked for nothing
     }
     AddLogLine(logLine);
-    TheEngine.WeSend = 1;
-    HangUp();
+    TheEngine.WeSend = true;
+    EndCallByHangUp();
 }
 
 }  // namespace
@@ -290,10 +468,10 @@ void OnReceiverInput() {
         OnListOffered();
     }
     if (LineHolds(line, TextNoCarrier) && TheEngine.LinkState.load() == LinkConnected) {
-        OnReceiverCarrierLost();
+        OnCallEnded(CallEnd::ReceiverLostLine);
     }
     if (LineHolds(line, TokenRetrieve) && TheEngine.LinkState.load() == LinkConnected &&
-        TheEngine.RetrievePending.load() == 0) {
+        !TheEngine.RetrievePending.load()) {
         AnswerRetrieveRequest();
     }
     if (LineHolds(line, TokenNoFileDir) && TheEngine.LinkState.load() == LinkConnected) {
@@ -304,163 +482,20 @@ void OnReceiverInput() {
     }
 }
 
-int16_t AdmitFileList() {
+AdmitResult AdmitFileList() {
     // A list that the user had prepared here stops counting from now.
     TheEngine.SendCount = 0;
     // A list of this call that was abandoned leaves nothing half made behind
     // when another takes its place.
     DeleteUnfinishedReceives();
-    SessionHeader& header = TheEngine.InHeader;
-    SwapSessionHeader(header);
-    if (header.Magic != SessionMagic) {
-        RequestDisconnect();
-        return AdmitRefused;
+    Admission list;
+    if (!ReadAndCheckList(list) || !PlanNames(list) || !MakeFilesAndFolders(list)) {
+        return list.Result;
     }
-    // In 64 bits: a volume with more than 4 GB free has room for any list.
-    const uint64_t freeSpace = FreeSpace();
-    if (freeSpace < header.TotalBytes) {
-        return RefuseForSpace();
-    }
-    if (header.FileCount > static_cast<uint32_t>(ListCapacity)) {
-        return Refuse("Corrupted file list.");
-    }
-    const int count = static_cast<int>(header.FileCount);
-    WireFileEntry* wire = TheEngine.WireList;
-    const uint32_t listBytes = static_cast<uint32_t>(count) * sizeof(WireFileEntry);
-    if (count > 0 && ReadBlock(wire, listBytes, ListLimitMs) < listBytes) {
-        return Refuse("Corrupted file list.");
-    }
-    uint64_t announcedData = 0;
-    for (int i = 0; i < count; ++i) {
-        SwapWireFileEntry(wire[i]);
-        const int16_t kind = KindOf(wire[i]);
-        // A marker stands only at the head of a list, and a file's length must
-        // be one that the block counters can hold and that a file can have.
-        if (kind == KindFolderMarker ? i != 0 : !DataLengthOfAFile(wire[i].DataLength)) {
-            return Refuse("Corrupted file list.");
-        }
-        announcedData += kind == KindFolderMarker ? 0 : wire[i].DataLength;
-    }
-    // A total below what the entries announce would let the files fill the
-    // volume past the room that was checked for.
-    if (freeSpace < announcedData) {
-        return RefuseForSpace();
-    }
-
-    const bool marker = count > 0 && KindOf(wire[0]) == KindFolderMarker;
-    std::string folder = IncomingPath;
-    std::string folderName;
-    if (marker) {
-        const std::string name = SafeReceivedName(AnnouncedName(wire[0]));
-        folderName = MakeSessionFolder(name);
-        if (folderName.empty()) {
-            return Refuse("Too many files named " + name);
-        }
-        folder = IncomingPath + "/" + folderName;
-    }
-
-    // The list's first file with data may take up a file that a former call
-    // left. Otherwise that file's chance has gone, and its name is free for
-    // this list.
-    std::vector<PlannedFile> plan;
-    std::set<std::string> planned;
-    bool recovered = false;
-    bool firstFile = true;
-    const std::string goingAway = TheEngine.SavedEntry.WireName.IsEmpty()
-                                      ? std::string()
-                                      : std::string(TheEngine.SavedEntry.FilePath.View());
-    for (int i = marker ? 1 : 0; i < count; ++i) {
-        const std::string announced = AnnouncedName(wire[i]);
-        PlannedFile file;
-        file.WireIndex = i;
-        if (firstFile && wire[i].DataLength != 0) {
-            firstFile = false;
-            if (!marker && ResumesSavedEntry(announced, wire[i].DataLength)) {
-                file.Recovered = recovered = true;
-                plan.push_back(file);
-                continue;
-            }
-        }
-        const std::string name = SafeReceivedName(announced);
-        file.NameInUse = FreeName(folder, name, planned, recovered ? std::string() : goingAway);
-        if (file.NameInUse.empty()) {
-            if (marker) {
-                RemoveFolder(folder);
-            }
-            return Refuse("Too many files named " + name);
-        }
-        planned.insert(file.NameInUse);
-        plan.push_back(file);
-    }
-
-    if (marker) {
-        // Only now that the list will be taken: a refused one removes it again.
-        AddLogLine("Created new folder: " + folderName);
-    }
-    if (!recovered) {
-        EndRecoveryCandidacy();
-    }
-    TheEngine.ReceiveFolder.Set(folder);
-    RecoveryPosition resumed;
-    uint32_t kept = 0;
-    for (const PlannedFile& file : plan) {
-        const WireFileEntry announced = wire[file.WireIndex];
-        FileEntry& entry = TheEngine.ReceiveList[kept];
-        if (file.Recovered) {
-            entry = TheEngine.SavedEntry;
-            entry.EntryComplete = 0;
-            entry.StartTime = 0;
-            resumed = RecoveryPositionOf(TheEngine.RecoveryRecord.Body);
-            wire[kept++] = announced;
-            continue;
-        }
-        const std::string path = folder + "/" + file.NameInUse;
-        // An empty file arrives here and now; it has no data to wait for.
-        MakeEmptyFile(path);
-        if (announced.DataLength == 0) {
-            continue;
-        }
-        entry = FileEntry{};
-        entry.WireName.Set(AnnouncedName(announced));
-        entry.DisplayName.Set(file.NameInUse);
-        entry.FilePath.Set(path);
-        entry.EntryKind = KindOf(announced);
-        SetEntryLengths(entry, announced.DataLength);
-        entry.AuxLength = announced.AuxLength;
-        entry.CreatorCode = announced.CreatorCode;
-        entry.TypeCode = announced.TypeCode;
-        wire[kept] = announced;
-        wire[kept].Name.Set(file.NameInUse);
-        ++kept;
-    }
-    TheEngine.ReceiveCount = kept;
-    TheEngine.ReceiveListSize = static_cast<int16_t>(kept);
-    if (kept == 0) {
+    FillReceiveList(list);
+    if (TheEngine.ReceiveCount.load() == 0) {
         return AdmitNothingToReceive;
     }
-    if (recovered) {
-        TheEngine.ReceiveRemaining = resumed.ReceiveRemaining;
-    } else if (marker) {
-        uint32_t total = 0;
-        for (uint32_t i = 0; i < kept; ++i) {
-            total += TheEngine.ReceiveList[i].TotalLength;
-        }
-        TheEngine.ReceiveRemaining = total;
-    } else {
-        TheEngine.ReceiveRemaining = header.TotalBytes;
-    }
-
-    EngineWindow& display = Display();
-    display.ListIncomingFiles();
-    display.ShowBatchEstimate(TheEngine.ReceiveRemaining.load());
-    TheEngine.ExpectedBlock =
-        recovered ? resumed.ExpectedBlock : ExpectedBlockOf(TheEngine.ReceiveList[0]);
-    SnapshotSection();
-    TheEngine.LinkState = LinkTransfer;
-    TheEngine.BlockIndex = 0;
-    AddLogLine(std::string(recovered ? "Recovering File: " : "Receiving File: ") +
-               std::string(TheEngine.ReceiveList[0].DisplayName.View()));
-    display.ShowTransferDisplay(true);
-    TheEngine.LastRxTime = NowMs();
-    return recovered ? AdmitRecovered : AdmitAccepted;
+    StartReceiving(list);
+    return list.Recovered ? AdmitRecovered : AdmitAccepted;
 }

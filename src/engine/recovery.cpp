@@ -62,7 +62,7 @@ void ApplyRecoveryAtSender() {
     display.SetProgress(entry.BytesDone, entry.TotalLength);
     display.ShowThroughput(true, false);
     // The section read ahead is dropped; the next read starts at the position.
-    TheEngine.SectionWanted = 1;
+    TheEngine.SectionWanted = true;
 }
 
 void ConfirmRecovery() {

@@ -38,13 +38,13 @@ void NapWhileOutputDrains(uint32_t waiting) {
 // The file cannot give what its entry announced: the call cannot go on.
 void ReportUnreadable(const FileEntry& entry) {
     AddLogLine("Cannot read file: " + std::string(entry.DisplayName.View()));
-    TheSession.SendFault = 1;
+    TheSession.SendFault = true;
     // The communications thread ends the call at its next pass.
     InterruptPortWait();
 }
 
 void HandToWriter(const uint8_t* block, int16_t length) {
-    TheEngine.WriterIdle = 0;
+    TheEngine.WriterIdle = false;
     TheEngine.WriteBlockLength = length;
     TheEngine.WriteBlock = block;
     WakeThread(TheEngine.WriterThread.load());
@@ -85,7 +85,7 @@ void ReadNextSection() {
         entry.NextBlock = static_cast<int16_t>(entry.NextBlock + BlocksPerSection);
         SealSection(TheEngine.StagedSection, announced);
     }
-    TheEngine.SectionWanted = 0;
+    TheEngine.SectionWanted = false;
 }
 
 BlockOutcome SendNextBlock() {
@@ -102,13 +102,13 @@ BlockOutcome SendNextBlock() {
         // A section begins: the next one is read while this one goes out.
         std::memcpy(working, TheEngine.StagedSection,
                     TheEngine.StagedLength.load() + SectionCrcBytes);
-        TheEngine.SectionWanted = 1;
+        TheEngine.SectionWanted = true;
     }
     if (entry.DataDone != 0) {
         // The last block has left the port: this step runs only with the
         // writer idle and the output queue empty.
         entry.LastBlockTime = NowMs();
-        int16_t expected = LinkTransfer;
+        LinkState expected = LinkTransfer;
         if (!TheEngine.LinkState.compare_exchange_strong(expected, LinkFileSent)) {
             return BlockOutcome::Nothing;  // a repair has begun meanwhile
         }
@@ -143,7 +143,7 @@ void RefreshSendDisplay() {
     display.ShowThroughput(true, false);
     display.SetProgress(entry.BytesDone, entry.TotalLength);
     display.ShowBatchEstimate(TheEngine.SendRemaining.load());
-    TheEngine.SendDisplayDirty = 0;
+    TheEngine.SendDisplayDirty = false;
 }
 
 unsigned SectionFeeder(void*) {
@@ -152,14 +152,14 @@ unsigned SectionFeeder(void*) {
     // After the file's end the feeder parks; woken into the next file or a
     // repair, it first brings the display up to date.
     bool refreshDue = false;
-    while (TheEngine.FeederRun.load() != 0) {
+    while (TheEngine.FeederRun.load()) {
         if (TheEngine.LinkState.load() != LinkTransfer || TheEngine.SendCount.load() <= 0 ||
-            TheSession.SendFault.load() != 0) {
+            TheSession.SendFault.load()) {
             ParkThread(self);
             continue;
         }
-        const bool sectionWanted = TheEngine.SectionWanted.load() != 0;
-        if (!sectionWanted && !refreshDue && TheEngine.WriterIdle.load() == 0) {
+        const bool sectionWanted = TheEngine.SectionWanted.load();
+        if (!sectionWanted && !refreshDue && !TheEngine.WriterIdle.load()) {
             ParkThread(self);  // the writer wakes us when its block has gone
             continue;
         }
@@ -180,7 +180,7 @@ unsigned SectionFeeder(void*) {
         }
         FeederLeaveStep();
     }
-    TheEngine.WriterRun = 0;
+    TheEngine.WriterRun = false;
     WakeThread(writer);
     return 0;
 }
@@ -188,13 +188,13 @@ unsigned SectionFeeder(void*) {
 unsigned BlockWriter(void*) {
     const ThreadHandle self = TheEngine.WriterThread.load();
     const ThreadHandle feeder = CurrentFeederHandle();
-    while (TheEngine.WriterRun.load() != 0) {
+    while (TheEngine.WriterRun.load()) {
         SendBytes(TheEngine.WriteBlock.load(), TheEngine.WriteBlockLength.load());
-        TheEngine.SendDisplayDirty = 1;
+        TheEngine.SendDisplayDirty = true;
         if (TheEngine.SendCount.load() > 0) {
             TheEngine.SendList[0].LastBlockTime = NowMs();
         }
-        TheEngine.WriterIdle = 1;
+        TheEngine.WriterIdle = true;
         WakeThread(feeder);
         ParkThread(self);
     }

@@ -50,8 +50,8 @@ void LogSendingFile(const char* what) {
 }
 
 void StartTransfer() {
-    TheEngine.SectionWanted = 1;
-    TheEngine.FeederRun = 1;
+    TheEngine.SectionWanted = true;
+    TheEngine.FeederRun = true;
     StartSectionFeeder();
     Display().ShowThroughput(true, false);
     TheEngine.LinkState = LinkTransfer;
@@ -61,7 +61,7 @@ void StartTransfer() {
 
 // Whether a list-accepting token may start a transfer now.
 bool ReadyToStart() {
-    return TheEngine.LinkState.load() == LinkConnected && TheSession.ListOffered.load() != 0 &&
+    return TheEngine.LinkState.load() == LinkConnected && TheSession.ListOffered.load() &&
            !FeederRunning();
 }
 
@@ -93,7 +93,7 @@ void OnFileRecovr() {
     if (!ReadRecoveryBody()) {
         return;
     }
-    const int16_t state = TheEngine.LinkState.load();
+    const LinkState state = TheEngine.LinkState.load();
     // With the list empty the file of that data has been acknowledged
     // already; a repair would put a stale entry back on the way.
     if (!FeederRunning() || (state != LinkTransfer && state != LinkFileSent) ||
@@ -118,27 +118,6 @@ void OnContSend() {
     ConfirmRecovery();
     // The feeder has parked if the failed section was the file's last.
     WakeFeeder();
-}
-
-void OnSenderCarrierLost() {
-    ForgetUnfinishedLine();
-    if (TheEngine.LinkState.load() == LinkTransfer) {
-        AddLogLine("Remote end aborted transfer.");
-        TheEngine.FeederRun = 0;
-        PurgePort();
-    }
-    StopFeeder();
-    AddLogLine("Disconnected");
-    Display().LogElapsedTime();
-    AddLogLine("------------------------------");
-    SleepMs(50);
-    ReinitializeIncoming();
-    TheEngine.WeSend = 0;
-    Display().ShowTransferDisplay(false);
-    ResetSendPosition();
-    TheEngine.RetrievePending = 0;
-    ClearSessionFlags();
-    ReturnToIdle();
 }
 
 void OnListAccepted() {
@@ -180,7 +159,7 @@ bool FileIsThrough() {
     if (!FeederRunning()) {
         return false;
     }
-    const int16_t state = TheEngine.LinkState.load();
+    const LinkState state = TheEngine.LinkState.load();
     if (state == LinkFileSent) {
         WaitFeederOutOfStep();
         return true;
@@ -189,10 +168,10 @@ bool FileIsThrough() {
 }
 
 void OnAllFilesSent() {
-    const int16_t state = TheEngine.LinkState.load();
+    const LinkState state = TheEngine.LinkState.load();
     // With no feeder the list held no data at all, and the far end, having
     // made the empty files, answers the offer with ACK2 at once.
-    const bool emptyList = !FeederRunning() && TheSession.ListOffered.load() != 0 &&
+    const bool emptyList = !FeederRunning() && TheSession.ListOffered.load() &&
                            (state == LinkConnected || state == LinkFileSent);
     if (!emptyList && !FileIsThrough()) {
         return;
@@ -205,23 +184,23 @@ void OnAllFilesSent() {
     TheEngine.LinkState = LinkConnected;
     TheEngine.SendCount = 0;
     StopFeeder();
-    HangUp();
+    EndCallByHangUp();
 }
 
 void OnReceiverReady() {
-    if (TheEngine.LinkState.load() != LinkConnected || TheSession.ListOffered.load() != 0) {
+    if (TheEngine.LinkState.load() != LinkConnected || TheSession.ListOffered.load()) {
         return;
     }
-    if (TheEngine.RetrievePending.load() == 0) {
+    if (!TheEngine.RetrievePending.load()) {
         StartSendSession();
         return;
     }
-    TheSession.ListOffered = 1;
+    TheSession.ListOffered = true;
     SendBytes(TokenRetrieve.Bytes(), static_cast<int16_t>(TokenRetrieve.Length()));
     const RetrieveRequest request = MakeRetrieveRequest(
         std::string_view(LocalNumber, strnlen(LocalNumber, sizeof LocalNumber)));
     SendBytes(&request, sizeof request);
-    TheEngine.WeSend = 0;
+    TheEngine.WeSend = false;
     TheEngine.LastRxTime = NowMs();
 }
 
@@ -250,7 +229,7 @@ void OnSenderInput() {
         return;
     }
     if (LineHolds(line, TextNoC)) {
-        OnSenderCarrierLost();
+        OnCallEnded(CallEnd::SenderLostLine);
     }
     if (LineHolds(line, TextAck1) || LineHolds(line, TokenAck3)) {
         OnListAccepted();
@@ -281,7 +260,7 @@ void StartSendSession() {
     SendBytes(&TheEngine.OutHeader, sizeof(SessionHeader));
     SendBytes(TheEngine.WireList, static_cast<int16_t>(count * sizeof(WireFileEntry)));
     TheEngine.BlockIndex = 0;
-    TheSession.ListOffered = 1;
+    TheSession.ListOffered = true;
     if (count > 0 && TheEngine.SendList[0].EntryKind == KindFolderMarker) {
         // The marker has told the far end where the files go; it carries
         // nothing itself.
@@ -311,7 +290,7 @@ void DropFirstSendEntry() {
     }
     TheEngine.SendRemaining = 0;
     FileEntry* list = TheEngine.SendList;
-    if (TheEngine.PickupSend.load() != 0 && list[0].EntryKind != KindFolderMarker) {
+    if (TheEngine.PickupSend.load() && list[0].EntryKind != KindFolderMarker) {
         MoveToSentFiles(std::string(list[0].FilePath.View()),
                         std::string(list[0].DisplayName.View()));
     }
@@ -328,7 +307,7 @@ void DropFirstSendEntry() {
     display.ShowBatchEstimate(remaining);
     if (left <= 0) {
         TheEngine.LinkState = LinkFileSent;
-        if (TheEngine.PickupSend.load() != 0) {
+        if (TheEngine.PickupSend.load()) {
             display.ShowCorrespondent(
                 static_cast<int16_t>(Controls().Selection(IDC_DIRECTORY_LIST)));
         }
@@ -342,7 +321,7 @@ void BeginNextFile() {
         return;
     }
     LogSendingFile("Sending File: ");
-    TheEngine.SectionWanted = 1;
+    TheEngine.SectionWanted = true;
     TheEngine.LinkState = LinkTransfer;
 }
 

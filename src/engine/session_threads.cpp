@@ -32,10 +32,10 @@ void ReturnToIdle() {
 }
 
 void ClearSessionFlags() {
-    TheSession.ListOffered = 0;
-    TheSession.SendFault = 0;
+    TheSession.ListOffered = false;
+    TheSession.SendFault = false;
     TheSession.HangUpRetries = 0;
-    TheSession.HangUpRetryDue = 0;
+    TheSession.HangUpRetryDue = false;
 }
 
 ThreadHandle CurrentFeederHandle() {
@@ -61,8 +61,8 @@ void StartSectionFeeder() {
     // other and never need the processor at the same moment, so they share
     // one: a wake that crosses processors costs far more than one that stays.
     const int processor = CurrentProcessor();
-    TheEngine.WriterRun = 1;
-    TheEngine.WriterIdle = 1;
+    TheEngine.WriterRun = true;
+    TheEngine.WriterIdle = true;
     TheEngine.WriterThread.store(
         StartThread(BlockWriter, nullptr, ThreadPriority::Highest, true, processor));
     // Held too, so that its own handle is in place before it first parks.
@@ -73,11 +73,11 @@ void StartSectionFeeder() {
         SessionFeeder = feeder;
     }
     if (!feeder || !TheEngine.WriterThread.load()) {
-        TheEngine.FeederRun = 0;
-        TheEngine.WriterRun = 0;
+        TheEngine.FeederRun = false;
+        TheEngine.WriterRun = false;
         WakeThread(TheEngine.WriterThread.load());
         WakeThread(feeder);
-        TheSession.SendFault = 1;
+        TheSession.SendFault = true;
         InterruptPortWait();
         return;
     }
@@ -86,7 +86,7 @@ void StartSectionFeeder() {
 }
 
 bool FeederRunning() {
-    return TheEngine.FeederRun.load() != 0 && TheEngine.FeederThread.load() != nullptr;
+    return TheEngine.FeederRun.load() && TheEngine.FeederThread.load() != nullptr;
 }
 
 void WakeFeeder() {
@@ -94,7 +94,7 @@ void WakeFeeder() {
 }
 
 void StopFeeder() {
-    TheEngine.FeederRun = 0;
+    TheEngine.FeederRun = false;
     const ThreadHandle parked = TheEngine.FeederThread.exchange(nullptr);
     WakeThread(parked);
 
@@ -109,7 +109,7 @@ void StopFeeder() {
     const ThreadHandle writer = TheEngine.WriterThread.load();
     // A block that the far end holds back would keep the writer, and so this
     // wait, for as long as it pleases; the session is over, so cut it off.
-    if (writer && !ThreadFinished(writer) && TheEngine.WriterIdle.load() == 0) {
+    if (writer && !ThreadFinished(writer) && !TheEngine.WriterIdle.load()) {
         PurgePort();
     }
     JoinThread(feeder);
@@ -126,7 +126,7 @@ void StopFeeder() {
 
 bool FeederEnterStep() {
     FeederInStep.store(1);
-    if (TheEngine.LinkState.load() != LinkTransfer || TheEngine.FeederRun.load() == 0) {
+    if (TheEngine.LinkState.load() != LinkTransfer || !TheEngine.FeederRun.load()) {
         FeederLeaveStep();
         return false;
     }

@@ -21,14 +21,14 @@
 // Flags of the session in progress, cleared when a call begins and ends.
 struct SessionFlags {
     // The list has gone out in this call (H100 was sent).
-    std::atomic<int32_t> ListOffered{0};
+    std::atomic<bool> ListOffered{false};
     // The feeder could not go on (a file could not be read, or no writer
     // could be started); the communications thread ends the call.
-    std::atomic<int32_t> SendFault{0};
+    std::atomic<bool> SendFault{false};
     // The sending side's hang-up got no answer: how often it has been tried
     // again, and whether and when the next try is due.
     std::atomic<int32_t> HangUpRetries{0};
-    std::atomic<int32_t> HangUpRetryDue{0};
+    std::atomic<bool> HangUpRetryDue{false};
     std::atomic<uint32_t> HangUpRetryAt{0};
 };
 

@@ -11,7 +11,7 @@
 // ---- Sending side ----
 
 // Reads one token line and acts on it; the communications thread calls it
-// while WeSend is 1 and a call is up.
+// while WeSend is set and a call is up.
 void OnSenderInput();
 // Offers the list: H100, the header and the file list.
 void StartSendSession();
@@ -27,11 +27,11 @@ void ResetSendPosition();
 // ---- Receiving side ----
 
 // Reads one token line and acts on it; the communications thread calls it
-// while WeSend is 0 in LinkConnected and LinkRecovery.
+// while WeSend is clear in LinkConnected and LinkRecovery.
 void OnReceiverInput();
 
-// Results of AdmitFileList.
-enum : int16_t {
+// What admission made of a list.
+enum AdmitResult : int16_t {
     AdmitRefused = 0,
     AdmitAccepted = 1,
     AdmitRecovered = 2,         // the first file goes on from where a former call left it
@@ -40,18 +40,12 @@ enum : int16_t {
 
 // Judges the list behind the header just read into InHeader, chooses names,
 // creates the files and fills ReceiveList.
-int16_t AdmitFileList();
+[[nodiscard]] AdmitResult AdmitFileList();
 
 // A received name made safe to use as one name in the receive folder: "/",
 // "\" and control characters become "_", and an empty name, "." and ".."
 // become "_".
 std::string SafeReceivedName(std::string_view announced);
-
-// The free bytes that admission compares with a list's total; by default
-// those of the installation's volume. Tests put in a figure of their own; an
-// empty function restores the volume's.
-using FreeSpaceQuery = std::function<uint64_t()>;
-void SetFreeSpaceQuery(FreeSpaceQuery query);
 
 // ---- Both ----
 

@@ -38,26 +38,22 @@ constexpr uint32_t StallTailBytes = 12;
 constexpr int32_t HangUpRetryLimit = 2;
 constexpr uint32_t HangUpRetryMs = 5000;
 
-// Whether the tail that the last stall took out of the queue held the
-// adapter's NO CARRIER; the communications thread's own.
-bool StallTailHeldNoCarrier = false;
-
 // The adapter answered neither the escape nor the hang-up: the call may
 // still be up. The receiving side's watchdog ends it in the end; the
 // sending side has none, so it tries again a few times.
 bool HangUpFailed() {
     AddLogLine("Hang-up failed.");
-    if (TheEngine.WeSend.load() != 0 && TheSession.HangUpRetries.load() < HangUpRetryLimit) {
+    if (TheEngine.WeSend.load() && TheSession.HangUpRetries.load() < HangUpRetryLimit) {
         TheSession.HangUpRetries.fetch_add(1);
         TheSession.HangUpRetryAt = NowMs();
-        TheSession.HangUpRetryDue = 1;
+        TheSession.HangUpRetryDue = true;
         InterruptPortWait();
     }
     return false;
 }
 
 void StopFeederIfSending() {
-    if (TheEngine.WeSend.load() != 0) {
+    if (TheEngine.WeSend.load()) {
         StopFeeder();
     }
 }
@@ -82,19 +78,16 @@ void RequestDisconnect() {
         return;
     }
     PortConversation conversation;
-    const int16_t state = TheEngine.LinkState.load();
-    const bool sending = TheEngine.WeSend.load() != 0;
+    const LinkState state = TheEngine.LinkState.load();
+    const bool sending = TheEngine.WeSend.load();
     switch (state) {
-        case LinkDialing:
-            SendBytes(" ", 1);
-            break;
         case LinkConnected:
             // "AT" answered means the adapter is in command mode already, so
             // the call has gone; silence means it is still up.
             if (SendAndWaitOk("AT")) {
                 OnCallEnded();
             } else {
-                HangUp();
+                EndCallByHangUp();
             }
             break;
         case LinkTransfer:
@@ -106,19 +99,26 @@ void RequestDisconnect() {
                 TheEngine.LinkState = LinkConnected;
             } else {
                 StopFeeder();
-                HangUp();
+                EndCallByHangUp();
             }
             break;
         default:
             StopFeederIfSending();
-            HangUp();
+            EndCallByHangUp();
             break;
     }
 }
 
+void EndCallByHangUp() {
+    // A hang-up the adapter did not answer needs nothing more here: HangUp
+    // has logged it, and a call that stays up is ended by the sending side's
+    // retries or the receiving side's watchdog.
+    static_cast<void>(HangUp());
+}
+
 bool HangUp() {
     PortConversation conversation;
-    TheSession.HangUpRetryDue = 0;
+    TheSession.HangUpRetryDue = false;
     SleepMs(ThePreferences.AdapterModel == ModelZyXEL ? ZyxelEscapePauseMs : EscapePauseMs);
     SendBytes("+++", 3);
     std::memset(TokenBuffer, 0, TokenBufferSize);
@@ -154,7 +154,7 @@ bool HangUp() {
 }
 
 int MsUntilHangUpRetry() {
-    if (TheSession.HangUpRetryDue.load() == 0) {
+    if (!TheSession.HangUpRetryDue.load()) {
         return -1;
     }
     const uint32_t elapsed = NowMs() - TheSession.HangUpRetryAt.load();
@@ -167,40 +167,66 @@ bool RetryHangUpIfDue() {
     }
     // A call that has ended meanwhile (NO CARRIER) cleared the retry.
     if (TheEngine.LinkState.load() < LinkConnected) {
-        TheSession.HangUpRetryDue = 0;
+        TheSession.HangUpRetryDue = false;
         return false;
     }
-    HangUp();
+    // A failure has set up the next try, up to the limit.
+    EndCallByHangUp();
     return true;
 }
 
-void OnCallEnded() {
+void OnCallEnded(CallEnd how) {
     ForgetUnfinishedLine();
     EngineWindow& display = Display();
+    const LinkState state = TheEngine.LinkState.load();
+    const bool sending = TheEngine.WeSend.load();
+    // After a loss of the line the adapter has just reported NO CARRIER.
+    const bool lineLost = how != CallEnd::HungUp;
+    if (sending) {
+        // A sender whose line falls under a block cuts the block off rather
+        // than wait for a far end that is gone.
+        if (how == CallEnd::SenderLostLine && state == LinkTransfer) {
+            AddLogLine("Remote end aborted transfer.");
+            TheEngine.FeederRun = false;
+            PurgePort();
+        }
+        StopFeeder();
+    }
     AddLogLine("Disconnected");
     display.ShowTransferDisplay(false);
-    const int16_t state = TheEngine.LinkState.load();
-    const bool sending = TheEngine.WeSend.load() != 0;
-    if (state == LinkConnected || state == LinkFileSent) {
+    // A hang-up in the middle of the data says nothing of the time taken; a
+    // lost line tells it always, as far as a transfer had begun.
+    if (lineLost || state == LinkConnected || state == LinkFileSent) {
         display.LogElapsedTime();
     }
-    StopFeederIfSending();
+    if (how == CallEnd::SenderLostLine) {
+        AddLogLine("------------------------------");
+    }
+    if (lineLost) {
+        // The adapter has just printed NO CARRIER; the incoming profile goes
+        // once it is back in command mode.
+        SleepMs(50);
+    }
     // The file in hand goes back to its start, so that the next offer sends
     // it whole or from the receiver's position; also when the call ended
-    // while its ACK was awaited.
-    if (state == LinkTransfer || state == LinkRecovery || (sending && state == LinkFileSent)) {
+    // while its ACK was awaited, and always when the sender lost the line.
+    if (state == LinkTransfer || state == LinkRecovery || (sending && state == LinkFileSent) ||
+        how == CallEnd::SenderLostLine) {
         ResetSendPosition();
     }
     ReinitializeIncoming();
     if (!sending) {
         EndOfCallCleanup();
     }
-    TheEngine.WeSend = 0;
+    TheEngine.WeSend = false;
+    // A retrieve asked for in this call is over with it, however it ended: a
+    // station that kept it would not answer the next correspondent's.
+    TheEngine.RetrievePending = false;
     ClearSessionFlags();
     ReturnToIdle();
 }
 
-int StallCheck(uint32_t waiting) {
+void EndStalledCall(uint32_t waiting) {
     uint8_t tail[32] = {};
     if (waiting > StallTailBytes) {
         const int16_t slot = TheEngine.BlockIndex.load();
@@ -208,19 +234,12 @@ int StallCheck(uint32_t waiting) {
                   StallBodyLimitMs);
     }
     ReadBlock(tail, StallTailBytes, StallTailLimitMs);
-    const std::string_view text(reinterpret_cast<const char*>(tail), StallTailBytes);
-    StallTailHeldNoCarrier = text.find(TextNoCarrier) != std::string_view::npos;
-    // Whatever the tail holds, nothing has come for five seconds: the call
-    // is over.
-    return 1;
-}
-
-void EndStalledCall() {
     // A line that fell leaves NO CARRIER behind its last data, and the
     // adapter is back in command mode. Without it the far end has only gone
     // quiet and the call is still up: it is hung up, so that neither adapter
     // stays in a call that nobody uses and both can be called again.
-    if (StallTailHeldNoCarrier || !HangUp()) {
+    const std::string_view text(reinterpret_cast<const char*>(tail), StallTailBytes);
+    if (text.find(TextNoCarrier) != std::string_view::npos || !HangUp()) {
         OnCallEnded();
     }
 }

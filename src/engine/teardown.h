@@ -5,23 +5,41 @@
 
 // The one way to ask for the end of a call or a transfer, from any thread.
 void RequestDisconnect();
-// Takes the adapter out of data mode and hangs up. When the adapter gives no
-// answer, logs "Hang-up failed." and returns false; on the sending side,
-// which has no watchdog to end the call, it is then tried again twice, 5 s
-// apart, by the communications thread.
-bool HangUp();
+// HangUp where nothing more is to be done if the adapter does not answer.
+void EndCallByHangUp();
+// Takes the adapter out of data mode and hangs up; true once the call has
+// ended. When the adapter gives no answer, logs "Hang-up failed." and returns
+// false, the call still up; on the sending side, which has no watchdog to end
+// the call, it is then tried again twice, 5 s apart, by the communications
+// thread.
+[[nodiscard]] bool HangUp();
 // Milliseconds until the sending side's next hang-up is due, or -1 if none
 // is.
 int MsUntilHangUpRetry();
 // Tries the hang-up again if its time has come; true if it did.
 bool RetryHangUpIfDue();
-// The common tidying at the end of a call.
-void OnCallEnded();
-// Takes a partial block out of the queue after a stall; 1 if the call is over.
-int StallCheck(uint32_t waiting);
-// Ends the call that a stall has shown to be over: hung up first, unless the
-// line has already fallen.
-void EndStalledCall();
+// How a call came to its end. Every end is tidied by OnCallEnded; what differs
+// between the ways is said there, where it is done.
+enum class CallEnd {
+    // This end hung up, found the adapter in command mode already, or saw in
+    // a stall that the line had fallen.
+    HungUp,
+    // The sending side read the adapter's NO CARRIER among the far end's
+    // tokens: the far end hung up, or the line fell.
+    SenderLostLine,
+    // The receiving side read NO CARRIER between the files, where the sender
+    // hangs up after the last of them.
+    ReceiverLostLine,
+};
+// Every end of a call comes here, on whichever thread found it: the adapter
+// gets its incoming profile again, the lists are tidied and the link is idle.
+void OnCallEnded(CallEnd how = CallEnd::HungUp);
+// A stall in the middle of a block: nothing has come for five seconds and
+// what waits is too short for a block, which is what a line that falls
+// leaves behind. The call is over; this takes what waits out of the queue
+// and ends the call, with a hang-up first unless the tail shows that the line
+// has fallen.
+void EndStalledCall(uint32_t waiting);
 // Receiving side: removes files that did not arrive and imports received
 // directory entries.
 void EndOfCallCleanup();

@@ -47,7 +47,7 @@ int MsUntilPast(uint32_t since, uint32_t limitMs) {
 }
 
 // How long a pass that found nothing to do may wait for input.
-int WaitBound(int16_t state, bool sending) {
+int WaitBound(LinkState state, bool sending) {
     if (sending) {
         const int bound = state == LinkTransfer ? SendDisplayWaitMs : LongestWaitMs;
         const int retry = MsUntilHangUpRetry();
@@ -68,10 +68,10 @@ int WaitBound(int16_t state, bool sending) {
 // once.
 int PassWork() {
     const uint32_t waiting = PortQueueCount(1);
-    const int16_t state = TheEngine.LinkState.load();
-    const bool sending = TheEngine.WeSend.load() != 0;
+    const LinkState state = TheEngine.LinkState.load();
+    const bool sending = TheEngine.WeSend.load();
 
-    if (sending && state >= LinkConnected && TheSession.SendFault.exchange(0) != 0) {
+    if (sending && state >= LinkConnected && TheSession.SendFault.exchange(false)) {
         RequestDisconnect();
         return -1;
     }
@@ -106,25 +106,21 @@ int PassWork() {
     }
 
     if (sending) {
-        if (state == LinkTransfer && TheEngine.SendDisplayDirty.load() != 0) {
+        if (state == LinkTransfer && TheEngine.SendDisplayDirty.load()) {
             RefreshSendDisplay();
         }
         return WaitBound(state, sending);
     }
     if (state == LinkTransfer && NowMs() - TheEngine.LastRxTime.load() > StallLimitMs) {
         if (waiting != 0 && waiting < TheEngine.ExpectedBlock.load()) {
-            if (StallCheck(waiting) != 0) {
-                EndStalledCall();
-            } else {
-                ReceiveBlock();
-            }
+            EndStalledCall(waiting);
         } else {
             StallAbort(waiting);
             TheEngine.LastRxTime = NowMs();
         }
         return -1;
     }
-    if (state == LinkTransfer && TheEngine.ReceiveDisplayDirty.load() != 0) {
+    if (state == LinkTransfer && TheEngine.ReceiveDisplayDirty.load()) {
         RefreshReceiveDisplay();
     }
     if (state == LinkConnected && NowMs() - TheEngine.LastRxTime.load() > SilenceLimitMs) {
@@ -154,7 +150,7 @@ void CommPass() {
     }
     InsidePass = true;
     const int waitMs = PassWork();
-    if (waitMs >= 0 && TheEngine.CommThreadRun.load() != 0) {
+    if (waitMs >= 0 && TheEngine.CommThreadRun.load()) {
         WaitForPortInput(waitMs);
     }
     InsidePass = false;
@@ -215,7 +211,7 @@ void EngineShutdown() {
 
 unsigned CommThread(void*) {
     ThisIsCommThread = true;
-    while (TheEngine.CommThreadRun.load() != 0) {
+    while (TheEngine.CommThreadRun.load()) {
         CommPass();
     }
     return 0;

@@ -21,8 +21,8 @@
 #include "engine/wire.h"
 #include "platform/thread.h"
 
-// Values of LinkState.
-enum : int16_t {
+// The states of the link, with the values they have always had.
+enum LinkState : int16_t {
     LinkIdle = 0,       // no call; lines from the port are adapter messages
     LinkDialing = 1,    // the dial string has gone, the call's progress is awaited
     LinkConnected = 2,  // the data channel is up and no file data flows
@@ -32,11 +32,12 @@ enum : int16_t {
 };
 
 struct TransferEngine {
-    std::atomic<int16_t> LinkState{LinkIdle};
-    // 1 on the sending side of the session; picks the token handler.
-    std::atomic<int32_t> WeSend{0};
-    // The communications thread runs while this is 1.
-    std::atomic<int32_t> CommThreadRun{1};
+    // The type is named from outside, since the field bears its name.
+    std::atomic<::LinkState> LinkState{LinkIdle};
+    // Set on the sending side of the session; picks the token handler.
+    std::atomic<bool> WeSend{false};
+    // The communications thread runs while this is set.
+    std::atomic<bool> CommThreadRun{true};
     // Block slot 0..15 inside the current section, on both sides.
     std::atomic<int16_t> BlockIndex{0};
     // The last sign of life of the far end that the receiving side counts.
@@ -44,24 +45,24 @@ struct TransferEngine {
     // Wall clock seconds at the start of a transfer; 0 when none runs.
     std::atomic<std::time_t> TransferStartTime{0};
 
-    std::atomic<int32_t> FeederRun{0};
+    std::atomic<bool> FeederRun{false};
     std::atomic<ThreadHandle> FeederThread;
-    std::atomic<int32_t> WriterRun{0};
+    std::atomic<bool> WriterRun{false};
     std::atomic<ThreadHandle> WriterThread;
-    // 1: the writer holds no block and the next one may be handed to it.
-    std::atomic<int32_t> WriterIdle{0};
+    // The writer holds no block and the next one may be handed to it.
+    std::atomic<bool> WriterIdle{false};
     std::atomic<const uint8_t*> WriteBlock{nullptr};
     std::atomic<int16_t> WriteBlockLength{0};
-    // 1: the feeder is to read the next section into StagedSection.
-    std::atomic<int32_t> SectionWanted{0};
+    // The feeder is to read the next section into StagedSection.
+    std::atomic<bool> SectionWanted{false};
     std::atomic<uint32_t> StagedLength{0};
 
-    std::atomic<int32_t> SendDisplayDirty{0};
-    std::atomic<int32_t> ReceiveDisplayDirty{0};
+    std::atomic<bool> SendDisplayDirty{false};
+    std::atomic<bool> ReceiveDisplayDirty{false};
     // This call was placed to fetch files, not to send them.
-    std::atomic<int32_t> RetrievePending{0};
+    std::atomic<bool> RetrievePending{false};
     // The send list came out of a pick-up folder.
-    std::atomic<int32_t> PickupSend{0};
+    std::atomic<bool> PickupSend{false};
 
     std::atomic<int16_t> SendCount{0};
     std::atomic<uint32_t> SendRemaining{0};

@@ -1,4 +1,5 @@
 #include "platform/clock.h"
+#include "platform/clock_test_hooks.h"
 
 #include <algorithm>
 #include <atomic>

@@ -31,12 +31,3 @@ std::time_t WallSeconds();
 
 // Pauses the calling thread.
 void SleepMs(uint32_t milliseconds);
-
-// Caps every later SleepMs at the given milliseconds. Only the fuzz targets
-// use it: their adapter answers at once and needs no guard time around an
-// escape, and a million inputs cannot each wait out the real one.
-void CapPausesForTest(uint32_t milliseconds);
-
-// Moves every later NowMs stamp by the given amount. Only tests use it, to see
-// how stamps behave across the 32-bit wrap.
-void ShiftNowMsForTest(uint32_t offset);

@@ -43,7 +43,7 @@ using MainWindowTest = WindowTest;
 
 TEST_F(MainWindowTest, TheButtonsFollowTheLinkAndTheFileList) {
     struct Row {
-        int16_t Link;
+        LinkState Link;
         int16_t Count;
         int16_t Selected;
         bool Send, Retrieve, Disconnect, Add, Clear, Remove, Incoming;

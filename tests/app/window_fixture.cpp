@@ -43,7 +43,7 @@ void WindowTest::StartWindow() {
     // What one process does once: every test starts from the program's
     // first state.
     TheEngine.LinkState = LinkIdle;
-    TheEngine.WeSend = 0;
+    TheEngine.WeSend = false;
     TheEngine.SendCount = 0;
     TheEngine.SendRemaining = 0;
     TheEngine.ReceiveCount = 0;

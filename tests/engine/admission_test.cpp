@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "engine/receiving_session_test_hooks.h"
 #include "engine/sessions.h"
 #include "engine/wire.h"
 #include "engine_harness.h"

@@ -5,6 +5,7 @@
 #include <random>
 #include <thread>
 
+#include "engine/receiving_session_test_hooks.h"
 #include "engine/recovery.h"
 #include "engine/sessions.h"
 #include "engine/wire.h"
@@ -95,7 +96,7 @@ void EngineHarness::SetUp() {
     ThePreferences.AdapterModel = ModelBitSURFR;
     EngineStartup();
     TheMainWindow = &window_;
-    TheEngine.CommThreadRun = 1;
+    TheEngine.CommThreadRun = true;
     AdapterFound = 1;
     SetLinePolling(1);
     commThread_ = StartThread(CommThread, nullptr, ThreadPriority::Normal, false);
@@ -103,7 +104,7 @@ void EngineHarness::SetUp() {
 }
 
 void EngineHarness::TearDown() {
-    TheEngine.CommThreadRun = 0;
+    TheEngine.CommThreadRun = false;
     InterruptPortWait();
     JoinThread(commThread_);
     StopFeeder();
@@ -115,13 +116,13 @@ void EngineHarness::TearDown() {
     SetFreeSpaceQuery(nullptr);
     SetLogLineSink(nullptr);
     TheEngine.LinkState = LinkIdle;
-    TheEngine.WeSend = 0;
+    TheEngine.WeSend = false;
     TheEngine.SendCount = 0;
     TheEngine.SendRemaining = 0;
     TheEngine.ReceiveCount = 0;
     TheEngine.ReceiveListSize = 0;
-    TheEngine.RetrievePending = 0;
-    TheEngine.PickupSend = 0;
+    TheEngine.RetrievePending = false;
+    TheEngine.PickupSend = false;
     TheEngine.BlockIndex = 0;
     TheEngine.TransferStartTime = 0;
 }
@@ -200,7 +201,7 @@ void EngineHarness::ConnectAsReceiver() {
 }
 
 void EngineHarness::ConnectAsCaller() {
-    TheEngine.WeSend = 1;
+    TheEngine.WeSend = true;
     TheEngine.LinkState = LinkDialing;
     Send("\r\nCONNECT 115200\r\n");
     EXPECT_EQ(Take(8), "SYNCON\r\n");

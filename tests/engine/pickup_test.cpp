@@ -64,16 +64,18 @@ protected:
 TEST_F(PickUpTest, TheCallerOfARetrieveAsksAndTakesNoForAnAnswer) {
     std::memset(LocalNumber, 0, sizeof LocalNumber);
     std::memcpy(LocalNumber, "5551234", 7);
-    TheEngine.RetrievePending = 1;
+    TheEngine.RetrievePending = true;
     ConnectAsCaller();
     Send("RCVCON\r\n");
     EXPECT_EQ(Take(10 + 32), Request("5551234"));
-    ASSERT_TRUE(WaitUntil([] { return TheEngine.WeSend.load() == 0; }));
+    ASSERT_TRUE(WaitUntil([] { return !TheEngine.WeSend.load(); }));
     // This end is the receiver now, and its watchdog runs.
     Send("NOFILEAVAIL\r\n");
     AnswerHangUp();
     EXPECT_TRUE(WaitForLog("No files to be retrieved."));
     EXPECT_TRUE(WaitForState(LinkIdle));
+    // The retrieve is over: a correspondent's own request is answered again.
+    EXPECT_FALSE(TheEngine.RetrievePending.load());
 }
 
 TEST_F(PickUpTest, TheHolderAnswersARequestItCannotServe) {
@@ -92,7 +94,7 @@ TEST_F(PickUpTest, TheHolderAnswersARequestItCannotServe) {
     EXPECT_EQ(Take(13), "NOFILEAVAIL\r\n");
     EXPECT_TRUE(WaitForLog("No files to be retrieved."));
     EXPECT_EQ(TheEngine.LinkState.load(), LinkConnected);
-    EXPECT_EQ(TheEngine.WeSend.load(), 0);
+    EXPECT_FALSE(TheEngine.WeSend.load());
     // A match with files in the folder: index + 1.
     EXPECT_EQ(Inspect([] { return FindRetrieveFolder("666"); }), 2);
 }
@@ -115,7 +117,7 @@ TEST_F(PickUpTest, AHotFolderGoesOutOnceItsTotalHasStoodStill) {
     EXPECT_TRUE(messages.empty());
     ScanHotFolders();  // unchanged since the last look: it dials
     EXPECT_EQ(Directory[0].HotBytes, 0u);
-    EXPECT_EQ(TheEngine.PickupSend.load(), 1);
+    EXPECT_TRUE(TheEngine.PickupSend.load());
     EXPECT_TRUE(window_.Called("AddFolderToSendList(" + PickUpPath + "/Hot,Hot)"));
     // The window has no number to dial in this test.
     EXPECT_EQ(messages,

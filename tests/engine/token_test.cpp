@@ -118,9 +118,7 @@ TEST_F(SenderTokenTest, LossOfCarrierInTransferResetsTheFileInHand) {
     ConnectAndTakeList(1);
     Send("ACK3\r\n\r\nNO CARRIER\r\n");
     EXPECT_TRUE(AnswerProfile());
-    // The last step of the end of the call sums the list again.
-    ASSERT_TRUE(WaitUntil([this] { return window_.Called("RecomputeSendTotal"); }));
-    EXPECT_EQ(TheEngine.LinkState.load(), LinkIdle);
+    ASSERT_TRUE(WaitForState(LinkIdle));
     EXPECT_FALSE(FeederRunning());
     const std::vector<std::string> log = Log();
     const auto aborted = std::find(log.begin(), log.end(), "Remote end aborted transfer.");
@@ -131,7 +129,7 @@ TEST_F(SenderTokenTest, LossOfCarrierInTransferResetsTheFileInHand) {
     EXPECT_EQ(Inspect([] { return uint32_t{TheEngine.SendList[0].BytesDone}; }), 0u);
     EXPECT_EQ(Inspect([] { return TheEngine.SendList[0].NextBlock; }), 0);
     EXPECT_EQ(TheEngine.SendRemaining.load(), total);
-    EXPECT_EQ(TheEngine.WeSend.load(), 0);
+    EXPECT_FALSE(TheEngine.WeSend.load());
 }
 
 TEST_F(SenderTokenTest, AListWithNoDataIsThroughAtTheFirstAck2) {
@@ -180,14 +178,14 @@ TEST_F(CallProgressTest, BusyNoCarrierAndNoDialtoneEndTheDial) {
         messages.push_back(text);
     });
     for (const char* code : {"BUSY", "NO CARRIER", "NO DIAL TONE", "NO DIALTONE"}) {
-        TheEngine.WeSend = 1;
-        TheEngine.RetrievePending = 1;
+        TheEngine.WeSend = true;
+        TheEngine.RetrievePending = true;
         TheEngine.LinkState = LinkDialing;
         Send(std::string("\r\n") + code + "\r\n");
         EXPECT_EQ(AnswerCommand().substr(0, 4), "AT\\Q") << code;
         ASSERT_TRUE(WaitForState(LinkIdle)) << code;
         EXPECT_TRUE(WaitUntil([] {
-            return TheEngine.WeSend.load() == 0 && TheEngine.RetrievePending.load() == 0;
+            return !TheEngine.WeSend.load() && !TheEngine.RetrievePending.load();
         })) << code;
     }
     for (const char* line : {"Busy", "Disconnected", "No Dialtone."}) {

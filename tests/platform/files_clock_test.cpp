@@ -4,6 +4,7 @@
 #include <string>
 
 #include "platform/clock.h"
+#include "platform/clock_test_hooks.h"
 #include "platform/files.h"
 #include "support/temp_folder.h"
 

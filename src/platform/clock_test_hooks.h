@@ -1,0 +1,15 @@
+// Hooks into the clocks, for tests and the fuzz targets only: nothing of the
+// program includes this header but clock.cpp, which implements it (the style
+// check refuses any other).
+#pragma once
+
+#include <cstdint>
+
+// Caps every later SleepMs at the given milliseconds. The fuzz targets use
+// it: their adapter answers at once and needs no guard time around an escape,
+// and a million inputs cannot each wait out the real one.
+void CapPausesForTest(uint32_t milliseconds);
+
+// Moves every later NowMs stamp by the given amount, to see how stamps behave
+// across the 32-bit wrap.
+void ShiftNowMsForTest(uint32_t offset);
