@@ -6,11 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "app/control_model.h"
 #include "app/main_window.h"
 #include "engine/pickup.h"
 #include "engine/wire.h"
-#include "line/adapter.h"
-#include "platform/control_model.h"
+#include "line/adapter_family.h"
 #include "platform/files.h"
 #include "platform/message_box.h"
 #include "resources/resource.h"
@@ -74,12 +74,8 @@ void MainWindow::ShowCorrespondent(int16_t index) {
     // Putting text into the fields is an edit of them, as the user's is.
     OnEntryEdited();
 
-    int protocolRow = record.Protocol;
-    if (ThePreferences.AdapterModel == ModelZyXEL && record.Protocol == 2) {
-        protocolRow = 1;
-    }
     // A row the list lacks leaves it with no selection.
-    controls.Select(IDC_PROTOCOL, protocolRow);
+    controls.Select(IDC_PROTOCOL, RowOfProtocol(record.Protocol));
     controls.Select(IDC_CARRIER, record.Carrier);
     controls.Check(IDC_56K, record.Use56K != 0);
     controls.Check(IDC_2B, record.Use2B != 0);
@@ -127,12 +123,7 @@ void MainWindow::ReadCorrespondentForm(int16_t index) {
         SetFieldText(record.FirmName, controls.Text(IDC_NAME));
         SetFieldText(record.IsdnNumber, controls.Text(IDC_NUMBER));
     }
-    int protocol = controls.Selection(IDC_PROTOCOL);
-    // That model's list has no AIMUX row, so its second row is X.75.
-    if (ThePreferences.AdapterModel == ModelZyXEL && protocol == 1) {
-        protocol = 2;
-    }
-    record.Protocol = std::max(protocol, 0);
+    record.Protocol = ProtocolOfRow(controls.Selection(IDC_PROTOCOL));
     record.Carrier = std::max(controls.Selection(IDC_CARRIER), 0);
     record.Use56K = controls.Checked(IDC_56K) ? 1 : 0;
     record.Use2B = controls.Checked(IDC_2B) ? 1 : 0;
@@ -350,4 +341,13 @@ int MainWindow::ImportDirectoryEntry(const std::string& path) {
     OnDirectorySelect();
     ::AddLogLine("Directory Entry Added");
     return 1;
+}
+
+void MainWindow::SelectCorrespondent(int16_t index) {
+    Controls().Select(IDC_DIRECTORY_LIST, index);
+    ShowCorrespondent(index);
+}
+
+void MainWindow::ShowSelectedCorrespondent() {
+    ShowCorrespondent(static_cast<int16_t>(Controls().Selection(IDC_DIRECTORY_LIST)));
 }

@@ -6,10 +6,12 @@
 #include <vector>
 
 #include "app/main_window.h"
+
+#include "app/chosen_call.h"
+#include "app/control_model.h"
 #include "engine/pickup.h"
 #include "engine/transfer_engine.h"
 #include "engine/wire.h"
-#include "platform/control_model.h"
 #include "platform/files.h"
 #include "platform/message_box.h"
 #include "resources/resource.h"
@@ -243,7 +245,7 @@ void MainWindow::OnDropFiles(int targetId, const std::vector<std::string>& paths
         }
         // One drop on Send fills the list and starts the call.
         if (targetId == IDC_SEND) {
-            OnSendClicked();
+            OnSendClicked(ChosenCall());
         }
         return;
     }

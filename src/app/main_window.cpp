@@ -1,18 +1,21 @@
 #include "app/main_window.h"
 
+#include "app/chosen_call.h"
+
 #include <map>
 #include <utility>
 
+#include "app/control_model.h"
 #include "engine/dialing.h"
 #include "engine/engine_window.h"
 #include "engine/pickup.h"
 #include "engine/teardown.h"
 #include "engine/transfer_engine.h"
 #include "line/adapter.h"
+#include "line/adapter_family.h"
 #include "line/comm_port.h"
 #include "line/port_speed.h"
 #include "line/profiles.h"
-#include "platform/control_model.h"
 #include "platform/event_loop.h"
 #include "platform/message_box.h"
 #include "resources/resource.h"
@@ -122,7 +125,26 @@ EventOutcome Refused(std::string why) {
     return EventOutcome{false, std::move(why)};
 }
 
+// The hot folders are looked at this often.
+constexpr uint32_t HotFolderPeriodMs = 15000;
+
 }  // namespace
+
+CallRequest ChosenCall() {
+    ControlModel& controls = Controls();
+    CallRequest call;
+    call.Number = controls.Text(IDC_NUMBER);
+    call.Name = controls.Text(IDC_NAME);
+    call.CarrierRow = controls.Selection(IDC_CARRIER);
+    call.Line.Protocol =
+        ProtocolNamed(controls.RowText(IDC_PROTOCOL, controls.Selection(IDC_PROTOCOL)));
+    call.Line.At56k = controls.Checked(IDC_56K);
+    call.Line.TwoChannels = controls.Checked(IDC_2B);
+    call.Line.Compression = controls.Checked(IDC_V42);
+    return call;
+}
+
+namespace {}  // namespace
 
 const std::vector<ControlPlace>& MainWindowLayout() {
     static const std::vector<ControlPlace> Layout = [] {
@@ -168,6 +190,8 @@ public:
     void RemoveTopFileRow() override { window_.RemoveTopFileRow(); }
     void UpdateActionButtons() override { window_.UpdateActionButtons(); }
     void ShowCorrespondent(int16_t index) override { window_.ShowCorrespondent(index); }
+    void SelectCorrespondent(int16_t index) override { window_.SelectCorrespondent(index); }
+    void ShowSelectedCorrespondent() override { window_.ShowSelectedCorrespondent(); }
     void ClearFileList() override { window_.ClearFileList(); }
     void AddFolderToSendList(const std::string& path, const std::string& name) override {
         window_.AddFolderToSendList(path, name);
@@ -281,13 +305,18 @@ void MainWindow::OnTimer(int id) {
             MainLoop().KillTimer(TimerSplashClose);
             OnAboutOk();
             break;
-        case TimerFindAdapter:
+        case TimerFindAdapter: {
             MainLoop().KillTimer(TimerFindAdapter);
-            FindAdapter();
+            const AdapterSearch search = FindAdapter();
+            ShowAdapter(search != AdapterSearch::NotFound);
+            if (search == AdapterSearch::WaitingForCalls) {
+                MainLoop().SetTimer(TimerHotFolders, HotFolderPeriodMs);
+            }
             break;
+        }
         case TimerHotFolders:
             if (ThePreferences.IgnoreHotFolders == 0) {
-                ScanHotFolders();
+                SendDueHotFolder();
             }
             break;
         default:
@@ -343,6 +372,70 @@ void MainWindow::PrepareExit() {
     }
     LogStartStop(false);
     SaveStatusLog(LogLines());
+}
+
+// ---------------------------------------------------------------------------
+// The adapter
+
+void MainWindow::ShowAdapter(bool searchSucceeded) {
+    // An adapter that stopped answering half way through its start leaves the
+    // window as it was, but for its speed.
+    if (AdapterFound.load()) {
+        ShowPortSpeed();
+    }
+    if (!searchSucceeded) {
+        return;
+    }
+    ControlModel& controls = Controls();
+    const std::string caption = OwnNumberCaption();
+    if (!caption.empty()) {
+        controls.SetText(IDC_OWN_NUMBER, caption);
+        controls.Enable(IDC_OWN_NUMBER, true);
+    }
+    // Both protocol lists lose what the adapter cannot do on this port.
+    for (const LineProtocol protocol : {ProtocolAimux, ProtocolX75}) {
+        if (!ProtocolOffered(protocol)) {
+            controls.DeleteRowWithText(IDC_PROTOCOL, ProtocolNames[protocol]);
+            controls.DeleteRowWithText(IDC_IN_PROTOCOL, ProtocolNames[protocol]);
+        }
+    }
+    if (CurrentFamily().HasChannelOptions) {
+        for (int id : {IDC_2B, IDC_V42, IDC_IN_2B, IDC_IN_V42}) {
+            controls.Show(id, true);
+        }
+    }
+    controls.Select(IDC_IN_PROTOCOL, RowOfProtocol(ThePreferences.IncomingProtocol));
+    controls.Select(IDC_PROTOCOL, 0);
+    controls.Select(IDC_CARRIER, 0);
+    controls.Check(IDC_IN_56K, ThePreferences.Incoming56K != 0);
+    controls.Check(IDC_IN_2B, ThePreferences.Incoming2B != 0);
+    controls.Check(IDC_IN_V42, ThePreferences.IncomingV42 != 0);
+    controls.Check(IDC_IGNORE_HOT, ThePreferences.IgnoreHotFolders != 0);
+}
+
+void MainWindow::ShowPortSpeed() {
+    ControlModel& controls = Controls();
+    const SpeedChoice choice = PortSpeedChoice();
+    if (choice == SpeedChoice::None) {
+        // The menu has a choice only where the port reaches 230400 bps.
+        if (controls.HasMenuItem(ID_PORT_SPEED_115200)) {
+            controls.RemoveMenu(PortSpeedMenuPosition);
+        }
+        return;
+    }
+    controls.CheckMenuItem(ID_PORT_SPEED_115200, choice == SpeedChoice::At115200);
+    controls.CheckMenuItem(ID_PORT_SPEED_230400, choice == SpeedChoice::At230400);
+}
+
+void MainWindow::SendDueHotFolder() {
+    const int16_t due = HotFolderDue();
+    if (due < 0) {
+        return;
+    }
+    LoadPickUpFolder(due);
+    // The panel shows the record, and the call goes out as the panel sets it.
+    SelectCorrespondent(due);
+    SendHotFolder(ChosenCall());
 }
 
 // ---------------------------------------------------------------------------
@@ -517,10 +610,10 @@ EventOutcome MainWindow::HandleEvent(const WindowEvent& event) {
 EventOutcome MainWindow::OnButton(int id) {
     switch (id) {
         case IDC_SEND:
-            OnSendClicked();
+            OnSendClicked(ChosenCall());
             return {};
         case IDC_RETRIEVE:
-            OnRetrieveClicked();
+            OnRetrieveClicked(ChosenCall());
             return {};
         case IDC_DISCONNECT:
             RequestDisconnect();
@@ -620,15 +713,9 @@ EventOutcome MainWindow::OnBoxClicked(int id, bool checked) {
 void MainWindow::StoreIncomingSetting(int id) {
     ControlModel& controls = Controls();
     switch (id) {
-        case IDC_IN_PROTOCOL: {
-            int row = controls.Selection(IDC_IN_PROTOCOL);
-            // That model's list has no AIMUX row, so its second row is X.75.
-            if (ThePreferences.AdapterModel == ModelZyXEL && row == 1) {
-                row = 2;
-            }
-            ThePreferences.IncomingProtocol = static_cast<int16_t>(row);
+        case IDC_IN_PROTOCOL:
+            ThePreferences.IncomingProtocol = ProtocolOfRow(controls.Selection(IDC_IN_PROTOCOL));
             break;
-        }
         case IDC_IN_56K:
             ThePreferences.Incoming56K = controls.Checked(id) ? 1 : 0;
             break;
@@ -657,11 +744,8 @@ EventOutcome MainWindow::OnMenuCommand(int id) {
             if (!Controls().HasMenuItem(id)) {
                 return Refused("the Port Speed menu is not there");
             }
-            if (id == ID_PORT_SPEED_115200) {
-                OnPortSpeed115200();
-            } else {
-                OnPortSpeed230400();
-            }
+            ChangePortSpeed(id == ID_PORT_SPEED_115200 ? 115200 : 230400);
+            ShowPortSpeed();
             return {};
         case ID_FILE_EXPORT_ENTRY:
             return Refused("Export Directory Entry does nothing in this version");

@@ -135,6 +135,13 @@ public:
     // program knows what to free.
     bool EngineStarted() const { return engineStarted_; }
 
+    // ---- The adapter ----
+
+    // After the search: the adapter's own number, the protocols it offers,
+    // its options and the incoming settings, and the Port Speed menu.
+    void ShowAdapter(bool searchSucceeded);
+    void ShowPortSpeed();
+
     // ---- The About box ----
 
     void OpenAboutBox();
@@ -186,6 +193,8 @@ public:
 
     void FillDirectoryList();
     void ShowCorrespondent(int16_t index);
+    void SelectCorrespondent(int16_t index);
+    void ShowSelectedCorrespondent();
     void ReadCorrespondentForm(int16_t index);
     void OnDirectorySelect();
     void OnDirectoryAdd();
@@ -207,6 +216,8 @@ private:
     EventOutcome OnBoxClicked(int id, bool checked);
     EventOutcome OnMenuCommand(int id);
     void StoreIncomingSetting(int id);
+    // The hot folder timer's tick.
+    void SendDueHotFolder();
     void StopEngineThreads();
     // Ends the main loop, after the exit has been prepared.
     void EndDialog();

@@ -6,13 +6,13 @@
 #include <cstdio>
 #include <string>
 
+#include "app/control_model.h"
 #include "app/main_window.h"
 #include "engine/transfer_engine.h"
 #include "engine/wire.h"
-#include "line/adapter.h"
+#include "line/adapter_family.h"
 #include "line/profiles.h"
 #include "platform/clock.h"
-#include "platform/control_model.h"
 #include "resources/resource.h"
 #include "stores/preferences.h"
 #include "stores/status_log.h"
@@ -36,16 +36,14 @@ std::string ClockText(uint64_t seconds) {
     return text;
 }
 
-// The rate that the outgoing settings promise. Row 1 of the protocol list is
-// AIMUX, which always takes two channels, except on the ZyXEL family, whose
-// list has X.75 there. With no row selected, which is the case until the
-// adapter is known, the estimate is that of the first row, V.120, the
-// protocol that the window then selects.
+// The rate that the outgoing settings promise: AIMUX always takes two
+// channels. With no row selected, which is the case until the adapter is
+// known, the estimate is that of the first row, V.120, the protocol that the
+// window then selects.
 uint32_t FixedRate() {
     ControlModel& controls = Controls();
     const bool at56k = controls.Checked(IDC_56K);
-    const int row = controls.Selection(IDC_PROTOCOL);
-    const bool aimux = row == 1 && ThePreferences.AdapterModel != ModelZyXEL;
+    const bool aimux = ProtocolOfRow(controls.Selection(IDC_PROTOCOL)) == ProtocolAimux;
     const bool twoChannels = aimux || controls.Checked(IDC_2B);
     if (at56k) {
         return twoChannels ? Rate56kTwoChannels : Rate56kOneChannel;

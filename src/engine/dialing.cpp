@@ -17,9 +17,7 @@
 #include "line/comm_port.h"
 #include "line/profiles.h"
 #include "platform/clock.h"
-#include "platform/control_model.h"
 #include "platform/message_box.h"
-#include "resources/resource.h"
 #include "stores/status_log.h"
 
 namespace {
@@ -85,20 +83,18 @@ std::string DialString(const std::string& number, int carrierRow) {
            digits.substr(separator + 1);
 }
 
-void PlaceCall() {
-    ControlModel& controls = Controls();
-    if (controls.Text(IDC_NUMBER).empty()) {
+void PlaceCall(const CallRequest& call) {
+    if (call.Number.empty()) {
         ShowMessageBox("Please select a correspondent in your Directory.");
         return;
     }
     // The adapter's answer to the dial is read only once the link stands in
     // LinkDialing, however quickly it comes.
     PortConversation conversation;
-    InitializeOutgoing();
-    const std::string number = controls.Text(IDC_NUMBER);
-    SendCommand(DialString(number, controls.Selection(IDC_CARRIER)).c_str());
-    AddLogLine("Calling " + controls.Text(IDC_NAME));
-    AddLogLine("at " + number);
+    InitializeOutgoing(call.Line);
+    SendCommand(DialString(call.Number, call.CarrierRow).c_str());
+    AddLogLine("Calling " + call.Name);
+    AddLogLine("at " + call.Number);
     ClearSessionFlags();
     TheEngine.LinkState = LinkDialing;
     Display().UpdateActionButtons();

@@ -4,9 +4,22 @@
 
 #include <string>
 
-// Gives the adapter the outgoing profile and dials the number in IDC_NUMBER.
-// Runs on the main thread, with no link up.
-void PlaceCall();
+#include "line/profiles.h"
+
+// A call as the user set it up in the window.
+struct CallRequest {
+    // As typed: its digits count, and a "+" or "&" joins a second number.
+    std::string Number;
+    // Who is called, for the log.
+    std::string Name;
+    // The row of the carrier list, whose code goes in front of each number.
+    int CarrierRow = 0;
+    OutgoingSettings Line;
+};
+
+// Gives the adapter the outgoing profile and dials the number. Runs on the
+// main thread, with no link up.
+void PlaceCall(const CallRequest& call);
 // Reads one line from the idle or dialling adapter and acts on it: RING is
 // answered, CONNECT takes the link up, NO CARRIER, BUSY and NO DIALTONE end it.
 void HandleLineEvent();

@@ -21,6 +21,8 @@ public:
     void RemoveTopFileRow() override {}
     void UpdateActionButtons() override {}
     void ShowCorrespondent(int16_t) override {}
+    void SelectCorrespondent(int16_t) override {}
+    void ShowSelectedCorrespondent() override {}
     void ClearFileList() override;
     void AddFolderToSendList(const std::string&, const std::string&) override {}
     int ImportDirectoryEntry(const std::string&) override { return 0; }

@@ -25,6 +25,11 @@ public:
     virtual void UpdateActionButtons() = 0;
     // The directory panel shows record index.
     virtual void ShowCorrespondent(int16_t index) = 0;
+    // The directory list selects record index, and the panel shows it.
+    virtual void SelectCorrespondent(int16_t index) = 0;
+    // The panel shows again the record selected in the directory list, as it
+    // stands now.
+    virtual void ShowSelectedCorrespondent() = 0;
     // The file list and SendList.
     virtual void ClearFileList() = 0;
     virtual void AddFolderToSendList(const std::string& path, const std::string& name) = 0;

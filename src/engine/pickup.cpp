@@ -14,9 +14,7 @@
 #include "engine/sessions.h"
 #include "engine/transfer_engine.h"
 #include "line/comm_port.h"
-#include "platform/control_model.h"
 #include "platform/files.h"
-#include "resources/resource.h"
 #include "stores/directory.h"
 #include "stores/paths.h"
 #include "stores/status_log.h"
@@ -73,15 +71,15 @@ void SendToken(const WireToken& token) {
 
 }  // namespace
 
-void OnSendClicked() {
+void OnSendClicked(const CallRequest& call) {
     TheEngine.RetrievePending = false;
     TheEngine.PickupSend = false;
-    PlaceCall();
+    PlaceCall(call);
 }
 
-void OnRetrieveClicked() {
+void OnRetrieveClicked(const CallRequest& call) {
     TheEngine.RetrievePending = true;
-    PlaceCall();
+    PlaceCall(call);
 }
 
 void ClearHotFolderCounters() {
@@ -178,8 +176,7 @@ void AnswerRetrieveRequest() {
     const auto index = static_cast<int16_t>(found - 1);
     AddLogLine("Retrieve request from " + FieldText(Directory[index].FirmName));
     AddLogLine("at " + number);
-    Controls().Select(IDC_DIRECTORY_LIST, index);
-    Display().ShowCorrespondent(index);
+    Display().SelectCorrespondent(index);
     TheEngine.WeSend = true;
     TheEngine.PickupSend = true;
     EnsureSentFilesFolder(index);
@@ -187,9 +184,9 @@ void AnswerRetrieveRequest() {
     StartSendSession();
 }
 
-void ScanHotFolders() {
+int16_t HotFolderDue() {
     if (TheEngine.LinkState.load() != LinkIdle) {
-        return;
+        return -1;
     }
     ServeHotFolderClears();
     for (int i = 0; i <= DirectoryCount.load() && i < DirectorySlots; ++i) {
@@ -211,13 +208,13 @@ void ScanHotFolders() {
         }
         // Unchanged since the last look: it goes out now.
         record.HotBytes = 0;
-        const auto index = static_cast<int16_t>(i);
-        LoadPickUpFolder(index);
-        Controls().Select(IDC_DIRECTORY_LIST, index);
-        Display().ShowCorrespondent(index);
-        TheEngine.PickupSend = true;
-        TheEngine.RetrievePending = false;
-        PlaceCall();
-        return;
+        return static_cast<int16_t>(i);
     }
+    return -1;
+}
+
+void SendHotFolder(const CallRequest& call) {
+    TheEngine.PickupSend = true;
+    TheEngine.RetrievePending = false;
+    PlaceCall(call);
 }

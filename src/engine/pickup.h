@@ -5,16 +5,23 @@
 #include <cstdint>
 #include <string>
 
-// The buttons Send and Retrieve.
-void OnSendClicked();
-void OnRetrieveClicked();
+#include "engine/dialing.h"
+
+// The buttons Send and Retrieve, with the call the window has set up.
+void OnSendClicked(const CallRequest& call);
+void OnRetrieveClicked(const CallRequest& call);
 // The record whose pick-up folder answers a retrieve request for the number:
 // -1 none, 0 its folder is empty, n > 0 record n - 1.
 int16_t FindRetrieveFolder(const std::string& number);
 // Fills the send list from record index's pick-up folder.
 void LoadPickUpFolder(int16_t index);
-// The 15-second look at the hot folders.
-void ScanHotFolders();
+// The 15-second look at the hot folders: the record whose folder goes out
+// now, having stood unchanged since the last look, or -1. Every folder's
+// total is noted for the next look.
+int16_t HotFolderDue();
+// Sends a hot folder that LoadPickUpFolder has put in the list, with the
+// call the window has set up for its record.
+void SendHotFolder(const CallRequest& call);
 
 // The holder's answer to a line holding RETRIEVE: reads the request behind
 // it and sends the pick-up folder, or says why there is none.

@@ -17,8 +17,6 @@
 #include "line/comm_port.h"
 #include "line/profiles.h"
 #include "platform/clock.h"
-#include "platform/control_model.h"
-#include "resources/resource.h"
 #include "stores/status_log.h"
 
 namespace {
@@ -308,8 +306,8 @@ void DropFirstSendEntry() {
     if (left <= 0) {
         TheEngine.LinkState = LinkFileSent;
         if (TheEngine.PickupSend.load()) {
-            display.ShowCorrespondent(
-                static_cast<int16_t>(Controls().Selection(IDC_DIRECTORY_LIST)));
+            // The pick-up folder has emptied: its button shows it.
+            display.ShowSelectedCorrespondent();
         }
     }
     SetLinePolling(1);

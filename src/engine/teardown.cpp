@@ -18,17 +18,15 @@
 #include "engine/token_lines.h"
 #include "engine/transfer_engine.h"
 #include "line/adapter.h"
+#include "line/adapter_family.h"
 #include "line/comm_port.h"
 #include "line/profiles.h"
 #include "platform/clock.h"
 #include "platform/files.h"
-#include "stores/preferences.h"
 #include "stores/status_log.h"
 
 namespace {
 
-constexpr uint32_t EscapePauseMs = 650;
-constexpr uint32_t ZyxelEscapePauseMs = 2500;
 constexpr int16_t EscapeReplyLimitMs = 2250;
 constexpr int16_t HangUpLineLimitMs = 1000;
 constexpr uint32_t HangUpReplyMs = 1000;
@@ -119,7 +117,7 @@ void EndCallByHangUp() {
 bool HangUp() {
     PortConversation conversation;
     TheSession.HangUpRetryDue = false;
-    SleepMs(ThePreferences.AdapterModel == ModelZyXEL ? ZyxelEscapePauseMs : EscapePauseMs);
+    SleepMs(CurrentFamily().EscapePauseMs);
     SendBytes("+++", 3);
     std::memset(TokenBuffer, 0, TokenBufferSize);
     if (ReadUntilOk(EscapeReplyLimitMs, TokenBuffer) == nullptr) {

@@ -7,15 +7,14 @@
 #include "line/comm_port.h"
 #include "line/port_speed.h"
 #include "line/profiles.h"
-#include "platform/control_model.h"
 #include "platform/key_state.h"
 #include "platform/message_box.h"
 #include "resources/resource.h"
 #include "stores/preferences.h"
 #include "stores/status_log.h"
 
-std::atomic<int32_t> AdapterFound{0};
-std::atomic<int32_t> LinePollingEnabled{0};
+std::atomic<bool> AdapterFound{false};
+std::atomic<bool> LinePollingEnabled{false};
 std::atomic<int16_t> SpeedClass{0};
 
 namespace {
@@ -30,7 +29,7 @@ constexpr int16_t ShortReplyLimitMs = 1000;
 // comes back only when the last of them ends.
 std::mutex HandoverLock;
 int ConversationsUnderWay = 0;
-int32_t PollingAfterConversations = 0;
+bool PollingAfterConversations = false;
 
 constexpr int LastSearchedPort = 4;
 constexpr uint32_t SearchSpeed = 9600;
@@ -39,100 +38,81 @@ bool BufferHolds(const char* mark) {
     return std::strstr(TokenBuffer, mark) != nullptr;
 }
 
-void CheckSpeedItem(int command) {
-    Controls().CheckMenuItem(command, true);
-}
-
-// The Port Speed menu has a choice only when the port reaches 230400 bps.
-void RemovePortSpeedMenu() {
-    if (Controls().HasMenuItem(ID_PORT_SPEED_115200)) {
-        Controls().RemoveMenu(PortSpeedMenuPosition);
-    }
-}
-
-int AdapterNotFound() {
+AdapterSearch AdapterNotFound() {
     ShowMessageBox(NoAdapterMessage);
     AddLogLine("ISDN TA not found.");
-    return 0;
+    return AdapterSearch::NotFound;
 }
 
 // The adapter has been found and the port stands at its working speed: the
 // incoming profile goes out and the communications thread takes the port up.
-int AdapterReady() {
-    InitializeIncoming();
-    SetLinePolling(1);
-    return 1;
+AdapterSearch AdapterReady() {
+    const bool listening = InitializeIncoming();
+    SetLinePolling(true);
+    return listening ? AdapterSearch::WaitingForCalls : AdapterSearch::ProfileRefused;
 }
 
-int FullSearch() {
+AdapterSearch FullSearch() {
     for (int port = 1; port <= LastSearchedPort; ++port) {
         SelectPortNumber(static_cast<uint8_t>(port));
         SelectPortBaud(SearchSpeed);
         AddLogLine("Searching Comm Port " + std::to_string(port));
-        if (IdentifyAdapter() == 0) {
+        if (!IdentifyAdapter()) {
             CommPortClose();
             continue;
         }
         ThePreferences.ComPort = static_cast<int16_t>(port);
         QualifyPortSpeed();
         if (ThePreferences.MaxPortSpeed == 230400) {
-            // The AdTran reaches 230400 only by its switch, which the user
-            // has yet to move.
-            if (ThePreferences.AdapterModel == ModelAdTran) {
-                ThePreferences.SelectedPortSpeed = 115200;
-                CheckSpeedItem(ID_PORT_SPEED_115200);
-            } else {
-                ThePreferences.SelectedPortSpeed = 230400;
-                CheckSpeedItem(ID_PORT_SPEED_230400);
-            }
-        } else {
-            RemovePortSpeedMenu();
+            // An adapter moved only by its switch stays at 115200 until the
+            // user has moved it.
+            ThePreferences.SelectedPortSpeed =
+                CurrentFamily().Speed == SpeedMove::DipSwitch ? 115200 : 230400;
         }
         return AdapterReady();
     }
     return AdapterNotFound();
 }
 
-// An AdTran whose switch stands at 230400 answers nothing at the search
+// An adapter moved to 230400 by its switch answers nothing at the search
 // speed, so it is taken as saved and brought straight to its top speed.
-int DipSwitchStart() {
-    if (CommPortOpen() == 0) {
-        return 0;
+AdapterSearch DipSwitchStart() {
+    if (!CommPortOpen()) {
+        // Nothing answers and nothing is said: the port the saved search
+        // named is not there.
+        return AdapterSearch::NotFound;
     }
     ThePreferences.MaxPortSpeed = 230400;
     ThePreferences.SelectedPortSpeed = 230400;
-    AdapterFound.store(1);
+    AdapterFound.store(true);
     SpeedClass.store(2);
     ResumeTopSpeed();
     AddLogLine("Port speed set to 230400 bps.");
-    CheckSpeedItem(ID_PORT_SPEED_230400);
     std::memset(TokenBuffer, 0, TokenBufferSize);
-    if (!SendAndWaitOk("atv1") || EnableHardwareHandshake() == 0 || !SendAndWaitOkShort("ati0")) {
-        return 0;
+    if (!SendAndWaitOk("atv1") || !EnableHardwareHandshake() || !SendAndWaitOkShort("ati0")) {
+        return AdapterSearch::NotFound;
     }
     return AdapterReady();
 }
 
-int QuickStart() {
+AdapterSearch QuickStart() {
     SelectPortNumber(static_cast<uint8_t>(ThePreferences.ComPort));
-    if (ThePreferences.AdapterModel == ModelAdTran && ThePreferences.SelectedPortSpeed == 230400) {
+    if (FamilyOf(ThePreferences.AdapterModel).Speed == SpeedMove::DipSwitch &&
+        ThePreferences.SelectedPortSpeed == 230400) {
         return DipSwitchStart();
     }
     const uint32_t maxSpeed = ThePreferences.MaxPortSpeed;
     SelectPortBaud(maxSpeed == 230400 ? 115200 : maxSpeed);
-    if (IdentifyAdapter() == 0) {
+    if (!IdentifyAdapter()) {
         return AdapterNotFound();
     }
     SpeedClass.store(maxSpeed <= 57600 ? 1 : 2);
     if (maxSpeed == 230400 && ThePreferences.SelectedPortSpeed == 230400) {
         ResumeTopSpeed();
-        CheckSpeedItem(ID_PORT_SPEED_230400);
         AddLogLine("Port speed set to 230400 bps.");
     } else if (maxSpeed == 230400) {
-        CheckSpeedItem(ID_PORT_SPEED_115200);
         AddLogLine("Port speed set to 115200 bps.");
     } else {
-        RemovePortSpeedMenu();
         AddLogLine("Port speed set to " + std::to_string(maxSpeed) + " bps.");
     }
     return AdapterReady();
@@ -146,7 +126,7 @@ bool ExchangeWithAdapter(const char* command, int16_t limitMs) {
 
 }  // namespace
 
-void SetLinePolling(int32_t enabled) {
+void SetLinePolling(bool enabled) {
     {
         std::lock_guard<std::mutex> guard(HandoverLock);
         if (ConversationsUnderWay > 0) {
@@ -162,7 +142,7 @@ PortConversation::PortConversation() {
     {
         std::lock_guard<std::mutex> guard(HandoverLock);
         if (ConversationsUnderWay++ == 0) {
-            PollingAfterConversations = LinePollingEnabled.exchange(0);
+            PollingAfterConversations = LinePollingEnabled.exchange(false);
         }
     }
     // The communications thread may be waiting for input with the flag seen
@@ -173,7 +153,7 @@ PortConversation::PortConversation() {
 
 PortConversation::~PortConversation() {
     PortReadLock.unlock();
-    int32_t restored = 0;
+    bool restored = false;
     {
         std::lock_guard<std::mutex> guard(HandoverLock);
         if (--ConversationsUnderWay == 0) {
@@ -181,7 +161,7 @@ PortConversation::~PortConversation() {
             LinePollingEnabled.store(restored);
         }
     }
-    if (restored != 0) {
+    if (restored) {
         // The communications thread idles while polling is off; wake it so
         // that it takes the port up again at once.
         InterruptPortWait();
@@ -196,36 +176,36 @@ bool SendAndWaitOkShort(const char* command) {
     return ExchangeWithAdapter(command, ShortReplyLimitMs);
 }
 
-int IdentifyAdapter() {
+bool IdentifyAdapter() {
     CommPortClose();
-    if (CommPortOpen() == 0) {
-        return 0;
+    if (!CommPortOpen()) {
+        return false;
     }
     // The replies are taken apart in TokenBuffer, so no other reader may
     // come between an exchange and the tests on it.
     PortConversation conversation;
     std::memset(TokenBuffer, 0, TokenBufferSize);
-    if (!SendAndWaitOk("atv1") || EnableHardwareHandshake() == 0 || !SendAndWaitOkShort("ati0")) {
-        return 0;
+    if (!SendAndWaitOk("atv1") || !EnableHardwareHandshake() || !SendAndWaitOkShort("ati0")) {
+        return false;
     }
     // The marks are tested in this order; the first family that matches
     // is the adapter.
     if (BufferHolds("960")) {
         if (!SendAndWaitOk("ati8")) {
-            return 0;
+            return false;
         }
         ThePreferences.AdapterModel = ModelBitSURFR;
         if (!BufferHolds("BitSURFR")) {
-            return 0;
+            return false;
         }
-        AdapterFound.store(1);
-        return 1;
+        AdapterFound.store(true);
+        return true;
     }
     if (BufferHolds("ADTRAN EXPRESS XR")) {
-        AdapterFound.store(1);
+        AdapterFound.store(true);
         ThePreferences.AdapterModel = ModelAdTran;
         ThePreferences.AdapterVariant = BufferHolds("ADTRAN EXPRESS XRT") ? 1 : 0;
-        return 1;
+        return true;
     }
     for (const char* mark : {"2864", "1291", "1292", "1293", "1281", "1282", "1283"}) {
         if (BufferHolds(mark)) {
@@ -237,19 +217,19 @@ int IdentifyAdapter() {
             } else {
                 ThePreferences.AdapterVariant = 3;
             }
-            AdapterFound.store(1);
-            return 1;
+            AdapterFound.store(true);
+            return true;
         }
     }
     if (BufferHolds("3C882")) {
         ThePreferences.AdapterModel = Model3Com;
-        AdapterFound.store(1);
-        return 1;
+        AdapterFound.store(true);
+        return true;
     }
-    return 0;
+    return false;
 }
 
-int FindAdapter() {
+AdapterSearch FindAdapter() {
     const bool shiftDown = KeyIsDown(Key::Shift);
     if (ThePreferences.ComPort == 0 || shiftDown) {
         return FullSearch();

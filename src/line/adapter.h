@@ -5,13 +5,7 @@
 #include <atomic>
 #include <cstdint>
 
-// Values of AdapterModel, which are also offsets into the string table.
-enum : int16_t {
-    ModelBitSURFR = 0,
-    ModelAdTran = 10,
-    ModelZyXEL = 20,
-    Model3Com = 30,
-};
+#include "line/adapter_family.h"
 
 // The message of a search that found nothing, and of an adapter that stopped
 // answering before its speed was tested.
@@ -20,9 +14,9 @@ inline constexpr const char* NoAdapterMessage =
     "powered on.";
 
 // An adapter was identified in this run; never cleared.
-extern std::atomic<int32_t> AdapterFound;
+extern std::atomic<bool> AdapterFound;
 // The communications thread may touch the port.
-extern std::atomic<int32_t> LinePollingEnabled;
+extern std::atomic<bool> LinePollingEnabled;
 // 0 until known; 1 if the port tops out at 57600 bps or lower; 2 above.
 extern std::atomic<int16_t> SpeedClass;
 
@@ -30,7 +24,7 @@ extern std::atomic<int16_t> SpeedClass;
 // takes the port up, or leaves it, at once. While a PortConversation is under
 // way the flag stays clear and the value given here is the one it gets back
 // when the last conversation ends. Every write of the flag goes through here.
-void SetLinePolling(int32_t enabled);
+void SetLinePolling(bool enabled);
 
 // One conversation with the adapter, from any thread: for its lifetime the
 // communications thread is kept off the port and this thread alone reads it.
@@ -47,13 +41,21 @@ public:
     PortConversation& operator=(const PortConversation&) = delete;
 };
 
+// How the search for the adapter ended.
+enum class AdapterSearch {
+    NotFound,         // no adapter answered; the user has been told
+    ProfileRefused,   // found, but it did not take the incoming profile
+    WaitingForCalls,  // found, and it holds the incoming profile
+};
 // Searches for the adapter, or goes to the saved port, and brings it to its
-// incoming profile. 1 when an adapter stands ready for calls.
-int FindAdapter();
-// Identifies the adapter on the port and speed the port record has selected.
-int IdentifyAdapter();
+// incoming profile; the communications thread then takes the port up. The
+// preferences hold what was found: the port, the family, the speeds.
+[[nodiscard]] AdapterSearch FindAdapter();
+// Identifies the adapter on the port and speed the port record has selected;
+// true if it is one of the families.
+[[nodiscard]] bool IdentifyAdapter();
 // One AT exchange with the communications thread held off the port: sends the
 // command and waits for "OK\r\n", 4000 ms or 1000 ms. The reply stays in
 // TokenBuffer.
-bool SendAndWaitOk(const char* command);
-bool SendAndWaitOkShort(const char* command);
+[[nodiscard]] bool SendAndWaitOk(const char* command);
+[[nodiscard]] bool SendAndWaitOkShort(const char* command);

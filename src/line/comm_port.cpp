@@ -32,45 +32,45 @@ std::string CommPortDevicePath(uint8_t portNumber) {
     return "/dev/ttyS" + std::to_string(static_cast<int>(portNumber) - 1);
 }
 
-int CommPortCreate() {
+bool CommPortCreate() {
     if (ThePort != nullptr) {
-        return 1;
+        return true;
     }
     ThePort = new (std::nothrow) CommPort;
-    return ThePort != nullptr ? 1 : -1;
+    return ThePort != nullptr;
 }
 
-int CommPortDestroy() {
+bool CommPortDestroy() {
     if (ThePort == nullptr) {
-        return 0;
+        return false;
     }
     CommPortClose();
     delete ThePort;
     ThePort = nullptr;
-    return 1;
+    return true;
 }
 
-int CommPortOpen() {
-    if (ThePort == nullptr) {
-        return 0;
+bool CommPortOpen() {
+    CommPort* const port = ThePort;
+    if (port == nullptr) {
+        return false;
     }
-    if (!ThePort->Handle.Open(CommPortDevicePath(ThePort->PortNumber))) {
-        return 0;
+    if (!port->Handle.Open(CommPortDevicePath(port->PortNumber))) {
+        return false;
     }
-    ThePort->Handle.Purge();
-    const int configured = CommPortConfigure();
-    if (configured != 0) {
-        ThePort->IsOpen.store(1);
-    } else {
-        ThePort->IsOpen.store(0);
-        ThePort->Handle.Close();
+    port->Handle.Purge();
+    if (!CommPortConfigure()) {
+        port->IsOpen.store(false);
+        port->Handle.Close();
+        return false;
     }
-    return configured;
+    port->IsOpen.store(true);
+    return true;
 }
 
-int CommPortConfigure() {
+bool CommPortConfigure() {
     if (ThePort == nullptr || !ThePort->Handle.IsOpen()) {
-        return 0;
+        return false;
     }
     SerialSettings settings;
     settings.BaudRate = ThePort->BaudRate.load();
@@ -80,26 +80,26 @@ int CommPortConfigure() {
     settings.DtrDsrFlow = (ThePort->FlowControlFlags & FlowDtrDsr) != 0;
     settings.RtsCtsFlow = (ThePort->FlowControlFlags & FlowRtsCts) != 0;
     settings.XonXoffFlow = (ThePort->FlowControlFlags & FlowXonXoff) != 0;
-    return ThePort->Handle.Configure(settings) ? 1 : 0;
+    return ThePort->Handle.Configure(settings);
 }
 
-int CommPortClose() {
+bool CommPortClose() {
     if (ThePort == nullptr) {
-        return 0;
+        return false;
     }
-    if (ThePort->IsOpen.exchange(0) != 0) {
+    if (ThePort->IsOpen.exchange(false)) {
         ThePort->Handle.ClearDtr();
         ThePort->Handle.Purge();
         ThePort->Handle.Close();
     }
-    return 1;
+    return true;
 }
 
-int CommPortWrite(const void* bytes, uint32_t length) {
-    if (ThePort == nullptr || ThePort->IsOpen.load() == 0) {
-        return 0;
+bool CommPortWrite(const void* bytes, uint32_t length) {
+    if (ThePort == nullptr || !ThePort->IsOpen.load()) {
+        return false;
     }
-    return ThePort->Handle.Write(bytes, length) ? 1 : 0;
+    return ThePort->Handle.Write(bytes, length);
 }
 
 void SendCommand(const char* text) {
@@ -110,12 +110,12 @@ void SendCommand(const char* text) {
     char command[CommandBufferSize];
     std::memcpy(command, text, length);
     command[length] = '\r';
-    CommPortWrite(command, static_cast<uint32_t>(length + 1));
+    static_cast<void>(CommPortWrite(command, static_cast<uint32_t>(length + 1)));
 }
 
 void SendBytes(const void* bytes, int16_t length) {
     if (length > 0) {
-        CommPortWrite(bytes, static_cast<uint32_t>(length));
+        static_cast<void>(CommPortWrite(bytes, static_cast<uint32_t>(length)));
     }
 }
 
@@ -222,16 +222,16 @@ void PurgePort() {
     }
 }
 
-int EnableHardwareHandshake() {
+bool EnableHardwareHandshake() {
     if (ThePort == nullptr) {
-        return 0;
+        return false;
     }
     ThePort->FlowControlFlags = FlowRtsCts;
-    if (CommPortConfigure() == 0) {
+    if (!CommPortConfigure()) {
         ShowMessageBox("Cannot set hardware handshaking on comm port.");
-        return 0;
+        return false;
     }
-    return 1;
+    return true;
 }
 
 bool SetPortSpeed(uint32_t bitsPerSecond) {
@@ -240,7 +240,7 @@ bool SetPortSpeed(uint32_t bitsPerSecond) {
     }
     ThePort->FlowControlFlags = FlowRtsCts;
     ThePort->BaudRate.store(bitsPerSecond);
-    return CommPortConfigure() != 0;
+    return CommPortConfigure();
 }
 
 void SelectPortNumber(uint8_t portNumber) {

@@ -29,10 +29,10 @@ constexpr uint8_t FlowRtsCts = 2;
 constexpr uint8_t FlowXonXoff = 4;
 
 struct CommPort {
-    SerialDevice Handle;             // the open device, valid while IsOpen is set
-    uint8_t PortNumber = 1;          // the n of COMn
-    std::atomic<int32_t> IsOpen{0};  // 1 after a fully successful open
-    uint8_t ByteSize = 8;            // data bits
+    SerialDevice Handle;              // the open device, valid while IsOpen is set
+    uint8_t PortNumber = 1;           // the n of COMn
+    std::atomic<bool> IsOpen{false};  // set after a fully successful open
+    uint8_t ByteSize = 8;             // data bits
     uint8_t FlowControlFlags = FlowXonXoff;
     uint8_t Parity = 0;    // 0 none
     uint8_t StopBits = 0;  // 0 one stop bit
@@ -46,21 +46,25 @@ extern CommPort* ThePort;
 // there is one, else /dev/ttyS(n-1).
 std::string CommPortDevicePath(uint8_t portNumber);
 
-// 1, or -1 when memory is short.
-int CommPortCreate();
-// 0 if there is no record, else 1; closes the port first.
-int CommPortDestroy();
-// Non-zero when the port is open and configured.
-int CommPortOpen();
-// Non-zero when the device took the record's settings.
-int CommPortConfigure();
-// 0 if there is no record, else 1, also when the port was not open.
-int CommPortClose();
-// 1 written, 0 failed.
-int CommPortWrite(const void* bytes, uint32_t length);
+// Makes the record; false when memory is short.
+[[nodiscard]] bool CommPortCreate();
+// Closes the port and frees the record; false if there was none.
+bool CommPortDestroy();
+// True when the port is open and configured.
+[[nodiscard]] bool CommPortOpen();
+// True when the device took the record's settings.
+[[nodiscard]] bool CommPortConfigure();
+// Closes the port, if it was open; false if there is no record.
+bool CommPortClose();
+// True when every byte went to the device.
+[[nodiscard]] bool CommPortWrite(const void* bytes, uint32_t length);
 
 // Sends the text and one CR. A text of more than 254 characters is refused and
 // nothing is sent: every command of the program is shorter.
+//
+// Neither of these two reports a write that failed (the device has gone, or a
+// purge cut the write off): whatever was sent waits for an answer, which then
+// does not come, and the time limit of that wait ends the exchange.
 void SendCommand(const char* text);
 // Sends the bytes as they are.
 void SendBytes(const void* bytes, int16_t length);
@@ -84,12 +88,12 @@ void DrainInput(int16_t quietMs);
 uint32_t PortQueueCount(int selector);
 // Empties both queues; a write under way stops.
 void PurgePort();
-// Switches to RTS/CTS. 1, or 0 after the message
+// Switches to RTS/CTS. False after the message
 // "Cannot set hardware handshaking on comm port."
-int EnableHardwareHandshake();
+[[nodiscard]] bool EnableHardwareHandshake();
 // Switches to RTS/CTS at the speed; true when the device took it. The port
 // stays open and its queues are kept.
-bool SetPortSpeed(uint32_t bitsPerSecond);
+[[nodiscard]] bool SetPortSpeed(uint32_t bitsPerSecond);
 // Takes effect at the next open.
 void SelectPortNumber(uint8_t portNumber);
 // Takes effect at the next configure.

@@ -4,9 +4,7 @@
 
 #include "line/adapter.h"
 #include "line/comm_port.h"
-#include "platform/control_model.h"
 #include "platform/message_box.h"
-#include "resources/resource.h"
 #include "stores/preferences.h"
 #include "stores/status_log.h"
 
@@ -20,10 +18,6 @@ constexpr const char* TopSpeed115200 =
     "protocols for sending and receiving files.\r  Your throughput with AIMUX, however, will be "
     "limited to 115200 kbps.";
 
-int16_t Model() {
-    return ThePreferences.AdapterModel;
-}
-
 // Five "AT" in a row, each answered with OK; the first silence fails it.
 bool TestAtThisSpeed() {
     for (int round = 0; round < TestRounds; ++round) {
@@ -34,15 +28,63 @@ bool TestAtThisSpeed() {
     return true;
 }
 
-void CheckSpeedItem(int command) {
-    Controls().CheckMenuItem(ID_PORT_SPEED_115200, command == ID_PORT_SPEED_115200);
-    Controls().CheckMenuItem(ID_PORT_SPEED_230400, command == ID_PORT_SPEED_230400);
+// The adapter's side of a change of speed, as its family does it. The port
+// follows separately; an adapter that follows by itself, or only by its
+// switch, is told nothing.
+void TellAdapterSpeed(uint32_t bitsPerSecond) {
+    const AdapterFamily& family = CurrentFamily();
+    const char* command =
+        bitsPerSecond == 230400 ? family.SpeedCommandTo230400 : family.SpeedCommandTo115200;
+    switch (family.Speed) {
+        case SpeedMove::AnsweredCommand:
+            // An adapter that did not take it shows in the "AT" at the new
+            // speed, which is what every caller tests next.
+            static_cast<void>(SendAndWaitOk(command));
+            break;
+        case SpeedMove::SilentCommand:
+            SendCommand(command);
+            break;
+        case SpeedMove::PortOnly:
+        case SpeedMove::DipSwitch:
+            break;
+    }
+}
+
+bool TakesACommand(const AdapterFamily& family) {
+    return family.Speed == SpeedMove::AnsweredCommand || family.Speed == SpeedMove::SilentCommand;
+}
+
+// The move of the menu, port and adapter together, as one conversation: the
+// user's answer to a message about the switch included, since while port and
+// adapter may disagree on the speed, what comes in is garbage that no other
+// reader should see.
+void MoveToSpeed(uint32_t bitsPerSecond) {
+    PortConversation conversation;
+    const AdapterFamily& family = CurrentFamily();
+    TellAdapterSpeed(bitsPerSecond);
+    // What the port does not take leaves it at the speed it had; the "AT"
+    // below then finds the two apart, as the user will.
+    static_cast<void>(SetPortSpeed(bitsPerSecond));
+    if (family.Speed == SpeedMove::SilentCommand) {
+        return;  // it answers nothing at the moment of the change
+    }
+    if (family.Speed == SpeedMove::DipSwitch) {
+        ShowMessageBox(bitsPerSecond == 230400
+                           ? "Please move DIP switch 1 to the OFF (up) position\ron the back of "
+                             "the AdTran ISDN Terminal Adapter."
+                           : "Please move DIP switch 1 to the ON (down) position\ron the back of "
+                             "the AdTran ISDN Terminal Adapter.");
+    }
+    // Whether the adapter answers at the new speed is not looked at: the
+    // user has chosen, and the next call shows whether the two agree.
+    static_cast<void>(SendAndWaitOk("AT"));
 }
 
 }  // namespace
 
 void QualifyPortSpeed() {
-    if (Model() == ModelAdTran && ThePreferences.SelectedPortSpeed == 230400) {
+    const AdapterFamily& family = CurrentFamily();
+    if (family.Speed == SpeedMove::DipSwitch && ThePreferences.SelectedPortSpeed == 230400) {
         return;
     }
     // The speed commands and the changes of speed bring garbage and stray
@@ -75,7 +117,8 @@ void QualifyPortSpeed() {
         ShowMessageBox(
             "Your maximum port speed is 57600 bps.\r  You will only be able to use the V.120 "
             "protocol for sending and receiving files");
-        SetPortSpeed(57600);
+        // Back to where the port stood; it took 57600 a moment ago.
+        static_cast<void>(SetPortSpeed(57600));
         return;
     }
     if (!TestAtThisSpeed()) {
@@ -84,14 +127,14 @@ void QualifyPortSpeed() {
     }
     SpeedClass.store(2);
 
-    if (Model() == ModelAdTran) {
-        // Only the switch on the adapter's back moves it to 230400, so the
-        // port is merely asked whether it could follow.
+    // Only the switch on the adapter's back moves it to 230400, so the port
+    // is merely asked whether it could follow.
+    if (family.Speed == SpeedMove::DipSwitch) {
         const bool portCan230400 = SetPortSpeed(230400);
         if (!portCan230400) {
             ShowMessageBox(TopSpeed115200);
         }
-        SetPortSpeed(115200);
+        static_cast<void>(SetPortSpeed(115200));  // it took 115200 a moment ago
         AddLogLine("Test Successful through 115200 bps.");
         if (portCan230400) {
             ThePreferences.MaxPortSpeed = 230400;
@@ -105,19 +148,19 @@ void QualifyPortSpeed() {
     AddLogLine("Testing 230400 bps...");
     if (!SetPortSpeed(230400)) {
         ShowMessageBox(TopSpeed115200);
-        SetPortSpeed(115200);
+        static_cast<void>(SetPortSpeed(115200));  // it took 115200 a moment ago
         ThePreferences.MaxPortSpeed = 115200;
         return;
     }
-    if (Model() == ModelBitSURFR) {
-        SetPortSpeed(115200);
-        SendAndWaitOk("AT@P2=230400");
-        SetPortSpeed(230400);
-    } else if (Model() == Model3Com) {
-        SetPortSpeed(115200);
-        SendCommand("AT$B230400");
-        SetPortSpeed(230400);
-        DrainInput(SpeedChangeQuietMs);
+    // The port can; a family that is told by a command is told at 115200,
+    // and a silent one gets a moment for the garbage of its change.
+    if (TakesACommand(family)) {
+        static_cast<void>(SetPortSpeed(115200));
+        TellAdapterSpeed(230400);
+        static_cast<void>(SetPortSpeed(230400));
+        if (family.Speed == SpeedMove::SilentCommand) {
+            DrainInput(SpeedChangeQuietMs);
+        }
     }
     if (TestAtThisSpeed()) {
         AddLogLine("Test Successful through 230400 bps.");
@@ -125,82 +168,41 @@ void QualifyPortSpeed() {
         return;
     }
     ShowMessageBox("Error testing connection at 230400 bps.");
-    if (Model() == ModelBitSURFR) {
-        SendAndWaitOk("AT@P2=115200");
-    } else if (Model() == Model3Com) {
-        SendCommand("AT$B0");
-    }
-    SetPortSpeed(115200);
+    TellAdapterSpeed(115200);
+    static_cast<void>(SetPortSpeed(115200));  // it took 115200 a moment ago
     ThePreferences.MaxPortSpeed = 115200;
     SpeedClass.store(2);
 }
 
 void ResumeTopSpeed() {
     PortConversation conversation;
-    if (Model() == ModelBitSURFR) {
-        SetPortSpeed(115200);
-        SendAndWaitOk("AT@P2=230400");
-    } else if (Model() == Model3Com) {
-        SetPortSpeed(115200);
-        SendCommand("AT$B230400");
-        SetPortSpeed(230400);
+    const AdapterFamily& family = CurrentFamily();
+    // The port stands at 115200, where a family told by a command hears it.
+    if (TakesACommand(family)) {
+        static_cast<void>(SetPortSpeed(115200));
+        TellAdapterSpeed(230400);
+    }
+    // A port that does not take 230400 shows in the "AT" that follows, as
+    // in the first call.
+    static_cast<void>(SetPortSpeed(230400));
+    if (family.Speed == SpeedMove::SilentCommand) {
         return;
     }
-    SetPortSpeed(230400);
-    SendAndWaitOk("AT");
+    // The adapter's answer is not needed: it was found at this speed before,
+    // and the incoming profile that follows tells if it is not there.
+    static_cast<void>(SendAndWaitOk("AT"));
 }
 
-void SwitchUpTo230400() {
-    // The move is one conversation, the user's answer to the AdTran's message
-    // included: while port and adapter may disagree on the speed, what comes
-    // in is garbage that no other reader should see.
-    PortConversation conversation;
-    if (Model() == Model3Com) {
-        SendCommand("AT$B230400");
-        SetPortSpeed(230400);
-        return;
-    }
-    if (Model() == ModelBitSURFR) {
-        SendAndWaitOk("AT@P2=230400");
-    }
-    SetPortSpeed(230400);
-    if (Model() == ModelAdTran) {
-        ShowMessageBox(
-            "Please move DIP switch 1 to the OFF (up) position\ron the back of the AdTran ISDN "
-            "Terminal Adapter.");
-    }
-    SendAndWaitOk("AT");
+void ChangePortSpeed(uint32_t bitsPerSecond) {
+    MoveToSpeed(bitsPerSecond);
+    ThePreferences.SelectedPortSpeed = bitsPerSecond;
+    AddLogLine("Port speed changed to " + std::to_string(bitsPerSecond) + " bps.");
 }
 
-void SwitchDownTo115200() {
-    PortConversation conversation;
-    if (Model() == Model3Com) {
-        SendCommand("AT$B0");
-        SetPortSpeed(115200);
-        return;
+SpeedChoice PortSpeedChoice() {
+    if (ThePreferences.MaxPortSpeed != 230400) {
+        return SpeedChoice::None;
     }
-    if (Model() == ModelBitSURFR) {
-        SendAndWaitOk("AT@P2=115200");
-    }
-    SetPortSpeed(115200);
-    if (Model() == ModelAdTran) {
-        ShowMessageBox(
-            "Please move DIP switch 1 to the ON (down) position\ron the back of the AdTran ISDN "
-            "Terminal Adapter.");
-    }
-    SendAndWaitOk("AT");
-}
-
-void OnPortSpeed115200() {
-    SwitchDownTo115200();
-    CheckSpeedItem(ID_PORT_SPEED_115200);
-    ThePreferences.SelectedPortSpeed = 115200;
-    AddLogLine("Port speed changed to 115200 bps.");
-}
-
-void OnPortSpeed230400() {
-    SwitchUpTo230400();
-    CheckSpeedItem(ID_PORT_SPEED_230400);
-    ThePreferences.SelectedPortSpeed = 230400;
-    AddLogLine("Port speed changed to 230400 bps.");
+    return ThePreferences.SelectedPortSpeed == 230400 ? SpeedChoice::At230400
+                                                      : SpeedChoice::At115200;
 }

@@ -6,8 +6,6 @@
 
 #include "line/adapter.h"
 #include "line/comm_port.h"
-#include "platform/control_model.h"
-#include "platform/event_loop.h"
 #include "platform/message_box.h"
 #include "resources/resource.h"
 #include "stores/preferences.h"
@@ -18,55 +16,54 @@ char LocalNumber[32];
 
 namespace {
 
-// Protocols, as IncomingProtocol numbers them.
-constexpr int ProtocolV120 = 0;
-constexpr int ProtocolAimux = 1;
-constexpr int ProtocolX75 = 2;
-
-constexpr const char* ProtocolNames[] = {"V.120", "AIMUX", "X.75"};
-
 // Which set-up a profile is for; the first words of its log line.
 enum class Setup { FirstIncoming, LaterIncoming, Outgoing };
 
 constexpr int16_t DrainQuietMs = 100;
-constexpr uint32_t HotFolderPeriodMs = 15000;
 constexpr const char* NumberCaption = "Your ISDN Number: ";
-
-int16_t Model() {
-    return ThePreferences.AdapterModel;
-}
-
-// Whether the adapter in hand offers the protocol: every family speaks
-// V.120; AIMUX needs a BitSURFR or an AdTran on a port above 57600 bps; X.75
-// is the ZyXELs', all but the Omni.net.
-bool ProtocolOffered(int protocol) {
-    switch (protocol) {
-        case ProtocolV120:
-            return true;
-        case ProtocolAimux:
-            return (Model() == ModelBitSURFR || Model() == ModelAdTran) && SpeedClass.load() >= 2;
-        case ProtocolX75:
-            return Model() == ModelZyXEL && ThePreferences.AdapterVariant != 2;
-        default:
-            return false;
-    }
-}
+// The product's label behind the number; null while the adapter has not told
+// its number.
+const char* OwnNumberLabel = nullptr;
 
 // The profile's slot in the family's ten strings.
-int SlotFor(int protocol, bool at56k) {
+int SlotFor(LineProtocol protocol, bool at56k) {
     const int base = protocol == ProtocolAimux ? 2 : protocol == ProtocolX75 ? 6 : 0;
     return base + (at56k ? 0 : 1);
 }
 
+// Appends the 2B and V.42bis options to a profile of a family that has them,
+// logging each; each doubles the rate expected.
+void AppendChannelOptions(std::string& command, bool twoChannels, bool compression) {
+    if (twoChannels) {
+        command += "&J3";
+        AddLogLine("2B channel connection ON");
+        RateEstimate.store(static_cast<uint16_t>(RateEstimate.load() * 2));
+    } else {
+        command += "&J0";
+        AddLogLine("2B channel connection OFF");
+    }
+    if (compression) {
+        command += "&K44";
+        AddLogLine("V.42bis compression ON");
+        RateEstimate.store(static_cast<uint16_t>(RateEstimate.load() * 2));
+    } else {
+        command += "&K00";
+        AddLogLine("V.42bis compression OFF");
+    }
+}
+
 // Loads the profile of the protocol and rate, logs the set-up, sets
-// RateEstimate and, on a ZyXEL, appends the channel options of the side. A
+// RateEstimate and, on a family that has them, appends the channel options. A
 // protocol the adapter does not offer is taken as V.120, the one they all
 // speak, so that the family's table is never read where it has no profile.
-std::string BuildProfile(int protocol, bool at56k, Setup setup) {
+std::string BuildProfile(LineProtocol protocol, bool at56k, bool twoChannels, bool compression,
+                         Setup setup) {
     if (!ProtocolOffered(protocol)) {
         protocol = ProtocolV120;
     }
-    std::string command(LoadResourceString(ProfileStringBase + Model() + SlotFor(protocol, at56k)));
+    const AdapterFamily& family = CurrentFamily();
+    std::string command(
+        LoadResourceString(ProfileStringBase + family.Model + SlotFor(protocol, at56k)));
     const char* opening = setup == Setup::FirstIncoming   ? "Initializing Incoming: "
                           : setup == Setup::LaterIncoming ? "Reinitializing Incoming: "
                                                           : "Initializing Outgoing: ";
@@ -78,25 +75,18 @@ std::string BuildProfile(int protocol, bool at56k, Setup setup) {
         rate *= 2;
     }
     RateEstimate.store(rate);
-    if (Model() == ModelZyXEL) {
-        AppendChannelOptions(command, setup == Setup::Outgoing ? 0 : 1);
+    if (family.HasChannelOptions) {
+        AppendChannelOptions(command, twoChannels, compression);
     }
     return command;
 }
 
 std::string IncomingProfile(Setup setup) {
-    return BuildProfile(ThePreferences.IncomingProtocol, ThePreferences.Incoming56K != 0, setup);
-}
-
-// The protocol a row of a protocol list stands for; none selected is V.120,
-// the row every list starts with.
-int ProtocolOfRow(const std::string& text) {
-    for (int protocol = ProtocolV120; protocol <= ProtocolX75; ++protocol) {
-        if (text == ProtocolNames[protocol]) {
-            return protocol;
-        }
-    }
-    return ProtocolV120;
+    const LineProtocol protocol = ThePreferences.IncomingProtocol == ProtocolAimux ? ProtocolAimux
+                                  : ThePreferences.IncomingProtocol == ProtocolX75 ? ProtocolX75
+                                                                                   : ProtocolV120;
+    return BuildProfile(protocol, ThePreferences.Incoming56K != 0, ThePreferences.Incoming2B != 0,
+                        ThePreferences.IncomingV42 != 0, setup);
 }
 
 // Keeps the number within LocalNumber's 31 characters, with zeros behind it:
@@ -156,79 +146,32 @@ bool NumberInBrackets(std::string_view reply, std::string_view& number) {
     return true;
 }
 
-const char* ZyxelLabel(int16_t variant) {
-    switch (variant) {
-        case 1:
-            return "     ZyXEL Elite 2864i";
-        case 2:
-            return "     ZyXEL Omni.net";
-        case 3:
-            return "     ZyXEL Omni TA128";
-        default:
-            return "";
-    }
-}
-
-// Removes a protocol's row from both protocol lists.
-void RemoveProtocol(int protocol) {
-    Controls().DeleteRowWithText(IDC_PROTOCOL, ProtocolNames[protocol]);
-    Controls().DeleteRowWithText(IDC_IN_PROTOCOL, ProtocolNames[protocol]);
-}
-
-int RowOfProtocol(int id, int protocol) {
-    const std::vector<ListRow> rows = Controls().Rows(id);
-    for (size_t row = 0; row < rows.size(); ++row) {
-        if (rows[row].Text == ProtocolNames[protocol]) {
-            return static_cast<int>(row);
-        }
-    }
-    return 0;
-}
-
-}  // namespace
-
-namespace {
-
 // Asks the adapter for its own number and takes it out of the reply into
-// LocalNumber. The label names the model. False when the adapter did not
-// answer, or answered without a number in the form its family gives it.
-bool ReadLocalNumber(const char*& label) {
+// LocalNumber. False when the adapter did not answer, or answered without a
+// number in the form its family gives it.
+bool ReadLocalNumber() {
     // The reply is taken apart in TokenBuffer, so the communications thread
     // stays off the port, and out of the buffer, until that is done.
     PortConversation conversation;
     std::memset(TokenBuffer, 0, TokenBufferSize);
+    if (!SendAndWaitOk(CurrentProduct().NumberQuery)) {
+        return false;
+    }
     std::string_view number;
-    switch (Model()) {
-        case ModelBitSURFR:
-            if (!SendAndWaitOk("AT!N1?")) {
-                return false;
-            }
+    switch (CurrentFamily().Number) {
+        case NumberReply::DigitsBeforeOk:
             number = DigitsBeforeOk(TokenBuffer);
-            label = "     BitSURFR Pro";
             break;
-        case ModelAdTran: {
-            const bool xrt = ThePreferences.AdapterVariant == 1;
-            if (!SendAndWaitOk(xrt ? "ATSS63?" : "ATSS62?") ||
-                !NumberOnSecondLine(TokenBuffer, number)) {
+        case NumberReply::SecondLine:
+            if (!NumberOnSecondLine(TokenBuffer, number)) {
                 return false;
             }
-            label = xrt ? "     AdTran Express XRT" : "     AdTran Express XR";
             break;
-        }
-        case ModelZyXEL:
-            if (!SendAndWaitOk("AT&ZI?") || !NumberInBrackets(TokenBuffer, number)) {
+        case NumberReply::InBrackets:
+            if (!NumberInBrackets(TokenBuffer, number)) {
                 return false;
             }
-            label = ZyxelLabel(ThePreferences.AdapterVariant);
             break;
-        case Model3Com:
-            if (!SendAndWaitOk("ATS51?") || !NumberOnSecondLine(TokenBuffer, number)) {
-                return false;
-            }
-            label = "     3ComImpact IQ";
-            break;
-        default:
-            return false;
     }
     StoreLocalNumber(number);
     return true;
@@ -236,63 +179,23 @@ bool ReadLocalNumber(const char*& label) {
 
 }  // namespace
 
-void ShowLocalNumber() {
-    if (AdapterFound.load() == 0) {
-        Controls().Enable(IDC_OWN_NUMBER, false);
-        return;
+std::string OwnNumberCaption() {
+    if (OwnNumberLabel == nullptr) {
+        return {};
     }
-    const char* label = "";
-    if (!ReadLocalNumber(label)) {
-        return;
-    }
-    Controls().SetText(IDC_OWN_NUMBER, std::string(NumberCaption) + LocalNumber + label);
-    Controls().Enable(IDC_OWN_NUMBER, true);
+    return std::string(NumberCaption) + LocalNumber + OwnNumberLabel;
 }
 
-void ApplyAdapterToWindow() {
-    ControlModel& controls = Controls();
+bool InitializeIncoming() {
+    OwnNumberLabel = ReadLocalNumber() ? CurrentProduct().Label : nullptr;
     // A protocol saved while another adapter was attached, or one that this
-    // port is too slow for, goes back to V.120, so that the list shows what
-    // the incoming profile really is.
-    if (!ProtocolOffered(ThePreferences.IncomingProtocol)) {
+    // port is too slow for, goes back to V.120, so that the window shows
+    // what the incoming profile really is.
+    const int16_t saved = ThePreferences.IncomingProtocol;
+    if (saved < ProtocolV120 || saved > ProtocolX75 ||
+        !ProtocolOffered(static_cast<LineProtocol>(saved))) {
         ThePreferences.IncomingProtocol = ProtocolV120;
     }
-    switch (Model()) {
-        case ModelBitSURFR:
-        case ModelAdTran:
-            RemoveProtocol(ProtocolX75);
-            if (SpeedClass.load() < 2) {
-                RemoveProtocol(ProtocolAimux);
-            }
-            break;
-        case ModelZyXEL:
-            if (ThePreferences.AdapterVariant == 2) {
-                RemoveProtocol(ProtocolX75);
-            }
-            RemoveProtocol(ProtocolAimux);
-            for (int id : {IDC_2B, IDC_V42, IDC_IN_2B, IDC_IN_V42}) {
-                controls.Show(id, true);
-            }
-            break;
-        case Model3Com:
-        default:
-            RemoveProtocol(ProtocolX75);
-            RemoveProtocol(ProtocolAimux);
-            break;
-    }
-    controls.Select(IDC_IN_PROTOCOL,
-                    RowOfProtocol(IDC_IN_PROTOCOL, ThePreferences.IncomingProtocol));
-    controls.Select(IDC_PROTOCOL, 0);
-    controls.Select(IDC_CARRIER, 0);
-    controls.Check(IDC_IN_56K, ThePreferences.Incoming56K != 0);
-    controls.Check(IDC_IN_2B, ThePreferences.Incoming2B != 0);
-    controls.Check(IDC_IN_V42, ThePreferences.IncomingV42 != 0);
-    controls.Check(IDC_IGNORE_HOT, ThePreferences.IgnoreHotFolders != 0);
-}
-
-void InitializeIncoming() {
-    ShowLocalNumber();
-    ApplyAdapterToWindow();
     const std::string command = IncomingProfile(Setup::FirstIncoming);
     bool accepted = false;
     {
@@ -302,62 +205,45 @@ void InitializeIncoming() {
     }
     if (!accepted) {
         ShowMessageBox("Communications read time out during Startup.");
-        return;
     }
-    MainLoop().SetTimer(TimerHotFolders, HotFolderPeriodMs);
+    return accepted;
 }
 
 void ReinitializeIncoming() {
     // Without an adapter no profile ever went out, and none goes now: a
     // command to a port where nothing answers would only hold the caller
     // for the whole time limit.
-    if (AdapterFound.load() == 0) {
+    if (!AdapterFound.load()) {
         return;
     }
     AddLogLine("------------------------------");
     const std::string command = IncomingProfile(Setup::LaterIncoming);
     PortConversation conversation;
     DrainInput(DrainQuietMs);
-    SendAndWaitOk(command.c_str());
+    // An adapter that refuses it keeps the profile it had; the next call's
+    // end, or the user's next change of a setting, sends it again.
+    static_cast<void>(SendAndWaitOk(command.c_str()));
 }
 
-void InitializeOutgoing() {
-    const bool at56k = Controls().Checked(IDC_56K);
-    const int row = Controls().Selection(IDC_PROTOCOL);
-    const int protocol = ProtocolOfRow(Controls().RowText(IDC_PROTOCOL, row));
-    const std::string command = BuildProfile(protocol, at56k, Setup::Outgoing);
-    SendAndWaitOk(command.c_str());
-}
-
-void AppendChannelOptions(std::string& command, int side) {
-    const bool twoChannels = Controls().Checked(side != 0 ? IDC_IN_2B : IDC_2B);
-    const bool compression = Controls().Checked(side != 0 ? IDC_IN_V42 : IDC_V42);
-    if (twoChannels) {
-        command += "&J3";
-        AddLogLine("2B channel connection ON");
-        RateEstimate.store(static_cast<uint16_t>(RateEstimate.load() * 2));
-    } else {
-        command += "&J0";
-        AddLogLine("2B channel connection OFF");
-    }
-    if (compression) {
-        command += "&K44";
-        AddLogLine("V.42bis compression ON");
-        RateEstimate.store(static_cast<uint16_t>(RateEstimate.load() * 2));
-    } else {
-        command += "&K00";
-        AddLogLine("V.42bis compression OFF");
-    }
+void InitializeOutgoing(const OutgoingSettings& settings) {
+    const std::string command =
+        BuildProfile(settings.Protocol, settings.At56k, settings.TwoChannels, settings.Compression,
+                     Setup::Outgoing);
+    // An adapter that refuses the profile keeps the one it had; the dial goes
+    // on, and its result tells how the call went.
+    static_cast<void>(SendAndWaitOk(command.c_str()));
 }
 
 void SendClosingCommand() {
-    if (AdapterFound.load() == 0) {
+    if (!AdapterFound.load()) {
         return;
     }
-    const std::string command(LoadResourceString(ProfileStringBase + Model() + 5));
-    if (Model() == Model3Com) {
-        SendCommand(command.c_str());
+    const AdapterFamily& family = CurrentFamily();
+    const std::string command(LoadResourceString(ProfileStringBase + family.Model + 5));
+    if (family.AnswersClosingCommand) {
+        // The program leaves whatever the adapter says.
+        static_cast<void>(SendAndWaitOk(command.c_str()));
     } else {
-        SendAndWaitOk(command.c_str());
+        SendCommand(command.c_str());
     }
 }

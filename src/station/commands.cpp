@@ -6,8 +6,8 @@
 #include <optional>
 #include <vector>
 
+#include "app/control_model.h"
 #include "app/main_window.h"
-#include "platform/control_model.h"
 #include "platform/files.h"
 #include "resources/resource.h"
 #include "station/station_io.h"

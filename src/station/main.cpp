@@ -11,8 +11,8 @@
 #include <cstdio>
 
 #include "app/application.h"
+#include "app/control_model.h"
 #include "app/main_window.h"
-#include "platform/control_model.h"
 #include "platform/event_loop.h"
 #include "platform/key_state.h"
 #include "platform/message_box.h"

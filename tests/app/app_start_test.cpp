@@ -10,11 +10,11 @@
 #include <string>
 #include <vector>
 
+#include "app/control_model.h"
 #include "app/main_window.h"
 #include "engine/engine_window.h"
 #include "engine/transfer_engine.h"
 #include "line/adapter.h"
-#include "platform/control_model.h"
 #include "platform/event_loop.h"
 #include "platform/files.h"
 #include "platform/message_box.h"

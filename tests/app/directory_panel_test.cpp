@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "app/control_model.h"
 #include "app/main_window.h"
 #include "line/adapter.h"
-#include "platform/control_model.h"
 #include "platform/files.h"
 #include "resources/resource.h"
 #include "stores/directory.h"

@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "app/control_model.h"
 #include "app/main_window.h"
 #include "engine/transfer_engine.h"
 #include "engine/wire.h"
-#include "platform/control_model.h"
 #include "platform/files.h"
 #include "resources/resource.h"
 #include "support/temp_folder.h"

@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "app/control_model.h"
 #include "engine/transfer_engine.h"
 #include "line/adapter.h"
-#include "platform/control_model.h"
 #include "platform/event_loop.h"
 #include "resources/resource.h"
 #include "stores/paths.h"
@@ -136,6 +136,86 @@ TEST_F(MainWindowTest, EventsReachOnlyControlsAUserCouldUse) {
     outcome = window_->HandleEvent(Event(EventKind::MenuCommand, ID_PORT_SPEED_230400));
     EXPECT_FALSE(outcome.Done);
     EXPECT_TRUE(Messages().empty());
+}
+
+// After the search the window shows what the adapter offers on this port:
+// the protocol lists lose what it cannot do, the ZyXEL's options show, and
+// the incoming settings and the Port Speed menu come from the preferences.
+TEST_F(MainWindowTest, TheWindowShowsWhatTheAdapterFoundOffers) {
+    struct AdapterCase {
+        const char* Name;
+        int16_t Model;
+        int16_t Variant;
+        int16_t SpeedClass;
+        int16_t Incoming;  // IncomingProtocol, as the search left it
+        uint32_t MaxSpeed;
+        std::vector<std::string> Rows;
+        int Selection;
+        std::vector<std::string> Menus;
+        bool Checked230400;
+    };
+    const std::vector<std::string> withSpeeds = {"&File", "&Port Speed"};
+    const std::vector<std::string> withoutSpeeds = {"&File"};
+    const AdapterCase cases[] = {
+        {"BitSURFR on a slow port",
+         ModelBitSURFR,
+         0,
+         1,
+         0,
+         57600,
+         {"V.120"},
+         0,
+         withoutSpeeds,
+         false},
+        {"BitSURFR on a fast port",
+         ModelBitSURFR,
+         0,
+         2,
+         1,
+         230400,
+         {"V.120", "AIMUX"},
+         1,
+         withSpeeds,
+         true},
+        {"AdTran", ModelAdTran, 1, 2, 0, 230400, {"V.120", "AIMUX"}, 0, withSpeeds, false},
+        {"Omni.net", ModelZyXEL, 2, 2, 0, 115200, {"V.120"}, 0, withoutSpeeds, false},
+        {"Elite with X.75", ModelZyXEL, 1, 2, 2, 230400, {"V.120", "X.75"}, 1, withSpeeds, true},
+        {"3Com", Model3Com, 0, 2, 0, 230400, {"V.120"}, 0, withSpeeds, false},
+    };
+    for (const AdapterCase& c : cases) {
+        SCOPED_TRACE(c.Name);
+        StopWindow();
+        StartWindow();
+        ThePreferences.AdapterModel = c.Model;
+        ThePreferences.AdapterVariant = c.Variant;
+        ThePreferences.IncomingProtocol = c.Incoming;
+        ThePreferences.Incoming2B = 1;
+        ThePreferences.MaxPortSpeed = c.MaxSpeed;
+        ThePreferences.SelectedPortSpeed = c.Checked230400 ? 230400 : 115200;
+        SpeedClass.store(c.SpeedClass);
+        AdapterFound.store(true);
+        window_->ShowAdapter(true);
+
+        EXPECT_EQ(RowTexts(IDC_PROTOCOL), c.Rows);
+        EXPECT_EQ(RowTexts(IDC_IN_PROTOCOL), c.Rows);
+        EXPECT_EQ(Controls().Selection(IDC_IN_PROTOCOL), c.Selection);
+        EXPECT_EQ(Controls().Selection(IDC_PROTOCOL), 0);
+        const bool options = c.Model == ModelZyXEL;
+        for (int id : {IDC_2B, IDC_V42, IDC_IN_2B, IDC_IN_V42}) {
+            EXPECT_EQ(Controls().Shown(id), options) << ControlName(id);
+        }
+        EXPECT_TRUE(Controls().Checked(IDC_IN_2B)) << "set from the preferences in every family";
+        std::vector<std::string> menus;
+        for (const Menu& menu : Controls().Menus()) {
+            menus.push_back(menu.Title);
+        }
+        EXPECT_EQ(menus, c.Menus);
+        if (c.Menus == withSpeeds) {
+            EXPECT_EQ(Controls().MenuItemChecked(ID_PORT_SPEED_230400), c.Checked230400);
+            EXPECT_EQ(Controls().MenuItemChecked(ID_PORT_SPEED_115200), !c.Checked230400);
+        }
+    }
+    AdapterFound.store(false);
 }
 
 TEST_F(MainWindowTest, TheAboutBoxOfTheMenuNeitherClosesByItselfNorSearches) {

@@ -6,12 +6,12 @@
 #include <string>
 #include <vector>
 
+#include "app/control_model.h"
 #include "app/main_window.h"
 #include "engine/transfer_engine.h"
 #include "line/adapter.h"
 #include "line/profiles.h"
 #include "platform/clock.h"
-#include "platform/control_model.h"
 #include "resources/resource.h"
 #include "stores/preferences.h"
 #include "window_fixture.h"

@@ -2,11 +2,11 @@
 
 #include <sys/stat.h>
 
+#include "app/control_model.h"
 #include "engine/transfer_engine.h"
 #include "line/adapter.h"
 #include "line/comm_port.h"
 #include "line/profiles.h"
-#include "platform/control_model.h"
 #include "platform/event_loop.h"
 #include "platform/files.h"
 #include "platform/message_box.h"

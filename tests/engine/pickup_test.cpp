@@ -107,19 +107,21 @@ TEST_F(PickUpTest, AHotFolderGoesOutOnceItsTotalHasStoodStill) {
     EXPECT_EQ(ScanPickUpFolder(0, total), 2);
     EXPECT_EQ(total, 16u);
 
-    ScanHotFolders();  // the total is noted
+    EXPECT_EQ(HotFolderDue(), -1);  // the total is noted
     EXPECT_EQ(Directory[0].HotBytes, 16u);
     // A call that rings in starts the count again.
     Send("\r\nRING\r\n");
     EXPECT_EQ(TakeUntil("\r", 3000), "ATA\r");
-    ScanHotFolders();
+    EXPECT_EQ(HotFolderDue(), -1);
     EXPECT_EQ(Directory[0].HotBytes, 16u);
-    EXPECT_TRUE(messages.empty());
-    ScanHotFolders();  // unchanged since the last look: it dials
+    EXPECT_EQ(HotFolderDue(), 0);  // unchanged since the last look: it goes out
     EXPECT_EQ(Directory[0].HotBytes, 0u);
-    EXPECT_TRUE(TheEngine.PickupSend.load());
+    LoadPickUpFolder(0);
     EXPECT_TRUE(window_.Called("AddFolderToSendList(" + PickUpPath + "/Hot,Hot)"));
-    // The window has no number to dial in this test.
+    EXPECT_TRUE(messages.empty());
+    // A record without a number is not dialled.
+    SendHotFolder(CallRequest{});
+    EXPECT_TRUE(TheEngine.PickupSend.load());
     EXPECT_EQ(messages,
               std::vector<std::string>{"Please select a correspondent in your Directory."});
     SetMessageBoxHandler(nullptr);

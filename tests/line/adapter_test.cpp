@@ -12,12 +12,10 @@
 #include <thread>
 
 #include "line/comm_port.h"
+#include "line/port_speed.h"
 #include "line/profiles.h"
 #include "line_fixture.h"
-#include "platform/control_model.h"
-#include "platform/event_loop.h"
 #include "platform/key_state.h"
-#include "resources/resource.h"
 #include "stores/preferences.h"
 
 namespace {
@@ -36,13 +34,13 @@ TEST_F(LineTest, ExchangeKeepsTheWholeReplyAndPutsPollingBackAsItWas) {
     ASSERT_TRUE(SendAndWaitOk("ATI3"));
     EXPECT_STREQ(TokenBuffer, "ATI3\r\r\nline one\r\n\r\nOK\r\n")
         << "the echo and every line of the reply, read from the buffer's first byte";
-    EXPECT_EQ(LinePollingEnabled.load(), 0);
+    EXPECT_EQ(LinePollingEnabled.load(), false);
 
-    SetLinePolling(1);
+    SetLinePolling(true);
     ASSERT_TRUE(SendAndWaitOkShort("ATI4"));
-    EXPECT_EQ(LinePollingEnabled.load(), 1) << "polling goes back on after the exchange";
+    EXPECT_EQ(LinePollingEnabled.load(), true) << "polling goes back on after the exchange";
     EXPECT_FALSE(SendAndWaitOkShort("ATQ")) << "an echo without OK is a failure";
-    EXPECT_EQ(LinePollingEnabled.load(), 1) << "also after a failed one";
+    EXPECT_EQ(LinePollingEnabled.load(), true) << "also after a failed one";
     EXPECT_EQ(adapters_[0]->CommandTexts(), (Texts{"ATI3", "ATI4", "ATQ"}));
 }
 
@@ -53,7 +51,7 @@ public:
     PollingReader()
         : thread_([this] {
               while (!stop_.load()) {
-                  if (LinePollingEnabled.load() != 0) {
+                  if (LinePollingEnabled.load()) {
                       std::lock_guard<std::recursive_mutex> guard(PortReadLock);
                       passes_.fetch_add(1);
                       WaitForPortInput(30000);
@@ -78,7 +76,7 @@ private:
 TEST_F(LineTest, ExchangeTakesThePortFromAReaderThatWaitsOnIt) {
     Attach(1, [](const std::string& command, uint32_t) { return Answer(command); });
     OpenPort(1, 115200);
-    SetLinePolling(1);
+    SetLinePolling(true);
     PollingReader reader;
     while (reader.Passes() == 0) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
@@ -89,33 +87,33 @@ TEST_F(LineTest, ExchangeTakesThePortFromAReaderThatWaitsOnIt) {
     ASSERT_EQ(exchange.wait_for(std::chrono::seconds(10)), std::future_status::ready)
         << "the reader was not woken";
     EXPECT_TRUE(exchange.get());
-    EXPECT_EQ(LinePollingEnabled.load(), 1);
-    SetLinePolling(0);
+    EXPECT_EQ(LinePollingEnabled.load(), true);
+    SetLinePolling(false);
 }
 
 TEST_F(LineTest, ConversationsThatOverlapLeaveThePollingFlagRight) {
-    SetLinePolling(1);
+    SetLinePolling(true);
     std::optional<PortConversation> first(std::in_place);
-    EXPECT_EQ(LinePollingEnabled.load(), 0);
+    EXPECT_EQ(LinePollingEnabled.load(), false);
     std::optional<PortConversation> second(std::in_place);
     first.reset();
-    EXPECT_EQ(LinePollingEnabled.load(), 0) << "the second conversation is still under way";
+    EXPECT_EQ(LinePollingEnabled.load(), false) << "the second conversation is still under way";
     second.reset();
-    EXPECT_EQ(LinePollingEnabled.load(), 1) << "back as it was before the first began";
+    EXPECT_EQ(LinePollingEnabled.load(), true) << "back as it was before the first began";
 
     // A change asked for during a conversation is the value it ends with.
     {
         PortConversation conversation;
-        SetLinePolling(0);
-        EXPECT_EQ(LinePollingEnabled.load(), 0);
+        SetLinePolling(false);
+        EXPECT_EQ(LinePollingEnabled.load(), false);
     }
-    EXPECT_EQ(LinePollingEnabled.load(), 0);
+    EXPECT_EQ(LinePollingEnabled.load(), false);
     {
         PortConversation conversation;
-        SetLinePolling(1);
-        EXPECT_EQ(LinePollingEnabled.load(), 0) << "the port stays held until the end";
+        SetLinePolling(true);
+        EXPECT_EQ(LinePollingEnabled.load(), false) << "the port stays held until the end";
     }
-    EXPECT_EQ(LinePollingEnabled.load(), 1);
+    EXPECT_EQ(LinePollingEnabled.load(), true);
 
     // Another thread's conversation waits for this one's lock, and the flag
     // comes back only when both are over.
@@ -130,8 +128,8 @@ TEST_F(LineTest, ConversationsThatOverlapLeaveThePollingFlagRight) {
     mine.reset();
     other.join();
     EXPECT_TRUE(otherHadPort.load());
-    EXPECT_EQ(LinePollingEnabled.load(), 1);
-    SetLinePolling(0);
+    EXPECT_EQ(LinePollingEnabled.load(), true);
+    SetLinePolling(false);
 }
 
 // ---- Identification ----
@@ -140,26 +138,26 @@ struct IdentityCase {
     const char* Name;
     Texts Identity0;
     Texts Identity8;
-    int ExpectedResult;
+    bool ExpectedResult;
     int16_t ExpectedModel;
     int16_t ExpectedVariant;
 };
 
 TEST_F(LineTest, IdentificationTellsEachFamilyAndVariantByItsMarks) {
     const IdentityCase cases[] = {
-        {"BitSURFR", {"960"}, {"BitSURFR Pro ISDN"}, 1, ModelBitSURFR, 7},
-        {"960 without BitSURFR", {"960"}, {"some other TA"}, 0, ModelBitSURFR, 7},
-        {"960 before the ZyXEL marks", {"960 2864"}, {"BitSURFR"}, 1, ModelBitSURFR, 7},
-        {"AdTran XR", {"ADTRAN EXPRESS XR ISDN"}, {}, 1, ModelAdTran, 0},
-        {"AdTran XRT", {"ADTRAN EXPRESS XRT ISDN"}, {}, 1, ModelAdTran, 1},
-        {"Elite 2864", {"ZyXEL Elite 2864I"}, {}, 1, ModelZyXEL, 1},
-        {"2864 with 1291", {"ZyXEL 1291 2864"}, {}, 1, ModelZyXEL, 1},
-        {"Omni.net 1291", {"ZyXEL 1291"}, {}, 1, ModelZyXEL, 2},
-        {"Omni.net 1293", {"ZyXEL 1293"}, {}, 1, ModelZyXEL, 2},
-        {"TA128 1281", {"ZyXEL 1281"}, {}, 1, ModelZyXEL, 3},
-        {"TA128 1283", {"ZyXEL 1283"}, {}, 1, ModelZyXEL, 3},
-        {"3Com", {"Impact IQ 3C882"}, {}, 1, Model3Com, 7},
-        {"no mark", {"Generic ISDN TA", "adtran express xr"}, {}, 0, Model3Com + 1, 7},
+        {"BitSURFR", {"960"}, {"BitSURFR Pro ISDN"}, true, ModelBitSURFR, 7},
+        {"960 without BitSURFR", {"960"}, {"some other TA"}, false, ModelBitSURFR, 7},
+        {"960 before the ZyXEL marks", {"960 2864"}, {"BitSURFR"}, true, ModelBitSURFR, 7},
+        {"AdTran XR", {"ADTRAN EXPRESS XR ISDN"}, {}, true, ModelAdTran, 0},
+        {"AdTran XRT", {"ADTRAN EXPRESS XRT ISDN"}, {}, true, ModelAdTran, 1},
+        {"Elite 2864", {"ZyXEL Elite 2864I"}, {}, true, ModelZyXEL, 1},
+        {"2864 with 1291", {"ZyXEL 1291 2864"}, {}, true, ModelZyXEL, 1},
+        {"Omni.net 1291", {"ZyXEL 1291"}, {}, true, ModelZyXEL, 2},
+        {"Omni.net 1293", {"ZyXEL 1293"}, {}, true, ModelZyXEL, 2},
+        {"TA128 1281", {"ZyXEL 1281"}, {}, true, ModelZyXEL, 3},
+        {"TA128 1283", {"ZyXEL 1283"}, {}, true, ModelZyXEL, 3},
+        {"3Com", {"Impact IQ 3C882"}, {}, true, Model3Com, 7},
+        {"no mark", {"Generic ISDN TA", "adtran express xr"}, {}, false, Model3Com + 1, 7},
     };
     // The adapter's thread outlives this body, so what it reads is shared.
     struct Script {
@@ -180,7 +178,7 @@ TEST_F(LineTest, IdentificationTellsEachFamilyAndVariantByItsMarks) {
             shared->Script.Identity8 = c.Identity8;
         }
         adapter.ClearCommands();
-        AdapterFound.store(0);
+        AdapterFound.store(false);
         ThePreferences.AdapterModel = Model3Com + 1;
         ThePreferences.AdapterVariant = 7;
         EXPECT_EQ(IdentifyAdapter(), c.ExpectedResult);
@@ -192,20 +190,20 @@ TEST_F(LineTest, IdentificationTellsEachFamilyAndVariantByItsMarks) {
             sent.push_back("ati8");
         }
         EXPECT_EQ(adapter.CommandTexts(), sent);
-        EXPECT_NE(ThePort->IsOpen.load(), 0) << "the port stays open either way";
+        EXPECT_TRUE(ThePort->IsOpen.load()) << "the port stays open either way";
     }
 }
 
 TEST_F(LineTest, IdentificationFailsOnAPortThatCannotBeOpenedOrGivesNoOk) {
     SelectPortNumber(3);  // a plain file
-    EXPECT_EQ(IdentifyAdapter(), 0);
-    EXPECT_EQ(ThePort->IsOpen.load(), 0);
+    EXPECT_FALSE(IdentifyAdapter());
+    EXPECT_FALSE(ThePort->IsOpen.load());
 
     AdapterScript script = ZyxelScript("2864");
     script.Unanswered = {"ati0"};
     ScriptedAdapter& adapter = Attach(3, RespondAs(script));
-    EXPECT_EQ(IdentifyAdapter(), 0) << "an ati0 without OK";
-    EXPECT_EQ(AdapterFound.load(), 0);
+    EXPECT_FALSE(IdentifyAdapter()) << "an ati0 without OK";
+    EXPECT_FALSE(AdapterFound.load());
     EXPECT_EQ(adapter.CommandTexts(), (Texts{"atv1", "ati0"}));
 }
 
@@ -220,7 +218,7 @@ TEST_F(LineTest, ShiftSearchesAgainFromTheFirstPortAtTheSearchSpeed) {
     AdapterScript script = ThreeComScript();
     ScriptedAdapter& adapter = Attach(1, RespondAs(script));
 
-    EXPECT_EQ(FindAdapter(), 1);
+    EXPECT_EQ(FindAdapter(), AdapterSearch::WaitingForCalls);
     EXPECT_EQ(ThePreferences.ComPort, 1);
     EXPECT_EQ(ThePreferences.AdapterModel, Model3Com);
     EXPECT_EQ(ThePreferences.MaxPortSpeed, 230400u) << "the speed is tested anew";
@@ -228,7 +226,8 @@ TEST_F(LineTest, ShiftSearchesAgainFromTheFirstPortAtTheSearchSpeed) {
     const std::vector<ReceivedCommand> commands = adapter.Commands();
     ASSERT_FALSE(commands.empty());
     EXPECT_EQ(commands[0].Speed, 9600u);
-    EXPECT_EQ(Controls().Text(IDC_OWN_NUMBER), "Your ISDN Number: 5553882     3ComImpact IQ");
+    EXPECT_EQ(OwnNumberCaption(), "Your ISDN Number: 5553882     3ComImpact IQ");
+    EXPECT_EQ(PortSpeedChoice(), SpeedChoice::At230400);
 }
 
 TEST_F(LineTest, QuickStartGoesToTheSavedPortAndSpeedWithoutTesting) {
@@ -238,11 +237,10 @@ TEST_F(LineTest, QuickStartGoesToTheSavedPortAndSpeedWithoutTesting) {
     ThePreferences.AdapterModel = ModelBitSURFR;
     ScriptedAdapter& adapter = Attach(2, RespondAs(BitsurfrScript()));
 
-    EXPECT_EQ(FindAdapter(), 1);
+    EXPECT_EQ(FindAdapter(), AdapterSearch::WaitingForCalls);
     EXPECT_EQ(SpeedClass.load(), 2);
     EXPECT_EQ(adapter.Far().Speed(), 115200u);
-    EXPECT_TRUE(Controls().MenuItemChecked(ID_PORT_SPEED_115200));
-    EXPECT_FALSE(Controls().MenuItemChecked(ID_PORT_SPEED_230400));
+    EXPECT_EQ(PortSpeedChoice(), SpeedChoice::At115200);
     EXPECT_EQ(Logged().front(), "Port speed set to 115200 bps.");
     const std::vector<ReceivedCommand> commands = adapter.Commands();
     ASSERT_GE(commands.size(), 4u);
@@ -251,8 +249,8 @@ TEST_F(LineTest, QuickStartGoesToTheSavedPortAndSpeedWithoutTesting) {
     EXPECT_EQ(commands[1].Text, "ati0");
     EXPECT_EQ(commands[2].Text, "ati8");
     EXPECT_EQ(commands[3].Text, "AT!N1?") << "no speed test, no speed command";
-    EXPECT_EQ(LinePollingEnabled.load(), 1);
-    EXPECT_EQ(Controls().Text(IDC_OWN_NUMBER), "Your ISDN Number: 5552001     BitSURFR Pro");
+    EXPECT_EQ(LinePollingEnabled.load(), true);
+    EXPECT_EQ(OwnNumberCaption(), "Your ISDN Number: 5552001     BitSURFR Pro");
 }
 
 TEST_F(LineTest, QuickStartResumesTheSavedTopSpeed) {
@@ -262,9 +260,9 @@ TEST_F(LineTest, QuickStartResumesTheSavedTopSpeed) {
     ThePreferences.AdapterModel = ModelBitSURFR;
     ScriptedAdapter& adapter = Attach(4, RespondAs(BitsurfrScript()));
 
-    EXPECT_EQ(FindAdapter(), 1);
+    EXPECT_EQ(FindAdapter(), AdapterSearch::WaitingForCalls);
     EXPECT_EQ(adapter.Far().Speed(), 230400u);
-    EXPECT_TRUE(Controls().MenuItemChecked(ID_PORT_SPEED_230400));
+    EXPECT_EQ(PortSpeedChoice(), SpeedChoice::At230400);
     EXPECT_EQ(Logged().front(), "Port speed set to 230400 bps.");
     const std::vector<ReceivedCommand> commands = adapter.Commands();
     ASSERT_GE(commands.size(), 4u);
@@ -283,13 +281,13 @@ TEST_F(LineTest, AdtranWithItsSwitchAt230400IsTakenAsSavedAtTopSpeed) {
     script.NumberQuery = "ATSS62?";
     ScriptedAdapter& adapter = Attach(2, RespondAs(script));
 
-    EXPECT_EQ(FindAdapter(), 1);
+    EXPECT_EQ(FindAdapter(), AdapterSearch::WaitingForCalls);
     EXPECT_EQ(ThePreferences.MaxPortSpeed, 230400u);
     EXPECT_EQ(ThePreferences.AdapterVariant, 0);
-    EXPECT_EQ(AdapterFound.load(), 1);
+    EXPECT_EQ(AdapterFound.load(), true);
     EXPECT_EQ(SpeedClass.load(), 2);
     EXPECT_EQ(adapter.Far().Speed(), 230400u);
-    EXPECT_TRUE(Controls().MenuItemChecked(ID_PORT_SPEED_230400));
+    EXPECT_EQ(PortSpeedChoice(), SpeedChoice::At230400);
     const std::vector<ReceivedCommand> commands = adapter.Commands();
     ASSERT_GE(commands.size(), 5u);
     const Texts first = {commands[0].Text, commands[1].Text, commands[2].Text, commands[3].Text};
@@ -299,7 +297,7 @@ TEST_F(LineTest, AdtranWithItsSwitchAt230400IsTakenAsSavedAtTopSpeed) {
     ASSERT_FALSE(logged.empty());
     EXPECT_EQ(logged[0], "Port speed set to 230400 bps.");
     EXPECT_EQ(logged[1], "Initializing Incoming: V.120 - 64K");
-    EXPECT_EQ(LinePollingEnabled.load(), 1);
+    EXPECT_EQ(LinePollingEnabled.load(), true);
 }
 
 TEST_F(LineTest, FailuresOfTheQuickStart) {
@@ -308,7 +306,7 @@ TEST_F(LineTest, FailuresOfTheQuickStart) {
     ThePreferences.MaxPortSpeed = 230400;
     ThePreferences.SelectedPortSpeed = 230400;
     ThePreferences.AdapterModel = ModelAdTran;
-    EXPECT_EQ(FindAdapter(), 0);
+    EXPECT_EQ(FindAdapter(), AdapterSearch::NotFound);
     EXPECT_TRUE(Messages().empty());
     EXPECT_TRUE(Logged().empty());
 
@@ -316,12 +314,11 @@ TEST_F(LineTest, FailuresOfTheQuickStart) {
     // no search of the other ports.
     ThePreferences.AdapterModel = ModelZyXEL;
     Attach(1, RespondAs(ZyxelScript("2864")));
-    EXPECT_EQ(FindAdapter(), 0);
+    EXPECT_EQ(FindAdapter(), AdapterSearch::NotFound);
     EXPECT_EQ(Messages(), (Texts{NoAdapterMessage}));
     EXPECT_EQ(Logged(), (Texts{"ISDN TA not found."}));
-    EXPECT_EQ(AdapterFound.load(), 0);
-    EXPECT_EQ(LinePollingEnabled.load(), 0);
-    EXPECT_FALSE(MainLoop().TimerRunning(TimerHotFolders));
+    EXPECT_EQ(AdapterFound.load(), false);
+    EXPECT_EQ(LinePollingEnabled.load(), false);
     EXPECT_TRUE(adapters_[0]->Commands().empty());
 }
 

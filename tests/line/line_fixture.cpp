@@ -5,11 +5,8 @@
 #include "line/adapter.h"
 #include "line/comm_port.h"
 #include "line/profiles.h"
-#include "platform/control_model.h"
-#include "platform/event_loop.h"
 #include "platform/key_state.h"
 #include "platform/message_box.h"
-#include "resources/resource.h"
 #include "stores/paths.h"
 #include "stores/preferences.h"
 #include "stores/status_log.h"
@@ -25,52 +22,6 @@ std::string Lines(const std::string& command, const std::vector<std::string>& li
 }
 
 }  // namespace
-
-void MakeWindowControls() {
-    ControlModel& controls = Controls();
-    controls.Reset();
-    auto list = [&](int id, std::vector<std::string> rows) {
-        ControlState state;
-        state.Id = id;
-        state.Kind = ControlKind::DropDown;
-        for (const std::string& row : rows) {
-            state.Rows.push_back({row, "", 0});
-        }
-        controls.Create(state);
-    };
-    auto box = [&](int id, const char* text, bool shown) {
-        ControlState state;
-        state.Id = id;
-        state.Kind = ControlKind::CheckBox;
-        state.Text = text;
-        state.Shown = shown;
-        controls.Create(state);
-    };
-    list(IDC_PROTOCOL, {"V.120", "AIMUX", "X.75"});
-    list(IDC_CARRIER, {"Default", "AT&T", "MCI", "Sprint"});
-    list(IDC_IN_PROTOCOL, {"V.120", "AIMUX", "X.75"});
-    box(IDC_56K, "56K", true);
-    box(IDC_2B, "2B", false);
-    box(IDC_V42, "V.42", false);
-    box(IDC_IN_56K, "56K", true);
-    box(IDC_IN_2B, "2B", false);
-    box(IDC_IN_V42, "V.42", false);
-    box(IDC_IGNORE_HOT, "Ignore Hot Folders", true);
-    ControlState number;
-    number.Id = IDC_OWN_NUMBER;
-    number.Kind = ControlKind::Label;
-    number.Text = "Your ISDN Number: ";
-    number.Enabled = false;
-    controls.Create(number);
-    controls.SetMenus({
-        {"&File",
-         {{ID_FILE_EXPORT_ENTRY, "&Export Directory Entry...", false},
-          {0, "", false},
-          {ID_FILE_EXIT, "E&xit", false}}},
-        {"&Port Speed",
-         {{ID_PORT_SPEED_115200, "115200", false}, {ID_PORT_SPEED_230400, "230400", false}}},
-    });
-}
 
 AdapterScript BitsurfrScript() {
     AdapterScript script;
@@ -142,15 +93,13 @@ void LineTest::SetUp() {
     BuildPaths(root_.Path());
     ThePreferences = Preferences{};
     ThePreferences.MaxPortSpeed = DefaultMaxPortSpeed;
-    AdapterFound.store(0);
+    AdapterFound.store(false);
     SpeedClass.store(0);
-    SetLinePolling(0);
+    SetLinePolling(false);
     RateEstimate.store(0);
     std::memset(LocalNumber, 0, sizeof LocalNumber);
     std::memset(TokenBuffer, 0, TokenBufferSize);
-    MakeWindowControls();
-    MainLoop().KillTimer(TimerHotFolders);
-    ASSERT_EQ(CommPortCreate(), 1);
+    ASSERT_TRUE(CommPortCreate());
     // A port with nothing linked would be a real /dev/ttyS*: every port of
     // the installation is a plain file until a test attaches an adapter.
     for (int port = 1; port <= 4; ++port) {
@@ -161,7 +110,6 @@ void LineTest::SetUp() {
 void LineTest::TearDown() {
     CommPortDestroy();
     adapters_.clear();
-    MainLoop().KillTimer(TimerHotFolders);
     SetKeyStateQuery(nullptr);
     SetMessageBoxHandler(nullptr);
     SetLogLineSink(nullptr);
@@ -180,8 +128,8 @@ void LineTest::NoDeviceAt(int port) {
 void LineTest::OpenPort(int port, uint32_t speed) {
     SelectPortNumber(static_cast<uint8_t>(port));
     SelectPortBaud(speed);
-    ASSERT_NE(CommPortOpen(), 0);
-    ASSERT_EQ(EnableHardwareHandshake(), 1);
+    ASSERT_TRUE(CommPortOpen());
+    ASSERT_TRUE(EnableHardwareHandshake());
 }
 
 std::vector<std::string> LineTest::Logged() const {
@@ -198,12 +146,4 @@ void LineTest::ClearLogged() {
     std::lock_guard<std::mutex> guard(lock_);
     logged_.clear();
     messages_.clear();
-}
-
-std::vector<std::string> RowTexts(int id) {
-    std::vector<std::string> texts;
-    for (const ListRow& row : Controls().Rows(id)) {
-        texts.push_back(row.Text);
-    }
-    return texts;
 }

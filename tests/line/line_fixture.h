@@ -1,6 +1,6 @@
-// What the line's tests share: an installation in a fresh folder with the
-// window's controls and menus that the line drives, the log and the messages
-// caught, and adapters played by the test on pseudo-terminals linked as COMn.
+// What the line's tests share: an installation in a fresh folder, the log and
+// the messages caught, and adapters played by the test on pseudo-terminals
+// linked as COMn.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -62,8 +62,3 @@ private:
     std::vector<std::string> logged_;
     std::vector<std::string> messages_;
 };
-
-// The window's controls and menus as the window makes them at its start.
-void MakeWindowControls();
-// The rows of a list control.
-std::vector<std::string> RowTexts(int id);

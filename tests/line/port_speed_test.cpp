@@ -7,9 +7,7 @@
 #include "line/adapter.h"
 #include "line/comm_port.h"
 #include "line_fixture.h"
-#include "platform/control_model.h"
 #include "platform/message_box.h"
-#include "resources/resource.h"
 #include "stores/preferences.h"
 
 namespace {
@@ -52,7 +50,7 @@ protected:
     // An adapter found on port n by the search: the port at 9600 bps.
     ScriptedAdapter& FoundAt(int port, int16_t model, AdapterScript script) {
         ThePreferences.AdapterModel = model;
-        AdapterFound.store(1);
+        AdapterFound.store(true);
         ScriptedAdapter& adapter = Attach(port, RespondAs(std::move(script)));
         OpenPort(port, 9600);
         return adapter;
@@ -131,12 +129,12 @@ TEST_F(PortSpeedTest, MenuMovesOfEachFamily) {
     for (const MoveCase& c : cases) {
         SCOPED_TRACE(c.Name);
         ClearLogged();
-        MakeWindowControls();
         ThePreferences.AdapterModel = c.Model;
-        AdapterFound.store(1);
+        ThePreferences.MaxPortSpeed = 230400;
+        AdapterFound.store(true);
         ScriptedAdapter& adapter = Attach(port, RespondAs(c.Script));
         OpenPort(port++, 115200);
-        SetLinePolling(1);
+        SetLinePolling(true);
         // While the message about the switch waits for the user, the port
         // has moved and nothing has been sent yet.
         std::vector<std::pair<uint32_t, size_t>> atMessage;
@@ -144,22 +142,20 @@ TEST_F(PortSpeedTest, MenuMovesOfEachFamily) {
             atMessage.push_back({adapter.Far().Speed(), adapter.Commands().size()});
         };
 
-        OnPortSpeed230400();
+        ChangePortSpeed(230400);
         ASSERT_TRUE(adapter.WaitForCommands(c.Up.size(), 2000));
         EXPECT_EQ(Described(adapter.Commands(), c.Up), Described(c.Up));
         EXPECT_EQ(ThePort->BaudRate.load(), 230400u);
-        EXPECT_TRUE(Controls().MenuItemChecked(ID_PORT_SPEED_230400));
-        EXPECT_FALSE(Controls().MenuItemChecked(ID_PORT_SPEED_115200));
+        EXPECT_EQ(PortSpeedChoice(), SpeedChoice::At230400);
         EXPECT_EQ(ThePreferences.SelectedPortSpeed, 230400u);
-        EXPECT_EQ(LinePollingEnabled.load(), 1);
+        EXPECT_TRUE(LinePollingEnabled.load());
 
         adapter.ClearCommands();
-        OnPortSpeed115200();
+        ChangePortSpeed(115200);
         ASSERT_TRUE(adapter.WaitForCommands(c.Down.size(), 2000));
         EXPECT_EQ(Described(adapter.Commands(), c.Down), Described(c.Down));
         EXPECT_EQ(adapter.Far().Speed(), 115200u);
-        EXPECT_TRUE(Controls().MenuItemChecked(ID_PORT_SPEED_115200));
-        EXPECT_FALSE(Controls().MenuItemChecked(ID_PORT_SPEED_230400));
+        EXPECT_EQ(PortSpeedChoice(), SpeedChoice::At115200);
         EXPECT_EQ(ThePreferences.SelectedPortSpeed, 115200u);
         EXPECT_EQ(Logged(), (Texts{"Port speed changed to 230400 bps.",
                                    "Port speed changed to 115200 bps."}));
@@ -169,7 +165,7 @@ TEST_F(PortSpeedTest, MenuMovesOfEachFamily) {
             EXPECT_EQ(atMessage, expected);
         }
         messageHook_ = nullptr;
-        SetLinePolling(0);
+        SetLinePolling(false);
         CommPortClose();
     }
 }

@@ -9,22 +9,19 @@
 #include "line/adapter.h"
 #include "line/comm_port.h"
 #include "line_fixture.h"
-#include "platform/control_model.h"
-#include "platform/event_loop.h"
-#include "resources/resource.h"
 #include "stores/preferences.h"
 
 namespace {
 
 using Texts = std::vector<std::string>;
 
-// An adapter found on COM1 at 115200 bps that answers every command with OK.
+// An adapter found on COM1 at 115200 bps.
 class ProfileTest : public LineTest {
 protected:
     void Found(int16_t model, int16_t variant, int16_t speedClass) {
         ThePreferences.AdapterModel = model;
         ThePreferences.AdapterVariant = variant;
-        AdapterFound.store(1);
+        AdapterFound.store(true);
         SpeedClass.store(speedClass);
     }
     ScriptedAdapter& Adapter(AdapterScript script) {
@@ -45,7 +42,7 @@ struct NumberCase {
     int16_t Variant;
     std::string Query;
     std::string Reply;
-    std::string Shown;  // "" when the line keeps its state
+    std::string Shown;  // "" when the reply gives no number
     std::string Number;
 };
 
@@ -84,196 +81,235 @@ TEST_F(ProfileTest, EachFamilysNumberIsReadAsItWritesIt) {
     // The adapter's thread outlives this body, so what it reads is shared.
     struct Reply {
         std::mutex Lock;
+        std::string Query;
         std::string Text;
     };
     const auto reply = std::make_shared<Reply>();
-    ScriptedAdapter& adapter = Attach(1, [reply](const std::string&, uint32_t) {
+    ScriptedAdapter& adapter = Attach(1, [reply](const std::string& command, uint32_t) {
         std::lock_guard<std::mutex> guard(reply->Lock);
-        return reply->Text;
+        return command == reply->Query ? reply->Text : Answer(command);
     });
     OpenPort(1, 115200);
     for (const NumberCase& c : cases) {
         SCOPED_TRACE(c.Name);
         {
             std::lock_guard<std::mutex> guard(reply->Lock);
+            reply->Query = c.Query;
             reply->Text = c.Reply;
         }
         Found(c.Model, c.Variant, 2);
-        Controls().SetText(IDC_OWN_NUMBER, "Your ISDN Number: ");
-        Controls().Enable(IDC_OWN_NUMBER, false);
         std::memset(LocalNumber, 'x', sizeof LocalNumber);
         adapter.ClearCommands();
 
-        ShowLocalNumber();
-        EXPECT_EQ(adapter.CommandTexts(), (Texts{c.Query}));
+        EXPECT_TRUE(InitializeIncoming());
+        ASSERT_FALSE(adapter.CommandTexts().empty());
+        EXPECT_EQ(adapter.CommandTexts()[0], c.Query) << "the number is asked before the profile";
+        EXPECT_EQ(OwnNumberCaption(), c.Shown);
         if (c.Shown.empty()) {
-            EXPECT_EQ(Controls().Text(IDC_OWN_NUMBER), "Your ISDN Number: ");
-            EXPECT_FALSE(Controls().Enabled(IDC_OWN_NUMBER));
             EXPECT_EQ(std::string(LocalNumber, sizeof LocalNumber), std::string(32, 'x'))
                 << "a reply without a number leaves it as it was";
             continue;
         }
-        EXPECT_EQ(Controls().Text(IDC_OWN_NUMBER), c.Shown);
-        EXPECT_TRUE(Controls().Enabled(IDC_OWN_NUMBER));
         std::string expected(c.Number);
         expected.resize(32, '\0');
         EXPECT_EQ(std::string(LocalNumber, sizeof LocalNumber), expected)
             << "the number, with zeros behind it";
     }
-
-    // Without an adapter nothing is asked and the line goes dark.
-    AdapterFound.store(0);
-    Controls().Enable(IDC_OWN_NUMBER, true);
-    adapter.ClearCommands();
-    ShowLocalNumber();
-    EXPECT_FALSE(Controls().Enabled(IDC_OWN_NUMBER));
-    EXPECT_TRUE(adapter.CommandTexts().empty());
 }
 
-TEST_F(ProfileTest, ZyxelIncomingProfileCarriesBothChannelOptions) {
-    Found(ModelZyXEL, 1, 2);
-    ThePreferences.Incoming2B = 1;
-    ThePreferences.IncomingV42 = 1;
-    ThePreferences.IgnoreHotFolders = 1;
-    ScriptedAdapter& adapter = Adapter(ZyxelScript("2864"));
-
-    InitializeIncoming();
-    EXPECT_EQ(adapter.CommandTexts(),
-              (Texts{"AT&ZI?", "AT&H3&D0&C1&E0&S0Q0E1V1B20&O2S0=0X1&J3&K44"}));
-    EXPECT_EQ(RateEstimate.load(), 32000);
-    EXPECT_EQ(Logged(), (Texts{"Initializing Incoming: V.120 - 64K", "2B channel connection ON",
-                               "V.42bis compression ON"}));
-    EXPECT_TRUE(MainLoop().TimerRunning(TimerHotFolders));
-    EXPECT_TRUE(Messages().empty());
-
-    EXPECT_EQ(RowTexts(IDC_PROTOCOL), (Texts{"V.120", "X.75"}));
-    EXPECT_EQ(RowTexts(IDC_IN_PROTOCOL), (Texts{"V.120", "X.75"}));
-    for (int id : {IDC_2B, IDC_V42, IDC_IN_2B, IDC_IN_V42}) {
-        EXPECT_TRUE(Controls().Shown(id)) << id;
-    }
-    EXPECT_TRUE(Controls().Checked(IDC_IN_2B));
-    EXPECT_TRUE(Controls().Checked(IDC_IN_V42));
-    EXPECT_FALSE(Controls().Checked(IDC_IN_56K));
-    EXPECT_TRUE(Controls().Checked(IDC_IGNORE_HOT));
-    EXPECT_EQ(Controls().Selection(IDC_IN_PROTOCOL), 0);
-    EXPECT_EQ(Controls().Selection(IDC_PROTOCOL), 0);
-    EXPECT_EQ(Controls().Selection(IDC_CARRIER), 0);
-}
-
-TEST_F(ProfileTest, ZyxelX75IsRowOneAndItsOwnSlots) {
-    Found(ModelZyXEL, 3, 2);
-    ThePreferences.IncomingProtocol = 2;
-    ThePreferences.Incoming56K = 1;
-    ScriptedAdapter& adapter = Adapter(ZyxelScript("1282"));
-
-    InitializeIncoming();
-    EXPECT_EQ(Controls().Selection(IDC_IN_PROTOCOL), 1);
-    EXPECT_EQ(Controls().RowText(IDC_IN_PROTOCOL, 1), "X.75");
-    EXPECT_EQ(LastCommand(adapter), "AT&H3&D0&C1&E1&S0Q0E1V1B00&O2S0=0X1&J0&K00");
-    EXPECT_EQ(RateEstimate.load(), 7000);
-    EXPECT_EQ(Logged(), (Texts{"Initializing Incoming: X.75 - 56K", "2B channel connection OFF",
-                               "V.42bis compression OFF"}));
-    EXPECT_EQ(ThePreferences.IncomingProtocol, 2);
-
-    // Outgoing, row 1 is X.75 too, and the outgoing boxes count.
-    Controls().Select(IDC_PROTOCOL, 1);
-    Controls().Check(IDC_56K, false);
-    Controls().Check(IDC_2B, true);
-    Controls().Check(IDC_V42, false);
-    Controls().Check(IDC_IN_V42, true);
-    ClearLogged();
-    InitializeOutgoing();
-    EXPECT_EQ(LastCommand(adapter), "AT&H3&D0&C1&E0&S0Q0E1V1B00&O2S0=0X1&J3&K00");
-    EXPECT_EQ(RateEstimate.load(), 16000);
-    EXPECT_EQ(Logged(), (Texts{"Initializing Outgoing: X.75 - 64K", "2B channel connection ON",
-                               "V.42bis compression OFF"}));
-}
-
-TEST_F(ProfileTest, ProtocolListsFollowTheFamily) {
-    struct ListCase {
+// The first incoming profile of each family: the protocol saved, unless the
+// adapter on this port does not offer it, and the channel options of the
+// families that have them.
+TEST_F(ProfileTest, TheFirstIncomingProfileFollowsThePreferencesAndTheFamily) {
+    struct IncomingCase {
         const char* Name;
         int16_t Model;
         int16_t Variant;
         int16_t SpeedClass;
-        int16_t SavedProtocol;
-        Texts Rows;
+        int16_t Saved;  // IncomingProtocol
+        bool At56k;
+        bool TwoChannels;
+        bool Compression;
         int16_t ProtocolAfter;
-        int Selection;
+        Texts Logged;
+        std::string Command;  // "" where another case has the family's strings
+        uint16_t Rate;
     };
-    const ListCase cases[] = {
-        {"BitSURFR on a slow port", ModelBitSURFR, 0, 1, 1, {"V.120"}, 0, 0},
-        {"BitSURFR on a fast port", ModelBitSURFR, 0, 2, 1, {"V.120", "AIMUX"}, 1, 1},
-        {"AdTran with X.75 saved", ModelAdTran, 1, 2, 2, {"V.120", "AIMUX"}, 0, 0},
-        {"Omni.net offers V.120 alone", ModelZyXEL, 2, 2, 2, {"V.120"}, 0, 0},
-        {"Elite with AIMUX saved", ModelZyXEL, 1, 2, 1, {"V.120", "X.75"}, 0, 0},
-        {"3Com with X.75 saved", Model3Com, 0, 2, 2, {"V.120"}, 0, 0},
+    const IncomingCase cases[] = {
+        {"ZyXEL with both options",
+         ModelZyXEL,
+         1,
+         2,
+         0,
+         false,
+         true,
+         true,
+         0,
+         {"Initializing Incoming: V.120 - 64K", "2B channel connection ON",
+          "V.42bis compression ON"},
+         "AT&H3&D0&C1&E0&S0Q0E1V1B20&O2S0=0X1&J3&K44",
+         32000},
+        {"ZyXEL X.75 at 56K",
+         ModelZyXEL,
+         3,
+         2,
+         2,
+         true,
+         false,
+         false,
+         2,
+         {"Initializing Incoming: X.75 - 56K", "2B channel connection OFF",
+          "V.42bis compression OFF"},
+         "AT&H3&D0&C1&E1&S0Q0E1V1B00&O2S0=0X1&J0&K00",
+         7000},
+        {"BitSURFR on a slow port with AIMUX saved",
+         ModelBitSURFR,
+         0,
+         1,
+         1,
+         false,
+         true,
+         true,
+         0,
+         {"Initializing Incoming: V.120 - 64K"},
+         "AT\\Q3%A2=2%A4=0S0=0S12=25&D0&C1W1E1",
+         8000},
+        {"BitSURFR on a fast port",
+         ModelBitSURFR,
+         0,
+         2,
+         1,
+         false,
+         false,
+         false,
+         1,
+         {"Initializing Incoming: AIMUX - 64K"},
+         "",
+         16000},
+        {"AdTran with X.75 saved",
+         ModelAdTran,
+         1,
+         2,
+         2,
+         false,
+         false,
+         false,
+         0,
+         {"Initializing Incoming: V.120 - 64K"},
+         "",
+         8000},
+        {"Omni.net with X.75 saved",
+         ModelZyXEL,
+         2,
+         2,
+         2,
+         false,
+         false,
+         false,
+         0,
+         {"Initializing Incoming: V.120 - 64K", "2B channel connection OFF",
+          "V.42bis compression OFF"},
+         "",
+         8000},
+        {"Elite with AIMUX saved",
+         ModelZyXEL,
+         1,
+         2,
+         1,
+         false,
+         false,
+         false,
+         0,
+         {"Initializing Incoming: V.120 - 64K", "2B channel connection OFF",
+          "V.42bis compression OFF"},
+         "",
+         8000},
+        {"3Com with X.75 saved",
+         Model3Com,
+         0,
+         2,
+         2,
+         false,
+         false,
+         false,
+         0,
+         {"Initializing Incoming: V.120 - 64K"},
+         "",
+         8000},
     };
-    for (const ListCase& c : cases) {
+    ScriptedAdapter& adapter = Adapter(ZyxelScript("2864"));
+    for (const IncomingCase& c : cases) {
         SCOPED_TRACE(c.Name);
-        MakeWindowControls();
         ThePreferences = Preferences{};
         Found(c.Model, c.Variant, c.SpeedClass);
-        ThePreferences.IncomingProtocol = c.SavedProtocol;
-        ThePreferences.Incoming2B = 1;
-        ApplyAdapterToWindow();
-        EXPECT_EQ(RowTexts(IDC_PROTOCOL), c.Rows);
-        EXPECT_EQ(RowTexts(IDC_IN_PROTOCOL), c.Rows);
+        ThePreferences.IncomingProtocol = c.Saved;
+        ThePreferences.Incoming56K = c.At56k ? 1 : 0;
+        ThePreferences.Incoming2B = c.TwoChannels ? 1 : 0;
+        ThePreferences.IncomingV42 = c.Compression ? 1 : 0;
+        ClearLogged();
+
+        EXPECT_TRUE(InitializeIncoming());
         EXPECT_EQ(ThePreferences.IncomingProtocol, c.ProtocolAfter);
-        EXPECT_EQ(Controls().Selection(IDC_IN_PROTOCOL), c.Selection);
-        const bool zyxel = c.Model == ModelZyXEL;
-        EXPECT_EQ(Controls().Shown(IDC_IN_2B), zyxel);
-        EXPECT_EQ(Controls().Shown(IDC_2B), zyxel);
-        EXPECT_TRUE(Controls().Checked(IDC_IN_2B)) << "set from the record in every family";
+        EXPECT_EQ(Logged(), c.Logged);
+        EXPECT_EQ(RateEstimate.load(), c.Rate);
+        if (!c.Command.empty()) {
+            EXPECT_EQ(LastCommand(adapter), c.Command);
+        }
+        EXPECT_TRUE(Messages().empty());
     }
 }
 
-TEST_F(ProfileTest, OtherFamiliesGetNoChannelOptions) {
-    Found(ModelBitSURFR, 0, 1);
-    ThePreferences.IncomingProtocol = 1;
-    ThePreferences.Incoming2B = 1;
-    ThePreferences.IncomingV42 = 1;
-    ScriptedAdapter& adapter = Adapter(BitsurfrScript());
-
-    InitializeIncoming();
-    EXPECT_EQ(LastCommand(adapter), "AT\\Q3%A2=2%A4=0S0=0S12=25&D0&C1W1E1");
-    EXPECT_EQ(RateEstimate.load(), 8000);
-    EXPECT_EQ(Logged(), (Texts{"Initializing Incoming: V.120 - 64K"}));
-
-    // A 3Com whose record still holds the X.75 of another adapter sends
-    // its V.120 profile.
-    SpeedClass.store(2);
-    ThePreferences.AdapterModel = Model3Com;
-    ThePreferences.IncomingProtocol = 2;
-    ThePreferences.Incoming56K = 1;
-    ClearLogged();
-    ReinitializeIncoming();
-    EXPECT_EQ(LastCommand(adapter), "AT\\Q3S0=0&D0&C1W1E1S71=2S73=1S74=256S75=0S60=56");
-    EXPECT_EQ(RateEstimate.load(), 7000);
-    EXPECT_EQ(Logged(),
-              (Texts{"------------------------------", "Reinitializing Incoming: V.120 - 56K"}));
-}
-
-TEST_F(ProfileTest, OutgoingProfileFollowsTheOutgoingControls) {
-    Found(ModelAdTran, 0, 2);
+TEST_F(ProfileTest, TheOutgoingProfileFollowsTheChosenSettings) {
+    struct OutgoingCase {
+        const char* Name;
+        int16_t Model;
+        int16_t Variant;
+        OutgoingSettings Settings;
+        std::string Command;
+        uint16_t Rate;
+        Texts Logged;
+    };
+    const OutgoingCase cases[] = {
+        {"ZyXEL X.75 with 2B",
+         ModelZyXEL,
+         3,
+         {ProtocolX75, false, true, false},
+         "AT&H3&D0&C1&E0&S0Q0E1V1B00&O2S0=0X1&J3&K00",
+         16000,
+         {"Initializing Outgoing: X.75 - 64K", "2B channel connection ON",
+          "V.42bis compression OFF"}},
+        {"AdTran AIMUX at 56K, its 2B box without effect",
+         ModelAdTran,
+         0,
+         {ProtocolAimux, true, true, false},
+         "AT&F4\\Q3&D0X1S0=0S12=25S53=2S54=2S15=1",
+         14000,
+         {"Initializing Outgoing: AIMUX - 56K"}},
+        {"AdTran V.120",
+         ModelAdTran,
+         0,
+         {ProtocolV120, false, false, false},
+         "AT&F3\\Q3&D0X1S0=0S12=25S53=3S54=6",
+         8000,
+         {"Initializing Outgoing: V.120 - 64K"}},
+        {"3Com with X.75 asked for",
+         Model3Com,
+         0,
+         {ProtocolX75, false, false, false},
+         "AT\\Q3S0=0&D0&C1W1E1S71=2S73=0S74=253S75=0S60=64",
+         8000,
+         {"Initializing Outgoing: V.120 - 64K"}},
+    };
     ScriptedAdapter& adapter = Adapter(AdtranScript(false));
-    ApplyAdapterToWindow();
-
-    Controls().Select(IDC_PROTOCOL, 1);
-    Controls().Check(IDC_56K, true);
-    Controls().Check(IDC_2B, true);
-    InitializeOutgoing();
-    EXPECT_EQ(LastCommand(adapter), std::string(LoadResourceString(114)));
-    EXPECT_EQ(LastCommand(adapter), "AT&F4\\Q3&D0X1S0=0S12=25S53=2S54=2S15=1");
-    EXPECT_EQ(RateEstimate.load(), 14000);
-
-    // No row chosen is V.120.
-    Controls().Select(IDC_PROTOCOL, -1);
-    Controls().Check(IDC_56K, false);
-    InitializeOutgoing();
-    EXPECT_EQ(LastCommand(adapter), "AT&F3\\Q3&D0X1S0=0S12=25S53=3S54=6");
-    EXPECT_EQ(RateEstimate.load(), 8000);
-    EXPECT_EQ(Logged(),
-              (Texts{"Initializing Outgoing: AIMUX - 56K", "Initializing Outgoing: V.120 - 64K"}));
+    for (const OutgoingCase& c : cases) {
+        SCOPED_TRACE(c.Name);
+        Found(c.Model, c.Variant, 2);
+        ClearLogged();
+        InitializeOutgoing(c.Settings);
+        EXPECT_EQ(LastCommand(adapter), c.Command);
+        EXPECT_EQ(RateEstimate.load(), c.Rate);
+        EXPECT_EQ(Logged(), c.Logged);
+    }
 }
 
 TEST_F(ProfileTest, LaterIncomingSetUpDrainsTheLineFirstAndIgnoresItsResult) {
@@ -294,8 +330,18 @@ TEST_F(ProfileTest, LaterIncomingSetUpDrainsTheLineFirstAndIgnoresItsResult) {
     EXPECT_EQ(Logged(),
               (Texts{"------------------------------", "Reinitializing Incoming: AIMUX - 64K"}));
 
+    // A 3Com whose record still holds the X.75 of another adapter sends its
+    // V.120 profile.
+    ThePreferences.AdapterModel = Model3Com;
+    ThePreferences.IncomingProtocol = 2;
+    ThePreferences.Incoming56K = 1;
+    ClearLogged();
+    ReinitializeIncoming();
+    EXPECT_EQ(LastCommand(adapter), "AT\\Q3S0=0&D0&C1W1E1S71=2S73=1S74=256S75=0S60=56");
+    EXPECT_EQ(RateEstimate.load(), 7000);
+
     // Without an adapter nothing goes out.
-    AdapterFound.store(0);
+    AdapterFound.store(false);
     adapter.ClearCommands();
     ClearLogged();
     ReinitializeIncoming();
@@ -303,16 +349,15 @@ TEST_F(ProfileTest, LaterIncomingSetUpDrainsTheLineFirstAndIgnoresItsResult) {
     EXPECT_TRUE(Logged().empty());
 }
 
-TEST_F(ProfileTest, FirstIncomingSetUpThatFailsIsReportedAndStartsNoTimer) {
+TEST_F(ProfileTest, AFirstIncomingSetUpThatFailsIsReported) {
     Found(Model3Com, 0, 2);
     AdapterScript script = ThreeComScript();
     script.Unanswered = {"AT\\Q3S0=0&D0&C1W1E1S71=2S73=0S74=253S75=0S60=64"};
     Adapter(script);
 
-    InitializeIncoming();
+    EXPECT_FALSE(InitializeIncoming());
     EXPECT_EQ(Messages(), (Texts{"Communications read time out during Startup."}));
-    EXPECT_FALSE(MainLoop().TimerRunning(TimerHotFolders));
-    EXPECT_EQ(Controls().Text(IDC_OWN_NUMBER), "Your ISDN Number: 5553882     3ComImpact IQ");
+    EXPECT_EQ(OwnNumberCaption(), "Your ISDN Number: 5553882     3ComImpact IQ");
 }
 
 TEST_F(ProfileTest, ClosingCommandWaitsForOkExceptOnThe3Com) {
@@ -328,7 +373,7 @@ TEST_F(ProfileTest, ClosingCommandWaitsForOkExceptOnThe3Com) {
     EXPECT_STREQ(TokenBuffer, "AT&O0E1\r\r\nOK\r\n");
     EXPECT_EQ(adapter.CommandTexts(), (Texts{"AT$B0E1", "AT&O0E1"}));
 
-    AdapterFound.store(0);
+    AdapterFound.store(false);
     adapter.ClearCommands();
     SendClosingCommand();
     ThePreferences.AdapterModel = Model3Com;

@@ -1,4 +1,4 @@
-#include "platform/control_model.h"
+#include "app/control_model.h"
 
 #include <gtest/gtest.h>
 
