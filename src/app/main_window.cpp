@@ -24,7 +24,6 @@
 
 std::atomic<int32_t> MeasuredRate{0};
 std::atomic<int32_t> SplashPending{1};
-EngineWindow* TheMainWindow = nullptr;
 
 namespace {
 

@@ -22,6 +22,8 @@ void NoWindow::ClearFileList() {
     TheEngine.SendRemaining = 0;
 }
 
+EngineWindow* TheMainWindow = nullptr;
+
 namespace {
 
 NoWindow Windowless;

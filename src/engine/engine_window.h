@@ -37,5 +37,6 @@ public:
     virtual int ImportDirectoryEntry(const std::string& path) = 0;
 };
 
-// The window, once it exists; null before and after.
+// The window, once it exists; null before and after, and in a program that has
+// none, whose engine then shows nothing.
 extern EngineWindow* TheMainWindow;

@@ -17,9 +17,6 @@
 #include "stores/preferences.h"
 #include "stores/status_log.h"
 
-// The program's window defines these; the engine's tests have their own.
-EngineWindow* TheMainWindow = nullptr;
-
 // ---------------------------------------------------------------------------
 
 void RecordingWindow::Note(const std::string& call) {
