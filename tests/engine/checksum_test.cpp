@@ -3,14 +3,17 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <random>
+#include <string>
 #include <vector>
+
+#include "support/test_data.h"
 
 namespace {
 
 // CRC-16/XMODEM one bit at a time, written from the definition and sharing
 // nothing with the table-driven code under test.
-uint16_t BitwiseCrc(const uint8_t* bytes, size_t length, uint16_t crc) {
+uint16_t BitwiseCrc(const uint8_t* bytes, size_t length) {
+    uint16_t crc = 0;
     for (size_t i = 0; i < length; ++i) {
         crc = static_cast<uint16_t>(crc ^ (bytes[i] << 8));
         for (int bit = 0; bit < 8; ++bit) {
@@ -27,61 +30,42 @@ uint16_t ReferenceSectionCrc(const uint8_t* bytes, size_t length) {
     const size_t chunks = length <= 1024 ? 0 : (length - 1) / 1024;
     std::vector<uint8_t> list;
     for (size_t i = 0; i < chunks; ++i) {
-        const uint16_t value = BitwiseCrc(bytes + i * 1024, 1024, 0);
+        const uint16_t value = BitwiseCrc(bytes + i * 1024, 1024);
         list.insert(list.end(), {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)});
     }
-    return BitwiseCrc(list.data(), list.size(), 0);
+    return BitwiseCrc(list.data(), list.size());
 }
 
-std::vector<uint8_t> RandomBytes(std::mt19937& random, size_t length) {
-    std::uniform_int_distribution<int> byte(0, 255);
-    std::vector<uint8_t> bytes(length);
-    for (auto& b : bytes) {
-        b = static_cast<uint8_t>(byte(random));
-    }
-    return bytes;
-}
-
-std::vector<uint8_t> Repeated(const char* text, size_t length) {
-    std::vector<uint8_t> bytes(length);
-    const size_t n = std::char_traits<char>::length(text);
-    for (size_t i = 0; i < length; ++i) {
-        bytes[i] = static_cast<uint8_t>(text[i % n]);
-    }
-    return bytes;
-}
-
-std::vector<uint8_t> Counting(size_t length) {
-    std::vector<uint8_t> bytes(length);
-    for (size_t i = 0; i < length; ++i) {
-        bytes[i] = static_cast<uint8_t>(i % 256);
-    }
-    return bytes;
+const uint8_t* Data(const std::string& bytes) {
+    return reinterpret_cast<const uint8_t*>(bytes.data());
 }
 
 TEST(Checksum, WorkedValues) {
-    const auto abc = Repeated("abc", 3);
-    EXPECT_EQ(Crc16(abc.data(), 3, 0), 0x9DD6);
-    EXPECT_EQ(SectionCrc(abc.data(), 3), 0x0000);
-
-    const auto abc1200 = Repeated("abc", 1200);
-    EXPECT_EQ(Crc16(abc1200.data(), 1024, 0), 0x10EE);
+    std::string abc;
+    while (abc.size() < 1200) {
+        abc += "abc";
+    }
+    EXPECT_EQ(Crc16(Data(abc), 3, 0), 0x9DD6);
+    EXPECT_EQ(SectionCrc(Data(abc), 3), 0x0000);
+    EXPECT_EQ(Crc16(Data(abc), 1024, 0), 0x10EE);
     const uint8_t firstChunk[2] = {0x10, 0xEE};
     EXPECT_EQ(Crc16(firstChunk, 2, 0), 0x1F93);
-    EXPECT_EQ(SectionCrc(abc1200.data(), 1200), 0x1F93);
+    EXPECT_EQ(SectionCrc(Data(abc), 1200), 0x1F93);
 
-    const auto section = Counting(131070);
-    EXPECT_EQ(SectionCrc(section.data(), 131070), 0x37BA);
+    std::string counting(131070, '\0');
+    for (size_t i = 0; i < counting.size(); ++i) {
+        counting[i] = static_cast<char>(i % 256);
+    }
+    EXPECT_EQ(SectionCrc(Data(counting), 131070), 0x37BA);
 }
 
 TEST(Checksum, SectionCrcMatchesTheTwoLevelDefinition) {
-    std::mt19937 random(11);
-    const auto bytes = RandomBytes(random, 131072);
+    const std::string bytes = RandomBytes(131072, 11);
     // Up to 1024 bytes no chunk is covered and the checksum is 0; a length
     // of whole chunks leaves its last full chunk out.
     for (uint32_t n : {0u, 1u, 1023u, 1024u, 1025u, 2047u, 2048u, 2049u, 4096u, 50000u, 131070u,
                        131071u, 131072u}) {
-        EXPECT_EQ(SectionCrc(bytes.data(), n), ReferenceSectionCrc(bytes.data(), n))
+        EXPECT_EQ(SectionCrc(Data(bytes), n), ReferenceSectionCrc(Data(bytes), n))
             << "length " << n;
     }
 }

@@ -2,43 +2,16 @@
 
 #include <algorithm>
 #include <chrono>
-#include <random>
 #include <thread>
 
-#include "engine/receiving_session_test_hooks.h"
-#include "engine/recovery.h"
-#include "engine/sessions.h"
+#include "engine/engine_window.h"
 #include "engine/wire.h"
 #include "line/adapter.h"
 #include "line/comm_port.h"
 #include "platform/clock.h"
 #include "platform/files.h"
-#include "stores/paths.h"
 #include "stores/preferences.h"
 #include "stores/status_log.h"
-
-// ---------------------------------------------------------------------------
-
-void RecordingWindow::Note(const std::string& call) {
-    std::lock_guard<std::mutex> guard(lock_);
-    calls_.push_back(call);
-}
-
-bool RecordingWindow::Called(const std::string& call) const {
-    std::lock_guard<std::mutex> guard(lock_);
-    return std::find(calls_.begin(), calls_.end(), call) != calls_.end();
-}
-
-void RecordingWindow::RecomputeSendTotal() {
-    NoWindow::RecomputeSendTotal();
-    Note("RecomputeSendTotal");
-}
-
-void RecordingWindow::AddFolderToSendList(const std::string& path, const std::string& name) {
-    Note("AddFolderToSendList(" + path + "," + name + ")");
-}
-
-// ---------------------------------------------------------------------------
 
 std::string LetterBytes(size_t size) {
     std::string bytes(size, 'a');
@@ -59,27 +32,10 @@ std::string ListFor(const std::vector<peer::File>& files) {
     return "H100\r\n" + peer::Header(static_cast<uint32_t>(files.size()), total) + entries;
 }
 
-std::string BodyAt(uint32_t dataLength, int16_t section, uint32_t receiveRemaining) {
-    FileEntry position;
-    SetEntryLengths(position, dataLength);
-    position.CreatorCode = DefaultCreatorCode;
-    position.TypeCode = DefaultTypeCode;
-    position.NextBlock = static_cast<int16_t>(section * 16);
-    position.BlocksDone = position.NextBlock;
-    position.BytesDone = static_cast<uint32_t>(section) * SectionWireBytes;
-    const RecoveryBody body = MakeRecoveryBody(8192, receiveRemaining, position);
-    return std::string(reinterpret_cast<const char*>(&body), sizeof body);
-}
-
-// ---------------------------------------------------------------------------
-
 void EngineHarness::SetUp() {
     SetLogLineSink([this](const std::string& line) {
-        {
-            std::lock_guard<std::mutex> guard(logLock_);
-            log_.push_back(line);
-        }
-        logged_.notify_all();
+        std::lock_guard<std::mutex> guard(logLock_);
+        log_.push_back(line);
     });
     SetFreeSpaceQuery([] { return uint64_t{1} << 40; });
     BuildPaths(root_.Path());
@@ -92,7 +48,6 @@ void EngineHarness::SetUp() {
     ASSERT_EQ(EnableHardwareHandshake(), 1);
     ThePreferences.AdapterModel = ModelBitSURFR;
     EngineStartup();
-    TheMainWindow = &window_;
     TheEngine.CommThreadRun = true;
     AdapterFound = 1;
     SetLinePolling(1);
@@ -108,7 +63,6 @@ void EngineHarness::TearDown() {
     SetLinePolling(0);
     AdapterFound = 0;
     EngineShutdown();
-    TheMainWindow = nullptr;
     CommPortDestroy();
     SetFreeSpaceQuery(nullptr);
     SetLogLineSink(nullptr);
@@ -147,12 +101,7 @@ void EngineHarness::AnswerHangUp() {
     EXPECT_EQ(TakeUntil("+++", 5000), "+++");
     far_.Send("\r\nOK\r\n");
     EXPECT_EQ(AnswerCommand(), "ATH");
-    // The incoming profile goes back to the adapter.
-    EXPECT_EQ(AnswerCommand().substr(0, 4), "AT\\Q");
-}
-
-bool EngineHarness::WaitForState(int16_t state, int timeoutMs) const {
-    return WaitUntil([state] { return TheEngine.LinkState.load() == state; }, timeoutMs);
+    EXPECT_TRUE(AnswerProfile());
 }
 
 bool EngineHarness::WaitUntil(const std::function<bool()>& condition, int timeoutMs) {
@@ -166,33 +115,22 @@ bool EngineHarness::WaitUntil(const std::function<bool()>& condition, int timeou
     return true;
 }
 
-bool EngineHarness::WaitForLog(const std::string& line, int timeoutMs) {
-    std::unique_lock<std::mutex> guard(logLock_);
-    return logged_.wait_for(guard, std::chrono::milliseconds(timeoutMs), [&] {
-        return std::find(log_.begin(), log_.end(), line) != log_.end();
-    });
-}
-
 std::vector<std::string> EngineHarness::Log() const {
     std::lock_guard<std::mutex> guard(logLock_);
     return log_;
 }
 
-bool EngineHarness::Logged(const std::string& line) const {
+long EngineHarness::Count(const std::string& line) const {
     const std::vector<std::string> lines = Log();
-    return std::find(lines.begin(), lines.end(), line) != lines.end();
+    return std::count(lines.begin(), lines.end(), line);
 }
 
-void EngineHarness::ConnectAsAnswerer() {
+void EngineHarness::ConnectAsReceiver() {
     Send("\r\nRING\r\n");
     EXPECT_EQ(TakeUntil("\r", 3000), "ATA\r");
     Send("\r\nCONNECT 115200\r\n");
     ASSERT_TRUE(WaitForState(LinkConnected));
     EXPECT_TRUE(WaitForLog("Connected 115200"));
-}
-
-void EngineHarness::ConnectAsReceiver() {
-    ConnectAsAnswerer();
     Send("SYNCON\r\n");
     EXPECT_EQ(Take(8), "RCVCON\r\n");
 }
@@ -211,13 +149,9 @@ void EngineHarness::ConnectAndTakeList(size_t entries) {
     EXPECT_EQ(Take(6 + 28 + 56 * entries).substr(0, 6), "H100\r\n");
 }
 
-std::string EngineHarness::MakeFile(const std::string& name, const std::string& bytes) {
+std::string EngineHarness::ChooseFile(const std::string& name, const std::string& bytes) {
     const std::string path = root_ / name;
     WriteWholeFile(path, bytes);
-    return path;
-}
-
-void EngineHarness::AddToSendList(const std::string& path, const std::string& name) {
     // As the window does it: while no pass of the communications thread runs.
     PortConversation conversation;
     const int16_t count = TheEngine.SendCount.load();
@@ -225,13 +159,10 @@ void EngineHarness::AddToSendList(const std::string& path, const std::string& na
     entry = FileEntry{};
     entry.DisplayName.Set(name);
     entry.FilePath.Set(path);
-    SetEntryLengths(entry, static_cast<uint32_t>(DataLengthForSize(ReadWholeFile(path).size())));
+    SetEntryLengths(entry, static_cast<uint32_t>(DataLengthForSize(bytes.size())));
     entry.CreatorCode = DefaultCreatorCode;
     entry.TypeCode = DefaultTypeCode;
     TheEngine.SendCount = static_cast<int16_t>(count + 1);
     TheEngine.SendRemaining += entry.TotalLength;
-}
-
-std::string EngineHarness::Incoming(const std::string& name) const {
-    return IncomingPath + "/" + name;
+    return path;
 }

@@ -7,17 +7,24 @@
 #include <string>
 #include <vector>
 
-#include "engine/dialing.h"
+#include "engine/display.h"
 #include "engine/pickup.h"
-#include "engine/wire.h"
 #include "engine_harness.h"
 #include "line/profiles.h"
 #include "platform/files.h"
 #include "platform/message_box.h"
 #include "stores/directory.h"
-#include "stores/paths.h"
 
 namespace {
+
+// Notes the folders that the engine puts on the send list.
+class FolderWindow : public NoWindow {
+public:
+    void AddFolderToSendList(const std::string& path, const std::string& name) override {
+        Folders.push_back(path + "," + name);
+    }
+    std::vector<std::string> Folders;
+};
 
 class PickUpTest : public EngineHarness {
 protected:
@@ -28,16 +35,17 @@ protected:
         DirectoryCount = 0;
     }
     void TearDown() override {
+        TheMainWindow = nullptr;
         std::memset(Directory, 0, sizeof Directory);
         DirectoryCount = 0;
         EngineHarness::TearDown();
     }
 
-    // A record with a pick-up folder holding the given files.
+    // A record with a pick-up folder holding the given files. As the window
+    // edits the directory: between two passes of the communications thread,
+    // which reads it for a retrieve request.
     void AddRecord(const std::string& name, const std::string& number, bool hot,
                    const std::vector<std::string>& files) {
-        // As the window edits the directory: between two passes of the
-        // communications thread, which reads it for a retrieve request.
         PortConversation conversation;
         Correspondent& record = Directory[DirectoryCount.load()];
         SetFieldText(record.FirmName, name);
@@ -52,11 +60,12 @@ protected:
         DirectoryCount = static_cast<int16_t>(DirectoryCount.load() + 1);
     }
 
+    // RETRIEVE and the caller's number in its 32-byte field.
     static std::string Request(const std::string& number) {
-        const RetrieveRequest request = MakeRetrieveRequest(number);
-        return "RETRIEVE\r\n" +
-               std::string(reinterpret_cast<const char*>(&request), sizeof request);
+        return "RETRIEVE\r\n" + number + std::string(32 - number.size(), '\0');
     }
+
+    FolderWindow window_;
 };
 
 }  // namespace
@@ -68,8 +77,8 @@ TEST_F(PickUpTest, TheCallerOfARetrieveAsksAndTakesNoForAnAnswer) {
     ConnectAsCaller();
     Send("RCVCON\r\n");
     EXPECT_EQ(Take(10 + 32), Request("5551234"));
-    ASSERT_TRUE(WaitUntil([] { return !TheEngine.WeSend.load(); }));
     // This end is the receiver now, and its watchdog runs.
+    ASSERT_TRUE(WaitUntil([] { return !TheEngine.WeSend.load(); }));
     Send("NOFILEAVAIL\r\n");
     AnswerHangUp();
     EXPECT_TRUE(WaitForLog("No files to be retrieved."));
@@ -81,9 +90,7 @@ TEST_F(PickUpTest, TheCallerOfARetrieveAsksAndTakesNoForAnAnswer) {
 TEST_F(PickUpTest, TheHolderAnswersARequestItCannotServe) {
     AddRecord("Empty", "030 555+777", false, {});
     AddRecord("Full", "040 666", false, {"a.txt"});
-    ConnectAsAnswerer();
-    Send("SYNCON\r\n");
-    Take(8);
+    ConnectAsReceiver();
     // No record's first number holds 777.
     Send(Request("777"));
     EXPECT_EQ(Take(11), "NOFILEDIR\r\n");
@@ -100,6 +107,7 @@ TEST_F(PickUpTest, TheHolderAnswersARequestItCannotServe) {
 }
 
 TEST_F(PickUpTest, AHotFolderGoesOutOnceItsTotalHasStoodStill) {
+    TheMainWindow = &window_;
     AddRecord("Hot", "123", true, {"one.txt", "three.txt"});
     std::vector<std::string> messages;
     SetMessageBoxHandler([&](const std::string& text) { messages.push_back(text); });
@@ -117,7 +125,7 @@ TEST_F(PickUpTest, AHotFolderGoesOutOnceItsTotalHasStoodStill) {
     EXPECT_EQ(HotFolderDue(), 0);  // unchanged since the last look: it goes out
     EXPECT_EQ(Directory[0].HotBytes, 0u);
     LoadPickUpFolder(0);
-    EXPECT_TRUE(window_.Called("AddFolderToSendList(" + PickUpPath + "/Hot,Hot)"));
+    EXPECT_EQ(window_.Folders, std::vector<std::string>{PickUpPath + "/Hot,Hot"});
     EXPECT_TRUE(messages.empty());
     // A record without a number is not dialled.
     SendHotFolder(CallRequest{});

@@ -1,62 +1,57 @@
-// The ends of a call that the stations' end-to-end tests cannot bring about:
-// a part left for a resume that a changed file or the exit removes, a list
-// abandoned within a call, files that cannot be read or written, and an
-// adapter that does not answer the hang-up.
+// The ends of a call that the stations' end-to-end tests cannot bring about
+// or do not look into: the lines each way of ending logs and the state it
+// leaves, a part left for a resume that a changed file or the exit removes, a
+// list abandoned within a call, files that cannot be read or written, an
+// adapter that does not answer the hang-up, and the receiving side's two
+// limits on silence, on the real clock.
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "engine/session_threads.h"
-#include "engine/sessions.h"
 #include "engine/teardown.h"
 #include "engine/wire.h"
 #include "engine_harness.h"
-#include "line/adapter.h"
 #include "platform/files.h"
 
 namespace {
+
+using CallEndTest = EngineHarness;
 
 class ReceiverTeardownTest : public EngineHarness {
 protected:
     void OfferAsCaller(const std::vector<peer::File>& files) {
         ConnectAsReceiver();
         Send(ListFor(files));
+        EXPECT_EQ(Take(6), "ACK3\r\n");
     }
 
     // A call that ends with the second file's first section on the disk,
-    // kept for a resume.
+    // kept for a resume. The user presses Disconnect twice: ABORT, then the
+    // hang-up of a call whose far end has already gone.
     void LeaveAPartForAResume() {
         OfferAsCaller({second_});
-        EXPECT_EQ(Take(6), "ACK3\r\n");
         Send(peer::Stream(second_.Bytes).substr(0, SectionWireBytes + 10));
         ASSERT_TRUE(WaitUntil(
             [] { return Inspect([] { return TheEngine.ReceiveList[0].NextBlock == 16; }); }));
-        DisconnectTwice();
-        ASSERT_TRUE(WaitUntil([] { return TheEngine.ReceiveCount.load() == 0; }));
-        ASSERT_TRUE(PathExists(Incoming("second.bin")));
-    }
-
-    // The user presses Disconnect twice: ABORT, then the hang-up of a call
-    // whose far end has already gone.
-    void DisconnectTwice() {
         RequestDisconnect();
         EXPECT_EQ(Take(7), "ABORT\r\n");
         EXPECT_EQ(TheEngine.LinkState.load(), LinkConnected);
-        std::thread second(RequestDisconnect);
+        std::thread again(RequestDisconnect);
         EXPECT_EQ(AnswerCommand(), "AT");
         EXPECT_TRUE(AnswerProfile());
-        second.join();
+        again.join();
         EXPECT_EQ(TheEngine.LinkState.load(), LinkIdle);
+        ASSERT_TRUE(PathExists(Incoming("second.bin")));
     }
 
-    const peer::File first_{"first.bin", RandomBytes(5000, 1)};
     const peer::File second_{"second.bin", RandomBytes(SectionFileBytes + 7000, 2)};
-    const peer::File third_{"third.bin", RandomBytes(300, 3)};
 };
 
 class SenderTeardownTest : public EngineHarness {
@@ -64,7 +59,7 @@ protected:
     // A short file goes out and is acknowledged as the last: the sender
     // hangs up next.
     void SendOneFileToTheLastAck() {
-        AddToSendList(MakeFile("note.txt", LetterBytes(300)), "note.txt");
+        ChooseFile("note.txt", LetterBytes(300));
         ConnectAndTakeList(1);
         Send("ACK3\r\n");
         Take(302);
@@ -75,33 +70,77 @@ protected:
 
 }  // namespace
 
+// Each way a call ends logs its own lines, in this order, and leaves the link
+// idle, with the file in hand back at its start and counted in full.
+TEST_F(CallEndTest, EachWayOfEndingLogsItsLinesAndLeavesTheLinkIdle) {
+    struct Case {
+        const char* What;
+        std::function<void()> Bring;
+        uint32_t Total;                  // of the send list
+        std::vector<std::string> Lines;  // the last lines of the log
+    };
+    const std::string rule = "------------------------------";
+    const std::string profile = "Reinitializing Incoming: V.120 - 64K";
+    const std::vector<Case> cases = {
+        {"the sender loses the line in a transfer",
+         [this] {
+             // Far more than the line holds while the far end takes nothing.
+             ChooseFile("d.bin", RandomBytes(4 * SectionFileBytes, 19));
+             ConnectAndTakeList(1);
+             Send("ACK3\r\n\r\nNO CARRIER\r\n");
+         },
+         4 * SectionWireBytes,
+         {"Remote end aborted transfer.", "Disconnected", rule, rule, profile}},
+        {"the sender loses the line before the transfer",
+         [this] {
+             ChooseFile("d.bin", RandomBytes(3000, 20));
+             ConnectAndTakeList(1);
+             Send("\r\nNO CARRIER\r\n");
+         },
+         3002,
+         {"Connected 115200", "Disconnected", rule, rule, profile}},
+        {"the receiver hears the sender hang up",
+         [this] {
+             TheEngine.RetrievePending = true;
+             ConnectAsReceiver();
+             Send("\r\nNO CARRIER\r\n");
+         },
+         0,
+         {"Connected 115200", "Disconnected", rule, profile}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.What);
+        c.Bring();
+        EXPECT_TRUE(AnswerProfile());
+        ASSERT_TRUE(WaitForState(LinkIdle));
+        const std::vector<std::string> log = Log();
+        ASSERT_GE(log.size(), c.Lines.size());
+        EXPECT_EQ(
+            std::vector<std::string>(log.end() - static_cast<long>(c.Lines.size()), log.end()),
+            c.Lines);
+        EXPECT_FALSE(FeederRunning());
+        EXPECT_FALSE(TheEngine.WeSend.load());
+        EXPECT_FALSE(TheEngine.RetrievePending.load());
+        EXPECT_EQ(TheEngine.SendCount.load(), c.Total == 0 ? 0 : 1);
+        EXPECT_EQ(Inspect([] { return uint32_t{TheEngine.SendList[0].BytesDone}; }), 0u);
+        EXPECT_EQ(Inspect([] { return TheEngine.SendList[0].NextBlock; }), 0);
+        EXPECT_EQ(TheEngine.SendRemaining.load(), c.Total);
+        TheEngine.SendCount = 0;
+        TheEngine.SendRemaining = 0;
+    }
+}
+
 TEST_F(ReceiverTeardownTest, AChangedFileOfTheSameNameIsANewFileAndTheOldPartGoes) {
     LeaveAPartForAResume();
     // Same name, another length: admitted as new, under the plain name,
     // since the part left behind has gone.
     const peer::File changed{"second.bin", RandomBytes(900, 9)};
     OfferAsCaller({changed});
-    EXPECT_EQ(Take(6), "ACK3\r\n");
     EXPECT_TRUE(WaitForLog("Receiving File: second.bin"));
     Send(peer::Stream(changed.Bytes));
     EXPECT_EQ(Take(6), "ACK2\r\n");
     EXPECT_EQ(ReadWholeFile(Incoming("second.bin")), changed.Bytes);
     EXPECT_FALSE(PathExists(Incoming("second.bin-A")));
-}
-
-TEST_F(ReceiverTeardownTest, ANewListInTheSameCallLeavesNothingOfTheAbandonedOne) {
-    OfferAsCaller({second_, third_});
-    EXPECT_EQ(Take(6), "ACK3\r\n");
-    RequestDisconnect();
-    EXPECT_EQ(Take(7), "ABORT\r\n");
-    // The far end offers another list instead of hanging up.
-    Send(ListFor({first_}));
-    EXPECT_EQ(Take(6), "ACK3\r\n");
-    EXPECT_FALSE(PathExists(Incoming("second.bin")));
-    EXPECT_FALSE(PathExists(Incoming("third.bin")));
-    Send(peer::Stream(first_.Bytes));
-    EXPECT_EQ(Take(6), "ACK2\r\n");
-    EXPECT_EQ(ReadWholeFile(Incoming("first.bin")), first_.Bytes);
 }
 
 TEST_F(ReceiverTeardownTest, TheExitDeletesAPartLeftForAResume) {
@@ -112,20 +151,36 @@ TEST_F(ReceiverTeardownTest, TheExitDeletesAPartLeftForAResume) {
 }
 
 TEST_F(ReceiverTeardownTest, AFileThatCannotBeWrittenEndsTheSession) {
-    OfferAsCaller({first_});
-    EXPECT_EQ(Take(6), "ACK3\r\n");
+    const peer::File first{"first.bin", RandomBytes(5000, 1)};
+    OfferAsCaller({first});
     ASSERT_TRUE(DeleteFileAt(Incoming("first.bin")));
     ASSERT_TRUE(CreateFolder(Incoming("first.bin")));
-    Send(peer::Stream(first_.Bytes));
+    Send(peer::Stream(first.Bytes));
     EXPECT_EQ(Take(7), "ABORT\r\n");
     EXPECT_TRUE(WaitForLog("Cannot write file: first.bin"));
     EXPECT_TRUE(Logged("Sending disconnect..."));
     EXPECT_TRUE(WaitForState(LinkConnected));
 }
 
+TEST_F(ReceiverTeardownTest, FiveSecondsWithoutABlockAbortTheTransferAndTenOfSilenceTheCall) {
+    OfferAsCaller({{"stall.bin", RandomBytes(8191, 1)}});
+    EXPECT_EQ(TakeFor(4900), "");           // not before the limit...
+    EXPECT_EQ(Take(7, 1000), "ABORT\r\n");  // ...but just after it
+    const std::vector<std::string> log = Log();
+    const auto bytes = std::find(log.begin(), log.end(), "Bytes Read: 0");
+    ASSERT_NE(bytes, log.end());
+    EXPECT_EQ(*(bytes + 1), "Sending disconnect...");
+    // In LinkConnected the far end has ten seconds to say something; then
+    // the adapter is asked whether the call is still up: it is not.
+    EXPECT_TRUE(WaitForState(LinkConnected));
+    EXPECT_EQ(TakeFor(9700), "");
+    EXPECT_EQ(AnswerCommand(1000), "AT");
+    EXPECT_TRUE(AnswerProfile());
+    EXPECT_TRUE(WaitForState(LinkIdle));
+}
+
 TEST_F(SenderTeardownTest, AFileThatCannotBeReadEndsTheCall) {
-    const std::string path = MakeFile("gone.txt", LetterBytes(3000));
-    AddToSendList(path, "gone.txt");
+    const std::string path = ChooseFile("gone.txt", LetterBytes(3000));
     ConnectAndTakeList(1);
     ASSERT_TRUE(DeleteFileAt(path));
     Send("ACK3\r\n");
@@ -140,12 +195,9 @@ TEST_F(SenderTeardownTest, AFileThatCannotBeReadEndsTheCall) {
 // the call to the line's fall or the user.
 TEST_F(SenderTeardownTest, AnUnansweredHangUpIsTriedTwiceMoreFiveSecondsApart) {
     SendOneFileToTheLastAck();
-
     std::vector<std::chrono::steady_clock::time_point> escapes;
     for (int attempt = 0; attempt < 3; ++attempt) {
-        const std::string before = TakeUntil("+++", 12000);
-        ASSERT_GE(before.size(), 3u) << "attempt " << attempt;
-        ASSERT_EQ(before.substr(before.size() - 3), "+++") << "attempt " << attempt;
+        ASSERT_TRUE(Comes("+++", 12000)) << "attempt " << attempt;
         escapes.push_back(std::chrono::steady_clock::now());
     }
     for (size_t i = 1; i < escapes.size(); ++i) {
@@ -153,12 +205,9 @@ TEST_F(SenderTeardownTest, AnUnansweredHangUpIsTriedTwiceMoreFiveSecondsApart) {
         // then 5 s before the next.
         EXPECT_GE(escapes[i] - escapes[i - 1], std::chrono::milliseconds(5000));
     }
-    ASSERT_TRUE(WaitUntil([this] {
-        const auto log = Log();
-        return std::count(log.begin(), log.end(), "Hang-up failed.") == 3;
-    }));
+    ASSERT_TRUE(WaitUntil([this] { return Count("Hang-up failed.") == 3; }));
     // No fourth try; the call is still up as far as this end knows.
-    EXPECT_EQ(TakeUntil("+++", 6000).find("+++"), std::string::npos);
+    EXPECT_FALSE(Comes("+++", 6000));
     EXPECT_EQ(TheEngine.LinkState.load(), LinkConnected);
     EXPECT_FALSE(Logged("Disconnected"));
 
@@ -166,22 +215,7 @@ TEST_F(SenderTeardownTest, AnUnansweredHangUpIsTriedTwiceMoreFiveSecondsApart) {
     Send("\r\nNO CARRIER\r\n");
     EXPECT_TRUE(AnswerProfile());
     EXPECT_TRUE(WaitForLog("Disconnected"));
-    EXPECT_TRUE(WaitUntil([] { return TheEngine.LinkState.load() == LinkIdle; }));
-}
-
-// A hang-up answered at its second try ends the call there.
-TEST_F(SenderTeardownTest, AHangUpAnsweredAtItsSecondTryEndsTheCall) {
-    SendOneFileToTheLastAck();
-    ASSERT_NE(TakeUntil("+++", 5000).find("+++"), std::string::npos);
-    ASSERT_TRUE(WaitForLog("Hang-up failed.", 5000));
-    ASSERT_NE(TakeUntil("+++", 12000).find("+++"), std::string::npos);
-    Send("\r\nOK\r\n");
-    EXPECT_EQ(AnswerCommand(), "ATH");
-    EXPECT_TRUE(AnswerProfile());
-    EXPECT_TRUE(WaitForLog("Disconnected"));
-    EXPECT_TRUE(WaitUntil([] { return TheEngine.LinkState.load() == LinkIdle; }));
-    const auto log = Log();
-    EXPECT_EQ(std::count(log.begin(), log.end(), "Hang-up failed."), 1);
+    EXPECT_TRUE(WaitForState(LinkIdle));
 }
 
 // The line fell while the sender was busy, and its NO CARRIER went with the
@@ -189,10 +223,9 @@ TEST_F(SenderTeardownTest, AHangUpAnsweredAtItsSecondTryEndsTheCall) {
 // again, lets "+++" pass but answers "AT". The call is over, not stuck.
 TEST_F(SenderTeardownTest, AnEscapeLeftUnansweredByAnAdapterThatAnswersAtEndsTheCall) {
     SendOneFileToTheLastAck();
-    ASSERT_NE(TakeUntil("+++", 5000).find("+++"), std::string::npos);
+    ASSERT_TRUE(Comes("+++"));
     EXPECT_EQ(AnswerCommand(), "AT");
     EXPECT_TRUE(AnswerProfile());
-    EXPECT_TRUE(WaitForLog("Disconnected"));
-    EXPECT_TRUE(WaitUntil([] { return TheEngine.LinkState.load() == LinkIdle; }));
+    EXPECT_TRUE(WaitForState(LinkIdle));
     EXPECT_FALSE(Logged("Hang-up failed."));
 }
