@@ -12,6 +12,7 @@
 #include "engine/display.h"
 #include "engine/pickup.h"
 #include "engine/session_threads.h"
+#include "engine/token_lines.h"
 #include "engine/transfer_engine.h"
 #include "line/adapter.h"
 #include "line/comm_port.h"
@@ -53,7 +54,7 @@ void Connected(const ConnectCode& code) {
     TheEngine.LinkState = LinkConnected;
     Display().UpdateActionButtons();
     if (TheEngine.WeSend.load()) {
-        SendBytes(TokenSyncon.Bytes(), static_cast<int16_t>(TokenSyncon.Length()));
+        SendToken(TokenSyncon);
     } else {
         // The caller speaks first; its silence is timed from here.
         TheEngine.LastRxTime = NowMs();

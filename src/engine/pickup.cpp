@@ -12,6 +12,7 @@
 #include "engine/dialing.h"
 #include "engine/display.h"
 #include "engine/sessions.h"
+#include "engine/token_lines.h"
 #include "engine/transfer_engine.h"
 #include "line/comm_port.h"
 #include "platform/files.h"
@@ -63,10 +64,6 @@ std::string FirstNumberDigits(const std::string& stored) {
         }
     }
     return digits;
-}
-
-void SendToken(const WireToken& token) {
-    SendBytes(token.Bytes(), static_cast<int16_t>(token.Length()));
 }
 
 }  // namespace

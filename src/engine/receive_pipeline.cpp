@@ -9,6 +9,7 @@
 #include "engine/pipelines.h"
 #include "engine/recovery.h"
 #include "engine/teardown.h"
+#include "engine/token_lines.h"
 #include "engine/transfer_engine.h"
 #include "line/adapter.h"
 #include "line/comm_port.h"
@@ -19,10 +20,6 @@
 namespace {
 
 constexpr int16_t BlockLimitMs = 250;
-
-void SendToken(const WireToken& token) {
-    SendBytes(token.Bytes(), static_cast<int16_t>(token.Length()));
-}
 
 void BookBytes(FileEntry& entry, uint32_t got) {
     const uint32_t remaining = TheEngine.ReceiveRemaining.load();

@@ -50,10 +50,6 @@ uint64_t FreeSpace() {
     return FreeDiskSpace(RootDirectory);
 }
 
-void SendToken(const WireToken& token) {
-    SendBytes(token.Bytes(), static_cast<int16_t>(token.Length()));
-}
-
 // What has come in behind a refused list is thrown away. Only the input goes:
 // a purge of both queues would throw the refusal itself away with it, before
 // it has left.

@@ -7,6 +7,7 @@
 
 #include "engine/display.h"
 #include "engine/teardown.h"
+#include "engine/token_lines.h"
 #include "engine/transfer_engine.h"
 #include "line/adapter.h"
 #include "line/comm_port.h"
@@ -36,7 +37,7 @@ void RequestSectionResend() {
         DrainInput(DrainQuietMs);
         TheEngine.LastRxTime = NowMs();
     }
-    SendBytes(TokenContSend.Bytes(), static_cast<int16_t>(TokenContSend.Length()));
+    SendToken(TokenContSend);
 }
 
 void ApplyRecoveryAtReceiver() {
@@ -66,7 +67,7 @@ void ApplyRecoveryAtSender() {
 }
 
 void ConfirmRecovery() {
-    SendBytes(TokenSendRecovr.Bytes(), static_cast<int16_t>(TokenSendRecovr.Length()));
+    SendToken(TokenSendRecovr);
     TheEngine.LinkState = LinkTransfer;
 }
 

@@ -194,7 +194,7 @@ void OnReceiverReady() {
         return;
     }
     TheSession.ListOffered = true;
-    SendBytes(TokenRetrieve.Bytes(), static_cast<int16_t>(TokenRetrieve.Length()));
+    SendToken(TokenRetrieve);
     const RetrieveRequest request = MakeRetrieveRequest(
         std::string_view(LocalNumber, strnlen(LocalNumber, sizeof LocalNumber)));
     SendBytes(&request, sizeof request);
@@ -254,7 +254,7 @@ void StartSendSession() {
     SleepMs(100);
     BuildSessionRecords();
     const int16_t count = ClampedSendCount();
-    SendBytes(TokenH100.Bytes(), static_cast<int16_t>(TokenH100.Length()));
+    SendToken(TokenH100);
     SendBytes(&TheEngine.OutHeader, sizeof(SessionHeader));
     SendBytes(TheEngine.WireList, static_cast<int16_t>(count * sizeof(WireFileEntry)));
     TheEngine.BlockIndex = 0;

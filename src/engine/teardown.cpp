@@ -93,7 +93,7 @@ void RequestDisconnect() {
         case LinkRecovery:
             if (!sending) {
                 AddLogLine("Sending disconnect...");
-                SendBytes(TokenAbort.Bytes(), static_cast<int16_t>(TokenAbort.Length()));
+                SendToken(TokenAbort);
                 TheEngine.LinkState = LinkConnected;
             } else {
                 StopFeeder();

@@ -48,3 +48,7 @@ bool ReadTokenLine(int16_t limitMs, std::string& line) {
 void ForgetUnfinishedLine() {
     CarriedBytes.clear();
 }
+
+void SendToken(const WireToken& token) {
+    SendBytes(token.Bytes(), static_cast<int16_t>(token.Length()));
+}

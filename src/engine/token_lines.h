@@ -1,8 +1,11 @@
-// Lines of tokens as the two sides of a session read them from the port.
+// Lines of tokens as the two sides of a session read them from the port and
+// write them to it.
 #pragma once
 
 #include <cstdint>
 #include <string>
+
+#include "engine/wire.h"
 
 // Reads one line within limitMs into TokenBuffer and gives it in line, behind
 // whatever an earlier read left unfinished. Returns false if the line did
@@ -11,3 +14,5 @@
 bool ReadTokenLine(int16_t limitMs, std::string& line);
 // Drops what an earlier read left unfinished: the call it belonged to is over.
 void ForgetUnfinishedLine();
+// Writes a token, its text and CR LF, to the port.
+void SendToken(const WireToken& token);
