@@ -197,6 +197,9 @@ void OnCallEnded(CallEnd how) {
     if (lineLost || state == LinkConnected || state == LinkFileSent) {
         display.LogElapsedTime();
     }
+    // A transfer whose time goes untold is over all the same: a later call
+    // that ends before its own transfer began must not tell this one's.
+    TheEngine.TransferStartTime = 0;
     if (how == CallEnd::SenderLostLine) {
         AddLogLine("------------------------------");
     }

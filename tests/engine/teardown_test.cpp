@@ -188,6 +188,8 @@ TEST_F(SenderTeardownTest, AFileThatCannotBeReadEndsTheCall) {
     EXPECT_TRUE(WaitForState(LinkIdle));
     EXPECT_TRUE(Logged("Cannot read file: gone.txt"));
     EXPECT_FALSE(FeederRunning());
+    // Its time went untold; a later call's end must not tell it either.
+    EXPECT_EQ(TheEngine.TransferStartTime.load(), 0);
 }
 
 // An adapter that answers neither "+++" nor anything after it: the sending
