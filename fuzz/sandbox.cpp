@@ -109,9 +109,10 @@ std::string PlaceSourceFile(const std::string& name, const std::string& bytes) {
 void FeedPort(const std::string& bytes) {
     // The pseudo-terminal holds only a few kilobytes; the port's own queue
     // takes them over as they come, as it does for the program.
-    const uint32_t before = PortQueueCount(1);
+    const uint32_t before = PortQueueCount(PortQueue::Input);
     size_t done = 0;
-    for (int idle = 0; idle < 20000 && PortQueueCount(1) < before + bytes.size(); ++idle) {
+    for (int idle = 0; idle < 20000 && PortQueueCount(PortQueue::Input) < before + bytes.size();
+         ++idle) {
         if (done < bytes.size()) {
             const ssize_t n = ::write(Terminal.Master, bytes.data() + done, bytes.size() - done);
             if (n > 0) {
@@ -122,7 +123,7 @@ void FeedPort(const std::string& bytes) {
         }
         ::usleep(20);
     }
-    if (PortQueueCount(1) < before + bytes.size()) {
+    if (PortQueueCount(PortQueue::Input) < before + bytes.size()) {
         Fail("the port did not take the input");
     }
 }
@@ -192,7 +193,7 @@ void StartInstantAdapter() {
 
 void DiscardPortInput() {
     static uint8_t Scratch[8192];
-    while (const uint32_t waiting = PortQueueCount(1)) {
+    while (const uint32_t waiting = PortQueueCount(PortQueue::Input)) {
         ReadBlock(Scratch, waiting < sizeof Scratch ? waiting : sizeof Scratch, 0);
     }
 }

@@ -201,7 +201,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string padding = std::string(recordBytes, '\0') + "\r\n";
     input += padding;
     FeedPort(input);
-    for (int step = 0; step < StepLimit && PortQueueCount(1) > padding.size() && CallUp(); ++step) {
+    for (int step = 0;
+         step < StepLimit && PortQueueCount(PortQueue::Input) > padding.size() && CallUp();
+         ++step) {
         Step();
         const int16_t state = TheEngine.LinkState.load();
         Require(!TheEngine.WeSend.load() || (state != LinkTransfer && state != LinkRecovery) ||
@@ -215,8 +217,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         FeedPort("NO CARRIER\r\n");
         // An answer of the adapter to a command-like run of bytes in the data
         // may still have been on its way, and come first.
-        for (int line = 0;
-             line < 4 && TheEngine.LinkState.load() >= LinkConnected && PortQueueCount(1) > 0;
+        for (int line = 0; line < 4 && TheEngine.LinkState.load() >= LinkConnected &&
+                           PortQueueCount(PortQueue::Input) > 0;
              ++line) {
             OnSenderInput();
         }

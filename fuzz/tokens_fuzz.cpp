@@ -87,7 +87,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FeedPort(input);
     // Once no more than the padding waits, what is left reads as an empty
     // line, one byte at a time; it is not read.
-    for (int step = 0; step < StepLimit && PortQueueCount(1) > padding.size(); ++step) {
+    for (int step = 0; step < StepLimit && PortQueueCount(PortQueue::Input) > padding.size();
+         ++step) {
         const int16_t state = TheEngine.LinkState.load();
         if (state != LinkConnected && state != LinkRecovery) {
             break;  // the call has ended, or the data of a file has begun

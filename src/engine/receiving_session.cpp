@@ -55,7 +55,7 @@ uint64_t FreeSpace() {
 // it has left.
 void DiscardInput() {
     uint8_t scratch[1024];
-    uint32_t waiting = PortQueueCount(1);
+    uint32_t waiting = PortQueueCount(PortQueue::Input);
     while (waiting != 0) {
         const uint32_t chunk = waiting < sizeof scratch ? waiting : sizeof scratch;
         ReadBlock(scratch, chunk, 0);

@@ -163,7 +163,7 @@ unsigned SectionFeeder(void*) {
             ParkThread(self);  // the writer wakes us when its block has gone
             continue;
         }
-        if (const uint32_t waiting = PortQueueCount(0); waiting != 0) {
+        if (const uint32_t waiting = PortQueueCount(PortQueue::Output); waiting != 0) {
             NapWhileOutputDrains(waiting);
             continue;
         }

@@ -67,7 +67,7 @@ int WaitBound(LinkState state, bool sending) {
 // input afterwards, or -1 if the pass acted and the next one should follow at
 // once.
 int PassWork() {
-    const uint32_t waiting = PortQueueCount(1);
+    const uint32_t waiting = PortQueueCount(PortQueue::Input);
     const LinkState state = TheEngine.LinkState.load();
     const bool sending = TheEngine.WeSend.load();
 

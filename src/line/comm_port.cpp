@@ -129,7 +129,7 @@ char* ReadUntilToken(const char* token, int16_t timeoutMs, char* buffer) {
     for (;;) {
         // Take what waits, one byte at a time: the token must be found at the
         // byte that completes it, so whatever follows it stays in the queue.
-        for (uint32_t waiting = PortQueueCount(1); waiting > 0; --waiting) {
+        for (uint32_t waiting = PortQueueCount(PortQueue::Input); waiting > 0; --waiting) {
             uint8_t byte = 0;
             if (ThePort->Handle.Read(&byte, 1) != 1) {
                 break;
@@ -172,7 +172,7 @@ uint32_t ReadBlock(void* buffer, uint32_t count, int16_t timeoutMs) {
     uint32_t lastSeen = 0;
     StartElapsed();
     for (;;) {
-        const uint32_t waiting = PortQueueCount(1);
+        const uint32_t waiting = PortQueueCount(PortQueue::Input);
         if (waiting >= count) {
             return ThePort->Handle.Read(buffer, count);
         }
@@ -196,7 +196,7 @@ void DrainInput(int16_t quietMs) {
     uint8_t scratch[256];
     StartElapsed();
     for (;;) {
-        if (PortQueueCount(1) != 0) {
+        if (PortQueueCount(PortQueue::Input) != 0) {
             while (ThePort->Handle.Read(scratch, sizeof scratch) > 0) {
             }
             StartElapsed();
@@ -209,11 +209,11 @@ void DrainInput(int16_t quietMs) {
     }
 }
 
-uint32_t PortQueueCount(int selector) {
+uint32_t PortQueueCount(PortQueue queue) {
     if (ThePort == nullptr) {
         return 0;
     }
-    return selector != 0 ? ThePort->Handle.InputCount() : ThePort->Handle.OutputCount();
+    return queue == PortQueue::Input ? ThePort->Handle.InputCount() : ThePort->Handle.OutputCount();
 }
 
 void PurgePort() {

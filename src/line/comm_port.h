@@ -83,9 +83,10 @@ char* ReadUntilOk(int16_t timeoutMs, char* buffer);
 uint32_t ReadBlock(void* buffer, uint32_t count, int16_t timeoutMs);
 // Throws input away until the line has been quiet for the whole quiet time.
 void DrainInput(int16_t quietMs);
-// Bytes in the input queue (selector non-zero) or the output queue (0); 0
-// without a record.
-uint32_t PortQueueCount(int selector);
+// The port's two queues.
+enum class PortQueue { Output, Input };
+// Bytes in the queue; 0 without a record.
+uint32_t PortQueueCount(PortQueue queue);
 // Empties both queues; a write under way stops.
 void PurgePort();
 // Switches to RTS/CTS. False after the message

@@ -90,7 +90,7 @@ TEST_F(CommPortTest, TokenIsFoundAndWhatFollowsItStaysQueued) {
     ASSERT_NE(token, nullptr);
     EXPECT_STREQ(buffer_, "noise ACK3") << "the NUL is dropped, the read stops at the token";
     EXPECT_EQ(token, buffer_ + 6);
-    EXPECT_EQ(PortQueueCount(1), 5u);
+    EXPECT_EQ(PortQueueCount(PortQueue::Input), 5u);
     uint8_t rest[5];
     EXPECT_EQ(ReadBlock(rest, 5, 500), 5u);
     EXPECT_EQ(std::memcmp(rest, "\r\n\xFF\xAA\x55", 5), 0);
@@ -154,10 +154,11 @@ TEST_F(CommPortTest, ThreeWholeBlocksFitTheInputQueueAndTheRestWaits) {
     uint8_t block[8192];
     // Let the queue fill before reading, then take block after block.
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (PortQueueCount(1) < 3 * 8192 && std::chrono::steady_clock::now() < deadline) {
+    while (PortQueueCount(PortQueue::Input) < 3 * 8192 &&
+           std::chrono::steady_clock::now() < deadline) {
         WaitForPortInput(100);
     }
-    EXPECT_EQ(PortQueueCount(1), 3u * 8192u);
+    EXPECT_EQ(PortQueueCount(PortQueue::Input), 3u * 8192u);
     for (int i = 0; i < 5; ++i) {
         ASSERT_EQ(ReadBlock(block, sizeof block, 2000), sizeof block) << "block " << i;
         got.append(reinterpret_cast<char*>(block), sizeof block);
@@ -180,15 +181,15 @@ TEST_F(CommPortTest, DrainReturnsOnlyAfterTheLineHasBeenQuiet) {
     DrainInput(150);
     EXPECT_FALSE(sending.load()) << "returned while bytes were still arriving";
     stream.join();
-    EXPECT_EQ(PortQueueCount(1), 0u);
+    EXPECT_EQ(PortQueueCount(PortQueue::Input), 0u);
 }
 
 TEST_F(CommPortTest, PurgeEmptiesTheInputAndSpeedChangesReachTheDevice) {
     far_.Send("stale reply\r\n");
     ASSERT_EQ(WaitForPortInput(2000), WaitResult::Input);
-    EXPECT_GT(PortQueueCount(1), 0u);
+    EXPECT_GT(PortQueueCount(PortQueue::Input), 0u);
     PurgePort();
-    EXPECT_EQ(PortQueueCount(1), 0u);
+    EXPECT_EQ(PortQueueCount(PortQueue::Input), 0u);
 
     EXPECT_TRUE(SetPortSpeed(230400));
     EXPECT_EQ(far_.Speed(), 230400u);
@@ -219,7 +220,7 @@ TEST(CommPortRecord, OperationsWithoutARecordDoNothing) {
     EXPECT_EQ(CommPortClose(), 0);
     EXPECT_EQ(CommPortDestroy(), 0);
     EXPECT_EQ(CommPortOpen(), 0);
-    EXPECT_EQ(PortQueueCount(1), 0u);
+    EXPECT_EQ(PortQueueCount(PortQueue::Input), 0u);
     char buffer[TokenBufferSize] = {};
     EXPECT_EQ(ReadLine(10, buffer), nullptr);
 }
