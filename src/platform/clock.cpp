@@ -35,6 +35,12 @@ uint32_t NowMs() {
     return static_cast<uint32_t>(now.Seconds * 1000 + now.Millis) + NowShift.load();
 }
 
+uint64_t MonotonicNs() {
+    const auto since = std::chrono::steady_clock::now().time_since_epoch();
+    return static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(since).count());
+}
+
 void StartElapsed() {
     const ClockReading now = ReadClock();
     ElapsedSeconds.store(now.Seconds);

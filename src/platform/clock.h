@@ -14,6 +14,10 @@
 // Milliseconds of a monotonic clock, in unsigned 32-bit arithmetic.
 uint32_t NowMs();
 
+// Nanoseconds of the same monotonic clock, in 64 bits, for timing finer than
+// a millisecond: it never wraps and never moves with the wall clock.
+uint64_t MonotonicNs();
+
 // Starts the process-wide interval clock. There is one pair of stored values
 // for the whole program: two timed reads must never run at once.
 void StartElapsed();

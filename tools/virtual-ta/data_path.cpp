@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "virtual-ta/mono_time.h"
+#include "virtual-ta/deadline.h"
 
 DataPath::DataPath(size_t capacity, uint64_t bytesPerSecond, uint64_t nowNs)
     : data_(capacity), capacity_(capacity) {

@@ -1,22 +1,20 @@
 #include "virtual-ta/event_loop.h"
 
 #include <poll.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <ctime>
 #include <vector>
 
-#include "virtual-ta/mono_time.h"
+#include "virtual-ta/deadline.h"
 
-int RunEventLoop(Exchange& exchange, int signalFd) {
+int RunEventLoop(Exchange& exchange, StopSignals& stopSignals) {
     std::vector<pollfd> entries;
     for (;;) {
-        uint64_t now = MonoNs();
+        uint64_t now = MonotonicNs();
         exchange.Service(now);
         entries.clear();
-        entries.push_back(pollfd{signalFd, POLLIN, 0});
+        entries.push_back(pollfd{stopSignals.Descriptor(), POLLIN, 0});
         exchange.CollectPoll(entries, now);
         const uint64_t deadline = exchange.NextDeadline(now);
         timespec limit{};
@@ -35,13 +33,12 @@ int RunEventLoop(Exchange& exchange, int signalFd) {
             return 0;
         }
         if ((entries[0].revents & POLLIN) != 0) {
-            signalfd_siginfo info{};
-            if (::read(signalFd, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
-                return static_cast<int>(info.ssi_signo);
+            if (const int signalNumber = stopSignals.Take()) {
+                return signalNumber;
             }
         }
         if (ready > 0) {
-            now = MonoNs();
+            now = MonotonicNs();
             exchange.HandlePoll(entries.data() + 1, now);
         }
     }

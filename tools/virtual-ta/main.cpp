@@ -1,12 +1,12 @@
 // virtual-ta: virtual ISDN terminal adapters on pseudo-terminals, and the
 // exchange that connects their calls.
+
 #include <signal.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <string>
 
+#include "platform/stop_signals.h"
 #include "virtual-ta/event_loop.h"
 #include "virtual-ta/exchange.h"
 #include "virtual-ta/options.h"
@@ -29,22 +29,13 @@ int main(int argc, char** argv) {
         return 2;
     }
 
-    // The signals that end the tool arrive through a descriptor, so that the
-    // loop sees them as one more event and ends in order.
-    sigset_t endSignals;
-    sigemptyset(&endSignals);
-    sigaddset(&endSignals, SIGINT);
-    sigaddset(&endSignals, SIGTERM);
-    sigaddset(&endSignals, SIGHUP);
-    if (sigprocmask(SIG_BLOCK, &endSignals, nullptr) != 0) {
-        std::perror("virtual-ta: sigprocmask");
+    // SIGHUP too: a tool run in a terminal that closes still removes its links.
+    StopSignals stopSignals({SIGHUP});
+    if (!stopSignals.IsOpen()) {
+        std::perror("virtual-ta: cannot take the stop signals");
         return 1;
     }
-    const int signalFd = signalfd(-1, &endSignals, SFD_CLOEXEC);
-    if (signalFd < 0) {
-        std::perror("virtual-ta: signalfd");
-        return 1;
-    }
+    // Standard output may be a pipe whose reader left after "ready".
     signal(SIGPIPE, SIG_IGN);
 
     Exchange exchange(options);
@@ -57,10 +48,9 @@ int main(int argc, char** argv) {
     std::fflush(stdout);
     TraceLine("-", "ready");
 
-    const int signalNumber = RunEventLoop(exchange, signalFd);
+    const int signalNumber = RunEventLoop(exchange, stopSignals);
     exchange.Close();
     TraceLine("-", "stopped by signal " + std::to_string(signalNumber));
     CloseTrace();
-    ::close(signalFd);
     return 0;
 }

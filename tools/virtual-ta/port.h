@@ -10,8 +10,8 @@
 #include <string>
 
 #include "platform/pseudo_terminal.h"
+#include "virtual-ta/deadline.h"
 #include "virtual-ta/family.h"
-#include "virtual-ta/mono_time.h"
 #include "virtual-ta/options.h"
 
 struct Call;

@@ -5,12 +5,12 @@
 
 #include <cstdio>
 
-#include "virtual-ta/mono_time.h"
+#include "virtual-ta/deadline.h"
 
 namespace {
 
 int TraceFd = -1;
-uint64_t StartNs = MonoNs();
+uint64_t StartNs = MonotonicNs();
 
 }  // namespace
 
@@ -35,7 +35,7 @@ void TraceLine(std::string_view who, std::string_view text) {
     if (TraceFd < 0) {
         return;
     }
-    const uint64_t ms = (MonoNs() - StartNs) / NsPerMs;
+    const uint64_t ms = (MonotonicNs() - StartNs) / NsPerMs;
     char stamp[32];
     std::snprintf(stamp, sizeof stamp, "%llu.%03llu ", static_cast<unsigned long long>(ms / 1000),
                   static_cast<unsigned long long>(ms % 1000));
