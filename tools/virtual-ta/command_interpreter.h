@@ -23,7 +23,7 @@ struct CommandOutcome {
     std::string Info;  // information text, framed as the family frames it
     std::string Dial;  // what followed the D
     bool HangUp = false;
-    bool SpeedChange = false;  // after the result, run at fixedSpeed
+    bool SpeedChange = false;  // after the result, run at FixedSpeed
     uint32_t FixedSpeed = 0;
 };
 
@@ -40,5 +40,5 @@ std::string FrameInfo(const Adapter& adapter, const std::vector<std::string>& li
 bool IsSpeedCommandFor(const Adapter& adapter, std::string_view text, uint32_t portSpeed);
 
 // Whether the adapter understands its port at this speed, with the given
-// fixed speed (see Adapter::fixedSpeed).
+// fixed speed (see Adapter::FixedSpeed).
 bool Understands(const Adapter& adapter, uint32_t portSpeed, uint32_t fixedSpeed);

@@ -48,7 +48,7 @@ public:
     // an adapter had taken from its port goes out before its hang-up. False
     // if a drop fault made the line fall on the way.
     bool ReleaseAll(std::vector<const FaultSpec*>& acted);
-    // When Release can put more on the line; kNever if nothing waits for it.
+    // When Release can put more on the line; Never if nothing waits for it.
     uint64_t NextReleaseAt(uint64_t nowNs);
 
     // Handing bytes out to the far port: the contiguous run of released bytes.

@@ -52,7 +52,7 @@ void Exchange::Close() {
 }
 
 // ---------------------------------------------------------------------------
-// The event loop's side.
+// The event loop's side
 
 void Exchange::Service(uint64_t now) {
     for (auto& owned : calls_) {
@@ -191,7 +191,7 @@ bool Exchange::HasOutput(Adapter& adapter) const {
 }
 
 // ---------------------------------------------------------------------------
-// Calls.
+// Calls
 
 Adapter* Exchange::Route(const std::string& number) {
     const auto find = [&](const std::string& wanted) -> Adapter* {

@@ -1,5 +1,6 @@
 // The command side of the exchange: reading a port in command mode, the
 // line editor, running a line, and what goes back to the port.
+
 #include <algorithm>
 
 #include "virtual-ta/command_interpreter.h"

@@ -1,5 +1,6 @@
 // The data side of the exchange: taking bytes from a port in data mode onto
 // the line, watching for the escape, and pumping the line.
+
 #include <algorithm>
 #include <cstring>
 

@@ -36,7 +36,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     // Standard output may be a pipe whose reader left after "ready".
-    signal(SIGPIPE, SIG_IGN);
+    ::signal(SIGPIPE, SIG_IGN);
 
     Exchange exchange(options);
     if (!exchange.Open(error)) {

@@ -1,4 +1,5 @@
-// The command line of virtual-ta.
+// The command line of virtual-ta: the adapters it plays, the pace of the line,
+// the faults to put on it and the trace to keep.
 #pragma once
 
 #include <cstdint>
@@ -19,7 +20,7 @@ struct AdapterSpec {
 
 enum class FaultKind { Corrupt, Drop };
 
-// --fault KIND:NUMBER:OFFSET. A fault acts once; acted records that it has.
+// --fault KIND:NUMBER:OFFSET. A fault acts once; Acted records that it has.
 struct FaultSpec {
     FaultKind Kind = FaultKind::Corrupt;
     std::string Number;

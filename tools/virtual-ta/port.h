@@ -51,8 +51,8 @@ struct Adapter {
     size_t OutHead = 0;
 
     // Watching the port in data mode, for the silence around "+++". The port
-    // is known empty since emptySince when knownEmpty; while blind the tool
-    // was not reading it (the line could take nothing more) since blindSince.
+    // is known empty since EmptySince when KnownEmpty; while Blind the tool
+    // was not reading it (the line could take nothing more) since BlindSince.
     bool KnownEmpty = true;
     uint64_t EmptySince = 0;
     bool Blind = false;
