@@ -22,7 +22,7 @@ void NoWindow::ClearFileList() {
     TheEngine.SendRemaining = 0;
 }
 
-EngineWindow* TheMainWindow = nullptr;
+std::atomic<EngineWindow*> TheMainWindow{nullptr};
 
 namespace {
 
@@ -31,6 +31,6 @@ NoWindow Windowless;
 }  // namespace
 
 EngineWindow& Display() {
-    EngineWindow* window = TheMainWindow;
+    EngineWindow* window = TheMainWindow.load();
     return window != nullptr ? *window : Windowless;
 }

@@ -4,6 +4,7 @@
 // waits for another thread.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -38,5 +39,6 @@ public:
 };
 
 // The window, once it exists; null before and after, and in a program that has
-// none, whose engine then shows nothing.
-extern EngineWindow* TheMainWindow;
+// none, whose engine then shows nothing. The engine's threads read it while the
+// window's thread sets and clears it.
+extern std::atomic<EngineWindow*> TheMainWindow;

@@ -35,10 +35,12 @@ protected:
         DirectoryCount = 0;
     }
     void TearDown() override {
+        // The communications thread reads the directory and the window until
+        // it has stopped.
+        EngineHarness::TearDown();
         TheMainWindow = nullptr;
         std::memset(Directory, 0, sizeof Directory);
         DirectoryCount = 0;
-        EngineHarness::TearDown();
     }
 
     // A record with a pick-up folder holding the given files. As the window
