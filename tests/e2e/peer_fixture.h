@@ -24,8 +24,8 @@ protected:
             std::vector<std::string>{"--rate", "0"});
         station_ = std::make_unique<Station>(stationPath_);
         ASSERT_TRUE(station_->WaitForLog("Initializing Incoming"));
-        port_ = std::make_unique<peer::Port>(root_ / "peer-port");
-        ASSERT_TRUE(port_->Command("AT"));
+        port_ = std::make_unique<FarEnd>(root_ / "peer-port");
+        ASSERT_NE(port_->Command("AT").find("OK\r\n"), std::string::npos);
     }
 
     std::string Incoming(const std::string& relative) const {
@@ -49,5 +49,5 @@ protected:
     std::string stationPath_;
     std::unique_ptr<VirtualAdapters> adapters_;
     std::unique_ptr<Station> station_;
-    std::unique_ptr<peer::Port> port_;
+    std::unique_ptr<FarEnd> port_;
 };

@@ -35,13 +35,13 @@ protected:
 
     // ---- What the engine writes to its port, and the adapter's answers ----
     // Exactly count bytes, or fewer if the time ran out.
-    std::string Take(size_t count, int timeoutMs = 5000) { return line_.Receive(count, timeoutMs); }
+    std::string Take(size_t count, int timeoutMs = 5000) { return far_.Receive(count, timeoutMs); }
     // Everything up to and including the marker, or what came in the time.
     std::string TakeUntil(const std::string& marker, int timeoutMs = 5000) {
-        return line_.ReceiveUntil(marker, timeoutMs);
+        return far_.ReceiveUntil(marker, timeoutMs);
     }
     // Whatever comes within the time.
-    std::string TakeFor(int ms) { return line_.ReceiveFor(ms); }
+    std::string TakeFor(int ms) { return far_.ReceiveFor(ms); }
     // Whether the marker comes within the time, behind whatever else.
     bool Comes(const std::string& marker, int timeoutMs = 5000) {
         return TakeUntil(marker, timeoutMs).find(marker) != std::string::npos;
@@ -90,8 +90,6 @@ protected:
 
     TempFolder root_;
     FarEnd far_;
-    // The reading side of far.
-    peer::Port line_{far_.Master()};
 
 private:
     ThreadHandle commThread_;

@@ -1,20 +1,54 @@
 #include "support/far_end.h"
 
+#include <fcntl.h>
 #include <poll.h>
+#include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <stdexcept>
+#include <thread>
 
-FarEnd::FarEnd() {
+#include "platform/clock.h"
+#include "platform/serial_speed.h"
+
+namespace {
+
+int64_t NowMsec() {
+    return static_cast<int64_t>(MonotonicNs() / 1000000);
+}
+
+}  // namespace
+
+FarEnd::FarEnd() : lastSendMs_(NowMsec()) {
     if (!OpenPseudoTerminal(terminal_)) {
         throw std::runtime_error("cannot open a pseudo-terminal");
     }
+    fd_ = terminal_.Master;
+}
+
+FarEnd::FarEnd(const std::string& path, uint32_t speed) : lastSendMs_(NowMsec()) {
+    fd_ = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (fd_ < 0) {
+        throw std::runtime_error("cannot open " + path + ": " + std::strerror(errno));
+    }
+    termios settings{};
+    ::tcgetattr(fd_, &settings);
+    ::cfmakeraw(&settings);
+    settings.c_cflag |= CREAD | CLOCAL | CRTSCTS;
+    ::tcsetattr(fd_, TCSANOW, &settings);
+    SetSpeed(speed);
 }
 
 FarEnd::~FarEnd() {
-    ClosePseudoTerminal(terminal_);
+    if (terminal_.Master >= 0) {
+        ClosePseudoTerminal(terminal_);
+    } else if (fd_ >= 0) {
+        ::close(fd_);
+    }
 }
 
 void FarEnd::LinkAs(const std::string& folder, int portNumber) const {
@@ -25,75 +59,141 @@ void FarEnd::LinkAs(const std::string& folder, int portNumber) const {
     }
 }
 
-void FarEnd::Send(const std::string& bytes) const {
+void FarEnd::SetSpeed(uint32_t speed) {
+    termios settings{};
+    ::tcgetattr(fd_, &settings);
+    ::cfsetispeed(&settings, SpeedCode(speed));
+    ::cfsetospeed(&settings, SpeedCode(speed));
+    ::tcsetattr(fd_, TCSANOW, &settings);
+}
+
+void FarEnd::Send(std::string_view bytes) {
     size_t done = 0;
     while (done < bytes.size()) {
-        const ssize_t n = ::write(terminal_.Master, bytes.data() + done, bytes.size() - done);
+        const ssize_t n = ::write(fd_, bytes.data() + done, bytes.size() - done);
         if (n > 0) {
             done += static_cast<size_t>(n);
         } else if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
-            pollfd wait = {terminal_.Master, POLLOUT, 0};
-            ::poll(&wait, 1, 100);
+            pollfd entry{fd_, POLLOUT, 0};
+            ::poll(&entry, 1, 100);
         } else {
-            throw std::runtime_error("cannot write to the pseudo-terminal");
+            throw std::runtime_error(std::string("cannot write to the line: ") +
+                                     std::strerror(errno));
         }
     }
+    lastSendMs_.store(NowMsec());
 }
 
-std::string FarEnd::Receive(size_t count, int timeoutMs) const {
-    std::string got;
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (got.size() < count) {
-        got += ReceiveAvailable();
-        if (got.size() >= count) {
-            break;
-        }
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                              end - std::chrono::steady_clock::now())
-                              .count();
-        if (left <= 0) {
-            break;
-        }
-        pollfd wait = {terminal_.Master, POLLIN, 0};
-        ::poll(&wait, 1, static_cast<int>(left));
+bool FarEnd::Fill(int64_t deadlineMs) {
+    const int64_t left = std::max<int64_t>(deadlineMs - NowMsec(), 0);
+    pollfd entry{fd_, POLLIN, 0};
+    const int ready = ::poll(&entry, 1, static_cast<int>(left));
+    if (ready < 0 && errno == EINTR) {
+        return true;
     }
-    return got;
+    if (ready <= 0) {
+        return false;
+    }
+    char buffer[65536];
+    const ssize_t n = ::read(fd_, buffer, sizeof buffer);
+    if (n > 0) {
+        pending_.append(buffer, static_cast<size_t>(n));
+        return true;
+    }
+    // Readable with nothing to read: the other side has closed, and nothing
+    // more will come.
+    return n < 0 && (errno == EAGAIN || errno == EINTR);
 }
 
-std::string FarEnd::ReceiveUntil(const std::string& marker, int timeoutMs) const {
-    std::string got;
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (got.size() < marker.size() ||
-           got.compare(got.size() - marker.size(), marker.size(), marker) != 0) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                              end - std::chrono::steady_clock::now())
-                              .count();
-        if (left <= 0) {
-            break;
-        }
-        pollfd wait = {terminal_.Master, POLLIN, 0};
-        if (::poll(&wait, 1, static_cast<int>(left)) > 0) {
-            char byte;
-            if (::read(terminal_.Master, &byte, 1) == 1) {
-                got += byte;
+std::string FarEnd::Receive(size_t count, int timeoutMs) {
+    const int64_t deadline = NowMsec() + timeoutMs;
+    while (pending_.size() < count && Fill(deadline)) {
+    }
+    std::string out = pending_.substr(0, count);
+    pending_.erase(0, out.size());
+    return out;
+}
+
+std::string FarEnd::ReceiveUntil(const std::string& marker, int timeoutMs) {
+    return ReceiveUntilAny({marker}, timeoutMs);
+}
+
+std::string FarEnd::ReceiveUntilAny(const std::vector<std::string>& markers, int timeoutMs) {
+    const int64_t deadline = NowMsec() + timeoutMs;
+    for (;;) {
+        size_t cut = std::string::npos;
+        for (const std::string& marker : markers) {
+            const size_t at = pending_.find(marker);
+            if (at != std::string::npos) {
+                cut = std::min(cut, at + marker.size());
             }
         }
-    }
-    return got;
-}
-
-std::string FarEnd::ReceiveAvailable() const {
-    std::string got;
-    char buffer[4096];
-    for (;;) {
-        const ssize_t n = ::read(terminal_.Master, buffer, sizeof buffer);
-        if (n > 0) {
-            got.append(buffer, static_cast<size_t>(n));
-        } else if (n < 0 && errno == EINTR) {
-            continue;
-        } else {
-            break;
+        if (cut != std::string::npos) {
+            std::string out = pending_.substr(0, cut);
+            pending_.erase(0, cut);
+            return out;
+        }
+        if (!Fill(deadline)) {
+            return TakePending();
         }
     }
-    return got;
+}
+
+std::string FarEnd::ReceiveFor(int timeoutMs) {
+    const int64_t deadline = NowMsec() + timeoutMs;
+    while (Fill(deadline)) {
+    }
+    return TakePending();
+}
+
+std::string FarEnd::TakePending() {
+    std::string out;
+    out.swap(pending_);
+    return out;
+}
+
+std::string FarEnd::Command(const std::string& command, int timeoutMs) {
+    Send(command + "\r");
+    return ReceiveUntilAny({"OK\r\n", "ERROR\r\n"}, timeoutMs);
+}
+
+bool FarEnd::Dial(const std::string& number) {
+    Send("ATD" + number + "\r");
+    if (ReceiveUntil("CONNECT", 40000).find("CONNECT") == std::string::npos) {
+        return false;
+    }
+    ReceiveUntil("\r\n", 1000);  // the rest of the CONNECT line
+    return true;
+}
+
+bool FarEnd::Answer(int timeoutMs) {
+    if (ReceiveUntil("RING", timeoutMs).find("RING") == std::string::npos) {
+        return false;
+    }
+    ReceiveFor(100);
+    Send("ATA\r");
+    if (ReceiveUntil("CONNECT", 10000).find("CONNECT") == std::string::npos) {
+        return false;
+    }
+    ReceiveUntil("\r\n", 1000);
+    return true;
+}
+
+bool FarEnd::HangUp() {
+    // The escape needs the port silent for the adapter's guard time (500 ms)
+    // on both sides of the "+++"; its OK marks the end of the second one.
+    const int64_t quietFrom = lastSendMs_.load() + 600;
+    std::this_thread::sleep_for(
+        std::chrono::milliseconds(std::max<int64_t>(quietFrom - NowMsec(), 0)));
+    Send("+++");
+    const std::string escaped = ReceiveUntilAny({"OK\r\n", "NO CARRIER"}, 5000);
+    if (escaped.find("NO CARRIER") != std::string::npos) {
+        return true;  // the far end hung up first
+    }
+    if (escaped.find("OK\r\n") == std::string::npos) {
+        return false;
+    }
+    Send("ATH\r");
+    const std::string reply = ReceiveUntil("OK\r\n", 3000);
+    return reply.find("OK") != std::string::npos || reply.find("NO CARRIER") != std::string::npos;
 }

@@ -1,15 +1,7 @@
 #include "support/wire_peer.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <termios.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <cstring>
-#include <stdexcept>
 #include <thread>
 
 namespace peer {
@@ -31,13 +23,6 @@ uint32_t Get32(const std::string& bytes, size_t at) {
         value = (value << 8) | static_cast<uint8_t>(bytes[at + i]);
     }
     return value;
-}
-
-using Clock = std::chrono::steady_clock;
-
-int MsLeft(Clock::time_point end) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
-    return left.count() > 0 ? static_cast<int>(left.count()) : 0;
 }
 
 // The two-level checksum of a section's file bytes.
@@ -130,155 +115,7 @@ uint32_t StreamLength(size_t fileSize) {
     return static_cast<uint32_t>(fileSize + 2 * ((fileSize + SectionData - 1) / SectionData));
 }
 
-Port::Port(const std::string& path) {
-    fd_ = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
-    if (fd_ < 0) {
-        throw std::runtime_error("cannot open " + path + ": " + std::strerror(errno));
-    }
-    termios settings{};
-    ::tcgetattr(fd_, &settings);
-    ::cfmakeraw(&settings);
-    ::cfsetispeed(&settings, B115200);
-    ::cfsetospeed(&settings, B115200);
-    settings.c_cflag |= CLOCAL | CREAD;
-    ::tcsetattr(fd_, TCSANOW, &settings);
-}
-
-Port::Port(int fd) : fd_(::fcntl(fd, F_DUPFD_CLOEXEC, 0)) {
-    if (fd_ < 0) {
-        throw std::runtime_error(std::string("cannot take the descriptor: ") +
-                                 std::strerror(errno));
-    }
-}
-
-Port::~Port() {
-    if (fd_ >= 0) {
-        ::close(fd_);
-    }
-}
-
-void Port::Send(const std::string& bytes) {
-    size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t n = ::write(fd_, bytes.data() + done, bytes.size() - done);
-        if (n > 0) {
-            done += static_cast<size_t>(n);
-        } else if (n < 0 && errno != EAGAIN && errno != EINTR) {
-            throw std::runtime_error(std::string("write: ") + std::strerror(errno));
-        } else {
-            pollfd p{fd_, POLLOUT, 0};
-            ::poll(&p, 1, 100);
-        }
-    }
-    lastSend_ = Clock::now();
-}
-
-std::string Port::Receive(size_t count, int timeoutMs) {
-    const auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (pending_.size() < count) {
-        pollfd p{fd_, POLLIN, 0};
-        if (::poll(&p, 1, MsLeft(end)) <= 0) {
-            break;
-        }
-        char buffer[16384];
-        const ssize_t n = ::read(fd_, buffer, sizeof buffer);
-        if (n > 0) {
-            pending_.append(buffer, static_cast<size_t>(n));
-        }
-    }
-    const size_t take = std::min(count, pending_.size());
-    std::string out = pending_.substr(0, take);
-    pending_.erase(0, take);
-    return out;
-}
-
-std::string Port::ReceiveUntil(const std::string& marker, int timeoutMs) {
-    return ReceiveUntilAny({marker}, timeoutMs);
-}
-
-std::string Port::ReceiveUntilAny(const std::vector<std::string>& markers, int timeoutMs) {
-    const auto end = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    for (;;) {
-        size_t cut = std::string::npos;
-        for (const std::string& marker : markers) {
-            const size_t at = pending_.find(marker);
-            if (at != std::string::npos) {
-                cut = std::min(cut, at + marker.size());
-            }
-        }
-        if (cut != std::string::npos) {
-            std::string out = pending_.substr(0, cut);
-            pending_.erase(0, cut);
-            return out;
-        }
-        pollfd p{fd_, POLLIN, 0};
-        if (::poll(&p, 1, MsLeft(end)) <= 0) {
-            std::string out;
-            out.swap(pending_);
-            return out;
-        }
-        char buffer[16384];
-        const ssize_t n = ::read(fd_, buffer, sizeof buffer);
-        if (n > 0) {
-            pending_.append(buffer, static_cast<size_t>(n));
-        }
-    }
-}
-
-std::string Port::ReceiveFor(int timeoutMs) {
-    Receive(SIZE_MAX, timeoutMs);
-    std::string out;
-    out.swap(pending_);
-    return out;
-}
-
-bool Port::Command(const std::string& command) {
-    Send(command + "\r");
-    const std::string reply = ReceiveUntil("\r\n", 3000) + ReceiveUntil("\r\n", 3000);
-    return reply.find("OK\r\n") != std::string::npos;
-}
-
-bool Port::Dial(const std::string& number) {
-    Send("ATD" + number + "\r");
-    const std::string reply = ReceiveUntil("CONNECT", 40000);
-    if (reply.find("CONNECT") == std::string::npos) {
-        return false;
-    }
-    ReceiveUntil("\r\n", 1000);  // the rest of the CONNECT line
-    return true;
-}
-
-bool Port::Answer(int timeoutMs) {
-    if (ReceiveUntil("RING", timeoutMs).find("RING") == std::string::npos) {
-        return false;
-    }
-    ReceiveFor(100);
-    Send("ATA\r");
-    if (ReceiveUntil("CONNECT", 10000).find("CONNECT") == std::string::npos) {
-        return false;
-    }
-    ReceiveUntil("\r\n", 1000);
-    return true;
-}
-
-bool Port::HangUp() {
-    // The escape needs the port silent for the adapter's guard time (500 ms)
-    // on both sides of the "+++"; its OK marks the end of the second one.
-    std::this_thread::sleep_until(lastSend_ + std::chrono::milliseconds(600));
-    Send("+++");
-    const std::string escaped = ReceiveUntilAny({"OK\r\n", "NO CARRIER"}, 5000);
-    if (escaped.find("NO CARRIER") != std::string::npos) {
-        return true;  // the far end hung up first
-    }
-    if (escaped.find("OK\r\n") == std::string::npos) {
-        return false;
-    }
-    Send("ATH\r");
-    const std::string reply = ReceiveUntil("OK\r\n", 3000);
-    return reply.find("OK") != std::string::npos || reply.find("NO CARRIER") != std::string::npos;
-}
-
-std::string SendSession(Port& port, const std::vector<File>& files, const std::string& folder) {
+std::string SendSession(FarEnd& port, const std::vector<File>& files, const std::string& folder) {
     port.Send("SYNCON\r\n");
     if (port.ReceiveUntil("RCVCON\r\n", 5000).find("RCVCON\r\n") == std::string::npos) {
         return "no RCVCON";
@@ -324,7 +161,7 @@ std::string SendSession(Port& port, const std::vector<File>& files, const std::s
 
 namespace {
 
-void SendToken(Port& port, const std::string& token, int pauseMs) {
+void SendToken(FarEnd& port, const std::string& token, int pauseMs) {
     if (pauseMs <= 0) {
         port.Send(token);
         return;
@@ -336,7 +173,7 @@ void SendToken(Port& port, const std::string& token, int pauseMs) {
 
 }  // namespace
 
-std::string ReceiveSession(Port& port, std::vector<File>& files, std::string* folder,
+std::string ReceiveSession(FarEnd& port, std::vector<File>& files, std::string* folder,
                            int tokenPauseMs) {
     if (port.ReceiveUntil("SYNCON\r\n", 10000).find("SYNCON\r\n") == std::string::npos) {
         return "no SYNCON";

@@ -1,14 +1,15 @@
 // A far end that speaks the transfer protocol itself, over a terminal
-// adapter's port: the records, the sections and their checksums are written
+// adapter's port (a FarEnd): the records, the sections and their checksums are written
 // here afresh from the protocol's description, apart from the program's
 // engine, so that a test can talk to a station as another implementation
 // would, and can also send it anything at all.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "support/far_end.h"
 
 namespace peer {
 
@@ -29,51 +30,15 @@ struct File {
     int32_t Kind = 0;  // 2 for a program file
 };
 
-// The port of a virtual adapter, raw, at 115200 bits per second.
-class Port {
-public:
-    explicit Port(const std::string& path);
-    // A descriptor already open, such as a pseudo-terminal's own end, used as
-    // it is set up.
-    explicit Port(int fd);
-    ~Port();
-    Port(const Port&) = delete;
-    Port& operator=(const Port&) = delete;
-
-    void Send(const std::string& bytes);
-    // Exactly count bytes, or what came before the time ran out.
-    std::string Receive(size_t count, int timeoutMs);
-    // Everything up to and including the marker; what came if it did not.
-    std::string ReceiveUntil(const std::string& marker, int timeoutMs);
-    // Everything up to and including the first of the markers to come; what
-    // came if none did.
-    std::string ReceiveUntilAny(const std::vector<std::string>& markers, int timeoutMs);
-    // What comes within the time.
-    std::string ReceiveFor(int timeoutMs);
-
-    // Command mode: the command and CR; true if OK came back.
-    bool Command(const std::string& command);
-    // Dials and waits for CONNECT.
-    bool Dial(const std::string& number);
-    // Waits for RING, answers, waits for CONNECT.
-    bool Answer(int timeoutMs);
-    // Escape and ATH; true once the adapter is back on hook.
-    bool HangUp();
-
-private:
-    int fd_ = -1;
-    std::string pending_;
-    std::chrono::steady_clock::time_point lastSend_ = std::chrono::steady_clock::now();
-};
-
 // The whole of a session as the sending side, after CONNECT as the caller:
 // SYNCON, the list, the data, the ACKs. Returns "" or what went wrong.
-std::string SendSession(Port& port, const std::vector<File>& files, const std::string& folder = "");
+std::string SendSession(FarEnd& port, const std::vector<File>& files,
+                        const std::string& folder = "");
 // The whole of a session as the receiving side, after CONNECT as the
 // answerer: the files that arrive go to files, and the name of a folder marker
 // at the head of the list to folder. Returns "" or what went wrong. With a
 // pause, each token the peer sends goes in two pieces that far apart.
-std::string ReceiveSession(Port& port, std::vector<File>& files, std::string* folder = nullptr,
+std::string ReceiveSession(FarEnd& port, std::vector<File>& files, std::string* folder = nullptr,
                            int tokenPauseMs = 0);
 
 }  // namespace peer
