@@ -98,6 +98,7 @@ void ControlModel::Reset() {
     controls_.clear();
     index_.clear();
     menus_.clear();
+    systemMenu_.clear();
     Announce(guard, {{0, ControlChange::Menus, -1, {}}});
 }
 
@@ -326,6 +327,17 @@ std::vector<Menu> ControlModel::Menus() const {
     return menus_;
 }
 
+void ControlModel::SetSystemMenu(const std::vector<MenuItem>& items) {
+    std::unique_lock<std::mutex> guard(stateLock_);
+    systemMenu_ = items;
+    Announce(guard, {{0, ControlChange::Menus, -1, {}}});
+}
+
+std::vector<MenuItem> ControlModel::SystemMenu() const {
+    std::lock_guard<std::mutex> guard(stateLock_);
+    return systemMenu_;
+}
+
 void ControlModel::CheckMenuItem(int command, bool checked) {
     std::unique_lock<std::mutex> guard(stateLock_);
     for (Menu& menu : menus_) {
@@ -352,6 +364,11 @@ bool ControlModel::MenuItemChecked(int command) const {
 
 bool ControlModel::HasMenuItem(int command) const {
     std::lock_guard<std::mutex> guard(stateLock_);
+    for (const MenuItem& item : systemMenu_) {
+        if (item.Command == command) {
+            return true;
+        }
+    }
     for (const Menu& menu : menus_) {
         for (const MenuItem& item : menu.Items) {
             if (item.Command == command) {

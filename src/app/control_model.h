@@ -32,6 +32,7 @@ enum class ControlKind {
     DropDown,     // a drop-down list whose rows are fixed choices
     ListView,     // report view: a name column and a size column, an image per row
     ProgressBar,  // position 0 to 100
+    Window,       // the window itself; its text is the caption
 };
 
 // One row of a list box, drop-down or list view.
@@ -49,9 +50,10 @@ struct ControlState {
     bool Shown = true;
     bool Checked = false;
     std::vector<ListRow> Rows;
-    int Selection = -1;  // selected row, -1 for none
-    int Position = 0;    // of a progress bar
-    int Picture = 0;     // resource number of a picture or picture button
+    int Selection = -1;                // selected row, -1 for none
+    int Position = 0;                  // of a progress bar
+    int Picture = 0;                   // resource number of a picture or picture button
+    std::vector<std::string> Columns;  // the headers of a list view
 };
 
 enum class ControlChange {
@@ -133,6 +135,9 @@ public:
 
     void SetMenus(const std::vector<Menu>& menus);
     std::vector<Menu> Menus() const;
+    // The entries added to the window's system menu, behind the desktop's own.
+    void SetSystemMenu(const std::vector<MenuItem>& items);
+    std::vector<MenuItem> SystemMenu() const;
     void CheckMenuItem(int command, bool checked);
     bool MenuItemChecked(int command) const;
     bool HasMenuItem(int command) const;
@@ -161,6 +166,7 @@ private:
     std::vector<ControlState> controls_;
     std::map<int, size_t> index_;
     std::vector<Menu> menus_;
+    std::vector<MenuItem> systemMenu_;
 
     std::deque<ControlEvent> queued_;  // under stateLock_
 

@@ -1,5 +1,6 @@
-// The directory panel: the list of correspondents and the form that shows and
-// edits one record, and the entry of an exported record.
+// The directory panel: the list of correspondents, the form that shows and
+// edits one record, its pick-up folder, and exported records going out and
+// coming in.
 
 #include <algorithm>
 #include <cstring>
@@ -11,10 +12,13 @@
 #include "engine/pickup.h"
 #include "engine/wire.h"
 #include "line/adapter_family.h"
+#include "platform/desktop.h"
 #include "platform/files.h"
+#include "platform/key_state.h"
 #include "platform/message_box.h"
 #include "resources/resource.h"
 #include "stores/directory.h"
+#include "stores/folder_tree.h"
 #include "stores/paths.h"
 #include "stores/preferences.h"
 #include "stores/status_log.h"
@@ -27,10 +31,6 @@ constexpr uint8_t ExportedEntryMagic[4] = {'K', 'B', 'D', 'e'};
 
 bool InRange(int16_t index) {
     return index >= 0 && index < DirectorySlots;
-}
-
-std::string PickUpFolderOf(const Correspondent& record) {
-    return PickUpPath + "/" + FieldText(record.FirmName);
 }
 
 void ShowOnlyFolderButton(int shown) {
@@ -48,6 +48,24 @@ uint32_t Swapped(int32_t value) {
     uint32_t raw = static_cast<uint32_t>(value);
     SwapLong(&raw);
     return raw;
+}
+
+constexpr const char* PickUpFolderRefusal =
+    "Could not create a new pick up directory for this correspondent.\r  Please check to see "
+    "that you do not already have a directory\r in your Pick Up folder by this name.";
+
+// Linux names files by their whole name, with no extension that the desktop
+// needs; every file is offered.
+constexpr const char* AllFilesFilter = "All Files (*)|*|";
+
+bool NameInDirectory(const std::string& name) {
+    const int16_t count = DirectoryCount.load();
+    for (int16_t i = 0; i < count; ++i) {
+        if (FieldText(Directory[i].FirmName) == name) {
+            return true;
+        }
+    }
+    return false;
 }
 
 }  // namespace
@@ -194,8 +212,12 @@ void MainWindow::OnDirectoryChange() {
     if (record.HasPickUp != 0 && controls.Selection(IDC_FORM) == 0 &&
         newName != FieldText(record.FirmName)) {
         // The folder follows the name; a rename that fails shows later as a
-        // folder that has gone.
-        RenamePath(PickUpFolderOf(record), PickUpPath + "/" + newName);
+        // folder that has gone. A name that cannot be a folder never becomes
+        // a path, so the folder stays where it is and the record loses it.
+        const std::string folder = PickUpFolderOf(record);
+        if (!folder.empty() && NameCanBeFolder(newName)) {
+            RenamePath(folder, PickUpPath + "/" + newName);
+        }
     }
     for (int16_t i = 0; i < count; ++i) {
         Directory[i].SelectMark = 0;
@@ -215,8 +237,10 @@ void MainWindow::OnDirectoryDelete() {
         return;
     }
     const Correspondent& record = Directory[current];
-    // A folder that still holds anything keeps its record alive.
-    if (record.HasPickUp != 0 && !RemoveFolder(PickUpFolderOf(record))) {
+    // A folder that still holds anything keeps its record alive. A name that
+    // cannot be a folder has none to remove.
+    const std::string folder = PickUpFolderOf(record);
+    if (record.HasPickUp != 0 && !folder.empty() && !RemoveFolder(folder)) {
         return;
     }
     // The zero slot behind the last record moves down with the others.
@@ -282,7 +306,7 @@ void MainWindow::OnEntryEdited() {
     controls.Enable(IDC_ADD, firm && filled);
 }
 
-int MainWindow::ImportDirectoryEntry(const std::string& path) {
+int MainWindow::ImportDirectoryEntry(const std::string& path, EntrySource source) {
     const int16_t count = DirectoryCount.load();
     if (count >= DirectoryMaxRecords) {
         ShowMessageBox(
@@ -311,18 +335,24 @@ int MainWindow::ImportDirectoryEntry(const std::string& path) {
     if (std::memcmp(record.EntryMagic, expected, 4) != 0) {
         return 0;
     }
+    // The name is also a folder name, and comes from someone else.
+    const std::string name = FieldText(record.FirmName);
+    if (!NameCanBeFolder(name)) {
+        ::AddLogLine("Directory Entry Not Added: its name cannot name a folder.");
+        return 0;
+    }
+    // A caller must not take over the record, and with it the pick-up
+    // folder, of someone this end knows already.
+    if (source == EntrySource::Received && NameInDirectory(name)) {
+        ::AddLogLine("Directory Entry Not Added: " + name + " is in the directory already.");
+        return 0;
+    }
     Directory[count] = record;
+    // The record has a pick-up folder only if one was made for it now: a
+    // folder that was there before belongs to somebody else.
     if (record.HasPickUp != 0) {
-        if (CreateFolder(PickUpFolderOf(record))) {
-            Controls().Show(IDC_MAKE_FOLDER, false);
-            Controls().Show(IDC_FOLDER_EMPTY, true);
-            Controls().Show(IDC_FOLDER_FILLED, false);
-        } else {
-            ShowMessageBox(
-                "Could not create a new pick up directory for this correspondent.\r  Please check "
-                "to see that you do not already have a directory\r in your Pick Up folder by this "
-                "name.");
-        }
+        Directory[count].HasPickUp = 0;
+        CreatePickUpFolder(count);
     }
     for (int16_t i = 0; i < count; ++i) {
         Directory[i].SelectMark = 0;
@@ -341,6 +371,88 @@ int MainWindow::ImportDirectoryEntry(const std::string& path) {
     OnDirectorySelect();
     ::AddLogLine("Directory Entry Added");
     return 1;
+}
+
+bool MainWindow::CreatePickUpFolder(int16_t index) {
+    if (!InRange(index)) {
+        return false;
+    }
+    const std::string folder = PickUpFolderOf(Directory[index]);
+    if (folder.empty() || !CreateFolder(folder)) {
+        ShowMessageBox(PickUpFolderRefusal);
+        return false;
+    }
+    Directory[index].HasPickUp = 1;
+    Controls().Show(IDC_MAKE_FOLDER, false);
+    Controls().Show(IDC_FOLDER_EMPTY, true);
+    Controls().Show(IDC_FOLDER_FILLED, false);
+    SaveDirectory();
+    return true;
+}
+
+void MainWindow::OnCreatePickUpFolder() {
+    const int16_t current = currentEntry_.load();
+    if (current < 0) {
+        return;
+    }
+    CreatePickUpFolder(current);
+    // The rest happens whether the folder was made or not.
+    EnsureSentFilesFolder(current);
+    Controls().Show(IDC_HOT_SEND, true);
+    Controls().Show(IDC_HOT_RETRIEVE, true);
+    SelectRetrieveMode();
+}
+
+void MainWindow::OpenFolderInShell() {
+    // With Ctrl held, the folder of all pick-up folders.
+    if (KeyIsDown(Key::Control)) {
+        TheDesktop().ShowFolder(PickUpPath);
+        return;
+    }
+    const int16_t current = currentEntry_.load();
+    if (current < 0 || current >= DirectoryCount.load()) {
+        return;
+    }
+    const std::string folder = PickUpFolderOf(Directory[current]);
+    if (!folder.empty()) {
+        TheDesktop().ShowFolder(folder);
+    }
+}
+
+void MainWindow::SelectSendMode() {
+    Controls().Check(IDC_HOT_SEND, true);
+    Controls().Check(IDC_HOT_RETRIEVE, false);
+}
+
+void MainWindow::SelectRetrieveMode() {
+    Controls().Check(IDC_HOT_SEND, false);
+    Controls().Check(IDC_HOT_RETRIEVE, true);
+}
+
+EventOutcome MainWindow::OnExportEntry() {
+    const int16_t current = currentEntry_.load();
+    if (current < 0 || current >= DirectoryCount.load()) {
+        return EventOutcome{false, "no correspondent is on show"};
+    }
+    Correspondent exported = Directory[current];
+    exported.Protocol = static_cast<int32_t>(Swapped(exported.Protocol + 1));
+    exported.Carrier = static_cast<int32_t>(Swapped(exported.Carrier + 1));
+    std::memcpy(exported.EntryMagic, ExportedEntryMagic, 4);
+
+    FileDialogRequest request;
+    request.For = FileDialogRequest::Purpose::Save;
+    request.ProposedName = FieldText(exported.FirmName) + ".KBE";
+    request.Filter = AllFilesFilter;
+    const std::optional<std::string> chosen = TheDesktop().ChooseFile(request);
+    if (!chosen) {
+        return {};
+    }
+    File file;
+    if (!file.Open(*chosen, File::Mode::CreateReadWrite) ||
+        !file.Write(&exported, CorrespondentSize)) {
+        ShowMessageBox("Cannot create exported directory entry file.");
+    }
+    return {};
 }
 
 void MainWindow::SelectCorrespondent(int16_t index) {

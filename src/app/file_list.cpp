@@ -12,6 +12,7 @@
 #include "engine/pickup.h"
 #include "engine/transfer_engine.h"
 #include "engine/wire.h"
+#include "platform/desktop.h"
 #include "platform/files.h"
 #include "platform/message_box.h"
 #include "resources/resource.h"
@@ -80,10 +81,9 @@ std::string ShortDisplayName(const std::string& name) {
 }
 
 void MainWindow::OnFileAdd() {
-    if (!fileChooser_) {
-        return;
-    }
-    const std::optional<std::string> chosen = fileChooser_();
+    FileDialogRequest request;
+    request.Filter = "All Files (*)|*|";
+    const std::optional<std::string> chosen = TheDesktop().ChooseFile(request);
     if (chosen) {
         // A file of length 0 is accepted here, unlike in a drop.
         AddFileToList(*chosen, FileNameOfPath(*chosen));
@@ -165,7 +165,8 @@ void MainWindow::AddFolderToSendList(const std::string& path, const std::string&
     // system lists them; subfolders, "Sent Files" among them, stay behind.
     std::vector<std::string> files;
     for (const FolderEntry& item : entries) {
-        if (!item.IsFolder) {
+        // A FIFO, device or socket stays behind with the subfolders.
+        if (item.IsFile) {
             files.push_back(item.Name);
         }
     }
@@ -229,6 +230,11 @@ void MainWindow::OnDropFiles(int targetId, const std::vector<std::string>& paths
         for (const std::string& dropped : paths) {
             const std::string path = WithoutTrailingSlash(dropped);
             const std::string name = FileNameOfPath(path);
+            // A FIFO, device or socket is never opened: it is passed over as
+            // a subfolder of a dropped folder would be.
+            if (KindOfPath(path) == PathKind::Other) {
+                continue;
+            }
             File file;
             if (file.Open(path, File::Mode::Read)) {
                 const int64_t length = file.Length();

@@ -196,7 +196,7 @@ public:
         window_.AddFolderToSendList(path, name);
     }
     int ImportDirectoryEntry(const std::string& path) override {
-        return window_.ImportDirectoryEntry(path);
+        return window_.ImportDirectoryEntry(path, MainWindow::EntrySource::Received);
     }
 
 private:
@@ -217,10 +217,6 @@ MainWindow::~MainWindow() {
 void MainWindow::SetLogObserver(std::function<void(const std::string&)> observer) {
     std::lock_guard<std::mutex> guard(logLock_);
     logObserver_ = std::move(observer);
-}
-
-void MainWindow::SetFileChooser(std::function<std::optional<std::string>()> chooser) {
-    fileChooser_ = std::move(chooser);
 }
 
 const std::vector<std::string>& MainWindow::LinkStateNames() {
@@ -255,8 +251,16 @@ void MainWindow::CreateControls() {
         state.Shown = start.Shown;
         state.Selection = start.Selection;
         state.Picture = start.Picture;
+        if (start.Kind == ControlKind::ListView) {
+            state.Columns = {"Name", "Size"};
+        }
         controls.Create(state);
     }
+    ControlState window;
+    window.Id = IDD_MAIN_WINDOW;
+    window.Kind = ControlKind::Window;
+    window.Text = WindowCaption;
+    controls.Create(window);
     ControlState about;
     about.Id = IDD_ABOUTBOX;
     about.Kind = ControlKind::Picture;
@@ -265,6 +269,8 @@ void MainWindow::CreateControls() {
     about.Picture = IDB_ABOUT;
     controls.Create(about);
     controls.SetMenus(StartMenus());
+    // The system menu keeps what the desktop puts there; ours follows.
+    controls.SetSystemMenu({{0, "", false}, {IDM_ABOUTBOX, "&About Kestrelbound...", false}});
 }
 
 bool MainWindow::OnInitDialog() {
@@ -641,8 +647,29 @@ EventOutcome MainWindow::OnButton(int id) {
         case IDC_NEW:
             OnDirectoryNew();
             return {};
+        case IDC_MAKE_FOLDER:
+            OnCreatePickUpFolder();
+            return {};
+        case IDC_FOLDER_EMPTY:
+        case IDC_FOLDER_FILLED:
+        case IDC_HOT_EMPTY:
+        case IDC_HOT_FILLED:
+            OpenFolderInShell();
+            return {};
+        case IDC_OPEN_INCOMING:
+            OnOpenIncoming();
+            return {};
+        case IDC_PROGRAM_1:
+            OnProgramA();
+            return {};
+        case IDC_PROGRAM_2:
+            OnProgramB();
+            return {};
+        case IDC_HELP:
+            OnHelp();
+            return {};
         default:
-            return Refused(ControlName(id) + " does nothing in this version");
+            return Refused(ControlName(id) + " is no button");
     }
 }
 
@@ -681,9 +708,11 @@ EventOutcome MainWindow::OnBoxClicked(int id, bool checked) {
         if (!checked) {
             return Refused(ControlName(id) + " is cleared by choosing the other one");
         }
-        const bool send = id == IDC_HOT_SEND;
-        controls.Check(IDC_HOT_SEND, send);
-        controls.Check(IDC_HOT_RETRIEVE, !send);
+        if (id == IDC_HOT_SEND) {
+            SelectSendMode();
+        } else {
+            SelectRetrieveMode();
+        }
         return {};
     }
     if (controls.Checked(id) == checked) {
@@ -747,7 +776,7 @@ EventOutcome MainWindow::OnMenuCommand(int id) {
             ShowPortSpeed();
             return {};
         case ID_FILE_EXPORT_ENTRY:
-            return Refused("Export Directory Entry does nothing in this version");
+            return OnExportEntry();
         default:
             return Refused("no such menu command");
     }

@@ -25,6 +25,10 @@
 
 #include "platform/thread.h"
 
+// The window itself, kept in the control model beside its controls: its text
+// is the caption.
+inline constexpr int IDD_MAIN_WINDOW = 102;
+inline constexpr const char* WindowCaption = "Kestrelbound";
 // The About box, kept in the control model beside the window's controls: shown
 // while the box is open, with its text and picture.
 inline constexpr int IDD_ABOUTBOX = 100;
@@ -107,9 +111,6 @@ public:
     // the line is in it. The station program prints them. Set it before the
     // window starts; it must not wait for another thread.
     void SetLogObserver(std::function<void(const std::string& line)> observer);
-    // The file dialog of the button "Add": returns the chosen file, or nothing
-    // when the user cancels. Without one the button does nothing.
-    void SetFileChooser(std::function<std::optional<std::string>()> chooser);
     // The state of the link, by name: one of LinkStateNames(), in the order
     // of the link's states from "idle" to "recovery".
     static const std::vector<std::string>& LinkStateNames();
@@ -189,6 +190,15 @@ public:
     void ListIncomingFiles();
     void RemoveTopFileRow();
 
+    // ---- The desktop: the incoming folder, help, the two programs ----
+
+    void OnOpenIncoming();
+    void OnHelp();
+    // A plain click runs the program chosen for the button; the first click,
+    // and any click with Shift held, chooses it in a file dialog instead.
+    void OnProgramA();
+    void OnProgramB();
+
     // ---- The directory panel ----
 
     void FillDirectoryList();
@@ -203,8 +213,26 @@ public:
     void OnDirectoryNew();
     void OnFormChange();
     void OnEntryEdited();
-    int ImportDirectoryEntry(const std::string& path);
+    // Enters an exported record: 1 if a record was added. An entry that came
+    // in a call may not bear the name of a record that is there already.
+    enum class EntrySource { Dropped, Received };
+    int ImportDirectoryEntry(const std::string& path, EntrySource source = EntrySource::Dropped);
+    // The menu's "Export Directory Entry...": the record on show, to a file
+    // chosen in a save dialog.
+    EventOutcome OnExportEntry();
     int16_t CurrentEntry() const { return currentEntry_.load(); }
+
+    // ---- Pick-up folders ----
+
+    // Makes record index's folder below "Pick Up"; false after the message
+    // when it exists already or cannot be made.
+    bool CreatePickUpFolder(int16_t index);
+    void OnCreatePickUpFolder();
+    // The folder buttons: the folder of the record on show, or with Ctrl held
+    // the folder of all pick-up folders.
+    void OpenFolderInShell();
+    void SelectSendMode();
+    void SelectRetrieveMode();
 
 private:
     void CreateControls();
@@ -216,6 +244,11 @@ private:
     EventOutcome OnBoxClicked(int id, bool checked);
     EventOutcome OnMenuCommand(int id);
     void StoreIncomingSetting(int id);
+    // The program buttons share their rule; which names the preferences'
+    // field that holds the program.
+    enum class ProgramButton { A, B };
+    void OnProgram(ProgramButton which);
+    void PickExternalProgram(ProgramButton which);
     // The hot folder timer's tick.
     void SendDueHotFolder();
     void StopEngineThreads();
@@ -235,8 +268,6 @@ private:
     // Serialises the button rule, so that the last caller's view of the link
     // is the one that stays on the buttons.
     std::mutex buttonsLock_;
-
-    std::function<std::optional<std::string>()> fileChooser_;
 
     // What the engine's threads call; TheMainWindow points at it while the
     // window exists.

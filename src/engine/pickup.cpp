@@ -3,6 +3,7 @@
 
 #include "engine/pickup.h"
 
+#include <algorithm>
 #include <atomic>
 #include <string>
 #include <string_view>
@@ -17,12 +18,15 @@
 #include "line/comm_port.h"
 #include "platform/files.h"
 #include "stores/directory.h"
+#include "stores/folder_tree.h"
 #include "stores/paths.h"
 #include "stores/status_log.h"
 
 namespace {
 
 constexpr int16_t RequestLimitMs = 500;
+// A request with fewer digits would be found inside nearly any stored number.
+constexpr int RequestMinDigits = 4;
 // Entries of a pick-up folder looked at, "." and ".." among them.
 constexpr size_t ScannedEntries = 100;
 
@@ -42,10 +46,6 @@ void ServeHotFolderClears() {
             Directory[i].HotBytes = 0;
         }
     }
-}
-
-std::string PickUpFolderOf(int16_t index) {
-    return PickUpPath + "/" + FieldText(Directory[index].FirmName);
 }
 
 bool ValidIndex(int16_t index) {
@@ -91,13 +91,15 @@ int16_t ScanPickUpFolder(int16_t index, uint32_t& total) {
     if (!ValidIndex(index)) {
         return -1;
     }
+    const std::string folder = PickUpFolderOf(Directory[index]);
     std::vector<FolderEntry> entries;
-    if (!ListFolder(PickUpFolderOf(index), entries)) {
+    if (folder.empty() || !ListFolder(folder, entries)) {
         return -1;
     }
     int16_t count = 0;
     for (size_t i = 0; i < entries.size() && i < ScannedEntries; ++i) {
-        if (!entries[i].IsFolder) {
+        // Subfolders, and whatever is no plain file, neither count nor go.
+        if (entries[i].IsFile) {
             ++count;
             total += static_cast<uint32_t>(entries[i].Size);
         }
@@ -106,8 +108,12 @@ int16_t ScanPickUpFolder(int16_t index, uint32_t& total) {
 }
 
 void EnsureSentFilesFolder(int16_t index) {
-    if (ValidIndex(index)) {
-        CreateFolder(PickUpFolderOf(index) + "/Sent Files");
+    if (!ValidIndex(index)) {
+        return;
+    }
+    const std::string folder = PickUpFolderOf(Directory[index]);
+    if (!folder.empty()) {
+        CreateFolder(folder + "/Sent Files");
     }
 }
 
@@ -130,8 +136,9 @@ void MoveToSentFiles(const std::string& path, const std::string& name) {
 int16_t FindRetrieveFolder(const std::string& number) {
     for (int i = 0; i <= DirectoryCount.load() && i < DirectorySlots; ++i) {
         const Correspondent& record = Directory[i];
+        // A record whose name cannot be a folder has no folder to give.
         if (FirstNumberDigits(FieldText(record.IsdnNumber)).find(number) == std::string::npos ||
-            record.HasPickUp == 0) {
+            record.HasPickUp == 0 || PickUpFolderOf(record).empty()) {
             continue;
         }
         uint32_t total = 0;
@@ -147,8 +154,10 @@ void LoadPickUpFolder(int16_t index) {
     if (!ValidIndex(index)) {
         return;
     }
-    const std::string name = FieldText(Directory[index].FirmName);
-    Display().AddFolderToSendList(PickUpFolderOf(index), name);
+    const std::string folder = PickUpFolderOf(Directory[index]);
+    if (!folder.empty()) {
+        Display().AddFolderToSendList(folder, FieldText(Directory[index].FirmName));
+    }
 }
 
 void AnswerRetrieveRequest() {
@@ -157,7 +166,10 @@ void AnswerRetrieveRequest() {
         return;  // no answer; the caller's watchdog ends the call
     }
     const std::string number(request.LocalNumber.View());
-    const int16_t found = FindRetrieveFolder(number);
+    const auto digits =
+        std::count_if(number.begin(), number.end(), [](char c) { return c >= '0' && c <= '9'; });
+    // A short number is answered as one that no record knows.
+    const int16_t found = digits < RequestMinDigits ? int16_t{-1} : FindRetrieveFolder(number);
     if (found < 0) {
         AddLogLine("Retrieve request from " + number);
         SendToken(TokenNoFileDir);

@@ -31,18 +31,23 @@ bool File::Open(const std::string& path, Mode mode) {
             flags |= O_RDWR | O_CREAT | O_TRUNC;
             break;
     }
+    // Without blocking: opening a FIFO for reading would wait for a writer,
+    // and a device could wait for its line, so no thread may ever open one.
     do {
-        fd_ = ::open(path.c_str(), flags, 0644);
+        fd_ = ::open(path.c_str(), flags | O_NONBLOCK, 0644);
     } while (fd_ < 0 && errno == EINTR);
     if (fd_ < 0) {
         return false;
     }
-    // Folders open for reading on Linux; a file operation never wants one.
+    // Only plain files are files here: folders open for reading on Linux,
+    // and a FIFO, device or socket never ends the way a file does.
     struct stat info {};
-    if (::fstat(fd_, &info) != 0 || S_ISDIR(info.st_mode)) {
+    if (::fstat(fd_, &info) != 0 || !S_ISREG(info.st_mode)) {
         Close();
         return false;
     }
+    // Reads and writes of a plain file wait as they should.
+    ::fcntl(fd_, F_SETFL, ::fcntl(fd_, F_GETFL) & ~O_NONBLOCK);
     return true;
 }
 
@@ -131,6 +136,17 @@ bool PathExists(const std::string& path) {
     return ::stat(path.c_str(), &info) == 0;
 }
 
+PathKind KindOfPath(const std::string& path) {
+    struct stat info {};
+    if (::stat(path.c_str(), &info) != 0) {
+        return PathKind::Missing;
+    }
+    if (S_ISREG(info.st_mode)) {
+        return PathKind::File;
+    }
+    return S_ISDIR(info.st_mode) ? PathKind::Folder : PathKind::Other;
+}
+
 bool FolderExists(const std::string& path) {
     struct stat info {};
     return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
@@ -149,7 +165,8 @@ bool ListFolder(const std::string& path, std::vector<FolderEntry>& entries) {
         const std::string full = path + "/" + item.Name;
         if (::stat(full.c_str(), &info) == 0) {
             item.IsFolder = S_ISDIR(info.st_mode);
-            item.Size = item.IsFolder ? 0 : static_cast<uint64_t>(info.st_size);
+            item.IsFile = S_ISREG(info.st_mode);
+            item.Size = item.IsFile ? static_cast<uint64_t>(info.st_size) : 0;
         } else {
             item.IsFolder = entry->d_type == DT_DIR;
         }

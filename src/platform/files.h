@@ -1,8 +1,9 @@
 // Files and folders.
 //
 // File stands in for the design's file object: it is opened for one operation
-// and closed at once. The folder operations give the results the program
-// relies on: making a folder that exists fails, removing a folder that holds
+// and closed at once, and only a plain file opens: never a folder, FIFO,
+// device or socket, so that no thread can hang on opening one. The folder operations give the
+// results the program relies on: making a folder that exists fails, removing a folder that holds
 // anything fails, and a move never replaces an existing file.
 #pragma once
 
@@ -57,12 +58,17 @@ bool DeleteFileAt(const std::string& path);
 bool PathExists(const std::string& path);
 // True if a folder exists at the path.
 bool FolderExists(const std::string& path);
+// What lies at the path, links followed: a plain file, a folder, something
+// else (a FIFO, device or socket), or nothing.
+enum class PathKind { Missing, File, Folder, Other };
+PathKind KindOfPath(const std::string& path);
 
 // One entry of a folder listing.
 struct FolderEntry {
     std::string Name;
     bool IsFolder = false;
-    uint64_t Size = 0;
+    bool IsFile = false;  // a plain file; neither flag: a FIFO, device or socket
+    uint64_t Size = 0;    // of a plain file
 };
 
 // Lists a folder, "." and ".." included, in the order the file system gives.

@@ -10,14 +10,13 @@
 #include "app/main_window.h"
 #include "platform/files.h"
 #include "resources/resource.h"
+#include "station/station_desktop.h"
 #include "station/station_io.h"
 #include "station/waits.h"
 
 namespace {
 
 constexpr double DefaultWaitSeconds = 60;
-
-std::atomic<bool> ShiftDown{false};
 
 Answer FromOutcome(const EventOutcome& outcome) {
     return outcome.Done ? Answer{} : Fail(outcome.Refusal);
@@ -34,11 +33,30 @@ Answer Deliver(WindowEvent event) {
     });
 }
 
+// Hands the event to the window with the answer for a file dialog that it
+// may open; a dialog that does not open leaves the answer unused.
+Answer DeliverAnswering(WindowEvent event, std::optional<std::string> answer) {
+    return OnMainLoop([event = std::move(event), answer = std::move(answer)] {
+        MainWindow* window = ActiveMainWindow();
+        if (window == nullptr) {
+            return Fail("the window is not there");
+        }
+        TheStationDesktop().AnswerNextDialog(answer);
+        Answer result = FromOutcome(window->HandleEvent(event));
+        TheStationDesktop().AnswerNextDialog(std::nullopt);
+        return result;
+    });
+}
+
 WindowEvent EventOf(EventKind kind, int id) {
     WindowEvent event;
     event.Kind = kind;
     event.Id = id;
     return event;
+}
+
+Answer Press(int id) {
+    return Deliver(EventOf(EventKind::ButtonPressed, id));
 }
 
 bool ParseSwitch(const std::string& word, bool& on) {
@@ -108,18 +126,60 @@ Answer TypeText(int id, const std::string& text) {
     return Deliver(event);
 }
 
-// A drop of one file or folder on the file list.
-Answer DropOnFileList(const std::string& argument) {
-    if (argument.empty()) {
-        return Fail("add what?");
+// The words of an argument: blanks part them, and double quotes keep a word
+// with blanks whole. False if a quote is left open.
+bool SplitWords(const std::string& argument, std::vector<std::string>& words) {
+    words.clear();
+    size_t at = 0;
+    while (at < argument.size()) {
+        if (argument[at] == ' ') {
+            ++at;
+            continue;
+        }
+        if (argument[at] == '"') {
+            const size_t close = argument.find('"', at + 1);
+            if (close == std::string::npos) {
+                return false;
+            }
+            words.push_back(argument.substr(at + 1, close - at - 1));
+            at = close + 1;
+            continue;
+        }
+        const size_t end = std::min(argument.find(' ', at), argument.size());
+        words.push_back(argument.substr(at, end - at));
+        at = end;
     }
-    const std::string path = FullPath(argument);
-    if (!PathExists(path)) {
-        return Fail("no such file or folder: " + argument);
+    return true;
+}
+
+// Files and folders dropped together on a control, as a file manager drops
+// them: only what exists can be dragged.
+Answer Drop(int id, const std::string& argument) {
+    std::vector<std::string> words;
+    if (!SplitWords(argument, words)) {
+        return Fail("a quote is left open");
     }
-    WindowEvent event = EventOf(EventKind::FilesDropped, IDC_FILE_LIST);
-    event.Paths = {path};
+    if (words.empty()) {
+        return Fail("drop what?");
+    }
+    WindowEvent event = EventOf(EventKind::FilesDropped, id);
+    for (const std::string& word : words) {
+        const std::string path = FullPath(word);
+        if (!PathExists(path)) {
+            return Fail("no such file or folder: " + word);
+        }
+        event.Paths.push_back(path);
+    }
     return Deliver(event);
+}
+
+// The answer a command gives a file dialog: a path, or "cancel" (or nothing)
+// for Cancel.
+std::optional<std::string> DialogAnswer(const std::string& argument) {
+    if (argument.empty() || argument == "cancel") {
+        return std::nullopt;
+    }
+    return FullPath(argument);
 }
 
 // The button "Add" with the path picked in its file dialog. Unlike a drop,
@@ -128,18 +188,104 @@ Answer ChooseFile(const std::string& argument) {
     if (argument.empty()) {
         return Fail("choose what?");
     }
-    const std::string path = FullPath(argument);
-    return OnMainLoop([path] {
-        MainWindow* window = ActiveMainWindow();
-        if (window == nullptr) {
-            return Fail("the window is not there");
+    return DeliverAnswering(EventOf(EventKind::ButtonPressed, IDC_FILE_ADD), FullPath(argument));
+}
+
+// "a|b [PATH|cancel]": a program button, and the answer for its file dialog
+// if the click opens one.
+Answer ProgramButton(const std::string& argument) {
+    const size_t gap = argument.find(' ');
+    const std::string which = argument.substr(0, gap);
+    if (which != "a" && which != "b") {
+        return Fail("say a or b");
+    }
+    const std::string rest = gap == std::string::npos ? "" : argument.substr(gap + 1);
+    return DeliverAnswering(
+        EventOf(EventKind::ButtonPressed, which == "a" ? IDC_PROGRAM_1 : IDC_PROGRAM_2),
+        DialogAnswer(rest));
+}
+
+// "Export Directory Entry..." with the path chosen in its save dialog.
+Answer Export(const std::string& argument) {
+    return DeliverAnswering(EventOf(EventKind::MenuCommand, ID_FILE_EXPORT_ENTRY),
+                            DialogAnswer(argument));
+}
+
+// The one folder button on show, whichever of the four it is.
+Answer OpenFolder(const std::string&) {
+    for (int id : {IDC_FOLDER_EMPTY, IDC_FOLDER_FILLED, IDC_HOT_EMPTY, IDC_HOT_FILLED}) {
+        if (Controls().Shown(id)) {
+            return Press(id);
         }
-        window->SetFileChooser([path]() -> std::optional<std::string> { return path; });
-        Answer answer =
-            FromOutcome(window->HandleEvent(EventOf(EventKind::ButtonPressed, IDC_FILE_ADD)));
-        window->SetFileChooser(nullptr);
-        return answer;
-    });
+    }
+    return Fail("no folder button is shown");
+}
+
+// The contact form's fields are the name and number fields while the form
+// "Contact:" is chosen.
+Answer TypeContact(int id, const std::string& text) {
+    if (Controls().Selection(IDC_FORM) != 1) {
+        return Fail("the form shows Firm:; say form contact first");
+    }
+    return TypeText(id, text);
+}
+
+Answer ChooseForm(const std::string& argument) {
+    if (argument != "firm" && argument != "contact") {
+        return Fail("say firm or contact");
+    }
+    return SelectRow(IDC_FORM, argument == "firm" ? "0" : "1");
+}
+
+Answer DirectoryButton(const std::string& argument) {
+    static const std::vector<std::pair<std::string, int>> Buttons = {
+        {"new", IDC_NEW}, {"add", IDC_ADD}, {"change", IDC_CHANGE}, {"delete", IDC_DELETE}};
+    for (const auto& [word, id] : Buttons) {
+        if (argument == word) {
+            return Press(id);
+        }
+    }
+    return Fail("say new, add, change or delete");
+}
+
+Answer HotMode(const std::string& argument) {
+    if (argument != "send" && argument != "retrieve") {
+        return Fail("say send or retrieve");
+    }
+    WindowEvent event =
+        EventOf(EventKind::BoxClicked, argument == "send" ? IDC_HOT_SEND : IDC_HOT_RETRIEVE);
+    event.Checked = true;
+    return Deliver(event);
+}
+
+Answer ClickFileRow(const std::string& argument) {
+    return SelectRow(IDC_FILE_LIST, argument);
+}
+
+// A click on the row, then the button Delete.
+Answer DeleteFileRow(const std::string& argument) {
+    const Answer clicked = ClickFileRow(argument);
+    return clicked.Ok ? Press(IDC_FILE_DELETE) : clicked;
+}
+
+// "[ok]": the About command of the system menu, or the box's OK.
+Answer About(const std::string& argument) {
+    if (argument == "ok") {
+        return Deliver(EventOf(EventKind::AboutOk, 0));
+    }
+    if (!argument.empty()) {
+        return Fail("say about, or about ok");
+    }
+    return Deliver(EventOf(EventKind::MenuCommand, IDM_ABOUTBOX));
+}
+
+Answer Browser(const std::string& argument) {
+    bool on = false;
+    if (!ParseSwitch(argument, on)) {
+        return Fail("say on or off");
+    }
+    TheStationDesktop().SetBrowserRunning(on);
+    return Answer{};
 }
 
 Answer ChoosePortSpeed(const std::string& argument) {
@@ -195,20 +341,22 @@ Answer WaitForStateCommand(const std::string& argument) {
     return WaitForLinkState(state, seconds);
 }
 
-// The Shift key, held down as the station starts, forces a new search for
-// the adapter.
-Answer HoldShift(const std::string& argument) {
+// Shift held down as the station starts forces a new search for the
+// adapter; Shift and Ctrl change what some buttons do.
+Answer Hold(Key key, const std::string& argument) {
     bool on = false;
     if (!ParseSwitch(argument, on)) {
         return Fail("say on or off");
     }
-    ShiftDown.store(on);
+    HoldKey(key, on);
     return Answer{};
 }
 
-// One line for each control that has a resource name, then one for each menu.
+// The window's caption, one line for each control that has a resource name,
+// then one for each menu and one for the system menu's entries.
 Answer ShowControls() {
     return OnMainLoop([] {
+        PrintLine("window caption=" + Quoted(Controls().Text(IDD_MAIN_WINDOW)));
         for (const ControlState& control : Controls().AllStates()) {
             const std::string name = ControlName(control.Id);
             if (name.empty()) {
@@ -231,6 +379,13 @@ Answer ShowControls() {
                     }
                     line +=
                         " selected=" + std::to_string(control.Selection) + " rows=" + Quoted(rows);
+                    if (!control.Columns.empty()) {
+                        std::string columns;
+                        for (const std::string& column : control.Columns) {
+                            columns += (columns.empty() ? "" : "|") + column;
+                        }
+                        line += " columns=" + Quoted(columns);
+                    }
                     break;
                 }
                 case ControlKind::ProgressBar:
@@ -256,6 +411,13 @@ Answer ShowControls() {
             PrintLine("menu text=" + Quoted(menu.Title) + " items=" + Quoted(items) +
                       " checked=" + Quoted(checked));
         }
+        std::string system;
+        for (const MenuItem& item : Controls().SystemMenu()) {
+            if (!item.Text.empty()) {
+                system += (system.empty() ? "" : "|") + item.Text;
+            }
+        }
+        PrintLine("system-menu items=" + Quoted(system));
         return Answer{};
     });
 }
@@ -264,10 +426,6 @@ struct StationCommand {
     const char* Verb;
     std::function<Answer(const std::string& argument)> Run;
 };
-
-Answer Press(int id) {
-    return Deliver(EventOf(EventKind::ButtonPressed, id));
-}
 
 const std::vector<StationCommand>& CommandTable() {
     using A = const std::string&;
@@ -284,8 +442,27 @@ const std::vector<StationCommand>& CommandTable() {
         {"in-2b", [](A on) { return ClickBox(IDC_IN_2B, on); }},
         {"in-v42", [](A on) { return ClickBox(IDC_IN_V42, on); }},
         {"ignore-hot", [](A on) { return ClickBox(IDC_IGNORE_HOT, on); }},
-        {"add", DropOnFileList},
+        {"add", [](A paths) { return Drop(IDC_FILE_LIST, paths); }},
         {"choose", ChooseFile},
+        {"drop-send", [](A paths) { return Drop(IDC_SEND, paths); }},
+        {"drop-directory", [](A paths) { return Drop(IDC_DIRECTORY_LIST, paths); }},
+        {"file-click", ClickFileRow},
+        {"file-delete", DeleteFileRow},
+        {"file-clear", [](A) { return Press(IDC_FILE_CLEAR); }},
+        {"select", [](A row) { return SelectRow(IDC_DIRECTORY_LIST, row); }},
+        {"entry", DirectoryButton},
+        {"form", ChooseForm},
+        {"contact", [](A text) { return TypeContact(IDC_NAME, text); }},
+        {"phone", [](A text) { return TypeContact(IDC_NUMBER, text); }},
+        {"make-folder", [](A) { return Press(IDC_MAKE_FOLDER); }},
+        {"open-folder", OpenFolder},
+        {"hot", HotMode},
+        {"export", Export},
+        {"open-incoming", [](A) { return Press(IDC_OPEN_INCOMING); }},
+        {"help", [](A) { return Press(IDC_HELP); }},
+        {"program", ProgramButton},
+        {"about", About},
+        {"browser", Browser},
         {"send", [](A) { return Press(IDC_SEND); }},
         {"retrieve", [](A) { return Press(IDC_RETRIEVE); }},
         {"disconnect", [](A) { return Press(IDC_DISCONNECT); }},
@@ -293,7 +470,8 @@ const std::vector<StationCommand>& CommandTable() {
         {"speed", ChoosePortSpeed},
         {"wait", WaitForLogCommand},
         {"wait-state", WaitForStateCommand},
-        {"shift", HoldShift},
+        {"shift", [](A on) { return Hold(Key::Shift, on); }},
+        {"ctrl", [](A on) { return Hold(Key::Control, on); }},
         {"show", [](A) { return ShowControls(); }},
         {"quit", [](A) { return Deliver(EventOf(EventKind::MenuCommand, ID_FILE_EXIT)); }},
     };
@@ -314,8 +492,4 @@ std::string RunStationCommand(const std::string& line) {
         }
     }
     return answer.Ok ? "ok" : "error: " + OneLine(answer.Why);
-}
-
-bool ShiftHeld() {
-    return ShiftDown.load();
 }

@@ -6,5 +6,3 @@
 
 // Runs one command line and says how it went: "ok" or "error: <why>".
 std::string RunStationCommand(const std::string& line);
-// Whether the command "shift on" holds the Shift key down.
-bool ShiftHeld();

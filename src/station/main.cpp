@@ -17,6 +17,7 @@
 #include "platform/key_state.h"
 #include "platform/message_box.h"
 #include "station/commands.h"
+#include "station/station_desktop.h"
 #include "station/station_io.h"
 #include "station/waits.h"
 
@@ -42,7 +43,8 @@ int main() {
         return 1;
     }
     SetMessageBoxHandler([](const std::string& text) { PrintLine("message: " + OneLine(text)); });
-    SetKeyStateQuery([](Key key) { return key == Key::Shift && ShiftHeld(); });
+    SetKeyStateQuery(KeyHeld);
+    InstallDesktop(&TheStationDesktop());
     const int listener = Controls().AddListener([](const ControlEvent&) { NoteChange(); });
     StartCommandInput(RunStationCommand, CloseWindow);
 
@@ -55,5 +57,6 @@ int main() {
     Controls().RemoveListener(listener);
     SetMessageBoxHandler(nullptr);
     SetKeyStateQuery(nullptr);
+    InstallDesktop(nullptr);
     return 0;
 }

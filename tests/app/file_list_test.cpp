@@ -13,6 +13,7 @@
 #include "engine/wire.h"
 #include "platform/files.h"
 #include "resources/resource.h"
+#include "support/recording_desktop.h"
 #include "support/temp_folder.h"
 #include "window_fixture.h"
 
@@ -34,7 +35,8 @@ void Drop(MainWindow& window, int target, const std::vector<std::string>& paths)
 
 TEST_F(FileListTest, AnEmptyFileGoesInThroughTheDialogButADropSkipsIt) {
     const std::string empty = MakeFile("empty", 0);
-    window_->SetFileChooser([&] { return std::optional<std::string>(empty); });
+    RecordingDesktop desktop;
+    desktop.Answer(empty);
     window_->OnFileAdd();
     ASSERT_EQ(TheEngine.SendCount.load(), 1);
     EXPECT_EQ(Entry(0).DataLength, 0u);
@@ -47,9 +49,8 @@ TEST_F(FileListTest, AnEmptyFileGoesInThroughTheDialogButADropSkipsIt) {
     EXPECT_EQ(TheEngine.SendCount.load(), 0);
     EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 0);
 
-    // A chooser that is cancelled adds nothing; a file that cannot be opened
+    // A dialog that is cancelled adds nothing; a file that cannot be opened
     // is told and leaves the list as it was.
-    window_->SetFileChooser([] { return std::optional<std::string>(); });
     window_->OnFileAdd();
     EXPECT_EQ(TheEngine.SendCount.load(), 0);
     EXPECT_FALSE(window_->AddFileToList(folder_ / "missing", "missing"));

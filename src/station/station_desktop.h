@@ -1,0 +1,36 @@
+// What stands in for the desktop and the keyboard in the station program.
+//
+// A station has no desktop to hand folders, pages and programs to, so each
+// hand-off is printed as the user would have seen it go: "open: PATH" for a
+// folder, "browse: PAGE" for a page, "run: PATH" for a program. A file dialog
+// prints "dialog: open" or "dialog: save NAME" and takes the answer that the
+// command which opened it gave; without one it is cancelled. The keys Shift
+// and Ctrl are held down by commands.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "platform/desktop.h"
+#include "platform/key_state.h"
+
+class StationDesktop : public Desktop {
+public:
+    void ShowFolder(const std::string& path) override;
+    [[nodiscard]] bool ShowPage(const std::string& page) override;
+    void BringBrowserForward() override;
+    void StartProgram(const std::string& path) override;
+    [[nodiscard]] std::optional<std::string> ChooseFile(const FileDialogRequest& request) override;
+
+    // Whether a browser takes the pages handed to it; at start one does.
+    void SetBrowserRunning(bool running);
+    // The answer for the next file dialog: a path, or nothing for Cancel.
+    // A dialog takes it and leaves none for the dialog after.
+    void AnswerNextDialog(std::optional<std::string> answer);
+};
+
+StationDesktop& TheStationDesktop();
+
+// Holds a key down, or lets it go.
+void HoldKey(Key key, bool down);
+bool KeyHeld(Key key);

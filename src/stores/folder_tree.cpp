@@ -1,0 +1,21 @@
+#include "stores/folder_tree.h"
+
+#include "stores/paths.h"
+
+bool NameCanBeFolder(std::string_view name) {
+    if (name.empty() || name == "." || name == "..") {
+        return false;
+    }
+    for (const char c : name) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == '/' || byte < 0x20 || byte == 0x7F) {
+            return false;
+        }
+    }
+    return true;
+}
+
+std::string PickUpFolderOf(const Correspondent& record) {
+    const std::string name = FieldText(record.FirmName);
+    return NameCanBeFolder(name) ? PickUpPath + "/" + name : std::string();
+}

@@ -1,0 +1,66 @@
+// A desktop for tests: every hand-off is noted as the station program prints
+// it ("open: PATH", "browse: PAGE", "raise: browser", "run: PATH",
+// "dialog: open", "dialog: save NAME"), and file dialogs take their answers
+// from a queue, an empty queue cancelling. Installed while it lives.
+#pragma once
+
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/desktop.h"
+
+class RecordingDesktop : public Desktop {
+public:
+    RecordingDesktop() { InstallDesktop(this); }
+    ~RecordingDesktop() override { InstallDesktop(nullptr); }
+    RecordingDesktop(const RecordingDesktop&) = delete;
+    RecordingDesktop& operator=(const RecordingDesktop&) = delete;
+
+    void ShowFolder(const std::string& path) override { Note("open: " + path); }
+    bool ShowPage(const std::string& page) override {
+        Note("browse: " + page);
+        return BrowserRunning;
+    }
+    void BringBrowserForward() override { Note("raise: browser"); }
+    void StartProgram(const std::string& path) override { Note("run: " + path); }
+    std::optional<std::string> ChooseFile(const FileDialogRequest& request) override {
+        Note(request.For == FileDialogRequest::Purpose::Save
+                 ? "dialog: save " + request.ProposedName
+                 : "dialog: open");
+        std::lock_guard<std::mutex> guard(lock_);
+        if (answers_.empty()) {
+            return std::nullopt;
+        }
+        std::optional<std::string> answer = answers_.front();
+        answers_.pop_front();
+        return answer;
+    }
+
+    // The next dialog's answer; nothing for Cancel.
+    void Answer(std::optional<std::string> answer) {
+        std::lock_guard<std::mutex> guard(lock_);
+        answers_.push_back(std::move(answer));
+    }
+    // What was handed over since the last call.
+    std::vector<std::string> Take() {
+        std::lock_guard<std::mutex> guard(lock_);
+        std::vector<std::string> taken;
+        taken.swap(noted_);
+        return taken;
+    }
+
+    bool BrowserRunning = true;
+
+private:
+    void Note(std::string what) {
+        std::lock_guard<std::mutex> guard(lock_);
+        noted_.push_back(std::move(what));
+    }
+
+    std::mutex lock_;
+    std::vector<std::string> noted_;
+    std::deque<std::optional<std::string>> answers_;
+};
