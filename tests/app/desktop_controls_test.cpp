@@ -1,0 +1,294 @@
+// The controls that reach past the window: the pick-up folder's buttons, the
+// incoming folder, help, the program buttons, exported entries going out and
+// coming in; and what a name or an entry from someone else may never reach.
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "app/control_model.h"
+#include "app/main_window.h"
+#include "platform/files.h"
+#include "platform/key_state.h"
+#include "resources/resource.h"
+#include "stores/directory.h"
+#include "stores/paths.h"
+#include "stores/preferences.h"
+#include "support/recording_desktop.h"
+#include "window_fixture.h"
+
+namespace {
+
+constexpr const char* FolderRefusal =
+    "Could not create a new pick up directory for this correspondent.\r  Please check to see "
+    "that you do not already have a directory\r in your Pick Up folder by this name.";
+
+class DesktopControlsTest : public WindowTest {
+protected:
+    void TearDown() override {
+        SetKeyStateQuery(nullptr);
+        WindowTest::TearDown();
+    }
+
+    EventOutcome Deliver(EventKind kind, int id, const std::string& text = "", int row = -1) {
+        WindowEvent event;
+        event.Kind = kind;
+        event.Id = id;
+        event.Text = text;
+        event.Row = row;
+        return window_->HandleEvent(event);
+    }
+    EventOutcome Press(int id) { return Deliver(EventKind::ButtonPressed, id); }
+    void AddRecord(const std::string& name, const std::string& number) {
+        Deliver(EventKind::TextEdited, IDC_NAME, name);
+        Deliver(EventKind::TextEdited, IDC_NUMBER, number);
+        ASSERT_TRUE(Press(IDC_ADD).Done) << name;
+    }
+    void Select(const std::string& name) {
+        const std::vector<std::string> rows = RowTexts(IDC_DIRECTORY_LIST);
+        for (size_t i = 0; i < rows.size(); ++i) {
+            if (rows[i] == name) {
+                ASSERT_TRUE(Deliver(EventKind::SelectionChanged, IDC_DIRECTORY_LIST, "",
+                                    static_cast<int>(i))
+                                .Done);
+                return;
+            }
+        }
+        FAIL() << "no row " << name;
+    }
+    void HoldKeys(bool shift, bool control) {
+        SetKeyStateQuery([shift, control](Key key) { return key == Key::Shift ? shift : control; });
+    }
+    // The entry an export would write for a record of that name and number.
+    static std::string Entry(const std::string& name, const std::string& number, bool hasPickUp) {
+        std::string entry(CorrespondentSize, '\0');
+        std::memcpy(entry.data(), name.data(), name.size());
+        std::memcpy(entry.data() + 32, number.data(), number.size());
+        std::memcpy(entry.data() + 64, "\0\0\0\x01\0\0\0\x01", 8);
+        entry[78] = hasPickUp ? 1 : 0;
+        std::memcpy(entry.data() + 136, "KBDe", 4);
+        return entry;
+    }
+
+    RecordingDesktop desktop_;
+};
+
+TEST_F(DesktopControlsTest, APickUpFolderIsMadeOnceAndOpenedWithOrWithoutCtrl) {
+    AddRecord("Smith", "5551234");
+    ASSERT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
+    ASSERT_TRUE(Press(IDC_MAKE_FOLDER).Done);
+    EXPECT_TRUE(FolderExists(PickUpPath + "/Smith/Sent Files"));
+    EXPECT_EQ(Directory[0].HasPickUp, 1);
+    EXPECT_EQ(ReadWholeFile(DirectoryPath).at(2 + 78), 1) << "saved at once";
+    EXPECT_FALSE(Controls().Shown(IDC_MAKE_FOLDER));
+    EXPECT_TRUE(Controls().Shown(IDC_FOLDER_EMPTY));
+    EXPECT_TRUE(Controls().Shown(IDC_HOT_RETRIEVE));
+    EXPECT_TRUE(Controls().Checked(IDC_HOT_RETRIEVE));
+    EXPECT_FALSE(Controls().Checked(IDC_HOT_SEND));
+
+    ASSERT_TRUE(Press(IDC_FOLDER_EMPTY).Done);
+    HoldKeys(false, true);
+    ASSERT_TRUE(Press(IDC_FOLDER_EMPTY).Done);
+    EXPECT_EQ(desktop_.Take(),
+              (std::vector<std::string>{"open: " + PickUpPath + "/Smith", "open: " + PickUpPath}));
+    HoldKeys(false, false);
+
+    // Send marks the folder hot only when the record is stored.
+    Select("Smith");
+    WindowEvent click;
+    click.Kind = EventKind::BoxClicked;
+    click.Id = IDC_HOT_SEND;
+    click.Checked = true;
+    ASSERT_TRUE(window_->HandleEvent(click).Done);
+    EXPECT_FALSE(Controls().Checked(IDC_HOT_RETRIEVE));
+    EXPECT_EQ(Directory[0].HotSend, 0);
+    ASSERT_TRUE(Press(IDC_CHANGE).Done);
+    EXPECT_EQ(Directory[0].HotSend, 1);
+    EXPECT_TRUE(Controls().Shown(IDC_HOT_EMPTY));
+
+    // The scan looks at a hot folder only while "Ignore Hot Folders" is
+    // clear; its first look notes the folder's total.
+    WriteWholeFile(PickUpPath + "/Smith/a.txt", "12345");
+    click.Id = IDC_IGNORE_HOT;
+    ASSERT_TRUE(window_->HandleEvent(click).Done);
+    window_->OnTimer(TimerHotFolders);
+    EXPECT_EQ(Directory[0].HotBytes, 0u);
+    click.Checked = false;
+    ASSERT_TRUE(window_->HandleEvent(click).Done);
+    window_->OnTimer(TimerHotFolders);
+    EXPECT_EQ(Directory[0].HotBytes, 5u);
+
+    // A folder of that name on disk already belongs to nobody here: the
+    // message, and the record keeps no folder.
+    ASSERT_TRUE(CreateFolder(PickUpPath + "/Jones"));
+    AddRecord("Jones", "5559876");
+    ASSERT_TRUE(Press(IDC_MAKE_FOLDER).Done);
+    EXPECT_EQ(Messages(), std::vector<std::string>{FolderRefusal});
+    EXPECT_EQ(Directory[0].HasPickUp, 0) << "Jones";
+    EXPECT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
+}
+
+TEST_F(DesktopControlsTest, ANameThatIsNoFolderNameNeverBecomesAPath) {
+    ASSERT_TRUE(CreateFolder(PickUpPath + "/Smith"));
+    WriteWholeFile(PickUpPath + "/Smith/secret", "smith's");
+    size_t refusals = 0;
+    for (const std::string name : {"..", ".", "../Smith", "a/b", "tab\there"}) {
+        SCOPED_TRACE(name);
+        AddRecord(name, "5551234");
+        ASSERT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
+        ASSERT_TRUE(Press(IDC_MAKE_FOLDER).Done);
+        EXPECT_EQ(Messages().size(), ++refusals);
+        EXPECT_EQ(Messages().back(), FolderRefusal);
+        const int16_t current = window_->CurrentEntry();
+        EXPECT_EQ(Directory[current].HasPickUp, 0);
+        // A record that claims a folder all the same shows none and offers
+        // none to open.
+        Directory[current].HasPickUp = 1;
+        window_->ShowCorrespondent(current);
+        EXPECT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
+        EXPECT_EQ(Directory[current].HasPickUp, 0);
+    }
+    EXPECT_TRUE(desktop_.Take().empty());
+
+    // A record with a folder renamed to such a name leaves its folder be.
+    AddRecord("Jones", "5559876");
+    ASSERT_TRUE(Press(IDC_MAKE_FOLDER).Done);
+    Select("Jones");
+    Deliver(EventKind::TextEdited, IDC_NAME, "../Smith");
+    ASSERT_TRUE(Press(IDC_CHANGE).Done);
+    EXPECT_TRUE(FolderExists(PickUpPath + "/Jones/Sent Files"));
+    EXPECT_EQ(ReadWholeFile(PickUpPath + "/Smith/secret"), "smith's");
+    // Deleting it has no folder to remove.
+    const int before = DirectoryCount.load();
+    ASSERT_TRUE(Press(IDC_DELETE).Done);
+    EXPECT_EQ(DirectoryCount.load(), before - 1);
+    EXPECT_TRUE(FolderExists(PickUpPath + "/Jones"));
+}
+
+TEST_F(DesktopControlsTest, HelpTheIncomingFolderAndTheProgramsGoToTheDesktop) {
+    ASSERT_TRUE(Press(IDC_OPEN_INCOMING).Done);
+    ASSERT_TRUE(Press(IDC_HELP).Done);
+    EXPECT_EQ(desktop_.Take(), (std::vector<std::string>{"open: " + IncomingPath,
+                                                         "browse: " + HelpPath, "raise: browser"}));
+    desktop_.BrowserRunning = false;
+    ASSERT_TRUE(Press(IDC_HELP).Done);
+    EXPECT_EQ(desktop_.Take(), std::vector<std::string>{"browse: " + HelpPath});
+    EXPECT_EQ(Messages(), std::vector<std::string>{
+                              "Please launch your preferred web browser to use\non-line help."});
+
+    // The first click chooses the program and starts nothing; a plain click
+    // runs it; Shift chooses again, and a Cancel forgets it.
+    desktop_.Answer("/usr/bin/gimp");
+    ASSERT_TRUE(Press(IDC_PROGRAM_1).Done);
+    EXPECT_EQ(desktop_.Take(), std::vector<std::string>{"dialog: open"});
+    EXPECT_EQ(FieldText(ThePreferences.ExternalProgramA), "/usr/bin/gimp");
+    ASSERT_TRUE(Press(IDC_PROGRAM_1).Done);
+    ASSERT_TRUE(Press(IDC_PROGRAM_2).Done);
+    EXPECT_EQ(desktop_.Take(), (std::vector<std::string>{"run: /usr/bin/gimp", "dialog: open"}));
+    EXPECT_EQ(FieldText(ThePreferences.ExternalProgramB), "") << "B was cancelled";
+    HoldKeys(true, false);
+    ASSERT_TRUE(Press(IDC_PROGRAM_1).Done);
+    HoldKeys(false, false);
+    EXPECT_EQ(FieldText(ThePreferences.ExternalProgramA), "");
+    // A path the field cannot hold whole is not kept cut short.
+    desktop_.Answer("/" + std::string(600, 'p'));
+    ASSERT_TRUE(Press(IDC_PROGRAM_1).Done);
+    EXPECT_EQ(FieldText(ThePreferences.ExternalProgramA), "");
+    EXPECT_EQ(desktop_.Take(), (std::vector<std::string>{"dialog: open", "dialog: open"}));
+
+    // The model holds the caption, the file list's headers and the About
+    // command of the system menu, which opens the box at any time.
+    EXPECT_EQ(Controls().Text(IDD_MAIN_WINDOW), "Kestrelbound");
+    EXPECT_EQ(Controls().State(IDC_FILE_LIST).Columns, (std::vector<std::string>{"Name", "Size"}));
+    const std::vector<MenuItem> system = Controls().SystemMenu();
+    ASSERT_EQ(system.size(), 2u);
+    EXPECT_EQ(system[1].Text, "&About Kestrelbound...");
+    EXPECT_EQ(system[1].Command, IDM_ABOUTBOX);
+    ASSERT_TRUE(Deliver(EventKind::MenuCommand, IDM_ABOUTBOX).Done);
+    EXPECT_TRUE(Controls().Shown(IDD_ABOUTBOX));
+}
+
+TEST_F(DesktopControlsTest, AnExportedEntryComesBackAsTheRecordItWas) {
+    EXPECT_FALSE(Deliver(EventKind::MenuCommand, ID_FILE_EXPORT_ENTRY).Done) << "nothing on show";
+    AddRecord("Smith & Co", "030 5551234");
+    Select("Smith & Co");
+    Deliver(EventKind::SelectionChanged, IDC_PROTOCOL, "", 2);
+    Deliver(EventKind::SelectionChanged, IDC_CARRIER, "", 3);
+    WindowEvent box;
+    box.Kind = EventKind::BoxClicked;
+    box.Id = IDC_56K;
+    box.Checked = true;
+    window_->HandleEvent(box);
+    ASSERT_TRUE(Press(IDC_CHANGE).Done);
+    ASSERT_TRUE(Press(IDC_MAKE_FOLDER).Done);
+    const Correspondent original = Directory[0];
+
+    // Cancelled, nothing is written; a place that cannot take a file is told.
+    ASSERT_TRUE(Deliver(EventKind::MenuCommand, ID_FILE_EXPORT_ENTRY).Done);
+    desktop_.Answer(folder_ / "no folder/x.KBE");
+    ASSERT_TRUE(Deliver(EventKind::MenuCommand, ID_FILE_EXPORT_ENTRY).Done);
+    EXPECT_EQ(Messages(), std::vector<std::string>{"Cannot create exported directory entry file."});
+    const std::string exported = folder_ / "smith.KBE";
+    desktop_.Answer(exported);
+    ASSERT_TRUE(Deliver(EventKind::MenuCommand, ID_FILE_EXPORT_ENTRY).Done);
+    EXPECT_EQ(desktop_.Take(), std::vector<std::string>(3, "dialog: save Smith & Co.KBE"));
+
+    const std::string bytes = ReadWholeFile(exported);
+    ASSERT_EQ(bytes.size(), CorrespondentSize);
+    EXPECT_EQ(bytes.substr(64, 8), std::string("\0\0\0\x03\0\0\0\x04", 8));
+    EXPECT_EQ(bytes.substr(136, 4), "KBDe");
+    EXPECT_EQ(bytes.substr(0, 64), std::string(reinterpret_cast<const char*>(&original), 64));
+    EXPECT_EQ(bytes.substr(72, 64), std::string(reinterpret_cast<const char*>(&original) + 72, 64));
+
+    // Taken back in a directory of its own: the same record but for the
+    // mark and the magic, with a folder made for it.
+    ASSERT_TRUE(RemoveFolder(PickUpPath + "/Smith & Co/Sent Files"));
+    window_->OnDirectoryDelete();
+    ASSERT_EQ(DirectoryCount.load(), 0);
+    ASSERT_EQ(window_->ImportDirectoryEntry(exported), 1);
+    Correspondent back = Directory[0];
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(back.EntryMagic), 4), "eDBK");
+    back.SelectMark = original.SelectMark;
+    std::memcpy(back.EntryMagic, original.EntryMagic, 4);
+    EXPECT_EQ(std::memcmp(&back, &original, CorrespondentSize), 0);
+    EXPECT_TRUE(FolderExists(PickUpPath + "/Smith & Co"));
+}
+
+TEST_F(DesktopControlsTest, AReceivedEntryNeverTakesOverARecordOrAFolder) {
+    AddRecord("Smith", "5551234");
+    const std::string impostor = folder_ / "smith.KBE";
+    WriteWholeFile(impostor, Entry("Smith", "5559999", true));
+    EXPECT_EQ(window_->ImportDirectoryEntry(impostor, MainWindow::EntrySource::Received), 0);
+    EXPECT_EQ(Observed().back(), "Directory Entry Not Added: Smith is in the directory already.");
+    EXPECT_EQ(DirectoryCount.load(), 1);
+
+    // A name that is no folder name is refused however the entry came.
+    for (const std::string name : {"..", "../Pick Up", ""}) {
+        WriteWholeFile(folder_ / "bad.KBE", Entry(name, "5558888", true));
+        for (const auto source :
+             {MainWindow::EntrySource::Dropped, MainWindow::EntrySource::Received}) {
+            EXPECT_EQ(window_->ImportDirectoryEntry(folder_ / "bad.KBE", source), 0) << name;
+            EXPECT_EQ(Observed().back(),
+                      "Directory Entry Not Added: its name cannot name a folder.");
+        }
+    }
+    EXPECT_EQ(DirectoryCount.load(), 1);
+
+    // A folder that is there already belongs to somebody else: the entry is
+    // entered, but without it.
+    ASSERT_TRUE(CreateFolder(PickUpPath + "/Jones"));
+    WriteWholeFile(folder_ / "jones.KBE", Entry("Jones", "5557777", true));
+    EXPECT_EQ(
+        window_->ImportDirectoryEntry(folder_ / "jones.KBE", MainWindow::EntrySource::Received), 1);
+    EXPECT_EQ(Messages(), std::vector<std::string>{FolderRefusal});
+    EXPECT_EQ(Directory[0].HasPickUp, 0) << FieldText(Directory[0].FirmName);
+    EXPECT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
+
+    // Dropped by the user, a second record of a name is allowed.
+    EXPECT_EQ(window_->ImportDirectoryEntry(impostor), 1);
+    EXPECT_EQ(RowTexts(IDC_DIRECTORY_LIST), (std::vector<std::string>{"Jones", "Smith", "Smith"}));
+}
+
+}  // namespace

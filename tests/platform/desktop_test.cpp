@@ -1,0 +1,206 @@
+// The Linux desktop's hand-offs, with stand-ins for xdg-open and zenity on
+// the PATH that report how they were called through a FIFO; and the rule that
+// no file operation ever opens something that is not a plain file.
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <future>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "platform/desktop.h"
+#include "platform/files.h"
+#include "support/temp_folder.h"
+
+namespace {
+
+// Sets an environment variable for the life of the object.
+class EnvironmentValue {
+public:
+    EnvironmentValue(const char* name, const std::string& value) : name_(name) {
+        const char* old = std::getenv(name);
+        had_ = old != nullptr;
+        old_ = had_ ? old : "";
+        ::setenv(name, value.c_str(), 1);
+    }
+    ~EnvironmentValue() {
+        if (had_) {
+            ::setenv(name_, old_.c_str(), 1);
+        } else {
+            ::unsetenv(name_);
+        }
+    }
+
+private:
+    const char* name_;
+    bool had_ = false;
+    std::string old_;
+};
+
+class LinuxDesktopTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(::mkdir((root_ / "bin").c_str(), 0755), 0);
+        ASSERT_EQ(::mkfifo(report_.c_str(), 0600), 0);
+        // Open before any writer, so that a writer never waits and nothing
+        // it writes is lost between two reads.
+        reader_ = ::open(report_.c_str(), O_RDONLY | O_NONBLOCK);
+        ASSERT_GE(reader_, 0);
+        keeper_ = ::open(report_.c_str(), O_WRONLY | O_NONBLOCK);
+    }
+    void TearDown() override {
+        ::close(keeper_);
+        ::close(reader_);
+    }
+
+    // A command of that name on the PATH: a shell script that writes its
+    // arguments to the report, one a line, then runs the rest.
+    void Tool(const std::string& name, const std::string& rest = "exit 0") {
+        const std::string path = root_ / ("bin/" + name);
+        WriteWholeFile(
+            path, "#!/bin/sh\nprintf '%s\\n' \"$0\" \"$@\" > '" + report_ + "'\n" + rest + "\n");
+        ASSERT_EQ(::chmod(path.c_str(), 0755), 0);
+    }
+
+    // What the tools reported, up to the given text or for at most 10 s.
+    std::string Reported(const std::string& until) {
+        std::string text;
+        for (int waited = 0; text.find(until) == std::string::npos && waited < 10000;
+             waited += 100) {
+            pollfd entry{reader_, POLLIN, 0};
+            if (::poll(&entry, 1, 100) > 0) {
+                char buffer[4096];
+                const ssize_t n = ::read(reader_, buffer, sizeof buffer);
+                if (n > 0) {
+                    text.append(buffer, static_cast<size_t>(n));
+                }
+            }
+        }
+        return text;
+    }
+
+    TempFolder root_;
+    std::string report_ = root_ / "report";
+    int reader_ = -1;
+    int keeper_ = -1;
+    EnvironmentValue path_{"PATH", root_ / "bin"};
+    EnvironmentValue display_{"DISPLAY", ":99"};
+};
+
+TEST_F(LinuxDesktopTest, FoldersPagesAndProgramsGoToTheDesktopsHandlers) {
+    LinuxDesktop desktop;
+    Tool("xdg-open");
+    desktop.ShowFolder("/home/a/Pick Up");
+    EXPECT_EQ(Reported("Pick Up\n"), root_ / "bin/xdg-open\n/home/a/Pick Up\n");
+
+    // A path becomes a file URL with every byte a URL could misread escaped.
+    EXPECT_TRUE(desktop.ShowPage("/home/a b/#Manual/Start_Here.html"));
+    EXPECT_EQ(Reported("html\n"),
+              root_ / "bin/xdg-open\nfile:///home/a%20b/%23Manual/Start_Here.html\n");
+
+    // A handler that refuses the page: no browser took it.
+    Tool("xdg-open", "exit 3");
+    EXPECT_FALSE(desktop.ShowPage("http://example.org/refused"));
+    // One still handing the page over at the limit: a browser is showing it.
+    Tool("xdg-open", "exec /bin/sleep 30");
+    EXPECT_TRUE(desktop.ShowPage("http://example.org/slow"));
+    {
+        // With no graphical session nothing is asked at all.
+        EnvironmentValue display("DISPLAY", "");
+        EnvironmentValue wayland("WAYLAND_DISPLAY", "");
+        Tool("xdg-open", "exit 0");
+        EXPECT_FALSE(desktop.ShowPage("/no-session.html"));
+    }
+    ASSERT_EQ(::unlink((root_ / "bin/xdg-open").c_str()), 0);
+    EXPECT_FALSE(desktop.ShowPage("/m.html")) << "without xdg-open nothing takes a page";
+    Tool("xdg-open");
+    desktop.ShowFolder("/end");
+    const std::string handler = root_ / "bin/xdg-open\n";
+    EXPECT_EQ(Reported("/end\n"), handler + "http://example.org/refused\n" + handler +
+                                      "http://example.org/slow\n" + handler + "/end\n")
+        << "the page without a session reached no handler";
+
+    // A program starts as it is, and may be stopped like any other: the
+    // signals this program keeps blocked are open to it.
+    sigset_t stop;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGTERM);
+    sigset_t before;
+    ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &stop, &before), 0);
+    Tool("program", "/bin/grep SigBlk /proc/$$/status > '" + report_ + "'");
+    desktop.StartProgram(root_ / "bin/program");
+    EXPECT_EQ(Reported("SigBlk:\t0000000000000000\n"),
+              root_ / "bin/program\nSigBlk:\t0000000000000000\n");
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+TEST_F(LinuxDesktopTest, FileDialogsAreZenitysAndACancelOrNoSessionChoosesNothing) {
+    LinuxDesktop desktop;
+    Tool("zenity", "echo /home/a/Bob.KBE");
+    FileDialogRequest save;
+    save.For = FileDialogRequest::Purpose::Save;
+    save.ProposedName = "Bob.KBE";
+    save.Filter = "Entries (*.KBE)|*.KBE|All Files (*)|*|";
+    EXPECT_EQ(desktop.ChooseFile(save), std::optional<std::string>("/home/a/Bob.KBE"));
+    EXPECT_EQ(Reported("*\n"), root_ /
+                                   "bin/zenity\n--file-selection\n--save\n"
+                                   "--confirm-overwrite\n--filename=Bob.KBE\n"
+                                   "--file-filter=Entries (*.KBE) | *.KBE\n"
+                                   "--file-filter=All Files (*) | *\n");
+
+    Tool("zenity", "exit 1");
+    EXPECT_EQ(desktop.ChooseFile(FileDialogRequest{}), std::nullopt) << "Cancel";
+    EXPECT_EQ(Reported("selection\n"), root_ / "bin/zenity\n--file-selection\n");
+    EnvironmentValue display("DISPLAY", "");
+    EnvironmentValue wayland("WAYLAND_DISPLAY", "");
+    Tool("zenity", "echo /etc/passwd");
+    EXPECT_EQ(desktop.ChooseFile(FileDialogRequest{}), std::nullopt) << "no session, no dialog";
+}
+
+TEST(Files, OnlyPlainFilesOpenAndAFifoNeverHoldsTheOpener) {
+    TempFolder root;
+    const std::string fifo = root / "pipe.KBE";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    ASSERT_TRUE(CreateFolder(root / "folder"));
+    WriteWholeFile(root / "plain", "bytes");
+
+    // Opened for reading, a FIFO would wait for a writer that never comes.
+    auto opened = std::async(std::launch::async, [&] {
+        File file;
+        return file.Open(fifo, File::Mode::Read);
+    });
+    if (opened.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+        const int writer = ::open(fifo.c_str(), O_WRONLY);  // lets the open go on
+        ::close(writer);
+        FAIL() << "opening a FIFO waited for a writer";
+    }
+    EXPECT_FALSE(opened.get());
+    File file;
+    EXPECT_FALSE(file.Open(fifo, File::Mode::CreateReadWrite));
+    EXPECT_FALSE(file.Open(root / "folder", File::Mode::Read));
+    ASSERT_TRUE(file.Open(root / "plain", File::Mode::Read));
+    char bytes[8];
+    EXPECT_EQ(file.Read(bytes, sizeof bytes), 5u) << "a plain file reads as before";
+    file.Close();
+
+    EXPECT_EQ(KindOfPath(fifo), PathKind::Other);
+    EXPECT_EQ(KindOfPath(root / "folder"), PathKind::Folder);
+    EXPECT_EQ(KindOfPath(root / "plain"), PathKind::File);
+    EXPECT_EQ(KindOfPath(root / "missing"), PathKind::Missing);
+    std::vector<FolderEntry> entries;
+    ASSERT_TRUE(ListFolder(root.Path(), entries));
+    for (const FolderEntry& entry : entries) {
+        SCOPED_TRACE(entry.Name);
+        EXPECT_EQ(entry.IsFile, entry.Name == "plain");
+        EXPECT_EQ(entry.IsFolder,
+                  entry.Name == "folder" || entry.Name == "." || entry.Name == "..");
+    }
+}
+
+}  // namespace
