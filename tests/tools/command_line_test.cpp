@@ -5,13 +5,31 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
+#include <algorithm>
 #include <sstream>
 
-#include "support/temp_folder.h"
 #include "vta_harness.h"
 
 namespace {
+
+using namespace std::chrono_literals;
+
+// The tool run to its end, as for bad arguments.
+struct ToolRun {
+    int ExitCode = -1;
+    std::string Out;
+    std::string Err;
+};
+ToolRun RunTool(const std::vector<std::string>& arguments) {
+    ChildProcess run(VIRTUAL_TA_PATH, arguments, "", ChildProcess::Errors::Kept);
+    ToolRun result;
+    result.ExitCode = run.WaitForExit(10s);
+    for (const std::string& line : run.AllLines()) {
+        result.Out += line + "\n";
+    }
+    result.Err = run.ErrorText();
+    return result;
+}
 
 bool IsLink(const std::string& path) {
     struct stat status {};
@@ -70,26 +88,27 @@ TEST(VirtualTaCommandLine, HelpDescribesTheAdapters) {
 TEST(VirtualTaCommandLine, LinksAreMadeReplacedAndRemoved) {
     TempFolder folder;
     ASSERT_EQ(::symlink("/dev/pts/nowhere", (folder / "COM1").c_str()), 0);
-    VirtualTa tool({folder / "COM1=bitsurfr:5551001", folder / "COM2=3com:5551002"});
-    ASSERT_TRUE(tool.Ready());
+    ChildProcess tool(VIRTUAL_TA_PATH, std::vector<std::string>{folder / "COM1=bitsurfr:5551001",
+                                                                folder / "COM2=3com:5551002"});
+    ASSERT_TRUE(tool.WaitForLine("ready", 10s));
     ASSERT_TRUE(IsLink(folder / "COM1"));
     ASSERT_TRUE(IsLink(folder / "COM2"));
     {
-        TaPort port(folder / "COM1");
-        ASSERT_TRUE(port.IsOpen()) << "the stale link was replaced";
+        FarEnd port(folder / "COM1");  // throws if the stale link was not replaced
         EXPECT_EQ(port.Command("AT"), "AT\r\r\nOK\r\n");
     }
-    EXPECT_EQ(tool.Stop(), 0);
+    EXPECT_EQ(tool.Stop(SIGTERM, 5s), 0);
     EXPECT_FALSE(IsLink(folder / "COM1"));
     EXPECT_FALSE(IsLink(folder / "COM2"));
 }
 
 TEST(VirtualTaCommandLine, AnInterruptEndsItCleanly) {
     TempFolder folder;
-    VirtualTa tool({folder / "COM1=zyxel-omninet:5551001"});
-    ASSERT_TRUE(tool.Ready());
+    ChildProcess tool(VIRTUAL_TA_PATH,
+                      std::vector<std::string>{folder / "COM1=zyxel-omninet:5551001"});
+    ASSERT_TRUE(tool.WaitForLine("ready", 10s));
     EXPECT_TRUE(IsLink(folder / "COM1"));
-    EXPECT_EQ(tool.Stop(SIGINT), 0);
+    EXPECT_EQ(tool.Stop(SIGINT, 5s), 0);
     EXPECT_FALSE(IsLink(folder / "COM1"));
 }
 
@@ -109,20 +128,22 @@ TEST(VirtualTaCommandLine, APathTakenByAFileIsLeftAlone) {
 TEST(VirtualTaCommandLine, TheTraceTellsTheChannelsOfEachCall) {
     TempFolder folder;
     const std::string trace = folder / "trace.txt";
-    VirtualTa tool({"--trace", trace, "--fault", "drop:1:0", "--fault", "drop:1:0", "--fault",
-                    "drop:1:0", folder / "a=bitsurfr:1", folder / "b=adtran-xr:2",
-                    folder / "c=3com:3"});
-    ASSERT_TRUE(tool.Ready());
-    TaPort a(folder / "a", 115200);
-    TaPort b(folder / "b", 115200);
+    ChildProcess tool(
+        VIRTUAL_TA_PATH,
+        std::vector<std::string>{"--trace", trace, "--fault", "drop:1:0", "--fault", "drop:1:0",
+                                 "--fault", "drop:1:0", folder / "a=bitsurfr:1",
+                                 folder / "b=adtran-xr:2", folder / "c=3com:3"});
+    ASSERT_TRUE(tool.WaitForLine("ready", 10s));
+    FarEnd a(folder / "a");
+    FarEnd b(folder / "b");
     ASSERT_EQ(a.Command("AT%A2=3%A4=0"), "AT%A2=3%A4=0\r\r\nOK\r\n");
     ASSERT_EQ(b.Command("AT&F4S53=3"), "AT&F4S53=3\r\r\nOK\r\n");
     for (const char* dial : {"2&3", "2&9", "2&103332"}) {
         // Each call falls at once, by the drop faults at offset 0.
         const CallSetUp call = SetUpCall(a, b, dial);
         ASSERT_TRUE(call.Connected) << dial;
-        EXPECT_EQ(a.ReadUntil("NO CARRIER\r\n", 1000), "\r\nNO CARRIER\r\n");
-        EXPECT_EQ(b.ReadUntil("NO CARRIER\r\n", 1000), "\r\nNO CARRIER\r\n");
+        EXPECT_EQ(a.ReceiveUntil("NO CARRIER\r\n", 1000), "\r\nNO CARRIER\r\n");
+        EXPECT_EQ(b.ReceiveUntil("NO CARRIER\r\n", 1000), "\r\nNO CARRIER\r\n");
     }
     const std::string text = ReadWholeFile(trace);
     const auto count = [&text](const std::string& line) {
@@ -140,16 +161,17 @@ TEST(VirtualTaCommandLine, TheTraceTellsTheChannelsOfEachCall) {
 TEST(VirtualTaCommandLine, TheTraceShowsCommandsRepliesAndCallsWhileItRuns) {
     TempFolder folder;
     const std::string trace = folder / "trace.txt";
-    VirtualTa tool({"--trace", trace, "--rate", "0", folder / "a=bitsurfr:5551001",
-                    folder / "b=3com:5551002"});
-    ASSERT_TRUE(tool.Ready());
-    TaPort a(folder / "a", 115200);
-    TaPort b(folder / "b", 115200);
+    ChildProcess tool(VIRTUAL_TA_PATH, std::vector<std::string>{"--trace", trace, "--rate", "0",
+                                                                folder / "a=bitsurfr:5551001",
+                                                                folder / "b=3com:5551002"});
+    ASSERT_TRUE(tool.WaitForLine("ready", 10s));
+    FarEnd a(folder / "a");
+    FarEnd b(folder / "b");
     ASSERT_TRUE(SetUpCall(a, b, "5551002").Connected);
     ASSERT_EQ(TransferBothWays(a, b, "12345", "123", 2000).AtA, "123");
     ::usleep(600000);
     a.Send("+++");
-    ASSERT_EQ(a.ReadUntil("OK\r\n", 2250), "\r\nOK\r\n");
+    ASSERT_EQ(a.ReceiveUntil("OK\r\n", 2250), "\r\nOK\r\n");
     ASSERT_EQ(a.Command("ATH"), "ATH\r\r\nOK\r\n");
     const std::string text = ReadWholeFile(trace);
     std::istringstream lines(text);

@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "support/temp_folder.h"
 #include "vta_harness.h"
 
 namespace {
@@ -25,7 +24,7 @@ bool Holds(const std::string& text, const char* mark) {
 
 // The identification of a port that answered "atv1": the reply to "ati0"
 // decides, and "ati8" is asked only when "960" was in it.
-Identity Identify(TaPort& port) {
+Identity Identify(FarEnd& port) {
     Identity identity;
     const std::string ati0 = port.Command("ati0", 1000);
     if (!Holds(ati0, "OK\r\n")) {
@@ -173,15 +172,12 @@ const Choice Choices[] = {
 
 const char* const Number = "4930123456789";
 
-class AdapterChoice : public testing::TestWithParam<Choice> {};
+class AdapterChoice : public VirtualTaTest, public testing::WithParamInterface<Choice> {};
 
 TEST_P(AdapterChoice, IsIdentifiedAndGivesItsNumberInFull) {
     const Choice& choice = GetParam();
-    TempFolder folder;
-    VirtualTa tool({folder / "COM1=" + choice.Family + ":" + Number});
-    ASSERT_TRUE(tool.Ready());
-    TaPort port(folder / "COM1", 9600);
-    ASSERT_TRUE(port.IsOpen());
+    Start({folder_ / "COM1=" + choice.Family + ":" + Number});
+    FarEnd& port = Port("COM1", 9600);
 
     EXPECT_EQ(port.Command("atv1"), "atv1\r\r\nOK\r\n");
     EXPECT_EQ(port.Command("ATE1V1"), "ATE1V1\r\r\nOK\r\n");
@@ -201,10 +197,8 @@ TEST_P(AdapterChoice, IsIdentifiedAndGivesItsNumberInFull) {
 
 TEST_P(AdapterChoice, RepliesCarryOnlyTheMarksOfTheirOwnFamily) {
     const Choice& choice = GetParam();
-    TempFolder folder;
-    VirtualTa tool({folder / "COM1=" + choice.Family + ":5551000"});
-    ASSERT_TRUE(tool.Ready());
-    TaPort port(folder / "COM1", 9600);
+    Start({folder_ / ("COM1=" + std::string(choice.Family) + ":5551000")});
+    FarEnd& port = Port("COM1", 9600);
     const std::string replies = port.Command("ati0") + port.Command("ati8") + port.Command("ati3");
     struct Mark {
         const char* Text;
@@ -231,14 +225,12 @@ TEST_P(AdapterChoice, RepliesCarryOnlyTheMarksOfTheirOwnFamily) {
 
 TEST_P(AdapterChoice, TakesItsFamilysSetUpStringsAndRefusesOthers) {
     const Choice& choice = GetParam();
-    TempFolder folder;
-    VirtualTa tool({folder / "COM1=" + choice.Family + ":5551000"});
-    ASSERT_TRUE(tool.Ready());
-    TaPort port(folder / "COM1", 115200);
+    Start({folder_ / ("COM1=" + std::string(choice.Family) + ":5551000")});
+    FarEnd& port = Port("COM1", 115200);
     for (const char* profile : choice.Profiles) {
         if (std::string(profile).find("$B") != std::string::npos) {
             port.Send(std::string(profile) + "\r");
-            EXPECT_EQ(port.ReadFor(300), std::string(profile) + "\r") << "echo and no result";
+            EXPECT_EQ(port.ReceiveFor(300), std::string(profile) + "\r") << "echo and no result";
             continue;
         }
         EXPECT_EQ(port.Command(profile), std::string(profile) + "\r\r\nOK\r\n");
@@ -273,30 +265,30 @@ std::string ChoiceName(const testing::TestParamInfo<Choice>& info) {
 
 INSTANTIATE_TEST_SUITE_P(VirtualTa, AdapterChoice, testing::ValuesIn(Choices), ChoiceName);
 
-TEST(VirtualTaCommandMode, EchoAndResultCodesFollowEAndV) {
-    TempFolder folder;
-    VirtualTa tool({folder / "COM1=zyxel-2864:5551000"});
-    ASSERT_TRUE(tool.Ready());
-    TaPort port(folder / "COM1", 57600);
+using VirtualTaCommandMode = VirtualTaTest;
+
+TEST_F(VirtualTaCommandMode, EchoAndResultCodesFollowEAndV) {
+    Start({folder_ / "COM1=zyxel-2864:5551000"});
+    FarEnd& port = Port("COM1", 57600);
     EXPECT_EQ(port.Command("ATE0"), "ATE0\r\r\nOK\r\n") << "the echo stops after the line";
     port.Send("ATV0\r");
-    EXPECT_EQ(port.ReadFor(300), "0\r") << "numeric result codes, no echo";
+    EXPECT_EQ(port.ReceiveFor(300), "0\r") << "numeric result codes, no echo";
     port.Send("ATXYZ\r");
-    EXPECT_EQ(port.ReadFor(300), "4\r");
+    EXPECT_EQ(port.ReceiveFor(300), "4\r");
     port.Send("ATE1V1\r");
-    EXPECT_EQ(port.ReadFor(300), "\r\nOK\r\n");
+    EXPECT_EQ(port.ReceiveFor(300), "\r\nOK\r\n");
     // Bytes that start no command line are ignored without an echo.
     port.Send("hello\r\n");
-    EXPECT_EQ(port.ReadFor(300), "");
+    EXPECT_EQ(port.ReceiveFor(300), "");
     port.Send("xyzAT\r");
-    EXPECT_EQ(port.ReadFor(300), "AT\r\r\nOK\r\n");
+    EXPECT_EQ(port.ReceiveFor(300), "AT\r\r\nOK\r\n");
     // An "A" alone, ended by CR, is echoed and runs nothing.
     port.Send("A\r");
-    EXPECT_EQ(port.ReadFor(300), "A\r");
+    EXPECT_EQ(port.ReceiveFor(300), "A\r");
     EXPECT_EQ(port.Command("AT"), "AT\r\r\nOK\r\n");
     // A line may be corrected with backspace, back to its "AT".
     port.Send("ATQ\b\bE1\r");
-    EXPECT_EQ(port.ReadFor(300), "ATQ\bE1\r\r\nOK\r\n");
+    EXPECT_EQ(port.ReceiveFor(300), "ATQ\bE1\r\r\nOK\r\n");
 }
 
 }  // namespace

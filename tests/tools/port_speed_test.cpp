@@ -2,35 +2,30 @@
 // its family runs at, and the families' speed commands move it.
 #include <gtest/gtest.h>
 
-#include "support/temp_folder.h"
 #include "vta_harness.h"
 
 namespace {
 
-class VirtualTaPortSpeeds : public testing::Test {
+class VirtualTaPortSpeeds : public VirtualTaTest {
 protected:
-    void Start(const std::string& adapter) {
-        tool_ = std::make_unique<VirtualTa>(std::vector<std::string>{folder_ / adapter});
-        ASSERT_TRUE(tool_->Ready());
-        port_ = std::make_unique<TaPort>(folder_ / "COM1", 9600);
-        ASSERT_TRUE(port_->IsOpen());
+    void StartOne(const std::string& adapter) {
+        Start({folder_ / adapter});
+        port_ = &Port("COM1", 9600);
     }
     // True if an "AT" at this speed gets its OK.
     bool Answers(uint32_t speed) {
         port_->SetSpeed(speed);
         port_->Send("AT\r");
-        const std::string reply = port_->ReadFor(400);
+        const std::string reply = port_->ReceiveFor(400);
         EXPECT_TRUE(reply.empty() || reply == "AT\r\r\nOK\r\n") << speed << ": " << reply;
         return reply == "AT\r\r\nOK\r\n";
     }
 
-    TempFolder folder_;
-    std::unique_ptr<VirtualTa> tool_;
-    std::unique_ptr<TaPort> port_;
+    FarEnd* port_ = nullptr;
 };
 
 TEST_F(VirtualTaPortSpeeds, AboveItsMaxSpeedAnAdapterHearsNothing) {
-    Start("COM1=zyxel-ta128:5551000,max-speed=57600");
+    StartOne("COM1=zyxel-ta128:5551000,max-speed=57600");
     EXPECT_TRUE(Answers(9600));
     EXPECT_TRUE(Answers(57600));
     EXPECT_FALSE(Answers(115200));
@@ -39,14 +34,14 @@ TEST_F(VirtualTaPortSpeeds, AboveItsMaxSpeedAnAdapterHearsNothing) {
 }
 
 TEST_F(VirtualTaPortSpeeds, AZyxelFollowsThePortAllTheWay) {
-    Start("COM1=zyxel-2864:5551000");
+    StartOne("COM1=zyxel-2864:5551000");
     for (uint32_t speed : {9600u, 57600u, 115200u, 230400u, 9600u}) {
         EXPECT_TRUE(Answers(speed)) << speed;
     }
 }
 
 TEST_F(VirtualTaPortSpeeds, ABitSurfrMovesTo230400OnlyWhenToldAndBack) {
-    Start("COM1=bitsurfr:5551000");
+    StartOne("COM1=bitsurfr:5551000");
     EXPECT_TRUE(Answers(57600));
     EXPECT_TRUE(Answers(115200));
     EXPECT_FALSE(Answers(230400));
@@ -66,7 +61,7 @@ TEST_F(VirtualTaPortSpeeds, ABitSurfrMovesTo230400OnlyWhenToldAndBack) {
 }
 
 TEST_F(VirtualTaPortSpeeds, A3ComMovesOnItsSpeedCommandWithoutAReply) {
-    Start("COM1=3com:5551000");
+    StartOne("COM1=3com:5551000");
     EXPECT_TRUE(Answers(115200));
     EXPECT_FALSE(Answers(230400));
     // As the program does it: the command at the old speed, and the port
@@ -74,27 +69,25 @@ TEST_F(VirtualTaPortSpeeds, A3ComMovesOnItsSpeedCommandWithoutAReply) {
     port_->SetSpeed(115200);
     port_->Send("AT$B230400\r");
     port_->SetSpeed(230400);
-    port_->ReadFor(100);
+    port_->ReceiveFor(100);
     EXPECT_TRUE(Answers(230400));
     EXPECT_FALSE(Answers(115200));
     port_->SetSpeed(230400);
     port_->Send("AT$B0E1\r");
     port_->SetSpeed(115200);
-    EXPECT_EQ(port_->ReadFor(300).find("OK"), std::string::npos) << "no result code";
+    EXPECT_EQ(port_->ReceiveFor(300).find("OK"), std::string::npos) << "no result code";
     EXPECT_TRUE(Answers(115200));
     EXPECT_TRUE(Answers(9600));
 }
 
 TEST_F(VirtualTaPortSpeeds, AnAdTranRunsAt230400OnlyWithItsSwitchAndThenOnlyThere) {
     {
-        Start("COM1=adtran-xr:5551000");
+        StartOne("COM1=adtran-xr:5551000");
         EXPECT_TRUE(Answers(9600));
         EXPECT_TRUE(Answers(115200));
         EXPECT_FALSE(Answers(230400));
     }
-    tool_.reset();
-    port_.reset();
-    Start("COM1=adtran-xrt:5551000,dip230400");
+    StartOne("COM1=adtran-xrt:5551000,dip230400");
     EXPECT_FALSE(Answers(9600));
     EXPECT_FALSE(Answers(115200));
     EXPECT_TRUE(Answers(230400));
