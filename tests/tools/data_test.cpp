@@ -165,61 +165,65 @@ TEST_F(VirtualTaDataMode, FaultsActAtTheirOffsetsOnceAndInOrder) {
     EXPECT_TRUE(transfer.AtA == fromBob);
 }
 
-TEST_F(VirtualTaDataMode, TheLinePacesAtItsRate) {
-    Connect({"--rate", "20000"});
-    const std::string bytes = RandomBytes(40000, 7);
-    const Transfer transfer = TransferBothWays(*alice_, *bob_, bytes, bytes, 10000);
-    EXPECT_TRUE(transfer.AtB == bytes);
-    EXPECT_TRUE(transfer.AtA == bytes);
-    // 40000 bytes at 20000 bytes per second each way.
-    EXPECT_NEAR(transfer.Seconds, 2.0, 0.2);
-}
-
-// Six adapters in three calls at once: one whose two ends both bundle two
-// channels, one whose answerer does not, and one at 56K.
 using VirtualTaLineRate = VirtualTaTest;
 
+// Four calls at once, each end set up by one of the program's profiles or
+// left as it starts. A call carries the rate once per channel it bundles,
+// seven eighths of that at 56K; each carries two seconds of line both ways.
 TEST_F(VirtualTaLineRate, TwoChannelsNeedBothEndsAnd56KCarriesSevenEighths) {
-    Start({"--rate", "10000", folder_ / "a=bitsurfr:1", folder_ / "b=adtran-xr:2",
-           folder_ / "c=adtran-xrt:3", folder_ / "d=bitsurfr:4", folder_ / "e=zyxel-2864:5",
-           folder_ / "f=zyxel-omninet:6"});
-    FarEnd& a = Port("a");
-    FarEnd& b = Port("b");
-    FarEnd& c = Port("c");
-    FarEnd& d = Port("d");
-    FarEnd& e = Port("e");
-    FarEnd& f = Port("f");
-    const auto ok = [](FarEnd& port, const std::string& profile) {
-        return port.Command(profile) == profile + "\r\r\nOK\r\n";
+    const struct {
+        const char* Caller;
+        const char* CallerProfile;  // "" for none
+        const char* Answerer;
+        const char* AnswererProfile;
+        size_t BytesPerSecond;
+        const char* Why;
+    } calls[] = {
+        {"bitsurfr", "AT\\Q3%A2=3&M0%A4=0S0=0S12=25&D0&C1W1E1@M2=P@B0=2&R1", "adtran-xr",
+         "AT&F4\\Q3&D0X1S0=0S12=25S53=3S54=2S15=1", 20000, "two channels, AIMUX at both ends"},
+        {"adtran-xrt", "AT&F4\\Q3&D0X1S0=0S12=25S53=3S54=2S15=1", "bitsurfr",
+         "AT\\Q3%A2=2%A4=0S0=0S12=25&D0&C1W1E1", 10000, "one: the answerer does not bundle"},
+        {"zyxel-2864", "AT&H3&D0&C1&E1&S0Q0E1V1B20&O2S0=0X1&J3&K00", "zyxel-omninet",
+         "AT&H3&D0&C1&E0&S0Q0E1V1B20&O2S0=0X1&J3&K00", 17500, "two channels, one end at 56K"},
+        {"bitsurfr", "", "zyxel-2864", "", 10000, "one channel at 64K, as adapters start"},
     };
-    // AIMUX at 64K on a, b and c; V.120 at 64K on d.
-    ASSERT_TRUE(ok(a, "AT\\Q3%A2=3&M0%A4=0S0=0S12=25&D0&C1W1E1@M2=P@B0=2&R1"));
-    ASSERT_TRUE(ok(b, "AT&F4\\Q3&D0X1S0=0S12=25S53=3S54=2S15=1"));
-    ASSERT_TRUE(ok(c, "AT&F4\\Q3&D0X1S0=0S12=25S53=3S54=2S15=1"));
-    ASSERT_TRUE(ok(d, "AT\\Q3%A2=2%A4=0S0=0S12=25&D0&C1W1E1"));
-    // 2B on both ZyXELs, but e at 56K.
-    ASSERT_TRUE(ok(e, "AT&H3&D0&C1&E1&S0Q0E1V1B20&O2S0=0X1&J3&K00"));
-    ASSERT_TRUE(ok(f, "AT&H3&D0&C1&E0&S0Q0E1V1B20&O2S0=0X1&J3&K00"));
-    ASSERT_TRUE(SetUpCall(a, b, "2").Connected);
-    ASSERT_TRUE(SetUpCall(c, d, "4").Connected);
-    ASSERT_TRUE(SetUpCall(e, f, "6").Connected);
-
-    const std::string forty = RandomBytes(40000, 8);
-    const std::string twenty = RandomBytes(20000, 9);
-    const std::string thirtyFive = RandomBytes(35000, 10);
-    Transfer ab, cd, ef;
-    std::thread one([&] { ab = TransferBothWays(a, b, forty, "", 10000); });
-    std::thread two([&] { cd = TransferBothWays(c, d, twenty, "", 10000); });
-    std::thread three([&] { ef = TransferBothWays(e, f, thirtyFive, "", 10000); });
-    one.join();
-    two.join();
-    three.join();
-    EXPECT_TRUE(ab.AtB == forty);
-    EXPECT_TRUE(cd.AtB == twenty);
-    EXPECT_TRUE(ef.AtB == thirtyFive);
-    EXPECT_NEAR(ab.Seconds, 2.0, 0.2) << "two channels of 10000 bytes per second";
-    EXPECT_NEAR(cd.Seconds, 2.0, 0.2) << "one channel: the answerer does not bundle";
-    EXPECT_NEAR(ef.Seconds, 2.0, 0.2) << "two channels at 56K: 17500 bytes per second";
+    std::vector<std::string> arguments = {"--rate", "10000"};
+    for (size_t i = 0; i < std::size(calls); ++i) {
+        const std::string n = std::to_string(i);
+        arguments.push_back(folder_ / ("caller" + n + "=" + calls[i].Caller + ":1" + n));
+        arguments.push_back(folder_ / ("answerer" + n + "=" + calls[i].Answerer + ":2" + n));
+    }
+    Start(arguments);
+    const auto setUp = [](FarEnd& port, const char* profile) {
+        return *profile == 0 || port.Command(profile) == std::string(profile) + "\r\r\nOK\r\n";
+    };
+    std::vector<std::thread> lines;
+    std::vector<Transfer> transfers(std::size(calls));
+    std::vector<std::string> sent;
+    for (size_t i = 0; i < std::size(calls); ++i) {
+        const std::string n = std::to_string(i);
+        FarEnd& caller = Port("caller" + n);
+        FarEnd& answerer = Port("answerer" + n);
+        ASSERT_TRUE(setUp(caller, calls[i].CallerProfile)) << calls[i].Why;
+        ASSERT_TRUE(setUp(answerer, calls[i].AnswererProfile)) << calls[i].Why;
+        ASSERT_TRUE(SetUpCall(caller, answerer, "2" + n).Connected) << calls[i].Why;
+        sent.push_back(RandomBytes(2 * calls[i].BytesPerSecond, static_cast<uint32_t>(i)));
+    }
+    for (size_t i = 0; i < std::size(calls); ++i) {
+        lines.emplace_back([&, i] {
+            transfers[i] =
+                TransferBothWays(*ports_[2 * i], *ports_[2 * i + 1], sent[i], sent[i], 10000);
+        });
+    }
+    for (std::thread& line : lines) {
+        line.join();
+    }
+    for (size_t i = 0; i < std::size(calls); ++i) {
+        SCOPED_TRACE(calls[i].Why);
+        EXPECT_TRUE(transfers[i].AtB == sent[i]);
+        EXPECT_TRUE(transfers[i].AtA == sent[i]);
+        EXPECT_NEAR(transfers[i].Seconds, 2.0, 0.2);
+    }
 }
 
 }  // namespace
