@@ -85,7 +85,7 @@ TEST_F(VirtualTaCalls, AFailedDialGivesItsResultAfterADelayAndRingsNobody) {
         EXPECT_EQ(c.Caller.ReceiveUntil(result, 3000), dial + "\r\n" + result);
         const uint32_t took = NowMs() - start;
         EXPECT_GE(took, 200u);
-        EXPECT_LT(took, 2500u);
+        EXPECT_LT(took, 2000u);
         EXPECT_EQ(c.Caller.Command("AT"), "AT\r\r\nOK\r\n") << "back in command mode";
     }
     EXPECT_EQ(carol.ReceiveFor(100), "") << "no RING on an unplugged line";
