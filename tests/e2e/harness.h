@@ -8,56 +8,12 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <condition_variable>
-#include <deque>
 #include <functional>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "support/child_process.h"
 #include "support/test_data.h"
-
-// A child process with its standard input and output on pipes; standard error
-// is passed through. Lines of output are collected by a reader thread.
-class ChildProcess {
-public:
-    // Starts program with arguments in the folder; throws if it cannot.
-    ChildProcess(const std::string& program, const std::vector<std::string>& arguments,
-                 const std::string& folder);
-    ~ChildProcess();
-    ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
-
-    void WriteLine(const std::string& line);
-    void CloseInput();
-    // Next line of output not taken yet, waiting up to the limit; false at the
-    // limit or at the end of the output.
-    bool NextLine(std::string& line, std::chrono::milliseconds limit);
-    // Every line printed so far.
-    std::vector<std::string> AllLines() const;
-    // Sends a signal and waits for the exit; returns the exit status, or -1.
-    int Stop(int signal, std::chrono::milliseconds limit);
-    // Waits for the exit without a signal; -1 at the limit.
-    int WaitForExit(std::chrono::milliseconds limit);
-    pid_t Pid() const { return pid_; }
-    bool OutputEnded() const;
-
-private:
-    void ReadOutput();
-
-    pid_t pid_ = -1;
-    int input_ = -1;
-    int output_ = -1;
-    int exitStatus_ = -1;
-    bool exited_ = false;
-    std::thread reader_;
-    mutable std::mutex lock_;
-    std::condition_variable changed_;
-    std::vector<std::string> lines_;
-    size_t taken_ = 0;
-    bool ended_ = false;
-};
 
 // A virtual-ta with the given adapters ("PATH=FAMILY:NUMBER[,OPTION...]") and
 // options, ready once it has printed "ready".
@@ -65,7 +21,6 @@ class VirtualAdapters {
 public:
     VirtualAdapters(const std::vector<std::string>& adapters,
                     const std::vector<std::string>& options = {});
-    ~VirtualAdapters();
 
 private:
     ChildProcess process_;
@@ -75,7 +30,6 @@ private:
 class Station {
 public:
     explicit Station(const std::string& folder);
-    ~Station();
 
     const std::string& Folder() const { return folder_; }
     pid_t Pid() const { return process_.Pid(); }

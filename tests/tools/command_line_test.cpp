@@ -5,124 +5,111 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
+#include <algorithm>
 #include <sstream>
 
-#include "support/temp_folder.h"
 #include "vta_harness.h"
 
 namespace {
+
+using namespace std::chrono_literals;
+using VirtualTaCommandLine = VirtualTaTest;
 
 bool IsLink(const std::string& path) {
     struct stat status {};
     return ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
 }
 
-TEST(VirtualTaCommandLine, BadArgumentsGiveOneLineAndExit2) {
-    TempFolder folder;
-    const std::string good = folder / "COM1=bitsurfr:5551000";
+TEST_F(VirtualTaCommandLine, BadArgumentsGiveOneLineAndExit2) {
+    const std::string good = folder_ / "COM1=bitsurfr:5551000";
+    WriteWholeFile(folder_ / "taken", "mine");
     const std::vector<std::vector<std::string>> cases = {
         {},
         {"--rate"},
         {"--rate", "fast", good},
         {"--bogus", good},
-        {folder / "COM1=modem:5551000"},
-        {folder / "COM1=bitsurfr:55-51"},
-        {folder / "COM1=bitsurfr:"},
-        {folder / "COM1bitsurfr5551000"},
-        {folder / "missing/COM1=bitsurfr:5551000"},
-        {folder / "COM1=bitsurfr:5551000,max-speed=fast"},
-        {folder / "COM1=bitsurfr:5551000,dip230400"},
-        {folder / "COM1=bitsurfr:5551000,turbo"},
-        {good, folder / "COM2=3com:5551000"},
+        {folder_ / "COM1=modem:5551000"},
+        {folder_ / "COM1=bitsurfr:55-51"},
+        {folder_ / "COM1=bitsurfr:"},
+        {folder_ / "COM1bitsurfr5551000"},
+        {folder_ / "missing/COM1=bitsurfr:5551000"},
+        {folder_ / "taken=bitsurfr:5551000"},
+        {folder_ / "COM1=bitsurfr:5551000,max-speed=fast"},
+        {folder_ / "COM1=bitsurfr:5551000,dip230400"},
+        {folder_ / "COM1=bitsurfr:5551000,turbo"},
+        {good, folder_ / "COM2=3com:5551000"},
         {good, good},
         {"--fault", "corrupt:5551000", good},
         {"--fault", "melt:5551000:10", good},
         {"--fault", "drop:5559999:10", good},
         {"--fault", "drop:5551000:-1", good},
         {"--answer-wait", "0", good},
-        {"--trace", folder / "missing/trace.txt", good},
+        {"--trace", folder_ / "missing/trace.txt", good},
     };
     for (const auto& arguments : cases) {
         std::string shown;
         for (const auto& argument : arguments) {
             shown += argument + " ";
         }
-        const ToolRun run = RunTool(arguments);
-        EXPECT_EQ(run.ExitCode, 2) << shown;
-        EXPECT_EQ(run.Out, "") << shown;
-        EXPECT_EQ(std::count(run.Err.begin(), run.Err.end(), '\n'), 1) << shown << run.Err;
-        EXPECT_EQ(run.Err.rfind("virtual-ta: ", 0), 0u) << run.Err;
+        ChildProcess run(VIRTUAL_TA_PATH, arguments, "", ChildProcess::Errors::Kept);
+        EXPECT_EQ(run.WaitForExit(10s), 2) << shown;
+        EXPECT_TRUE(run.AllLines().empty()) << shown;
+        const std::string errors = run.ErrorText();
+        EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 1) << shown << errors;
+        EXPECT_EQ(errors.rfind("virtual-ta: ", 0), 0u) << errors;
     }
-    EXPECT_FALSE(IsLink(folder / "COM1")) << "no link is left by a refused start";
+    EXPECT_FALSE(IsLink(folder_ / "COM1")) << "no link is left by a refused start";
+    EXPECT_EQ(ReadWholeFile(folder_ / "taken"), "mine") << "what is not a link stays";
 }
 
-TEST(VirtualTaCommandLine, HelpDescribesTheAdapters) {
-    const ToolRun run = RunTool({"--help"});
-    EXPECT_EQ(run.ExitCode, 0);
+TEST_F(VirtualTaCommandLine, HelpDescribesTheAdapters) {
+    ChildProcess run(VIRTUAL_TA_PATH, {"--help"});
+    EXPECT_EQ(run.WaitForExit(10s), 0);
+    std::string text;
+    for (const std::string& line : run.AllLines()) {
+        text += line + "\n";
+    }
     for (const char* word :
          {"PATH=FAMILY:NUMBER", "bitsurfr", "adtran-xrt", "zyxel-ta128", "3com", "max-speed=N",
           "dip230400", "no-dialtone", "--rate", "--fault", "--trace"}) {
-        EXPECT_NE(run.Out.find(word), std::string::npos) << word;
+        EXPECT_NE(text.find(word), std::string::npos) << word;
     }
 }
 
-TEST(VirtualTaCommandLine, LinksAreMadeReplacedAndRemoved) {
-    TempFolder folder;
-    ASSERT_EQ(::symlink("/dev/pts/nowhere", (folder / "COM1").c_str()), 0);
-    VirtualTa tool({folder / "COM1=bitsurfr:5551001", folder / "COM2=3com:5551002"});
-    ASSERT_TRUE(tool.Ready());
-    ASSERT_TRUE(IsLink(folder / "COM1"));
-    ASSERT_TRUE(IsLink(folder / "COM2"));
-    {
-        TaPort port(folder / "COM1");
-        ASSERT_TRUE(port.IsOpen()) << "the stale link was replaced";
-        EXPECT_EQ(port.Command("AT"), "AT\r\r\nOK\r\n");
+// A link left by an earlier run is replaced; each of the stop signals ends
+// the tool with its links removed.
+TEST_F(VirtualTaCommandLine, LinksAreMadeReplacedAndRemovedAtEachStopSignal) {
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
+        SCOPED_TRACE(signal);
+        ASSERT_EQ(::symlink("/dev/pts/nowhere", (folder_ / "COM1").c_str()), 0);
+        Start({folder_ / "COM1=bitsurfr:5551001", folder_ / "COM2=zyxel-omninet:5551002"});
+        ASSERT_TRUE(IsLink(folder_ / "COM2"));
+        EXPECT_EQ(Port("COM1").Command("AT"), "AT\r\r\nOK\r\n") << "the stale link was replaced";
+        ports_.clear();
+        EXPECT_EQ(tool_->Stop(signal, 5s), 0);
+        EXPECT_FALSE(IsLink(folder_ / "COM1"));
+        EXPECT_FALSE(IsLink(folder_ / "COM2"));
     }
-    EXPECT_EQ(tool.Stop(), 0);
-    EXPECT_FALSE(IsLink(folder / "COM1"));
-    EXPECT_FALSE(IsLink(folder / "COM2"));
-}
-
-TEST(VirtualTaCommandLine, AnInterruptEndsItCleanly) {
-    TempFolder folder;
-    VirtualTa tool({folder / "COM1=zyxel-omninet:5551001"});
-    ASSERT_TRUE(tool.Ready());
-    EXPECT_TRUE(IsLink(folder / "COM1"));
-    EXPECT_EQ(tool.Stop(SIGINT), 0);
-    EXPECT_FALSE(IsLink(folder / "COM1"));
-}
-
-TEST(VirtualTaCommandLine, APathTakenByAFileIsLeftAlone) {
-    TempFolder folder;
-    WriteWholeFile(folder / "COM1", "mine");
-    const ToolRun run = RunTool({folder / "COM1=bitsurfr:5551000"});
-    EXPECT_EQ(run.ExitCode, 2);
-    EXPECT_EQ(run.Out, "");
-    EXPECT_EQ(ReadWholeFile(folder / "COM1"), "mine");
 }
 
 // The second number names the second B channel: a call whose second number
 // reaches another adapter, or none, runs on one channel; one whose second
 // number reaches the called adapter, here behind a carrier code, on two. The
 // trace tells.
-TEST(VirtualTaCommandLine, TheTraceTellsTheChannelsOfEachCall) {
-    TempFolder folder;
-    const std::string trace = folder / "trace.txt";
-    VirtualTa tool({"--trace", trace, "--fault", "drop:1:0", "--fault", "drop:1:0", "--fault",
-                    "drop:1:0", folder / "a=bitsurfr:1", folder / "b=adtran-xr:2",
-                    folder / "c=3com:3"});
-    ASSERT_TRUE(tool.Ready());
-    TaPort a(folder / "a", 115200);
-    TaPort b(folder / "b", 115200);
+TEST_F(VirtualTaCommandLine, TheTraceTellsTheChannelsOfEachCall) {
+    const std::string trace = folder_ / "trace.txt";
+    Start({"--trace", trace, "--fault", "drop:1:0", "--fault", "drop:1:0", "--fault", "drop:1:0",
+           folder_ / "a=bitsurfr:1", folder_ / "b=adtran-xr:2", folder_ / "c=3com:3"});
+    FarEnd& a = Port("a");
+    FarEnd& b = Port("b");
     ASSERT_EQ(a.Command("AT%A2=3%A4=0"), "AT%A2=3%A4=0\r\r\nOK\r\n");
     ASSERT_EQ(b.Command("AT&F4S53=3"), "AT&F4S53=3\r\r\nOK\r\n");
     for (const char* dial : {"2&3", "2&9", "2&103332"}) {
         // Each call falls at once, by the drop faults at offset 0.
         const CallSetUp call = SetUpCall(a, b, dial);
         ASSERT_TRUE(call.Connected) << dial;
-        EXPECT_EQ(a.ReadUntil("NO CARRIER\r\n", 1000), "\r\nNO CARRIER\r\n");
-        EXPECT_EQ(b.ReadUntil("NO CARRIER\r\n", 1000), "\r\nNO CARRIER\r\n");
+        EXPECT_EQ(a.ReceiveUntil("NO CARRIER\r\n", 1000), "\r\nNO CARRIER\r\n");
+        EXPECT_EQ(b.ReceiveUntil("NO CARRIER\r\n", 1000), "\r\nNO CARRIER\r\n");
     }
     const std::string text = ReadWholeFile(trace);
     const auto count = [&text](const std::string& line) {
@@ -137,20 +124,15 @@ TEST(VirtualTaCommandLine, TheTraceTellsTheChannelsOfEachCall) {
     EXPECT_EQ(count("fault: line falls after 0 bytes"), 3u) << "each fault acts once, one per call";
 }
 
-TEST(VirtualTaCommandLine, TheTraceShowsCommandsRepliesAndCallsWhileItRuns) {
-    TempFolder folder;
-    const std::string trace = folder / "trace.txt";
-    VirtualTa tool({"--trace", trace, "--rate", "0", folder / "a=bitsurfr:5551001",
-                    folder / "b=3com:5551002"});
-    ASSERT_TRUE(tool.Ready());
-    TaPort a(folder / "a", 115200);
-    TaPort b(folder / "b", 115200);
+TEST_F(VirtualTaCommandLine, TheTraceShowsCommandsRepliesAndCallsWhileItRuns) {
+    const std::string trace = folder_ / "trace.txt";
+    Start({"--trace", trace, "--rate", "0", folder_ / "a=bitsurfr:5551001",
+           folder_ / "b=3com:5551002"});
+    FarEnd& a = Port("a");
+    FarEnd& b = Port("b");
     ASSERT_TRUE(SetUpCall(a, b, "5551002").Connected);
     ASSERT_EQ(TransferBothWays(a, b, "12345", "123", 2000).AtA, "123");
-    ::usleep(600000);
-    a.Send("+++");
-    ASSERT_EQ(a.ReadUntil("OK\r\n", 2250), "\r\nOK\r\n");
-    ASSERT_EQ(a.Command("ATH"), "ATH\r\r\nOK\r\n");
+    ASSERT_TRUE(a.HangUp());
     const std::string text = ReadWholeFile(trace);
     std::istringstream lines(text);
     std::string line;

@@ -5,32 +5,28 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <thread>
 
-#include "support/temp_folder.h"
+#include "platform/clock.h"
 #include "vta_harness.h"
 
 namespace {
 
-class VirtualTaDataMode : public testing::Test {
+class VirtualTaDataMode : public VirtualTaTest {
 protected:
     // Alice (a BitSURFR) and Bob (a ZyXEL), connected, both ports at 115200.
     void Connect(const std::vector<std::string>& extra = {}) {
         std::vector<std::string> arguments = {folder_ / "alice=bitsurfr:5551001",
                                               folder_ / "bob=zyxel-2864:5551002"};
         arguments.insert(arguments.end(), extra.begin(), extra.end());
-        tool_ = std::make_unique<VirtualTa>(arguments);
-        ASSERT_TRUE(tool_->Ready());
-        alice_ = std::make_unique<TaPort>(folder_ / "alice", 115200);
-        bob_ = std::make_unique<TaPort>(folder_ / "bob", 115200);
+        Start(arguments);
+        alice_ = &Port("alice");
+        bob_ = &Port("bob");
         ASSERT_TRUE(SetUpCall(*alice_, *bob_, "5551002").Connected);
     }
 
-    TempFolder folder_;
-    std::unique_ptr<VirtualTa> tool_;
-    std::unique_ptr<TaPort> alice_;
-    std::unique_ptr<TaPort> bob_;
+    FarEnd* alice_ = nullptr;
+    FarEnd* bob_ = nullptr;
 };
 
 TEST_F(VirtualTaDataMode, AMegabyteEachWayAtOnceArrivesUnchanged) {
@@ -49,20 +45,21 @@ TEST_F(VirtualTaDataMode, NoByteIsLostWhileTheFarEndDoesNotRead) {
     const std::string bytes = RandomBytes(1 << 20, 3);
     // Bob reads nothing: Alice's port takes a little and then holds her back.
     size_t written = 0;
-    const int64_t until = MonotonicMs() + 1000;
-    while (MonotonicMs() < until && written < bytes.size()) {
-        const ssize_t n = ::write(alice_->Fd(), bytes.data() + written, bytes.size() - written);
+    const uint32_t start = NowMs();
+    while (NowMs() - start < 1000 && written < bytes.size()) {
+        const ssize_t n =
+            ::write(alice_->Descriptor(), bytes.data() + written, bytes.size() - written);
         if (n > 0) {
             written += static_cast<size_t>(n);
         } else {
-            pollfd entry{alice_->Fd(), POLLOUT, 0};
+            pollfd entry{alice_->Descriptor(), POLLOUT, 0};
             ::poll(&entry, 1, 50);
         }
     }
     EXPECT_LT(written, bytes.size() / 4) << "the sender was not held back";
     // Now Bob reads, and Alice sends the rest as her port takes it.
     std::string atBob;
-    std::thread reader([&] { atBob = bob_->ReadCount(bytes.size(), 20000); });
+    std::thread reader([&] { atBob = bob_->Receive(bytes.size(), 20000); });
     alice_->Send(std::string_view(bytes).substr(written));
     reader.join();
     EXPECT_EQ(atBob.size(), bytes.size());
@@ -76,18 +73,18 @@ TEST_F(VirtualTaDataMode, PlusSignsWithinTheDataPassAsData) {
     EXPECT_EQ(transfer.AtB, "abc+++def");
     transfer = TransferBothWays(*alice_, *bob_, "xyz+++", "", 2000);
     EXPECT_EQ(transfer.AtB, "xyz+++");
-    EXPECT_EQ(alice_->ReadFor(800), "") << "no escape without silence before it";
+    EXPECT_EQ(alice_->ReceiveFor(800), "") << "no escape without silence before it";
     // After silence, but with more bytes behind it within the guard time.
     alice_->Send("+++");
     ::usleep(150000);
     alice_->Send("more");
-    EXPECT_EQ(bob_->ReadCount(7, 1500), "+++more");
-    EXPECT_EQ(alice_->ReadFor(800), "") << "no escape without silence after it";
+    EXPECT_EQ(bob_->Receive(7, 1500), "+++more");
+    EXPECT_EQ(alice_->ReceiveFor(800), "") << "no escape without silence after it";
     // Four of them are no escape either.
     ::usleep(600000);
     alice_->Send("++++");
-    EXPECT_EQ(bob_->ReadCount(4, 1500), "++++");
-    EXPECT_EQ(alice_->ReadFor(700), "");
+    EXPECT_EQ(bob_->Receive(4, 1500), "++++");
+    EXPECT_EQ(alice_->ReceiveFor(700), "");
 }
 
 TEST_F(VirtualTaDataMode, EscapeAfterSilenceThenHangUpPutsNoCarrierBehindTheData) {
@@ -96,17 +93,17 @@ TEST_F(VirtualTaDataMode, EscapeAfterSilenceThenHangUpPutsNoCarrierBehindTheData
     alice_->Send(data);
     // Bob does not read yet: the data waits in his port.
     ::usleep(650000);
-    const int64_t sent = MonotonicMs();
+    const uint32_t sent = NowMs();
     alice_->Send("+++");
-    EXPECT_EQ(alice_->ReadUntil("OK\r\n", 2250), "\r\nOK\r\n");
-    const int64_t took = MonotonicMs() - sent;
-    EXPECT_GE(took, 450) << "the OK comes only after the silence behind +++";
-    EXPECT_LE(took, 2250);
+    EXPECT_EQ(alice_->ReceiveUntil("OK\r\n", 2250), "\r\nOK\r\n");
+    const uint32_t took = NowMs() - sent;
+    EXPECT_GE(took, 450u) << "the OK comes only after the silence behind +++";
+    EXPECT_LE(took, 2250u);
     // Command mode within the call.
     EXPECT_EQ(alice_->Command("ATI0"), "ATI0\r\r\n960\r\nOK\r\n");
     EXPECT_EQ(alice_->Command("ATH"), "ATH\r\r\nOK\r\n");
     // Bob gets all of Alice's data, no "+", and NO CARRIER behind it.
-    EXPECT_EQ(bob_->ReadUntil("NO CARRIER\r\n", 2000), data + "\r\nNO CARRIER\r\n");
+    EXPECT_EQ(bob_->ReceiveUntil("NO CARRIER\r\n", 2000), data + "\r\nNO CARRIER\r\n");
     EXPECT_EQ(bob_->Command("AT"), "AT\r\r\nOK\r\n") << "Bob is in command mode";
     EXPECT_EQ(alice_->Command("AT"), "AT\r\r\nOK\r\n");
 }
@@ -119,12 +116,12 @@ TEST_F(VirtualTaDataMode, OnlineCommandModeHoldsTheFarEndsDataUntilATO) {
         alice_->Send("+");
         ::usleep(100000);
     }
-    ASSERT_EQ(alice_->ReadUntil("OK\r\n", 2250), "\r\nOK\r\n");
+    ASSERT_EQ(alice_->ReceiveUntil("OK\r\n", 2250), "\r\nOK\r\n");
     bob_->Send("sent while alice talks to her adapter");
     EXPECT_EQ(alice_->Command("AT"), "AT\r\r\nOK\r\n") << "nothing of Bob's in between";
     EXPECT_EQ(alice_->Command("ATD5551002"), "ATD5551002\r\r\nERROR\r\n") << "one call at a time";
     alice_->Send("ATO\r");
-    EXPECT_EQ(alice_->ReadUntil("CONNECT 115200\r\n", 1000), "ATO\r\r\nCONNECT 115200\r\n");
+    EXPECT_EQ(alice_->ReceiveUntil("CONNECT 115200\r\n", 1000), "ATO\r\r\nCONNECT 115200\r\n");
     const Transfer transfer = TransferBothWays(*alice_, *bob_, "back", "", 2000);
     EXPECT_EQ(transfer.AtA, "sent while alice talks to her adapter");
     EXPECT_EQ(transfer.AtB, "back");
@@ -150,75 +147,83 @@ TEST_F(VirtualTaDataMode, FaultsActAtTheirOffsetsOnceAndInOrder) {
         }
     }
     alice_->Send(fromAlice.substr(0, 12000));
-    const std::string atBob = bob_->ReadUntil("NO CARRIER\r\n", 3000);
+    const std::string atBob = bob_->ReceiveUntil("NO CARRIER\r\n", 3000);
     ASSERT_EQ(atBob.size(), 9000 + 14u);
     EXPECT_EQ(atBob.substr(9000), "\r\nNO CARRIER\r\n");
     std::string expected = fromAlice.substr(0, 9000);
     expected[100] = static_cast<char>(expected[100] ^ 0x01);
     expected[7000] = static_cast<char>(expected[7000] ^ 0x01);
     EXPECT_TRUE(atBob.substr(0, 9000) == expected);
-    EXPECT_EQ(alice_->ReadUntil("NO CARRIER\r\n", 2000), "\r\nNO CARRIER\r\n");
+    EXPECT_EQ(alice_->ReceiveUntil("NO CARRIER\r\n", 2000), "\r\nNO CARRIER\r\n");
 
     // Both are back in command mode; the next call is clean.
-    alice_->ReadFor(200);
-    bob_->ReadFor(200);
+    alice_->ReceiveFor(200);
+    bob_->ReceiveFor(200);
     ASSERT_TRUE(SetUpCall(*alice_, *bob_, "5551002").Connected);
     transfer = TransferBothWays(*alice_, *bob_, fromAlice, fromBob, 5000);
     EXPECT_TRUE(transfer.AtB == fromAlice);
     EXPECT_TRUE(transfer.AtA == fromBob);
 }
 
-TEST_F(VirtualTaDataMode, TheLinePacesAtItsRate) {
-    Connect({"--rate", "20000"});
-    const std::string bytes = RandomBytes(40000, 7);
-    const Transfer transfer = TransferBothWays(*alice_, *bob_, bytes, bytes, 10000);
-    EXPECT_TRUE(transfer.AtB == bytes);
-    EXPECT_TRUE(transfer.AtA == bytes);
-    // 40000 bytes at 20000 bytes per second each way.
-    EXPECT_NEAR(transfer.Seconds, 2.0, 0.2);
-}
+using VirtualTaLineRate = VirtualTaTest;
 
-// Six adapters in three calls at once: one whose two ends both bundle two
-// channels, one whose answerer does not, and one at 56K.
-TEST(VirtualTaLineRate, TwoChannelsNeedBothEndsAnd56KCarriesSevenEighths) {
-    TempFolder folder;
-    VirtualTa tool({"--rate", "10000", folder / "a=bitsurfr:1", folder / "b=adtran-xr:2",
-                    folder / "c=adtran-xrt:3", folder / "d=bitsurfr:4", folder / "e=zyxel-2864:5",
-                    folder / "f=zyxel-omninet:6"});
-    ASSERT_TRUE(tool.Ready());
-    TaPort a(folder / "a", 115200), b(folder / "b", 115200), c(folder / "c", 115200);
-    TaPort d(folder / "d", 115200), e(folder / "e", 115200), f(folder / "f", 115200);
-    const auto ok = [](TaPort& port, const std::string& profile) {
-        return port.Command(profile) == profile + "\r\r\nOK\r\n";
+// Four calls at once, each end set up by one of the program's profiles or
+// left as it starts. A call carries the rate once per channel it bundles,
+// seven eighths of that at 56K; each carries two seconds of line both ways.
+TEST_F(VirtualTaLineRate, TwoChannelsNeedBothEndsAnd56KCarriesSevenEighths) {
+    const struct {
+        const char* Caller;
+        const char* CallerProfile;  // "" for none
+        const char* Answerer;
+        const char* AnswererProfile;
+        size_t BytesPerSecond;
+        const char* Why;
+    } calls[] = {
+        {"bitsurfr", "AT\\Q3%A2=3&M0%A4=0S0=0S12=25&D0&C1W1E1@M2=P@B0=2&R1", "adtran-xr",
+         "AT&F4\\Q3&D0X1S0=0S12=25S53=3S54=2S15=1", 20000, "two channels, AIMUX at both ends"},
+        {"adtran-xrt", "AT&F4\\Q3&D0X1S0=0S12=25S53=3S54=2S15=1", "bitsurfr",
+         "AT\\Q3%A2=2%A4=0S0=0S12=25&D0&C1W1E1", 10000, "one: the answerer does not bundle"},
+        {"zyxel-2864", "AT&H3&D0&C1&E1&S0Q0E1V1B20&O2S0=0X1&J3&K00", "zyxel-omninet",
+         "AT&H3&D0&C1&E0&S0Q0E1V1B20&O2S0=0X1&J3&K00", 17500, "two channels, one end at 56K"},
+        {"bitsurfr", "", "zyxel-2864", "", 10000, "one channel at 64K, as adapters start"},
     };
-    // AIMUX at 64K on a, b and c; V.120 at 64K on d.
-    ASSERT_TRUE(ok(a, "AT\\Q3%A2=3&M0%A4=0S0=0S12=25&D0&C1W1E1@M2=P@B0=2&R1"));
-    ASSERT_TRUE(ok(b, "AT&F4\\Q3&D0X1S0=0S12=25S53=3S54=2S15=1"));
-    ASSERT_TRUE(ok(c, "AT&F4\\Q3&D0X1S0=0S12=25S53=3S54=2S15=1"));
-    ASSERT_TRUE(ok(d, "AT\\Q3%A2=2%A4=0S0=0S12=25&D0&C1W1E1"));
-    // 2B on both ZyXELs, but e at 56K.
-    ASSERT_TRUE(ok(e, "AT&H3&D0&C1&E1&S0Q0E1V1B20&O2S0=0X1&J3&K00"));
-    ASSERT_TRUE(ok(f, "AT&H3&D0&C1&E0&S0Q0E1V1B20&O2S0=0X1&J3&K00"));
-    ASSERT_TRUE(SetUpCall(a, b, "2").Connected);
-    ASSERT_TRUE(SetUpCall(c, d, "4").Connected);
-    ASSERT_TRUE(SetUpCall(e, f, "6").Connected);
-
-    const std::string forty = RandomBytes(40000, 8);
-    const std::string twenty = RandomBytes(20000, 9);
-    const std::string thirtyFive = RandomBytes(35000, 10);
-    Transfer ab, cd, ef;
-    std::thread one([&] { ab = TransferBothWays(a, b, forty, "", 10000); });
-    std::thread two([&] { cd = TransferBothWays(c, d, twenty, "", 10000); });
-    std::thread three([&] { ef = TransferBothWays(e, f, thirtyFive, "", 10000); });
-    one.join();
-    two.join();
-    three.join();
-    EXPECT_TRUE(ab.AtB == forty);
-    EXPECT_TRUE(cd.AtB == twenty);
-    EXPECT_TRUE(ef.AtB == thirtyFive);
-    EXPECT_NEAR(ab.Seconds, 2.0, 0.2) << "two channels of 10000 bytes per second";
-    EXPECT_NEAR(cd.Seconds, 2.0, 0.2) << "one channel: the answerer does not bundle";
-    EXPECT_NEAR(ef.Seconds, 2.0, 0.2) << "two channels at 56K: 17500 bytes per second";
+    std::vector<std::string> arguments = {"--rate", "10000"};
+    for (size_t i = 0; i < std::size(calls); ++i) {
+        const std::string n = std::to_string(i);
+        arguments.push_back(folder_ / ("caller" + n + "=" + calls[i].Caller + ":1" + n));
+        arguments.push_back(folder_ / ("answerer" + n + "=" + calls[i].Answerer + ":2" + n));
+    }
+    Start(arguments);
+    const auto setUp = [](FarEnd& port, const char* profile) {
+        return *profile == 0 || port.Command(profile) == std::string(profile) + "\r\r\nOK\r\n";
+    };
+    std::vector<std::thread> lines;
+    std::vector<Transfer> transfers(std::size(calls));
+    std::vector<std::string> sent;
+    for (size_t i = 0; i < std::size(calls); ++i) {
+        const std::string n = std::to_string(i);
+        FarEnd& caller = Port("caller" + n);
+        FarEnd& answerer = Port("answerer" + n);
+        ASSERT_TRUE(setUp(caller, calls[i].CallerProfile)) << calls[i].Why;
+        ASSERT_TRUE(setUp(answerer, calls[i].AnswererProfile)) << calls[i].Why;
+        ASSERT_TRUE(SetUpCall(caller, answerer, "2" + n).Connected) << calls[i].Why;
+        sent.push_back(RandomBytes(2 * calls[i].BytesPerSecond, static_cast<uint32_t>(i)));
+    }
+    for (size_t i = 0; i < std::size(calls); ++i) {
+        lines.emplace_back([&, i] {
+            transfers[i] =
+                TransferBothWays(*ports_[2 * i], *ports_[2 * i + 1], sent[i], sent[i], 10000);
+        });
+    }
+    for (std::thread& line : lines) {
+        line.join();
+    }
+    for (size_t i = 0; i < std::size(calls); ++i) {
+        SCOPED_TRACE(calls[i].Why);
+        EXPECT_TRUE(transfers[i].AtB == sent[i]);
+        EXPECT_TRUE(transfers[i].AtA == sent[i]);
+        EXPECT_NEAR(transfers[i].Seconds, 2.0, 0.2);
+    }
 }
 
 }  // namespace

@@ -1,81 +1,32 @@
-// What the tests of virtual-ta share: the tool run as a process, and its
-// ports opened as a program opens a serial port.
+// What the tests of virtual-ta share: the tool run in a folder of the test's
+// own, its ports opened there as a program opens a serial port, and calls and
+// transfers between those ports.
 #pragma once
 
-#include <sys/types.h>
+#include <gtest/gtest.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
-#include <string_view>
 #include <vector>
 
+#include "support/child_process.h"
+#include "support/far_end.h"
+#include "support/temp_folder.h"
 #include "support/test_data.h"
 
-// The tool, started with the given arguments and running until Stop or the
-// end of the object. The start waits for "ready".
-class VirtualTa {
-public:
-    explicit VirtualTa(const std::vector<std::string>& arguments);
-    ~VirtualTa();
-    VirtualTa(const VirtualTa&) = delete;
-    VirtualTa& operator=(const VirtualTa&) = delete;
+class VirtualTaTest : public testing::Test {
+protected:
+    // Starts the tool with the arguments and waits for its "ready"; throws if
+    // it does not come. A tool started before is stopped first, and the ports
+    // opened on it are closed.
+    void Start(const std::vector<std::string>& arguments);
+    // The port whose link is name in the folder, open until the test ends.
+    FarEnd& Port(const std::string& name, uint32_t speed = 115200);
 
-    bool Ready() const { return ready_; }
-    // Sends the signal (SIGTERM unless told) and waits: the exit status, or
-    // -1 if it did not end normally within five seconds.
-    int Stop(int signalNumber = 15);
-
-private:
-    pid_t pid_ = -1;
-    bool ready_ = false;
-};
-
-// The tool run to its end with a limit of ten seconds, as for bad arguments.
-struct ToolRun {
-    int ExitCode = -1;
-    std::string Out;
-    std::string Err;
-};
-ToolRun RunTool(const std::vector<std::string>& arguments);
-
-// A port of the tool opened as the program opens one: the link's path,
-// non-blocking, raw, 8 data bits, RTS/CTS, at a speed.
-class TaPort {
-public:
-    explicit TaPort(const std::string& path, uint32_t speed = 9600);
-    ~TaPort();
-    TaPort(const TaPort&) = delete;
-    TaPort& operator=(const TaPort&) = delete;
-
-    bool IsOpen() const { return fd_ >= 0; }
-    int Fd() const { return fd_; }
-    void SetSpeed(uint32_t speed);
-
-    // Writes every byte, waiting while the port takes no more.
-    void Send(std::string_view bytes);
-    // Reads until the text read holds the token, or the time is up; returns
-    // what was read up to and including the token (all of it at the limit).
-    // Bytes behind the token stay for the next read.
-    std::string ReadUntil(std::string_view token, int timeoutMs);
-    // Reads whatever comes within the time.
-    std::string ReadFor(int timeoutMs);
-    // Reads until count bytes have come or the time is up.
-    std::string ReadCount(size_t count, int timeoutMs);
-    // Takes what has been read but not yet handed out.
-    std::string TakePending() {
-        std::string text;
-        text.swap(pending_);
-        return text;
-    }
-    // Sends the command and CR, and reads the whole exchange up to its
-    // "OK\r\n" or "ERROR\r\n".
-    std::string Command(const std::string& command, int timeoutMs = 2000);
-
-private:
-    size_t Fill(int timeoutMs);
-
-    int fd_ = -1;
-    std::string pending_;
+    TempFolder folder_;
+    std::unique_ptr<ChildProcess> tool_;
+    std::vector<std::unique_ptr<FarEnd>> ports_;
 };
 
 // Sends aToB into a and bToA into b at once and reads what comes out at the
@@ -85,7 +36,7 @@ struct Transfer {
     std::string AtA;
     double Seconds = 0;  // until the last byte arrived
 };
-Transfer TransferBothWays(TaPort& a, TaPort& b, const std::string& aToB, const std::string& bToA,
+Transfer TransferBothWays(FarEnd& a, FarEnd& b, const std::string& aToB, const std::string& bToA,
                           int timeoutMs);
 
 // The caller dials the number and the answerer answers its RING with ATA.
@@ -96,7 +47,4 @@ struct CallSetUp {
     std::string AtAnswerer;
     bool Connected = false;
 };
-CallSetUp SetUpCall(TaPort& caller, TaPort& answerer, const std::string& dialString);
-
-// Milliseconds of the monotonic clock.
-int64_t MonotonicMs();
+CallSetUp SetUpCall(FarEnd& caller, FarEnd& answerer, const std::string& dialString);
