@@ -25,6 +25,12 @@ void Station::Sort(const std::string& line) {
         logLines_.push_back(line.substr(5));
     } else if (line.rfind("message: ", 0) == 0) {
         messages_.push_back(line.substr(9));
+    } else {
+        for (const char* kind : {"open: ", "browse: ", "raise: ", "run: ", "dialog: "}) {
+            if (line.rfind(kind, 0) == 0) {
+                handOffs_.push_back(line);
+            }
+        }
     }
 }
 
@@ -97,6 +103,12 @@ std::string Station::ShowControl(const std::string& name) {
 
 std::vector<std::string> Station::Messages() const {
     return messages_;
+}
+
+std::vector<std::string> Station::TakeHandOffs() {
+    std::vector<std::string> taken;
+    taken.swap(handOffs_);
+    return taken;
 }
 
 int Station::Quit(std::chrono::milliseconds limit) {

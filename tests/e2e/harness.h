@@ -45,6 +45,9 @@ public:
     std::vector<std::string> LogLines() const;
     // Every message box shown so far, with the "message: " prefix taken away.
     std::vector<std::string> Messages() const;
+    // The hand-offs to the desktop ("open: ...", "browse: ...", "raise: ...",
+    // "run: ...", "dialog: ...") printed since the last call.
+    std::vector<std::string> TakeHandOffs();
     // The line that "show" prints for a control, e.g. "IDC_SEND", or for a
     // menu, e.g. "menu text=\"&Port Speed\""; "" if there is none.
     std::string ShowControl(const std::string& name);
@@ -62,5 +65,6 @@ private:
     ChildProcess process_;
     std::vector<std::string> logLines_;
     std::vector<std::string> messages_;
+    std::vector<std::string> handOffs_;
     size_t logWaitMark_ = 0;
 };

@@ -1,0 +1,339 @@
+// Pick-up folders and exported entries between real stations: a
+// correspondent fetches its folder by calling in, a hot folder sends itself
+// once it stands still and calls a busy line again, an entry that arrives in
+// a call is entered once, and a far end that sends entries and requests meant
+// to reach other people's folders reaches nothing.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "harness.h"
+#include "installation.h"
+#include "peer_fixture.h"
+#include "platform/files.h"
+#include "support/far_end.h"
+#include "support/wire_peer.h"
+#include "two_stations.h"
+
+namespace {
+
+// Types a record into the form and presses Add; the new record is on show.
+void AddRecord(Station& station, const std::string& name, const std::string& number) {
+    EXPECT_EQ(station.Command("name " + name), "ok");
+    EXPECT_EQ(station.Command("number " + number), "ok");
+    EXPECT_EQ(station.Command("entry add"), "ok");
+}
+
+// How often the log holds exactly this line, once every line logged before
+// the question has come.
+long Count(Station& station, const std::string& line) {
+    station.ShowControl("IDC_SEND");
+    const std::vector<std::string> lines = station.LogLines();
+    return std::count(lines.begin(), lines.end(), line);
+}
+
+void ExpectSameBytes(const std::string& path, const std::string& expected) {
+    const std::string arrived = ReadWholeFile(path);
+    EXPECT_EQ(arrived.size(), expected.size()) << path;
+    EXPECT_TRUE(arrived == expected) << path << " differs";
+}
+
+// The lines of the log that hold any of the texts, in order.
+std::vector<std::string> Lines(const Station& station, const std::vector<std::string>& texts) {
+    return LinesHolding(station.LogLines(), texts);
+}
+
+// Alice, Bob and Carol, each in an installation of their own on a line that
+// runs as fast as the ports go; a station starts when a test asks for it, so
+// that a test can play an end itself. Carol's number, 555, is part of Bob's.
+class ThreeLines : public ::testing::Test {
+protected:
+    void SetUp() override {
+        for (const char* name : {"alice", "bob", "carol"}) {
+            paths_.push_back(MakeInstallation(root_, name));
+        }
+        adapters_ = std::make_unique<VirtualAdapters>(
+            std::vector<std::string>{paths_[0] + "/COM1=bitsurfr:5551001",
+                                     paths_[1] + "/COM1=zyxel-2864:5552002",
+                                     paths_[2] + "/COM1=3com:555"},
+            std::vector<std::string>{"--rate", "0"});
+    }
+
+    // The station of line 0, 1 or 2, started and waiting for calls.
+    Station& Start(size_t line) {
+        stations_[line] = std::make_unique<Station>(paths_[line]);
+        EXPECT_TRUE(stations_[line]->WaitForLog("Initializing Incoming"));
+        return *stations_[line];
+    }
+    std::string PickUp(size_t line, const std::string& relative) const {
+        return paths_[line] + "/Pick Up/" + relative;
+    }
+    std::string Incoming(size_t line, const std::string& relative) const {
+        return paths_[line] + "/Incoming Files/" + relative;
+    }
+    // Presses Retrieve and waits until both ends are idle again.
+    void Retrieve(Station& caller, Station& holder, const std::string& answer) {
+        ASSERT_EQ(caller.Command("retrieve"), "ok");
+        ASSERT_TRUE(caller.WaitForLog(answer));
+        ASSERT_TRUE(holder.WaitForLog(answer));
+        ASSERT_TRUE(caller.WaitForLog("Reinitializing Incoming"));
+        ASSERT_TRUE(holder.WaitForLog("Reinitializing Incoming"));
+        ASSERT_EQ(caller.Command("wait-state idle 30"), "ok");
+        ASSERT_EQ(holder.Command("wait-state idle 30"), "ok");
+    }
+
+    TempFolder root_;
+    std::vector<std::string> paths_;
+    std::unique_ptr<VirtualAdapters> adapters_;
+    std::unique_ptr<Station> stations_[3];
+};
+
+TEST_F(ThreeLines, ACorrespondentFetchesItsFolderAndAnyoneElseIsToldThereIsNone) {
+    Station& alice = Start(0);
+    Station& bob = Start(1);
+    Station& carol = Start(2);
+
+    // Alice keeps a folder for Bob, made with the button, and fills it.
+    AddRecord(alice, "Bob", "030 555-2002");
+    ASSERT_EQ(alice.Command("make-folder"), "ok");
+    const std::vector<peer::File> files = {{"photo.bin", RandomBytes(300000, 41)},
+                                           {"note.txt", RandomBytes(1000, 42)},
+                                           {"empty.txt", ""}};
+    for (const peer::File& file : files) {
+        WriteWholeFile(PickUp(0, "Bob/" + file.Name), file.Bytes);
+    }
+
+    // Bob fetches it: the roles turn, and the files land under Alice's name
+    // for the folder.
+    AddRecord(bob, "Alice", "5551001");
+    ASSERT_EQ(bob.Command("retrieve"), "ok");
+    ASSERT_TRUE(bob.WaitForLog("All files received."));
+    ASSERT_TRUE(alice.WaitForLog("All files sent."));
+    ASSERT_TRUE(bob.WaitForLog("Reinitializing Incoming"));
+    ASSERT_TRUE(alice.WaitForLog("Reinitializing Incoming"));
+    for (const peer::File& file : files) {
+        SCOPED_TRACE(file.Name);
+        ExpectSameBytes(Incoming(1, "Bob/" + file.Name), file.Bytes);
+        ExpectSameBytes(PickUp(0, "Bob/Sent Files/" + file.Name), file.Bytes);
+        EXPECT_FALSE(PathExists(PickUp(0, "Bob/" + file.Name)));
+    }
+    // The folder goes in the order the file system lists it.
+    std::vector<std::string> sent = Lines(alice, {"Retrieve request", "at ", "Sending File: "});
+    std::sort(sent.begin() + 2, sent.end());
+    EXPECT_EQ(sent,
+              (std::vector<std::string>{"Retrieve request from Bob", "at 5552002",
+                                        "Sending File: note.txt", "Sending File: photo.bin"}));
+    std::vector<std::string> received =
+        Lines(bob, {"Calling", "at ", "Created new folder: ", "Receiving File: "});
+    std::sort(received.begin() + 3, received.end());
+    EXPECT_EQ(received,
+              (std::vector<std::string>{"Calling Alice", "at 5551001", "Created new folder: Bob",
+                                        "Receiving File: note.txt", "Receiving File: photo.bin"}));
+
+    // Nothing waits for Bob now.
+    ASSERT_EQ(bob.Command("wait-state idle 30"), "ok");
+    Retrieve(bob, alice, "No files to be retrieved.");
+    EXPECT_EQ(Count(alice, "Retrieve request from 5552002"), 1);
+
+    // Carol's 555 lies inside Bob's number, but is too short to name anyone.
+    WriteWholeFile(PickUp(0, "Bob/later.txt"), "for Bob only");
+    AddRecord(carol, "Alice", "5551001");
+    Retrieve(carol, alice, "No retrieve folder found.");
+    EXPECT_EQ(Count(alice, "Retrieve request from 555"), 1);
+    EXPECT_EQ(ReadWholeFile(PickUp(0, "Bob/later.txt")), "for Bob only");
+
+    // Alice's record for Bob takes another number: Bob's call finds no folder.
+    ASSERT_EQ(alice.Command("select Bob"), "ok");
+    ASSERT_EQ(alice.Command("number 5559999"), "ok");
+    ASSERT_EQ(alice.Command("entry change"), "ok");
+    Retrieve(bob, alice, "No retrieve folder found.");
+    EXPECT_EQ(ReadWholeFile(PickUp(0, "Bob/later.txt")), "for Bob only");
+    EXPECT_FALSE(PathExists(Incoming(2, "Bob")));
+
+    // The folder buttons and the rest hand their work to the desktop.
+    ASSERT_EQ(alice.Command("open-folder"), "ok");
+    ASSERT_EQ(alice.Command("ctrl on"), "ok");
+    ASSERT_EQ(alice.Command("open-folder"), "ok");
+    ASSERT_EQ(alice.Command("ctrl off"), "ok");
+    ASSERT_EQ(alice.Command("open-incoming"), "ok");
+    ASSERT_EQ(alice.Command("help"), "ok");
+    ASSERT_EQ(alice.Command("browser off"), "ok");
+    ASSERT_EQ(alice.Command("help"), "ok");
+    ASSERT_EQ(alice.Command("program a /usr/bin/gimp"), "ok");
+    ASSERT_EQ(alice.Command("program a"), "ok");
+    ASSERT_EQ(alice.Command("shift on"), "ok");
+    ASSERT_EQ(alice.Command("program a cancel"), "ok");
+    ASSERT_EQ(alice.Command("shift off"), "ok");
+    ASSERT_EQ(alice.Command("program a"), "ok");
+    const std::string manual = paths_[0] + "/Kestrelbound_Manual/Start_Here.html";
+    EXPECT_EQ(
+        alice.TakeHandOffs(),
+        (std::vector<std::string>{"open: " + PickUp(0, "Bob"), "open: " + paths_[0] + "/Pick Up",
+                                  "open: " + paths_[0] + "/Incoming Files", "browse: " + manual,
+                                  "raise: browser", "browse: " + manual, "dialog: open",
+                                  "run: /usr/bin/gimp", "dialog: open", "dialog: open"}));
+    EXPECT_EQ(alice.Messages(),
+              std::vector<std::string>{
+                  "Please launch your preferred web browser to use\\non-line help."});
+}
+
+TEST_F(ThreeLines, AHotFolderSendsItselfOnceItStandsStillAndCallsABusyLineAgain) {
+    Station& alice = Start(0);
+    AddRecord(alice, "Bob", "5552002");
+    ASSERT_EQ(alice.Command("make-folder"), "ok");
+    ASSERT_EQ(alice.Command("select Bob"), "ok");
+    ASSERT_EQ(alice.Command("hot send"), "ok");
+    ASSERT_EQ(alice.Command("entry change"), "ok");
+
+    // Bob's line is busy: his adapter is in a call with Carol's.
+    FarEnd bob(paths_[1] + "/COM1");
+    FarEnd carol(paths_[2] + "/COM1");
+    ASSERT_NE(carol.Command("ATS0=1").find("OK"), std::string::npos);
+    ASSERT_TRUE(bob.Dial("555"));
+
+    const std::vector<peer::File> files = {{"report.bin", RandomBytes(150000, 43)},
+                                           {"summary.txt", RandomBytes(700, 44)}};
+    for (const peer::File& file : files) {
+        WriteWholeFile(PickUp(0, "Bob/" + file.Name), file.Bytes);
+    }
+    // Two looks 15 s apart see the same total: the folder dials by itself,
+    // and finds the line busy.
+    ASSERT_TRUE(alice.WaitForLog("Calling Bob", std::chrono::seconds(60)));
+    ASSERT_TRUE(alice.WaitForLog("Busy", std::chrono::seconds(30)));
+    ASSERT_TRUE(bob.HangUp());
+
+    // The files wait; two looks later it calls again, and Bob takes them.
+    ASSERT_TRUE(bob.Answer(60000));
+    std::vector<peer::File> arrived;
+    std::string folder;
+    EXPECT_EQ(peer::ReceiveSession(bob, arrived, &folder), "");
+    EXPECT_EQ(folder, "Bob");
+    ASSERT_EQ(arrived.size(), files.size());
+    for (const peer::File& file : files) {
+        const auto found = std::find_if(arrived.begin(), arrived.end(),
+                                        [&](const peer::File& a) { return a.Name == file.Name; });
+        ASSERT_NE(found, arrived.end()) << file.Name;
+        EXPECT_TRUE(found->Bytes == file.Bytes) << file.Name;
+    }
+    ASSERT_TRUE(alice.WaitForLog("All files sent."));
+    ASSERT_TRUE(alice.WaitForLog("Reinitializing Incoming"));
+    for (const peer::File& file : files) {
+        EXPECT_TRUE(PathExists(PickUp(0, "Bob/Sent Files/" + file.Name))) << file.Name;
+    }
+    EXPECT_EQ(Lines(alice, {"Calling Bob", "Busy"}),
+              (std::vector<std::string>{"Calling Bob", "Busy", "Calling Bob"}));
+}
+
+TEST(EntriesInACall, AnEntryIsEnteredOnceAtTheEndOfTheCallThatBroughtItWhole) {
+    // Alice's own entry behind a file of two sections; the line falls in the
+    // middle of the entry's one section.
+    const std::string big = RandomBytes(200000, 45);
+    const size_t list = 8 + 6 + 28 + 56 * 2;
+    const size_t bigOnLine = big.size() + 2 * 2;
+    AliceAndBob line("bitsurfr", {"--rate", "0", "--fault",
+                                  "drop:5551001:" + std::to_string(list + bigOnLine + 2 + 70)});
+    AddRecord(*line.Alice, "Alice Ltd", "5551001");
+    const std::string entry = line.Root / "samples/alice.KBE";
+    ASSERT_EQ(line.Alice->Command("export " + entry), "ok");
+    ASSERT_EQ(ReadWholeFile(entry).size(), 140u);
+    ASSERT_EQ(line.Alice->Command("name Bob"), "ok");
+    ASSERT_EQ(line.Alice->Command("number 5552002"), "ok");
+    ASSERT_EQ(line.Alice->Command("choose " + line.Sample("big.bin", big)), "ok");
+    ASSERT_EQ(line.Alice->Command("choose " + entry), "ok");
+
+    ASSERT_EQ(line.Alice->Command("send"), "ok");
+    ASSERT_TRUE(line.Bob->WaitForLog("Disconnected"));
+    line.BackToIdle();
+    ExpectSameBytes(line.IncomingPath("big.bin"), big);
+    EXPECT_EQ(Count(*line.Bob, "Directory Entry Added"), 0);
+    EXPECT_NE(line.Bob->ShowControl("IDC_DIRECTORY_LIST").find("rows=\"\""), std::string::npos)
+        << "nothing entered";
+
+    // The rest of the list goes in the next call; the entry is entered as it
+    // ends, and stays in its folder.
+    line.SendThrough();
+    EXPECT_EQ(Count(*line.Bob, "Directory Entry Added"), 1);
+    EXPECT_NE(line.Bob->ShowControl("IDC_DIRECTORY_LIST").find("rows=\"Alice Ltd\""),
+              std::string::npos);
+    ExpectSameBytes(line.IncomingPath("alice.KBE"), ReadWholeFile(entry));
+
+    // A later call does not enter it again.
+    ASSERT_EQ(line.Alice->Command("choose " + line.Sample("more.txt", "more")), "ok");
+    line.SendThrough();
+    EXPECT_EQ(Count(*line.Bob, "Directory Entry Added"), 1);
+    EXPECT_NE(line.Bob->ShowControl("IDC_DIRECTORY_LIST").find("rows=\"Alice Ltd\""),
+              std::string::npos);
+}
+
+// The station as holder of folders, called by a far end that sends what no
+// sound correspondent would.
+class FolderThief : public PeerAndStation {
+protected:
+    // An exported entry: name and number, a pick-up folder claimed.
+    static peer::File Entry(const std::string& file, const std::string& name,
+                            const std::string& number) {
+        std::string bytes(140, '\0');
+        bytes.replace(0, name.size(), name);
+        bytes.replace(32, number.size(), number);
+        bytes.replace(64, 8, std::string("\0\0\0\x01\0\0\0\x01", 8));
+        bytes[78] = 1;
+        bytes.replace(136, 4, "KBDe");
+        return {file, bytes};
+    }
+    // Calls in and asks for the folder of the number; the station's answer.
+    std::string RequestFolder(const std::string& number) {
+        EXPECT_TRUE(port_->Dial("5552002"));
+        port_->Send("SYNCON\r\n");
+        EXPECT_NE(port_->ReceiveUntil("RCVCON\r\n", 5000).find("RCVCON"), std::string::npos);
+        port_->Send("RETRIEVE\r\n" + number + std::string(32 - number.size(), '\0'));
+        const std::string answer = port_->ReceiveUntil("\r\n", 5000);
+        EXPECT_TRUE(port_->HangUp());
+        EXPECT_TRUE(station_->WaitForLog("Reinitializing Incoming"));
+        EXPECT_EQ(station_->Command("wait-state idle 30"), "ok");
+        return answer;
+    }
+};
+
+TEST_F(FolderThief, EntriesAndRequestsMeantForOtherPeoplesFoldersReachNothing) {
+    // The station keeps a folder for Smith.
+    AddRecord(*station_, "Smith", "0049 30 7777777");
+    ASSERT_EQ(station_->Command("make-folder"), "ok");
+    const std::string smith = stationPath_ + "/Pick Up/Smith/";
+    WriteWholeFile(smith + "contract.txt", "Smith's contract");
+    // A folder nobody's record owns yet, say left by hand.
+    ASSERT_TRUE(CreateFolder(stationPath_ + "/Pick Up/Jones"));
+    WriteWholeFile(stationPath_ + "/Pick Up/Jones/old.txt", "Jones's old file");
+
+    // Entries for Smith's name with the thief's number, for a name that would
+    // climb out of "Pick Up", and for Jones with a folder claimed.
+    const std::vector<peer::File> entries = {Entry("smith.KBE", "Smith", "5553003"),
+                                             Entry("up.KBE", "..", "5553003"),
+                                             Entry("jones.KBE", "Jones", "5553003")};
+    ASSERT_TRUE(port_->Dial("5552002"));
+    ASSERT_EQ(peer::SendSession(*port_, entries), "");
+    EXPECT_TRUE(port_->HangUp());
+    ASSERT_TRUE(station_->WaitForLog("Directory Entry Added"));
+    ASSERT_EQ(station_->Command("wait-state idle 30"), "ok");
+    EXPECT_EQ(Count(*station_, "Directory Entry Not Added: Smith is in the directory already."), 1);
+    EXPECT_EQ(Count(*station_, "Directory Entry Not Added: its name cannot name a folder."), 1);
+    EXPECT_NE(station_->ShowControl("IDC_DIRECTORY_LIST").find("rows=\"Jones|Smith\""),
+              std::string::npos);
+
+    // Neither Smith's record nor Jones's folder answers to the thief's number;
+    // and a number too short to name anyone finds none, though it lies
+    // inside Smith's.
+    for (const std::string number : {"5553003", "", "777"}) {
+        SCOPED_TRACE(number);
+        EXPECT_EQ(RequestFolder(number), "NOFILEDIR\r\n");
+    }
+    EXPECT_EQ(Count(*station_, "No retrieve folder found."), 3);
+    EXPECT_EQ(ReadWholeFile(smith + "contract.txt"), "Smith's contract");
+    EXPECT_EQ(ReadWholeFile(stationPath_ + "/Pick Up/Jones/old.txt"), "Jones's old file");
+    EXPECT_FALSE(PathExists(smith + "Sent Files/contract.txt"));
+}
+
+}  // namespace
