@@ -337,3 +337,83 @@ TEST_F(FolderThief, EntriesAndRequestsMeantForOtherPeoplesFoldersReachNothing) {
 }
 
 }  // namespace
+
+namespace {
+
+// The rows of a list as "show" prints them.
+std::string Rows(Station& station, const std::string& control) {
+    const std::string line = station.ShowControl(control);
+    const size_t at = line.find("rows=\"");
+    return at == std::string::npos ? "?" : line.substr(at + 6, line.find('"', at + 6) - at - 6);
+}
+
+TEST(DirectoryByCommands, RecordsAreSortedRenamedWithTheirFolderAndKeptUntilTheFolderIsEmpty) {
+    TempFolder root;
+    const std::string folder = MakeInstallation(root, "station", 1);
+    auto station = std::make_unique<Station>(folder);
+    ASSERT_TRUE(station->WaitForLog("Searching Comm Port 4"));
+    for (const char* name : {"zeta", "Alpha", "beta", "Zeta"}) {
+        AddRecord(*station, name, "5551000");
+    }
+    // The search for an adapter, over before the first command, told its end.
+    const std::vector<std::string> searched = station->Messages();
+    ASSERT_EQ(searched.size(), 1u);
+    // Byte order: every capital before every small letter.
+    EXPECT_EQ(Rows(*station, "IDC_DIRECTORY_LIST"), "Alpha|Zeta|beta|zeta");
+
+    // A new name takes the folder along with its files, and the record
+    // stays on show where the sort puts it.
+    ASSERT_EQ(station->Command("select Zeta"), "ok");
+    ASSERT_EQ(station->Command("make-folder"), "ok");
+    WriteWholeFile(folder + "/Pick Up/Zeta/waiting.txt", "waiting");
+    ASSERT_EQ(station->Command("name omega"), "ok");
+    ASSERT_EQ(station->Command("entry change"), "ok");
+    EXPECT_EQ(Rows(*station, "IDC_DIRECTORY_LIST"), "Alpha|beta|omega|zeta");
+    EXPECT_NE(station->ShowControl("IDC_DIRECTORY_LIST").find("selected=2"), std::string::npos);
+    EXPECT_EQ(ReadWholeFile(folder + "/Pick Up/omega/waiting.txt"), "waiting");
+    EXPECT_FALSE(PathExists(folder + "/Pick Up/Zeta"));
+
+    // The contact form stores the contact and leaves the firm and its folder.
+    EXPECT_EQ(station->Command("contact Mary"),
+              "error: the form shows Firm:; say form contact first");
+    ASSERT_EQ(station->Command("form contact"), "ok");
+    ASSERT_EQ(station->Command("contact Mary Major of the Company"), "ok");
+    ASSERT_EQ(station->Command("phone 030 1234"), "ok");
+    ASSERT_EQ(station->Command("entry change"), "ok");
+    const std::string stored = ReadWholeFile(folder + "/kestrelbound_directory");
+    ASSERT_EQ(stored.size(), 2u + 4 * 140);
+    const std::string omega = stored.substr(2 + 2 * 140, 140);
+    EXPECT_EQ(omega.substr(0, 6), std::string("omega\0", 6));
+    EXPECT_EQ(omega.substr(80, 20), std::string("Mary Major of the C\0", 20)) << "19 characters";
+    EXPECT_EQ(omega.substr(100, 9), std::string("030 1234\0", 9));
+    EXPECT_TRUE(FolderExists(folder + "/Pick Up/omega"));
+
+    // Delete fails without a word while the folder holds anything.
+    ASSERT_EQ(station->Command("select omega"), "ok");
+    ASSERT_EQ(station->Command("entry delete"), "ok");
+    ASSERT_TRUE(DeleteFileAt(folder + "/Pick Up/omega/waiting.txt"));
+    ASSERT_EQ(station->Command("entry delete"), "ok");
+    EXPECT_EQ(Rows(*station, "IDC_DIRECTORY_LIST"), "Alpha|beta|omega|zeta") << "Sent Files stays";
+    ASSERT_TRUE(RemoveFolder(folder + "/Pick Up/omega/Sent Files"));
+    ASSERT_EQ(station->Command("entry delete"), "ok");
+    EXPECT_EQ(Rows(*station, "IDC_DIRECTORY_LIST"), "Alpha|beta|zeta");
+    EXPECT_FALSE(PathExists(folder + "/Pick Up/omega"));
+    EXPECT_EQ(station->Messages(), searched);
+
+    // The table holds 127 records; the 128th is refused, and the file keeps
+    // what the table holds.
+    for (int i = 3; i < 127; ++i) {
+        AddRecord(*station, "Firm " + std::to_string(1000 + i), "5551000");
+    }
+    AddRecord(*station, "One too many", "5551000");
+    EXPECT_EQ(station->Messages().back(),
+              "Directory already has 128 entries.\\r  Please delete an entry before adding a new "
+              "one.");
+    ASSERT_EQ(station->Quit(), 0);
+    station = std::make_unique<Station>(folder);
+    const std::string rows = Rows(*station, "IDC_DIRECTORY_LIST");
+    EXPECT_EQ(std::count(rows.begin(), rows.end(), '|'), 126) << "127 rows after a new start";
+    EXPECT_EQ(rows.find("One too many"), std::string::npos);
+}
+
+}  // namespace
