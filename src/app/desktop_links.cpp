@@ -56,7 +56,7 @@ void MainWindow::PickExternalProgram(ProgramButton which) {
     auto& field = ProgramField(which == ProgramButton::A);
     FileDialogRequest request;
     // Linux programs carry no extension of their own to filter by.
-    request.Filter = "All Files (*)|*|";
+    request.Filter = AllFilesFilter;
     const std::optional<std::string> chosen = TheDesktop().ChooseFile(request);
     // A cancel forgets the program, so Shift and Cancel clear the button. A
     // path the field cannot hold whole is not kept cut short.

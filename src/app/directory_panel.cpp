@@ -54,10 +54,6 @@ constexpr const char* PickUpFolderRefusal =
     "Could not create a new pick up directory for this correspondent.\r  Please check to see "
     "that you do not already have a directory\r in your Pick Up folder by this name.";
 
-// Linux names files by their whole name, with no extension that the desktop
-// needs; every file is offered.
-constexpr const char* AllFilesFilter = "All Files (*)|*|";
-
 bool NameInDirectory(const std::string& name) {
     const int16_t count = DirectoryCount.load();
     for (int16_t i = 0; i < count; ++i) {

@@ -82,7 +82,7 @@ std::string ShortDisplayName(const std::string& name) {
 
 void MainWindow::OnFileAdd() {
     FileDialogRequest request;
-    request.Filter = "All Files (*)|*|";
+    request.Filter = AllFilesFilter;
     const std::optional<std::string> chosen = TheDesktop().ChooseFile(request);
     if (chosen) {
         // A file of length 0 is accepted here, unlike in a drop.

@@ -11,6 +11,10 @@
 #include <optional>
 #include <string>
 
+// Linux names files by their whole name, with no extension that the desktop
+// needs, so the program's dialogs offer every file.
+inline constexpr const char* AllFilesFilter = "All Files (*)|*|";
+
 // One file dialog: to choose an existing file to open, or a path to save to.
 struct FileDialogRequest {
     enum class Purpose { Open, Save };
