@@ -58,7 +58,7 @@ void ScriptedAdapter::Run() {
     }
 }
 
-std::string Answer(const std::string& command, std::initializer_list<std::string> lines) {
+std::string Answer(const std::string& command, const std::vector<std::string>& lines) {
     std::string reply = command + "\r\r\n";
     for (const std::string& line : lines) {
         reply += line + "\r\n\r\n";
