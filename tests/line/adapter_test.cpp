@@ -6,7 +6,6 @@
 #include <chrono>
 #include <cstring>
 #include <future>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -159,24 +158,14 @@ TEST_F(LineTest, IdentificationTellsEachFamilyAndVariantByItsMarks) {
         {"3Com", {"Impact IQ 3C882"}, {}, true, Model3Com, 7},
         {"no mark", {"Generic ISDN TA", "adtran express xr"}, {}, false, Model3Com + 1, 7},
     };
-    // The adapter's thread outlives this body, so what it reads is shared.
-    struct Script {
-        std::mutex Lock;
-        AdapterScript Script;
-    };
-    const auto shared = std::make_shared<Script>();
-    ScriptedAdapter& adapter = Attach(2, [shared](const std::string& command, uint32_t speed) {
-        std::lock_guard<std::mutex> guard(shared->Lock);
-        return RespondAs(shared->Script)(command, speed);
-    });
+    ScriptedAdapter& adapter = Attach(2, RespondAs(AdapterScript{}));
     SelectPortNumber(2);
     for (const IdentityCase& c : cases) {
         SCOPED_TRACE(c.Name);
-        {
-            std::lock_guard<std::mutex> guard(shared->Lock);
-            shared->Script.Identity0 = c.Identity0;
-            shared->Script.Identity8 = c.Identity8;
-        }
+        AdapterScript script;
+        script.Identity0 = c.Identity0;
+        script.Identity8 = c.Identity8;
+        adapter.SetResponder(RespondAs(script));
         adapter.ClearCommands();
         AdapterFound.store(false);
         ThePreferences.AdapterModel = Model3Com + 1;

@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <memory>
-#include <mutex>
 
 #include "line/adapter.h"
 #include "line/comm_port.h"
@@ -78,25 +76,13 @@ TEST_F(ProfileTest, EachFamilysNumberIsReadAsItWritesIt) {
          "Your ISDN Number: 5553882     3ComImpact IQ", "5553882"},
         {"3Com with no CR behind the number", Model3Com, 0, "ATS51?", "ATS51?OK\r\n", "", ""},
     };
-    // The adapter's thread outlives this body, so what it reads is shared.
-    struct Reply {
-        std::mutex Lock;
-        std::string Query;
-        std::string Text;
-    };
-    const auto reply = std::make_shared<Reply>();
-    ScriptedAdapter& adapter = Attach(1, [reply](const std::string& command, uint32_t) {
-        std::lock_guard<std::mutex> guard(reply->Lock);
-        return command == reply->Query ? reply->Text : Answer(command);
-    });
+    ScriptedAdapter& adapter = Attach(1, RespondAs(AdapterScript{}));
     OpenPort(1, 115200);
     for (const NumberCase& c : cases) {
         SCOPED_TRACE(c.Name);
-        {
-            std::lock_guard<std::mutex> guard(reply->Lock);
-            reply->Query = c.Query;
-            reply->Text = c.Reply;
-        }
+        adapter.SetResponder([c](const std::string& command, uint32_t) {
+            return command == c.Query ? c.Reply : Answer(command);
+        });
         Found(c.Model, c.Variant, 2);
         std::memset(LocalNumber, 'x', sizeof LocalNumber);
         adapter.ClearCommands();

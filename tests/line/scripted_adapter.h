@@ -32,6 +32,8 @@ public:
     ScriptedAdapter& operator=(const ScriptedAdapter&) = delete;
 
     FarEnd& Far() { return far_; }
+    // Answers from now on as the responder says.
+    void SetResponder(Responder responder);
     // Every command so far, in order.
     std::vector<ReceivedCommand> Commands() const;
     std::vector<std::string> CommandTexts() const;
