@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "peer_fixture.h"
@@ -94,27 +95,27 @@ protected:
 TEST_F(HostilePeer, NamesAreMadeSafeAndNothingLandsOutsideIncomingFiles) {
     const auto before = PathsOutsideIncoming();
     const std::string longName(31, 'n');
-    const std::vector<peer::File> files = {
-        {"../escape.txt", "up and out"},
-        {"a/b.txt", "into a folder"},
-        {"back\\slash.txt", "the other slash"},
-        {std::string("ctl\x01\x1f\x7f.txt"), "control bytes"},
-        {"..", "the folder above"},
-        {".", "this folder"},
-        {longName, "a name of 31 characters"},
-        {"", "no name at all"},
+    // What is sent, and the name it is filed under in the folder ".._up".
+    const std::vector<std::pair<peer::File, std::string>> names = {
+        {{"../escape.txt", "up and out"}, ".._escape.txt"},
+        {{"a/b.txt", "into a folder"}, "a_b.txt"},
+        {{"back\\slash.txt", "the other slash"}, "back_slash.txt"},
+        {{std::string("ctl\x01\x1f\x7f.txt"), "control bytes"}, "ctl___.txt"},
+        {{"..", "the folder above"}, "_"},
+        {{".", "this folder"}, "_-A"},
+        {{longName, "a name of 31 characters"}, longName},
+        {{"", "no name at all"}, "_-B"},
     };
+    std::vector<peer::File> files;
+    for (const auto& [file, filed] : names) {
+        files.push_back(file);
+    }
     ASSERT_TRUE(port_->Dial("5552002"));
     EXPECT_EQ(peer::SendSession(*port_, files, "../up"), "");
     EndCall();
-    EXPECT_EQ(Incoming(".._up/.._escape.txt"), "up and out");
-    EXPECT_EQ(Incoming(".._up/a_b.txt"), "into a folder");
-    EXPECT_EQ(Incoming(".._up/back_slash.txt"), "the other slash");
-    EXPECT_EQ(Incoming(".._up/ctl___.txt"), "control bytes");
-    EXPECT_EQ(Incoming(".._up/_"), "the folder above");
-    EXPECT_EQ(Incoming(".._up/_-A"), "this folder");
-    EXPECT_EQ(Incoming(".._up/_-B"), "no name at all");
-    EXPECT_EQ(Incoming(".._up/" + longName), "a name of 31 characters");
+    for (const auto& [file, filed] : names) {
+        EXPECT_EQ(Incoming(".._up/" + filed), file.Bytes) << filed;
+    }
     EXPECT_EQ(Count("Created new folder: .._up"), 1);
 
     // A name field of 32 characters with no terminator loses its last one,
