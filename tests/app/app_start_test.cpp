@@ -28,21 +28,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-std::vector<std::string> LogRows() {
-    std::vector<std::string> rows;
-    for (const ListRow& row : Controls().Rows(IDC_LOG)) {
-        rows.push_back(row.Text);
-    }
-    return rows;
-}
-
 void PostEvent(EventKind kind, int id = 0) {
-    MainLoop().Post([kind, id] {
-        WindowEvent event;
-        event.Kind = kind;
-        event.Id = id;
-        ActiveMainWindow()->HandleEvent(event);
-    });
+    MainLoop().Post([kind, id] { ActiveMainWindow()->HandleEvent(Event(kind, id)); });
 }
 
 class AppStartTest : public ::testing::Test {
@@ -98,9 +85,7 @@ private:
 TEST_F(AppStartTest, AFirstRunMakesItsFilesAndAnExitWithoutAnAdapterSavesNoPreferences) {
     const std::vector<std::string> lines = Run([] {
         // The user changes a preference and leaves at once.
-        WindowEvent click;
-        click.Kind = EventKind::BoxClicked;
-        click.Id = IDC_IGNORE_HOT;
+        WindowEvent click = Event(EventKind::BoxClicked, IDC_IGNORE_HOT);
         click.Checked = true;
         ActiveMainWindow()->HandleEvent(click);
         PostEvent(EventKind::Close);
@@ -109,9 +94,7 @@ TEST_F(AppStartTest, AFirstRunMakesItsFilesAndAnExitWithoutAnAdapterSavesNoPrefe
     // The preferences file holds the first run's defaults: 9600 bps and
     // nothing else, the change of this run not saved.
     const std::string prefs = ReadWholeFile(folder_ / "kestrelbound_prefs");
-    ASSERT_EQ(prefs.size(), 1176u);
-    EXPECT_EQ(prefs.substr(0, 8), std::string("\0\0\0\0\x80\x25\0\0", 8));
-    EXPECT_EQ(prefs.find_first_not_of('\0', 8), std::string::npos);
+    ExpectFirstRunPreferences(prefs);
     EXPECT_EQ(ReadWholeFile(folder_ / "kestrelbound_directory"), std::string(2, '\0'));
     EXPECT_TRUE(FolderExists(folder_ / "Incoming Files"));
     EXPECT_TRUE(FolderExists(folder_ / "Pick Up"));
@@ -127,7 +110,7 @@ TEST_F(AppStartTest, AFirstRunMakesItsFilesAndAnExitWithoutAnAdapterSavesNoPrefe
     // The second start shows the stored lines above its own Starting line.
     std::vector<std::string> rows;
     const std::vector<std::string> second = Run([&] {
-        rows = LogRows();
+        rows = RowTexts(IDC_LOG);
         PostEvent(EventKind::MenuCommand, ID_FILE_EXIT);
     });
     ASSERT_EQ(rows.size(), 3u);
@@ -178,9 +161,7 @@ TEST_F(AppStartTest, TheSplashClosesItselfAfterASecondAndTheSearchFollowsOnce) {
     EXPECT_EQ(search[5], "ISDN TA not found.");
     EXPECT_EQ(search[6].rfind("Stopping", 0), 0u);
     // No adapter: the preferences file is as the first run made it.
-    const std::string prefs = ReadWholeFile(folder_ / "kestrelbound_prefs");
-    EXPECT_EQ(prefs.substr(0, 8), std::string("\0\0\0\0\x80\x25\0\0", 8));
-    EXPECT_EQ(prefs.find_first_not_of('\0', 8), std::string::npos);
+    ExpectFirstRunPreferences(ReadWholeFile(folder_ / "kestrelbound_prefs"));
 }
 
 }  // namespace

@@ -27,26 +27,6 @@ protected:
         Type(IDC_NUMBER, number);
         Press(IDC_ADD);
     }
-    void Type(int id, const std::string& text) {
-        WindowEvent event;
-        event.Kind = EventKind::TextEdited;
-        event.Id = id;
-        event.Text = text;
-        ASSERT_TRUE(window_->HandleEvent(event).Done) << ControlName(id);
-    }
-    EventOutcome Press(int id) {
-        WindowEvent event;
-        event.Kind = EventKind::ButtonPressed;
-        event.Id = id;
-        return window_->HandleEvent(event);
-    }
-    void Choose(int id, int row) {
-        WindowEvent event;
-        event.Kind = EventKind::SelectionChanged;
-        event.Id = id;
-        event.Row = row;
-        ASSERT_TRUE(window_->HandleEvent(event).Done) << ControlName(id);
-    }
     int16_t StoredCount() {
         const std::string bytes = ReadWholeFile(DirectoryPath);
         return static_cast<int16_t>(static_cast<uint8_t>(bytes.at(0)) |
@@ -208,15 +188,10 @@ TEST_F(DirectoryPanelTest, AnExportedEntryIsImportedOnlyWhenWhole) {
 
     // A drop on the directory list of a name in .Kbe is no exported entry.
     WriteWholeFile(folder_ / "smith.Kbe", entry);
-    WindowEvent drop;
-    drop.Kind = EventKind::FilesDropped;
-    drop.Id = IDC_DIRECTORY_LIST;
-    drop.Paths = {folder_ / "smith.Kbe"};
-    window_->HandleEvent(drop);
+    Drop(IDC_DIRECTORY_LIST, {folder_ / "smith.Kbe"});
     EXPECT_EQ(DirectoryCount.load(), 0);
 
-    drop.Paths = {good, folder_ / "smith.Kbe"};
-    window_->HandleEvent(drop);
+    Drop(IDC_DIRECTORY_LIST, {good, folder_ / "smith.Kbe"});
     ASSERT_EQ(DirectoryCount.load(), 1);
     EXPECT_EQ(FieldText(Directory[0].FirmName), "Smith & Co");
     EXPECT_EQ(Directory[0].Protocol, 2);

@@ -25,14 +25,6 @@ const FileEntry& Entry(int i) {
     return TheEngine.SendList[i];
 }
 
-void Drop(MainWindow& window, int target, const std::vector<std::string>& paths) {
-    WindowEvent event;
-    event.Kind = EventKind::FilesDropped;
-    event.Id = target;
-    event.Paths = paths;
-    window.HandleEvent(event);
-}
-
 TEST_F(FileListTest, AnEmptyFileGoesInThroughTheDialogButADropSkipsIt) {
     const std::string empty = MakeFile("empty", 0);
     RecordingDesktop desktop;
@@ -45,7 +37,7 @@ TEST_F(FileListTest, AnEmptyFileGoesInThroughTheDialogButADropSkipsIt) {
     EXPECT_FALSE(Controls().Enabled(IDC_EST_TIME));
 
     window_->ClearFileList();
-    Drop(*window_, IDC_FILE_LIST, {empty});
+    Drop(IDC_FILE_LIST, {empty});
     EXPECT_EQ(TheEngine.SendCount.load(), 0);
     EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 0);
 
@@ -69,7 +61,7 @@ TEST_F(FileListTest, AFolderReplacesTheListAndTravelsOneLevelDeep) {
     MakeFolder("docs/Sent Files");
     MakeFile("docs/Sent Files/old", 5);
 
-    Drop(*window_, IDC_FILE_LIST, {loose, docs + "/"});
+    Drop(IDC_FILE_LIST, {loose, docs + "/"});
     ASSERT_EQ(TheEngine.SendCount.load(), 4);
     const std::vector<ListRow> rows = Controls().Rows(IDC_FILE_LIST);
     ASSERT_EQ(rows.size(), 4u);
@@ -105,46 +97,42 @@ TEST_F(FileListTest, AFolderReplacesTheListAndTravelsOneLevelDeep) {
     EXPECT_NE(CurrentFolder(), docs);
 }
 
-TEST_F(FileListTest, OfTwoFoldersInOneDropOnlyTheSecondStays) {
-    const std::string first = MakeFolder("first");
-    MakeFile("first/one", 1);
-    const std::string second = MakeFolder("second");
-    MakeFile("second/two", 2);
-    Drop(*window_, IDC_FILE_LIST, {first, second});
-    EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"second", "two"}));
-    EXPECT_EQ(TheEngine.SendCount.load(), 2);
-}
+TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
+    // During a call, or beside the lists, a drop does nothing.
+    const std::string file = MakeFile("file", 10);
+    TheEngine.LinkState = LinkConnected;
+    Drop(IDC_FILE_LIST, {file});
+    Drop(IDC_SEND, {file});
+    TheEngine.LinkState = LinkIdle;
+    Drop(IDC_LOG, {file});
+    Drop(0, {file});
+    EXPECT_EQ(TheEngine.SendCount.load(), 0);
+    // A name ending in .KBE is a file like any other on the file list.
+    Drop(IDC_FILE_LIST, {MakeFile("smith.KBE", 140)});
+    EXPECT_EQ(RowTexts(IDC_FILE_LIST), std::vector<std::string>{"smith.KBE"});
 
-TEST_F(FileListTest, WhatCannotBeOpenedIsTakenForAFolder) {
-    Drop(*window_, IDC_FILE_LIST, {folder_ / "no such thing"});
+    // What cannot be opened is taken for a folder, and so replaces the list.
+    Drop(IDC_FILE_LIST, {folder_ / "no such thing"});
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), std::vector<std::string>{"no such thing"});
     EXPECT_EQ(TheEngine.SendCount.load(), 1);
     EXPECT_EQ(Entry(0).EntryKind, KindFolderMarker);
     EXPECT_TRUE(Messages().empty());
-}
 
-TEST_F(FileListTest, ADropOnSendWithAnUnreadableItemStillStartsTheCall) {
-    // With no number in the panel the call stops at once and says why: the
-    // message shows that the drop went on to place the call.
-    Drop(*window_, IDC_SEND, {folder_ / "unreadable"});
+    // Of two folders in one drop only the second stays.
+    MakeFolder("first");
+    MakeFile("first/one", 1);
+    MakeFolder("second");
+    MakeFile("second/two", 2);
+    Drop(IDC_FILE_LIST, {folder_ / "first", folder_ / "second"});
+    EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"second", "two"}));
+    EXPECT_EQ(TheEngine.SendCount.load(), 2);
+
+    // A drop on Send with an unreadable item still places the call; with no
+    // number in the panel it stops at once and says why.
+    Drop(IDC_SEND, {folder_ / "unreadable"});
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), std::vector<std::string>{"unreadable"});
     EXPECT_EQ(Messages(),
               std::vector<std::string>{"Please select a correspondent in your Directory."});
-}
-
-TEST_F(FileListTest, ADropDuringACallOrBesideTheListsDoesNothing) {
-    const std::string file = MakeFile("file", 10);
-    TheEngine.LinkState = LinkConnected;
-    Drop(*window_, IDC_FILE_LIST, {file});
-    Drop(*window_, IDC_SEND, {file});
-    TheEngine.LinkState = LinkIdle;
-    Drop(*window_, IDC_LOG, {file});
-    Drop(*window_, 0, {file});
-    EXPECT_EQ(TheEngine.SendCount.load(), 0);
-    // A name ending in .KBE is a file like any other on the file list.
-    const std::string entry = MakeFile("smith.KBE", 140);
-    Drop(*window_, IDC_FILE_LIST, {entry});
-    EXPECT_EQ(RowTexts(IDC_FILE_LIST), std::vector<std::string>{"smith.KBE"});
 }
 
 TEST_F(FileListTest, DeleteTakesTheClickedRowAndItsEntry) {

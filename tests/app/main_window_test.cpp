@@ -20,25 +20,6 @@
 
 namespace {
 
-WindowEvent Event(EventKind kind, int id) {
-    WindowEvent event;
-    event.Kind = kind;
-    event.Id = id;
-    return event;
-}
-
-WindowEvent Click(int id, bool checked) {
-    WindowEvent event = Event(EventKind::BoxClicked, id);
-    event.Checked = checked;
-    return event;
-}
-
-WindowEvent Choose(int id, int row) {
-    WindowEvent event = Event(EventKind::SelectionChanged, id);
-    event.Row = row;
-    return event;
-}
-
 using MainWindowTest = WindowTest;
 
 TEST_F(MainWindowTest, TheButtonsFollowTheLinkAndTheFileList) {
@@ -89,51 +70,49 @@ TEST_F(MainWindowTest, TheButtonsFollowTheLinkAndTheFileList) {
 
 TEST_F(MainWindowTest, EventsReachOnlyControlsAUserCouldUse) {
     // Disabled, hidden and unnamed controls refuse, with the reason.
-    EventOutcome outcome = window_->HandleEvent(Event(EventKind::ButtonPressed, IDC_SEND));
+    EventOutcome outcome = Press(IDC_SEND);
     EXPECT_FALSE(outcome.Done);
     EXPECT_EQ(outcome.Refusal, "IDC_SEND is disabled");
-    outcome = window_->HandleEvent(Click(IDC_2B, true));
+    outcome = Click(IDC_2B, true);
     EXPECT_FALSE(outcome.Done);
     EXPECT_EQ(outcome.Refusal, "IDC_2B is hidden");
     EXPECT_FALSE(Controls().Checked(IDC_2B));
-    EXPECT_FALSE(window_->HandleEvent(Event(EventKind::ButtonPressed, 4711)).Done);
-    EXPECT_FALSE(window_->HandleEvent(Choose(IDC_PROTOCOL, 3)).Done);
-    EXPECT_FALSE(window_->HandleEvent(Event(EventKind::ButtonPressed, IDC_56K)).Done);
-    EXPECT_FALSE(window_->HandleEvent(Event(EventKind::AboutOk, 0)).Done);
+    EXPECT_FALSE(Press(4711).Done);
+    EXPECT_FALSE(Choose(IDC_PROTOCOL, 3).Done);
+    EXPECT_FALSE(Press(IDC_56K).Done);
+    EXPECT_FALSE(Handle(Event(EventKind::AboutOk, 0)).Done);
 
     // An edit field takes at most 31 characters.
-    WindowEvent typed = Event(EventKind::TextEdited, IDC_NAME);
-    typed.Text = std::string(40, 'n');
-    EXPECT_TRUE(window_->HandleEvent(typed).Done);
+    EXPECT_TRUE(Type(IDC_NAME, std::string(40, 'n')).Done);
     EXPECT_EQ(Controls().Text(IDC_NAME), std::string(31, 'n'));
 
     // The incoming settings are stored at once; without an adapter nothing
     // goes to the line.
-    EXPECT_TRUE(window_->HandleEvent(Click(IDC_IN_56K, true)).Done);
+    EXPECT_TRUE(Click(IDC_IN_56K, true).Done);
     EXPECT_EQ(ThePreferences.Incoming56K, 1);
-    EXPECT_TRUE(window_->HandleEvent(Click(IDC_IN_56K, false)).Done);
+    EXPECT_TRUE(Click(IDC_IN_56K, false).Done);
     EXPECT_EQ(ThePreferences.Incoming56K, 0);
     ThePreferences.AdapterModel = ModelZyXEL;
-    EXPECT_TRUE(window_->HandleEvent(Choose(IDC_IN_PROTOCOL, 1)).Done);
+    EXPECT_TRUE(Choose(IDC_IN_PROTOCOL, 1).Done);
     EXPECT_EQ(ThePreferences.IncomingProtocol, 2);
     ThePreferences.AdapterModel = ModelBitSURFR;
-    EXPECT_TRUE(window_->HandleEvent(Choose(IDC_IN_PROTOCOL, 1)).Done);
+    EXPECT_TRUE(Choose(IDC_IN_PROTOCOL, 1).Done);
     EXPECT_EQ(ThePreferences.IncomingProtocol, 1);
-    EXPECT_TRUE(window_->HandleEvent(Click(IDC_IGNORE_HOT, true)).Done);
+    EXPECT_TRUE(Click(IDC_IGNORE_HOT, true).Done);
     EXPECT_EQ(ThePreferences.IgnoreHotFolders, 1);
 
     // An outgoing setting changes the estimate of what waits to go.
     MakeFile("a", 1000000);
     ASSERT_TRUE(window_->AddFileToList(folder_ / "a", "a"));
     EXPECT_EQ(Controls().Text(IDC_EST_TIME), "Est. Time: 00:02:19");
-    EXPECT_TRUE(window_->HandleEvent(Click(IDC_56K, true)).Done);
+    EXPECT_TRUE(Click(IDC_56K, true).Done);
     EXPECT_EQ(Controls().Text(IDC_EST_TIME), "Est. Time: 00:02:56");
-    EXPECT_TRUE(window_->HandleEvent(Choose(IDC_PROTOCOL, 1)).Done);
+    EXPECT_TRUE(Choose(IDC_PROTOCOL, 1).Done);
     EXPECT_EQ(Controls().Text(IDC_EST_TIME), "Est. Time: 00:01:09");
 
     // The Port Speed menu answers only while it is there.
     Controls().RemoveMenu(PortSpeedMenuPosition);
-    outcome = window_->HandleEvent(Event(EventKind::MenuCommand, ID_PORT_SPEED_230400));
+    outcome = ChooseMenu(ID_PORT_SPEED_230400);
     EXPECT_FALSE(outcome.Done);
     EXPECT_TRUE(Messages().empty());
 }
@@ -149,38 +128,18 @@ TEST_F(MainWindowTest, TheWindowShowsWhatTheAdapterFoundOffers) {
         int16_t SpeedClass;
         int16_t Incoming;  // IncomingProtocol, as the search left it
         uint32_t MaxSpeed;
-        std::vector<std::string> Rows;
+        const char* Rows;  // of both protocol lists
         int Selection;
-        std::vector<std::string> Menus;
+        bool SpeedMenu;
         bool Checked230400;
     };
-    const std::vector<std::string> withSpeeds = {"&File", "&Port Speed"};
-    const std::vector<std::string> withoutSpeeds = {"&File"};
     const AdapterCase cases[] = {
-        {"BitSURFR on a slow port",
-         ModelBitSURFR,
-         0,
-         1,
-         0,
-         57600,
-         {"V.120"},
-         0,
-         withoutSpeeds,
-         false},
-        {"BitSURFR on a fast port",
-         ModelBitSURFR,
-         0,
-         2,
-         1,
-         230400,
-         {"V.120", "AIMUX"},
-         1,
-         withSpeeds,
-         true},
-        {"AdTran", ModelAdTran, 1, 2, 0, 230400, {"V.120", "AIMUX"}, 0, withSpeeds, false},
-        {"Omni.net", ModelZyXEL, 2, 2, 0, 115200, {"V.120"}, 0, withoutSpeeds, false},
-        {"Elite with X.75", ModelZyXEL, 1, 2, 2, 230400, {"V.120", "X.75"}, 1, withSpeeds, true},
-        {"3Com", Model3Com, 0, 2, 0, 230400, {"V.120"}, 0, withSpeeds, false},
+        {"BitSURFR on a slow port", ModelBitSURFR, 0, 1, 0, 57600, "V.120", 0, false, false},
+        {"BitSURFR on a fast port", ModelBitSURFR, 0, 2, 1, 230400, "V.120, AIMUX", 1, true, true},
+        {"AdTran", ModelAdTran, 1, 2, 0, 230400, "V.120, AIMUX", 0, true, false},
+        {"Omni.net", ModelZyXEL, 2, 2, 0, 115200, "V.120", 0, false, false},
+        {"Elite with X.75", ModelZyXEL, 1, 2, 2, 230400, "V.120, X.75", 1, true, true},
+        {"3Com", Model3Com, 0, 2, 0, 230400, "V.120", 0, true, false},
     };
     for (const AdapterCase& c : cases) {
         SCOPED_TRACE(c.Name);
@@ -196,8 +155,8 @@ TEST_F(MainWindowTest, TheWindowShowsWhatTheAdapterFoundOffers) {
         AdapterFound.store(true);
         window_->ShowAdapter(true);
 
-        EXPECT_EQ(RowTexts(IDC_PROTOCOL), c.Rows);
-        EXPECT_EQ(RowTexts(IDC_IN_PROTOCOL), c.Rows);
+        EXPECT_EQ(Joined(RowTexts(IDC_PROTOCOL)), c.Rows);
+        EXPECT_EQ(Joined(RowTexts(IDC_IN_PROTOCOL)), c.Rows);
         EXPECT_EQ(Controls().Selection(IDC_IN_PROTOCOL), c.Selection);
         EXPECT_EQ(Controls().Selection(IDC_PROTOCOL), 0);
         const bool options = c.Model == ModelZyXEL;
@@ -209,8 +168,8 @@ TEST_F(MainWindowTest, TheWindowShowsWhatTheAdapterFoundOffers) {
         for (const Menu& menu : Controls().Menus()) {
             menus.push_back(menu.Title);
         }
-        EXPECT_EQ(menus, c.Menus);
-        if (c.Menus == withSpeeds) {
+        EXPECT_EQ(Joined(menus), c.SpeedMenu ? "&File, &Port Speed" : "&File");
+        if (c.SpeedMenu) {
             EXPECT_EQ(Controls().MenuItemChecked(ID_PORT_SPEED_230400), c.Checked230400);
             EXPECT_EQ(Controls().MenuItemChecked(ID_PORT_SPEED_115200), !c.Checked230400);
         }
@@ -220,10 +179,10 @@ TEST_F(MainWindowTest, TheWindowShowsWhatTheAdapterFoundOffers) {
 
 TEST_F(MainWindowTest, TheAboutBoxOfTheMenuNeitherClosesByItselfNorSearches) {
     SplashPending = 0;
-    EXPECT_TRUE(window_->HandleEvent(Event(EventKind::MenuCommand, IDM_ABOUTBOX)).Done);
+    EXPECT_TRUE(ChooseMenu(IDM_ABOUTBOX).Done);
     EXPECT_TRUE(Controls().Shown(IDD_ABOUTBOX));
     EXPECT_FALSE(MainLoop().TimerRunning(TimerSplashClose));
-    EXPECT_TRUE(window_->HandleEvent(Event(EventKind::AboutOk, 0)).Done);
+    EXPECT_TRUE(Handle(Event(EventKind::AboutOk, 0)).Done);
     EXPECT_FALSE(Controls().Shown(IDD_ABOUTBOX));
     EXPECT_FALSE(MainLoop().TimerRunning(TimerFindAdapter));
 

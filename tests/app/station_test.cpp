@@ -16,6 +16,7 @@
 #include "platform/files.h"
 #include "stores/status_log.h"
 #include "support/temp_folder.h"
+#include "support/test_data.h"
 
 namespace {
 
@@ -50,11 +51,24 @@ void ExpectWholeLines(const std::vector<std::string>& lines) {
     }
 }
 
-TEST(StationTest, TheEndOfInputLeavesItRunningAndSigtermEndsItAsQuitDoes) {
+// Without an adapter the station says so as a message box would, with its
+// line break escaped, and refuses to send; at the end of its input it goes
+// on waiting for calls, and SIGTERM ends it as quit does.
+TEST(StationTest, WithoutAnAdapterItRefusesToSendAndOnlySigtermEndsIt) {
     TempFolder root;
     const std::string folder = MakeInstallation(root, "station", 1);
     ChildProcess station(KBSTATION_PATH, {}, folder);
     ASSERT_EQ(Command(station, "wait ISDN TA not found. 30"), "ok");
+    EXPECT_EQ(Command(station, "send"), "error: IDC_SEND is disabled");
+    ASSERT_EQ(Command(station, "show"), "ok");
+    const std::vector<std::string> shown = station.AllLines();
+    EXPECT_EQ(LinesHolding(shown, {"message: "}),
+              std::vector<std::string>{"message: Could not find your ISDN TA.  Please check your "
+                                       "cables\\rand make sure the ISDN TA is powered on."});
+    const std::vector<std::string> number = LinesHolding(shown, {"control IDC_OWN_NUMBER "});
+    ASSERT_EQ(number.size(), 1u);
+    EXPECT_NE(number[0].find(" enabled=0"), std::string::npos) << number[0];
+
     station.CloseInput();
     // Still answering: an unattended station waits for calls.
     std::this_thread::sleep_for(300ms);

@@ -25,27 +25,33 @@ std::string Estimate(MainWindow& window, uint32_t bytes) {
     return Controls().Text(IDC_EST_TIME);
 }
 
+// One 64K channel carries 7200 bytes a second, and a whole second is added;
+// the size is shown in whole KB, rounded up, and hours of three digits whole.
 TEST_F(TransferDisplayTest, TheEstimateIsNeverNothingAndRoundsTheSizeUp) {
+    struct SizeCase {
+        uint32_t Bytes;
+        const char* Kb;
+        const char* Time;
+    };
+    const SizeCase cases[] = {
+        {1, "1 KB", "00:00:01"},
+        {1023, "1 KB", "00:00:01"},
+        {1024, "2 KB", "00:00:01"},
+        {7199, "8 KB", "00:00:01"},
+        {7200, "8 KB", "00:00:02"},
+        {3599u * 7200u, "25306 KB", "01:00:00"},
+        {359999u * 7200u, "2531243 KB", "100:00:00"},
+        {4294967295u, "4194304 KB", "165:42:04"},
+    };
     Controls().Select(IDC_PROTOCOL, 0);
-    window_->ShowBatchEstimate(1);
-    EXPECT_EQ(Controls().Text(IDC_TOTAL_KB), "1 KB");
-    EXPECT_EQ(Controls().Text(IDC_EST_TIME), "Est. Time: 00:00:01");
-    EXPECT_TRUE(Controls().Enabled(IDC_TOTAL_KB));
-    EXPECT_TRUE(Controls().Enabled(IDC_EST_TIME));
-    // One 64K channel carries 7200 bytes a second, and a whole second is added.
-    EXPECT_EQ(Estimate(*window_, 7200), "Est. Time: 00:00:02");
-    EXPECT_EQ(Estimate(*window_, 7199), "Est. Time: 00:00:01");
-    window_->ShowBatchEstimate(1024);
-    EXPECT_EQ(Controls().Text(IDC_TOTAL_KB), "2 KB");
-    window_->ShowBatchEstimate(1023);
-    EXPECT_EQ(Controls().Text(IDC_TOTAL_KB), "1 KB");
-    // Hours of three digits are shown whole.
-    EXPECT_EQ(Estimate(*window_, 359999u * 7200u), "Est. Time: 100:00:00");
-    EXPECT_EQ(Estimate(*window_, 3599u * 7200u), "Est. Time: 01:00:00");
-    window_->ShowBatchEstimate(4294967295u);
-    EXPECT_EQ(Controls().Text(IDC_TOTAL_KB), "4194304 KB");
-    EXPECT_EQ(Controls().Text(IDC_EST_TIME), "Est. Time: 165:42:04");
-
+    for (const SizeCase& c : cases) {
+        SCOPED_TRACE(c.Bytes);
+        window_->ShowBatchEstimate(c.Bytes);
+        EXPECT_EQ(Controls().Text(IDC_TOTAL_KB), c.Kb);
+        EXPECT_EQ(Controls().Text(IDC_EST_TIME), std::string("Est. Time: ") + c.Time);
+        EXPECT_TRUE(Controls().Enabled(IDC_TOTAL_KB));
+        EXPECT_TRUE(Controls().Enabled(IDC_EST_TIME));
+    }
     // Nothing to send: the last texts stay, grey.
     window_->ShowBatchEstimate(0);
     EXPECT_FALSE(Controls().Enabled(IDC_TOTAL_KB));
@@ -53,108 +59,99 @@ TEST_F(TransferDisplayTest, TheEstimateIsNeverNothingAndRoundsTheSizeUp) {
     EXPECT_EQ(Controls().Text(IDC_EST_TIME), "Est. Time: 165:42:04");
 }
 
+// The time for 1000000 bytes: 1000000 / rate + 1 seconds, at 7200 bytes a
+// second for one 64K channel, 5700 at 56K, 15500 for two channels, 14500
+// for two at 56K.
 TEST_F(TransferDisplayTest, TheFixedRatesFollowTheOutgoingSettings) {
-    ThePreferences.AdapterModel = ModelBitSURFR;
-    Controls().Select(IDC_PROTOCOL, 0);
-    Controls().Check(IDC_56K, true);
-    Controls().Check(IDC_2B, true);
-    // 1000000 / 14500 + 1 = 69 seconds.
-    EXPECT_EQ(Estimate(*window_, 1000000), "Est. Time: 00:01:09");
-    Controls().Check(IDC_2B, false);
-    EXPECT_EQ(Estimate(*window_, 1000000), "Est. Time: 00:02:56");  // 5700
-    Controls().Check(IDC_56K, false);
-    EXPECT_EQ(Estimate(*window_, 1000000), "Est. Time: 00:02:19");  // 7200
-    Controls().Check(IDC_2B, true);
-    EXPECT_EQ(Estimate(*window_, 1000000), "Est. Time: 00:01:05");  // 15500
-
-    // AIMUX takes two channels whatever 2B says.
-    Controls().Select(IDC_PROTOCOL, 1);
-    const std::string withTwo = Estimate(*window_, 1000000);
-    Controls().Check(IDC_2B, false);
-    EXPECT_EQ(Estimate(*window_, 1000000), withTwo);
-    EXPECT_EQ(withTwo, "Est. Time: 00:01:05");
-    // On a ZyXEL the second row is X.75, where 2B decides.
-    ThePreferences.AdapterModel = ModelZyXEL;
-    EXPECT_EQ(Estimate(*window_, 1000000), "Est. Time: 00:02:19");
-    Controls().Select(IDC_PROTOCOL, 2);
-    EXPECT_EQ(Estimate(*window_, 1000000), "Est. Time: 00:02:19");
-    Controls().Check(IDC_2B, true);
-    EXPECT_EQ(Estimate(*window_, 1000000), "Est. Time: 00:01:05");
-    // V.42 does not enter the estimate.
-    Controls().Check(IDC_V42, true);
-    EXPECT_EQ(Estimate(*window_, 1000000), "Est. Time: 00:01:05");
-
-    // With no row chosen the estimate is V.120's: 2B decides.
-    ThePreferences.AdapterModel = ModelBitSURFR;
-    Controls().Select(IDC_PROTOCOL, -1);
-    EXPECT_EQ(Estimate(*window_, 1000000), "Est. Time: 00:01:05");
-    Controls().Check(IDC_2B, false);
-    EXPECT_EQ(Estimate(*window_, 1000000), "Est. Time: 00:02:19");
-
+    struct RateCase {
+        const char* What;
+        int16_t Model;
+        int Row;
+        bool At56k;
+        bool TwoChannels;
+        bool V42;
+        const char* Time;
+    };
+    const RateCase cases[] = {
+        {"V.120, 2B at 56K", ModelBitSURFR, 0, true, true, false, "00:01:09"},
+        {"V.120 at 56K", ModelBitSURFR, 0, true, false, false, "00:02:56"},
+        {"V.120", ModelBitSURFR, 0, false, false, false, "00:02:19"},
+        {"V.120, 2B", ModelBitSURFR, 0, false, true, false, "00:01:05"},
+        // AIMUX takes two channels whatever 2B says.
+        {"AIMUX with 2B", ModelBitSURFR, 1, false, true, false, "00:01:05"},
+        {"AIMUX without 2B", ModelBitSURFR, 1, false, false, false, "00:01:05"},
+        // The rows' texts name the protocol: on a ZyXEL, X.75, where 2B decides.
+        {"ZyXEL, AIMUX's row", ModelZyXEL, 1, false, false, false, "00:02:19"},
+        {"ZyXEL X.75", ModelZyXEL, 2, false, false, false, "00:02:19"},
+        {"ZyXEL X.75, 2B", ModelZyXEL, 2, false, true, false, "00:01:05"},
+        {"V.42 does not enter", ModelZyXEL, 2, false, true, true, "00:01:05"},
+        // With no row chosen the estimate is V.120's.
+        {"no row, 2B", ModelBitSURFR, -1, false, true, true, "00:01:05"},
+        {"no row", ModelBitSURFR, -1, false, false, false, "00:02:19"},
+    };
+    for (const RateCase& c : cases) {
+        SCOPED_TRACE(c.What);
+        ThePreferences.AdapterModel = c.Model;
+        Controls().Select(IDC_PROTOCOL, c.Row);
+        Controls().Check(IDC_56K, c.At56k);
+        Controls().Check(IDC_2B, c.TwoChannels);
+        Controls().Check(IDC_V42, c.V42);
+        EXPECT_EQ(Estimate(*window_, 1000000), std::string("Est. Time: ") + c.Time);
+    }
     // A measured rate takes over.
     MeasuredRate = 1000;
     EXPECT_EQ(Estimate(*window_, 1000000), "Est. Time: 00:16:41");
 }
 
+// The rate of the file on top of a list, from its stamps, never above the
+// ceiling; the steps run in order, each on what the one before left.
 TEST_F(TransferDisplayTest, TheShownRateNeverPassesTheCeiling) {
+    struct RateStep {
+        const char* What;
+        bool Sending;
+        uint32_t StartTime;
+        uint32_t LastBlockTime;
+        uint32_t BytesDone;
+        int32_t Ceiling;
+        bool Log;
+        int32_t Measured;
+        const char* Shown;
+    };
+    const RateStep steps[] = {
+        {"nothing has moved yet: nothing changes", true, 0, 0, 0, 16000, true, 0, "untouched"},
+        {"at the ceiling, logged", true, 1000, 2000, 20000, 16000, true, 16000, "16000 Bytes/sec"},
+        {"below it", true, 1000, 2000, 12000, 16000, false, 12000, "12000 Bytes/sec"},
+        {"within the first millisecond: the last rate stays", true, 1000, 1000, 999999, 16000,
+         false, 12000, "12000 Bytes/sec"},
+        {"a huge count over a millisecond does not overflow", true, 1000, 1001, 4000000000u, 16000,
+         false, 16000, "16000 Bytes/sec"},
+        {"the clock wraps between the stamps", true, 0xFFFFFC18u, 1000, 10000, 16000, false, 5000,
+         "5000 Bytes/sec"},
+        {"a ceiling of 0 leaves a rate the estimate can divide by", true, 0xFFFFFC18u, 1000, 10000,
+         0, false, 10, "0 Bytes/sec"},
+        {"the receiving side reads its own list", false, 10, 2010, 14000, 16000, false, 7000,
+         "7000 Bytes/sec"},
+    };
     TheEngine.SendList[0] = FileEntry{};
-    FileEntry& entry = TheEngine.SendList[0];
-    RateEstimate = 16000;
-
-    // Nothing has moved yet: nothing changes at all.
-    Controls().SetText(IDC_BYTES_SEC, "untouched");
-    window_->ShowThroughput(true, true);
-    EXPECT_EQ(Controls().Text(IDC_BYTES_SEC), "untouched");
-    EXPECT_EQ(MeasuredRate.load(), 0);
-
-    entry.StartTime = 1000;
-    entry.LastBlockTime = 2000;
-    entry.BytesDone = 20000;
-    window_->ShowThroughput(true, true);
-    EXPECT_EQ(MeasuredRate.load(), 16000);
-    EXPECT_EQ(Controls().Text(IDC_BYTES_SEC), "16000 Bytes/sec");
-    EXPECT_EQ(Observed().back(), "Average throughput: 16000 Bytes/sec");
-
-    entry.BytesDone = 12000;
-    const size_t lines = Observed().size();
-    window_->ShowThroughput(true, false);
-    EXPECT_EQ(MeasuredRate.load(), 12000);
-    EXPECT_EQ(Controls().Text(IDC_BYTES_SEC), "12000 Bytes/sec");
-    EXPECT_EQ(Observed().size(), lines);
-
-    // A file that finishes within its first millisecond keeps the last rate.
-    entry.LastBlockTime = entry.StartTime;
-    entry.BytesDone = 999999;
-    window_->ShowThroughput(true, false);
-    EXPECT_EQ(MeasuredRate.load(), 12000);
-    EXPECT_EQ(Controls().Text(IDC_BYTES_SEC), "12000 Bytes/sec");
-
-    // A huge count over a millisecond does not overflow.
-    entry.LastBlockTime = entry.StartTime + 1;
-    entry.BytesDone = 4000000000u;
-    window_->ShowThroughput(true, false);
-    EXPECT_EQ(MeasuredRate.load(), 16000);
-    // The clock's wrap between the stamps does no harm.
-    entry.StartTime = 0xFFFFFC18u;  // 1000 ms before the wrap
-    entry.LastBlockTime = 1000;
-    entry.BytesDone = 10000;
-    window_->ShowThroughput(true, false);
-    EXPECT_EQ(MeasuredRate.load(), 5000);
-
-    // A ceiling of 0 shows 0 and leaves a rate the estimate can divide by.
-    RateEstimate = 0;
-    window_->ShowThroughput(true, false);
-    EXPECT_EQ(Controls().Text(IDC_BYTES_SEC), "0 Bytes/sec");
-    EXPECT_EQ(MeasuredRate.load(), 10);
-
-    // The receiving side reads its own list.
-    RateEstimate = 16000;
     TheEngine.ReceiveList[0] = FileEntry{};
-    TheEngine.ReceiveList[0].StartTime = 10;
-    TheEngine.ReceiveList[0].LastBlockTime = 2010;
-    TheEngine.ReceiveList[0].BytesDone = 14000;
-    window_->ShowThroughput(false, false);
-    EXPECT_EQ(Controls().Text(IDC_BYTES_SEC), "7000 Bytes/sec");
+    Controls().SetText(IDC_BYTES_SEC, "untouched");
+    for (const RateStep& step : steps) {
+        SCOPED_TRACE(step.What);
+        FileEntry& entry = step.Sending ? TheEngine.SendList[0] : TheEngine.ReceiveList[0];
+        entry.StartTime = step.StartTime;
+        entry.LastBlockTime = step.LastBlockTime;
+        entry.BytesDone = step.BytesDone;
+        RateEstimate = step.Ceiling;
+        const size_t lines = Observed().size();
+        window_->ShowThroughput(step.Sending, step.Log);
+        EXPECT_EQ(MeasuredRate.load(), step.Measured);
+        EXPECT_EQ(Controls().Text(IDC_BYTES_SEC), step.Shown);
+        const bool logged = step.Log && step.StartTime != 0;
+        ASSERT_EQ(Observed().size(), lines + (logged ? 1 : 0));
+        if (logged) {
+            EXPECT_EQ(Observed().back(), std::string("Average throughput: ") + step.Shown);
+        }
+    }
 }
 
 TEST_F(TransferDisplayTest, ProgressIsComputedInSixtyFourBits) {

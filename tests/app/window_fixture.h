@@ -18,6 +18,16 @@
 // search for the adapter finds nothing there and never touches a real port.
 void BlockPorts(const std::string& folder);
 
+// Rows of a list, by their text.
+std::vector<std::string> RowTexts(int id);
+// The texts as one, ", " between them, so that a table's cell holds them.
+std::string Joined(const std::vector<std::string>& texts);
+// The first run's preferences: 9600 bps and nothing else.
+void ExpectFirstRunPreferences(const std::string& bytes);
+
+// A user's event on a control.
+WindowEvent Event(EventKind kind, int id);
+
 class WindowTest : public ::testing::Test {
 protected:
     void SetUp() override;
@@ -34,8 +44,15 @@ protected:
 
     std::vector<std::string> Messages() const;
     std::vector<std::string> Observed() const;
-    // Rows of a list, by their text.
-    static std::vector<std::string> RowTexts(int id);
+
+    // The user's events, as the window's front end hands them over.
+    EventOutcome Handle(const WindowEvent& event) { return window_->HandleEvent(event); }
+    EventOutcome Press(int id) { return Handle(Event(EventKind::ButtonPressed, id)); }
+    EventOutcome ChooseMenu(int id) { return Handle(Event(EventKind::MenuCommand, id)); }
+    EventOutcome Click(int id, bool checked);
+    EventOutcome Choose(int id, int row);
+    EventOutcome Type(int id, const std::string& text);
+    EventOutcome Drop(int id, const std::vector<std::string>& paths);
 
     TempFolder folder_;
     std::unique_ptr<MainWindow> window_;

@@ -101,31 +101,3 @@ TEST(DetectionLimits, APortThatTopsOutAt57600LeavesOnlyV120AndNoSpeedMenu) {
     EXPECT_TRUE(LinesHolding(again.LogLines(), {"Searching", "Testing"}).empty());
     EXPECT_EQ(again.Quit(), 0);
 }
-
-TEST(DetectionLimits, WithoutAnyAdapterTheStationRunsOnAndSavesNoPreferences) {
-    TempFolder root;
-    const std::string folder = MakeInstallation(root, "station", 1);
-    Station station(folder);
-    ASSERT_TRUE(station.WaitForLog("ISDN TA not found."));
-    const std::vector<std::string> searched = LinesHolding(station.LogLines(), {"Searching"});
-    EXPECT_EQ(searched,
-              (std::vector<std::string>{"Searching Comm Port 1", "Searching Comm Port 2",
-                                        "Searching Comm Port 3", "Searching Comm Port 4"}));
-    ASSERT_EQ(station.Messages().size(), 1u);
-    EXPECT_EQ(station.Messages()[0],
-              "Could not find your ISDN TA.  Please check your cables\\rand make sure the ISDN "
-              "TA is powered on.");
-    EXPECT_NE(station.ShowControl("IDC_OWN_NUMBER").find("enabled=0"), std::string::npos);
-    EXPECT_EQ(station.Command("send"), "error: IDC_SEND is disabled");
-    EXPECT_EQ(station.Quit(), 0);
-
-    // First-run files, and no preferences saved without an adapter.
-    std::string prefs(1176, '\0');
-    prefs[4] = '\x80';
-    prefs[5] = '\x25';
-    EXPECT_TRUE(ReadWholeFile(folder + "/kestrelbound_prefs") == prefs);
-    EXPECT_EQ(ReadWholeFile(folder + "/kestrelbound_directory"), std::string(2, '\0'));
-    const std::string log = ReadWholeFile(folder + "/kestrelbound_log");
-    EXPECT_NE(log.find("Stopping Kestrelbound "), std::string::npos);
-    EXPECT_EQ(log.substr(log.size() - 2), std::string(2, '\0')) << "last line, then the end mark";
-}

@@ -48,11 +48,6 @@ std::string Drop(size_t offset) {
     return "drop:5551001:" + std::to_string(offset);
 }
 
-struct SampleFile {
-    std::string Name;
-    std::string Bytes;
-};
-
 // Two stations, Alice calling Bob, on adapters with the given faults.
 class FaultyLine : public AliceAndBob {
 public:
@@ -67,12 +62,6 @@ public:
             options.push_back(fault);
         }
         return options;
-    }
-
-    void Choose(const std::vector<SampleFile>& files) {
-        for (const SampleFile& file : files) {
-            EXPECT_EQ(Alice->Command("choose " + Sample(file.Name, file.Bytes)), "ok");
-        }
     }
 
     // Both logs, for a failure's message.

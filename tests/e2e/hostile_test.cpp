@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "peer_fixture.h"
@@ -34,7 +35,7 @@ protected:
                 return;
             }
         }
-        FAIL() << "SYNCON is no longer answered\n" << Log();
+        FAIL() << "SYNCON is no longer answered\n" << LogText();
     }
 
     // The next token from the station, past any RCVCON that a repeated
@@ -46,21 +47,6 @@ protected:
                 return line;
             }
         }
-    }
-
-    // Hangs up, whoever has not yet, and waits until the station is idle.
-    void EndCall() {
-        EXPECT_TRUE(port_->HangUp());
-        ASSERT_TRUE(station_->WaitForLog("Disconnected")) << Log();
-        ASSERT_EQ(station_->Command("wait-state idle 30"), "ok");
-    }
-
-    std::string Log() const {
-        std::string all;
-        for (const std::string& line : station_->LogLines()) {
-            all += line + "\n";
-        }
-        return all;
     }
 
     // How often the log holds exactly this line. The station's answer to a
@@ -86,15 +72,12 @@ protected:
         ASSERT_TRUE(CreateFolder(root_ / "samples"));
         WriteWholeFile(root_ / "samples/out.bin", bytes);
         ASSERT_EQ(station_->Command("choose " + (root_ / "samples/out.bin")), "ok");
-        ASSERT_EQ(station_->Command("name Peer"), "ok");
-        ASSERT_EQ(station_->Command("number 5553003"), "ok");
     }
 
     // The station sends its one file: the peer answers its call and takes
     // the offer up to the list.
     void TakeTheOffer() {
-        ASSERT_EQ(station_->Command("send"), "ok");
-        ASSERT_TRUE(port_->Answer(30000));
+        ASSERT_NO_FATAL_FAILURE(CallThePeer());
         ASSERT_NE(port_->ReceiveUntil("SYNCON\r\n", 5000).find("SYNCON"), std::string::npos);
         port_->Send("RCVCON\r\n");
         ASSERT_NE(port_->ReceiveUntil("H100\r\n", 5000).find("H100"), std::string::npos);
@@ -112,27 +95,27 @@ protected:
 TEST_F(HostilePeer, NamesAreMadeSafeAndNothingLandsOutsideIncomingFiles) {
     const auto before = PathsOutsideIncoming();
     const std::string longName(31, 'n');
-    const std::vector<peer::File> files = {
-        {"../escape.txt", "up and out"},
-        {"a/b.txt", "into a folder"},
-        {"back\\slash.txt", "the other slash"},
-        {std::string("ctl\x01\x1f\x7f.txt"), "control bytes"},
-        {"..", "the folder above"},
-        {".", "this folder"},
-        {longName, "a name of 31 characters"},
-        {"", "no name at all"},
+    // What is sent, and the name it is filed under in the folder ".._up".
+    const std::vector<std::pair<peer::File, std::string>> names = {
+        {{"../escape.txt", "up and out"}, ".._escape.txt"},
+        {{"a/b.txt", "into a folder"}, "a_b.txt"},
+        {{"back\\slash.txt", "the other slash"}, "back_slash.txt"},
+        {{std::string("ctl\x01\x1f\x7f.txt"), "control bytes"}, "ctl___.txt"},
+        {{"..", "the folder above"}, "_"},
+        {{".", "this folder"}, "_-A"},
+        {{longName, "a name of 31 characters"}, longName},
+        {{"", "no name at all"}, "_-B"},
     };
+    std::vector<peer::File> files;
+    for (const auto& [file, filed] : names) {
+        files.push_back(file);
+    }
     ASSERT_TRUE(port_->Dial("5552002"));
     EXPECT_EQ(peer::SendSession(*port_, files, "../up"), "");
     EndCall();
-    EXPECT_EQ(Incoming(".._up/.._escape.txt"), "up and out");
-    EXPECT_EQ(Incoming(".._up/a_b.txt"), "into a folder");
-    EXPECT_EQ(Incoming(".._up/back_slash.txt"), "the other slash");
-    EXPECT_EQ(Incoming(".._up/ctl___.txt"), "control bytes");
-    EXPECT_EQ(Incoming(".._up/_"), "the folder above");
-    EXPECT_EQ(Incoming(".._up/_-A"), "this folder");
-    EXPECT_EQ(Incoming(".._up/_-B"), "no name at all");
-    EXPECT_EQ(Incoming(".._up/" + longName), "a name of 31 characters");
+    for (const auto& [file, filed] : names) {
+        EXPECT_EQ(Incoming(".._up/" + filed), file.Bytes) << filed;
+    }
     EXPECT_EQ(Count("Created new folder: .._up"), 1);
 
     // A name field of 32 characters with no terminator loses its last one,
@@ -200,7 +183,7 @@ TEST_F(HostilePeer, ListsThatCannotBeRightAreRefusedEachWithItsLogLine) {
         SCOPED_TRACE(c.What);
         const long seen = Count(c.LogLine);
         port_->Send("H100\r\n" + c.Records);
-        ASSERT_TRUE(station_->WaitForLog(c.LogLine)) << Log();
+        ASSERT_TRUE(station_->WaitForLog(c.LogLine)) << LogText();
         if (*c.Reply != '\0') {
             EXPECT_EQ(Reply(3000), c.Reply);
         }
@@ -243,12 +226,12 @@ TEST_F(HostilePeer, EndlessLinesAndNoiseHarmNothing) {
     EXPECT_EQ(Count("Serial Limit Reached"), 0);
     // One byte more and the read gives up, with its log line.
     port_->Send(std::string(1022, 'x') + "\r\n");
-    ASSERT_TRUE(station_->WaitForLog("Serial Limit Reached")) << Log();
+    ASSERT_TRUE(station_->WaitForLog("Serial Limit Reached")) << LogText();
     Resync();
     EXPECT_EQ(Count("Serial Limit Reached"), 1);
     // Far longer lines, without any line end, and a token lost inside one.
     port_->Send(std::string(5000, 'y') + "SYNCON" + std::string(5000, 'z'));
-    ASSERT_TRUE(station_->WaitForLog("Serial Limit Reached")) << Log();
+    ASSERT_TRUE(station_->WaitForLog("Serial Limit Reached")) << LogText();
     Resync();
     EXPECT_GE(Count("Serial Limit Reached"), 9);
     // Noise of every byte value.
@@ -266,10 +249,10 @@ TEST_F(HostilePeer, ARecoveryBodyCutShortEndsTheSendersCall) {
     ChooseAFileForThePeer(RandomBytes(50000, 34));
     ASSERT_NO_FATAL_FAILURE(TakeTheOffer());
     port_->Send("FILERESTA3\r\n" + std::string(40, '\0'));
-    EXPECT_TRUE(station_->WaitForLog("Read Buffer Timeout")) << Log();
+    EXPECT_TRUE(station_->WaitForLog("Read Buffer Timeout")) << LogText();
     EXPECT_EQ(Count("Read Buffer Timeout"), 1);
     EXPECT_NE(port_->ReceiveUntil("NO CARRIER", 15000).find("NO CARRIER"), std::string::npos);
-    ASSERT_TRUE(station_->WaitForLog("Disconnected")) << Log();
+    ASSERT_TRUE(station_->WaitForLog("Disconnected")) << LogText();
     ASSERT_EQ(station_->Command("wait-state idle 30"), "ok");
     // Not a byte of the file went out, and it stays in the list, whole, for
     // the next call.
@@ -301,9 +284,9 @@ TEST_F(HostilePeer, RepairsOfNoFileOnItsWayAreNotActedOn) {
     const std::string heard = port_->ReceiveUntil("NO CARRIER", 15000);
     EXPECT_NE(heard.find("NO CARRIER"), std::string::npos);
     EXPECT_EQ(heard.find("SENDRECOVR"), std::string::npos) << heard;
-    ASSERT_TRUE(station_->WaitForLog("Disconnected")) << Log();
+    ASSERT_TRUE(station_->WaitForLog("Disconnected")) << LogText();
     ASSERT_EQ(station_->Command("wait-state idle 30"), "ok");
-    EXPECT_EQ(Count("Cannot read file: out.bin"), 0) << Log();
+    EXPECT_EQ(Count("Cannot read file: out.bin"), 0) << LogText();
     EXPECT_EQ(Count("All files sent."), 0);
     EXPECT_NE(station_->ShowControl("IDC_FILE_LIST").find("out.bin"), std::string::npos);
 
@@ -314,7 +297,7 @@ TEST_F(HostilePeer, RepairsOfNoFileOnItsWayAreNotActedOn) {
     port_->Send("FILERECOVR\r\n" + peer::RecoveryBody(stream, 0, stream));
     port_->Send("CONTSEND\r\n");
     port_->Send("ACK2\r\n");
-    EXPECT_TRUE(station_->WaitForLog("All files sent.", std::chrono::seconds(15))) << Log();
+    EXPECT_TRUE(station_->WaitForLog("All files sent.", std::chrono::seconds(15))) << LogText();
     const std::string after = port_->ReceiveUntil("NO CARRIER", 15000);
     EXPECT_NE(after.find("NO CARRIER"), std::string::npos);
     EXPECT_EQ(after.find("SENDRECOVR"), std::string::npos) << after;

@@ -28,6 +28,44 @@ protected:
         ASSERT_NE(port_->Command("AT").find("OK\r\n"), std::string::npos);
     }
 
+    // The station calls the peer, which answers; what it sends is already
+    // in its list.
+    void CallThePeer() {
+        ASSERT_EQ(station_->Command("name Peer"), "ok");
+        ASSERT_EQ(station_->Command("number 5553003"), "ok");
+        ASSERT_EQ(station_->Command("send"), "ok");
+        ASSERT_TRUE(port_->Answer(30000));
+    }
+
+    // The files that came to the peer are those the station sent, in order.
+    static void ExpectArrived(const std::vector<peer::File>& arrived,
+                              const std::vector<peer::File>& sent) {
+        ASSERT_EQ(arrived.size(), sent.size());
+        for (size_t i = 0; i < sent.size(); ++i) {
+            EXPECT_EQ(arrived[i].Name, sent[i].Name);
+            EXPECT_EQ(arrived[i].Kind, sent[i].Kind) << sent[i].Name;
+            // Compared whole, so that a failure does not print the data.
+            EXPECT_TRUE(arrived[i].Bytes == sent[i].Bytes) << sent[i].Name;
+        }
+    }
+
+    // The peer hangs up, if the station has not already, and the station is
+    // idle again.
+    void EndCall() {
+        EXPECT_TRUE(port_->HangUp());
+        ASSERT_TRUE(station_->WaitForLog("Disconnected")) << LogText();
+        ASSERT_EQ(station_->Command("wait-state idle 30"), "ok");
+    }
+
+    // The station's log, for a failure's message.
+    std::string LogText() const {
+        std::string all;
+        for (const std::string& line : station_->LogLines()) {
+            all += line + "\n";
+        }
+        return all;
+    }
+
     std::string Incoming(const std::string& relative) const {
         return ReadWholeFile(stationPath_ + "/Incoming Files/" + relative);
     }

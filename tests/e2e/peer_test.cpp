@@ -21,10 +21,7 @@ TEST_F(PeerAndStation, APeerSendsAFolderOfFilesAndTheStationFilesThemIdentical) 
     };
     ASSERT_TRUE(port_->Dial("5552002"));
     EXPECT_EQ(peer::SendSession(*port_, files, "Album"), "");
-    EXPECT_TRUE(port_->HangUp());
-    ASSERT_TRUE(station_->WaitForLog("All files received."));
-    ASSERT_TRUE(station_->WaitForLog("Disconnected"));
-    ASSERT_EQ(station_->Command("wait-state idle 30"), "ok");
+    EndCall();
     for (const peer::File& file : files) {
         EXPECT_TRUE(Incoming("Album/" + file.Name) == file.Bytes) << file.Name;
     }
@@ -49,17 +46,10 @@ TEST_F(PeerAndStation, AStationSendsFilesAndThePeerReceivesThemIdentical) {
         WriteWholeFile(root_ / "samples/" + file.Name, file.Bytes);
         ASSERT_EQ(station_->Command("choose " + (root_ / "samples/" + file.Name)), "ok");
     }
-    ASSERT_EQ(station_->Command("name Peer"), "ok");
-    ASSERT_EQ(station_->Command("number 5553003"), "ok");
-    ASSERT_EQ(station_->Command("send"), "ok");
-    ASSERT_TRUE(port_->Answer(30000));
+    ASSERT_NO_FATAL_FAILURE(CallThePeer());
     std::vector<peer::File> arrived;
     EXPECT_EQ(peer::ReceiveSession(*port_, arrived, nullptr, 2500), "");
-    ASSERT_EQ(arrived.size(), files.size());
-    for (size_t i = 0; i < files.size(); ++i) {
-        EXPECT_EQ(arrived[i].Name, files[i].Name);
-        EXPECT_TRUE(arrived[i].Bytes == files[i].Bytes) << files[i].Name;
-    }
+    ExpectArrived(arrived, files);
     // The station hangs up once the last file is acknowledged.
     EXPECT_NE(port_->ReceiveUntil("NO CARRIER", 15000).find("NO CARRIER"), std::string::npos);
     ASSERT_TRUE(station_->WaitForLog("All files sent."));
@@ -76,10 +66,7 @@ TEST_F(PeerAndStation, AStationSendsAFolderAndThePeerGetsItsMarkerFirst) {
         WriteWholeFile(root_ / "Holiday/" + file.Name, file.Bytes);
     }
     ASSERT_EQ(station_->Command("add " + (root_ / "Holiday")), "ok");
-    ASSERT_EQ(station_->Command("name Peer"), "ok");
-    ASSERT_EQ(station_->Command("number 5553003"), "ok");
-    ASSERT_EQ(station_->Command("send"), "ok");
-    ASSERT_TRUE(port_->Answer(30000));
+    ASSERT_NO_FATAL_FAILURE(CallThePeer());
     std::vector<peer::File> arrived;
     std::string folder;
     EXPECT_EQ(peer::ReceiveSession(*port_, arrived, &folder), "");
@@ -87,12 +74,7 @@ TEST_F(PeerAndStation, AStationSendsAFolderAndThePeerGetsItsMarkerFirst) {
     // A folder's files go in the order the folder lists them.
     std::sort(arrived.begin(), arrived.end(),
               [](const peer::File& a, const peer::File& b) { return a.Name < b.Name; });
-    ASSERT_EQ(arrived.size(), files.size());
-    for (size_t i = 0; i < files.size(); ++i) {
-        EXPECT_EQ(arrived[i].Name, files[i].Name);
-        EXPECT_EQ(arrived[i].Kind, files[i].Kind) << files[i].Name;
-        EXPECT_TRUE(arrived[i].Bytes == files[i].Bytes) << files[i].Name;
-    }
+    ExpectArrived(arrived, files);
     EXPECT_NE(port_->ReceiveUntil("NO CARRIER", 15000).find("NO CARRIER"), std::string::npos);
     ASSERT_TRUE(station_->WaitForLog("All files sent."));
 }

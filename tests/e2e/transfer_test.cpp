@@ -20,10 +20,7 @@ TEST_F(TwoStations, AListOfFilesArrivesByteForByteWithTheLinesOfBothSides) {
     const std::string note = RandomBytes(10000, 1);
     const std::string mid = RandomBytes(131071, 2);
     const std::string big = RandomBytes(1 << 20, 3);
-    ASSERT_EQ(Alice->Command("choose " + Sample("note.txt", note)), "ok");
-    ASSERT_EQ(Alice->Command("choose " + Sample("mid.bin", mid)), "ok");
-    ASSERT_EQ(Alice->Command("choose " + Sample("big.bin", big)), "ok");
-    ASSERT_EQ(Alice->Command("choose " + Sample("empty.dat", "")), "ok");
+    Choose({{"note.txt", note}, {"mid.bin", mid}, {"big.bin", big}, {"empty.dat", ""}});
     SendThrough();
 
     EXPECT_TRUE(Received("note.txt") == note);
@@ -84,10 +81,10 @@ TEST_F(TwoStations, AFolderArrivesUnderItsNameAndASecondOneUnderNameA) {
 
 TEST_F(TwoStations, AFileOfAnExistingNameArrivesBesideItAndTheCallerCanBeCalledBack) {
     const std::string one = RandomBytes(5000, 6);
-    ASSERT_EQ(Alice->Command("choose " + Sample("report.doc", one)), "ok");
+    Choose({{"report.doc", one}});
     SendThrough();
     const std::string two = RandomBytes(7000, 7);
-    ASSERT_EQ(Alice->Command("choose " + Sample("report.doc", two)), "ok");
+    Choose({{"report.doc", two}});
     SendThrough();
     EXPECT_EQ(
         LinesHolding(Bob->LogLines(), {"Receiving File"}),

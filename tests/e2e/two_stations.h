@@ -12,6 +12,7 @@
 #include "harness.h"
 #include "installation.h"
 #include "platform/files.h"
+#include "support/wire_peer.h"
 
 class AliceAndBob {
 public:
@@ -37,6 +38,13 @@ public:
         const std::string path = Root / "samples/" + name;
         WriteWholeFile(path, bytes);
         return path;
+    }
+
+    // Sample files, chosen one by one on Alice's file list.
+    void Choose(const std::vector<peer::File>& files) {
+        for (const peer::File& file : files) {
+            EXPECT_EQ(Alice->Command("choose " + Sample(file.Name, file.Bytes)), "ok");
+        }
     }
 
     // Alice presses Send; both sides see the session through.

@@ -10,6 +10,7 @@
 #include "line/comm_port.h"
 #include "platform/clock.h"
 #include "platform/files.h"
+#include "platform/message_box.h"
 #include "stores/preferences.h"
 #include "stores/status_log.h"
 
@@ -36,6 +37,10 @@ void EngineHarness::SetUp() {
     SetLogLineSink([this](const std::string& line) {
         std::lock_guard<std::mutex> guard(logLock_);
         log_.push_back(line);
+    });
+    SetMessageBoxHandler([this](const std::string& text) {
+        std::lock_guard<std::mutex> guard(logLock_);
+        messages_.push_back(text);
     });
     SetFreeSpaceQuery([] { return uint64_t{1} << 40; });
     BuildPaths(root_.Path());
@@ -65,6 +70,7 @@ void EngineHarness::TearDown() {
     EngineShutdown();
     CommPortDestroy();
     SetFreeSpaceQuery(nullptr);
+    SetMessageBoxHandler(nullptr);
     SetLogLineSink(nullptr);
     TheEngine.LinkState = LinkIdle;
     TheEngine.WeSend = false;
@@ -118,6 +124,11 @@ bool EngineHarness::WaitUntil(const std::function<bool()>& condition, int timeou
 std::vector<std::string> EngineHarness::Log() const {
     std::lock_guard<std::mutex> guard(logLock_);
     return log_;
+}
+
+std::vector<std::string> EngineHarness::Messages() const {
+    std::lock_guard<std::mutex> guard(logLock_);
+    return messages_;
 }
 
 long EngineHarness::Count(const std::string& line) const {

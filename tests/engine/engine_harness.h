@@ -73,6 +73,8 @@ protected:
         return WaitUntil([&] { return Logged(line); }, timeoutMs);
     }
     std::vector<std::string> Log() const;
+    // The message boxes shown so far.
+    std::vector<std::string> Messages() const;
     // How often the log holds exactly this line.
     long Count(const std::string& line) const;
     bool Logged(const std::string& line) const { return Count(line) > 0; }
@@ -95,4 +97,5 @@ private:
     ThreadHandle commThread_;
     mutable std::mutex logLock_;
     std::vector<std::string> log_;
+    std::vector<std::string> messages_;
 };

@@ -12,7 +12,6 @@
 #include "engine_harness.h"
 #include "line/profiles.h"
 #include "platform/files.h"
-#include "platform/message_box.h"
 #include "stores/directory.h"
 
 namespace {
@@ -118,8 +117,6 @@ TEST_F(PickUpTest, TheHolderAnswersARequestItCannotServe) {
 TEST_F(PickUpTest, AHotFolderGoesOutOnceItsTotalHasStoodStill) {
     TheMainWindow = &window_;
     AddRecord("Hot", "123", true, {"one.txt", "three.txt"});
-    std::vector<std::string> messages;
-    SetMessageBoxHandler([&](const std::string& text) { messages.push_back(text); });
     uint32_t total = 0;
     EXPECT_EQ(ScanPickUpFolder(0, total), 2);
     EXPECT_EQ(total, 16u);
@@ -135,13 +132,12 @@ TEST_F(PickUpTest, AHotFolderGoesOutOnceItsTotalHasStoodStill) {
     EXPECT_EQ(Directory[0].HotBytes, 0u);
     LoadPickUpFolder(0);
     EXPECT_EQ(window_.Folders, std::vector<std::string>{PickUpPath + "/Hot,Hot"});
-    EXPECT_TRUE(messages.empty());
+    EXPECT_TRUE(Messages().empty());
     // A record without a number is not dialled.
     SendHotFolder(CallRequest{});
     EXPECT_TRUE(TheEngine.PickupSend.load());
-    EXPECT_EQ(messages,
+    EXPECT_EQ(Messages(),
               std::vector<std::string>{"Please select a correspondent in your Directory."});
-    SetMessageBoxHandler(nullptr);
 }
 
 TEST_F(PickUpTest, ASentFileMovesToSentFilesReplacingAnOlderOne) {

@@ -5,10 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "engine/dialing.h"
@@ -17,7 +14,6 @@
 #include "engine_harness.h"
 #include "line/adapter.h"
 #include "platform/files.h"
-#include "platform/message_box.h"
 
 namespace {
 
@@ -121,12 +117,6 @@ TEST_F(CallProgressTest, BusyNoCarrierAndNoDialtoneEndTheDialAndOtherLinesDoNot)
     Send("\r\nRINGING\r\n\r\nCONNECT 9600\r\n");
     EXPECT_EQ(TakeFor(300), "");
     EXPECT_EQ(TheEngine.LinkState.load(), LinkDialing);
-    std::mutex lock;
-    std::vector<std::string> messages;
-    SetMessageBoxHandler([&](const std::string& text) {
-        const std::lock_guard<std::mutex> guard(lock);
-        messages.push_back(text);
-    });
     for (const char* code : {"BUSY", "NO CARRIER", "NO DIAL TONE", "NO DIALTONE"}) {
         TheEngine.WeSend = true;
         TheEngine.RetrievePending = true;
@@ -141,15 +131,13 @@ TEST_F(CallProgressTest, BusyNoCarrierAndNoDialtoneEndTheDialAndOtherLinesDoNot)
     for (const char* line : {"Busy", "Disconnected", "No Dialtone."}) {
         EXPECT_TRUE(Logged(line)) << line;
     }
-    // The message is shown once the communications thread has let go of the
-    // port.
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    std::lock_guard<std::mutex> guard(lock);
-    ASSERT_EQ(messages.size(), 2u);
-    EXPECT_EQ(messages[0],
-              "Cannot place an outgoing data call.\rPlease make sure your ISDN line is properly "
-              "connected.");
-    SetMessageBoxHandler(nullptr);
+    // Shown for the two ways of saying there is no dial tone, once the
+    // communications thread has let go of the port.
+    ASSERT_TRUE(WaitUntil([this] { return Messages().size() == 2; }));
+    const std::string noLine =
+        "Cannot place an outgoing data call.\rPlease make sure your ISDN "
+        "line is properly connected.";
+    EXPECT_EQ(Messages(), std::vector<std::string>(2, noLine));
 }
 
 TEST(DialStringTest, CarrierCodesGoInFrontOfEachNumber) {

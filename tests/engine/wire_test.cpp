@@ -73,26 +73,11 @@ TEST(WireRecovery, EveryFieldOfABodyIsTakenAndMadeAgainSignedOnesWithTheirSign) 
     // The twenty fields high byte first: the two session values, then the
     // entry's, the signed ones sign-extended and the codes turned round.
     std::string wire;
-    for (const uint32_t field : {0x0000FFFFu,
-                                 0x89ABCDEFu,
-                                 0xFFFFFFFEu,
-                                 0xA1B2C3D4u,
-                                 0x0FFFFFFFu,
-                                 0x12345678u,
-                                 0x61736F64u /* "asod" */,
-                                 0x004E4942u /* "\0NIB" */,
-                                 1u,
-                                 0x7FF0u,
-                                 0xFFFFFFFFu,
-                                 0xFFFF8000u,
-                                 0x1FFFu,
-                                 0xDEADBEEFu,
-                                 0xFFFFFFF0u,
-                                 300u,
-                                 0xFFFFFED4u,
-                                 0x7FFFu,
-                                 1u,
-                                 0xFEDCBA98u}) {
+    // "asod" and "\0NIB" are the codes as the wire carries them.
+    for (const uint32_t field :
+         {0x0000FFFFu, 0x89ABCDEFu, 0xFFFFFFFEu, 0xA1B2C3D4u, 0x0FFFFFFFu, 0x12345678u, 0x61736F64u,
+          0x004E4942u, 1u,          0x7FF0u,     0xFFFFFFFFu, 0xFFFF8000u, 0x1FFFu,     0xDEADBEEFu,
+          0xFFFFFFF0u, 300u,        0xFFFFFED4u, 0x7FFFu,     1u,          0xFEDCBA98u}) {
         for (int shift = 24; shift >= 0; shift -= 8) {
             wire += static_cast<char>(field >> shift);
         }

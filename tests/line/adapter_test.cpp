@@ -6,7 +6,6 @@
 #include <chrono>
 #include <cstring>
 #include <future>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -159,24 +158,14 @@ TEST_F(LineTest, IdentificationTellsEachFamilyAndVariantByItsMarks) {
         {"3Com", {"Impact IQ 3C882"}, {}, true, Model3Com, 7},
         {"no mark", {"Generic ISDN TA", "adtran express xr"}, {}, false, Model3Com + 1, 7},
     };
-    // The adapter's thread outlives this body, so what it reads is shared.
-    struct Script {
-        std::mutex Lock;
-        AdapterScript Script;
-    };
-    const auto shared = std::make_shared<Script>();
-    ScriptedAdapter& adapter = Attach(2, [shared](const std::string& command, uint32_t speed) {
-        std::lock_guard<std::mutex> guard(shared->Lock);
-        return RespondAs(shared->Script)(command, speed);
-    });
+    ScriptedAdapter& adapter = Attach(2, RespondAs(AdapterScript{}));
     SelectPortNumber(2);
     for (const IdentityCase& c : cases) {
         SCOPED_TRACE(c.Name);
-        {
-            std::lock_guard<std::mutex> guard(shared->Lock);
-            shared->Script.Identity0 = c.Identity0;
-            shared->Script.Identity8 = c.Identity8;
-        }
+        AdapterScript script;
+        script.Identity0 = c.Identity0;
+        script.Identity8 = c.Identity8;
+        adapter.SetResponder(RespondAs(script));
         adapter.ClearCommands();
         AdapterFound.store(false);
         ThePreferences.AdapterModel = Model3Com + 1;
@@ -230,74 +219,67 @@ TEST_F(LineTest, ShiftSearchesAgainFromTheFirstPortAtTheSearchSpeed) {
     EXPECT_EQ(PortSpeedChoice(), SpeedChoice::At230400);
 }
 
-TEST_F(LineTest, QuickStartGoesToTheSavedPortAndSpeedWithoutTesting) {
-    ThePreferences.ComPort = 2;
-    ThePreferences.MaxPortSpeed = 230400;
-    ThePreferences.SelectedPortSpeed = 115200;
-    ThePreferences.AdapterModel = ModelBitSURFR;
-    ScriptedAdapter& adapter = Attach(2, RespondAs(BitsurfrScript()));
-
-    EXPECT_EQ(FindAdapter(), AdapterSearch::WaitingForCalls);
-    EXPECT_EQ(SpeedClass.load(), 2);
-    EXPECT_EQ(adapter.Far().Speed(), 115200u);
-    EXPECT_EQ(PortSpeedChoice(), SpeedChoice::At115200);
-    EXPECT_EQ(Logged().front(), "Port speed set to 115200 bps.");
-    const std::vector<ReceivedCommand> commands = adapter.Commands();
-    ASSERT_GE(commands.size(), 4u);
-    EXPECT_EQ(commands[0].Text, "atv1");
-    EXPECT_EQ(commands[0].Speed, 115200u);
-    EXPECT_EQ(commands[1].Text, "ati0");
-    EXPECT_EQ(commands[2].Text, "ati8");
-    EXPECT_EQ(commands[3].Text, "AT!N1?") << "no speed test, no speed command";
-    EXPECT_EQ(LinePollingEnabled.load(), true);
-    EXPECT_EQ(OwnNumberCaption(), "Your ISDN Number: 5552001     BitSURFR Pro");
-}
-
-TEST_F(LineTest, QuickStartResumesTheSavedTopSpeed) {
-    ThePreferences.ComPort = 4;
-    ThePreferences.MaxPortSpeed = 230400;
-    ThePreferences.SelectedPortSpeed = 230400;
-    ThePreferences.AdapterModel = ModelBitSURFR;
-    ScriptedAdapter& adapter = Attach(4, RespondAs(BitsurfrScript()));
-
-    EXPECT_EQ(FindAdapter(), AdapterSearch::WaitingForCalls);
-    EXPECT_EQ(adapter.Far().Speed(), 230400u);
-    EXPECT_EQ(PortSpeedChoice(), SpeedChoice::At230400);
-    EXPECT_EQ(Logged().front(), "Port speed set to 230400 bps.");
-    const std::vector<ReceivedCommand> commands = adapter.Commands();
-    ASSERT_GE(commands.size(), 4u);
-    EXPECT_EQ(commands[3].Text, "AT@P2=230400");
-    EXPECT_EQ(commands[3].Speed, 115200u) << "the speed command goes out at the old speed";
-}
-
-TEST_F(LineTest, AdtranWithItsSwitchAt230400IsTakenAsSavedAtTopSpeed) {
-    ThePreferences.ComPort = 2;
-    ThePreferences.MaxPortSpeed = 115200;
-    ThePreferences.SelectedPortSpeed = 230400;
-    ThePreferences.AdapterModel = ModelAdTran;
-    ThePreferences.AdapterVariant = 0;
+// A saved port and speed are taken up again without a search or a speed
+// test: the speed command, where the family has one, goes out at the old
+// speed; an AdTran saved at 230400 is taken as set there by its DIP switch.
+TEST_F(LineTest, QuickStartGoesToTheSavedPortAndSpeed) {
+    struct QuickCase {
+        const char* Name;
+        int Port;
+        uint32_t SavedMax;
+        uint32_t Selected;
+        int16_t Model;
+        AdapterScript Script;
+        std::string Commands;  // the first four, as "text@speed"
+        std::string Logged;    // the first lines of the log
+    };
     // The reply names the XRT; this route does not identify again.
-    AdapterScript script = AdtranScript(true);
-    script.NumberQuery = "ATSS62?";
-    ScriptedAdapter& adapter = Attach(2, RespondAs(script));
+    AdapterScript xrtAsSaved = AdtranScript(true);
+    xrtAsSaved.NumberQuery = "ATSS62?";
+    const QuickCase cases[] = {
+        {"BitSURFR at 115200", 2, 230400, 115200, ModelBitSURFR, BitsurfrScript(),
+         "atv1@115200 | ati0@115200 | ati8@115200 | AT!N1?@115200",
+         "Port speed set to 115200 bps."},
+        {"BitSURFR at 230400", 4, 230400, 230400, ModelBitSURFR, BitsurfrScript(),
+         "atv1@115200 | ati0@115200 | ati8@115200 | AT@P2=230400@115200",
+         "Port speed set to 230400 bps."},
+        {"AdTran switched to 230400", 3, 115200, 230400, ModelAdTran, xrtAsSaved,
+         "AT@230400 | atv1@230400 | ati0@230400 | ATSS62?@230400",
+         "Port speed set to 230400 bps. | Initializing Incoming: V.120 - 64K"},
+    };
+    for (const QuickCase& c : cases) {
+        SCOPED_TRACE(c.Name);
+        ThePreferences = Preferences{};
+        ThePreferences.ComPort = static_cast<int16_t>(c.Port);
+        ThePreferences.MaxPortSpeed = c.SavedMax;
+        ThePreferences.SelectedPortSpeed = c.Selected;
+        ThePreferences.AdapterModel = c.Model;
+        ClearLogged();
+        ScriptedAdapter& adapter = Attach(c.Port, RespondAs(c.Script));
 
-    EXPECT_EQ(FindAdapter(), AdapterSearch::WaitingForCalls);
-    EXPECT_EQ(ThePreferences.MaxPortSpeed, 230400u);
-    EXPECT_EQ(ThePreferences.AdapterVariant, 0);
-    EXPECT_EQ(AdapterFound.load(), true);
-    EXPECT_EQ(SpeedClass.load(), 2);
-    EXPECT_EQ(adapter.Far().Speed(), 230400u);
-    EXPECT_EQ(PortSpeedChoice(), SpeedChoice::At230400);
-    const std::vector<ReceivedCommand> commands = adapter.Commands();
-    ASSERT_GE(commands.size(), 5u);
-    const Texts first = {commands[0].Text, commands[1].Text, commands[2].Text, commands[3].Text};
-    EXPECT_EQ(first, (Texts{"AT", "atv1", "ati0", "ATSS62?"}));
-    EXPECT_EQ(commands[0].Speed, 230400u);
-    const Texts logged = Logged();
-    ASSERT_FALSE(logged.empty());
-    EXPECT_EQ(logged[0], "Port speed set to 230400 bps.");
-    EXPECT_EQ(logged[1], "Initializing Incoming: V.120 - 64K");
-    EXPECT_EQ(LinePollingEnabled.load(), true);
+        EXPECT_EQ(FindAdapter(), AdapterSearch::WaitingForCalls);
+        EXPECT_EQ(AdapterFound.load(), true);
+        EXPECT_EQ(SpeedClass.load(), 2);
+        EXPECT_EQ(ThePreferences.MaxPortSpeed, 230400u);
+        EXPECT_EQ(ThePreferences.AdapterVariant, 0);
+        EXPECT_EQ(adapter.Far().Speed(), c.Selected);
+        EXPECT_EQ(PortSpeedChoice(),
+                  c.Selected == 230400 ? SpeedChoice::At230400 : SpeedChoice::At115200);
+        EXPECT_EQ(LinePollingEnabled.load(), true);
+        Texts commands;
+        for (const ReceivedCommand& command : adapter.Commands()) {
+            if (commands.size() < 4) {
+                commands.push_back(command.Text + "@" + std::to_string(command.Speed));
+            }
+        }
+        EXPECT_EQ(Joined(commands), c.Commands);
+        EXPECT_EQ(Joined(Logged()).substr(0, c.Logged.size()), c.Logged);
+        if (c.Model == ModelBitSURFR) {
+            EXPECT_EQ(OwnNumberCaption(), "Your ISDN Number: 5552001     BitSURFR Pro");
+        }
+        SetLinePolling(false);
+        CommPortClose();
+    }
 }
 
 TEST_F(LineTest, FailuresOfTheQuickStart) {

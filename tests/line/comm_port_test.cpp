@@ -3,37 +3,20 @@
 #include <gtest/gtest.h>
 #include <time.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstring>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "platform/message_box.h"
+#include "line_fixture.h"
 #include "stores/paths.h"
-#include "stores/status_log.h"
 #include "support/far_end.h"
 #include "support/temp_folder.h"
 
 namespace {
-
-std::mutex LogLock;
-std::vector<std::string> Logged;
-
-void Collect(const std::string& line) {
-    std::lock_guard<std::mutex> guard(LogLock);
-    Logged.push_back(line);
-}
-
-int CountLogged(const std::string& line) {
-    std::lock_guard<std::mutex> guard(LogLock);
-    int count = 0;
-    for (const std::string& l : Logged) {
-        count += l == line ? 1 : 0;
-    }
-    return count;
-}
 
 double ThreadCpuMs() {
     timespec t{};
@@ -43,29 +26,19 @@ double ThreadCpuMs() {
 
 // An installation whose COM1 is a pseudo-terminal with the test as the far end,
 // opened at 115200 bps with RTS/CTS as a call would run.
-class CommPortTest : public ::testing::Test {
+class CommPortTest : public LineTest {
 protected:
     void SetUp() override {
-        {
-            std::lock_guard<std::mutex> guard(LogLock);
-            Logged.clear();
-        }
-        SetLogLineSink(Collect);
-        BuildPaths(root_.Path());
+        LineTest::SetUp();
         far_.LinkAs(root_.Path(), 1);
-        ASSERT_EQ(CommPortCreate(), 1);
-        SelectPortNumber(1);
-        SelectPortBaud(115200);
-        ASSERT_NE(CommPortOpen(), 0);
-        ASSERT_EQ(EnableHardwareHandshake(), 1);
+        OpenPort(1, 115200);
         std::memset(buffer_, 0, sizeof buffer_);
     }
-    void TearDown() override {
-        CommPortDestroy();
-        SetLogLineSink(nullptr);
+    int CountLogged(const std::string& line) const {
+        const std::vector<std::string> log = Logged();
+        return static_cast<int>(std::count(log.begin(), log.end(), line));
     }
 
-    TempFolder root_;
     FarEnd far_;
     char buffer_[TokenBufferSize];
 };
@@ -198,8 +171,6 @@ TEST_F(CommPortTest, PurgeEmptiesTheInputAndSpeedChangesReachTheDevice) {
 }
 
 TEST_F(CommPortTest, CloseTwiceAndASecondOpenOfABusyPortFailQuietly) {
-    int messages = 0;
-    SetMessageBoxHandler([&](const std::string&) { ++messages; });
     // Another program holds the port: this one gets 0 and no message.
     SerialDevice other;
     CommPortClose();
@@ -211,8 +182,7 @@ TEST_F(CommPortTest, CloseTwiceAndASecondOpenOfABusyPortFailQuietly) {
     EXPECT_EQ(CommPortClose(), 1);
     EXPECT_EQ(CommPortClose(), 1);
     EXPECT_EQ(ThePort->IsOpen.load(), 0);
-    SetMessageBoxHandler(nullptr);
-    EXPECT_EQ(messages, 0);
+    EXPECT_TRUE(Messages().empty());
 }
 
 TEST(CommPortRecord, OperationsWithoutARecordDoNothing) {

@@ -11,17 +11,13 @@
 #include "stores/preferences.h"
 #include "stores/status_log.h"
 
-namespace {
-
-std::string Lines(const std::string& command, const std::vector<std::string>& lines) {
-    std::string reply = command + "\r\r\n";
+std::string Joined(const std::vector<std::string>& lines) {
+    std::string all;
     for (const std::string& line : lines) {
-        reply += line + "\r\n\r\n";
+        all += (all.empty() ? "" : " | ") + line;
     }
-    return reply + "OK\r\n";
+    return all;
 }
-
-}  // namespace
 
 AdapterScript BitsurfrScript() {
     AdapterScript script;
@@ -36,7 +32,7 @@ AdapterScript AdtranScript(bool xrt) {
     AdapterScript script;
     script.Identity0 = {xrt ? "ADTRAN EXPRESS XRT ISDN" : "ADTRAN EXPRESS XR ISDN", "Rev. B"};
     script.NumberQuery = xrt ? "ATSS63?" : "ATSS62?";
-    script.NumberReply = Lines(script.NumberQuery, {xrt ? "5552063" : "5552062"});
+    script.NumberReply = Answer(script.NumberQuery, {xrt ? "5552063" : "5552062"});
     return script;
 }
 
@@ -44,7 +40,7 @@ AdapterScript ZyxelScript(const std::string& modelNumber) {
     AdapterScript script;
     script.Identity0 = {"ZyXEL " + modelNumber, "V 2.17"};
     script.NumberQuery = "AT&ZI?";
-    script.NumberReply = Lines("AT&ZI?", {"(MultiAuto):(5552864)"});
+    script.NumberReply = Answer("AT&ZI?", {"(MultiAuto):(5552864)"});
     return script;
 }
 
@@ -52,7 +48,7 @@ AdapterScript ThreeComScript() {
     AdapterScript script;
     script.Identity0 = {"3Com Impact IQ 3C882"};
     script.NumberQuery = "ATS51?";
-    script.NumberReply = Lines("ATS51?", {"5553882"});
+    script.NumberReply = Answer("ATS51?", {"5553882"});
     return script;
 }
 
@@ -65,10 +61,10 @@ ScriptedAdapter::Responder RespondAs(AdapterScript script) {
             return EchoOnly(command);
         }
         if (command == "ati0") {
-            return Lines(command, script.Identity0);
+            return Answer(command, script.Identity0);
         }
         if (command == "ati8") {
-            return Lines(command, script.Identity8);
+            return Answer(command, script.Identity8);
         }
         if (!script.NumberQuery.empty() && command == script.NumberQuery) {
             return script.NumberReply;

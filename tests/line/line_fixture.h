@@ -36,6 +36,9 @@ AdapterScript ThreeComScript();
 // nothing at all above the top speed.
 ScriptedAdapter::Responder RespondAs(AdapterScript script);
 
+// The lines as one text, " | " between them, so that a table's cell holds them.
+std::string Joined(const std::vector<std::string>& lines);
+
 class LineTest : public ::testing::Test {
 protected:
     void SetUp() override;

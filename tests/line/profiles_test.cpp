@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <memory>
-#include <mutex>
 
 #include "line/adapter.h"
 #include "line/comm_port.h"
@@ -78,25 +76,13 @@ TEST_F(ProfileTest, EachFamilysNumberIsReadAsItWritesIt) {
          "Your ISDN Number: 5553882     3ComImpact IQ", "5553882"},
         {"3Com with no CR behind the number", Model3Com, 0, "ATS51?", "ATS51?OK\r\n", "", ""},
     };
-    // The adapter's thread outlives this body, so what it reads is shared.
-    struct Reply {
-        std::mutex Lock;
-        std::string Query;
-        std::string Text;
-    };
-    const auto reply = std::make_shared<Reply>();
-    ScriptedAdapter& adapter = Attach(1, [reply](const std::string& command, uint32_t) {
-        std::lock_guard<std::mutex> guard(reply->Lock);
-        return command == reply->Query ? reply->Text : Answer(command);
-    });
+    ScriptedAdapter& adapter = Attach(1, RespondAs(AdapterScript{}));
     OpenPort(1, 115200);
     for (const NumberCase& c : cases) {
         SCOPED_TRACE(c.Name);
-        {
-            std::lock_guard<std::mutex> guard(reply->Lock);
-            reply->Query = c.Query;
-            reply->Text = c.Reply;
-        }
+        adapter.SetResponder([c](const std::string& command, uint32_t) {
+            return command == c.Query ? c.Reply : Answer(command);
+        });
         Found(c.Model, c.Variant, 2);
         std::memset(LocalNumber, 'x', sizeof LocalNumber);
         adapter.ClearCommands();
@@ -131,111 +117,30 @@ TEST_F(ProfileTest, TheFirstIncomingProfileFollowsThePreferencesAndTheFamily) {
         bool TwoChannels;
         bool Compression;
         int16_t ProtocolAfter;
-        Texts Logged;
-        std::string Command;  // "" where another case has the family's strings
         uint16_t Rate;
+        std::string Command;  // "" where another case has the family's strings
+        std::string Logged;   // the lines, joined
     };
+    const std::string zyxelOff = " | 2B channel connection OFF | V.42bis compression OFF";
     const IncomingCase cases[] = {
-        {"ZyXEL with both options",
-         ModelZyXEL,
-         1,
-         2,
-         0,
-         false,
-         true,
-         true,
-         0,
-         {"Initializing Incoming: V.120 - 64K", "2B channel connection ON",
-          "V.42bis compression ON"},
+        {"ZyXEL with both options", ModelZyXEL, 1, 2, 0, false, true, true, 0, 32000,
          "AT&H3&D0&C1&E0&S0Q0E1V1B20&O2S0=0X1&J3&K44",
-         32000},
-        {"ZyXEL X.75 at 56K",
-         ModelZyXEL,
-         3,
-         2,
-         2,
-         true,
-         false,
-         false,
-         2,
-         {"Initializing Incoming: X.75 - 56K", "2B channel connection OFF",
-          "V.42bis compression OFF"},
+         "Initializing Incoming: V.120 - 64K | 2B channel connection ON | V.42bis compression ON"},
+        {"ZyXEL X.75 at 56K", ModelZyXEL, 3, 2, 2, true, false, false, 2, 7000,
          "AT&H3&D0&C1&E1&S0Q0E1V1B00&O2S0=0X1&J0&K00",
-         7000},
-        {"BitSURFR on a slow port with AIMUX saved",
-         ModelBitSURFR,
-         0,
-         1,
-         1,
-         false,
-         true,
-         true,
-         0,
-         {"Initializing Incoming: V.120 - 64K"},
-         "AT\\Q3%A2=2%A4=0S0=0S12=25&D0&C1W1E1",
-         8000},
-        {"BitSURFR on a fast port",
-         ModelBitSURFR,
-         0,
-         2,
-         1,
-         false,
-         false,
-         false,
-         1,
-         {"Initializing Incoming: AIMUX - 64K"},
-         "",
-         16000},
-        {"AdTran with X.75 saved",
-         ModelAdTran,
-         1,
-         2,
-         2,
-         false,
-         false,
-         false,
-         0,
-         {"Initializing Incoming: V.120 - 64K"},
-         "",
-         8000},
-        {"Omni.net with X.75 saved",
-         ModelZyXEL,
-         2,
-         2,
-         2,
-         false,
-         false,
-         false,
-         0,
-         {"Initializing Incoming: V.120 - 64K", "2B channel connection OFF",
-          "V.42bis compression OFF"},
-         "",
-         8000},
-        {"Elite with AIMUX saved",
-         ModelZyXEL,
-         1,
-         2,
-         1,
-         false,
-         false,
-         false,
-         0,
-         {"Initializing Incoming: V.120 - 64K", "2B channel connection OFF",
-          "V.42bis compression OFF"},
-         "",
-         8000},
-        {"3Com with X.75 saved",
-         Model3Com,
-         0,
-         2,
-         2,
-         false,
-         false,
-         false,
-         0,
-         {"Initializing Incoming: V.120 - 64K"},
-         "",
-         8000},
+         "Initializing Incoming: X.75 - 56K" + zyxelOff},
+        {"BitSURFR on a slow port with AIMUX saved", ModelBitSURFR, 0, 1, 1, false, true, true, 0,
+         8000, "AT\\Q3%A2=2%A4=0S0=0S12=25&D0&C1W1E1", "Initializing Incoming: V.120 - 64K"},
+        {"BitSURFR on a fast port", ModelBitSURFR, 0, 2, 1, false, false, false, 1, 16000, "",
+         "Initializing Incoming: AIMUX - 64K"},
+        {"AdTran with X.75 saved", ModelAdTran, 1, 2, 2, false, false, false, 0, 8000, "",
+         "Initializing Incoming: V.120 - 64K"},
+        {"Omni.net with X.75 saved", ModelZyXEL, 2, 2, 2, false, false, false, 0, 8000, "",
+         "Initializing Incoming: V.120 - 64K" + zyxelOff},
+        {"Elite with AIMUX saved", ModelZyXEL, 1, 2, 1, false, false, false, 0, 8000, "",
+         "Initializing Incoming: V.120 - 64K" + zyxelOff},
+        {"3Com with X.75 saved", Model3Com, 0, 2, 2, false, false, false, 0, 8000, "",
+         "Initializing Incoming: V.120 - 64K"},
     };
     ScriptedAdapter& adapter = Adapter(ZyxelScript("2864"));
     for (const IncomingCase& c : cases) {
@@ -250,7 +155,7 @@ TEST_F(ProfileTest, TheFirstIncomingProfileFollowsThePreferencesAndTheFamily) {
 
         EXPECT_TRUE(InitializeIncoming());
         EXPECT_EQ(ThePreferences.IncomingProtocol, c.ProtocolAfter);
-        EXPECT_EQ(Logged(), c.Logged);
+        EXPECT_EQ(Joined(Logged()), c.Logged);
         EXPECT_EQ(RateEstimate.load(), c.Rate);
         if (!c.Command.empty()) {
             EXPECT_EQ(LastCommand(adapter), c.Command);
@@ -264,51 +169,34 @@ TEST_F(ProfileTest, TheOutgoingProfileFollowsTheChosenSettings) {
         const char* Name;
         int16_t Model;
         int16_t Variant;
-        OutgoingSettings Settings;
-        std::string Command;
+        LineProtocol Protocol;
+        bool At56k;
+        bool TwoChannels;
         uint16_t Rate;
-        Texts Logged;
+        std::string Command;
+        std::string Logged;  // the lines, joined
     };
     const OutgoingCase cases[] = {
-        {"ZyXEL X.75 with 2B",
-         ModelZyXEL,
-         3,
-         {ProtocolX75, false, true, false},
+        {"ZyXEL X.75 with 2B", ModelZyXEL, 3, ProtocolX75, false, true, 16000,
          "AT&H3&D0&C1&E0&S0Q0E1V1B00&O2S0=0X1&J3&K00",
-         16000,
-         {"Initializing Outgoing: X.75 - 64K", "2B channel connection ON",
-          "V.42bis compression OFF"}},
-        {"AdTran AIMUX at 56K, its 2B box without effect",
-         ModelAdTran,
-         0,
-         {ProtocolAimux, true, true, false},
-         "AT&F4\\Q3&D0X1S0=0S12=25S53=2S54=2S15=1",
-         14000,
-         {"Initializing Outgoing: AIMUX - 56K"}},
-        {"AdTran V.120",
-         ModelAdTran,
-         0,
-         {ProtocolV120, false, false, false},
-         "AT&F3\\Q3&D0X1S0=0S12=25S53=3S54=6",
-         8000,
-         {"Initializing Outgoing: V.120 - 64K"}},
-        {"3Com with X.75 asked for",
-         Model3Com,
-         0,
-         {ProtocolX75, false, false, false},
-         "AT\\Q3S0=0&D0&C1W1E1S71=2S73=0S74=253S75=0S60=64",
-         8000,
-         {"Initializing Outgoing: V.120 - 64K"}},
+         "Initializing Outgoing: X.75 - 64K | 2B channel connection ON | V.42bis compression OFF"},
+        {"AdTran AIMUX at 56K, its 2B box without effect", ModelAdTran, 0, ProtocolAimux, true,
+         true, 14000, "AT&F4\\Q3&D0X1S0=0S12=25S53=2S54=2S15=1",
+         "Initializing Outgoing: AIMUX - 56K"},
+        {"AdTran V.120", ModelAdTran, 0, ProtocolV120, false, false, 8000,
+         "AT&F3\\Q3&D0X1S0=0S12=25S53=3S54=6", "Initializing Outgoing: V.120 - 64K"},
+        {"3Com with X.75 asked for", Model3Com, 0, ProtocolX75, false, false, 8000,
+         "AT\\Q3S0=0&D0&C1W1E1S71=2S73=0S74=253S75=0S60=64", "Initializing Outgoing: V.120 - 64K"},
     };
     ScriptedAdapter& adapter = Adapter(AdtranScript(false));
     for (const OutgoingCase& c : cases) {
         SCOPED_TRACE(c.Name);
         Found(c.Model, c.Variant, 2);
         ClearLogged();
-        InitializeOutgoing(c.Settings);
+        InitializeOutgoing({c.Protocol, c.At56k, c.TwoChannels, false});
         EXPECT_EQ(LastCommand(adapter), c.Command);
         EXPECT_EQ(RateEstimate.load(), c.Rate);
-        EXPECT_EQ(Logged(), c.Logged);
+        EXPECT_EQ(Joined(Logged()), c.Logged);
     }
 }
 

@@ -11,6 +11,11 @@ ScriptedAdapter::~ScriptedAdapter() {
     thread_.join();
 }
 
+void ScriptedAdapter::SetResponder(Responder responder) {
+    std::lock_guard<std::mutex> guard(lock_);
+    responder_ = std::move(responder);
+}
+
 std::vector<ReceivedCommand> ScriptedAdapter::Commands() const {
     std::lock_guard<std::mutex> guard(lock_);
     return commands_;
@@ -40,6 +45,7 @@ void ScriptedAdapter::Run() {
         const std::string got = far_.Receive(1, 50);
         for (char byte : got) {
             std::string command;
+            Responder responder;
             {
                 std::lock_guard<std::mutex> guard(lock_);
                 if (byte != '\r') {
@@ -48,9 +54,10 @@ void ScriptedAdapter::Run() {
                 }
                 command.swap(pending_);
                 commands_.push_back({command, far_.Speed()});
+                responder = responder_;
             }
             arrived_.notify_all();
-            const std::string reply = responder_(command, far_.Speed());
+            const std::string reply = responder(command, far_.Speed());
             if (!reply.empty()) {
                 far_.Send(reply);
             }
@@ -58,7 +65,7 @@ void ScriptedAdapter::Run() {
     }
 }
 
-std::string Answer(const std::string& command, std::initializer_list<std::string> lines) {
+std::string Answer(const std::string& command, const std::vector<std::string>& lines) {
     std::string reply = command + "\r\r\n";
     for (const std::string& line : lines) {
         reply += line + "\r\n\r\n";

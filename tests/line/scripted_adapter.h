@@ -8,7 +8,6 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <initializer_list>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -33,6 +32,8 @@ public:
     ScriptedAdapter& operator=(const ScriptedAdapter&) = delete;
 
     FarEnd& Far() { return far_; }
+    // Answers from now on as the responder says.
+    void SetResponder(Responder responder);
     // Every command so far, in order.
     std::vector<ReceivedCommand> Commands() const;
     std::vector<std::string> CommandTexts() const;
@@ -57,7 +58,7 @@ private:
 
 // The answer of an adapter with echo and verbose replies: the echo of the
 // command, the lines, and OK.
-std::string Answer(const std::string& command, std::initializer_list<std::string> lines = {});
+std::string Answer(const std::string& command, const std::vector<std::string>& lines = {});
 // The echo of the command alone, with no OK: how a command the adapter does
 // not take, or one it is too slow to hear, looks to the program.
 std::string EchoOnly(const std::string& command);

@@ -6,18 +6,14 @@
 #include <string>
 #include <vector>
 
-#include "platform/message_box.h"
-#include "stores/paths.h"
-#include "support/temp_folder.h"
+#include "store_fixture.h"
 
 namespace {
 
 // A record as the file holds it, with a name and a number and the rest zero
 // but for a marker byte, so that a record's position can be told.
 std::string RecordBytes(const std::string& firm, const std::string& number, uint8_t marker) {
-    std::string bytes(CorrespondentSize, '\0');
-    std::memcpy(bytes.data(), firm.data(), firm.size());
-    std::memcpy(bytes.data() + 32, number.data(), number.size());
+    std::string bytes = Padded(firm, 32) + Padded(number, 32) + std::string(76, '\0');
     bytes[124] = static_cast<char>(marker);
     return bytes;
 }
@@ -37,18 +33,9 @@ bool SlotIsZero(int slot) {
     return true;
 }
 
-class DirectoryTest : public ::testing::Test {
+class DirectoryTest : public StoreTest {
 protected:
-    void SetUp() override {
-        BuildPaths(folder_.Path());
-        SetMessageBoxHandler([this](const std::string& text) { messages_.push_back(text); });
-    }
-    void TearDown() override { SetMessageBoxHandler(nullptr); }
-
     std::string FilePath() const { return folder_ / "kestrelbound_directory"; }
-
-    TempFolder folder_;
-    std::vector<std::string> messages_;
 };
 
 TEST_F(DirectoryTest, FirstRunWritesTwoZeroBytesAndLeavesTheTableEmpty) {
@@ -78,47 +65,37 @@ TEST_F(DirectoryTest, AFileThatCannotBeCreatedGivesTheMessageAndAnEmptyTable) {
     EXPECT_EQ(messages_.size(), 1u);
 }
 
-TEST_F(DirectoryTest, OnlyTheCountedRecordsLoadAndTheTailIsNeverRead) {
-    WriteWholeFile(FilePath(), CountBytes(2) + RecordBytes("Alpha", "555", 1) +
-                                   RecordBytes("Beta", "666", 2) + RecordBytes("Stale", "777", 3));
-    ASSERT_EQ(LoadDirectory(), 1);
-    ASSERT_EQ(DirectoryCount.load(), 2);
-    EXPECT_EQ(FieldText(Directory[0].FirmName), "Alpha");
-    EXPECT_EQ(FieldText(Directory[1].IsdnNumber), "666");
-    EXPECT_EQ(Directory[1].Reserved124[0], 2);
-    EXPECT_TRUE(SlotIsZero(2));
-}
-
+// Only the counted records load, and of a count outside the table, or larger
+// than the file holds, only the whole records that fit, never more than the
+// table holds; the slot behind them stays zero.
 TEST_F(DirectoryTest, ACountOutsideTheTableNeverWritesPastIt) {
-    // 200 records claimed and 130 present: the table takes 127 and keeps its
-    // spare slot zero.
-    std::string file = CountBytes(200);
+    std::string many = CountBytes(200);
     for (int i = 0; i < 130; ++i) {
-        file += RecordBytes("Firm" + std::to_string(i), "1", static_cast<uint8_t>(i + 1));
+        many += RecordBytes("Firm" + std::to_string(i), "1", static_cast<uint8_t>(i + 1));
     }
-    WriteWholeFile(FilePath(), file);
-    ASSERT_EQ(LoadDirectory(), 1);
-    EXPECT_EQ(DirectoryCount.load(), DirectoryMaxRecords);
-    EXPECT_EQ(Directory[126].Reserved124[0], 127);
-    EXPECT_TRUE(SlotIsZero(127));
-
-    // A negative count loads nothing.
-    WriteWholeFile(FilePath(), CountBytes(-1) + RecordBytes("Alpha", "555", 1));
-    ASSERT_EQ(LoadDirectory(), 1);
-    EXPECT_EQ(DirectoryCount.load(), 0);
-    EXPECT_TRUE(SlotIsZero(0));
-
-    // A count above what the file holds loads only the whole records.
-    WriteWholeFile(FilePath(), CountBytes(5) + RecordBytes("Alpha", "555", 1) +
-                                   RecordBytes("Beta", "666", 2) + std::string(70, 'x'));
-    ASSERT_EQ(LoadDirectory(), 1);
-    EXPECT_EQ(DirectoryCount.load(), 2);
-    EXPECT_TRUE(SlotIsZero(2));
-
-    // A file of one byte is an empty table.
-    WriteWholeFile(FilePath(), std::string(1, '\x05'));
-    ASSERT_EQ(LoadDirectory(), 1);
-    EXPECT_EQ(DirectoryCount.load(), 0);
+    const std::string two = RecordBytes("Alpha", "555", 1) + RecordBytes("Beta", "666", 2);
+    struct CountCase {
+        const char* What;
+        std::string File;
+        int16_t Loaded;
+    };
+    const CountCase cases[] = {
+        {"a stale record behind the count", CountBytes(2) + two + RecordBytes("Stale", "7", 3), 2},
+        {"200 claimed, 130 present", many, DirectoryMaxRecords},
+        {"a negative count", CountBytes(-1) + two, 0},
+        {"more than the file holds", CountBytes(5) + two + std::string(70, 'x'), 2},
+        {"a file of one byte", std::string(1, '\x05'), 0},
+    };
+    for (const CountCase& c : cases) {
+        SCOPED_TRACE(c.What);
+        WriteWholeFile(FilePath(), c.File);
+        ASSERT_EQ(LoadDirectory(), 1);
+        EXPECT_EQ(DirectoryCount.load(), c.Loaded);
+        if (c.Loaded > 0) {
+            EXPECT_EQ(Directory[c.Loaded - 1].Reserved124[0], c.Loaded) << "the last one loaded";
+        }
+        EXPECT_TRUE(SlotIsZero(c.Loaded));
+    }
     EXPECT_TRUE(messages_.empty());
 }
 
@@ -150,17 +127,12 @@ TEST_F(DirectoryTest, SaveWritesEveryFieldAtItsOffsetAndKeepsTheOlderTail) {
     // Not cut short: the older bytes behind the new record stay.
     ASSERT_EQ(bytes.size(), 2 + tail.size());
     EXPECT_EQ(bytes.substr(0, 2), CountBytes(1));
-    const std::string rec = bytes.substr(2, CorrespondentSize);
-    EXPECT_EQ(rec.substr(0, 13), std::string("Smith & Sons\0", 13));
-    EXPECT_EQ(rec.substr(32, 8), std::string("555+666\0", 8));
-    EXPECT_EQ(rec.substr(64, 4), std::string("\x02\x00\x00\x00", 4));
-    EXPECT_EQ(rec.substr(68, 4), std::string("\x04\x03\x02\x01", 4));
-    EXPECT_EQ(rec.substr(72, 8), std::string("\x00\x01\x01\x00\x01\x01\x01\x01", 8));
-    EXPECT_EQ(rec.substr(80, 20), std::string("a contact name long\0", 20));
-    EXPECT_EQ(rec.substr(100, 5), std::string("0123\0", 5));
-    EXPECT_EQ(rec.substr(120, 4), std::string("\x40\x9C\x00\x00", 4));
-    EXPECT_EQ(rec.substr(124, 12), std::string(12, '\0'));
-    EXPECT_EQ(rec.substr(136, 4), "eDBK");
+    // Little-endian numbers; the flag bytes 72 to 79; the contact cut to 19.
+    EXPECT_EQ(bytes.substr(2, CorrespondentSize),
+              Padded("Smith & Sons", 32) + Padded("555+666", 32) +
+                  std::string("\x02\0\0\0\x04\x03\x02\x01\x00\x01\x01\x00\x01\x01\x01\x01", 16) +
+                  Padded("a contact name long", 20) + Padded("0123", 20) +
+                  std::string("\x40\x9C\0\0", 4) + std::string(12, '\0') + "eDBK");
     EXPECT_EQ(bytes.substr(2 + CorrespondentSize), tail.substr(CorrespondentSize));
 
     // And it comes back as it went.

@@ -1,38 +1,18 @@
 #include "stores/preferences.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include "platform/message_box.h"
-#include "stores/paths.h"
-#include "support/temp_folder.h"
+#include "platform/files.h"
+#include "store_fixture.h"
 
 namespace {
 
-uint32_t LittleEndianAt(const std::string& bytes, size_t offset, size_t width) {
-    uint32_t value = 0;
-    for (size_t i = 0; i < width; ++i) {
-        value |= static_cast<uint32_t>(static_cast<uint8_t>(bytes.at(offset + i))) << (8 * i);
-    }
-    return value;
-}
-
-class PreferencesTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        BuildPaths(folder_.Path());
-        SetMessageBoxHandler([this](const std::string& text) { messages_.push_back(text); });
-    }
-    void TearDown() override { SetMessageBoxHandler(nullptr); }
-
-    TempFolder folder_;
-    std::vector<std::string> messages_;
-};
+using PreferencesTest = StoreTest;
 
 TEST_F(PreferencesTest, ShortAndEmptyFilesAreTakenAsTheyStandAndNotRewritten) {
     // ComPort 3, MaxPortSpeed 57600, IncomingProtocol 2, then the file ends.
@@ -79,23 +59,12 @@ TEST_F(PreferencesTest, SaveWritesEveryFieldAtItsOffset) {
     ThePreferences.IgnoreHotFolders = 1;
     ASSERT_TRUE(SavePreferences());
 
-    const std::string bytes = ReadWholeFile(folder_ / "kestrelbound_prefs");
-    ASSERT_EQ(bytes.size(), 1176u);
-    EXPECT_EQ(LittleEndianAt(bytes, 0, 2), 2u);
-    EXPECT_EQ(LittleEndianAt(bytes, 2, 2), 0u);
-    EXPECT_EQ(LittleEndianAt(bytes, 4, 4), 230400u);
-    EXPECT_EQ(LittleEndianAt(bytes, 8, 2), 2u);
-    EXPECT_EQ(LittleEndianAt(bytes, 10, 2), 1u);
-    EXPECT_EQ(LittleEndianAt(bytes, 12, 2), 20u);
-    EXPECT_EQ(bytes.substr(14, 19), std::string("/usr/bin/first --a\0", 19));
-    EXPECT_EQ(bytes.substr(526, 12), std::string("/opt/second\0", 12));
-    EXPECT_EQ(LittleEndianAt(bytes, 1038, 2), 0u);
-    EXPECT_EQ(LittleEndianAt(bytes, 1040, 4), 115200u);
-    EXPECT_EQ(LittleEndianAt(bytes, 1044, 2), 3u);
-    EXPECT_EQ(LittleEndianAt(bytes, 1046, 2), 1u);
-    EXPECT_EQ(LittleEndianAt(bytes, 1048, 2), 0xFFFEu);
-    EXPECT_EQ(LittleEndianAt(bytes, 1050, 2), 1u);
-    EXPECT_EQ(bytes.substr(1052), std::string(124, '\0'));
+    // Little-endian fields; the reserved words and the tail zero, as loaded.
+    EXPECT_EQ(ReadWholeFile(folder_ / "kestrelbound_prefs"),
+              std::string("\x02\0\0\0\x00\x84\x03\x00\x02\0\x01\0\x14\0", 14) +
+                  Padded("/usr/bin/first --a", 512) + Padded("/opt/second", 512) +
+                  std::string("\0\0\x00\xC2\x01\x00\x03\0\x01\0\xFE\xFF\x01\0", 14) +
+                  std::string(124, '\0'));
 
     // And the next start reads back what was saved.
     ThePreferences.AdapterModel = 0;
@@ -132,8 +101,7 @@ TEST_F(PreferencesTest, SaveNeedsAnExistingFileAndSaysNothingWithout) {
     ThePreferences = Preferences{};
     ThePreferences.ComPort = 1;
     EXPECT_FALSE(SavePreferences());
-    struct stat info {};
-    EXPECT_NE(::stat((folder_ / "kestrelbound_prefs").c_str(), &info), 0);
+    EXPECT_FALSE(PathExists(folder_ / "kestrelbound_prefs"));
     EXPECT_TRUE(messages_.empty());
 
     // A file that opens but takes no bytes: the save fails, still silently.
