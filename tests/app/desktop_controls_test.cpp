@@ -32,27 +32,16 @@ protected:
         WindowTest::TearDown();
     }
 
-    EventOutcome Deliver(EventKind kind, int id, const std::string& text = "", int row = -1) {
-        WindowEvent event;
-        event.Kind = kind;
-        event.Id = id;
-        event.Text = text;
-        event.Row = row;
-        return window_->HandleEvent(event);
-    }
-    EventOutcome Press(int id) { return Deliver(EventKind::ButtonPressed, id); }
     void AddRecord(const std::string& name, const std::string& number) {
-        Deliver(EventKind::TextEdited, IDC_NAME, name);
-        Deliver(EventKind::TextEdited, IDC_NUMBER, number);
+        Type(IDC_NAME, name);
+        Type(IDC_NUMBER, number);
         ASSERT_TRUE(Press(IDC_ADD).Done) << name;
     }
     void Select(const std::string& name) {
         const std::vector<std::string> rows = RowTexts(IDC_DIRECTORY_LIST);
         for (size_t i = 0; i < rows.size(); ++i) {
             if (rows[i] == name) {
-                ASSERT_TRUE(Deliver(EventKind::SelectionChanged, IDC_DIRECTORY_LIST, "",
-                                    static_cast<int>(i))
-                                .Done);
+                ASSERT_TRUE(Choose(IDC_DIRECTORY_LIST, static_cast<int>(i)).Done);
                 return;
             }
         }
@@ -97,11 +86,7 @@ TEST_F(DesktopControlsTest, APickUpFolderIsMadeOnceAndOpenedWithOrWithoutCtrl) {
 
     // Send marks the folder hot only when the record is stored.
     Select("Smith");
-    WindowEvent click;
-    click.Kind = EventKind::BoxClicked;
-    click.Id = IDC_HOT_SEND;
-    click.Checked = true;
-    ASSERT_TRUE(window_->HandleEvent(click).Done);
+    ASSERT_TRUE(Click(IDC_HOT_SEND, true).Done);
     EXPECT_FALSE(Controls().Checked(IDC_HOT_RETRIEVE));
     EXPECT_EQ(Directory[0].HotSend, 0);
     ASSERT_TRUE(Press(IDC_CHANGE).Done);
@@ -111,12 +96,10 @@ TEST_F(DesktopControlsTest, APickUpFolderIsMadeOnceAndOpenedWithOrWithoutCtrl) {
     // The scan looks at a hot folder only while "Ignore Hot Folders" is
     // clear; its first look notes the folder's total.
     WriteWholeFile(PickUpPath + "/Smith/a.txt", "12345");
-    click.Id = IDC_IGNORE_HOT;
-    ASSERT_TRUE(window_->HandleEvent(click).Done);
+    ASSERT_TRUE(Click(IDC_IGNORE_HOT, true).Done);
     window_->OnTimer(TimerHotFolders);
     EXPECT_EQ(Directory[0].HotBytes, 0u);
-    click.Checked = false;
-    ASSERT_TRUE(window_->HandleEvent(click).Done);
+    ASSERT_TRUE(Click(IDC_IGNORE_HOT, false).Done);
     window_->OnTimer(TimerHotFolders);
     EXPECT_EQ(Directory[0].HotBytes, 5u);
 
@@ -156,7 +139,7 @@ TEST_F(DesktopControlsTest, ANameThatIsNoFolderNameNeverBecomesAPath) {
     AddRecord("Jones", "5559876");
     ASSERT_TRUE(Press(IDC_MAKE_FOLDER).Done);
     Select("Jones");
-    Deliver(EventKind::TextEdited, IDC_NAME, "../Smith");
+    Type(IDC_NAME, "../Smith");
     ASSERT_TRUE(Press(IDC_CHANGE).Done);
     EXPECT_TRUE(FolderExists(PickUpPath + "/Jones/Sent Files"));
     EXPECT_EQ(ReadWholeFile(PickUpPath + "/Smith/secret"), "smith's");
@@ -206,33 +189,29 @@ TEST_F(DesktopControlsTest, HelpTheIncomingFolderAndTheProgramsGoToTheDesktop) {
     ASSERT_EQ(system.size(), 2u);
     EXPECT_EQ(system[1].Text, "&About Kestrelbound...");
     EXPECT_EQ(system[1].Command, IDM_ABOUTBOX);
-    ASSERT_TRUE(Deliver(EventKind::MenuCommand, IDM_ABOUTBOX).Done);
+    ASSERT_TRUE(ChooseMenu(IDM_ABOUTBOX).Done);
     EXPECT_TRUE(Controls().Shown(IDD_ABOUTBOX));
 }
 
 TEST_F(DesktopControlsTest, AnExportedEntryComesBackAsTheRecordItWas) {
-    EXPECT_FALSE(Deliver(EventKind::MenuCommand, ID_FILE_EXPORT_ENTRY).Done) << "nothing on show";
+    EXPECT_FALSE(ChooseMenu(ID_FILE_EXPORT_ENTRY).Done) << "nothing on show";
     AddRecord("Smith & Co", "030 5551234");
     Select("Smith & Co");
-    Deliver(EventKind::SelectionChanged, IDC_PROTOCOL, "", 2);
-    Deliver(EventKind::SelectionChanged, IDC_CARRIER, "", 3);
-    WindowEvent box;
-    box.Kind = EventKind::BoxClicked;
-    box.Id = IDC_56K;
-    box.Checked = true;
-    window_->HandleEvent(box);
+    Choose(IDC_PROTOCOL, 2);
+    Choose(IDC_CARRIER, 3);
+    Click(IDC_56K, true);
     ASSERT_TRUE(Press(IDC_CHANGE).Done);
     ASSERT_TRUE(Press(IDC_MAKE_FOLDER).Done);
     const Correspondent original = Directory[0];
 
     // Cancelled, nothing is written; a place that cannot take a file is told.
-    ASSERT_TRUE(Deliver(EventKind::MenuCommand, ID_FILE_EXPORT_ENTRY).Done);
+    ASSERT_TRUE(ChooseMenu(ID_FILE_EXPORT_ENTRY).Done);
     desktop_.Answer(folder_ / "no folder/x.KBE");
-    ASSERT_TRUE(Deliver(EventKind::MenuCommand, ID_FILE_EXPORT_ENTRY).Done);
+    ASSERT_TRUE(ChooseMenu(ID_FILE_EXPORT_ENTRY).Done);
     EXPECT_EQ(Messages(), std::vector<std::string>{"Cannot create exported directory entry file."});
     const std::string exported = folder_ / "smith.KBE";
     desktop_.Answer(exported);
-    ASSERT_TRUE(Deliver(EventKind::MenuCommand, ID_FILE_EXPORT_ENTRY).Done);
+    ASSERT_TRUE(ChooseMenu(ID_FILE_EXPORT_ENTRY).Done);
     EXPECT_EQ(desktop_.Take(), std::vector<std::string>(3, "dialog: save Smith & Co.KBE"));
 
     const std::string bytes = ReadWholeFile(exported);

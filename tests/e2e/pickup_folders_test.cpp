@@ -299,9 +299,7 @@ protected:
         EXPECT_NE(port_->ReceiveUntil("RCVCON\r\n", 5000).find("RCVCON"), std::string::npos);
         port_->Send("RETRIEVE\r\n" + number + std::string(32 - number.size(), '\0'));
         const std::string answer = port_->ReceiveUntil("\r\n", 5000);
-        EXPECT_TRUE(port_->HangUp());
-        EXPECT_TRUE(station_->WaitForLog("Reinitializing Incoming"));
-        EXPECT_EQ(station_->Command("wait-state idle 30"), "ok");
+        EndCall();
         return answer;
     }
 };
@@ -323,9 +321,8 @@ TEST_F(FolderThief, EntriesAndRequestsMeantForOtherPeoplesFoldersReachNothing) {
                                              Entry("jones.KBE", "Jones", "5553003")};
     ASSERT_TRUE(port_->Dial("5552002"));
     ASSERT_EQ(peer::SendSession(*port_, entries), "");
-    EXPECT_TRUE(port_->HangUp());
+    EndCall();
     ASSERT_TRUE(station_->WaitForLog("Directory Entry Added"));
-    ASSERT_EQ(station_->Command("wait-state idle 30"), "ok");
     EXPECT_EQ(Count(*station_, "Directory Entry Not Added: Smith is in the directory already."), 1);
     EXPECT_EQ(Count(*station_, "Directory Entry Not Added: its name cannot name a folder."), 1);
     EXPECT_NE(station_->ShowControl("IDC_DIRECTORY_LIST").find("rows=\"Jones|Smith\""),

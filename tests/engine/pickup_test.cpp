@@ -123,6 +123,11 @@ TEST_F(PickUpTest, AHotFolderGoesOutOnceItsTotalHasStoodStill) {
 
     EXPECT_EQ(HotFolderDue(), -1);  // the total is noted
     EXPECT_EQ(Directory[0].HotBytes, 16u);
+    // During a call nothing is looked at, and nothing goes out.
+    TheEngine.LinkState = LinkConnected;
+    EXPECT_EQ(HotFolderDue(), -1);
+    EXPECT_EQ(Directory[0].HotBytes, 16u);
+    TheEngine.LinkState = LinkIdle;
     // A call that rings in starts the count again.
     Send("\r\nRING\r\n");
     EXPECT_EQ(TakeUntil("\r", 3000), "ATA\r");

@@ -1,6 +1,8 @@
 #include "stores/preferences.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -104,9 +106,19 @@ TEST_F(PreferencesTest, SaveNeedsAnExistingFileAndSaysNothingWithout) {
     EXPECT_FALSE(PathExists(folder_ / "kestrelbound_prefs"));
     EXPECT_TRUE(messages_.empty());
 
-    // A file that opens but takes no bytes: the save fails, still silently.
-    ASSERT_EQ(::symlink("/dev/full", (folder_ / "kestrelbound_prefs").c_str()), 0);
-    EXPECT_FALSE(SavePreferences());
+    // A file that opens but takes only some of the bytes, the process being
+    // held to a smaller file size: the save fails, still silently.
+    WriteWholeFile(folder_ / "kestrelbound_prefs", std::string(1176, '\0'));
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
+    rlimit small = before;
+    small.rlim_cur = 100;
+    const auto oldHandler = ::signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+    const bool saved = SavePreferences();
+    ::setrlimit(RLIMIT_FSIZE, &before);
+    ::signal(SIGXFSZ, oldHandler);
+    EXPECT_FALSE(saved);
     EXPECT_TRUE(messages_.empty());
 }
 
