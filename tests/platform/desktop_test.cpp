@@ -133,7 +133,7 @@ TEST_F(LinuxDesktopTest, FoldersPagesAndProgramsGoToTheDesktopsHandlers) {
     sigaddset(&stop, SIGTERM);
     sigset_t before;
     ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &stop, &before), 0);
-    Tool("program", "/bin/grep SigBlk /proc/$$/status > '" + report_ + "'");
+    Tool("program", "exec /bin/grep SigBlk /proc/self/status > '" + report_ + "'");
     desktop.StartProgram(root_ / "bin/program");
     EXPECT_EQ(Reported("SigBlk:\t0000000000000000\n"),
               root_ / "bin/program\nSigBlk:\t0000000000000000\n");
