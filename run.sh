@@ -14,7 +14,7 @@ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$build" -j2 --target kbstation virtual-ta
 
 demo=$PWD/demo
-station=$PWD/$build/src/app/kbstation
+station=$PWD/$build/src/station/kbstation
 adapters=$PWD/$build/tools/virtual-ta/virtual-ta
 samples="$demo/samples/Holiday Photos"
 

@@ -89,6 +89,12 @@ void PlaceCall(const CallRequest& call) {
         ShowMessageBox("Please select a correspondent in your Directory.");
         return;
     }
+    // Without an adapter nothing would ever answer the dial, and the link
+    // would wait in LinkDialing for good; the user hears why instead.
+    if (!AdapterFound.load()) {
+        ShowMessageBox(NoAdapterMessage);
+        return;
+    }
     // The adapter's answer to the dial is read only once the link stands in
     // LinkDialing, however quickly it comes.
     PortConversation conversation;

@@ -133,6 +133,14 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), std::vector<std::string>{"unreadable"});
     EXPECT_EQ(Messages(),
               std::vector<std::string>{"Please select a correspondent in your Directory."});
+    // With a number but no adapter found, nothing would ever answer the dial:
+    // the call is not placed, and the user is told why.
+    Type(IDC_NUMBER, "5551234");
+    Drop(IDC_SEND, {folder_ / "unreadable"});
+    EXPECT_EQ(Messages().back(),
+              "Could not find your ISDN TA.  Please check your cables\rand make sure the ISDN "
+              "TA is powered on.");
+    EXPECT_EQ(TheEngine.LinkState.load(), LinkIdle);
 }
 
 TEST_F(FileListTest, DeleteTakesTheClickedRowAndItsEntry) {
