@@ -26,8 +26,8 @@ void MainWindow::OnOpenIncoming() {
 }
 
 void MainWindow::OnHelp() {
-    if (TheDesktop().ShowPage(HelpPath)) {
-        TheDesktop().BringBrowserForward();
+    if (TheDesktop().OpenInBrowser(HelpPath)) {
+        TheDesktop().ActivateBrowser();
         return;
     }
     ShowMessageBox("Please launch your preferred web browser to use\non-line help.");

@@ -248,7 +248,7 @@ void LinuxDesktop::ShowFolder(const std::string& path) {
     StartDetached({"xdg-open", path});
 }
 
-bool LinuxDesktop::ShowPage(const std::string& page) {
+bool LinuxDesktop::OpenInBrowser(const std::string& page) {
     if (!GraphicalSession()) {
         return false;
     }
@@ -259,7 +259,7 @@ bool LinuxDesktop::ShowPage(const std::string& page) {
            (run.How == Bounded::Outcome::Exited && run.ExitCode == 0);
 }
 
-void LinuxDesktop::BringBrowserForward() {
+void LinuxDesktop::ActivateBrowser() {
     // A browser that takes a page from the desktop's handler raises its own
     // window with it; the desktop offers no way of its own to raise another
     // program's window, and none is needed.

@@ -34,9 +34,9 @@ public:
     virtual void ShowFolder(const std::string& path) = 0;
     // Asks the desktop's web browser to show the page, a file path or a URL.
     // True if a browser took the request; the page need not be shown yet.
-    [[nodiscard]] virtual bool ShowPage(const std::string& page) = 0;
+    [[nodiscard]] virtual bool OpenInBrowser(const std::string& page) = 0;
     // Brings the browser that took the last page to the front.
-    virtual void BringBrowserForward() = 0;
+    virtual void ActivateBrowser() = 0;
     // Starts the program at the path and returns at once; nothing waits for
     // it and nothing is told when it fails.
     virtual void StartProgram(const std::string& path) = 0;
@@ -62,8 +62,8 @@ public:
     static constexpr int PageHandOffMs = 2000;
 
     void ShowFolder(const std::string& path) override;
-    [[nodiscard]] bool ShowPage(const std::string& page) override;
-    void BringBrowserForward() override;
+    [[nodiscard]] bool OpenInBrowser(const std::string& page) override;
+    void ActivateBrowser() override;
     void StartProgram(const std::string& path) override;
     [[nodiscard]] std::optional<std::string> ChooseFile(const FileDialogRequest& request) override;
 };

@@ -19,12 +19,12 @@ void StationDesktop::ShowFolder(const std::string& path) {
     PrintLine("open: " + OneLine(path));
 }
 
-bool StationDesktop::ShowPage(const std::string& page) {
+bool StationDesktop::OpenInBrowser(const std::string& page) {
     PrintLine("browse: " + OneLine(page));
     return BrowserRunning.load();
 }
 
-void StationDesktop::BringBrowserForward() {
+void StationDesktop::ActivateBrowser() {
     PrintLine("raise: browser");
 }
 

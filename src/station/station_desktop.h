@@ -17,8 +17,8 @@
 class StationDesktop : public Desktop {
 public:
     void ShowFolder(const std::string& path) override;
-    [[nodiscard]] bool ShowPage(const std::string& page) override;
-    void BringBrowserForward() override;
+    [[nodiscard]] bool OpenInBrowser(const std::string& page) override;
+    void ActivateBrowser() override;
     void StartProgram(const std::string& path) override;
     [[nodiscard]] std::optional<std::string> ChooseFile(const FileDialogRequest& request) override;
 

@@ -100,25 +100,25 @@ TEST_F(LinuxDesktopTest, FoldersPagesAndProgramsGoToTheDesktopsHandlers) {
     EXPECT_EQ(Reported("Pick Up\n"), root_ / "bin/xdg-open\n/home/a/Pick Up\n");
 
     // A path becomes a file URL with every byte a URL could misread escaped.
-    EXPECT_TRUE(desktop.ShowPage("/home/a b/#Manual/Start_Here.html"));
+    EXPECT_TRUE(desktop.OpenInBrowser("/home/a b/#Manual/Start_Here.html"));
     EXPECT_EQ(Reported("html\n"),
               root_ / "bin/xdg-open\nfile:///home/a%20b/%23Manual/Start_Here.html\n");
 
     // A handler that refuses the page: no browser took it.
     Tool("xdg-open", "exit 3");
-    EXPECT_FALSE(desktop.ShowPage("http://example.org/refused"));
+    EXPECT_FALSE(desktop.OpenInBrowser("http://example.org/refused"));
     // One still handing the page over at the limit: a browser is showing it.
     Tool("xdg-open", "exec /bin/sleep 30");
-    EXPECT_TRUE(desktop.ShowPage("http://example.org/slow"));
+    EXPECT_TRUE(desktop.OpenInBrowser("http://example.org/slow"));
     {
         // With no graphical session nothing is asked at all.
         EnvironmentValue display("DISPLAY", "");
         EnvironmentValue wayland("WAYLAND_DISPLAY", "");
         Tool("xdg-open", "exit 0");
-        EXPECT_FALSE(desktop.ShowPage("/no-session.html"));
+        EXPECT_FALSE(desktop.OpenInBrowser("/no-session.html"));
     }
     ASSERT_EQ(::unlink((root_ / "bin/xdg-open").c_str()), 0);
-    EXPECT_FALSE(desktop.ShowPage("/m.html")) << "without xdg-open nothing takes a page";
+    EXPECT_FALSE(desktop.OpenInBrowser("/m.html")) << "without xdg-open nothing takes a page";
     Tool("xdg-open");
     desktop.ShowFolder("/end");
     const std::string handler = root_ / "bin/xdg-open\n";

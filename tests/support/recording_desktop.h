@@ -20,11 +20,11 @@ public:
     RecordingDesktop& operator=(const RecordingDesktop&) = delete;
 
     void ShowFolder(const std::string& path) override { Note("open: " + path); }
-    bool ShowPage(const std::string& page) override {
+    bool OpenInBrowser(const std::string& page) override {
         Note("browse: " + page);
         return BrowserRunning;
     }
-    void BringBrowserForward() override { Note("raise: browser"); }
+    void ActivateBrowser() override { Note("raise: browser"); }
     void StartProgram(const std::string& path) override { Note("run: " + path); }
     std::optional<std::string> ChooseFile(const FileDialogRequest& request) override {
         Note(request.For == FileDialogRequest::Purpose::Save
