@@ -305,6 +305,9 @@ void MainView::MakeWidget(const ControlState& state, const ControlPlace& place) 
             auto* list = new QListWidget(page_);
             list->setSelectionMode(QAbstractItemView::SingleSelection);
             list->setUniformItemSizes(true);
+            list->viewport()->installEventFilter(this);
+            viewports_[list->viewport()] = id;
+            // Clicks come through the filter; this is the keyboard's choice.
             connect(list, &QListWidget::itemSelectionChanged, this, [this, id, list] {
                 const QModelIndexList rows = list->selectionModel()->selectedRows();
                 WindowEvent event = EventOf(EventKind::SelectionChanged, id);
@@ -335,9 +338,9 @@ void MainView::MakeWidget(const ControlState& state, const ControlPlace& place) 
             tree->header()->setSectionsClickable(false);
             tree->header()->setSectionsMovable(false);
             tree->header()->setStretchLastSection(false);
-            // Every click reports the row it hit, also none: the window
-            // keeps the selection, the list only shows it.
             tree->viewport()->installEventFilter(this);
+            viewports_[tree->viewport()] = id;
+            // Clicks come through the filter; this is the keyboard's choice.
             connect(tree, &QTreeWidget::currentItemChanged, this,
                     [this, id, tree](QTreeWidgetItem* current) {
                         WindowEvent event = EventOf(EventKind::SelectionChanged, id);
@@ -629,23 +632,34 @@ void MainView::dropEvent(QDropEvent* event) {
 }
 
 bool MainView::eventFilter(QObject* watched, QEvent* event) {
-    auto* files = static_cast<QTreeWidget*>(WidgetOf(IDC_FILE_LIST));
-    if (files == nullptr || watched != files->viewport()) {
+    const auto found = viewports_.find(watched);
+    if (found == viewports_.end()) {
         return QMainWindow::eventFilter(watched, event);
     }
+    const int id = found->second;
+    auto* view = static_cast<QAbstractItemView*>(WidgetOf(id));
     if (event->type() == QEvent::MouseButtonPress) {
         const auto* click = static_cast<QMouseEvent*>(event);
-        if (click->button() == Qt::LeftButton) {
-            const QModelIndex hit = files->indexAt(click->position().toPoint());
-            WindowEvent clicked = EventOf(EventKind::SelectionChanged, IDC_FILE_LIST);
-            clicked.Row = hit.isValid() ? hit.row() : -1;
-            Send(clicked);
-            files->setFocus(Qt::MouseFocusReason);
+        if (click->button() != Qt::LeftButton) {
             return true;
         }
+        // Every click on a row reports it, also the row already selected;
+        // a click on the file list below its rows reports none. The window
+        // keeps the selection and the list shows it.
+        const QModelIndex hit = view->indexAt(click->position().toPoint());
+        const bool files = id == IDC_FILE_LIST;
+        if (hit.isValid() || files) {
+            WindowEvent clicked = EventOf(EventKind::SelectionChanged, id);
+            clicked.Row = hit.isValid() ? hit.row() : -1;
+            Send(clicked);
+        }
+        view->setFocus(Qt::MouseFocusReason);
+        return true;
     }
-    // A double click does nothing more than its first click.
-    if (event->type() == QEvent::MouseButtonDblClick) {
+    // A double click does nothing more than its first click, and dragging
+    // over the rows selects nothing.
+    if (event->type() == QEvent::MouseButtonDblClick || event->type() == QEvent::MouseMove ||
+        event->type() == QEvent::MouseButtonRelease) {
         return true;
     }
     return QMainWindow::eventFilter(watched, event);

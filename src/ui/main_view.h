@@ -75,6 +75,9 @@ private:
     QWidget* page_ = nullptr;
     AboutBox* about_ = nullptr;
     std::map<int, QWidget*> widgets_;
+    // The lists' viewports, whose clicks the view reports itself, by the
+    // list's control.
+    std::map<QObject*, int> viewports_;
     // The place of each caption (a label, check box or radio button) as the
     // layout gives it, before it is fitted to its text.
     std::map<int, QRect> captionPlaces_;
