@@ -40,6 +40,13 @@ void ControlChanges::Resync(int id) {
     WakeLocked();
 }
 
+void ControlChanges::EditHandled(int id) {
+    std::lock_guard<std::mutex> guard(lock_);
+    ++pending_.EditsHandled[id];
+    pending_.Ids.insert(id);
+    WakeLocked();
+}
+
 void ControlChanges::ResyncMenus() {
     std::lock_guard<std::mutex> guard(lock_);
     pending_.Menus = true;

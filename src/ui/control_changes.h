@@ -25,6 +25,8 @@ public:
         // Rows to bring into view, by list: selecting a row shows it, even
         // when a later change takes the selection away again.
         std::map<int, int> RowsToShow;
+        // How many of the user's edits of each field the window has handled.
+        std::map<int, int> EditsHandled;
     };
 
     // The object whose slot "FlushChanges" the GUI thread runs when there is
@@ -37,6 +39,8 @@ public:
     // the model has not changed, such as after a refused click.
     void Resync(int id);
     void ResyncMenus();
+    // The window has handled an edit of the user's in that field.
+    void EditHandled(int id);
 
     // On the GUI thread: everything noted since the last take.
     Pending Take();

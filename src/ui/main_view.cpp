@@ -226,12 +226,19 @@ QWidget* MainView::WidgetOf(int id) const {
 
 void MainView::Send(const WindowEvent& event) {
     std::shared_ptr<ControlChanges> changes = changes_;
-    MainLoop().Post([event, changes] {
+    const bool edit = event.Kind == EventKind::TextEdited;
+    if (edit) {
+        ++editsUnhandled_[event.Id];
+    }
+    MainLoop().Post([event, changes, edit] {
         MainWindow* window = ActiveMainWindow();
         if (window == nullptr) {
             return;
         }
         const EventOutcome outcome = window->HandleEvent(event);
+        if (edit) {
+            changes->EditHandled(event.Id);
+        }
         // A menu entry may have checked itself in the menu as it was chosen;
         // the model's checks stand.
         if (event.Kind == EventKind::MenuCommand) {
@@ -459,8 +466,9 @@ void MainView::Follow(int id, const std::map<int, int>& rowsToShow) {
         case ControlKind::Edit: {
             auto* edit = static_cast<QLineEdit*>(widget);
             // Set only when it differs, so the cursor stays where the user
-            // types.
-            if (edit->text() != Text(state.Text)) {
+            // types, and not while the user's typing is on its way to the
+            // window.
+            if (editsUnhandled_[id] == 0 && edit->text() != Text(state.Text)) {
                 edit->setText(Text(state.Text));
             }
             break;
@@ -502,6 +510,9 @@ void MainView::Follow(int id, const std::map<int, int>& rowsToShow) {
 
 void MainView::FlushChanges() {
     const ControlChanges::Pending pending = changes_->Take();
+    for (const auto& [id, handled] : pending.EditsHandled) {
+        editsUnhandled_[id] = std::max(0, editsUnhandled_[id] - handled);
+    }
     // New controls are made in the window's own order, so that the focus
     // moves through them in that order.
     for (const ControlPlace& place : MainWindowLayout()) {

@@ -82,5 +82,9 @@ private:
     // layout gives it, before it is fitted to its text.
     std::map<int, QRect> captionPlaces_;
     std::vector<QMenu*> menus_;
+    // The user's edits of each field that the window has not handled yet.
+    // While any is on its way, the field keeps what the user typed: the
+    // model's text then is older than the field's.
+    std::map<int, int> editsUnhandled_;
     bool shown_ = false;
 };

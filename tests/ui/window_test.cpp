@@ -26,6 +26,7 @@
 #include "app/control_model.h"
 #include "app/main_window.h"
 #include "line/adapter.h"
+#include "platform/event_loop.h"
 #include "platform/files.h"
 #include "resources/resource.h"
 #include "support/recording_desktop.h"
@@ -234,6 +235,30 @@ TEST_F(WindowTest, TypingClicksChoicesAndMenusReachTheWindowWhichDecides) {
     ASSERT_TRUE(WaitUntil([&] { return !View().About()->isVisible(); }));
     EXPECT_FALSE(Controls().Shown(IDD_ABOUTBOX));
 
+    const std::vector<std::string> left = WaitForWidgetsToFollow();
+    EXPECT_TRUE(left.empty()) << left.front();
+}
+
+TEST_F(WindowTest, TypingIsNeverUndoneByTheWindowCatchingUpWithIt) {
+    WaitForStart();
+    auto* name = WidgetAs<QLineEdit>(IDC_NAME);
+    name->setFocus();
+    // The window is busy (as during the search for the adapter) while the
+    // user types on; the model holds only the first letter when the GUI next
+    // draws.
+    std::promise<void> released;
+    const auto holdTheWindow = [&] {
+        std::shared_future<void> release = released.get_future().share();
+        MainLoop().Post([release] { release.wait(); });
+    };
+    QTest::keyClicks(name, QStringLiteral("B"));
+    ASSERT_TRUE(WaitUntil([] { return Controls().Text(IDC_NAME) == "B"; }));
+    holdTheWindow();
+    QTest::keyClicks(name, QStringLiteral("ob"));
+    QCoreApplication::processEvents();
+    EXPECT_EQ(name->text().toStdString(), "Bob");
+    released.set_value();
+    ASSERT_TRUE(WaitUntil([] { return Controls().Text(IDC_NAME) == "Bob"; }));
     const std::vector<std::string> left = WaitForWidgetsToFollow();
     EXPECT_TRUE(left.empty()) << left.front();
 }
