@@ -17,9 +17,6 @@ public:
     int Y(int units) const;
     QRect Rect(int x, int y, int width, int height) const;
 
-    double AverageCharWidth() const { return averageWidth_; }
-    int CharHeight() const { return height_; }
-
 private:
     double averageWidth_ = 0;
     int height_ = 0;

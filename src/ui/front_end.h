@@ -74,7 +74,6 @@ public:
     int ExitStatus() const { return exitStatus_; }
 
     MainView& View() const { return *view_; }
-    GuiThread& Gui() const { return *gui_; }
 
     // Writes a PNG of the window to the file, through a file beside it, so a
     // reader never finds half a picture. False if it could not be written.

@@ -537,7 +537,6 @@ void MainView::FlushChanges() {
         FitCaptions();
         shown_ = true;
         show();
-        emit FirstShown();
         if (pending.Ids.count(IDD_ABOUTBOX) != 0) {
             Follow(IDD_ABOUTBOX, pending.RowsToShow);
         }

@@ -45,10 +45,6 @@ public:
     // those widgets, and the menus, to the model's state.
     Q_INVOKABLE void FlushChanges();
 
-signals:
-    // The window has been shown for the first time, with its controls.
-    void FirstShown();
-
 protected:
     void closeEvent(QCloseEvent* event) override;
     void dragEnterEvent(QDragEnterEvent* event) override;
