@@ -95,12 +95,15 @@ TEST_F(DesktopTest, AProgramStartsInASessionOfItsOwnWithNoSignalHeldBack) {
     const std::string report = folder_ / "status";
     const std::string session = folder_ / "session";
     const std::string script = folder_ / "program.sh";
+    // Each command reads its own record: the shell blocks every signal for a
+    // moment whenever it starts a command, so its record, read from outside,
+    // may show that moment.
     WriteWholeFile(script,
                    "#!/bin/sh\n"
-                   "cut -d' ' -f6 /proc/$$/stat > '" +
+                   "cut -d' ' -f6 /proc/self/stat > '" +
                        session +
                        "'\n"
-                       "cat /proc/$$/status > '" +
+                       "cat /proc/self/status > '" +
                        report +
                        ".part'\n"
                        "mv '" +
