@@ -21,7 +21,7 @@
 #include <vector>
 
 #include "harness.h"
-#include "installation.h"
+#include "support/installation.h"
 
 namespace {
 

@@ -37,6 +37,7 @@ endforeach()
 # front end adds its own folder.
 kb_layer_view(frontend resources platform app)
 kb_layer_view(station resources platform app station)
+kb_layer_view(ui resources platform app ui)
 # virtual-ta plays the adapters; it shares the platform's services and
 # nothing of the program's own logic.
 kb_layer_view(virtual-ta platform virtual-ta=${PROJECT_SOURCE_DIR}/tools/virtual-ta)

@@ -2,7 +2,11 @@
 # Installs the Debian packages that the build and the tests need, when any of
 # them is missing. Sourced by run.sh and test.sh; runs apt-get update at most once.
 
-KB_PACKAGES=(cmake ninja-build g++ libgtest-dev libgmock-dev clang-format clang-tidy)
+# Qt 6 for the desktop program (kestrelbound): Widgets, its tools (moc, rcc),
+# SVG for the pictures, the platform plugins (its tests run on "offscreen"),
+# and a font for them to draw with.
+KB_PACKAGES=(cmake ninja-build g++ libgtest-dev libgmock-dev clang-format clang-tidy
+    qt6-base-dev qt6-base-dev-tools qt6-svg-dev qt6-qpa-plugins libgl-dev fonts-dejavu-core)
 
 kb_missing_packages() {
     local missing=()

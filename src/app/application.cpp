@@ -25,6 +25,16 @@ void EnsurePickUpRoot() {
 
 }  // namespace
 
+std::string ManualStartPageBelow(const std::string& root) {
+    const bool slashed = !root.empty() && root.back() == '/';
+    return root + (slashed ? "" : "/") + HelpPageName;
+}
+
+std::string ManualFolderBelow(const std::string& root) {
+    const std::string page = ManualStartPageBelow(root);
+    return page.substr(0, page.rfind('/'));
+}
+
 bool TransferApp::InitInstance() {
     MainWindow window;
     if (PrepareWindow) {

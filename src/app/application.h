@@ -5,6 +5,7 @@
 #pragma once
 
 #include <functional>
+#include <string>
 
 #include "app/main_window.h"
 
@@ -20,3 +21,8 @@ public:
     // the program ends when its window does.
     bool InitInstance();
 };
+
+// Where an installation keeps the manual: its folder below the installation's
+// folder, and the start page in it that Help shows.
+std::string ManualFolderBelow(const std::string& root);
+std::string ManualStartPageBelow(const std::string& root);

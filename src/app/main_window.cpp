@@ -283,6 +283,8 @@ bool MainWindow::OnInitDialog() {
         // Nothing runs in this state; the log list still takes what is logged.
         SetLogLineSink([this](const std::string& line) { AddLogLine(line); });
         ShowMessageBox("Cannot create comm port information.");
+        // No search follows: the start is over as it is.
+        startOver_ = true;
         return false;
     }
     EngineStartup();
@@ -317,6 +319,7 @@ void MainWindow::OnTimer(int id) {
             if (search == AdapterSearch::WaitingForCalls) {
                 MainLoop().SetTimer(TimerHotFolders, HotFolderPeriodMs);
             }
+            startOver_ = true;
             break;
         }
         case TimerHotFolders:

@@ -135,6 +135,11 @@ public:
     // True once OnInitDialog has started the engine, so that the end of the
     // program knows what to free.
     bool EngineStarted() const { return engineStarted_; }
+    // True once the start is over: the search for the adapter that follows
+    // the splash has ended, whether it found one or not, or the start failed
+    // and no search will come. Any thread may ask; a front end that waits
+    // for the window to settle (to take its picture) asks this.
+    bool StartIsOver() const { return startOver_.load(); }
 
     // ---- The adapter ----
 
@@ -274,6 +279,7 @@ private:
     std::unique_ptr<EngineDisplay> engineDisplay_;
 
     bool engineStarted_ = false;
+    std::atomic<bool> startOver_{false};
     ThreadHandle commThread_;
     bool commThreadStarted_ = false;
     bool exitPrepared_ = false;

@@ -140,15 +140,23 @@ TEST_F(AppStartTest, TheSplashClosesItselfAfterASecondAndTheSearchFollowsOnce) {
             }
         }
     });
-    // The search finds nothing and says so; the user then leaves.
-    onMessage_ = [](const std::string& text) {
+    // The search finds nothing and says so; the start is over only once the
+    // search has returned. The user then leaves.
+    std::vector<bool> startOver;
+    MainLoop().Post([&] { startOver.push_back(ActiveMainWindow()->StartIsOver()); });
+    onMessage_ = [&](const std::string& text) {
         if (text == NoAdapterMessage) {
-            PostEvent(EventKind::Close);
+            startOver.push_back(ActiveMainWindow()->StartIsOver());
+            MainLoop().Post([&] {
+                startOver.push_back(ActiveMainWindow()->StartIsOver());
+                PostEvent(EventKind::Close);
+            });
         }
     };
     const std::vector<std::string> lines = Run(nullptr);
     Controls().RemoveListener(listener);
 
+    EXPECT_EQ(startOver, (std::vector<bool>{false, false, true}));
     EXPECT_EQ(opened, 1);
     EXPECT_GE(std::chrono::duration_cast<std::chrono::milliseconds>(hidden - shown).count(), 990);
     EXPECT_EQ(Messages(), std::vector<std::string>{NoAdapterMessage});

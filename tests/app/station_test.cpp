@@ -12,9 +12,9 @@
 #include <vector>
 
 #include "e2e/harness.h"
-#include "e2e/installation.h"
 #include "platform/files.h"
 #include "stores/status_log.h"
+#include "support/installation.h"
 #include "support/temp_folder.h"
 #include "support/test_data.h"
 

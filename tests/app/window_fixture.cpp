@@ -16,12 +16,6 @@
 #include "stores/preferences.h"
 #include "stores/status_log.h"
 
-void BlockPorts(const std::string& folder) {
-    for (int port = 1; port <= 4; ++port) {
-        WriteWholeFile(folder + "/COM" + std::to_string(port), "");
-    }
-}
-
 void WindowTest::SetUp() {
     BlockPorts(folder_.Path());
     SetMessageBoxHandler([this](const std::string& text) {

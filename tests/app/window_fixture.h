@@ -12,11 +12,8 @@
 #include <vector>
 
 #include "app/main_window.h"
+#include "support/installation.h"
 #include "support/temp_folder.h"
-
-// Makes the ports COM1 to COM4 of an installation plain files, so that a
-// search for the adapter finds nothing there and never touches a real port.
-void BlockPorts(const std::string& folder);
 
 // Rows of a list, by their text.
 std::vector<std::string> RowTexts(int id);

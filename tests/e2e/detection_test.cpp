@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "harness.h"
-#include "installation.h"
+#include "support/installation.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "harness.h"
-#include "installation.h"
+#include "support/installation.h"
 #include "support/wire_peer.h"
 
 class PeerAndStation : public ::testing::Test {

@@ -12,10 +12,10 @@
 #include <vector>
 
 #include "harness.h"
-#include "installation.h"
 #include "peer_fixture.h"
 #include "platform/files.h"
 #include "support/far_end.h"
+#include "support/installation.h"
 #include "support/wire_peer.h"
 #include "two_stations.h"
 

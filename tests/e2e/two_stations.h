@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "harness.h"
-#include "installation.h"
 #include "platform/files.h"
+#include "support/installation.h"
 #include "support/wire_peer.h"
 
 class AliceAndBob {

@@ -133,6 +133,9 @@ TEST_F(LinuxDesktopTest, FoldersPagesAndProgramsGoToTheDesktopsHandlers) {
     sigaddset(&stop, SIGTERM);
     sigset_t before;
     ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &stop, &before), 0);
+    // grep, in the shell's place, reads its own record, which has the program's signals: the
+    // shell's own, read from outside, shows every signal blocked for the
+    // moment in which it starts a command.
     Tool("program", "exec /bin/grep SigBlk /proc/self/status > '" + report_ + "'");
     desktop.StartProgram(root_ / "bin/program");
     EXPECT_EQ(Reported("SigBlk:\t0000000000000000\n"),

@@ -1,0 +1,229 @@
+#include "ui/front_end.h"
+
+#include <QApplication>
+#include <QFile>
+#include <QInputEvent>
+#include <QMessageBox>
+#include <QPixmap>
+#include <QTimer>
+
+#include <cstdio>
+
+#include "app/application.h"
+#include "app/control_model.h"
+#include "app/main_window.h"
+#include "platform/desktop.h"
+#include "platform/event_loop.h"
+#include "platform/files.h"
+#include "platform/message_box.h"
+#include "resources/resource.h"
+#include "ui/about_box.h"
+#include "ui/control_changes.h"
+#include "ui/gui_thread.h"
+#include "ui/main_view.h"
+#include "ui/manual.h"
+#include "ui/qt_desktop.h"
+
+namespace {
+
+// The window was drawn for a font of this size.
+constexpr qreal DialogPointSize = 10;
+// How often a front end that waits for the start to be over asks.
+constexpr int StartCheckMs = 100;
+
+WindowEvent EventOf(EventKind kind, int id) {
+    WindowEvent event;
+    event.Kind = kind;
+    event.Id = id;
+    return event;
+}
+
+// A message that no box can show any more still reaches the user.
+void PrintMessage(const std::string& text) {
+    std::string shown = text;
+    for (char& c : shown) {
+        if (c == '\r') {
+            c = '\n';
+        }
+    }
+    std::fprintf(stderr, "%s\n", shown.c_str());
+}
+
+}  // namespace
+
+QFont DialogFont() {
+    QFont font = QApplication::font();
+    font.setPointSizeF(DialogPointSize);
+    return font;
+}
+
+bool KeyWatcher::Held(Key key) const {
+    const Qt::KeyboardModifiers held(modifiers_.load());
+    return held.testFlag(key == Key::Shift ? Qt::ShiftModifier : Qt::ControlModifier);
+}
+
+bool KeyWatcher::eventFilter(QObject* watched, QEvent* event) {
+    switch (event->type()) {
+        case QEvent::KeyPress:
+        case QEvent::KeyRelease:
+        case QEvent::MouseButtonPress:
+        case QEvent::MouseButtonRelease:
+        case QEvent::MouseButtonDblClick:
+        case QEvent::MouseMove:
+        case QEvent::Wheel:
+            // The keys as they were at the last thing the user did.
+            modifiers_.store(static_cast<QInputEvent*>(event)->modifiers().toInt());
+            break;
+        default:
+            break;
+    }
+    return QObject::eventFilter(watched, event);
+}
+
+FrontEnd::FrontEnd(FrontEndOptions options) : options_(std::move(options)) {}
+
+FrontEnd::~FrontEnd() {
+    if (!started_) {
+        return;
+    }
+    if (program_.joinable()) {
+        // Nothing on the GUI thread answers the program any more; it ends
+        // as the close box ends it.
+        gui_->Close();
+        RequestClose();
+        program_.join();
+    }
+    Controls().RemoveListener(listener_);
+    SetMessageBoxHandler(nullptr);
+    SetKeyStateQuery(nullptr);
+    InstallDesktop(nullptr);
+    qApp->removeEventFilter(&keys_);
+    gui_->Close();
+    view_.reset();
+}
+
+void FrontEnd::Start() {
+    if (started_) {
+        return;
+    }
+    started_ = true;
+    // The program runs in the current folder, and Help shows the manual
+    // from there.
+    const std::string root = CurrentFolder();
+    if (!InstallManual(root)) {
+        std::fprintf(stderr, "kestrelbound: the manual could not be written below %s\n",
+                     root.c_str());
+    }
+
+    gui_ = std::make_unique<GuiThread>();
+    changes_ = std::make_shared<ControlChanges>();
+    view_ = std::make_unique<MainView>(changes_, DialogFont());
+    desktop_ = std::make_unique<QtDesktop>(*gui_, [this] { return view_.get(); });
+
+    qApp->installEventFilter(&keys_);
+    SetKeyStateQuery([this](Key key) { return keys_.Held(key); });
+    if (options_.Screenshot.isEmpty()) {
+        SetMessageBoxHandler([this](const std::string& text) {
+            if (!gui_->Call([&] { ShowMessage(text); })) {
+                PrintMessage(text);
+            }
+        });
+    } else {
+        SetMessageBoxHandler(PrintMessage);
+    }
+    InstallDesktop(desktop_.get());
+    std::shared_ptr<ControlChanges> changes = changes_;
+    listener_ =
+        Controls().AddListener([changes](const ControlEvent& event) { changes->Note(event); });
+
+    program_ = std::thread([this] {
+        TransferApp app;
+        app.InitInstance();
+        QMetaObject::invokeMethod(this, "OnProgramEnded", Qt::QueuedConnection);
+    });
+    if (!options_.Screenshot.isEmpty()) {
+        WaitForStartToEnd();
+    }
+}
+
+void FrontEnd::RequestClose() {
+    view_->Send(EventOf(EventKind::Close, 0));
+}
+
+void FrontEnd::OnProgramEnded() {
+    if (program_.joinable()) {
+        program_.join();
+    }
+    ended_ = true;
+    view_->About()->hide();
+    view_->hide();
+    emit ProgramEnded();
+}
+
+void FrontEnd::ShowMessage(const std::string& text) {
+    // The program's messages break their lines with CR.
+    QString shown = QString::fromStdString(text);
+    shown.replace(QStringLiteral("\r\n"), QStringLiteral("\n"));
+    shown.replace(QLatin1Char('\r'), QLatin1Char('\n'));
+    QMessageBox box(QMessageBox::NoIcon, QString::fromLatin1(WindowCaption), shown, QMessageBox::Ok,
+                    view_.get());
+    box.exec();
+}
+
+void FrontEnd::WaitForStartToEnd() {
+    // The window is asked on its own thread, between its other work; the
+    // answer comes back here at the next look.
+    auto over = std::make_shared<std::atomic<bool>>(false);
+    auto asking = std::make_shared<std::atomic<bool>>(false);
+    auto* timer = new QTimer(this);
+    timer->setInterval(StartCheckMs);
+    connect(timer, &QTimer::timeout, this, [this, timer, over, asking] {
+        if (!over->load()) {
+            if (!asking->exchange(true)) {
+                MainLoop().Post([over, asking] {
+                    const MainWindow* window = ActiveMainWindow();
+                    over->store(window != nullptr && window->StartIsOver() &&
+                                !Controls().Shown(IDD_ABOUTBOX));
+                    asking->store(false);
+                });
+            }
+            return;
+        }
+        timer->stop();
+        timer->deleteLater();
+        if (!WritePicture(options_.Screenshot)) {
+            std::fprintf(stderr, "kestrelbound: cannot write %s\n",
+                         QFile::encodeName(options_.Screenshot).constData());
+            exitStatus_ = 1;
+        }
+        view_->Send(EventOf(EventKind::MenuCommand, ID_FILE_EXIT));
+    });
+    timer->start();
+}
+
+bool FrontEnd::WritePicture(const QString& path) {
+    // Whatever the model holds by now is drawn first.
+    view_->FlushChanges();
+    const QPixmap picture = view_->grab();
+    const QString part = path + QStringLiteral(".part");
+    if (picture.isNull() || !picture.save(part, "PNG")) {
+        QFile::remove(part);
+        return false;
+    }
+    if (std::rename(QFile::encodeName(part).constData(), QFile::encodeName(path).constData()) !=
+        0) {
+        QFile::remove(part);
+        return false;
+    }
+    return true;
+}
+
+void FrontEnd::WriteSignalPicture() {
+    if (options_.SignalScreenshot.isEmpty()) {
+        return;
+    }
+    if (!WritePicture(options_.SignalScreenshot)) {
+        std::fprintf(stderr, "kestrelbound: cannot write %s\n",
+                     QFile::encodeName(options_.SignalScreenshot).constData());
+    }
+}

@@ -1,0 +1,676 @@
+#include "ui/main_view.h"
+
+#include <QCheckBox>
+#include <QCloseEvent>
+#include <QComboBox>
+#include <QDragEnterEvent>
+#include <QDropEvent>
+#include <QFile>
+#include <QHeaderView>
+#include <QLabel>
+#include <QLayout>
+#include <QLineEdit>
+#include <QListWidget>
+#include <QMenuBar>
+#include <QMimeData>
+#include <QMouseEvent>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QRadioButton>
+#include <QSignalBlocker>
+#include <QTreeWidget>
+#include <QUrl>
+
+#include <algorithm>
+#include <string>
+
+#include "app/control_model.h"
+#include "platform/event_loop.h"
+#include "resources/resource.h"
+#include "ui/about_box.h"
+#include "ui/pictures.h"
+
+namespace {
+
+// The window's size in dialog units.
+constexpr int DialogWidth = 351;
+constexpr int DialogHeight = 250;
+// A drop-down's place is given with its list open; closed it is as high as
+// an edit field.
+constexpr int ClosedDropDownHeight = 14;
+// The longest text an edit field takes, as a record holds it.
+constexpr int EditMaxLength = 31;
+// The file list's second column leaves room for a scroll bar.
+constexpr int ScrollBarRoom = 18;
+// Each row of the file list shows its icon at this size.
+constexpr int RowIconSize = 16;
+
+// A caption fitted to its text keeps this many units from its neighbours,
+// and is set at most this much smaller, in steps of so many points.
+constexpr int CaptionGap = 1;
+constexpr qreal SmallestCaption = 0.85;
+constexpr qreal CaptionStep = 0.25;
+
+// The role under which a file list row keeps the image it shows.
+constexpr int ImageRole = Qt::UserRole;
+
+QString Text(const std::string& text) {
+    return QString::fromStdString(text);
+}
+
+bool RightAligned(int id) {
+    return id == IDC_LABEL_ISDN || id == IDC_LABEL_TELEPHONE || id == IDC_LABEL_PROTOCOL ||
+           id == IDC_LABEL_CARRIER || id == IDC_EST_TIME;
+}
+
+WindowEvent EventOf(EventKind kind, int id) {
+    WindowEvent event;
+    event.Kind = kind;
+    event.Id = id;
+    return event;
+}
+
+// Brings the rows of a list to the model's rows, touching only what differs:
+// the rows that both share at the front and at the back stay, so a line added
+// to the log or the file list's top row taken away moves nothing else.
+template <typename Same, typename Remove, typename Insert>
+void FollowRows(int have, const std::vector<ListRow>& rows, Same same, Remove remove,
+                Insert insert) {
+    const int want = static_cast<int>(rows.size());
+    int front = 0;
+    while (front < have && front < want && same(front, rows[static_cast<size_t>(front)])) {
+        ++front;
+    }
+    int back = 0;
+    while (back < have - front && back < want - front &&
+           same(have - 1 - back, rows[static_cast<size_t>(want - 1 - back)])) {
+        ++back;
+    }
+    for (int row = have - back - 1; row >= front; --row) {
+        remove(row);
+    }
+    for (int row = front; row < want - back; ++row) {
+        insert(row, rows[static_cast<size_t>(row)]);
+    }
+}
+
+void FollowListBox(QListWidget* list, const ControlState& state, int rowToShow) {
+    FollowRows(
+        list->count(), state.Rows,
+        [&](int row, const ListRow& wanted) {
+            return list->item(row)->text() == Text(wanted.Text);
+        },
+        [&](int row) { delete list->takeItem(row); },
+        [&](int row, const ListRow& wanted) { list->insertItem(row, Text(wanted.Text)); });
+    if (state.Selection >= 0 && state.Selection < list->count()) {
+        list->setCurrentRow(state.Selection);
+    } else {
+        list->clearSelection();
+        list->setCurrentRow(-1);
+    }
+    if (rowToShow >= 0 && rowToShow < list->count()) {
+        list->scrollToItem(list->item(rowToShow));
+    }
+}
+
+void FollowDropDown(QComboBox* box, const ControlState& state) {
+    bool same = box->count() == static_cast<int>(state.Rows.size());
+    for (int row = 0; same && row < box->count(); ++row) {
+        same = box->itemText(row) == Text(state.Rows[static_cast<size_t>(row)].Text);
+    }
+    if (!same) {
+        box->clear();
+        for (const ListRow& row : state.Rows) {
+            box->addItem(Text(row.Text));
+        }
+    }
+    box->setCurrentIndex(state.Selection < box->count() ? state.Selection : -1);
+}
+
+QTreeWidgetItem* FileRow(const ListRow& row) {
+    auto* item = new QTreeWidgetItem({Text(row.Text), Text(row.Detail)});
+    item->setData(0, ImageRole, row.Image);
+    item->setIcon(0, PictureIcon(RowIconId(row.Image), QSize(RowIconSize, RowIconSize)));
+    item->setTextAlignment(1, Qt::AlignRight | Qt::AlignVCenter);
+    return item;
+}
+
+void FollowListView(QTreeWidget* tree, const ControlState& state, int rowToShow) {
+    QStringList headers;
+    for (const std::string& column : state.Columns) {
+        headers << Text(column);
+    }
+    QTreeWidgetItem* header = tree->headerItem();
+    bool sameHeaders = tree->columnCount() == headers.size();
+    for (int column = 0; sameHeaders && column < headers.size(); ++column) {
+        sameHeaders = header->text(column) == headers[column];
+    }
+    if (!sameHeaders && !headers.isEmpty()) {
+        tree->setHeaderLabels(headers);
+        if (headers.size() > 1) {
+            header->setTextAlignment(1, Qt::AlignRight | Qt::AlignVCenter);
+        }
+        // "Name" takes two thirds; "Size" the rest but for a scroll bar.
+        const int width = tree->width();
+        tree->setColumnWidth(0, width * 2 / 3);
+        tree->setColumnWidth(1, std::max(0, width - width * 2 / 3 - ScrollBarRoom));
+    }
+    FollowRows(
+        tree->topLevelItemCount(), state.Rows,
+        [&](int row, const ListRow& wanted) {
+            const QTreeWidgetItem* item = tree->topLevelItem(row);
+            return item->text(0) == Text(wanted.Text) && item->text(1) == Text(wanted.Detail) &&
+                   item->data(0, ImageRole).toInt() == wanted.Image;
+        },
+        [&](int row) { delete tree->takeTopLevelItem(row); },
+        [&](int row, const ListRow& wanted) { tree->insertTopLevelItem(row, FileRow(wanted)); });
+    if (state.Selection >= 0 && state.Selection < tree->topLevelItemCount()) {
+        tree->setCurrentItem(tree->topLevelItem(state.Selection));
+    } else {
+        tree->clearSelection();
+        tree->setCurrentItem(nullptr);
+    }
+    if (rowToShow >= 0 && rowToShow < tree->topLevelItemCount()) {
+        tree->scrollToItem(tree->topLevelItem(rowToShow));
+    }
+}
+
+// A picture is drawn anew only when the model names another one.
+constexpr const char* PictureProperty = "kbPicture";
+
+bool PictureChanged(QWidget* widget, int picture) {
+    if (widget->property(PictureProperty).toInt() == picture) {
+        return false;
+    }
+    widget->setProperty(PictureProperty, picture);
+    return true;
+}
+
+}  // namespace
+
+MainView::MainView(std::shared_ptr<ControlChanges> changes, const QFont& font)
+    : changes_(std::move(changes)), units_(font) {
+    setFont(font);
+    // A fixed dialog with a minimise box and a close box, and nothing to
+    // maximise.
+    setWindowFlags(Qt::Window | Qt::CustomizeWindowHint | Qt::WindowTitleHint |
+                   Qt::WindowSystemMenuHint | Qt::WindowMinimizeButtonHint |
+                   Qt::WindowCloseButtonHint);
+    QIcon icon;
+    for (const int size : {16, 24, 32, 48, 64, 128}) {
+        icon.addPixmap(RenderPicture(IDR_MAINFRAME, QSize(size, size), 1.0));
+    }
+    setWindowIcon(icon);
+    page_ = new QWidget(this);
+    page_->setFixedSize(units_.X(DialogWidth), units_.Y(DialogHeight));
+    setCentralWidget(page_);
+    layout()->setSizeConstraint(QLayout::SetFixedSize);
+    setAcceptDrops(true);
+
+    // The About box has a font two points smaller than the window's.
+    QFont aboutFont = font;
+    aboutFont.setPointSizeF(font.pointSizeF() * 0.8);
+    about_ = new AboutBox(this, aboutFont, [this] { Send(EventOf(EventKind::AboutOk, 0)); });
+
+    changes_->SetTarget(this);
+}
+
+MainView::~MainView() {
+    changes_->SetTarget(nullptr);
+}
+
+QWidget* MainView::WidgetOf(int id) const {
+    const auto found = widgets_.find(id);
+    return found == widgets_.end() ? nullptr : found->second;
+}
+
+void MainView::Send(const WindowEvent& event) {
+    std::shared_ptr<ControlChanges> changes = changes_;
+    const bool edit = event.Kind == EventKind::TextEdited;
+    if (edit) {
+        ++editsUnhandled_[event.Id];
+    }
+    MainLoop().Post([event, changes, edit] {
+        MainWindow* window = ActiveMainWindow();
+        if (window == nullptr) {
+            return;
+        }
+        const EventOutcome outcome = window->HandleEvent(event);
+        if (edit) {
+            changes->EditHandled(event.Id);
+        }
+        // A menu entry may have checked itself in the menu as it was chosen;
+        // the model's checks stand.
+        if (event.Kind == EventKind::MenuCommand) {
+            changes->ResyncMenus();
+        } else if (!outcome.Done) {
+            changes->Resync(event.Kind == EventKind::AboutOk ? IDD_ABOUTBOX : event.Id);
+        }
+    });
+}
+
+void MainView::MakeWidget(const ControlState& state, const ControlPlace& place) {
+    const int id = state.Id;
+    QRect where = units_.Rect(place.X, place.Y, place.Width, place.Height);
+    QWidget* widget = nullptr;
+    switch (state.Kind) {
+        case ControlKind::Label: {
+            auto* label = new QLabel(page_);
+            label->setTextFormat(Qt::PlainText);
+            label->setAlignment((RightAligned(id) ? Qt::AlignRight : Qt::AlignLeft) |
+                                Qt::AlignVCenter);
+            widget = label;
+            break;
+        }
+        case ControlKind::Picture: {
+            auto* label = new QLabel(page_);
+            label->setAlignment(Qt::AlignCenter);
+            widget = label;
+            break;
+        }
+        case ControlKind::Edit: {
+            auto* edit = new QLineEdit(page_);
+            edit->setMaxLength(EditMaxLength);
+            connect(edit, &QLineEdit::textEdited, this, [this, id](const QString& text) {
+                WindowEvent event = EventOf(EventKind::TextEdited, id);
+                event.Text = text.toStdString();
+                Send(event);
+            });
+            widget = edit;
+            break;
+        }
+        case ControlKind::Button:
+        case ControlKind::PictureButton: {
+            auto* button = new QPushButton(page_);
+            button->setAutoDefault(false);
+            connect(button, &QPushButton::clicked, this,
+                    [this, id] { Send(EventOf(EventKind::ButtonPressed, id)); });
+            widget = button;
+            break;
+        }
+        case ControlKind::CheckBox:
+        case ControlKind::RadioButton: {
+            QAbstractButton* box = nullptr;
+            if (state.Kind == ControlKind::CheckBox) {
+                box = new QCheckBox(page_);
+            } else {
+                // The pair does not exclude each other by itself: the window
+                // decides which one is chosen.
+                auto* radio = new QRadioButton(page_);
+                radio->setAutoExclusive(false);
+                box = radio;
+            }
+            connect(box, &QAbstractButton::clicked, this, [this, id](bool checked) {
+                WindowEvent event = EventOf(EventKind::BoxClicked, id);
+                event.Checked = checked;
+                Send(event);
+            });
+            widget = box;
+            break;
+        }
+        case ControlKind::ListBox: {
+            auto* list = new QListWidget(page_);
+            list->setSelectionMode(QAbstractItemView::SingleSelection);
+            list->setUniformItemSizes(true);
+            list->viewport()->installEventFilter(this);
+            viewports_[list->viewport()] = id;
+            // Clicks come through the filter; this is the keyboard's choice.
+            connect(list, &QListWidget::itemSelectionChanged, this, [this, id, list] {
+                const QModelIndexList rows = list->selectionModel()->selectedRows();
+                WindowEvent event = EventOf(EventKind::SelectionChanged, id);
+                event.Row = rows.isEmpty() ? -1 : rows.first().row();
+                Send(event);
+            });
+            widget = list;
+            break;
+        }
+        case ControlKind::DropDown: {
+            auto* box = new QComboBox(page_);
+            connect(box, &QComboBox::currentIndexChanged, this, [this, id](int row) {
+                WindowEvent event = EventOf(EventKind::SelectionChanged, id);
+                event.Row = row;
+                Send(event);
+            });
+            where.setHeight(units_.Y(ClosedDropDownHeight));
+            widget = box;
+            break;
+        }
+        case ControlKind::ListView: {
+            auto* tree = new QTreeWidget(page_);
+            tree->setRootIsDecorated(false);
+            tree->setIndentation(0);
+            tree->setUniformRowHeights(true);
+            tree->setSelectionMode(QAbstractItemView::SingleSelection);
+            tree->setIconSize(QSize(RowIconSize, RowIconSize));
+            tree->header()->setSectionsClickable(false);
+            tree->header()->setSectionsMovable(false);
+            tree->header()->setStretchLastSection(false);
+            tree->viewport()->installEventFilter(this);
+            viewports_[tree->viewport()] = id;
+            // Clicks come through the filter; this is the keyboard's choice.
+            connect(tree, &QTreeWidget::currentItemChanged, this,
+                    [this, id, tree](QTreeWidgetItem* current) {
+                        WindowEvent event = EventOf(EventKind::SelectionChanged, id);
+                        event.Row = current == nullptr ? -1 : tree->indexOfTopLevelItem(current);
+                        Send(event);
+                    });
+            widget = tree;
+            break;
+        }
+        case ControlKind::ProgressBar: {
+            auto* bar = new QProgressBar(page_);
+            bar->setRange(0, 100);
+            bar->setTextVisible(false);
+            widget = bar;
+            break;
+        }
+        case ControlKind::Window:
+            return;
+    }
+    widget->setGeometry(where);
+    widget->setObjectName(Text(place.Name));
+    widgets_[id] = widget;
+    const bool caption = state.Kind == ControlKind::Label || state.Kind == ControlKind::CheckBox ||
+                         state.Kind == ControlKind::RadioButton;
+    if (caption) {
+        captionPlaces_[id] = where;
+    }
+}
+
+int MainView::RoomLeftOf(int id, const QRect& place) const {
+    int left = units_.X(CaptionGap);
+    for (const auto& [other, widget] : widgets_) {
+        const QRect there = widget->geometry();
+        const bool beside = there.top() <= place.bottom() && there.bottom() >= place.top();
+        if (other != id && !widget->isHidden() && beside && there.right() < place.left()) {
+            left = std::max(left, there.right() + 1 + units_.X(CaptionGap));
+        }
+    }
+    return left;
+}
+
+int MainView::RoomRightOf(int id, const QRect& place) const {
+    int right = page_->width() - 1 - units_.X(CaptionGap);
+    for (const auto& [other, widget] : widgets_) {
+        const QRect there = widget->geometry();
+        const bool beside = there.top() <= place.bottom() && there.bottom() >= place.top();
+        if (other != id && !widget->isHidden() && beside && there.left() > place.right()) {
+            right = std::min(right, there.left() - 1 - units_.X(CaptionGap));
+        }
+    }
+    return right;
+}
+
+void MainView::FitCaptions() {
+    // The places were measured for one font; another font's captions may
+    // need more room. A caption that does not fit grows away from the side
+    // it is aligned to, as far as the controls beside it leave room; one
+    // that still does not fit is set a little smaller. No control moves.
+    for (const auto& [id, place] : captionPlaces_) {
+        QWidget* widget = WidgetOf(id);
+        if (widget->font() != font()) {
+            widget->setFont(font());
+        }
+        const int needed = widget->sizeHint().width();
+        QRect fitted = place;
+        if (needed > place.width()) {
+            if (RightAligned(id)) {
+                fitted.setLeft(std::max(place.right() + 1 - needed, RoomLeftOf(id, place)));
+            } else {
+                fitted.setRight(std::min(place.left() + needed - 1, RoomRightOf(id, place)));
+            }
+        }
+        widget->setGeometry(fitted);
+        QFont smaller = font();
+        while (widget->sizeHint().width() > fitted.width() &&
+               smaller.pointSizeF() > font().pointSizeF() * SmallestCaption) {
+            smaller.setPointSizeF(smaller.pointSizeF() - CaptionStep);
+            widget->setFont(smaller);
+        }
+    }
+}
+
+void MainView::Follow(int id, const std::map<int, int>& rowsToShow) {
+    const ControlState state = Controls().State(id);
+    if (state.Id != id) {
+        return;
+    }
+    if (state.Kind == ControlKind::Window) {
+        setWindowTitle(Text(state.Text));
+        return;
+    }
+    if (id == IDD_ABOUTBOX) {
+        about_->Follow(state);
+        return;
+    }
+    QWidget* widget = WidgetOf(id);
+    if (widget == nullptr) {
+        return;
+    }
+    const auto shown = rowsToShow.find(id);
+    const int rowToShow = shown == rowsToShow.end() ? -1 : shown->second;
+    // What the program sets is never taken for what the user did.
+    const QSignalBlocker blocker(widget);
+    widget->setEnabled(state.Enabled);
+    widget->setVisible(state.Shown);
+    switch (state.Kind) {
+        case ControlKind::Label:
+            static_cast<QLabel*>(widget)->setText(Text(state.Text));
+            break;
+        case ControlKind::Picture:
+            if (PictureChanged(widget, state.Picture)) {
+                static_cast<QLabel*>(widget)->setPixmap(
+                    RenderPicture(state.Picture, widget->size(), devicePixelRatioF()));
+            }
+            break;
+        case ControlKind::Edit: {
+            auto* edit = static_cast<QLineEdit*>(widget);
+            // Set only when it differs, so the cursor stays where the user
+            // types, and not while the user's typing is on its way to the
+            // window.
+            if (editsUnhandled_[id] == 0 && edit->text() != Text(state.Text)) {
+                edit->setText(Text(state.Text));
+            }
+            break;
+        }
+        case ControlKind::Button:
+            static_cast<QPushButton*>(widget)->setText(Text(state.Text));
+            break;
+        case ControlKind::PictureButton:
+            if (PictureChanged(widget, state.Picture)) {
+                auto* button = static_cast<QPushButton*>(widget);
+                const QSize room = button->size() - QSize(units_.X(4), units_.Y(4));
+                button->setIconSize(room);
+                button->setIcon(PictureIcon(state.Picture, room));
+            }
+            break;
+        case ControlKind::CheckBox:
+        case ControlKind::RadioButton: {
+            auto* box = static_cast<QAbstractButton*>(widget);
+            box->setText(Text(state.Text));
+            box->setChecked(state.Checked);
+            break;
+        }
+        case ControlKind::ListBox:
+            FollowListBox(static_cast<QListWidget*>(widget), state, rowToShow);
+            break;
+        case ControlKind::DropDown:
+            FollowDropDown(static_cast<QComboBox*>(widget), state);
+            break;
+        case ControlKind::ListView:
+            FollowListView(static_cast<QTreeWidget*>(widget), state, rowToShow);
+            break;
+        case ControlKind::ProgressBar:
+            static_cast<QProgressBar*>(widget)->setValue(std::clamp(state.Position, 0, 100));
+            break;
+        case ControlKind::Window:
+            break;
+    }
+}
+
+void MainView::FlushChanges() {
+    const ControlChanges::Pending pending = changes_->Take();
+    for (const auto& [id, handled] : pending.EditsHandled) {
+        editsUnhandled_[id] = std::max(0, editsUnhandled_[id] - handled);
+    }
+    // New controls are made in the window's own order, so that the focus
+    // moves through them in that order.
+    for (const ControlPlace& place : MainWindowLayout()) {
+        if (pending.Ids.count(place.Id) != 0 && WidgetOf(place.Id) == nullptr) {
+            const ControlState state = Controls().State(place.Id);
+            if (state.Id == place.Id) {
+                MakeWidget(state, place);
+            }
+        }
+    }
+    if (pending.Menus) {
+        RebuildMenus();
+    }
+    // The window comes up with its controls, before the About box that
+    // opens over it.
+    if (!shown_ && Controls().Exists(IDD_MAIN_WINDOW)) {
+        for (const int id : pending.Ids) {
+            if (id != IDD_ABOUTBOX) {
+                Follow(id, pending.RowsToShow);
+            }
+        }
+        FitCaptions();
+        shown_ = true;
+        show();
+        if (pending.Ids.count(IDD_ABOUTBOX) != 0) {
+            Follow(IDD_ABOUTBOX, pending.RowsToShow);
+        }
+        return;
+    }
+    for (const int id : pending.Ids) {
+        Follow(id, pending.RowsToShow);
+    }
+    if (!pending.Ids.empty()) {
+        FitCaptions();
+    }
+}
+
+void MainView::RebuildMenus() {
+    QMenuBar* bar = menuBar();
+    bar->clear();
+    for (QMenu* menu : menus_) {
+        menu->deleteLater();
+    }
+    menus_.clear();
+    std::vector<Menu> menus = Controls().Menus();
+    // The entries the window adds to the system menu go into a menu of their
+    // own: a Linux desktop has no window menu to take them.
+    menus.push_back(Menu{"&Help", Controls().SystemMenu()});
+    for (const Menu& menu : menus) {
+        auto* shown = new QMenu(Text(menu.Title), bar);
+        const bool checks = std::any_of(menu.Items.begin(), menu.Items.end(),
+                                        [](const MenuItem& item) { return item.Checked; });
+        for (const MenuItem& item : menu.Items) {
+            if (item.Text.empty()) {
+                // A separator parts entries; before the first it parts
+                // nothing.
+                if (!shown->isEmpty()) {
+                    shown->addSeparator();
+                }
+                continue;
+            }
+            QAction* action = shown->addAction(Text(item.Text));
+            action->setCheckable(checks);
+            action->setChecked(item.Checked);
+            const int command = item.Command;
+            connect(action, &QAction::triggered, this,
+                    [this, command] { Send(EventOf(EventKind::MenuCommand, command)); });
+        }
+        if (shown->isEmpty()) {
+            delete shown;
+            continue;
+        }
+        bar->addMenu(shown);
+        menus_.push_back(shown);
+    }
+}
+
+int MainView::DropTargetAt(const QPoint& point) const {
+    for (const int id : {IDC_FILE_LIST, IDC_SEND, IDC_DIRECTORY_LIST}) {
+        const QWidget* widget = WidgetOf(id);
+        if (widget != nullptr && widget->geometry().contains(point)) {
+            return id;
+        }
+    }
+    return 0;
+}
+
+void MainView::closeEvent(QCloseEvent* event) {
+    // The window decides how the program ends; it closes the view when it
+    // has.
+    event->ignore();
+    Send(EventOf(EventKind::Close, 0));
+}
+
+void MainView::dragEnterEvent(QDragEnterEvent* event) {
+    if (event->mimeData()->hasUrls()) {
+        event->acceptProposedAction();
+    }
+}
+
+void MainView::dragMoveEvent(QDragMoveEvent* event) {
+    if (event->mimeData()->hasUrls()) {
+        event->acceptProposedAction();
+    }
+}
+
+void MainView::dropEvent(QDropEvent* event) {
+    WindowEvent dropped = EventOf(EventKind::FilesDropped, 0);
+    for (const QUrl& url : event->mimeData()->urls()) {
+        if (url.isLocalFile()) {
+            // The path's bytes as the file system has them.
+            dropped.Paths.push_back(QFile::encodeName(url.toLocalFile()).toStdString());
+        }
+    }
+    if (dropped.Paths.empty()) {
+        return;
+    }
+    event->acceptProposedAction();
+    dropped.Id = DropTargetAt(page_->mapFrom(this, event->position().toPoint()));
+    Send(dropped);
+    if (dropped.Id == IDC_DIRECTORY_LIST) {
+        // A drop on the directory list always ends with the window in front.
+        raise();
+        activateWindow();
+        WidgetOf(IDC_DIRECTORY_LIST)->setFocus();
+    }
+}
+
+bool MainView::eventFilter(QObject* watched, QEvent* event) {
+    const auto found = viewports_.find(watched);
+    if (found == viewports_.end()) {
+        return QMainWindow::eventFilter(watched, event);
+    }
+    const int id = found->second;
+    auto* view = static_cast<QAbstractItemView*>(WidgetOf(id));
+    if (event->type() == QEvent::MouseButtonPress) {
+        const auto* click = static_cast<QMouseEvent*>(event);
+        if (click->button() != Qt::LeftButton) {
+            return true;
+        }
+        // Every click on a row reports it, also the row already selected;
+        // a click on the file list below its rows reports none. The window
+        // keeps the selection and the list shows it.
+        const QModelIndex hit = view->indexAt(click->position().toPoint());
+        const bool files = id == IDC_FILE_LIST;
+        if (hit.isValid() || files) {
+            WindowEvent clicked = EventOf(EventKind::SelectionChanged, id);
+            clicked.Row = hit.isValid() ? hit.row() : -1;
+            Send(clicked);
+        }
+        view->setFocus(Qt::MouseFocusReason);
+        return true;
+    }
+    // A double click does nothing more than its first click, and dragging
+    // over the rows selects nothing.
+    if (event->type() == QEvent::MouseButtonDblClick || event->type() == QEvent::MouseMove ||
+        event->type() == QEvent::MouseButtonRelease) {
+        return true;
+    }
+    return QMainWindow::eventFilter(watched, event);
+}

@@ -1,0 +1,86 @@
+// The main window as Qt widgets: a drawing of the control model and a source
+// of the user's actions, and nothing more. Every control of the model gets the
+// widget of its kind at its place; each change the model announces brings the
+// widget to the model's state, and each action of the user goes to the
+// window's HandleEvent on the main loop's thread, which decides. The view
+// changes no state of the program itself.
+#pragma once
+
+#include <QMainWindow>
+
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "app/control_model.h"
+#include "app/main_window.h"
+#include "ui/control_changes.h"
+#include "ui/dialog_units.h"
+
+class AboutBox;
+class QMenu;
+
+class MainView : public QMainWindow {
+    Q_OBJECT
+
+public:
+    // font is the dialog's font, from which its measures follow.
+    MainView(std::shared_ptr<ControlChanges> changes, const QFont& font);
+    ~MainView() override;
+
+    // The widget that shows a control; null while the model has no such
+    // control.
+    QWidget* WidgetOf(int id) const;
+    AboutBox* About() const { return about_; }
+    // The dialog's surface below the menu bar, in whose coordinates the
+    // controls are placed.
+    QWidget* Page() const { return page_; }
+    const DialogUnits& Units() const { return units_; }
+
+    // Hands a user's action to the window, on the main loop's thread. A
+    // refused action brings its control back to the model's state.
+    void Send(const WindowEvent& event);
+
+    // Takes what the model has announced since the last time and brings
+    // those widgets, and the menus, to the model's state.
+    Q_INVOKABLE void FlushChanges();
+
+protected:
+    void closeEvent(QCloseEvent* event) override;
+    void dragEnterEvent(QDragEnterEvent* event) override;
+    void dragMoveEvent(QDragMoveEvent* event) override;
+    void dropEvent(QDropEvent* event) override;
+    bool eventFilter(QObject* watched, QEvent* event) override;
+
+private:
+    void MakeWidget(const ControlState& state, const ControlPlace& place);
+    void Follow(int id, const std::map<int, int>& rowsToShow);
+    void RebuildMenus();
+    // Gives each caption the room its text needs in this font.
+    void FitCaptions();
+    // The room a caption may take on either side of its place: up to the
+    // nearest control shown beside it, or the window's edge.
+    int RoomLeftOf(int id, const QRect& place) const;
+    int RoomRightOf(int id, const QRect& place) const;
+    // The control that takes a drop at that point of the page: the file
+    // list, Send or the directory list; 0 for anywhere else.
+    int DropTargetAt(const QPoint& point) const;
+
+    std::shared_ptr<ControlChanges> changes_;
+    DialogUnits units_;
+    QWidget* page_ = nullptr;
+    AboutBox* about_ = nullptr;
+    std::map<int, QWidget*> widgets_;
+    // The lists' viewports, whose clicks the view reports itself, by the
+    // list's control.
+    std::map<QObject*, int> viewports_;
+    // The place of each caption (a label, check box or radio button) as the
+    // layout gives it, before it is fitted to its text.
+    std::map<int, QRect> captionPlaces_;
+    std::vector<QMenu*> menus_;
+    // The user's edits of each field that the window has not handled yet.
+    // While any is on its way, the field keeps what the user typed: the
+    // model's text then is older than the field's.
+    std::map<int, int> editsUnhandled_;
+    bool shown_ = false;
+};

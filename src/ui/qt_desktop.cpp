@@ -1,0 +1,88 @@
+#include "ui/qt_desktop.h"
+
+#include <QDesktopServices>
+#include <QDir>
+#include <QFile>
+#include <QFileDialog>
+#include <QProcess>
+#include <QStringList>
+#include <QUrl>
+
+#include "ui/gui_thread.h"
+
+namespace {
+
+QString LocalPath(const std::string& path) {
+    return QFile::decodeName(path.c_str());
+}
+
+}  // namespace
+
+std::string QtFileFilter(const std::string& filter) {
+    const QStringList parts = QString::fromStdString(filter).split(QLatin1Char('|'));
+    QStringList kinds;
+    for (qsizetype i = 0; i + 1 < parts.size(); i += 2) {
+        QString name = parts[i];
+        QString pattern = parts[i + 1];
+        if (name.isEmpty() || pattern.isEmpty()) {
+            continue;
+        }
+        // The name may carry its pattern already; Qt reads the pattern from
+        // the brackets, so they hold the one that counts.
+        const qsizetype bracket = name.indexOf(QLatin1Char('('));
+        if (bracket >= 0) {
+            name = name.left(bracket).trimmed();
+        }
+        pattern.replace(QLatin1Char(';'), QLatin1Char(' '));
+        kinds << QStringLiteral("%1 (%2)").arg(name, pattern);
+    }
+    return kinds.join(QStringLiteral(";;")).toStdString();
+}
+
+QtDesktop::QtDesktop(GuiThread& gui, std::function<QWidget*()> parent)
+    : gui_(gui), parent_(std::move(parent)) {}
+
+void QtDesktop::ShowFolder(const std::string& path) {
+    gui_.Call([&] { QDesktopServices::openUrl(QUrl::fromLocalFile(LocalPath(path))); });
+}
+
+bool QtDesktop::OpenInBrowser(const std::string& page) {
+    bool taken = false;
+    gui_.Call([&] {
+        const QUrl url = !page.empty() && page[0] == '/' ? QUrl::fromLocalFile(LocalPath(page))
+                                                         : QUrl(QString::fromStdString(page));
+        taken = QDesktopServices::openUrl(url);
+    });
+    return taken;
+}
+
+void QtDesktop::ActivateBrowser() {
+    // A browser that takes a page from the desktop raises its own window
+    // with it; the desktop offers no way to raise another program's window,
+    // and none is needed.
+}
+
+void QtDesktop::StartProgram(const std::string& path) {
+    // Detached: in a session of its own, with the signals this program holds
+    // back let through again, and nothing waits for it.
+    gui_.Call([&] { QProcess::startDetached(LocalPath(path), {}); });
+}
+
+std::optional<std::string> QtDesktop::ChooseFile(const FileDialogRequest& request) {
+    QString chosen;
+    gui_.Call([&] {
+        const QString filter = QString::fromStdString(QtFileFilter(request.Filter));
+        if (request.For == FileDialogRequest::Purpose::Save) {
+            const QString proposed = QDir::current().filePath(LocalPath(request.ProposedName));
+            chosen = QFileDialog::getSaveFileName(parent_(), QStringLiteral("Save As"), proposed,
+                                                  filter);
+        } else {
+            chosen =
+                QFileDialog::getOpenFileName(parent_(), QStringLiteral("Open"), QString(), filter);
+        }
+    });
+    if (chosen.isEmpty()) {
+        return std::nullopt;
+    }
+    return QFile::encodeName(chosen).toStdString();
+}

@@ -1,0 +1,33 @@
+// The desktop as Qt reaches it: folders and pages go to the desktop's own
+// handlers through QDesktopServices, programs start detached in a session of
+// their own, and the file dialogs are Qt's (or the desktop's, where Qt uses
+// them). Every hand-off runs on the GUI thread; a caller on another thread
+// waits for it there.
+#pragma once
+
+#include <functional>
+
+#include "platform/desktop.h"
+
+class GuiThread;
+class QWidget;
+
+class QtDesktop : public Desktop {
+public:
+    // parent gives the window over which the dialogs open.
+    QtDesktop(GuiThread& gui, std::function<QWidget*()> parent);
+
+    void ShowFolder(const std::string& path) override;
+    [[nodiscard]] bool OpenInBrowser(const std::string& page) override;
+    void ActivateBrowser() override;
+    void StartProgram(const std::string& path) override;
+    [[nodiscard]] std::optional<std::string> ChooseFile(const FileDialogRequest& request) override;
+
+private:
+    GuiThread& gui_;
+    std::function<QWidget*()> parent_;
+};
+
+// A dialog's filter ("Name (*.ext)|*.ext|" pairs, patterns parted by ";") as
+// Qt writes it ("Name (*.ext);;...", patterns parted by blanks).
+std::string QtFileFilter(const std::string& filter);

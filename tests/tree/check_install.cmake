@@ -1,0 +1,50 @@
+# Installs the build into a fresh folder and shows that every piece lands
+# where the desktop looks for it: the three programs, the manual's pages, the
+# menu entry and its icon.
+#
+#   cmake -DBUILD=<build> -DPREFIX=<folder> -DMANUAL=<src/ui/manual> -P check_install.cmake
+file(REMOVE_RECURSE ${PREFIX})
+execute_process(COMMAND ${CMAKE_COMMAND} --install ${BUILD} --prefix ${PREFIX}
+    RESULT_VARIABLE status OUTPUT_VARIABLE out ERROR_VARIABLE out)
+if(NOT status EQUAL 0)
+    message(FATAL_ERROR "cmake --install failed:\n${out}")
+endif()
+
+set(failures "")
+foreach(program kestrelbound kbstation virtual-ta)
+    if(NOT EXISTS ${PREFIX}/bin/${program})
+        list(APPEND failures "bin/${program} is missing")
+    endif()
+endforeach()
+file(GLOB_RECURSE pages RELATIVE ${MANUAL} ${MANUAL}/*)
+if(NOT pages)
+    list(APPEND failures "the manual has no pages")
+endif()
+foreach(page IN LISTS pages)
+    if(NOT EXISTS ${PREFIX}/share/kestrelbound/manual/${page})
+        list(APPEND failures "share/kestrelbound/manual/${page} is missing")
+    endif()
+endforeach()
+set(icon ${PREFIX}/share/icons/hicolor/scalable/apps/kestrelbound.svg)
+if(NOT EXISTS ${icon})
+    list(APPEND failures "the icon is missing")
+endif()
+set(entry ${PREFIX}/share/applications/kestrelbound.desktop)
+if(EXISTS ${entry})
+    file(READ ${entry} text)
+    # The entry names the icon that is installed and the program by name.
+    foreach(line "Icon=kestrelbound\n" "exec kestrelbound")
+        string(FIND "${text}" "${line}" at)
+        if(at EQUAL -1)
+            list(APPEND failures "the menu entry lacks \"${line}\"")
+        endif()
+    endforeach()
+else()
+    list(APPEND failures "the menu entry is missing")
+endif()
+
+if(failures)
+    list(JOIN failures "\n  " text)
+    message(FATAL_ERROR "Installation incomplete:\n  ${text}")
+endif()
+message(STATUS "Everything is installed where the desktop looks for it.")

@@ -1,0 +1,197 @@
+// What the desktop program hands to the desktop and to the GUI thread: folders
+// and pages through the desktop's URL handlers, programs started apart from
+// it, the file dialogs, work from other threads onto the GUI thread, and the
+// manual written into an installation.
+
+#include <QDesktopServices>
+#include <QDir>
+#include <QFile>
+#include <QUrl>
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <future>
+#include <mutex>
+#include <sstream>
+#include <thread>
+
+#include "app/application.h"
+#include "platform/files.h"
+#include "support/temp_folder.h"
+#include "ui/gui_thread.h"
+#include "ui/manual.h"
+#include "ui/qt_desktop.h"
+#include "ui_fixture.h"
+#include "url_catcher.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// Runs the call on a thread of its own, as the program's threads call the
+// desktop, while the GUI thread keeps its events running.
+template <typename Call>
+auto FromAnotherThread(Call call) {
+    auto result = std::async(std::launch::async, call);
+    EXPECT_TRUE(WaitUntil([&] { return result.wait_for(0s) == std::future_status::ready; }));
+    return result.get();
+}
+
+// A field of a process's /proc status ("SigBlk", ...), read by the process
+// itself into a file.
+std::string StatusField(const std::string& status, const std::string& field) {
+    std::istringstream lines(status);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.rfind(field + ":", 0) == 0) {
+            return line.substr(line.find_first_not_of(" \t", field.size() + 1));
+        }
+    }
+    return "";
+}
+
+class DesktopTest : public ::testing::Test {
+protected:
+    DesktopTest() : desktop_(gui_, [] { return nullptr; }) {
+        QDesktopServices::setUrlHandler(QStringLiteral("file"), &catcher_, "Catch");
+        QDesktopServices::setUrlHandler(QStringLiteral("https"), &catcher_, "Catch");
+    }
+    ~DesktopTest() override {
+        QDesktopServices::unsetUrlHandler(QStringLiteral("file"));
+        QDesktopServices::unsetUrlHandler(QStringLiteral("https"));
+    }
+
+    GuiThread gui_;
+    QtDesktop desktop_;
+    UrlCatcher catcher_;
+    ModalAnswerer answerer_;
+    TempFolder folder_;
+};
+
+TEST_F(DesktopTest, FoldersAndPagesGoToTheDesktopsHandlersFromAnyThread) {
+    const std::string folder = folder_ / "Incoming Files";
+    FromAnotherThread([&] { desktop_.ShowFolder(folder); });
+    const std::string page = folder_ / "Kestrelbound_Manual/Start_Here.html";
+    EXPECT_TRUE(FromAnotherThread([&] { return desktop_.OpenInBrowser(page); }));
+    EXPECT_TRUE(FromAnotherThread([&] { return desktop_.OpenInBrowser("https://example.org/help"); }));
+    // A page nobody handles is not taken.
+    EXPECT_FALSE(FromAnotherThread([&] { return desktop_.OpenInBrowser("gopher://example.org/"); }));
+    EXPECT_EQ(catcher_.Caught(), (std::vector<std::string>{"file://" + folder, "file://" + page,
+                                                           "https://example.org/help"}));
+}
+
+TEST_F(DesktopTest, AProgramStartsInASessionOfItsOwnWithNoSignalHeldBack) {
+    // The program holds back its stop signals in every thread; what it
+    // starts must not inherit that.
+    sigset_t stops;
+    sigemptyset(&stops);
+    sigaddset(&stops, SIGTERM);
+    sigaddset(&stops, SIGINT);
+    sigset_t before;
+    ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &stops, &before), 0);
+    const std::string report = folder_ / "status";
+    const std::string session = folder_ / "session";
+    const std::string script = folder_ / "program.sh";
+    // Each command reads its own record: the shell blocks every signal for a
+    // moment whenever it starts a command, so its record, read from outside,
+    // may show that moment.
+    WriteWholeFile(script,
+                   "#!/bin/sh\n"
+                   "cut -d' ' -f6 /proc/self/stat > '" +
+                       session +
+                       "'\n"
+                       "cat /proc/self/status > '" +
+                       report +
+                       ".part'\n"
+                       "mv '" +
+                       report + ".part' '" + report + "'\n");
+    ASSERT_TRUE(QFile::setPermissions(QString::fromStdString(script),
+                                      QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+    FromAnotherThread([&] { desktop_.StartProgram(script); });
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    ASSERT_TRUE(WaitUntil([&] { return PathExists(report); }));
+    EXPECT_EQ(StatusField(ReadWholeFile(report), "SigBlk"), "0000000000000000");
+    EXPECT_NE(std::stol(ReadWholeFile(session)), static_cast<long>(getsid(0)));
+}
+
+TEST_F(DesktopTest, FileDialogsGiveTheChosenPathOrNothingAndSaveProposesItsName) {
+    const std::string chosen = folder_ / "chosen.txt";
+    WriteWholeFile(chosen, "x");
+    FileDialogRequest open;
+    open.Filter = "All Files (*)|*|";
+    answerer_.AnswerNextDialog(chosen);
+    EXPECT_EQ(FromAnotherThread([&] { return desktop_.ChooseFile(open); }), chosen);
+    answerer_.AnswerNextDialog(std::nullopt);
+    EXPECT_EQ(FromAnotherThread([&] { return desktop_.ChooseFile(open); }), std::nullopt);
+
+    const std::string previous = CurrentFolder();
+    ASSERT_TRUE(ChangeCurrentFolder(folder_.Path()));
+    FileDialogRequest save;
+    save.For = FileDialogRequest::Purpose::Save;
+    save.ProposedName = "Smith & Sons.KBE";
+    save.Filter = "All Files (*)|*|";
+    answerer_.AnswerNextDialog(folder_ / "elsewhere.KBE");
+    EXPECT_EQ(FromAnotherThread([&] { return desktop_.ChooseFile(save); }),
+              folder_ / "elsewhere.KBE");
+    ChangeCurrentFolder(previous);
+    EXPECT_EQ(answerer_.Proposals().back(), folder_ / "Smith & Sons.KBE");
+
+    EXPECT_EQ(QtFileFilter("All Files (*)|*|"), "All Files (*)");
+    EXPECT_EQ(QtFileFilter("Entries (*.KBE)|*.KBE;*.kbe|All Files (*)|*|"),
+              "Entries (*.KBE *.kbe);;All Files (*)");
+}
+
+TEST(GuiThreadTest, WorkFromOtherThreadsRunsOnTheGuiThreadInOrderAndNothingRunsOnceItIsClosed) {
+    GuiThread gui;
+    std::vector<int> order;
+    std::atomic<bool> onGui{true};
+    const bool ran = FromAnotherThread([&] {
+        gui.Post([&] { order.push_back(1); });
+        return gui.Call([&] {
+            order.push_back(2);
+            onGui = onGui && gui.OnGuiThread();
+        });
+    });
+    EXPECT_TRUE(ran);
+    EXPECT_TRUE(onGui);
+    EXPECT_EQ(order, (std::vector<int>{1, 2}));
+
+    // A caller waiting when the GUI goes returns, and nothing more runs.
+    std::atomic<bool> ranLate{false};
+    auto late = std::async(std::launch::async, [&] { return gui.Call([&] { ranLate = true; }); });
+    std::this_thread::sleep_for(50ms);
+    gui.Close();
+    ASSERT_EQ(late.wait_for(10s), std::future_status::ready);
+    EXPECT_FALSE(late.get());
+    EXPECT_FALSE(ranLate);
+}
+
+TEST(ManualTest, TheManualIsWrittenWhereHelpLooksWhenItsStartPageIsMissingAndOnlyThen) {
+    TempFolder root;
+    ASSERT_TRUE(InstallManual(root.Path()));
+    const QDir source(QStringLiteral(KB_MANUAL_SOURCE));
+    const QStringList pages = source.entryList(QDir::Files);
+    ASSERT_FALSE(pages.isEmpty());
+    for (const QString& page : pages) {
+        EXPECT_EQ(ReadWholeFile(ManualFolderBelow(root.Path()) + "/" + page.toStdString()),
+                  ReadWholeFile(source.filePath(page).toStdString()))
+            << page.toStdString();
+    }
+    EXPECT_TRUE(PathExists(ManualStartPageBelow(root.Path())));
+
+    // A start page that is there is the user's: nothing is written.
+    TempFolder kept;
+    CreateFolder(ManualFolderBelow(kept.Path()));
+    WriteWholeFile(ManualStartPageBelow(kept.Path()), "my own notes");
+    ASSERT_TRUE(InstallManual(kept.Path()));
+    EXPECT_EQ(ReadWholeFile(ManualStartPageBelow(kept.Path())), "my own notes");
+    EXPECT_EQ(QDir(QString::fromStdString(ManualFolderBelow(kept.Path())))
+                  .entryList(QDir::Files | QDir::NoDotAndDotDot)
+                  .size(),
+              1);
+}
+
+}  // namespace

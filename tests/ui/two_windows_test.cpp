@@ -1,0 +1,182 @@
+// The desktop program as people run it: kestrelbound processes, each in an
+// installation of its own with a virtual adapter on COM1, drawing on Qt's
+// "offscreen" platform. Nobody clicks: what happens follows from the
+// installations as they were prepared and from the program's own rules, and
+// the pictures come from the program's picture options.
+
+#include <signal.h>
+#include <sys/types.h>
+
+#include <QImage>
+#include <QString>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "e2e/harness.h"
+#include "platform/files.h"
+#include "screens.h"
+#include "stores/directory.h"
+#include "stores/status_log.h"
+#include "support/installation.h"
+#include "support/temp_folder.h"
+#include "support/test_data.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// Looks at the files every 50 ms until the condition holds or the limit
+// passes.
+bool WaitFor(const std::function<bool()>& condition, std::chrono::seconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(50ms);
+    }
+    return true;
+}
+
+// The plain files below a folder, at any depth.
+std::vector<std::string> FilesBelow(const std::string& folder) {
+    std::vector<std::string> files;
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder, ignored)) {
+        if (entry.is_regular_file()) {
+            files.push_back(entry.path().string());
+        }
+    }
+    return files;
+}
+
+bool IsPicture(const std::string& path) {
+    const QImage picture(QString::fromStdString(path));
+    return !picture.isNull() && picture.width() > 0 && picture.height() > 0;
+}
+
+std::vector<std::string> SavedLog(const std::string& installation) {
+    const std::string bytes = ReadWholeFile(installation + "/kestrelbound_log");
+    return LogLinesFromBuffer(bytes.data(), bytes.size());
+}
+
+// The directory of an installation as the program keeps it, with one record:
+// a correspondent whose pick-up folder sends itself.
+void KeepHotFolderFor(const std::string& installation, const std::string& name,
+                      const std::string& number) {
+    Correspondent record{};
+    SetFieldText(record.FirmName, name);
+    SetFieldText(record.IsdnNumber, number);
+    record.HasPickUp = 1;
+    record.HotSend = 1;
+    std::string file = {1, 0};
+    file.append(reinterpret_cast<const char*>(&record), sizeof record);
+    WriteWholeFile(installation + "/kestrelbound_directory", file);
+    CreateFolder(installation + "/Pick Up");
+    CreateFolder(installation + "/Pick Up/" + name);
+}
+
+// A window process; its standard error is kept, to be shown when it fails.
+ChildProcess StartWindow(const std::string& installation, const std::vector<std::string>& options) {
+    return ChildProcess(KESTRELBOUND_PATH, options, installation, ChildProcess::Errors::Kept);
+}
+
+TEST(TwoWindows, AHotFolderGoesFromOneWindowToTheOtherAndBothArePicturedDuringTheCall) {
+    TempFolder root;
+    const std::string alice = MakeInstallation(root, "alice");
+    const std::string bob = MakeInstallation(root, "bob");
+    // Alice keeps a hot folder for Bob, filled before she starts: two looks
+    // 15 s apart find it unchanged, and it dials by itself.
+    KeepHotFolderFor(alice, "Bob", "5552002");
+    const std::string note = RandomBytes(700, 51);
+    const std::string photo = RandomBytes(200000, 52);
+    WriteWholeFile(alice + "/Pick Up/Bob/note.txt", note);
+    WriteWholeFile(alice + "/Pick Up/Bob/photo.bin", photo);
+
+    // A 64K line, so that the call lasts long enough to be pictured.
+    VirtualAdapters adapters({alice + "/COM1=bitsurfr:5551001", bob + "/COM1=zyxel-2864:5552002"},
+                             {"--rate", "8000"});
+    const std::string alicePicture = ScreensFolder() + "/alice-during-transfer.png";
+    const std::string bobPicture = ScreensFolder() + "/bob-during-transfer.png";
+    for (const std::string& picture : {alicePicture, bobPicture}) {
+        std::filesystem::remove(picture);
+    }
+    ChildProcess aliceWindow = StartWindow(alice, {"--screenshot-on-signal", alicePicture});
+    ChildProcess bobWindow = StartWindow(bob, {"--screenshot-on-signal", bobPicture});
+
+    // The photo reaches Bob's disk a whole section of 131070 bytes at a
+    // time: once its first section is there, the call is two thirds through
+    // it, with some ten seconds to go.
+    const std::string arrivals = bob + "/Incoming Files";
+    const std::string arrivedPhoto = arrivals + "/Bob/photo.bin";
+    ASSERT_TRUE(WaitFor([&] { return ReadWholeFile(arrivedPhoto).size() >= 131070; }, 120s))
+        << aliceWindow.ErrorText() << bobWindow.ErrorText() << "\n"
+        << testing::PrintToString(FilesBelow(arrivals));
+    ::kill(aliceWindow.Pid(), SIGUSR1);
+    ::kill(bobWindow.Pid(), SIGUSR1);
+    ASSERT_TRUE(WaitFor([&] { return PathExists(alicePicture) && PathExists(bobPicture); }, 30s));
+    EXPECT_LT(ReadWholeFile(arrivedPhoto).size(), photo.size())
+        << "the pictures were taken after the data had come";
+
+    // The files come whole, and Alice's go to her "Sent Files".
+    const std::string sent = alice + "/Pick Up/Bob/Sent Files/";
+    ASSERT_TRUE(WaitFor(
+        [&] { return PathExists(sent + "note.txt") && PathExists(sent + "photo.bin"); }, 120s))
+        << aliceWindow.ErrorText() << bobWindow.ErrorText();
+    EXPECT_TRUE(ReadWholeFile(arrivals + "/Bob/note.txt") == note);
+    EXPECT_TRUE(ReadWholeFile(arrivedPhoto) == photo);
+
+    // Both end as the close box ends them, and say so in their logs.
+    EXPECT_EQ(aliceWindow.Stop(SIGTERM, 60s), 0) << aliceWindow.ErrorText();
+    EXPECT_EQ(bobWindow.Stop(SIGTERM, 60s), 0) << bobWindow.ErrorText();
+    const std::vector<std::string> aliceLog = SavedLog(alice);
+    const std::vector<std::string> bobLog = SavedLog(bob);
+    EXPECT_EQ(LinesHolding(aliceLog, {"Calling Bob", "All files sent."}),
+              (std::vector<std::string>{"Calling Bob", "All files sent."}));
+    EXPECT_EQ(LinesHolding(bobLog, {"All files received."}),
+              (std::vector<std::string>{"All files received."}));
+    ASSERT_FALSE(aliceLog.empty());
+    EXPECT_EQ(aliceLog.back().rfind("Stopping Kestrelbound ", 0), 0u);
+    EXPECT_TRUE(IsPicture(alicePicture));
+    EXPECT_TRUE(IsPicture(bobPicture));
+}
+
+TEST(Screenshot, AWindowPicturesItselfOnceItsAdapterIsFoundAndLeavesAsExitDoes) {
+    TempFolder root;
+    const std::string station = MakeInstallation(root, "station");
+    VirtualAdapters adapters({station + "/COM1=zyxel-2864:5552002"});
+    const std::string picture = ScreensFolder() + "/window-with-adapter.png";
+    std::filesystem::remove(picture);
+    ChildProcess window = StartWindow(station, {"--screenshot", picture});
+    ASSERT_EQ(window.WaitForExit(120s), 0) << window.ErrorText();
+    EXPECT_TRUE(IsPicture(picture));
+    // The adapter was found before the picture, and the exit saved the
+    // preferences with its port, as Exit does after a search that found one.
+    const std::vector<std::string> log = SavedLog(station);
+    EXPECT_EQ(LinesHolding(log, {"Initializing Incoming"}).size(), 1u);
+    ASSERT_FALSE(log.empty());
+    EXPECT_EQ(log.back().rfind("Stopping Kestrelbound ", 0), 0u);
+    const std::string prefs = ReadWholeFile(station + "/kestrelbound_prefs");
+    ASSERT_GE(prefs.size(), 2u);
+    EXPECT_EQ(prefs[0], 1) << "port COM1";
+    // Nobody was there to answer a message box.
+    EXPECT_EQ(window.ErrorText().find("ISDN TA"), std::string::npos) << window.ErrorText();
+}
+
+TEST(Screenshot, AFileThatCannotBeWrittenMakesTheExitStatusOne) {
+    TempFolder root;
+    const std::string station = MakeInstallation(root, "station", 1);
+    ChildProcess window = StartWindow(station, {"--screenshot", root / "no/such/folder/x.png"});
+    EXPECT_EQ(window.WaitForExit(120s), 1) << window.ErrorText();
+    // Without an adapter the message that says so went to standard error.
+    EXPECT_NE(window.ErrorText().find("Could not find your ISDN TA."), std::string::npos);
+}
+
+}  // namespace

@@ -1,0 +1,332 @@
+#include "ui_fixture.h"
+
+#include <QAbstractButton>
+#include <QApplication>
+#include <QCheckBox>
+#include <QComboBox>
+#include <QFileDialog>
+#include <QLabel>
+#include <QLineEdit>
+#include <QListWidget>
+#include <QMessageBox>
+#include <QMimeData>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QTest>
+#include <QTreeWidget>
+#include <QUrl>
+
+#include <condition_variable>
+
+#include "app/control_model.h"
+#include "app/main_window.h"
+#include "engine/transfer_engine.h"
+#include "line/adapter.h"
+#include "platform/event_loop.h"
+#include "platform/files.h"
+#include "resources/resource.h"
+#include "support/installation.h"
+#include "ui/about_box.h"
+
+bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        QTest::qWait(10);
+    }
+    return true;
+}
+
+std::optional<bool> OnMainLoop(const std::function<bool()>& work, std::chrono::milliseconds limit) {
+    struct Answer {
+        std::mutex Lock;
+        std::optional<bool> Result;
+    };
+    auto answer = std::make_shared<Answer>();
+    MainLoop().Post([answer, work] {
+        const bool result = work();
+        std::lock_guard<std::mutex> guard(answer->Lock);
+        answer->Result = result;
+    });
+    std::optional<bool> result;
+    WaitUntil(
+        [&] {
+            std::lock_guard<std::mutex> guard(answer->Lock);
+            result = answer->Result;
+            return result.has_value();
+        },
+        limit);
+    return result;
+}
+
+ModalAnswerer::ModalAnswerer() {
+    connect(&timer_, &QTimer::timeout, this, [this] { Answer(); });
+    timer_.start(20);
+}
+
+void ModalAnswerer::AnswerNextDialog(std::optional<std::string> path) {
+    std::lock_guard<std::mutex> guard(lock_);
+    answers_.push_back(std::move(path));
+}
+
+std::vector<std::string> ModalAnswerer::Messages() const {
+    std::lock_guard<std::mutex> guard(lock_);
+    return messages_;
+}
+
+std::vector<std::string> ModalAnswerer::Proposals() const {
+    std::lock_guard<std::mutex> guard(lock_);
+    return proposals_;
+}
+
+void ModalAnswerer::Answer() {
+    QWidget* modal = QApplication::activeModalWidget();
+    if (auto* box = qobject_cast<QMessageBox*>(modal)) {
+        {
+            std::lock_guard<std::mutex> guard(lock_);
+            messages_.push_back(box->text().toStdString());
+        }
+        box->button(QMessageBox::Ok)->click();
+        return;
+    }
+    if (auto* dialog = qobject_cast<QFileDialog*>(modal)) {
+        std::optional<std::string> answer;
+        {
+            std::lock_guard<std::mutex> guard(lock_);
+            const QStringList proposed = dialog->selectedFiles();
+            proposals_.push_back(proposed.isEmpty() ? std::string()
+                                                    : proposed.first().toStdString());
+            if (!answers_.empty()) {
+                answer = answers_.front();
+                answers_.pop_front();
+            }
+        }
+        if (answer) {
+            dialog->selectFile(QString::fromStdString(*answer));
+            // The dialog takes the file as its own OK would.
+            static_cast<QDialog*>(dialog)->accept();
+        } else {
+            dialog->reject();
+        }
+    }
+}
+
+void UiTest::SetUp() {
+    previousFolder_ = CurrentFolder();
+    ASSERT_TRUE(ChangeCurrentFolder(folder_.Path()));
+    BlockPorts(folder_.Path());
+    // What one process does once: every test starts from the program's
+    // first state.
+    SplashPending = 1;
+    AdapterFound = 0;
+    TheEngine.LinkState = LinkIdle;
+    answerer_ = std::make_unique<ModalAnswerer>();
+    frontEnd_ = std::make_unique<FrontEnd>();
+    frontEnd_->Start();
+}
+
+void UiTest::TearDown() {
+    if (frontEnd_ && !frontEnd_->Ended()) {
+        frontEnd_->RequestClose();
+        EXPECT_TRUE(WaitUntil([&] { return frontEnd_->Ended(); }));
+    }
+    frontEnd_.reset();
+    answerer_.reset();
+    ChangeCurrentFolder(previousFolder_);
+}
+
+void UiTest::WaitForStart() {
+    ASSERT_TRUE(WaitUntil([] {
+        return OnMainLoop([] {
+                   const MainWindow* window = ActiveMainWindow();
+                   return window != nullptr && window->StartIsOver();
+               })
+            .value_or(false);
+    }));
+    const std::vector<std::string> left = WaitForWidgetsToFollow();
+    ASSERT_TRUE(left.empty()) << left.front();
+}
+
+std::vector<std::string> UiTest::WaitForWidgetsToFollow() {
+    std::vector<std::string> left;
+    WaitUntil([&] {
+        left = Differences();
+        return left.empty();
+    });
+    return left;
+}
+
+namespace {
+
+std::string Text(const QString& text) {
+    return text.toStdString();
+}
+
+// The rows a list widget shows, as the model's rows are written.
+std::vector<std::string> ShownRows(QWidget* widget) {
+    std::vector<std::string> rows;
+    if (auto* list = qobject_cast<QListWidget*>(widget)) {
+        for (int row = 0; row < list->count(); ++row) {
+            rows.push_back(Text(list->item(row)->text()));
+        }
+    } else if (auto* box = qobject_cast<QComboBox*>(widget)) {
+        for (int row = 0; row < box->count(); ++row) {
+            rows.push_back(Text(box->itemText(row)));
+        }
+    } else if (auto* tree = qobject_cast<QTreeWidget*>(widget)) {
+        for (int row = 0; row < tree->topLevelItemCount(); ++row) {
+            const QTreeWidgetItem* item = tree->topLevelItem(row);
+            rows.push_back(Text(item->text(0)) + "|" + Text(item->text(1)) + "|" +
+                           (item->icon(0).isNull() ? "no icon" : "icon"));
+        }
+    }
+    return rows;
+}
+
+std::vector<std::string> ModelRows(const ControlState& state) {
+    std::vector<std::string> rows;
+    for (const ListRow& row : state.Rows) {
+        rows.push_back(state.Kind == ControlKind::ListView ? row.Text + "|" + row.Detail + "|icon"
+                                                           : row.Text);
+    }
+    return rows;
+}
+
+int ShownSelection(QWidget* widget) {
+    if (auto* list = qobject_cast<QListWidget*>(widget)) {
+        const QList<QListWidgetItem*> selected = list->selectedItems();
+        return selected.isEmpty() ? -1 : list->row(selected.first());
+    }
+    if (auto* box = qobject_cast<QComboBox*>(widget)) {
+        return box->currentIndex();
+    }
+    if (auto* tree = qobject_cast<QTreeWidget*>(widget)) {
+        const QList<QTreeWidgetItem*> selected = tree->selectedItems();
+        return selected.isEmpty() ? -1 : tree->indexOfTopLevelItem(selected.first());
+    }
+    return -1;
+}
+
+std::string ShownText(QWidget* widget) {
+    if (auto* label = qobject_cast<QLabel*>(widget)) {
+        return Text(label->text());
+    }
+    if (auto* edit = qobject_cast<QLineEdit*>(widget)) {
+        return Text(edit->text());
+    }
+    if (auto* button = qobject_cast<QAbstractButton*>(widget)) {
+        return Text(button->text());
+    }
+    return "";
+}
+
+bool ShowsPicture(QWidget* widget) {
+    if (auto* label = qobject_cast<QLabel*>(widget)) {
+        return !label->pixmap().isNull();
+    }
+    if (auto* button = qobject_cast<QAbstractButton*>(widget)) {
+        return !button->icon().isNull();
+    }
+    return false;
+}
+
+template <typename T>
+void Compare(std::vector<std::string>& differences, const std::string& what, const T& shown,
+             const T& model) {
+    if (!(shown == model)) {
+        differences.push_back(what);
+    }
+}
+
+}  // namespace
+
+std::vector<std::string> UiTest::Differences() const {
+    std::vector<std::string> differences;
+    for (const ControlState& state : Controls().AllStates()) {
+        const std::string name = "control " + std::to_string(state.Id) + " ";
+        if (state.Kind == ControlKind::Window) {
+            Compare(differences, name + "caption", Text(View().windowTitle()), state.Text);
+            continue;
+        }
+        if (state.Id == IDD_ABOUTBOX) {
+            Compare(differences, name + "shown", View().About()->isVisible(), state.Shown);
+            Compare(differences, name + "text", Text(View().About()->VersionLabel()->text()),
+                    state.Text);
+            Compare(differences, name + "picture", ShowsPicture(View().About()->OkButton()),
+                    state.Picture != 0);
+            continue;
+        }
+        QWidget* widget = View().WidgetOf(state.Id);
+        if (widget == nullptr) {
+            differences.push_back(name + "has no widget");
+            continue;
+        }
+        Compare(differences, name + "enabled", widget->isEnabled(), state.Enabled);
+        Compare(differences, name + "shown", !widget->isHidden(), state.Shown);
+        switch (state.Kind) {
+            case ControlKind::Label:
+            case ControlKind::Edit:
+            case ControlKind::Button:
+                Compare(differences, name + "text", ShownText(widget), state.Text);
+                break;
+            case ControlKind::CheckBox:
+            case ControlKind::RadioButton:
+                Compare(differences, name + "text", ShownText(widget), state.Text);
+                Compare(differences, name + "checked",
+                        qobject_cast<QAbstractButton*>(widget)->isChecked(), state.Checked);
+                break;
+            case ControlKind::Picture:
+            case ControlKind::PictureButton:
+                Compare(differences, name + "picture", ShowsPicture(widget), state.Picture != 0);
+                break;
+            case ControlKind::ListBox:
+            case ControlKind::DropDown:
+            case ControlKind::ListView:
+                Compare(differences, name + "rows", ShownRows(widget), ModelRows(state));
+                Compare(differences, name + "selection", ShownSelection(widget), state.Selection);
+                break;
+            case ControlKind::ProgressBar:
+                Compare(differences, name + "position",
+                        qobject_cast<QProgressBar*>(widget)->value(), state.Position);
+                break;
+            case ControlKind::Window:
+                break;
+        }
+        if (state.Kind == ControlKind::ListView) {
+            auto* tree = qobject_cast<QTreeWidget*>(widget);
+            std::vector<std::string> headers;
+            for (int column = 0; column < tree->columnCount(); ++column) {
+                headers.push_back(Text(tree->headerItem()->text(column)));
+            }
+            Compare(differences, name + "columns", headers, state.Columns);
+        }
+    }
+    return differences;
+}
+
+void UiTest::Drop(int id, const std::vector<std::string>& paths) {
+    QMimeData data;
+    QList<QUrl> urls;
+    for (const std::string& path : paths) {
+        urls << QUrl::fromLocalFile(QString::fromStdString(path));
+    }
+    data.setUrls(urls);
+    QPoint at = View().Page()->rect().bottomRight() - QPoint(2, 2);
+    if (id != 0) {
+        at = Widget(id)->geometry().center();
+    }
+    const QPointF inWindow = View().Page()->mapTo(&View(), at);
+    QDragEnterEvent enter(inWindow.toPoint(), Qt::CopyAction, &data, Qt::LeftButton,
+                          Qt::NoModifier);
+    QApplication::sendEvent(&View(), &enter);
+    QDropEvent drop(inWindow, Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(&View(), &drop);
+}
+
+std::string UiTest::MakeFile(const std::string& name, size_t size) {
+    const std::string path = folder_ / name;
+    WriteWholeFile(path, std::string(size, 'k'));
+    return path;
+}

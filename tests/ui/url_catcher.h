@@ -1,0 +1,21 @@
+// Takes the URLs that the desktop's handlers would get, for tests.
+#pragma once
+
+#include <QObject>
+#include <QUrl>
+
+#include <string>
+#include <vector>
+
+class UrlCatcher : public QObject {
+    Q_OBJECT
+
+public:
+    std::vector<std::string> Caught() const { return caught_; }
+
+public slots:
+    void Catch(const QUrl& url) { caught_.push_back(url.toString().toStdString()); }
+
+private:
+    std::vector<std::string> caught_;
+};

@@ -1,0 +1,417 @@
+// The window on the desktop, in the test process: the widgets show the
+// control model, whichever thread changed it, and the user's clicks, typing,
+// choices, menus, keys and drops reach the window, which decides.
+
+#include <QAction>
+#include <QApplication>
+#include <QCheckBox>
+#include <QComboBox>
+#include <QLabel>
+#include <QLineEdit>
+#include <QListWidget>
+#include <QMenu>
+#include <QMenuBar>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QRadioButton>
+#include <QTest>
+#include <QTreeWidget>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <future>
+#include <thread>
+
+#include "app/control_model.h"
+#include "app/main_window.h"
+#include "line/adapter.h"
+#include "platform/event_loop.h"
+#include "platform/files.h"
+#include "resources/resource.h"
+#include "support/recording_desktop.h"
+#include "support/temp_folder.h"
+#include "ui/about_box.h"
+#include "ui_fixture.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// A message as the box shows it: the program breaks lines with CR.
+std::string AsShown(std::string text) {
+    std::replace(text.begin(), text.end(), '\r', '\n');
+    return text;
+}
+
+std::vector<std::string> ModelRowTexts(int id) {
+    std::vector<std::string> texts;
+    for (const ListRow& row : Controls().Rows(id)) {
+        texts.push_back(row.Text);
+    }
+    return texts;
+}
+
+// The menu bar as written: each menu's title, then its entries ("-" for a
+// separator, "*" behind a checked one).
+std::vector<std::string> ShownMenus(const MainView& view) {
+    std::vector<std::string> menus;
+    for (QAction* top : view.menuBar()->actions()) {
+        std::string written = top->text().toStdString() + ":";
+        for (QAction* entry : top->menu()->actions()) {
+            written += " " + (entry->isSeparator()
+                                  ? std::string("-")
+                                  : entry->text().toStdString() + (entry->isChecked() ? "*" : ""));
+        }
+        menus.push_back(written);
+    }
+    return menus;
+}
+
+std::vector<std::string> ModelMenus() {
+    std::vector<Menu> menus = Controls().Menus();
+    menus.push_back(Menu{"&Help", Controls().SystemMenu()});
+    std::vector<std::string> written;
+    for (const Menu& menu : menus) {
+        std::string line = menu.Title + ":";
+        bool first = true;
+        for (const MenuItem& item : menu.Items) {
+            if (item.Text.empty() && first) {
+                continue;
+            }
+            first = false;
+            line += " " +
+                    (item.Text.empty() ? std::string("-") : item.Text + (item.Checked ? "*" : ""));
+        }
+        written.push_back(line);
+    }
+    return written;
+}
+
+QAction* MenuEntry(const MainView& view, const std::string& text) {
+    for (QAction* top : view.menuBar()->actions()) {
+        for (QAction* entry : top->menu()->actions()) {
+            if (entry->text().toStdString() == text) {
+                return entry;
+            }
+        }
+    }
+    return nullptr;
+}
+
+// Clicks a row of a list widget where the user would, at its middle.
+void ClickRow(QListWidget* list, int row) {
+    QTest::mouseClick(list->viewport(), Qt::LeftButton, {},
+                      list->visualItemRect(list->item(row)).center());
+}
+
+void ClickFileRow(QTreeWidget* tree, int row) {
+    QTest::mouseClick(tree->viewport(), Qt::LeftButton, {},
+                      tree->visualItemRect(tree->topLevelItem(row)).center());
+}
+
+class WindowTest : public UiTest {
+protected:
+    // Clicks a button once the window shows it enabled, as a user waits to
+    // see it.
+    void Click(int id, Qt::KeyboardModifiers keys = {}) {
+        QWidget* button = Widget(id);
+        ASSERT_TRUE(WaitUntil([&] { return button->isVisible() && button->isEnabled(); }))
+            << ControlName(id);
+        QTest::mouseClick(button, Qt::LeftButton, keys);
+    }
+    // Types a correspondent into the form and presses Add, as the user does.
+    void AddCorrespondent(const std::string& name, const std::string& number) {
+        auto* nameEdit = WidgetAs<QLineEdit>(IDC_NAME);
+        auto* numberEdit = WidgetAs<QLineEdit>(IDC_NUMBER);
+        nameEdit->clear();
+        QTest::keyClicks(nameEdit, QString::fromStdString(name));
+        numberEdit->clear();
+        QTest::keyClicks(numberEdit, QString::fromStdString(number));
+        Click(IDC_ADD);
+        auto* list = WidgetAs<QListWidget>(IDC_DIRECTORY_LIST);
+        ASSERT_TRUE(WaitUntil([&] {
+            return !list->findItems(QString::fromStdString(name), Qt::MatchExactly).isEmpty();
+        }));
+    }
+};
+
+TEST_F(WindowTest, AfterTheStartEveryWidgetShowsItsControlAndTheMenusTheModelsMenus) {
+    WaitForStart();
+    EXPECT_EQ(answerer_->Messages(), std::vector<std::string>{AsShown(NoAdapterMessage)});
+    EXPECT_EQ(ShownMenus(View()), ModelMenus());
+    EXPECT_FALSE(View().windowIcon().isNull());
+    // A tidy dialog: no control reaches past the window's edge.
+    for (const ControlPlace& place : MainWindowLayout()) {
+        const QWidget* widget = Widget(place.Id);
+        ASSERT_NE(widget, nullptr) << place.Id;
+        EXPECT_TRUE(View().Page()->rect().contains(widget->geometry())) << place.Id;
+    }
+    View().grab().save(QString::fromStdString(ScreensFolder() + "/window-without-adapter.png"));
+}
+
+TEST_F(WindowTest, ChangesMadeOnOtherThreadsReachTheirWidgetsAndNeverWaitForTheGui) {
+    WaitForStart();
+    MainWindow* window = nullptr;
+    ASSERT_TRUE(OnMainLoop([&] {
+        window = ActiveMainWindow();
+        return true;
+    }));
+    // The engine's display calls, from a thread of their own, while the GUI
+    // thread does nothing at all: none of them may wait for it.
+    auto calls = std::async(std::launch::async, [window] {
+        window->ShowTransferDisplay(true);
+        for (uint32_t i = 1; i <= 500; ++i) {
+            window->SetProgress(i, 1000);
+            window->ShowBatchEstimate(i * 4096);
+            window->AddLogLine("Block " + std::to_string(i));
+        }
+    });
+    ASSERT_EQ(calls.wait_for(30s), std::future_status::ready)
+        << "a display call waited for the GUI thread";
+
+    const std::vector<std::string> left = WaitForWidgetsToFollow();
+    EXPECT_TRUE(left.empty()) << left.front();
+    EXPECT_FALSE(Widget(IDC_PROGRESS)->isHidden());
+    EXPECT_EQ(WidgetAs<QProgressBar>(IDC_PROGRESS)->value(), 50);
+    auto* log = WidgetAs<QListWidget>(IDC_LOG);
+    EXPECT_EQ(log->item(log->count() - 1)->text().toStdString(), "Block 500");
+    // The newest line has been brought into view.
+    EXPECT_TRUE(
+        log->viewport()->rect().intersects(log->visualItemRect(log->item(log->count() - 1))));
+}
+
+TEST_F(WindowTest, TypingClicksChoicesAndMenusReachTheWindowWhichDecides) {
+    WaitForStart();
+    // Typing a name and a number turns Add on; Add enters the record.
+    AddCorrespondent("Bob", "5552002");
+    EXPECT_EQ(WidgetAs<QListWidget>(IDC_DIRECTORY_LIST)->item(0)->text().toStdString(), "Bob");
+
+    // Choosing the contact form in the drop-down changes the labels.
+    auto* form = WidgetAs<QComboBox>(IDC_FORM);
+    form->setFocus();
+    QTest::keyClick(form, Qt::Key_Down);
+    ASSERT_TRUE(WaitUntil([] { return Controls().Selection(IDC_FORM) == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return !Widget(IDC_LABEL_TELEPHONE)->isHidden(); }));
+    EXPECT_TRUE(Widget(IDC_LABEL_ISDN)->isHidden());
+    QTest::keyClick(form, Qt::Key_Up);
+    ASSERT_TRUE(WaitUntil([&] { return !Widget(IDC_LABEL_ISDN)->isHidden(); }));
+
+    // A click on the record shows it; the folder button makes its pick-up
+    // folder and the pair of radio buttons appears.
+    ClickRow(WidgetAs<QListWidget>(IDC_DIRECTORY_LIST), 0);
+    ASSERT_TRUE(WaitUntil([] { return Controls().Selection(IDC_DIRECTORY_LIST) == 0; }));
+    Click(IDC_MAKE_FOLDER);
+    ASSERT_TRUE(WaitUntil([&] { return !Widget(IDC_HOT_SEND)->isHidden(); }));
+    auto* retrieve = WidgetAs<QRadioButton>(IDC_HOT_RETRIEVE);
+    auto* send = WidgetAs<QRadioButton>(IDC_HOT_SEND);
+    ASSERT_TRUE(WaitUntil([&] { return retrieve->isChecked(); }));
+
+    // A click on the chosen radio button would clear it; the window refuses,
+    // and the button is chosen again.
+    QTest::mouseClick(retrieve, Qt::LeftButton);
+    EXPECT_FALSE(retrieve->isChecked()) << "the click itself clears it";
+    ASSERT_TRUE(WaitUntil([&] { return retrieve->isChecked(); }));
+    EXPECT_TRUE(Controls().Checked(IDC_HOT_RETRIEVE));
+    // The other one is chosen, and the window clears the first.
+    QTest::mouseClick(send, Qt::LeftButton);
+    ASSERT_TRUE(WaitUntil([&] { return !retrieve->isChecked(); }));
+    EXPECT_TRUE(Controls().Checked(IDC_HOT_SEND));
+    EXPECT_TRUE(send->isChecked());
+
+    // A check box keeps what the click made of it.
+    QTest::mouseClick(WidgetAs<QCheckBox>(IDC_IGNORE_HOT), Qt::LeftButton);
+    ASSERT_TRUE(WaitUntil([] { return Controls().Checked(IDC_IGNORE_HOT); }));
+
+    // The Help menu opens the About box, which stays until its OK.
+    QAction* about = MenuEntry(View(), "&About Kestrelbound...");
+    ASSERT_NE(about, nullptr);
+    about->trigger();
+    ASSERT_TRUE(WaitUntil([&] { return View().About()->isVisible(); }));
+    EXPECT_TRUE(Controls().Shown(IDD_ABOUTBOX));
+    View().About()->grab().save(QString::fromStdString(ScreensFolder() + "/about-box.png"));
+    QTest::mouseClick(View().About()->OkButton(), Qt::LeftButton, {},
+                      View().About()->OkButton()->rect().topLeft() + QPoint(5, 5));
+    ASSERT_TRUE(WaitUntil([&] { return !View().About()->isVisible(); }));
+    EXPECT_FALSE(Controls().Shown(IDD_ABOUTBOX));
+
+    const std::vector<std::string> left = WaitForWidgetsToFollow();
+    EXPECT_TRUE(left.empty()) << left.front();
+}
+
+TEST_F(WindowTest, TypingIsNeverUndoneByTheWindowCatchingUpWithIt) {
+    WaitForStart();
+    auto* name = WidgetAs<QLineEdit>(IDC_NAME);
+    name->setFocus();
+    // The window is busy (as during the search for the adapter) while the
+    // user types on; the model holds only the first letter when the GUI next
+    // draws.
+    std::promise<void> released;
+    const auto holdTheWindow = [&] {
+        std::shared_future<void> release = released.get_future().share();
+        MainLoop().Post([release] { release.wait(); });
+    };
+    QTest::keyClicks(name, QStringLiteral("B"));
+    ASSERT_TRUE(WaitUntil([] { return Controls().Text(IDC_NAME) == "B"; }));
+    holdTheWindow();
+    QTest::keyClicks(name, QStringLiteral("ob"));
+    QCoreApplication::processEvents();
+    EXPECT_EQ(name->text().toStdString(), "Bob");
+    released.set_value();
+    ASSERT_TRUE(WaitUntil([] { return Controls().Text(IDC_NAME) == "Bob"; }));
+    const std::vector<std::string> left = WaitForWidgetsToFollow();
+    EXPECT_TRUE(left.empty()) << left.front();
+}
+
+TEST_F(WindowTest, ShiftAndCtrlHeldAtAClickReachTheWindow) {
+    WaitForStart();
+    AddCorrespondent("Bob", "5552002");
+    Click(IDC_MAKE_FOLDER);
+    RecordingDesktop desktop;
+    std::vector<std::string> handOffs;
+    const auto handedOver = [&](size_t count) {
+        return WaitUntil([&] {
+            for (std::string& taken : desktop.Take()) {
+                handOffs.push_back(std::move(taken));
+            }
+            return handOffs.size() >= count;
+        });
+    };
+
+    // The first click on a program button chooses its program; the next
+    // runs it; with Shift held it chooses anew.
+    desktop.Answer("/usr/bin/true");
+    Click(IDC_PROGRAM_1);
+    ASSERT_TRUE(handedOver(1));
+    Click(IDC_PROGRAM_1);
+    ASSERT_TRUE(handedOver(2));
+    Click(IDC_PROGRAM_1, Qt::ShiftModifier);
+    ASSERT_TRUE(handedOver(3));
+    // The folder button opens the record's folder, or with Ctrl held the
+    // folder of all pick-up folders.
+    Click(IDC_FOLDER_EMPTY);
+    ASSERT_TRUE(handedOver(4));
+    Click(IDC_FOLDER_EMPTY, Qt::ControlModifier);
+    ASSERT_TRUE(handedOver(5));
+    const std::string pickUp = folder_ / "Pick Up";
+    EXPECT_EQ(handOffs,
+              (std::vector<std::string>{"dialog: open", "run: /usr/bin/true", "dialog: open",
+                                        "open: " + pickUp + "/Bob", "open: " + pickUp}));
+}
+
+TEST_F(WindowTest, FilesAndFoldersDroppedOnTheFileListSendAndTheDirectoryList) {
+    WaitForStart();
+    const std::string first = MakeFile("first.txt", 10);
+    const std::string second = MakeFile("second.exe", 1234);
+    const std::string empty = MakeFile("empty.txt", 0);
+    ASSERT_TRUE(CreateFolder(folder_ / "album"));
+    WriteWholeFile(folder_ / "album/one.jpg", "one");
+    WriteWholeFile(folder_ / "album/two.jpg", "two!");
+
+    // Files dropped on the file list join it (an empty file does not); the
+    // rows show their sizes and kinds.
+    Drop(IDC_FILE_LIST, {first, empty, second});
+    ASSERT_TRUE(WaitUntil([] { return Controls().RowCount(IDC_FILE_LIST) == 2; }));
+    auto* files = WidgetAs<QTreeWidget>(IDC_FILE_LIST);
+    ASSERT_TRUE(WaitUntil([&] { return files->topLevelItemCount() == 2; }));
+    EXPECT_EQ(files->topLevelItem(1)->text(0).toStdString(), "second.exe");
+    EXPECT_EQ(files->topLevelItem(1)->text(1).toStdString(), "1234");
+    EXPECT_EQ(Controls().Row(IDC_FILE_LIST, 1).Image, 2);
+
+    // A click on a row selects it and turns Delete on; a click below the
+    // rows selects none and turns it off.
+    ClickFileRow(files, 1);
+    ASSERT_TRUE(WaitUntil([&] { return Widget(IDC_FILE_DELETE)->isEnabled(); }));
+    EXPECT_EQ(Controls().Selection(IDC_FILE_LIST), 1);
+    QTest::mouseClick(files->viewport(), Qt::LeftButton, {},
+                      files->viewport()->rect().bottomLeft() + QPoint(5, -5));
+    ASSERT_TRUE(WaitUntil([&] { return !Widget(IDC_FILE_DELETE)->isEnabled(); }));
+    EXPECT_EQ(Controls().Selection(IDC_FILE_LIST), -1);
+
+    // A folder dropped on the list replaces it with the folder and its files.
+    Drop(IDC_FILE_LIST, {folder_ / "album"});
+    ASSERT_TRUE(WaitUntil([] { return Controls().RowCount(IDC_FILE_LIST) == 3; }));
+    EXPECT_EQ(Controls().RowText(IDC_FILE_LIST, 0), "album");
+
+    // Dropped anywhere else, nothing happens.
+    Drop(0, {first});
+    // A drop on Send fills the list and starts the call, which wants a
+    // correspondent first.
+    const size_t messages = answerer_->Messages().size();
+    Drop(IDC_SEND, {first});
+    ASSERT_TRUE(WaitUntil([&] { return answerer_->Messages().size() == messages + 1; }));
+    EXPECT_EQ(answerer_->Messages().back(), "Please select a correspondent in your Directory.");
+    EXPECT_EQ(ModelRowTexts(IDC_FILE_LIST),
+              (std::vector<std::string>{"album", "one.jpg", "two.jpg", "first.txt"}));
+
+    // An exported entry dropped on the directory list is entered: Bob's
+    // entry, saved through the File menu, comes back after his record went.
+    AddCorrespondent("Bob", "5552002");
+    const std::string entry = folder_ / "Bob.KBE";
+    answerer_->AnswerNextDialog(entry);
+    MenuEntry(View(), "&Export Directory Entry...")->trigger();
+    ASSERT_TRUE(WaitUntil([&] { return ReadWholeFile(entry).size() == 140; }));
+    EXPECT_EQ(answerer_->Proposals().back(), folder_ / "Bob.KBE");
+    ClickRow(WidgetAs<QListWidget>(IDC_DIRECTORY_LIST), 0);
+    Click(IDC_DELETE);
+    ASSERT_TRUE(WaitUntil([] { return Controls().RowCount(IDC_DIRECTORY_LIST) == 0; }));
+    Drop(IDC_DIRECTORY_LIST, {entry});
+    ASSERT_TRUE(WaitUntil([] { return Controls().RowCount(IDC_DIRECTORY_LIST) == 1; }));
+    EXPECT_EQ(Controls().RowText(IDC_DIRECTORY_LIST, 0), "Bob");
+
+    const std::vector<std::string> left = WaitForWidgetsToFollow();
+    EXPECT_TRUE(left.empty()) << left.front();
+    View().grab().save(QString::fromStdString(ScreensFolder() + "/window-with-files.png"));
+}
+
+TEST_F(WindowTest, TheSplashClosesByItselfAndTheSearchStartsOnce) {
+    // The window comes up, then the splash over it; then the splash goes.
+    ASSERT_TRUE(WaitUntil([&] { return View().About()->isVisible(); }));
+    EXPECT_TRUE(View().isVisible());
+    View().About()->grab().save(QString::fromStdString(ScreensFolder() + "/splash.png"));
+    ASSERT_TRUE(WaitUntil([&] { return !View().About()->isVisible(); }));
+    WaitForStart();
+    const std::vector<std::string> log = ModelRowTexts(IDC_LOG);
+    EXPECT_EQ(std::count(log.begin(), log.end(), "Searching Comm Port 1"), 1);
+    EXPECT_EQ(std::count(log.begin(), log.end(), "ISDN TA not found."), 1);
+}
+
+TEST_F(WindowTest, EnterAndEscapeNeverEndTheProgramAndTheCloseBoxEndsItInOrder) {
+    WaitForStart();
+    // In the window, in an edit field, and in the About box.
+    for (QWidget* target : {static_cast<QWidget*>(&View()), Widget(IDC_NAME)}) {
+        QTest::keyClick(target, Qt::Key_Return);
+        QTest::keyClick(target, Qt::Key_Enter);
+        QTest::keyClick(target, Qt::Key_Escape);
+    }
+    MenuEntry(View(), "&About Kestrelbound...")->trigger();
+    ASSERT_TRUE(WaitUntil([&] { return View().About()->isVisible(); }));
+    QTest::keyClick(View().About(), Qt::Key_Escape);
+    ASSERT_TRUE(WaitUntil([&] { return !View().About()->isVisible(); }));
+    MenuEntry(View(), "&About Kestrelbound...")->trigger();
+    ASSERT_TRUE(WaitUntil([&] { return View().About()->isVisible(); }));
+    QTest::keyClick(View().About(), Qt::Key_Return);
+    ASSERT_TRUE(WaitUntil([&] { return !View().About()->isVisible(); }));
+    // The window still answers, and stays up.
+    EXPECT_EQ(OnMainLoop([] { return ActiveMainWindow() != nullptr; }), true);
+    EXPECT_FALSE(frontEnd_->Ended());
+    EXPECT_TRUE(View().isVisible());
+
+    // The close box ends it, through the orderly stop: the log is saved with
+    // its Stopping line.
+    View().close();
+    ASSERT_TRUE(WaitUntil([&] { return frontEnd_->Ended(); }));
+    EXPECT_FALSE(View().isVisible());
+    const std::string log = ReadWholeFile(folder_ / "kestrelbound_log");
+    EXPECT_NE(log.find("Stopping Kestrelbound "), std::string::npos);
+}
+
+TEST_F(WindowTest, FileExitEndsTheProgram) {
+    WaitForStart();
+    MenuEntry(View(), "E&xit")->trigger();
+    ASSERT_TRUE(WaitUntil([&] { return frontEnd_->Ended(); }));
+    EXPECT_NE(ReadWholeFile(folder_ / "kestrelbound_log").find("Stopping Kestrelbound "),
+              std::string::npos);
+}
+
+}  // namespace
