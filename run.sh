@@ -1,9 +1,14 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds Kestrelbound, and runs the demonstration:
-# two stations, each in its own folder under demo/ with a virtual terminal
-# adapter of its own on COM1, find their adapters; Alice calls Bob and sends
-# him a folder of sample files; both logs are shown as they run; every file
-# that arrived is compared with the original; both stations stop.
+# Installs what is missing, builds Kestrelbound, and runs it on two virtual
+# terminal adapters: Alice and Bob, each in a folder of its own under demo/
+# with an adapter of a different family on COM1, Alice's directory holding
+# Bob, and a folder of sample pictures beside them.
+#
+# With a display, the two windows open and you send from one to the other
+# yourself. Without one, the demonstration runs by itself: Alice calls Bob
+# and sends him the samples, both logs scroll by, every file that arrived is
+# compared with its original, and pictures of both windows are written into
+# demo/ (Qt's offscreen platform) and named.
 set -euo pipefail
 cd "$(dirname "$0")"
 source scripts/ensure-packages.sh
@@ -11,10 +16,11 @@ kb_ensure_packages
 
 build=build
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build "$build" -j2 --target kbstation virtual-ta
+cmake --build "$build" -j2 --target kbstation virtual-ta kestrelbound
 
 demo=$PWD/demo
 station=$PWD/$build/src/station/kbstation
+window=$PWD/$build/src/ui/kestrelbound
 adapters=$PWD/$build/tools/virtual-ta/virtual-ta
 samples="$demo/samples/Holiday Photos"
 
@@ -47,6 +53,24 @@ trap cleanup EXIT
     >"$demo/run/adapters.out" &
 pids+=($!)
 for _ in $(seq 100); do grep -q '^ready$' "$demo/run/adapters.out" && break; sleep 0.1; done
+
+if [ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ]; then
+    # Alice's directory knows Bob and Bob's knows Alice, so that either can
+    # send at once: drop the samples on the file list and press Send.
+    printf 'name Bob\nnumber 5552002\nentry add\nquit\n' |
+        (cd "$demo/alice" && "$station" >"$demo/run/alice-setup.out")
+    printf 'name Alice\nnumber 5551001\nentry add\nquit\n' |
+        (cd "$demo/bob" && "$station" >"$demo/run/bob-setup.out")
+    echo "Two windows open: Alice (demo/alice) and Bob (demo/bob)."
+    echo "Drag files from $demo/samples onto Alice's file list, choose Bob and press Send."
+    echo "Close both windows to end."
+    (cd "$demo/alice" && exec "$window") &
+    pids+=($!)
+    (cd "$demo/bob" && exec "$window") &
+    pids+=($!)
+    wait "${pids[1]}" "${pids[2]}" || true
+    exit 0
+fi
 
 start_station() {  # name, file descriptor for its commands
     local name=$1
@@ -103,4 +127,16 @@ else
 fi
 command alice quit
 command bob quit
+
+# The two windows as they come up in the stations' folders now, pictured on
+# Qt's offscreen platform: each finds its adapter and shows its log.
+for name in alice bob; do
+    if (cd "$demo/$name" && QT_QPA_PLATFORM=offscreen "$window" --screenshot "$demo/$name-window.png" \
+        2>"$demo/run/$name-window.err"); then
+        echo "A picture of $name's window: $demo/$name-window.png"
+    else
+        echo "No picture of $name's window (see $demo/run/$name-window.err)" >&2
+        status=1
+    fi
+done
 exit $status

@@ -76,9 +76,11 @@ TEST_F(DesktopTest, FoldersAndPagesGoToTheDesktopsHandlersFromAnyThread) {
     FromAnotherThread([&] { desktop_.ShowFolder(folder); });
     const std::string page = folder_ / "Kestrelbound_Manual/Start_Here.html";
     EXPECT_TRUE(FromAnotherThread([&] { return desktop_.OpenInBrowser(page); }));
-    EXPECT_TRUE(FromAnotherThread([&] { return desktop_.OpenInBrowser("https://example.org/help"); }));
+    EXPECT_TRUE(
+        FromAnotherThread([&] { return desktop_.OpenInBrowser("https://example.org/help"); }));
     // A page nobody handles is not taken.
-    EXPECT_FALSE(FromAnotherThread([&] { return desktop_.OpenInBrowser("gopher://example.org/"); }));
+    EXPECT_FALSE(
+        FromAnotherThread([&] { return desktop_.OpenInBrowser("gopher://example.org/"); }));
     EXPECT_EQ(catcher_.Caught(), (std::vector<std::string>{"file://" + folder, "file://" + page,
                                                            "https://example.org/help"}));
 }
