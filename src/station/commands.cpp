@@ -156,7 +156,11 @@ bool SplitWords(const std::string& argument, std::vector<std::string>& words) {
 // them: only what exists can be dragged.
 Answer Drop(int id, const std::string& argument) {
     std::vector<std::string> words;
-    if (!SplitWords(argument, words)) {
+    // A whole argument that names something is one path, blanks and all, so
+    // that a path need not be quoted when it comes alone.
+    if (!argument.empty() && argument[0] != '"' && PathExists(FullPath(argument))) {
+        words = {argument};
+    } else if (!SplitWords(argument, words)) {
         return Fail("a quote is left open");
     }
     if (words.empty()) {
