@@ -16,6 +16,7 @@
 #include <atomic>
 #include <future>
 #include <mutex>
+#include <regex>
 #include <sstream>
 #include <thread>
 
@@ -183,6 +184,23 @@ TEST(ManualTest, TheManualIsWrittenWhereHelpLooksWhenItsStartPageIsMissingAndOnl
             << page.toStdString();
     }
     EXPECT_TRUE(PathExists(ManualStartPageBelow(root.Path())));
+
+    // Every page and picture a page links to was written, and every place
+    // it points into is there.
+    const std::string written = ManualFolderBelow(root.Path()) + "/";
+    const std::regex link(R"((?:href|src)="([^":]*?)(?:#([^"]*))?")");
+    for (const QString& page : pages) {
+        const std::string text = ReadWholeFile(written + page.toStdString());
+        for (std::sregex_iterator it(text.begin(), text.end(), link), end; it != end; ++it) {
+            const std::string target = (*it)[1].str().empty() ? page.toStdString() : (*it)[1].str();
+            ASSERT_TRUE(PathExists(written + target)) << page.toStdString() << " -> " << target;
+            if ((*it)[2].matched) {
+                EXPECT_NE(ReadWholeFile(written + target).find("id=\"" + (*it)[2].str() + "\""),
+                          std::string::npos)
+                    << page.toStdString() << " -> " << (*it)[0].str();
+            }
+        }
+    }
 
     // A start page that is there is the user's: nothing is written.
     TempFolder kept;
