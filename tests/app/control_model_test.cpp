@@ -140,19 +140,6 @@ TEST(ControlModel, SelectionFollowsRowsThatComeAndGo) {
     EXPECT_EQ(model.RowText(3, 0), "");
 }
 
-TEST(ControlModel, MenusAreCheckedAndRemovedByPosition) {
-    ControlModel model;
-    model.SetMenus({{"&File", {{32771, "&Export Directory Entry...", false}}},
-                    {"&Port Speed", {{32774, "115200", false}, {32775, "230400", false}}}});
-    model.CheckMenuItem(32775, true);
-    EXPECT_TRUE(model.MenuItemChecked(32775));
-    EXPECT_FALSE(model.MenuItemChecked(32774));
-    model.RemoveMenu(1);
-    EXPECT_FALSE(model.HasMenuItem(32775));
-    EXPECT_TRUE(model.HasMenuItem(32771));
-    EXPECT_EQ(model.Menus().size(), 1u);
-}
-
 TEST(ControlModel, UnknownControlsAreHarmless) {
     ControlModel model;
     model.SetText(99, "x");

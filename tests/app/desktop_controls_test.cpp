@@ -64,7 +64,7 @@ protected:
     RecordingDesktop desktop_;
 };
 
-TEST_F(DesktopControlsTest, APickUpFolderIsMadeOnceAndOpenedWithOrWithoutCtrl) {
+TEST_F(DesktopControlsTest, APickUpFolderIsMadeOnceAndTurnsHotOnlyWhenStored) {
     AddRecord("Smith", "5551234");
     ASSERT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
     ASSERT_TRUE(Press(IDC_MAKE_FOLDER).Done);
@@ -76,13 +76,6 @@ TEST_F(DesktopControlsTest, APickUpFolderIsMadeOnceAndOpenedWithOrWithoutCtrl) {
     EXPECT_TRUE(Controls().Shown(IDC_HOT_RETRIEVE));
     EXPECT_TRUE(Controls().Checked(IDC_HOT_RETRIEVE));
     EXPECT_FALSE(Controls().Checked(IDC_HOT_SEND));
-
-    ASSERT_TRUE(Press(IDC_FOLDER_EMPTY).Done);
-    HoldKeys(false, true);
-    ASSERT_TRUE(Press(IDC_FOLDER_EMPTY).Done);
-    EXPECT_EQ(desktop_.Take(),
-              (std::vector<std::string>{"open: " + PickUpPath + "/Smith", "open: " + PickUpPath}));
-    HoldKeys(false, false);
 
     // Send marks the folder hot only when the record is stored.
     Select("Smith");
@@ -235,14 +228,7 @@ TEST_F(DesktopControlsTest, AnExportedEntryComesBackAsTheRecordItWas) {
     EXPECT_TRUE(FolderExists(PickUpPath + "/Smith & Co"));
 }
 
-TEST_F(DesktopControlsTest, AReceivedEntryNeverTakesOverARecordOrAFolder) {
-    AddRecord("Smith", "5551234");
-    const std::string impostor = folder_ / "smith.KBE";
-    WriteWholeFile(impostor, Entry("Smith", "5559999", true));
-    EXPECT_EQ(window_->ImportDirectoryEntry(impostor, MainWindow::EntrySource::Received), 0);
-    EXPECT_EQ(Observed().back(), "Directory Entry Not Added: Smith is in the directory already.");
-    EXPECT_EQ(DirectoryCount.load(), 1);
-
+TEST_F(DesktopControlsTest, AnEntryNeverTakesOverAFolder) {
     // A name that is no folder name is refused however the entry came.
     for (const std::string name : {"..", "../Pick Up", ""}) {
         WriteWholeFile(folder_ / "bad.KBE", Entry(name, "5558888", true));
@@ -253,7 +239,7 @@ TEST_F(DesktopControlsTest, AReceivedEntryNeverTakesOverARecordOrAFolder) {
                       "Directory Entry Not Added: its name cannot name a folder.");
         }
     }
-    EXPECT_EQ(DirectoryCount.load(), 1);
+    EXPECT_EQ(DirectoryCount.load(), 0);
 
     // A folder that is there already belongs to somebody else: the entry is
     // entered, but without it.
@@ -262,12 +248,8 @@ TEST_F(DesktopControlsTest, AReceivedEntryNeverTakesOverARecordOrAFolder) {
     EXPECT_EQ(
         window_->ImportDirectoryEntry(folder_ / "jones.KBE", MainWindow::EntrySource::Received), 1);
     EXPECT_EQ(Messages(), std::vector<std::string>{FolderRefusal});
-    EXPECT_EQ(Directory[0].HasPickUp, 0) << FieldText(Directory[0].FirmName);
+    EXPECT_EQ(Directory[0].HasPickUp, 0);
     EXPECT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
-
-    // Dropped by the user, a second record of a name is allowed.
-    EXPECT_EQ(window_->ImportDirectoryEntry(impostor), 1);
-    EXPECT_EQ(RowTexts(IDC_DIRECTORY_LIST), (std::vector<std::string>{"Jones", "Smith", "Smith"}));
 }
 
 }  // namespace

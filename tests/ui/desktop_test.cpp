@@ -120,7 +120,7 @@ TEST_F(DesktopTest, AProgramStartsInASessionOfItsOwnWithNoSignalHeldBack) {
     EXPECT_NE(std::stol(ReadWholeFile(session)), static_cast<long>(getsid(0)));
 }
 
-TEST_F(DesktopTest, FileDialogsGiveTheChosenPathOrNothingAndSaveProposesItsName) {
+TEST_F(DesktopTest, FileDialogsGiveTheChosenPathOrNothing) {
     const std::string chosen = folder_ / "chosen.txt";
     WriteWholeFile(chosen, "x");
     FileDialogRequest open;
@@ -129,18 +129,6 @@ TEST_F(DesktopTest, FileDialogsGiveTheChosenPathOrNothingAndSaveProposesItsName)
     EXPECT_EQ(FromAnotherThread([&] { return desktop_.ChooseFile(open); }), chosen);
     answerer_.AnswerNextDialog(std::nullopt);
     EXPECT_EQ(FromAnotherThread([&] { return desktop_.ChooseFile(open); }), std::nullopt);
-
-    const std::string previous = CurrentFolder();
-    ASSERT_TRUE(ChangeCurrentFolder(folder_.Path()));
-    FileDialogRequest save;
-    save.For = FileDialogRequest::Purpose::Save;
-    save.ProposedName = "Smith & Sons.KBE";
-    save.Filter = "All Files (*)|*|";
-    answerer_.AnswerNextDialog(folder_ / "elsewhere.KBE");
-    EXPECT_EQ(FromAnotherThread([&] { return desktop_.ChooseFile(save); }),
-              folder_ / "elsewhere.KBE");
-    ChangeCurrentFolder(previous);
-    EXPECT_EQ(answerer_.Proposals().back(), folder_ / "Smith & Sons.KBE");
 
     EXPECT_EQ(QtFileFilter("All Files (*)|*|"), "All Files (*)");
     EXPECT_EQ(QtFileFilter("Entries (*.KBE)|*.KBE;*.kbe|All Files (*)|*|"),
