@@ -186,7 +186,7 @@ TEST_F(DesktopControlsTest, HelpTheIncomingFolderAndTheProgramsGoToTheDesktop) {
     EXPECT_TRUE(Controls().Shown(IDD_ABOUTBOX));
 }
 
-TEST_F(DesktopControlsTest, AnExportedEntryComesBackAsTheRecordItWas) {
+TEST_F(DesktopControlsTest, AnExportedEntryComesBackWholeAsTheRecordItWas) {
     EXPECT_FALSE(ChooseMenu(ID_FILE_EXPORT_ENTRY).Done) << "nothing on show";
     AddRecord("Smith & Co", "030 5551234");
     Select("Smith & Co");
@@ -214,12 +214,31 @@ TEST_F(DesktopControlsTest, AnExportedEntryComesBackAsTheRecordItWas) {
     EXPECT_EQ(bytes.substr(0, 64), std::string(reinterpret_cast<const char*>(&original), 64));
     EXPECT_EQ(bytes.substr(72, 64), std::string(reinterpret_cast<const char*>(&original) + 72, 64));
 
-    // Taken back in a directory of its own: the same record but for the
-    // mark and the magic, with a folder made for it.
+    // Taken back in a directory of its own, and only whole: a file cut
+    // short, one too long, one of another magic or none is no entry, nor is
+    // a drop of a name in .Kbe.
     ASSERT_TRUE(RemoveFolder(PickUpPath + "/Smith & Co/Sent Files"));
     window_->OnDirectoryDelete();
     ASSERT_EQ(DirectoryCount.load(), 0);
-    ASSERT_EQ(window_->ImportDirectoryEntry(exported), 1);
+    std::string otherMagic = bytes;
+    otherMagic[139] = 'E';
+    for (const std::string& bad : {bytes.substr(0, 139), bytes + "x", otherMagic}) {
+        WriteWholeFile(folder_ / "bad.KBE", bad);
+        EXPECT_EQ(window_->ImportDirectoryEntry(folder_ / "bad.KBE"), 0) << bad.size();
+    }
+    EXPECT_EQ(window_->ImportDirectoryEntry(folder_ / "missing.KBE"), 0);
+    WriteWholeFile(folder_ / "smith.Kbe", bytes);
+    Drop(IDC_DIRECTORY_LIST, {folder_ / "smith.Kbe"});
+    EXPECT_EQ(DirectoryCount.load(), 0);
+    Drop(IDC_DIRECTORY_LIST, {exported, folder_ / "smith.Kbe"});
+    ASSERT_EQ(DirectoryCount.load(), 1);
+    EXPECT_EQ(Observed().back(), "Directory Entry Added");
+    EXPECT_EQ(window_->CurrentEntry(), 0);
+    EXPECT_EQ(Controls().Text(IDC_NAME), "Smith & Co");
+    EXPECT_EQ(ReadWholeFile(DirectoryPath).substr(0, 2), std::string("\x01\0", 2)) << "saved";
+    EXPECT_TRUE(PathExists(exported)) << "the file itself stays";
+    // The same record but for the mark and the magic, with a folder made
+    // for it.
     Correspondent back = Directory[0];
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(back.EntryMagic), 4), "eDBK");
     back.SelectMark = original.SelectMark;

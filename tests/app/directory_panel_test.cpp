@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -114,43 +113,6 @@ TEST_F(DirectoryPanelTest, TheFolderButtonTellsTheStateOfThePickUpFolder) {
     EXPECT_EQ(DirectoryCount.load(), 0);
     EXPECT_EQ(StoredCount(), 0);
     EXPECT_EQ(Controls().RowCount(IDC_DIRECTORY_LIST), 0);
-}
-
-TEST_F(DirectoryPanelTest, AnExportedEntryIsImportedOnlyWhenWhole) {
-    std::string entry(CorrespondentSize, '\0');
-    std::memcpy(entry.data(), "Smith & Co", 10);
-    std::memcpy(entry.data() + 32, "5551234", 7);
-    std::memcpy(entry.data() + 64, "\0\0\0\x03", 4);  // X.75
-    std::memcpy(entry.data() + 68, "\0\0\0\x04", 4);  // Sprint
-    entry[73] = 1;
-    std::memcpy(entry.data() + 136, "KBDe", 4);
-    const std::string good = MakeFile("smith.KBE", 0);
-    WriteWholeFile(good, entry);
-    WriteWholeFile(folder_ / "short.KBE", entry.substr(0, 139));
-    WriteWholeFile(folder_ / "long.KBE", entry + "x");
-    std::string wrongMagic = entry;
-    wrongMagic[139] = 'E';
-    WriteWholeFile(folder_ / "magic.KBE", wrongMagic);
-
-    EXPECT_EQ(window_->ImportDirectoryEntry(folder_ / "short.KBE"), 0);
-    EXPECT_EQ(window_->ImportDirectoryEntry(folder_ / "long.KBE"), 0);
-    EXPECT_EQ(window_->ImportDirectoryEntry(folder_ / "magic.KBE"), 0);
-    EXPECT_EQ(window_->ImportDirectoryEntry(folder_ / "missing.KBE"), 0);
-    EXPECT_EQ(DirectoryCount.load(), 0);
-
-    // A drop on the directory list of a name in .Kbe is no exported entry.
-    WriteWholeFile(folder_ / "smith.Kbe", entry);
-    Drop(IDC_DIRECTORY_LIST, {folder_ / "smith.Kbe"});
-    EXPECT_EQ(DirectoryCount.load(), 0);
-
-    Drop(IDC_DIRECTORY_LIST, {good, folder_ / "smith.Kbe"});
-    ASSERT_EQ(DirectoryCount.load(), 1);
-    EXPECT_EQ(window_->CurrentEntry(), 0);
-    EXPECT_EQ(Controls().Text(IDC_NAME), "Smith & Co");
-    EXPECT_EQ(Observed().back(), "Directory Entry Added");
-    EXPECT_EQ(StoredCount(), 1);
-    // The received file itself stays where it was.
-    EXPECT_TRUE(PathExists(good));
 }
 
 }  // namespace
