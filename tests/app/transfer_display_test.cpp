@@ -20,11 +20,6 @@ namespace {
 
 using TransferDisplayTest = WindowTest;
 
-std::string Estimate(MainWindow& window, uint32_t bytes) {
-    window.ShowBatchEstimate(bytes);
-    return Controls().Text(IDC_EST_TIME);
-}
-
 // One 64K channel carries 7200 bytes a second, and a whole second is added;
 // the size is shown in whole KB, rounded up, and hours of three digits whole.
 TEST_F(TransferDisplayTest, TheEstimateIsNeverNothingAndRoundsTheSizeUp) {
@@ -96,11 +91,13 @@ TEST_F(TransferDisplayTest, TheFixedRatesFollowTheOutgoingSettings) {
         Controls().Check(IDC_56K, c.At56k);
         Controls().Check(IDC_2B, c.TwoChannels);
         Controls().Check(IDC_V42, c.V42);
-        EXPECT_EQ(Estimate(*window_, 1000000), std::string("Est. Time: ") + c.Time);
+        window_->ShowBatchEstimate(1000000);
+        EXPECT_EQ(Controls().Text(IDC_EST_TIME), std::string("Est. Time: ") + c.Time);
     }
     // A measured rate takes over.
     MeasuredRate = 1000;
-    EXPECT_EQ(Estimate(*window_, 1000000), "Est. Time: 00:16:41");
+    window_->ShowBatchEstimate(1000000);
+    EXPECT_EQ(Controls().Text(IDC_EST_TIME), "Est. Time: 00:16:41");
 }
 
 // The rate of the file on top of a list, from its stamps, never above the
@@ -154,7 +151,7 @@ TEST_F(TransferDisplayTest, TheShownRateNeverPassesTheCeiling) {
     }
 }
 
-TEST_F(TransferDisplayTest, ProgressIsComputedInSixtyFourBits) {
+TEST_F(TransferDisplayTest, ProgressIsComputedInSixtyFourBitsAndShownOnlyDuringATransfer) {
     window_->SetProgress(50u * 1024 * 1024, 60u * 1024 * 1024);
     EXPECT_EQ(Controls().Position(IDC_PROGRESS), 83);
     window_->SetProgress(4000000000u, 4200000000u);
@@ -165,9 +162,8 @@ TEST_F(TransferDisplayTest, ProgressIsComputedInSixtyFourBits) {
     EXPECT_EQ(Controls().Position(IDC_PROGRESS), 0);
     window_->SetProgress(7, 5);
     EXPECT_EQ(Controls().Position(IDC_PROGRESS), 100);
-}
 
-TEST_F(TransferDisplayTest, TheTransferStateShowsTheBarAndShutsClearLog) {
+    // The transfer state shows the bar afresh and shuts Clear Log.
     MeasuredRate = 500;
     Controls().SetText(IDC_BYTES_SEC, "old");
     window_->SetProgress(1, 2);
