@@ -1,8 +1,5 @@
-// Admission of a file list where the far end's word cannot be checked by a
-// peer on a real line: the free space against what the entries announce, the
-// largest length the block counters hold, names already taken (files and
-// folders, up to the last suffix) or taken by the list itself, and the
-// announced name kept for a resume.
+// Admission of a file list where a peer on a real line cannot check the far
+// end's word.
 
 #include <gtest/gtest.h>
 

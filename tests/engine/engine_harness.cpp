@@ -33,6 +33,16 @@ std::string ListFor(const std::vector<peer::File>& files) {
     return "H100\r\n" + peer::Header(static_cast<uint32_t>(files.size()), total) + entries;
 }
 
+FileEntry EntryForFile(const std::string& name, const std::string& path, uint64_t size) {
+    FileEntry entry;
+    entry.DisplayName.Set(name);
+    entry.FilePath.Set(path);
+    SetEntryLengths(entry, static_cast<uint32_t>(DataLengthForSize(size)));
+    entry.CreatorCode = DefaultCreatorCode;
+    entry.TypeCode = DefaultTypeCode;
+    return entry;
+}
+
 void EngineHarness::SetUp() {
     SetLogLineSink([this](const std::string& line) {
         std::lock_guard<std::mutex> guard(logLock_);
@@ -167,12 +177,7 @@ std::string EngineHarness::ChooseFile(const std::string& name, const std::string
     PortConversation conversation;
     const int16_t count = TheEngine.SendCount.load();
     FileEntry& entry = TheEngine.SendList[count];
-    entry = FileEntry{};
-    entry.DisplayName.Set(name);
-    entry.FilePath.Set(path);
-    SetEntryLengths(entry, static_cast<uint32_t>(DataLengthForSize(bytes.size())));
-    entry.CreatorCode = DefaultCreatorCode;
-    entry.TypeCode = DefaultTypeCode;
+    entry = EntryForFile(name, path, bytes.size());
     TheEngine.SendCount = static_cast<int16_t>(count + 1);
     TheEngine.SendRemaining += entry.TotalLength;
     return path;

@@ -27,6 +27,8 @@
 std::string LetterBytes(size_t size);
 // "H100" and the list of the files, as a peer sends it.
 std::string ListFor(const std::vector<peer::File>& files);
+// An entry for a file of that size, filled the way the file list fills one.
+FileEntry EntryForFile(const std::string& name, const std::string& path, uint64_t size);
 
 class EngineHarness : public ::testing::Test {
 protected:

@@ -1,9 +1,5 @@
 // The ends of a call that the stations' end-to-end tests cannot bring about
-// or do not look into: the lines each way of ending logs and the state it
-// leaves, a part left for a resume that a changed file or the exit removes, a
-// list abandoned within a call, files that cannot be read or written, an
-// adapter that does not answer the hang-up, and the receiving side's two
-// limits on silence, on the real clock.
+// or do not look into.
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,5 @@
-// Tokens on both sides of a session, in the orders of the protocol: noise in
-// front of a token, NUL bytes inside a line, several tokens on one line, and
-// tokens that belong to no session in progress; recovery positions that a
-// sender must refuse; the adapter's answers to a dial.
+// Tokens on both sides of a session in the orders of the protocol, and the
+// adapter's answers to a dial.
 
 #include <gtest/gtest.h>
 

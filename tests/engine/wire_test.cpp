@@ -11,6 +11,7 @@
 #include <string>
 
 #include "engine/file_entry.h"
+#include "engine_harness.h"
 #include "support/wire_peer.h"
 
 namespace {
@@ -20,19 +21,8 @@ std::string BytesOf(const Record& record) {
     return std::string(reinterpret_cast<const char*>(&record), sizeof record);
 }
 
-// An entry for a file of that size, filled the way the file list fills one.
-FileEntry EntryForFile(const std::string& name, uint64_t size) {
-    FileEntry entry;
-    entry.DisplayName.Set(name);
-    entry.FilePath.Set("/data/" + name);
-    SetEntryLengths(entry, static_cast<uint32_t>(DataLengthForSize(size)));
-    entry.CreatorCode = DefaultCreatorCode;
-    entry.TypeCode = DefaultTypeCode;
-    return entry;
-}
-
 TEST(WireRecords, NameAndNumberFieldsAreZeroPaddedAndCutToTheirSize) {
-    FileEntry entry = EntryForFile("b", 10);
+    FileEntry entry = EntryForFile("b", "/data/b", 10);
     // Left-over bytes behind the terminator of the entry's own field.
     std::memset(entry.DisplayName.Bytes + 2, 'Z', sizeof entry.DisplayName.Bytes - 2);
     EXPECT_EQ(BytesOf(MakeWireFileEntry(entry)).substr(0, 32), "b" + std::string(31, '\0'));
@@ -57,7 +47,7 @@ TEST(WireArithmetic, TheBlockCountersReachEveryStreamBelowTheLimitAndEverySectio
 
 TEST(WireRecovery, ABodyIsWhatAnIndependentPeerWritesAndGoesBehindItsToken) {
     // Two sections of a file of 400000 bytes have arrived.
-    FileEntry entry = EntryForFile("report.doc", 400000);
+    FileEntry entry = EntryForFile("report.doc", "/data/report.doc", 400000);
     entry.NextBlock = 32;
     entry.BlocksDone = 32;
     entry.BytesDone = 262144;
@@ -85,7 +75,7 @@ TEST(WireRecovery, EveryFieldOfABodyIsTakenAndMadeAgainSignedOnesWithTheirSign) 
     // The far end reads the 80 bytes from wherever its buffer put them.
     const std::string buffer = "xyz" + wire;
     const auto body = RecordFromBytes<RecoveryBody>(buffer.data() + 3);
-    FileEntry taken = EntryForFile("mine.txt", 5);
+    FileEntry taken = EntryForFile("mine.txt", "/data/mine.txt", 5);
     taken.WireName.Set("theirs.txt");
     taken.StartTime = 111;
     taken.LastBlockTime = 222;

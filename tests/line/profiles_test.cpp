@@ -44,6 +44,7 @@ struct NumberCase {
     std::string Number;
 };
 
+// Every family's caption for a plain number is also the detection tests'.
 TEST_F(ProfileTest, EachFamilysNumberIsReadAsItWritesIt) {
     const std::string longNumber = "1234567890123456789012345678901234567890";
     const NumberCase cases[] = {
@@ -54,8 +55,6 @@ TEST_F(ProfileTest, EachFamilysNumberIsReadAsItWritesIt) {
         {"BitSURFR with a blank behind the digits", ModelBitSURFR, 0, "AT!N1?",
          "AT!N1?\r\r\n5552001 \r\nOK\r\n", std::string("Your ISDN Number: ") + "     BitSURFR Pro",
          ""},
-        {"AdTran XR", ModelAdTran, 0, "ATSS62?", "ATSS62?\r\r\n5552062\r\n\r\nOK\r\n",
-         "Your ISDN Number: 5552062     AdTran Express XR", "5552062"},
         {"AdTran XRT", ModelAdTran, 1, "ATSS63?", "ATSS63?\r\r\n5552063\r\n\r\nOK\r\n",
          "Your ISDN Number: 5552063     AdTran Express XRT", "5552063"},
         {"AdTran with a number too long", ModelAdTran, 0, "ATSS62?",
@@ -64,10 +63,6 @@ TEST_F(ProfileTest, EachFamilysNumberIsReadAsItWritesIt) {
          longNumber.substr(0, 31)},
         {"Elite 2864i", ModelZyXEL, 1, "AT&ZI?", "AT&ZI?\r\r\nISDN (MultiAuto):(5552864)\r\nOK\r\n",
          "Your ISDN Number: 5552864     ZyXEL Elite 2864i", "5552864"},
-        {"Omni.net", ModelZyXEL, 2, "AT&ZI?", "AT&ZI?\r\r\n(MultiAuto):(5551292)\r\nOK\r\n",
-         "Your ISDN Number: 5551292     ZyXEL Omni.net", "5551292"},
-        {"Omni TA128", ModelZyXEL, 3, "AT&ZI?", "AT&ZI?\r\r\n(MultiAuto):(5551282)\r\nOK\r\n",
-         "Your ISDN Number: 5551282     ZyXEL Omni TA128", "5551282"},
         {"ZyXEL without the mark", ModelZyXEL, 1, "AT&ZI?",
          "AT&ZI?\r\r\n(Multi):(5552864)\r\nOK\r\n", "", ""},
         {"ZyXEL without the closing bracket", ModelZyXEL, 1, "AT&ZI?",

@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <future>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -32,15 +31,12 @@ protected:
     std::string LogFile() const { return folder_ / "kestrelbound_log"; }
 };
 
-TEST_F(StatusLogFileTest, NewInstallationGetsAOneByteLogAndNoLines) {
+TEST_F(StatusLogFileTest, ShorterLogKeepsTheStaleTailWhichTheNextStartIgnores) {
+    // A new installation gets a log of one byte, the end mark.
     ASSERT_EQ(LoadStatusLog(), 1);
     EXPECT_EQ(ReadWholeFile(LogFile()), std::string(1, '\0'));
     EXPECT_TRUE(StoredLogLines().empty());
     EXPECT_TRUE(messages_.empty());
-}
-
-TEST_F(StatusLogFileTest, ShorterLogKeepsTheStaleTailWhichTheNextStartIgnores) {
-    ASSERT_EQ(LoadStatusLog(), 1);
     ASSERT_EQ(SaveStatusLog(Numbered(1, 20)), 1);
     const std::string before = ReadWholeFile(LogFile());
 
@@ -73,37 +69,27 @@ TEST_F(StatusLogFileTest, SaveCannotBeFooledIntoAnEarlyEndMark) {
 TEST_F(StatusLogFileTest, OnlyTheFirst28000BytesAreReadAndACutLineIsLeftOut) {
     // Lines of 99 characters and their NUL fill the first 27900 bytes; the
     // next line starts there and runs past byte 28000.
-    std::string file;
+    std::string cut;
     std::vector<std::string> whole;
     for (int i = 0; i < 279; ++i) {
         std::string line = "line " + std::to_string(i) + " ";
         line.resize(99, 'x');
         whole.push_back(line);
-        file += line;
-        file += '\0';
+        cut += line + '\0';
     }
-    ASSERT_EQ(file.size(), 27900u);
-    file += std::string(150, 'c') + '\0';
-    file += "after the limit" + std::string(2, '\0');
-    WriteWholeFile(LogFile(), file);
-
-    ASSERT_EQ(LoadStatusLog(), 1);
-    EXPECT_EQ(StoredLogLines(), whole);
-    // Loading reads; it never changes the file.
-    EXPECT_EQ(ReadWholeFile(LogFile()), file);
-}
-
-TEST_F(StatusLogFileTest, ALineEndingOnTheLastByteOfTheBufferIsKept) {
-    std::string file(27999, 'a');
-    file += '\0';
-    file += "beyond";
-    file += '\0';
-    WriteWholeFile(LogFile(), file);
-
-    ASSERT_EQ(LoadStatusLog(), 1);
-    const std::vector<std::string> lines = StoredLogLines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0], std::string(27999, 'a'));
+    cut += std::string(150, 'c') + '\0' + "after the limit" + std::string(2, '\0');
+    // A line whose NUL is the buffer's last byte is whole.
+    const std::string last = std::string(27999, 'a') + '\0' + "beyond" + '\0';
+    for (const auto& [file, lines] :
+         {std::pair{cut, whole},
+          std::pair{last, std::vector<std::string>{std::string(27999, 'a')}}}) {
+        FreeStatusLog();
+        WriteWholeFile(LogFile(), file);
+        ASSERT_EQ(LoadStatusLog(), 1);
+        EXPECT_EQ(StoredLogLines(), lines);
+        // Loading reads; it never changes the file.
+        EXPECT_EQ(ReadWholeFile(LogFile()), file);
+    }
 }
 
 TEST_F(StatusLogFileTest, AFolderWhereTheLogCannotBeMadeGivesTheMessageAndAnEmptyLog) {
@@ -131,6 +117,17 @@ TEST_F(StatusLogFileTest, AStoredLogOf700LinesComesBackWholeAndTheNextLineTrimsI
     ASSERT_EQ(lines.size(), 401u);
     EXPECT_EQ(lines.front(), "line 300");
     EXPECT_EQ(lines.back(), "Starting Kestrelbound");
+
+    // Trimming comes in batches: up to 600 lines nothing goes, the 601st
+    // takes the oldest 300 away.
+    for (const std::string& line : Numbered(701, 199)) {
+        ASSERT_EQ(AppendLogLine(lines, line), 0u);
+    }
+    EXPECT_EQ(lines.size(), 600u);
+    EXPECT_EQ(AppendLogLine(lines, "line 900"), 300u);
+    ASSERT_EQ(lines.size(), 301u);
+    EXPECT_EQ(lines.front(), "line 600");
+    EXPECT_EQ(lines.back(), "line 900");
 }
 
 TEST(LogBufferTest, WalkStopsAtTheEndMarkAndNeverReadsPastTheBuffer) {
@@ -144,28 +141,6 @@ TEST(LogBufferTest, WalkStopsAtTheEndMarkAndNeverReadsPastTheBuffer) {
     EXPECT_EQ(LogLinesFromBuffer(memory.data(), 20), std::vector<std::string>{"kept"});
     EXPECT_TRUE(LogLinesFromBuffer(memory.data() + 5, 30).empty());
     EXPECT_TRUE(LogLinesFromBuffer(memory.data(), 0).empty());
-}
-
-TEST(LogTrimTest, The601stLineLeaves301WithTheNewestLast) {
-    std::vector<std::string> lines;
-    for (const std::string& line : Numbered(1, 600)) {
-        ASSERT_EQ(AppendLogLine(lines, line), 0u);
-    }
-    EXPECT_EQ(lines.size(), 600u);
-    EXPECT_EQ(lines.front(), "line 1");
-
-    EXPECT_EQ(AppendLogLine(lines, "line 601"), 300u);
-    ASSERT_EQ(lines.size(), 301u);
-    EXPECT_EQ(lines.front(), "line 301");
-    EXPECT_EQ(lines.back(), "line 601");
-
-    // Trimming comes in batches: the next 299 lines take nothing away.
-    for (const std::string& line : Numbered(602, 299)) {
-        ASSERT_EQ(AppendLogLine(lines, line), 0u);
-    }
-    EXPECT_EQ(lines.size(), 600u);
-    EXPECT_EQ(AppendLogLine(lines, "line 901"), 300u);
-    EXPECT_EQ(lines.front(), "line 601");
 }
 
 TEST(LogTimeTest, TimeTextIsCtimeWithoutTheLineEnd) {
@@ -187,8 +162,6 @@ TEST(LogTimeTest, TimeTextIsCtimeWithoutTheLineEnd) {
 }
 
 TEST(LogTimeTest, StartingAndStoppingLinesNameTheTimeNow) {
-    const std::regex form(
-        "[A-Z][a-z]{2} [A-Z][a-z]{2} [ 123][0-9] [0-2][0-9]:[0-5][0-9]:[0-6][0-9] [0-9]{4}");
     const std::time_t before = std::time(nullptr);
     const std::string starting = StartStopLine(true);
     const std::string stopping = StartStopLine(false);
@@ -198,7 +171,6 @@ TEST(LogTimeTest, StartingAndStoppingLinesNameTheTimeNow) {
     ASSERT_EQ(stopping.rfind("Stopping Kestrelbound ", 0), 0u);
     for (const std::string& line : {starting, stopping}) {
         const std::string time = line.substr(22);
-        EXPECT_TRUE(std::regex_match(time, form)) << line;
         EXPECT_TRUE(time == TimeText(before) || time == TimeText(after)) << line;
     }
 }
@@ -230,25 +202,18 @@ TEST_F(LogSinkTest, LinesBeforeTheSinkAreHeldUnderTheListLimitAndArriveFirstInOr
     // After removal lines are held again for the next sink, not lost.
     SetLogLineSink(nullptr);
     AddLogLine("after the window");
+    AddLogLine("held two");
     EXPECT_EQ(seen.size(), expected.size());
     std::vector<std::string> next;
-    SetLogLineSink([&next](const std::string& line) { next.push_back(line); });
-    EXPECT_EQ(next, std::vector<std::string>{"after the window"});
-}
-
-TEST_F(LogSinkTest, ALineLoggedWhileHeldLinesAreHandedOverComesAfterThem) {
-    AddLogLine("held one");
-    AddLogLine("held two");
-    std::vector<std::string> seen;
-    SetLogLineSink([&seen](const std::string& line) {
-        seen.push_back(line);
-        if (line == "held one") {
+    SetLogLineSink([&next](const std::string& line) {
+        next.push_back(line);
+        if (line == "after the window") {
             // Another thread logs while the hand-over is under way; it must
             // neither overtake the held lines nor wait for them.
             std::thread([] { AddLogLine("meanwhile"); }).join();
         }
     });
-    EXPECT_EQ(seen, (std::vector<std::string>{"held one", "held two", "meanwhile"}));
+    EXPECT_EQ(next, (std::vector<std::string>{"after the window", "held two", "meanwhile"}));
 }
 
 TEST_F(LogSinkTest, LinesFromSeveralThreadsAllArriveEachThreadInItsOrder) {
