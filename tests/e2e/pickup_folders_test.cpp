@@ -60,11 +60,13 @@ protected:
     std::string Incoming(size_t line, const std::string& relative) const {
         return paths_[line] + "/Incoming Files/" + relative;
     }
-    // Presses Retrieve and waits until both ends are idle again.
-    void Retrieve(Station& caller, Station& holder, const std::string& answer) {
+    // Presses Retrieve and waits for the lines that end the session at each
+    // end and until both ends are idle again.
+    void Retrieve(Station& caller, Station& holder, const std::string& answer,
+                  const std::string& holderAnswer = "") {
         ASSERT_EQ(caller.Command("retrieve"), "ok");
         ASSERT_TRUE(caller.WaitForLog(answer));
-        ASSERT_TRUE(holder.WaitForLog(answer));
+        ASSERT_TRUE(holder.WaitForLog(holderAnswer.empty() ? answer : holderAnswer));
         ASSERT_TRUE(caller.WaitForLog("Reinitializing Incoming"));
         ASSERT_TRUE(holder.WaitForLog("Reinitializing Incoming"));
         ASSERT_EQ(caller.Command("wait-state idle 30"), "ok");
@@ -95,11 +97,7 @@ TEST_F(ThreeLines, ACorrespondentFetchesItsFolderAndAnyoneElseIsToldThereIsNone)
     // Bob fetches it: the roles turn, and the files land under Alice's name
     // for the folder.
     AddRecord(bob, "Alice", "5551001");
-    ASSERT_EQ(bob.Command("retrieve"), "ok");
-    ASSERT_TRUE(bob.WaitForLog("All files received."));
-    ASSERT_TRUE(alice.WaitForLog("All files sent."));
-    ASSERT_TRUE(bob.WaitForLog("Reinitializing Incoming"));
-    ASSERT_TRUE(alice.WaitForLog("Reinitializing Incoming"));
+    Retrieve(bob, alice, "All files received.", "All files sent.");
     for (const peer::File& file : files) {
         SCOPED_TRACE(file.Name);
         ExpectSameBytes(Incoming(1, "Bob/" + file.Name), file.Bytes);
@@ -120,7 +118,6 @@ TEST_F(ThreeLines, ACorrespondentFetchesItsFolderAndAnyoneElseIsToldThereIsNone)
                                         "Receiving File: note.txt", "Receiving File: photo.bin"}));
 
     // Nothing waits for Bob now.
-    ASSERT_EQ(bob.Command("wait-state idle 30"), "ok");
     Retrieve(bob, alice, "No files to be retrieved.");
     EXPECT_EQ(alice.Count("Retrieve request from 5552002"), 1);
 
