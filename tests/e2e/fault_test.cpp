@@ -65,28 +65,12 @@ public:
     }
 
     // Both logs, for a failure's message.
-    std::string Logs() const {
-        std::string all;
-        for (const std::string& entry : Alice->LogLines()) {
-            all += "alice | " + entry + "\n";
-        }
-        for (const std::string& entry : Bob->LogLines()) {
-            all += "bob   | " + entry + "\n";
-        }
-        return all;
-    }
+    std::string Logs() const { return "alice:\n" + Alice->LogText() + "bob:\n" + Bob->LogText(); }
 
     std::vector<std::string> ErrorLines() const {
         return LinesHolding(Bob->LogLines(), {"Packet byte error"});
     }
 };
-
-// Files compared without printing megabytes when they differ.
-void ExpectSameBytes(const std::string& path, const std::string& expected) {
-    const std::string arrived = ReadWholeFile(path);
-    EXPECT_EQ(arrived.size(), expected.size()) << path;
-    EXPECT_TRUE(arrived == expected) << path << " differs";
-}
 
 }  // namespace
 

@@ -1,6 +1,11 @@
 #include "harness.h"
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
 #include <stdexcept>
+
+#include "support/temp_folder.h"
 
 VirtualAdapters::VirtualAdapters(const std::vector<std::string>& adapters,
                                  const std::vector<std::string>& options)
@@ -83,8 +88,17 @@ bool Station::WaitForLog(const std::string& text, std::chrono::milliseconds limi
     return seen;
 }
 
-std::vector<std::string> Station::LogLines() const {
-    return logLines_;
+std::string Station::LogText() const {
+    std::string all;
+    for (const std::string& line : logLines_) {
+        all += line + "\n";
+    }
+    return all;
+}
+
+long Station::Count(const std::string& line) {
+    ShowControl("IDC_SEND");
+    return std::count(logLines_.begin(), logLines_.end(), line);
 }
 
 std::string Station::ShowControl(const std::string& name) {
@@ -101,10 +115,6 @@ std::string Station::ShowControl(const std::string& name) {
     return shown;
 }
 
-std::vector<std::string> Station::Messages() const {
-    return messages_;
-}
-
 std::vector<std::string> Station::TakeHandOffs() {
     std::vector<std::string> taken;
     taken.swap(handOffs_);
@@ -118,4 +128,16 @@ int Station::Quit(std::chrono::milliseconds limit) {
         Sort(line);
     }
     return process_.WaitForExit(limit);
+}
+
+std::unique_ptr<Station> WaitingStation(const std::string& folder) {
+    auto station = std::make_unique<Station>(folder);
+    EXPECT_TRUE(station->WaitForLog("Initializing Incoming")) << folder;
+    return station;
+}
+
+void ExpectSameBytes(const std::string& path, const std::string& expected) {
+    const std::string arrived = ReadWholeFile(path);
+    EXPECT_EQ(arrived.size(), expected.size()) << path;
+    EXPECT_TRUE(arrived == expected) << path << " differs";
 }

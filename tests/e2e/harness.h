@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -42,9 +43,14 @@ public:
     bool WaitForLog(const std::string& text,
                     std::chrono::milliseconds limit = std::chrono::seconds(60));
     // Every log line printed so far, in order, without the "log: " prefix.
-    std::vector<std::string> LogLines() const;
+    std::vector<std::string> LogLines() const { return logLines_; }
+    // The same, one text, for a failure's message.
+    std::string LogText() const;
+    // How often the log holds exactly this line. The answer to "show" comes
+    // behind every log line added before it, so the lines in hand are all.
+    long Count(const std::string& line);
     // Every message box shown so far, with the "message: " prefix taken away.
-    std::vector<std::string> Messages() const;
+    std::vector<std::string> Messages() const { return messages_; }
     // The hand-offs to the desktop ("open: ...", "browse: ...", "raise: ...",
     // "run: ...", "dialog: ...") printed since the last call.
     std::vector<std::string> TakeHandOffs();
@@ -68,3 +74,10 @@ private:
     std::vector<std::string> handOffs_;
     size_t logWaitMark_ = 0;
 };
+
+// A station started in its folder that has found its adapter and waits for
+// calls.
+std::unique_ptr<Station> WaitingStation(const std::string& folder);
+
+// A file compared whole, so that a failure does not print megabytes.
+void ExpectSameBytes(const std::string& path, const std::string& expected);

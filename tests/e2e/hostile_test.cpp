@@ -4,7 +4,6 @@
 // line, files what it may only inside "Incoming Files", and takes a normal
 // call afterwards.
 
-#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <string>
@@ -49,14 +48,7 @@ protected:
         }
     }
 
-    // How often the log holds exactly this line. The station's answer to a
-    // command comes behind every log line it had added before, so the lines
-    // in hand are all there are.
-    long Count(const std::string& line) {
-        station_->ShowControl("IDC_SEND");
-        const std::vector<std::string> lines = station_->LogLines();
-        return std::count(lines.begin(), lines.end(), line);
-    }
+    long Count(const std::string& line) { return station_->Count(line); }
 
     // A plain session after all the rest: the station is unharmed.
     void ExpectANormalCallStillWorks() {
@@ -67,15 +59,8 @@ protected:
         EXPECT_TRUE(Incoming("after.txt") == files[0].Bytes);
     }
 
-    // A file of these bytes, chosen for the station to send to the peer.
-    void ChooseAFileForThePeer(const std::string& bytes) {
-        ASSERT_TRUE(CreateFolder(root_ / "samples"));
-        WriteWholeFile(root_ / "samples/out.bin", bytes);
-        ASSERT_EQ(station_->Command("choose " + (root_ / "samples/out.bin")), "ok");
-    }
-
-    // The station sends its one file: the peer answers its call and takes
-    // the offer up to the list.
+    // The station sends its one file, out.bin: the peer answers its call and
+    // takes the offer up to the list.
     void TakeTheOffer() {
         ASSERT_NO_FATAL_FAILURE(CallThePeer());
         ASSERT_NE(port_->ReceiveUntil("SYNCON\r\n", 5000).find("SYNCON"), std::string::npos);
@@ -195,9 +180,7 @@ TEST_F(HostilePeer, ListsThatCannotBeRightAreRefusedEachWithItsLogLine) {
     // A wrong magic number: the station hangs up at once, without a word.
     const long corrupted = Count("Corrupted file list.");
     port_->Send("H100\r\n" + peer::Header(1, 1002, 0x0055AAFFu) + one);
-    EXPECT_NE(port_->ReceiveUntil("NO CARRIER", 15000).find("NO CARRIER"), std::string::npos);
-    ASSERT_TRUE(station_->WaitForLog("Disconnected"));
-    ASSERT_EQ(station_->Command("wait-state idle 30"), "ok");
+    StationHangsUp();
     EXPECT_EQ(Count("Corrupted file list."), corrupted);
 
     // A hundred files is the most a list may hold.
@@ -246,14 +229,12 @@ TEST_F(HostilePeer, EndlessLinesAndNoiseHarmNothing) {
 // The station sends; the peer answers the list with a FILERESTA3 whose body
 // stops halfway.
 TEST_F(HostilePeer, ARecoveryBodyCutShortEndsTheSendersCall) {
-    ChooseAFileForThePeer(RandomBytes(50000, 34));
+    ASSERT_NO_FATAL_FAILURE(Choose({{"out.bin", RandomBytes(50000, 34)}}));
     ASSERT_NO_FATAL_FAILURE(TakeTheOffer());
     port_->Send("FILERESTA3\r\n" + std::string(40, '\0'));
     EXPECT_TRUE(station_->WaitForLog("Read Buffer Timeout")) << LogText();
     EXPECT_EQ(Count("Read Buffer Timeout"), 1);
-    EXPECT_NE(port_->ReceiveUntil("NO CARRIER", 15000).find("NO CARRIER"), std::string::npos);
-    ASSERT_TRUE(station_->WaitForLog("Disconnected")) << LogText();
-    ASSERT_EQ(station_->Command("wait-state idle 30"), "ok");
+    StationHangsUp();
     // Not a byte of the file went out, and it stays in the list, whole, for
     // the next call.
     EXPECT_EQ(Count("All files sent."), 0);
@@ -267,7 +248,7 @@ TEST_F(HostilePeer, ARecoveryBodyCutShortEndsTheSendersCall) {
 TEST_F(HostilePeer, RepairsOfNoFileOnItsWayAreNotActedOn) {
     const std::string bytes = RandomBytes(50000, 35);
     const uint32_t stream = peer::StreamLength(bytes.size());
-    ChooseAFileForThePeer(bytes);
+    ASSERT_NO_FATAL_FAILURE(Choose({{"out.bin", bytes}}));
     const auto takeTheFile = [&] {
         ASSERT_NO_FATAL_FAILURE(TakeTheOffer());
         port_->Send("ACK3\r\n");
@@ -281,11 +262,8 @@ TEST_F(HostilePeer, RepairsOfNoFileOnItsWayAreNotActedOn) {
     ASSERT_NO_FATAL_FAILURE(takeTheFile());
     port_->Send("FILERECOVR\r\n" + peer::RecoveryBody(2 * 131072, 1, 2 * 131072));
     port_->Send("CONTSEND\r\n");
-    const std::string heard = port_->ReceiveUntil("NO CARRIER", 15000);
-    EXPECT_NE(heard.find("NO CARRIER"), std::string::npos);
+    const std::string heard = StationHangsUp();
     EXPECT_EQ(heard.find("SENDRECOVR"), std::string::npos) << heard;
-    ASSERT_TRUE(station_->WaitForLog("Disconnected")) << LogText();
-    ASSERT_EQ(station_->Command("wait-state idle 30"), "ok");
     EXPECT_EQ(Count("Cannot read file: out.bin"), 0) << LogText();
     EXPECT_EQ(Count("All files sent."), 0);
     EXPECT_NE(station_->ShowControl("IDC_FILE_LIST").find("out.bin"), std::string::npos);
@@ -298,8 +276,6 @@ TEST_F(HostilePeer, RepairsOfNoFileOnItsWayAreNotActedOn) {
     port_->Send("CONTSEND\r\n");
     port_->Send("ACK2\r\n");
     EXPECT_TRUE(station_->WaitForLog("All files sent.", std::chrono::seconds(15))) << LogText();
-    const std::string after = port_->ReceiveUntil("NO CARRIER", 15000);
-    EXPECT_NE(after.find("NO CARRIER"), std::string::npos);
+    const std::string after = StationHangsUp();
     EXPECT_EQ(after.find("SENDRECOVR"), std::string::npos) << after;
-    ASSERT_EQ(station_->Command("wait-state idle 30"), "ok");
 }

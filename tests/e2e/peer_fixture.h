@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "harness.h"
+#include "platform/files.h"
 #include "support/installation.h"
 #include "support/wire_peer.h"
 
@@ -22,8 +23,7 @@ protected:
             std::vector<std::string>{stationPath_ + "/COM1=bitsurfr:5552002",
                                      root_ / "peer-port=zyxel-2864:5553003"},
             std::vector<std::string>{"--rate", "0"});
-        station_ = std::make_unique<Station>(stationPath_);
-        ASSERT_TRUE(station_->WaitForLog("Initializing Incoming"));
+        station_ = WaitingStation(stationPath_);
         port_ = std::make_unique<FarEnd>(root_ / "peer-port");
         ASSERT_NE(port_->Command("AT").find("OK\r\n"), std::string::npos);
     }
@@ -35,6 +35,25 @@ protected:
         ASSERT_EQ(station_->Command("number 5553003"), "ok");
         ASSERT_EQ(station_->Command("send"), "ok");
         ASSERT_TRUE(port_->Answer(30000));
+    }
+
+    // Sample files of these bytes, chosen for the station to send.
+    void Choose(const std::vector<peer::File>& files) {
+        ASSERT_TRUE(CreateFolder(root_ / "samples"));
+        for (const peer::File& file : files) {
+            WriteWholeFile(root_ / "samples/" + file.Name, file.Bytes);
+            ASSERT_EQ(station_->Command("choose " + (root_ / "samples/" + file.Name)), "ok");
+        }
+    }
+
+    // The station hangs up on the peer and is idle again; what the peer
+    // heard up to the NO CARRIER.
+    std::string StationHangsUp() {
+        const std::string heard = port_->ReceiveUntil("NO CARRIER", 15000);
+        EXPECT_NE(heard.find("NO CARRIER"), std::string::npos);
+        EXPECT_TRUE(station_->WaitForLog("Disconnected")) << LogText();
+        EXPECT_EQ(station_->Command("wait-state idle 30"), "ok");
+        return heard;
     }
 
     // The files that came to the peer are those the station sent, in order.
@@ -57,15 +76,7 @@ protected:
         ASSERT_EQ(station_->Command("wait-state idle 30"), "ok");
     }
 
-    // The station's log, for a failure's message.
-    std::string LogText() const {
-        std::string all;
-        for (const std::string& line : station_->LogLines()) {
-            all += line + "\n";
-        }
-        return all;
-    }
-
+    std::string LogText() const { return station_->LogText(); }
     std::string Incoming(const std::string& relative) const {
         return ReadWholeFile(stationPath_ + "/Incoming Files/" + relative);
     }

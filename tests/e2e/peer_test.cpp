@@ -41,19 +41,14 @@ TEST_F(PeerAndStation, AStationSendsFilesAndThePeerReceivesThemIdentical) {
         {"one.byte", RandomBytes(1, 32)},       {"block.bin", RandomBytes(8190, 33)},
         {"whole.bin", RandomBytes(131070, 25)}, {"big.bin", RandomBytes(400000, 26)},
     };
-    ASSERT_TRUE(CreateFolder(root_ / "samples"));
-    for (const peer::File& file : files) {
-        WriteWholeFile(root_ / "samples/" + file.Name, file.Bytes);
-        ASSERT_EQ(station_->Command("choose " + (root_ / "samples/" + file.Name)), "ok");
-    }
+    ASSERT_NO_FATAL_FAILURE(Choose(files));
     ASSERT_NO_FATAL_FAILURE(CallThePeer());
     std::vector<peer::File> arrived;
     EXPECT_EQ(peer::ReceiveSession(*port_, arrived, nullptr, 2500), "");
     ExpectArrived(arrived, files);
     // The station hangs up once the last file is acknowledged.
-    EXPECT_NE(port_->ReceiveUntil("NO CARRIER", 15000).find("NO CARRIER"), std::string::npos);
-    ASSERT_TRUE(station_->WaitForLog("All files sent."));
-    ASSERT_EQ(station_->Command("wait-state idle 30"), "ok");
+    StationHangsUp();
+    EXPECT_EQ(station_->Count("All files sent."), 1);
 }
 
 TEST_F(PeerAndStation, AStationSendsAFolderAndThePeerGetsItsMarkerFirst) {
@@ -75,6 +70,6 @@ TEST_F(PeerAndStation, AStationSendsAFolderAndThePeerGetsItsMarkerFirst) {
     std::sort(arrived.begin(), arrived.end(),
               [](const peer::File& a, const peer::File& b) { return a.Name < b.Name; });
     ExpectArrived(arrived, files);
-    EXPECT_NE(port_->ReceiveUntil("NO CARRIER", 15000).find("NO CARRIER"), std::string::npos);
-    ASSERT_TRUE(station_->WaitForLog("All files sent."));
+    StationHangsUp();
+    EXPECT_EQ(station_->Count("All files sent."), 1);
 }

@@ -28,20 +28,6 @@ void AddRecord(Station& station, const std::string& name, const std::string& num
     EXPECT_EQ(station.Command("entry add"), "ok");
 }
 
-// How often the log holds exactly this line, once every line logged before
-// the question has come.
-long Count(Station& station, const std::string& line) {
-    station.ShowControl("IDC_SEND");
-    const std::vector<std::string> lines = station.LogLines();
-    return std::count(lines.begin(), lines.end(), line);
-}
-
-void ExpectSameBytes(const std::string& path, const std::string& expected) {
-    const std::string arrived = ReadWholeFile(path);
-    EXPECT_EQ(arrived.size(), expected.size()) << path;
-    EXPECT_TRUE(arrived == expected) << path << " differs";
-}
-
 // The lines of the log that hold any of the texts, in order.
 std::vector<std::string> Lines(const Station& station, const std::vector<std::string>& texts) {
     return LinesHolding(station.LogLines(), texts);
@@ -65,8 +51,7 @@ protected:
 
     // The station of line 0, 1 or 2, started and waiting for calls.
     Station& Start(size_t line) {
-        stations_[line] = std::make_unique<Station>(paths_[line]);
-        EXPECT_TRUE(stations_[line]->WaitForLog("Initializing Incoming"));
+        stations_[line] = WaitingStation(paths_[line]);
         return *stations_[line];
     }
     std::string PickUp(size_t line, const std::string& relative) const {
@@ -75,11 +60,13 @@ protected:
     std::string Incoming(size_t line, const std::string& relative) const {
         return paths_[line] + "/Incoming Files/" + relative;
     }
-    // Presses Retrieve and waits until both ends are idle again.
-    void Retrieve(Station& caller, Station& holder, const std::string& answer) {
+    // Presses Retrieve and waits for the lines that end the session at each
+    // end and until both ends are idle again.
+    void Retrieve(Station& caller, Station& holder, const std::string& answer,
+                  const std::string& holderAnswer = "") {
         ASSERT_EQ(caller.Command("retrieve"), "ok");
         ASSERT_TRUE(caller.WaitForLog(answer));
-        ASSERT_TRUE(holder.WaitForLog(answer));
+        ASSERT_TRUE(holder.WaitForLog(holderAnswer.empty() ? answer : holderAnswer));
         ASSERT_TRUE(caller.WaitForLog("Reinitializing Incoming"));
         ASSERT_TRUE(holder.WaitForLog("Reinitializing Incoming"));
         ASSERT_EQ(caller.Command("wait-state idle 30"), "ok");
@@ -110,11 +97,7 @@ TEST_F(ThreeLines, ACorrespondentFetchesItsFolderAndAnyoneElseIsToldThereIsNone)
     // Bob fetches it: the roles turn, and the files land under Alice's name
     // for the folder.
     AddRecord(bob, "Alice", "5551001");
-    ASSERT_EQ(bob.Command("retrieve"), "ok");
-    ASSERT_TRUE(bob.WaitForLog("All files received."));
-    ASSERT_TRUE(alice.WaitForLog("All files sent."));
-    ASSERT_TRUE(bob.WaitForLog("Reinitializing Incoming"));
-    ASSERT_TRUE(alice.WaitForLog("Reinitializing Incoming"));
+    Retrieve(bob, alice, "All files received.", "All files sent.");
     for (const peer::File& file : files) {
         SCOPED_TRACE(file.Name);
         ExpectSameBytes(Incoming(1, "Bob/" + file.Name), file.Bytes);
@@ -135,15 +118,14 @@ TEST_F(ThreeLines, ACorrespondentFetchesItsFolderAndAnyoneElseIsToldThereIsNone)
                                         "Receiving File: note.txt", "Receiving File: photo.bin"}));
 
     // Nothing waits for Bob now.
-    ASSERT_EQ(bob.Command("wait-state idle 30"), "ok");
     Retrieve(bob, alice, "No files to be retrieved.");
-    EXPECT_EQ(Count(alice, "Retrieve request from 5552002"), 1);
+    EXPECT_EQ(alice.Count("Retrieve request from 5552002"), 1);
 
     // Carol's 555 lies inside Bob's number, but is too short to name anyone.
     WriteWholeFile(PickUp(0, "Bob/later.txt"), "for Bob only");
     AddRecord(carol, "Alice", "5551001");
     Retrieve(carol, alice, "No retrieve folder found.");
-    EXPECT_EQ(Count(alice, "Retrieve request from 555"), 1);
+    EXPECT_EQ(alice.Count("Retrieve request from 555"), 1);
     EXPECT_EQ(ReadWholeFile(PickUp(0, "Bob/later.txt")), "for Bob only");
 
     // Alice's record for Bob takes another number: Bob's call finds no folder.
@@ -249,14 +231,14 @@ TEST(EntriesInACall, AnEntryIsEnteredOnceAtTheEndOfTheCallThatBroughtItWhole) {
     ASSERT_TRUE(line.Bob->WaitForLog("Disconnected"));
     line.BackToIdle();
     ExpectSameBytes(line.IncomingPath("big.bin"), big);
-    EXPECT_EQ(Count(*line.Bob, "Directory Entry Added"), 0);
+    EXPECT_EQ(line.Bob->Count("Directory Entry Added"), 0);
     EXPECT_NE(line.Bob->ShowControl("IDC_DIRECTORY_LIST").find("rows=\"\""), std::string::npos)
         << "nothing entered";
 
     // The rest of the list goes in the next call; the entry is entered as it
     // ends, and stays in its folder.
     line.SendThrough();
-    EXPECT_EQ(Count(*line.Bob, "Directory Entry Added"), 1);
+    EXPECT_EQ(line.Bob->Count("Directory Entry Added"), 1);
     EXPECT_NE(line.Bob->ShowControl("IDC_DIRECTORY_LIST").find("rows=\"Alice Ltd\""),
               std::string::npos);
     ExpectSameBytes(line.IncomingPath("alice.KBE"), ReadWholeFile(entry));
@@ -264,7 +246,7 @@ TEST(EntriesInACall, AnEntryIsEnteredOnceAtTheEndOfTheCallThatBroughtItWhole) {
     // Dropped on the directory list by Bob himself, the file is entered
     // again: he may keep two records of a name.
     ASSERT_EQ(line.Bob->Command("drop-directory \"" + line.IncomingPath("alice.KBE") + "\""), "ok");
-    EXPECT_EQ(Count(*line.Bob, "Directory Entry Added"), 2);
+    EXPECT_EQ(line.Bob->Count("Directory Entry Added"), 2);
 
     // A later call, started by a drop on Send, enters nothing again.
     ASSERT_EQ(line.Alice->Command("drop-send " + line.Sample("more.txt", "more")), "ok");
@@ -272,7 +254,7 @@ TEST(EntriesInACall, AnEntryIsEnteredOnceAtTheEndOfTheCallThatBroughtItWhole) {
     ASSERT_TRUE(line.Bob->WaitForLog("All files received."));
     line.BackToIdle();
     EXPECT_EQ(line.Received("more.txt"), "more");
-    EXPECT_EQ(Count(*line.Bob, "Directory Entry Added"), 2);
+    EXPECT_EQ(line.Bob->Count("Directory Entry Added"), 2);
     EXPECT_NE(line.Bob->ShowControl("IDC_DIRECTORY_LIST").find("rows=\"Alice Ltd|Alice Ltd\""),
               std::string::npos);
 }
@@ -323,8 +305,8 @@ TEST_F(FolderThief, EntriesAndRequestsMeantForOtherPeoplesFoldersReachNothing) {
     ASSERT_EQ(peer::SendSession(*port_, entries), "");
     EndCall();
     ASSERT_TRUE(station_->WaitForLog("Directory Entry Added"));
-    EXPECT_EQ(Count(*station_, "Directory Entry Not Added: Smith is in the directory already."), 1);
-    EXPECT_EQ(Count(*station_, "Directory Entry Not Added: its name cannot name a folder."), 1);
+    EXPECT_EQ(station_->Count("Directory Entry Not Added: Smith is in the directory already."), 1);
+    EXPECT_EQ(station_->Count("Directory Entry Not Added: its name cannot name a folder."), 1);
     EXPECT_NE(station_->ShowControl("IDC_DIRECTORY_LIST").find("rows=\"Jones|Smith\""),
               std::string::npos);
 
@@ -335,7 +317,7 @@ TEST_F(FolderThief, EntriesAndRequestsMeantForOtherPeoplesFoldersReachNothing) {
         SCOPED_TRACE(number);
         EXPECT_EQ(RequestFolder(number), "NOFILEDIR\r\n");
     }
-    EXPECT_EQ(Count(*station_, "No retrieve folder found."), 3);
+    EXPECT_EQ(station_->Count("No retrieve folder found."), 3);
     EXPECT_EQ(ReadWholeFile(smith + "contract.txt"), "Smith's contract");
     EXPECT_EQ(ReadWholeFile(stationPath_ + "/Pick Up/Jones/old.txt"), "Jones's old file");
     EXPECT_FALSE(PathExists(smith + "Sent Files/contract.txt"));

@@ -24,10 +24,8 @@ public:
             std::vector<std::string>{AlicePath + "/COM1=bitsurfr:5551001",
                                      BobPath + "/COM1=" + bobFamily + ":5552002"},
             options);
-        Alice = std::make_unique<Station>(AlicePath);
-        Bob = std::make_unique<Station>(BobPath);
-        EXPECT_TRUE(Alice->WaitForLog("Initializing Incoming"));
-        EXPECT_TRUE(Bob->WaitForLog("Initializing Incoming"));
+        Alice = WaitingStation(AlicePath);
+        Bob = WaitingStation(BobPath);
         EXPECT_EQ(Alice->Command("name Bob"), "ok");
         EXPECT_EQ(Alice->Command("number 555-2002"), "ok");
         EXPECT_TRUE(CreateFolder(Root / "samples"));

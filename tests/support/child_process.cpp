@@ -166,11 +166,6 @@ std::string ChildProcess::ErrorText() const {
     return errorText_;
 }
 
-bool ChildProcess::OutputEnded() const {
-    std::lock_guard<std::mutex> guard(lock_);
-    return ended_;
-}
-
 int ChildProcess::WaitForExit(std::chrono::milliseconds limit) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     while (!exited_) {

@@ -38,7 +38,6 @@ public:
     std::vector<std::string> AllLines() const;
     // Standard error so far, when it is kept.
     std::string ErrorText() const;
-    bool OutputEnded() const;
 
     // Waits for the exit and then for the end of the output; the exit status
     // (128 + the signal for a child that a signal ended), or -1 at the limit.

@@ -23,7 +23,7 @@ protected:
     }
 };
 
-TEST_F(VirtualTaCalls, AliceCallsBobAndEachEndReportsItsOwnPortSpeed) {
+TEST_F(VirtualTaCalls, CallsEachWayReportEachEndsOwnPortSpeed) {
     StartFour();
     FarEnd& alice = Port("alice", 57600);
     FarEnd& bob = Port("bob", 115200);
@@ -39,18 +39,17 @@ TEST_F(VirtualTaCalls, AliceCallsBobAndEachEndReportsItsOwnPortSpeed) {
     const Transfer transfer = TransferBothWays(alice, bob, "from alice", "from bob", 2000);
     EXPECT_EQ(transfer.AtB, "from alice");
     EXPECT_EQ(transfer.AtA, "from bob");
-}
 
-TEST_F(VirtualTaCalls, BobCallsAliceWithCarrierCodesAndASecondNumber) {
-    StartFour();
-    FarEnd& alice = Port("alice");
-    FarEnd& bob = Port("bob");
+    // Bob calls Alice back, with carrier codes and a second number.
+    ASSERT_TRUE(alice.HangUp());
+    ASSERT_NE(bob.ReceiveUntil("NO CARRIER\r\n", 2000).find("NO CARRIER"), std::string::npos);
+    alice.SetSpeed(115200);
     const CallSetUp call = SetUpCall(bob, alice, "102885551001+102885551001");
     ASSERT_TRUE(call.Connected) << call.AtCaller << " / " << call.AtAnswerer;
     EXPECT_EQ(call.AtAnswerer, "\r\nRING\r\nATA\r\r\nCONNECT 115200\r\n");
-    const Transfer transfer = TransferBothWays(bob, alice, "to alice", "to bob", 2000);
-    EXPECT_EQ(transfer.AtB, "to alice");
-    EXPECT_EQ(transfer.AtA, "to bob");
+    const Transfer back = TransferBothWays(bob, alice, "to alice", "to bob", 2000);
+    EXPECT_EQ(back.AtB, "to alice");
+    EXPECT_EQ(back.AtA, "to bob");
 }
 
 // While Alice and Bob are in a call, Dave and Carol (whose line is unplugged)
@@ -95,7 +94,7 @@ TEST_F(VirtualTaCalls, AFailedDialGivesItsResultAfterADelayAndRingsNobody) {
     EXPECT_EQ(transfer.AtA, "here");
 }
 
-TEST_F(VirtualTaCalls, ABlankBreaksADialOffWithOneNoCarrier) {
+TEST_F(VirtualTaCalls, ABlankOrAnATHBreaksADialOffWithOneNoCarrier) {
     StartFour();
     FarEnd& alice = Port("alice");
     FarEnd& bob = Port("bob");
@@ -113,12 +112,8 @@ TEST_F(VirtualTaCalls, ABlankBreaksADialOffWithOneNoCarrier) {
     alice.Send(" ");
     EXPECT_EQ(alice.ReceiveFor(1000), "\r\nNO CARRIER\r\n") << "one result only";
     EXPECT_EQ(alice.Command("AT"), "AT\r\r\nOK\r\n");
-}
 
-TEST_F(VirtualTaCalls, HangingUpARingingAdapterRefusesTheCall) {
-    StartFour();
-    FarEnd& alice = Port("alice");
-    FarEnd& bob = Port("bob");
+    // Hanging up a ringing adapter refuses the call.
     alice.Send("ATD5551002\r");
     EXPECT_EQ(bob.ReceiveUntil("RING\r\n", 2000), "\r\nRING\r\n");
     EXPECT_EQ(bob.Command("ATH"), "ATH\r\r\nOK\r\n");
@@ -143,7 +138,7 @@ TEST_F(VirtualTaCalls, ARingRepeatsEveryTwoSecondsUntilTheCallerGivesUp) {
     EXPECT_EQ(bob.ReceiveUntil("NO CARRIER\r\n", 1000), "ATA\r\r\nNO CARRIER\r\n");
 }
 
-TEST_F(VirtualTaCalls, AnAdapterToldToAnswerByItselfDoesSo) {
+TEST_F(VirtualTaCalls, AnAdapterAnswersByItselfOnlyWhenToldTo) {
     StartFour();
     FarEnd& alice = Port("alice");
     FarEnd& dave = Port("dave");
@@ -152,11 +147,9 @@ TEST_F(VirtualTaCalls, AnAdapterToldToAnswerByItselfDoesSo) {
     EXPECT_EQ(dave.ReceiveUntil("CONNECT 115200\r\n", 2000), "\r\nRING\r\n\r\nCONNECT 115200\r\n");
     EXPECT_EQ(alice.ReceiveUntil("CONNECT 115200\r\n", 2000),
               "ATD5551004\r\r\nRINGING\r\n\r\nCONNECT 115200\r\n");
-}
 
-TEST_F(VirtualTaCalls, AProfileWithS0Eq0LeavesTheAnswerToTheProgram) {
-    StartFour();
-    FarEnd& alice = Port("alice");
+    // A profile with S0=0 leaves the answer to the program.
+    ASSERT_TRUE(alice.HangUp());
     FarEnd& bob = Port("bob");
     const std::string profile = "AT&H3&D0&C1&E0&S0Q0E1V1B20&O2S0=0X1&J0&K00";
     ASSERT_EQ(bob.Command(profile), profile + "\r\r\nOK\r\n");

@@ -66,7 +66,10 @@ TEST_F(VirtualTaDataMode, NoByteIsLostWhileTheFarEndDoesNotRead) {
     EXPECT_TRUE(atBob == bytes);
 }
 
-TEST_F(VirtualTaDataMode, PlusSignsWithinTheDataPassAsData) {
+// "+++" escapes only with silence before and after it; online command mode
+// holds the far end's data until ATO, and a hang-up from it puts NO CARRIER
+// behind the data at the far end.
+TEST_F(VirtualTaDataMode, AnEscapeNeedsSilenceAroundItAndHoldsTheFarEndsDataUntilATOOrATH) {
     Connect({"--rate", "0"});
     // Inside a run, and right behind other bytes with silence after.
     Transfer transfer = TransferBothWays(*alice_, *bob_, "abc+++def", "", 2000);
@@ -85,13 +88,26 @@ TEST_F(VirtualTaDataMode, PlusSignsWithinTheDataPassAsData) {
     alice_->Send("++++");
     EXPECT_EQ(bob_->Receive(4, 1500), "++++");
     EXPECT_EQ(alice_->ReceiveFor(700), "");
-}
 
-TEST_F(VirtualTaDataMode, EscapeAfterSilenceThenHangUpPutsNoCarrierBehindTheData) {
-    Connect({"--rate", "0"});
+    // The three "+" may come one by one within the guard time.
+    ::usleep(600000);
+    for (int i = 0; i < 3; ++i) {
+        alice_->Send("+");
+        ::usleep(100000);
+    }
+    ASSERT_EQ(alice_->ReceiveUntil("OK\r\n", 2250), "\r\nOK\r\n");
+    bob_->Send("sent while alice talks to her adapter");
+    EXPECT_EQ(alice_->Command("AT"), "AT\r\r\nOK\r\n") << "nothing of Bob's in between";
+    EXPECT_EQ(alice_->Command("ATD5551002"), "ATD5551002\r\r\nERROR\r\n") << "one call at a time";
+    alice_->Send("ATO\r");
+    EXPECT_EQ(alice_->ReceiveUntil("CONNECT 115200\r\n", 1000), "ATO\r\r\nCONNECT 115200\r\n");
+    transfer = TransferBothWays(*alice_, *bob_, "back", "", 2000);
+    EXPECT_EQ(transfer.AtA, "sent while alice talks to her adapter");
+    EXPECT_EQ(transfer.AtB, "back");
+
+    // Alice's data waits in Bob's port, unread, while she escapes and hangs up.
     const std::string data = RandomBytes(5000, 4);
     alice_->Send(data);
-    // Bob does not read yet: the data waits in his port.
     ::usleep(650000);
     const uint32_t sent = NowMs();
     alice_->Send("+++");
@@ -106,25 +122,6 @@ TEST_F(VirtualTaDataMode, EscapeAfterSilenceThenHangUpPutsNoCarrierBehindTheData
     EXPECT_EQ(bob_->ReceiveUntil("NO CARRIER\r\n", 2000), data + "\r\nNO CARRIER\r\n");
     EXPECT_EQ(bob_->Command("AT"), "AT\r\r\nOK\r\n") << "Bob is in command mode";
     EXPECT_EQ(alice_->Command("AT"), "AT\r\r\nOK\r\n");
-}
-
-TEST_F(VirtualTaDataMode, OnlineCommandModeHoldsTheFarEndsDataUntilATO) {
-    Connect({"--rate", "0"});
-    // The three "+" may come one by one within the guard time.
-    ::usleep(600000);
-    for (int i = 0; i < 3; ++i) {
-        alice_->Send("+");
-        ::usleep(100000);
-    }
-    ASSERT_EQ(alice_->ReceiveUntil("OK\r\n", 2250), "\r\nOK\r\n");
-    bob_->Send("sent while alice talks to her adapter");
-    EXPECT_EQ(alice_->Command("AT"), "AT\r\r\nOK\r\n") << "nothing of Bob's in between";
-    EXPECT_EQ(alice_->Command("ATD5551002"), "ATD5551002\r\r\nERROR\r\n") << "one call at a time";
-    alice_->Send("ATO\r");
-    EXPECT_EQ(alice_->ReceiveUntil("CONNECT 115200\r\n", 1000), "ATO\r\r\nCONNECT 115200\r\n");
-    const Transfer transfer = TransferBothWays(*alice_, *bob_, "back", "", 2000);
-    EXPECT_EQ(transfer.AtA, "sent while alice talks to her adapter");
-    EXPECT_EQ(transfer.AtB, "back");
 }
 
 TEST_F(VirtualTaDataMode, FaultsActAtTheirOffsetsOnceAndInOrder) {
