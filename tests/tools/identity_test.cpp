@@ -1,14 +1,17 @@
-// What an adapter tells in command mode: its family's marks in "ati0" and
-// "ati8" and no other's, its own number to its family's query; and whether it
-// takes its family's set-up strings and refuses the others'. That the program
-// tells each family by these is shown by the end-to-end detection test.
+// What a program learns from an adapter in command mode, learnt by the
+// program's own line layer: the family and variant from "ati0" and "ati8",
+// the adapter's own number from its family's query; and whether the adapter
+// takes its family's set-up strings and refuses the others'.
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
-#include "line/adapter_family.h"
-#include "resources/resource.h"
+#include "line/adapter.h"
+#include "line/comm_port.h"
+#include "line/profiles.h"
+#include "stores/paths.h"
+#include "stores/preferences.h"
 #include "vta_harness.h"
 
 namespace {
@@ -16,38 +19,61 @@ namespace {
 struct Choice {
     const char* Family;
     int16_t Model;
+    int16_t Variant;  // 7, which the identification leaves alone, where the family has none
     const char* NumberQuery;
-    const char* Foreign;  // a set-up that only its own family understands
+    std::vector<const char*> Profiles;  // the family's set-up strings
+    const char* Foreign;                // one of them that only its own family understands
 };
 
 void PrintTo(const Choice& choice, std::ostream* os) {
     *os << choice.Family;
 }
 
-const Choice Choices[] = {
-    {"bitsurfr", ModelBitSURFR, "AT!N1?", "AT\\Q3%A2=3&M0%A4=1S0=0S12=25&D0&C1W1E1"},
-    {"adtran-xr", ModelAdTran, "ATSS62?", "AT&F4\\Q3&D0X1S0=0S12=25S53=2S54=2S15=1"},
-    {"adtran-xrt", ModelAdTran, "ATSS63?", "AT&F4\\Q3&D0X1S0=0S12=25S53=2S54=2S15=1"},
-    {"zyxel-2864", ModelZyXEL, "AT&ZI?", "AT&H3&D0&C1&E1&S0Q0E1V1B20&O2S0=0X1&J3&K44"},
-    {"zyxel-omninet", ModelZyXEL, "AT&ZI?", "AT&H3&D0&C1&E1&S0Q0E1V1B20&O2S0=0X1&J3&K44"},
-    {"zyxel-ta128", ModelZyXEL, "AT&ZI?", "AT&H3&D0&C1&E1&S0Q0E1V1B20&O2S0=0X1&J3&K44"},
-    {"3com", Model3Com, "ATS51?", "AT$B0E1"},
+const std::vector<const char*> BitSurfrProfiles = {
+    "AT\\Q3%A2=2%A4=1S0=0S12=25&D0&C1W1E1",
+    "AT\\Q3%A2=2%A4=0S0=0S12=25&D0&C1W1E1",
+    "AT\\Q3%A2=3&M0%A4=1S0=0S12=25&D0&C1W1E1",
+    "AT\\Q3%A2=3&M0%A4=0S0=0S12=25&D0&C1W1E1@M2=P@B0=2&R1",
+    "AT",
+    "AT@P2=9600S25=5",
+};
+const std::vector<const char*> AdTranProfiles = {
+    "AT&F3\\Q3&D0X1S0=0S12=25S53=2S54=6",
+    "AT&F3\\Q3&D0X1S0=0S12=25S53=3S54=6",
+    "AT&F4\\Q3&D0X1S0=0S12=25S53=2S54=2S15=1",
+    "AT&F4\\Q3&D0X1S0=0S12=25S53=3S54=2S15=1",
+    "AT",
+};
+const std::vector<const char*> ZyxelProfiles = {
+    "AT&H3&D0&C1&E1&S0Q0E1V1B20&O2S0=0X1&J0&K00",
+    "AT&H3&D0&C1&E0&S0Q0E1V1B20&O2S0=0X1&J3&K44",
+    "AT&H3&D0&C1&E1&S0Q0E1V1B00&O2S0=0X1&J3&K00",
+    "AT&H3&D0&C1&E0&S0Q0E1V1B00&O2S0=0X1&J0&K44",
+    "AT&O0E1",
+    "AT",
+};
+const std::vector<const char*> ThreeComProfiles = {
+    "AT\\Q3S0=0&D0&C1W1E1S71=2S73=1S74=256S75=0S60=56",
+    "AT\\Q3S0=0&D0&C1W1E1S71=2S73=0S74=253S75=0S60=64",
+    "AT$B0E1",  // no result code: the 3Com moves its port at once
+    "AT",
 };
 
-// The family's set-up strings as the program sends them: its slots of the
-// string table, the ZyXELs' with each of their channel options behind.
-std::vector<std::string> Profiles(int16_t model) {
-    static const char* const Options[] = {"&J0&K00", "&J3&K44", "&J3&K00", "&J0&K44"};
-    std::vector<std::string> profiles;
-    for (int slot = 0; slot < 10 && ProfileStringBase + model + slot <= ProfileStringLast; ++slot) {
-        std::string profile(LoadResourceString(ProfileStringBase + model + slot));
-        if (model == ModelZyXEL && profile.rfind("AT&H3", 0) == 0) {
-            profile += Options[slot % 4];
-        }
-        profiles.push_back(profile);
-    }
-    return profiles;
-}
+const Choice Choices[] = {
+    {"bitsurfr", ModelBitSURFR, 7, "AT!N1?", BitSurfrProfiles,
+     "AT\\Q3%A2=3&M0%A4=1S0=0S12=25&D0&C1W1E1"},
+    {"adtran-xr", ModelAdTran, 0, "ATSS62?", AdTranProfiles,
+     "AT&F4\\Q3&D0X1S0=0S12=25S53=2S54=2S15=1"},
+    {"adtran-xrt", ModelAdTran, 1, "ATSS63?", AdTranProfiles,
+     "AT&F4\\Q3&D0X1S0=0S12=25S53=2S54=2S15=1"},
+    {"zyxel-2864", ModelZyXEL, 1, "AT&ZI?", ZyxelProfiles,
+     "AT&H3&D0&C1&E1&S0Q0E1V1B20&O2S0=0X1&J3&K44"},
+    {"zyxel-omninet", ModelZyXEL, 2, "AT&ZI?", ZyxelProfiles,
+     "AT&H3&D0&C1&E1&S0Q0E1V1B20&O2S0=0X1&J3&K44"},
+    {"zyxel-ta128", ModelZyXEL, 3, "AT&ZI?", ZyxelProfiles,
+     "AT&H3&D0&C1&E1&S0Q0E1V1B20&O2S0=0X1&J3&K44"},
+    {"3com", Model3Com, 7, "ATS51?", ThreeComProfiles, "AT$B0E1"},
+};
 
 // The marks that the program tells the families apart by, each with its
 // family; the ZyXELs' are their model numbers.
@@ -62,16 +88,30 @@ const struct {
 
 class AdapterChoice : public VirtualTaTest, public testing::WithParamInterface<Choice> {};
 
-TEST_P(AdapterChoice, ShowsOnlyItsMarksGivesItsNumberAndTakesOnlyItsFamilysSetUps) {
+TEST_P(AdapterChoice, IsIdentifiedGivesItsNumberAndTakesOnlyItsFamilysSetUps) {
     const Choice& choice = GetParam();
     const std::string number = "4930123456789";
     Start({folder_ / ("COM1=" + std::string(choice.Family) + ":" + number)});
 
+    // The program at its start: it identifies the adapter at 9600 bps, reads
+    // the adapter's number and sends its incoming profile.
+    BuildPaths(folder_.Path());
+    ThePreferences = Preferences{};
+    ThePreferences.AdapterModel = Model3Com + 1;
+    ThePreferences.AdapterVariant = 7;
+    ASSERT_TRUE(CommPortCreate());
+    SelectPortNumber(1);
+    SelectPortBaud(9600);
+    EXPECT_TRUE(IdentifyAdapter());
+    EXPECT_EQ(ThePreferences.AdapterModel, choice.Model);
+    EXPECT_EQ(ThePreferences.AdapterVariant, choice.Variant);
+    EXPECT_TRUE(InitializeIncoming()) << "the incoming profile was refused";
+    EXPECT_STREQ(LocalNumber, number.c_str()) << "the number in full";
+    CommPortDestroy();
+
     FarEnd& port = Port("COM1");
     const std::string query = choice.NumberQuery;
-    const std::string reply = port.Command(query);
-    EXPECT_EQ(reply.rfind(query + "\r\r\n", 0), 0u) << "the query is echoed";
-    EXPECT_NE(reply.find(number), std::string::npos) << reply;
+    EXPECT_EQ(port.Command(query).rfind(query + "\r\r\n", 0), 0u) << "the query is echoed";
     // No reply carries another family's mark, and a ZyXEL's only its own
     // model number.
     const std::string replies = port.Command("ati0") + port.Command("ati8") + port.Command("ati3");
@@ -83,14 +123,13 @@ TEST_P(AdapterChoice, ShowsOnlyItsMarksGivesItsNumberAndTakesOnlyItsFamilysSetUp
     }
     EXPECT_EQ(zyxelModels, choice.Model == ModelZyXEL ? 1 : 0) << replies;
 
-    for (const std::string& profile : Profiles(choice.Model)) {
-        if (profile.find("$B") != std::string::npos) {
-            // The 3Com moves its port at once: no result code.
-            port.Send(profile + "\r");
-            EXPECT_EQ(port.ReceiveFor(300), profile + "\r") << "echo and no result";
+    for (const char* profile : choice.Profiles) {
+        if (std::string(profile).find("$B") != std::string::npos) {
+            port.Send(std::string(profile) + "\r");
+            EXPECT_EQ(port.ReceiveFor(300), std::string(profile) + "\r") << "echo and no result";
             continue;
         }
-        EXPECT_EQ(port.Command(profile), profile + "\r\r\nOK\r\n");
+        EXPECT_EQ(port.Command(profile), std::string(profile) + "\r\r\nOK\r\n");
     }
     // What only other families understand is refused, and the number
     // queries of the others give no number.
