@@ -14,15 +14,10 @@
 #include "line_fixture.h"
 #include "stores/paths.h"
 #include "support/far_end.h"
+#include "support/process_state.h"
 #include "support/temp_folder.h"
 
 namespace {
-
-double ThreadCpuMs() {
-    timespec t{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
-    return static_cast<double>(t.tv_sec) * 1000.0 + static_cast<double>(t.tv_nsec) / 1e6;
-}
 
 // An installation whose COM1 is a pseudo-terminal with the test as the far end,
 // opened at 115200 bps with RTS/CTS as a call would run.

@@ -16,32 +16,10 @@
 
 #include "platform/desktop.h"
 #include "platform/files.h"
+#include "support/process_state.h"
 #include "support/temp_folder.h"
 
 namespace {
-
-// Sets an environment variable for the life of the object.
-class EnvironmentValue {
-public:
-    EnvironmentValue(const char* name, const std::string& value) : name_(name) {
-        const char* old = std::getenv(name);
-        had_ = old != nullptr;
-        old_ = had_ ? old : "";
-        ::setenv(name, value.c_str(), 1);
-    }
-    ~EnvironmentValue() {
-        if (had_) {
-            ::setenv(name_, old_.c_str(), 1);
-        } else {
-            ::unsetenv(name_);
-        }
-    }
-
-private:
-    const char* name_;
-    bool had_ = false;
-    std::string old_;
-};
 
 class LinuxDesktopTest : public ::testing::Test {
 protected:

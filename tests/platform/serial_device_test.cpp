@@ -12,16 +12,7 @@
 
 #include "platform/pseudo_terminal.h"
 #include "support/far_end.h"
-
-namespace {
-
-double ThreadCpuMs() {
-    timespec t{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
-    return static_cast<double>(t.tv_sec) * 1000.0 + static_cast<double>(t.tv_nsec) / 1e6;
-}
-
-}  // namespace
+#include "support/process_state.h"
 
 TEST(SerialDevice, PurgeStopsAWriteThatTheFarEndHoldsBack) {
     FarEnd far;  // never reads

@@ -11,6 +11,7 @@
 
 #include "platform/files.h"
 #include "store_fixture.h"
+#include "support/process_state.h"
 
 namespace {
 
@@ -144,16 +145,13 @@ TEST(LogBufferTest, WalkStopsAtTheEndMarkAndNeverReadsPastTheBuffer) {
 }
 
 TEST(LogTimeTest, TimeTextIsCtimeWithoutTheLineEnd) {
-    const char* oldZone = ::getenv("TZ");
-    const std::string saved = oldZone != nullptr ? oldZone : "";
-    ::setenv("TZ", "UTC", 1);
-    ::tzset();
-    const std::string late = TimeText(879885485);
-    const std::string early = TimeText(878972589);
-    if (oldZone != nullptr) {
-        ::setenv("TZ", saved.c_str(), 1);
-    } else {
-        ::unsetenv("TZ");
+    std::string late;
+    std::string early;
+    {
+        const EnvironmentValue zone("TZ", "UTC");
+        ::tzset();
+        late = TimeText(879885485);
+        early = TimeText(878972589);
     }
     ::tzset();
 

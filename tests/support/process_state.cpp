@@ -1,0 +1,25 @@
+#include "support/process_state.h"
+
+#include <cstdlib>
+#include <ctime>
+
+EnvironmentValue::EnvironmentValue(const char* name, const std::string& value) : name_(name) {
+    const char* old = std::getenv(name);
+    had_ = old != nullptr;
+    old_ = had_ ? old : "";
+    ::setenv(name, value.c_str(), 1);
+}
+
+EnvironmentValue::~EnvironmentValue() {
+    if (had_) {
+        ::setenv(name_, old_.c_str(), 1);
+    } else {
+        ::unsetenv(name_);
+    }
+}
+
+double ThreadCpuMs() {
+    timespec t{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return static_cast<double>(t.tv_sec) * 1000.0 + static_cast<double>(t.tv_nsec) / 1e6;
+}
