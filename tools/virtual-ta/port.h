@@ -36,6 +36,7 @@ struct Adapter {
     // The command line being typed, from its "A".
     bool InLine = false;
     std::string Line;
+    std::string LastLine;  // what "A/" repeats
     // Bytes read while the port's speed was one it does not understand.
     std::string Misheard;
     // Bytes read with a command line that belong to the mode it went into,
