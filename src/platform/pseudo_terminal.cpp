@@ -47,7 +47,8 @@ void ClosePseudoTerminal(PseudoTerminal& terminal) {
 
 uint32_t PseudoTerminalSpeed(const PseudoTerminal& terminal) {
     termios settings{};
-    if (terminal.SlaveKeeper < 0 || ::tcgetattr(terminal.SlaveKeeper, &settings) != 0) {
+    // On the master side the terminal settings are the slave side's.
+    if (terminal.Master < 0 || ::tcgetattr(terminal.Master, &settings) != 0) {
         return 0;
     }
     return BitsPerSecond(::cfgetospeed(&settings));

@@ -16,5 +16,6 @@ bool OpenPseudoTerminal(PseudoTerminal& terminal);
 void ClosePseudoTerminal(PseudoTerminal& terminal);
 
 // The speed in bits per second that the program has set on the slave side,
-// as the master side sees it; 0 if it cannot be read.
+// as the master side sees it (also while no slave is open); 0 if it cannot be
+// read or is none of the serial speeds.
 uint32_t PseudoTerminalSpeed(const PseudoTerminal& terminal);

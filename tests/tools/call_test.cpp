@@ -2,6 +2,7 @@
 // dial fails, as each end's port shows them.
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 
 #include "platform/clock.h"
@@ -162,6 +163,49 @@ TEST_F(VirtualTaCalls, AnAdapterAnswersByItselfOnlyWhenToldTo) {
     EXPECT_EQ(alice.ReceiveUntil("CONNECT 115200\r\n", 2000),
               "ATD5551002\r\r\nRINGING\r\n\r\nCONNECT 115200\r\n")
         << "one RINGING only";
+}
+
+// Terminal programs hang up by dropping DTR: they set the port's speed to 0,
+// or close the port. With &D2, the default, the call ends behind what was
+// sent; with &D0 it goes on. Either way the port opened again, or at its
+// speed again, finds the adapter in command mode and nothing stale.
+TEST_F(VirtualTaCalls, DroppingDtrEndsTheCallUnlessTheAdapterIgnoresIt) {
+    StartFour();
+    FarEnd& bob = Port("bob");
+    const struct {
+        const char* Setting;
+        bool Closes;
+        bool Ends;
+    } drops[] = {{"AT", false, true}, {"AT", true, true}, {"AT&D0", true, false}};
+    for (const auto& drop : drops) {
+        SCOPED_TRACE(std::string(drop.Setting) + (drop.Closes ? " close" : " speed 0"));
+        auto alice = std::make_unique<FarEnd>(folder_ / "alice");
+        ASSERT_EQ(alice->Command(drop.Setting), drop.Setting + std::string("\r\r\nOK\r\n"));
+        ASSERT_TRUE(SetUpCall(*alice, bob, "5551002").Connected);
+        alice->Send("last words");
+        if (drop.Closes) {
+            alice.reset();
+        } else {
+            alice->SetSpeed(0);
+        }
+        EXPECT_EQ(bob.ReceiveUntil(drop.Ends ? "NO CARRIER\r\n" : "last words", 2000),
+                  drop.Ends ? "last words\r\nNO CARRIER\r\n" : "last words");
+        if (drop.Closes) {
+            alice = std::make_unique<FarEnd>(folder_ / "alice");
+        } else {
+            EXPECT_EQ(alice->ReceiveUntil("NO CARRIER\r\n", 2000), "\r\nNO CARRIER\r\n");
+            alice->SetSpeed(115200);
+        }
+        if (drop.Ends) {
+            EXPECT_EQ(alice->Command("AT"), "AT\r\r\nOK\r\n");
+            EXPECT_EQ(bob.Command("AT"), "AT\r\r\nOK\r\n");
+        } else {
+            const Transfer transfer = TransferBothWays(*alice, bob, "still", "here", 2000);
+            EXPECT_EQ(transfer.AtB, "still");
+            EXPECT_EQ(transfer.AtA, "here");
+            EXPECT_TRUE(alice->HangUp());
+        }
+    }
 }
 
 }  // namespace

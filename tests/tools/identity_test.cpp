@@ -169,7 +169,7 @@ TEST_F(VirtualTaCommandMode, EchoAndResultCodesFollowEAndV) {
     EXPECT_EQ(port.Command("ATE0"), "ATE0\r\r\nOK\r\n") << "the echo stops after the line";
     port.Send("ATV0\r");
     EXPECT_EQ(port.ReceiveFor(300), "0\r") << "numeric result codes, no echo";
-    port.Send("ATXYZ\r");
+    port.Send("ATXJ\r");
     EXPECT_EQ(port.ReceiveFor(300), "4\r");
     port.Send("ATE1V1\r");
     EXPECT_EQ(port.ReceiveFor(300), "\r\nOK\r\n");
@@ -185,6 +185,51 @@ TEST_F(VirtualTaCommandMode, EchoAndResultCodesFollowEAndV) {
     // A line may be corrected with backspace, back to its "AT".
     port.Send("ATQ\b\bE1\r");
     EXPECT_EQ(port.ReceiveFor(300), "ATQ\bE1\r\r\nOK\r\n");
+}
+
+// What terminal programs send at their start is taken by every family, blanks
+// and all; &V shows what was set, and "A/" repeats a line without a CR.
+TEST_F(VirtualTaCommandMode, EveryFamilyTakesTheInitStringsOfTerminalPrograms) {
+    const char* const families[] = {"bitsurfr", "adtran-xr", "zyxel-2864", "3com"};
+    std::vector<std::string> arguments;
+    for (const char* family : families) {
+        arguments.push_back(folder_ / (std::string(family) + "=" + family + ":555100" +
+                                       std::to_string(arguments.size())));
+    }
+    Start(arguments);
+    const struct {
+        const char* Line;
+        const char* Result;
+    } lines[] = {
+        {"AT S7=45 S0=0 L1 V1 X4 &c1 E1 Q0", "OK"},  // minicom's default
+        {"ATZ", "OK"},
+        {"AT&F", "OK"},
+        {"ATM1L3", "OK"},
+        {"AT&K3", "OK"},
+        {"AT&Q5 &A1 &N0 &S1 &Y0 N1 Y0", "OK"},
+        {"AT S 7 = 44", "OK"},
+        {"ATI2", "OK"},
+        {"AT S300=1", "ERROR"},
+        {"ATM4", "ERROR"},
+    };
+    for (const char* family : families) {
+        SCOPED_TRACE(family);
+        FarEnd& port = Port(family);
+        for (const auto& line : lines) {
+            EXPECT_EQ(port.Command(line.Line),
+                      line.Line + std::string("\r\r\n") + line.Result + "\r\n");
+        }
+        for (char i = '1'; i <= '9'; ++i) {
+            const std::string reply = port.Command(std::string("ATI") + i);
+            EXPECT_EQ(reply.substr(reply.size() - 4), "OK\r\n") << reply;
+        }
+        const std::string profile = port.Command("AT&V");
+        for (const char* setting : {"S07:044", "S00:000", "L3", "M1", "&K3", "&Q5", "&D2"}) {
+            EXPECT_NE(profile.find(setting), std::string::npos) << setting << " in " << profile;
+        }
+        port.Send("A/");
+        EXPECT_EQ(port.ReceiveUntil("OK\r\n", 2000), "A/" + profile.substr(5));
+    }
 }
 
 }  // namespace

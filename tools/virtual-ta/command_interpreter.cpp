@@ -1,7 +1,10 @@
 #include "virtual-ta/command_interpreter.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <cstdlib>
+#include <utility>
 
 namespace {
 
@@ -64,6 +67,53 @@ bool DialCharacterAllowed(char c) {
     }
 }
 
+bool IsSRegister(const std::string& name) {
+    return name.size() > 1 && name[0] == 'S' &&
+           name.find_first_not_of("0123456789", 1) == std::string::npos;
+}
+
+// The settings as "AT&V" lists them: the commands first, as they would be
+// typed ("E1", "&D2", "%A2=2"), then the S-registers as "S00:000", eight to a
+// line.
+std::vector<std::string> ProfileLines(const Settings& settings) {
+    std::vector<std::string> lines = {"ACTIVE PROFILE:"};
+    std::vector<std::pair<long, int>> registers;
+    std::string line;
+    int onLine = 0;
+    const auto add = [&](const std::string& item) {
+        line += (onLine == 0 ? "" : " ") + item;
+        if (++onLine == 8) {
+            lines.push_back(line);
+            line.clear();
+            onLine = 0;
+        }
+    };
+    const auto flush = [&] {
+        if (onLine > 0) {
+            lines.push_back(line);
+            line.clear();
+            onLine = 0;
+        }
+    };
+    for (const auto& [name, value] : settings) {
+        if (IsSRegister(name)) {
+            registers.emplace_back(std::stol(name.substr(1)), std::atoi(value.c_str()));
+        } else {
+            // A numbered register of its family holds "=": "%A2=2", "@M2=P".
+            add(name + (IsDigit(name.back()) ? "=" : "") + value);
+        }
+    }
+    flush();
+    std::sort(registers.begin(), registers.end());
+    for (const auto& [number, value] : registers) {
+        char text[32];
+        std::snprintf(text, sizeof text, "S%02ld:%03d", number, value);
+        add(text);
+    }
+    flush();
+    return lines;
+}
+
 class Interpreter {
 public:
     Interpreter(Adapter& adapter, std::string_view body)
@@ -71,10 +121,6 @@ public:
 
     CommandOutcome Run() {
         while (at_ < body_.size()) {
-            if (body_[at_] == ' ') {
-                ++at_;
-                continue;
-            }
             if (!Next()) {
                 outcome_.Final = CommandOutcome::FinalCode::Error;
                 return outcome_;
@@ -166,6 +212,20 @@ private:
                 }
                 Store(name, value);
                 return true;
+            case 'L':  // speaker loudness
+            case 'M':  // speaker on or off
+                if (value > 3) {
+                    return false;
+                }
+                Store(name, value);
+                return true;
+            case 'N':
+            case 'Y':
+                if (value > 1) {
+                    return false;
+                }
+                Store(name, value);
+                return true;
             case 'B':
                 Store(name, value);
                 return true;
@@ -202,12 +262,25 @@ private:
             case 0:
                 lines = &family.Identity0;
                 break;
+            case 2:
+                return true;  // the memory test, which always passes: OK alone
             case 3:
                 lines = &family.Identity3;
                 break;
             case 8:
                 lines = &family.Identity8;
                 break;
+            case 1:
+            case 4:
+            case 5:
+            case 6:
+            case 7:
+            case 9:
+                // Checksums, capability lists and the like mean nothing here;
+                // a terminal program shows them to the user, so the model is
+                // the most useful answer.
+                Info(family.Product);
+                return true;
             default:
                 return false;
         }
@@ -287,6 +360,13 @@ private:
         const bool given = ReadNumber(body_, at_, value);
         if (name == "&F") {
             return FactoryProfile(kind_, static_cast<int>(value), adapter_.Registers);
+        }
+        if (name == "&V") {
+            Info(ProfileLines(adapter_.Registers));
+            return true;
+        }
+        if (name == "&W") {
+            return true;  // settings live as long as the tool runs: nothing to store
         }
         if (name == "$B") {
             // The 3Com moves its port at once and gives no result code.
@@ -377,7 +457,14 @@ private:
 }  // namespace
 
 CommandOutcome InterpretCommand(Adapter& adapter, std::string_view body) {
-    return Interpreter(adapter, body).Run();
+    // Blanks mean nothing anywhere in a line, "S7 = 45" included.
+    std::string packed;
+    for (const char c : body) {
+        if (c != ' ') {
+            packed += c;
+        }
+    }
+    return Interpreter(adapter, packed).Run();
 }
 
 std::string FrameInfo(const Adapter& adapter, const std::vector<std::string>& lines) {

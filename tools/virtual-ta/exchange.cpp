@@ -9,6 +9,9 @@ namespace {
 
 constexpr uint64_t RoutingDelayNs = 500 * NsPerMs;  // until a failed dial is reported
 constexpr uint64_t RingIntervalNs = 2000 * NsPerMs;
+// How often DTR is looked at during a call: a pseudo-terminal tells nobody
+// when its settings change.
+constexpr uint64_t DtrLookNs = 50 * NsPerMs;
 
 // Carrier codes that may stand in front of a number.
 const char* const CarrierCodes[] = {"10288", "10222", "10333"};
@@ -90,6 +93,10 @@ void Exchange::Service(uint64_t now) {
     Sweep();
     for (auto& adapter : adapters_) {
         Adapter& a = *adapter;
+        if (now >= a.NextDtrLookAt) {
+            a.NextDtrLookAt = now + DtrLookNs;
+            WatchDtr(a, now);
+        }
         // Bytes that came behind a command line and belong to its new mode.
         if (!a.Pushback.empty()) {
             if (a.Mode == AdapterMode::Data) {
@@ -121,6 +128,7 @@ uint64_t Exchange::NextDeadline(uint64_t now) {
             (adapter->Mode != AdapterMode::Data || WantsRead(*adapter))) {
             return now;
         }
+        next = std::min(next, adapter->NextDtrLookAt);
     }
     for (auto& owned : calls_) {
         Call& call = *owned;
@@ -159,6 +167,11 @@ void Exchange::HandlePoll(const pollfd* entries, uint64_t now) {
         const short events = entries[i].revents;
         if ((events & POLLOUT) != 0) {
             Flush(a);
+        }
+        if ((events & POLLHUP) != 0 && a.Pty.SlaveKeeper < 0) {
+            PortClosed(a, now);
+            Sweep();
+            continue;
         }
         if ((events & (POLLIN | POLLERR | POLLHUP)) != 0 && WantsRead(a)) {
             if (a.Mode == AdapterMode::Data) {
@@ -335,6 +348,9 @@ void Exchange::Connect(Call& call, uint64_t now) {
         end->Blind = false;
         end->EscapeCount = 0;
         end->EscapeDeadline = Never;
+        end->DtrLow = DtrIsDown(*end);
+        end->NextDtrLookAt = now + DtrLookNs;
+        LetGoOfPort(*end);
         Result(*end, "CONNECT " + std::to_string(end->TalkSpeed));
     }
     TraceLine(caller.Who, "connected to " + answerer.Who + ": " + Describe(callerSetup) + " to " +
@@ -389,6 +405,59 @@ void Exchange::HangUp(Adapter& adapter) {
     }
 }
 
+void Exchange::WatchDtr(Adapter& adapter, uint64_t now) {
+    const bool low = DtrIsDown(adapter);
+    if (low == adapter.DtrLow) {
+        return;
+    }
+    adapter.DtrLow = low;
+    if (low) {
+        TraceLine(adapter.Who, "DTR drops: port speed 0");
+        DtrDropped(adapter, false, now);
+    }
+}
+
+void Exchange::PortClosed(Adapter& adapter, uint64_t now) {
+    TraceLine(adapter.Who, "DTR drops: port closed");
+    // Whoever opens the port next finds nothing of this call in it, unless
+    // the adapter ignores DTR and the call goes on.
+    HoldPort(adapter, adapter.Setting("&D") != 0);
+    adapter.NextDtrLookAt = now + DtrLookNs;
+    DtrDropped(adapter, true, now);
+}
+
+void Exchange::DtrDropped(Adapter& adapter, bool portClosed, uint64_t now) {
+    // What the program wrote before it dropped DTR still goes on the line,
+    // as a port's driver sends its buffer out first.
+    while (adapter.Mode == AdapterMode::Data && WantsRead(adapter) && ReadData(adapter, now) > 0) {
+    }
+    Call* call = adapter.InCall;
+    const int reaction = adapter.Setting("&D");
+    if (reaction == 0 || call == nullptr || call->Phase != CallPhase::Connected) {
+        return;  // &D0: DTR means nothing to the adapter
+    }
+    if (adapter.EscapeCount > 0) {
+        call->From(adapter).Unhold();  // an escape under way is off: its "+" were data
+        adapter.EscapeCount = 0;
+        adapter.EscapeDeadline = Never;
+    }
+    if (reaction == 1) {
+        if (adapter.Mode == AdapterMode::Data) {
+            EnterOnlineCommand(*call, adapter);
+        }
+    } else {
+        EndCall(*call, EndReason::DtrDrop, &adapter);
+        Result(adapter, "NO CARRIER");
+        if (reaction >= 3) {
+            DefaultSettings(adapter.Spec.Model->Kind, adapter.Registers);
+        }
+    }
+    if (portClosed) {
+        adapter.Out.clear();  // nobody to tell
+        adapter.OutHead = 0;
+    }
+}
+
 void Exchange::Abandon(Call& call, const char* callerHears) {
     Result(*call.Caller, callerHears);
     Leave(*call.Caller);
@@ -400,7 +469,7 @@ void Exchange::Abandon(Call& call, const char* callerHears) {
 
 void Exchange::EndCall(Call& call, EndReason reason, Adapter* by) {
     std::vector<const FaultSpec*> acted;
-    if (reason == EndReason::HangUp) {
+    if (reason != EndReason::LineFell) {
         // What the hanging-up adapter took from its port before its escape
         // still goes out, and its far end gets it all before NO CARRIER. The
         // data on its way to the adapter that hangs up is lost with the call.
@@ -424,12 +493,14 @@ void Exchange::EndCall(Call& call, EndReason reason, Adapter* by) {
                       ? "fault: byte " + std::to_string(fault->Offset) + " corrupted"
                       : "fault: line falls after " + std::to_string(fault->Offset) + " bytes");
     }
-    TraceLine(call.Caller->Who,
-              std::string("call with ") + call.Answerer->Who + " ended (" +
-                  (reason == EndReason::HangUp ? "ATH by " + by->Who : std::string("line fell")) +
-                  "): " + call.Caller->Who + " sent " + std::to_string(call.Up->Sent()) +
-                  " bytes, " + call.Answerer->Who + " sent " + std::to_string(call.Down->Sent()) +
-                  " bytes");
+    TraceLine(call.Caller->Who, std::string("call with ") + call.Answerer->Who + " ended (" +
+                                    (reason == EndReason::HangUp    ? "ATH by " + by->Who
+                                     : reason == EndReason::DtrDrop ? "DTR drop by " + by->Who
+                                                                    : std::string("line fell")) +
+                                    "): " + call.Caller->Who + " sent " +
+                                    std::to_string(call.Up->Sent()) + " bytes, " +
+                                    call.Answerer->Who + " sent " +
+                                    std::to_string(call.Down->Sent()) + " bytes");
     for (Adapter* end : {call.Caller, call.Answerer}) {
         if (reason == EndReason::LineFell || end != by) {
             Result(*end, "NO CARRIER");
@@ -440,6 +511,8 @@ void Exchange::EndCall(Call& call, EndReason reason, Adapter* by) {
 }
 
 void Exchange::Leave(Adapter& adapter) {
+    HoldPort(adapter, false);
+    adapter.NextDtrLookAt = Never;
     adapter.Mode = AdapterMode::Command;
     adapter.InCall = nullptr;
     adapter.EscapeCount = 0;

@@ -64,7 +64,7 @@ public:
     void HandlePoll(const pollfd* entries, uint64_t now);
 
 private:
-    enum class EndReason { HangUp, LineFell };
+    enum class EndReason { HangUp, DtrDrop, LineFell };
 
     // Reading the ports.
     void ReadCommandPort(Adapter& adapter, uint64_t now);
@@ -96,6 +96,12 @@ private:
     void EndCall(Call& call, EndReason reason, Adapter* by);
     void Pump(Call& call, uint64_t now);
     void CheckEscape(Call& call, Adapter& end, uint64_t now);
+    void EnterOnlineCommand(Call& call, Adapter& end);
+    // DTR during a call: the port's speed looked at now and then, and the
+    // program's closing the port.
+    void WatchDtr(Adapter& adapter, uint64_t now);
+    void PortClosed(Adapter& adapter, uint64_t now);
+    void DtrDropped(Adapter& adapter, bool portClosed, uint64_t now);
     void Leave(Adapter& adapter);
     void Sweep();
 

@@ -143,6 +143,12 @@ void Exchange::EditLine(Adapter& adapter, char c, uint64_t now) {
         } else if (isA) {
             adapter.Line.assign(1, c);
             Echo(adapter, c);
+        } else if (c == '/') {
+            // "A/" repeats the last line at once, without a CR.
+            Echo(adapter, c);
+            adapter.InLine = false;
+            adapter.Line = adapter.LastLine.empty() ? std::string("AT") : adapter.LastLine;
+            RunLine(adapter, now);
         } else {
             adapter.InLine = false;
         }
@@ -159,6 +165,7 @@ void Exchange::EditLine(Adapter& adapter, char c, uint64_t now) {
 
 void Exchange::RunLine(Adapter& adapter, uint64_t now) {
     TraceLine(adapter.Who, "<- " + Printable(adapter.Line));
+    adapter.LastLine = adapter.Line;
     if (adapter.Line.size() > LongestLine) {
         Result(adapter, "ERROR");
         return;

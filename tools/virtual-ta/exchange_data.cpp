@@ -95,11 +95,15 @@ void Exchange::CheckEscape(Call& call, Adapter& end, uint64_t now) {
     if (!escaped) {
         return;  // the held "+" go on as data
     }
+    TraceLine(end.Who, "escape to command mode");
+    EnterOnlineCommand(call, end);
+}
+
+void Exchange::EnterOnlineCommand(Call& call, Adapter& end) {
     // Command mode within the call. What the line had brought for the port
     // goes before the OK; more data for it waits on the line meanwhile.
     end.Mode = AdapterMode::OnlineCommand;
     call.To(end).TakeReady(end.Out);
-    TraceLine(end.Who, "escape to command mode");
     Result(end, "OK");
 }
 

@@ -53,13 +53,17 @@ const std::vector<Family> Families = {
      {"Impact IQ ISDN, V.120"}},
 };
 
-// Commands every family knows.
-const char* const Common[] = {"A", "D", "E", "H",  "I",  "O",  "Q", "S",
-                              "V", "X", "Z", "&C", "&D", "&F", "&W"};
+// Commands every family knows: the ones the program uses, and the rest of
+// the common Hayes set that terminal programs put into their init strings
+// (speaker, flow control, stored profiles). Of the latter the tool keeps the
+// values and shows them with &V; nothing it simulates depends on them.
+const char* const Common[] = {"A",  "D",  "E",  "H",  "I",  "L",  "M",  "N",  "O",
+                              "Q",  "S",  "V",  "X",  "Y",  "Z",  "&A", "&C", "&D",
+                              "&F", "&K", "&N", "&Q", "&S", "&V", "&W", "&Y"};
 
 const char* const BitSurfrCommands[] = {"W", "\\Q", "%A", "&M", "&R", "@M", "@B", "@P", "!N"};
 const char* const AdTranCommands[] = {"\\Q", "SS"};
-const char* const ZyxelCommands[] = {"B", "&H", "&E", "&S", "&O", "&J", "&K", "&Z"};
+const char* const ZyxelCommands[] = {"B", "&H", "&E", "&O", "&J", "&Z"};
 const char* const ThreeComCommands[] = {"W", "\\Q", "$B"};
 
 template <size_t N>
@@ -107,6 +111,8 @@ void DefaultSettings(FamilyKind kind, Settings& settings) {
     settings["S4"] = "10";
     settings["S5"] = "8";
     settings["S12"] = "25";
+    // Dropping DTR hangs up.
+    settings["&D"] = "2";
     switch (kind) {
         case FamilyKind::BitSurfr:
             settings["%A2"] = "2";  // V.120

@@ -1,7 +1,9 @@
 #include "virtual-ta/port.h"
 
+#include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,6 +12,28 @@
 int Adapter::Setting(const char* name) const {
     const auto found = Registers.find(name);
     return found == Registers.end() ? 0 : std::atoi(found->second.c_str());
+}
+
+bool DtrIsDown(const Adapter& adapter) {
+    termios settings{};
+    return ::tcgetattr(adapter.Pty.Master, &settings) == 0 && ::cfgetospeed(&settings) == B0;
+}
+
+void LetGoOfPort(Adapter& adapter) {
+    if (adapter.Pty.SlaveKeeper >= 0) {
+        ::close(adapter.Pty.SlaveKeeper);
+        adapter.Pty.SlaveKeeper = -1;
+    }
+}
+
+void HoldPort(Adapter& adapter, bool emptied) {
+    if (adapter.Pty.SlaveKeeper < 0) {
+        adapter.Pty.SlaveKeeper =
+            ::open(adapter.Pty.SlavePath.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    }
+    if (emptied && adapter.Pty.SlaveKeeper >= 0) {
+        ::tcflush(adapter.Pty.SlaveKeeper, TCIFLUSH);
+    }
 }
 
 bool MakeLink(const std::string& path, const std::string& target, std::string& error) {

@@ -33,9 +33,15 @@ struct Adapter {
     uint32_t PortSpeed = 0;     // the port's speed when last read
     uint32_t TalkSpeed = 9600;  // the speed at which it last understood its port
 
+    // DTR, watched during a call: the port's speed at 0 is DTR down, as a
+    // pseudo-terminal shows it. DtrLow is how it was when last looked at.
+    bool DtrLow = false;
+    uint64_t NextDtrLookAt = Never;
+
     // The command line being typed, from its "A".
     bool InLine = false;
     std::string Line;
+    std::string LastLine;  // what "A/" repeats
     // Bytes read while the port's speed was one it does not understand.
     std::string Misheard;
     // Bytes read with a command line that belong to the mode it went into,
@@ -69,6 +75,17 @@ struct Adapter {
 bool MakeLink(const std::string& path, const std::string& target, std::string& error);
 // Removes the link if it still points at the target.
 void RemoveLink(const std::string& path, const std::string& target);
+
+// Whether the program holding the port has dropped DTR by setting the port's
+// speed to 0 (what "stty 0" and a terminal program's hang-up do).
+bool DtrIsDown(const Adapter& adapter);
+// The tool keeps the port's program side open between calls, so that a port
+// nobody has open still keeps its settings and takes replies. During a call it
+// lets go, so that the program's closing the port shows as a hang-up on the
+// tool's side. Holding it again with emptied set throws away what the
+// program left unread.
+void LetGoOfPort(Adapter& adapter);
+void HoldPort(Adapter& adapter, bool emptied);
 
 // Reads what the port has, up to count bytes: the count, 0 if nothing waits.
 size_t ReadPort(int fd, void* buffer, size_t count);
