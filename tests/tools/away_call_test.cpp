@@ -77,9 +77,10 @@ TEST_F(CallsAway, ACallEachWayRingsConnectsAndCarriesEveryByteInOrder) {
 }
 
 // Alice's process runs at 16000 bytes per second and Bob's unthrottled: the
-// slower sets the pace of a call between them, each way.
+// slower sets the pace of a call between them, each way. Alice's gives up a
+// ringing call after a second.
 TEST_F(CallsAway, BusyUnknownAndUnreachableFailAsLocallyAndTheSlowerRatePacesTheCall) {
-    StartBoth({"--rate", "16000"});
+    StartBoth({"--rate", "16000", "--answer-wait", "1"});
     FarEnd& alice = Port("alice");
     FarEnd& bob = Port("bob");
     FarEnd& carol = Port("carol");
@@ -104,6 +105,16 @@ TEST_F(CallsAway, BusyUnknownAndUnreachableFailAsLocallyAndTheSlowerRatePacesThe
     }
     EXPECT_EQ(bob.ReceiveFor(100), "") << "no RING in a call";
     ASSERT_TRUE(carol.HangUp());
+    EXPECT_EQ(bob.ReceiveUntil("NO CARRIER\r\n", 3000), "\r\nNO CARRIER\r\n");
+
+    // Unanswered: the caller's process gives up, and Bob's stops ringing.
+    alice.Send("ATD5552002\r");
+    EXPECT_EQ(alice.ReceiveUntil("NO CARRIER\r\n", 3000),
+              "ATD5552002\r\r\nRINGING\r\n\r\nNO CARRIER\r\n");
+    // The release travels over the connection: Bob answers a moment later.
+    EXPECT_EQ(bob.ReceiveFor(300), "\r\nRING\r\n");
+    bob.Send("ATA\r");
+    EXPECT_EQ(bob.ReceiveUntil("NO CARRIER\r\n", 1000), "ATA\r\r\nNO CARRIER\r\n");
 
     const CallSetUp call = SetUpCall(alice, carol, "5552003");
     ASSERT_TRUE(call.Connected) << call.AtCaller << " / " << call.AtAnswerer;
