@@ -8,6 +8,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -22,6 +23,8 @@ class VirtualAdapters {
 public:
     VirtualAdapters(const std::vector<std::string>& adapters,
                     const std::vector<std::string>& options = {});
+    // The port it listens on for calls from other virtual-ta processes.
+    uint16_t ListeningPort() const;
 
 private:
     ChildProcess process_;

@@ -12,6 +12,7 @@
 #include "harness.h"
 #include "platform/files.h"
 #include "support/installation.h"
+#include "support/tcp_relay.h"
 #include "support/wire_peer.h"
 
 class AliceAndBob {
@@ -24,6 +25,29 @@ public:
             std::vector<std::string>{AlicePath + "/COM1=bitsurfr:5551001",
                                      BobPath + "/COM1=" + bobFamily + ":5552002"},
             options);
+        StartStations();
+    }
+
+    // The same, as on two computers: each adapter in a virtual-ta of its own,
+    // both with the options, Bob's listening on loopback and Alice's routing
+    // Bob's number to it, through a relay that can cut the connection.
+    struct OverTcp {};
+    AliceAndBob(const std::string& bobFamily, const std::vector<std::string>& options, OverTcp)
+        : AlicePath(MakeInstallation(Root, "alice")), BobPath(MakeInstallation(Root, "bob")) {
+        std::vector<std::string> bobsOptions = options;
+        bobsOptions.insert(bobsOptions.end(), {"--listen", "127.0.0.1:0"});
+        Adapters = std::make_unique<VirtualAdapters>(
+            std::vector<std::string>{BobPath + "/COM1=" + bobFamily + ":5552002"}, bobsOptions);
+        Relay = std::make_unique<TcpRelay>(Adapters->ListeningPort());
+        std::vector<std::string> alicesOptions = options;
+        alicesOptions.insert(alicesOptions.end(),
+                             {"--route", "5552002=127.0.0.1:" + std::to_string(Relay->Port())});
+        AlicesAdapters = std::make_unique<VirtualAdapters>(
+            std::vector<std::string>{AlicePath + "/COM1=bitsurfr:5551001"}, alicesOptions);
+        StartStations();
+    }
+
+    void StartStations() {
         Alice = WaitingStation(AlicePath);
         Bob = WaitingStation(BobPath);
         EXPECT_EQ(Alice->Command("name Bob"), "ok");
@@ -71,7 +95,9 @@ public:
     TempFolder Root;
     std::string AlicePath;
     std::string BobPath;
-    std::unique_ptr<VirtualAdapters> Adapters;
+    std::unique_ptr<VirtualAdapters> Adapters;  // Bob's alone when over TCP
+    std::unique_ptr<VirtualAdapters> AlicesAdapters;
+    std::unique_ptr<TcpRelay> Relay;
     std::unique_ptr<Station> Alice;
     std::unique_ptr<Station> Bob;
 };

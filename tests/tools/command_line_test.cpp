@@ -45,6 +45,12 @@ TEST_F(VirtualTaCommandLine, BadArgumentsGiveOneLineAndExit2) {
         {"--fault", "drop:5551000:-1", good},
         {"--answer-wait", "0", good},
         {"--trace", folder_ / "missing/trace.txt", good},
+        {"--listen", "4000", good},
+        {"--listen", "127.0.0.1:65536", good},
+        {"--route", "5552000=127.0.0.1:0", good},
+        {"--route", "555-2000=127.0.0.1:4000", good},
+        {"--route", "5551000=127.0.0.1:4000", good},
+        {"--route", "5552000=a:1", "--route", "5552000=b:2", good},
     };
     for (const auto& arguments : cases) {
         std::string shown;

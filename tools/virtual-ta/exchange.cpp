@@ -1,5 +1,7 @@
 #include "virtual-ta/exchange.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <set>
 
@@ -7,8 +9,6 @@
 
 namespace {
 
-constexpr uint64_t RoutingDelayNs = 500 * NsPerMs;  // until a failed dial is reported
-constexpr uint64_t RingIntervalNs = 2000 * NsPerMs;
 // How often DTR is looked at during a call: a pseudo-terminal tells nobody
 // when its settings change.
 constexpr uint64_t DtrLookNs = 50 * NsPerMs;
@@ -17,6 +17,16 @@ constexpr uint64_t DtrLookNs = 50 * NsPerMs;
 const char* const CarrierCodes[] = {"10288", "10222", "10333"};
 
 }  // namespace
+
+std::string BehindCarrierCode(const std::string& number) {
+    for (const char* code : CarrierCodes) {
+        const std::string prefix = code;
+        if (number.size() > prefix.size() && number.compare(0, prefix.size(), prefix) == 0) {
+            return number.substr(prefix.size());
+        }
+    }
+    return {};
+}
 
 Exchange::Exchange(Options options) : options_(std::move(options)) {}
 
@@ -42,7 +52,7 @@ bool Exchange::Open(std::string& error) {
                                     adapter->Pty.SlavePath);
         adapters_.push_back(std::move(adapter));
     }
-    return true;
+    return OpenListener(error);
 }
 
 void Exchange::Close() {
@@ -52,12 +62,21 @@ void Exchange::Close() {
     }
     adapters_.clear();
     calls_.clear();
+    for (auto& link : links_) {
+        CloseLink(*link);
+    }
+    links_.clear();
+    if (listener_ >= 0) {
+        ::close(listener_);
+        listener_ = -1;
+    }
 }
 
 // ---------------------------------------------------------------------------
 // The event loop's side
 
 void Exchange::Service(uint64_t now) {
+    ServiceLinks(now);
     for (auto& owned : calls_) {
         Call& call = *owned;
         if (call.Ended) {
@@ -80,9 +99,10 @@ void Exchange::Service(uint64_t now) {
                 }
                 break;
             case CallPhase::Connected:
-                CheckEscape(call, *call.Caller, now);
-                if (!call.Ended) {
-                    CheckEscape(call, *call.Answerer, now);
+                for (Adapter* end : {call.Caller, call.Answerer}) {
+                    if (end != nullptr && !call.Ended) {
+                        CheckEscape(call, *end, now);
+                    }
                 }
                 if (!call.Ended) {
                     Pump(call, now);
@@ -119,6 +139,7 @@ void Exchange::Service(uint64_t now) {
         Flush(a);
     }
     Sweep();
+    ServiceLinks(now);
 }
 
 uint64_t Exchange::NextDeadline(uint64_t now) {
@@ -137,9 +158,16 @@ uint64_t Exchange::NextDeadline(uint64_t now) {
         }
         next = std::min({next, call.ResultAt, call.NextRingAt, call.GiveUpAt});
         if (call.Phase == CallPhase::Connected) {
-            next = std::min({next, call.Caller->EscapeDeadline, call.Answerer->EscapeDeadline,
-                             call.Up->NextReleaseAt(now), call.Down->NextReleaseAt(now)});
+            next = std::min({next, call.Up->NextReleaseAt(now), call.Down->NextReleaseAt(now)});
+            for (const Adapter* end : {call.Caller, call.Answerer}) {
+                if (end != nullptr) {
+                    next = std::min(next, end->EscapeDeadline);
+                }
+            }
         }
+    }
+    for (const auto& link : links_) {
+        next = std::min(next, link->CloseBy);
     }
     return next;
 }
@@ -159,6 +187,7 @@ void Exchange::CollectPoll(std::vector<pollfd>& entries, uint64_t now) {
         }
         entries.push_back(entry);
     }
+    CollectLinks(entries);
 }
 
 void Exchange::HandlePoll(const pollfd* entries, uint64_t now) {
@@ -187,6 +216,7 @@ void Exchange::HandlePoll(const pollfd* entries, uint64_t now) {
         }
         Sweep();
     }
+    HandleLinks(entries + adapters_.size(), now);
 }
 
 bool Exchange::WantsRead(const Adapter& adapter) const {
@@ -218,13 +248,8 @@ Adapter* Exchange::Route(const std::string& number) {
     if (Adapter* exact = find(number)) {
         return exact;
     }
-    for (const char* code : CarrierCodes) {
-        const std::string prefix = code;
-        if (number.size() > prefix.size() && number.compare(0, prefix.size(), prefix) == 0) {
-            return find(number.substr(prefix.size()));
-        }
-    }
-    return nullptr;
+    const std::string behind = BehindCarrierCode(number);
+    return behind.empty() ? nullptr : find(behind);
 }
 
 void Exchange::Dial(Adapter& caller, const std::string& dialString, uint64_t now) {
@@ -265,8 +290,14 @@ void Exchange::Dial(Adapter& caller, const std::string& dialString, uint64_t now
     caller.InLine = false;
 
     Adapter* target = Route(first);
+    const RouteSpec* away = target == nullptr ? FindRoute(first) : nullptr;
+    call.DialledAt = now;
     if (caller.Spec.NoDialTone) {
         call.Failure = "NO DIAL TONE";
+    } else if (away != nullptr) {
+        call.FarWho = first;
+        DialAway(call, *away, second, now);
+        return;
     } else if (target == nullptr || target->Spec.NoDialTone) {
         call.Failure = "NO CARRIER";
     } else if (target == &caller || target->Mode != AdapterMode::Command ||
@@ -289,7 +320,11 @@ void Exchange::Dial(Adapter& caller, const std::string& dialString, uint64_t now
 void Exchange::Ring(Call& call, uint64_t now) {
     ++call.Rings;
     Result(*call.Answerer, "RING");
-    Result(*call.Caller, "RINGING");
+    if (call.Caller != nullptr) {
+        Result(*call.Caller, "RINGING");
+    } else if (call.Remote != nullptr) {
+        call.Remote->Queue(LinkMessage::Ringing, {});
+    }
     const int autoAnswer = call.Answerer->Setting("S0");
     if (autoAnswer > 0 && call.Rings >= autoAnswer) {
         TraceLine(call.Answerer->Who,
@@ -308,9 +343,12 @@ void Exchange::Answer(Adapter& adapter, uint64_t now) {
 }
 
 void Exchange::Connect(Call& call, uint64_t now) {
-    Adapter& caller = *call.Caller;
+    // The answering adapter is always here; a caller from away told its
+    // set-up and its rate when it dialled.
     Adapter& answerer = *call.Answerer;
-    const LineSetup callerSetup = SetupOf(caller.Spec.Model->Kind, caller.Registers);
+    const LineSetup callerSetup =
+        call.Caller != nullptr ? SetupOf(call.Caller->Spec.Model->Kind, call.Caller->Registers)
+                               : call.FarSetup;
     const LineSetup answererSetup = SetupOf(answerer.Spec.Model->Kind, answerer.Registers);
     // Two channels only if both ends are set up for the same bundling, and the
     // second number, if one was dialled, reaches the same adapter.
@@ -321,10 +359,28 @@ void Exchange::Connect(Call& call, uint64_t now) {
                         : 1;
     // A 56K end uses seven bits of each octet: the channel carries 7/8.
     uint64_t perChannel = options_.Rate;
+    if (call.Caller == nullptr && call.FarRate != 0 &&
+        (perChannel == 0 || call.FarRate < perChannel)) {
+        perChannel = call.FarRate;  // the slower of the two exchanges sets the pace
+    }
     if (callerSetup.Is56k || answererSetup.Is56k) {
         perChannel = perChannel * 7 / 8;
     }
     call.BytesPerSecond = perChannel * static_cast<uint64_t>(call.Channels);
+    if (call.Caller == nullptr) {
+        if (call.Remote != nullptr) {
+            call.Remote->Queue(LinkMessage::Connect, std::to_string(call.Channels) + " " +
+                                                         std::to_string(call.BytesPerSecond) + " " +
+                                                         Describe(answererSetup));
+        }
+        StartData(call, call.FarDescription, Describe(answererSetup), now);
+        return;
+    }
+    StartData(call, Describe(callerSetup), Describe(answererSetup), now);
+}
+
+void Exchange::StartData(Call& call, const std::string& callerSetup,
+                         const std::string& answererSetup, uint64_t now) {
     // The line holds about 50 ms of data each way, so that a sender is held
     // back close to the pace of the line; an unthrottled line holds enough
     // for large runs.
@@ -332,14 +388,25 @@ void Exchange::Connect(Call& call, uint64_t now) {
         call.BytesPerSecond == 0
             ? 65536
             : static_cast<size_t>(std::clamp<uint64_t>(call.BytesPerSecond / 20, 4096, 65536));
-    call.Up = std::make_unique<DataPath>(capacity, call.BytesPerSecond, now);
-    call.Down = std::make_unique<DataPath>(capacity, call.BytesPerSecond, now);
-    ArmFaults(caller, *call.Up);
-    ArmFaults(answerer, *call.Down);
+    // Each direction is paced once, by the exchange of the adapter that
+    // sends: the bytes from an adapter away come already paced.
+    call.Up =
+        std::make_unique<DataPath>(capacity, call.Caller != nullptr ? call.BytesPerSecond : 0, now);
+    call.Down = std::make_unique<DataPath>(capacity,
+                                           call.Answerer != nullptr ? call.BytesPerSecond : 0, now);
+    if (call.Caller != nullptr) {
+        ArmFaults(*call.Caller, *call.Up);
+    }
+    if (call.Answerer != nullptr) {
+        ArmFaults(*call.Answerer, *call.Down);
+    }
     call.Phase = CallPhase::Connected;
     call.NextRingAt = Never;
     call.GiveUpAt = Never;
-    for (Adapter* end : {&answerer, &caller}) {
+    for (Adapter* end : {call.Answerer, call.Caller}) {
+        if (end == nullptr) {
+            continue;
+        }
         end->Mode = AdapterMode::Data;
         end->InLine = false;
         end->Misheard.clear();
@@ -353,12 +420,12 @@ void Exchange::Connect(Call& call, uint64_t now) {
         LetGoOfPort(*end);
         Result(*end, "CONNECT " + std::to_string(end->TalkSpeed));
     }
-    TraceLine(caller.Who, "connected to " + answerer.Who + ": " + Describe(callerSetup) + " to " +
-                              Describe(answererSetup) + ", " + std::to_string(call.Channels) +
-                              (call.Channels == 1 ? " channel, " : " channels, ") +
-                              (call.BytesPerSecond == 0
-                                   ? std::string("unthrottled")
-                                   : std::to_string(call.BytesPerSecond) + " bytes/s each way"));
+    TraceLine(
+        call.CallerWho(),
+        "connected to " + call.AnswererWho() + ": " + callerSetup + " to " + answererSetup + ", " +
+            std::to_string(call.Channels) + (call.Channels == 1 ? " channel, " : " channels, ") +
+            (call.BytesPerSecond == 0 ? std::string("unthrottled")
+                                      : std::to_string(call.BytesPerSecond) + " bytes/s each way"));
     Pump(call, now);
 }
 
@@ -459,32 +526,42 @@ void Exchange::DtrDropped(Adapter& adapter, bool portClosed, uint64_t now) {
 }
 
 void Exchange::Abandon(Call& call, const char* callerHears) {
-    Result(*call.Caller, callerHears);
-    Leave(*call.Caller);
+    if (call.Caller != nullptr) {
+        Result(*call.Caller, callerHears);
+        Leave(*call.Caller);
+    }
     if (call.Answerer != nullptr) {
         call.Answerer->InCall = nullptr;  // it stops ringing
     }
+    Detach(call, true);
     call.Ended = true;
 }
 
 void Exchange::EndCall(Call& call, EndReason reason, Adapter* by) {
+    // by is the adapter that hung up or whose drop fault made the line fall;
+    // null when the far end away hung up or its link was lost.
     std::vector<const FaultSpec*> acted;
-    if (reason != EndReason::LineFell) {
+    if ((reason == EndReason::HangUp || reason == EndReason::DtrDrop) && by != nullptr) {
         // What the hanging-up adapter took from its port before its escape
         // still goes out, and its far end gets it all before NO CARRIER. The
         // data on its way to the adapter that hangs up is lost with the call.
-        Adapter& far = call.Other(*by);
         DataPath& outgoing = call.From(*by);
         outgoing.ReleaseAll(acted);
-        if (far.Mode == AdapterMode::Data) {
+        if (call.Away) {
+            Forward(call, true);
+        } else if (Adapter& far = call.Other(*by); far.Mode == AdapterMode::Data) {
             outgoing.MoveReleased(far.Out);
         }
     } else {
-        // A falling line: each end gets what the line had carried to it.
+        // A falling line: each end gets what the line had carried to it. An
+        // end away sent all of it before its release.
         for (Adapter* end : {call.Caller, call.Answerer}) {
-            if (end->Mode == AdapterMode::Data) {
+            if (end != nullptr && end->Mode == AdapterMode::Data) {
                 call.To(*end).MoveReleased(end->Out);
             }
+        }
+        if (call.Away && by != nullptr) {
+            Forward(call, true);
         }
     }
     for (const FaultSpec* fault : acted) {
@@ -493,20 +570,31 @@ void Exchange::EndCall(Call& call, EndReason reason, Adapter* by) {
                       ? "fault: byte " + std::to_string(fault->Offset) + " corrupted"
                       : "fault: line falls after " + std::to_string(fault->Offset) + " bytes");
     }
-    TraceLine(call.Caller->Who, std::string("call with ") + call.Answerer->Who + " ended (" +
-                                    (reason == EndReason::HangUp    ? "ATH by " + by->Who
-                                     : reason == EndReason::DtrDrop ? "DTR drop by " + by->Who
-                                                                    : std::string("line fell")) +
-                                    "): " + call.Caller->Who + " sent " +
-                                    std::to_string(call.Up->Sent()) + " bytes, " +
-                                    call.Answerer->Who + " sent " +
-                                    std::to_string(call.Down->Sent()) + " bytes");
+    std::string how = "line fell";
+    if (reason == EndReason::HangUp) {
+        how = by != nullptr ? "ATH by " + by->Who : "released by " + call.FarWho;
+    } else if (reason == EndReason::DtrDrop) {
+        how = "DTR drop by " + by->Who;
+    } else if (reason == EndReason::LinkLost) {
+        how = "connection lost";
+    }
+    TraceLine(call.CallerWho(),
+              "call with " + call.AnswererWho() + " ended (" + how + "): " + call.CallerWho() +
+                  " sent " + std::to_string(call.Up->Sent()) + " bytes, " + call.AnswererWho() +
+                  " sent " + std::to_string(call.Down->Sent()) + " bytes");
     for (Adapter* end : {call.Caller, call.Answerer}) {
-        if (reason == EndReason::LineFell || end != by) {
+        if (end == nullptr) {
+            continue;
+        }
+        // The end that hung up or dropped DTR says what it hears itself.
+        if ((reason != EndReason::HangUp && reason != EndReason::DtrDrop) || end != by) {
             Result(*end, "NO CARRIER");
         }
         Leave(*end);
     }
+    // The far exchange learns of the end from the release, unless it is the
+    // one that ended the call.
+    Detach(call, by != nullptr);
     call.Ended = true;
 }
 

@@ -13,8 +13,17 @@
 #include <vector>
 
 #include "virtual-ta/data_path.h"
+#include "virtual-ta/family.h"
+#include "virtual-ta/link.h"
 #include "virtual-ta/options.h"
 #include "virtual-ta/port.h"
+
+constexpr uint64_t RoutingDelayNs = 500 * NsPerMs;  // until a failed dial is reported
+constexpr uint64_t RingIntervalNs = 2000 * NsPerMs;
+
+// The number behind a carrier code in front of it (10288, 10222 or 10333);
+// "" when there is none.
+std::string BehindCarrierCode(const std::string& number);
 
 enum class CallPhase {
     Routing,    // the exchange is about to answer the caller with a failure
@@ -22,6 +31,9 @@ enum class CallPhase {
     Connected,  // both in a call
 };
 
+// A call between two adapters of this exchange, or between one of them and
+// an adapter of another virtual-ta, reached through a link. Then the far end
+// is null here, and the link stands in for it.
 struct Call {
     Adapter* Caller = nullptr;
     Adapter* Answerer = nullptr;  // null while Routing
@@ -38,6 +50,18 @@ struct Call {
     std::unique_ptr<DataPath> Down;  // answerer to caller
     bool Ended = false;
 
+    // A call with an adapter of another virtual-ta.
+    Link* Remote = nullptr;  // null once the link has gone
+    bool Away = false;       // the far end is there, not here
+    std::string FarWho;      // the far adapter's number
+    LineSetup FarSetup;      // the calling end's set-up, as its setup message told
+    std::string FarDescription;
+    uint64_t FarRate = 0;  // the calling process's --rate
+    uint64_t DialledAt = 0;
+
+    Adapter* Local() const { return Caller != nullptr ? Caller : Answerer; }
+    const std::string& CallerWho() const { return Caller != nullptr ? Caller->Who : FarWho; }
+    const std::string& AnswererWho() const { return Answerer != nullptr ? Answerer->Who : FarWho; }
     DataPath& From(const Adapter& end) { return &end == Caller ? *Up : *Down; }
     DataPath& To(const Adapter& end) { return &end == Caller ? *Down : *Up; }
     Adapter& Other(const Adapter& end) { return &end == Caller ? *Answerer : *Caller; }
@@ -63,8 +87,12 @@ public:
     void CollectPoll(std::vector<pollfd>& entries, uint64_t now);
     void HandlePoll(const pollfd* entries, uint64_t now);
 
+    // Where --listen took calls: "HOST:PORT" with the port it got; "" when
+    // the exchange does not listen.
+    const std::string& ListeningAt() const { return listeningAt_; }
+
 private:
-    enum class EndReason { HangUp, DtrDrop, LineFell };
+    enum class EndReason { HangUp, DtrDrop, LineFell, LinkLost };
 
     // Reading the ports.
     void ReadCommandPort(Adapter& adapter, uint64_t now);
@@ -104,8 +132,31 @@ private:
     void DtrDropped(Adapter& adapter, bool portClosed, uint64_t now);
     void Leave(Adapter& adapter);
     void Sweep();
+    void StartData(Call& call, const std::string& callerSetup, const std::string& answererSetup,
+                   uint64_t now);
+
+    // Calls with other virtual-ta processes (exchange_links.cpp).
+    bool OpenListener(std::string& error);
+    const RouteSpec* FindRoute(const std::string& number) const;
+    void DialAway(Call& call, const RouteSpec& route, const std::string& second, uint64_t now);
+    void CallFromAway(Link& link, std::string_view setup, uint64_t now);
+    void ConnectedAway(Call& call, std::string_view message, uint64_t now);
+    void FailAway(Call& call, const char* result, uint64_t now);
+    void HandleMessages(Link& link, uint64_t now);
+    bool TakeData(Call& call, Link& link, std::string_view payload, uint64_t now);
+    void Forward(Call& call, bool everything);
+    void Detach(Call& call, bool release);
+    void LinkLost(Link& link, uint64_t now);
+    void ServiceLinks(uint64_t now);
+    void CollectLinks(std::vector<pollfd>& entries);
+    void HandleLinks(const pollfd* entries, uint64_t now);
+    void SweepLinks();
 
     Options options_;
     std::vector<std::unique_ptr<Adapter>> adapters_;
     std::list<std::unique_ptr<Call>> calls_;
+    int listener_ = -1;
+    std::string listeningAt_;
+    std::list<std::unique_ptr<Link>> links_;
+    std::vector<Link*> polledLinks_;  // in the order CollectPoll gave them
 };

@@ -109,6 +109,9 @@ void Exchange::EnterOnlineCommand(Call& call, Adapter& end) {
 
 void Exchange::Pump(Call& call, uint64_t now) {
     for (Adapter* sender : {call.Caller, call.Answerer}) {
+        if (sender == nullptr) {
+            continue;  // an end away paces what it sends itself
+        }
         std::vector<const FaultSpec*> acted;
         const bool up = call.From(*sender).Release(now, acted);
         for (const FaultSpec* fault : acted) {
@@ -121,6 +124,11 @@ void Exchange::Pump(Call& call, uint64_t now) {
             EndCall(call, EndReason::LineFell, sender);
             return;
         }
+    }
+    if (call.Away) {
+        Forward(call, false);
+        Flush(*call.Local());
+        return;
     }
     Flush(*call.Caller);
     Flush(*call.Answerer);

@@ -44,6 +44,9 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "virtual-ta: %s\n", error.c_str());
         return 1;
     }
+    if (!exchange.ListeningAt().empty()) {
+        std::printf("listening on %s\n", exchange.ListeningAt().c_str());
+    }
     std::fputs("ready\n", stdout);
     std::fflush(stdout);
     TraceLine("-", "ready");

@@ -7,6 +7,7 @@
 #include <set>
 
 #include "platform/files.h"
+#include "virtual-ta/link.h"
 
 namespace {
 
@@ -208,6 +209,28 @@ bool ParseCommandLine(int argc, const char* const* argv, Options& options, std::
                 return false;
             }
             options.AnswerWaitMs = static_cast<uint32_t>(seconds * 1000);
+        } else if (arg == "--listen") {
+            if (!takeValue()) {
+                return false;
+            }
+            if (!ParseHostPort(value, true, options.ListenHost, options.ListenPort)) {
+                error = "--listen must be HOST:PORT, e.g. 0.0.0.0:4000 (port 0: any free port)";
+                return false;
+            }
+        } else if (arg == "--route") {
+            if (!takeValue()) {
+                return false;
+            }
+            RouteSpec route;
+            const size_t equals = value.find('=');
+            route.Number = value.substr(0, equals);
+            if (equals == std::string::npos || !AllDigits(route.Number) ||
+                route.Number.size() > 31 ||
+                !ParseHostPort(value.substr(equals + 1), false, route.Host, route.Port)) {
+                error = "route '" + value + "' is not NUMBER=HOST:PORT";
+                return false;
+            }
+            options.Routes.push_back(route);
         } else if (arg.rfind("-", 0) == 0) {
             error = "unknown option '" + arg + "'";
             return false;
@@ -232,6 +255,17 @@ bool ParseCommandLine(int argc, const char* const* argv, Options& options, std::
         }
         if (!numbers.insert(spec.Number).second) {
             error = "two adapters with the number " + spec.Number;
+            return false;
+        }
+    }
+    std::set<std::string> routed;
+    for (const RouteSpec& route : options.Routes) {
+        if (numbers.count(route.Number) != 0) {
+            error = "route for " + route.Number + ", which is an adapter's number here";
+            return false;
+        }
+        if (!routed.insert(route.Number).second) {
+            error = "two routes for " + route.Number;
             return false;
         }
     }
@@ -289,6 +323,15 @@ Options:
                       byte count to FILE, one line each, with a time stamp
   --answer-wait S     how long a call rings unanswered before the caller gets
                       NO CARRIER (default 30 seconds)
+  --listen HOST:PORT  take calls from virtual-ta processes on other computers
+                      on this TCP address (0.0.0.0 for every interface; port
+                      0 takes a free port). Before "ready" it prints
+                      "listening on HOST:PORT" with the port it got.
+  --route NUMBER=HOST:PORT
+                      a dial of NUMBER goes to the virtual-ta listening there
+                      (may be given several times). The call then behaves as
+                      a call between two adapters here; NO CARRIER if that
+                      virtual-ta cannot be reached.
   --help              this text
 
 It prints "ready" once every link exists, runs until SIGINT or SIGTERM, then
@@ -296,5 +339,8 @@ removes its links and exits 0. Bad arguments: a one-line message and exit 2.
 
 Example:
   virtual-ta alice/COM1=bitsurfr:5551001 bob/COM1=zyxel-2864:5551002
+Across two computers, Alice's calling Bob's:
+  virtual-ta --listen 0.0.0.0:4000 bob/COM1=zyxel-2864:5551002
+  virtual-ta --route 5551002=bobs-pc:4000 alice/COM1=bitsurfr:5551001
 )";
 }

@@ -28,12 +28,24 @@ struct FaultSpec {
     bool Acted = false;
 };
 
+// --route NUMBER=HOST:PORT: dials of NUMBER go to the virtual-ta there.
+struct RouteSpec {
+    std::string Number;
+    std::string Host;
+    uint16_t Port = 0;
+};
+
 struct Options {
     std::vector<AdapterSpec> Adapters;
     uint64_t Rate = 8000;  // bytes per second per B channel each way; 0 unthrottled
     std::vector<FaultSpec> Faults;
     std::string TracePath;
     uint32_t AnswerWaitMs = 30000;  // a call rings this long before the caller gives up
+    // --listen HOST:PORT: calls from other virtual-ta processes come in
+    // there; port 0 takes any free port. No listening when ListenHost is empty.
+    std::string ListenHost;
+    uint16_t ListenPort = 0;
+    std::vector<RouteSpec> Routes;
     bool Help = false;
 };
 

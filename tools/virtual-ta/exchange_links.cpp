@@ -1,0 +1,424 @@
+// The exchange's calls with adapters of other virtual-ta processes: taking
+// their calls on the listening socket, sending dials of routed numbers away,
+// and carrying each call's messages over its link.
+//
+// The far process stands in for the far adapter. A call from away rings here
+// exactly as a call from an adapter here; a call away hears RINGING, BUSY or
+// CONNECT as the far exchange tells. Each direction is paced by the exchange
+// of the adapter that sends, so the data of a link arrives already paced and
+// goes to the port as it comes.
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <sstream>
+
+#include "virtual-ta/exchange.h"
+#include "virtual-ta/trace.h"
+
+namespace {
+
+// Bytes of a call waiting for the socket; beyond this the data stays on the
+// line, whose sender is then held back as when the far port takes nothing.
+constexpr size_t LinkBacklog = 65536;
+// A link that has said its last waits this long for the far process to close.
+constexpr uint64_t CloseWaitNs = 5000 * NsPerMs;
+
+const char* BundlingName(Bundling bundle) {
+    switch (bundle) {
+        case Bundling::Aimux:
+            return "aimux";
+        case Bundling::TwoB:
+            return "2b";
+        case Bundling::None:
+            break;
+    }
+    return "none";
+}
+
+std::string HostPort(const RouteSpec& route) {
+    const bool v6 = route.Host.find(':') != std::string::npos;
+    return (v6 ? "[" + route.Host + "]" : route.Host) + ":" + std::to_string(route.Port);
+}
+
+}  // namespace
+
+bool Exchange::OpenListener(std::string& error) {
+    if (options_.ListenHost.empty()) {
+        return true;
+    }
+    uint16_t port = options_.ListenPort;
+    listener_ = ListenOn(options_.ListenHost, port, error);
+    if (listener_ < 0) {
+        return false;
+    }
+    listeningAt_ = HostPort(RouteSpec{"", options_.ListenHost, port});
+    TraceLine("-", "listening on " + listeningAt_);
+    return true;
+}
+
+const RouteSpec* Exchange::FindRoute(const std::string& number) const {
+    for (const RouteSpec& route : options_.Routes) {
+        if (route.Number == number) {
+            return &route;
+        }
+    }
+    const std::string behind = BehindCarrierCode(number);
+    for (const RouteSpec& route : options_.Routes) {
+        if (!behind.empty() && route.Number == behind) {
+            return &route;
+        }
+    }
+    return nullptr;
+}
+
+void Exchange::DialAway(Call& call, const RouteSpec& route, const std::string& second,
+                        uint64_t now) {
+    Adapter& caller = *call.Caller;
+    auto link = std::make_unique<Link>();
+    if (!StartConnect(*link, route.Host, route.Port)) {
+        // Unreachable: the same as a number that nobody has.
+        TraceLine(caller.Who, "cannot reach " + HostPort(route));
+        call.ResultAt = now + RoutingDelayNs;
+        return;
+    }
+    const LineSetup setup = SetupOf(caller.Spec.Model->Kind, caller.Registers);
+    link->Queue(LinkMessage::Setup, call.FarWho + " " + (second.empty() ? "-" : second) + " " +
+                                        caller.Who + " " + BundlingName(setup.Bundle) + " " +
+                                        (setup.Is56k ? "56" : "64") + " " +
+                                        std::to_string(options_.Rate) + " " + Describe(setup));
+    link->InCall = &call;
+    call.Away = true;
+    call.Remote = link.get();
+    // The far exchange tells whether it rings; until then the caller waits
+    // as for a ringing call, and gives up after the same time.
+    call.Phase = CallPhase::Ringing;
+    call.GiveUpAt = now + static_cast<uint64_t>(options_.AnswerWaitMs) * NsPerMs;
+    TraceLine(caller.Who, "calls " + call.FarWho + " at " + HostPort(route));
+    links_.push_back(std::move(link));
+}
+
+void Exchange::CallFromAway(Link& link, std::string_view setup, uint64_t now) {
+    std::istringstream fields{std::string(setup)};
+    std::string called;
+    std::string second;
+    std::string callerNumber;
+    std::string bundling;
+    int speed = 0;
+    uint64_t rate = 0;
+    std::string description;
+    if (!(fields >> called >> second >> callerNumber >> bundling >> speed >> rate)) {
+        TraceLine("-", "a call from " + link.Peer + " without a proper setup");
+        CloseLink(link);
+        return;
+    }
+    std::getline(fields >> std::ws, description);
+    TraceLine(callerNumber, "calls " + called + " from " + link.Peer);
+
+    Adapter* target = Route(called);
+    const char* failure = nullptr;
+    if (target == nullptr || target->Spec.NoDialTone) {
+        failure = "NO CARRIER";
+    } else if (target->Mode != AdapterMode::Command || target->InCall != nullptr) {
+        failure = "BUSY";
+    }
+    if (failure != nullptr) {
+        // The caller's exchange reports it after its own routing delay.
+        TraceLine(callerNumber, std::string("dial fails: ") + failure);
+        link.Queue(LinkMessage::Failed, failure);
+        link.Closing = true;
+        link.CloseBy = now + CloseWaitNs;
+        return;
+    }
+
+    auto owned = std::make_unique<Call>();
+    Call& call = *owned;
+    calls_.push_back(std::move(owned));
+    call.Away = true;
+    call.Remote = &link;
+    link.InCall = &call;
+    call.FarWho = callerNumber;
+    call.FarSetup.Bundle = bundling == "aimux" ? Bundling::Aimux
+                           : bundling == "2b"  ? Bundling::TwoB
+                                               : Bundling::None;
+    call.FarSetup.Is56k = speed == 56;
+    call.FarDescription = description;
+    call.FarRate = rate;
+    call.DialledAt = now;
+    call.Phase = CallPhase::Ringing;
+    call.Answerer = target;
+    target->InCall = &call;
+    call.SecondChannelReachable = second == "-" || Route(second) == target;
+    // The caller's exchange decides when to give up, and tells.
+    call.NextRingAt = now + RingIntervalNs;
+    TraceLine(callerNumber, "rings " + target->Who);
+    Ring(call, now);
+}
+
+void Exchange::ConnectedAway(Call& call, std::string_view message, uint64_t now) {
+    std::istringstream fields{std::string(message)};
+    std::string description;
+    if (!(fields >> call.Channels >> call.BytesPerSecond)) {
+        return;
+    }
+    std::getline(fields >> std::ws, description);
+    const Adapter& caller = *call.Caller;
+    StartData(call, Describe(SetupOf(caller.Spec.Model->Kind, caller.Registers)), description, now);
+}
+
+void Exchange::FailAway(Call& call, const char* result, uint64_t now) {
+    Detach(call, false);
+    call.Phase = CallPhase::Routing;
+    call.Failure = result;
+    call.GiveUpAt = Never;
+    call.ResultAt = std::max(now, call.DialledAt + RoutingDelayNs);
+}
+
+void Exchange::HandleMessages(Link& link, uint64_t now) {
+    LinkMessage type{};
+    std::string_view payload;
+    while (!link.Gone && link.Peek(type, payload)) {
+        Call* call = link.InCall;
+        if (call == nullptr) {
+            // Before its call, a link from away says only what it wants; after
+            // it, nothing counts any more.
+            if (type == LinkMessage::Setup && !link.Closing) {
+                CallFromAway(link, payload, now);
+            }
+            link.Pop();
+            continue;
+        }
+        const bool calling = call->Caller != nullptr;
+        switch (type) {
+            case LinkMessage::Ringing:
+                if (calling && call->Phase == CallPhase::Ringing) {
+                    if (call->Rings++ == 0) {
+                        TraceLine(call->Caller->Who, "rings " + call->FarWho);
+                    }
+                    Result(*call->Caller, "RINGING");
+                }
+                break;
+            case LinkMessage::Failed:
+                if (calling && call->Phase == CallPhase::Ringing) {
+                    FailAway(*call, payload == "BUSY" ? "BUSY" : "NO CARRIER", now);
+                }
+                break;
+            case LinkMessage::Connect:
+                if (calling && call->Phase == CallPhase::Ringing) {
+                    ConnectedAway(*call, payload, now);
+                }
+                break;
+            case LinkMessage::Data:
+                if (call->Phase == CallPhase::Connected && !TakeData(*call, link, payload, now)) {
+                    return;  // the rest when the port has taken more
+                }
+                break;
+            case LinkMessage::Release:
+                Detach(*call, false);
+                if (call->Phase == CallPhase::Connected) {
+                    EndCall(*call, EndReason::HangUp, nullptr);
+                } else {
+                    TraceLine(call->Local()->Who,
+                              calling ? "refused by " + call->FarWho : call->FarWho + " gave up");
+                    Abandon(*call, "NO CARRIER");
+                }
+                break;
+            case LinkMessage::Setup:
+            default:
+                TraceLine(call->Local()->Who, "unexpected message from " + link.Peer);
+                LinkLost(link, now);
+                return;
+        }
+        link.Pop();
+    }
+}
+
+bool Exchange::TakeData(Call& call, Link& link, std::string_view payload, uint64_t now) {
+    Adapter& local = *call.Local();
+    DataPath& path = call.To(local);
+    bool all = true;
+    while (link.DataDone < payload.size()) {
+        size_t room = 0;
+        uint8_t* area = path.WriteArea(room);
+        if (room == 0) {
+            all = false;
+            break;
+        }
+        const size_t count = std::min(room, payload.size() - link.DataDone);
+        std::memcpy(area, payload.data() + link.DataDone, count);
+        path.Commit(count);
+        link.DataDone += count;
+    }
+    std::vector<const FaultSpec*> unpacedNeverActs;
+    path.Release(now, unpacedNeverActs);
+    Flush(local);
+    return all;
+}
+
+void Exchange::Forward(Call& call, bool everything) {
+    Link* link = call.Remote;
+    if (link == nullptr) {
+        return;
+    }
+    DataPath& path = call.From(*call.Local());
+    while (everything || link->PendingOut() < LinkBacklog) {
+        size_t length = 0;
+        const uint8_t* bytes = path.Ready(length);
+        if (length == 0) {
+            break;
+        }
+        length = std::min(length, LongestMessage);
+        link->Queue(LinkMessage::Data,
+                    std::string_view(reinterpret_cast<const char*>(bytes), length));
+        path.Consume(length);
+    }
+}
+
+void Exchange::Detach(Call& call, bool release) {
+    Link* link = call.Remote;
+    if (link == nullptr) {
+        return;
+    }
+    if (release) {
+        link->Queue(LinkMessage::Release, {});
+    }
+    link->InCall = nullptr;
+    link->Closing = true;
+    link->CloseBy = MonotonicNs() + CloseWaitNs;
+    call.Remote = nullptr;
+}
+
+void Exchange::LinkLost(Link& link, uint64_t now) {
+    Call* call = link.InCall;
+    CloseLink(link);
+    link.InCall = nullptr;
+    if (call == nullptr || call->Ended) {
+        return;
+    }
+    call->Remote = nullptr;
+    switch (call->Phase) {
+        case CallPhase::Routing:
+            break;
+        case CallPhase::Ringing:
+            if (call->Caller != nullptr && call->Rings == 0) {
+                // Nobody answered at the far address: an unreachable number.
+                TraceLine(call->Caller->Who, "cannot reach " + link.Peer);
+                FailAway(*call, "NO CARRIER", now);
+            } else {
+                TraceLine(call->Local()->Who, "connection to " + link.Peer + " lost");
+                Abandon(*call, "NO CARRIER");
+            }
+            break;
+        case CallPhase::Connected:
+            TraceLine(call->Local()->Who, "connection to " + link.Peer + " lost");
+            EndCall(*call, EndReason::LinkLost, nullptr);
+            break;
+    }
+}
+
+void Exchange::ServiceLinks(uint64_t now) {
+    for (auto& owned : links_) {
+        Link& link = *owned;
+        if (link.Gone || link.Connecting) {
+            continue;
+        }
+        HandleMessages(link, now);
+        if (link.Gone) {
+            continue;
+        }
+        if (link.PeerClosed) {
+            // Everything that came before the end has been handled, or waits
+            // for the port; the end itself counts once nothing whole is left.
+            LinkMessage type{};
+            std::string_view payload;
+            if (link.InCall == nullptr) {
+                CloseLink(link);
+            } else if (!link.Peek(type, payload)) {
+                LinkLost(link, now);
+            }
+            continue;
+        }
+        if (!WriteLink(link)) {
+            link.PeerClosed = true;
+            continue;
+        }
+        if (link.Closing && link.PendingOut() == 0 && !link.ShutDown) {
+            ::shutdown(link.Fd, SHUT_WR);
+            link.ShutDown = true;
+        }
+        if (link.Closing && now >= link.CloseBy) {
+            CloseLink(link);
+        }
+    }
+    SweepLinks();
+}
+
+void Exchange::CollectLinks(std::vector<pollfd>& entries) {
+    polledLinks_.clear();
+    if (listener_ >= 0) {
+        entries.push_back(pollfd{listener_, POLLIN, 0});
+    }
+    for (auto& owned : links_) {
+        Link& link = *owned;
+        // A link whose peer has closed is not watched: its descriptor would
+        // report the end on every poll.
+        if (link.Gone || link.PeerClosed) {
+            continue;
+        }
+        pollfd entry{link.Fd, 0, 0};
+        if (link.Connecting) {
+            entry.events = POLLOUT;
+        } else {
+            if (link.Closing || link.PendingIn() < LinkBacklog + 3) {
+                entry.events |= POLLIN;
+            }
+            if (link.PendingOut() > 0) {
+                entry.events |= POLLOUT;
+            }
+        }
+        entries.push_back(entry);
+        polledLinks_.push_back(&link);
+    }
+}
+
+void Exchange::HandleLinks(const pollfd* entries, uint64_t now) {
+    if (listener_ >= 0) {
+        if ((entries->revents & POLLIN) != 0) {
+            std::string peer;
+            int fd;
+            while ((fd = AcceptOn(listener_, peer)) >= 0) {
+                auto link = std::make_unique<Link>();
+                link->Fd = fd;
+                link->Peer = peer;
+                links_.push_back(std::move(link));
+            }
+        }
+        ++entries;
+    }
+    for (Link* link : polledLinks_) {
+        const short events = (entries++)->revents;
+        if (events == 0 || link->Gone) {
+            continue;
+        }
+        if (link->Connecting) {
+            if (Connected(link->Fd)) {
+                link->Connecting = false;
+            } else if (!ConnectNext(*link)) {
+                LinkLost(*link, now);
+            }
+            continue;
+        }
+        if ((events & POLLOUT) != 0 && !WriteLink(*link)) {
+            link->PeerClosed = true;
+        }
+        if ((events & (POLLIN | POLLHUP | POLLERR)) != 0 && !link->PeerClosed && !ReadLink(*link)) {
+            link->PeerClosed = true;
+        }
+    }
+}
+
+void Exchange::SweepLinks() {
+    links_.remove_if([](const std::unique_ptr<Link>& link) { return link->Gone; });
+}

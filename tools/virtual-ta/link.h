@@ -1,0 +1,81 @@
+// A call between two virtual-ta processes runs over a TCP connection of its
+// own: the link. The caller's process connects for each dial that a route
+// sends away, the listening process accepts. Everything on the connection is
+// a message: a type byte, a length of two bytes (high byte first) and that
+// many bytes, so that the data of the call and its control never mix.
+#pragma once
+
+#include <sys/socket.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "virtual-ta/deadline.h"
+
+struct Call;
+
+enum class LinkMessage : uint8_t {
+    Setup = 'S',    // caller: "CALLED SECOND CALLER BUNDLING SPEED RATE SET-UP"
+    Ringing = 'R',  // listener: the called adapter rings once more
+    Failed = 'F',   // listener: "BUSY" or "NO CARRIER"; the connection closes
+    Connect = 'C',  // listener: "CHANNELS BYTES-PER-SECOND SET-UP"
+    Data = 'D',     // either: bytes of the call, in order
+    Release = 'H',  // either: the call ends here; data sent before it counts
+};
+
+constexpr size_t LongestMessage = 65535;
+
+struct Link {
+    int Fd = -1;
+    std::string Peer;  // HOST:PORT, for the trace
+    // Addresses still to try while the connection is being made.
+    std::vector<sockaddr_storage> Addresses;
+    bool Connecting = false;
+
+    std::string In;       // received, from InHead on not handled yet
+    size_t InHead = 0;    // the start of the next message
+    size_t DataDone = 0;  // bytes of the data message at InHead already taken
+    std::string Out;      // messages not written yet, from OutHead on
+    size_t OutHead = 0;
+
+    Call* InCall = nullptr;
+    bool Closing = false;      // writes what it holds, then ends the connection
+    bool ShutDown = false;     // nothing more is written
+    bool PeerClosed = false;   // the connection has ended or failed; In may still hold messages
+    uint64_t CloseBy = Never;  // a closing link whose peer does not close is cut
+    bool Gone = false;         // closed; removed at the next sweep
+
+    size_t PendingOut() const { return Out.size() - OutHead; }
+    size_t PendingIn() const { return In.size() - InHead; }
+    void Queue(LinkMessage type, std::string_view payload);
+    // The whole message at InHead, if it has come.
+    bool Peek(LinkMessage& type, std::string_view& payload) const;
+    void Pop();
+};
+
+// "HOST:PORT" (the host may be in brackets, as "[::1]:4000"). False if there
+// is no host, or the port is no number up to 65535 (or 0 when not allowed).
+bool ParseHostPort(const std::string& text, bool allowZero, std::string& host, uint16_t& port);
+
+// A listening socket on the address, not blocking; its port is written to
+// port when it was 0. -1 with a reason.
+int ListenOn(const std::string& host, uint16_t& port, std::string& error);
+// Takes a waiting connection: its descriptor, not blocking, or -1.
+int AcceptOn(int listener, std::string& peer);
+// Looks the host up and starts connecting to its first address; the link
+// tries the others in turn (ConnectNext) if that one fails. False if there
+// is no address to try.
+bool StartConnect(Link& link, const std::string& host, uint16_t port);
+bool ConnectNext(Link& link);
+// Whether a connection under way has been made; false when it failed.
+bool Connected(int fd);
+
+// Reads what the socket has into the link's input: false when the peer
+// closed the connection or it failed.
+bool ReadLink(Link& link);
+// Writes what the socket takes: false when the connection failed.
+bool WriteLink(Link& link);
+void CloseLink(Link& link);
