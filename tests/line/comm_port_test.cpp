@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -183,6 +184,20 @@ TEST_F(CommPortTest, CloseTwiceAndASecondOpenOfABusyPortFailQuietly) {
     EXPECT_EQ(CommPortClose(), 1);
     EXPECT_EQ(ThePort->IsOpen.load(), 0);
     EXPECT_TRUE(Messages().empty());
+}
+
+TEST_F(CommPortTest, ALockFolderThatTakesNoFileIsSaidOnceAndThePortIsUsed) {
+    const std::string folder = root_ / "no-such-folder";
+    ASSERT_EQ(::setenv("KESTRELBOUND_LOCK_DIR", folder.c_str(), 1), 0);
+    for (int open = 0; open < 2; ++open) {
+        CommPortClose();
+        EXPECT_NE(CommPortOpen(), 0);
+    }
+    ::unsetenv("KESTRELBOUND_LOCK_DIR");
+    SendCommand("AT");
+    EXPECT_NE(far_.ReceiveUntil("AT\r", 2000).find("AT\r"), std::string::npos);
+    EXPECT_EQ(
+        CountLogged("Cannot write lock files in " + folder + "; ports are used without them."), 1);
 }
 
 TEST(CommPortRecord, OperationsWithoutARecordDoNothing) {
