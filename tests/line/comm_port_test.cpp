@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include "line_fixture.h"
+#include "platform/files.h"
 #include "stores/paths.h"
 #include "support/far_end.h"
 #include "support/temp_folder.h"
@@ -186,9 +188,28 @@ TEST_F(CommPortTest, CloseTwiceAndASecondOpenOfABusyPortFailQuietly) {
     EXPECT_TRUE(Messages().empty());
 }
 
-TEST_F(CommPortTest, ALockFolderThatTakesNoFileIsSaidOnceAndThePortIsUsed) {
-    const std::string folder = root_ / "no-such-folder";
-    ASSERT_EQ(::setenv("KESTRELBOUND_LOCK_DIR", folder.c_str(), 1), 0);
+// The port's lock file is there exactly while the port is open; another
+// living process's lock makes the port count as missing, quietly; a lock
+// folder that takes no file leaves the port usable, said once.
+TEST_F(CommPortTest, TheLockFileFollowsThePortAndAFolderWithoutOneIsSaidOnce) {
+    TempFolder locks;
+    ASSERT_EQ(::setenv("KESTRELBOUND_LOCK_DIR", locks.Path().c_str(), 1), 0);
+    CommPortClose();
+    ASSERT_NE(CommPortOpen(), 0);
+    const std::string lockPath = ThePort->Lock.Path();
+    ASSERT_EQ(lockPath.rfind(locks / "LCK..pts_", 0), 0u) << lockPath;
+    EXPECT_EQ(std::stol(ReadWholeFile(lockPath)), static_cast<long>(::getpid()));
+    CommPortClose();
+    EXPECT_FALSE(PathExists(lockPath));
+
+    WriteWholeFile(lockPath, std::to_string(::getppid()) + "\n");
+    EXPECT_EQ(CommPortOpen(), 0);
+    EXPECT_EQ(ThePort->IsOpen.load(), 0);
+    EXPECT_TRUE(Messages().empty());
+    EXPECT_EQ(ReadWholeFile(lockPath), std::to_string(::getppid()) + "\n");
+
+    const std::string missing = root_ / "no-such-folder";
+    ASSERT_EQ(::setenv("KESTRELBOUND_LOCK_DIR", missing.c_str(), 1), 0);
     for (int open = 0; open < 2; ++open) {
         CommPortClose();
         EXPECT_NE(CommPortOpen(), 0);
@@ -197,7 +218,7 @@ TEST_F(CommPortTest, ALockFolderThatTakesNoFileIsSaidOnceAndThePortIsUsed) {
     SendCommand("AT");
     EXPECT_NE(far_.ReceiveUntil("AT\r", 2000).find("AT\r"), std::string::npos);
     EXPECT_EQ(
-        CountLogged("Cannot write lock files in " + folder + "; ports are used without them."), 1);
+        CountLogged("Cannot write lock files in " + missing + "; ports are used without them."), 1);
 }
 
 TEST(CommPortRecord, OperationsWithoutARecordDoNothing) {
