@@ -24,8 +24,8 @@ bool LockDevice(PortLock& lock, const std::string& device) {
             return false;
         case PortLockResult::NotWritable: {
             // Said once: every search and every reopening would say it again.
-            static std::atomic<bool> told{false};
-            if (!told.exchange(true)) {
+            static std::atomic<bool> Told{false};
+            if (!Told.exchange(true)) {
                 AddLogLine("Cannot write lock files in " + PortLockFolder() +
                            "; ports are used without them.");
             }

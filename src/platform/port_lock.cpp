@@ -20,12 +20,12 @@ namespace {
 // they are still there when the exit handlers run after the static objects
 // have begun to go.
 std::mutex& HeldLock() {
-    static std::mutex* const lock = new std::mutex;
-    return *lock;
+    static std::mutex* const Lock = new std::mutex;
+    return *Lock;
 }
 std::vector<std::string>& HeldPaths() {
-    static std::vector<std::string>* const paths = new std::vector<std::string>;
-    return *paths;
+    static std::vector<std::string>* const Paths = new std::vector<std::string>;
+    return *Paths;
 }
 
 struct Holder {
@@ -110,8 +110,8 @@ void RemoveHeldLocksAtExit() {
 }
 
 void NoteHeld(const std::string& path) {
-    static std::once_flag registered;
-    std::call_once(registered, [] { std::atexit(RemoveHeldLocksAtExit); });
+    static std::once_flag Registered;
+    std::call_once(Registered, [] { std::atexit(RemoveHeldLocksAtExit); });
     std::lock_guard<std::mutex> guard(HeldLock());
     HeldPaths().push_back(path);
 }
