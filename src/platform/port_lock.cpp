@@ -43,7 +43,10 @@ Holder ReadHolder(const std::string& lockPath) {
     Holder holder;
     const int fd = ::open(lockPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
     if (fd < 0) {
-        holder.Exists = errno != ENOENT;
+        // A lock that is there but may not be read is honoured; a folder that
+        // cannot be searched or is missing holds none.
+        struct stat status {};
+        holder.Exists = ::lstat(lockPath.c_str(), &status) == 0;
         return holder;
     }
     holder.Exists = true;

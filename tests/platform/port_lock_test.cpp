@@ -106,10 +106,13 @@ TEST(PortLock, TakesAFreeOrStaleLockAndRefusesALivingOne) {
 
 TEST(PortLock, AFolderThatTakesNoFileLeavesThePortUnlocked) {
     LockFolder locks;
-    ::setenv("KESTRELBOUND_LOCK_DIR", (locks / "missing").c_str(), 1);
+    WriteWholeFile(locks / "file", "");
     PortLock lock;
-    EXPECT_EQ(lock.Take("/dev/null"), PortLockResult::NotWritable);
-    EXPECT_EQ(lock.Path(), "");
+    for (const std::string& folder : {locks / "missing", locks / "file"}) {
+        ::setenv("KESTRELBOUND_LOCK_DIR", folder.c_str(), 1);
+        EXPECT_EQ(lock.Take("/dev/null"), PortLockResult::NotWritable) << folder;
+        EXPECT_EQ(lock.Path(), "");
+    }
     TempFolder root;
     WriteWholeFile(root / "COM1", "");
     EXPECT_EQ(lock.Take(root / "COM1"), PortLockResult::NoDeviceName);
