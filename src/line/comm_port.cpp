@@ -17,6 +17,27 @@ namespace {
 constexpr uint32_t CommandBufferSize = 256;
 constexpr uint32_t TokenLimit = 1022;  // more bytes than this and the read gives up
 
+// Takes the lock file of the device; false when another program holds it.
+bool LockDevice(PortLock& lock, const std::string& device) {
+    switch (lock.Take(device)) {
+        case PortLockResult::HeldByOther:
+            return false;
+        case PortLockResult::NotWritable: {
+            // Said once: every search and every reopening would say it again.
+            static std::atomic<bool> Told{false};
+            if (!Told.exchange(true)) {
+                AddLogLine("Cannot write lock files in " + PortLockFolder() +
+                           "; ports are used without them.");
+            }
+            return true;
+        }
+        case PortLockResult::Taken:
+        case PortLockResult::NoDeviceName:
+            return true;
+    }
+    return true;
+}
+
 // Waits for the rest of a time limit that has elapsed ms of limitMs gone.
 void WaitForRest(int16_t limitMs, int16_t elapsedMs) {
     WaitForPortInput(static_cast<int>(limitMs) - static_cast<int>(elapsedMs));
@@ -55,13 +76,19 @@ bool CommPortOpen() {
     if (port == nullptr) {
         return false;
     }
-    if (!port->Handle.Open(CommPortDevicePath(port->PortNumber))) {
+    const std::string device = CommPortDevicePath(port->PortNumber);
+    if (!LockDevice(port->Lock, device)) {
+        return false;
+    }
+    if (!port->Handle.Open(device)) {
+        port->Lock.Release();
         return false;
     }
     port->Handle.Purge();
     if (!CommPortConfigure()) {
         port->IsOpen.store(false);
         port->Handle.Close();
+        port->Lock.Release();
         return false;
     }
     port->IsOpen.store(true);
@@ -92,6 +119,7 @@ bool CommPortClose() {
         ThePort->Handle.Purge();
         ThePort->Handle.Close();
     }
+    ThePort->Lock.Release();
     return true;
 }
 

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "platform/clock.h"
+#include "platform/port_lock.h"
 #include "platform/serial_device.h"
 
 // Size of the shared buffer into which AT replies and wire tokens are read.
@@ -30,6 +31,7 @@ constexpr uint8_t FlowXonXoff = 4;
 
 struct CommPort {
     SerialDevice Handle;              // the open device, valid while IsOpen is set
+    PortLock Lock;                    // the port's lock file, held while the device is open
     uint8_t PortNumber = 1;           // the n of COMn
     std::atomic<bool> IsOpen{false};  // set after a fully successful open
     uint8_t ByteSize = 8;             // data bits
@@ -50,11 +52,15 @@ std::string CommPortDevicePath(uint8_t portNumber);
 [[nodiscard]] bool CommPortCreate();
 // Closes the port and frees the record; false if there was none.
 bool CommPortDestroy();
-// True when the port is open and configured.
+// True when the port is open and configured. A port whose lock file a living
+// process holds counts as missing; a lock left by a process that has gone is
+// removed. Where no lock file can be written the port is used without one,
+// and the log says so the first time.
 [[nodiscard]] bool CommPortOpen();
 // True when the device took the record's settings.
 [[nodiscard]] bool CommPortConfigure();
-// Closes the port, if it was open; false if there is no record.
+// Closes the port, if it was open, and removes its lock file; false if there
+// is no record.
 bool CommPortClose();
 // True when every byte went to the device.
 [[nodiscard]] bool CommPortWrite(const void* bytes, uint32_t length);

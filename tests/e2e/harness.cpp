@@ -135,6 +135,10 @@ int Station::Quit(std::chrono::milliseconds limit) {
     return process_.WaitForExit(limit);
 }
 
+int Station::Stop(int signal, std::chrono::milliseconds limit) {
+    return process_.Stop(signal, limit);
+}
+
 std::unique_ptr<Station> WaitingStation(const std::string& folder) {
     auto station = std::make_unique<Station>(folder);
     EXPECT_TRUE(station->WaitForLog("Initializing Incoming")) << folder;

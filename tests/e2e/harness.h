@@ -63,6 +63,9 @@ public:
     // Quits the station with the command quit and waits for its exit; returns
     // the exit status.
     int Quit(std::chrono::milliseconds limit = std::chrono::seconds(60));
+    // Ends the station with the signal and waits for its exit; returns the
+    // exit status.
+    int Stop(int signal, std::chrono::milliseconds limit = std::chrono::seconds(60));
 
 private:
     // Takes output lines, sorting them, until one satisfies the test.

@@ -2,16 +2,19 @@
 
 #include <gtest/gtest.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "line_fixture.h"
+#include "platform/files.h"
 #include "stores/paths.h"
 #include "support/far_end.h"
 #include "support/process_state.h"
@@ -178,6 +181,38 @@ TEST_F(CommPortTest, CloseTwiceAndASecondOpenOfABusyPortFailQuietly) {
     EXPECT_EQ(CommPortClose(), 1);
     EXPECT_EQ(ThePort->IsOpen.load(), 0);
     EXPECT_TRUE(Messages().empty());
+}
+
+// The port's lock file is there exactly while the port is open; another
+// living process's lock makes the port count as missing, quietly; a lock
+// folder that takes no file leaves the port usable, said once.
+TEST_F(CommPortTest, TheLockFileFollowsThePortAndAFolderWithoutOneIsSaidOnce) {
+    TempFolder locks;
+    const EnvironmentValue lockFolder("KESTRELBOUND_LOCK_DIR", locks.Path());
+    CommPortClose();
+    ASSERT_NE(CommPortOpen(), 0);
+    const std::string lockPath = ThePort->Lock.Path();
+    ASSERT_EQ(lockPath.rfind(locks / "LCK..pts_", 0), 0u) << lockPath;
+    EXPECT_EQ(std::stol(ReadWholeFile(lockPath)), static_cast<long>(::getpid()));
+    CommPortClose();
+    EXPECT_FALSE(PathExists(lockPath));
+
+    WriteWholeFile(lockPath, std::to_string(::getppid()) + "\n");
+    EXPECT_EQ(CommPortOpen(), 0);
+    EXPECT_EQ(ThePort->IsOpen.load(), 0);
+    EXPECT_TRUE(Messages().empty());
+    EXPECT_EQ(ReadWholeFile(lockPath), std::to_string(::getppid()) + "\n");
+
+    const std::string missing = root_ / "no-such-folder";
+    const EnvironmentValue noFolder("KESTRELBOUND_LOCK_DIR", missing);
+    for (int open = 0; open < 2; ++open) {
+        CommPortClose();
+        EXPECT_NE(CommPortOpen(), 0);
+    }
+    SendCommand("AT");
+    EXPECT_NE(far_.ReceiveUntil("AT\r", 2000).find("AT\r"), std::string::npos);
+    EXPECT_EQ(
+        CountLogged("Cannot write lock files in " + missing + "; ports are used without them."), 1);
 }
 
 TEST(CommPortRecord, OperationsWithoutARecordDoNothing) {

@@ -13,8 +13,10 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -25,6 +27,7 @@
 #include "stores/directory.h"
 #include "stores/status_log.h"
 #include "support/installation.h"
+#include "support/process_state.h"
 #include "support/temp_folder.h"
 #include "support/test_data.h"
 
@@ -88,6 +91,14 @@ TEST(TwoWindows, AHotFolderGoesFromOneWindowToTheOtherAndBothArePicturedDuringTh
     WriteWholeFile(alice + "/Pick Up/Bob/note.txt", note);
     WriteWholeFile(alice + "/Pick Up/Bob/photo.bin", photo);
 
+    // Each window's port is locked in a folder of the test's own.
+    TempFolder locks;
+    const EnvironmentValue lockFolder("KESTRELBOUND_LOCK_DIR", locks.Path());
+    const auto lockCount = [&] {
+        const std::filesystem::directory_iterator files(locks.Path());
+        return std::distance(begin(files), end(files));
+    };
+
     // A 64K line, so that the call lasts long enough to be pictured.
     VirtualAdapters adapters({alice + "/COM1=bitsurfr:5551001", bob + "/COM1=zyxel-2864:5552002"},
                              {"--rate", "8000"});
@@ -111,6 +122,7 @@ TEST(TwoWindows, AHotFolderGoesFromOneWindowToTheOtherAndBothArePicturedDuringTh
     ASSERT_TRUE(WaitFor([&] { return PathExists(alicePicture) && PathExists(bobPicture); }, 30s));
     EXPECT_LT(ReadWholeFile(arrivedPhoto).size(), photo.size())
         << "the pictures were taken after the data had come";
+    EXPECT_EQ(lockCount(), 2);
 
     // The files come whole, and Alice's go to her "Sent Files".
     const std::string sent = alice + "/Pick Up/Bob/Sent Files/";
@@ -123,6 +135,7 @@ TEST(TwoWindows, AHotFolderGoesFromOneWindowToTheOtherAndBothArePicturedDuringTh
     // Both end as the close box ends them, and say so in their logs.
     EXPECT_EQ(aliceWindow.Stop(SIGTERM, 60s), 0) << aliceWindow.ErrorText();
     EXPECT_EQ(bobWindow.Stop(SIGTERM, 60s), 0) << bobWindow.ErrorText();
+    EXPECT_EQ(lockCount(), 0) << "the windows leave their ports unlocked";
     const std::vector<std::string> aliceLog = SavedLog(alice);
     const std::vector<std::string> bobLog = SavedLog(bob);
     EXPECT_EQ(LinesHolding(aliceLog, {"Calling Bob", "All files sent."}),

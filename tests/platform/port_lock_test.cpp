@@ -1,0 +1,138 @@
+#include "platform/port_lock.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "platform/files.h"
+#include "support/process_state.h"
+#include "support/temp_folder.h"
+
+namespace {
+
+std::string TextLock(pid_t pid) {
+    char text[16];
+    std::snprintf(text, sizeof text, "%10d\n", static_cast<int>(pid));
+    return text;
+}
+
+std::string BinaryLock(pid_t pid) {
+    const int value = pid;
+    return std::string(reinterpret_cast<const char*>(&value), sizeof value);
+}
+
+// The id of a process that has exited and been reaped.
+pid_t GonePid() {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::_exit(0);
+    }
+    ::waitpid(child, nullptr, 0);
+    return child;
+}
+
+// The lock folder of the test, in the environment as the program reads it.
+class LockFolder {
+public:
+    LockFolder() : value_("KESTRELBOUND_LOCK_DIR", folder_.Path()) {}
+    std::string operator/(const std::string& name) const { return folder_ / name; }
+
+private:
+    TempFolder folder_;
+    EnvironmentValue value_;
+};
+
+}  // namespace
+
+TEST(PortLock, NamesTheDeviceTheLinksResolveTo) {
+    TempFolder root;
+    ASSERT_EQ(::symlink("/dev/null", (root / "COM1").c_str()), 0);
+    ASSERT_EQ(::symlink((root / "COM1").c_str(), (root / "COM2").c_str()), 0);
+    ASSERT_EQ(::symlink("/dev/pts/ptmx", (root / "COM3").c_str()), 0);
+    WriteWholeFile(root / "COM4", "");
+    const struct {
+        std::string Path;
+        std::string Name;
+    } cases[] = {
+        {"/dev/null", "LCK..null"},   {root / "COM1", "LCK..null"},
+        {root / "COM2", "LCK..null"}, {root / "COM3", "LCK..pts_ptmx"},
+        {root / "COM4", ""},          {root / "COM5", ""},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(PortLockName(c.Path), c.Name) << c.Path;
+    }
+}
+
+TEST(PortLock, TakesAFreeOrStaleLockAndRefusesALivingOne) {
+    LockFolder locks;
+    const std::string lockPath = locks / "LCK..null";
+    const std::string own = TextLock(::getpid());
+    {
+        PortLock lock;
+        ASSERT_EQ(lock.Take("/dev/null"), PortLockResult::Taken);
+        EXPECT_EQ(lock.Path(), lockPath);
+        EXPECT_EQ(ReadWholeFile(lockPath), own);
+        EXPECT_EQ(own.size(), 11u);
+    }
+    EXPECT_FALSE(PathExists(lockPath)) << "a lock goes with its holder";
+
+    for (const std::string& living : {TextLock(::getppid()), BinaryLock(::getppid()),
+                                      std::string("garbage\n"), std::to_string(::getppid())}) {
+        WriteWholeFile(lockPath, living);
+        PortLock lock;
+        EXPECT_EQ(lock.Take("/dev/null"), PortLockResult::HeldByOther);
+        EXPECT_EQ(ReadWholeFile(lockPath), living);
+        lock.Release();
+        EXPECT_EQ(ReadWholeFile(lockPath), living) << "only a lock of our own is removed";
+    }
+
+    const pid_t gone = GonePid();
+    for (const std::string& stale : {TextLock(gone), BinaryLock(gone)}) {
+        WriteWholeFile(lockPath, stale);
+        PortLock lock;
+        EXPECT_EQ(lock.Take("/dev/null"), PortLockResult::Taken);
+        EXPECT_EQ(ReadWholeFile(lockPath), own);
+        // Another program's lock in its place is left alone.
+        WriteWholeFile(lockPath, TextLock(::getppid()));
+        lock.Release();
+        EXPECT_EQ(ReadWholeFile(lockPath), TextLock(::getppid()));
+        ASSERT_TRUE(DeleteFileAt(lockPath));
+    }
+}
+
+TEST(PortLock, AFolderThatTakesNoFileLeavesThePortUnlocked) {
+    LockFolder locks;
+    WriteWholeFile(locks / "file", "");
+    PortLock lock;
+    for (const std::string& folder : {locks / "missing", locks / "file"}) {
+        const EnvironmentValue inFolder("KESTRELBOUND_LOCK_DIR", folder);
+        EXPECT_EQ(lock.Take("/dev/null"), PortLockResult::NotWritable) << folder;
+        EXPECT_EQ(lock.Path(), "");
+    }
+    TempFolder root;
+    WriteWholeFile(root / "COM1", "");
+    EXPECT_EQ(lock.Take(root / "COM1"), PortLockResult::NoDeviceName);
+}
+
+TEST(PortLock, ALockHeldAtExitIsRemoved) {
+    LockFolder locks;
+    std::fflush(nullptr);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        // Never destroyed: only the exit itself can remove the lock.
+        PortLock* const lock = new PortLock;
+        std::exit(lock->Take("/dev/null") == PortLockResult::Taken &&
+                          PathExists(locks / "LCK..null")
+                      ? 0
+                      : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_FALSE(PathExists(locks / "LCK..null"));
+}
