@@ -43,6 +43,10 @@ TEST_F(VirtualTaCommandLine, BadArgumentsGiveOneLineAndExit2) {
         {"--fault", "melt:5551000:10", good},
         {"--fault", "drop:5559999:10", good},
         {"--fault", "drop:5551000:-1", good},
+        {"--fault", "noise:5551000:0", good},
+        {"--fault", "noise:5551000:1", good},
+        {"--fault", "noise:5551000:1e-5x", good},
+        {"--fault", "noise:5551000:1e-5:seven", good},
         {"--answer-wait", "0", good},
         {"--trace", folder_ / "missing/trace.txt", good},
     };

@@ -13,6 +13,12 @@ constexpr uint64_t RingIntervalNs = 2000 * NsPerMs;
 // Carrier codes that may stand in front of a number.
 const char* const CarrierCodes[] = {"10288", "10222", "10333"};
 
+// For the trace line of a call's end: the bytes that noise garbled, if any.
+std::string Garbled(const Call& call) {
+    const uint64_t garbled = call.Up->Garbled() + call.Down->Garbled();
+    return garbled == 0 ? std::string() : ", " + std::to_string(garbled) + " garbled by noise";
+}
+
 }  // namespace
 
 Exchange::Exchange(Options options) : options_(std::move(options)) {}
@@ -353,7 +359,7 @@ void Exchange::ArmFaults(Adapter& sender, DataPath& path) {
     std::set<uint64_t> offsets;
     for (FaultSpec& fault : options_.Faults) {
         if (fault.Acted || fault.Number != sender.Spec.Number ||
-            !offsets.insert(fault.Offset).second) {
+            (fault.Kind != FaultKind::Noise && !offsets.insert(fault.Offset).second)) {
             continue;
         }
         path.Arm(&fault);
@@ -429,7 +435,7 @@ void Exchange::EndCall(Call& call, EndReason reason, Adapter* by) {
                   (reason == EndReason::HangUp ? "ATH by " + by->Who : std::string("line fell")) +
                   "): " + call.Caller->Who + " sent " + std::to_string(call.Up->Sent()) +
                   " bytes, " + call.Answerer->Who + " sent " + std::to_string(call.Down->Sent()) +
-                  " bytes");
+                  " bytes" + Garbled(call));
     for (Adapter* end : {call.Caller, call.Answerer}) {
         if (reason == EndReason::LineFell || end != by) {
             Result(*end, "NO CARRIER");
