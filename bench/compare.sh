@@ -50,6 +50,7 @@ run_case() {
         echo "failed: $name (see $raw/$name.err)" >&2
         : >"$raw/$name"
     fi
+    [ -s "$raw/$name.err" ] || rm -f "$raw/$name.err"
 }
 
 # Runs every case; the figures go to $raw.
