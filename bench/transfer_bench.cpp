@@ -1,14 +1,28 @@
-// Benchmark: two stations on virtual-ta move a 1 MB file of random bytes.
+// Benchmark: one transfer on a virtual-ta line, by two stations or by ZMODEM
+// (lrzsz's sz and rz on the two adapters' ports once a call is up), or the
+// start-up time of a station on each adapter family. bench/compare.sh runs the
+// cases and makes the table; each run prints one line of figures:
+//   seconds=S bytes=B sender_cpu=S receiver_cpu=S sender_kb=K receiver_kb=K
+//   identical=1|0 (0: a file arrived damaged)
 //
-// At line rate (--rate 8000 with a two-channel AIMUX set-up at both ends, so
-// 16000 bytes a second) it prints the file goodput as a fraction of the line
-// rate, from "Sending File: " to "All files sent.", the processor time of each
-// station as a fraction of the wall time over the same span, and each
-// station's peak resident memory. Unthrottled (--rate 0) it prints the goodput
-// in MB/s. Usage: kb_transfer_bench [--quick] [--size BYTES]
-//   --quick   skips the line-rate run
-//   --size    the size of the file (1 MB unless given)
+// Usage: kb_transfer_bench [--program kestrelbound|zmodem] [--rate N]
+//            [--channels 1|2] [--size BYTES] [--files N] [--noise P] [--logs]
+//        kb_transfer_bench --startup
+//   --rate      bytes per second per B channel (virtual-ta's --rate; 0 = as
+//               fast as the ports go)
+//   --channels  2 sets both adapters up for AIMUX, so that the call bundles
+//   --size      the bytes of each file (random), --files how many files
+//   --noise     each byte that either adapter sends is garbled with
+//               probability P (virtual-ta's noise fault, fixed seeds)
+//   --logs      prints the stations' logs also when all went well
+//   --startup   prints "FAMILY seconds" for each adapter family: from the
+//               start of a station to its "Initializing Incoming"
 
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,16 +32,59 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "harness.h"
+#include "support/far_end.h"
 #include "support/installation.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Processor time of a process, user and system, in seconds.
+struct Settings {
+    std::string Program = "kestrelbound";
+    int Rate = 8000;
+    int Channels = 1;
+    size_t Size = 1 << 20;
+    int Files = 1;
+    std::string Noise;  // "" for a clean line
+    bool ShowLogs = false;
+};
+
+struct Figures {
+    double Seconds = 0;
+    double SenderCpu = 0;  // processor seconds, user and system
+    double ReceiverCpu = 0;
+    long SenderPeakKb = 0;
+    long ReceiverPeakKb = 0;
+    // Whether every file arrived as sent. A run whose transfer ended but
+    // delivered a damaged file still has its figures: on a noisy line that
+    // is part of the result.
+    bool Identical = false;
+};
+
+// The adapters: a BitSURFR calls an AdTran. For two channels both are set up
+// for AIMUX, as the program's own AIMUX profiles set them.
+const char* const CallerNumber = "5551001";
+const char* const AnswererNumber = "5552002";
+const char* const CallerTwoChannels = "AT\\Q3%A2=3&M0%A4=0S0=0S12=25&D0&C1W1E1@M2=P@B0=2&R1";
+const char* const AnswererTwoChannels = "AT&F4\\Q3&D0X1S0=0S12=25S53=3S54=2S15=1";
+
+std::vector<std::string> AdapterOptions(const Settings& settings) {
+    std::vector<std::string> options = {"--rate", std::to_string(settings.Rate)};
+    if (!settings.Noise.empty()) {
+        // Both directions are noisy, each from a seed of its own.
+        options.insert(
+            options.end(),
+            {"--fault", "noise:" + std::string(CallerNumber) + ":" + settings.Noise + ":1",
+             "--fault", "noise:" + std::string(AnswererNumber) + ":" + settings.Noise + ":2"});
+    }
+    return options;
+}
+
+// Processor time of a running process, user and system, in seconds.
 double ProcessorSeconds(pid_t pid) {
     std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
     std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
@@ -47,7 +104,7 @@ double ProcessorSeconds(pid_t pid) {
     return static_cast<double>(user + system) / static_cast<double>(::sysconf(_SC_CLK_TCK));
 }
 
-// Peak resident memory of a process, in kB.
+// Peak resident memory of a running process, in kB.
 long PeakResidentKb(pid_t pid) {
     std::ifstream in("/proc/" + std::to_string(pid) + "/status");
     std::string line;
@@ -59,46 +116,60 @@ long PeakResidentKb(pid_t pid) {
     return -1;
 }
 
-struct Figures {
-    double Seconds = 0;
-    double SenderCpu = 0;
-    double ReceiverCpu = 0;
-    long SenderPeakKb = 0;
-    long ReceiverPeakKb = 0;
-};
-
-void PrintLogs(Station& alice, Station& bob) {
-    for (const std::string& line : alice.LogLines()) {
-        std::fprintf(stderr, "alice | %s\n", line.c_str());
+// The files to send, random, in a folder of their own; their names in order.
+std::vector<std::string> MakeFiles(const std::string& folder, const Settings& settings) {
+    ::mkdir(folder.c_str(), 0755);
+    std::vector<std::string> names;
+    for (int i = 0; i < settings.Files; ++i) {
+        names.push_back("file" + std::to_string(i) + ".bin");
+        WriteWholeFile(folder + "/" + names.back(),
+                       RandomBytes(settings.Size, static_cast<uint32_t>(i + 1)));
     }
-    for (const std::string& line : bob.LogLines()) {
-        std::fprintf(stderr, "bob   | %s\n", line.c_str());
-    }
+    return names;
 }
 
-size_t FileSize = 1 << 20;
-constexpr size_t UnthrottledRuns = 7;
+bool SameFiles(const std::string& sent, const std::string& received,
+               const std::vector<std::string>& names) {
+    for (const std::string& name : names) {
+        if (ReadWholeFile(received + "/" + name) != ReadWholeFile(sent + "/" + name)) {
+            std::fprintf(stderr, "%s did not arrive identical\n", name.c_str());
+            return false;
+        }
+    }
+    return true;
+}
 
-bool Run(int rate, Figures& figures) {
+void PrintLogs(Station& alice, Station& bob) {
+    std::fprintf(stderr, "alice:\n%s\nbob:\n%s\n", alice.LogText().c_str(), bob.LogText().c_str());
+}
+
+// Two stations; the time runs from the first "Sending File: " to "All files
+// sent.", processor time over the same span.
+bool RunStations(const Settings& settings, Figures& figures) {
     TempFolder root;
     const std::string alicePath = MakeInstallation(root, "alice");
     const std::string bobPath = MakeInstallation(root, "bob");
-    VirtualAdapters adapters(
-        {alicePath + "/COM1=bitsurfr:5551001", bobPath + "/COM1=adtran-xr:5552002"},
-        {"--rate", std::to_string(rate)});
+    const std::vector<std::string> names = MakeFiles(root / "out", settings);
+    VirtualAdapters adapters({alicePath + "/COM1=bitsurfr:" + CallerNumber,
+                              bobPath + "/COM1=adtran-xr:" + AnswererNumber},
+                             AdapterOptions(settings));
     Station alice(alicePath);
     Station bob(bobPath);
-    const std::string file = RandomBytes(FileSize, 42);
-    WriteWholeFile(root / "random.bin", file);
+    std::string add = "add";
+    for (const std::string& name : names) {
+        add += " " + root / "out" + "/" + name;
+    }
+    const bool twoChannels = settings.Channels == 2;
     if (!alice.WaitForLog("Initializing Incoming") || !bob.WaitForLog("Initializing Incoming") ||
-        bob.Command("in-protocol AIMUX") != "ok" || alice.Command("protocol AIMUX") != "ok" ||
+        (twoChannels && bob.Command("in-protocol AIMUX") != "ok") ||
+        (twoChannels && alice.Command("protocol AIMUX") != "ok") ||
         alice.Command("name Bob") != "ok" || alice.Command("number 5552002") != "ok" ||
-        alice.Command("add " + (root / "random.bin")) != "ok" || alice.Command("send") != "ok") {
+        alice.Command(add) != "ok" || alice.Command("send") != "ok") {
         std::fprintf(stderr, "the stations did not get ready\n");
         PrintLogs(alice, bob);
         return false;
     }
-    if (!alice.WaitForLog("Sending File: ", std::chrono::seconds(60))) {
+    if (!alice.WaitForLog("Sending File: ", std::chrono::seconds(120))) {
         std::fprintf(stderr, "the transfer did not start\n");
         PrintLogs(alice, bob);
         return false;
@@ -106,89 +177,200 @@ bool Run(int rate, Figures& figures) {
     const auto start = Clock::now();
     const double aliceStart = ProcessorSeconds(alice.Pid());
     const double bobStart = ProcessorSeconds(bob.Pid());
-    if (!alice.WaitForLog("All files sent.", std::chrono::seconds(600))) {
+    if (!alice.WaitForLog("All files sent.", std::chrono::hours(3))) {
         std::fprintf(stderr, "the transfer did not end\n");
         PrintLogs(alice, bob);
         return false;
     }
-    const auto end = Clock::now();
-    figures.Seconds = std::chrono::duration<double>(end - start).count();
-    figures.SenderCpu = (ProcessorSeconds(alice.Pid()) - aliceStart) / figures.Seconds;
-    figures.ReceiverCpu = (ProcessorSeconds(bob.Pid()) - bobStart) / figures.Seconds;
+    figures.Seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    figures.SenderCpu = ProcessorSeconds(alice.Pid()) - aliceStart;
+    figures.ReceiverCpu = ProcessorSeconds(bob.Pid()) - bobStart;
     figures.SenderPeakKb = PeakResidentKb(alice.Pid());
     figures.ReceiverPeakKb = PeakResidentKb(bob.Pid());
-    if (!bob.WaitForLog("All files received.", std::chrono::seconds(60)) ||
-        ReadWholeFile(bobPath + "/Incoming Files/random.bin") != file) {
-        std::fprintf(stderr, "the file did not arrive identical\n");
+    if (!bob.WaitForLog("All files received.", std::chrono::seconds(120))) {
         PrintLogs(alice, bob);
         return false;
+    }
+    figures.Identical = SameFiles(root / "out", bobPath + "/Incoming Files", names);
+    if (settings.ShowLogs) {
+        PrintLogs(alice, bob);
     }
     alice.Quit();
     bob.Quit();
     return true;
 }
 
+// Starts program in folder with the port as its standard input and output
+// and its standard error in the file errors.
+pid_t StartOnPort(const std::string& folder, int port, const std::string& errors,
+                  std::vector<std::string> arguments) {
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        if (::chdir(folder.c_str()) != 0) {
+            ::_exit(126);
+        }
+        // The programs expect a blocking terminal, as a login gives them.
+        ::fcntl(port, F_SETFL, ::fcntl(port, F_GETFL) & ~O_NONBLOCK);
+        ::dup2(port, 0);
+        ::dup2(port, 1);
+        const int errorFile = ::open(errors.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        ::dup2(errorFile, 2);
+        std::vector<char*> argv;
+        for (std::string& argument : arguments) {
+            argv.push_back(argument.data());
+        }
+        argv.push_back(nullptr);
+        ::execvp(argv[0], argv.data());
+        ::_exit(127);
+    }
+    return pid;
+}
+
+// Waits for the child, up to the limit; false unless it exits 0. Its
+// processor seconds and peak memory go to the figures.
+bool Reap(pid_t pid, std::chrono::seconds limit, double& cpu, long& peakKb) {
+    int status = 0;
+    rusage usage{};
+    const auto end = Clock::now() + limit;
+    pid_t reaped = 0;
+    while ((reaped = ::wait4(pid, &status, WNOHANG, &usage)) == 0 && Clock::now() < end) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    if (reaped != pid) {
+        ::kill(pid, SIGKILL);
+        ::wait4(pid, &status, 0, &usage);
+        return false;
+    }
+    cpu = static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+          static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+    peakKb = usage.ru_maxrss;
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+// sz and rz on a call between the adapters: the ports are opened as a station
+// opens its port (raw, RTS/CTS, 115200), the call is set up with AT commands,
+// and the time runs from the start of both programs to the end of sz, which
+// comes once rz has confirmed the end of the session. rz itself sometimes
+// lingers on its way out (it puts its terminal back into echo mode while the
+// far end's last bytes are still coming), which is no time of the transfer.
+bool RunZmodem(const Settings& settings, Figures& figures) {
+    TempFolder root;
+    const std::vector<std::string> names = MakeFiles(root / "out", settings);
+    const std::string inFolder = root / "in";
+    ::mkdir(inFolder.c_str(), 0755);
+    VirtualAdapters adapters(
+        {root / "caller=bitsurfr:" + CallerNumber, root / "answerer=adtran-xr:" + AnswererNumber},
+        AdapterOptions(settings));
+    FarEnd caller(root / "caller");
+    FarEnd answerer(root / "answerer");
+    if (settings.Channels == 2 &&
+        (caller.Command(CallerTwoChannels).find("OK") == std::string::npos ||
+         answerer.Command(AnswererTwoChannels).find("OK") == std::string::npos)) {
+        std::fprintf(stderr, "the adapters refused the two-channel set-up\n");
+        return false;
+    }
+    bool answered = false;
+    std::thread answering([&] { answered = answerer.Answer(30000); });
+    const bool dialled = caller.Dial(AnswererNumber);
+    answering.join();
+    if (!dialled || !answered) {
+        std::fprintf(stderr, "the call did not come up\n");
+        return false;
+    }
+    std::vector<std::string> send = {"sz", "-q"};
+    for (const std::string& name : names) {
+        send.push_back(name);
+    }
+    const auto start = Clock::now();
+    const pid_t receiver =
+        StartOnPort(inFolder, answerer.Descriptor(), root / "rz.err", {"rz", "-q"});
+    const pid_t sender = StartOnPort(root / "out", caller.Descriptor(), root / "sz.err", send);
+    const bool sent = Reap(sender, std::chrono::hours(3), figures.SenderCpu, figures.SenderPeakKb);
+    figures.Seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    const bool received =
+        Reap(receiver, std::chrono::seconds(60), figures.ReceiverCpu, figures.ReceiverPeakKb);
+    if (!sent || !received) {
+        std::fprintf(stderr, "sz or rz failed:\n%s\n%s\n", ReadWholeFile(root / "sz.err").c_str(),
+                     ReadWholeFile(root / "rz.err").c_str());
+        return false;
+    }
+    figures.Identical = SameFiles(root / "out", inFolder, names);
+    return true;
+}
+
+// Each family's station from its start to "Initializing Incoming", the median
+// of three starts.
+bool RunStartup() {
+    for (const char* family : {"bitsurfr", "adtran-xr", "adtran-xrt", "zyxel-2864", "zyxel-omninet",
+                               "zyxel-ta128", "3com"}) {
+        std::vector<double> seconds;
+        for (int i = 0; i < 3; ++i) {
+            TempFolder root;
+            const std::string path = MakeInstallation(root, "station");
+            VirtualAdapters adapters({path + "/COM1=" + family + ":5551001"});
+            const auto start = Clock::now();
+            Station station(path);
+            if (!station.WaitForLog("Initializing Incoming", std::chrono::seconds(120))) {
+                std::fprintf(stderr, "%s: no \"Initializing Incoming\"\n%s\n", family,
+                             station.LogText().c_str());
+                return false;
+            }
+            seconds.push_back(std::chrono::duration<double>(Clock::now() - start).count());
+            station.Quit();
+        }
+        std::sort(seconds.begin(), seconds.end());
+        std::printf("%s %.2f\n", family, seconds[1]);
+        std::fflush(stdout);
+    }
+    return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    bool quick = false;
+    Settings settings;
+    bool startup = false;
     for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--quick") == 0) {
-            quick = true;
-        } else if (std::strcmp(argv[i], "--size") == 0 && i + 1 < argc) {
-            FileSize = std::stoul(argv[++i]);
+        const std::string option = argv[i];
+        const bool hasValue = i + 1 < argc;
+        if (option == "--startup") {
+            startup = true;
+        } else if (option == "--program" && hasValue) {
+            settings.Program = argv[++i];
+        } else if (option == "--rate" && hasValue) {
+            settings.Rate = std::stoi(argv[++i]);
+        } else if (option == "--channels" && hasValue) {
+            settings.Channels = std::stoi(argv[++i]);
+        } else if (option == "--size" && hasValue) {
+            settings.Size = std::stoul(argv[++i]);
+        } else if (option == "--files" && hasValue) {
+            settings.Files = std::stoi(argv[++i]);
+        } else if (option == "--logs") {
+            settings.ShowLogs = true;
+        } else if (option == "--noise" && hasValue) {
+            settings.Noise = argv[++i];
         } else {
-            std::fprintf(stderr, "usage: kb_transfer_bench [--quick] [--size BYTES]\n");
+            std::fprintf(
+                stderr,
+                "usage: kb_transfer_bench [--program kestrelbound|zmodem] [--rate N] "
+                "[--channels 1|2] [--size BYTES] [--files N] [--noise P] [--logs] | --startup\n");
             return 2;
         }
     }
-    const double fileBytes = static_cast<double>(FileSize);
-    if (!quick) {
-        Figures line;
-        if (!Run(8000, line)) {
-            return 1;
-        }
-        const double lineRate = 16000.0;
-        std::printf("line rate %.0f B/s (two channels of 8000 B/s), %zu random bytes\n", lineRate,
-                    FileSize);
-        std::printf("  transfer time     %.2f s\n", line.Seconds);
-        std::printf("  goodput           %.4f of the line rate (target at least 0.995)\n",
-                    fileBytes / line.Seconds / lineRate);
-        std::printf("  sender CPU        %.4f of wall time (target at most 0.01)\n",
-                    line.SenderCpu);
-        std::printf("  receiver CPU      %.4f of wall time (target at most 0.01)\n",
-                    line.ReceiverCpu);
-        std::printf("  sender peak RSS   %.1f MB (target at most 16)\n",
-                    static_cast<double>(line.SenderPeakKb) / 1024.0);
-        std::printf("  receiver peak RSS %.1f MB (target at most 16)\n",
-                    static_cast<double>(line.ReceiverPeakKb) / 1024.0);
+    if (startup) {
+        return RunStartup() ? 0 : 1;
     }
-    // One unthrottled megabyte takes some 20 ms, so a single run says more
-    // about the scheduler than about the program: take the median of several.
-    std::vector<Figures> runs(UnthrottledRuns);
-    for (Figures& run : runs) {
-        if (!Run(0, run)) {
-            return 1;
-        }
+    Figures figures;
+    const bool done = settings.Program == "zmodem" ? RunZmodem(settings, figures)
+                                                   : RunStations(settings, figures);
+    if (!done) {
+        return 1;
     }
-    std::sort(runs.begin(), runs.end(),
-              [](const Figures& a, const Figures& b) { return a.Seconds < b.Seconds; });
-    const Figures& median = runs[runs.size() / 2];
-    std::printf("unthrottled (--rate 0), %zu random bytes, median of %zu runs\n", FileSize,
-                runs.size());
-    std::printf("  transfer time     %.3f s\n", median.Seconds);
-    std::printf("  goodput           %.1f MB/s (target at least 50; runs from %.1f to %.1f)\n",
-                fileBytes / median.Seconds / 1e6, fileBytes / runs.back().Seconds / 1e6,
-                fileBytes / runs.front().Seconds / 1e6);
-    // The kernel counts processor time in ticks of 10 ms, too coarse for one
-    // run: the shares are over all runs together.
-    double seconds = 0, sender = 0, receiver = 0;
-    for (const Figures& run : runs) {
-        seconds += run.Seconds;
-        sender += run.SenderCpu * run.Seconds;
-        receiver += run.ReceiverCpu * run.Seconds;
-    }
-    std::printf("  sender CPU        %.2f of wall time\n", sender / seconds);
-    std::printf("  receiver CPU      %.2f of wall time\n", receiver / seconds);
+    std::printf(
+        "seconds=%.3f bytes=%zu sender_cpu=%.3f receiver_cpu=%.3f sender_kb=%ld "
+        "receiver_kb=%ld identical=%d\n",
+        figures.Seconds, settings.Size * static_cast<size_t>(settings.Files), figures.SenderCpu,
+        figures.ReceiverCpu, figures.SenderPeakKb, figures.ReceiverPeakKb,
+        figures.Identical ? 1 : 0);
     return 0;
 }

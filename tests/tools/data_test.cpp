@@ -162,6 +162,43 @@ TEST_F(VirtualTaDataMode, FaultsActAtTheirOffsetsOnceAndInOrder) {
     EXPECT_TRUE(transfer.AtA == fromBob);
 }
 
+// Noise garbles bytes at places that follow from the seed alone: two lines
+// with the same seed garble the same bytes, another seed others, about P of
+// them each, and a tiny P none in a call's worth of bytes.
+TEST_F(VirtualTaDataMode, NoiseGarblesTheSameBytesForTheSameSeed) {
+    std::vector<std::string> arguments = {
+        "--rate",          "0",       "--fault",         "noise:11:0.01:7", "--fault",
+        "noise:12:0.01:7", "--fault", "noise:13:1e-2:8", "--fault",         "noise:21:1e-9"};
+    for (const char* n : {"1", "2", "3"}) {
+        arguments.push_back(folder_ / (std::string("caller") + n + "=bitsurfr:1" + n));
+        arguments.push_back(folder_ / (std::string("answerer") + n + "=zyxel-2864:2" + n));
+    }
+    Start(arguments);
+    const std::string bytes = RandomBytes(100000, 9);
+    std::vector<std::vector<size_t>> garbled;
+    for (const char* n : {"1", "2", "3"}) {
+        FarEnd& caller = Port(std::string("caller") + n);
+        FarEnd& answerer = Port(std::string("answerer") + n);
+        ASSERT_TRUE(SetUpCall(caller, answerer, std::string("2") + n).Connected);
+        const Transfer transfer = TransferBothWays(caller, answerer, bytes, bytes, 10000);
+        ASSERT_EQ(transfer.AtB.size(), bytes.size()) << "noise changes bytes, it loses none";
+        ASSERT_EQ(transfer.AtA.size(), bytes.size());
+        if (*n == '1') {
+            EXPECT_TRUE(transfer.AtA == bytes) << "P = 1e-9 garbled a byte of 100000";
+        }
+        garbled.emplace_back();
+        for (size_t i = 0; i < bytes.size(); ++i) {
+            if (transfer.AtB[i] != bytes[i]) {
+                garbled.back().push_back(i);
+            }
+        }
+        EXPECT_GT(garbled.back().size(), 800u);
+        EXPECT_LT(garbled.back().size(), 1200u);
+    }
+    EXPECT_EQ(garbled[0], garbled[1]);
+    EXPECT_NE(garbled[0], garbled[2]);
+}
+
 using VirtualTaLineRate = VirtualTaTest;
 
 // Four calls at once, each end set up by one of the program's profiles or

@@ -1,8 +1,31 @@
 #include "virtual-ta/data_path.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include "virtual-ta/deadline.h"
+
+namespace {
+
+// SplitMix64: small, fast, and the same sequence on every machine, which the
+// library's engines and distributions do not all promise.
+uint64_t NextRandom(uint64_t& state) {
+    uint64_t z = (state += 0x9E3779B97F4A7C15ULL);
+    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ULL;
+    z = (z ^ (z >> 27)) * 0x94D049BB133111EBULL;
+    return z ^ (z >> 31);
+}
+
+// The clean bytes before the next garbled one: a geometric draw, so that the
+// cost is per garbled byte rather than per byte carried.
+uint64_t CleanRun(FaultSpec& noise) {
+    // Uniform in (0, 1]: the log below stays finite.
+    const double uniform = static_cast<double>((NextRandom(noise.State) >> 11) + 1) * 0x1.0p-53;
+    const double run = std::floor(std::log(uniform) / std::log1p(-noise.Probability));
+    return run >= 0x1.0p62 ? uint64_t{1} << 62 : static_cast<uint64_t>(run);
+}
+
+}  // namespace
 
 DataPath::DataPath(size_t capacity, uint64_t bytesPerSecond, uint64_t nowNs)
     : data_(capacity), capacity_(capacity) {
@@ -67,6 +90,11 @@ bool DataPath::Put(uint64_t nowNs, std::vector<const FaultSpec*>& acted, bool un
             acted.push_back(fault);
         }
     }
+    for (FaultSpec* fault : faults_) {
+        if (fault->Kind == FaultKind::Noise) {
+            AddNoise(*fault, count);
+        }
+    }
     released_ += count;
     if (!unpaced) {
         bucket_.Take(count);
@@ -75,6 +103,25 @@ bool DataPath::Put(uint64_t nowNs, std::vector<const FaultSpec*>& acted, bool un
         return fall();
     }
     return true;
+}
+
+void DataPath::AddNoise(FaultSpec& noise, uint64_t count) {
+    if (!noise.Started) {
+        noise.Started = true;
+        noise.State = noise.Seed;
+        noise.UntilNext = CleanRun(noise);
+    }
+    uint64_t at = released_;
+    const uint64_t end = released_ + count;
+    while (end - at > noise.UntilNext) {
+        at += noise.UntilNext;
+        data_[static_cast<size_t>(at % capacity_)] ^=
+            static_cast<uint8_t>(1 + NextRandom(noise.State) % 255);
+        ++garbled_;
+        ++at;
+        noise.UntilNext = CleanRun(noise);
+    }
+    noise.UntilNext -= end - at;
 }
 
 uint64_t DataPath::NextReleaseAt(uint64_t nowNs) {

@@ -63,11 +63,14 @@ public:
     // empties the path; bytes that the line had not carried are lost.
     void MoveReleased(std::string& into);
 
-    // Bytes put on the line so far.
+    // Bytes put on the line so far, and how many of them noise garbled.
     uint64_t Sent() const { return released_; }
+    uint64_t Garbled() const { return garbled_; }
 
 private:
     bool Put(uint64_t nowNs, std::vector<const FaultSpec*>& acted, bool unpaced);
+    // Garbles the bytes of [released_, released_ + count) that the noise hits.
+    void AddNoise(FaultSpec& noise, uint64_t count);
     void AppendRange(uint64_t from, uint64_t to, std::string& into) const;
 
     std::vector<uint8_t> data_;
@@ -75,6 +78,7 @@ private:
     uint64_t head_ = 0;
     uint64_t released_ = 0;
     uint64_t tail_ = 0;
+    uint64_t garbled_ = 0;
     bool holding_ = false;
     uint64_t holdFrom_ = 0;
     TokenBucket bucket_;

@@ -16,6 +16,12 @@ constexpr uint64_t DtrLookNs = 50 * NsPerMs;
 // Carrier codes that may stand in front of a number.
 const char* const CarrierCodes[] = {"10288", "10222", "10333"};
 
+// For the trace line of a call's end: the bytes that noise garbled, if any.
+std::string Garbled(const Call& call) {
+    const uint64_t garbled = call.Up->Garbled() + call.Down->Garbled();
+    return garbled == 0 ? std::string() : ", " + std::to_string(garbled) + " garbled by noise";
+}
+
 }  // namespace
 
 std::string BehindCarrierCode(const std::string& number) {
@@ -436,7 +442,7 @@ void Exchange::ArmFaults(Adapter& sender, DataPath& path) {
     std::set<uint64_t> offsets;
     for (FaultSpec& fault : options_.Faults) {
         if (fault.Acted || fault.Number != sender.Spec.Number ||
-            !offsets.insert(fault.Offset).second) {
+            (fault.Kind != FaultKind::Noise && !offsets.insert(fault.Offset).second)) {
             continue;
         }
         path.Arm(&fault);
@@ -581,7 +587,7 @@ void Exchange::EndCall(Call& call, EndReason reason, Adapter* by) {
     TraceLine(call.CallerWho(),
               "call with " + call.AnswererWho() + " ended (" + how + "): " + call.CallerWho() +
                   " sent " + std::to_string(call.Up->Sent()) + " bytes, " + call.AnswererWho() +
-                  " sent " + std::to_string(call.Down->Sent()) + " bytes");
+                  " sent " + std::to_string(call.Down->Sent()) + " bytes" + Garbled(call));
     for (Adapter* end : {call.Caller, call.Answerer}) {
         if (end == nullptr) {
             continue;

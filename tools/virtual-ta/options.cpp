@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cctype>
 #include <set>
+#include <stdexcept>
 
 #include "platform/files.h"
 #include "virtual-ta/link.h"
@@ -114,6 +115,34 @@ bool ParseAdapter(const std::string& text, AdapterSpec& spec, std::string& error
     return true;
 }
 
+// noise:NUMBER:P[:SEED] after the number: the probability in (0, 1), as a
+// decimal or in e-notation, and the seed, a number.
+bool ParseNoise(const std::string& text, const std::string& rest, FaultSpec& fault,
+                std::string& error) {
+    const size_t colon = rest.find(':');
+    const std::string probability = rest.substr(0, colon);
+    const bool wellFormed =
+        !probability.empty() &&
+        probability.find_first_not_of("0123456789.eE-+") == std::string::npos &&
+        (probability[0] == '.' || (probability[0] >= '0' && probability[0] <= '9'));
+    size_t used = 0;
+    try {
+        fault.Probability = wellFormed ? std::stod(probability, &used) : 0.0;
+    } catch (const std::exception&) {
+        used = 0;
+    }
+    if (used != probability.size() || !(fault.Probability > 0 && fault.Probability < 1)) {
+        error = "fault '" + text + "': P must be a probability above 0 and below 1";
+        return false;
+    }
+    if (colon != std::string::npos &&
+        !ParseNumber(rest.substr(colon + 1), UINT64_MAX / 2, fault.Seed)) {
+        error = "fault '" + text + "': SEED must be a number";
+        return false;
+    }
+    return true;
+}
+
 bool ParseFault(const std::string& text, FaultSpec& fault, std::string& error) {
     const size_t first = text.find(':');
     const size_t second = first == std::string::npos ? first : text.find(':', first + 1);
@@ -126,14 +155,19 @@ bool ParseFault(const std::string& text, FaultSpec& fault, std::string& error) {
         fault.Kind = FaultKind::Corrupt;
     } else if (kind == "drop") {
         fault.Kind = FaultKind::Drop;
+    } else if (kind == "noise") {
+        fault.Kind = FaultKind::Noise;
     } else {
-        error = "fault '" + text + "': KIND must be corrupt or drop";
+        error = "fault '" + text + "': KIND must be corrupt, drop or noise";
         return false;
     }
     fault.Number = text.substr(first + 1, second - first - 1);
     if (!AllDigits(fault.Number)) {
         error = "fault '" + text + "': NUMBER must be an adapter's number";
         return false;
+    }
+    if (fault.Kind == FaultKind::Noise) {
+        return ParseNoise(text, text.substr(second + 1), fault, error);
     }
     if (!ParseNumber(text.substr(second + 1), UINT64_MAX / 2, fault.Offset)) {
         error = "fault '" + text + "': OFFSET must be a byte count";
@@ -319,6 +353,12 @@ Options:
                       (both ends get NO CARRIER behind the last data)
                       Faults may be given several times; each acts once, in
                       the order given.
+  --fault noise:NUMBER:P[:SEED]
+                      in every call of adapter NUMBER, garble each data byte
+                      that it sends with probability P (e.g. 1e-5): XOR it
+                      with a random nonzero byte. The bytes garbled follow
+                      from SEED (default 1) alone, so a run repeats exactly;
+                      the generator runs on from one call to the next.
   --trace FILE        write every command, reply, call event and per-call
                       byte count to FILE, one line each, with a time stamp
   --answer-wait S     how long a call rings unanswered before the caller gets

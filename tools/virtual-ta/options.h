@@ -18,14 +18,22 @@ struct AdapterSpec {
     bool NoDialTone = false;     // its line is unplugged
 };
 
-enum class FaultKind { Corrupt, Drop };
+enum class FaultKind { Corrupt, Drop, Noise };
 
-// --fault KIND:NUMBER:OFFSET. A fault acts once; Acted records that it has.
+// --fault KIND:NUMBER:OFFSET, or noise:NUMBER:P[:SEED]. A corrupt or drop
+// fault acts once; Acted records that it has. Noise acts on every call of its
+// adapter and never counts as acted; its generator runs on from call to call,
+// so that one command line garbles the same bytes in every run.
 struct FaultSpec {
     FaultKind Kind = FaultKind::Corrupt;
     std::string Number;
     uint64_t Offset = 0;
     bool Acted = false;
+    double Probability = 0;  // of each byte being garbled, for noise
+    uint64_t Seed = 1;
+    bool Started = false;    // the generator has been seeded
+    uint64_t State = 0;      // the generator
+    uint64_t UntilNext = 0;  // bytes that pass clean before the next garbled one
 };
 
 // --route NUMBER=HOST:PORT: dials of NUMBER go to the virtual-ta there.
