@@ -7,7 +7,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include <stdexcept>
+#include <string>
 #include <vector>
 
 namespace {
@@ -78,11 +81,18 @@ void TcpRelay::Cut() {
 
 void TcpRelay::Run() {
     // Each connection is a pair: the one accepted, and the one made to the
-    // target; bytes read from one are written whole to the other. A side
-    // that has ended is no longer watched (fd -1 makes poll pass it by).
+    // target. Each direction holds what it read until the other side has
+    // taken all of it, and reads again only then: the relay never blocks on
+    // a write, so a side that stops reading never holds up the other
+    // direction, as a network does not.
+    struct Direction {
+        std::string Pending;
+        bool Ended = false;     // its source has closed
+        bool ShutDown = false;  // its end has been passed on
+    };
     struct Pair {
         int Fd[2];
-        bool Ended[2];
+        Direction Way[2];  // Way[side]: from Fd[side] to Fd[1 - side]
     };
     std::vector<Pair> pairs;
     const auto closeAll = [&] {
@@ -96,7 +106,16 @@ void TcpRelay::Run() {
         std::vector<pollfd> entries = {{wake_[0], POLLIN, 0}, {listener_, POLLIN, 0}};
         for (const Pair& pair : pairs) {
             for (int side = 0; side < 2; ++side) {
-                entries.push_back({pair.Ended[side] ? -1 : pair.Fd[side], POLLIN, 0});
+                const Direction& in = pair.Way[side];
+                const Direction& out = pair.Way[1 - side];
+                short events = 0;
+                if (!in.Ended && in.Pending.empty()) {
+                    events |= POLLIN;
+                }
+                if (!out.Pending.empty()) {
+                    events |= POLLOUT;
+                }
+                entries.push_back({events == 0 ? -1 : pair.Fd[side], events, 0});
             }
         }
         if (::poll(entries.data(), entries.size(), -1) < 0) {
@@ -118,37 +137,53 @@ void TcpRelay::Run() {
             const sockaddr_in target = Loopback(targetPort_);
             if (accepted >= 0 && onward >= 0 &&
                 ::connect(onward, reinterpret_cast<const sockaddr*>(&target), sizeof target) == 0) {
-                pairs.push_back(Pair{{accepted, onward}, {false, false}});
+                ::fcntl(accepted, F_SETFL, O_NONBLOCK);
+                ::fcntl(onward, F_SETFL, O_NONBLOCK);
+                pairs.push_back(Pair{{accepted, onward}, {}});
             } else {
                 ::close(accepted);
                 ::close(onward);
             }
         }
-        for (size_t i = 0; i < pairs.size(); ++i) {
+        // Only the pairs that were polled: one accepted just now has no
+        // entries yet.
+        const size_t polled = (entries.size() - 2) / 2;
+        for (size_t i = 0; i < polled; ++i) {
+            Pair& pair = pairs[i];
             for (int side = 0; side < 2; ++side) {
-                const pollfd& entry = entries[2 + 2 * i + static_cast<size_t>(side)];
-                if ((entry.revents & (POLLIN | POLLHUP | POLLERR)) == 0) {
-                    continue;
-                }
-                const int from = pairs[i].Fd[side];
-                const int to = pairs[i].Fd[1 - side];
-                char buffer[65536];
-                const ssize_t n = ::read(from, buffer, sizeof buffer);
-                if (n <= 0) {
-                    // One side closed: the other learns it the same way.
-                    ::shutdown(to, SHUT_WR);
-                    pairs[i].Ended[side] = true;
-                    continue;
-                }
-                for (ssize_t sent = 0; sent < n;) {
+                const short events = entries[2 + 2 * i + static_cast<size_t>(side)].revents;
+                Direction& in = pair.Way[side];
+                Direction& out = pair.Way[1 - side];
+                if ((events & POLLOUT) != 0 && !out.Pending.empty()) {
                     const ssize_t m =
-                        ::send(to, buffer + sent, static_cast<size_t>(n - sent), MSG_NOSIGNAL);
-                    if (m <= 0) {
-                        break;
+                        ::send(pair.Fd[side], out.Pending.data(), out.Pending.size(), MSG_NOSIGNAL);
+                    if (m > 0) {
+                        carried_ += static_cast<uint64_t>(m);
+                        out.Pending.erase(0, static_cast<size_t>(m));
+                    } else if (errno != EAGAIN && errno != EINTR) {
+                        out.Pending.clear();  // nobody to take it any more
+                        out.Ended = true;
                     }
-                    sent += m;
                 }
-                carried_ += static_cast<uint64_t>(n);
+                if ((events & (POLLIN | POLLHUP | POLLERR)) != 0 && !in.Ended &&
+                    in.Pending.empty()) {
+                    char buffer[65536];
+                    const ssize_t n = ::read(pair.Fd[side], buffer, sizeof buffer);
+                    if (n > 0) {
+                        in.Pending.assign(buffer, static_cast<size_t>(n));
+                    } else if (n == 0 || (errno != EAGAIN && errno != EINTR)) {
+                        in.Ended = true;
+                    }
+                }
+            }
+            // One side closed: the other learns it the same way, once it has
+            // everything that came before.
+            for (int side = 0; side < 2; ++side) {
+                Direction& in = pair.Way[side];
+                if (in.Ended && in.Pending.empty() && !in.ShutDown) {
+                    ::shutdown(pair.Fd[1 - side], SHUT_WR);
+                    in.ShutDown = true;
+                }
             }
         }
     }
