@@ -126,8 +126,8 @@ TEST(PortLock, ALockHeldAtExitIsRemoved) {
     if (child == 0) {
         // Never destroyed: only the exit itself can remove the lock. A static
         // pointer keeps the leak checker from calling it a leak.
-        static PortLock* const lock = new PortLock;
-        std::exit(lock->Take("/dev/null") == PortLockResult::Taken &&
+        static PortLock* const Held = new PortLock;
+        std::exit(Held->Take("/dev/null") == PortLockResult::Taken &&
                           PathExists(locks / "LCK..null")
                       ? 0
                       : 1);
