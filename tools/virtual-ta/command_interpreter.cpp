@@ -117,7 +117,7 @@ std::vector<std::string> ProfileLines(const Settings& settings) {
 class Interpreter {
 public:
     Interpreter(Adapter& adapter, std::string_view body)
-        : adapter_(adapter), body_(body), kind_(adapter.Spec.Model->Kind) {}
+        : adapter_(adapter), body_(body), kind_(adapter.Given.Model->Kind) {}
 
     CommandOutcome Run() {
         while (at_ < body_.size()) {
@@ -256,7 +256,7 @@ private:
     }
 
     bool Identity(long which) {
-        const Family& family = *adapter_.Spec.Model;
+        const Family& family = *adapter_.Given.Model;
         const std::vector<const char*>* lines = nullptr;
         switch (which) {
             case 0:
@@ -302,7 +302,7 @@ private:
         if (body_[at_] == '?') {
             ++at_;
             if (kind_ == FamilyKind::ThreeCom && reg == 51) {
-                Info(adapter_.Spec.Number);  // the 3Com keeps its own number in S51
+                Info(adapter_.Given.Number);  // the 3Com keeps its own number in S51
                 return true;
             }
             char text[16];
@@ -335,11 +335,11 @@ private:
             return false;
         }
         ++at_;
-        const bool xrt = std::string_view(adapter_.Spec.Model->Name) == "adtran-xrt";
+        const bool xrt = std::string_view(adapter_.Given.Model->Name) == "adtran-xrt";
         if (reg != (xrt ? 63 : 62)) {
             return false;
         }
-        Info(adapter_.Spec.Number);
+        Info(adapter_.Given.Number);
         return true;
     }
 
@@ -390,7 +390,7 @@ private:
         }
         at_ += 2;
         Info({"&ZI1 (Data):()", "&ZI2 (Voice):()",
-              "&ZI3 (MultiAuto):(" + adapter_.Spec.Number + ")"});
+              "&ZI3 (MultiAuto):(" + adapter_.Given.Number + ")"});
         return true;
     }
 
@@ -412,7 +412,7 @@ private:
         if (body_[at_] == '?') {
             ++at_;
             if (name == "!N1") {
-                Info(adapter_.Spec.Number);  // the BitSURFR's own number
+                Info(adapter_.Given.Number);  // the BitSURFR's own number
                 return true;
             }
             const auto found = adapter_.Registers.find(name);
@@ -480,21 +480,21 @@ std::string FrameInfo(const Adapter& adapter, const std::vector<std::string>& li
     }
     // The BitSURFR puts its line breaks in front: its result code follows the
     // last line of text directly.
-    if (adapter.Spec.Model->Kind == FamilyKind::BitSurfr) {
+    if (adapter.Given.Model->Kind == FamilyKind::BitSurfr) {
         return "\r\n" + text;
     }
     return "\r\n" + text + "\r\n";
 }
 
 bool Understands(const Adapter& adapter, uint32_t portSpeed, uint32_t fixedSpeed) {
-    if (portSpeed == 0 || portSpeed > adapter.Spec.MaxSpeed) {
+    if (portSpeed == 0 || portSpeed > adapter.Given.MaxSpeed) {
         return false;
     }
-    switch (adapter.Spec.Model->Kind) {
+    switch (adapter.Given.Model->Kind) {
         case FamilyKind::Zyxel:
             return true;  // follows the port at any speed
         case FamilyKind::AdTran:
-            return adapter.Spec.Dip230400 ? portSpeed == 230400 : portSpeed <= 115200;
+            return adapter.Given.Dip230400 ? portSpeed == 230400 : portSpeed <= 115200;
         case FamilyKind::BitSurfr:
         case FamilyKind::ThreeCom:
             return fixedSpeed == 230400 ? portSpeed == 230400 : portSpeed <= 115200;
@@ -511,7 +511,7 @@ bool IsSpeedCommandFor(const Adapter& adapter, std::string_view text, uint32_t p
         return false;
     }
     const char* marker = nullptr;
-    switch (adapter.Spec.Model->Kind) {
+    switch (adapter.Given.Model->Kind) {
         case FamilyKind::BitSurfr:
             marker = "@P2=";
             break;

@@ -18,7 +18,7 @@ uint64_t NextRandom(uint64_t& state) {
 
 // The clean bytes before the next garbled one: a geometric draw, so that the
 // cost is per garbled byte rather than per byte carried.
-uint64_t CleanRun(FaultSpec& noise) {
+uint64_t CleanRun(FaultSetting& noise) {
     // Uniform in (0, 1]: the log below stays finite.
     const double uniform = static_cast<double>((NextRandom(noise.State) >> 11) + 1) * 0x1.0p-53;
     const double run = std::floor(std::log(uniform) / std::log1p(-noise.Probability));
@@ -42,19 +42,19 @@ uint8_t* DataPath::WriteArea(size_t& length) {
     return data_.data() + at;
 }
 
-bool DataPath::Release(uint64_t nowNs, std::vector<const FaultSpec*>& acted) {
+bool DataPath::Release(uint64_t nowNs, std::vector<const FaultSetting*>& acted) {
     return Put(nowNs, acted, false);
 }
 
-bool DataPath::ReleaseAll(std::vector<const FaultSpec*>& acted) {
+bool DataPath::ReleaseAll(std::vector<const FaultSetting*>& acted) {
     holding_ = false;
     return Put(0, acted, true);
 }
 
-bool DataPath::Put(uint64_t nowNs, std::vector<const FaultSpec*>& acted, bool unpaced) {
+bool DataPath::Put(uint64_t nowNs, std::vector<const FaultSetting*>& acted, bool unpaced) {
     // The nearest drop fault still to act bounds what may go.
-    FaultSpec* drop = nullptr;
-    for (FaultSpec* fault : faults_) {
+    FaultSetting* drop = nullptr;
+    for (FaultSetting* fault : faults_) {
         if (!fault->Acted && fault->Kind == FaultKind::Drop &&
             (drop == nullptr || fault->Offset < drop->Offset)) {
             drop = fault;
@@ -82,7 +82,7 @@ bool DataPath::Put(uint64_t nowNs, std::vector<const FaultSpec*>& acted, bool un
     if (count == 0) {
         return true;
     }
-    for (FaultSpec* fault : faults_) {
+    for (FaultSetting* fault : faults_) {
         if (!fault->Acted && fault->Kind == FaultKind::Corrupt && fault->Offset >= released_ &&
             fault->Offset < released_ + count) {
             data_[static_cast<size_t>(fault->Offset % capacity_)] ^= 0x01;
@@ -90,7 +90,7 @@ bool DataPath::Put(uint64_t nowNs, std::vector<const FaultSpec*>& acted, bool un
             acted.push_back(fault);
         }
     }
-    for (FaultSpec* fault : faults_) {
+    for (FaultSetting* fault : faults_) {
         if (fault->Kind == FaultKind::Noise) {
             AddNoise(*fault, count);
         }
@@ -105,7 +105,7 @@ bool DataPath::Put(uint64_t nowNs, std::vector<const FaultSpec*>& acted, bool un
     return true;
 }
 
-void DataPath::AddNoise(FaultSpec& noise, uint64_t count) {
+void DataPath::AddNoise(FaultSetting& noise, uint64_t count) {
     if (!noise.Started) {
         noise.Started = true;
         noise.State = noise.Seed;

@@ -23,7 +23,7 @@ public:
     DataPath(size_t capacity, uint64_t bytesPerSecond, uint64_t nowNs);
 
     // Faults of the sending adapter that act in this call.
-    void Arm(FaultSpec* fault) { faults_.push_back(fault); }
+    void Arm(FaultSetting* fault) { faults_.push_back(fault); }
 
     // Taking bytes in from the near port.
     size_t Free() const { return capacity_ - static_cast<size_t>(tail_ - head_); }
@@ -43,11 +43,11 @@ public:
     // Puts what the bucket allows on the line, and acts the faults whose
     // offsets it passes; those that act are added to acted. False when a drop
     // fault made the line fall: nothing beyond its offset is released.
-    bool Release(uint64_t nowNs, std::vector<const FaultSpec*>& acted);
+    bool Release(uint64_t nowNs, std::vector<const FaultSetting*>& acted);
     // Puts every byte taken in on the line at once, held ones included: what
     // an adapter had taken from its port goes out before its hang-up. False
     // if a drop fault made the line fall on the way.
-    bool ReleaseAll(std::vector<const FaultSpec*>& acted);
+    bool ReleaseAll(std::vector<const FaultSetting*>& acted);
     // When Release can put more on the line; Never if nothing waits for it.
     uint64_t NextReleaseAt(uint64_t nowNs);
 
@@ -68,9 +68,9 @@ public:
     uint64_t Garbled() const { return garbled_; }
 
 private:
-    bool Put(uint64_t nowNs, std::vector<const FaultSpec*>& acted, bool unpaced);
+    bool Put(uint64_t nowNs, std::vector<const FaultSetting*>& acted, bool unpaced);
     // Garbles the bytes of [released_, released_ + count) that the noise hits.
-    void AddNoise(FaultSpec& noise, uint64_t count);
+    void AddNoise(FaultSetting& noise, uint64_t count);
     void AppendRange(uint64_t from, uint64_t to, std::string& into) const;
 
     std::vector<uint8_t> data_;
@@ -84,5 +84,5 @@ private:
     TokenBucket bucket_;
     static constexpr uint64_t FrameBytes = 256;
     uint64_t chunk_;  // bytes worth waking up for: a frame, or 5 ms of line
-    std::vector<FaultSpec*> faults_;
+    std::vector<FaultSetting*> faults_;
 };

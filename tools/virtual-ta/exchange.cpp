@@ -41,20 +41,20 @@ Exchange::~Exchange() {
 }
 
 bool Exchange::Open(std::string& error) {
-    for (const AdapterSpec& spec : options_.Adapters) {
+    for (const AdapterSetting& given : options_.Adapters) {
         auto adapter = std::make_unique<Adapter>();
-        adapter->Spec = spec;
-        adapter->Who = spec.Number;
-        DefaultSettings(spec.Model->Kind, adapter->Registers);
+        adapter->Given = given;
+        adapter->Who = given.Number;
+        DefaultSettings(given.Model->Kind, adapter->Registers);
         if (!OpenPseudoTerminal(adapter->Pty)) {
-            error = "cannot make a pseudo-terminal for '" + spec.Path + "'";
+            error = "cannot make a pseudo-terminal for '" + given.Path + "'";
             return false;
         }
-        if (!MakeLink(spec.Path, adapter->Pty.SlavePath, error)) {
+        if (!MakeLink(given.Path, adapter->Pty.SlavePath, error)) {
             ClosePseudoTerminal(adapter->Pty);
             return false;
         }
-        TraceLine(adapter->Who, spec.Model->Product + std::string(" at ") + spec.Path + " -> " +
+        TraceLine(adapter->Who, given.Model->Product + std::string(" at ") + given.Path + " -> " +
                                     adapter->Pty.SlavePath);
         adapters_.push_back(std::move(adapter));
     }
@@ -63,7 +63,7 @@ bool Exchange::Open(std::string& error) {
 
 void Exchange::Close() {
     for (auto& adapter : adapters_) {
-        RemoveLink(adapter->Spec.Path, adapter->Pty.SlavePath);
+        RemoveLink(adapter->Given.Path, adapter->Pty.SlavePath);
         ClosePseudoTerminal(adapter->Pty);
     }
     adapters_.clear();
@@ -245,7 +245,7 @@ bool Exchange::HasOutput(Adapter& adapter) const {
 Adapter* Exchange::Route(const std::string& number) {
     const auto find = [&](const std::string& wanted) -> Adapter* {
         for (auto& adapter : adapters_) {
-            if (adapter->Spec.Number == wanted) {
+            if (adapter->Given.Number == wanted) {
                 return adapter.get();
             }
         }
@@ -296,15 +296,15 @@ void Exchange::Dial(Adapter& caller, const std::string& dialString, uint64_t now
     caller.InLine = false;
 
     Adapter* target = Route(first);
-    const RouteSpec* away = target == nullptr ? FindRoute(first) : nullptr;
+    const RouteSetting* away = target == nullptr ? FindRoute(first) : nullptr;
     call.DialledAt = now;
-    if (caller.Spec.NoDialTone) {
+    if (caller.Given.NoDialTone) {
         call.Failure = "NO DIAL TONE";
     } else if (away != nullptr) {
         call.FarWho = first;
         DialAway(call, *away, second, now);
         return;
-    } else if (target == nullptr || target->Spec.NoDialTone) {
+    } else if (target == nullptr || target->Given.NoDialTone) {
         call.Failure = "NO CARRIER";
     } else if (target == &caller || target->Mode != AdapterMode::Command ||
                target->InCall != nullptr) {
@@ -353,9 +353,9 @@ void Exchange::Connect(Call& call, uint64_t now) {
     // set-up and its rate when it dialled.
     Adapter& answerer = *call.Answerer;
     const LineSetup callerSetup =
-        call.Caller != nullptr ? SetupOf(call.Caller->Spec.Model->Kind, call.Caller->Registers)
+        call.Caller != nullptr ? SetupOf(call.Caller->Given.Model->Kind, call.Caller->Registers)
                                : call.FarSetup;
-    const LineSetup answererSetup = SetupOf(answerer.Spec.Model->Kind, answerer.Registers);
+    const LineSetup answererSetup = SetupOf(answerer.Given.Model->Kind, answerer.Registers);
     // Two channels only if both ends are set up for the same bundling, and the
     // second number, if one was dialled, reaches the same adapter.
     call.Channels = callerSetup.Bundle != Bundling::None &&
@@ -440,8 +440,8 @@ void Exchange::ArmFaults(Adapter& sender, DataPath& path) {
     // drop (which ends the call). A fault at an offset that an earlier one in
     // this call already takes waits for a later call.
     std::set<uint64_t> offsets;
-    for (FaultSpec& fault : options_.Faults) {
-        if (fault.Acted || fault.Number != sender.Spec.Number ||
+    for (FaultSetting& fault : options_.Faults) {
+        if (fault.Acted || fault.Number != sender.Given.Number ||
             (fault.Kind != FaultKind::Noise && !offsets.insert(fault.Offset).second)) {
             continue;
         }
@@ -522,7 +522,7 @@ void Exchange::DtrDropped(Adapter& adapter, bool portClosed, uint64_t now) {
         EndCall(*call, EndReason::DtrDrop, &adapter);
         Result(adapter, "NO CARRIER");
         if (reaction >= 3) {
-            DefaultSettings(adapter.Spec.Model->Kind, adapter.Registers);
+            DefaultSettings(adapter.Given.Model->Kind, adapter.Registers);
         }
     }
     if (portClosed) {
@@ -546,7 +546,7 @@ void Exchange::Abandon(Call& call, const char* callerHears) {
 void Exchange::EndCall(Call& call, EndReason reason, Adapter* by) {
     // by is the adapter that hung up or whose drop fault made the line fall;
     // null when the far end away hung up or its link was lost.
-    std::vector<const FaultSpec*> acted;
+    std::vector<const FaultSetting*> acted;
     if ((reason == EndReason::HangUp || reason == EndReason::DtrDrop) && by != nullptr) {
         // What the hanging-up adapter took from its port before its escape
         // still goes out, and its far end gets it all before NO CARRIER. The
@@ -570,7 +570,7 @@ void Exchange::EndCall(Call& call, EndReason reason, Adapter* by) {
             Forward(call, true);
         }
     }
-    for (const FaultSpec* fault : acted) {
+    for (const FaultSetting* fault : acted) {
         TraceLine(by->Who,
                   fault->Kind == FaultKind::Corrupt
                       ? "fault: byte " + std::to_string(fault->Offset) + " corrupted"

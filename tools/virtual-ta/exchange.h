@@ -137,8 +137,8 @@ private:
 
     // Calls with other virtual-ta processes (exchange_links.cpp).
     bool OpenListener(std::string& error);
-    const RouteSpec* FindRoute(const std::string& number) const;
-    void DialAway(Call& call, const RouteSpec& route, const std::string& second, uint64_t now);
+    const RouteSetting* FindRoute(const std::string& number) const;
+    void DialAway(Call& call, const RouteSetting& route, const std::string& second, uint64_t now);
     void CallFromAway(Link& link, std::string_view setup, uint64_t now);
     void ConnectedAway(Call& call, std::string_view message, uint64_t now);
     void FailAway(Call& call, const char* result, uint64_t now);

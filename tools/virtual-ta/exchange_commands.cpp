@@ -170,7 +170,7 @@ void Exchange::RunLine(Adapter& adapter, uint64_t now) {
         Result(adapter, "ERROR");
         return;
     }
-    const FamilyKind kind = adapter.Spec.Model->Kind;
+    const FamilyKind kind = adapter.Given.Model->Kind;
     const std::string setupBefore = Describe(SetupOf(kind, adapter.Registers));
     CommandOutcome outcome = InterpretCommand(adapter, std::string_view(adapter.Line).substr(2));
     const std::string setupAfter = Describe(SetupOf(kind, adapter.Registers));

@@ -112,9 +112,9 @@ void Exchange::Pump(Call& call, uint64_t now) {
         if (sender == nullptr) {
             continue;  // an end away paces what it sends itself
         }
-        std::vector<const FaultSpec*> acted;
+        std::vector<const FaultSetting*> acted;
         const bool up = call.From(*sender).Release(now, acted);
-        for (const FaultSpec* fault : acted) {
+        for (const FaultSetting* fault : acted) {
             TraceLine(sender->Who,
                       fault->Kind == FaultKind::Corrupt
                           ? "fault: byte " + std::to_string(fault->Offset) + " corrupted"

@@ -38,7 +38,7 @@ const char* BundlingName(Bundling bundle) {
     return "none";
 }
 
-std::string HostPort(const RouteSpec& route) {
+std::string HostPort(const RouteSetting& route) {
     const bool v6 = route.Host.find(':') != std::string::npos;
     return (v6 ? "[" + route.Host + "]" : route.Host) + ":" + std::to_string(route.Port);
 }
@@ -54,19 +54,19 @@ bool Exchange::OpenListener(std::string& error) {
     if (listener_ < 0) {
         return false;
     }
-    listeningAt_ = HostPort(RouteSpec{"", options_.ListenHost, port});
+    listeningAt_ = HostPort(RouteSetting{"", options_.ListenHost, port});
     TraceLine("-", "listening on " + listeningAt_);
     return true;
 }
 
-const RouteSpec* Exchange::FindRoute(const std::string& number) const {
-    for (const RouteSpec& route : options_.Routes) {
+const RouteSetting* Exchange::FindRoute(const std::string& number) const {
+    for (const RouteSetting& route : options_.Routes) {
         if (route.Number == number) {
             return &route;
         }
     }
     const std::string behind = BehindCarrierCode(number);
-    for (const RouteSpec& route : options_.Routes) {
+    for (const RouteSetting& route : options_.Routes) {
         if (!behind.empty() && route.Number == behind) {
             return &route;
         }
@@ -74,7 +74,7 @@ const RouteSpec* Exchange::FindRoute(const std::string& number) const {
     return nullptr;
 }
 
-void Exchange::DialAway(Call& call, const RouteSpec& route, const std::string& second,
+void Exchange::DialAway(Call& call, const RouteSetting& route, const std::string& second,
                         uint64_t now) {
     Adapter& caller = *call.Caller;
     auto link = std::make_unique<Link>();
@@ -84,7 +84,7 @@ void Exchange::DialAway(Call& call, const RouteSpec& route, const std::string& s
         call.ResultAt = now + RoutingDelayNs;
         return;
     }
-    const LineSetup setup = SetupOf(caller.Spec.Model->Kind, caller.Registers);
+    const LineSetup setup = SetupOf(caller.Given.Model->Kind, caller.Registers);
     link->Queue(LinkMessage::Setup, call.FarWho + " " + (second.empty() ? "-" : second) + " " +
                                         caller.Who + " " + BundlingName(setup.Bundle) + " " +
                                         (setup.Is56k ? "56" : "64") + " " +
@@ -119,7 +119,7 @@ void Exchange::CallFromAway(Link& link, std::string_view setup, uint64_t now) {
 
     Adapter* target = Route(called);
     const char* failure = nullptr;
-    if (target == nullptr || target->Spec.NoDialTone) {
+    if (target == nullptr || target->Given.NoDialTone) {
         failure = "NO CARRIER";
     } else if (target->Mode != AdapterMode::Command || target->InCall != nullptr) {
         failure = "BUSY";
@@ -165,7 +165,8 @@ void Exchange::ConnectedAway(Call& call, std::string_view message, uint64_t now)
     }
     std::getline(fields >> std::ws, description);
     const Adapter& caller = *call.Caller;
-    StartData(call, Describe(SetupOf(caller.Spec.Model->Kind, caller.Registers)), description, now);
+    StartData(call, Describe(SetupOf(caller.Given.Model->Kind, caller.Registers)), description,
+              now);
 }
 
 void Exchange::FailAway(Call& call, const char* result, uint64_t now) {
@@ -251,7 +252,7 @@ bool Exchange::TakeData(Call& call, Link& link, std::string_view payload, uint64
         path.Commit(count);
         link.DataDone += count;
     }
-    std::vector<const FaultSpec*> unpacedNeverActs;
+    std::vector<const FaultSetting*> unpacedNeverActs;
     path.Release(now, unpacedNeverActs);
     Flush(local);
     return all;

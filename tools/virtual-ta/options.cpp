@@ -36,7 +36,7 @@ std::string FolderOf(const std::string& path) {
 
 // PATH=FAMILY:NUMBER[,OPTION...]. The path may itself hold "=", so the
 // separator is the first "=" that a family name and ":" follow.
-bool ParseAdapter(const std::string& text, AdapterSpec& spec, std::string& error) {
+bool ParseAdapter(const std::string& text, AdapterSetting& given, std::string& error) {
     size_t equals = text.find('=');
     const Family* family = nullptr;
     size_t familyEnd = 0;
@@ -59,20 +59,20 @@ bool ParseAdapter(const std::string& text, AdapterSpec& spec, std::string& error
         }
         return false;
     }
-    spec.Path = text.substr(0, equals);
-    spec.Model = family;
-    if (spec.Path.empty()) {
+    given.Path = text.substr(0, equals);
+    given.Model = family;
+    if (given.Path.empty()) {
         error = "adapter '" + text + "' has no PATH";
         return false;
     }
-    if (spec.Path.back() == '/') {
-        error = "adapter PATH '" + spec.Path + "' names a folder, not a link";
+    if (given.Path.back() == '/') {
+        error = "adapter PATH '" + given.Path + "' names a folder, not a link";
         return false;
     }
     const std::string rest = text.substr(familyEnd + 1);
     const size_t comma = rest.find(',');
-    spec.Number = rest.substr(0, comma);
-    if (!AllDigits(spec.Number) || spec.Number.size() > 31) {
+    given.Number = rest.substr(0, comma);
+    if (!AllDigits(given.Number) || given.Number.size() > 31) {
         error = "adapter '" + text + "': NUMBER must be 1 to 31 digits";
         return false;
     }
@@ -87,29 +87,29 @@ bool ParseAdapter(const std::string& text, AdapterSpec& spec, std::string& error
                 error = "adapter '" + text + "': dip230400 is an AdTran option";
                 return false;
             }
-            spec.Dip230400 = true;
+            given.Dip230400 = true;
         } else if (option == "no-dialtone") {
-            spec.NoDialTone = true;
+            given.NoDialTone = true;
         } else if (option.rfind("max-speed=", 0) == 0) {
             if (!ParseNumber(option.substr(10), 100000000, speed) || speed == 0) {
                 error = "adapter '" + text + "': max-speed must be a speed in bits per second";
                 return false;
             }
-            spec.MaxSpeed = static_cast<uint32_t>(speed);
+            given.MaxSpeed = static_cast<uint32_t>(speed);
         } else {
             error = "adapter '" + text + "': unknown option '" + option + "'";
             return false;
         }
         at = next;
     }
-    if (!FolderExists(FolderOf(spec.Path))) {
-        error = "the folder of '" + spec.Path + "' does not exist";
+    if (!FolderExists(FolderOf(given.Path))) {
+        error = "the folder of '" + given.Path + "' does not exist";
         return false;
     }
     // A link there is replaced; anything else belongs to someone.
     struct stat status {};
-    if (::lstat(spec.Path.c_str(), &status) == 0 && !S_ISLNK(status.st_mode)) {
-        error = "'" + spec.Path + "' exists and is not a link";
+    if (::lstat(given.Path.c_str(), &status) == 0 && !S_ISLNK(status.st_mode)) {
+        error = "'" + given.Path + "' exists and is not a link";
         return false;
     }
     return true;
@@ -117,7 +117,7 @@ bool ParseAdapter(const std::string& text, AdapterSpec& spec, std::string& error
 
 // noise:NUMBER:P[:SEED] after the number: the probability in (0, 1), as a
 // decimal or in e-notation, and the seed, a number.
-bool ParseNoise(const std::string& text, const std::string& rest, FaultSpec& fault,
+bool ParseNoise(const std::string& text, const std::string& rest, FaultSetting& fault,
                 std::string& error) {
     const size_t colon = rest.find(':');
     const std::string probability = rest.substr(0, colon);
@@ -143,7 +143,7 @@ bool ParseNoise(const std::string& text, const std::string& rest, FaultSpec& fau
     return true;
 }
 
-bool ParseFault(const std::string& text, FaultSpec& fault, std::string& error) {
+bool ParseFault(const std::string& text, FaultSetting& fault, std::string& error) {
     const size_t first = text.find(':');
     const size_t second = first == std::string::npos ? first : text.find(':', first + 1);
     if (second == std::string::npos) {
@@ -219,7 +219,7 @@ bool ParseCommandLine(int argc, const char* const* argv, Options& options, std::
             if (!takeValue()) {
                 return false;
             }
-            FaultSpec fault;
+            FaultSetting fault;
             if (!ParseFault(value, fault, error)) {
                 return false;
             }
@@ -255,7 +255,7 @@ bool ParseCommandLine(int argc, const char* const* argv, Options& options, std::
             if (!takeValue()) {
                 return false;
             }
-            RouteSpec route;
+            RouteSetting route;
             const size_t equals = value.find('=');
             route.Number = value.substr(0, equals);
             if (equals == std::string::npos || !AllDigits(route.Number) ||
@@ -269,11 +269,11 @@ bool ParseCommandLine(int argc, const char* const* argv, Options& options, std::
             error = "unknown option '" + arg + "'";
             return false;
         } else {
-            AdapterSpec spec;
-            if (!ParseAdapter(arg, spec, error)) {
+            AdapterSetting given;
+            if (!ParseAdapter(arg, given, error)) {
                 return false;
             }
-            options.Adapters.push_back(spec);
+            options.Adapters.push_back(given);
         }
     }
     if (options.Adapters.empty()) {
@@ -282,18 +282,18 @@ bool ParseCommandLine(int argc, const char* const* argv, Options& options, std::
     }
     std::set<std::string> paths;
     std::set<std::string> numbers;
-    for (const AdapterSpec& spec : options.Adapters) {
-        if (!paths.insert(spec.Path).second) {
-            error = "two adapters at '" + spec.Path + "'";
+    for (const AdapterSetting& given : options.Adapters) {
+        if (!paths.insert(given.Path).second) {
+            error = "two adapters at '" + given.Path + "'";
             return false;
         }
-        if (!numbers.insert(spec.Number).second) {
-            error = "two adapters with the number " + spec.Number;
+        if (!numbers.insert(given.Number).second) {
+            error = "two adapters with the number " + given.Number;
             return false;
         }
     }
     std::set<std::string> routed;
-    for (const RouteSpec& route : options.Routes) {
+    for (const RouteSetting& route : options.Routes) {
         if (numbers.count(route.Number) != 0) {
             error = "route for " + route.Number + ", which is an adapter's number here";
             return false;
@@ -303,7 +303,7 @@ bool ParseCommandLine(int argc, const char* const* argv, Options& options, std::
             return false;
         }
     }
-    for (const FaultSpec& fault : options.Faults) {
+    for (const FaultSetting& fault : options.Faults) {
         if (numbers.count(fault.Number) == 0) {
             error = "fault for " + fault.Number + ", which is no adapter's number";
             return false;

@@ -9,7 +9,7 @@
 #include "virtual-ta/family.h"
 
 // One adapter: PATH=FAMILY:NUMBER[,OPTION...].
-struct AdapterSpec {
+struct AdapterSetting {
     std::string Path;  // where the link to its pseudo-terminal goes
     const Family* Model = nullptr;
     std::string Number;          // its own ISDN number, digits
@@ -24,7 +24,7 @@ enum class FaultKind { Corrupt, Drop, Noise };
 // fault acts once; Acted records that it has. Noise acts on every call of its
 // adapter and never counts as acted; its generator runs on from call to call,
 // so that one command line garbles the same bytes in every run.
-struct FaultSpec {
+struct FaultSetting {
     FaultKind Kind = FaultKind::Corrupt;
     std::string Number;
     uint64_t Offset = 0;
@@ -37,23 +37,23 @@ struct FaultSpec {
 };
 
 // --route NUMBER=HOST:PORT: dials of NUMBER go to the virtual-ta there.
-struct RouteSpec {
+struct RouteSetting {
     std::string Number;
     std::string Host;
     uint16_t Port = 0;
 };
 
 struct Options {
-    std::vector<AdapterSpec> Adapters;
+    std::vector<AdapterSetting> Adapters;
     uint64_t Rate = 8000;  // bytes per second per B channel each way; 0 unthrottled
-    std::vector<FaultSpec> Faults;
+    std::vector<FaultSetting> Faults;
     std::string TracePath;
     uint32_t AnswerWaitMs = 30000;  // a call rings this long before the caller gives up
     // --listen HOST:PORT: calls from other virtual-ta processes come in
     // there; port 0 takes any free port. No listening when ListenHost is empty.
     std::string ListenHost;
     uint16_t ListenPort = 0;
-    std::vector<RouteSpec> Routes;
+    std::vector<RouteSetting> Routes;
     bool Help = false;
 };
 

@@ -24,7 +24,7 @@ enum class AdapterMode {
 };
 
 struct Adapter {
-    AdapterSpec Spec;
+    AdapterSetting Given;  // as the command line gave it
     PseudoTerminal Pty;
     std::string Who;  // how the trace names it: its number
 
