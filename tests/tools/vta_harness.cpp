@@ -78,3 +78,45 @@ CallSetUp SetUpCall(FarEnd& caller, FarEnd& answerer, const std::string& dialStr
                        result.AtAnswerer.find("CONNECT ") != std::string::npos;
     return result;
 }
+
+void CallEachWay(FarEnd& alice, FarEnd& bob, const std::string& bobsNumber,
+                 const std::string& callBack, const std::string& up, const std::string& down) {
+    alice.SetSpeed(57600);
+    const uint32_t dialled = NowMs();
+    alice.Send("ATD" + bobsNumber + "\r");
+    EXPECT_EQ(bob.ReceiveUntil("RING\r\n", 3000), "\r\nRING\r\n");
+    EXPECT_LT(NowMs() - dialled, 500u) << "the called end rings at once";
+    EXPECT_EQ(alice.ReceiveUntil("RINGING\r\n", 3000), "ATD" + bobsNumber + "\r\r\nRINGING\r\n");
+    bob.Send("ATA\r");
+    EXPECT_EQ(bob.ReceiveUntil("CONNECT 115200\r\n", 3000), "ATA\r\r\nCONNECT 115200\r\n");
+    EXPECT_EQ(alice.ReceiveUntil("CONNECT 57600\r\n", 3000), "\r\nCONNECT 57600\r\n");
+    const Transfer transfer = TransferBothWays(alice, bob, up, down, 30000);
+    EXPECT_TRUE(transfer.AtB == up) << transfer.AtB.size() << " bytes arrived";
+    EXPECT_TRUE(transfer.AtA == down) << transfer.AtA.size() << " bytes arrived";
+    ASSERT_TRUE(alice.HangUp());
+    EXPECT_EQ(bob.ReceiveUntil("NO CARRIER\r\n", 3000), "\r\nNO CARRIER\r\n");
+
+    alice.SetSpeed(115200);
+    const CallSetUp call = SetUpCall(bob, alice, callBack);
+    ASSERT_TRUE(call.Connected) << call.AtCaller << " / " << call.AtAnswerer;
+    EXPECT_EQ(call.AtAnswerer, "\r\nRING\r\nATA\r\r\nCONNECT 115200\r\n");
+    EXPECT_EQ(call.AtCaller, "ATD" + callBack + "\r\r\nRINGING\r\n\r\nCONNECT 115200\r\n");
+    const Transfer back = TransferBothWays(bob, alice, "to alice", "to bob", 2000);
+    EXPECT_EQ(back.AtB, "to alice");
+    EXPECT_EQ(back.AtA, "to bob");
+    bob.Send("last words");
+    ASSERT_TRUE(bob.HangUp());
+    EXPECT_EQ(alice.ReceiveUntil("NO CARRIER\r\n", 3000), "last words\r\nNO CARRIER\r\n");
+    EXPECT_EQ(alice.Command("AT"), "AT\r\r\nOK\r\n");
+}
+
+void ExpectFailedDial(FarEnd& caller, const std::string& number, const std::string& result) {
+    SCOPED_TRACE(number);
+    const std::string dial = "ATD" + number + "\r";
+    const uint32_t start = NowMs();
+    caller.Send(dial);
+    EXPECT_EQ(caller.ReceiveUntil(result + "\r\n", 3000), dial + "\r\n" + result + "\r\n");
+    EXPECT_GE(NowMs() - start, 400u) << "after the exchange's delay";
+    EXPECT_LT(NowMs() - start, 2000u);
+    EXPECT_EQ(caller.Command("AT"), "AT\r\r\nOK\r\n") << "back in command mode";
+}

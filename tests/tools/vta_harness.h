@@ -48,3 +48,14 @@ struct CallSetUp {
     bool Connected = false;
 };
 CallSetUp SetUpCall(FarEnd& caller, FarEnd& answerer, const std::string& dialString);
+
+// Alice calls Bob, who answers: he rings at once, and each CONNECT tells the
+// speed of its own end's port, Alice's 57600 and Bob's 115200; up and down
+// cross the call at once, unchanged. Alice hangs up, and Bob calls her back
+// on callBack: his last words arrive before the NO CARRIER of his hang-up.
+void CallEachWay(FarEnd& alice, FarEnd& bob, const std::string& bobsNumber,
+                 const std::string& callBack, const std::string& up, const std::string& down);
+
+// A dial that fails: the result comes after the exchange's delay, and the
+// caller is back in command mode.
+void ExpectFailedDial(FarEnd& caller, const std::string& number, const std::string& result);
