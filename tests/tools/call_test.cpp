@@ -49,9 +49,7 @@ TEST_F(VirtualTaCalls, AFailedDialGivesItsResultAfterADelayAndRingsNobody) {
     ExpectFailedDial(carol, "5551004", "NO DIAL TONE");  // from an unplugged line
     EXPECT_EQ(carol.ReceiveFor(100), "") << "no RING on an unplugged line";
     EXPECT_EQ(dave.ReceiveFor(100), "") << "no call left an unplugged line";
-    const Transfer transfer = TransferBothWays(alice, bob, "still", "here", 2000);
-    EXPECT_EQ(transfer.AtB, "still");
-    EXPECT_EQ(transfer.AtA, "here");
+    ExpectCarried(alice, bob, "still", "here");
 }
 
 TEST_F(VirtualTaCalls, ABlankOrAnATHBreaksADialOffWithOneNoCarrier) {
@@ -159,9 +157,7 @@ TEST_F(VirtualTaCalls, DroppingDtrEndsTheCallUnlessTheAdapterIgnoresIt) {
             EXPECT_EQ(alice->Command("AT"), "AT\r\r\nOK\r\n");
             EXPECT_EQ(bob.Command("AT"), "AT\r\r\nOK\r\n");
         } else {
-            const Transfer transfer = TransferBothWays(*alice, bob, "still", "here", 2000);
-            EXPECT_EQ(transfer.AtB, "still");
-            EXPECT_EQ(transfer.AtA, "here");
+            ExpectCarried(*alice, bob, "still", "here");
             EXPECT_TRUE(alice->HangUp());
         }
     }

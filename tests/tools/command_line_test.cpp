@@ -124,23 +124,20 @@ TEST_F(VirtualTaCommandLine, TheTraceShowsCommandsRepliesAndTheChannelsOfEachCal
     }
     // The faults are spent: the next call stands until a hangs up.
     ASSERT_TRUE(SetUpCall(a, b, "2").Connected);
-    ASSERT_EQ(TransferBothWays(a, b, "12345", "123", 2000).AtA, "123");
+    ExpectCarried(a, b, "12345", "123");
     ASSERT_TRUE(a.HangUp());
 
     const std::string text = ReadWholeFile(trace);
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
+    std::istringstream stream(text);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(stream, line); lines.push_back(line)) {
         // "SECONDS.MMM WHO TEXT"
         const size_t dot = line.find('.');
         ASSERT_NE(dot, std::string::npos) << line;
         EXPECT_EQ(line.find(' '), dot + 4) << line;
     }
-    const auto count = [&text](const std::string& line) {
-        size_t found = 0;
-        for (size_t at = text.find(line); at != std::string::npos; at = text.find(line, at + 1)) {
-            ++found;
-        }
-        return found;
+    const auto count = [&lines](const std::string& text) {
+        return LinesHolding(lines, {text}).size();
     };
     EXPECT_EQ(count("AIMUX 64K to AIMUX 64K, 1 channel, 8000 bytes/s each way"), 2u) << text;
     EXPECT_EQ(count("AIMUX 64K to AIMUX 64K, 2 channels, 16000 bytes/s each way"), 2u) << text;

@@ -62,6 +62,12 @@ Transfer TransferBothWays(FarEnd& a, FarEnd& b, const std::string& aToB, const s
     return result;
 }
 
+void ExpectCarried(FarEnd& a, FarEnd& b, const std::string& aToB, const std::string& bToA) {
+    const Transfer transfer = TransferBothWays(a, b, aToB, bToA, 3000);
+    EXPECT_EQ(transfer.AtB, aToB);
+    EXPECT_EQ(transfer.AtA, bToA);
+}
+
 CallSetUp SetUpCall(FarEnd& caller, FarEnd& answerer, const std::string& dialString) {
     CallSetUp result;
     caller.Send("ATD" + dialString + "\r");
@@ -101,9 +107,7 @@ void CallEachWay(FarEnd& alice, FarEnd& bob, const std::string& bobsNumber,
     ASSERT_TRUE(call.Connected) << call.AtCaller << " / " << call.AtAnswerer;
     EXPECT_EQ(call.AtAnswerer, "\r\nRING\r\nATA\r\r\nCONNECT 115200\r\n");
     EXPECT_EQ(call.AtCaller, "ATD" + callBack + "\r\r\nRINGING\r\n\r\nCONNECT 115200\r\n");
-    const Transfer back = TransferBothWays(bob, alice, "to alice", "to bob", 2000);
-    EXPECT_EQ(back.AtB, "to alice");
-    EXPECT_EQ(back.AtA, "to bob");
+    ExpectCarried(bob, alice, "to alice", "to bob");
     bob.Send("last words");
     ASSERT_TRUE(bob.HangUp());
     EXPECT_EQ(alice.ReceiveUntil("NO CARRIER\r\n", 3000), "last words\r\nNO CARRIER\r\n");

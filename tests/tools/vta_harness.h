@@ -39,6 +39,10 @@ struct Transfer {
 Transfer TransferBothWays(FarEnd& a, FarEnd& b, const std::string& aToB, const std::string& bToA,
                           int timeoutMs);
 
+// Sends aToB into a and bToA into b at once: each arrives at the other end
+// unchanged, and nothing more within the transfer.
+void ExpectCarried(FarEnd& a, FarEnd& b, const std::string& aToB, const std::string& bToA);
+
 // The caller dials the number and the answerer answers its RING with ATA.
 // The texts each port showed, up to and including its CONNECT line, are
 // returned; empty texts if no CONNECT came.
