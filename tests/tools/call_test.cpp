@@ -10,23 +10,19 @@
 
 namespace {
 
+// Alice, Bob, Carol, whose line is unplugged, and Dave. A caller gives up
+// after three seconds of ringing.
 class VirtualTaCalls : public VirtualTaTest {
 protected:
-    void StartFour(const std::vector<std::string>& extra = {}) {
-        std::vector<std::string> arguments = {"--rate",
-                                              "0",
-                                              folder_ / "alice=bitsurfr:5551001",
-                                              folder_ / "bob=zyxel-2864:5551002",
-                                              folder_ / "carol=3com:5551003,no-dialtone",
-                                              folder_ / "dave=adtran-xr:5551004"};
-        arguments.insert(arguments.end(), extra.begin(), extra.end());
-        Start(arguments);
+    void SetUp() override {
+        Start({"--rate", "0", "--answer-wait", "3", folder_ / "alice=bitsurfr:5551001",
+               folder_ / "bob=zyxel-2864:5551002", folder_ / "carol=3com:5551003,no-dialtone",
+               folder_ / "dave=adtran-xr:5551004"});
     }
 };
 
 // Bob calls Alice back with carrier codes and a second number.
 TEST_F(VirtualTaCalls, CallsEachWayReportEachEndsOwnPortSpeed) {
-    StartFour();
     CallEachWay(Port("alice"), Port("bob"), "5551002", "102885551001+102885551001", "from alice",
                 "from bob");
 }
@@ -34,7 +30,6 @@ TEST_F(VirtualTaCalls, CallsEachWayReportEachEndsOwnPortSpeed) {
 // While Alice and Bob are in a call, Dave and Carol (whose line is unplugged)
 // dial: each failure rings nobody, and leaves the call undisturbed.
 TEST_F(VirtualTaCalls, AFailedDialGivesItsResultAfterADelayAndRingsNobody) {
-    StartFour();
     FarEnd& alice = Port("alice");
     FarEnd& bob = Port("bob");
     FarEnd& carol = Port("carol");
@@ -52,8 +47,7 @@ TEST_F(VirtualTaCalls, AFailedDialGivesItsResultAfterADelayAndRingsNobody) {
     ExpectCarried(alice, bob, "still", "here");
 }
 
-TEST_F(VirtualTaCalls, ABlankOrAnATHBreaksADialOffWithOneNoCarrier) {
-    StartFour();
+TEST_F(VirtualTaCalls, ABlankOrAnATHOrTheCallersGivingUpEndsADialWithOneNoCarrier) {
     FarEnd& alice = Port("alice");
     FarEnd& bob = Port("bob");
     alice.Send("ATD5551002\r");
@@ -78,12 +72,8 @@ TEST_F(VirtualTaCalls, ABlankOrAnATHBreaksADialOffWithOneNoCarrier) {
     EXPECT_EQ(alice.ReceiveUntil("NO CARRIER\r\n", 1000),
               "ATD5551002\r\r\nRINGING\r\n\r\nNO CARRIER\r\n");
     EXPECT_EQ(bob.ReceiveFor(300), "") << "no more rings";
-}
 
-TEST_F(VirtualTaCalls, ARingRepeatsEveryTwoSecondsUntilTheCallerGivesUp) {
-    StartFour({"--answer-wait", "3"});
-    FarEnd& alice = Port("alice");
-    FarEnd& bob = Port("bob");
+    // Unanswered, the ring repeats every two seconds until the caller gives up.
     const uint32_t start = NowMs();
     alice.Send("ATD5551002\r");
     const std::string atAlice = alice.ReceiveUntil("NO CARRIER\r\n", 5000);
@@ -97,7 +87,6 @@ TEST_F(VirtualTaCalls, ARingRepeatsEveryTwoSecondsUntilTheCallerGivesUp) {
 }
 
 TEST_F(VirtualTaCalls, AnAdapterAnswersByItselfOnlyWhenToldTo) {
-    StartFour();
     FarEnd& alice = Port("alice");
     FarEnd& dave = Port("dave");
     EXPECT_EQ(dave.Command("ATS0=1"), "ATS0=1\r\r\nOK\r\n");
@@ -127,7 +116,6 @@ TEST_F(VirtualTaCalls, AnAdapterAnswersByItselfOnlyWhenToldTo) {
 // sent; with &D0 it goes on. Either way the port opened again, or at its
 // speed again, finds the adapter in command mode and nothing stale.
 TEST_F(VirtualTaCalls, DroppingDtrEndsTheCallUnlessTheAdapterIgnoresIt) {
-    StartFour();
     FarEnd& bob = Port("bob");
     const struct {
         const char* Setting;
