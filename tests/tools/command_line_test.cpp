@@ -57,15 +57,12 @@ TEST_F(VirtualTaCommandLine, BadArgumentsGiveOneLineAndExit2) {
         {"--route", "5552000=a:1", "--route", "5552000=b:2", good},
     };
     for (const auto& arguments : cases) {
-        std::string shown;
-        for (const auto& argument : arguments) {
-            shown += argument + " ";
-        }
+        SCOPED_TRACE(testing::PrintToString(arguments));
         ChildProcess run(VIRTUAL_TA_PATH, arguments, "", ChildProcess::Errors::Kept);
-        EXPECT_EQ(run.WaitForExit(10s), 2) << shown;
-        EXPECT_TRUE(run.AllLines().empty()) << shown;
+        EXPECT_EQ(run.WaitForExit(10s), 2);
+        EXPECT_TRUE(run.AllLines().empty());
         const std::string errors = run.ErrorText();
-        EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 1) << shown << errors;
+        EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 1) << errors;
         EXPECT_EQ(errors.rfind("virtual-ta: ", 0), 0u) << errors;
     }
     EXPECT_FALSE(IsLink(folder_ / "COM1")) << "no link is left by a refused start";
@@ -75,14 +72,10 @@ TEST_F(VirtualTaCommandLine, BadArgumentsGiveOneLineAndExit2) {
 TEST_F(VirtualTaCommandLine, HelpDescribesTheAdapters) {
     ChildProcess run(VIRTUAL_TA_PATH, {"--help"});
     EXPECT_EQ(run.WaitForExit(10s), 0);
-    std::string text;
-    for (const std::string& line : run.AllLines()) {
-        text += line + "\n";
-    }
     for (const char* word :
          {"PATH=FAMILY:NUMBER", "bitsurfr", "adtran-xrt", "zyxel-ta128", "3com", "max-speed=N",
           "dip230400", "no-dialtone", "--rate", "--fault", "--trace"}) {
-        EXPECT_NE(text.find(word), std::string::npos) << word;
+        EXPECT_FALSE(LinesHolding(run.AllLines(), {word}).empty()) << word;
     }
 }
 
