@@ -107,8 +107,6 @@ TEST_F(VirtualTaDataMode, AnEscapeNeedsSilenceAroundItAndHoldsTheFarEndsDataUnti
     EXPECT_EQ(alice_->Command("ATH"), "ATH\r\r\nOK\r\n");
     // Bob gets all of Alice's data, no "+", and NO CARRIER behind it.
     EXPECT_EQ(bob_->ReceiveUntil("NO CARRIER\r\n", 2000), data + "\r\nNO CARRIER\r\n");
-    EXPECT_EQ(bob_->Command("AT"), "AT\r\r\nOK\r\n") << "Bob is in command mode";
-    EXPECT_EQ(alice_->Command("AT"), "AT\r\r\nOK\r\n");
 }
 
 TEST_F(VirtualTaDataMode, FaultsActAtTheirOffsetsOnceAndInOrder) {
@@ -240,10 +238,8 @@ TEST_F(VirtualTaLineRate, TwoChannelsNeedBothEndsAnd56KCarriesSevenEighths) {
                 TransferBothWays(*ports_[2 * i], *ports_[2 * i + 1], sent[i], sent[i], 10000);
         });
     }
-    for (std::thread& line : lines) {
-        line.join();
-    }
     for (size_t i = 0; i < std::size(calls); ++i) {
+        lines[i].join();
         SCOPED_TRACE(calls[i].Why);
         EXPECT_TRUE(transfers[i].AtB == sent[i]);
         EXPECT_TRUE(transfers[i].AtA == sent[i]);
