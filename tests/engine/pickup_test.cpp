@@ -1,4 +1,4 @@
-// Pick-up folders: the caller of a retrieve and the holder's answers, and the
+// Pick-up folders: the holder's answers to a retrieve, and the
 // hot folder that goes out once it has stopped changing.
 
 #include <gtest/gtest.h>
@@ -70,23 +70,6 @@ protected:
 };
 
 }  // namespace
-
-TEST_F(PickUpTest, TheCallerOfARetrieveAsksAndTakesNoForAnAnswer) {
-    std::memset(LocalNumber, 0, sizeof LocalNumber);
-    std::memcpy(LocalNumber, "5551234", 7);
-    TheEngine.RetrievePending = true;
-    ConnectAsCaller();
-    Send("RCVCON\r\n");
-    EXPECT_EQ(Take(10 + 32), Request("5551234"));
-    // This end is the receiver now, and its watchdog runs.
-    ASSERT_TRUE(WaitUntil([] { return !TheEngine.WeSend.load(); }));
-    Send("NOFILEAVAIL\r\n");
-    AnswerHangUp();
-    EXPECT_TRUE(WaitForLog("No files to be retrieved."));
-    EXPECT_TRUE(WaitForState(LinkIdle));
-    // The retrieve is over: a correspondent's own request is answered again.
-    EXPECT_FALSE(TheEngine.RetrievePending.load());
-}
 
 // Unknown and too short numbers (NOFILEDIR) are the end-to-end tests'; here
 // the holder's state after a folder that holds nothing to send.
