@@ -1,5 +1,6 @@
-// Pick-up folders: the caller of a retrieve and the holder's answers, and the
-// hot folder that goes out once it has stopped changing.
+// Pick-up folders: the holder's answers to a retrieve, and the hot folder that
+// goes out once it has stopped changing. The folder put on the send list and
+// its files on the wire are the stations' pick-up tests'.
 
 #include <gtest/gtest.h>
 
@@ -7,7 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "engine/display.h"
 #include "engine/pickup.h"
 #include "engine_harness.h"
 #include "line/profiles.h"
@@ -15,15 +15,6 @@
 #include "stores/directory.h"
 
 namespace {
-
-// Notes the folders that the engine puts on the send list.
-class FolderWindow : public NoWindow {
-public:
-    void AddFolderToSendList(const std::string& path, const std::string& name) override {
-        Folders.push_back(path + "," + name);
-    }
-    std::vector<std::string> Folders;
-};
 
 class PickUpTest : public EngineHarness {
 protected:
@@ -34,10 +25,8 @@ protected:
         DirectoryCount = 0;
     }
     void TearDown() override {
-        // The communications thread reads the directory and the window until
-        // it has stopped.
+        // The communications thread reads the directory until it has stopped.
         EngineHarness::TearDown();
-        TheMainWindow = nullptr;
         std::memset(Directory, 0, sizeof Directory);
         DirectoryCount = 0;
     }
@@ -65,28 +54,9 @@ protected:
     static std::string Request(const std::string& number) {
         return "RETRIEVE\r\n" + number + std::string(32 - number.size(), '\0');
     }
-
-    FolderWindow window_;
 };
 
 }  // namespace
-
-TEST_F(PickUpTest, TheCallerOfARetrieveAsksAndTakesNoForAnAnswer) {
-    std::memset(LocalNumber, 0, sizeof LocalNumber);
-    std::memcpy(LocalNumber, "5551234", 7);
-    TheEngine.RetrievePending = true;
-    ConnectAsCaller();
-    Send("RCVCON\r\n");
-    EXPECT_EQ(Take(10 + 32), Request("5551234"));
-    // This end is the receiver now, and its watchdog runs.
-    ASSERT_TRUE(WaitUntil([] { return !TheEngine.WeSend.load(); }));
-    Send("NOFILEAVAIL\r\n");
-    AnswerHangUp();
-    EXPECT_TRUE(WaitForLog("No files to be retrieved."));
-    EXPECT_TRUE(WaitForState(LinkIdle));
-    // The retrieve is over: a correspondent's own request is answered again.
-    EXPECT_FALSE(TheEngine.RetrievePending.load());
-}
 
 // Unknown and too short numbers (NOFILEDIR) are the end-to-end tests'; here
 // the holder's state after a folder that holds nothing to send.
@@ -106,13 +76,8 @@ TEST_F(PickUpTest, TheHolderAnswersARequestForAnEmptyFolderAndStaysTheReceiver) 
 }
 
 TEST_F(PickUpTest, AHotFolderGoesOutOnceItsTotalHasStoodStill) {
-    TheMainWindow = &window_;
     AddRecord("Hot", "123", true, {"one.txt", "three.txt"});
-    uint32_t total = 0;
-    EXPECT_EQ(ScanPickUpFolder(0, total), 2);
-    EXPECT_EQ(total, 16u);
-
-    EXPECT_EQ(HotFolderDue(), -1);  // the total is noted
+    EXPECT_EQ(HotFolderDue(), -1);  // the total of the two files is noted
     EXPECT_EQ(Directory[0].HotBytes, 16u);
     // During a call nothing is looked at, and nothing goes out.
     TheEngine.LinkState = LinkConnected;
@@ -126,8 +91,6 @@ TEST_F(PickUpTest, AHotFolderGoesOutOnceItsTotalHasStoodStill) {
     EXPECT_EQ(Directory[0].HotBytes, 16u);
     EXPECT_EQ(HotFolderDue(), 0);  // unchanged since the last look: it goes out
     EXPECT_EQ(Directory[0].HotBytes, 0u);
-    LoadPickUpFolder(0);
-    EXPECT_EQ(window_.Folders, std::vector<std::string>{PickUpPath + "/Hot,Hot"});
     EXPECT_TRUE(Messages().empty());
     // A record without a number is not dialled.
     SendHotFolder(CallRequest{});

@@ -155,19 +155,6 @@ TEST_F(CommPortTest, DrainReturnsOnlyAfterTheLineHasBeenQuiet) {
     EXPECT_EQ(PortQueueCount(PortQueue::Input), 0u);
 }
 
-TEST_F(CommPortTest, PurgeEmptiesTheInputAndSpeedChangesReachTheDevice) {
-    far_.Send("stale reply\r\n");
-    ASSERT_EQ(WaitForPortInput(2000), WaitResult::Input);
-    EXPECT_GT(PortQueueCount(PortQueue::Input), 0u);
-    PurgePort();
-    EXPECT_EQ(PortQueueCount(PortQueue::Input), 0u);
-
-    EXPECT_TRUE(SetPortSpeed(230400));
-    EXPECT_EQ(far_.Speed(), 230400u);
-    EXPECT_FALSE(SetPortSpeed(250000)) << "a speed the device cannot take";
-    EXPECT_EQ(far_.Speed(), 230400u);
-}
-
 TEST_F(CommPortTest, CloseTwiceAndASecondOpenOfABusyPortFailQuietly) {
     // Another program holds the port: this one gets 0 and no message.
     SerialDevice other;

@@ -10,6 +10,7 @@
 #include "stores/paths.h"
 #include "stores/preferences.h"
 #include "stores/status_log.h"
+#include "support/installation.h"
 
 std::string Joined(const std::vector<std::string>& lines) {
     std::string all;
@@ -98,9 +99,7 @@ void LineTest::SetUp() {
     ASSERT_TRUE(CommPortCreate());
     // A port with nothing linked would be a real /dev/ttyS*: every port of
     // the installation is a plain file until a test attaches an adapter.
-    for (int port = 1; port <= 4; ++port) {
-        NoDeviceAt(port);
-    }
+    BlockPorts(root_.Path());
 }
 
 void LineTest::TearDown() {
@@ -115,10 +114,6 @@ ScriptedAdapter& LineTest::Attach(int port, ScriptedAdapter::Responder responder
     adapters_.push_back(std::make_unique<ScriptedAdapter>(std::move(responder)));
     adapters_.back()->Far().LinkAs(root_.Path(), port);
     return *adapters_.back();
-}
-
-void LineTest::NoDeviceAt(int port) {
-    WriteWholeFile(root_ / ("COM" + std::to_string(port)), "not a port");
 }
 
 void LineTest::OpenPort(int port, uint32_t speed) {

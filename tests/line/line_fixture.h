@@ -46,8 +46,6 @@ protected:
 
     // Plays an adapter on port n of the installation.
     ScriptedAdapter& Attach(int port, ScriptedAdapter::Responder responder);
-    // Makes port n a plain file: a port that cannot be opened, found at once.
-    void NoDeviceAt(int port);
     // Opens port n at the speed with RTS/CTS, as the program has it after a find.
     void OpenPort(int port, uint32_t speed);
 

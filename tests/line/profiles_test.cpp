@@ -44,7 +44,8 @@ struct NumberCase {
     std::string Number;
 };
 
-// Every family's caption for a plain number is also the detection tests'.
+// Every family's caption for a plain number is the detection tests'; here the
+// zeros behind a number and the replies that give none.
 TEST_F(ProfileTest, EachFamilysNumberIsReadAsItWritesIt) {
     const std::string longNumber = "1234567890123456789012345678901234567890";
     const NumberCase cases[] = {
@@ -55,20 +56,14 @@ TEST_F(ProfileTest, EachFamilysNumberIsReadAsItWritesIt) {
         {"BitSURFR with a blank behind the digits", ModelBitSURFR, 0, "AT!N1?",
          "AT!N1?\r\r\n5552001 \r\nOK\r\n", std::string("Your ISDN Number: ") + "     BitSURFR Pro",
          ""},
-        {"AdTran XRT", ModelAdTran, 1, "ATSS63?", "ATSS63?\r\r\n5552063\r\n\r\nOK\r\n",
-         "Your ISDN Number: 5552063     AdTran Express XRT", "5552063"},
         {"AdTran with a number too long", ModelAdTran, 0, "ATSS62?",
          "ATSS62?\r\r\n" + longNumber + "\r\n\r\nOK\r\n",
          "Your ISDN Number: " + longNumber.substr(0, 31) + "     AdTran Express XR",
          longNumber.substr(0, 31)},
-        {"Elite 2864i", ModelZyXEL, 1, "AT&ZI?", "AT&ZI?\r\r\nISDN (MultiAuto):(5552864)\r\nOK\r\n",
-         "Your ISDN Number: 5552864     ZyXEL Elite 2864i", "5552864"},
         {"ZyXEL without the mark", ModelZyXEL, 1, "AT&ZI?",
          "AT&ZI?\r\r\n(Multi):(5552864)\r\nOK\r\n", "", ""},
         {"ZyXEL without the closing bracket", ModelZyXEL, 1, "AT&ZI?",
          "AT&ZI?\r\r\n(MultiAuto):(5552864\r\nOK\r\n", "", ""},
-        {"3Com", Model3Com, 0, "ATS51?", "ATS51?\r\r\n5553882\r\n\r\nOK\r\n",
-         "Your ISDN Number: 5553882     3ComImpact IQ", "5553882"},
         {"3Com with no CR behind the number", Model3Com, 0, "ATS51?", "ATS51?OK\r\n", "", ""},
     };
     ScriptedAdapter& adapter = Attach(1, RespondAs(AdapterScript{}));

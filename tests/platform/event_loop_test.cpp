@@ -1,3 +1,7 @@
+// The main loop's order of posted work and its timers after a long hold.
+// That a timer repeats, and stops when killed in its own handler, the
+// stations' hot-folder test (two looks) and the program's start test (one
+// search) see.
 #include "platform/event_loop.h"
 
 #include <gtest/gtest.h>
@@ -26,30 +30,6 @@ TEST(EventLoop, PostedWorkRunsInOrderOnTheLoopThread) {
     }
     EXPECT_TRUE(onLoop.load());
     EXPECT_FALSE(loop.OnLoopThread());
-}
-
-TEST(EventLoop, TimersTickUntilKilledAndAOneShotKillsItself) {
-    EventLoop loop;
-    std::atomic<int> repeating{0};
-    std::atomic<int> oneShot{0};
-    loop.SetTimerHandler([&](int id) {
-        if (id == 4) {
-            loop.KillTimer(4);  // one-shot: killed first thing
-            oneShot.fetch_add(1);
-        } else if (id == 5) {
-            if (repeating.fetch_add(1) + 1 == 3) {
-                loop.KillTimer(5);
-                loop.Post([&] { loop.Quit(); });
-            }
-        }
-    });
-    loop.SetTimer(4, 1);
-    loop.SetTimer(5, 20);
-    loop.Run();
-    EXPECT_EQ(oneShot.load(), 1);
-    EXPECT_EQ(repeating.load(), 3);
-    EXPECT_FALSE(loop.TimerRunning(4));
-    EXPECT_FALSE(loop.TimerRunning(5));
 }
 
 TEST(EventLoop, WorkThatHoldsTheLoopDelaysTimersWithoutABurst) {
