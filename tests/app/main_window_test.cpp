@@ -199,7 +199,7 @@ TEST_F(MainWindowTest, TheAboutBoxOfTheMenuNeitherClosesByItselfNorSearches) {
     EXPECT_FALSE(MainLoop().TimerRunning(TimerFindAdapter));
 }
 
-TEST_F(MainWindowTest, TheLogKeeps600LinesAndThe601stLeaves301) {
+TEST_F(MainWindowTest, TheLogKeeps600LinesThe601stLeaves301AndClearLogLeavesOnlyStopping) {
     const size_t start = RowTexts(IDC_LOG).size();
     ASSERT_EQ(start, 1u);  // the Starting line
     for (size_t i = start; i < 600; ++i) {
@@ -214,10 +214,8 @@ TEST_F(MainWindowTest, TheLogKeeps600LinesAndThe601stLeaves301) {
     EXPECT_EQ(rows.back(), "line 600");
     EXPECT_EQ(window_->LogLines(), rows);
     EXPECT_EQ(Controls().Selection(IDC_LOG), -1);
-}
 
-TEST_F(MainWindowTest, ClearLogEmptiesTheListAndExitLeavesTheStoppingLineFirst) {
-    AddLogLine("an older line");
+    // Clear Log empties the list, and the exit saves only its Stopping line.
     window_->OnClearLog();
     EXPECT_EQ(Controls().RowCount(IDC_LOG), 0);
     StopWindow();

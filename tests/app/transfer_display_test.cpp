@@ -152,39 +152,31 @@ TEST_F(TransferDisplayTest, TheShownRateNeverPassesTheCeiling) {
 }
 
 TEST_F(TransferDisplayTest, ProgressIsComputedInSixtyFourBitsAndShownOnlyDuringATransfer) {
-    window_->SetProgress(50u * 1024 * 1024, 60u * 1024 * 1024);
-    EXPECT_EQ(Controls().Position(IDC_PROGRESS), 83);
-    window_->SetProgress(4000000000u, 4200000000u);
-    EXPECT_EQ(Controls().Position(IDC_PROGRESS), 95);
-    window_->SetProgress(100, 100);
-    EXPECT_EQ(Controls().Position(IDC_PROGRESS), 100);
-    window_->SetProgress(0, 0);
-    EXPECT_EQ(Controls().Position(IDC_PROGRESS), 0);
-    window_->SetProgress(7, 5);
-    EXPECT_EQ(Controls().Position(IDC_PROGRESS), 100);
+    const uint32_t progress[][3] = {{50u << 20, 60u << 20, 83},
+                                    {4000000000u, 4200000000u, 95},
+                                    {100, 100, 100},
+                                    {0, 0, 0},
+                                    {7, 5, 100}};
+    for (const auto& [done, total, position] : progress) {
+        window_->SetProgress(done, total);
+        EXPECT_EQ(Controls().Position(IDC_PROGRESS), static_cast<int>(position)) << done;
+    }
 
-    // The transfer state shows the bar afresh and shuts Clear Log.
-    MeasuredRate = 500;
-    Controls().SetText(IDC_BYTES_SEC, "old");
-    window_->SetProgress(1, 2);
-    window_->ShowTransferDisplay(true);
-    EXPECT_TRUE(Controls().Shown(IDC_PROGRESS));
-    EXPECT_EQ(Controls().Position(IDC_PROGRESS), 0);
-    EXPECT_TRUE(Controls().Enabled(IDC_BYTES_SEC));
-    EXPECT_EQ(Controls().Text(IDC_BYTES_SEC), "");
-    EXPECT_FALSE(Controls().Enabled(IDC_CLEAR_LOG));
-    EXPECT_EQ(MeasuredRate.load(), 0);
-
-    Controls().SetText(IDC_BYTES_SEC, "7000 Bytes/sec");
-    MeasuredRate = 7000;
-    window_->SetProgress(1, 2);
-    window_->ShowTransferDisplay(false);
-    EXPECT_FALSE(Controls().Shown(IDC_PROGRESS));
-    EXPECT_EQ(Controls().Position(IDC_PROGRESS), 0);
-    EXPECT_FALSE(Controls().Enabled(IDC_BYTES_SEC));
-    EXPECT_EQ(Controls().Text(IDC_BYTES_SEC), "7000 Bytes/sec");
-    EXPECT_TRUE(Controls().Enabled(IDC_CLEAR_LOG));
-    EXPECT_EQ(MeasuredRate.load(), 0);
+    // The transfer state shows the bar afresh and shuts Clear Log; its end
+    // hides the bar and leaves the last rate in grey.
+    for (const bool transfer : {true, false}) {
+        SCOPED_TRACE(transfer);
+        MeasuredRate = 7000;
+        Controls().SetText(IDC_BYTES_SEC, "7000 Bytes/sec");
+        window_->SetProgress(1, 2);
+        window_->ShowTransferDisplay(transfer);
+        EXPECT_EQ(Controls().Shown(IDC_PROGRESS), transfer);
+        EXPECT_EQ(Controls().Position(IDC_PROGRESS), 0);
+        EXPECT_EQ(Controls().Enabled(IDC_BYTES_SEC), transfer);
+        EXPECT_EQ(Controls().Text(IDC_BYTES_SEC), transfer ? "" : "7000 Bytes/sec");
+        EXPECT_EQ(Controls().Enabled(IDC_CLEAR_LOG), !transfer);
+        EXPECT_EQ(MeasuredRate.load(), 0);
+    }
 }
 
 TEST_F(TransferDisplayTest, TheElapsedTimeIsLoggedOncePerSession) {

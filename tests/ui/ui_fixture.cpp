@@ -1,13 +1,13 @@
 #include "ui_fixture.h"
 
 #include <QAbstractButton>
+#include <QAbstractItemView>
 #include <QApplication>
 #include <QCheckBox>
 #include <QComboBox>
 #include <QFileDialog>
 #include <QLabel>
 #include <QLineEdit>
-#include <QListWidget>
 #include <QMessageBox>
 #include <QMimeData>
 #include <QProgressBar>
@@ -166,20 +166,16 @@ std::string Text(const QString& text) {
 
 // The rows a list widget shows, as the model's rows are written.
 std::vector<std::string> ShownRows(QWidget* widget) {
+    const auto* box = qobject_cast<QComboBox*>(widget);
+    const auto* view = qobject_cast<QAbstractItemView*>(widget);
+    const auto* tree = qobject_cast<QTreeWidget*>(widget);
+    const QAbstractItemModel* model = box != nullptr ? box->model() : view->model();
     std::vector<std::string> rows;
-    if (auto* list = qobject_cast<QListWidget*>(widget)) {
-        for (int row = 0; row < list->count(); ++row) {
-            rows.push_back(Text(list->item(row)->text()));
-        }
-    } else if (auto* box = qobject_cast<QComboBox*>(widget)) {
-        for (int row = 0; row < box->count(); ++row) {
-            rows.push_back(Text(box->itemText(row)));
-        }
-    } else if (auto* tree = qobject_cast<QTreeWidget*>(widget)) {
-        for (int row = 0; row < tree->topLevelItemCount(); ++row) {
-            const QTreeWidgetItem* item = tree->topLevelItem(row);
-            rows.push_back(Text(item->text(0)) + "|" + Text(item->text(1)) + "|" +
-                           (item->icon(0).isNull() ? "no icon" : "icon"));
+    for (int row = 0; row < model->rowCount(); ++row) {
+        rows.push_back(Text(model->index(row, 0).data().toString()));
+        if (tree != nullptr) {
+            rows.back() += "|" + Text(tree->topLevelItem(row)->text(1)) + "|" +
+                           (tree->topLevelItem(row)->icon(0).isNull() ? "no icon" : "icon");
         }
     }
     return rows;
@@ -195,18 +191,12 @@ std::vector<std::string> ModelRows(const ControlState& state) {
 }
 
 int ShownSelection(QWidget* widget) {
-    if (auto* list = qobject_cast<QListWidget*>(widget)) {
-        const QList<QListWidgetItem*> selected = list->selectedItems();
-        return selected.isEmpty() ? -1 : list->row(selected.first());
-    }
     if (auto* box = qobject_cast<QComboBox*>(widget)) {
         return box->currentIndex();
     }
-    if (auto* tree = qobject_cast<QTreeWidget*>(widget)) {
-        const QList<QTreeWidgetItem*> selected = tree->selectedItems();
-        return selected.isEmpty() ? -1 : tree->indexOfTopLevelItem(selected.first());
-    }
-    return -1;
+    const QModelIndexList selected =
+        qobject_cast<QAbstractItemView*>(widget)->selectionModel()->selectedIndexes();
+    return selected.isEmpty() ? -1 : selected.first().row();
 }
 
 std::string ShownText(QWidget* widget) {
