@@ -131,7 +131,7 @@ protected:
     }
 };
 
-TEST_F(WindowTest, TheSplashClosesByItselfThenEveryWidgetShowsItsControlAndMenu) {
+TEST_F(WindowTest, TheSplashClosesByItselfEnterAndEscapeNeverEndTheProgramTheCloseBoxDoes) {
     // The window comes up, then the splash over it; then the splash goes,
     // and the search runs once.
     ASSERT_TRUE(WaitUntil([&] { return View().About()->isVisible(); }));
@@ -152,9 +152,37 @@ TEST_F(WindowTest, TheSplashClosesByItselfThenEveryWidgetShowsItsControlAndMenu)
         EXPECT_TRUE(View().Page()->rect().contains(widget->geometry())) << place.Id;
     }
     View().grab().save(QString::fromStdString(ScreensFolder() + "/window-without-adapter.png"));
+
+    // Enter and Escape never end the program: in the window, in an edit
+    // field, and in the About box.
+    for (QWidget* target : {static_cast<QWidget*>(&View()), Widget(IDC_NAME)}) {
+        QTest::keyClick(target, Qt::Key_Return);
+        QTest::keyClick(target, Qt::Key_Enter);
+        QTest::keyClick(target, Qt::Key_Escape);
+    }
+    MenuEntry(View(), "&About Kestrelbound...")->trigger();
+    ASSERT_TRUE(WaitUntil([&] { return View().About()->isVisible(); }));
+    QTest::keyClick(View().About(), Qt::Key_Escape);
+    ASSERT_TRUE(WaitUntil([&] { return !View().About()->isVisible(); }));
+    MenuEntry(View(), "&About Kestrelbound...")->trigger();
+    ASSERT_TRUE(WaitUntil([&] { return View().About()->isVisible(); }));
+    QTest::keyClick(View().About(), Qt::Key_Return);
+    ASSERT_TRUE(WaitUntil([&] { return !View().About()->isVisible(); }));
+    // The window still answers, and stays up.
+    EXPECT_EQ(OnMainLoop([] { return ActiveMainWindow() != nullptr; }), true);
+    EXPECT_FALSE(frontEnd_->Ended());
+    EXPECT_TRUE(View().isVisible());
+
+    // The close box ends it, through the orderly stop: the log is saved with
+    // its Stopping line.
+    View().close();
+    ASSERT_TRUE(WaitUntil([&] { return frontEnd_->Ended(); }));
+    EXPECT_FALSE(View().isVisible());
+    EXPECT_NE(ReadWholeFile(folder_ / "kestrelbound_log").find("Stopping Kestrelbound "),
+              std::string::npos);
 }
 
-TEST_F(WindowTest, ChangesMadeOnOtherThreadsReachTheirWidgetsAndNeverWaitForTheGui) {
+TEST_F(WindowTest, WidgetsFollowChangesFromOtherThreadsWithoutWaitingAndNeverUndoTyping) {
     WaitForStart();
     MainWindow* window = nullptr;
     ASSERT_TRUE(OnMainLoop([&] {
@@ -174,7 +202,7 @@ TEST_F(WindowTest, ChangesMadeOnOtherThreadsReachTheirWidgetsAndNeverWaitForTheG
     ASSERT_EQ(calls.wait_for(30s), std::future_status::ready)
         << "a display call waited for the GUI thread";
 
-    const std::vector<std::string> left = WaitForWidgetsToFollow();
+    std::vector<std::string> left = WaitForWidgetsToFollow();
     EXPECT_TRUE(left.empty()) << left.front();
     EXPECT_FALSE(Widget(IDC_PROGRESS)->isHidden());
     EXPECT_EQ(WidgetAs<QProgressBar>(IDC_PROGRESS)->value(), 50);
@@ -183,6 +211,23 @@ TEST_F(WindowTest, ChangesMadeOnOtherThreadsReachTheirWidgetsAndNeverWaitForTheG
     // The newest line has been brought into view.
     EXPECT_TRUE(
         log->viewport()->rect().intersects(log->visualItemRect(log->item(log->count() - 1))));
+
+    // Typing is never undone by the window catching up with it: the window
+    // is busy (as during the search for the adapter) while the user types
+    // on; the model holds only the first letter when the GUI next draws.
+    auto* name = WidgetAs<QLineEdit>(IDC_NAME);
+    name->setFocus();
+    std::promise<void> released;
+    QTest::keyClicks(name, QStringLiteral("B"));
+    ASSERT_TRUE(WaitUntil([] { return Controls().Text(IDC_NAME) == "B"; }));
+    MainLoop().Post([release = released.get_future().share()] { release.wait(); });
+    QTest::keyClicks(name, QStringLiteral("ob"));
+    QCoreApplication::processEvents();
+    EXPECT_EQ(name->text().toStdString(), "Bob");
+    released.set_value();
+    ASSERT_TRUE(WaitUntil([] { return Controls().Text(IDC_NAME) == "Bob"; }));
+    left = WaitForWidgetsToFollow();
+    EXPECT_TRUE(left.empty()) << left.front();
 }
 
 TEST_F(WindowTest, TypingClicksKeysChoicesAndMenusReachTheWindowWhichDecides) {
@@ -275,30 +320,6 @@ TEST_F(WindowTest, TypingClicksKeysChoicesAndMenusReachTheWindowWhichDecides) {
     EXPECT_TRUE(left.empty()) << left.front();
 }
 
-TEST_F(WindowTest, TypingIsNeverUndoneByTheWindowCatchingUpWithIt) {
-    WaitForStart();
-    auto* name = WidgetAs<QLineEdit>(IDC_NAME);
-    name->setFocus();
-    // The window is busy (as during the search for the adapter) while the
-    // user types on; the model holds only the first letter when the GUI next
-    // draws.
-    std::promise<void> released;
-    const auto holdTheWindow = [&] {
-        std::shared_future<void> release = released.get_future().share();
-        MainLoop().Post([release] { release.wait(); });
-    };
-    QTest::keyClicks(name, QStringLiteral("B"));
-    ASSERT_TRUE(WaitUntil([] { return Controls().Text(IDC_NAME) == "B"; }));
-    holdTheWindow();
-    QTest::keyClicks(name, QStringLiteral("ob"));
-    QCoreApplication::processEvents();
-    EXPECT_EQ(name->text().toStdString(), "Bob");
-    released.set_value();
-    ASSERT_TRUE(WaitUntil([] { return Controls().Text(IDC_NAME) == "Bob"; }));
-    const std::vector<std::string> left = WaitForWidgetsToFollow();
-    EXPECT_TRUE(left.empty()) << left.front();
-}
-
 TEST_F(WindowTest, FilesDroppedOnTheFileListSendAndTheDirectoryList) {
     WaitForStart();
     const std::string first = MakeFile("first.txt", 10);
@@ -353,36 +374,6 @@ TEST_F(WindowTest, FilesDroppedOnTheFileListSendAndTheDirectoryList) {
     const std::vector<std::string> left = WaitForWidgetsToFollow();
     EXPECT_TRUE(left.empty()) << left.front();
     View().grab().save(QString::fromStdString(ScreensFolder() + "/window-with-files.png"));
-}
-
-TEST_F(WindowTest, EnterAndEscapeNeverEndTheProgramAndTheCloseBoxEndsItInOrder) {
-    WaitForStart();
-    // In the window, in an edit field, and in the About box.
-    for (QWidget* target : {static_cast<QWidget*>(&View()), Widget(IDC_NAME)}) {
-        QTest::keyClick(target, Qt::Key_Return);
-        QTest::keyClick(target, Qt::Key_Enter);
-        QTest::keyClick(target, Qt::Key_Escape);
-    }
-    MenuEntry(View(), "&About Kestrelbound...")->trigger();
-    ASSERT_TRUE(WaitUntil([&] { return View().About()->isVisible(); }));
-    QTest::keyClick(View().About(), Qt::Key_Escape);
-    ASSERT_TRUE(WaitUntil([&] { return !View().About()->isVisible(); }));
-    MenuEntry(View(), "&About Kestrelbound...")->trigger();
-    ASSERT_TRUE(WaitUntil([&] { return View().About()->isVisible(); }));
-    QTest::keyClick(View().About(), Qt::Key_Return);
-    ASSERT_TRUE(WaitUntil([&] { return !View().About()->isVisible(); }));
-    // The window still answers, and stays up.
-    EXPECT_EQ(OnMainLoop([] { return ActiveMainWindow() != nullptr; }), true);
-    EXPECT_FALSE(frontEnd_->Ended());
-    EXPECT_TRUE(View().isVisible());
-
-    // The close box ends it, through the orderly stop: the log is saved with
-    // its Stopping line.
-    View().close();
-    ASSERT_TRUE(WaitUntil([&] { return frontEnd_->Ended(); }));
-    EXPECT_FALSE(View().isVisible());
-    const std::string log = ReadWholeFile(folder_ / "kestrelbound_log");
-    EXPECT_NE(log.find("Stopping Kestrelbound "), std::string::npos);
 }
 
 }  // namespace
