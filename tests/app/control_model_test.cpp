@@ -10,10 +10,10 @@
 
 namespace {
 
-ControlState ListBox(int id) {
+ControlState Control(int id, ControlKind kind = ControlKind::ListBox) {
     ControlState state;
     state.Id = id;
-    state.Kind = ControlKind::ListBox;
+    state.Kind = kind;
     return state;
 }
 
@@ -25,11 +25,8 @@ ControlState ListBox(int id) {
 // writer ever waits for a listener that waits for it.
 TEST(ControlModel, ListenersThatReadTheModelSeeItsOrderAndNeverDeadlockWithWriters) {
     ControlModel model;
-    model.Create(ListBox(7));
-    ControlState edit;
-    edit.Id = 8;
-    edit.Kind = ControlKind::Edit;
-    model.Create(edit);
+    model.Create(Control(7));
+    model.Create(Control(8, ControlKind::Edit));
     std::mutex seenLock;
     std::vector<std::string> seen;
     std::atomic<int> announced{0};
@@ -71,11 +68,8 @@ TEST(ControlModel, ListenersThatReadTheModelSeeItsOrderAndNeverDeadlockWithWrite
 
 TEST(ControlModel, ListenerMayChangeTheModelAndRemovalWaitsForDelivery) {
     ControlModel model;
-    ControlState edit;
-    edit.Id = 1;
-    edit.Kind = ControlKind::Edit;
-    model.Create(edit);
-    model.Create(ListBox(2));
+    model.Create(Control(1, ControlKind::Edit));
+    model.Create(Control(2));
     // A listener that reacts to a text change by adding a row, as a window's
     // handler of an edit notification would.
     const int handle = model.AddListener([&](const ControlEvent& event) {
@@ -117,9 +111,9 @@ TEST(ControlModel, ListenerMayChangeTheModelAndRemovalWaitsForDelivery) {
     model.RemoveListener(handle);
 }
 
-TEST(ControlModel, SelectionFollowsRowsThatComeAndGo) {
+TEST(ControlModel, SelectionFollowsRowsThatComeAndGoAndUnknownControlsAreHarmless) {
     ControlModel model;
-    model.Create(ListBox(3));
+    model.Create(Control(3));
     for (const char* text : {"a", "b", "c", "d"}) {
         model.AddRow(3, {text, "", 0});
     }
@@ -138,10 +132,7 @@ TEST(ControlModel, SelectionFollowsRowsThatComeAndGo) {
     model.DeleteFirstRows(3, 5);
     EXPECT_EQ(model.RowCount(3), 0);
     EXPECT_EQ(model.RowText(3, 0), "");
-}
 
-TEST(ControlModel, UnknownControlsAreHarmless) {
-    ControlModel model;
     model.SetText(99, "x");
     model.AddRow(99, {"x", "", 0});
     model.Select(99, 0);

@@ -1,6 +1,8 @@
-// The controls that reach past the window: the pick-up folder's buttons, the
-// incoming folder, help, the program buttons, exported entries going out and
-// coming in; and what a name or an entry from someone else may never reach.
+// The directory panel and the controls that reach past the window: records
+// made, changed, shown and removed with the file and the pick-up folders
+// behind them, the pick-up folder's buttons, the incoming folder, help, the
+// program buttons, exported entries going out and coming in; and what a name
+// or an entry from someone else may never reach.
 
 #include <gtest/gtest.h>
 
@@ -63,6 +65,88 @@ protected:
 
     RecordingDesktop desktop_;
 };
+
+TEST_F(DesktopControlsTest, AddedRecordsStandInByteOrderAndTheNewOneIsOnShow) {
+    EXPECT_FALSE(Controls().Enabled(IDC_ADD));
+    Type(IDC_NAME, "alpha");
+    EXPECT_FALSE(Controls().Enabled(IDC_ADD));
+    Type(IDC_NUMBER, "555");
+    EXPECT_TRUE(Controls().Enabled(IDC_ADD));
+    Controls().Check(IDC_56K, true);
+    Controls().Select(IDC_CARRIER, 2);
+    ASSERT_TRUE(Press(IDC_ADD).Done);
+    AddRecord("Zeta", "666");
+
+    EXPECT_EQ(RowTexts(IDC_DIRECTORY_LIST), (std::vector<std::string>{"Zeta", "alpha"}));
+    EXPECT_EQ(Controls().Selection(IDC_DIRECTORY_LIST), 0);
+    EXPECT_EQ(window_->CurrentEntry(), 0);
+    EXPECT_EQ(ReadWholeFile(DirectoryPath).substr(0, 2), std::string("\x02\0", 2));
+    EXPECT_EQ(FieldText(Directory[1].FirmName), "alpha");
+    EXPECT_EQ(Directory[1].Use56K, 1);
+    EXPECT_EQ(Directory[1].Carrier, 2);
+    EXPECT_EQ(Directory[1].HasPickUp, 0);
+    // A new record shows the button that makes its pick-up folder.
+    EXPECT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
+    EXPECT_FALSE(Controls().Shown(IDC_HOT_SEND));
+
+    // Choosing a record shows it and opens Change, Delete and New.
+    Choose(IDC_DIRECTORY_LIST, 1);
+    EXPECT_EQ(window_->CurrentEntry(), 1);
+    EXPECT_EQ(Controls().Text(IDC_NAME), "alpha");
+    EXPECT_EQ(Controls().Text(IDC_NUMBER), "555");
+    EXPECT_TRUE(Controls().Checked(IDC_56K));
+    EXPECT_EQ(Controls().Selection(IDC_CARRIER), 2);
+    for (int id : {IDC_ADD, IDC_CHANGE, IDC_DELETE, IDC_NEW}) {
+        EXPECT_TRUE(Controls().Enabled(id)) << ControlName(id);
+    }
+    // The contact form changes a record and never adds or deletes one.
+    Choose(IDC_FORM, 1);
+    EXPECT_FALSE(Controls().Enabled(IDC_DELETE));
+    Type(IDC_NAME, "A contact");
+    Type(IDC_NUMBER, "1");
+    EXPECT_FALSE(Controls().Enabled(IDC_ADD));
+    Choose(IDC_FORM, 0);
+    // New empties the form.
+    Press(IDC_NEW);
+    EXPECT_EQ(Controls().Text(IDC_NAME), "");
+    EXPECT_EQ(window_->CurrentEntry(), -1);
+    EXPECT_EQ(Controls().Selection(IDC_DIRECTORY_LIST), -1);
+    for (int id : {IDC_ADD, IDC_CHANGE, IDC_DELETE, IDC_NEW}) {
+        EXPECT_FALSE(Controls().Enabled(id)) << ControlName(id);
+    }
+}
+
+TEST_F(DesktopControlsTest, TheFolderButtonTellsTheStateOfThePickUpFolder) {
+    AddRecord("Smith", "555");
+    Directory[0].HasPickUp = 1;
+    Directory[0].HotSend = 1;
+    ASSERT_TRUE(CreateFolder(PickUpPath + "/Smith"));
+    window_->ShowCorrespondent(0);
+    EXPECT_TRUE(Controls().Shown(IDC_HOT_EMPTY));
+    EXPECT_TRUE(Controls().Checked(IDC_HOT_SEND));
+    EXPECT_FALSE(Controls().Checked(IDC_HOT_RETRIEVE));
+    WriteWholeFile(PickUpPath + "/Smith/waiting", "data");
+    window_->ShowCorrespondent(0);
+    EXPECT_TRUE(Controls().Shown(IDC_HOT_FILLED));
+    EXPECT_FALSE(Controls().Shown(IDC_HOT_EMPTY));
+    Directory[0].HotSend = 0;
+    window_->ShowCorrespondent(0);
+    EXPECT_TRUE(Controls().Shown(IDC_FOLDER_FILLED));
+
+    // A folder removed by hand: the record has none from then on.
+    ASSERT_TRUE(DeleteFileAt(PickUpPath + "/Smith/waiting"));
+    ASSERT_TRUE(RemoveFolder(PickUpPath + "/Smith/Sent Files"));
+    ASSERT_TRUE(RemoveFolder(PickUpPath + "/Smith"));
+    window_->ShowCorrespondent(0);
+    EXPECT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
+    EXPECT_FALSE(Controls().Shown(IDC_HOT_SEND));
+    EXPECT_EQ(Directory[0].HasPickUp, 0);
+    Choose(IDC_DIRECTORY_LIST, 0);
+    Press(IDC_DELETE);
+    EXPECT_EQ(DirectoryCount.load(), 0);
+    EXPECT_EQ(ReadWholeFile(DirectoryPath).substr(0, 2), std::string(2, '\0'));
+    EXPECT_EQ(Controls().RowCount(IDC_DIRECTORY_LIST), 0);
+}
 
 TEST_F(DesktopControlsTest, APickUpFolderIsMadeOnceAndTurnsHotOnlyWhenStored) {
     AddRecord("Smith", "5551234");
@@ -173,17 +257,6 @@ TEST_F(DesktopControlsTest, HelpTheIncomingFolderAndTheProgramsGoToTheDesktop) {
     ASSERT_TRUE(Press(IDC_PROGRAM_1).Done);
     EXPECT_EQ(FieldText(ThePreferences.ExternalProgramA), "");
     EXPECT_EQ(desktop_.Take(), (std::vector<std::string>{"dialog: open", "dialog: open"}));
-
-    // The model holds the caption, the file list's headers and the About
-    // command of the system menu, which opens the box at any time.
-    EXPECT_EQ(Controls().Text(IDD_MAIN_WINDOW), "Kestrelbound");
-    EXPECT_EQ(Controls().State(IDC_FILE_LIST).Columns, (std::vector<std::string>{"Name", "Size"}));
-    const std::vector<MenuItem> system = Controls().SystemMenu();
-    ASSERT_EQ(system.size(), 2u);
-    EXPECT_EQ(system[1].Text, "&About Kestrelbound...");
-    EXPECT_EQ(system[1].Command, IDM_ABOUTBOX);
-    ASSERT_TRUE(ChooseMenu(IDM_ABOUTBOX).Done);
-    EXPECT_TRUE(Controls().Shown(IDD_ABOUTBOX));
 }
 
 TEST_F(DesktopControlsTest, AnExportedEntryComesBackWholeAsTheRecordItWas) {

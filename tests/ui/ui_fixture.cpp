@@ -1,13 +1,13 @@
 #include "ui_fixture.h"
 
 #include <QAbstractButton>
+#include <QAbstractItemView>
 #include <QApplication>
 #include <QCheckBox>
 #include <QComboBox>
 #include <QFileDialog>
 #include <QLabel>
 #include <QLineEdit>
-#include <QListWidget>
 #include <QMessageBox>
 #include <QMimeData>
 #include <QProgressBar>
@@ -16,7 +16,7 @@
 #include <QTreeWidget>
 #include <QUrl>
 
-#include <condition_variable>
+#include <future>
 
 #include "app/control_model.h"
 #include "app/main_window.h"
@@ -40,25 +40,15 @@ bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds
 }
 
 std::optional<bool> OnMainLoop(const std::function<bool()>& work, std::chrono::milliseconds limit) {
-    struct Answer {
-        std::mutex Lock;
-        std::optional<bool> Result;
-    };
-    auto answer = std::make_shared<Answer>();
-    MainLoop().Post([answer, work] {
-        const bool result = work();
-        std::lock_guard<std::mutex> guard(answer->Lock);
-        answer->Result = result;
-    });
-    std::optional<bool> result;
-    WaitUntil(
-        [&] {
-            std::lock_guard<std::mutex> guard(answer->Lock);
-            result = answer->Result;
-            return result.has_value();
-        },
-        limit);
-    return result;
+    auto answer = std::make_shared<std::promise<bool>>();
+    std::future<bool> result = answer->get_future();
+    MainLoop().Post([answer, work] { answer->set_value(work()); });
+    if (!WaitUntil(
+            [&] { return result.wait_for(std::chrono::seconds(0)) == std::future_status::ready; },
+            limit)) {
+        return std::nullopt;
+    }
+    return result.get();
 }
 
 ModalAnswerer::ModalAnswerer() {
@@ -66,42 +56,20 @@ ModalAnswerer::ModalAnswerer() {
     timer_.start(20);
 }
 
-void ModalAnswerer::AnswerNextDialog(std::optional<std::string> path) {
-    std::lock_guard<std::mutex> guard(lock_);
-    answers_.push_back(std::move(path));
-}
-
-std::vector<std::string> ModalAnswerer::Messages() const {
-    std::lock_guard<std::mutex> guard(lock_);
-    return messages_;
-}
-
-std::vector<std::string> ModalAnswerer::Proposals() const {
-    std::lock_guard<std::mutex> guard(lock_);
-    return proposals_;
-}
-
 void ModalAnswerer::Answer() {
     QWidget* modal = QApplication::activeModalWidget();
     if (auto* box = qobject_cast<QMessageBox*>(modal)) {
-        {
-            std::lock_guard<std::mutex> guard(lock_);
-            messages_.push_back(box->text().toStdString());
-        }
+        messages_.push_back(box->text().toStdString());
         box->button(QMessageBox::Ok)->click();
         return;
     }
     if (auto* dialog = qobject_cast<QFileDialog*>(modal)) {
         std::optional<std::string> answer;
-        {
-            std::lock_guard<std::mutex> guard(lock_);
-            const QStringList proposed = dialog->selectedFiles();
-            proposals_.push_back(proposed.isEmpty() ? std::string()
-                                                    : proposed.first().toStdString());
-            if (!answers_.empty()) {
-                answer = answers_.front();
-                answers_.pop_front();
-            }
+        const QStringList proposed = dialog->selectedFiles();
+        proposals_.push_back(proposed.isEmpty() ? std::string() : proposed.first().toStdString());
+        if (!answers_.empty()) {
+            answer = answers_.front();
+            answers_.pop_front();
         }
         if (answer) {
             dialog->selectFile(QString::fromStdString(*answer));
@@ -166,20 +134,16 @@ std::string Text(const QString& text) {
 
 // The rows a list widget shows, as the model's rows are written.
 std::vector<std::string> ShownRows(QWidget* widget) {
+    const auto* box = qobject_cast<QComboBox*>(widget);
+    const auto* view = qobject_cast<QAbstractItemView*>(widget);
+    const auto* tree = qobject_cast<QTreeWidget*>(widget);
+    const QAbstractItemModel* model = box != nullptr ? box->model() : view->model();
     std::vector<std::string> rows;
-    if (auto* list = qobject_cast<QListWidget*>(widget)) {
-        for (int row = 0; row < list->count(); ++row) {
-            rows.push_back(Text(list->item(row)->text()));
-        }
-    } else if (auto* box = qobject_cast<QComboBox*>(widget)) {
-        for (int row = 0; row < box->count(); ++row) {
-            rows.push_back(Text(box->itemText(row)));
-        }
-    } else if (auto* tree = qobject_cast<QTreeWidget*>(widget)) {
-        for (int row = 0; row < tree->topLevelItemCount(); ++row) {
-            const QTreeWidgetItem* item = tree->topLevelItem(row);
-            rows.push_back(Text(item->text(0)) + "|" + Text(item->text(1)) + "|" +
-                           (item->icon(0).isNull() ? "no icon" : "icon"));
+    for (int row = 0; row < model->rowCount(); ++row) {
+        rows.push_back(Text(model->index(row, 0).data().toString()));
+        if (tree != nullptr) {
+            rows.back() += "|" + Text(tree->topLevelItem(row)->text(1)) + "|" +
+                           (tree->topLevelItem(row)->icon(0).isNull() ? "no icon" : "icon");
         }
     }
     return rows;
@@ -195,18 +159,12 @@ std::vector<std::string> ModelRows(const ControlState& state) {
 }
 
 int ShownSelection(QWidget* widget) {
-    if (auto* list = qobject_cast<QListWidget*>(widget)) {
-        const QList<QListWidgetItem*> selected = list->selectedItems();
-        return selected.isEmpty() ? -1 : list->row(selected.first());
-    }
     if (auto* box = qobject_cast<QComboBox*>(widget)) {
         return box->currentIndex();
     }
-    if (auto* tree = qobject_cast<QTreeWidget*>(widget)) {
-        const QList<QTreeWidgetItem*> selected = tree->selectedItems();
-        return selected.isEmpty() ? -1 : tree->indexOfTopLevelItem(selected.first());
-    }
-    return -1;
+    const QModelIndexList selected =
+        qobject_cast<QAbstractItemView*>(widget)->selectionModel()->selectedIndexes();
+    return selected.isEmpty() ? -1 : selected.first().row();
 }
 
 std::string ShownText(QWidget* widget) {

@@ -15,7 +15,6 @@
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -38,6 +37,7 @@ std::optional<bool> OnMainLoop(const std::function<bool()>& work,
 
 // Answers the message boxes and file dialogs that open: a message box with
 // OK, noting its text; a file dialog with the next answer given, or Cancel.
+// It lives on the GUI thread, as the tests do.
 class ModalAnswerer : public QObject {
     Q_OBJECT
 
@@ -45,17 +45,16 @@ public:
     ModalAnswerer();
 
     // The next file dialog's answer: a path, or nothing for Cancel.
-    void AnswerNextDialog(std::optional<std::string> path);
+    void AnswerNextDialog(std::optional<std::string> path) { answers_.push_back(std::move(path)); }
     // The texts of the message boxes answered so far.
-    std::vector<std::string> Messages() const;
+    std::vector<std::string> Messages() const { return messages_; }
     // The file each file dialog proposed when it opened, in order.
-    std::vector<std::string> Proposals() const;
+    std::vector<std::string> Proposals() const { return proposals_; }
 
 private:
     void Answer();
 
     QTimer timer_;
-    mutable std::mutex lock_;
     std::vector<std::string> messages_;
     std::vector<std::string> proposals_;
     std::deque<std::optional<std::string>> answers_;
