@@ -183,13 +183,7 @@ TEST_F(ThreeLines, AHotFolderSendsItselfOnceItStandsStillAndCallsABusyLineAgain)
     std::string folder;
     EXPECT_EQ(peer::ReceiveSession(bob, arrived, &folder), "");
     EXPECT_EQ(folder, "Bob");
-    ASSERT_EQ(arrived.size(), files.size());
-    for (const peer::File& file : files) {
-        const auto found = std::find_if(arrived.begin(), arrived.end(),
-                                        [&](const peer::File& a) { return a.Name == file.Name; });
-        ASSERT_NE(found, arrived.end()) << file.Name;
-        EXPECT_TRUE(found->Bytes == file.Bytes) << file.Name;
-    }
+    ExpectArrived(arrived, files, true);
     ASSERT_TRUE(alice.WaitForLog("All files sent."));
     ASSERT_TRUE(alice.WaitForLog("Reinitializing Incoming"));
     for (const peer::File& file : files) {
