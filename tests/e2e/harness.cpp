@@ -27,8 +27,7 @@ uint16_t VirtualAdapters::ListeningPort() const {
     return ::ListeningPort(process_.AllLines());
 }
 
-Station::Station(const std::string& folder)
-    : folder_(folder), process_(KBSTATION_PATH, {}, folder) {}
+Station::Station(const std::string& folder) : process_(KBSTATION_PATH, {}, folder) {}
 
 void Station::Sort(const std::string& line) {
     if (line.rfind("log: ", 0) == 0) {

@@ -35,7 +35,6 @@ class Station {
 public:
     explicit Station(const std::string& folder);
 
-    const std::string& Folder() const { return folder_; }
     pid_t Pid() const { return process_.Pid(); }
     // Sends a command and waits for its answer. Returns "ok" or the text of
     // "error: ..." (with the prefix); "" if no answer came in time.
@@ -73,7 +72,6 @@ private:
                    std::chrono::milliseconds limit, std::string* found);
     void Sort(const std::string& line);
 
-    std::string folder_;
     ChildProcess process_;
     std::vector<std::string> logLines_;
     std::vector<std::string> messages_;

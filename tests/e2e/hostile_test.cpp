@@ -138,8 +138,29 @@ TEST_F(HostilePeer, NamesAreMadeSafeAndNothingLandsOutsideIncomingFiles) {
     EXPECT_EQ(PathsOutsideIncoming(), before);
 }
 
-TEST_F(HostilePeer, ListsThatCannotBeRightAreRefusedEachWithItsLogLine) {
+// Endless lines and noise harm nothing, and lists that cannot be right are
+// refused each with its log line, all in one call.
+TEST_F(HostilePeer, EndlessLinesNoiseAndListsThatCannotBeRightAreRefused) {
     const auto before = PathsOutsideIncoming();
+    Call();
+    // A line of 1023 bytes with its CR LF is the longest that is read whole.
+    port_->Send(std::string(1015, 'x') + "SYNCON\r\n");
+    EXPECT_EQ(port_->ReceiveUntil("\r\n", 3000), "RCVCON\r\n");
+    EXPECT_EQ(Count("Serial Limit Reached"), 0);
+    // One byte more and the read gives up, with its log line.
+    port_->Send(std::string(1022, 'x') + "\r\n");
+    ASSERT_TRUE(station_->WaitForLog("Serial Limit Reached")) << LogText();
+    Resync();
+    EXPECT_EQ(Count("Serial Limit Reached"), 1);
+    // Far longer lines, without any line end, and a token lost inside one.
+    port_->Send(std::string(5000, 'y') + "SYNCON" + std::string(5000, 'z'));
+    ASSERT_TRUE(station_->WaitForLog("Serial Limit Reached")) << LogText();
+    Resync();
+    EXPECT_GE(Count("Serial Limit Reached"), 9);
+    // Noise of every byte value.
+    port_->Send(RandomBytes(65536, 33));
+    Resync();
+    EXPECT_TRUE(std::filesystem::is_empty(stationPath_ + "/Incoming Files"));
     const std::string one = peer::Entry("one.txt", 0, 1002, 1002);
     struct Case {
         const char* What;
@@ -162,8 +183,8 @@ TEST_F(HostilePeer, ListsThatCannotBeRightAreRefusedEachWithItsLogLine) {
         {"a short header", peer::Header(1, 1002).substr(0, 10), "", "Read Buffer Timeout"},
         {"no files at all", peer::Header(0, 0), "ACK2\r\n", "All files received."},
     };
-    // All in one call: a refused list leaves the call open for another.
-    Call();
+    // All in the same call: a refused list leaves the call open for another.
+    const long timeouts = Count("Read Buffer Timeout");
     for (const Case& c : cases) {
         SCOPED_TRACE(c.What);
         const long seen = Count(c.LogLine);
@@ -175,7 +196,7 @@ TEST_F(HostilePeer, ListsThatCannotBeRightAreRefusedEachWithItsLogLine) {
         EXPECT_EQ(Count(c.LogLine), seen + 1);
         Resync();
     }
-    EXPECT_EQ(Count("Read Buffer Timeout"), 2);  // the short list and the short header
+    EXPECT_EQ(Count("Read Buffer Timeout"), timeouts + 2);  // the short list and header
 
     // A wrong magic number: the station hangs up at once, without a word.
     const long corrupted = Count("Corrupted file list.");
@@ -200,36 +221,15 @@ TEST_F(HostilePeer, ListsThatCannotBeRightAreRefusedEachWithItsLogLine) {
     ExpectANormalCallStillWorks();
 }
 
-TEST_F(HostilePeer, EndlessLinesAndNoiseHarmNothing) {
-    const auto before = PathsOutsideIncoming();
-    Call();
-    // A line of 1023 bytes with its CR LF is the longest that is read whole.
-    port_->Send(std::string(1015, 'x') + "SYNCON\r\n");
-    EXPECT_EQ(port_->ReceiveUntil("\r\n", 3000), "RCVCON\r\n");
-    EXPECT_EQ(Count("Serial Limit Reached"), 0);
-    // One byte more and the read gives up, with its log line.
-    port_->Send(std::string(1022, 'x') + "\r\n");
-    ASSERT_TRUE(station_->WaitForLog("Serial Limit Reached")) << LogText();
-    Resync();
-    EXPECT_EQ(Count("Serial Limit Reached"), 1);
-    // Far longer lines, without any line end, and a token lost inside one.
-    port_->Send(std::string(5000, 'y') + "SYNCON" + std::string(5000, 'z'));
-    ASSERT_TRUE(station_->WaitForLog("Serial Limit Reached")) << LogText();
-    Resync();
-    EXPECT_GE(Count("Serial Limit Reached"), 9);
-    // Noise of every byte value.
-    port_->Send(RandomBytes(65536, 33));
-    Resync();
-    EndCall();
-    EXPECT_EQ(PathsOutsideIncoming(), before);
-    EXPECT_TRUE(std::filesystem::is_empty(stationPath_ + "/Incoming Files"));
-    ExpectANormalCallStillWorks();
-}
-
-// The station sends; the peer answers the list with a FILERESTA3 whose body
-// stops halfway.
-TEST_F(HostilePeer, ARecoveryBodyCutShortEndsTheSendersCall) {
-    ASSERT_NO_FATAL_FAILURE(Choose({{"out.bin", RandomBytes(50000, 34)}}));
+// The station sends one file. The peer answers the list with a FILERESTA3
+// whose body stops halfway; in later calls it takes the file whole, then asks
+// for repairs that the sender must not act on: one that speaks of a stream
+// of another length, and one that comes after the peer has acknowledged the
+// file as if another were to follow.
+TEST_F(HostilePeer, RecoveriesCutShortOrOfNoFileOnItsWayAreNotActedOn) {
+    const std::string bytes = RandomBytes(50000, 34);
+    const uint32_t stream = peer::StreamLength(bytes.size());
+    ASSERT_NO_FATAL_FAILURE(Choose({{"out.bin", bytes}}));
     ASSERT_NO_FATAL_FAILURE(TakeTheOffer());
     port_->Send("FILERESTA3\r\n" + std::string(40, '\0'));
     EXPECT_TRUE(station_->WaitForLog("Read Buffer Timeout")) << LogText();
@@ -239,16 +239,6 @@ TEST_F(HostilePeer, ARecoveryBodyCutShortEndsTheSendersCall) {
     // the next call.
     EXPECT_EQ(Count("All files sent."), 0);
     EXPECT_NE(station_->ShowControl("IDC_FILE_LIST").find("out.bin"), std::string::npos);
-}
-
-// The station sends one file; the peer takes it whole, then asks for repairs
-// that the sender must not act on: one that speaks of a stream of another
-// length, and, in a second call, one that comes after the peer has
-// acknowledged the file as if another were to follow.
-TEST_F(HostilePeer, RepairsOfNoFileOnItsWayAreNotActedOn) {
-    const std::string bytes = RandomBytes(50000, 35);
-    const uint32_t stream = peer::StreamLength(bytes.size());
-    ASSERT_NO_FATAL_FAILURE(Choose({{"out.bin", bytes}}));
     const auto takeTheFile = [&] {
         ASSERT_NO_FATAL_FAILURE(TakeTheOffer());
         port_->Send("ACK3\r\n");

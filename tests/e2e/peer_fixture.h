@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <set>
@@ -14,6 +15,23 @@
 #include "platform/files.h"
 #include "support/installation.h"
 #include "support/wire_peer.h"
+
+// The files that came to the peer are those the station sent, in order, or
+// in any order when they are a folder's, which goes as the folder lists it.
+inline void ExpectArrived(std::vector<peer::File> arrived, const std::vector<peer::File>& sent,
+                          bool anyOrder = false) {
+    if (anyOrder) {
+        std::sort(arrived.begin(), arrived.end(),
+                  [](const peer::File& a, const peer::File& b) { return a.Name < b.Name; });
+    }
+    ASSERT_EQ(arrived.size(), sent.size());
+    for (size_t i = 0; i < sent.size(); ++i) {
+        EXPECT_EQ(arrived[i].Name, sent[i].Name);
+        EXPECT_EQ(arrived[i].Kind, sent[i].Kind) << sent[i].Name;
+        // Compared whole, so that a failure does not print the data.
+        EXPECT_TRUE(arrived[i].Bytes == sent[i].Bytes) << sent[i].Name;
+    }
+}
 
 class PeerAndStation : public ::testing::Test {
 protected:
@@ -54,18 +72,6 @@ protected:
         EXPECT_TRUE(station_->WaitForLog("Disconnected")) << LogText();
         EXPECT_EQ(station_->Command("wait-state idle 30"), "ok");
         return heard;
-    }
-
-    // The files that came to the peer are those the station sent, in order.
-    static void ExpectArrived(const std::vector<peer::File>& arrived,
-                              const std::vector<peer::File>& sent) {
-        ASSERT_EQ(arrived.size(), sent.size());
-        for (size_t i = 0; i < sent.size(); ++i) {
-            EXPECT_EQ(arrived[i].Name, sent[i].Name);
-            EXPECT_EQ(arrived[i].Kind, sent[i].Kind) << sent[i].Name;
-            // Compared whole, so that a failure does not print the data.
-            EXPECT_TRUE(arrived[i].Bytes == sent[i].Bytes) << sent[i].Name;
-        }
     }
 
     // The peer hangs up, if the station has not already, and the station is

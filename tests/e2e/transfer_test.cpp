@@ -16,7 +16,9 @@ protected:
 
 }  // namespace
 
-TEST_F(TwoStations, AListOfFilesArrivesByteForByteWithTheLinesOfBothSides) {
+// One walk on one pair of stations: a list of files, a name that is taken
+// already, a folder twice, and a call back the other way.
+TEST_F(TwoStations, FilesAndFoldersArriveByteForByteBesideWhatIsThereAndTheCallerCanBeCalledBack) {
     const std::string note = RandomBytes(10000, 1);
     const std::string mid = RandomBytes(131071, 2);
     const std::string big = RandomBytes(1 << 20, 3);
@@ -48,9 +50,16 @@ TEST_F(TwoStations, AListOfFilesArrivesByteForByteWithTheLinesOfBothSides) {
     EXPECT_NE(Alice->ShowControl("IDC_FILE_LIST").find("rows=\"\""), std::string::npos);
     EXPECT_NE(Bob->ShowControl("IDC_FILE_LIST").find("rows=\"\""), std::string::npos);
     EXPECT_NE(Alice->ShowControl("IDC_RETRIEVE").find("enabled=1"), std::string::npos);
-}
 
-TEST_F(TwoStations, AFolderArrivesUnderItsNameAndASecondOneUnderNameA) {
+    // A name taken already arrives beside the first file, which stays.
+    const std::string again = RandomBytes(7000, 7);
+    Choose({{"note.txt", again}});
+    SendThrough();
+    EXPECT_EQ(LinesHolding(Bob->LogLines(), {"Receiving File: note"}),
+              (std::vector<std::string>{"Receiving File: note.txt", "Receiving File: note.txt-A"}));
+    EXPECT_TRUE(Received("note.txt") == note);
+    EXPECT_TRUE(Received("note.txt-A") == again);
+
     ASSERT_TRUE(CreateFolder(Root / "samples/Reports"));
     ASSERT_TRUE(CreateFolder(Root / "samples/Reports/Old"));
     WriteWholeFile(Root / "samples/Reports/Old/skipped.txt", "a subfolder does not travel");
@@ -59,7 +68,6 @@ TEST_F(TwoStations, AFolderArrivesUnderItsNameAndASecondOneUnderNameA) {
     WriteWholeFile(Root / "samples/Reports/first.bin", first);
     WriteWholeFile(Root / "samples/Reports/second.bin", second);
     WriteWholeFile(Root / "samples/Reports/empty.txt", "");
-
     ASSERT_EQ(Alice->Command("add " + (Root / "samples/Reports")), "ok");
     SendThrough();
     EXPECT_EQ(LinesHolding(Bob->LogLines(), {"Created new folder"}),
@@ -77,20 +85,6 @@ TEST_F(TwoStations, AFolderArrivesUnderItsNameAndASecondOneUnderNameA) {
     EXPECT_TRUE(Received("Reports-A/first.bin") == first);
     EXPECT_TRUE(Received("Reports-A/second.bin") == second);
     EXPECT_TRUE(Received("Reports/first.bin") == first) << "the first folder stays as it was";
-}
-
-TEST_F(TwoStations, AFileOfAnExistingNameArrivesBesideItAndTheCallerCanBeCalledBack) {
-    const std::string one = RandomBytes(5000, 6);
-    Choose({{"report.doc", one}});
-    SendThrough();
-    const std::string two = RandomBytes(7000, 7);
-    Choose({{"report.doc", two}});
-    SendThrough();
-    EXPECT_EQ(
-        LinesHolding(Bob->LogLines(), {"Receiving File"}),
-        (std::vector<std::string>{"Receiving File: report.doc", "Receiving File: report.doc-A"}));
-    EXPECT_TRUE(Received("report.doc") == one);
-    EXPECT_TRUE(Received("report.doc-A") == two);
 
     // Now the other way round: Bob calls Alice.
     ASSERT_EQ(Bob->Command("name Alice"), "ok");

@@ -18,36 +18,29 @@
 class AliceAndBob {
 public:
     // Bob's adapter is of the family given; Alice's is a BitSURFR. The
-    // options are virtual-ta's: the line's rate, its faults.
-    AliceAndBob(const std::string& bobFamily, const std::vector<std::string>& options)
+    // options are virtual-ta's: the line's rate, its faults. Over TCP, as on
+    // two computers: each adapter in a virtual-ta of its own, both with the
+    // options, Bob's listening on loopback and Alice's routing Bob's number
+    // to it, through a relay that can cut the connection.
+    AliceAndBob(const std::string& bobFamily, const std::vector<std::string>& options,
+                bool overTcp = false)
         : AlicePath(MakeInstallation(Root, "alice")), BobPath(MakeInstallation(Root, "bob")) {
-        Adapters = std::make_unique<VirtualAdapters>(
-            std::vector<std::string>{AlicePath + "/COM1=bitsurfr:5551001",
-                                     BobPath + "/COM1=" + bobFamily + ":5552002"},
-            options);
-        StartStations();
-    }
-
-    // The same, as on two computers: each adapter in a virtual-ta of its own,
-    // both with the options, Bob's listening on loopback and Alice's routing
-    // Bob's number to it, through a relay that can cut the connection.
-    struct OverTcp {};
-    AliceAndBob(const std::string& bobFamily, const std::vector<std::string>& options, OverTcp)
-        : AlicePath(MakeInstallation(Root, "alice")), BobPath(MakeInstallation(Root, "bob")) {
-        std::vector<std::string> bobsOptions = options;
-        bobsOptions.insert(bobsOptions.end(), {"--listen", "127.0.0.1:0"});
-        Adapters = std::make_unique<VirtualAdapters>(
-            std::vector<std::string>{BobPath + "/COM1=" + bobFamily + ":5552002"}, bobsOptions);
-        Relay = std::make_unique<TcpRelay>(Adapters->ListeningPort());
-        std::vector<std::string> alicesOptions = options;
-        alicesOptions.insert(alicesOptions.end(),
-                             {"--route", "5552002=127.0.0.1:" + std::to_string(Relay->Port())});
-        AlicesAdapters = std::make_unique<VirtualAdapters>(
-            std::vector<std::string>{AlicePath + "/COM1=bitsurfr:5551001"}, alicesOptions);
-        StartStations();
-    }
-
-    void StartStations() {
+        const std::string alice = AlicePath + "/COM1=bitsurfr:5551001";
+        const std::string bob = BobPath + "/COM1=" + bobFamily + ":5552002";
+        if (overTcp) {
+            std::vector<std::string> bobs = options;
+            bobs.insert(bobs.end(), {"--listen", "127.0.0.1:0"});
+            Adapters = std::make_unique<VirtualAdapters>(std::vector<std::string>{bob}, bobs);
+            Relay = std::make_unique<TcpRelay>(Adapters->ListeningPort());
+            std::vector<std::string> alices = options;
+            alices.insert(alices.end(),
+                          {"--route", "5552002=127.0.0.1:" + std::to_string(Relay->Port())});
+            AlicesAdapters =
+                std::make_unique<VirtualAdapters>(std::vector<std::string>{alice}, alices);
+        } else {
+            Adapters =
+                std::make_unique<VirtualAdapters>(std::vector<std::string>{alice, bob}, options);
+        }
         Alice = WaitingStation(AlicePath);
         Bob = WaitingStation(BobPath);
         EXPECT_EQ(Alice->Command("name Bob"), "ok");

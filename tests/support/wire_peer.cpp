@@ -201,6 +201,7 @@ std::string ReceiveSession(FarEnd& port, std::vector<File>& files, std::string* 
     };
     std::vector<Announced> announced;
     uint32_t total = 0;
+    size_t left = 0;  // files with data still to come
     for (uint32_t i = 0; i < count; ++i) {
         const std::string entry = list.substr(56 * size_t{i}, 56);
         // What follows the name's terminator means nothing.
@@ -230,16 +231,13 @@ std::string ReceiveSession(FarEnd& port, std::vector<File>& files, std::string* 
             return "a bad entry for " + name;
         }
         total += dataLength;
+        left += dataLength != 0 ? 1 : 0;
         announced.push_back({name, dataLength, static_cast<int32_t>(kind)});
     }
     if (total != Get32(header, 24)) {
         return "a total that is not the sum of the entries";
     }
     SendToken(port, "ACK3\r\n", tokenPauseMs);
-    size_t left = 0;
-    for (const Announced& a : announced) {
-        left += a.DataLength != 0 ? 1 : 0;
-    }
     for (const Announced& a : announced) {
         File file{a.Name, "", a.Kind};
         if (a.DataLength != 0) {
