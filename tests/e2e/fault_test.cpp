@@ -268,9 +268,8 @@ TEST(FaultyLineTest, DisconnectOnEitherSideEndsTheCallCleanly) {
 
 // Alice and Bob as on two computers, each adapter in a virtual-ta of its
 // own and the call over TCP on loopback. The connection between the two
-// fails in the middle of
-// a file: both stations lose the call as when a line falls, and the next call
-// takes the file up where it stopped.
+// fails in the middle of a file: both stations lose the call as when a line
+// falls, and the next call takes the file up where it stopped.
 TEST(TwoComputersTest, AConnectionCutInTheMiddleOfAFileIsALostCallAndTheResendResumes) {
     AliceAndBob line("zyxel-2864", {"--rate", "64000"}, true);
     const std::string big = RandomBytes(4 * SectionData, 23);
