@@ -375,6 +375,11 @@ TEST_F(WindowTest, FilesDroppedOnTheFileListSendAndTheDirectoryList) {
     Drop(IDC_DIRECTORY_LIST, {entry});
     ASSERT_TRUE(WaitUntil([] { return Controls().RowCount(IDC_DIRECTORY_LIST) == 1; }));
     EXPECT_EQ(Controls().RowText(IDC_DIRECTORY_LIST, 0), "Bob");
+    // The log line follows the row; the picture shows both.
+    ASSERT_TRUE(WaitUntil([] {
+        const std::vector<std::string> log = ModelRowTexts(IDC_LOG);
+        return !log.empty() && log.back() == "Directory Entry Added";
+    }));
 
     const std::vector<std::string> left = WaitForWidgetsToFollow();
     EXPECT_TRUE(left.empty()) << left.front();
