@@ -9,7 +9,6 @@
 #include "line/profiles.h"
 #include "platform/event_loop.h"
 #include "platform/files.h"
-#include "platform/message_box.h"
 #include "resources/resource.h"
 #include "stores/directory.h"
 #include "stores/paths.h"
@@ -18,10 +17,6 @@
 
 void WindowTest::SetUp() {
     BlockPorts(folder_.Path());
-    SetMessageBoxHandler([this](const std::string& text) {
-        std::lock_guard<std::mutex> guard(lock_);
-        messages_.push_back(text);
-    });
     BuildPaths(folder_.Path());
     CreateFolder(IncomingPath);
     CreateFolder(PickUpPath);
@@ -30,7 +25,6 @@ void WindowTest::SetUp() {
 
 void WindowTest::TearDown() {
     StopWindow();
-    SetMessageBoxHandler(nullptr);
 }
 
 void WindowTest::StartWindow() {
@@ -85,11 +79,6 @@ std::string WindowTest::MakeFolder(const std::string& name) {
     const std::string path = folder_ / name;
     CreateFolder(path);
     return path;
-}
-
-std::vector<std::string> WindowTest::Messages() const {
-    std::lock_guard<std::mutex> guard(lock_);
-    return messages_;
 }
 
 std::vector<std::string> WindowTest::Observed() const {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "app/main_window.h"
+#include "support/captured_output.h"
 #include "support/installation.h"
 #include "support/temp_folder.h"
 
@@ -39,7 +40,7 @@ protected:
     std::string MakeFile(const std::string& name, size_t size, char fill = 'x');
     std::string MakeFolder(const std::string& name);
 
-    std::vector<std::string> Messages() const;
+    std::vector<std::string> Messages() const { return output_.Messages(); }
     std::vector<std::string> Observed() const;
 
     // The user's events, as the window's front end hands them over.
@@ -55,7 +56,7 @@ protected:
     std::unique_ptr<MainWindow> window_;
 
 private:
+    CapturedOutput output_{CapturedOutput::LogLines::LeftAlone};
     mutable std::mutex lock_;
-    std::vector<std::string> messages_;
     std::vector<std::string> observed_;
 };

@@ -1,6 +1,5 @@
 #include "engine_harness.h"
 
-#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -10,9 +9,7 @@
 #include "line/comm_port.h"
 #include "platform/clock.h"
 #include "platform/files.h"
-#include "platform/message_box.h"
 #include "stores/preferences.h"
-#include "stores/status_log.h"
 
 std::string LetterBytes(size_t size) {
     std::string bytes(size, 'a');
@@ -44,14 +41,6 @@ FileEntry EntryForFile(const std::string& name, const std::string& path, uint64_
 }
 
 void EngineHarness::SetUp() {
-    SetLogLineSink([this](const std::string& line) {
-        std::lock_guard<std::mutex> guard(logLock_);
-        log_.push_back(line);
-    });
-    SetMessageBoxHandler([this](const std::string& text) {
-        std::lock_guard<std::mutex> guard(logLock_);
-        messages_.push_back(text);
-    });
     SetFreeSpaceQuery([] { return uint64_t{1} << 40; });
     BuildPaths(root_.Path());
     CreateFolder(IncomingPath);
@@ -80,8 +69,6 @@ void EngineHarness::TearDown() {
     EngineShutdown();
     CommPortDestroy();
     SetFreeSpaceQuery(nullptr);
-    SetMessageBoxHandler(nullptr);
-    SetLogLineSink(nullptr);
     TheEngine.LinkState = LinkIdle;
     TheEngine.WeSend = false;
     TheEngine.SendCount = 0;
@@ -129,21 +116,6 @@ bool EngineHarness::WaitUntil(const std::function<bool()>& condition, int timeou
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     return true;
-}
-
-std::vector<std::string> EngineHarness::Log() const {
-    std::lock_guard<std::mutex> guard(logLock_);
-    return log_;
-}
-
-std::vector<std::string> EngineHarness::Messages() const {
-    std::lock_guard<std::mutex> guard(logLock_);
-    return messages_;
-}
-
-long EngineHarness::Count(const std::string& line) const {
-    const std::vector<std::string> lines = Log();
-    return std::count(lines.begin(), lines.end(), line);
 }
 
 void EngineHarness::ConnectAsReceiver() {

@@ -9,7 +9,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -18,6 +17,7 @@
 #include "line/adapter.h"
 #include "platform/thread.h"
 #include "stores/paths.h"
+#include "support/captured_output.h"
 #include "support/far_end.h"
 #include "support/temp_folder.h"
 #include "support/test_data.h"
@@ -74,11 +74,11 @@ protected:
     bool WaitForLog(const std::string& line, int timeoutMs = 5000) {
         return WaitUntil([&] { return Logged(line); }, timeoutMs);
     }
-    std::vector<std::string> Log() const;
+    std::vector<std::string> Log() const { return output_.Log(); }
     // The message boxes shown so far.
-    std::vector<std::string> Messages() const;
+    std::vector<std::string> Messages() const { return output_.Messages(); }
     // How often the log holds exactly this line.
-    long Count(const std::string& line) const;
+    long Count(const std::string& line) const { return output_.Count(line); }
     bool Logged(const std::string& line) const { return Count(line) > 0; }
     // The engine answers a call (RING, ATA, CONNECT), and the far end's
     // SYNCON has its RCVCON.
@@ -97,7 +97,5 @@ protected:
 
 private:
     ThreadHandle commThread_;
-    mutable std::mutex logLock_;
-    std::vector<std::string> log_;
-    std::vector<std::string> messages_;
+    CapturedOutput output_;
 };

@@ -6,10 +6,8 @@
 #include "line/comm_port.h"
 #include "line/profiles.h"
 #include "platform/key_state.h"
-#include "platform/message_box.h"
 #include "stores/paths.h"
 #include "stores/preferences.h"
-#include "stores/status_log.h"
 #include "support/installation.h"
 
 std::string Joined(const std::vector<std::string>& lines) {
@@ -75,17 +73,6 @@ ScriptedAdapter::Responder RespondAs(AdapterScript script) {
 }
 
 void LineTest::SetUp() {
-    SetLogLineSink([this](const std::string& line) {
-        std::lock_guard<std::mutex> guard(lock_);
-        logged_.push_back(line);
-    });
-    SetMessageBoxHandler([this](const std::string& text) {
-        if (messageHook_) {
-            messageHook_(text);
-        }
-        std::lock_guard<std::mutex> guard(lock_);
-        messages_.push_back(text);
-    });
     SetKeyStateQuery(nullptr);
     BuildPaths(root_.Path());
     ThePreferences = Preferences{};
@@ -106,8 +93,6 @@ void LineTest::TearDown() {
     CommPortDestroy();
     adapters_.clear();
     SetKeyStateQuery(nullptr);
-    SetMessageBoxHandler(nullptr);
-    SetLogLineSink(nullptr);
 }
 
 ScriptedAdapter& LineTest::Attach(int port, ScriptedAdapter::Responder responder) {
@@ -121,20 +106,4 @@ void LineTest::OpenPort(int port, uint32_t speed) {
     SelectPortBaud(speed);
     ASSERT_TRUE(CommPortOpen());
     ASSERT_TRUE(EnableHardwareHandshake());
-}
-
-std::vector<std::string> LineTest::Logged() const {
-    std::lock_guard<std::mutex> guard(lock_);
-    return logged_;
-}
-
-std::vector<std::string> LineTest::Messages() const {
-    std::lock_guard<std::mutex> guard(lock_);
-    return messages_;
-}
-
-void LineTest::ClearLogged() {
-    std::lock_guard<std::mutex> guard(lock_);
-    logged_.clear();
-    messages_.clear();
 }

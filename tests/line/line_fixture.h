@@ -8,12 +8,12 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "scripted_adapter.h"
+#include "support/captured_output.h"
 #include "support/temp_folder.h"
 
 // How a scripted adapter of one family answers.
@@ -49,17 +49,11 @@ protected:
     // Opens port n at the speed with RTS/CTS, as the program has it after a find.
     void OpenPort(int port, uint32_t speed);
 
-    std::vector<std::string> Logged() const;
-    std::vector<std::string> Messages() const;
-    void ClearLogged();
+    std::vector<std::string> Logged() const { return output_.Log(); }
+    std::vector<std::string> Messages() const { return output_.Messages(); }
+    void ClearLogged() { output_.Clear(); }
 
     TempFolder root_;
     std::vector<std::unique_ptr<ScriptedAdapter>> adapters_;
-    // Called with each message as it is shown, before it is acknowledged.
-    std::function<void(const std::string&)> messageHook_;
-
-private:
-    mutable std::mutex lock_;
-    std::vector<std::string> logged_;
-    std::vector<std::string> messages_;
+    CapturedOutput output_;
 };

@@ -118,7 +118,7 @@ TEST_F(PortSpeedTest, MenuMovesOfEachFamily) {
         // While the message about the switch waits for the user, the port
         // has moved and nothing has been sent yet.
         std::vector<std::pair<uint32_t, size_t>> atMessage;
-        messageHook_ = [&](const std::string&) {
+        output_.OnMessage = [&](const std::string&) {
             atMessage.push_back({adapter.Far().Speed(), adapter.Commands().size()});
         };
 
@@ -144,7 +144,7 @@ TEST_F(PortSpeedTest, MenuMovesOfEachFamily) {
             const std::vector<std::pair<uint32_t, size_t>> expected = {{230400, 0}, {115200, 0}};
             EXPECT_EQ(atMessage, expected);
         }
-        messageHook_ = nullptr;
+        output_.OnMessage = nullptr;
         SetLinePolling(false);
         CommPortClose();
     }

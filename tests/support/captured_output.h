@@ -1,0 +1,72 @@
+// The message boxes, and if asked the log lines, that the program shows while
+// a test runs, caught from whichever thread shows them; the program's own
+// handling is back once the capture goes.
+#pragma once
+
+#include <algorithm>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/message_box.h"
+#include "stores/status_log.h"
+
+class CapturedOutput {
+public:
+    // A window under test shows the log itself, so its tests leave it the
+    // lines.
+    enum class LogLines { LeftAlone, Caught };
+
+    explicit CapturedOutput(LogLines log = LogLines::Caught)
+        : catchesLog_(log == LogLines::Caught) {
+        if (catchesLog_) {
+            SetLogLineSink([this](const std::string& line) { Add(log_, line); });
+        }
+        SetMessageBoxHandler([this](const std::string& text) {
+            if (OnMessage) {
+                OnMessage(text);
+            }
+            Add(messages_, text);
+        });
+    }
+    ~CapturedOutput() {
+        SetMessageBoxHandler(nullptr);
+        if (catchesLog_) {
+            SetLogLineSink(nullptr);
+        }
+    }
+    CapturedOutput(const CapturedOutput&) = delete;
+    CapturedOutput& operator=(const CapturedOutput&) = delete;
+
+    std::vector<std::string> Log() const { return Copy(log_); }
+    std::vector<std::string> Messages() const { return Copy(messages_); }
+    // How often the log holds exactly this line.
+    long Count(const std::string& line) const {
+        const std::vector<std::string> lines = Log();
+        return std::count(lines.begin(), lines.end(), line);
+    }
+    void Clear() {
+        std::lock_guard<std::mutex> guard(lock_);
+        log_.clear();
+        messages_.clear();
+    }
+
+    // Called with each message as it is shown, before it is acknowledged.
+    std::function<void(const std::string&)> OnMessage;
+
+private:
+    void Add(std::vector<std::string>& to, const std::string& text) {
+        std::lock_guard<std::mutex> guard(lock_);
+        to.push_back(text);
+    }
+    std::vector<std::string> Copy(const std::vector<std::string>& from) const {
+        std::lock_guard<std::mutex> guard(lock_);
+        return from;
+    }
+
+    const bool catchesLog_;
+    mutable std::mutex lock_;
+    std::vector<std::string> log_;
+    std::vector<std::string> messages_;
+};
