@@ -1,8 +1,8 @@
 // The directory panel and the controls that reach past the window: records
 // made, changed, shown and removed with the file and the pick-up folders
-// behind them, the pick-up folder's buttons, a program path too long to
-// keep, exported entries going out and coming in; and what a name or an
-// entry from someone else may never reach.
+// behind them, the pick-up folder's buttons, the program buttons' paths,
+// exported entries going out and coming in; and what a name or an entry
+// from someone else may never reach.
 
 #include <gtest/gtest.h>
 
@@ -218,13 +218,17 @@ TEST_F(DesktopControlsTest, ANameThatIsNoFolderNameNeverBecomesAPath) {
     EXPECT_TRUE(FolderExists(PickUpPath + "/Jones"));
 }
 
-// A path the program field cannot hold whole is not kept cut short.
-TEST_F(DesktopControlsTest, AProgramPathTooLongForItsFieldIsNotKept) {
+// Each program button keeps its own program, and a path its field cannot
+// hold whole is not kept cut short.
+TEST_F(DesktopControlsTest, EachProgramButtonKeepsItsOwnPathAndNoneCutShort) {
+    desktop_.Answer("/usr/bin/gimp");
+    ASSERT_TRUE(Press(IDC_PROGRAM_1).Done);
     desktop_.Answer("/" + std::string(600, 'p'));
-    ASSERT_TRUE(Press(IDC_PROGRAM_1).Done);
-    EXPECT_EQ(FieldText(ThePreferences.ExternalProgramA), "");
-    ASSERT_TRUE(Press(IDC_PROGRAM_1).Done);
-    EXPECT_EQ(desktop_.Take(), (std::vector<std::string>{"dialog: open", "dialog: open"}));
+    ASSERT_TRUE(Press(IDC_PROGRAM_2).Done);
+    EXPECT_EQ(FieldText(ThePreferences.ExternalProgramA), "/usr/bin/gimp");
+    EXPECT_EQ(FieldText(ThePreferences.ExternalProgramB), "");
+    ASSERT_TRUE(Press(IDC_PROGRAM_2).Done);
+    EXPECT_EQ(desktop_.Take(), std::vector<std::string>(3, "dialog: open"));
 }
 
 TEST_F(DesktopControlsTest, AnExportedEntryComesBackWholeAsTheRecordItWas) {
