@@ -1,8 +1,8 @@
 // The directory panel and the controls that reach past the window: records
 // made, changed, shown and removed with the file and the pick-up folders
-// behind them, the pick-up folder's buttons, the incoming folder, help, the
-// program buttons, exported entries going out and coming in; and what a name
-// or an entry from someone else may never reach.
+// behind them, the pick-up folder's buttons, the program buttons' paths,
+// exported entries going out and coming in; and what a name or an entry
+// from someone else may never reach.
 
 #include <gtest/gtest.h>
 
@@ -13,7 +13,6 @@
 #include "app/control_model.h"
 #include "app/main_window.h"
 #include "platform/files.h"
-#include "platform/key_state.h"
 #include "resources/resource.h"
 #include "stores/directory.h"
 #include "stores/paths.h"
@@ -29,11 +28,6 @@ constexpr const char* FolderRefusal =
 
 class DesktopControlsTest : public WindowTest {
 protected:
-    void TearDown() override {
-        SetKeyStateQuery(nullptr);
-        WindowTest::TearDown();
-    }
-
     void AddRecord(const std::string& name, const std::string& number) {
         Type(IDC_NAME, name);
         Type(IDC_NUMBER, number);
@@ -48,9 +42,6 @@ protected:
             }
         }
         FAIL() << "no row " << name;
-    }
-    void HoldKeys(bool shift, bool control) {
-        SetKeyStateQuery([shift, control](Key key) { return key == Key::Shift ? shift : control; });
     }
     // The entry an export would write for a record of that name and number.
     static std::string Entry(const std::string& name, const std::string& number, bool hasPickUp) {
@@ -227,36 +218,17 @@ TEST_F(DesktopControlsTest, ANameThatIsNoFolderNameNeverBecomesAPath) {
     EXPECT_TRUE(FolderExists(PickUpPath + "/Jones"));
 }
 
-TEST_F(DesktopControlsTest, HelpTheIncomingFolderAndTheProgramsGoToTheDesktop) {
-    ASSERT_TRUE(Press(IDC_OPEN_INCOMING).Done);
-    ASSERT_TRUE(Press(IDC_HELP).Done);
-    EXPECT_EQ(desktop_.Take(), (std::vector<std::string>{"open: " + IncomingPath,
-                                                         "browse: " + HelpPath, "raise: browser"}));
-    desktop_.BrowserRunning = false;
-    ASSERT_TRUE(Press(IDC_HELP).Done);
-    EXPECT_EQ(desktop_.Take(), std::vector<std::string>{"browse: " + HelpPath});
-    EXPECT_EQ(Messages(), std::vector<std::string>{
-                              "Please launch your preferred web browser to use\non-line help."});
-
-    // The first click chooses the program and starts nothing; a plain click
-    // runs it; Shift chooses again, and a Cancel forgets it.
+// Each program button keeps its own program, and a path its field cannot
+// hold whole is not kept cut short.
+TEST_F(DesktopControlsTest, EachProgramButtonKeepsItsOwnPathAndNoneCutShort) {
     desktop_.Answer("/usr/bin/gimp");
     ASSERT_TRUE(Press(IDC_PROGRAM_1).Done);
-    EXPECT_EQ(desktop_.Take(), std::vector<std::string>{"dialog: open"});
-    EXPECT_EQ(FieldText(ThePreferences.ExternalProgramA), "/usr/bin/gimp");
-    ASSERT_TRUE(Press(IDC_PROGRAM_1).Done);
-    ASSERT_TRUE(Press(IDC_PROGRAM_2).Done);
-    EXPECT_EQ(desktop_.Take(), (std::vector<std::string>{"run: /usr/bin/gimp", "dialog: open"}));
-    EXPECT_EQ(FieldText(ThePreferences.ExternalProgramB), "") << "B was cancelled";
-    HoldKeys(true, false);
-    ASSERT_TRUE(Press(IDC_PROGRAM_1).Done);
-    HoldKeys(false, false);
-    EXPECT_EQ(FieldText(ThePreferences.ExternalProgramA), "");
-    // A path the field cannot hold whole is not kept cut short.
     desktop_.Answer("/" + std::string(600, 'p'));
-    ASSERT_TRUE(Press(IDC_PROGRAM_1).Done);
-    EXPECT_EQ(FieldText(ThePreferences.ExternalProgramA), "");
-    EXPECT_EQ(desktop_.Take(), (std::vector<std::string>{"dialog: open", "dialog: open"}));
+    ASSERT_TRUE(Press(IDC_PROGRAM_2).Done);
+    EXPECT_EQ(FieldText(ThePreferences.ExternalProgramA), "/usr/bin/gimp");
+    EXPECT_EQ(FieldText(ThePreferences.ExternalProgramB), "");
+    ASSERT_TRUE(Press(IDC_PROGRAM_2).Done);
+    EXPECT_EQ(desktop_.Take(), std::vector<std::string>(3, "dialog: open"));
 }
 
 TEST_F(DesktopControlsTest, AnExportedEntryComesBackWholeAsTheRecordItWas) {
@@ -320,28 +292,15 @@ TEST_F(DesktopControlsTest, AnExportedEntryComesBackWholeAsTheRecordItWas) {
     EXPECT_TRUE(FolderExists(PickUpPath + "/Smith & Co"));
 }
 
-TEST_F(DesktopControlsTest, AnEntryNeverTakesOverAFolder) {
-    // A name that is no folder name is refused however the entry came.
+// A name that is no folder name is refused however the entry came; what a
+// call brings is checked by the end-to-end tests, the rest here.
+TEST_F(DesktopControlsTest, AnEntryWhoseNameIsNoFolderNameIsNotEntered) {
     for (const std::string name : {"..", "../Pick Up", ""}) {
         WriteWholeFile(folder_ / "bad.KBE", Entry(name, "5558888", true));
-        for (const auto source :
-             {MainWindow::EntrySource::Dropped, MainWindow::EntrySource::Received}) {
-            EXPECT_EQ(window_->ImportDirectoryEntry(folder_ / "bad.KBE", source), 0) << name;
-            EXPECT_EQ(Observed().back(),
-                      "Directory Entry Not Added: its name cannot name a folder.");
-        }
+        EXPECT_EQ(window_->ImportDirectoryEntry(folder_ / "bad.KBE"), 0) << name;
+        EXPECT_EQ(Observed().back(), "Directory Entry Not Added: its name cannot name a folder.");
     }
     EXPECT_EQ(DirectoryCount.load(), 0);
-
-    // A folder that is there already belongs to somebody else: the entry is
-    // entered, but without it.
-    ASSERT_TRUE(CreateFolder(PickUpPath + "/Jones"));
-    WriteWholeFile(folder_ / "jones.KBE", Entry("Jones", "5557777", true));
-    EXPECT_EQ(
-        window_->ImportDirectoryEntry(folder_ / "jones.KBE", MainWindow::EntrySource::Received), 1);
-    EXPECT_EQ(Messages(), std::vector<std::string>{FolderRefusal});
-    EXPECT_EQ(Directory[0].HasPickUp, 0);
-    EXPECT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
 }
 
 }  // namespace
