@@ -18,6 +18,7 @@
 #include "stores/paths.h"
 #include "stores/preferences.h"
 #include "support/recording_desktop.h"
+#include "support/wire_peer.h"
 #include "window_fixture.h"
 
 namespace {
@@ -43,17 +44,6 @@ protected:
         }
         FAIL() << "no row " << name;
     }
-    // The entry an export would write for a record of that name and number.
-    static std::string Entry(const std::string& name, const std::string& number, bool hasPickUp) {
-        std::string entry(CorrespondentSize, '\0');
-        std::memcpy(entry.data(), name.data(), name.size());
-        std::memcpy(entry.data() + 32, number.data(), number.size());
-        std::memcpy(entry.data() + 64, "\0\0\0\x01\0\0\0\x01", 8);
-        entry[78] = hasPickUp ? 1 : 0;
-        std::memcpy(entry.data() + 136, "KBDe", 4);
-        return entry;
-    }
-
     RecordingDesktop desktop_;
 };
 
@@ -296,7 +286,7 @@ TEST_F(DesktopControlsTest, AnExportedEntryComesBackWholeAsTheRecordItWas) {
 // call brings is checked by the end-to-end tests, the rest here.
 TEST_F(DesktopControlsTest, AnEntryWhoseNameIsNoFolderNameIsNotEntered) {
     for (const std::string name : {"..", "../Pick Up", ""}) {
-        WriteWholeFile(folder_ / "bad.KBE", Entry(name, "5558888", true));
+        WriteWholeFile(folder_ / "bad.KBE", peer::DirectoryEntry(name, "5558888", true));
         EXPECT_EQ(window_->ImportDirectoryEntry(folder_ / "bad.KBE"), 0) << name;
         EXPECT_EQ(Observed().back(), "Directory Entry Not Added: its name cannot name a folder.");
     }

@@ -249,13 +249,7 @@ protected:
     // An exported entry: name and number, a pick-up folder claimed.
     static peer::File Entry(const std::string& file, const std::string& name,
                             const std::string& number) {
-        std::string bytes(140, '\0');
-        bytes.replace(0, name.size(), name);
-        bytes.replace(32, number.size(), number);
-        bytes.replace(64, 8, std::string("\0\0\0\x01\0\0\0\x01", 8));
-        bytes[78] = 1;
-        bytes.replace(136, 4, "KBDe");
-        return {file, bytes};
+        return {file, peer::DirectoryEntry(name, number, true)};
     }
     // Calls in and asks for the folder of the number; the station's answer.
     std::string RequestFolder(const std::string& number) {

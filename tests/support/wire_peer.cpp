@@ -73,6 +73,16 @@ std::string Entry(const std::string& name, int32_t kind, uint32_t totalLength,
     return out;
 }
 
+std::string DirectoryEntry(const std::string& name, const std::string& number, bool hasPickUp) {
+    std::string bytes(140, '\0');
+    bytes.replace(0, name.size(), name);
+    bytes.replace(32, number.size(), number);
+    bytes.replace(64, 8, std::string("\0\0\0\x01\0\0\0\x01", 8));
+    bytes[78] = hasPickUp ? 1 : 0;
+    bytes.replace(136, 4, "KBDe");
+    return bytes;
+}
+
 std::string RecoveryBody(uint32_t dataLength, uint32_t section, uint32_t receiveRemaining) {
     constexpr uint32_t BlockBytes = 8192;
     const uint32_t nextBlock = section * 16;

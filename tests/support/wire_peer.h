@@ -23,6 +23,10 @@ std::string RecoveryBody(uint32_t dataLength, uint32_t section, uint32_t receive
 // A file's bytes cut into sections, each behind its checksum.
 std::string Stream(const std::string& fileBytes);
 uint32_t StreamLength(size_t fileSize);
+// A directory entry as a correspondent exports it (".KBE"): name and number,
+// carrier and flags as a fresh record has them, and whether a pick-up folder
+// goes with it.
+std::string DirectoryEntry(const std::string& name, const std::string& number, bool hasPickUp);
 
 struct File {
     std::string Name;
