@@ -1,27 +1,15 @@
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 
 #include "harness.h"
 #include "platform/files.h"
+#include "platform/port_lock.h"
 #include "support/installation.h"
 #include "support/process_state.h"
-
-namespace {
-
-std::string TextLock(pid_t pid) {
-    char text[16];
-    std::snprintf(text, sizeof text, "%10d\n", static_cast<int>(pid));
-    return text;
-}
-
-}  // namespace
 
 // Alice's COM1 is locked by a living process (this test), so her search goes
 // on to COM2; Bob's COM1 carries the lock of a process that has gone. Each
@@ -36,23 +24,12 @@ TEST(PortLocks, StationsHonourLivingLocksReplaceStaleOnesAndRemoveTheirOwnAtTheE
     VirtualAdapters adapters({alice + "/COM1=bitsurfr:5551001", alice + "/COM2=bitsurfr:5551002",
                               bob + "/COM1=3com:5552002"},
                              {"--rate", "8000"});
-    const auto lockOf = [&](const std::string& port) {
-        std::string device = std::filesystem::canonical(port).string().substr(5);
-        for (char& c : device) {
-            c = c == '/' ? '_' : c;
-        }
-        return locks / ("LCK.." + device);
-    };
+    const auto lockOf = [&](const std::string& port) { return locks / PortLockName(port); };
     const std::string aliceBlocked = lockOf(alice + "/COM1");
     const std::string aliceLock = lockOf(alice + "/COM2");
     const std::string bobLock = lockOf(bob + "/COM1");
     WriteWholeFile(aliceBlocked, TextLock(::getpid()));
-    const pid_t gone = ::fork();
-    if (gone == 0) {
-        ::_exit(0);
-    }
-    ::waitpid(gone, nullptr, 0);
-    WriteWholeFile(bobLock, TextLock(gone));
+    WriteWholeFile(bobLock, TextLock(GonePid()));
 
     auto aliceStation = WaitingStation(alice);
     auto bobStation = WaitingStation(bob);

@@ -15,25 +15,9 @@
 
 namespace {
 
-std::string TextLock(pid_t pid) {
-    char text[16];
-    std::snprintf(text, sizeof text, "%10d\n", static_cast<int>(pid));
-    return text;
-}
-
 std::string BinaryLock(pid_t pid) {
     const int value = pid;
     return std::string(reinterpret_cast<const char*>(&value), sizeof value);
-}
-
-// The id of a process that has exited and been reaped.
-pid_t GonePid() {
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::_exit(0);
-    }
-    ::waitpid(child, nullptr, 0);
-    return child;
 }
 
 // The lock folder of the test, in the environment as the program reads it.

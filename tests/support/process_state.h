@@ -1,6 +1,9 @@
 // What a test changes or reads of its own process: an environment variable
-// for the length of a check, and the processor time its thread has used.
+// for the length of a check, the processor time its thread has used, and
+// process ids living and gone as port locks hold them.
 #pragma once
+
+#include <sys/types.h>
 
 #include <string>
 
@@ -21,3 +24,9 @@ private:
 
 // Milliseconds of processor time the calling thread has used.
 double ThreadCpuMs();
+
+// A port lock's text for the process, as serial programs write it: the id in
+// ten characters, right-aligned, and a newline.
+std::string TextLock(pid_t pid);
+// The id of a process that has exited and been reaped.
+pid_t GonePid();
