@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -17,7 +16,6 @@
 #include "line/adapter.h"
 #include "platform/event_loop.h"
 #include "platform/files.h"
-#include "platform/message_box.h"
 #include "resources/resource.h"
 #include "stores/status_log.h"
 #include "support/temp_folder.h"
@@ -37,21 +35,11 @@ protected:
         previous_ = CurrentFolder();
         ASSERT_TRUE(ChangeCurrentFolder(folder_.Path()));
         BlockPorts(folder_.Path());
-        SetMessageBoxHandler([this](const std::string& text) {
-            std::lock_guard<std::mutex> guard(lock_);
-            messages_.push_back(text);
-            if (onMessage_) {
-                onMessage_(text);
-            }
-        });
         SplashPending = 1;
         AdapterFound = 0;
         TheEngine.LinkState = LinkIdle;
     }
-    void TearDown() override {
-        SetMessageBoxHandler(nullptr);
-        ChangeCurrentFolder(previous_);
-    }
+    void TearDown() override { ChangeCurrentFolder(previous_); }
 
     // One run of the program; the window's first task is the given one.
     std::vector<std::string> Run(const std::function<void()>& first) {
@@ -67,18 +55,13 @@ protected:
         return lines;
     }
 
-    std::vector<std::string> Messages() {
-        std::lock_guard<std::mutex> guard(lock_);
-        return messages_;
-    }
+    std::vector<std::string> Messages() const { return output_.Messages(); }
 
     TempFolder folder_;
-    std::function<void(const std::string&)> onMessage_;
+    CapturedOutput output_{CapturedOutput::LogLines::LeftAlone};
 
 private:
     std::string previous_;
-    std::mutex lock_;
-    std::vector<std::string> messages_;
 };
 
 TEST_F(AppStartTest, AFirstRunMakesItsFilesAndAnExitWithoutAnAdapterSavesNoPreferences) {
@@ -143,7 +126,7 @@ TEST_F(AppStartTest, TheSplashClosesItselfAfterASecondAndTheSearchFollowsOnce) {
     // search has returned. The user then leaves.
     std::vector<bool> startOver;
     MainLoop().Post([&] { startOver.push_back(ActiveMainWindow()->StartIsOver()); });
-    onMessage_ = [&](const std::string& text) {
+    output_.OnMessage = [&](const std::string& text) {
         if (text == NoAdapterMessage) {
             startOver.push_back(ActiveMainWindow()->StartIsOver());
             MainLoop().Post([&] {
