@@ -143,13 +143,6 @@ TEST_F(AdmissionTest, ANameWithAllItsSuffixesTakenRefusesTheListAndMakesNothing)
 
 TEST_F(AdmissionTest, NamesTakenOnDiskOrByTheListGetSuffixesAndTheAnnouncedNameIsKept) {
     WriteWholeFile(Incoming("report.doc"), "mine");
-    WriteWholeFile(Incoming("x"), "mine too");
-    // Empty files follow the same rules; only they make up this list.
-    EXPECT_EQ(Offer({{"x", 0, 0}, {"y", 0, 0}}), "ACK2\r\n");
-    EXPECT_EQ(ReadWholeFile(Incoming("x")), "mine too");
-    EXPECT_TRUE(PathExists(Incoming("x-A")));
-    EXPECT_TRUE(PathExists(Incoming("y")));
-
     EXPECT_EQ(Offer({{"report.doc", 0, 5}, {"report.doc", 0, 5}}), "ACK3\r\n");
     EXPECT_EQ(ReceivedNames(), (std::vector<std::string>{"report.doc-A", "report.doc-B"}));
     // The announced name stays for a resume; the list on the wire follows the
