@@ -70,7 +70,7 @@ TEST_F(DirectoryTest, ACountOutsideTheTableNeverWritesPastIt) {
         }
         EXPECT_TRUE(SlotIsZero(c.Loaded));
     }
-    EXPECT_TRUE(messages_.empty());
+    EXPECT_TRUE(Messages().empty());
 }
 
 TEST_F(DirectoryTest, SaveWritesEveryFieldAtItsOffsetAndKeepsTheOlderTail) {

@@ -44,7 +44,7 @@ TEST_F(PreferencesTest, ShortAndEmptyFilesAreTakenAsTheyStandAndNotRewritten) {
     EXPECT_EQ(ThePreferences.ComPort, 0);
     EXPECT_EQ(ThePreferences.IncomingProtocol, 0);
     EXPECT_EQ(ReadWholeFile(folder_ / "kestrelbound_prefs").size(), 0u);
-    EXPECT_TRUE(messages_.empty());
+    EXPECT_TRUE(Messages().empty());
 }
 
 // A file longer than the record, with bytes in the reserved words behind the
@@ -88,7 +88,7 @@ TEST_F(PreferencesTest, SaveNeedsAnExistingFileAndSaysNothingWithout) {
     ThePreferences.ComPort = 1;
     EXPECT_FALSE(SavePreferences());
     EXPECT_FALSE(PathExists(folder_ / "kestrelbound_prefs"));
-    EXPECT_TRUE(messages_.empty());
+    EXPECT_TRUE(Messages().empty());
 
     // A file that opens but takes only some of the bytes, the process being
     // held to a smaller file size: the save fails, still silently.
@@ -103,7 +103,7 @@ TEST_F(PreferencesTest, SaveNeedsAnExistingFileAndSaysNothingWithout) {
     ::setrlimit(RLIMIT_FSIZE, &before);
     ::signal(SIGXFSZ, oldHandler);
     EXPECT_FALSE(saved);
-    EXPECT_TRUE(messages_.empty());
+    EXPECT_TRUE(Messages().empty());
 }
 
 // A folder where no file can be made: each store says so once at its load,
@@ -115,9 +115,9 @@ TEST_F(StoreTest, AFolderWhereNoFileCanBeMadeGivesEachMessageOnceAndEmptyStores)
     EXPECT_EQ(LoadStatusLog(), 0);
     EXPECT_EQ(LoadDirectory(), 0);
     EXPECT_EQ(LoadPreferences(), 0);
-    EXPECT_EQ(messages_, (std::vector<std::string>{"Cannot create status log file.",
-                                                   "Cannot create directory file.",
-                                                   "Cannot create preferences file."}));
+    EXPECT_EQ(Messages(), (std::vector<std::string>{"Cannot create status log file.",
+                                                    "Cannot create directory file.",
+                                                    "Cannot create preferences file."}));
     EXPECT_TRUE(StoredLogLines().empty());
     EXPECT_EQ(DirectoryCount.load(), 0);
     // The defaults belong to a file that was made; without one the record is
@@ -127,7 +127,7 @@ TEST_F(StoreTest, AFolderWhereNoFileCanBeMadeGivesEachMessageOnceAndEmptyStores)
     EXPECT_EQ(SaveStatusLog({"Stopping Kestrelbound"}), 0);
     EXPECT_FALSE(SaveDirectory());
     EXPECT_FALSE(SavePreferences());
-    EXPECT_EQ(messages_.size(), 3u);
+    EXPECT_EQ(Messages().size(), 3u);
     EXPECT_FALSE(PathExists(folder_ / "missing"));
     FreeStatusLog();
 }

@@ -37,7 +37,7 @@ TEST_F(StatusLogFileTest, ShorterLogKeepsTheStaleTailWhichTheNextStartIgnores) {
     ASSERT_EQ(LoadStatusLog(), 1);
     EXPECT_EQ(ReadWholeFile(LogFile()), std::string(1, '\0'));
     EXPECT_TRUE(StoredLogLines().empty());
-    EXPECT_TRUE(messages_.empty());
+    EXPECT_TRUE(Messages().empty());
     ASSERT_EQ(SaveStatusLog(Numbered(1, 20)), 1);
     const std::string before = ReadWholeFile(LogFile());
 

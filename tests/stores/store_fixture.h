@@ -7,20 +7,17 @@
 #include <string>
 #include <vector>
 
-#include "platform/message_box.h"
 #include "stores/paths.h"
+#include "support/captured_output.h"
 #include "support/temp_folder.h"
 
 class StoreTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        BuildPaths(folder_.Path());
-        SetMessageBoxHandler([this](const std::string& text) { messages_.push_back(text); });
-    }
-    void TearDown() override { SetMessageBoxHandler(nullptr); }
+    void SetUp() override { BuildPaths(folder_.Path()); }
+    std::vector<std::string> Messages() const { return output_.Messages(); }
 
     TempFolder folder_;
-    std::vector<std::string> messages_;
+    CapturedOutput output_{CapturedOutput::LogLines::LeftAlone};
 };
 
 // Text in a field of that width, zeros behind it, as a file holds it.
