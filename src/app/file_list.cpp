@@ -227,16 +227,31 @@ void MainWindow::OnFileClick(int row) {
 void MainWindow::OnDropFiles(int targetId, const std::vector<std::string>& paths) {
     const bool onList = targetId == IDC_FILE_LIST || targetId == IDC_SEND;
     if (onList && TheEngine.LinkState.load() == LinkIdle) {
+        // What cannot be read is named and left out; the rest of the drop
+        // stays. Taken for a folder, it would replace the list with a marker
+        // of its own name, and the files dropped with it would be gone
+        // without a word.
+        std::string unreadable;
         for (const std::string& dropped : paths) {
             const std::string path = WithoutTrailingSlash(dropped);
             const std::string name = FileNameOfPath(path);
+            const PathKind kind = KindOfPath(path);
             // A FIFO, device or socket is never opened: it is passed over as
             // a subfolder of a dropped folder would be.
-            if (KindOfPath(path) == PathKind::Other) {
+            if (kind == PathKind::Other) {
+                continue;
+            }
+            if (kind == PathKind::Folder) {
+                std::vector<FolderEntry> entries;
+                if (ListFolder(path, entries)) {
+                    AddFolderToSendList(path, name);
+                } else {
+                    unreadable += "\r" + path;
+                }
                 continue;
             }
             File file;
-            if (file.Open(path, File::Mode::Read)) {
+            if (kind == PathKind::File && file.Open(path, File::Mode::Read)) {
                 const int64_t length = file.Length();
                 file.Close();
                 // A dropped file of length 0 is skipped.
@@ -244,10 +259,11 @@ void MainWindow::OnDropFiles(int targetId, const std::vector<std::string>& paths
                     AddFileToList(path, name);
                 }
             } else {
-                // What does not open is taken for a folder; if it is none,
-                // the list ends up holding only a marker of that name.
-                AddFolderToSendList(path, name);
+                unreadable += "\r" + path;
             }
+        }
+        if (!unreadable.empty()) {
+            ShowMessageBox("These could not be opened and were not added:" + unreadable);
         }
         // One drop on Send fills the list and starts the call.
         if (targetId == IDC_SEND) {

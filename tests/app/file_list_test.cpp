@@ -2,6 +2,8 @@
 // limits of the list.
 
 #include <gtest/gtest.h>
+#include <sys/fsuid.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
@@ -20,6 +22,20 @@
 namespace {
 
 using FileListTest = WindowTest;
+
+// Files are opened as a user without root's rights would open them, on this
+// thread, for the life of the object: a file or folder without read
+// permission is then unreadable even when the tests run as root.
+class ReadingAsUser {
+public:
+    ReadingAsUser() : before_(::setfsuid(65534)) {}
+    ~ReadingAsUser() { ::setfsuid(before_); }
+    ReadingAsUser(const ReadingAsUser&) = delete;
+    ReadingAsUser& operator=(const ReadingAsUser&) = delete;
+
+private:
+    int before_;
+};
 
 const FileEntry& Entry(int i) {
     return TheEngine.SendList[i];
@@ -97,12 +113,35 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
     Drop(IDC_FILE_LIST, {MakeFile("smith.KBE", 140)});
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), std::vector<std::string>{"smith.KBE"});
 
-    // What cannot be opened is taken for a folder, and so replaces the list.
-    Drop(IDC_FILE_LIST, {folder_ / "no such thing"});
-    EXPECT_EQ(RowTexts(IDC_FILE_LIST), std::vector<std::string>{"no such thing"});
-    EXPECT_EQ(TheEngine.SendCount.load(), 1);
+    // What cannot be read, file or folder, is named in one message and left
+    // out; the files and folders dropped with it stay.
+    const std::string before = MakeFile("before", 1);
+    const std::string after = MakeFile("after", 2);
+    const std::string docs = MakeFolder("docs");
+    MakeFile("docs/a", 3);
+    const std::string lockedFile = MakeFile("locked file", 4);
+    const std::string lockedFolder = MakeFolder("locked folder");
+    ASSERT_EQ(::chmod(folder_.Path().c_str(), 0755), 0);
+    ASSERT_EQ(::chmod(lockedFile.c_str(), 0), 0);
+    ASSERT_EQ(::chmod(lockedFolder.c_str(), 0), 0);
+    {
+        const ReadingAsUser user;
+        if (File probe; probe.Open(lockedFile, File::Mode::Read)) {
+            GTEST_SKIP() << "files without read permission can still be read here";
+        }
+        Drop(IDC_FILE_LIST, {before, lockedFile, lockedFolder, folder_ / "gone", after});
+        EXPECT_EQ(RowTexts(IDC_FILE_LIST),
+                  (std::vector<std::string>{"smith.KBE", "before", "after"}));
+        // A folder still replaces the list, and what cannot be read does not.
+        Drop(IDC_FILE_LIST, {docs, lockedFile});
+    }
+    EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"docs", "a"}));
     EXPECT_EQ(Entry(0).EntryKind, KindFolderMarker);
-    EXPECT_TRUE(Messages().empty());
+    EXPECT_EQ(Messages(), (std::vector<std::string>{
+                              "These could not be opened and were not added:\r" + lockedFile +
+                                  "\r" + lockedFolder + "\r" + (folder_ / "gone"),
+                              "These could not be opened and were not added:\r" + lockedFile}));
+    Press(IDC_FILE_CLEAR);
 
     // Of two folders in one drop only the second stays.
     MakeFolder("first");
