@@ -44,6 +44,23 @@ void ShowForm(bool firm) {
     Controls().Show(IDC_LABEL_TELEPHONE, !firm);
 }
 
+// The row of the outgoing protocol list that names the record's protocol.
+// A protocol that the list does not offer (AIMUX on a ZyXEL, or on a port
+// too slow for it) shows as V.120, the first row, as a saved incoming
+// protocol does: shown by its number, a ZyXEL's AIMUX would land on the row
+// that says X.75, and a Change would store X.75 in its place.
+int RowNamingProtocol(int32_t protocol) {
+    if (protocol >= ProtocolV120 && protocol <= ProtocolX75) {
+        const std::vector<ListRow> rows = Controls().Rows(IDC_PROTOCOL);
+        for (size_t i = 0; i < rows.size(); ++i) {
+            if (rows[i].Text == ProtocolNames[protocol]) {
+                return static_cast<int>(i);
+            }
+        }
+    }
+    return 0;
+}
+
 uint32_t Swapped(int32_t value) {
     uint32_t raw = static_cast<uint32_t>(value);
     SwapLong(&raw);
@@ -88,8 +105,7 @@ void MainWindow::ShowCorrespondent(int16_t index) {
     // Putting text into the fields is an edit of them, as the user's is.
     OnEntryEdited();
 
-    // A row the list lacks leaves it with no selection.
-    controls.Select(IDC_PROTOCOL, RowOfProtocol(record.Protocol));
+    controls.Select(IDC_PROTOCOL, RowNamingProtocol(record.Protocol));
     controls.Select(IDC_CARRIER, record.Carrier);
     controls.Check(IDC_56K, record.Use56K != 0);
     controls.Check(IDC_2B, record.Use2B != 0);
@@ -137,7 +153,9 @@ void MainWindow::ReadCorrespondentForm(int16_t index) {
         SetFieldText(record.FirmName, controls.Text(IDC_NAME));
         SetFieldText(record.IsdnNumber, controls.Text(IDC_NUMBER));
     }
-    record.Protocol = ProtocolOfRow(controls.Selection(IDC_PROTOCOL));
+    // The protocol the selected row names, as for a call; no row is V.120.
+    record.Protocol =
+        ProtocolNamed(controls.RowText(IDC_PROTOCOL, controls.Selection(IDC_PROTOCOL)));
     record.Carrier = std::max(controls.Selection(IDC_CARRIER), 0);
     record.Use56K = controls.Checked(IDC_56K) ? 1 : 0;
     record.Use2B = controls.Checked(IDC_2B) ? 1 : 0;

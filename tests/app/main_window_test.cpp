@@ -11,10 +11,12 @@
 #include "app/control_model.h"
 #include "engine/transfer_engine.h"
 #include "line/adapter.h"
+#include "line/adapter_family.h"
 #include "line/profiles.h"
 #include "platform/clock.h"
 #include "platform/event_loop.h"
 #include "resources/resource.h"
+#include "stores/directory.h"
 #include "stores/paths.h"
 #include "stores/preferences.h"
 #include "stores/status_log.h"
@@ -166,6 +168,20 @@ TEST_F(MainWindowTest, TheWindowShowsWhatTheAdapterFoundOffers) {
             EXPECT_EQ(Controls().Shown(id), options) << ControlName(id);
         }
         EXPECT_TRUE(Controls().Checked(IDC_IN_2B)) << "set from the preferences in every family";
+        // A record shows its protocol in the row that names it, one that the
+        // adapter does not offer as V.120, and a Change stores what is shown.
+        for (const LineProtocol protocol : {ProtocolV120, ProtocolAimux, ProtocolX75}) {
+            const std::string name = ProtocolNames[protocol];
+            const std::string shown =
+                std::string(c.Rows).find(name) != std::string::npos ? name : "V.120";
+            Directory[0] = Correspondent{};
+            Directory[0].Protocol = protocol;
+            window_->ShowCorrespondent(0);
+            EXPECT_EQ(Controls().RowText(IDC_PROTOCOL, Controls().Selection(IDC_PROTOCOL)), shown)
+                << name;
+            window_->ReadCorrespondentForm(0);
+            EXPECT_EQ(Directory[0].Protocol, ProtocolNamed(shown)) << name;
+        }
         std::vector<std::string> menus;
         for (const Menu& menu : Controls().Menus()) {
             menus.push_back(menu.Title);
