@@ -46,7 +46,7 @@ int main() {
     SetKeyStateQuery(KeyHeld);
     InstallDesktop(&TheStationDesktop());
     const int listener = Controls().AddListener([](const ControlEvent&) { NoteChange(); });
-    StartCommandInput(RunStationCommand, CloseWindow);
+    StartCommandInput(RunStationCommand, CloseWindow, NoteCommandsEnded);
 
     TransferApp app;
     app.PrepareWindow = [](MainWindow& window) { window.SetLogObserver(NoteLogLine); };

@@ -26,6 +26,7 @@ std::mutex QueueLock;
 std::condition_variable QueueChanged;
 std::deque<std::string> Commands;
 bool QueueClosed = false;
+bool InputEnded = false;
 
 // Blanks and a CR around a command are no part of it.
 std::string Trimmed(std::string line) {
@@ -43,18 +44,34 @@ void Enqueue(const std::string& line) {
     QueueChanged.notify_all();
 }
 
+void EndInput() {
+    std::lock_guard<std::mutex> guard(QueueLock);
+    InputEnded = true;
+    QueueChanged.notify_all();
+}
+
 void CloseQueue() {
     std::lock_guard<std::mutex> guard(QueueLock);
     QueueClosed = true;
     QueueChanged.notify_all();
 }
 
-void RunCommands(const std::function<std::string(const std::string&)>& run) {
+void RunCommands(const std::function<std::string(const std::string&)>& run,
+                 const std::function<void()>& onCommandsEnded) {
+    bool endTold = false;
     for (;;) {
         std::string line;
         {
             std::unique_lock<std::mutex> guard(QueueLock);
-            QueueChanged.wait(guard, [] { return QueueClosed || !Commands.empty(); });
+            QueueChanged.wait(guard, [&] {
+                return QueueClosed || !Commands.empty() || (InputEnded && !endTold);
+            });
+            if (Commands.empty() && InputEnded && !endTold) {
+                endTold = true;
+                guard.unlock();
+                onCommandsEnded();
+                continue;
+            }
             if (Commands.empty()) {
                 return;
             }
@@ -102,6 +119,7 @@ void ReadInput(const std::function<void()>& onStop) {
                     Enqueue(pending);
                     pending.clear();
                 }
+                EndInput();
                 inputOpen = false;
                 continue;
             }
@@ -113,6 +131,92 @@ void ReadInput(const std::function<void()>& onStop) {
             }
         }
     }
+}
+
+// The length of the well-formed UTF-8 character at text[at], 0 if the byte
+// there starts none.
+size_t Utf8Length(const std::string& text, size_t at) {
+    const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
+    const unsigned char lead = byte(at);
+    size_t length = 0;
+    unsigned char low = 0x80;  // the range of the byte behind the lead
+    unsigned char high = 0xBF;
+    if (lead >= 0xC2 && lead <= 0xDF) {
+        length = 2;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+        length = 3;
+        low = lead == 0xE0 ? 0xA0 : 0x80;   // no overlong form
+        high = lead == 0xED ? 0x9F : 0xBF;  // no surrogate
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        length = 4;
+        low = lead == 0xF0 ? 0x90 : 0x80;
+        high = lead == 0xF4 ? 0x8F : 0xBF;
+    } else {
+        return 0;
+    }
+    if (at + length > text.size() || byte(at + 1) < low || byte(at + 1) > high) {
+        return 0;
+    }
+    for (size_t i = 2; i < length; ++i) {
+        if (byte(at + i) < 0x80 || byte(at + i) > 0xBF) {
+            return 0;
+        }
+    }
+    return length;
+}
+
+void AppendHexByte(std::string& shown, unsigned char c) {
+    static const char Digits[] = "0123456789ABCDEF";
+    shown += "\\x";
+    shown += Digits[c >> 4];
+    shown += Digits[c & 0x0F];
+}
+
+// The text as one line of plain printable UTF-8, whatever a file name or a
+// peer put into it: a control character would ring the terminal's bell,
+// move its cursor or end the line, and a byte that is no character would
+// trip a reader that decodes the output. Such bytes are written as escapes
+// (\r, \n, \t, \xNN for any other, and \\ for the backslash itself), so
+// that a reader can take every line back byte for byte. In quotes, a double
+// quote is escaped too.
+std::string Escaped(const std::string& text, bool quoted) {
+    std::string shown;
+    for (size_t at = 0; at < text.size();) {
+        const auto c = static_cast<unsigned char>(text[at]);
+        if (c >= 0x80) {
+            const size_t length = Utf8Length(text, at);
+            // U+0080 to U+009F, the second set of control characters.
+            const bool control =
+                length == 2 && c == 0xC2 && static_cast<unsigned char>(text[at + 1]) <= 0x9F;
+            if (length == 0 || control) {
+                const size_t count = length == 0 ? 1 : length;
+                for (size_t i = 0; i < count; ++i) {
+                    AppendHexByte(shown, static_cast<unsigned char>(text[at + i]));
+                }
+                at += count;
+            } else {
+                shown.append(text, at, length);
+                at += length;
+            }
+            continue;
+        }
+        if (c == '\r') {
+            shown += "\\r";
+        } else if (c == '\n') {
+            shown += "\\n";
+        } else if (c == '\t') {
+            shown += "\\t";
+        } else if (c < 0x20 || c == 0x7F) {
+            AppendHexByte(shown, c);
+        } else if (c == '\\' || (quoted && c == '"')) {
+            shown += '\\';
+            shown += static_cast<char>(c);
+        } else {
+            shown += static_cast<char>(c);
+        }
+        ++at;
+    }
+    return shown;
 }
 
 }  // namespace
@@ -134,28 +238,11 @@ void PrintLine(const std::string& line) {
 }
 
 std::string OneLine(const std::string& text) {
-    std::string shown;
-    for (const char c : text) {
-        if (c == '\r') {
-            shown += "\\r";
-        } else if (c == '\n') {
-            shown += "\\n";
-        } else {
-            shown += c;
-        }
-    }
-    return shown;
+    return Escaped(text, false);
 }
 
 std::string Quoted(const std::string& text) {
-    std::string shown = "\"";
-    for (const char c : text) {
-        if (c == '"' || c == '\\') {
-            shown += '\\';
-        }
-        shown += c;
-    }
-    return OneLine(shown) + "\"";
+    return "\"" + Escaped(text, true) + "\"";
 }
 
 bool BlockStopSignals() {
@@ -170,9 +257,9 @@ bool BlockStopSignals() {
 }
 
 void StartCommandInput(std::function<std::string(const std::string&)> run,
-                       std::function<void()> onStop) {
+                       std::function<void()> onStop, std::function<void()> onCommandsEnded) {
     Reader = std::thread(ReadInput, std::move(onStop));
-    Runner = std::thread(RunCommands, std::move(run));
+    Runner = std::thread(RunCommands, std::move(run), std::move(onCommandsEnded));
 }
 
 void StopCommandInput() {

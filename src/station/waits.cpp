@@ -4,7 +4,6 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
-#include <vector>
 
 #include "app/main_window.h"
 #include "platform/event_loop.h"
@@ -16,27 +15,36 @@ using Clock = std::chrono::steady_clock;
 
 std::mutex SeenLock;
 std::condition_variable SeenChanged;
-std::vector<std::string> LogSeen;
-// The log lines before this one have been matched by a wait.
-size_t WaitMark = 0;
+SeenLines Seen;
 bool LoopEnded = false;
 
 Clock::time_point DeadlineIn(double seconds) {
     return Clock::now() + std::chrono::milliseconds(static_cast<int64_t>(seconds * 1000));
 }
 
-// Looks for the text from the mark on; moves the mark behind a line found.
-bool FindFromMark(const std::string& text) {
-    for (size_t i = WaitMark; i < LogSeen.size(); ++i) {
-        if (LogSeen[i].find(text) != std::string::npos) {
-            WaitMark = i + 1;
+}  // namespace
+
+void SeenLines::Add(const std::string& line) {
+    if (!ended_) {
+        lines_.push_back(line);
+    }
+}
+
+bool SeenLines::TakeMatch(const std::string& text) {
+    for (size_t i = 0; i < lines_.size(); ++i) {
+        if (lines_[i].find(text) != std::string::npos) {
+            lines_.erase(lines_.begin(), lines_.begin() + static_cast<std::ptrdiff_t>(i) + 1);
             return true;
         }
     }
     return false;
 }
 
-}  // namespace
+void SeenLines::EndWaits() {
+    ended_ = true;
+    lines_.clear();
+    lines_.shrink_to_fit();
+}
 
 Answer Fail(std::string why) {
     return Answer{false, std::move(why)};
@@ -67,14 +75,14 @@ Answer WaitForLog(const std::string& text, double seconds) {
     const Clock::time_point deadline = DeadlineIn(seconds);
     std::unique_lock<std::mutex> guard(SeenLock);
     for (;;) {
-        if (FindFromMark(text)) {
+        if (Seen.TakeMatch(text)) {
             return Answer{};
         }
         if (LoopEnded) {
             return Fail("the station is stopping");
         }
         if (SeenChanged.wait_until(guard, deadline) == std::cv_status::timeout &&
-            !FindFromMark(text)) {
+            !Seen.TakeMatch(text)) {
             return Fail("timed out waiting for " + text);
         }
     }
@@ -102,8 +110,13 @@ Answer WaitForLinkState(const std::string& state, double seconds) {
 void NoteLogLine(const std::string& line) {
     PrintLine("log: " + OneLine(line));
     std::lock_guard<std::mutex> guard(SeenLock);
-    LogSeen.push_back(line);
+    Seen.Add(line);
     SeenChanged.notify_all();
+}
+
+void NoteCommandsEnded() {
+    std::lock_guard<std::mutex> guard(SeenLock);
+    Seen.EndWaits();
 }
 
 void NoteChange() {

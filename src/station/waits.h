@@ -3,6 +3,7 @@
 // limit, and all of them give up once the main loop has ended.
 #pragma once
 
+#include <deque>
 #include <functional>
 #include <string>
 
@@ -22,8 +23,29 @@ Answer WaitForLog(const std::string& text, double seconds);
 // Waits until the window names the link's state so.
 Answer WaitForLinkState(const std::string& state, double seconds);
 
+// The log lines that a wait may still look at. A wait looks only behind the
+// line that the last wait matched, so the lines up to that one are let go;
+// and once the commands have ended no wait can come, so none is kept. An
+// unattended station thus keeps nothing for its log, however long it runs.
+class SeenLines {
+public:
+    void Add(const std::string& line);
+    // Whether a line holding the text came after the last match; the first
+    // such line is the new match.
+    bool TakeMatch(const std::string& text);
+    // No wait will come any more.
+    void EndWaits();
+    size_t Kept() const { return lines_.size(); }
+
+private:
+    std::deque<std::string> lines_;  // behind the last match
+    bool ended_ = false;
+};
+
 // Each line the log receives, in order; the window's log observer.
 void NoteLogLine(const std::string& line);
+// The commands have ended and every one of them has been answered.
+void NoteCommandsEnded();
 // A control changed: the waits look again.
 void NoteChange();
 // The main loop has ended; nothing posted to it runs any more.

@@ -3,6 +3,7 @@
 // its standard output, and its end by a signal or in the middle of a call.
 
 #include <signal.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -13,6 +14,7 @@
 
 #include "e2e/harness.h"
 #include "platform/files.h"
+#include "station/waits.h"
 #include "stores/status_log.h"
 #include "support/installation.h"
 #include "support/temp_folder.h"
@@ -69,6 +71,22 @@ TEST(StationTest, WithoutAnAdapterItRefusesToSendAndOnlySigtermEndsIt) {
     ASSERT_EQ(number.size(), 1u);
     EXPECT_NE(number[0].find(" enabled=0"), std::string::npos) << number[0];
 
+    // A file name's control characters, and its bytes that are no UTF-8
+    // character, never reach the output raw, and the harness reads the name
+    // back whole. The file is too large to send, so a log line names it.
+    const std::string name = "bell\a-esc\x1b[2J-tab\t-back\\-c1\xc2\x9b-bad\xff-\xc3\xbc";
+    WriteWholeFile(folder + "/" + name, "");
+    ASSERT_EQ(::truncate((folder + "/" + name).c_str(), off_t{1} << 28), 0);
+    EXPECT_EQ(Command(station, "add " + name), "ok");
+    const std::string escaped = R"(bell\x07-esc\x1B[2J-tab\t-back\\-c1\xC2\x9B-bad\xFF-)"
+                                "\xc3\xbc";
+    EXPECT_EQ(Command(station, "add gone-" + name),
+              "error: no such file or folder: gone-" + escaped);
+    const std::vector<std::string> logged =
+        LinesHolding(station.AllLines(), {"log: File too large"});
+    ASSERT_EQ(logged, std::vector<std::string>{"log: File too large to send: " + escaped});
+    EXPECT_EQ(Unescaped(logged[0]), "log: File too large to send: " + name);
+
     station.CloseInput();
     // Still answering: an unattended station waits for calls.
     std::this_thread::sleep_for(300ms);
@@ -121,6 +139,29 @@ TEST(StationTest, StationsThatLeaveDuringATransferStopCleanlyAndLeaveNoPartialFi
     EXPECT_EQ(a.WaitForExit(30s), 0);
     ExpectWholeLines(a.AllLines());
     ExpectWholeLines(b.AllLines());
+}
+
+// A wait looks only behind the line that the last wait matched, so the lines
+// up to that one go; a wait that finds nothing lets nothing go; and once the
+// commands have ended, no line is kept at all, however long the station runs.
+TEST(StationTest, OnlyTheLogLinesThatAWaitCanStillFindAreKept) {
+    SeenLines seen;
+    for (int call = 0; call < 1000; ++call) {
+        seen.Add("Connected " + std::to_string(call));
+        seen.Add("All files received.");
+        ASSERT_TRUE(seen.TakeMatch("All files received."));
+    }
+    EXPECT_EQ(seen.Kept(), 0u);
+    seen.Add("one");
+    seen.Add("two");
+    EXPECT_FALSE(seen.TakeMatch("three"));
+    EXPECT_TRUE(seen.TakeMatch("one"));
+    EXPECT_EQ(seen.Kept(), 1u);
+    seen.EndWaits();
+    for (int call = 0; call < 1000; ++call) {
+        seen.Add("Connected " + std::to_string(call));
+    }
+    EXPECT_EQ(seen.Kept(), 0u);
 }
 
 }  // namespace

@@ -29,11 +29,35 @@ uint16_t VirtualAdapters::ListeningPort() const {
 
 Station::Station(const std::string& folder) : process_(KBSTATION_PATH, {}, folder) {}
 
+std::string Unescaped(const std::string& shown) {
+    std::string text;
+    for (size_t at = 0; at < shown.size(); ++at) {
+        if (shown[at] != '\\' || at + 1 == shown.size()) {
+            text += shown[at];
+            continue;
+        }
+        const char kind = shown[++at];
+        if (kind == 'r') {
+            text += '\r';
+        } else if (kind == 'n') {
+            text += '\n';
+        } else if (kind == 't') {
+            text += '\t';
+        } else if (kind == 'x' && at + 2 < shown.size()) {
+            text += static_cast<char>(std::stoi(shown.substr(at + 1, 2), nullptr, 16));
+            at += 2;
+        } else {
+            text += kind;
+        }
+    }
+    return text;
+}
+
 void Station::Sort(const std::string& line) {
     if (line.rfind("log: ", 0) == 0) {
-        logLines_.push_back(line.substr(5));
+        logLines_.push_back(Unescaped(line.substr(5)));
     } else if (line.rfind("message: ", 0) == 0) {
-        messages_.push_back(line.substr(9));
+        messages_.push_back(Unescaped(line.substr(9)));
     } else {
         for (const char* kind : {"open: ", "browse: ", "raise: ", "run: ", "dialog: "}) {
             if (line.rfind(kind, 0) == 0) {
@@ -83,7 +107,8 @@ bool Station::WaitForLog(const std::string& text, std::chrono::milliseconds limi
     }
     const bool seen = TakeUntil(
         [&](const std::string& line) {
-            return line.rfind("log: ", 0) == 0 && line.find(text) != std::string::npos;
+            return line.rfind("log: ", 0) == 0 &&
+                   Unescaped(line.substr(5)).find(text) != std::string::npos;
         },
         limit, nullptr);
     if (seen) {

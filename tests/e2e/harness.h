@@ -44,14 +44,16 @@ public:
     // seen since the last successful wait of this kind).
     bool WaitForLog(const std::string& text,
                     std::chrono::milliseconds limit = std::chrono::seconds(60));
-    // Every log line printed so far, in order, without the "log: " prefix.
+    // Every log line printed so far, in order, without the "log: " prefix and
+    // with its escapes taken back (Unescaped).
     std::vector<std::string> LogLines() const { return logLines_; }
     // The same, one text, for a failure's message.
     std::string LogText() const;
     // How often the log holds exactly this line. The answer to "show" comes
     // behind every log line added before it, so the lines in hand are all.
     long Count(const std::string& line);
-    // Every message box shown so far, with the "message: " prefix taken away.
+    // Every message box shown so far, without the "message: " prefix and with
+    // its escapes taken back.
     std::vector<std::string> Messages() const { return messages_; }
     // The hand-offs to the desktop ("open: ...", "browse: ...", "raise: ...",
     // "run: ...", "dialog: ...") printed since the last call.
@@ -78,6 +80,10 @@ private:
     std::vector<std::string> handOffs_;
     size_t logWaitMark_ = 0;
 };
+
+// A line of kbstation's output taken back to the text it stands for: its
+// escapes (\r, \n, \t, \xNN, \\) become the bytes they name again.
+std::string Unescaped(const std::string& shown);
 
 // A station started in its folder that has found its adapter and waits for
 // calls.

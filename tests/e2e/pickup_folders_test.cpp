@@ -147,9 +147,9 @@ TEST_F(ThreeLines, ACorrespondentFetchesItsFolderAndAnyoneElseIsToldThereIsNone)
                                   "open: " + paths_[0] + "/Incoming Files", "browse: " + manual,
                                   "raise: browser", "browse: " + manual, "dialog: open",
                                   "run: /usr/bin/gimp", "dialog: open", "dialog: open"}));
-    EXPECT_EQ(alice.Messages(),
-              std::vector<std::string>{
-                  "Please launch your preferred web browser to use\\non-line help."});
+    EXPECT_EQ(
+        alice.Messages(),
+        std::vector<std::string>{"Please launch your preferred web browser to use\non-line help."});
 }
 
 TEST_F(ThreeLines, AHotFolderSendsItselfOnceItStandsStillAndCallsABusyLineAgain) {
@@ -371,7 +371,7 @@ TEST(DirectoryByCommands, RecordsAreSortedRenamedWithTheirFolderAndKeptUntilTheF
     }
     AddRecord(*station, "One too many", "5551000");
     EXPECT_EQ(station->Messages().back(),
-              "Directory already has 128 entries.\\r  Please delete an entry before adding a new "
+              "Directory already has 128 entries.\r  Please delete an entry before adding a new "
               "one.");
     ASSERT_EQ(station->Quit(), 0);
     station = std::make_unique<Station>(folder);
