@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,7 +11,7 @@
 #include <stdexcept>
 
 ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& arguments,
-                           const std::string& folder, Errors errors) {
+                           const std::string& folder, Errors errors, int descriptorLimit) {
     int toChild[2];
     int fromChild[2];
     int errorsFromChild[2] = {-1, -1};
@@ -38,6 +39,11 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
             ::dup2(errorsFromChild[1], 2);
         }
         if (!folder.empty() && ::chdir(folder.c_str()) != 0) {
+            ::_exit(126);
+        }
+        const rlimit limit{static_cast<rlim_t>(descriptorLimit),
+                           static_cast<rlim_t>(descriptorLimit)};
+        if (descriptorLimit > 0 && ::setrlimit(RLIMIT_NOFILE, &limit) != 0) {
             ::_exit(126);
         }
         ::execv(argv[0], argv.data());

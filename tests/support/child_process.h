@@ -18,10 +18,12 @@ public:
     // Where the child's standard error goes.
     enum class Errors { PassedThrough, Kept };
 
-    // Starts program with arguments in folder ("" for this process's own);
+    // Starts program with arguments in folder ("" for this process's own),
+    // allowed that many open descriptors when descriptorLimit is not 0;
     // throws if it cannot.
     ChildProcess(const std::string& program, const std::vector<std::string>& arguments,
-                 const std::string& folder = "", Errors errors = Errors::PassedThrough);
+                 const std::string& folder = "", Errors errors = Errors::PassedThrough,
+                 int descriptorLimit = 0);
     // A child still running gets SIGTERM, and SIGKILL if it outlasts that.
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <string>
 
 EnvironmentValue::EnvironmentValue(const char* name, const std::string& value) : name_(name) {
     const char* old = std::getenv(name);
@@ -26,6 +27,31 @@ double ThreadCpuMs() {
     timespec t{};
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
     return static_cast<double>(t.tv_sec) * 1000.0 + static_cast<double>(t.tv_nsec) / 1e6;
+}
+
+double ProcessCpuMs(pid_t pid) {
+    // The name in the second field may hold blanks; the fields behind its
+    // closing bracket are counted from the third on.
+    std::string stat;
+    if (FILE* file = std::fopen(("/proc/" + std::to_string(pid) + "/stat").c_str(), "r")) {
+        char buffer[1024];
+        const size_t n = std::fread(buffer, 1, sizeof buffer, file);
+        std::fclose(file);
+        stat.assign(buffer, n);
+    }
+    const size_t close = stat.rfind(')');
+    if (close == std::string::npos) {
+        return -1;
+    }
+    unsigned long long user = 0;
+    unsigned long long system = 0;
+    if (std::sscanf(stat.c_str() + close + 1,
+                    " %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %llu %llu", &user,
+                    &system) != 2) {
+        return -1;
+    }
+    return static_cast<double>(user + system) * 1000.0 /
+           static_cast<double>(::sysconf(_SC_CLK_TCK));
 }
 
 std::string TextLock(pid_t pid) {

@@ -24,6 +24,9 @@ private:
 
 // Milliseconds of processor time the calling thread has used.
 double ThreadCpuMs();
+// Milliseconds of processor time a process of this machine has used, all its
+// threads together, as /proc tells; -1 if it cannot be read.
+double ProcessCpuMs(pid_t pid);
 
 // A port lock's text for the process, as serial programs write it: the id in
 // ten characters, right-aligned, and a newline.

@@ -1,12 +1,19 @@
 // Calls through the exchange: dialling, ringing, answering, and the ways a
 // dial fails, as each end's port shows them; and calls to the adapters of
 // another virtual-ta process.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <memory>
 #include <string>
 
 #include "platform/clock.h"
+#include "support/process_state.h"
 #include "support/tcp_relay.h"
 #include "vta_harness.h"
 
@@ -159,13 +166,16 @@ TEST_F(VirtualTaCalls, DroppingDtrEndsTheCallUnlessTheAdapterIgnoresIt) {
 // call between two adapters of one process.
 class CallsAway : public VirtualTaTest {
 protected:
-    // Bob's process runs unthrottled; Alice's takes the extra options. Her
-    // dials of Bob's numbers go through a relay, which a test may cut.
-    void StartBoth(const std::vector<std::string>& aliceOptions) {
-        const std::string alicePort = std::to_string(FreePort());
-        Start({"--rate", "0", "--listen", "127.0.0.1:0", "--route",
-               "5551001=127.0.0.1:" + alicePort, folder_ / "bob=zyxel-2864:5552002",
-               folder_ / "carol=3com:5552003"});
+    // Bob's process runs unthrottled, with the descriptors it is allowed if
+    // bobsDescriptors is not 0; Alice's takes the extra options. Her dials of
+    // Bob's numbers go through a relay, which a test may cut.
+    void StartBoth(const std::vector<std::string>& aliceOptions, int bobsDescriptors = 0) {
+        alicesPort_ = FreePort();
+        const std::string alicePort = std::to_string(alicesPort_);
+        Start(
+            {"--rate", "0", "--listen", "127.0.0.1:0", "--route", "5551001=127.0.0.1:" + alicePort,
+             folder_ / "bob=zyxel-2864:5552002", folder_ / "carol=3com:5552003"},
+            bobsDescriptors);
         ASSERT_NE(ListeningPort(tool_->AllLines()), 0);
         relay_ = std::make_unique<TcpRelay>(ListeningPort(tool_->AllLines()));
         const std::string bobs = "127.0.0.1:" + std::to_string(relay_->Port());
@@ -182,7 +192,46 @@ protected:
 
     std::unique_ptr<TcpRelay> relay_;
     std::unique_ptr<ChildProcess> alicesTool_;
+    uint16_t alicesPort_ = 0;
 };
+
+// A connection to the port on loopback that says nothing; -1 if it is not
+// made within 10 s.
+int SilentConnection(uint16_t port) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    pollfd entry{fd, POLLOUT, 0};
+    int error = 0;
+    socklen_t length = sizeof error;
+    if (fd < 0 || (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 &&
+                   (errno != EINPROGRESS || ::poll(&entry, 1, 10000) != 1 ||
+                    ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0))) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// Whether the far end closes the connection within the time; closes it here.
+constexpr uint64_t NsPerMs = 1000000;
+bool ClosedByFarEnd(int fd, int timeoutMs) {
+    pollfd entry{fd, POLLIN, 0};
+    char byte = 0;
+    const bool closed = ::poll(&entry, 1, timeoutMs) == 1 && ::read(fd, &byte, 1) <= 0;
+    ::close(fd);
+    return closed;
+}
+
+size_t Occurrences(const std::string& text, const std::string& part) {
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}
 
 // More than one message of the link holds, both ways at once; Bob calls back
 // with a carrier code in front. A lost connection is NO CARRIER at both ends,
@@ -239,6 +288,44 @@ TEST_F(CallsAway, BusyUnknownAndUnreachableFailAsLocallyAndTheSlowerRatePacesThe
     EXPECT_TRUE(transfer.AtA == down);
     // 24000 bytes at 16000 a second, less the 50 ms the line may hold.
     EXPECT_GE(transfer.Seconds, 1.4);
+}
+
+// Connections that never set up a call: a tool keeps at most 16 of them and
+// none for more than 5 s, letting the longest-waiting go for a newer one.
+// Bob's tool, allowed few descriptors, keeps some for its adapters, and at
+// its limit takes no processor time; a routed call rings and connects all
+// the same.
+TEST_F(CallsAway, SilentConnectionsAreCappedAndTimedOutAndARoutedCallStillGoesThrough) {
+    const std::string alicesTrace = folder_ / "alice.trace";
+    StartBoth({"--trace", alicesTrace}, 26);
+    FarEnd& alice = Port("alice");
+    FarEnd& bob = Port("bob");
+    const double cpuBefore = ProcessCpuMs(tool_->Pid());
+    const uint64_t start = MonotonicNs();
+    std::vector<int> silent;
+    for (const uint16_t port : {ListeningPort(tool_->AllLines()), alicesPort_}) {
+        for (int i = 0; i < 40; ++i) {
+            silent.push_back(SilentConnection(port));
+            ASSERT_GE(silent.back(), 0);
+        }
+    }
+    const CallSetUp call = SetUpCall(alice, bob, "5552002");
+    ASSERT_TRUE(call.Connected) << call.AtCaller << " / " << call.AtAnswerer;
+    ExpectCarried(alice, bob, "through", "the crowd");
+    ASSERT_TRUE(alice.HangUp());
+    EXPECT_EQ(bob.ReceiveUntil("NO CARRIER\r\n", 3000), "\r\nNO CARRIER\r\n");
+    const uint64_t closedBy = MonotonicNs() + 30000 * NsPerMs;
+    for (const int fd : silent) {
+        const uint64_t now = MonotonicNs();
+        EXPECT_TRUE(
+            ClosedByFarEnd(fd, now < closedBy ? static_cast<int>((closedBy - now) / NsPerMs) : 0));
+    }
+    const double elapsedMs = static_cast<double>(MonotonicNs() - start) / 1e6;
+    EXPECT_LT(ProcessCpuMs(tool_->Pid()) - cpuBefore, elapsedMs / 10) << "over " << elapsedMs;
+
+    const std::string trace = ReadWholeFile(alicesTrace);
+    EXPECT_EQ(Occurrences(trace, "closed: too many connections without a call"), 40u - 16u);
+    EXPECT_EQ(Occurrences(trace, "closed: no call set up within 5 s"), 16u);
 }
 
 }  // namespace

@@ -8,10 +8,11 @@
 
 #include "platform/clock.h"
 
-void VirtualTaTest::Start(const std::vector<std::string>& arguments) {
+void VirtualTaTest::Start(const std::vector<std::string>& arguments, int descriptorLimit) {
     ports_.clear();
     tool_.reset();
-    tool_ = std::make_unique<ChildProcess>(VIRTUAL_TA_PATH, arguments);
+    tool_ = std::make_unique<ChildProcess>(VIRTUAL_TA_PATH, arguments, "",
+                                           ChildProcess::Errors::PassedThrough, descriptorLimit);
     if (!tool_->WaitForLine("ready", std::chrono::seconds(10))) {
         throw std::runtime_error("virtual-ta did not become ready");
     }

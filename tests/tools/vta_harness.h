@@ -17,10 +17,11 @@
 
 class VirtualTaTest : public testing::Test {
 protected:
-    // Starts the tool with the arguments and waits for its "ready"; throws if
-    // it does not come. A tool started before is stopped first, and the ports
+    // Starts the tool with the arguments, allowed that many open descriptors
+    // if descriptorLimit is not 0, and waits for its "ready"; throws if it
+    // does not come. A tool started before is stopped first, and the ports
     // opened on it are closed.
-    void Start(const std::vector<std::string>& arguments);
+    void Start(const std::vector<std::string>& arguments, int descriptorLimit = 0);
     // The port whose link is name in the folder, open until the test ends.
     FarEnd& Port(const std::string& name, uint32_t speed = 115200);
 

@@ -174,6 +174,12 @@ uint64_t Exchange::NextDeadline(uint64_t now) {
     }
     for (const auto& link : links_) {
         next = std::min(next, link->CloseBy);
+        if (link->AwaitingSetup()) {
+            next = std::min(next, link->SetupBy);
+        }
+    }
+    if (listener_ >= 0 && listenerRestsUntil_ > now) {
+        next = std::min(next, listenerRestsUntil_);
     }
     return next;
 }
@@ -193,7 +199,7 @@ void Exchange::CollectPoll(std::vector<pollfd>& entries, uint64_t now) {
         }
         entries.push_back(entry);
     }
-    CollectLinks(entries);
+    CollectLinks(entries, now);
 }
 
 void Exchange::HandlePoll(const pollfd* entries, uint64_t now) {

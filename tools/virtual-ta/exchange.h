@@ -148,8 +148,11 @@ private:
     void Detach(Call& call, bool release);
     void LinkLost(Link& link, uint64_t now);
     void ServiceLinks(uint64_t now);
-    void CollectLinks(std::vector<pollfd>& entries);
+    void CollectLinks(std::vector<pollfd>& entries, uint64_t now);
     void HandleLinks(const pollfd* entries, uint64_t now);
+    void AcceptCalls(uint64_t now);
+    size_t LinksAwaitingSetup() const;
+    bool DropLinkAwaitingSetup(uint64_t now);
     void SweepLinks();
 
     Options options_;
@@ -157,6 +160,11 @@ private:
     std::list<std::unique_ptr<Call>> calls_;
     int listener_ = -1;
     std::string listeningAt_;
+    // Connections from away take descriptors up to this number; the rest are
+    // kept for the adapters' own needs (ports, dials, the calls they take).
+    int descriptorRoom_ = 0;
+    bool listenerPolled_ = false;
+    uint64_t listenerRestsUntil_ = 0;  // out of descriptors: not listened to until then
     std::list<std::unique_ptr<Link>> links_;
     std::vector<Link*> polledLinks_;  // in the order CollectPoll gave them
 };

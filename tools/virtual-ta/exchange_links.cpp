@@ -8,10 +8,13 @@
 // of the adapter that sends, so the data of a link arrives already paced and
 // goes to the port as it comes.
 
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <climits>
 #include <cstring>
 #include <sstream>
 
@@ -25,6 +28,21 @@ namespace {
 constexpr size_t LinkBacklog = 65536;
 // A link that has said its last waits this long for the far process to close.
 constexpr uint64_t CloseWaitNs = 5000 * NsPerMs;
+// A caller's process sends its setup as soon as it is connected, so a
+// connection from away that has set up no call within this time never will,
+// and at most this many such connections are kept: a stray or hostile
+// client can neither hold descriptors for good nor crowd out real calls.
+constexpr uint64_t SetupWaitNs = 5000 * NsPerMs;
+constexpr size_t AwaitingSetupMax = 16;
+// Descriptors kept from connections from away: the trace, the stop signals
+// and a few the system may want, and for each adapter one to dial out with
+// and one for the call it takes (its port already has its own).
+constexpr int DescriptorsKept = 8;
+constexpr int DescriptorsKeptPerAdapter = 2;
+// Out of descriptors with nothing to let go, the listener rests this long:
+// the connection stays in the system's queue, and the listening socket
+// would report it again at once.
+constexpr uint64_t ListenerRestNs = 200 * NsPerMs;
 
 const char* BundlingName(Bundling bundle) {
     switch (bundle) {
@@ -56,6 +74,12 @@ bool Exchange::OpenListener(std::string& error) {
     }
     listeningAt_ = HostPort(RouteSetting{"", options_.ListenHost, port});
     TraceLine("-", "listening on " + listeningAt_);
+    rlimit limit{};
+    const rlim_t most = ::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < INT_MAX
+                            ? limit.rlim_cur
+                            : INT_MAX;
+    descriptorRoom_ = static_cast<int>(most) - DescriptorsKept -
+                      DescriptorsKeptPerAdapter * static_cast<int>(adapters_.size());
     return true;
 }
 
@@ -139,6 +163,7 @@ void Exchange::CallFromAway(Link& link, std::string_view setup, uint64_t now) {
     call.Away = true;
     call.Remote = &link;
     link.InCall = &call;
+    link.SetupBy = Never;
     call.FarWho = callerNumber;
     call.FarSetup.Bundle = bundling == "aimux" ? Bundling::Aimux
                            : bundling == "2b"  ? Bundling::TwoB
@@ -329,6 +354,12 @@ void Exchange::ServiceLinks(uint64_t now) {
         if (link.Gone) {
             continue;
         }
+        if (link.AwaitingSetup() && now >= link.SetupBy) {
+            TraceLine("-", "connection from " + link.Peer + " closed: no call set up within " +
+                               std::to_string(SetupWaitNs / NsPerMs / 1000) + " s");
+            CloseLink(link);
+            continue;
+        }
         if (link.PeerClosed) {
             // Everything that came before the end has been handled, or waits
             // for the port; the end itself counts once nothing whole is left.
@@ -356,9 +387,10 @@ void Exchange::ServiceLinks(uint64_t now) {
     SweepLinks();
 }
 
-void Exchange::CollectLinks(std::vector<pollfd>& entries) {
+void Exchange::CollectLinks(std::vector<pollfd>& entries, uint64_t now) {
     polledLinks_.clear();
-    if (listener_ >= 0) {
+    listenerPolled_ = listener_ >= 0 && now >= listenerRestsUntil_;
+    if (listenerPolled_) {
         entries.push_back(pollfd{listener_, POLLIN, 0});
     }
     for (auto& owned : links_) {
@@ -385,19 +417,13 @@ void Exchange::CollectLinks(std::vector<pollfd>& entries) {
 }
 
 void Exchange::HandleLinks(const pollfd* entries, uint64_t now) {
-    if (listener_ >= 0) {
-        if ((entries->revents & POLLIN) != 0) {
-            std::string peer;
-            int fd;
-            while ((fd = AcceptOn(listener_, peer)) >= 0) {
-                auto link = std::make_unique<Link>();
-                link->Fd = fd;
-                link->Peer = peer;
-                links_.push_back(std::move(link));
-            }
-        }
+    bool calling = false;
+    if (listenerPolled_) {
+        calling = (entries->revents & POLLIN) != 0;
         ++entries;
     }
+    // The links first: a connection that has spoken is heard before any
+    // connection is let go to make room for a new one.
     for (Link* link : polledLinks_) {
         const short events = (entries++)->revents;
         if (events == 0 || link->Gone) {
@@ -418,6 +444,74 @@ void Exchange::HandleLinks(const pollfd* entries, uint64_t now) {
             link->PeerClosed = true;
         }
     }
+    if (calling) {
+        AcceptCalls(now);
+    }
+}
+
+// Takes the connections waiting on the listening socket, at most as many in
+// one pass as may await their setup, so that a flood of them never holds
+// the adapters' ports back for long.
+void Exchange::AcceptCalls(uint64_t now) {
+    for (size_t taken = 0; taken < AwaitingSetupMax; ++taken) {
+        std::string peer;
+        int error = 0;
+        const int fd = AcceptOn(listener_, peer, error);
+        if (fd < 0) {
+            if (error == ECONNABORTED || error == EINTR) {
+                continue;
+            }
+            if (error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM) {
+                if (DropLinkAwaitingSetup(now)) {
+                    continue;
+                }
+                TraceLine("-", "out of descriptors: not listening for " +
+                                   std::to_string(ListenerRestNs / NsPerMs) + " ms");
+                listenerRestsUntil_ = now + ListenerRestNs;
+            }
+            return;
+        }
+        const bool crowded = fd >= descriptorRoom_ || LinksAwaitingSetup() >= AwaitingSetupMax;
+        if (crowded && !DropLinkAwaitingSetup(now)) {
+            TraceLine("-",
+                      "connection from " + peer + " refused: too many connections without a call");
+            ::close(fd);
+            continue;
+        }
+        auto link = std::make_unique<Link>();
+        link->Fd = fd;
+        link->Peer = peer;
+        link->AcceptedAt = now;
+        link->SetupBy = now + SetupWaitNs;
+        links_.push_back(std::move(link));
+    }
+}
+
+size_t Exchange::LinksAwaitingSetup() const {
+    return static_cast<size_t>(std::count_if(
+        links_.begin(), links_.end(), [](const auto& link) { return link->AwaitingSetup(); }));
+}
+
+// Lets go of the connection that has awaited its setup longest without a
+// word, to make room for a newer one. A connection taken in this pass has
+// not been listened to yet, and one that has spoken may be a caller whose
+// setup is still on its way; neither is let go.
+bool Exchange::DropLinkAwaitingSetup(uint64_t now) {
+    Link* oldest = nullptr;
+    for (auto& owned : links_) {
+        Link& link = *owned;
+        if (link.AwaitingSetup() && !link.Heard && link.AcceptedAt < now &&
+            (oldest == nullptr || link.AcceptedAt < oldest->AcceptedAt)) {
+            oldest = &link;
+        }
+    }
+    if (oldest == nullptr) {
+        return false;
+    }
+    TraceLine("-",
+              "connection from " + oldest->Peer + " closed: too many connections without a call");
+    CloseLink(*oldest);
+    return true;
 }
 
 void Exchange::SweepLinks() {

@@ -150,11 +150,12 @@ int ListenOn(const std::string& host, uint16_t& port, std::string& error) {
     return fd;
 }
 
-int AcceptOn(int listener, std::string& peer) {
+int AcceptOn(int listener, std::string& peer, int& error) {
     sockaddr_storage address{};
     socklen_t length = sizeof address;
     const int fd = ::accept(listener, reinterpret_cast<sockaddr*>(&address), &length);
     if (fd < 0) {
+        error = errno;
         return -1;
     }
     Unblock(fd);
@@ -211,6 +212,7 @@ bool ReadLink(Link& link) {
         const ssize_t n = ::read(link.Fd, buffer, sizeof buffer);
         if (n > 0) {
             link.In.append(buffer, static_cast<size_t>(n));
+            link.Heard = true;
             return true;
         }
         if (n < 0 && errno == EINTR) {

@@ -42,6 +42,11 @@ struct Link {
     size_t OutHead = 0;
 
     Call* InCall = nullptr;
+    // A connection taken on the listening socket: when it came, and until
+    // when it may wait for its call to be set up.
+    uint64_t AcceptedAt = 0;
+    uint64_t SetupBy = Never;
+    bool Heard = false;        // a byte has come from the peer
     bool Closing = false;      // writes what it holds, then ends the connection
     bool ShutDown = false;     // nothing more is written
     bool PeerClosed = false;   // the connection has ended or failed; In may still hold messages
@@ -49,6 +54,10 @@ struct Link {
     bool Gone = false;         // closed; removed at the next sweep
 
     size_t PendingOut() const { return Out.size() - OutHead; }
+    // A connection from away that has not set up a call yet.
+    bool AwaitingSetup() const {
+        return SetupBy != Never && InCall == nullptr && !Closing && !Gone;
+    }
     size_t PendingIn() const { return In.size() - InHead; }
     void Queue(LinkMessage type, std::string_view payload);
     // The whole message at InHead, if it has come.
@@ -63,8 +72,9 @@ bool ParseHostPort(const std::string& text, bool allowZero, std::string& host, u
 // A listening socket on the address, not blocking; its port is written to
 // port when it was 0. -1 with a reason.
 int ListenOn(const std::string& host, uint16_t& port, std::string& error);
-// Takes a waiting connection: its descriptor, not blocking, or -1.
-int AcceptOn(int listener, std::string& peer);
+// Takes a waiting connection: its descriptor, not blocking, or -1 with the
+// reason in error (errno's value; EAGAIN when none waits).
+int AcceptOn(int listener, std::string& peer, int& error);
 // Looks the host up and starts connecting to its first address; the link
 // tries the others in turn (ConnectNext) if that one fails. False if there
 // is no address to try.
