@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 namespace {
@@ -24,9 +25,9 @@ std::thread Runner;
 
 std::mutex QueueLock;
 std::condition_variable QueueChanged;
-std::deque<std::string> Commands;
+// The commands in order; an empty entry stands for the end of the input.
+std::deque<std::optional<std::string>> Commands;
 bool QueueClosed = false;
-bool InputEnded = false;
 
 // Blanks and a CR around a command are no part of it.
 std::string Trimmed(std::string line) {
@@ -46,7 +47,7 @@ void Enqueue(const std::string& line) {
 
 void EndInput() {
     std::lock_guard<std::mutex> guard(QueueLock);
-    InputEnded = true;
+    Commands.emplace_back(std::nullopt);
     QueueChanged.notify_all();
 }
 
@@ -58,28 +59,21 @@ void CloseQueue() {
 
 void RunCommands(const std::function<std::string(const std::string&)>& run,
                  const std::function<void()>& onCommandsEnded) {
-    bool endTold = false;
     for (;;) {
-        std::string line;
+        std::optional<std::string> line;
         {
             std::unique_lock<std::mutex> guard(QueueLock);
-            QueueChanged.wait(guard, [&] {
-                return QueueClosed || !Commands.empty() || (InputEnded && !endTold);
-            });
-            if (Commands.empty() && InputEnded && !endTold) {
-                endTold = true;
-                guard.unlock();
-                onCommandsEnded();
-                continue;
-            }
+            QueueChanged.wait(guard, [] { return QueueClosed || !Commands.empty(); });
             if (Commands.empty()) {
                 return;
             }
             line = std::move(Commands.front());
             Commands.pop_front();
         }
-        if (!line.empty()) {
-            PrintLine(run(line));
+        if (!line) {
+            onCommandsEnded();
+        } else if (!line->empty()) {
+            PrintLine(run(*line));
         }
     }
 }
