@@ -121,7 +121,12 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
     MakeFile("docs/a", 3);
     const std::string lockedFile = MakeFile("locked file", 4);
     const std::string lockedFolder = MakeFolder("locked folder");
-    ASSERT_EQ(::chmod(folder_.Path().c_str(), 0755), 0);
+    for (const std::string& path : {folder_.Path(), docs}) {
+        ASSERT_EQ(::chmod(path.c_str(), 0755), 0);
+    }
+    for (const std::string& path : {before, after, docs + "/a"}) {
+        ASSERT_EQ(::chmod(path.c_str(), 0644), 0);
+    }
     ASSERT_EQ(::chmod(lockedFile.c_str(), 0), 0);
     ASSERT_EQ(::chmod(lockedFolder.c_str(), 0), 0);
     {
