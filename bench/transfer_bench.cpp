@@ -30,7 +30,6 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -38,6 +37,7 @@
 #include "harness.h"
 #include "support/far_end.h"
 #include "support/installation.h"
+#include "support/process_state.h"
 
 namespace {
 
@@ -86,22 +86,7 @@ std::vector<std::string> AdapterOptions(const Settings& settings) {
 
 // Processor time of a running process, user and system, in seconds.
 double ProcessorSeconds(pid_t pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    // The fields after the command name, which is in brackets.
-    std::istringstream fields(text.substr(text.rfind(')') + 2));
-    std::string field;
-    unsigned long long user = 0;
-    unsigned long long system = 0;
-    for (int i = 3; fields >> field; ++i) {
-        if (i == 14) {
-            user = std::stoull(field);
-        } else if (i == 15) {
-            system = std::stoull(field);
-            break;
-        }
-    }
-    return static_cast<double>(user + system) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+    return ProcessCpuMs(pid) / 1000;
 }
 
 // Peak resident memory of a running process, in kB.

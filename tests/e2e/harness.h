@@ -25,6 +25,7 @@ public:
                     const std::vector<std::string>& options = {});
     // The port it listens on for calls from other virtual-ta processes.
     uint16_t ListeningPort() const;
+    pid_t Pid() const { return process_.Pid(); }
 
 private:
     ChildProcess process_;

@@ -1,6 +1,7 @@
-// What a test changes or reads of its own process: an environment variable
-// for the length of a check, the processor time its thread has used, and
-// process ids living and gone as port locks hold them.
+// What a test changes or reads of its own process and the programs it runs:
+// an environment variable for the length of a check, the processor time its
+// thread or a child has used, and process ids living and gone as port locks
+// hold them.
 #pragma once
 
 #include <sys/types.h>
