@@ -73,14 +73,14 @@ awk -v warm="$warm_up" -v margin="$margin" -v calls="$calls" -v date="$(cat "$ou
         if (!started) { print "no sample after the warm-up" > "/dev/stderr"; exit 2 }
         printf "| soak, %d calls, %s | Alice (kbstation) | Bob (kbstation) | virtual-ta |\n", calls, date
         printf "|---|---|---|---|\n"
-        printf "| resident memory at call %d / at the end | ", at
-        for (p = 0; p < 3; ++p) printf "%.1f MB / %.1f MB | ", first[2 + 3 * p] / 1024, last[2 + 3 * p] / 1024
-        printf "\n| most growth of memory after call %d | ", at
-        for (p = 0; p < 3; ++p) printf "%d kB | ", grown[2 + 3 * p]
-        printf "\n| open descriptors at call %d / at the end | ", at
-        for (p = 0; p < 3; ++p) printf "%d / %d | ", first[3 + 3 * p], last[3 + 3 * p]
-        printf "\n| threads at call %d / at the end | ", at
-        for (p = 0; p < 3; ++p) printf "%d / %d | ", first[4 + 3 * p], last[4 + 3 * p]
+        printf "| resident memory at call %d / at the end |", at
+        for (p = 0; p < 3; ++p) printf " %.1f MB / %.1f MB |", first[2 + 3 * p] / 1024, last[2 + 3 * p] / 1024
+        printf "\n| most growth of memory after call %d |", at
+        for (p = 0; p < 3; ++p) printf " %d kB |", grown[2 + 3 * p]
+        printf "\n| open descriptors at call %d / at the end |", at
+        for (p = 0; p < 3; ++p) printf " %d / %d |", first[3 + 3 * p], last[3 + 3 * p]
+        printf "\n| threads at call %d / at the end |", at
+        for (p = 0; p < 3; ++p) printf " %d / %d |", first[4 + 3 * p], last[4 + 3 * p]
         flat = 1
         for (p = 0; p < 3; ++p) {
             if (grown[2 + 3 * p] > margin || grown[3 + 3 * p] > 0 || grown[4 + 3 * p] > 0) flat = 0
@@ -90,24 +90,27 @@ awk -v warm="$warm_up" -v margin="$margin" -v calls="$calls" -v date="$(cat "$ou
     }' "$samples" >"$table" || flat=0
 cat "$table"
 
+# Lines that lie on each other (the two stations' descriptors) are told
+# apart by their points.
 gnuplot <<EOF
-set terminal pngcairo size 720,560 font "DejaVu Sans,10"
+set terminal pngcairo size 880,560 font "DejaVu Sans,10"
 set output "$out/soak.png"
 set multiplot layout 2,1 title "Soak: $calls calls between two stations on one virtual-ta"
-set key top left
+set key outside right
 set xlabel "calls"
+set offsets graph 0, 0, 0.15, 0
 set ylabel "resident memory, MB"
 set yrange [0:*]
-plot "$samples" using 1:(\$2/1024) with linespoints title "Alice", \
-     "" using 1:(\$5/1024) with linespoints title "Bob", \
-     "" using 1:(\$8/1024) with linespoints title "virtual-ta"
+plot "$samples" using 1:(\$2/1024) with linespoints pointtype 1 title "Alice", \
+     "" using 1:(\$5/1024) with linespoints pointtype 2 title "Bob", \
+     "" using 1:(\$8/1024) with linespoints pointtype 6 title "virtual-ta"
 set ylabel "descriptors, threads"
-plot "$samples" using 1:3 with lines title "Alice's descriptors", \
-     "" using 1:6 with lines title "Bob's descriptors", \
-     "" using 1:9 with lines title "virtual-ta's descriptors", \
-     "" using 1:4 with lines dashtype 2 title "Alice's threads", \
-     "" using 1:7 with lines dashtype 2 title "Bob's threads", \
-     "" using 1:10 with lines dashtype 2 title "virtual-ta's threads"
+plot "$samples" using 1:3 with linespoints pointtype 1 title "Alice's descriptors", \
+     "" using 1:6 with linespoints pointtype 2 title "Bob's descriptors", \
+     "" using 1:9 with linespoints pointtype 6 title "virtual-ta's descriptors", \
+     "" using 1:4 with linespoints dashtype 2 pointtype 1 title "Alice's threads", \
+     "" using 1:7 with linespoints dashtype 2 pointtype 2 title "Bob's threads", \
+     "" using 1:10 with linespoints dashtype 2 pointtype 6 title "virtual-ta's threads"
 unset multiplot
 EOF
 echo "wrote $table, $out/soak.png and the samples in $samples" >&2
