@@ -109,12 +109,13 @@ bool MainWindow::AddFileToList(const std::string& path, const std::string& name)
     }
     const int64_t length = file.Length();
     file.Close();
-    const uint64_t dataLength = DataLengthForSize(static_cast<uint64_t>(length < 0 ? 0 : length));
-    // The block counters of the protocol cannot count a longer stream.
-    if (length < 0 || !DataLengthFits(dataLength)) {
+    // The sending side's block counters cannot count a longer file; it is
+    // refused here, before any call, and never fails in the middle of one.
+    if (length < 0 || !FileSizeCanBeSent(static_cast<uint64_t>(length))) {
         ::AddLogLine("File too large to send: " + name);
         return false;
     }
+    const uint64_t dataLength = DataLengthForSize(static_cast<uint64_t>(length));
 
     FileEntry& entry = TheEngine.SendList[count];
     entry = FileEntry{};
