@@ -289,8 +289,7 @@ void DropFirstSendEntry() {
     TheEngine.SendRemaining = 0;
     FileEntry* list = TheEngine.SendList;
     if (TheEngine.PickupSend.load() && list[0].EntryKind != KindFolderMarker) {
-        MoveToSentFiles(std::string(list[0].FilePath.View()),
-                        std::string(list[0].DisplayName.View()));
+        MoveToSentFiles(std::string(list[0].FilePath.View()));
     }
     const int16_t left = static_cast<int16_t>(count - 1);
     TheEngine.SendCount = left;
