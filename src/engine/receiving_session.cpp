@@ -95,11 +95,12 @@ int16_t KindOf(const WireFileEntry& entry) {
 // The announced name as the entry's name fields hold it.
 std::string AnnouncedName(const WireFileEntry& entry) {
     const std::string_view name = entry.Name.View();
-    return std::string(name.substr(0, std::min(name.size(), NameLimit)));
+    return std::string(name.substr(0, WholeCharactersWithin(name, NameLimit)));
 }
 
+// A name taken already gets a letter behind it.
 std::string Suffixed(const std::string& name, char letter) {
-    return name.substr(0, std::min(name.size(), NameStemForSuffix)) + "-" + letter;
+    return name.substr(0, WholeCharactersWithin(name, NameStemForSuffix)) + "-" + letter;
 }
 
 // The first name free in the folder, the plain name or a suffix from -A to
