@@ -202,6 +202,18 @@ void OnReceiverReady() {
     TheEngine.LastRxTime = NowMs();
 }
 
+// The far end refused the list. It would only wait for its own watchdog to
+// end the call, so this end says why and hangs up at once; the list stays
+// for another try.
+void OnListRefused(const char* why) {
+    if (TheEngine.LinkState.load() != LinkConnected || !TheSession.ListOffered.load() ||
+        FeederRunning()) {
+        return;  // no list of ours awaits an answer
+    }
+    AddLogLine(why);
+    EndCallByHangUp();
+}
+
 void OnNextFileWanted() {
     if (!FileIsThrough()) {
         return;
@@ -247,6 +259,12 @@ void OnSenderInput() {
     }
     if (LineHolds(line, TokenAck4)) {
         OnNextFileWanted();
+    }
+    if (LineHolds(line, TokenNak3)) {
+        OnListRefused("The far end refused the list: not enough free space.");
+    }
+    if (LineHolds(line, TokenNak4)) {
+        OnListRefused("The far end refused the list as corrupted.");
     }
 }
 
