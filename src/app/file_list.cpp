@@ -33,19 +33,6 @@ std::string WithoutTrailingSlash(std::string path) {
     return path;
 }
 
-// How many bytes of text to keep so that at most limit bytes remain and no
-// character of several bytes is cut in two.
-size_t CutPoint(const std::string& text, size_t limit) {
-    if (text.size() <= limit) {
-        return text.size();
-    }
-    size_t cut = limit;
-    while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) {
-        --cut;
-    }
-    return cut;
-}
-
 bool IsProgramName(const std::string& name) {
     return name.find(".exe") != std::string::npos || name.find(".EXE") != std::string::npos;
 }
@@ -75,9 +62,10 @@ std::string ShortDisplayName(const std::string& name) {
     if (dot != std::string::npos && dot > 0 && name.size() - dot <= ExtensionKeptMaxLength) {
         const std::string extension = name.substr(dot);
         const std::string stem = name.substr(0, dot);
-        return stem.substr(0, CutPoint(stem, NameMaxLength - extension.size())) + extension;
+        return stem.substr(0, WholeCharactersWithin(stem, NameMaxLength - extension.size())) +
+               extension;
     }
-    return name.substr(0, CutPoint(name, NameMaxLength));
+    return name.substr(0, WholeCharactersWithin(name, NameMaxLength));
 }
 
 void MainWindow::OnFileAdd() {
@@ -109,12 +97,13 @@ bool MainWindow::AddFileToList(const std::string& path, const std::string& name)
     }
     const int64_t length = file.Length();
     file.Close();
-    const uint64_t dataLength = DataLengthForSize(static_cast<uint64_t>(length < 0 ? 0 : length));
-    // The block counters of the protocol cannot count a longer stream.
-    if (length < 0 || !DataLengthFits(dataLength)) {
+    // The sending side's block counters cannot count a longer file; it is
+    // refused here, before any call, and never fails in the middle of one.
+    if (length < 0 || !FileSizeCanBeSent(static_cast<uint64_t>(length))) {
         ::AddLogLine("File too large to send: " + name);
         return false;
     }
+    const uint64_t dataLength = DataLengthForSize(static_cast<uint64_t>(length));
 
     FileEntry& entry = TheEngine.SendList[count];
     entry = FileEntry{};

@@ -43,6 +43,20 @@ struct FixedText {
     void Clear() { std::memset(Bytes, 0, N); }
 };
 
+// How many bytes of text to keep so that at most limit bytes remain and no
+// character of several bytes (UTF-8) is cut in two: names are shortened and
+// suffixed by bytes, and a cut character would make the name invalid text.
+constexpr std::size_t WholeCharactersWithin(std::string_view text, std::size_t limit) {
+    if (text.size() <= limit) {
+        return text.size();
+    }
+    std::size_t cut = limit;
+    while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) {
+        --cut;
+    }
+    return cut;
+}
+
 // Four characters in reading order, such as a creator or type code.
 using FourCharCode = std::array<char, 4>;
 

@@ -98,8 +98,10 @@ int16_t ScanPickUpFolder(int16_t index, uint32_t& total) {
     }
     int16_t count = 0;
     for (size_t i = 0; i < entries.size() && i < ScannedEntries; ++i) {
-        // Subfolders, and whatever is no plain file, neither count nor go.
-        if (entries[i].IsFile) {
+        // Subfolders, and whatever is no plain file, neither count nor go;
+        // nor does a file too large to send, so that a folder holding only
+        // such a file neither dials nor is offered empty, again and again.
+        if (entries[i].IsFile && FileSizeCanBeSent(entries[i].Size)) {
             ++count;
             total += static_cast<uint32_t>(entries[i].Size);
         }
@@ -117,10 +119,13 @@ void EnsureSentFilesFolder(int16_t index) {
     }
 }
 
-void MoveToSentFiles(const std::string& path, const std::string& name) {
+void MoveToSentFiles(const std::string& path) {
+    // The file keeps its own name: the name it was announced under may be
+    // shortened, and two long names can shorten alike.
     const size_t slash = path.rfind('/');
     const std::string folder =
         slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
+    const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
     const std::string target = folder + "Sent Files/" + name;
     if (MoveFileNoReplace(path, target)) {
         return;

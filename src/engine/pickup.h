@@ -33,7 +33,7 @@ void AnswerRetrieveRequest();
 int16_t ScanPickUpFolder(int16_t index, uint32_t& total);
 // Makes the folder "Sent Files" inside record index's pick-up folder.
 void EnsureSentFilesFolder(int16_t index);
-// Moves a file that has been sent into "Sent Files" beside it, under name,
-// replacing an older file of that name there; a file that cannot be moved is
-// deleted, so that it does not go out again.
-void MoveToSentFiles(const std::string& path, const std::string& name);
+// Moves a file that has been sent into "Sent Files" beside it, under its own
+// name, replacing an older file of that name there; a file that cannot be
+// moved is deleted, so that it does not go out again.
+void MoveToSentFiles(const std::string& path);

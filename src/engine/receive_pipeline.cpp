@@ -8,6 +8,7 @@
 #include "engine/display.h"
 #include "engine/pipelines.h"
 #include "engine/recovery.h"
+#include "engine/sessions.h"
 #include "engine/teardown.h"
 #include "engine/token_lines.h"
 #include "engine/transfer_engine.h"
@@ -49,30 +50,41 @@ enum class SectionEnd {
 
 // Appends the section's file bytes where the file stops. A file that cannot
 // take them ends the session; it is then handled as any file that did not
-// arrive.
+// arrive. What a failed write left of the section is cut off again, so that
+// the file still holds whole sections only and can be resumed once there is
+// room.
 [[nodiscard]] bool AppendSection(const FileEntry& entry, uint32_t fileBytes) {
     File file;
-    if (!file.Open(std::string(entry.FilePath.View()), File::Mode::Write) ||
-        !file.Seek(0, File::From::End) ||
-        !file.Write(TheEngine.WorkingSection + SectionCrcBytes, fileBytes)) {
-        file.Close();
-        AddLogLine("Cannot write file: " + std::string(entry.DisplayName.View()));
-        RequestDisconnect();
-        return false;
+    if (file.Open(std::string(entry.FilePath.View()), File::Mode::Write) &&
+        file.Seek(0, File::From::End)) {
+        const int64_t before = file.Length();
+        if (file.Write(TheEngine.WorkingSection + SectionCrcBytes, fileBytes)) {
+            return true;
+        }
+        file.Truncate(before);
     }
-    file.Close();
-    return true;
+    LogCannotWrite(std::string(entry.DisplayName.View()), file.OutOfSpace());
+    RequestDisconnect();
+    return false;
 }
 
 void FileFinished() {
     FileEntry& entry = TheEngine.ReceiveList[0];
     EngineWindow& display = Display();
+    if (!PublishReceivedFile(entry)) {
+        RequestDisconnect();
+        return;
+    }
     AddLogLine("File received.");
     entry.EntryComplete = 1;
     display.ShowThroughput(false, true);
     RetireFinishedEntry();
     if (TheEngine.ReceiveCount.load() > 0) {
-        const FileEntry& next = TheEngine.ReceiveList[0];
+        FileEntry& next = TheEngine.ReceiveList[0];
+        if (!BeginReceivedFile(next)) {
+            RequestDisconnect();
+            return;
+        }
         TheEngine.ExpectedBlock = ExpectedBlockOf(next);
         SnapshotSection();
         display.ShowBatchEstimate(TheEngine.ReceiveRemaining.load());

@@ -32,6 +32,8 @@
 
 namespace {
 
+// What a received file carries behind its name until it is complete.
+constexpr std::string_view PartMarker = ".part";
 constexpr int16_t TokenLineLimitMs = 500;
 constexpr int16_t HeaderLimitMs = 500;
 constexpr int16_t ListLimitMs = 1000;
@@ -47,7 +49,8 @@ uint64_t FreeSpace() {
     if (InstalledFreeSpaceQuery) {
         return InstalledFreeSpaceQuery();
     }
-    return FreeDiskSpace(RootDirectory);
+    // The volume that the files go to, which need not be the installation's.
+    return FreeDiskSpace(IncomingPath);
 }
 
 // What has come in behind a refused list is thrown away. Only the input goes:
@@ -69,6 +72,17 @@ AdmitResult Refuse(const std::string& logLine) {
     AddLogLine(logLine);
     SendToken(TokenNak4);
     DiscardInput();
+    return AdmitRefused;
+}
+
+// A file of the list cannot be made: the line saying so has gone to the log,
+// and the far end is asked to stop, as when a section cannot be written.
+AdmitResult AbortAdmission() {
+    AddLogLine("Sending disconnect...");
+    SendToken(TokenAbort);
+    TheEngine.ReceiveCount = 0;
+    TheEngine.ReceiveListSize = 0;
+    TheEngine.LastRxTime = NowMs();
     return AdmitRefused;
 }
 
@@ -95,22 +109,22 @@ int16_t KindOf(const WireFileEntry& entry) {
 // The announced name as the entry's name fields hold it.
 std::string AnnouncedName(const WireFileEntry& entry) {
     const std::string_view name = entry.Name.View();
-    return std::string(name.substr(0, std::min(name.size(), NameLimit)));
+    return std::string(name.substr(0, WholeCharactersWithin(name, NameLimit)));
 }
 
+// A name taken already gets a letter behind it.
 std::string Suffixed(const std::string& name, char letter) {
-    return name.substr(0, std::min(name.size(), NameStemForSuffix)) + "-" + letter;
+    return name.substr(0, WholeCharactersWithin(name, NameStemForSuffix)) + "-" + letter;
 }
 
 // The first name free in the folder, the plain name or a suffix from -A to
 // -Z; empty when all 27 are taken. A name planned for an earlier entry of the
 // same list counts as taken, and so does anything at all on the disk under
-// that name, except the partial file that this admission is about to delete.
+// that name.
 std::string FreeName(const std::string& folder, const std::string& name,
-                     const std::set<std::string>& planned, const std::string& goingAway) {
+                     const std::set<std::string>& planned) {
     const auto isFree = [&](const std::string& candidate) {
-        const std::string path = folder + "/" + candidate;
-        return planned.count(candidate) == 0 && (!PathExists(path) || path == goingAway);
+        return planned.count(candidate) == 0 && !PathExists(folder + "/" + candidate);
     };
     if (isFree(name)) {
         return name;
@@ -122,6 +136,13 @@ std::string FreeName(const std::string& folder, const std::string& name,
         }
     }
     return {};
+}
+
+// The folder part of a path, without its last "/".
+std::string FolderOf(std::string_view path) {
+    const size_t slash = path.rfind('/');
+    return std::string(slash == std::string_view::npos ? std::string_view()
+                                                       : path.substr(0, slash));
 }
 
 // The folder that a list opening with a marker gets: the plain name, or the
@@ -148,10 +169,15 @@ bool ResumesSavedEntry(const std::string& announced, uint32_t dataLength) {
            dataLength == saved.DataLength && SavedPartialIntact();
 }
 
-void MakeEmptyFile(const std::string& path) {
+// An empty file has arrived whole with the list. False, with the reason
+// logged, if it cannot be made; whatever stands at the path stays.
+bool MakeEmptyFile(const std::string& folder, const std::string& name) {
     File file;
-    file.Open(path, File::Mode::CreateReadWrite);
-    file.Close();
+    if (!file.Open(folder + "/" + name, File::Mode::CreateNew)) {
+        LogCannotWrite(name, file.OutOfSpace());
+        return false;
+    }
+    return true;
 }
 
 // One file of the list as admission means to make it.
@@ -237,9 +263,6 @@ bool PlanNames(Admission& list) {
     }
     std::set<std::string> planned;
     bool firstFile = true;
-    const std::string goingAway = TheEngine.SavedEntry.WireName.IsEmpty()
-                                      ? std::string()
-                                      : std::string(TheEngine.SavedEntry.FilePath.View());
     for (int i = list.Marker ? 1 : 0; i < list.Count; ++i) {
         const std::string announced = AnnouncedName(wire[i]);
         PlannedFile file;
@@ -248,13 +271,15 @@ bool PlanNames(Admission& list) {
             firstFile = false;
             if (!list.Marker && ResumesSavedEntry(announced, wire[i].DataLength)) {
                 file.Recovered = list.Recovered = true;
+                // Its own name is not on the disk until it is complete, and
+                // no other file of the list may take it meanwhile.
+                planned.insert(std::string(TheEngine.SavedEntry.DisplayName.View()));
                 list.Plan.push_back(file);
                 continue;
             }
         }
         const std::string name = SafeReceivedName(announced);
-        file.NameInUse =
-            FreeName(list.Folder, name, planned, list.Recovered ? std::string() : goingAway);
+        file.NameInUse = FreeName(list.Folder, name, planned);
         if (file.NameInUse.empty()) {
             list.Result = Refuse("Too many files named " + name);
             return false;
@@ -265,9 +290,10 @@ bool PlanNames(Admission& list) {
     return true;
 }
 
-// Step 3: the marker's folder and every file, made empty; an empty file has
-// arrived with that. A part that a former call left goes unless this list
-// takes it up.
+// Step 3: the marker's folder, and every empty file, which has arrived whole
+// with the list. A file with data has nothing on the disk until its turn
+// comes (ReceiveList[0]). A part that a former call left goes unless this
+// list takes it up.
 bool MakeFilesAndFolders(Admission& list) {
     if (list.Marker) {
         if (!CreateFolder(list.Folder)) {
@@ -280,8 +306,10 @@ bool MakeFilesAndFolders(Admission& list) {
         EndRecoveryCandidacy();
     }
     for (const PlannedFile& file : list.Plan) {
-        if (!file.Recovered) {
-            MakeEmptyFile(list.Folder + "/" + file.NameInUse);
+        if (!file.Recovered && TheEngine.WireList[file.WireIndex].DataLength == 0 &&
+            !MakeEmptyFile(list.Folder, file.NameInUse)) {
+            list.Result = AbortAdmission();
+            return false;
         }
     }
     return true;
@@ -308,8 +336,8 @@ void FillReceiveList(const Admission& list) {
         }
         entry = FileEntry{};
         entry.WireName.Set(AnnouncedName(announced));
+        // Its name in the folder; its path stays empty until its part is made.
         entry.DisplayName.Set(file.NameInUse);
-        entry.FilePath.Set(list.Folder + "/" + file.NameInUse);
         entry.EntryKind = KindOf(announced);
         SetEntryLengths(entry, announced.DataLength);
         entry.AuxLength = announced.AuxLength;
@@ -414,6 +442,63 @@ std::string SafeReceivedName(std::string_view announced) {
     return name;
 }
 
+bool BeginReceivedFile(FileEntry& entry) {
+    const std::string folder(TheEngine.ReceiveFolder.View());
+    const std::string name(entry.DisplayName.View());
+    // The plain marker, or, where something stands under it already (a part
+    // that a crash left, or a file of that name), a letter in front of it.
+    File file;
+    std::string path = folder + "/" + name + std::string(PartMarker);
+    bool made = file.Open(path, File::Mode::CreateNew);
+    for (char letter = 'A'; !made && letter <= 'Z' && PathExists(path); ++letter) {
+        path = folder + "/" + name + "." + letter + std::string(PartMarker);
+        made = file.Open(path, File::Mode::CreateNew);
+    }
+    if (made && !entry.FilePath.Set(path)) {
+        DeleteFileAt(path);  // a path the entry cannot hold
+        made = false;
+    }
+    if (!made) {
+        entry.FilePath.Clear();
+        LogCannotWrite(name, file.OutOfSpace());
+    }
+    return made;
+}
+
+bool PublishReceivedFile(FileEntry& entry) {
+    const std::string part(entry.FilePath.View());
+    const std::string folder = FolderOf(part);
+    const std::string planned(entry.DisplayName.View());
+    // The name planned at admission, or, if something has taken it while the
+    // file was on its way, the first of the announced name and its suffixes
+    // that is free now. Nothing that stands there is ever replaced.
+    const std::string announced = SafeReceivedName(entry.WireName.View());
+    std::vector<std::string> names{planned, announced};
+    for (char letter = 'A'; letter <= 'Z'; ++letter) {
+        names.push_back(Suffixed(announced, letter));
+    }
+    for (const std::string& name : names) {
+        if (MoveFileNoReplace(part, folder + "/" + name)) {
+            entry.DisplayName.Set(name);
+            entry.FilePath.Set(folder + "/" + name);
+            if (name != planned) {
+                AddLogLine("Name taken meanwhile; saved as " + name);
+            }
+            return true;
+        }
+    }
+    LogCannotWrite(planned, false);
+    return false;
+}
+
+void LogCannotWrite(const std::string& name, bool outOfSpace) {
+    AddLogLine("Cannot write file: " + name);
+    // The far end hears only that the session ends; this side says why.
+    if (outOfSpace) {
+        AddLogLine("Not enough free space on volume.");
+    }
+}
+
 int64_t PartialFileLength(int16_t nextBlock) {
     return SectionFileOffset(nextBlock);
 }
@@ -491,6 +576,9 @@ AdmitResult AdmitFileList() {
     FillReceiveList(list);
     if (TheEngine.ReceiveCount.load() == 0) {
         return AdmitNothingToReceive;
+    }
+    if (!list.Recovered && !BeginReceivedFile(TheEngine.ReceiveList[0])) {
+        return AbortAdmission();
     }
     StartReceiving(list);
     return list.Recovered ? AdmitRecovered : AdmitAccepted;

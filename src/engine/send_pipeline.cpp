@@ -60,13 +60,16 @@ void BookBlock(FileEntry& entry, uint32_t bytes) {
 
 void ReadNextSection() {
     FileEntry& entry = TheEngine.SendList[0];
-    if (entry.DataDone == 0) {
-        const int64_t offset = SectionFileOffset(entry.NextBlock);
-        // What the list announced for this section; past the end of the file
-        // there is nothing, and the section read there is never sent.
-        const int64_t rest = FileSizeOf(entry.DataLength) - offset;
-        const uint32_t announced =
-            rest <= 0 ? 0 : static_cast<uint32_t>(std::min<int64_t>(rest, SectionFileBytes));
+    const int64_t offset = SectionFileOffset(entry.NextBlock);
+    // What the list announced for this section.
+    const int64_t rest = FileSizeOf(entry.DataLength) - offset;
+    if (entry.DataDone == 0 && rest <= 0) {
+        // The read ahead at the start of a file's last section finds nothing
+        // behind it, and nothing from there is ever sent. The counter stays,
+        // so that it never counts a section the file does not have.
+        TheEngine.StagedLength = 0;
+    } else if (entry.DataDone == 0) {
+        const uint32_t announced = static_cast<uint32_t>(std::min<int64_t>(rest, SectionFileBytes));
         File file;
         if (offset < 0 || !file.Open(std::string(entry.FilePath.View()), File::Mode::Read) ||
             !file.Seek(offset, File::From::Begin)) {

@@ -202,6 +202,18 @@ void OnReceiverReady() {
     TheEngine.LastRxTime = NowMs();
 }
 
+// The far end refused the list. It would only wait for its own watchdog to
+// end the call, so this end says why and hangs up at once; the list stays
+// for another try.
+void OnListRefused(const char* why) {
+    if (TheEngine.LinkState.load() != LinkConnected || !TheSession.ListOffered.load() ||
+        FeederRunning()) {
+        return;  // no list of ours awaits an answer
+    }
+    AddLogLine(why);
+    EndCallByHangUp();
+}
+
 void OnNextFileWanted() {
     if (!FileIsThrough()) {
         return;
@@ -248,6 +260,12 @@ void OnSenderInput() {
     if (LineHolds(line, TokenAck4)) {
         OnNextFileWanted();
     }
+    if (LineHolds(line, TokenNak3)) {
+        OnListRefused("The far end refused the list: not enough free space.");
+    }
+    if (LineHolds(line, TokenNak4)) {
+        OnListRefused("The far end refused the list as corrupted.");
+    }
 }
 
 void StartSendSession() {
@@ -289,8 +307,7 @@ void DropFirstSendEntry() {
     TheEngine.SendRemaining = 0;
     FileEntry* list = TheEngine.SendList;
     if (TheEngine.PickupSend.load() && list[0].EntryKind != KindFolderMarker) {
-        MoveToSentFiles(std::string(list[0].FilePath.View()),
-                        std::string(list[0].DisplayName.View()));
+        MoveToSentFiles(std::string(list[0].FilePath.View()));
     }
     const int16_t left = static_cast<int16_t>(count - 1);
     TheEngine.SendCount = left;

@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "engine/file_entry.h"
+
 // ---- Sending side ----
 
 // Reads one token line and acts on it; the communications thread calls it
@@ -46,6 +48,25 @@ enum AdmitResult : int16_t {
 // "\" and control characters become "_", and an empty name, "." and ".."
 // become "_".
 std::string SafeReceivedName(std::string_view announced);
+
+// A received file is under its own name only once it is complete. Until then
+// its bytes go to a part beside it, "NAME.part" (or "NAME.A.part" and so on,
+// where that is taken), made when the file's data becomes due, so that files
+// of a list that have not begun have nothing on the disk.
+//
+// Makes the part of the entry, a file about to be received, in ReceiveFolder
+// and puts its path in FilePath. False, with "Cannot write file: " logged, if
+// it cannot be made.
+[[nodiscard]] bool BeginReceivedFile(FileEntry& entry);
+// Gives the complete file of the entry its own name: DisplayName, or, if that
+// has been taken meanwhile, the first free of the announced name and its
+// suffixes. DisplayName and FilePath follow. False, with "Cannot write file: "
+// logged, if no name could be given; the part then stays as it is.
+[[nodiscard]] bool PublishReceivedFile(FileEntry& entry);
+// Logs that the file of that name cannot be written, "Cannot write file: ",
+// and when the volume is full, "Not enough free space on volume." behind it.
+// The caller ends the session.
+void LogCannotWrite(const std::string& name, bool outOfSpace);
 
 // ---- Both ----
 

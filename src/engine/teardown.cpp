@@ -249,7 +249,8 @@ void DeleteUnfinishedReceives() {
     const uint32_t count = TheEngine.ReceiveCount.load();
     for (uint32_t i = 0; i < count && i < static_cast<uint32_t>(ListCapacity); ++i) {
         const FileEntry& entry = TheEngine.ReceiveList[i];
-        if (entry.EntryComplete != 0) {
+        // A file that has not begun has nothing on the disk.
+        if (entry.EntryComplete != 0 || entry.FilePath.IsEmpty()) {
             continue;
         }
         // The file in progress stays while it can be resumed.

@@ -35,8 +35,16 @@ inline constexpr uint32_t SectionWireBytes = BlockBytes * BlocksPerSection;     
 inline constexpr uint32_t SectionFileBytes = SectionWireBytes - SectionCrcBytes;  // 131070
 // Entries in SendList, ReceiveList and the wire list.
 inline constexpr int ListCapacity = 100;
-// The block counters are signed 16-bit, so a data stream must stay below this.
+// The block counters are signed 16-bit, so a data stream must stay below this
+// to be counted in blocks at all: the longest stream the receiving side takes.
 inline constexpr uint64_t DataLengthLimit = uint64_t{1} << 28;
+// The sending side counts further. Its NextBlock names the block that opens
+// the next section to read and rises by 16 with every section read, so after
+// the last section of a file of n sections it stands at 16 n, and a signed
+// 16-bit counter holds that for at most 2047 sections: the largest file this
+// end offers is 2047 whole sections, a stream of 32752 blocks.
+inline constexpr uint64_t SectionsToSendLimit = (uint64_t{INT16_MAX} + 1) / BlocksPerSection - 1;
+inline constexpr uint64_t LargestFileToSend = SectionsToSendLimit * SectionFileBytes;
 
 // Wire bytes of a file of that size: its bytes and 2 for each section, where
 // a size of an exact number of sections has no empty section behind it.
@@ -48,6 +56,12 @@ constexpr uint64_t DataLengthForSize(uint64_t fileSize) {
 // True if a data stream of that length can be counted in blocks.
 constexpr bool DataLengthFits(uint64_t dataLength) {
     return dataLength < DataLengthLimit;
+}
+
+// True if a file of that size can be offered: every section of it can be
+// counted on the sending side.
+constexpr bool FileSizeCanBeSent(uint64_t fileSize) {
+    return fileSize <= LargestFileToSend;
 }
 
 // Whole blocks in a data stream.

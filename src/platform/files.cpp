@@ -14,8 +14,13 @@ File::~File() {
     Close();
 }
 
+void File::NoteFailure() {
+    outOfSpace_ = errno == ENOSPC || errno == EDQUOT;
+}
+
 bool File::Open(const std::string& path, Mode mode) {
     Close();
+    outOfSpace_ = false;
     int flags = O_CLOEXEC;
     switch (mode) {
         case Mode::Read:
@@ -30,6 +35,9 @@ bool File::Open(const std::string& path, Mode mode) {
         case Mode::CreateReadWrite:
             flags |= O_RDWR | O_CREAT | O_TRUNC;
             break;
+        case Mode::CreateNew:
+            flags |= O_WRONLY | O_CREAT | O_EXCL;
+            break;
     }
     // Without blocking: opening a FIFO for reading would wait for a writer,
     // and a device could wait for its line, so no thread may ever open one.
@@ -37,6 +45,7 @@ bool File::Open(const std::string& path, Mode mode) {
         fd_ = ::open(path.c_str(), flags | O_NONBLOCK, 0644);
     } while (fd_ < 0 && errno == EINTR);
     if (fd_ < 0) {
+        NoteFailure();
         return false;
     }
     // Only plain files are files here: folders open for reading on Linux,
@@ -89,6 +98,7 @@ bool File::Write(const void* bytes, uint32_t count) {
             continue;
         }
         if (n <= 0) {
+            NoteFailure();
             return false;
         }
         done += static_cast<uint32_t>(n);
@@ -109,6 +119,10 @@ int64_t File::Length() const {
         return -1;
     }
     return info.st_size;
+}
+
+bool File::Truncate(int64_t length) {
+    return fd_ >= 0 && ::ftruncate(fd_, length) == 0;
 }
 
 bool CreateFolder(const std::string& path) {

@@ -18,6 +18,7 @@ public:
         Write,            // an existing file, for writing; its content stays
         ReadWrite,        // an existing file, for reading and writing
         CreateReadWrite,  // a new empty file, or an existing one cut to length 0
+        CreateNew,        // a new empty file for writing; fails if anything is at the path
     };
     enum class From { Begin, End };
 
@@ -39,9 +40,17 @@ public:
     bool Seek(int64_t offset, From from);
     // Length of the open file, or -1.
     int64_t Length() const;
+    // Cuts the file back to length bytes. True if it could.
+    bool Truncate(int64_t length);
+    // Whether the last open or write failed because the volume is full (or
+    // the user's share of it is used up).
+    bool OutOfSpace() const { return outOfSpace_; }
 
 private:
+    void NoteFailure();
+
     int fd_ = -1;
+    bool outOfSpace_ = false;
 };
 
 // Makes a folder. False if it exists already or cannot be made.

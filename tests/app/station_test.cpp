@@ -123,12 +123,15 @@ TEST(StationTest, StationsThatLeaveDuringATransferStopCleanlyAndLeaveNoPartialFi
     ASSERT_EQ(Command(b, "wait Receiving File: big.bin"), "ok");
     ASSERT_EQ(Command(b, "wait-state transfer"), "ok");
     ASSERT_EQ(Command(a, "wait-state transfer"), "ok");
-    ASSERT_TRUE(PathExists(receiver + "/Incoming Files/big.bin"));
+    // Until it is whole, the file stands under its marker.
+    ASSERT_TRUE(PathExists(receiver + "/Incoming Files/big.bin.part"));
+    EXPECT_FALSE(PathExists(receiver + "/Incoming Files/big.bin"));
 
     // The receiver leaves in the middle of the file: its threads stop, and
     // the file that can never be finished does not stay.
     EXPECT_EQ(Command(b, "quit"), "ok");
     EXPECT_EQ(b.WaitForExit(30s), 0);
+    EXPECT_FALSE(PathExists(receiver + "/Incoming Files/big.bin.part"));
     EXPECT_FALSE(PathExists(receiver + "/Incoming Files/big.bin"));
     const std::vector<std::string> stored = StoredLines(receiver + "/kestrelbound_log");
     ASSERT_FALSE(stored.empty());

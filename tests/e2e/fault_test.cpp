@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/small_volume.h"
 #include "two_stations.h"
 
 namespace {
@@ -151,10 +152,14 @@ TEST(FaultyLineTest, ACallCutOffAnywhereLeavesWholeFilesOrAResumableOneAndTheRes
         if (c.BigComplete) {
             ExpectSameBytes(line.IncomingPath("big.bin"), big);
         }
-        ASSERT_TRUE(PathExists(line.IncomingPath(inProgress)));
-        EXPECT_EQ(ReadWholeFile(line.IncomingPath(inProgress)).size(), c.KeptBytes);
+        // The file in progress stands under its marker, never under its own
+        // name; a file that had not begun has nothing on the disk.
+        ASSERT_TRUE(PathExists(line.IncomingPath(inProgress + ".part")));
+        EXPECT_EQ(ReadWholeFile(line.IncomingPath(inProgress + ".part")).size(), c.KeptBytes);
+        EXPECT_FALSE(PathExists(line.IncomingPath(inProgress)));
         if (!c.BigComplete) {
             EXPECT_FALSE(PathExists(line.IncomingPath("note.txt")));
+            EXPECT_FALSE(PathExists(line.IncomingPath("note.txt.part")));
         }
 
         // The same list again: what is left of it goes, the file in progress
@@ -168,7 +173,52 @@ TEST(FaultyLineTest, ACallCutOffAnywhereLeavesWholeFilesOrAResumableOneAndTheRes
         ExpectSameBytes(line.IncomingPath("note.txt"), note);
         EXPECT_FALSE(PathExists(line.IncomingPath("big.bin-A")));
         EXPECT_FALSE(PathExists(line.IncomingPath("note.txt-A")));
+        EXPECT_FALSE(PathExists(line.IncomingPath(inProgress + ".part")));
     }
+}
+
+// Bob's station is killed in the middle of the first file of a list. What
+// stands on his disk is that file's part under its marker and the empty file
+// that came whole with the list; nothing of the file that had not begun, and
+// nothing that looks whole and is not.
+TEST(FaultyLineTest, AReceiverKilledInTheMiddleOfAFileLeavesNothingThatLooksWhole) {
+    FaultyLine line({}, "8000");
+    line.Choose({{"big.bin", RandomBytes(40000, 18)},
+                 {"note.txt", RandomBytes(500, 19)},
+                 {"empty.dat", ""}});
+    ASSERT_EQ(line.Alice->Command("send"), "ok");
+    ASSERT_TRUE(line.Bob->WaitForLog("Receiving File: big.bin"));
+    EXPECT_EQ(line.Bob->Stop(SIGKILL), 128 + SIGKILL);
+    ASSERT_TRUE(PathExists(line.IncomingPath("big.bin.part")));
+    EXPECT_LT(ReadWholeFile(line.IncomingPath("big.bin.part")).size(), 40000u);
+    EXPECT_FALSE(PathExists(line.IncomingPath("big.bin")));
+    EXPECT_FALSE(PathExists(line.IncomingPath("note.txt")));
+    EXPECT_FALSE(PathExists(line.IncomingPath("note.txt.part")));
+    EXPECT_TRUE(PathExists(line.IncomingPath("empty.dat")));
+    // Alice is still in her call; how she leaves it is not this test's.
+    line.Alice->Stop(SIGKILL);
+}
+
+// Bob's "Incoming Files" is a small volume of its own, far smaller than the
+// disk of his installation: a list that does not fit there is refused, and
+// Alice says why and hangs up.
+TEST(FaultyLineTest, AListLargerThanTheRoomWhereFilesGoIsRefusedAndTheSenderSaysWhy) {
+    FaultyLine line({});
+    SmallVolume volume(line.IncomingPath(""), "100k");
+    if (!volume.Mounted()) {
+        GTEST_SKIP() << volume.Why();
+    }
+    line.Choose({{"big.bin", RandomBytes(300000, 20)}});
+    ASSERT_EQ(line.Alice->Command("send"), "ok");
+    ASSERT_TRUE(line.Bob->WaitForLog("Not enough free space on volume."));
+    ASSERT_TRUE(LinesHolding(line.Bob->LogLines(), {"Receiving File: "}).empty())
+        << "the list was taken";
+    ASSERT_TRUE(line.Alice->WaitForLog("The far end refused the list: not enough free space."));
+    ASSERT_TRUE(line.Alice->WaitForLog("Disconnected"));
+    ASSERT_TRUE(line.Bob->WaitForLog("Disconnected"));
+    line.BackToIdle();
+    EXPECT_FALSE(PathExists(line.IncomingPath("big.bin.part")));
+    EXPECT_FALSE(PathExists(line.IncomingPath("big.bin")));
 }
 
 // Alice's station stops dead (SIGSTOP) and so falls silent on a line that
@@ -284,7 +334,7 @@ TEST(TwoComputersTest, AConnectionCutInTheMiddleOfAFileIsALostCallAndTheResendRe
     ASSERT_TRUE(line.Alice->WaitForLog("Disconnected"));
     ASSERT_TRUE(line.Bob->WaitForLog("Disconnected"));
     line.BackToIdle();
-    const size_t kept = ReadWholeFile(line.IncomingPath("big.bin")).size();
+    const size_t kept = ReadWholeFile(line.IncomingPath("big.bin.part")).size();
     EXPECT_GT(kept, 0u);
     EXPECT_LT(kept, big.size());
     EXPECT_EQ(kept % SectionData, 0u) << "whole sections only";

@@ -88,6 +88,15 @@ TEST_F(ThreeLines, ACorrespondentFetchesItsFolderAndAnyoneElseIsToldThereIsNone)
         WriteWholeFile(PickUp(0, "Bob/" + file.Name), file.Bytes);
     }
 
+    // Two long names that go out shortened alike.
+    const std::vector<peer::File> longNamed = {
+        {"quarterly report of the year 2023.pdf", RandomBytes(900, 46)},
+        {"quarterly report of the year 2024.pdf", RandomBytes(800, 47)}};
+    const std::string shortened = "quarterly report of the yea.pdf";
+    for (const peer::File& file : longNamed) {
+        WriteWholeFile(PickUp(0, "Bob/" + file.Name), file.Bytes);
+    }
+
     // Bob fetches it: the roles turn, and the files land under Alice's name
     // for the folder.
     AddRecord(bob, "Alice", "5551001");
@@ -98,19 +107,33 @@ TEST_F(ThreeLines, ACorrespondentFetchesItsFolderAndAnyoneElseIsToldThereIsNone)
         ExpectSameBytes(PickUp(0, "Bob/Sent Files/" + file.Name), file.Bytes);
         EXPECT_FALSE(PathExists(PickUp(0, "Bob/" + file.Name)));
     }
+    // Each long name stays Alice's own in "Sent Files"; Bob has them under
+    // the shortened name, the second with its letter.
+    for (const peer::File& file : longNamed) {
+        SCOPED_TRACE(file.Name);
+        ExpectSameBytes(PickUp(0, "Bob/Sent Files/" + file.Name), file.Bytes);
+        EXPECT_FALSE(PathExists(PickUp(0, "Bob/" + file.Name)));
+    }
+    const std::string first = ReadWholeFile(Incoming(1, "Bob/" + shortened));
+    const std::string second = ReadWholeFile(Incoming(1, "Bob/" + shortened.substr(0, 29) + "-A"));
+    EXPECT_TRUE((first == longNamed[0].Bytes && second == longNamed[1].Bytes) ||
+                (first == longNamed[1].Bytes && second == longNamed[0].Bytes));
     // The folder goes in the order the file system lists it.
     std::vector<std::string> sent =
         LinesHolding(alice.LogLines(), {"Retrieve request", "at ", "Sending File: "});
     std::sort(sent.begin() + 2, sent.end());
-    EXPECT_EQ(sent,
-              (std::vector<std::string>{"Retrieve request from Bob", "at 5552002",
-                                        "Sending File: note.txt", "Sending File: photo.bin"}));
+    EXPECT_EQ(sent, (std::vector<std::string>{"Retrieve request from Bob", "at 5552002",
+                                              "Sending File: note.txt", "Sending File: photo.bin",
+                                              "Sending File: " + shortened,
+                                              "Sending File: " + shortened}));
     std::vector<std::string> received = LinesHolding(
         bob.LogLines(), {"Calling", "at ", "Created new folder: ", "Receiving File: "});
     std::sort(received.begin() + 3, received.end());
     EXPECT_EQ(received,
               (std::vector<std::string>{"Calling Alice", "at 5551001", "Created new folder: Bob",
-                                        "Receiving File: note.txt", "Receiving File: photo.bin"}));
+                                        "Receiving File: note.txt", "Receiving File: photo.bin",
+                                        "Receiving File: " + shortened.substr(0, 29) + "-A",
+                                        "Receiving File: " + shortened}));
 
     // Nothing waits for Bob now.
     Retrieve(bob, alice, "No files to be retrieved.");

@@ -106,7 +106,9 @@ TEST_F(AdmissionTest, FreeSpaceMustHoldTheLargerOfTheHeadersTotalAndTheEntries) 
     EXPECT_FALSE(PathExists(Incoming("Box/one.txt")));
     EXPECT_FALSE(PathExists(Incoming("one.txt")));
     EXPECT_FALSE(PathExists(Incoming("two.txt")));
-    EXPECT_TRUE(PathExists(Incoming("last")));
+    // The last list's file is kept for a resume, under its marker.
+    EXPECT_TRUE(PathExists(Incoming("last.part")));
+    EXPECT_FALSE(PathExists(Incoming("last")));
 }
 
 TEST_F(AdmissionTest, ANameWithAllItsSuffixesTakenRefusesTheListAndMakesNothing) {
@@ -152,4 +154,48 @@ TEST_F(AdmissionTest, NamesTakenOnDiskOrByTheListGetSuffixesAndTheAnnouncedNameI
     EXPECT_EQ(Inspect([] { return std::string(TheEngine.WireList[1].Name.View()); }),
               "report.doc-B");
     EXPECT_EQ(ReadWholeFile(Incoming("report.doc")), "mine");
+    Abandon();
+
+    // A suffix never cuts a character of two bytes in two: fifteen "ü" and
+    // an "a" are 31 bytes, and 29 of them would end inside the fifteenth.
+    const std::string umlauts = [] {
+        std::string text;
+        for (int i = 0; i < 15; ++i) {
+            text += "\xC3\xBC";
+        }
+        return text;
+    }();
+    EXPECT_EQ(Offer({{umlauts + "a", 0, 5}, {umlauts + "a", 0, 5}}), "ACK3\r\n");
+    EXPECT_EQ(ReceivedNames(),
+              (std::vector<std::string>{umlauts + "a", umlauts.substr(0, 28) + "-A"}));
+}
+
+// A file stands under its own name only once it is whole: until then under a
+// marker, made when its turn comes, so that a file not begun has nothing on
+// the disk. A name that something took meanwhile is never taken from it.
+TEST_F(AdmissionTest, AFileTakesItsOwnNameOnlyWhenWholeAndNeverFromWhatCameMeanwhile) {
+    const peer::File first{"a.txt", RandomBytes(2000, 4)};
+    const peer::File second{"b.txt", RandomBytes(10, 5)};
+    Send(ListFor({first, second, {"e.txt", ""}}));
+    EXPECT_EQ(Take(6), "ACK3\r\n");
+    EXPECT_TRUE(PathExists(Incoming("a.txt.part")));
+    EXPECT_FALSE(PathExists(Incoming("a.txt")));
+    EXPECT_FALSE(PathExists(Incoming("b.txt")));
+    EXPECT_FALSE(PathExists(Incoming("b.txt.part")));
+    EXPECT_TRUE(PathExists(Incoming("e.txt"))) << "an empty file is whole at once";
+
+    WriteWholeFile(Incoming("a.txt"), "mine");
+    Send(peer::Stream(first.Bytes));
+    EXPECT_EQ(Take(6), "ACK4\r\n");
+    // Compared whole, so that a failure does not print the data.
+    EXPECT_TRUE(ReadWholeFile(Incoming("a.txt")) == "mine");
+    EXPECT_TRUE(ReadWholeFile(Incoming("a.txt-A")) == first.Bytes);
+    EXPECT_FALSE(PathExists(Incoming("a.txt.part")));
+    EXPECT_TRUE(Logged("Name taken meanwhile; saved as a.txt-A"));
+    EXPECT_TRUE(PathExists(Incoming("b.txt.part")));
+
+    Send(peer::Stream(second.Bytes));
+    EXPECT_EQ(Take(6), "ACK2\r\n");
+    EXPECT_TRUE(ReadWholeFile(Incoming("b.txt")) == second.Bytes);
+    EXPECT_FALSE(PathExists(Incoming("b.txt.part")));
 }

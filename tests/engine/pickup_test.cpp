@@ -99,7 +99,7 @@ TEST_F(PickUpTest, ASentFileMovesToSentFilesReplacingAnOlderOne) {
     AddRecord("P", "1", false, {"f.txt"});
     const std::string folder = PickUpPath + "/P";
     WriteWholeFile(folder + "/Sent Files/f.txt", "old");
-    MoveToSentFiles(folder + "/f.txt", "f.txt");
+    MoveToSentFiles(folder + "/f.txt");
     EXPECT_FALSE(PathExists(folder + "/f.txt"));
     EXPECT_EQ(ReadWholeFile(folder + "/Sent Files/f.txt"), "f.txt");
 }

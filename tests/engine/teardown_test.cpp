@@ -15,6 +15,7 @@
 #include "engine/wire.h"
 #include "engine_harness.h"
 #include "platform/files.h"
+#include "support/small_volume.h"
 
 namespace {
 
@@ -44,7 +45,7 @@ protected:
         EXPECT_TRUE(AnswerProfile());
         again.join();
         EXPECT_EQ(TheEngine.LinkState.load(), LinkIdle);
-        ASSERT_TRUE(PathExists(Incoming("second.bin")));
+        ASSERT_TRUE(PathExists(Incoming("second.bin.part")));
     }
 
     const peer::File second_{"second.bin", RandomBytes(SectionFileBytes + 7000, 2)};
@@ -137,25 +138,71 @@ TEST_F(ReceiverTeardownTest, AChangedFileOfTheSameNameIsANewFileAndTheOldPartGoe
     EXPECT_EQ(Take(6), "ACK2\r\n");
     EXPECT_EQ(ReadWholeFile(Incoming("second.bin")), changed.Bytes);
     EXPECT_FALSE(PathExists(Incoming("second.bin-A")));
+    EXPECT_FALSE(PathExists(Incoming("second.bin.part")));
 }
 
 TEST_F(ReceiverTeardownTest, TheExitDeletesAPartLeftForAResume) {
     LeaveAPartForAResume();
     Inspect([] { DiscardUnfinishedFiles(); });
-    EXPECT_FALSE(PathExists(Incoming("second.bin")));
+    EXPECT_FALSE(PathExists(Incoming("second.bin.part")));
     EXPECT_TRUE(Inspect([] { return TheEngine.SavedEntry.WireName.IsEmpty(); }));
 }
 
 TEST_F(ReceiverTeardownTest, AFileThatCannotBeWrittenEndsTheSession) {
+    // An empty file is made with its list; with "Incoming Files" gone it
+    // cannot be, and is no file received.
+    ASSERT_TRUE(RemoveFolder(IncomingPath));
+    ConnectAsReceiver();
+    Send(ListFor({{"e.txt", ""}}));
+    EXPECT_EQ(Take(7), "ABORT\r\n");
+    EXPECT_TRUE(WaitForLog("Cannot write file: e.txt"));
+    EXPECT_FALSE(Logged("All files received."));
+    Send("\r\nNO CARRIER\r\n");
+    EXPECT_TRUE(AnswerProfile());
+    ASSERT_TRUE(WaitForState(LinkIdle));
+    ASSERT_TRUE(CreateFolder(IncomingPath));
+
     const peer::File first{"first.bin", RandomBytes(5000, 1)};
     OfferAsCaller({first});
-    ASSERT_TRUE(DeleteFileAt(Incoming("first.bin")));
-    ASSERT_TRUE(CreateFolder(Incoming("first.bin")));
+    ASSERT_TRUE(DeleteFileAt(Incoming("first.bin.part")));
+    ASSERT_TRUE(CreateFolder(Incoming("first.bin.part")));
     Send(peer::Stream(first.Bytes));
     EXPECT_EQ(Take(7), "ABORT\r\n");
     EXPECT_TRUE(WaitForLog("Cannot write file: first.bin"));
     EXPECT_TRUE(Logged("Sending disconnect..."));
     EXPECT_TRUE(WaitForState(LinkConnected));
+}
+
+// "Incoming Files" on a volume of its own that fills up in the middle of a
+// file: the receiver says why it stops, keeps the whole sections, and takes
+// the file up again once there is room.
+TEST_F(ReceiverTeardownTest, AFullDiskIsSaidAndTheFileTakenUpOnceThereIsRoom) {
+    SmallVolume volume(IncomingPath, "200k");
+    if (!volume.Mounted()) {
+        GTEST_SKIP() << volume.Why();
+    }
+    const peer::File big{"big.bin", RandomBytes(2 * SectionFileBytes + 100, 6)};
+    OfferAsCaller({big});
+    const std::string stream = peer::Stream(big.Bytes);
+    Send(stream);
+    EXPECT_EQ(Take(7), "ABORT\r\n");
+    EXPECT_TRUE(WaitForLog("Not enough free space on volume."));
+    const std::vector<std::string> log = Log();
+    const auto full = std::find(log.begin(), log.end(), "Not enough free space on volume.");
+    ASSERT_NE(full, log.begin());
+    EXPECT_EQ(*(full - 1), "Cannot write file: big.bin");
+    Send("\r\nNO CARRIER\r\n");
+    EXPECT_TRUE(AnswerProfile());
+    ASSERT_TRUE(WaitForState(LinkIdle));
+    EXPECT_EQ(ReadWholeFile(Incoming("big.bin.part")).size(), SectionFileBytes);
+
+    ASSERT_TRUE(volume.Resize("1m"));
+    ConnectAsReceiver();
+    Send(ListFor({big}));
+    EXPECT_EQ(Take(12 + 80).substr(0, 12), "FILERESTA3\r\n");
+    Send(stream.substr(SectionWireBytes));
+    EXPECT_EQ(Take(6), "ACK2\r\n");
+    EXPECT_TRUE(ReadWholeFile(Incoming("big.bin")) == big.Bytes);
 }
 
 TEST_F(ReceiverTeardownTest, FiveSecondsWithoutABlockAbortTheTransferAndTenOfSilenceTheCall) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "engine/dialing.h"
@@ -98,6 +99,25 @@ TEST_F(SenderTokenTest, ARecoveryBodyOutsideTheFileEndsTheCall) {
     AnswerHangUp();
     EXPECT_TRUE(WaitForState(LinkIdle));
     EXPECT_FALSE(FeederRunning());
+}
+
+// A refused list would leave the sender waiting for the far end's watchdog:
+// it says which refusal came and hangs up at once, keeping its list.
+TEST_F(SenderTokenTest, ARefusedListIsNamedInTheLogAndTheCallHungUpAtOnce) {
+    ChooseFile("r.txt", LetterBytes(500));
+    const std::vector<std::pair<std::string, std::string>> refusals = {
+        {"NAK3\r\n", "The far end refused the list: not enough free space."},
+        {"NAK4\r\n", "The far end refused the list as corrupted."},
+    };
+    for (const auto& [token, line] : refusals) {
+        SCOPED_TRACE(line);
+        ConnectAndTakeList(1);
+        Send(token);
+        AnswerHangUp();
+        EXPECT_TRUE(WaitForState(LinkIdle));
+        EXPECT_EQ(Count(line), 1);
+        EXPECT_EQ(TheEngine.SendCount.load(), 1);
+    }
 }
 
 TEST_F(CallProgressTest, BusyNoCarrierAndNoDialtoneEndTheDialAndOtherLinesDoNot) {
