@@ -26,6 +26,9 @@ namespace {
 constexpr int16_t LineLimitMs = 750;
 constexpr int16_t RingDrainQuietMs = 100;
 constexpr uint32_t AnswerPauseMs = 500;
+// How long an answer waits for its result before a RING may be answered
+// again: the longest any reply of the adapter takes.
+constexpr uint32_t AnswerResultLimitMs = 4000;
 
 // The codes of the carrier list, by row: Default, AT&T, MCI, Sprint.
 constexpr std::array<const char*, 4> CarrierCodes{"", "10288", "10222", "10333"};
@@ -118,10 +121,22 @@ void HandleLineEvent() {
         return;
     }
     if (LineHolds(line, "RING")) {
+        // A ring that came while the answer waited, or rings on while it
+        // connects, is no new call: the one "ATA" answers whichever call
+        // rings when it arrives, a caller that gave up meanwhile leaving it
+        // to the next, and a second "ATA" would reach that caller as data
+        // once the first has connected. It is not answered, and nothing is
+        // thrown away after it, since the answer's result is on its way.
+        if (TheSession.AnswerPending.load() &&
+            NowMs() - TheSession.AnsweredAt.load() < AnswerResultLimitMs) {
+            return;
+        }
         DrainInput(RingDrainQuietMs);
         ClearHotFolderCounters();
         SleepMs(AnswerPauseMs);
         SendCommand("ATA");
+        TheSession.AnsweredAt = NowMs();
+        TheSession.AnswerPending = true;
         return;
     }
     for (const ConnectCode& code : ConnectCodes) {

@@ -30,6 +30,10 @@ struct SessionFlags {
     std::atomic<int32_t> HangUpRetries{0};
     std::atomic<bool> HangUpRetryDue{false};
     std::atomic<uint32_t> HangUpRetryAt{0};
+    // "ATA" has gone to a ringing adapter, at that moment, and its result
+    // (CONNECT, NO CARRIER) has not come yet.
+    std::atomic<bool> AnswerPending{false};
+    std::atomic<uint32_t> AnsweredAt{0};
 };
 
 extern SessionFlags TheSession;

@@ -1,5 +1,6 @@
 #include "line/adapter.h"
 
+#include <algorithm>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -7,6 +8,7 @@
 #include "line/comm_port.h"
 #include "line/port_speed.h"
 #include "line/profiles.h"
+#include "platform/clock.h"
 #include "platform/key_state.h"
 #include "platform/message_box.h"
 #include "resources/resource.h"
@@ -33,6 +35,18 @@ bool PollingAfterConversations = false;
 
 constexpr int LastSearchedPort = 4;
 constexpr uint32_t SearchSpeed = 9600;
+constexpr uint32_t TopSpeed = 230400;
+// The adapter's answers to the escape and to its hang-up, with the limits of
+// a hang-up in a call.
+constexpr int16_t EscapeReplyLimitMs = 2250;
+constexpr int16_t HangUpReplyLimitMs = 1000;
+
+// How the adapter on a port answered.
+enum class PortAnswer {
+    Nothing,        // no adapter answered
+    AtSpeed,        // it answers at the speed the search asked for
+    SwitchedToTop,  // it answers at 230400 bps alone, where only its switch holds it
+};
 
 bool BufferHolds(const char* mark) {
     return std::strstr(TokenBuffer, mark) != nullptr;
@@ -52,16 +66,137 @@ AdapterSearch AdapterReady() {
     return listening ? AdapterSearch::WaitingForCalls : AdapterSearch::ProfileRefused;
 }
 
+// The identification, with a limit of its own on the answer to the first
+// command: on the port opened anew, or on the port as it stands.
+bool Identify(int16_t firstReplyLimitMs);
+bool IdentifyOnOpenPort(int16_t firstReplyLimitMs);
+
+// The pause before an escape on an adapter whose family is not known yet: the
+// longest that any family needs.
+uint32_t LongestEscapePauseMs() {
+    uint32_t longest = 0;
+    for (const int16_t model : {ModelBitSURFR, ModelAdTran, ModelZyXEL, Model3Com}) {
+        longest = std::max(longest, FamilyOf(model).EscapePauseMs);
+    }
+    return longest;
+}
+
+// An adapter still in the call of a program that was killed in it: one that
+// ignores DTR, as every profile of ours sets it, keeps its call when the port
+// closes. It then answers nothing, and whatever is said to it goes to the far
+// end as data. The escape takes it to command mode, after a pause in which
+// nothing is sent, and ATH ends the call; the far end then hears NO CARRIER
+// from its own adapter. Its answers come behind whatever data the call still
+// brings. The escape goes out at the port's speed; ATH, which the adapter
+// reads at a speed it understands, at that speed and then at the one given.
+// Returns the speed at which the adapter is back in command mode, 0 if it
+// did not answer.
+uint32_t HangUpLeftCall(uint32_t otherSpeed, uint32_t pauseMs) {
+    if (ThePort == nullptr || !ThePort->IsOpen.load()) {
+        return 0;
+    }
+    PortConversation conversation;
+    SleepMs(pauseMs);
+    SendBytes("+++", 3);
+    const int escape = DrainUntilAny({"\r\nOK\r\n", "NO CARRIER"}, EscapeReplyLimitMs);
+    if (escape < 0) {
+        return 0;
+    }
+    const uint32_t portSpeed = ThePort->BaudRate.load();
+    if (escape == 1) {
+        return portSpeed;  // the far end has ended the call meanwhile
+    }
+    for (const uint32_t speed : {portSpeed, otherSpeed}) {
+        if (!SetPortSpeed(speed)) {
+            continue;
+        }
+        SendCommand("ATH");
+        if (DrainUntilAny({"\r\nOK\r\n", "NO CARRIER"}, HangUpReplyLimitMs) >= 0) {
+            AddLogLine("Hung up a call left on the ISDN TA.");
+            return speed;
+        }
+    }
+    return 0;
+}
+
+// A BitSURFR or a 3Com stays at 230400 bps, where it answers nothing at the
+// speeds of the search, until its closing command or a power cycle; so does an
+// AdTran whose switch is set there. Found at that speed, the first two are
+// told to go back to 115200 and identified again at the speed asked for.
+PortAnswer FindAtTopSpeed(uint32_t speed) {
+    SelectPortBaud(TopSpeed);
+    // An adapter at this speed answers at once; this is a second look, not
+    // the search's own.
+    if (!Identify(ShortReplyLimitMs)) {
+        return PortAnswer::Nothing;
+    }
+    AddLogLine("ISDN TA found at 230400 bps.");
+    if (CurrentFamily().Speed == SpeedMove::DipSwitch) {
+        return PortAnswer::SwitchedToTop;
+    }
+    // The port stays open: a purge could throw away the command back before
+    // the adapter has it all.
+    ReturnAdapterTo115200();
+    return SetPortSpeed(speed) && IdentifyOnOpenPort(ReplyLimitMs) ? PortAnswer::AtSpeed
+                                                                   : PortAnswer::Nothing;
+}
+
+// Looks for the adapter on the selected port, at the speed given: there
+// first, as the search always has, then at 230400 bps, then behind a call
+// that it may still hold.
+PortAnswer FindOnPort(uint32_t speed, uint32_t escapePauseMs) {
+    SelectPortBaud(speed);
+    if (IdentifyAdapter()) {
+        return PortAnswer::AtSpeed;
+    }
+    if (ThePort == nullptr || !ThePort->IsOpen.load()) {
+        return PortAnswer::Nothing;  // no device there to ask
+    }
+    // What follows runs with RTS/CTS, as all work after a first exchange
+    // does: the data of a call that the adapter may still hold would stop the
+    // port's output at its first XOFF byte, for good once the port's input
+    // has filled up behind it.
+    if (!SetPortSpeed(speed)) {
+        return PortAnswer::Nothing;
+    }
+    const PortAnswer atTop = FindAtTopSpeed(speed);
+    if (atTop != PortAnswer::Nothing) {
+        return atTop;
+    }
+    const uint32_t answeredAt = HangUpLeftCall(speed, escapePauseMs);
+    if (answeredAt == 0) {
+        return PortAnswer::Nothing;
+    }
+    if (answeredAt == TopSpeed) {
+        return FindAtTopSpeed(speed);
+    }
+    SelectPortBaud(speed);
+    return IdentifyAdapter() ? PortAnswer::AtSpeed : PortAnswer::Nothing;
+}
+
+// An AdTran that answers only at 230400 bps has its switch set there, by the
+// user: the speed is taken as the switch holds it.
+AdapterSearch AtSwitchedTopSpeed() {
+    ThePreferences.MaxPortSpeed = TopSpeed;
+    ThePreferences.SelectedPortSpeed = TopSpeed;
+    SpeedClass.store(2);
+    AddLogLine("Port speed set to 230400 bps.");
+    return AdapterReady();
+}
+
 AdapterSearch FullSearch() {
     for (int port = 1; port <= LastSearchedPort; ++port) {
         SelectPortNumber(static_cast<uint8_t>(port));
-        SelectPortBaud(SearchSpeed);
         AddLogLine("Searching Comm Port " + std::to_string(port));
-        if (!IdentifyAdapter()) {
+        const PortAnswer answer = FindOnPort(SearchSpeed, LongestEscapePauseMs());
+        if (answer == PortAnswer::Nothing) {
             CommPortClose();
             continue;
         }
         ThePreferences.ComPort = static_cast<int16_t>(port);
+        if (answer == PortAnswer::SwitchedToTop) {
+            return AtSwitchedTopSpeed();
+        }
         QualifyPortSpeed();
         if (ThePreferences.MaxPortSpeed == 230400) {
             // An adapter moved only by its switch stays at 115200 until the
@@ -88,8 +223,12 @@ AdapterSearch DipSwitchStart() {
     SpeedClass.store(2);
     ResumeTopSpeed();
     AddLogLine("Port speed set to 230400 bps.");
-    std::memset(TokenBuffer, 0, TokenBufferSize);
-    if (!SendAndWaitOk("atv1") || !EnableHardwareHandshake() || !SendAndWaitOkShort("ati0")) {
+    const auto answers = [] {
+        std::memset(TokenBuffer, 0, TokenBufferSize);
+        return SendAndWaitOk("atv1") && EnableHardwareHandshake() && SendAndWaitOkShort("ati0");
+    };
+    if (!answers() &&
+        (HangUpLeftCall(TopSpeed, CurrentFamily().EscapePauseMs) == 0 || !answers())) {
         return AdapterSearch::NotFound;
     }
     return AdapterReady();
@@ -102,9 +241,13 @@ AdapterSearch QuickStart() {
         return DipSwitchStart();
     }
     const uint32_t maxSpeed = ThePreferences.MaxPortSpeed;
-    SelectPortBaud(maxSpeed == 230400 ? 115200 : maxSpeed);
-    if (!IdentifyAdapter()) {
-        return AdapterNotFound();
+    switch (FindOnPort(maxSpeed == 230400 ? 115200 : maxSpeed, CurrentFamily().EscapePauseMs)) {
+        case PortAnswer::Nothing:
+            return AdapterNotFound();
+        case PortAnswer::SwitchedToTop:
+            return AtSwitchedTopSpeed();
+        case PortAnswer::AtSpeed:
+            break;
     }
     SpeedClass.store(maxSpeed <= 57600 ? 1 : 2);
     if (maxSpeed == 230400 && ThePreferences.SelectedPortSpeed == 230400) {
@@ -177,15 +320,26 @@ bool SendAndWaitOkShort(const char* command) {
 }
 
 bool IdentifyAdapter() {
+    return Identify(ReplyLimitMs);
+}
+
+namespace {
+
+bool Identify(int16_t firstReplyLimitMs) {
     CommPortClose();
     if (!CommPortOpen()) {
         return false;
     }
+    return IdentifyOnOpenPort(firstReplyLimitMs);
+}
+
+bool IdentifyOnOpenPort(int16_t firstReplyLimitMs) {
     // The replies are taken apart in TokenBuffer, so no other reader may
     // come between an exchange and the tests on it.
     PortConversation conversation;
     std::memset(TokenBuffer, 0, TokenBufferSize);
-    if (!SendAndWaitOk("atv1") || !EnableHardwareHandshake() || !SendAndWaitOkShort("ati0")) {
+    if (!ExchangeWithAdapter("atv1", firstReplyLimitMs) || !EnableHardwareHandshake() ||
+        !SendAndWaitOkShort("ati0")) {
         return false;
     }
     // The marks are tested in this order; the first family that matches
@@ -228,6 +382,8 @@ bool IdentifyAdapter() {
     }
     return false;
 }
+
+}  // namespace
 
 AdapterSearch FindAdapter() {
     const bool shiftDown = KeyIsDown(Key::Shift);

@@ -1,5 +1,6 @@
 #include "line/comm_port.h"
 
+#include <algorithm>
 #include <cstring>
 #include <new>
 
@@ -234,6 +235,45 @@ void DrainInput(int16_t quietMs) {
             return;
         }
         WaitForRest(quietMs, elapsed);
+    }
+}
+
+int DrainUntilAny(std::initializer_list<std::string_view> texts, int16_t timeoutMs) {
+    if (ThePort == nullptr) {
+        return -1;
+    }
+    size_t longest = 0;
+    for (const std::string_view text : texts) {
+        longest = std::max(longest, text.size());
+    }
+    // The end of what came, enough of it to hold a text cut between reads.
+    std::string seen;
+    char scratch[256];
+    StartElapsed();
+    for (;;) {
+        // A run at a time, so that a stream that never pauses still has the
+        // time limit looked at.
+        if (PortQueueCount(PortQueue::Input) != 0) {
+            const uint32_t got = ThePort->Handle.Read(scratch, sizeof scratch);
+            seen.append(scratch, got);
+            int index = 0;
+            for (const std::string_view text : texts) {
+                if (seen.find(text) != std::string::npos) {
+                    return index;
+                }
+                ++index;
+            }
+            if (seen.size() >= longest) {
+                seen.erase(0, seen.size() - longest + 1);
+            }
+        }
+        const int16_t elapsed = ElapsedMs();
+        if (elapsed >= timeoutMs) {
+            return -1;
+        }
+        if (PortQueueCount(PortQueue::Input) == 0) {
+            WaitForRest(timeoutMs, elapsed);
+        }
     }
 }
 

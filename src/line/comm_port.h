@@ -8,8 +8,10 @@
 
 #include <atomic>
 #include <cstdint>
+#include <initializer_list>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include "platform/clock.h"
 #include "platform/port_lock.h"
@@ -89,6 +91,12 @@ char* ReadUntilOk(int16_t timeoutMs, char* buffer);
 uint32_t ReadBlock(void* buffer, uint32_t count, int16_t timeoutMs);
 // Throws input away until the line has been quiet for the whole quiet time.
 void DrainInput(int16_t quietMs);
+// Throws input away until one of the texts has come, however much else came
+// before it, or the time limit on the whole read has passed: how an answer
+// of the adapter is found behind the data of a call, which a token read
+// would give up on after 1023 bytes. Returns the index of the text that
+// came, -1 if none did.
+int DrainUntilAny(std::initializer_list<std::string_view> texts, int16_t timeoutMs);
 // The port's two queues.
 enum class PortQueue { Output, Input };
 // Bytes in the queue; 0 without a record.

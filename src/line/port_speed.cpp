@@ -193,6 +193,12 @@ void ResumeTopSpeed() {
     static_cast<void>(SendAndWaitOk("AT"));
 }
 
+void ReturnAdapterTo115200() {
+    if (TakesACommand(CurrentFamily())) {
+        MoveToSpeed(115200);
+    }
+}
+
 void ChangePortSpeed(uint32_t bitsPerSecond) {
     MoveToSpeed(bitsPerSecond);
     ThePreferences.SelectedPortSpeed = bitsPerSecond;

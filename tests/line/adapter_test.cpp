@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstring>
@@ -214,6 +215,8 @@ TEST_F(LineTest, ShiftSearchesAgainFromTheFirstPortAtTheSearchSpeed) {
 // A saved port and speed are taken up again without a search or a speed
 // test: the speed command, where the family has one, goes out at the old
 // speed; an AdTran saved at 230400 is taken as set there by its DIP switch.
+// An adapter that answers only at 230400 bps, as a killed program leaves a
+// 3Com, is found there and told back to 115200 first.
 TEST_F(LineTest, QuickStartGoesToTheSavedPortAndSpeed) {
     struct QuickCase {
         const char* Name;
@@ -222,12 +225,16 @@ TEST_F(LineTest, QuickStartGoesToTheSavedPortAndSpeed) {
         uint32_t Selected;
         int16_t Model;
         AdapterScript Script;
-        std::string Commands;  // the first four, as "text@speed"
+        std::string Commands;  // the first few, as "text@speed"
         std::string Logged;    // the first lines of the log
     };
     // The reply names the XRT; this route does not identify again.
     AdapterScript xrtAsSaved = AdtranScript(true);
     xrtAsSaved.NumberQuery = "ATSS62?";
+    AdapterScript threeComLeft = ThreeComScript();
+    threeComLeft.LeftAt230400 = true;
+    threeComLeft.CommandBack = "AT$B0";
+    threeComLeft.Unanswered = {"AT$B0"};
     const QuickCase cases[] = {
         {"BitSURFR at 115200", 2, 230400, 115200, ModelBitSURFR, BitsurfrScript(),
          "atv1@115200 | ati0@115200 | ati8@115200 | AT!N1?@115200",
@@ -238,6 +245,9 @@ TEST_F(LineTest, QuickStartGoesToTheSavedPortAndSpeed) {
         {"AdTran switched to 230400", 3, 115200, 230400, ModelAdTran, xrtAsSaved,
          "AT@230400 | atv1@230400 | ati0@230400 | ATSS62?@230400",
          "Port speed set to 230400 bps. | Initializing Incoming: V.120 - 64K"},
+        {"3Com left at 230400", 2, 230400, 230400, Model3Com, threeComLeft,
+         "atv1@115200 | atv1@230400 | ati0@230400",
+         "ISDN TA found at 230400 bps. | Port speed set to 230400 bps."},
     };
     for (const QuickCase& c : cases) {
         SCOPED_TRACE(c.Name);
@@ -259,8 +269,9 @@ TEST_F(LineTest, QuickStartGoesToTheSavedPortAndSpeed) {
                   c.Selected == 230400 ? SpeedChoice::At230400 : SpeedChoice::At115200);
         EXPECT_EQ(LinePollingEnabled.load(), true);
         Texts commands;
+        const size_t shown = std::count(c.Commands.begin(), c.Commands.end(), '|') + 1;
         for (const ReceivedCommand& command : adapter.Commands()) {
-            if (commands.size() < 4) {
+            if (commands.size() < shown) {
                 commands.push_back(command.Text + "@" + std::to_string(command.Speed));
             }
         }

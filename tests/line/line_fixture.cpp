@@ -1,6 +1,7 @@
 #include "line_fixture.h"
 
 #include <cstring>
+#include <memory>
 
 #include "line/adapter.h"
 #include "line/comm_port.h"
@@ -52,8 +53,14 @@ AdapterScript ThreeComScript() {
 }
 
 ScriptedAdapter::Responder RespondAs(AdapterScript script) {
-    return [script](const std::string& command, uint32_t speed) -> std::string {
+    auto atTop = std::make_shared<bool>(script.LeftAt230400);
+    return [script, atTop](const std::string& command, uint32_t speed) -> std::string {
         if (speed > script.MaxSpeed) {
+            return "";
+        }
+        if (*atTop && !script.CommandBack.empty() && command == script.CommandBack) {
+            *atTop = false;
+        } else if (*atTop && speed != 230400) {
             return "";
         }
         if (script.Unanswered.count(command) != 0) {

@@ -24,6 +24,12 @@ struct AdapterScript {
     std::string NumberReply;             // the whole answer to it, echo included
     uint32_t MaxSpeed = 230400;          // silent above this port speed
     std::set<std::string> Unanswered;    // commands that get their echo and no OK
+    // Left at 230400 bps, where a program that ended without its closing
+    // command leaves a BitSURFR or a 3Com: silent at any other speed until
+    // its command back, which it hears at any speed, since the port moves
+    // right behind it.
+    bool LeftAt230400 = false;
+    std::string CommandBack;
 };
 
 // Scripts of the families as the tests' adapters present themselves.
@@ -33,7 +39,7 @@ AdapterScript ZyxelScript(const std::string& modelNumber);
 AdapterScript ThreeComScript();
 
 // Answers as the script says: the identities, the number, "OK" to all else,
-// nothing at all above the top speed.
+// nothing at all above the top speed, nor off 230400 bps while left there.
 ScriptedAdapter::Responder RespondAs(AdapterScript script);
 
 // The lines as one text, " | " between them, so that a table's cell holds them.

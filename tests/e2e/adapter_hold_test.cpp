@@ -1,0 +1,128 @@
+// A station's idea of its line against its adapter's: after the station was
+// killed in the middle of a file, and when a call that rang and was given up
+// is followed at once by a real one.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "peer_fixture.h"
+#include "two_stations.h"
+
+namespace {
+
+constexpr uintmax_t SectionData = 131070;
+
+// The bytes of a file on the disk so far, 0 while it is not there.
+uintmax_t SizeOnDisk(const std::string& path) {
+    std::error_code absent;
+    const uintmax_t size = std::filesystem::file_size(path, absent);
+    return absent ? 0 : size;
+}
+
+// The file that Bob's last "Receiving File: " or "Recovering File: " line
+// names, as it stands in his "Incoming Files".
+std::string LastReceived(AliceAndBob& line) {
+    const std::vector<std::string> lines =
+        LinesHolding(line.Bob->LogLines(), {"Receiving File: ", "Recovering File: "});
+    if (lines.empty()) {
+        return "";
+    }
+    return line.Received(lines.back().substr(lines.back().find(": ") + 2));
+}
+
+using RingGivenUp = PeerAndStation;
+
+}  // namespace
+
+// Alice on a BitSURFR and Bob on an AdTran, both set up for AIMUX: two
+// channels, Alice's adapter at 230400 bps, where a BitSURFR stays until it is
+// told otherwise, and Bob's at 115200. A killed station leaves its adapter
+// so, and in the call, since the profiles have it ignore DTR. Started again,
+// it finds the adapter and hangs that call up; the station that survived
+// hears NO CARRIER and ends its call; and the file sent again arrives whole,
+// from its start or from where it stopped.
+TEST(KilledStation, RestartedItHangsUpTheCallItsAdapterHeldAndTheResendArrivesWhole) {
+    if (::geteuid() != 0) {
+        // A killed station leaves its pseudo-terminal in exclusive mode, which
+        // a real port drops at its last close; only a privileged process opens
+        // such a pseudo-terminal again.
+        GTEST_SKIP() << "needs root: a killed station's pseudo-terminal stays exclusive";
+    }
+    AliceAndBob line("adtran-xr", {"--rate", "128000"});
+    const auto setUp = [&line] {
+        ASSERT_EQ(line.Alice->Command("name Bob"), "ok");
+        ASSERT_EQ(line.Alice->Command("number 555-2002"), "ok");
+        ASSERT_EQ(line.Alice->Command("protocol AIMUX"), "ok");
+        ASSERT_EQ(line.Bob->Command("in-protocol AIMUX"), "ok");
+    };
+    setUp();
+    struct Case {
+        const char* What;
+        bool KillReceiver;
+    };
+    for (const Case c : {Case{"the receiver killed", true}, Case{"the sender killed", false}}) {
+        SCOPED_TRACE(c.What);
+        const std::string name = c.KillReceiver ? "first.bin" : "second.bin";
+        const std::string bytes = RandomBytes(4 * SectionData, c.KillReceiver ? 41 : 42);
+        line.Choose({{name, bytes}});
+        ASSERT_EQ(line.Alice->Command("send"), "ok");
+        // A whole section on Bob's disk, and three more to come.
+        for (int wait = 0; wait < 3000 && SizeOnDisk(line.IncomingPath(name)) < SectionData;
+             ++wait) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        ASSERT_GE(SizeOnDisk(line.IncomingPath(name)), SectionData);
+
+        std::unique_ptr<Station>& killed = c.KillReceiver ? line.Bob : line.Alice;
+        std::unique_ptr<Station>& survivor = c.KillReceiver ? line.Alice : line.Bob;
+        const std::string folder = c.KillReceiver ? line.BobPath : line.AlicePath;
+        ASSERT_EQ(killed->Stop(SIGKILL), 128 + SIGKILL);
+        killed = WaitingStation(folder);
+        // Whichever end comes first hangs up: the restarted station, or the
+        // survivor at a limit of its own (a receiver's after five seconds of
+        // silence). Alice's adapter is found at 230400 bps either way.
+        EXPECT_LE(killed->Count("Hung up a call left on the ISDN TA."), 1) << killed->LogText();
+        EXPECT_EQ(killed->Count("ISDN TA found at 230400 bps."), c.KillReceiver ? 0 : 1)
+            << killed->LogText();
+        EXPECT_TRUE(killed->Messages().empty());
+        ASSERT_TRUE(survivor->WaitForLog("Reinitializing Incoming")) << survivor->LogText();
+        ASSERT_EQ(line.Alice->Command("wait-state idle 30"), "ok");
+        ASSERT_EQ(line.Bob->Command("wait-state idle 30"), "ok");
+
+        setUp();
+        if (!c.KillReceiver) {
+            line.Choose({{name, bytes}});
+        }
+        ASSERT_NO_FATAL_FAILURE(line.SendThrough());
+        EXPECT_TRUE(LastReceived(line) == bytes) << line.Bob->LogText();
+    }
+}
+
+// A caller rings the station, gives up at once and calls again a moment
+// later, while the station is still on its way to answer the first ring:
+// the one answer takes the call that rings by then, and it is served.
+TEST_F(RingGivenUp, TheCallThatFollowsAMomentLaterIsServed) {
+    for (const int gapMs : {200, 350, 500}) {
+        SCOPED_TRACE(gapMs);
+        const std::vector<peer::File> files = {{"after-" + std::to_string(gapMs) + ".txt",
+                                                RandomBytes(20000, static_cast<uint32_t>(gapMs))}};
+        port_->Send("ATD5552002\r");
+        ASSERT_NE(port_->ReceiveUntil("RINGING\r\n", 5000).find("RINGING"), std::string::npos);
+        port_->Send(" ");  // gives up
+        ASSERT_NE(port_->ReceiveUntil("NO CARRIER\r\n", 5000).find("NO CARRIER"),
+                  std::string::npos);
+        std::this_thread::sleep_for(std::chrono::milliseconds(gapMs));
+        ASSERT_TRUE(port_->Dial("5552002"));
+        ASSERT_EQ(peer::SendSession(*port_, files), "") << LogText();
+        EndCall();
+        EXPECT_TRUE(Incoming(files[0].Name) == files[0].Bytes);
+    }
+}
