@@ -75,11 +75,11 @@ TEST(KilledStation, RestartedItHangsUpTheCallItsAdapterHeldAndTheResendArrivesWh
         line.Choose({{name, bytes}});
         ASSERT_EQ(line.Alice->Command("send"), "ok");
         // A whole section on Bob's disk, and three more to come.
-        for (int wait = 0; wait < 3000 && SizeOnDisk(line.IncomingPath(name)) < SectionData;
+        for (int wait = 0; wait < 3000 && SizeOnDisk(line.IncomingPath(name + ".part")) < SectionData;
              ++wait) {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
-        ASSERT_GE(SizeOnDisk(line.IncomingPath(name)), SectionData);
+        ASSERT_GE(SizeOnDisk(line.IncomingPath(name + ".part")), SectionData);
 
         std::unique_ptr<Station>& killed = c.KillReceiver ? line.Bob : line.Alice;
         std::unique_ptr<Station>& survivor = c.KillReceiver ? line.Alice : line.Bob;
