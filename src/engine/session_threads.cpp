@@ -36,6 +36,7 @@ void ClearSessionFlags() {
     TheSession.SendFault = false;
     TheSession.HangUpRetries = 0;
     TheSession.HangUpRetryDue = false;
+    ResetSerialLimitLine();
 }
 
 ThreadHandle CurrentFeederHandle() {

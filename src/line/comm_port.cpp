@@ -85,6 +85,7 @@ bool CommPortOpen() {
         return false;
     }
     port->Handle.Purge();
+    port->SerialLimitTold.store(false);
     if (!CommPortConfigure()) {
         port->IsOpen.store(false);
         port->Handle.Close();
@@ -173,7 +174,9 @@ char* ReadUntilToken(const char* token, int16_t timeoutMs, char* buffer) {
                 }
             }
             if (index > TokenLimit) {
-                AddLogLine("Serial Limit Reached");
+                if (!ThePort->SerialLimitTold.exchange(true)) {
+                    AddLogLine("Serial Limit Reached");
+                }
                 return nullptr;
             }
         }
@@ -182,6 +185,12 @@ char* ReadUntilToken(const char* token, int16_t timeoutMs, char* buffer) {
             return nullptr;
         }
         WaitForRest(timeoutMs, elapsed);
+    }
+}
+
+void ResetSerialLimitLine() {
+    if (ThePort != nullptr) {
+        ThePort->SerialLimitTold.store(false);
     }
 }
 

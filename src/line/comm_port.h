@@ -39,6 +39,8 @@ struct CommPort {
     uint8_t Parity = 0;    // 0 none
     uint8_t StopBits = 0;  // 0 one stop bit
     std::atomic<uint32_t> BaudRate{9600};
+    // "Serial Limit Reached" has been logged since the last ResetSerialLimitLine.
+    std::atomic<bool> SerialLimitTold{false};
 };
 
 // The record; null before CommPortCreate and after CommPortDestroy.
@@ -77,8 +79,13 @@ void SendBytes(const void* bytes, int16_t length);
 
 // Reads into buffer (TokenBufferSize bytes) until the token has arrived, the
 // time limit on the whole read has passed, or 1023 bytes are held. NUL bytes
-// are dropped. Returns a pointer to the token in the buffer, or null.
+// are dropped. Returns a pointer to the token in the buffer, or null. A read
+// that gives up on 1023 bytes logs "Serial Limit Reached", once until
+// ResetSerialLimitLine: a stream that fills read after read says it once.
 char* ReadUntilToken(const char* token, int16_t timeoutMs, char* buffer);
+// Lets "Serial Limit Reached" be logged again: at the start and the end of a
+// call, and when the port is opened.
+void ResetSerialLimitLine();
 // As ReadUntilToken with the token "\r\n".
 char* ReadLine(int16_t timeoutMs, char* buffer);
 // As ReadUntilToken with the token "OK\r\n".
