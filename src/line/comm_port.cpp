@@ -148,7 +148,11 @@ void SendBytes(const void* bytes, int16_t length) {
     }
 }
 
-char* ReadUntilToken(const char* token, int16_t timeoutMs, char* buffer) {
+namespace {
+
+// The read of ReadUntilToken; with inStream, a full buffer drops its older
+// half instead of ending the read.
+char* ReadToToken(const char* token, int16_t timeoutMs, char* buffer, bool inStream) {
     if (ThePort == nullptr) {
         return nullptr;
     }
@@ -173,7 +177,12 @@ char* ReadUntilToken(const char* token, int16_t timeoutMs, char* buffer) {
                     return buffer + index - tokenLength;
                 }
             }
-            if (index > TokenLimit) {
+            if (index > TokenLimit && inStream) {
+                const uint32_t kept = index / 2;
+                std::memmove(buffer, buffer + index - kept, kept);
+                index = kept;
+                buffer[index] = '\0';
+            } else if (index > TokenLimit) {
                 if (!ThePort->SerialLimitTold.exchange(true)) {
                     AddLogLine("Serial Limit Reached");
                 }
@@ -186,6 +195,16 @@ char* ReadUntilToken(const char* token, int16_t timeoutMs, char* buffer) {
         }
         WaitForRest(timeoutMs, elapsed);
     }
+}
+
+}  // namespace
+
+char* ReadUntilToken(const char* token, int16_t timeoutMs, char* buffer) {
+    return ReadToToken(token, timeoutMs, buffer, false);
+}
+
+char* ReadUntilTokenInStream(const char* token, int16_t timeoutMs, char* buffer) {
+    return ReadToToken(token, timeoutMs, buffer, true);
 }
 
 void ResetSerialLimitLine() {
@@ -256,6 +275,12 @@ uint32_t PortQueueCount(PortQueue queue) {
 void PurgePort() {
     if (ThePort != nullptr) {
         ThePort->Handle.Purge();
+    }
+}
+
+void PurgeOutput() {
+    if (ThePort != nullptr) {
+        ThePort->Handle.PurgeOutput();
     }
 }
 

@@ -83,6 +83,10 @@ void SendBytes(const void* bytes, int16_t length);
 // that gives up on 1023 bytes logs "Serial Limit Reached", once until
 // ResetSerialLimitLine: a stream that fills read after read says it once.
 char* ReadUntilToken(const char* token, int16_t timeoutMs, char* buffer);
+// As ReadUntilToken, but bytes that keep coming do not end the read: when
+// the buffer is full, its older half is dropped, and the read goes on until
+// the token or the time. For a reply that comes behind a stream of data.
+char* ReadUntilTokenInStream(const char* token, int16_t timeoutMs, char* buffer);
 // Lets "Serial Limit Reached" be logged again: at the start and the end of a
 // call, and when the port is opened.
 void ResetSerialLimitLine();
@@ -102,6 +106,9 @@ enum class PortQueue { Output, Input };
 uint32_t PortQueueCount(PortQueue queue);
 // Empties both queues; a write under way stops.
 void PurgePort();
+// Empties the output queue, and a write under way stops; what has come in
+// stays to be read.
+void PurgeOutput();
 // Switches to RTS/CTS. False after the message
 // "Cannot set hardware handshaking on comm port."
 [[nodiscard]] bool EnableHardwareHandshake();
