@@ -7,6 +7,7 @@
 #include "engine/display.h"
 #include "engine/transfer_engine.h"
 #include "line/comm_port.h"
+#include "platform/clock.h"
 
 SessionFlags TheSession;
 
@@ -36,6 +37,8 @@ void ClearSessionFlags() {
     TheSession.SendFault = false;
     TheSession.HangUpRetries = 0;
     TheSession.HangUpRetryDue = false;
+    TheSession.FarEndSeenAt = NowMs();
+    TheSession.HangUpTried = false;
     ResetSerialLimitLine();
 }
 

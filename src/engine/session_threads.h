@@ -30,11 +30,17 @@ struct SessionFlags {
     std::atomic<int32_t> HangUpRetries{0};
     std::atomic<bool> HangUpRetryDue{false};
     std::atomic<uint32_t> HangUpRetryAt{0};
+    // The sending side's last sign of its far end: the call's start, or a
+    // block that the line took. A token that moves the session on is
+    // followed by blocks, or by the end of the call.
+    std::atomic<uint32_t> FarEndSeenAt{0};
+    // A hang-up has been tried in this call: its end is under way.
+    std::atomic<bool> HangUpTried{false};
 };
 
 extern SessionFlags TheSession;
 
-// Clears the flags of the session.
+// Clears the flags of the session; its far end counts as seen now.
 void ClearSessionFlags();
 
 // The last step of the end of a call: the link is idle, and the window's

@@ -117,6 +117,7 @@ void EndCallByHangUp() {
 bool HangUp() {
     PortConversation conversation;
     TheSession.HangUpRetryDue = false;
+    TheSession.HangUpTried = true;
     // The escape needs the port silent for the pause. Whatever of ours still
     // waits to go out would break that silence for as long as the line needs
     // to carry it, and for ever when the far end takes nothing more.
