@@ -76,6 +76,7 @@ int WaitBound(LinkState state, bool sending) {
     }
     switch (state) {
         case LinkConnected:
+        case LinkRecovery:
             return MsUntilPast(TheEngine.LastRxTime.load(), SilenceLimitMs);
         case LinkTransfer:
             return MsUntilPast(TheEngine.LastRxTime.load(), StallLimitMs);
@@ -101,6 +102,13 @@ int PassWork() {
     }
     if (sending && SenderLostFarEnd(state)) {
         AddLogLine("Remote end not responding.");
+        RequestDisconnect();
+        return -1;
+    }
+    // A far end that brings no token within the limit is let go, also while
+    // it keeps sending other bytes: a stream must not hold the line.
+    if (!sending && (state == LinkConnected || state == LinkRecovery) &&
+        NowMs() - TheEngine.LastRxTime.load() > SilenceLimitMs) {
         RequestDisconnect();
         return -1;
     }
@@ -148,10 +156,6 @@ int PassWork() {
     }
     if (state == LinkTransfer && TheEngine.ReceiveDisplayDirty.load()) {
         RefreshReceiveDisplay();
-    }
-    if (state == LinkConnected && NowMs() - TheEngine.LastRxTime.load() > SilenceLimitMs) {
-        RequestDisconnect();
-        return -1;
     }
     return WaitBound(state, sending);
 }

@@ -246,10 +246,15 @@ uint32_t ReadBlock(void* buffer, uint32_t count, int16_t timeoutMs) {
 }
 
 void DrainInput(int16_t quietMs) {
+    static_cast<void>(DrainInputWithin(quietMs, UINT32_MAX));
+}
+
+bool DrainInputWithin(int16_t quietMs, uint32_t longestMs) {
     if (ThePort == nullptr) {
-        return;
+        return true;
     }
     uint8_t scratch[256];
+    const uint32_t start = NowMs();
     StartElapsed();
     for (;;) {
         if (PortQueueCount(PortQueue::Input) != 0) {
@@ -259,7 +264,10 @@ void DrainInput(int16_t quietMs) {
         }
         const int16_t elapsed = ElapsedMs();
         if (elapsed >= quietMs) {
-            return;
+            return true;
+        }
+        if (NowMs() - start >= longestMs) {
+            return false;
         }
         WaitForRest(quietMs, elapsed);
     }

@@ -100,6 +100,9 @@ char* ReadUntilOk(int16_t timeoutMs, char* buffer);
 uint32_t ReadBlock(void* buffer, uint32_t count, int16_t timeoutMs);
 // Throws input away until the line has been quiet for the whole quiet time.
 void DrainInput(int16_t quietMs);
+// As DrainInput, but gives up once longestMs have passed on NowMs's clock,
+// however long the input goes on. True if the line fell quiet.
+[[nodiscard]] bool DrainInputWithin(int16_t quietMs, uint32_t longestMs);
 // The port's two queues.
 enum class PortQueue { Output, Input };
 // Bytes in the queue; 0 without a record.

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <string>
@@ -173,6 +174,34 @@ TEST_F(ReceiverTeardownTest, FiveSecondsWithoutABlockAbortTheTransferAndTenOfSil
     EXPECT_EQ(AnswerCommand(1000), "AT");
     EXPECT_TRUE(AnswerProfile());
     EXPECT_TRUE(WaitForState(LinkIdle));
+}
+
+// A caller that passed a list and then streams bytes that are no blocks:
+// the section fails, its rest never stops coming, and no SENDRECOVR comes.
+// Once the limit on silence has passed, the receiver aborts and hangs up at
+// once, and finds the escape's OK behind the stream still arriving.
+TEST_F(ReceiverTeardownTest, AStreamThatBringsNoTokenAfterAFailedSectionIsHungUp) {
+    OfferAsCaller({{"s.bin", RandomBytes(SectionFileBytes + 100, 3)}});
+    std::atomic<bool> streaming{true};
+    std::thread stream([&] {
+        const std::string noise = LetterBytes(4096);
+        while (streaming.load()) {
+            Send(noise);
+        }
+    });
+    EXPECT_TRUE(Comes("FILERECOVR\r\n"));
+    JumpClock(10001);
+    // The ABORT and the "AT" in front of the escape may go with the output
+    // thrown away before it.
+    EXPECT_TRUE(Comes("+++"));
+    Send("\r\nOK\r\n");
+    streaming = false;
+    stream.join();
+    EXPECT_EQ(AnswerCommand(), "ATH");
+    EXPECT_TRUE(AnswerProfile());
+    EXPECT_TRUE(WaitForState(LinkIdle));
+    EXPECT_TRUE(Logged("Sending disconnect..."));
+    EXPECT_EQ(Count("Serial Limit Reached"), 1);
 }
 
 // A receiver that neither speaks nor takes data for as long as it would wait
