@@ -38,6 +38,7 @@ void ClearSessionFlags() {
     TheSession.HangUpRetries = 0;
     TheSession.HangUpRetryDue = false;
     TheSession.FarEndSeenAt = NowMs();
+    TheSession.FarEndSeenIn = LinkIdle;
     TheSession.HangUpTried = false;
     ResetSerialLimitLine();
 }

@@ -30,10 +30,11 @@ struct SessionFlags {
     std::atomic<int32_t> HangUpRetries{0};
     std::atomic<bool> HangUpRetryDue{false};
     std::atomic<uint32_t> HangUpRetryAt{0};
-    // The sending side's last sign of its far end: the call's start, or a
-    // block that the line took. A token that moves the session on is
-    // followed by blocks, or by the end of the call.
+    // The sending side's last sign of its far end: the call's start, a token
+    // that moved the session on to another state, or a block that the line
+    // took; and the state in which it last looked.
     std::atomic<uint32_t> FarEndSeenAt{0};
+    std::atomic<int16_t> FarEndSeenIn{0};
     // A hang-up has been tried in this call: its end is under way.
     std::atomic<bool> HangUpTried{false};
 };

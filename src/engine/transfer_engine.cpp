@@ -57,10 +57,17 @@ uint32_t SenderLimitMs(LinkState state) {
 }
 
 // Whether the sending side has seen nothing of its far end for longer than
-// its limit, with no hang-up under way yet.
+// its limit, with no hang-up under way yet. A session that has moved on to
+// another state since the last look has heard the far end's token.
 bool SenderLostFarEnd(LinkState state) {
-    return state >= LinkConnected && !TheSession.HangUpTried.load() &&
-           NowMs() - TheSession.FarEndSeenAt.load() > SenderLimitMs(state);
+    if (state < LinkConnected || TheSession.HangUpTried.load()) {
+        return false;
+    }
+    if (TheSession.FarEndSeenIn.exchange(state) != state) {
+        TheSession.FarEndSeenAt = NowMs();
+        return false;
+    }
+    return NowMs() - TheSession.FarEndSeenAt.load() > SenderLimitMs(state);
 }
 
 // How long a pass that found nothing to do may wait for input.
