@@ -35,12 +35,12 @@ void ReturnToIdle() {
 void ClearSessionFlags() {
     TheSession.ListOffered = false;
     TheSession.SendFault = false;
-    TheSession.HangUpRetries = 0;
-    TheSession.HangUpRetryDue = false;
     TheSession.FarEndSeenAt = NowMs();
     TheSession.FarEndSeenIn = LinkIdle;
     TheSession.HangUpTried = false;
     ResetSerialLimitLine();
+    TheSession.HangUpRetries = 0;
+    TheSession.HangUpRetryDue = false;
 }
 
 ThreadHandle CurrentFeederHandle() {

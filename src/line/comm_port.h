@@ -98,11 +98,12 @@ char* ReadUntilOk(int16_t timeoutMs, char* buffer);
 // whenever more has arrived. At the limit it logs "Read Buffer Timeout" and
 // delivers what there is. Returns the number of bytes delivered.
 uint32_t ReadBlock(void* buffer, uint32_t count, int16_t timeoutMs);
+// Throws input away until the line has been quiet for the whole quiet time,
+// or, within, until longestMs have passed on NowMs's clock, however long the
+// input goes on. True if the line fell quiet.
+[[nodiscard]] bool DrainInputWithin(int16_t quietMs, uint32_t longestMs);
 // Throws input away until the line has been quiet for the whole quiet time.
 void DrainInput(int16_t quietMs);
-// As DrainInput, but gives up once longestMs have passed on NowMs's clock,
-// however long the input goes on. True if the line fell quiet.
-[[nodiscard]] bool DrainInputWithin(int16_t quietMs, uint32_t longestMs);
 // The port's two queues.
 enum class PortQueue { Output, Input };
 // Bytes in the queue; 0 without a record.
