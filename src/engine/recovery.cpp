@@ -17,6 +17,9 @@
 namespace {
 
 constexpr int16_t DrainQuietMs = 100;
+// The longest the rest of a section is waited out: a sound sender stops
+// well within the receiver's limit on silence.
+constexpr uint32_t DrainLongestMs = 10000;
 
 }  // namespace
 
@@ -33,8 +36,12 @@ void RequestSectionResend() {
         // Reads on this thread alone until the line has fallen quiet.
         PortConversation conversation;
         SendBytes(&TheEngine.RecoveryRecord, sizeof(RecoveryMessage));
-        // What is left of the section's stream is thrown away.
-        DrainInput(DrainQuietMs);
+        // What is left of the section's stream is thrown away. A stream that
+        // does not stop comes from no sound sender: the repair is not
+        // confirmed, and the limit on silence ends the call.
+        if (!DrainInputWithin(DrainQuietMs, DrainLongestMs)) {
+            return;
+        }
         TheEngine.LastRxTime = NowMs();
     }
     SendToken(TokenContSend);

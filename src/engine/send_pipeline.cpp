@@ -193,6 +193,8 @@ unsigned BlockWriter(void*) {
     const ThreadHandle feeder = CurrentFeederHandle();
     while (TheEngine.WriterRun.load()) {
         SendBytes(TheEngine.WriteBlock.load(), TheEngine.WriteBlockLength.load());
+        // The line took the block: the far end is taking data.
+        TheSession.FarEndSeenAt = NowMs();
         TheEngine.SendDisplayDirty = true;
         if (TheEngine.SendCount.load() > 0) {
             TheEngine.SendList[0].LastBlockTime = NowMs();

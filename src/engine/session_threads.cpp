@@ -7,6 +7,7 @@
 #include "engine/display.h"
 #include "engine/transfer_engine.h"
 #include "line/comm_port.h"
+#include "platform/clock.h"
 
 SessionFlags TheSession;
 
@@ -34,6 +35,10 @@ void ReturnToIdle() {
 void ClearSessionFlags() {
     TheSession.ListOffered = false;
     TheSession.SendFault = false;
+    TheSession.FarEndSeenAt = NowMs();
+    TheSession.FarEndSeenIn = LinkIdle;
+    TheSession.HangUpTried = false;
+    ResetSerialLimitLine();
     TheSession.HangUpRetries = 0;
     TheSession.HangUpRetryDue = false;
     TheSession.AnswerPending = false;

@@ -25,6 +25,13 @@ struct SessionFlags {
     // The feeder could not go on (a file could not be read, or no writer
     // could be started); the communications thread ends the call.
     std::atomic<bool> SendFault{false};
+    // The sending side's last sign of its far end: the call's start, a token
+    // that moved the session on to another state, or a block that the line
+    // took; and the state in which it last looked.
+    std::atomic<uint32_t> FarEndSeenAt{0};
+    std::atomic<int16_t> FarEndSeenIn{0};
+    // A hang-up has been tried in this call: its end is under way.
+    std::atomic<bool> HangUpTried{false};
     // The sending side's hang-up got no answer: how often it has been tried
     // again, and whether and when the next try is due.
     std::atomic<int32_t> HangUpRetries{0};
@@ -38,7 +45,7 @@ struct SessionFlags {
 
 extern SessionFlags TheSession;
 
-// Clears the flags of the session.
+// Clears the flags of the session; its far end counts as seen now.
 void ClearSessionFlags();
 
 // The last step of the end of a call: the link is idle, and the window's

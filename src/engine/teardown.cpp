@@ -117,10 +117,18 @@ void EndCallByHangUp() {
 bool HangUp() {
     PortConversation conversation;
     TheSession.HangUpRetryDue = false;
+    TheSession.HangUpTried = true;
+    // The escape needs the port silent for the pause. Whatever of ours still
+    // waits to go out would break that silence for as long as the line needs
+    // to carry it, and for ever when the far end takes nothing more.
+    PurgeOutput();
     SleepMs(CurrentFamily().EscapePauseMs);
     SendBytes("+++", 3);
     std::memset(TokenBuffer, 0, TokenBufferSize);
-    if (ReadUntilOk(EscapeReplyLimitMs, TokenBuffer) == nullptr) {
+    // The OK may come behind whatever the far end still sends; the wait runs
+    // its whole time through that, so that nothing is sent within the guard
+    // time behind "+++".
+    if (ReadUntilTokenInStream("OK\r\n", EscapeReplyLimitMs, TokenBuffer) == nullptr) {
         // The line fell before the escape: the adapter, in command mode
         // already, reported NO CARRIER and lets "+++" pass unanswered.
         if (std::string_view(TokenBuffer).find(TextNoCarrier) != std::string_view::npos) {

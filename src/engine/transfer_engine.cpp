@@ -1,5 +1,6 @@
 #include "engine/transfer_engine.h"
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -15,12 +16,14 @@
 #include "line/comm_port.h"
 #include "platform/clock.h"
 #include "platform/message_box.h"
+#include "stores/status_log.h"
 
 TransferEngine TheEngine;
 
 namespace {
 
-// The receiving side's two limits on silence; both are strict.
+// The receiving side's two limits on silence; both are strict. The sending
+// side keeps them too, for a far end that neither speaks nor takes data.
 constexpr uint32_t StallLimitMs = 5000;
 constexpr uint32_t SilenceLimitMs = 10000;
 // The longest a pass waits when no limit is due sooner: it bounds how long a
@@ -46,15 +49,41 @@ int MsUntilPast(uint32_t since, uint32_t limitMs) {
     return left < static_cast<uint32_t>(LongestWaitMs) ? static_cast<int>(left) : LongestWaitMs;
 }
 
+// How long the sending side waits for a sign of its far end: while blocks go
+// out, as long as the receiver waits for the next; for a token, as long as
+// the receiver waits for one.
+uint32_t SenderLimitMs(LinkState state) {
+    return state == LinkTransfer ? StallLimitMs : SilenceLimitMs;
+}
+
+// Whether the sending side has seen nothing of its far end for longer than
+// its limit, with no hang-up under way yet. A session that has moved on to
+// another state since the last look has heard the far end's token.
+bool SenderLostFarEnd(LinkState state) {
+    if (state < LinkConnected || TheSession.HangUpTried.load()) {
+        return false;
+    }
+    if (TheSession.FarEndSeenIn.exchange(state) != state) {
+        TheSession.FarEndSeenAt = NowMs();
+        return false;
+    }
+    return NowMs() - TheSession.FarEndSeenAt.load() > SenderLimitMs(state);
+}
+
 // How long a pass that found nothing to do may wait for input.
 int WaitBound(LinkState state, bool sending) {
     if (sending) {
-        const int bound = state == LinkTransfer ? SendDisplayWaitMs : LongestWaitMs;
+        int bound = state == LinkTransfer ? SendDisplayWaitMs : LongestWaitMs;
+        if (state >= LinkConnected && !TheSession.HangUpTried.load()) {
+            bound =
+                std::min(bound, MsUntilPast(TheSession.FarEndSeenAt.load(), SenderLimitMs(state)));
+        }
         const int retry = MsUntilHangUpRetry();
         return retry >= 0 && retry < bound ? retry : bound;
     }
     switch (state) {
         case LinkConnected:
+        case LinkRecovery:
             return MsUntilPast(TheEngine.LastRxTime.load(), SilenceLimitMs);
         case LinkTransfer:
             return MsUntilPast(TheEngine.LastRxTime.load(), StallLimitMs);
@@ -76,6 +105,18 @@ int PassWork() {
         return -1;
     }
     if (sending && waiting == 0 && RetryHangUpIfDue()) {
+        return -1;
+    }
+    if (sending && SenderLostFarEnd(state)) {
+        AddLogLine("Remote end not responding.");
+        RequestDisconnect();
+        return -1;
+    }
+    // A far end that brings no token within the limit is let go, also while
+    // it keeps sending other bytes: a stream must not hold the line.
+    if (!sending && (state == LinkConnected || state == LinkRecovery) &&
+        NowMs() - TheEngine.LastRxTime.load() > SilenceLimitMs) {
+        RequestDisconnect();
         return -1;
     }
     if (waiting != 0) {
@@ -122,10 +163,6 @@ int PassWork() {
     }
     if (state == LinkTransfer && TheEngine.ReceiveDisplayDirty.load()) {
         RefreshReceiveDisplay();
-    }
-    if (state == LinkConnected && NowMs() - TheEngine.LastRxTime.load() > SilenceLimitMs) {
-        RequestDisconnect();
-        return -1;
     }
     return WaitBound(state, sending);
 }

@@ -86,6 +86,7 @@ bool CommPortOpen() {
         return false;
     }
     port->Handle.Purge();
+    port->SerialLimitTold.store(false);
     if (!CommPortConfigure()) {
         port->IsOpen.store(false);
         port->Handle.Close();
@@ -148,7 +149,11 @@ void SendBytes(const void* bytes, int16_t length) {
     }
 }
 
-char* ReadUntilToken(const char* token, int16_t timeoutMs, char* buffer) {
+namespace {
+
+// The read of ReadUntilToken; with inStream, a full buffer drops its older
+// half instead of ending the read.
+char* ReadToToken(const char* token, int16_t timeoutMs, char* buffer, bool inStream) {
     if (ThePort == nullptr) {
         return nullptr;
     }
@@ -173,8 +178,15 @@ char* ReadUntilToken(const char* token, int16_t timeoutMs, char* buffer) {
                     return buffer + index - tokenLength;
                 }
             }
-            if (index > TokenLimit) {
-                AddLogLine("Serial Limit Reached");
+            if (index > TokenLimit && inStream) {
+                const uint32_t kept = index / 2;
+                std::memmove(buffer, buffer + index - kept, kept);
+                index = kept;
+                buffer[index] = '\0';
+            } else if (index > TokenLimit) {
+                if (!ThePort->SerialLimitTold.exchange(true)) {
+                    AddLogLine("Serial Limit Reached");
+                }
                 return nullptr;
             }
         }
@@ -183,6 +195,22 @@ char* ReadUntilToken(const char* token, int16_t timeoutMs, char* buffer) {
             return nullptr;
         }
         WaitForRest(timeoutMs, elapsed);
+    }
+}
+
+}  // namespace
+
+char* ReadUntilToken(const char* token, int16_t timeoutMs, char* buffer) {
+    return ReadToToken(token, timeoutMs, buffer, false);
+}
+
+char* ReadUntilTokenInStream(const char* token, int16_t timeoutMs, char* buffer) {
+    return ReadToToken(token, timeoutMs, buffer, true);
+}
+
+void ResetSerialLimitLine() {
+    if (ThePort != nullptr) {
+        ThePort->SerialLimitTold.store(false);
     }
 }
 
@@ -219,10 +247,15 @@ uint32_t ReadBlock(void* buffer, uint32_t count, int16_t timeoutMs) {
 }
 
 void DrainInput(int16_t quietMs) {
+    static_cast<void>(DrainInputWithin(quietMs, UINT32_MAX));
+}
+
+bool DrainInputWithin(int16_t quietMs, uint32_t longestMs) {
     if (ThePort == nullptr) {
-        return;
+        return true;
     }
     uint8_t scratch[256];
+    const uint32_t start = NowMs();
     StartElapsed();
     for (;;) {
         if (PortQueueCount(PortQueue::Input) != 0) {
@@ -232,7 +265,10 @@ void DrainInput(int16_t quietMs) {
         }
         const int16_t elapsed = ElapsedMs();
         if (elapsed >= quietMs) {
-            return;
+            return true;
+        }
+        if (NowMs() - start >= longestMs) {
+            return false;
         }
         WaitForRest(quietMs, elapsed);
     }
@@ -287,6 +323,12 @@ uint32_t PortQueueCount(PortQueue queue) {
 void PurgePort() {
     if (ThePort != nullptr) {
         ThePort->Handle.Purge();
+    }
+}
+
+void PurgeOutput() {
+    if (ThePort != nullptr) {
+        ThePort->Handle.PurgeOutput();
     }
 }
 

@@ -41,6 +41,8 @@ struct CommPort {
     uint8_t Parity = 0;    // 0 none
     uint8_t StopBits = 0;  // 0 one stop bit
     std::atomic<uint32_t> BaudRate{9600};
+    // "Serial Limit Reached" has been logged since the last ResetSerialLimitLine.
+    std::atomic<bool> SerialLimitTold{false};
 };
 
 // The record; null before CommPortCreate and after CommPortDestroy.
@@ -79,8 +81,17 @@ void SendBytes(const void* bytes, int16_t length);
 
 // Reads into buffer (TokenBufferSize bytes) until the token has arrived, the
 // time limit on the whole read has passed, or 1023 bytes are held. NUL bytes
-// are dropped. Returns a pointer to the token in the buffer, or null.
+// are dropped. Returns a pointer to the token in the buffer, or null. A read
+// that gives up on 1023 bytes logs "Serial Limit Reached", once until
+// ResetSerialLimitLine: a stream that fills read after read says it once.
 char* ReadUntilToken(const char* token, int16_t timeoutMs, char* buffer);
+// As ReadUntilToken, but bytes that keep coming do not end the read: when
+// the buffer is full, its older half is dropped, and the read goes on until
+// the token or the time. For a reply that comes behind a stream of data.
+char* ReadUntilTokenInStream(const char* token, int16_t timeoutMs, char* buffer);
+// Lets "Serial Limit Reached" be logged again: at the start and the end of a
+// call, and when the port is opened.
+void ResetSerialLimitLine();
 // As ReadUntilToken with the token "\r\n".
 char* ReadLine(int16_t timeoutMs, char* buffer);
 // As ReadUntilToken with the token "OK\r\n".
@@ -89,6 +100,10 @@ char* ReadUntilOk(int16_t timeoutMs, char* buffer);
 // whenever more has arrived. At the limit it logs "Read Buffer Timeout" and
 // delivers what there is. Returns the number of bytes delivered.
 uint32_t ReadBlock(void* buffer, uint32_t count, int16_t timeoutMs);
+// Throws input away until the line has been quiet for the whole quiet time,
+// or, within, until longestMs have passed on NowMs's clock, however long the
+// input goes on. True if the line fell quiet.
+[[nodiscard]] bool DrainInputWithin(int16_t quietMs, uint32_t longestMs);
 // Throws input away until the line has been quiet for the whole quiet time.
 void DrainInput(int16_t quietMs);
 // Throws input away until one of the texts has come, however much else came
@@ -103,6 +118,9 @@ enum class PortQueue { Output, Input };
 uint32_t PortQueueCount(PortQueue queue);
 // Empties both queues; a write under way stops.
 void PurgePort();
+// Empties the output queue, and a write under way stops; what has come in
+// stays to be read.
+void PurgeOutput();
 // Switches to RTS/CTS. False after the message
 // "Cannot set hardware handshaking on comm port."
 [[nodiscard]] bool EnableHardwareHandshake();

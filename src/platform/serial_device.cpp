@@ -199,6 +199,15 @@ void SerialDevice::Purge() {
     count_ = 0;
 }
 
+void SerialDevice::PurgeOutput() {
+    purgeCount_.fetch_add(1);
+    SignalEvent(abortFd_);
+    const int fd = fd_.load();
+    if (fd >= 0) {
+        ::tcflush(fd, TCOFLUSH);
+    }
+}
+
 void SerialDevice::ClearDtr() {
     const int fd = fd_.load();
     if (fd >= 0) {

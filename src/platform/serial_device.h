@@ -53,6 +53,9 @@ public:
     // Throws away both queues, in the kernel and here, and stops a write that
     // is under way.
     void Purge();
+    // Throws away the output queue and stops a write that is under way; the
+    // input stays.
+    void PurgeOutput();
     // Drops the DTR line; ignored where the device has no modem lines.
     void ClearDtr();
 

@@ -13,6 +13,7 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <atomic>
 #include <memory>
 #include <string>
 #include <thread>
@@ -344,4 +345,183 @@ TEST(TwoComputersTest, AConnectionCutInTheMiddleOfAFileIsALostCallAndTheResendRe
               std::vector<std::string>{"Sending Recovered File: big.bin"});
     ExpectSameBytes(line.IncomingPath("big.bin"), big);
     EXPECT_FALSE(PathExists(line.IncomingPath("big.bin-A")));
+}
+
+namespace {
+
+// One call of the table below: a sender and a receiver, each in an
+// installation of its own on an adapter of the family given, the sender set
+// to call the receiver on one channel or two; and how the call ends. A
+// caller that streams bytes is played by the test on its adapter's port.
+struct CallCase {
+    const char* SenderFamily;
+    const char* ReceiverFamily;
+    bool TwoChannels;
+    enum Ending { SenderPresses, ReceiverPresses, ReceiverKilled, CallerStreams } End;
+    const char* File;  // a file that the line can hold whole, or one it cannot
+};
+
+struct CallEnds {
+    const CallCase& Case;
+    std::string CallerPort;
+    std::unique_ptr<Station> Sender;
+    std::unique_ptr<Station> Receiver;
+};
+
+// Two channels as the families bundle them: AIMUX, or a ZyXEL's 2B.
+bool SetTwoChannels(const CallEnds& call) {
+    const bool zyxel = std::string(call.Case.SenderFamily).rfind("zyxel", 0) == 0;
+    return call.Sender->Command(zyxel ? "2b on" : "protocol AIMUX") == "ok" &&
+           call.Receiver->Command(zyxel ? "in-2b on" : "in-protocol AIMUX") == "ok";
+}
+
+// Calls the receiver and sends it bytes, no token among them, until its
+// station hangs up; what the caller heard up to NO CARRIER.
+std::string StreamUntilHungUp(const CallEnds& call, const std::string& number) {
+    FarEnd caller(call.CallerPort);
+    if (!caller.Dial(number)) {
+        return "";
+    }
+    std::atomic<bool> streaming{true};
+    std::thread stream([&] {
+        const std::string bytes(1024, 'x');
+        while (streaming.load()) {
+            caller.Send(bytes);
+        }
+    });
+    const std::string heard = caller.ReceiveUntil("NO CARRIER", 30000);
+    streaming = false;
+    stream.join();
+    return heard;
+}
+
+}  // namespace
+
+// The ways a call must end, all at once on one virtual-ta. Disconnect is
+// pressed in the middle of a file by the sender, or by the receiver (whose
+// ABORT the sender answers by hanging up, while the file still pours in at
+// the receiver), on every family of adapter, on one channel and on two: the
+// call ends at both ends within a few seconds, no hang-up fails, and a
+// receiver says "Serial Limit Reached" at most once. Two receivers are killed
+// in the middle of a file and not started again, one while its sender still
+// has blocks to go and one when the line has taken the whole file: each
+// sender, which the line takes nothing more from and nothing comes to, says
+// so and ends the call by itself. A caller that streams bytes and never a
+// token is hung up while it streams. The second killed receiver's sender then
+// sends its file to the station that the streaming caller held.
+TEST(CallEndTest, EveryCallEndsAndNoneHoldsTheLine) {
+    const std::vector<CallCase> cases = {
+        {"bitsurfr", "bitsurfr", false, CallCase::SenderPresses, "big.bin"},
+        {"bitsurfr", "adtran-xrt", true, CallCase::ReceiverPresses, "big.bin"},
+        {"adtran-xr", "zyxel-2864", false, CallCase::SenderPresses, "big.bin"},
+        {"adtran-xrt", "bitsurfr", true, CallCase::ReceiverPresses, "big.bin"},
+        {"zyxel-2864", "3com", false, CallCase::SenderPresses, "big.bin"},
+        {"zyxel-omninet", "zyxel-ta128", true, CallCase::ReceiverPresses, "big.bin"},
+        {"3com", "adtran-xr", false, CallCase::SenderPresses, "big.bin"},
+        {"zyxel-ta128", "zyxel-2864", false, CallCase::ReceiverKilled, "big.bin"},
+        {"bitsurfr", "zyxel-2864", false, CallCase::ReceiverKilled, "small.bin"},
+        {"zyxel-2864", "bitsurfr", false, CallCase::CallerStreams, ""},
+    };
+    TempFolder root;
+    const auto number = [](size_t i, bool receiver) {
+        return std::string(receiver ? "555200" : "555100") + std::to_string(i);
+    };
+    std::vector<std::string> adapters;
+    for (size_t i = 0; i < cases.size(); ++i) {
+        for (const bool receiver : {false, true}) {
+            const std::string folder =
+                MakeInstallation(root, (receiver ? "r" : "s") + std::to_string(i));
+            adapters.push_back(
+                folder + "/COM1=" + (receiver ? cases[i].ReceiverFamily : cases[i].SenderFamily) +
+                ":" + number(i, receiver));
+        }
+    }
+    const std::string small = RandomBytes(36000, 42);
+    WriteWholeFile(root / "big.bin", RandomBytes(400000, 41));
+    WriteWholeFile(root / "small.bin", small);
+    VirtualAdapters line(adapters, {"--rate", "8000", "--trace", root / "trace"});
+    std::vector<CallEnds> calls;
+    for (size_t i = 0; i < cases.size(); ++i) {
+        const std::string sender = root / ("s" + std::to_string(i));
+        calls.push_back(
+            {cases[i], sender + "/COM1",
+             cases[i].End == CallCase::CallerStreams ? nullptr : std::make_unique<Station>(sender),
+             std::make_unique<Station>(root / ("r" + std::to_string(i)))});
+    }
+    for (size_t i = 0; i < calls.size(); ++i) {
+        const CallEnds& call = calls[i];
+        SCOPED_TRACE(i);
+        ASSERT_TRUE(call.Receiver->WaitForLog("Initializing Incoming"));
+        if (call.Sender == nullptr) {
+            continue;
+        }
+        ASSERT_TRUE(call.Sender->WaitForLog("Initializing Incoming"));
+        ASSERT_EQ(call.Sender->Command("name Far"), "ok");
+        ASSERT_EQ(call.Sender->Command("number " + number(i, true)), "ok");
+        ASSERT_TRUE(!call.Case.TwoChannels || SetTwoChannels(call));
+        ASSERT_EQ(call.Sender->Command("choose " + (root / call.Case.File)), "ok");
+        ASSERT_EQ(call.Sender->Command("send"), "ok");
+    }
+    std::vector<std::thread> endings;
+    for (size_t i = 0; i < calls.size(); ++i) {
+        const CallEnds& call = calls[i];
+        const CallCase::Ending end = call.Case.End;
+        if (end != CallCase::CallerStreams) {
+            ASSERT_EQ(call.Receiver->Command("wait-state transfer 30"), "ok");
+        }
+        endings.emplace_back([&call, end, i, called = number(i, true)] {
+            SCOPED_TRACE("row " + std::to_string(i) + ", " + call.Case.SenderFamily);
+            Station& receiver = *call.Receiver;
+            const auto fewSeconds = std::chrono::seconds(10);
+            if (end == CallCase::CallerStreams) {
+                const std::string heard = StreamUntilHungUp(call, called);
+                EXPECT_NE(heard.find("NO CARRIER"), std::string::npos);
+                EXPECT_TRUE(receiver.WaitForLog("Disconnected", fewSeconds)) << receiver.LogText();
+                EXPECT_EQ(receiver.Command("wait-state idle 30"), "ok");
+                EXPECT_EQ(receiver.Count("Serial Limit Reached"), 1) << receiver.LogText();
+                EXPECT_EQ(receiver.Count("Hang-up failed."), 0) << receiver.LogText();
+                return;
+            }
+            Station& sender = *call.Sender;
+            if (end == CallCase::ReceiverKilled) {
+                EXPECT_EQ(kill(receiver.Pid(), SIGKILL), 0);
+                EXPECT_TRUE(
+                    sender.WaitForLog("Remote end not responding.", std::chrono::seconds(30)))
+                    << sender.LogText();
+            } else {
+                Station& presser = end == CallCase::SenderPresses ? sender : receiver;
+                EXPECT_EQ(presser.Command("disconnect"), "ok");
+            }
+            EXPECT_TRUE(sender.WaitForLog("Disconnected", fewSeconds)) << sender.LogText();
+            EXPECT_EQ(sender.Command("wait-state idle 30"), "ok");
+            EXPECT_EQ(sender.Count("Hang-up failed."), 0) << sender.LogText();
+            if (end != CallCase::ReceiverKilled) {
+                EXPECT_TRUE(receiver.WaitForLog("Disconnected", fewSeconds)) << receiver.LogText();
+                EXPECT_EQ(receiver.Command("wait-state idle 30"), "ok");
+                EXPECT_LE(receiver.Count("Serial Limit Reached"), 1) << receiver.LogText();
+            }
+        });
+    }
+    for (std::thread& ending : endings) {
+        ending.join();
+    }
+    // The calls that were to have two channels had them.
+    const std::string traced = ReadWholeFile(root / "trace");
+    size_t twoChannelCalls = 0;
+    for (size_t at = traced.find(", 2 channels,"); at != std::string::npos;
+         at = traced.find(", 2 channels,", at + 1)) {
+        ++twoChannelCalls;
+    }
+    EXPECT_EQ(twoChannelCalls, 3u);
+
+    // A real call right after the streaming one is served: the file that the
+    // dead receiver never had.
+    Station& sender = *calls[8].Sender;
+    Station& held = *calls[9].Receiver;
+    ASSERT_EQ(sender.Command("number " + number(9, true)), "ok");
+    ASSERT_EQ(sender.Command("send"), "ok");
+    ASSERT_TRUE(sender.WaitForLog("All files sent.")) << sender.LogText();
+    ASSERT_TRUE(held.WaitForLog("All files received.")) << held.LogText();
+    ExpectSameBytes(root / "r9/Incoming Files/small.bin", small);
+    EXPECT_TRUE(held.WaitForLog("Disconnected"));
 }

@@ -8,6 +8,7 @@
 #include "line/adapter.h"
 #include "line/comm_port.h"
 #include "platform/clock.h"
+#include "platform/clock_test_hooks.h"
 #include "platform/files.h"
 #include "stores/preferences.h"
 
@@ -79,6 +80,13 @@ void EngineHarness::TearDown() {
     TheEngine.PickupSend = false;
     TheEngine.BlockIndex = 0;
     TheEngine.TransferStartTime = 0;
+    ShiftNowMsForTest(0);
+}
+
+void EngineHarness::JumpClock(uint32_t ms) {
+    clockJumped_ += ms;
+    ShiftNowMsForTest(clockJumped_);
+    InterruptPortWait();
 }
 
 std::string EngineHarness::AnswerCommand(int timeoutMs) {
@@ -100,8 +108,12 @@ bool EngineHarness::AnswerProfile(int timeoutMs) {
     return !rest.empty() && rest.back() == '\r';
 }
 
-void EngineHarness::AnswerHangUp() {
-    EXPECT_EQ(TakeUntil("+++", 5000), "+++");
+void EngineHarness::AnswerHangUp(bool behindData) {
+    if (behindData) {
+        EXPECT_TRUE(Comes("+++"));
+    } else {
+        EXPECT_EQ(TakeUntil("+++", 5000), "+++");
+    }
     far_.Send("\r\nOK\r\n");
     EXPECT_EQ(AnswerCommand(), "ATH");
     EXPECT_TRUE(AnswerProfile());

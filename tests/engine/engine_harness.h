@@ -55,8 +55,9 @@ protected:
     // behind whatever data was still on its way; answered OK.
     bool AnswerProfile(int timeoutMs = 6000);
     // The hang-up of a sender: "+++" then "ATH", both answered, and the
-    // incoming profile that follows.
-    void AnswerHangUp();
+    // incoming profile that follows; "+++" alone or behind data still on its
+    // way.
+    void AnswerHangUp(bool behindData = false);
 
     // ---- The engine ----
     static bool WaitForState(LinkState state, int timeoutMs = 5000) {
@@ -91,6 +92,9 @@ protected:
     // does; returns its path.
     std::string ChooseFile(const std::string& name, const std::string& bytes);
     static std::string Incoming(const std::string& name) { return IncomingPath + "/" + name; }
+    // Moves the engine's millisecond clock on at once, for the limits on
+    // silence; back when the test ends.
+    void JumpClock(uint32_t ms);
 
     TempFolder root_;
     FarEnd far_;
@@ -98,4 +102,5 @@ protected:
 private:
     ThreadHandle commThread_;
     CapturedOutput output_;
+    uint32_t clockJumped_ = 0;
 };

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <string>
@@ -220,6 +221,84 @@ TEST_F(ReceiverTeardownTest, FiveSecondsWithoutABlockAbortTheTransferAndTenOfSil
     EXPECT_EQ(AnswerCommand(1000), "AT");
     EXPECT_TRUE(AnswerProfile());
     EXPECT_TRUE(WaitForState(LinkIdle));
+}
+
+// A caller that passed a list and then streams bytes that are no blocks:
+// the section fails, its rest never stops coming, and no SENDRECOVR comes.
+// Once the limit on silence has passed, the receiver aborts and hangs up at
+// once, and finds the escape's OK behind the stream still arriving.
+TEST_F(ReceiverTeardownTest, AStreamThatBringsNoTokenAfterAFailedSectionIsHungUp) {
+    OfferAsCaller({{"s.bin", RandomBytes(SectionFileBytes + 100, 3)}});
+    std::atomic<bool> streaming{true};
+    std::thread stream([&] {
+        const std::string noise = LetterBytes(4096);
+        while (streaming.load()) {
+            Send(noise);
+        }
+    });
+    EXPECT_TRUE(Comes("FILERECOVR\r\n"));
+    JumpClock(10001);
+    // The ABORT and the "AT" in front of the escape may go with the output
+    // thrown away before it.
+    EXPECT_TRUE(Comes("+++"));
+    Send("\r\nOK\r\n");
+    streaming = false;
+    stream.join();
+    EXPECT_EQ(AnswerCommand(), "ATH");
+    EXPECT_TRUE(AnswerProfile());
+    EXPECT_TRUE(WaitForState(LinkIdle));
+    EXPECT_TRUE(Logged("Sending disconnect..."));
+    EXPECT_EQ(Count("Serial Limit Reached"), 1);
+}
+
+// A receiver that neither speaks nor takes data for as long as it would wait
+// itself is gone: the sender says so and ends the call, not before.
+TEST_F(SenderTeardownTest, AFarEndSilentForTheReceiversLimitsIsLetGo) {
+    struct Case {
+        const char* What;
+        std::function<void()> Bring;
+        uint32_t LimitMs;
+        std::function<void()> End;  // the adapter's part in the hang-up
+    };
+    const std::vector<Case> cases = {
+        {"no answer to the list",
+         [this] {
+             ChooseFile("a.txt", LetterBytes(3000));
+             ConnectAndTakeList(1);
+         },
+         10000,
+         // "AT" answered: the adapter is in command mode, the line has gone.
+         [this] {
+             EXPECT_EQ(AnswerCommand(), "AT");
+             EXPECT_TRUE(AnswerProfile());
+         }},
+        {"the line takes no more of the file",
+         [this] {
+             ChooseFile("b.bin", LetterBytes(4 * SectionFileBytes));
+             ConnectAndTakeList(1);
+             Send("ACK3\r\n");
+             ASSERT_TRUE(WaitForState(LinkTransfer));
+         },
+         5000, [this] { AnswerHangUp(true); }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.What);
+        c.Bring();
+        const long before = Count("Remote end not responding.");
+        const auto said = [&] { return Count("Remote end not responding.") > before; };
+        JumpClock(c.LimitMs - 2000);
+        EXPECT_FALSE(WaitUntil(said, 1000));
+        JumpClock(2001);
+        ASSERT_TRUE(WaitUntil(said, 3000));
+        c.End();
+        ASSERT_TRUE(WaitForState(LinkIdle));
+        const std::vector<std::string> log = Log();
+        const auto line = std::find(log.rbegin(), log.rend(), "Remote end not responding.");
+        ASSERT_NE(line, log.rend());
+        EXPECT_EQ(*(line - 1), "Disconnected");
+        TheEngine.SendCount = 0;
+        TheEngine.SendRemaining = 0;
+    }
 }
 
 TEST_F(SenderTeardownTest, AFileThatCannotBeReadEndsTheCall) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <poll.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <thread>
@@ -107,6 +108,43 @@ TEST_F(VirtualTaDataMode, AnEscapeNeedsSilenceAroundItAndHoldsTheFarEndsDataUnti
     EXPECT_EQ(alice_->Command("ATH"), "ATH\r\r\nOK\r\n");
     // Bob gets all of Alice's data, no "+", and NO CARRIER behind it.
     EXPECT_EQ(bob_->ReceiveUntil("NO CARRIER\r\n", 2000), data + "\r\nNO CARRIER\r\n");
+}
+
+// A program's purge throws away what waits in its port, as a port's driver
+// throws away what it has not sent; the adapter hears of it. An escape after
+// the pause then reaches the adapter although the far end takes nothing and
+// the line is full, as it reaches one that holds its port back by hardware
+// handshake.
+TEST_F(VirtualTaDataMode, APurgeEmptiesThePortAndAnEscapeReachesTheAdapterOnAFullLine) {
+    Connect({"--rate", "0"});
+    const std::string bytes = RandomBytes(1 << 20, 5);
+    size_t written = 0;
+    for (;;) {
+        const ssize_t n =
+            ::write(alice_->Descriptor(), bytes.data() + written, bytes.size() - written);
+        if (n > 0) {
+            written += static_cast<size_t>(n);
+            continue;
+        }
+        pollfd entry{alice_->Descriptor(), POLLOUT, 0};
+        if (::poll(&entry, 1, 300) == 0) {
+            break;  // Bob reads nothing, and Alice is held back
+        }
+    }
+    ASSERT_LT(written, bytes.size());
+    ASSERT_EQ(::tcflush(alice_->Descriptor(), TCOFLUSH), 0);
+    ::usleep(650000);
+    alice_->Send("+++");
+    EXPECT_EQ(alice_->ReceiveUntil("OK\r\n", 2250), "\r\nOK\r\n");
+    EXPECT_EQ(alice_->Command("ATH"), "ATH\r\r\nOK\r\n");
+    // Bob gets what the adapter had taken before the purge, and NO CARRIER.
+    const std::string end = "\r\nNO CARRIER\r\n";
+    const std::string atBob = bob_->ReceiveUntil(end, 5000);
+    ASSERT_GE(atBob.size(), end.size());
+    const size_t carried = atBob.size() - end.size();
+    EXPECT_EQ(atBob.substr(carried), end);
+    EXPECT_LT(carried, written);
+    EXPECT_TRUE(atBob.compare(0, carried, bytes, 0, carried) == 0);
 }
 
 TEST_F(VirtualTaDataMode, FaultsActAtTheirOffsetsOnceAndInOrder) {

@@ -28,7 +28,7 @@ uint64_t CleanRun(FaultSetting& noise) {
 }  // namespace
 
 DataPath::DataPath(size_t capacity, uint64_t bytesPerSecond, uint64_t nowNs)
-    : data_(capacity), capacity_(capacity) {
+    : data_(capacity + HeadroomBytes), capacity_(capacity + HeadroomBytes), limit_(capacity) {
     bucket_.Start(bytesPerSecond, nowNs);
     // An adapter hands the data of its B channels to the port frame by frame,
     // not byte by byte: at least a frame of 256 bytes (V.120's information
@@ -36,9 +36,10 @@ DataPath::DataPath(size_t capacity, uint64_t bytesPerSecond, uint64_t nowNs)
     chunk_ = std::max<uint64_t>(FrameBytes, bytesPerSecond / 200);
 }
 
-uint8_t* DataPath::WriteArea(size_t& length) {
+uint8_t* DataPath::WriteArea(size_t& length, bool watched) {
     const size_t at = static_cast<size_t>(tail_ % capacity_);
-    length = std::min(Free(), capacity_ - at);
+    const size_t room = Free() == 0 && watched ? capacity_ - Used() : Free();
+    length = std::min(room, capacity_ - at);
     return data_.data() + at;
 }
 

@@ -25,10 +25,15 @@ public:
     // Faults of the sending adapter that act in this call.
     void Arm(FaultSetting* fault) { faults_.push_back(fault); }
 
-    // Taking bytes in from the near port.
-    size_t Free() const { return capacity_ - static_cast<size_t>(tail_ - head_); }
-    // The contiguous free space at the tail.
-    uint8_t* WriteArea(size_t& length);
+    // Taking bytes in from the near port. Free is the line's own room; a
+    // port that the adapter has been watching while it was quiet may bring a
+    // few bytes more, the headroom that a real adapter keeps when it holds
+    // its port back, so that an escape still reaches it on a full line.
+    size_t Free() const { return Used() < limit_ ? limit_ - Used() : 0; }
+    bool HasHeadroom() const { return Used() < capacity_; }
+    // The contiguous free space at the tail; with the line's own room gone,
+    // the headroom, if the port has been watched.
+    uint8_t* WriteArea(size_t& length, bool watched = false);
     void Commit(size_t count) { tail_ += count; }
     uint64_t Tail() const { return tail_; }
     // Holds back the bytes from position on, until Unhold.
@@ -73,8 +78,11 @@ private:
     void AddNoise(FaultSetting& noise, uint64_t count);
     void AppendRange(uint64_t from, uint64_t to, std::string& into) const;
 
+    size_t Used() const { return static_cast<size_t>(tail_ - head_); }
+
     std::vector<uint8_t> data_;
-    size_t capacity_;
+    size_t capacity_;  // the line's room and the headroom
+    size_t limit_;     // the line's room
     uint64_t head_ = 0;
     uint64_t released_ = 0;
     uint64_t tail_ = 0;
@@ -83,6 +91,8 @@ private:
     uint64_t holdFrom_ = 0;
     TokenBucket bucket_;
     static constexpr uint64_t FrameBytes = 256;
+    // As many as an escape has characters.
+    static constexpr size_t HeadroomBytes = 3;
     uint64_t chunk_;  // bytes worth waking up for: a frame, or 5 ms of line
     std::vector<FaultSetting*> faults_;
 };

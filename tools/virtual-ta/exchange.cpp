@@ -50,6 +50,11 @@ bool Exchange::Open(std::string& error) {
             error = "cannot make a pseudo-terminal for '" + given.Path + "'";
             return false;
         }
+        if (!HearPurges(adapter->Pty.Master)) {
+            error = "cannot watch the pseudo-terminal for '" + given.Path + "'";
+            ClosePseudoTerminal(adapter->Pty);
+            return false;
+        }
         if (!MakeLink(given.Path, adapter->Pty.SlavePath, error)) {
             ClosePseudoTerminal(adapter->Pty);
             return false;
@@ -194,6 +199,9 @@ void Exchange::CollectPoll(std::vector<pollfd>& entries, uint64_t now) {
             a.Blind = true;
             a.BlindSince = now;
         }
+        if (a.Mode == AdapterMode::Data) {
+            entry.events |= POLLPRI;  // a purge is heard also while the line is full
+        }
         if (HasOutput(a)) {
             entry.events |= POLLOUT;
         }
@@ -213,6 +221,13 @@ void Exchange::HandlePoll(const pollfd* entries, uint64_t now) {
             PortClosed(a, now);
             Sweep();
             continue;
+        }
+        if ((events & POLLPRI) != 0 && a.Mode == AdapterMode::Data) {
+            bool purged = false;
+            ReadPort(a.Pty.Master, nullptr, 0, &purged);
+            if (purged) {
+                PortPurged(a, now);
+            }
         }
         if ((events & (POLLIN | POLLERR | POLLHUP)) != 0 && WantsRead(a)) {
             if (a.Mode == AdapterMode::Data) {
@@ -235,7 +250,8 @@ bool Exchange::WantsRead(const Adapter& adapter) const {
     if (adapter.Mode != AdapterMode::Data) {
         return true;
     }
-    return adapter.InCall->From(adapter).Free() > 0;
+    const DataPath& path = adapter.InCall->From(adapter);
+    return path.Free() > 0 || (adapter.KnownEmpty && path.HasHeadroom());
 }
 
 bool Exchange::HasOutput(Adapter& adapter) const {

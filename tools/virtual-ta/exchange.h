@@ -124,6 +124,8 @@ private:
     void EndCall(Call& call, EndReason reason, Adapter* by);
     void Pump(Call& call, uint64_t now);
     void CheckEscape(Call& call, Adapter& end, uint64_t now);
+    // The program purged its port's output during a call.
+    void PortPurged(Adapter& adapter, uint64_t now);
     void EnterOnlineCommand(Call& call, Adapter& end);
     // DTR during a call: the port's speed looked at now and then, and the
     // program's closing the port.

@@ -19,8 +19,10 @@ uint64_t GuardNs(const Adapter& adapter) {
 size_t Exchange::ReadData(Adapter& adapter, uint64_t now) {
     Call& call = *adapter.InCall;
     DataPath& path = call.From(adapter);
+    // A port watched while it was quiet may still bring the headroom's few
+    // bytes when the line has no room left.
     size_t room = 0;
-    uint8_t* area = path.WriteArea(room);
+    uint8_t* area = path.WriteArea(room, adapter.KnownEmpty);
     if (room == 0) {
         return 0;
     }
@@ -31,7 +33,12 @@ size_t Exchange::ReadData(Adapter& adapter, uint64_t now) {
         std::memcpy(area, adapter.Pushback.data(), count);
         adapter.Pushback.erase(0, count);
     } else {
-        count = ReadPort(adapter.Pty.Master, area, room);
+        bool purged = false;
+        count = ReadPort(adapter.Pty.Master, area, room, &purged);
+        if (purged) {
+            PortPurged(adapter, now);
+            return 0;
+        }
     }
     if (count == 0) {
         // Nothing came: the port is quiet, and has been since the last bytes
@@ -77,6 +84,16 @@ size_t Exchange::ReadData(Adapter& adapter, uint64_t now) {
     adapter.Blind = false;
     Pump(call, now);
     return count;
+}
+
+void Exchange::PortPurged(Adapter& adapter, uint64_t now) {
+    // The program threw away what it had written and the adapter had not yet
+    // taken, as a port's driver does at a purge; the port is quiet from now.
+    DiscardPortInput(adapter.Pty.Master);
+    adapter.KnownEmpty = true;
+    adapter.EmptySince = now;
+    adapter.Blind = false;
+    TraceLine(adapter.Who, "port purged");
 }
 
 void Exchange::CheckEscape(Call& call, Adapter& end, uint64_t now) {

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -63,17 +64,36 @@ void RemoveLink(const std::string& path, const std::string& target) {
     }
 }
 
-size_t ReadPort(int fd, void* buffer, size_t count) {
+bool HearPurges(int fd) {
+    int on = 1;
+    return ::ioctl(fd, TIOCPKT, &on) == 0;
+}
+
+size_t ReadPort(int fd, void* buffer, size_t count, bool* purged) {
     for (;;) {
-        const ssize_t n = ::read(fd, buffer, count);
-        if (n > 0) {
-            return static_cast<size_t>(n);
-        }
+        // In packet mode each read starts with a byte of its own: 0 in front
+        // of data, or alone, the news of the program's flushes.
+        uint8_t status = 0;
+        iovec parts[2] = {{&status, 1}, {buffer, count}};
+        const ssize_t n = ::readv(fd, parts, 2);
         if (n < 0 && errno == EINTR) {
             continue;
         }
-        return 0;
+        if (n <= 0) {
+            return 0;
+        }
+        if (status == TIOCPKT_DATA) {
+            return static_cast<size_t>(n - 1);
+        }
+        if ((status & TIOCPKT_FLUSHWRITE) != 0 && purged != nullptr) {
+            *purged = true;
+            return 0;
+        }
     }
+}
+
+void DiscardPortInput(int fd) {
+    ::tcflush(fd, TCIFLUSH);
 }
 
 size_t WritePort(int fd, const void* bytes, size_t count, bool& blocked) {

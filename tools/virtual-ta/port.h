@@ -87,8 +87,17 @@ bool DtrIsDown(const Adapter& adapter);
 void LetGoOfPort(Adapter& adapter);
 void HoldPort(Adapter& adapter, bool emptied);
 
+// The port is read in packet mode, so that the tool hears when the program
+// purges its output: a real port's driver then throws away what it had not
+// yet sent, and the pseudo-terminal keeps it unless the tool does so. False
+// if the mode cannot be set.
+bool HearPurges(int fd);
 // Reads what the port has, up to count bytes: the count, 0 if nothing waits.
-size_t ReadPort(int fd, void* buffer, size_t count);
+// With purged given, a read stops at the program's purge of its output and
+// says so (the count is then 0); without it, the purge is passed over.
+size_t ReadPort(int fd, void* buffer, size_t count, bool* purged = nullptr);
+// Throws away what the program wrote that the tool has not read yet.
+void DiscardPortInput(int fd);
 // Writes as much as the port takes: the count written; blocked tells that the
 // port took less than all.
 size_t WritePort(int fd, const void* bytes, size_t count, bool& blocked);
