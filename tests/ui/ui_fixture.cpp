@@ -72,6 +72,11 @@ void ModalAnswerer::Answer() {
             answers_.pop_front();
         }
         if (answer) {
+            // A dialog takes a chosen file into its name field only while
+            // the field has no focus; once shown, it may have taken it.
+            if (QWidget* focused = dialog->focusWidget()) {
+                focused->clearFocus();
+            }
             dialog->selectFile(QString::fromStdString(*answer));
             // The dialog takes the file as its own OK would.
             static_cast<QDialog*>(dialog)->accept();
