@@ -89,6 +89,9 @@ void SetUpSandbox() {
     for (const auto& item : fs::recursive_directory_iterator(Base)) {
         Known.insert(item.path().string());
     }
+    // The installation's record of a file kept for a resume, which the
+    // receiving side writes beside the stores.
+    Known.insert(ResumeRecordPath());
 }
 
 std::string PlaceSourceFile(const std::string& name, const std::string& bytes) {

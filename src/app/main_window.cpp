@@ -369,7 +369,8 @@ void MainWindow::PrepareExit() {
     // engine thread has ended before this returns, also during a transfer.
     StopEngineThreads();
     if (engineStarted_) {
-        // Files that can no longer be finished or resumed do not stay behind.
+        // Files that can no longer be finished do not stay behind; the one
+        // kept for a resume stays, and the next start takes it up.
         DiscardUnfinishedFiles();
     }
     if (AdapterFound.load() != 0) {

@@ -8,6 +8,7 @@
 #include "engine/display.h"
 #include "engine/pipelines.h"
 #include "engine/recovery.h"
+#include "engine/resume_record.h"
 #include "engine/sessions.h"
 #include "engine/teardown.h"
 #include "engine/token_lines.h"
@@ -100,7 +101,7 @@ void FileFinished() {
     display.ShowBatchEstimate(TheEngine.ReceiveRemaining.load());
     display.ShowThroughput(false, false);
     // A finished list leaves nothing to resume.
-    TheEngine.SavedEntry.WireName.Clear();
+    ForgetResumeCandidate();
 }
 
 }  // namespace

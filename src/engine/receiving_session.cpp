@@ -17,6 +17,7 @@
 #include "engine/pickup.h"
 #include "engine/receiving_session_test_hooks.h"
 #include "engine/recovery.h"
+#include "engine/resume_record.h"
 #include "engine/session_threads.h"
 #include "engine/sessions.h"
 #include "engine/teardown.h"
@@ -32,8 +33,6 @@
 
 namespace {
 
-// What a received file carries behind its name until it is complete.
-constexpr std::string_view PartMarker = ".part";
 constexpr int16_t TokenLineLimitMs = 500;
 constexpr int16_t HeaderLimitMs = 500;
 constexpr int16_t ListLimitMs = 1000;
@@ -526,7 +525,7 @@ void EndRecoveryCandidacy() {
     if (SavedPartialIntact()) {
         DeleteFileAt(std::string(saved.FilePath.View()));
     }
-    saved.WireName.Clear();
+    ForgetResumeCandidate();
 }
 
 void OnReceiverInput() {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "engine/display.h"
+#include "engine/resume_record.h"
 #include "engine/teardown.h"
 #include "engine/token_lines.h"
 #include "engine/transfer_engine.h"
@@ -29,6 +30,7 @@ void SnapshotSection() {
         TokenFileRecovr,
         MakeRecoveryBody(TheEngine.ExpectedBlock.load(), TheEngine.ReceiveRemaining.load(), entry));
     TheEngine.SavedEntry = entry;
+    SaveResumeCandidate();
 }
 
 void RequestSectionResend() {

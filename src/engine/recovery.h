@@ -7,7 +7,8 @@
 #include "engine/wire.h"
 
 // Copies ReceiveList[0] to SavedEntry and writes RecoveryRecord for the same
-// moment; the two never speak of different files.
+// moment; the two never speak of different files. The record on the disk
+// follows, so that the position outlives the program.
 void SnapshotSection();
 // Receiving side: asks for the failed section again.
 void RequestSectionResend();

@@ -49,6 +49,9 @@ enum AdmitResult : int16_t {
 // become "_".
 std::string SafeReceivedName(std::string_view announced);
 
+// What a received file carries behind its name until it is complete.
+inline constexpr std::string_view PartMarker = ".part";
+
 // A received file is under its own name only once it is complete. Until then
 // its bytes go to a part beside it, "NAME.part" (or "NAME.A.part" and so on,
 // where that is taken), made when the file's data becomes due, so that files

@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "engine/display.h"
+#include "engine/resume_record.h"
 #include "engine/session_threads.h"
 #include "engine/sessions.h"
 #include "engine/token_lines.h"
@@ -268,7 +269,7 @@ void DeleteUnfinishedReceives() {
         DeleteFileAt(std::string(entry.FilePath.View()));
         if (!TheEngine.SavedEntry.WireName.IsEmpty() &&
             TheEngine.SavedEntry.FilePath.View() == entry.FilePath.View()) {
-            TheEngine.SavedEntry.WireName.Clear();
+            ForgetResumeCandidate();
         }
     }
     TheEngine.ReceiveCount = 0;
@@ -297,5 +298,4 @@ void DiscardUnfinishedFiles() {
     if (TheEngine.ReceiveList != nullptr) {
         DeleteUnfinishedReceives();
     }
-    EndRecoveryCandidacy();
 }

@@ -47,6 +47,7 @@ void EndOfCallCleanup();
 // kept for a resume, and empties the list.
 void DeleteUnfinishedReceives();
 void ImportReceivedEntries();
-// At the program's exit: the files of a receive still under way and a file
-// kept for a resume are deleted, since they can no longer be finished.
+// At the program's exit: the files of a receive still under way are deleted,
+// all but the one kept for a resume, which the record keeps for the next
+// start to take up.
 void DiscardUnfinishedFiles();

@@ -9,6 +9,7 @@
 #include "engine/dialing.h"
 #include "engine/pipelines.h"
 #include "engine/recovery.h"
+#include "engine/resume_record.h"
 #include "engine/session_threads.h"
 #include "engine/sessions.h"
 #include "engine/teardown.h"
@@ -226,13 +227,13 @@ void EngineStartup() {
         TheEngine.StagedSection = new uint8_t[SectionWireBytes]();
     }
     TheEngine.OutHeader = MakeSessionHeader(0, 0);
-    TheEngine.SavedEntry = FileEntry{};
     TheEngine.RecoveryRecord = MakeRecoveryMessage(TokenFileRecovr, RecoveryBody{});
+    LoadResumeCandidate();
 }
 
 void EngineShutdown() {
-    // A file that was still on its way, and one kept for a resume, can no
-    // longer be finished once the program has gone.
+    // A file that was still on its way can no longer be finished once the
+    // program has gone; the one kept for a resume stays for the next start.
     DiscardUnfinishedFiles();
     delete[] TheEngine.WireList;
     delete[] TheEngine.SendList;

@@ -78,7 +78,8 @@ struct TransferEngine {
     // in front of the body at rest. It outlives the call.
     RecoveryMessage RecoveryRecord;
     // Copy of ReceiveList[0] at each section start; an empty WireName means
-    // there is nothing to recover. It outlives the call.
+    // there is nothing to recover. It outlives the call, and with the resume
+    // record (engine/resume_record.h) the program too.
     FileEntry SavedEntry;
     // Where this session's files go: IncomingPath, or a folder made for it.
     FixedText<512> ReceiveFolder;
@@ -96,8 +97,9 @@ struct TransferEngine {
 // The process's one engine record.
 extern TransferEngine TheEngine;
 
-// Allocates the buffers, fills OutHeader's magic and empties SavedEntry.
-// Called on the main thread before the communications thread starts.
+// Allocates the buffers, fills OutHeader's magic, and takes up the candidate
+// for a resume that an earlier run left on the disk, or none. Called on the
+// main thread before the communications thread starts.
 void EngineStartup();
 // Frees the buffers, after every engine thread has stopped.
 void EngineShutdown();

@@ -29,6 +29,10 @@ const std::string& IncomingPath = IncomingPathValue;
 const std::string& PickUpPath = PickUpPathValue;
 const std::string& HelpPath = HelpPathValue;
 
+std::string ResumeRecordPath() {
+    return Below(RootDirectoryValue, ResumeFileName);
+}
+
 void BuildPaths(const std::string& root) {
     RootDirectoryValue = root;
     PrefsPathValue = Below(root, PrefsFileName);

@@ -12,6 +12,7 @@
 inline constexpr const char* PrefsFileName = "kestrelbound_prefs";
 inline constexpr const char* DirectoryFileName = "kestrelbound_directory";
 inline constexpr const char* LogFileName = "kestrelbound_log";
+inline constexpr const char* ResumeFileName = "kestrelbound_resume";
 inline constexpr const char* IncomingFolderName = "Incoming Files";
 inline constexpr const char* PickUpFolderName = "Pick Up";
 inline constexpr const char* HelpPageName = "Kestrelbound_Manual/Start_Here.html";
@@ -30,6 +31,8 @@ extern const std::string& IncomingPath;
 extern const std::string& PickUpPath;
 // The start page of the manual.
 extern const std::string& HelpPath;
+// The record of a received file that a cut-off call left for a resume.
+std::string ResumeRecordPath();
 
 // Builds every path from the installation's folder. An empty root, which is
 // what is left when the current folder cannot be found, puts the paths at the

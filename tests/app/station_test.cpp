@@ -104,7 +104,7 @@ TEST(StationTest, WithoutAnAdapterItRefusesToSendAndOnlySigtermEndsIt) {
     EXPECT_EQ(stored.back().rfind("Stopping Kestrelbound ", 0), 0u);
 }
 
-TEST(StationTest, StationsThatLeaveDuringATransferStopCleanlyAndLeaveNoPartialFile) {
+TEST(StationTest, StationsThatLeaveDuringATransferStopCleanlyAndKeepThePartForAResume) {
     TempFolder root;
     const std::string sender = MakeInstallation(root, "sender");
     const std::string receiver = MakeInstallation(root, "receiver");
@@ -128,10 +128,10 @@ TEST(StationTest, StationsThatLeaveDuringATransferStopCleanlyAndLeaveNoPartialFi
     EXPECT_FALSE(PathExists(receiver + "/Incoming Files/big.bin"));
 
     // The receiver leaves in the middle of the file: its threads stop, and
-    // the file that can never be finished does not stay.
+    // the file stays under its marker for the next start to take up.
     EXPECT_EQ(Command(b, "quit"), "ok");
     EXPECT_EQ(b.WaitForExit(30s), 0);
-    EXPECT_FALSE(PathExists(receiver + "/Incoming Files/big.bin.part"));
+    EXPECT_TRUE(PathExists(receiver + "/Incoming Files/big.bin.part"));
     EXPECT_FALSE(PathExists(receiver + "/Incoming Files/big.bin"));
     const std::vector<std::string> stored = StoredLines(receiver + "/kestrelbound_log");
     ASSERT_FALSE(stored.empty());

@@ -27,15 +27,13 @@ uintmax_t SizeOnDisk(const std::string& path) {
     return absent ? 0 : size;
 }
 
-// The file that Bob's last "Receiving File: " or "Recovering File: " line
-// names, as it stands in his "Incoming Files".
-std::string LastReceived(AliceAndBob& line) {
-    const std::vector<std::string> lines =
-        LinesHolding(line.Bob->LogLines(), {"Receiving File: ", "Recovering File: "});
-    if (lines.empty()) {
-        return "";
-    }
-    return line.Received(lines.back().substr(lines.back().find(": ") + 2));
+// Whether the resume record has been written since the part last grew, so
+// that what the part holds is in the record too.
+bool RecordedSince(const std::string& record, const std::string& part) {
+    std::error_code absent;
+    const auto recorded = std::filesystem::last_write_time(record, absent);
+    const auto grown = std::filesystem::last_write_time(part, absent);
+    return !absent && recorded >= grown;
 }
 
 using RingGivenUp = PeerAndStation;
@@ -47,9 +45,12 @@ using RingGivenUp = PeerAndStation;
 // told otherwise, and Bob's at 115200. A killed station leaves its adapter
 // so, and in the call, since the profiles have it ignore DTR. Started again,
 // it finds the adapter and hangs that call up; the station that survived
-// hears NO CARRIER and ends its call; and the file sent again arrives whole,
-// from its start or from where it stopped.
-TEST(KilledStation, RestartedItHangsUpTheCallItsAdapterHeldAndTheResendArrivesWhole) {
+// hears NO CARRIER and ends its call. Sent again, the file is taken up where
+// it stopped, also by a receiver that was killed and started again: only the
+// rest of it crosses the line. Meanwhile nothing on the receiver's disk looks
+// whole that is not: the file under its marker, nothing of the file that had
+// not begun, the empty file that came whole with the list.
+TEST(KilledStation, RestartedItHangsUpTheCallItsAdapterHeldAndTheResendGoesOnWhereItStopped) {
     if (::geteuid() != 0) {
         // A killed station leaves its pseudo-terminal in exclusive mode, which
         // a real port drops at its last close; only a privileged process opens
@@ -71,20 +72,38 @@ TEST(KilledStation, RestartedItHangsUpTheCallItsAdapterHeldAndTheResendArrivesWh
     for (const Case c : {Case{"the receiver killed", true}, Case{"the sender killed", false}}) {
         SCOPED_TRACE(c.What);
         const std::string name = c.KillReceiver ? "first.bin" : "second.bin";
-        const std::string bytes = RandomBytes(4 * SectionData, c.KillReceiver ? 41 : 42);
-        line.Choose({{name, bytes}});
+        const std::string part = line.IncomingPath(name + ".part");
+        std::vector<peer::File> files = {
+            {name, RandomBytes(4 * SectionData, c.KillReceiver ? 41 : 42)}};
+        if (c.KillReceiver) {
+            files.push_back({"note.txt", RandomBytes(500, 43)});
+            files.push_back({"empty.dat", ""});
+        }
+        line.Choose(files);
         ASSERT_EQ(line.Alice->Command("send"), "ok");
-        // A whole section on Bob's disk, and three more to come.
-        for (int wait = 0; wait < 3000 && SizeOnDisk(line.IncomingPath(name + ".part")) < SectionData;
-             ++wait) {
+        // A whole section on Bob's disk and in his record, and three more to
+        // come.
+        const auto sectionKept = [&] {
+            return SizeOnDisk(part) >= SectionData &&
+                   RecordedSince(line.BobPath + "/kestrelbound_resume", part);
+        };
+        for (int wait = 0; wait < 3000 && !sectionKept(); ++wait) {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
-        ASSERT_GE(SizeOnDisk(line.IncomingPath(name + ".part")), SectionData);
+        ASSERT_TRUE(sectionKept());
 
         std::unique_ptr<Station>& killed = c.KillReceiver ? line.Bob : line.Alice;
         std::unique_ptr<Station>& survivor = c.KillReceiver ? line.Alice : line.Bob;
         const std::string folder = c.KillReceiver ? line.BobPath : line.AlicePath;
         ASSERT_EQ(killed->Stop(SIGKILL), 128 + SIGKILL);
+        ASSERT_TRUE(PathExists(part));
+        EXPECT_LT(SizeOnDisk(part), 4 * SectionData);
+        EXPECT_FALSE(PathExists(line.IncomingPath(name)));
+        if (c.KillReceiver) {
+            EXPECT_FALSE(PathExists(line.IncomingPath("note.txt")));
+            EXPECT_FALSE(PathExists(line.IncomingPath("note.txt.part")));
+            EXPECT_TRUE(PathExists(line.IncomingPath("empty.dat")));
+        }
         killed = WaitingStation(folder);
         // Whichever end comes first hangs up: the restarted station, or the
         // survivor at a limit of its own (a receiver's after five seconds of
@@ -96,13 +115,20 @@ TEST(KilledStation, RestartedItHangsUpTheCallItsAdapterHeldAndTheResendArrivesWh
         ASSERT_TRUE(survivor->WaitForLog("Reinitializing Incoming")) << survivor->LogText();
         ASSERT_EQ(line.Alice->Command("wait-state idle 30"), "ok");
         ASSERT_EQ(line.Bob->Command("wait-state idle 30"), "ok");
+        // The resume starts where the part now stops: past a whole section.
+        EXPECT_GE(SizeOnDisk(part), SectionData);
 
         setUp();
         if (!c.KillReceiver) {
-            line.Choose({{name, bytes}});
+            line.Choose(files);
         }
         ASSERT_NO_FATAL_FAILURE(line.SendThrough());
-        EXPECT_TRUE(LastReceived(line) == bytes) << line.Bob->LogText();
+        EXPECT_EQ(line.Bob->Count("Recovering File: " + name), 1) << line.Bob->LogText();
+        EXPECT_EQ(line.Alice->Count("Sending Recovered File: " + name), 1);
+        for (const peer::File& file : files) {
+            EXPECT_TRUE(line.Received(file.Name) == file.Bytes) << file.Name;
+        }
+        EXPECT_FALSE(PathExists(part));
     }
 }
 

@@ -178,28 +178,6 @@ TEST(FaultyLineTest, ACallCutOffAnywhereLeavesWholeFilesOrAResumableOneAndTheRes
     }
 }
 
-// Bob's station is killed in the middle of the first file of a list. What
-// stands on his disk is that file's part under its marker and the empty file
-// that came whole with the list; nothing of the file that had not begun, and
-// nothing that looks whole and is not.
-TEST(FaultyLineTest, AReceiverKilledInTheMiddleOfAFileLeavesNothingThatLooksWhole) {
-    FaultyLine line({}, "8000");
-    line.Choose({{"big.bin", RandomBytes(40000, 18)},
-                 {"note.txt", RandomBytes(500, 19)},
-                 {"empty.dat", ""}});
-    ASSERT_EQ(line.Alice->Command("send"), "ok");
-    ASSERT_TRUE(line.Bob->WaitForLog("Receiving File: big.bin"));
-    EXPECT_EQ(line.Bob->Stop(SIGKILL), 128 + SIGKILL);
-    ASSERT_TRUE(PathExists(line.IncomingPath("big.bin.part")));
-    EXPECT_LT(ReadWholeFile(line.IncomingPath("big.bin.part")).size(), 40000u);
-    EXPECT_FALSE(PathExists(line.IncomingPath("big.bin")));
-    EXPECT_FALSE(PathExists(line.IncomingPath("note.txt")));
-    EXPECT_FALSE(PathExists(line.IncomingPath("note.txt.part")));
-    EXPECT_TRUE(PathExists(line.IncomingPath("empty.dat")));
-    // Alice is still in her call; how she leaves it is not this test's.
-    line.Alice->Stop(SIGKILL);
-}
-
 // Bob's "Incoming Files" is a small volume of its own, far smaller than the
 // disk of his installation: a list that does not fit there is refused, and
 // Alice says why and hangs up.

@@ -87,13 +87,16 @@ protected:
         return ReadWholeFile(stationPath_ + "/Incoming Files/" + relative);
     }
 
-    // Every path under the test's folder that is not inside "Incoming Files".
+    // Every path under the test's folder that is not inside "Incoming Files",
+    // nor the station's record of a file kept for a resume, which a receive
+    // writes.
     std::set<std::string> PathsOutsideIncoming() const {
         std::set<std::string> paths;
         const std::string incoming = stationPath_ + "/Incoming Files/";
+        const std::string resume = stationPath_ + "/kestrelbound_resume";
         for (const auto& item : std::filesystem::recursive_directory_iterator(root_.Path())) {
             const std::string path = item.path().string();
-            if (path.rfind(incoming, 0) != 0) {
+            if (path.rfind(incoming, 0) != 0 && path != resume) {
                 paths.insert(path);
             }
         }

@@ -72,6 +72,14 @@ protected:
         return f();
     }
     static bool WaitUntil(const std::function<bool()>& condition, int timeoutMs = 5000);
+    // The program's exit and its next start, as far as the engine goes: what
+    // it held in memory is gone, and what it keeps on the disk is read again.
+    static void RestartEngine() {
+        Inspect([] {
+            EngineShutdown();
+            EngineStartup();
+        });
+    }
     bool WaitForLog(const std::string& line, int timeoutMs = 5000) {
         return WaitUntil([&] { return Logged(line); }, timeoutMs);
     }

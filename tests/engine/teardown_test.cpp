@@ -30,12 +30,12 @@ protected:
         EXPECT_EQ(Take(6), "ACK3\r\n");
     }
 
-    // A call that ends with the second file's first section on the disk,
-    // kept for a resume. The user presses Disconnect twice: ABORT, then the
-    // hang-up of a call whose far end has already gone.
-    void LeaveAPartForAResume() {
-        OfferAsCaller({second_});
-        Send(peer::Stream(second_.Bytes).substr(0, SectionWireBytes + 10));
+    // A call that ends with the file's first section on the disk, kept for a
+    // resume. The user presses Disconnect twice: ABORT, then the hang-up of a
+    // call whose far end has already gone.
+    void LeaveAPartForAResume(const peer::File& file) {
+        OfferAsCaller({file});
+        Send(peer::Stream(file.Bytes).substr(0, SectionWireBytes + 10));
         ASSERT_TRUE(WaitUntil(
             [] { return Inspect([] { return TheEngine.ReceiveList[0].NextBlock == 16; }); }));
         RequestDisconnect();
@@ -46,10 +46,15 @@ protected:
         EXPECT_TRUE(AnswerProfile());
         again.join();
         EXPECT_EQ(TheEngine.LinkState.load(), LinkIdle);
-        ASSERT_TRUE(PathExists(Incoming("second.bin.part")));
+        ASSERT_TRUE(PathExists(Incoming(file.Name + ".part")));
     }
 
-    const peer::File second_{"second.bin", RandomBytes(SectionFileBytes + 7000, 2)};
+    // The far end hangs up after the last ACK.
+    void EndTheCall() {
+        Send("\r\nNO CARRIER\r\n");
+        EXPECT_TRUE(AnswerProfile());
+        ASSERT_TRUE(WaitForState(LinkIdle));
+    }
 };
 
 class SenderTeardownTest : public EngineHarness {
@@ -129,7 +134,7 @@ TEST_F(CallEndTest, EachWayOfEndingLogsItsLinesAndLeavesTheLinkIdle) {
 }
 
 TEST_F(ReceiverTeardownTest, AChangedFileOfTheSameNameIsANewFileAndTheOldPartGoes) {
-    LeaveAPartForAResume();
+    LeaveAPartForAResume({"second.bin", RandomBytes(SectionFileBytes + 7000, 2)});
     // Same name, another length: admitted as new, under the plain name,
     // since the part left behind has gone.
     const peer::File changed{"second.bin", RandomBytes(900, 9)};
@@ -142,11 +147,68 @@ TEST_F(ReceiverTeardownTest, AChangedFileOfTheSameNameIsANewFileAndTheOldPartGoe
     EXPECT_FALSE(PathExists(Incoming("second.bin.part")));
 }
 
-TEST_F(ReceiverTeardownTest, TheExitDeletesAPartLeftForAResume) {
-    LeaveAPartForAResume();
-    Inspect([] { DiscardUnfinishedFiles(); });
-    EXPECT_FALSE(PathExists(Incoming("second.bin.part")));
-    EXPECT_TRUE(Inspect([] { return TheEngine.SavedEntry.WireName.IsEmpty(); }));
+// The program ends with a file kept for a resume and starts again: the
+// record on the disk brings the candidate back, a part one section longer
+// than recorded (an end between a section's append and the record's write)
+// cut back. A record that is not whole, or a part that fits it in no such
+// way, is no resume: the file comes whole, and the part stays as it stands.
+TEST_F(ReceiverTeardownTest, ARestartTakesUpOnlyAPartThatItsRecordVouchesFor) {
+    struct Case {
+        const char* What;
+        std::function<void(const std::string& part)> Change;
+        bool Resumed;
+    };
+    const auto grow = [](size_t bytes) {
+        return [bytes](const std::string& part) {
+            WriteWholeFile(part, ReadWholeFile(part) + RandomBytes(bytes, 5));
+        };
+    };
+    const std::vector<Case> cases = {
+        {"a section more than recorded", grow(SectionFileBytes), true},
+        {"a record with a byte changed past the end of every text in it",
+         [](const std::string&) {
+             std::string record = ReadWholeFile(ResumeRecordPath());
+             record[record.size() / 2] = static_cast<char>(record[record.size() / 2] ^ 0x5A);
+             WriteWholeFile(ResumeRecordPath(), record);
+         },
+         false},
+        {"a part shorter than recorded",
+         [](const std::string& part) { WriteWholeFile(part, ReadWholeFile(part).substr(0, 1000)); },
+         false},
+        {"a part longer by more than a section", grow(SectionFileBytes + 1), false},
+    };
+    uint32_t seed = 30;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.What);
+        const peer::File file{"case" + std::to_string(seed) + ".bin",
+                              RandomBytes(SectionFileBytes + 9000, seed++)};
+        const std::string part = Incoming(file.Name + ".part");
+        LeaveAPartForAResume(file);
+        c.Change(part);
+        const std::string left = ReadWholeFile(part);
+        RestartEngine();
+
+        const std::string stream = peer::Stream(file.Bytes);
+        const uint32_t length = peer::StreamLength(file.Bytes.size());
+        ConnectAsReceiver();
+        Send(ListFor({file}));
+        if (c.Resumed) {
+            EXPECT_EQ(Take(12 + 80),
+                      "FILERESTA3\r\n" + peer::RecoveryBody(length, 1, length - SectionWireBytes));
+            Send(stream.substr(SectionWireBytes));
+        } else {
+            EXPECT_EQ(Take(6), "ACK3\r\n");
+            Send(stream);
+        }
+        EXPECT_EQ(Take(6), "ACK2\r\n");
+        EndTheCall();
+        EXPECT_TRUE(ReadWholeFile(Incoming(file.Name)) == file.Bytes);
+        if (c.Resumed) {
+            EXPECT_FALSE(PathExists(part));
+        } else {
+            EXPECT_TRUE(ReadWholeFile(part) == left);
+        }
+    }
 }
 
 TEST_F(ReceiverTeardownTest, AFileThatCannotBeWrittenEndsTheSession) {
