@@ -1,6 +1,7 @@
 #include "support/child_process.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -10,8 +11,14 @@
 #include <cerrno>
 #include <stdexcept>
 
+bool BecomeUnprivileged() {
+    return ::setgroups(0, nullptr) == 0 && ::setgid(UnprivilegedId) == 0 &&
+           ::setuid(UnprivilegedId) == 0;
+}
+
 ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& arguments,
-                           const std::string& folder, Errors errors, int descriptorLimit) {
+                           const std::string& folder, Errors errors, int descriptorLimit,
+                           bool unprivileged) {
     int toChild[2];
     int fromChild[2];
     int errorsFromChild[2] = {-1, -1};
@@ -43,7 +50,8 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
         }
         const rlimit limit{static_cast<rlim_t>(descriptorLimit),
                            static_cast<rlim_t>(descriptorLimit)};
-        if (descriptorLimit > 0 && ::setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        if ((descriptorLimit > 0 && ::setrlimit(RLIMIT_NOFILE, &limit) != 0) ||
+            (unprivileged && !BecomeUnprivileged())) {
             ::_exit(126);
         }
         ::execv(argv[0], argv.data());

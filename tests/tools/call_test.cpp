@@ -1,14 +1,21 @@
 // Calls through the exchange: dialling, ringing, answering, and the ways a
-// dial fails, as each end's port shows them; and calls to the adapters of
-// another virtual-ta process.
+// dial fails, as each end's port shows them; a port that its program left
+// without closing it properly; and calls to the adapters of another
+// virtual-ta process.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -160,6 +167,107 @@ TEST_F(VirtualTaCalls, DroppingDtrEndsTheCallUnlessTheAdapterIgnoresIt) {
     }
 }
 
+// A program of the unprivileged user opens the port at path, sends the
+// bytes and reads until the marker has come or 3 s have passed: what it read,
+// or "cannot open: " and the reason.
+std::string TalkAsNobody(const std::string& path, const std::string& bytes,
+                         const std::string& marker) {
+    int results[2];
+    if (::pipe2(results, O_CLOEXEC) != 0) {
+        return "no pipe";
+    }
+    const pid_t pid = ::fork();
+    if (pid < 0) {
+        ::close(results[0]);
+        ::close(results[1]);
+        return "no fork";
+    }
+    if (pid == 0) {
+        // Only system calls from here on: the test process has threads.
+        int error = BecomeUnprivileged() ? 0 : EPERM;
+        const int fd = error == 0 ? ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK) : -1;
+        error = fd < 0 && error == 0 ? errno : error;
+        [[maybe_unused]] ssize_t n = ::write(results[1], &error, sizeof error);
+        if (fd >= 0) {
+            termios settings{};
+            ::tcgetattr(fd, &settings);
+            ::cfmakeraw(&settings);
+            ::cfsetspeed(&settings, B115200);
+            ::tcsetattr(fd, TCSANOW, &settings);
+            n = ::write(fd, bytes.data(), bytes.size());
+            char got[256];
+            size_t have = 0;
+            for (int round = 0; round < 30 && have < sizeof got &&
+                                ::memmem(got, have, marker.data(), marker.size()) == nullptr;
+                 ++round) {
+                pollfd entry{fd, POLLIN, 0};
+                n = ::poll(&entry, 1, 100) == 1 ? ::read(fd, got + have, sizeof got - have) : 0;
+                have += n > 0 ? static_cast<size_t>(n) : 0;
+            }
+            n = ::write(results[1], got, have);
+        }
+        ::_exit(0);
+    }
+    ::close(results[1]);
+    std::string said;
+    char buffer[512];
+    for (ssize_t n; (n = ::read(results[0], buffer, sizeof buffer)) > 0;) {
+        said.append(buffer, static_cast<size_t>(n));
+    }
+    ::close(results[0]);
+    ::waitpid(pid, nullptr, 0);
+    int error = EIO;
+    if (said.size() >= sizeof error) {
+        std::memcpy(&error, said.data(), sizeof error);
+    }
+    return error != 0 ? std::string("cannot open: ") + std::strerror(error)
+                      : said.substr(sizeof error);
+}
+
+// The tool runs as an unprivileged user, as a person runs it.
+using VirtualTaPorts = VirtualTaTest;
+
+// A program that ends without closing its port properly (killed, say)
+// leaves the pseudo-terminal in exclusive mode, which a serial port drops at
+// its last close. The next program opens the port all the same, as a user
+// who is not privileged, and finds the adapter as it was left: idle with its
+// settings, or still in its call where it ignores DTR. The tool never spins.
+TEST_F(VirtualTaPorts, APortLeftExclusiveOpensForAnyUserWithTheAdapterAsItWas) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root, to run the tool and a program as an unprivileged user";
+    }
+    // The tool makes its links and its trace in the folder.
+    ASSERT_EQ(::chmod(folder_.Path().c_str(), 0777), 0);
+    const std::string trace = folder_ / "trace";
+    const std::string alicesPort = folder_ / "alice";
+    Start({"--rate", "0", "--trace", trace, alicesPort + "=bitsurfr:5551001",
+           folder_ / "bob=zyxel-2864:5551002"},
+          0, true);
+    const double cpuAtStart = ProcessCpuMs(tool_->Pid());
+    // Each program closes the port without clearing the mode, as the system
+    // closes it for a killed program.
+    {
+        FarEnd alice(alicesPort);
+        ASSERT_EQ(::ioctl(alice.Descriptor(), TIOCEXCL), 0);
+        ASSERT_EQ(alice.Command("ATE0"), "ATE0\r\r\nOK\r\n");
+    }
+    EXPECT_TRUE(WaitForTrace(trace, "port left in exclusive mode", 1, 5000));
+    EXPECT_EQ(TalkAsNobody(alicesPort, "AT\r", "OK\r\n"), "\r\nOK\r\n") << "E0 still holds";
+
+    FarEnd& bob = Port("bob");
+    {
+        FarEnd alice(alicesPort);
+        ASSERT_EQ(::ioctl(alice.Descriptor(), TIOCEXCL), 0);
+        EXPECT_EQ(alice.Command("ATE1&D0"), "\r\nOK\r\n");
+        EXPECT_TRUE(SetUpCall(alice, bob, "5551002").Connected);
+    }
+    EXPECT_TRUE(WaitForTrace(trace, "port left in exclusive mode", 2, 5000));
+    bob.Send("still in the call");
+    EXPECT_EQ(TalkAsNobody(alicesPort, "so am I", "call"), "still in the call");
+    EXPECT_EQ(bob.ReceiveUntil("so am I", 3000), "so am I");
+    EXPECT_LT(ProcessCpuMs(tool_->Pid()) - cpuAtStart, 500.0) << "the tool spun";
+}
+
 // Calls between two virtual-ta processes over TCP on loopback: Alice's
 // adapter in one, Bob's and Carol's in the other, each process listening and
 // routing the other's numbers to it. Seen from the ports, such a call is a
@@ -223,14 +331,6 @@ bool ClosedByFarEnd(int fd, int timeoutMs) {
     const bool closed = ::poll(&entry, 1, timeoutMs) == 1 && ::read(fd, &byte, 1) <= 0;
     ::close(fd);
     return closed;
-}
-
-size_t Occurrences(const std::string& text, const std::string& part) {
-    size_t count = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-        ++count;
-    }
-    return count;
 }
 
 // More than one message of the link holds, both ways at once; Bob calls back

@@ -5,14 +5,17 @@
 
 #include <chrono>
 #include <stdexcept>
+#include <thread>
 
 #include "platform/clock.h"
 
-void VirtualTaTest::Start(const std::vector<std::string>& arguments, int descriptorLimit) {
+void VirtualTaTest::Start(const std::vector<std::string>& arguments, int descriptorLimit,
+                          bool unprivileged) {
     ports_.clear();
     tool_.reset();
     tool_ = std::make_unique<ChildProcess>(VIRTUAL_TA_PATH, arguments, "",
-                                           ChildProcess::Errors::PassedThrough, descriptorLimit);
+                                           ChildProcess::Errors::PassedThrough, descriptorLimit,
+                                           unprivileged);
     if (!tool_->WaitForLine("ready", std::chrono::seconds(10))) {
         throw std::runtime_error("virtual-ta did not become ready");
     }
@@ -21,6 +24,28 @@ void VirtualTaTest::Start(const std::vector<std::string>& arguments, int descrip
 FarEnd& VirtualTaTest::Port(const std::string& name, uint32_t speed) {
     ports_.push_back(std::make_unique<FarEnd>(folder_ / name, speed));
     return *ports_.back();
+}
+
+size_t Occurrences(const std::string& text, const std::string& part) {
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+bool WaitForTrace(const std::string& path, const std::string& text, size_t count, int timeoutMs) {
+    const uint64_t deadline = MonotonicNs() + static_cast<uint64_t>(timeoutMs) * 1000000;
+    for (;;) {
+        // The tool writes each line with one write, so a line read is whole.
+        if (Occurrences(ReadWholeFile(path), text) >= count) {
+            return true;
+        }
+        if (MonotonicNs() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
 }
 
 Transfer TransferBothWays(FarEnd& a, FarEnd& b, const std::string& aToB, const std::string& bToA,

@@ -18,10 +18,12 @@
 class VirtualTaTest : public testing::Test {
 protected:
     // Starts the tool with the arguments, allowed that many open descriptors
-    // if descriptorLimit is not 0, and waits for its "ready"; throws if it
-    // does not come. A tool started before is stopped first, and the ports
-    // opened on it are closed.
-    void Start(const std::vector<std::string>& arguments, int descriptorLimit = 0);
+    // if descriptorLimit is not 0, as an unprivileged user if asked (see
+    // ChildProcess), and waits for its "ready"; throws if it does not come.
+    // A tool started before is stopped first, and the ports opened on it are
+    // closed.
+    void Start(const std::vector<std::string>& arguments, int descriptorLimit = 0,
+               bool unprivileged = false);
     // The port whose link is name in the folder, open until the test ends.
     FarEnd& Port(const std::string& name, uint32_t speed = 115200);
 
@@ -29,6 +31,12 @@ protected:
     std::unique_ptr<ChildProcess> tool_;
     std::vector<std::unique_ptr<FarEnd>> ports_;
 };
+
+// How often part stands in text.
+size_t Occurrences(const std::string& text, const std::string& part);
+// Waits until the trace file holds count lines with the text in them; false
+// if it does not within the time.
+bool WaitForTrace(const std::string& path, const std::string& text, size_t count, int timeoutMs);
 
 // Sends aToB into a and bToA into b at once and reads what comes out at the
 // other ends, until each has the length sent or the time is up.

@@ -41,6 +41,11 @@ Exchange::~Exchange() {
 }
 
 bool Exchange::Open(std::string& error) {
+    portWatch_ = OpenPortWatch();
+    if (portWatch_ < 0) {
+        error = "cannot watch the ports";
+        return false;
+    }
     for (const AdapterSetting& given : options_.Adapters) {
         auto adapter = std::make_unique<Adapter>();
         adapter->Given = given;
@@ -53,6 +58,12 @@ bool Exchange::Open(std::string& error) {
         if (!HearPurges(adapter->Pty.Master)) {
             error = "cannot watch the pseudo-terminal for '" + given.Path + "'";
             ClosePseudoTerminal(adapter->Pty);
+            return false;
+        }
+        // Watched from after the tool's own opening, which is not counted.
+        if (!WatchPort(portWatch_, *adapter)) {
+            ClosePseudoTerminal(adapter->Pty);
+            error = "cannot watch the port '" + given.Path + "'";
             return false;
         }
         if (!MakeLink(given.Path, adapter->Pty.SlavePath, error)) {
@@ -73,6 +84,10 @@ void Exchange::Close() {
     }
     adapters_.clear();
     calls_.clear();
+    if (portWatch_ >= 0) {
+        ::close(portWatch_);
+        portWatch_ = -1;
+    }
     for (auto& link : links_) {
         CloseLink(*link);
     }
@@ -207,20 +222,23 @@ void Exchange::CollectPoll(std::vector<pollfd>& entries, uint64_t now) {
         }
         entries.push_back(entry);
     }
+    entries.push_back(pollfd{portWatch_, POLLIN, 0});
     CollectLinks(entries, now);
 }
 
 void Exchange::HandlePoll(const pollfd* entries, uint64_t now) {
+    // The watch first: a program's opening is then counted before what it
+    // writes is read, and what it wrote before it closed the port is still
+    // read, as the port's closing during a call takes it first.
+    if ((entries[adapters_.size()].revents & POLLIN) != 0) {
+        TakePortWatch(now);
+        Sweep();
+    }
     for (size_t i = 0; i < adapters_.size(); ++i) {
         Adapter& a = *adapters_[i];
         const short events = entries[i].revents;
         if ((events & POLLOUT) != 0) {
             Flush(a);
-        }
-        if ((events & POLLHUP) != 0 && a.Pty.SlaveKeeper < 0) {
-            PortClosed(a, now);
-            Sweep();
-            continue;
         }
         if ((events & POLLPRI) != 0 && a.Mode == AdapterMode::Data) {
             bool purged = false;
@@ -243,7 +261,7 @@ void Exchange::HandlePoll(const pollfd* entries, uint64_t now) {
         }
         Sweep();
     }
-    HandleLinks(entries + adapters_.size(), now);
+    HandleLinks(entries + adapters_.size() + 1, now);
 }
 
 bool Exchange::WantsRead(const Adapter& adapter) const {
@@ -443,9 +461,10 @@ void Exchange::StartData(Call& call, const std::string& callerSetup,
         end->Blind = false;
         end->EscapeCount = 0;
         end->EscapeDeadline = Never;
+        // A port that nobody has open is DTR down from the start: looked at
+        // right away.
         end->DtrLow = DtrIsDown(*end);
-        end->NextDtrLookAt = now + DtrLookNs;
-        LetGoOfPort(*end);
+        end->NextDtrLookAt = end->Openers == 0 ? now : now + DtrLookNs;
         Result(*end, "CONNECT " + std::to_string(end->TalkSpeed));
     }
     TraceLine(
@@ -500,25 +519,58 @@ void Exchange::HangUp(Adapter& adapter) {
     }
 }
 
+void Exchange::TakePortWatch(uint64_t now) {
+    for (const PortNote& note : TakePortNotes(portWatch_)) {
+        for (auto& adapter : adapters_) {
+            Adapter& a = *adapter;
+            if (a.WatchId != note.WatchId) {
+                continue;
+            }
+            if (note.Opened) {
+                ++a.Openers;
+            } else if (a.Openers > 0 && --a.Openers == 0) {
+                PortLeft(a);
+            }
+            // During a call, a port closed by its last program is DTR down,
+            // and opened again it is up.
+            if (a.InCall != nullptr && a.InCall->Phase == CallPhase::Connected) {
+                WatchDtr(a, now);
+            }
+            break;
+        }
+    }
+}
+
+void Exchange::PortLeft(Adapter& adapter) {
+    // Left by a program that ended without closing the port properly (a
+    // killed one): cleared, so that the next program opens the port as it
+    // would a serial port after its last close, with no privilege.
+    if (ClearLeftExclusiveMode(adapter)) {
+        TraceLine(adapter.Who, "port left in exclusive mode: cleared");
+    }
+}
+
 void Exchange::WatchDtr(Adapter& adapter, uint64_t now) {
-    const bool low = DtrIsDown(adapter);
+    const bool closed = adapter.Openers == 0;
+    const bool low = closed || DtrIsDown(adapter);
     if (low == adapter.DtrLow) {
         return;
     }
     adapter.DtrLow = low;
-    if (low) {
-        TraceLine(adapter.Who, "DTR drops: port speed 0");
-        DtrDropped(adapter, false, now);
+    if (!low) {
+        return;
     }
-}
-
-void Exchange::PortClosed(Adapter& adapter, uint64_t now) {
-    TraceLine(adapter.Who, "DTR drops: port closed");
-    // Whoever opens the port next finds nothing of this call in it, unless
-    // the adapter ignores DTR and the call goes on.
-    HoldPort(adapter, adapter.Setting("&D") != 0);
-    adapter.NextDtrLookAt = now + DtrLookNs;
-    DtrDropped(adapter, true, now);
+    if (closed) {
+        TraceLine(adapter.Who, "DTR drops: port closed");
+        // Whoever opens the port next finds nothing of this call in it,
+        // unless the adapter ignores DTR and the call goes on.
+        if (adapter.Setting("&D") != 0) {
+            EmptyPort(adapter);
+        }
+    } else {
+        TraceLine(adapter.Who, "DTR drops: port speed 0");
+    }
+    DtrDropped(adapter, closed, now);
 }
 
 void Exchange::DtrDropped(Adapter& adapter, bool portClosed, uint64_t now) {
@@ -627,7 +679,6 @@ void Exchange::EndCall(Call& call, EndReason reason, Adapter* by) {
 }
 
 void Exchange::Leave(Adapter& adapter) {
-    HoldPort(adapter, false);
     adapter.NextDtrLookAt = Never;
     adapter.Mode = AdapterMode::Command;
     adapter.InCall = nullptr;

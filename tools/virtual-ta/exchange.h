@@ -81,7 +81,8 @@ public:
 
     // The event loop's side: run what is due, say what to wait for, and take
     // what the ports report. CollectPoll appends one entry per adapter, in
-    // order, and HandlePoll is given those entries back.
+    // order, then one for the port watch and those of the links; HandlePoll
+    // is given those entries back.
     void Service(uint64_t now);
     uint64_t NextDeadline(uint64_t now);
     void CollectPoll(std::vector<pollfd>& entries, uint64_t now);
@@ -127,10 +128,13 @@ private:
     // The program purged its port's output during a call.
     void PortPurged(Adapter& adapter, uint64_t now);
     void EnterOnlineCommand(Call& call, Adapter& end);
+    // The programs opening and closing the ports, as the port watch notes
+    // them; PortLeft when the last one has closed a port.
+    void TakePortWatch(uint64_t now);
+    void PortLeft(Adapter& adapter);
     // DTR during a call: the port's speed looked at now and then, and the
-    // program's closing the port.
+    // port closed by its last program.
     void WatchDtr(Adapter& adapter, uint64_t now);
-    void PortClosed(Adapter& adapter, uint64_t now);
     void DtrDropped(Adapter& adapter, bool portClosed, uint64_t now);
     void Leave(Adapter& adapter);
     void Sweep();
@@ -160,6 +164,7 @@ private:
     Options options_;
     std::vector<std::unique_ptr<Adapter>> adapters_;
     std::list<std::unique_ptr<Call>> calls_;
+    int portWatch_ = -1;  // notes the opens and closes of every adapter's port
     int listener_ = -1;
     std::string listeningAt_;
     // Connections from away take descriptors up to this number; the rest are

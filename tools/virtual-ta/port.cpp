@@ -1,6 +1,7 @@
 #include "virtual-ta/port.h"
 
 #include <fcntl.h>
+#include <sys/inotify.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -9,6 +10,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 int Adapter::Setting(const char* name) const {
     const auto found = Registers.find(name);
@@ -20,21 +22,53 @@ bool DtrIsDown(const Adapter& adapter) {
     return ::tcgetattr(adapter.Pty.Master, &settings) == 0 && ::cfgetospeed(&settings) == B0;
 }
 
-void LetGoOfPort(Adapter& adapter) {
-    if (adapter.Pty.SlaveKeeper >= 0) {
-        ::close(adapter.Pty.SlaveKeeper);
-        adapter.Pty.SlaveKeeper = -1;
+int OpenPortWatch() {
+    return ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+}
+
+bool WatchPort(int watch, Adapter& adapter) {
+    // Opens that fail (a port in exclusive mode, say) are not noted, and a
+    // descriptor shared by dup or fork is closed once, at its last close: the
+    // notes pair up.
+    adapter.WatchId = ::inotify_add_watch(watch, adapter.Pty.SlavePath.c_str(), IN_OPEN | IN_CLOSE);
+    adapter.Openers = 0;
+    return adapter.WatchId >= 0;
+}
+
+std::vector<PortNote> TakePortNotes(int watch) {
+    std::vector<PortNote> notes;
+    alignas(inotify_event) char buffer[4096];
+    for (;;) {
+        const ssize_t n = ::read(watch, buffer, sizeof buffer);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return notes;
+        }
+        for (ssize_t at = 0; at + static_cast<ssize_t>(sizeof(inotify_event)) <= n;) {
+            inotify_event event{};
+            std::memcpy(&event, buffer + at, sizeof event);
+            if ((event.mask & (IN_OPEN | IN_CLOSE)) != 0) {
+                notes.push_back(PortNote{event.wd, (event.mask & IN_OPEN) != 0});
+            }
+            at += static_cast<ssize_t>(sizeof event + event.len);
+        }
     }
 }
 
-void HoldPort(Adapter& adapter, bool emptied) {
-    if (adapter.Pty.SlaveKeeper < 0) {
-        adapter.Pty.SlaveKeeper =
-            ::open(adapter.Pty.SlavePath.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+bool ClearLeftExclusiveMode(Adapter& adapter) {
+    // The tool's own descriptor may clear it, whoever set it, without
+    // privilege: it was opened before the mode was set.
+    int exclusive = 0;
+    if (::ioctl(adapter.Pty.SlaveKeeper, TIOCGEXCL, &exclusive) != 0 || exclusive == 0) {
+        return false;
     }
-    if (emptied && adapter.Pty.SlaveKeeper >= 0) {
-        ::tcflush(adapter.Pty.SlaveKeeper, TCIFLUSH);
-    }
+    return ::ioctl(adapter.Pty.SlaveKeeper, TIOCNXCL) == 0;
+}
+
+void EmptyPort(Adapter& adapter) {
+    ::tcflush(adapter.Pty.SlaveKeeper, TCIFLUSH);
 }
 
 bool MakeLink(const std::string& path, const std::string& target, std::string& error) {

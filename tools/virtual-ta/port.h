@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "platform/pseudo_terminal.h"
 #include "virtual-ta/deadline.h"
@@ -33,8 +34,14 @@ struct Adapter {
     uint32_t PortSpeed = 0;     // the port's speed when last read
     uint32_t TalkSpeed = 9600;  // the speed at which it last understood its port
 
-    // DTR, watched during a call: the port's speed at 0 is DTR down, as a
-    // pseudo-terminal shows it. DtrLow is how it was when last looked at.
+    // The programs that have the port open, the tool's own hold on it aside,
+    // as the port's watch counts them; WatchId names the port to the watch.
+    int WatchId = -1;
+    int Openers = 0;
+
+    // DTR, watched during a call: the port's speed at 0, or nobody having
+    // the port open, is DTR down, as a pseudo-terminal shows it. DtrLow is
+    // how it was when last looked at.
     bool DtrLow = false;
     uint64_t NextDtrLookAt = Never;
 
@@ -79,13 +86,31 @@ void RemoveLink(const std::string& path, const std::string& target);
 // Whether the program holding the port has dropped DTR by setting the port's
 // speed to 0 (what "stty 0" and a terminal program's hang-up do).
 bool DtrIsDown(const Adapter& adapter);
-// The tool keeps the port's program side open between calls, so that a port
-// nobody has open still keeps its settings and takes replies. During a call it
-// lets go, so that the program's closing the port shows as a hang-up on the
-// tool's side. Holding it again with emptied set throws away what the
-// program left unread.
-void LetGoOfPort(Adapter& adapter);
-void HoldPort(Adapter& adapter, bool emptied);
+
+// The tool keeps the port's program side open all the time (the
+// pseudo-terminal's SlaveKeeper), so that a port nobody has open keeps its
+// settings and takes replies, and its hardware side never sees a hang-up.
+// It therefore learns of programs opening and closing the port from the
+// system's notes on the device's opens and closes (inotify), which a killed
+// program's closing gives as well: the port watch, one for all ports.
+// OpenPortWatch gives its descriptor, -1 if it cannot be had; WatchPort
+// starts watching the adapter's port, false if it cannot.
+int OpenPortWatch();
+bool WatchPort(int watch, Adapter& adapter);
+// A program opened, or closed, the port that the watch knows as WatchId.
+struct PortNote {
+    int WatchId;
+    bool Opened;
+};
+// What the watch has noted since it was last asked, in order.
+std::vector<PortNote> TakePortNotes(int watch);
+// Clears the exclusive mode that a program which ended without closing the
+// port properly left on it: a serial port drops it at its last close, a
+// pseudo-terminal keeps it, so that only a privileged process could open it.
+// True if it was set.
+bool ClearLeftExclusiveMode(Adapter& adapter);
+// Throws away what the program left unread in the port.
+void EmptyPort(Adapter& adapter);
 
 // The port is read in packet mode, so that the tool hears when the program
 // purges its output: a real port's driver then throws away what it had not
