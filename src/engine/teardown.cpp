@@ -29,6 +29,10 @@
 namespace {
 
 constexpr int16_t EscapeReplyLimitMs = 2250;
+// How long bytes just written may take to leave the port for the adapter
+// before a hang-up counts them as stuck: far longer than any port needs for
+// a token, far shorter than the pause of the escape.
+constexpr uint32_t OutputGraceMs = 200;
 constexpr int16_t HangUpLineLimitMs = 1000;
 constexpr uint32_t HangUpReplyMs = 1000;
 constexpr int16_t StallBodyLimitMs = 200;
@@ -121,8 +125,10 @@ bool HangUp() {
     TheSession.HangUpTried = true;
     // The escape needs the port silent for the pause. Whatever of ours still
     // waits to go out would break that silence for as long as the line needs
-    // to carry it, and for ever when the far end takes nothing more.
-    PurgeOutput();
+    // to carry it, and for ever when the far end takes nothing more; but what
+    // was written a moment ago, such as the abort of a Disconnect pressed
+    // just before, is on its way and goes out.
+    PurgeStuckOutput(OutputGraceMs);
     SleepMs(CurrentFamily().EscapePauseMs);
     SendBytes("+++", 3);
     std::memset(TokenBuffer, 0, TokenBufferSize);

@@ -129,7 +129,9 @@ bool CommPortWrite(const void* bytes, uint32_t length) {
     if (ThePort == nullptr || !ThePort->IsOpen.load()) {
         return false;
     }
-    return ThePort->Handle.Write(bytes, length);
+    const bool written = ThePort->Handle.Write(bytes, length);
+    ThePort->LastWriteAt.store(NowMs());
+    return written;
 }
 
 void SendCommand(const char* text) {
@@ -326,10 +328,15 @@ void PurgePort() {
     }
 }
 
-void PurgeOutput() {
-    if (ThePort != nullptr) {
-        ThePort->Handle.PurgeOutput();
+void PurgeStuckOutput(uint32_t graceMs) {
+    if (ThePort == nullptr) {
+        return;
     }
+    const uint32_t since = NowMs() - ThePort->LastWriteAt.load();
+    if (since < graceMs) {
+        SleepMs(graceMs - since);
+    }
+    ThePort->Handle.PurgeOutput();
 }
 
 bool EnableHardwareHandshake() {

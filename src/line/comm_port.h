@@ -43,6 +43,8 @@ struct CommPort {
     std::atomic<uint32_t> BaudRate{9600};
     // "Serial Limit Reached" has been logged since the last ResetSerialLimitLine.
     std::atomic<bool> SerialLimitTold{false};
+    // NowMs when the last write was handed over whole to the device.
+    std::atomic<uint32_t> LastWriteAt{0};
 };
 
 // The record; null before CommPortCreate and after CommPortDestroy.
@@ -119,8 +121,11 @@ uint32_t PortQueueCount(PortQueue queue);
 // Empties both queues; a write under way stops.
 void PurgePort();
 // Empties the output queue, and a write under way stops; what has come in
-// stays to be read.
-void PurgeOutput();
+// stays to be read. Only what has had the time to go out and has not goes:
+// bytes written within the last graceMs are still on their way to the
+// adapter (a token sent just before), and the purge waits until that time
+// has passed.
+void PurgeStuckOutput(uint32_t graceMs);
 // Switches to RTS/CTS. False after the message
 // "Cannot set hardware handshaking on comm port."
 [[nodiscard]] bool EnableHardwareHandshake();

@@ -275,7 +275,8 @@ TEST(FaultyLineTest, DisconnectOnEitherSideEndsTheCallCleanly) {
         ASSERT_TRUE(line.Bob->WaitForLog("Disconnected")) << line.Logs();
         line.BackToIdle();
         if (c.ByReceiver) {
-            EXPECT_EQ(LinesHolding(line.Alice->LogLines(), {"Received abort request."}).size(), 1u);
+            EXPECT_EQ(LinesHolding(line.Alice->LogLines(), {"Received abort request."}).size(), 1u)
+                << line.Logs();
         }
         // A file whose every byte had arrived, but whose ACK had not when the
         // line went, is complete at the receiver and is sent again in full
