@@ -119,6 +119,15 @@ TEST_F(MainWindowTest, EventsReachOnlyControlsAUserCouldUse) {
     outcome = ChooseMenu(ID_PORT_SPEED_230400);
     EXPECT_FALSE(outcome.Done);
     EXPECT_TRUE(Messages().empty());
+
+    // Every named control belongs to a panel that takes its events: none is
+    // refused as unknown. Its own text, typed again, changes nothing.
+    for (const ControlPlace& place : MainWindowLayout()) {
+        if (*place.Name != '\0') {
+            EXPECT_NE(Type(place.Id, Controls().Text(place.Id)).Refusal, "no such control")
+                << place.Name;
+        }
+    }
 }
 
 // After the search the window shows what the adapter offers on this port:
