@@ -1,5 +1,4 @@
-// The buttons that hand work to the desktop: the incoming folder, the manual
-// in a web browser, and the two programs the user has chosen.
+#include "app/desktop_links.h"
 
 #include <optional>
 #include <string>
@@ -8,6 +7,7 @@
 #include "platform/desktop.h"
 #include "platform/key_state.h"
 #include "platform/message_box.h"
+#include "resources/resource.h"
 #include "stores/directory.h"
 #include "stores/paths.h"
 #include "stores/preferences.h"
@@ -19,13 +19,39 @@ auto& ProgramField(bool first) {
     return first ? ThePreferences.ExternalProgramA : ThePreferences.ExternalProgramB;
 }
 
+constexpr int DesktopControls[] = {IDC_OPEN_INCOMING, IDC_PROGRAM_1, IDC_PROGRAM_2, IDC_HELP,
+                                   IDC_EMBLEM};
+
 }  // namespace
 
-void MainWindow::OnOpenIncoming() {
+std::span<const int> DesktopButtons::ControlIds() const {
+    return DesktopControls;
+}
+
+EventOutcome DesktopButtons::OnButton(int id) {
+    switch (id) {
+        case IDC_OPEN_INCOMING:
+            OnOpenIncoming();
+            return {};
+        case IDC_PROGRAM_1:
+            OnProgramA();
+            return {};
+        case IDC_PROGRAM_2:
+            OnProgramB();
+            return {};
+        case IDC_HELP:
+            OnHelp();
+            return {};
+        default:
+            return WindowPanel::OnButton(id);
+    }
+}
+
+void DesktopButtons::OnOpenIncoming() {
     TheDesktop().ShowFolder(IncomingPath);
 }
 
-void MainWindow::OnHelp() {
+void DesktopButtons::OnHelp() {
     if (TheDesktop().OpenInBrowser(HelpPath)) {
         TheDesktop().ActivateBrowser();
         return;
@@ -33,15 +59,15 @@ void MainWindow::OnHelp() {
     ShowMessageBox("Please launch your preferred web browser to use\non-line help.");
 }
 
-void MainWindow::OnProgramA() {
+void DesktopButtons::OnProgramA() {
     OnProgram(ProgramButton::A);
 }
 
-void MainWindow::OnProgramB() {
+void DesktopButtons::OnProgramB() {
     OnProgram(ProgramButton::B);
 }
 
-void MainWindow::OnProgram(ProgramButton which) {
+void DesktopButtons::OnProgram(ProgramButton which) {
     auto& field = ProgramField(which == ProgramButton::A);
     const std::string program = FieldText(field);
     if (!program.empty() && !KeyIsDown(Key::Shift)) {
@@ -52,7 +78,7 @@ void MainWindow::OnProgram(ProgramButton which) {
     PickExternalProgram(which);
 }
 
-void MainWindow::PickExternalProgram(ProgramButton which) {
+void DesktopButtons::PickExternalProgram(ProgramButton which) {
     auto& field = ProgramField(which == ProgramButton::A);
     FileDialogRequest request;
     // Linux programs carry no extension of their own to filter by.

@@ -1,17 +1,17 @@
-// The directory panel: the list of correspondents, the form that shows and
-// edits one record, its pick-up folder, and exported records going out and
-// coming in.
+#include "app/directory_panel.h"
 
 #include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "app/chosen_call.h"
 #include "app/control_model.h"
 #include "app/main_window.h"
 #include "engine/pickup.h"
 #include "engine/wire.h"
 #include "line/adapter_family.h"
+#include "line/profiles.h"
 #include "platform/desktop.h"
 #include "platform/files.h"
 #include "platform/key_state.h"
@@ -25,6 +25,18 @@
 
 namespace {
 
+// clang-format off
+constexpr int DirectoryControls[] = {
+    IDC_LABEL_DIRECTORY, IDC_DIRECTORY_LIST,
+    // The form of one record, with its outgoing settings.
+    IDC_FORM, IDC_NAME, IDC_NUMBER, IDC_LABEL_ISDN, IDC_LABEL_TELEPHONE,
+    IDC_LABEL_PROTOCOL, IDC_PROTOCOL, IDC_LABEL_CARRIER, IDC_CARRIER, IDC_56K, IDC_2B, IDC_V42,
+    IDC_ADD, IDC_CHANGE, IDC_DELETE, IDC_NEW,
+    // Its pick-up folder, and the hot folders of all.
+    IDC_MAKE_FOLDER, IDC_FOLDER_EMPTY, IDC_FOLDER_FILLED, IDC_HOT_EMPTY, IDC_HOT_FILLED,
+    IDC_HOT_RETRIEVE, IDC_HOT_SEND, IDC_IGNORE_HOT,
+};
+// clang-format on
 constexpr int FolderButtons[] = {IDC_MAKE_FOLDER, IDC_FOLDER_EMPTY, IDC_FOLDER_FILLED,
                                  IDC_HOT_EMPTY, IDC_HOT_FILLED};
 constexpr uint8_t ExportedEntryMagic[4] = {'K', 'B', 'D', 'e'};
@@ -83,7 +95,139 @@ bool NameInDirectory(const std::string& name) {
 
 }  // namespace
 
-void MainWindow::FillDirectoryList() {
+CallRequest ChosenCall() {
+    ControlModel& controls = Controls();
+    CallRequest call;
+    call.Number = controls.Text(IDC_NUMBER);
+    call.Name = controls.Text(IDC_NAME);
+    call.CarrierRow = controls.Selection(IDC_CARRIER);
+    call.Line.Protocol =
+        ProtocolNamed(controls.RowText(IDC_PROTOCOL, controls.Selection(IDC_PROTOCOL)));
+    call.Line.At56k = controls.Checked(IDC_56K);
+    call.Line.TwoChannels = controls.Checked(IDC_2B);
+    call.Line.Compression = controls.Checked(IDC_V42);
+    return call;
+}
+
+std::span<const int> DirectoryPanel::ControlIds() const {
+    return DirectoryControls;
+}
+
+EventOutcome DirectoryPanel::OnButton(int id) {
+    switch (id) {
+        case IDC_ADD:
+            OnDirectoryAdd();
+            return {};
+        case IDC_CHANGE:
+            OnDirectoryChange();
+            return {};
+        case IDC_DELETE:
+            OnDirectoryDelete();
+            return {};
+        case IDC_NEW:
+            OnDirectoryNew();
+            return {};
+        case IDC_MAKE_FOLDER:
+            OnCreatePickUpFolder();
+            return {};
+        case IDC_FOLDER_EMPTY:
+        case IDC_FOLDER_FILLED:
+        case IDC_HOT_EMPTY:
+        case IDC_HOT_FILLED:
+            OpenFolderInShell();
+            return {};
+        default:
+            return WindowPanel::OnButton(id);
+    }
+}
+
+EventOutcome DirectoryPanel::OnSelection(int id, int row) {
+    Controls().Select(id, row);
+    switch (id) {
+        case IDC_DIRECTORY_LIST:
+            OnDirectorySelect();
+            break;
+        case IDC_FORM:
+            OnFormChange();
+            break;
+        case IDC_PROTOCOL:
+            window_.Display().RecomputeSendTotal();
+            break;
+        default:
+            // The carrier: the choice itself is all there is.
+            break;
+    }
+    return {};
+}
+
+EventOutcome DirectoryPanel::OnBoxClicked(int id, bool checked) {
+    switch (id) {
+        case IDC_HOT_SEND:
+            SelectSendMode();
+            break;
+        case IDC_HOT_RETRIEVE:
+            SelectRetrieveMode();
+            break;
+        case IDC_56K:
+        case IDC_2B:
+        case IDC_V42:
+            window_.Display().RecomputeSendTotal();
+            break;
+        case IDC_IGNORE_HOT:
+            // Takes effect at the next tick of the hot folder timer.
+            ThePreferences.IgnoreHotFolders = checked ? 1 : 0;
+            break;
+        default:
+            break;
+    }
+    return {};
+}
+
+EventOutcome DirectoryPanel::OnTextEdited(int /*id*/) {
+    OnEntryEdited();
+    return {};
+}
+
+void DirectoryPanel::OfferAdapter(const std::vector<std::string>& protocolsNotOffered,
+                                  bool channelOptions) {
+    ControlModel& controls = Controls();
+    for (const std::string& protocol : protocolsNotOffered) {
+        controls.DeleteRowWithText(IDC_PROTOCOL, protocol);
+    }
+    if (channelOptions) {
+        controls.Show(IDC_2B, true);
+        controls.Show(IDC_V42, true);
+    }
+    controls.Select(IDC_PROTOCOL, 0);
+    controls.Select(IDC_CARRIER, 0);
+    controls.Check(IDC_IGNORE_HOT, ThePreferences.IgnoreHotFolders != 0);
+}
+
+// AIMUX always takes two channels. With no row selected, which is the case
+// until the adapter is known, the line is that of the first row, V.120, the
+// protocol that the panel then selects.
+OutgoingLine DirectoryPanel::EstimatedLine() const {
+    ControlModel& controls = Controls();
+    OutgoingLine line;
+    line.At56k = controls.Checked(IDC_56K);
+    const bool aimux = ProtocolOfRow(controls.Selection(IDC_PROTOCOL)) == ProtocolAimux;
+    line.TwoChannels = aimux || controls.Checked(IDC_2B);
+    return line;
+}
+
+void DirectoryPanel::OnDropFiles(const std::vector<std::string>& paths) {
+    if (paths.empty()) {
+        return;
+    }
+    const std::string& first = paths.front();
+    const bool exported = first.size() >= 4 && (first.compare(first.size() - 4, 4, ".KBE") == 0 ||
+                                                first.compare(first.size() - 4, 4, ".kbe") == 0);
+    if (exported) {
+        ImportDirectoryEntry(first);
+    }
+}
+
+void DirectoryPanel::FillDirectoryList() {
     ControlModel& controls = Controls();
     controls.ClearRows(IDC_DIRECTORY_LIST);
     const int16_t count = std::clamp<int16_t>(DirectoryCount.load(), 0, DirectoryMaxRecords);
@@ -92,7 +236,7 @@ void MainWindow::FillDirectoryList() {
     }
 }
 
-void MainWindow::ShowCorrespondent(int16_t index) {
+void DirectoryPanel::ShowCorrespondent(int16_t index) {
     if (!InRange(index)) {
         return;
     }
@@ -137,10 +281,10 @@ void MainWindow::ShowCorrespondent(int16_t index) {
         controls.Check(IDC_HOT_RETRIEVE, !hot);
         EnsureSentFilesFolder(index);
     }
-    UpdateActionButtons();
+    window_.UpdateActionButtons();
 }
 
-void MainWindow::ReadCorrespondentForm(int16_t index) {
+void DirectoryPanel::ReadCorrespondentForm(int16_t index) {
     if (!InRange(index)) {
         return;
     }
@@ -163,7 +307,7 @@ void MainWindow::ReadCorrespondentForm(int16_t index) {
     record.HotSend = controls.Checked(IDC_HOT_SEND) ? 1 : 0;
 }
 
-void MainWindow::ShowMarkedRecord() {
+void DirectoryPanel::ShowMarkedRecord() {
     const int16_t count = DirectoryCount.load();
     for (int16_t i = 0; i < count; ++i) {
         if (Directory[i].SelectMark != 0) {
@@ -175,7 +319,7 @@ void MainWindow::ShowMarkedRecord() {
     }
 }
 
-void MainWindow::OnDirectorySelect() {
+void DirectoryPanel::OnDirectorySelect() {
     const int row = Controls().Selection(IDC_DIRECTORY_LIST);
     if (row < 0 || row >= DirectoryCount.load()) {
         return;
@@ -186,10 +330,10 @@ void MainWindow::OnDirectorySelect() {
     }
     ShowCorrespondent(static_cast<int16_t>(row));
     // The estimate follows the settings just shown.
-    RecomputeSendTotal();
+    window_.Display().RecomputeSendTotal();
 }
 
-void MainWindow::OnDirectoryAdd() {
+void DirectoryPanel::OnDirectoryAdd() {
     const int16_t count = DirectoryCount.load();
     if (count >= DirectoryMaxRecords) {
         ShowMessageBox(
@@ -214,7 +358,7 @@ void MainWindow::OnDirectoryAdd() {
     Controls().Show(IDC_FOLDER_FILLED, false);
 }
 
-void MainWindow::OnDirectoryChange() {
+void DirectoryPanel::OnDirectoryChange() {
     const int16_t current = currentEntry_.load();
     const int16_t count = DirectoryCount.load();
     if (current < 0 || current >= count) {
@@ -244,7 +388,7 @@ void MainWindow::OnDirectoryChange() {
     ShowMarkedRecord();
 }
 
-void MainWindow::OnDirectoryDelete() {
+void DirectoryPanel::OnDirectoryDelete() {
     const int16_t current = currentEntry_.load();
     const int16_t count = DirectoryCount.load();
     if (current < 0 || current >= count) {
@@ -269,7 +413,7 @@ void MainWindow::OnDirectoryDelete() {
     OnDirectoryNew();
 }
 
-void MainWindow::OnDirectoryNew() {
+void DirectoryPanel::OnDirectoryNew() {
     ControlModel& controls = Controls();
     controls.SetText(IDC_NAME, "");
     controls.SetText(IDC_NUMBER, "");
@@ -292,7 +436,7 @@ void MainWindow::OnDirectoryNew() {
     currentEntry_.store(-1);
 }
 
-void MainWindow::OnFormChange() {
+void DirectoryPanel::OnFormChange() {
     const int16_t current = currentEntry_.load();
     if (current < 0 || current >= DirectoryCount.load()) {
         return;
@@ -310,7 +454,7 @@ void MainWindow::OnFormChange() {
     controls.Enable(IDC_NEW, true);
 }
 
-void MainWindow::OnEntryEdited() {
+void DirectoryPanel::OnEntryEdited() {
     ControlModel& controls = Controls();
     // Add stores what the form shows as a new record. In the form "Contact:"
     // that record would have no firm name, no list row to show and no number
@@ -320,7 +464,7 @@ void MainWindow::OnEntryEdited() {
     controls.Enable(IDC_ADD, firm && filled);
 }
 
-int MainWindow::ImportDirectoryEntry(const std::string& path, EntrySource source) {
+int DirectoryPanel::ImportDirectoryEntry(const std::string& path, EntrySource source) {
     const int16_t count = DirectoryCount.load();
     if (count >= DirectoryMaxRecords) {
         ShowMessageBox(
@@ -387,7 +531,7 @@ int MainWindow::ImportDirectoryEntry(const std::string& path, EntrySource source
     return 1;
 }
 
-bool MainWindow::CreatePickUpFolder(int16_t index) {
+bool DirectoryPanel::CreatePickUpFolder(int16_t index) {
     if (!InRange(index)) {
         return false;
     }
@@ -404,7 +548,7 @@ bool MainWindow::CreatePickUpFolder(int16_t index) {
     return true;
 }
 
-void MainWindow::OnCreatePickUpFolder() {
+void DirectoryPanel::OnCreatePickUpFolder() {
     const int16_t current = currentEntry_.load();
     if (current < 0) {
         return;
@@ -417,7 +561,7 @@ void MainWindow::OnCreatePickUpFolder() {
     SelectRetrieveMode();
 }
 
-void MainWindow::OpenFolderInShell() {
+void DirectoryPanel::OpenFolderInShell() {
     // With Ctrl held, the folder of all pick-up folders.
     if (KeyIsDown(Key::Control)) {
         TheDesktop().ShowFolder(PickUpPath);
@@ -433,17 +577,17 @@ void MainWindow::OpenFolderInShell() {
     }
 }
 
-void MainWindow::SelectSendMode() {
+void DirectoryPanel::SelectSendMode() {
     Controls().Check(IDC_HOT_SEND, true);
     Controls().Check(IDC_HOT_RETRIEVE, false);
 }
 
-void MainWindow::SelectRetrieveMode() {
+void DirectoryPanel::SelectRetrieveMode() {
     Controls().Check(IDC_HOT_SEND, false);
     Controls().Check(IDC_HOT_RETRIEVE, true);
 }
 
-EventOutcome MainWindow::OnExportEntry() {
+EventOutcome DirectoryPanel::OnExportEntry() {
     const int16_t current = currentEntry_.load();
     if (current < 0 || current >= DirectoryCount.load()) {
         return EventOutcome{false, "no correspondent is on show"};
@@ -469,11 +613,11 @@ EventOutcome MainWindow::OnExportEntry() {
     return {};
 }
 
-void MainWindow::SelectCorrespondent(int16_t index) {
+void DirectoryPanel::SelectCorrespondent(int16_t index) {
     Controls().Select(IDC_DIRECTORY_LIST, index);
     ShowCorrespondent(index);
 }
 
-void MainWindow::ShowSelectedCorrespondent() {
+void DirectoryPanel::ShowSelectedCorrespondent() {
     ShowCorrespondent(static_cast<int16_t>(Controls().Selection(IDC_DIRECTORY_LIST)));
 }

@@ -1,14 +1,12 @@
-// The file list: the list control headed "File List" and SendList behind it.
-// Row n of the control is entry n of SendList while this end prepares to send.
+#include "app/file_list.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include "app/main_window.h"
-
-#include "app/chosen_call.h"
 #include "app/control_model.h"
+#include "app/main_window.h"
 #include "engine/pickup.h"
 #include "engine/transfer_engine.h"
 #include "engine/wire.h"
@@ -36,6 +34,9 @@ std::string WithoutTrailingSlash(std::string path) {
 bool IsProgramName(const std::string& name) {
     return name.find(".exe") != std::string::npos || name.find(".EXE") != std::string::npos;
 }
+
+constexpr int FileListControls[] = {IDC_LABEL_FILE_LIST, IDC_FILE_LIST,  IDC_FILE_ADD,
+                                    IDC_FILE_DELETE,     IDC_FILE_CLEAR, IDC_DIR_SCRATCH};
 
 }  // namespace
 
@@ -68,7 +69,47 @@ std::string ShortDisplayName(const std::string& name) {
     return name.substr(0, WholeCharactersWithin(name, NameMaxLength));
 }
 
-void MainWindow::OnFileAdd() {
+std::span<const int> FileListPanel::ControlIds() const {
+    return FileListControls;
+}
+
+EventOutcome FileListPanel::OnButton(int id) {
+    switch (id) {
+        case IDC_FILE_ADD:
+            OnFileAdd();
+            return {};
+        case IDC_FILE_DELETE:
+            OnFileDelete();
+            return {};
+        case IDC_FILE_CLEAR:
+            OnFileClear();
+            return {};
+        default:
+            return WindowPanel::OnButton(id);
+    }
+}
+
+EventOutcome FileListPanel::OnSelection(int id, int row) {
+    if (id == IDC_FILE_LIST) {
+        OnFileClick(row);
+        return {};
+    }
+    return WindowPanel::OnSelection(id, row);
+}
+
+bool FileListPanel::HasFiles() const {
+    return TheEngine.SendCount.load() > 0;
+}
+
+void FileListPanel::ShowPermissions(const Permissions& may) {
+    ControlModel& controls = Controls();
+    controls.Enable(IDC_FILE_ADD, may.EditFiles);
+    controls.Enable(IDC_FILE_CLEAR, may.ClearFiles);
+    // Delete takes the row clicked last; adding a file forgets it.
+    controls.Enable(IDC_FILE_DELETE, may.ClearFiles && selectedFileRow_.load() != -1);
+}
+
+void FileListPanel::OnFileAdd() {
     FileDialogRequest request;
     request.Filter = AllFilesFilter;
     const std::optional<std::string> chosen = TheDesktop().ChooseFile(request);
@@ -78,7 +119,7 @@ void MainWindow::OnFileAdd() {
     }
 }
 
-bool MainWindow::AddFileToList(const std::string& path, const std::string& name) {
+bool FileListPanel::AddFileToList(const std::string& path, const std::string& name) {
     const int16_t count = TheEngine.SendCount.load();
     // SendList has ListCapacity slots and the wire list no more; an entry
     // beyond them is refused, and the user is told in the log.
@@ -122,12 +163,12 @@ bool MainWindow::AddFileToList(const std::string& path, const std::string& name)
     TheEngine.SendRemaining.fetch_add(entry.TotalLength);
     selectedFileRow_.store(-1);
     Controls().Select(IDC_FILE_LIST, -1);
-    UpdateActionButtons();
-    ShowBatchEstimate(TheEngine.SendRemaining.load());
+    window_.UpdateActionButtons();
+    window_.Display().ShowBatchEstimate(TheEngine.SendRemaining.load());
     return true;
 }
 
-void MainWindow::AddFolderToSendList(const std::string& path, const std::string& name) {
+void FileListPanel::AddFolderToSendList(const std::string& path, const std::string& name) {
     // A folder replaces whatever the list held, so that several folders in
     // one drop leave only the last.
     ClearFileList();
@@ -171,7 +212,7 @@ void MainWindow::AddFolderToSendList(const std::string& path, const std::string&
     }
 }
 
-void MainWindow::ClearFileList() {
+void FileListPanel::ClearFileList() {
     ControlModel& controls = Controls();
     controls.ClearRows(IDC_FILE_LIST);
     controls.Enable(IDC_FILE_DELETE, false);
@@ -179,15 +220,15 @@ void MainWindow::ClearFileList() {
     TheEngine.SendRemaining.store(0);
     TheEngine.SendCount.store(0);
     selectedFileRow_.store(-1);
-    UpdateActionButtons();
-    ShowBatchEstimate(0);
+    window_.UpdateActionButtons();
+    window_.Display().ShowBatchEstimate(0);
 }
 
-void MainWindow::OnFileClear() {
+void FileListPanel::OnFileClear() {
     ClearFileList();
 }
 
-void MainWindow::OnFileDelete() {
+void FileListPanel::OnFileDelete() {
     const int16_t row = selectedFileRow_.load();
     if (row == -1) {
         return;
@@ -201,11 +242,11 @@ void MainWindow::OnFileDelete() {
     Controls().DeleteRow(IDC_FILE_LIST, row);
     TheEngine.SendCount.store(count > 0 ? static_cast<int16_t>(count - 1) : int16_t{0});
     selectedFileRow_.store(-1);
-    UpdateActionButtons();
-    RecomputeSendTotal();
+    window_.UpdateActionButtons();
+    window_.Display().RecomputeSendTotal();
 }
 
-void MainWindow::OnFileClick(int row) {
+void FileListPanel::OnFileClick(int row) {
     selectedFileRow_.store(static_cast<int16_t>(row < 0 ? -1 : row));
     Controls().Select(IDC_FILE_LIST, row);
     if (TheEngine.LinkState.load() == LinkIdle) {
@@ -213,62 +254,59 @@ void MainWindow::OnFileClick(int row) {
     }
 }
 
-void MainWindow::OnDropFiles(int targetId, const std::vector<std::string>& paths) {
-    const bool onList = targetId == IDC_FILE_LIST || targetId == IDC_SEND;
-    if (onList && TheEngine.LinkState.load() == LinkIdle) {
-        // What cannot be read is named and left out; the rest of the drop
-        // stays. Taken for a folder, it would replace the list with a marker
-        // of its own name, and the files dropped with it would be gone
-        // without a word.
-        std::string unreadable;
-        for (const std::string& dropped : paths) {
-            const std::string path = WithoutTrailingSlash(dropped);
-            const std::string name = FileNameOfPath(path);
-            const PathKind kind = KindOfPath(path);
-            // A FIFO, device or socket is never opened: it is passed over as
-            // a subfolder of a dropped folder would be.
-            if (kind == PathKind::Other) {
-                continue;
-            }
-            if (kind == PathKind::Folder) {
-                std::vector<FolderEntry> entries;
-                if (ListFolder(path, entries)) {
-                    AddFolderToSendList(path, name);
-                } else {
-                    unreadable += "\r" + path;
-                }
-                continue;
-            }
-            File file;
-            if (kind == PathKind::File && file.Open(path, File::Mode::Read)) {
-                const int64_t length = file.Length();
-                file.Close();
-                // A dropped file of length 0 is skipped.
-                if (length != 0) {
-                    AddFileToList(path, name);
-                }
+void FileListPanel::OnDropFiles(const std::vector<std::string>& paths) {
+    // What cannot be read is named and left out; the rest of the drop
+    // stays. Taken for a folder, it would replace the list with a marker
+    // of its own name, and the files dropped with it would be gone
+    // without a word.
+    std::string unreadable;
+    for (const std::string& dropped : paths) {
+        const std::string path = WithoutTrailingSlash(dropped);
+        const std::string name = FileNameOfPath(path);
+        const PathKind kind = KindOfPath(path);
+        // A FIFO, device or socket is never opened: it is passed over as
+        // a subfolder of a dropped folder would be.
+        if (kind == PathKind::Other) {
+            continue;
+        }
+        if (kind == PathKind::Folder) {
+            std::vector<FolderEntry> entries;
+            if (ListFolder(path, entries)) {
+                AddFolderToSendList(path, name);
             } else {
                 unreadable += "\r" + path;
             }
+            continue;
         }
-        if (!unreadable.empty()) {
-            ShowMessageBox("These could not be opened and were not added:" + unreadable);
+        File file;
+        if (kind == PathKind::File && file.Open(path, File::Mode::Read)) {
+            const int64_t length = file.Length();
+            file.Close();
+            // A dropped file of length 0 is skipped.
+            if (length != 0) {
+                AddFileToList(path, name);
+            }
+        } else {
+            unreadable += "\r" + path;
         }
-        // One drop on Send fills the list and starts the call.
-        if (targetId == IDC_SEND) {
-            OnSendClicked(ChosenCall());
-        }
-        return;
     }
-    if (targetId == IDC_DIRECTORY_LIST && !paths.empty()) {
-        const std::string& first = paths.front();
-        const bool exported =
-            first.size() >= 4 && (first.compare(first.size() - 4, 4, ".KBE") == 0 ||
-                                  first.compare(first.size() - 4, 4, ".kbe") == 0);
-        if (exported) {
-            ImportDirectoryEntry(first);
-        }
-        // Raising the window is the front end's; a drop here always ends
-        // with the window in front.
+    if (!unreadable.empty()) {
+        ShowMessageBox("These could not be opened and were not added:" + unreadable);
     }
+}
+
+void FileListPanel::ListIncomingFiles() {
+    const uint32_t count = std::min<uint32_t>(TheEngine.ReceiveCount.load(), ListCapacity);
+    for (uint32_t i = 0; i < count; ++i) {
+        const FileEntry& entry = TheEngine.ReceiveList[i];
+        // The size here includes the checksum bytes of the wire.
+        const std::string size =
+            entry.EntryKind == KindFolderMarker ? "" : std::to_string(entry.TotalLength);
+        Controls().AddRow(IDC_FILE_LIST,
+                          ListRow{std::string(entry.DisplayName.View()), size, entry.EntryKind});
+    }
+}
+
+void FileListPanel::RemoveTopFileRow() {
+    Controls().DeleteRow(IDC_FILE_LIST, 0);
 }

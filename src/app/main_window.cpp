@@ -1,10 +1,9 @@
 #include "app/main_window.h"
 
-#include "app/chosen_call.h"
-
 #include <map>
 #include <utility>
 
+#include "app/chosen_call.h"
 #include "app/control_model.h"
 #include "engine/dialing.h"
 #include "engine/engine_window.h"
@@ -116,34 +115,10 @@ std::vector<Menu> StartMenus() {
     };
 }
 
-bool IsIncomingControl(int id) {
-    return id == IDC_IN_PROTOCOL || id == IDC_IN_56K || id == IDC_IN_2B || id == IDC_IN_V42;
-}
-
-EventOutcome Refused(std::string why) {
-    return EventOutcome{false, std::move(why)};
-}
-
 // The hot folders are looked at this often.
 constexpr uint32_t HotFolderPeriodMs = 15000;
 
 }  // namespace
-
-CallRequest ChosenCall() {
-    ControlModel& controls = Controls();
-    CallRequest call;
-    call.Number = controls.Text(IDC_NUMBER);
-    call.Name = controls.Text(IDC_NAME);
-    call.CarrierRow = controls.Selection(IDC_CARRIER);
-    call.Line.Protocol =
-        ProtocolNamed(controls.RowText(IDC_PROTOCOL, controls.Selection(IDC_PROTOCOL)));
-    call.Line.At56k = controls.Checked(IDC_56K);
-    call.Line.TwoChannels = controls.Checked(IDC_2B);
-    call.Line.Compression = controls.Checked(IDC_V42);
-    return call;
-}
-
-namespace {}  // namespace
 
 const std::vector<ControlPlace>& MainWindowLayout() {
     static const std::vector<ControlPlace> Layout = [] {
@@ -173,30 +148,43 @@ MainWindow* ActiveMainWindow() {
 }
 
 // The window as the engine's threads see it: each display call goes to the
-// window's operation of the same name. It keeps the engine's interface out of
-// MainWindow's header, which front ends include.
+// operation of the same name of the panel that shows it. It keeps the
+// engine's interface out of MainWindow's header, which front ends include.
 class EngineDisplay final : public EngineWindow {
 public:
     explicit EngineDisplay(MainWindow& window) : window_(window) {}
 
-    void ShowBatchEstimate(uint32_t bytes) override { window_.ShowBatchEstimate(bytes); }
-    void RecomputeSendTotal() override { window_.RecomputeSendTotal(); }
-    void ShowTransferDisplay(bool starting) override { window_.ShowTransferDisplay(starting); }
-    void SetProgress(uint32_t done, uint32_t total) override { window_.SetProgress(done, total); }
-    void ShowThroughput(bool sending, bool log) override { window_.ShowThroughput(sending, log); }
-    void LogElapsedTime() override { window_.LogElapsedTime(); }
-    void ListIncomingFiles() override { window_.ListIncomingFiles(); }
-    void RemoveTopFileRow() override { window_.RemoveTopFileRow(); }
+    void ShowBatchEstimate(uint32_t bytes) override { window_.Display().ShowBatchEstimate(bytes); }
+    void RecomputeSendTotal() override { window_.Display().RecomputeSendTotal(); }
+    void ShowTransferDisplay(bool starting) override {
+        window_.Display().ShowTransferDisplay(starting);
+    }
+    void SetProgress(uint32_t done, uint32_t total) override {
+        window_.Display().SetProgress(done, total);
+    }
+    void ShowThroughput(bool sending, bool log) override {
+        window_.Display().ShowThroughput(sending, log);
+    }
+    void LogElapsedTime() override { window_.Display().LogElapsedTime(); }
+    void ListIncomingFiles() override { window_.Files().ListIncomingFiles(); }
+    void RemoveTopFileRow() override { window_.Files().RemoveTopFileRow(); }
     void UpdateActionButtons() override { window_.UpdateActionButtons(); }
-    void ShowCorrespondent(int16_t index) override { window_.ShowCorrespondent(index); }
-    void SelectCorrespondent(int16_t index) override { window_.SelectCorrespondent(index); }
-    void ShowSelectedCorrespondent() override { window_.ShowSelectedCorrespondent(); }
-    void ClearFileList() override { window_.ClearFileList(); }
+    void ShowCorrespondent(int16_t index) override {
+        window_.Correspondents().ShowCorrespondent(index);
+    }
+    void SelectCorrespondent(int16_t index) override {
+        window_.Correspondents().SelectCorrespondent(index);
+    }
+    void ShowSelectedCorrespondent() override {
+        window_.Correspondents().ShowSelectedCorrespondent();
+    }
+    void ClearFileList() override { window_.Files().ClearFileList(); }
     void AddFolderToSendList(const std::string& path, const std::string& name) override {
-        window_.AddFolderToSendList(path, name);
+        window_.Files().AddFolderToSendList(path, name);
     }
     int ImportDirectoryEntry(const std::string& path) override {
-        return window_.ImportDirectoryEntry(path, MainWindow::EntrySource::Received);
+        return window_.Correspondents().ImportDirectoryEntry(path,
+                                                             DirectoryPanel::EntrySource::Received);
     }
 
 private:
@@ -215,8 +203,7 @@ MainWindow::~MainWindow() {
 }
 
 void MainWindow::SetLogObserver(std::function<void(const std::string&)> observer) {
-    std::lock_guard<std::mutex> guard(logLock_);
-    logObserver_ = std::move(observer);
+    log_.SetObserver(std::move(observer));
 }
 
 const std::vector<std::string>& MainWindow::LinkStateNames() {
@@ -281,7 +268,7 @@ bool MainWindow::OnInitDialog() {
 
     if (CommPortCreate() != 1) {
         // Nothing runs in this state; the log list still takes what is logged.
-        SetLogLineSink([this](const std::string& line) { AddLogLine(line); });
+        SetLogLineSink([this](const std::string& line) { log_.AddLogLine(line); });
         ShowMessageBox("Cannot create comm port information.");
         // No search follows: the start is over as it is.
         startOver_ = true;
@@ -289,12 +276,12 @@ bool MainWindow::OnInitDialog() {
     }
     EngineStartup();
     engineStarted_ = true;
-    FillLogList();
+    log_.FillLogList();
     // Lines logged before the window existed follow the stored ones.
-    SetLogLineSink([this](const std::string& line) { AddLogLine(line); });
-    FillDirectoryList();
+    SetLogLineSink([this](const std::string& line) { log_.AddLogLine(line); });
+    directory_.FillDirectoryList();
     ClearHotFolderCounters();
-    LogStartStop(true);
+    log_.LogStartStop(true);
     TheEngine.CommThreadRun = true;
     commThread_ = StartThread(CommThread, nullptr, ThreadPriority::Normal, false);
     commThreadStarted_ = commThread_ != nullptr;
@@ -379,8 +366,8 @@ void MainWindow::PrepareExit() {
         // adapter leaves the file as it was.
         SavePreferences();
     }
-    LogStartStop(false);
-    SaveStatusLog(LogLines());
+    log_.LogStartStop(false);
+    SaveStatusLog(log_.LogLines());
 }
 
 // ---------------------------------------------------------------------------
@@ -395,31 +382,16 @@ void MainWindow::ShowAdapter(bool searchSucceeded) {
     if (!searchSucceeded) {
         return;
     }
-    ControlModel& controls = Controls();
-    const std::string caption = OwnNumberCaption();
-    if (!caption.empty()) {
-        controls.SetText(IDC_OWN_NUMBER, caption);
-        controls.Enable(IDC_OWN_NUMBER, true);
-    }
     // Both protocol lists lose what the adapter cannot do on this port.
+    std::vector<std::string> notOffered;
     for (const LineProtocol protocol : {ProtocolAimux, ProtocolX75}) {
         if (!ProtocolOffered(protocol)) {
-            controls.DeleteRowWithText(IDC_PROTOCOL, ProtocolNames[protocol]);
-            controls.DeleteRowWithText(IDC_IN_PROTOCOL, ProtocolNames[protocol]);
+            notOffered.emplace_back(ProtocolNames[protocol]);
         }
     }
-    if (CurrentFamily().HasChannelOptions) {
-        for (int id : {IDC_2B, IDC_V42, IDC_IN_2B, IDC_IN_V42}) {
-            controls.Show(id, true);
-        }
-    }
-    controls.Select(IDC_IN_PROTOCOL, RowOfProtocol(ThePreferences.IncomingProtocol));
-    controls.Select(IDC_PROTOCOL, 0);
-    controls.Select(IDC_CARRIER, 0);
-    controls.Check(IDC_IN_56K, ThePreferences.Incoming56K != 0);
-    controls.Check(IDC_IN_2B, ThePreferences.Incoming2B != 0);
-    controls.Check(IDC_IN_V42, ThePreferences.IncomingV42 != 0);
-    controls.Check(IDC_IGNORE_HOT, ThePreferences.IgnoreHotFolders != 0);
+    const bool channelOptions = CurrentFamily().HasChannelOptions;
+    line_.OfferAdapter(notOffered, channelOptions);
+    directory_.OfferAdapter(notOffered, channelOptions);
 }
 
 void MainWindow::ShowPortSpeed() {
@@ -443,7 +415,7 @@ void MainWindow::SendDueHotFolder() {
     }
     LoadPickUpFolder(due);
     // The panel shows the record, and the call goes out as the panel sets it.
-    SelectCorrespondent(due);
+    directory_.SelectCorrespondent(due);
     SendHotFolder(ChosenCall());
 }
 
@@ -474,74 +446,43 @@ void MainWindow::OnAboutOk() {
 }
 
 // ---------------------------------------------------------------------------
-// The action buttons
+// What the user may do
+
+Permissions MainWindow::WhatTheUserMay() const {
+    const bool linkUp = TheEngine.LinkState.load() > LinkIdle;
+    const bool haveFiles = files_.HasFiles();
+    Permissions may;
+    // With files in the list a call sends them; with an empty list the only
+    // thing a call can do is fetch. Neither waits for a record to be chosen:
+    // the call refuses an empty number.
+    may.Send = !linkUp && haveFiles;
+    may.Retrieve = !linkUp && !haveFiles;
+    may.Disconnect = linkUp;
+    may.EditFiles = !linkUp;
+    may.ClearFiles = !linkUp && haveFiles;
+    return may;
+}
 
 void MainWindow::UpdateActionButtons() {
     std::lock_guard<std::mutex> guard(buttonsLock_);
-    ControlModel& controls = Controls();
-    const bool linkUp = TheEngine.LinkState.load() > LinkIdle;
-    const bool haveFiles = TheEngine.SendCount.load() > 0;
-    const bool rowSelected = selectedFileRow_.load() != -1;
-    controls.Enable(IDC_SEND, !linkUp && haveFiles);
-    controls.Enable(IDC_RETRIEVE, !linkUp && !haveFiles);
-    controls.Enable(IDC_DISCONNECT, linkUp);
-    controls.Enable(IDC_FILE_ADD, !linkUp);
-    controls.Enable(IDC_FILE_CLEAR, !linkUp && haveFiles);
-    controls.Enable(IDC_FILE_DELETE, !linkUp && haveFiles && rowSelected);
-    for (int id : {IDC_IN_PROTOCOL, IDC_IN_56K, IDC_IN_2B, IDC_IN_V42}) {
-        controls.Enable(id, !linkUp);
-    }
-}
-
-// ---------------------------------------------------------------------------
-// The status log
-
-void MainWindow::FillLogList() {
-    std::lock_guard<std::mutex> guard(logLock_);
-    // The stored lines come back whatever their number; the limit applies
-    // from the next line on.
-    logLines_ = StoredLogLines();
-    Controls().ClearRows(IDC_LOG);
-    for (const std::string& line : logLines_) {
-        Controls().AddRow(IDC_LOG, ListRow{line, "", 0});
-    }
-}
-
-void MainWindow::AddLogLine(const std::string& text) {
-    std::lock_guard<std::mutex> guard(logLock_);
-    ControlModel& controls = Controls();
-    const size_t removed = AppendLogLine(logLines_, text);
-    controls.AddRow(IDC_LOG, ListRow{text, "", 0});
-    if (removed != 0) {
-        controls.DeleteFirstRows(IDC_LOG, static_cast<int>(removed));
-    }
-    // Selecting the newest line brings it into view; selecting none then
-    // leaves no line highlighted.
-    controls.Select(IDC_LOG, static_cast<int>(logLines_.size()) - 1);
-    controls.Select(IDC_LOG, -1);
-    if (logObserver_) {
-        logObserver_(text);
-    }
-}
-
-void MainWindow::LogStartStop(bool starting) {
-    ::AddLogLine(StartStopLine(starting));
-}
-
-void MainWindow::OnClearLog() {
-    std::lock_guard<std::mutex> guard(logLock_);
-    // The file is not touched; it catches up at exit.
-    logLines_.clear();
-    Controls().ClearRows(IDC_LOG);
-}
-
-std::vector<std::string> MainWindow::LogLines() const {
-    std::lock_guard<std::mutex> guard(logLock_);
-    return logLines_;
+    const Permissions may = WhatTheUserMay();
+    line_.ShowCallPermissions(may);
+    files_.ShowPermissions(may);
+    line_.ShowIncomingPermissions(may);
 }
 
 // ---------------------------------------------------------------------------
 // Events of the front ends
+
+WindowPanel* MainWindow::PanelOwning(int id) {
+    for (WindowPanel* panel : std::initializer_list<WindowPanel*>{&directory_, &files_, &display_,
+                                                                  &log_, &desktop_, &line_}) {
+        if (panel->Owns(id)) {
+            return panel;
+        }
+    }
+    return nullptr;
+}
 
 EventOutcome MainWindow::HandleEvent(const WindowEvent& event) {
     using Kind = EventKind;
@@ -570,7 +511,8 @@ EventOutcome MainWindow::HandleEvent(const WindowEvent& event) {
             break;
     }
 
-    if (!controls.Exists(event.Id) || ControlName(event.Id).empty()) {
+    WindowPanel* panel = PanelOwning(event.Id);
+    if (panel == nullptr || !controls.Exists(event.Id) || ControlName(event.Id).empty()) {
         return Refused("no such control");
     }
     const std::string name = ControlName(event.Id);
@@ -586,7 +528,7 @@ EventOutcome MainWindow::HandleEvent(const WindowEvent& event) {
             if (kind != ControlKind::Button && kind != ControlKind::PictureButton) {
                 return Refused(name + " is no button");
             }
-            return OnButton(event.Id);
+            return panel->OnButton(event.Id);
         case Kind::SelectionChanged:
             if (kind != ControlKind::ListBox && kind != ControlKind::DropDown &&
                 kind != ControlKind::ListView) {
@@ -595,172 +537,55 @@ EventOutcome MainWindow::HandleEvent(const WindowEvent& event) {
             if (event.Row < -1 || event.Row >= controls.RowCount(event.Id)) {
                 return Refused(name + " has no row " + std::to_string(event.Row));
             }
-            return OnSelection(event.Id, event.Row);
+            return panel->OnSelection(event.Id, event.Row);
         case Kind::TextEdited:
             if (kind != ControlKind::Edit) {
                 return Refused(name + " takes no text");
             }
             // The edit fields take at most 31 characters, as a record holds.
             controls.SetText(event.Id, event.Text.substr(0, 31));
-            if (event.Id == IDC_NAME || event.Id == IDC_NUMBER) {
-                OnEntryEdited();
-            }
-            return {};
+            return panel->OnTextEdited(event.Id);
         case Kind::BoxClicked:
             if (kind != ControlKind::CheckBox && kind != ControlKind::RadioButton) {
                 return Refused(name + " is no check box");
             }
-            return OnBoxClicked(event.Id, event.Checked);
+            return OnBoxClicked(*panel, event.Id, event.Checked);
         default:
             return Refused("unknown event");
     }
 }
 
-EventOutcome MainWindow::OnButton(int id) {
-    switch (id) {
-        case IDC_SEND:
-            OnSendClicked(ChosenCall());
-            return {};
-        case IDC_RETRIEVE:
-            OnRetrieveClicked(ChosenCall());
-            return {};
-        case IDC_DISCONNECT:
-            RequestDisconnect();
-            return {};
-        case IDC_FILE_ADD:
-            OnFileAdd();
-            return {};
-        case IDC_FILE_DELETE:
-            OnFileDelete();
-            return {};
-        case IDC_FILE_CLEAR:
-            OnFileClear();
-            return {};
-        case IDC_CLEAR_LOG:
-            OnClearLog();
-            return {};
-        case IDC_ADD:
-            OnDirectoryAdd();
-            return {};
-        case IDC_CHANGE:
-            OnDirectoryChange();
-            return {};
-        case IDC_DELETE:
-            OnDirectoryDelete();
-            return {};
-        case IDC_NEW:
-            OnDirectoryNew();
-            return {};
-        case IDC_MAKE_FOLDER:
-            OnCreatePickUpFolder();
-            return {};
-        case IDC_FOLDER_EMPTY:
-        case IDC_FOLDER_FILLED:
-        case IDC_HOT_EMPTY:
-        case IDC_HOT_FILLED:
-            OpenFolderInShell();
-            return {};
-        case IDC_OPEN_INCOMING:
-            OnOpenIncoming();
-            return {};
-        case IDC_PROGRAM_1:
-            OnProgramA();
-            return {};
-        case IDC_PROGRAM_2:
-            OnProgramB();
-            return {};
-        case IDC_HELP:
-            OnHelp();
-            return {};
-        default:
-            return Refused(ControlName(id) + " is no button");
-    }
-}
-
-EventOutcome MainWindow::OnSelection(int id, int row) {
-    switch (id) {
-        case IDC_FILE_LIST:
-            OnFileClick(row);
-            return {};
-        case IDC_DIRECTORY_LIST:
-            Controls().Select(id, row);
-            OnDirectorySelect();
-            return {};
-        case IDC_FORM:
-            Controls().Select(id, row);
-            OnFormChange();
-            return {};
-        case IDC_PROTOCOL:
-            Controls().Select(id, row);
-            RecomputeSendTotal();
-            return {};
-        case IDC_IN_PROTOCOL:
-            Controls().Select(id, row);
-            StoreIncomingSetting(id);
-            return {};
-        default:
-            // The carrier, the log list: the choice itself is all there is.
-            Controls().Select(id, row);
-            return {};
-    }
-}
-
-EventOutcome MainWindow::OnBoxClicked(int id, bool checked) {
+EventOutcome MainWindow::OnBoxClicked(WindowPanel& panel, int id, bool checked) {
     ControlModel& controls = Controls();
     if (controls.State(id).Kind == ControlKind::RadioButton) {
         // A click on a radio button chooses it; the pair excludes each other.
         if (!checked) {
             return Refused(ControlName(id) + " is cleared by choosing the other one");
         }
-        if (id == IDC_HOT_SEND) {
-            SelectSendMode();
-        } else {
-            SelectRetrieveMode();
-        }
-        return {};
+        return panel.OnBoxClicked(id, checked);
     }
     if (controls.Checked(id) == checked) {
         return {};
     }
     controls.Check(id, checked);
-    switch (id) {
-        case IDC_56K:
-        case IDC_2B:
-        case IDC_V42:
-            RecomputeSendTotal();
-            break;
-        case IDC_IGNORE_HOT:
-            // Takes effect at the next tick of the hot folder timer.
-            ThePreferences.IgnoreHotFolders = checked ? 1 : 0;
-            break;
-        default:
-            if (IsIncomingControl(id)) {
-                StoreIncomingSetting(id);
-            }
-            break;
-    }
-    return {};
+    return panel.OnBoxClicked(id, checked);
 }
 
-void MainWindow::StoreIncomingSetting(int id) {
-    ControlModel& controls = Controls();
-    switch (id) {
-        case IDC_IN_PROTOCOL:
-            ThePreferences.IncomingProtocol = ProtocolOfRow(controls.Selection(IDC_IN_PROTOCOL));
-            break;
-        case IDC_IN_56K:
-            ThePreferences.Incoming56K = controls.Checked(id) ? 1 : 0;
-            break;
-        case IDC_IN_2B:
-            ThePreferences.Incoming2B = controls.Checked(id) ? 1 : 0;
-            break;
-        case IDC_IN_V42:
-            ThePreferences.IncomingV42 = controls.Checked(id) ? 1 : 0;
-            break;
-        default:
-            return;
+void MainWindow::OnDropFiles(int targetId, const std::vector<std::string>& paths) {
+    const bool onList = targetId == IDC_FILE_LIST || targetId == IDC_SEND;
+    if (onList && TheEngine.LinkState.load() == LinkIdle) {
+        files_.OnDropFiles(paths);
+        // One drop on Send fills the list and starts the call.
+        if (targetId == IDC_SEND) {
+            line_.OnSend();
+        }
+        return;
     }
-    ReinitializeIncoming();
+    if (targetId == IDC_DIRECTORY_LIST) {
+        directory_.OnDropFiles(paths);
+    }
+    // Raising the window is the front end's; a drop here always ends with
+    // the window in front.
 }
 
 EventOutcome MainWindow::OnMenuCommand(int id) {
@@ -780,7 +605,7 @@ EventOutcome MainWindow::OnMenuCommand(int id) {
             ShowPortSpeed();
             return {};
         case ID_FILE_EXPORT_ENTRY:
-            return OnExportEntry();
+            return directory_.OnExportEntry();
         default:
             return Refused("no such menu command");
     }

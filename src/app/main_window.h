@@ -1,12 +1,13 @@
 // The program's one window, without a windowing platform.
 //
 // MainWindow keeps the state of every control in the control model
-// (Controls()) and does the work of the controls. The engine's threads call
-// its display operations directly, through TheMainWindow, from whatever thread
-// they run on; none of them waits for another thread. A front end (the station
-// program, or a drawn window) shows the model and hands the user's actions to
-// HandleEvent on the main loop's thread; nothing here depends on which front
-// end, if any, is there.
+// (Controls()), and its panels do the work of the controls, each of its own
+// (window_panel.h). The engine's threads call the panels' display operations
+// directly, through TheMainWindow, from whatever thread they run on; none of
+// them waits for another thread. A front end (the station program, or a
+// drawn window) shows the model and hands the user's actions to HandleEvent
+// on the main loop's thread; nothing here depends on which front end, if
+// any, is there.
 //
 // This header is what a front end sees of the program: it names nothing of
 // the engine, the line or the stores, whose headers a front end cannot
@@ -23,6 +24,13 @@
 #include <string>
 #include <vector>
 
+#include "app/desktop_links.h"
+#include "app/directory_panel.h"
+#include "app/file_list.h"
+#include "app/line_panel.h"
+#include "app/log_panel.h"
+#include "app/transfer_display.h"
+#include "app/window_panel.h"
 #include "platform/thread.h"
 
 // The window itself, kept in the control model beside its controls: its text
@@ -87,15 +95,23 @@ struct WindowEvent {
     std::vector<std::string> Paths;
 };
 
-// How an event went: done, or refused with the reason a user would see (the
-// control is disabled, hidden, or does nothing yet).
-struct EventOutcome {
-    bool Done = true;
-    std::string Refusal;
-};
-
 class EngineDisplay;
 
+// What the user may do now, taken from one look at the link and at the file
+// list, so that the buttons never disagree with each other: Send and Retrieve
+// exclude each other, and a call shuts all but Disconnect.
+struct Permissions {
+    bool Send = false;        // call and send the file list
+    bool Retrieve = false;    // call and fetch, with nothing to send
+    bool Disconnect = false;  // end the call under way
+    bool EditFiles = false;   // add to the file list, change the incoming settings
+    bool ClearFiles = false;  // clear the file list, or delete a row of it
+};
+
+// The window is its panels; each owns its controls, and HandleEvent hands an
+// event on a control to the panel that owns it. What concerns the whole
+// window stays here: the start and stop, the timers, the About box, the
+// menus, and the rule that couples the buttons to the link.
 class MainWindow {
 public:
     MainWindow();
@@ -115,6 +131,15 @@ public:
     // of the link's states from "idle" to "recovery".
     static const std::vector<std::string>& LinkStateNames();
     static std::string LinkStateName();
+
+    // ---- The panels ----
+
+    DirectoryPanel& Correspondents() { return directory_; }
+    FileListPanel& Files() { return files_; }
+    TransferDisplay& Display() { return display_; }
+    LogPanel& Log() { return log_; }
+    DesktopButtons& Desktop() { return desktop_; }
+    LinePanel& Line() { return line_; }
 
     // ---- Start and stop ----
 
@@ -153,122 +178,34 @@ public:
     void OpenAboutBox();
     void OnAboutOk();
 
-    // ---- The action buttons ----
+    // ---- What the user may do ----
 
+    Permissions WhatTheUserMay() const;
+    // The buttons of every panel follow WhatTheUserMay(). Runs whenever the
+    // link, the file list or the record on show changes.
     void UpdateActionButtons();
-
-    // ---- The status log ----
-
-    void FillLogList();
-    // The window's side of the log: the line goes into the list, the oldest
-    // 300 go when there are more than 600, and the newest comes into view.
-    void AddLogLine(const std::string& text);
-    void LogStartStop(bool starting);
-    void OnClearLog();
-    // The lines of the list, oldest first.
-    std::vector<std::string> LogLines() const;
-
-    // ---- The file list ----
-
-    void OnFileAdd();
-    // Appends one file to SendList and the list. False if it was not added.
-    bool AddFileToList(const std::string& path, const std::string& name);
-    void AddFolderToSendList(const std::string& path, const std::string& name);
-    void ClearFileList();
-    void OnFileClear();
-    void OnFileDelete();
-    // A click on the file list that hit row (-1: no row).
-    void OnFileClick(int row);
-    // Items dropped on a control: the file list and Send take files and
-    // folders, the directory list an exported entry.
-    void OnDropFiles(int targetId, const std::vector<std::string>& paths);
-    int16_t SelectedFileRow() const { return selectedFileRow_.load(); }
-
-    // ---- The transfer display ----
-
-    void ShowBatchEstimate(uint32_t bytes);
-    void RecomputeSendTotal();
-    void ShowTransferDisplay(bool starting);
-    void SetProgress(uint32_t done, uint32_t total);
-    void ShowThroughput(bool sending, bool log);
-    void LogElapsedTime();
-    void ListIncomingFiles();
-    void RemoveTopFileRow();
-
-    // ---- The desktop: the incoming folder, help, the two programs ----
-
-    void OnOpenIncoming();
-    void OnHelp();
-    // A plain click runs the program chosen for the button; the first click,
-    // and any click with Shift held, chooses it in a file dialog instead.
-    void OnProgramA();
-    void OnProgramB();
-
-    // ---- The directory panel ----
-
-    void FillDirectoryList();
-    void ShowCorrespondent(int16_t index);
-    void SelectCorrespondent(int16_t index);
-    void ShowSelectedCorrespondent();
-    void ReadCorrespondentForm(int16_t index);
-    void OnDirectorySelect();
-    void OnDirectoryAdd();
-    void OnDirectoryChange();
-    void OnDirectoryDelete();
-    void OnDirectoryNew();
-    void OnFormChange();
-    void OnEntryEdited();
-    // Enters an exported record: 1 if a record was added. An entry that came
-    // in a call may not bear the name of a record that is there already.
-    enum class EntrySource { Dropped, Received };
-    int ImportDirectoryEntry(const std::string& path, EntrySource source = EntrySource::Dropped);
-    // The menu's "Export Directory Entry...": the record on show, to a file
-    // chosen in a save dialog.
-    EventOutcome OnExportEntry();
-    int16_t CurrentEntry() const { return currentEntry_.load(); }
-
-    // ---- Pick-up folders ----
-
-    // Makes record index's folder below "Pick Up"; false after the message
-    // when it exists already or cannot be made.
-    bool CreatePickUpFolder(int16_t index);
-    void OnCreatePickUpFolder();
-    // The folder buttons: the folder of the record on show, or with Ctrl held
-    // the folder of all pick-up folders.
-    void OpenFolderInShell();
-    void SelectSendMode();
-    void SelectRetrieveMode();
 
 private:
     void CreateControls();
-    // Selects the record that carries SelectMark, shows it and makes it the
-    // current one.
-    void ShowMarkedRecord();
-    EventOutcome OnButton(int id);
-    EventOutcome OnSelection(int id, int row);
-    EventOutcome OnBoxClicked(int id, bool checked);
+    // The panel that owns the control; null for a control of none.
+    WindowPanel* PanelOwning(int id);
+    EventOutcome OnBoxClicked(WindowPanel& panel, int id, bool checked);
     EventOutcome OnMenuCommand(int id);
-    void StoreIncomingSetting(int id);
-    // The program buttons share their rule; which names the preferences'
-    // field that holds the program.
-    enum class ProgramButton { A, B };
-    void OnProgram(ProgramButton which);
-    void PickExternalProgram(ProgramButton which);
+    // Items dropped on a control: the file list and Send take files and
+    // folders, the directory list an exported entry.
+    void OnDropFiles(int targetId, const std::vector<std::string>& paths);
     // The hot folder timer's tick.
     void SendDueHotFolder();
     void StopEngineThreads();
     // Ends the main loop, after the exit has been prepared.
     void EndDialog();
 
-    std::atomic<int16_t> selectedFileRow_{-1};
-    std::atomic<int16_t> currentEntry_{-1};
-
-    // The log list's lines, beside the control: the saved log is made from
-    // these. Held while a line goes in, so lines from several threads reach
-    // the list, the observer and the file in one order.
-    mutable std::mutex logLock_;
-    std::vector<std::string> logLines_;
-    std::function<void(const std::string&)> logObserver_;
+    DirectoryPanel directory_{*this};
+    FileListPanel files_{*this};
+    TransferDisplay display_{*this};
+    LogPanel log_;
+    DesktopButtons desktop_;
+    LinePanel line_{*this};
 
     // Serialises the button rule, so that the last caller's view of the link
     // is the one that stays on the buttons.

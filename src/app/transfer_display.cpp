@@ -1,6 +1,4 @@
-// The row of figures under the lists: the batch's size and estimated time,
-// the measured rate and the progress bar, and the lines that close a
-// transfer in the log. The engine's threads call these directly.
+#include "app/transfer_display.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -36,24 +34,23 @@ std::string ClockText(uint64_t seconds) {
     return text;
 }
 
-// The rate that the outgoing settings promise: AIMUX always takes two
-// channels. With no row selected, which is the case until the adapter is
-// known, the estimate is that of the first row, V.120, the protocol that the
-// window then selects.
-uint32_t FixedRate() {
-    ControlModel& controls = Controls();
-    const bool at56k = controls.Checked(IDC_56K);
-    const bool aimux = ProtocolOfRow(controls.Selection(IDC_PROTOCOL)) == ProtocolAimux;
-    const bool twoChannels = aimux || controls.Checked(IDC_2B);
-    if (at56k) {
-        return twoChannels ? Rate56kTwoChannels : Rate56kOneChannel;
-    }
-    return twoChannels ? Rate64kTwoChannels : Rate64kOneChannel;
-}
+constexpr int DisplayControls[] = {IDC_TOTAL_KB, IDC_EST_TIME, IDC_BYTES_SEC, IDC_PROGRESS};
 
 }  // namespace
 
-void MainWindow::ShowBatchEstimate(uint32_t bytes) {
+std::span<const int> TransferDisplay::ControlIds() const {
+    return DisplayControls;
+}
+
+uint32_t TransferDisplay::FixedRate() const {
+    const OutgoingLine line = window_.Correspondents().EstimatedLine();
+    if (line.At56k) {
+        return line.TwoChannels ? Rate56kTwoChannels : Rate56kOneChannel;
+    }
+    return line.TwoChannels ? Rate64kTwoChannels : Rate64kOneChannel;
+}
+
+void TransferDisplay::ShowBatchEstimate(uint32_t bytes) {
     ControlModel& controls = Controls();
     if (bytes == 0) {
         // The last texts stay, grey.
@@ -72,7 +69,7 @@ void MainWindow::ShowBatchEstimate(uint32_t bytes) {
     controls.SetText(IDC_EST_TIME, "Est. Time: " + ClockText(seconds));
 }
 
-void MainWindow::RecomputeSendTotal() {
+void TransferDisplay::RecomputeSendTotal() {
     const int16_t count = std::clamp<int16_t>(TheEngine.SendCount.load(), 0, ListCapacity);
     uint32_t total = 0;
     for (int16_t i = 0; i < count; ++i) {
@@ -86,7 +83,7 @@ void MainWindow::RecomputeSendTotal() {
     ShowBatchEstimate(total);
 }
 
-void MainWindow::ShowTransferDisplay(bool starting) {
+void TransferDisplay::ShowTransferDisplay(bool starting) {
     ControlModel& controls = Controls();
     controls.SetPosition(IDC_PROGRESS, 0);
     if (starting) {
@@ -94,24 +91,24 @@ void MainWindow::ShowTransferDisplay(bool starting) {
         controls.SetText(IDC_BYTES_SEC, "");
         controls.Enable(IDC_BYTES_SEC, true);
         MeasuredRate.store(0);
-        controls.Enable(IDC_CLEAR_LOG, false);
+        window_.Log().AllowClearing(false);
     } else {
         controls.Show(IDC_PROGRESS, false);
         // Its last text stays, grey.
         controls.Enable(IDC_BYTES_SEC, false);
-        controls.Enable(IDC_CLEAR_LOG, true);
+        window_.Log().AllowClearing(true);
         MeasuredRate.store(0);
     }
 }
 
-void MainWindow::SetProgress(uint32_t done, uint32_t total) {
+void TransferDisplay::SetProgress(uint32_t done, uint32_t total) {
     // In 64 bits, so that files past 42 MB do not overflow the product. An
     // empty total has nothing to show, and the bar never passes its end.
     const uint64_t position = total == 0 ? 0 : uint64_t{done} * 100 / total;
     Controls().SetPosition(IDC_PROGRESS, static_cast<int>(std::min<uint64_t>(position, 100)));
 }
 
-void MainWindow::ShowThroughput(bool sending, bool log) {
+void TransferDisplay::ShowThroughput(bool sending, bool log) {
     const FileEntry* list = sending ? TheEngine.SendList : TheEngine.ReceiveList;
     if (list == nullptr) {
         return;
@@ -145,7 +142,7 @@ void MainWindow::ShowThroughput(bool sending, bool log) {
     Controls().SetText(IDC_BYTES_SEC, text);
 }
 
-void MainWindow::LogElapsedTime() {
+void TransferDisplay::LogElapsedTime() {
     // Taken and cleared in one step: a second call in the same session, from
     // whichever thread, logs nothing.
     const std::time_t started = TheEngine.TransferStartTime.exchange(0);
@@ -155,20 +152,4 @@ void MainWindow::LogElapsedTime() {
     const std::time_t now = WallSeconds();
     const uint64_t seconds = now > started ? static_cast<uint64_t>(now - started) : 0;
     ::AddLogLine("Elapsed Time: " + ClockText(seconds));
-}
-
-void MainWindow::ListIncomingFiles() {
-    const uint32_t count = std::min<uint32_t>(TheEngine.ReceiveCount.load(), ListCapacity);
-    for (uint32_t i = 0; i < count; ++i) {
-        const FileEntry& entry = TheEngine.ReceiveList[i];
-        // The size here includes the checksum bytes of the wire.
-        const std::string size =
-            entry.EntryKind == KindFolderMarker ? "" : std::to_string(entry.TotalLength);
-        Controls().AddRow(IDC_FILE_LIST,
-                          ListRow{std::string(entry.DisplayName.View()), size, entry.EntryKind});
-    }
-}
-
-void MainWindow::RemoveTopFileRow() {
-    Controls().DeleteRow(IDC_FILE_LIST, 0);
 }

@@ -60,7 +60,7 @@ TEST_F(DesktopControlsTest, AddedRecordsStandInByteOrderAndTheNewOneIsOnShow) {
 
     EXPECT_EQ(RowTexts(IDC_DIRECTORY_LIST), (std::vector<std::string>{"Zeta", "alpha"}));
     EXPECT_EQ(Controls().Selection(IDC_DIRECTORY_LIST), 0);
-    EXPECT_EQ(window_->CurrentEntry(), 0);
+    EXPECT_EQ(window_->Correspondents().CurrentEntry(), 0);
     EXPECT_EQ(ReadWholeFile(DirectoryPath).substr(0, 2), std::string("\x02\0", 2));
     EXPECT_EQ(FieldText(Directory[1].FirmName), "alpha");
     EXPECT_EQ(Directory[1].Use56K, 1);
@@ -72,7 +72,7 @@ TEST_F(DesktopControlsTest, AddedRecordsStandInByteOrderAndTheNewOneIsOnShow) {
 
     // Choosing a record shows it and opens Change, Delete and New.
     Choose(IDC_DIRECTORY_LIST, 1);
-    EXPECT_EQ(window_->CurrentEntry(), 1);
+    EXPECT_EQ(window_->Correspondents().CurrentEntry(), 1);
     EXPECT_EQ(Controls().Text(IDC_NAME), "alpha");
     EXPECT_EQ(Controls().Text(IDC_NUMBER), "555");
     EXPECT_TRUE(Controls().Checked(IDC_56K));
@@ -90,7 +90,7 @@ TEST_F(DesktopControlsTest, AddedRecordsStandInByteOrderAndTheNewOneIsOnShow) {
     // New empties the form.
     Press(IDC_NEW);
     EXPECT_EQ(Controls().Text(IDC_NAME), "");
-    EXPECT_EQ(window_->CurrentEntry(), -1);
+    EXPECT_EQ(window_->Correspondents().CurrentEntry(), -1);
     EXPECT_EQ(Controls().Selection(IDC_DIRECTORY_LIST), -1);
     for (int id : {IDC_ADD, IDC_CHANGE, IDC_DELETE, IDC_NEW}) {
         EXPECT_FALSE(Controls().Enabled(id)) << ControlName(id);
@@ -102,23 +102,23 @@ TEST_F(DesktopControlsTest, TheFolderButtonTellsTheStateOfThePickUpFolder) {
     Directory[0].HasPickUp = 1;
     Directory[0].HotSend = 1;
     ASSERT_TRUE(CreateFolder(PickUpPath + "/Smith"));
-    window_->ShowCorrespondent(0);
+    window_->Correspondents().ShowCorrespondent(0);
     EXPECT_TRUE(Controls().Shown(IDC_HOT_EMPTY));
     EXPECT_TRUE(Controls().Checked(IDC_HOT_SEND));
     EXPECT_FALSE(Controls().Checked(IDC_HOT_RETRIEVE));
     WriteWholeFile(PickUpPath + "/Smith/waiting", "data");
-    window_->ShowCorrespondent(0);
+    window_->Correspondents().ShowCorrespondent(0);
     EXPECT_TRUE(Controls().Shown(IDC_HOT_FILLED));
     EXPECT_FALSE(Controls().Shown(IDC_HOT_EMPTY));
     Directory[0].HotSend = 0;
-    window_->ShowCorrespondent(0);
+    window_->Correspondents().ShowCorrespondent(0);
     EXPECT_TRUE(Controls().Shown(IDC_FOLDER_FILLED));
 
     // A folder removed by hand: the record has none from then on.
     ASSERT_TRUE(DeleteFileAt(PickUpPath + "/Smith/waiting"));
     ASSERT_TRUE(RemoveFolder(PickUpPath + "/Smith/Sent Files"));
     ASSERT_TRUE(RemoveFolder(PickUpPath + "/Smith"));
-    window_->ShowCorrespondent(0);
+    window_->Correspondents().ShowCorrespondent(0);
     EXPECT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
     EXPECT_FALSE(Controls().Shown(IDC_HOT_SEND));
     EXPECT_EQ(Directory[0].HasPickUp, 0);
@@ -182,12 +182,12 @@ TEST_F(DesktopControlsTest, ANameThatIsNoFolderNameNeverBecomesAPath) {
         ASSERT_TRUE(Press(IDC_MAKE_FOLDER).Done);
         EXPECT_EQ(Messages().size(), ++refusals);
         EXPECT_EQ(Messages().back(), FolderRefusal);
-        const int16_t current = window_->CurrentEntry();
+        const int16_t current = window_->Correspondents().CurrentEntry();
         EXPECT_EQ(Directory[current].HasPickUp, 0);
         // A record that claims a folder all the same shows none and offers
         // none to open.
         Directory[current].HasPickUp = 1;
-        window_->ShowCorrespondent(current);
+        window_->Correspondents().ShowCorrespondent(current);
         EXPECT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
         EXPECT_EQ(Directory[current].HasPickUp, 0);
     }
@@ -253,22 +253,23 @@ TEST_F(DesktopControlsTest, AnExportedEntryComesBackWholeAsTheRecordItWas) {
     // short, one too long, one of another magic or none is no entry, nor is
     // a drop of a name in .Kbe.
     ASSERT_TRUE(RemoveFolder(PickUpPath + "/Smith & Co/Sent Files"));
-    window_->OnDirectoryDelete();
+    window_->Correspondents().OnDirectoryDelete();
     ASSERT_EQ(DirectoryCount.load(), 0);
     std::string otherMagic = bytes;
     otherMagic[139] = 'E';
     for (const std::string& bad : {bytes.substr(0, 139), bytes + "x", otherMagic}) {
         WriteWholeFile(folder_ / "bad.KBE", bad);
-        EXPECT_EQ(window_->ImportDirectoryEntry(folder_ / "bad.KBE"), 0) << bad.size();
+        EXPECT_EQ(window_->Correspondents().ImportDirectoryEntry(folder_ / "bad.KBE"), 0)
+            << bad.size();
     }
-    EXPECT_EQ(window_->ImportDirectoryEntry(folder_ / "missing.KBE"), 0);
+    EXPECT_EQ(window_->Correspondents().ImportDirectoryEntry(folder_ / "missing.KBE"), 0);
     WriteWholeFile(folder_ / "smith.Kbe", bytes);
     Drop(IDC_DIRECTORY_LIST, {folder_ / "smith.Kbe"});
     EXPECT_EQ(DirectoryCount.load(), 0);
     Drop(IDC_DIRECTORY_LIST, {exported, folder_ / "smith.Kbe"});
     ASSERT_EQ(DirectoryCount.load(), 1);
     EXPECT_EQ(Observed().back(), "Directory Entry Added");
-    EXPECT_EQ(window_->CurrentEntry(), 0);
+    EXPECT_EQ(window_->Correspondents().CurrentEntry(), 0);
     EXPECT_EQ(Controls().Text(IDC_NAME), "Smith & Co");
     EXPECT_EQ(ReadWholeFile(DirectoryPath).substr(0, 2), std::string("\x01\0", 2)) << "saved";
     EXPECT_TRUE(PathExists(exported)) << "the file itself stays";
@@ -287,7 +288,7 @@ TEST_F(DesktopControlsTest, AnExportedEntryComesBackWholeAsTheRecordItWas) {
 TEST_F(DesktopControlsTest, AnEntryWhoseNameIsNoFolderNameIsNotEntered) {
     for (const std::string name : {"..", "../Pick Up", ""}) {
         WriteWholeFile(folder_ / "bad.KBE", peer::DirectoryEntry(name, "5558888", true));
-        EXPECT_EQ(window_->ImportDirectoryEntry(folder_ / "bad.KBE"), 0) << name;
+        EXPECT_EQ(window_->Correspondents().ImportDirectoryEntry(folder_ / "bad.KBE"), 0) << name;
         EXPECT_EQ(Observed().back(), "Directory Entry Not Added: its name cannot name a folder.");
     }
     EXPECT_EQ(DirectoryCount.load(), 0);

@@ -45,9 +45,9 @@ const FileEntry& Entry(int i) {
 // told and leaves the list as it was.
 TEST_F(FileListTest, ACancelledDialogOrAFileThatCannotBeOpenedAddsNothing) {
     RecordingDesktop desktop;
-    window_->OnFileAdd();
+    window_->Files().OnFileAdd();
     EXPECT_EQ(desktop.Take(), std::vector<std::string>{"dialog: open"});
-    EXPECT_FALSE(window_->AddFileToList(folder_ / "missing", "missing"));
+    EXPECT_FALSE(window_->Files().AddFileToList(folder_ / "missing", "missing"));
     EXPECT_EQ(Messages(), std::vector<std::string>{
                               "Cannot open file.  It may be in use by another application."});
     EXPECT_EQ(TheEngine.SendCount.load(), 0);
@@ -93,7 +93,7 @@ TEST_F(FileListTest, AFolderReplacesTheListAndTravelsOneLevelDeep) {
     }
     // The marker adds nothing to the total.
     EXPECT_EQ(TheEngine.SendRemaining.load(), 102u + 202u + 0u);
-    window_->RecomputeSendTotal();
+    window_->Display().RecomputeSendTotal();
     EXPECT_EQ(TheEngine.SendRemaining.load(), 304u);
     // The process's folder never moved.
     EXPECT_NE(CurrentFolder(), docs);
@@ -170,36 +170,36 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
 
 TEST_F(FileListTest, DeleteTakesTheClickedRowAndItsEntry) {
     for (const char* name : {"a", "b", "c"}) {
-        ASSERT_TRUE(window_->AddFileToList(MakeFile(name, 100), name));
+        ASSERT_TRUE(window_->Files().AddFileToList(MakeFile(name, 100), name));
     }
-    window_->OnFileClick(1);
-    window_->OnFileDelete();
+    window_->Files().OnFileClick(1);
+    window_->Files().OnFileDelete();
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"a", "c"}));
     EXPECT_EQ(TheEngine.SendCount.load(), 2);
     EXPECT_EQ(Entry(1).DisplayName.View(), "c");
     EXPECT_EQ(TheEngine.SendRemaining.load(), 204u);
-    EXPECT_EQ(window_->SelectedFileRow(), -1);
+    EXPECT_EQ(window_->Files().SelectedFileRow(), -1);
     EXPECT_FALSE(Controls().Enabled(IDC_FILE_DELETE));
     // With no row chosen, Delete does nothing.
-    window_->OnFileDelete();
+    window_->Files().OnFileDelete();
     EXPECT_EQ(TheEngine.SendCount.load(), 2);
 
     // Adding a file forgets the click.
-    window_->OnFileClick(0);
-    ASSERT_TRUE(window_->AddFileToList(MakeFile("d", 1), "d"));
-    EXPECT_EQ(window_->SelectedFileRow(), -1);
+    window_->Files().OnFileClick(0);
+    ASSERT_TRUE(window_->Files().AddFileToList(MakeFile("d", 1), "d"));
+    EXPECT_EQ(window_->Files().SelectedFileRow(), -1);
     EXPECT_FALSE(Controls().Enabled(IDC_FILE_DELETE));
     // The same file can go in twice.
-    ASSERT_TRUE(window_->AddFileToList(folder_ / "d", "d"));
+    ASSERT_TRUE(window_->Files().AddFileToList(folder_ / "d", "d"));
     EXPECT_EQ(TheEngine.SendCount.load(), 4);
 }
 
 TEST_F(FileListTest, TheListHoldsAHundredEntriesAndNeverMore) {
     const std::string file = MakeFile("f", 1);
     for (int i = 0; i < 100; ++i) {
-        ASSERT_TRUE(window_->AddFileToList(file, "f"));
+        ASSERT_TRUE(window_->Files().AddFileToList(file, "f"));
     }
-    EXPECT_FALSE(window_->AddFileToList(file, "f"));
+    EXPECT_FALSE(window_->Files().AddFileToList(file, "f"));
     EXPECT_EQ(TheEngine.SendCount.load(), 100);
     EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 100);
     EXPECT_EQ(Observed().back(), "File list is full: f was not added.");
@@ -210,7 +210,7 @@ TEST_F(FileListTest, TheListHoldsAHundredEntriesAndNeverMore) {
         MakeFile("big/file" + std::to_string(i), 1);
     }
     const size_t linesBefore = Observed().size();
-    window_->AddFolderToSendList(big, "big");
+    window_->Files().AddFolderToSendList(big, "big");
     EXPECT_EQ(TheEngine.SendCount.load(), 100);
     EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 100);
     const std::vector<std::string> lines = Observed();
@@ -221,7 +221,7 @@ TEST_F(FileListTest, TheListHoldsAHundredEntriesAndNeverMore) {
 TEST_F(FileListTest, ALongNameKeepsItsExtensionAndThePathStaysWhole) {
     const std::string name = "a report with a name far longer than the field.pdf";
     const std::string path = MakeFile(name, 10);
-    ASSERT_TRUE(window_->AddFileToList(path, name));
+    ASSERT_TRUE(window_->Files().AddFileToList(path, name));
     EXPECT_EQ(Entry(0).DisplayName.View(), "a report with a name far lo.pdf");
     EXPECT_EQ(Entry(0).FilePath.View(), path);
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), std::vector<std::string>{"a report with a name far lo.pdf"});
@@ -244,7 +244,7 @@ TEST_F(FileListTest, APathTooLongOrAFileTooLargeForTheProtocolIsRefusedWithItsLi
     const std::string longPath = deep + "/" + name;
     ASSERT_GT(longPath.size(), 511u);
     WriteWholeFile(longPath, "x");
-    EXPECT_FALSE(window_->AddFileToList(longPath, name));
+    EXPECT_FALSE(window_->Files().AddFileToList(longPath, name));
     EXPECT_EQ(Observed().back(), "Path too long: " + name + " was not added.");
 
     // One byte more than 2047 sections, the most that the sending side's
@@ -253,12 +253,12 @@ TEST_F(FileListTest, APathTooLongOrAFileTooLargeForTheProtocolIsRefusedWithItsLi
     const off_t largest = off_t{2047} * 131070;
     const std::string huge = MakeFile("huge.bin", 0);
     ASSERT_EQ(::truncate(huge.c_str(), largest + 1), 0);
-    EXPECT_FALSE(window_->AddFileToList(huge, "huge.bin"));
+    EXPECT_FALSE(window_->Files().AddFileToList(huge, "huge.bin"));
     EXPECT_EQ(Observed().back(), "File too large to send: huge.bin");
     EXPECT_EQ(TheEngine.SendCount.load(), 0);
     EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 0);
     ASSERT_EQ(::truncate(huge.c_str(), largest), 0);
-    EXPECT_TRUE(window_->AddFileToList(huge, "huge.bin"));
+    EXPECT_TRUE(window_->Files().AddFileToList(huge, "huge.bin"));
     EXPECT_EQ(Entry(0).DataLength, 32752u * 8192u);
 }
 

@@ -51,7 +51,7 @@ TEST_F(MainWindowTest, TheButtonsFollowTheLinkAndTheFileList) {
         // A selected row is what a click leaves behind.
         TheEngine.LinkState = LinkIdle;
         TheEngine.SendCount = row.Count;
-        window_->OnFileClick(row.Selected);
+        window_->Files().OnFileClick(row.Selected);
         TheEngine.LinkState = row.Link;
         window_->UpdateActionButtons();
         EXPECT_EQ(Controls().Enabled(IDC_SEND), row.Send);
@@ -107,7 +107,7 @@ TEST_F(MainWindowTest, EventsReachOnlyControlsAUserCouldUse) {
 
     // An outgoing setting changes the estimate of what waits to go.
     MakeFile("a", 1000000);
-    ASSERT_TRUE(window_->AddFileToList(folder_ / "a", "a"));
+    ASSERT_TRUE(window_->Files().AddFileToList(folder_ / "a", "a"));
     EXPECT_EQ(Controls().Text(IDC_EST_TIME), "Est. Time: 00:02:19");
     EXPECT_TRUE(Click(IDC_56K, true).Done);
     EXPECT_EQ(Controls().Text(IDC_EST_TIME), "Est. Time: 00:02:56");
@@ -119,6 +119,15 @@ TEST_F(MainWindowTest, EventsReachOnlyControlsAUserCouldUse) {
     outcome = ChooseMenu(ID_PORT_SPEED_230400);
     EXPECT_FALSE(outcome.Done);
     EXPECT_TRUE(Messages().empty());
+
+    // Every named control belongs to a panel that takes its events: none is
+    // refused as unknown. Its own text, typed again, changes nothing.
+    for (const ControlPlace& place : MainWindowLayout()) {
+        if (*place.Name != '\0') {
+            EXPECT_NE(Type(place.Id, Controls().Text(place.Id)).Refusal, "no such control")
+                << place.Name;
+        }
+    }
 }
 
 // After the search the window shows what the adapter offers on this port:
@@ -176,10 +185,10 @@ TEST_F(MainWindowTest, TheWindowShowsWhatTheAdapterFoundOffers) {
                 std::string(c.Rows).find(name) != std::string::npos ? name : "V.120";
             Directory[0] = Correspondent{};
             Directory[0].Protocol = protocol;
-            window_->ShowCorrespondent(0);
+            window_->Correspondents().ShowCorrespondent(0);
             EXPECT_EQ(Controls().RowText(IDC_PROTOCOL, Controls().Selection(IDC_PROTOCOL)), shown)
                 << name;
-            window_->ReadCorrespondentForm(0);
+            window_->Correspondents().ReadCorrespondentForm(0);
             EXPECT_EQ(Directory[0].Protocol, ProtocolNamed(shown)) << name;
         }
         std::vector<std::string> menus;
@@ -230,11 +239,11 @@ TEST_F(MainWindowTest, TheLogKeeps600LinesThe601stLeaves301AndClearLogLeavesOnly
     ASSERT_EQ(rows.size(), 301u);
     EXPECT_EQ(rows.front(), "line 300");
     EXPECT_EQ(rows.back(), "line 600");
-    EXPECT_EQ(window_->LogLines(), rows);
+    EXPECT_EQ(window_->Log().LogLines(), rows);
     EXPECT_EQ(Controls().Selection(IDC_LOG), -1);
 
     // Clear Log empties the list, and the exit saves only its Stopping line.
-    window_->OnClearLog();
+    window_->Log().OnClearLog();
     EXPECT_EQ(Controls().RowCount(IDC_LOG), 0);
     StopWindow();
     const std::string bytes = ReadWholeFile(LogPath);
@@ -266,14 +275,14 @@ TEST_F(MainWindowTest, TheEstimateIsNeverNothingAndRoundsTheSizeUp) {
     Controls().Select(IDC_PROTOCOL, 0);
     for (const SizeCase& c : cases) {
         SCOPED_TRACE(c.Bytes);
-        window_->ShowBatchEstimate(c.Bytes);
+        window_->Display().ShowBatchEstimate(c.Bytes);
         EXPECT_EQ(Controls().Text(IDC_TOTAL_KB), c.Kb);
         EXPECT_EQ(Controls().Text(IDC_EST_TIME), std::string("Est. Time: ") + c.Time);
         EXPECT_TRUE(Controls().Enabled(IDC_TOTAL_KB));
         EXPECT_TRUE(Controls().Enabled(IDC_EST_TIME));
     }
     // Nothing to send: the last texts stay, grey.
-    window_->ShowBatchEstimate(0);
+    window_->Display().ShowBatchEstimate(0);
     EXPECT_FALSE(Controls().Enabled(IDC_TOTAL_KB));
     EXPECT_FALSE(Controls().Enabled(IDC_EST_TIME));
     EXPECT_EQ(Controls().Text(IDC_EST_TIME), "Est. Time: 165:42:04");
@@ -316,12 +325,12 @@ TEST_F(MainWindowTest, TheFixedRatesFollowTheOutgoingSettings) {
         Controls().Check(IDC_56K, c.At56k);
         Controls().Check(IDC_2B, c.TwoChannels);
         Controls().Check(IDC_V42, c.V42);
-        window_->ShowBatchEstimate(1000000);
+        window_->Display().ShowBatchEstimate(1000000);
         EXPECT_EQ(Controls().Text(IDC_EST_TIME), std::string("Est. Time: ") + c.Time);
     }
     // A measured rate takes over.
     MeasuredRate = 1000;
-    window_->ShowBatchEstimate(1000000);
+    window_->Display().ShowBatchEstimate(1000000);
     EXPECT_EQ(Controls().Text(IDC_EST_TIME), "Est. Time: 00:16:41");
 }
 
@@ -365,7 +374,7 @@ TEST_F(MainWindowTest, TheShownRateNeverPassesTheCeiling) {
         entry.BytesDone = step.BytesDone;
         RateEstimate = step.Ceiling;
         const size_t lines = Observed().size();
-        window_->ShowThroughput(step.Sending, step.Log);
+        window_->Display().ShowThroughput(step.Sending, step.Log);
         EXPECT_EQ(MeasuredRate.load(), step.Measured);
         EXPECT_EQ(Controls().Text(IDC_BYTES_SEC), step.Shown);
         const bool logged = step.Log && step.StartTime != 0;
@@ -383,7 +392,7 @@ TEST_F(MainWindowTest, ProgressIsComputedInSixtyFourBitsAndShownOnlyDuringATrans
                                     {0, 0, 0},
                                     {7, 5, 100}};
     for (const auto& [done, total, position] : progress) {
-        window_->SetProgress(done, total);
+        window_->Display().SetProgress(done, total);
         EXPECT_EQ(Controls().Position(IDC_PROGRESS), static_cast<int>(position)) << done;
     }
 
@@ -393,8 +402,8 @@ TEST_F(MainWindowTest, ProgressIsComputedInSixtyFourBitsAndShownOnlyDuringATrans
         SCOPED_TRACE(transfer);
         MeasuredRate = 7000;
         Controls().SetText(IDC_BYTES_SEC, "7000 Bytes/sec");
-        window_->SetProgress(1, 2);
-        window_->ShowTransferDisplay(transfer);
+        window_->Display().SetProgress(1, 2);
+        window_->Display().ShowTransferDisplay(transfer);
         EXPECT_EQ(Controls().Shown(IDC_PROGRESS), transfer);
         EXPECT_EQ(Controls().Position(IDC_PROGRESS), 0);
         EXPECT_EQ(Controls().Enabled(IDC_BYTES_SEC), transfer);
@@ -405,12 +414,12 @@ TEST_F(MainWindowTest, ProgressIsComputedInSixtyFourBitsAndShownOnlyDuringATrans
 }
 
 TEST_F(MainWindowTest, TheElapsedTimeIsLoggedOncePerSession) {
-    window_->LogElapsedTime();
+    window_->Display().LogElapsedTime();
     const size_t lines = Observed().size();
     EXPECT_EQ(lines, 1u);  // nothing ran: no line
     TheEngine.TransferStartTime = WallSeconds() - 3725;
-    window_->LogElapsedTime();
-    window_->LogElapsedTime();
+    window_->Display().LogElapsedTime();
+    window_->Display().LogElapsedTime();
     const std::vector<std::string> observed = Observed();
     ASSERT_EQ(observed.size(), 2u);
     // A second may pass between the two readings of the clock.
@@ -432,7 +441,7 @@ TEST_F(MainWindowTest, TheIncomingListShowsTheWireSizesAndLosesItsTopRow) {
     list[2].EntryKind = KindProgramFile;
     list[2].TotalLength = 12;
     TheEngine.ReceiveCount = 3;
-    window_->ListIncomingFiles();
+    window_->Files().ListIncomingFiles();
     std::vector<ListRow> rows = Controls().Rows(IDC_FILE_LIST);
     ASSERT_EQ(rows.size(), 3u);
     EXPECT_EQ(rows[0].Text, "Smith-A");
@@ -440,7 +449,7 @@ TEST_F(MainWindowTest, TheIncomingListShowsTheWireSizesAndLosesItsTopRow) {
     EXPECT_EQ(rows[0].Image, KindFolderMarker);
     EXPECT_EQ(rows[1].Detail, "131075");
     EXPECT_EQ(rows[2].Image, KindProgramFile);
-    window_->RemoveTopFileRow();
+    window_->Files().RemoveTopFileRow();
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"report.txt", "tool.exe"}));
     TheEngine.ReceiveCount = 0;
 }

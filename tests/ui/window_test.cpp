@@ -192,11 +192,11 @@ TEST_F(WindowTest, WidgetsFollowChangesFromOtherThreadsWithoutWaitingAndNeverUnd
     // The engine's display calls, from a thread of their own, while the GUI
     // thread does nothing at all: none of them may wait for it.
     auto calls = std::async(std::launch::async, [window] {
-        window->ShowTransferDisplay(true);
+        window->Display().ShowTransferDisplay(true);
         for (uint32_t i = 1; i <= 500; ++i) {
-            window->SetProgress(i, 1000);
-            window->ShowBatchEstimate(i * 4096);
-            window->AddLogLine("Block " + std::to_string(i));
+            window->Display().SetProgress(i, 1000);
+            window->Display().ShowBatchEstimate(i * 4096);
+            window->Log().AddLogLine("Block " + std::to_string(i));
         }
     });
     ASSERT_EQ(calls.wait_for(30s), std::future_status::ready)

@@ -1,0 +1,26 @@
+// The buttons that hand work to the desktop: the incoming folder, the manual
+// in a web browser, and the two programs the user has chosen; and the emblem
+// beside them.
+#pragma once
+
+#include "app/window_panel.h"
+
+class DesktopButtons final : public WindowPanel {
+public:
+    std::span<const int> ControlIds() const override;
+    EventOutcome OnButton(int id) override;
+
+    void OnOpenIncoming();
+    void OnHelp();
+    // A plain click runs the program chosen for the button; the first click,
+    // and any click with Shift held, chooses it in a file dialog instead.
+    void OnProgramA();
+    void OnProgramB();
+
+private:
+    // The program buttons share their rule; which names the preferences'
+    // field that holds the program.
+    enum class ProgramButton { A, B };
+    void OnProgram(ProgramButton which);
+    void PickExternalProgram(ProgramButton which);
+};

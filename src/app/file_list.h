@@ -1,0 +1,51 @@
+// The file list: the list control headed "File List", its buttons, and the
+// engine's SendList behind it. Row n of the control is entry n of SendList
+// while this end prepares to send; during a transfer the list shows what
+// remains to go or to come.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "app/window_panel.h"
+
+class MainWindow;
+struct Permissions;
+
+class FileListPanel final : public WindowPanel {
+public:
+    explicit FileListPanel(MainWindow& window) : window_(window) {}
+
+    std::span<const int> ControlIds() const override;
+    EventOutcome OnButton(int id) override;
+    EventOutcome OnSelection(int id, int row) override;
+
+    // True while the list holds anything to send.
+    bool HasFiles() const;
+    // The list's buttons follow what the user may do.
+    void ShowPermissions(const Permissions& may);
+
+    void OnFileAdd();
+    // Appends one file to SendList and the list. False if it was not added.
+    bool AddFileToList(const std::string& path, const std::string& name);
+    void AddFolderToSendList(const std::string& path, const std::string& name);
+    void ClearFileList();
+    void OnFileClear();
+    void OnFileDelete();
+    // A click on the file list that hit row (-1: no row).
+    void OnFileClick(int row);
+    // Files and folders dropped on the list or on Send, while no call is up.
+    void OnDropFiles(const std::vector<std::string>& paths);
+    int16_t SelectedFileRow() const { return selectedFileRow_.load(); }
+
+    // During a transfer: the receiving side's list, and a finished file's row
+    // leaving it.
+    void ListIncomingFiles();
+    void RemoveTopFileRow();
+
+private:
+    MainWindow& window_;
+    std::atomic<int16_t> selectedFileRow_{-1};
+};

@@ -1,0 +1,112 @@
+#include "app/line_panel.h"
+
+#include "app/chosen_call.h"
+#include "app/control_model.h"
+#include "app/main_window.h"
+#include "engine/dialing.h"
+#include "engine/pickup.h"
+#include "engine/teardown.h"
+#include "line/profiles.h"
+#include "resources/resource.h"
+#include "stores/preferences.h"
+
+namespace {
+
+constexpr int LineControls[] = {
+    IDC_SEND,   IDC_RETRIEVE, IDC_DISCONNECT, IDC_LABEL_IN_PROTOCOL, IDC_IN_PROTOCOL,
+    IDC_IN_56K, IDC_IN_2B,    IDC_IN_V42,     IDC_OWN_NUMBER};
+constexpr int IncomingSettings[] = {IDC_IN_PROTOCOL, IDC_IN_56K, IDC_IN_2B, IDC_IN_V42};
+
+}  // namespace
+
+std::span<const int> LinePanel::ControlIds() const {
+    return LineControls;
+}
+
+EventOutcome LinePanel::OnButton(int id) {
+    switch (id) {
+        case IDC_SEND:
+            OnSend();
+            return {};
+        case IDC_RETRIEVE:
+            OnRetrieveClicked(ChosenCall());
+            return {};
+        case IDC_DISCONNECT:
+            RequestDisconnect();
+            return {};
+        default:
+            return WindowPanel::OnButton(id);
+    }
+}
+
+EventOutcome LinePanel::OnSelection(int id, int row) {
+    Controls().Select(id, row);
+    if (id == IDC_IN_PROTOCOL) {
+        StoreIncomingSetting(id);
+    }
+    return {};
+}
+
+EventOutcome LinePanel::OnBoxClicked(int id, bool /*checked*/) {
+    StoreIncomingSetting(id);
+    return {};
+}
+
+void LinePanel::OnSend() {
+    OnSendClicked(ChosenCall());
+}
+
+void LinePanel::ShowCallPermissions(const Permissions& may) {
+    ControlModel& controls = Controls();
+    controls.Enable(IDC_SEND, may.Send);
+    controls.Enable(IDC_RETRIEVE, may.Retrieve);
+    controls.Enable(IDC_DISCONNECT, may.Disconnect);
+}
+
+void LinePanel::ShowIncomingPermissions(const Permissions& may) {
+    for (int id : IncomingSettings) {
+        Controls().Enable(id, may.EditFiles);
+    }
+}
+
+void LinePanel::OfferAdapter(const std::vector<std::string>& protocolsNotOffered,
+                             bool channelOptions) {
+    ControlModel& controls = Controls();
+    const std::string caption = OwnNumberCaption();
+    if (!caption.empty()) {
+        controls.SetText(IDC_OWN_NUMBER, caption);
+        controls.Enable(IDC_OWN_NUMBER, true);
+    }
+    for (const std::string& protocol : protocolsNotOffered) {
+        controls.DeleteRowWithText(IDC_IN_PROTOCOL, protocol);
+    }
+    if (channelOptions) {
+        controls.Show(IDC_IN_2B, true);
+        controls.Show(IDC_IN_V42, true);
+    }
+    controls.Select(IDC_IN_PROTOCOL, RowOfProtocol(ThePreferences.IncomingProtocol));
+    controls.Check(IDC_IN_56K, ThePreferences.Incoming56K != 0);
+    controls.Check(IDC_IN_2B, ThePreferences.Incoming2B != 0);
+    controls.Check(IDC_IN_V42, ThePreferences.IncomingV42 != 0);
+}
+
+void LinePanel::StoreIncomingSetting(int id) {
+    ControlModel& controls = Controls();
+    switch (id) {
+        case IDC_IN_PROTOCOL:
+            ThePreferences.IncomingProtocol = ProtocolOfRow(controls.Selection(IDC_IN_PROTOCOL));
+            break;
+        case IDC_IN_56K:
+            ThePreferences.Incoming56K = controls.Checked(id) ? 1 : 0;
+            break;
+        case IDC_IN_2B:
+            ThePreferences.Incoming2B = controls.Checked(id) ? 1 : 0;
+            break;
+        case IDC_IN_V42:
+            ThePreferences.IncomingV42 = controls.Checked(id) ? 1 : 0;
+            break;
+        default:
+            return;
+    }
+    ReinitializeIncoming();
+}

@@ -1,0 +1,31 @@
+// The row of figures under the lists: the batch's size and estimated time,
+// the measured rate and the progress bar, and the lines that close a
+// transfer in the log. The engine's threads call these directly.
+#pragma once
+
+#include <cstdint>
+
+#include "app/window_panel.h"
+
+class MainWindow;
+
+class TransferDisplay final : public WindowPanel {
+public:
+    explicit TransferDisplay(MainWindow& window) : window_(window) {}
+
+    std::span<const int> ControlIds() const override;
+
+    void ShowBatchEstimate(uint32_t bytes);
+    void RecomputeSendTotal();
+    void ShowTransferDisplay(bool starting);
+    void SetProgress(uint32_t done, uint32_t total);
+    void ShowThroughput(bool sending, bool log);
+    void LogElapsedTime();
+
+private:
+    // Bytes per second that the outgoing settings promise, before anything
+    // has been measured.
+    uint32_t FixedRate() const;
+
+    MainWindow& window_;
+};
