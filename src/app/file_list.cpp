@@ -1,5 +1,7 @@
 // The file list: the list control headed "File List" and SendList behind it.
 // Row n of the control is entry n of SendList while this end prepares to send.
+// The window builds each entry from its file and asks the list to take it;
+// the list keeps the count and the total.
 
 #include <cstring>
 #include <string>
@@ -79,10 +81,11 @@ void MainWindow::OnFileAdd() {
 }
 
 bool MainWindow::AddFileToList(const std::string& path, const std::string& name) {
-    const int16_t count = TheEngine.SendCount.load();
+    SendList& list = TheEngine.SendList;
+    const int16_t count = list.Count();
     // SendList has ListCapacity slots and the wire list no more; an entry
     // beyond them is refused, and the user is told in the log.
-    if (count >= ListCapacity) {
+    if (list.IsFull()) {
         ::AddLogLine("File list is full: " + name + " was not added.");
         return false;
     }
@@ -105,25 +108,24 @@ bool MainWindow::AddFileToList(const std::string& path, const std::string& name)
     }
     const uint64_t dataLength = DataLengthForSize(static_cast<uint64_t>(length));
 
-    FileEntry& entry = TheEngine.SendList[count];
-    entry = FileEntry{};
+    FileEntry entry;
     entry.FilePath.Set(path);
     const std::string shown = ShortDisplayName(name);
     entry.DisplayName.Set(shown);
     entry.EntryKind = IsProgramName(name) ? KindProgramFile : KindPlainFile;
-    // The size shown is the file's, without the checksum bytes of the wire.
-    Controls().InsertRow(IDC_FILE_LIST, count,
-                         ListRow{shown, std::to_string(length), entry.EntryKind});
     SetEntryLengths(entry, static_cast<uint32_t>(dataLength));
     entry.CreatorCode = DefaultCreatorCode;
     entry.TypeCode = DefaultTypeCode;
-
-    TheEngine.SendCount.store(static_cast<int16_t>(count + 1));
-    TheEngine.SendRemaining.fetch_add(entry.TotalLength);
+    if (!list.Add(entry)) {
+        return false;  // refused as full above; the list changes on no other thread now
+    }
+    // The size shown is the file's, without the checksum bytes of the wire.
+    Controls().InsertRow(IDC_FILE_LIST, count,
+                         ListRow{shown, std::to_string(length), entry.EntryKind});
     selectedFileRow_.store(-1);
     Controls().Select(IDC_FILE_LIST, -1);
     UpdateActionButtons();
-    ShowBatchEstimate(TheEngine.SendRemaining.load());
+    ShowBatchEstimate(list.Remaining());
     return true;
 }
 
@@ -133,8 +135,7 @@ void MainWindow::AddFolderToSendList(const std::string& path, const std::string&
     ClearFileList();
     const std::string folder = WithoutTrailingSlash(path);
 
-    FileEntry& marker = TheEngine.SendList[0];
-    marker = FileEntry{};
+    FileEntry marker;
     marker.FilePath.Set(folder);
     const std::string shown = ShortDisplayName(name);
     marker.DisplayName.Set(shown);
@@ -142,7 +143,7 @@ void MainWindow::AddFolderToSendList(const std::string& path, const std::string&
     marker.CreatorCode = DefaultCreatorCode;
     marker.TypeCode = DefaultTypeCode;
     Controls().InsertRow(IDC_FILE_LIST, 0, ListRow{shown, "", KindFolderMarker});
-    TheEngine.SendCount.store(1);
+    TheEngine.SendList.StartFolder(marker);
 
     // The folder is read by its full path, so the process's current folder
     // never changes. A folder that cannot be read leaves the marker alone.
@@ -161,7 +162,7 @@ void MainWindow::AddFolderToSendList(const std::string& path, const std::string&
     }
     const std::string base = folder == "/" ? folder : folder + "/";
     for (size_t i = 0; i < files.size(); ++i) {
-        if (TheEngine.SendCount.load() >= ListCapacity) {
+        if (TheEngine.SendList.IsFull()) {
             ::AddLogLine("File list is full: " + std::to_string(files.size() - i) + " files of " +
                          name + " were not added.");
             break;
@@ -176,8 +177,7 @@ void MainWindow::ClearFileList() {
     controls.ClearRows(IDC_FILE_LIST);
     controls.Enable(IDC_FILE_DELETE, false);
     controls.Enable(IDC_FILE_CLEAR, false);
-    TheEngine.SendRemaining.store(0);
-    TheEngine.SendCount.store(0);
+    TheEngine.SendList.Clear();
     selectedFileRow_.store(-1);
     UpdateActionButtons();
     ShowBatchEstimate(0);
@@ -192,17 +192,12 @@ void MainWindow::OnFileDelete() {
     if (row == -1) {
         return;
     }
-    const int16_t count = TheEngine.SendCount.load();
-    if (row >= 0 && row < count) {
-        for (int16_t i = row; i + 1 < count; ++i) {
-            TheEngine.SendList[i] = TheEngine.SendList[i + 1];
-        }
-    }
+    // A row without an entry behind it leaves the list as it is.
+    TheEngine.SendList.Remove(row);
     Controls().DeleteRow(IDC_FILE_LIST, row);
-    TheEngine.SendCount.store(count > 0 ? static_cast<int16_t>(count - 1) : int16_t{0});
     selectedFileRow_.store(-1);
     UpdateActionButtons();
-    RecomputeSendTotal();
+    ShowBatchEstimate(TheEngine.SendList.Remaining());
 }
 
 void MainWindow::OnFileClick(int row) {

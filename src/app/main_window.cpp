@@ -180,7 +180,6 @@ public:
     explicit EngineDisplay(MainWindow& window) : window_(window) {}
 
     void ShowBatchEstimate(uint32_t bytes) override { window_.ShowBatchEstimate(bytes); }
-    void RecomputeSendTotal() override { window_.RecomputeSendTotal(); }
     void ShowTransferDisplay(bool starting) override { window_.ShowTransferDisplay(starting); }
     void SetProgress(uint32_t done, uint32_t total) override { window_.SetProgress(done, total); }
     void ShowThroughput(bool sending, bool log) override { window_.ShowThroughput(sending, log); }
@@ -480,7 +479,7 @@ void MainWindow::UpdateActionButtons() {
     std::lock_guard<std::mutex> guard(buttonsLock_);
     ControlModel& controls = Controls();
     const bool linkUp = TheEngine.LinkState.load() > LinkIdle;
-    const bool haveFiles = TheEngine.SendCount.load() > 0;
+    const bool haveFiles = !TheEngine.SendList.IsEmpty();
     const bool rowSelected = selectedFileRow_.load() != -1;
     controls.Enable(IDC_SEND, !linkUp && haveFiles);
     controls.Enable(IDC_RETRIEVE, !linkUp && !haveFiles);

@@ -84,7 +84,7 @@ TEST_F(SenderTokenTest, AListWithNoDataIsThroughAtTheFirstAck2) {
     Send("ACK2\r\n");
     AnswerHangUp();
     EXPECT_TRUE(WaitForLog("All files sent."));
-    EXPECT_EQ(TheEngine.SendCount.load(), 0);
+    EXPECT_EQ(TheEngine.SendList.Count(), 0);
 }
 
 TEST_F(SenderTokenTest, ARecoveryBodyOutsideTheFileEndsTheCall) {
@@ -116,7 +116,7 @@ TEST_F(SenderTokenTest, ARefusedListIsNamedInTheLogAndTheCallHungUpAtOnce) {
         AnswerHangUp();
         EXPECT_TRUE(WaitForState(LinkIdle));
         EXPECT_EQ(Count(line), 1);
-        EXPECT_EQ(TheEngine.SendCount.load(), 1);
+        EXPECT_EQ(TheEngine.SendList.Count(), 1);
     }
 }
 
