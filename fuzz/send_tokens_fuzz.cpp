@@ -83,28 +83,25 @@ void Require(bool holds, const char* what) {
 
 // The list as the window makes it when the files are dropped on it.
 void OfferTheFiles(bool withFolder) {
-    int16_t count = 0;
-    uint32_t remaining = 0;
+    SendList& list = TheEngine.SendList;
+    list.Clear();
     if (withFolder) {
-        FileEntry& marker = TheEngine.SendList[count++];
-        marker = FileEntry{};
+        FileEntry marker;
         marker.FilePath.Set(Sources()[0].Path.substr(0, Sources()[0].Path.rfind('/')));
         marker.DisplayName.Set("Outgoing");
         marker.EntryKind = KindFolderMarker;
+        list.StartFolder(marker);
     }
     for (const SourceFile& source : Sources()) {
-        FileEntry& entry = TheEngine.SendList[count++];
-        entry = FileEntry{};
+        FileEntry entry;
         entry.FilePath.Set(source.Path);
         entry.DisplayName.Set(source.Name);
         entry.EntryKind = KindPlainFile;
         SetEntryLengths(entry, static_cast<uint32_t>(DataLengthForSize(source.Bytes.size())));
         entry.CreatorCode = DefaultCreatorCode;
         entry.TypeCode = DefaultTypeCode;
-        remaining += entry.TotalLength;
+        Require(list.Add(entry), "a list of the sources that does not fit");
     }
-    TheEngine.SendCount = count;
-    TheEngine.SendRemaining = remaining;
 }
 
 bool SourcesIntact() {
@@ -128,7 +125,7 @@ bool SourcesIntact() {
 
 // What is left of the list is its end, in order, and its top starts afresh.
 void CheckTheListLeft() {
-    const int16_t count = TheEngine.SendCount.load();
+    const int16_t count = TheEngine.SendList.Count();
     Require(count >= 0 && count <= static_cast<int16_t>(Sources().size()) + 1,
             "a list longer than the one offered");
     const auto& sources = Sources();
@@ -183,8 +180,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if ((data[0] & 2) != 0) {
         // A request to fetch files goes out instead of a list.
         TheEngine.RetrievePending = true;
-        TheEngine.SendCount = 0;
-        TheEngine.SendRemaining = 0;
+        TheEngine.SendList.Clear();
     }
     TheEngine.ReceiveCount = 0;
     TheEngine.ReceiveListSize = 0;
@@ -207,7 +203,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         Step();
         const int16_t state = TheEngine.LinkState.load();
         Require(!TheEngine.WeSend.load() || (state != LinkTransfer && state != LinkRecovery) ||
-                    TheEngine.SendCount.load() > 0,
+                    !TheEngine.SendList.IsEmpty(),
                 "a transfer with nothing in the list to send");
     }
 

@@ -98,7 +98,7 @@ EventOutcome FileListPanel::OnSelection(int id, int row) {
 }
 
 bool FileListPanel::HasFiles() const {
-    return TheEngine.SendCount.load() > 0;
+    return !TheEngine.SendList.IsEmpty();
 }
 
 void FileListPanel::ShowPermissions(const Permissions& may) {
@@ -120,10 +120,11 @@ void FileListPanel::OnFileAdd() {
 }
 
 bool FileListPanel::AddFileToList(const std::string& path, const std::string& name) {
-    const int16_t count = TheEngine.SendCount.load();
+    SendList& list = TheEngine.SendList;
+    const int16_t count = list.Count();
     // SendList has ListCapacity slots and the wire list no more; an entry
     // beyond them is refused, and the user is told in the log.
-    if (count >= ListCapacity) {
+    if (list.IsFull()) {
         ::AddLogLine("File list is full: " + name + " was not added.");
         return false;
     }
@@ -146,25 +147,24 @@ bool FileListPanel::AddFileToList(const std::string& path, const std::string& na
     }
     const uint64_t dataLength = DataLengthForSize(static_cast<uint64_t>(length));
 
-    FileEntry& entry = TheEngine.SendList[count];
-    entry = FileEntry{};
+    FileEntry entry;
     entry.FilePath.Set(path);
     const std::string shown = ShortDisplayName(name);
     entry.DisplayName.Set(shown);
     entry.EntryKind = IsProgramName(name) ? KindProgramFile : KindPlainFile;
-    // The size shown is the file's, without the checksum bytes of the wire.
-    Controls().InsertRow(IDC_FILE_LIST, count,
-                         ListRow{shown, std::to_string(length), entry.EntryKind});
     SetEntryLengths(entry, static_cast<uint32_t>(dataLength));
     entry.CreatorCode = DefaultCreatorCode;
     entry.TypeCode = DefaultTypeCode;
-
-    TheEngine.SendCount.store(static_cast<int16_t>(count + 1));
-    TheEngine.SendRemaining.fetch_add(entry.TotalLength);
+    if (!list.Add(entry)) {
+        return false;  // refused as full above; the list changes on no other thread now
+    }
+    // The size shown is the file's, without the checksum bytes of the wire.
+    Controls().InsertRow(IDC_FILE_LIST, count,
+                         ListRow{shown, std::to_string(length), entry.EntryKind});
     selectedFileRow_.store(-1);
     Controls().Select(IDC_FILE_LIST, -1);
     window_.UpdateActionButtons();
-    window_.Display().ShowBatchEstimate(TheEngine.SendRemaining.load());
+    window_.Display().ShowBatchEstimate(list.Remaining());
     return true;
 }
 
@@ -174,8 +174,7 @@ void FileListPanel::AddFolderToSendList(const std::string& path, const std::stri
     ClearFileList();
     const std::string folder = WithoutTrailingSlash(path);
 
-    FileEntry& marker = TheEngine.SendList[0];
-    marker = FileEntry{};
+    FileEntry marker;
     marker.FilePath.Set(folder);
     const std::string shown = ShortDisplayName(name);
     marker.DisplayName.Set(shown);
@@ -183,7 +182,7 @@ void FileListPanel::AddFolderToSendList(const std::string& path, const std::stri
     marker.CreatorCode = DefaultCreatorCode;
     marker.TypeCode = DefaultTypeCode;
     Controls().InsertRow(IDC_FILE_LIST, 0, ListRow{shown, "", KindFolderMarker});
-    TheEngine.SendCount.store(1);
+    TheEngine.SendList.StartFolder(marker);
 
     // The folder is read by its full path, so the process's current folder
     // never changes. A folder that cannot be read leaves the marker alone.
@@ -202,7 +201,7 @@ void FileListPanel::AddFolderToSendList(const std::string& path, const std::stri
     }
     const std::string base = folder == "/" ? folder : folder + "/";
     for (size_t i = 0; i < files.size(); ++i) {
-        if (TheEngine.SendCount.load() >= ListCapacity) {
+        if (TheEngine.SendList.IsFull()) {
             ::AddLogLine("File list is full: " + std::to_string(files.size() - i) + " files of " +
                          name + " were not added.");
             break;
@@ -217,8 +216,7 @@ void FileListPanel::ClearFileList() {
     controls.ClearRows(IDC_FILE_LIST);
     controls.Enable(IDC_FILE_DELETE, false);
     controls.Enable(IDC_FILE_CLEAR, false);
-    TheEngine.SendRemaining.store(0);
-    TheEngine.SendCount.store(0);
+    TheEngine.SendList.Clear();
     selectedFileRow_.store(-1);
     window_.UpdateActionButtons();
     window_.Display().ShowBatchEstimate(0);
@@ -233,17 +231,12 @@ void FileListPanel::OnFileDelete() {
     if (row == -1) {
         return;
     }
-    const int16_t count = TheEngine.SendCount.load();
-    if (row >= 0 && row < count) {
-        for (int16_t i = row; i + 1 < count; ++i) {
-            TheEngine.SendList[i] = TheEngine.SendList[i + 1];
-        }
-    }
+    // A row without an entry behind it leaves the list as it is.
+    TheEngine.SendList.Remove(row);
     Controls().DeleteRow(IDC_FILE_LIST, row);
-    TheEngine.SendCount.store(count > 0 ? static_cast<int16_t>(count - 1) : int16_t{0});
     selectedFileRow_.store(-1);
     window_.UpdateActionButtons();
-    window_.Display().RecomputeSendTotal();
+    window_.Display().ShowBatchEstimate(TheEngine.SendList.Remaining());
 }
 
 void FileListPanel::OnFileClick(int row) {

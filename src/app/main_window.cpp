@@ -155,7 +155,6 @@ public:
     explicit EngineDisplay(MainWindow& window) : window_(window) {}
 
     void ShowBatchEstimate(uint32_t bytes) override { window_.Display().ShowBatchEstimate(bytes); }
-    void RecomputeSendTotal() override { window_.Display().RecomputeSendTotal(); }
     void ShowTransferDisplay(bool starting) override {
         window_.Display().ShowTransferDisplay(starting);
     }

@@ -70,17 +70,7 @@ void TransferDisplay::ShowBatchEstimate(uint32_t bytes) {
 }
 
 void TransferDisplay::RecomputeSendTotal() {
-    const int16_t count = std::clamp<int16_t>(TheEngine.SendCount.load(), 0, ListCapacity);
-    uint32_t total = 0;
-    for (int16_t i = 0; i < count; ++i) {
-        const FileEntry& entry = TheEngine.SendList[i];
-        // The folder marker carries no bytes of its own.
-        if (entry.EntryKind != KindFolderMarker) {
-            total += entry.TotalLength;
-        }
-    }
-    TheEngine.SendRemaining.store(total);
-    ShowBatchEstimate(total);
+    ShowBatchEstimate(TheEngine.SendList.RecomputeTotal());
 }
 
 void TransferDisplay::ShowTransferDisplay(bool starting) {
@@ -109,11 +99,10 @@ void TransferDisplay::SetProgress(uint32_t done, uint32_t total) {
 }
 
 void TransferDisplay::ShowThroughput(bool sending, bool log) {
-    const FileEntry* list = sending ? TheEngine.SendList : TheEngine.ReceiveList;
-    if (list == nullptr) {
+    if (sending ? !TheEngine.SendList.Allocated() : TheEngine.ReceiveList == nullptr) {
         return;
     }
-    const FileEntry& entry = list[0];
+    const FileEntry& entry = sending ? TheEngine.SendList[0] : TheEngine.ReceiveList[0];
     const uint32_t start = entry.StartTime;
     if (start == 0) {
         return;  // nothing has moved yet

@@ -6,13 +6,12 @@
 #include <cstdint>
 #include <string>
 
-// The window when there is none: it shows nothing but keeps the engine's own
-// figures right, as the real window does: the send total is still summed and
-// an emptied file list still empties SendList.
+// The window when there is none: it shows nothing. The send list keeps its
+// own figures, so there is nothing of the engine's to keep right here but the
+// time of the transfer.
 class NoWindow : public EngineWindow {
 public:
     void ShowBatchEstimate(uint32_t) override {}
-    void RecomputeSendTotal() override;
     void ShowTransferDisplay(bool) override {}
     void SetProgress(uint32_t, uint32_t) override {}
     void ShowThroughput(bool, bool) override {}
@@ -23,7 +22,7 @@ public:
     void ShowCorrespondent(int16_t) override {}
     void SelectCorrespondent(int16_t) override {}
     void ShowSelectedCorrespondent() override {}
-    void ClearFileList() override;
+    void ClearFileList() override {}
     void AddFolderToSendList(const std::string&, const std::string&) override {}
     int ImportDirectoryEntry(const std::string&) override { return 0; }
 };

@@ -14,7 +14,6 @@ public:
 
     // The transfer display.
     virtual void ShowBatchEstimate(uint32_t bytes) = 0;
-    virtual void RecomputeSendTotal() = 0;
     virtual void ShowTransferDisplay(bool starting) = 0;
     virtual void SetProgress(uint32_t done, uint32_t total) = 0;
     virtual void ShowThroughput(bool sending, bool log) = 0;
@@ -31,7 +30,8 @@ public:
     // The panel shows again the record selected in the directory list, as it
     // stands now.
     virtual void ShowSelectedCorrespondent() = 0;
-    // The file list and SendList.
+    // The file list. The engine empties SendList itself before it clears the
+    // rows; the window's own clearing empties it too.
     virtual void ClearFileList() = 0;
     virtual void AddFolderToSendList(const std::string& path, const std::string& name) = 0;
     // Enters an exported directory entry; 1 if a record was added.

@@ -564,7 +564,7 @@ void OnReceiverInput() {
 
 AdmitResult AdmitFileList() {
     // A list that the user had prepared here stops counting from now.
-    TheEngine.SendCount = 0;
+    TheEngine.SendList.Clear();
     // A list of this call that was abandoned leaves nothing half made behind
     // when another takes its place.
     DeleteUnfinishedReceives();

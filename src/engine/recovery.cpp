@@ -66,7 +66,7 @@ void ApplyRecoveryAtSender() {
     TheEngine.BlockIndex = 0;
     FileEntry& entry = TheEngine.SendList[0];
     const RecoveryPosition position = ApplyRecoveryBody(body, entry);
-    TheEngine.SendRemaining = position.ReceiveRemaining;
+    TheEngine.SendList.SetRemaining(position.ReceiveRemaining);
     EngineWindow& display = Display();
     display.ShowBatchEstimate(position.ReceiveRemaining);
     display.SetProgress(entry.BytesDone, entry.TotalLength);

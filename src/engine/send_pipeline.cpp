@@ -51,8 +51,7 @@ void HandToWriter(const uint8_t* block, int16_t length) {
 }
 
 void BookBlock(FileEntry& entry, uint32_t bytes) {
-    const uint32_t remaining = TheEngine.SendRemaining.load();
-    TheEngine.SendRemaining = remaining > bytes ? remaining - bytes : 0;
+    TheEngine.SendList.Book(bytes);
     entry.BytesDone += bytes;
 }
 
@@ -92,7 +91,7 @@ void ReadNextSection() {
 }
 
 BlockOutcome SendNextBlock() {
-    if (TheEngine.SendCount.load() <= 0) {
+    if (TheEngine.SendList.IsEmpty()) {
         return BlockOutcome::Nothing;
     }
     FileEntry& entry = TheEngine.SendList[0];
@@ -135,7 +134,7 @@ BlockOutcome SendNextBlock() {
 }
 
 void RefreshSendDisplay() {
-    if (TheEngine.SendCount.load() <= 0) {
+    if (TheEngine.SendList.IsEmpty()) {
         return;
     }
     const FileEntry& entry = TheEngine.SendList[0];
@@ -145,7 +144,7 @@ void RefreshSendDisplay() {
     EngineWindow& display = Display();
     display.ShowThroughput(true, false);
     display.SetProgress(entry.BytesDone, entry.TotalLength);
-    display.ShowBatchEstimate(TheEngine.SendRemaining.load());
+    display.ShowBatchEstimate(TheEngine.SendList.Remaining());
     TheEngine.SendDisplayDirty = false;
 }
 
@@ -156,7 +155,7 @@ unsigned SectionFeeder(void*) {
     // repair, it first brings the display up to date.
     bool refreshDue = false;
     while (TheEngine.FeederRun.load()) {
-        if (TheEngine.LinkState.load() != LinkTransfer || TheEngine.SendCount.load() <= 0 ||
+        if (TheEngine.LinkState.load() != LinkTransfer || TheEngine.SendList.IsEmpty() ||
             TheSession.SendFault.load()) {
             ParkThread(self);
             continue;
@@ -196,7 +195,7 @@ unsigned BlockWriter(void*) {
         // The line took the block: the far end is taking data.
         TheSession.FarEndSeenAt = NowMs();
         TheEngine.SendDisplayDirty = true;
-        if (TheEngine.SendCount.load() > 0) {
+        if (!TheEngine.SendList.IsEmpty()) {
             TheEngine.SendList[0].LastBlockTime = NowMs();
         }
         TheEngine.WriterIdle = true;

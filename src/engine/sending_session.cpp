@@ -26,18 +26,10 @@ constexpr int16_t BodyLimitMs = 1000;
 // How long an ACK that came before the feeder has parked may wait for it.
 constexpr int FileSentWaitMs = 2000;
 
-int16_t ClampedSendCount() {
-    const int16_t count = TheEngine.SendCount.load();
-    if (count < 0) {
-        return 0;
-    }
-    return count > ListCapacity ? static_cast<int16_t>(ListCapacity) : count;
-}
-
 // An empty file carries no data and the far end, which has made it already,
 // sends no ACK for it: it leaves the list as soon as it comes to the top.
 void DropLeadingEmptyEntries() {
-    while (TheEngine.SendCount.load() > 0 && TheEngine.SendList[0].EntryKind != KindFolderMarker &&
+    while (!TheEngine.SendList.IsEmpty() && TheEngine.SendList[0].EntryKind != KindFolderMarker &&
            TheEngine.SendList[0].DataLength == 0) {
         DropFirstSendEntry();
     }
@@ -95,7 +87,7 @@ void OnFileRecovr() {
     // With the list empty the file of that data has been acknowledged
     // already; a repair would put a stale entry back on the way.
     if (!FeederRunning() || (state != LinkTransfer && state != LinkFileSent) ||
-        TheEngine.SendCount.load() <= 0) {
+        TheEngine.SendList.IsEmpty()) {
         return;  // no data of ours is on its way: nothing to repair
     }
     if (!BodyFitsTopFile()) {
@@ -123,7 +115,7 @@ void OnListAccepted() {
         return;
     }
     DropLeadingEmptyEntries();
-    if (TheEngine.SendCount.load() <= 0) {
+    if (TheEngine.SendList.IsEmpty()) {
         return;
     }
     LogSendingFile("Sending File: ");
@@ -138,7 +130,7 @@ void OnListResumed() {
         return;
     }
     DropLeadingEmptyEntries();
-    if (TheEngine.SendCount.load() <= 0) {
+    if (TheEngine.SendList.IsEmpty()) {
         return;
     }
     if (!BodyFitsTopFile()) {
@@ -180,7 +172,7 @@ void OnAllFilesSent() {
     DropLeadingEmptyEntries();
     AddLogLine("All files sent.");
     TheEngine.LinkState = LinkConnected;
-    TheEngine.SendCount = 0;
+    TheEngine.SendList.Clear();
     StopFeeder();
     EndCallByHangUp();
 }
@@ -271,7 +263,7 @@ void OnSenderInput() {
 void StartSendSession() {
     SleepMs(100);
     BuildSessionRecords();
-    const int16_t count = ClampedSendCount();
+    const int16_t count = TheEngine.SendList.Count();
     SendToken(TokenH100);
     SendBytes(&TheEngine.OutHeader, sizeof(SessionHeader));
     SendBytes(TheEngine.WireList, static_cast<int16_t>(count * sizeof(WireFileEntry)));
@@ -286,16 +278,16 @@ void StartSendSession() {
 }
 
 void BuildSessionRecords() {
-    const int16_t count = ClampedSendCount();
+    const int16_t count = TheEngine.SendList.Count();
     TheEngine.OutHeader =
-        MakeSessionHeader(static_cast<uint32_t>(count), TheEngine.SendRemaining.load());
+        MakeSessionHeader(static_cast<uint32_t>(count), TheEngine.SendList.Remaining());
     for (int16_t i = 0; i < count; ++i) {
         TheEngine.WireList[i] = MakeWireFileEntry(TheEngine.SendList[i]);
     }
 }
 
 void DropFirstSendEntry() {
-    const int16_t count = ClampedSendCount();
+    const int16_t count = TheEngine.SendList.Count();
     if (count <= 0) {
         return;
     }
@@ -304,23 +296,18 @@ void DropFirstSendEntry() {
         display.SetProgress(100, 100);
         display.ShowThroughput(true, true);
     }
-    TheEngine.SendRemaining = 0;
-    FileEntry* list = TheEngine.SendList;
+    SendList& list = TheEngine.SendList;
     if (TheEngine.PickupSend.load() && list[0].EntryKind != KindFolderMarker) {
         MoveToSentFiles(std::string(list[0].FilePath.View()));
     }
-    const int16_t left = static_cast<int16_t>(count - 1);
-    TheEngine.SendCount = left;
-    uint32_t remaining = 0;
-    for (int16_t i = 0; i < left; ++i) {
-        list[i] = list[i + 1];
+    // The wire list is kept in step with the send list.
+    for (int16_t i = 0; i + 1 < count; ++i) {
         TheEngine.WireList[i] = TheEngine.WireList[i + 1];
-        remaining += list[i].TotalLength;
     }
-    TheEngine.SendRemaining = remaining;
+    list.DropFirst();
     display.RemoveTopFileRow();
-    display.ShowBatchEstimate(remaining);
-    if (left <= 0) {
+    display.ShowBatchEstimate(list.Remaining());
+    if (list.IsEmpty()) {
         TheEngine.LinkState = LinkFileSent;
         if (TheEngine.PickupSend.load()) {
             // The pick-up folder has emptied: its button shows it.
@@ -332,7 +319,7 @@ void DropFirstSendEntry() {
 
 void BeginNextFile() {
     DropLeadingEmptyEntries();
-    if (TheEngine.SendCount.load() <= 0) {
+    if (TheEngine.SendList.IsEmpty()) {
         return;
     }
     LogSendingFile("Sending File: ");
@@ -341,7 +328,7 @@ void BeginNextFile() {
 }
 
 void ResetSendPosition() {
-    if (TheEngine.SendCount.load() > 0) {
+    if (!TheEngine.SendList.IsEmpty()) {
         FileEntry& entry = TheEngine.SendList[0];
         entry.NextBlock = 0;
         entry.BlocksDone = 0;
@@ -353,5 +340,5 @@ void ResetSendPosition() {
         entry.DataDone = entry.DataLength == 0 ? 1 : 0;
         entry.AuxDone = entry.AuxLength == 0 ? 1 : 0;
     }
-    Display().RecomputeSendTotal();
+    Display().ShowBatchEstimate(TheEngine.SendList.RecomputeTotal());
 }

@@ -285,6 +285,7 @@ void EndOfCallCleanup() {
     DeleteUnfinishedReceives();
     ImportReceivedEntries();
     TheEngine.ReceiveCount = 0;
+    TheEngine.SendList.Clear();
     Display().ClearFileList();
 }
 

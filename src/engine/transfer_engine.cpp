@@ -214,9 +214,7 @@ void EngineStartup() {
     if (TheEngine.WireList == nullptr) {
         TheEngine.WireList = new WireFileEntry[ListCapacity]();
     }
-    if (TheEngine.SendList == nullptr) {
-        TheEngine.SendList = new FileEntry[ListCapacity]();
-    }
+    TheEngine.SendList.Allocate();
     if (TheEngine.ReceiveList == nullptr) {
         TheEngine.ReceiveList = new FileEntry[ListCapacity]();
     }
@@ -236,12 +234,11 @@ void EngineShutdown() {
     // program has gone; the one kept for a resume stays for the next start.
     DiscardUnfinishedFiles();
     delete[] TheEngine.WireList;
-    delete[] TheEngine.SendList;
+    TheEngine.SendList.Free();
     delete[] TheEngine.ReceiveList;
     delete[] TheEngine.WorkingSection;
     delete[] TheEngine.StagedSection;
     TheEngine.WireList = nullptr;
-    TheEngine.SendList = nullptr;
     TheEngine.ReceiveList = nullptr;
     TheEngine.WorkingSection = nullptr;
     TheEngine.StagedSection = nullptr;

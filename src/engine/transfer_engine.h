@@ -10,7 +10,8 @@
 // Every word that two threads share is atomic. The lists and buffers are
 // handed from thread to thread by the orderings of the protocol: a thread
 // touches SendList[0] only while LinkState and the feeder's park say that it
-// may, and the main thread edits SendList only while no link is up.
+// may, and the main thread edits SendList only while no link is up. The send
+// list keeps its own count and total (engine/send_list.h).
 #pragma once
 
 #include <atomic>
@@ -18,6 +19,7 @@
 #include <ctime>
 
 #include "engine/file_entry.h"
+#include "engine/send_list.h"
 #include "engine/wire.h"
 #include "platform/thread.h"
 
@@ -64,8 +66,10 @@ struct TransferEngine {
     // The send list came out of a pick-up folder.
     std::atomic<bool> PickupSend{false};
 
-    std::atomic<int16_t> SendCount{0};
-    std::atomic<uint32_t> SendRemaining{0};
+    // The files to send, entry 0 the file in hand, with their count and the
+    // wire bytes still to send. The type is named from outside, as for
+    // LinkState.
+    ::SendList SendList;
     std::atomic<uint32_t> ReceiveCount{0};
     std::atomic<int16_t> ReceiveListSize{0};
     std::atomic<uint32_t> ReceiveRemaining{0};
@@ -88,7 +92,6 @@ struct TransferEngine {
     // buffer, which AT replies share with wire tokens, is the line's
     // TokenBuffer.
     WireFileEntry* WireList = nullptr;  // ListCapacity entries
-    FileEntry* SendList = nullptr;      // ListCapacity entries
     FileEntry* ReceiveList = nullptr;   // ListCapacity entries
     uint8_t* WorkingSection = nullptr;  // a section going out or coming in
     uint8_t* StagedSection = nullptr;   // the next section, read ahead

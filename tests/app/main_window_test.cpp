@@ -50,7 +50,10 @@ TEST_F(MainWindowTest, TheButtonsFollowTheLinkAndTheFileList) {
                      " row " + std::to_string(row.Selected));
         // A selected row is what a click leaves behind.
         TheEngine.LinkState = LinkIdle;
-        TheEngine.SendCount = row.Count;
+        TheEngine.SendList.Clear();
+        for (int i = 0; i < row.Count; ++i) {
+            ASSERT_TRUE(TheEngine.SendList.Add(FileEntry{}));
+        }
         window_->Files().OnFileClick(row.Selected);
         TheEngine.LinkState = row.Link;
         window_->UpdateActionButtons();
@@ -69,7 +72,7 @@ TEST_F(MainWindowTest, TheButtonsFollowTheLinkAndTheFileList) {
         }
     }
     TheEngine.LinkState = LinkIdle;
-    TheEngine.SendCount = 0;
+    TheEngine.SendList.Clear();
 }
 
 TEST_F(MainWindowTest, EventsReachOnlyControlsAUserCouldUse) {

@@ -32,8 +32,7 @@ void WindowTest::StartWindow() {
     // first state.
     TheEngine.LinkState = LinkIdle;
     TheEngine.WeSend = false;
-    TheEngine.SendCount = 0;
-    TheEngine.SendRemaining = 0;
+    TheEngine.SendList.Clear();
     TheEngine.ReceiveCount = 0;
     TheEngine.TransferStartTime = 0;
     AdapterFound = 0;

@@ -72,8 +72,7 @@ void EngineHarness::TearDown() {
     SetFreeSpaceQuery(nullptr);
     TheEngine.LinkState = LinkIdle;
     TheEngine.WeSend = false;
-    TheEngine.SendCount = 0;
-    TheEngine.SendRemaining = 0;
+    TheEngine.SendList.Clear();
     TheEngine.ReceiveCount = 0;
     TheEngine.ReceiveListSize = 0;
     TheEngine.RetrievePending = false;
@@ -159,10 +158,6 @@ std::string EngineHarness::ChooseFile(const std::string& name, const std::string
     WriteWholeFile(path, bytes);
     // As the window does it: while no pass of the communications thread runs.
     PortConversation conversation;
-    const int16_t count = TheEngine.SendCount.load();
-    FileEntry& entry = TheEngine.SendList[count];
-    entry = EntryForFile(name, path, bytes.size());
-    TheEngine.SendCount = static_cast<int16_t>(count + 1);
-    TheEngine.SendRemaining += entry.TotalLength;
+    EXPECT_TRUE(TheEngine.SendList.Add(EntryForFile(name, path, bytes.size())));
     return path;
 }

@@ -124,12 +124,11 @@ TEST_F(CallEndTest, EachWayOfEndingLogsItsLinesAndLeavesTheLinkIdle) {
         EXPECT_FALSE(FeederRunning());
         EXPECT_FALSE(TheEngine.WeSend.load());
         EXPECT_FALSE(TheEngine.RetrievePending.load());
-        EXPECT_EQ(TheEngine.SendCount.load(), c.Total == 0 ? 0 : 1);
+        EXPECT_EQ(TheEngine.SendList.Count(), c.Total == 0 ? 0 : 1);
         EXPECT_EQ(Inspect([] { return uint32_t{TheEngine.SendList[0].BytesDone}; }), 0u);
         EXPECT_EQ(Inspect([] { return TheEngine.SendList[0].NextBlock; }), 0);
-        EXPECT_EQ(TheEngine.SendRemaining.load(), c.Total);
-        TheEngine.SendCount = 0;
-        TheEngine.SendRemaining = 0;
+        EXPECT_EQ(TheEngine.SendList.Remaining(), c.Total);
+        TheEngine.SendList.Clear();
     }
 }
 
@@ -358,8 +357,7 @@ TEST_F(SenderTeardownTest, AFarEndSilentForTheReceiversLimitsIsLetGo) {
         const auto line = std::find(log.rbegin(), log.rend(), "Remote end not responding.");
         ASSERT_NE(line, log.rend());
         EXPECT_EQ(*(line - 1), "Disconnected");
-        TheEngine.SendCount = 0;
-        TheEngine.SendRemaining = 0;
+        TheEngine.SendList.Clear();
     }
 }
 

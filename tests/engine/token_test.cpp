@@ -78,13 +78,27 @@ TEST_F(SenderTokenTest, FileResta1GoesOnFromTheReceiversPosition) {
     EXPECT_EQ(Take(502), peer::Stream(bytes).substr(2 * SectionWireBytes));
 }
 
-TEST_F(SenderTokenTest, AListWithNoDataIsThroughAtTheFirstAck2) {
+TEST_F(SenderTokenTest, AListWithNoDataIsThroughAtTheFirstAck2AndAnEarlyOneLeavesNoTotal) {
     ChooseFile("e", "");
     ConnectAndTakeList(1);
     Send("ACK2\r\n");
     AnswerHangUp();
     EXPECT_TRUE(WaitForLog("All files sent."));
-    EXPECT_EQ(TheEngine.SendCount.load(), 0);
+    EXPECT_EQ(TheEngine.SendList.Count(), 0);
+    ASSERT_TRUE(WaitForState(LinkIdle));
+
+    // A far end that says ACK2 while files of the list have not gone ends the
+    // session as well; the bytes of those files count no more, so that the
+    // next list's estimate and header hold only its own.
+    ChooseFile("f", LetterBytes(500));
+    ChooseFile("g", LetterBytes(700));
+    ConnectAndTakeList(2);
+    Send("ACK2\r\n");
+    AnswerHangUp();
+    EXPECT_TRUE(WaitUntil([this] { return Count("All files sent.") == 2; }));
+    ASSERT_TRUE(WaitForState(LinkIdle));
+    EXPECT_EQ(TheEngine.SendList.Count(), 0);
+    EXPECT_EQ(TheEngine.SendList.Remaining(), 0u);
 }
 
 TEST_F(SenderTokenTest, ARecoveryBodyOutsideTheFileEndsTheCall) {
@@ -116,7 +130,7 @@ TEST_F(SenderTokenTest, ARefusedListIsNamedInTheLogAndTheCallHungUpAtOnce) {
         AnswerHangUp();
         EXPECT_TRUE(WaitForState(LinkIdle));
         EXPECT_EQ(Count(line), 1);
-        EXPECT_EQ(TheEngine.SendCount.load(), 1);
+        EXPECT_EQ(TheEngine.SendList.Count(), 1);
     }
 }
 
