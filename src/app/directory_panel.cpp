@@ -230,7 +230,7 @@ void MainWindow::OnDirectoryChange() {
         // a path, so the folder stays where it is and the record loses it.
         const std::string folder = PickUpFolderOf(record);
         if (!folder.empty() && NameCanBeFolder(newName)) {
-            RenamePath(folder, PickUpPath + "/" + newName);
+            static_cast<void>(RenamePath(folder, PickUpPath + "/" + newName));
         }
     }
     for (int16_t i = 0; i < count; ++i) {

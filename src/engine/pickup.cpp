@@ -115,7 +115,8 @@ void EnsureSentFilesFolder(int16_t index) {
     }
     const std::string folder = PickUpFolderOf(Directory[index]);
     if (!folder.empty()) {
-        CreateFolder(folder + "/Sent Files");
+        // A folder that is there already serves as well.
+        static_cast<void>(CreateFolder(folder + "/Sent Files"));
     }
 }
 
@@ -131,11 +132,12 @@ void MoveToSentFiles(const std::string& path) {
         return;
     }
     // An older file of that name is in the way.
-    DeleteFileAt(target);
+    static_cast<void>(DeleteFileAt(target));
     if (MoveFileNoReplace(path, target)) {
         return;
     }
-    DeleteFileAt(path);
+    // A file that will go neither way stays in the folder, as the user sees it.
+    static_cast<void>(DeleteFileAt(path));
 }
 
 int16_t FindRetrieveFolder(const std::string& number) {

@@ -12,7 +12,7 @@ void OnSendClicked(const CallRequest& call);
 void OnRetrieveClicked(const CallRequest& call);
 // The record whose pick-up folder answers a retrieve request for the number:
 // -1 none, 0 its folder is empty, n > 0 record n - 1.
-int16_t FindRetrieveFolder(const std::string& number);
+[[nodiscard]] int16_t FindRetrieveFolder(const std::string& number);
 // Fills the send list from record index's pick-up folder.
 void LoadPickUpFolder(int16_t index);
 // The 15-second look at the hot folders: the record whose folder goes out
@@ -30,7 +30,7 @@ void AnswerRetrieveRequest();
 // The pick-up folders themselves, below PickUpPath under each FirmName.
 // The number of plain files directly in record index's folder, of its first
 // 100 entries, with their bytes in total; -1 if the folder is missing.
-int16_t ScanPickUpFolder(int16_t index, uint32_t& total);
+[[nodiscard]] int16_t ScanPickUpFolder(int16_t index, uint32_t& total);
 // Makes the folder "Sent Files" inside record index's pick-up folder.
 void EnsureSentFilesFolder(int16_t index);
 // Moves a file that has been sent into "Sent Files" beside it, under its own

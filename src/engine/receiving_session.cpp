@@ -60,7 +60,7 @@ void DiscardInput() {
     uint32_t waiting = PortQueueCount(PortQueue::Input);
     while (waiting != 0) {
         const uint32_t chunk = waiting < sizeof scratch ? waiting : sizeof scratch;
-        ReadBlock(scratch, chunk, 0);
+        static_cast<void>(ReadBlock(scratch, chunk, 0));  // thrown away
         waiting -= chunk;
     }
 }
@@ -454,7 +454,7 @@ bool BeginReceivedFile(FileEntry& entry) {
         made = file.Open(path, File::Mode::CreateNew);
     }
     if (made && !entry.FilePath.Set(path)) {
-        DeleteFileAt(path);  // a path the entry cannot hold
+        static_cast<void>(DeleteFileAt(path));  // a path the entry cannot hold
         made = false;
     }
     if (!made) {
@@ -523,7 +523,8 @@ void EndRecoveryCandidacy() {
     // A file of that name that has another length is no longer the one this
     // program left, and is not touched.
     if (SavedPartialIntact()) {
-        DeleteFileAt(std::string(saved.FilePath.View()));
+        // A part that will not go stays, as the user sees it.
+        static_cast<void>(DeleteFileAt(std::string(saved.FilePath.View())));
     }
     ForgetResumeCandidate();
 }

@@ -17,7 +17,7 @@ void EndCallByHangUp();
 // is.
 int MsUntilHangUpRetry();
 // Tries the hang-up again if its time has come; true if it did.
-bool RetryHangUpIfDue();
+[[nodiscard]] bool RetryHangUpIfDue();
 // How a call came to its end. Every end is tidied by OnCallEnded; what differs
 // between the ways is said there, where it is done.
 enum class CallEnd {

@@ -96,7 +96,7 @@ uint16_t ExpectedBlockOf(const FileEntry& entry);
 // Puts the checksum of the section's file bytes in front of them.
 void SealSection(uint8_t* section, uint32_t fileBytes);
 // True if the checksum in front of the section's file bytes is theirs.
-bool SectionIntact(const uint8_t* section, uint32_t fileBytes);
+[[nodiscard]] bool SectionIntact(const uint8_t* section, uint32_t fileBytes);
 
 // ---------------------------------------------------------------------------
 // Tokens

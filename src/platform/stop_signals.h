@@ -22,7 +22,7 @@ public:
     // Readable while a stop signal waits.
     int Descriptor() const { return fd_; }
     // Takes one waiting signal: its number, or 0 if none waits.
-    int Take();
+    [[nodiscard]] int Take();
 
 private:
     int fd_ = -1;

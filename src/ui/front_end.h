@@ -77,7 +77,7 @@ public:
 
     // Writes a PNG of the window to the file, through a file beside it, so a
     // reader never finds half a picture. False if it could not be written.
-    bool WritePicture(const QString& path);
+    [[nodiscard]] bool WritePicture(const QString& path);
     // What SIGUSR1 does: the picture of FrontEndOptions::SignalScreenshot.
     void WriteSignalPicture();
 

@@ -20,7 +20,7 @@ class PickUpTest : public EngineHarness {
 protected:
     void SetUp() override {
         EngineHarness::SetUp();
-        CreateFolder(PickUpPath);
+        ASSERT_TRUE(CreateFolder(PickUpPath));
         std::memset(Directory, 0, sizeof Directory);
         DirectoryCount = 0;
     }
@@ -42,8 +42,8 @@ protected:
         SetFieldText(record.IsdnNumber, number);
         record.HasPickUp = 1;
         record.HotSend = hot ? 1 : 0;
-        CreateFolder(PickUpPath + "/" + name);
-        CreateFolder(PickUpPath + "/" + name + "/Sent Files");
+        EXPECT_TRUE(CreateFolder(PickUpPath + "/" + name));
+        EXPECT_TRUE(CreateFolder(PickUpPath + "/" + name + "/Sent Files"));
         for (const std::string& file : files) {
             WriteWholeFile(PickUpPath + "/" + name + "/" + file, file);
         }

@@ -48,11 +48,11 @@ public:
     // Puts what the bucket allows on the line, and acts the faults whose
     // offsets it passes; those that act are added to acted. False when a drop
     // fault made the line fall: nothing beyond its offset is released.
-    bool Release(uint64_t nowNs, std::vector<const FaultSetting*>& acted);
+    [[nodiscard]] bool Release(uint64_t nowNs, std::vector<const FaultSetting*>& acted);
     // Puts every byte taken in on the line at once, held ones included: what
     // an adapter had taken from its port goes out before its hang-up. False
     // if a drop fault made the line fall on the way.
-    bool ReleaseAll(std::vector<const FaultSetting*>& acted);
+    [[nodiscard]] bool ReleaseAll(std::vector<const FaultSetting*>& acted);
     // When Release can put more on the line; Never if nothing waits for it.
     uint64_t NextReleaseAt(uint64_t nowNs);
 
@@ -73,7 +73,7 @@ public:
     uint64_t Garbled() const { return garbled_; }
 
 private:
-    bool Put(uint64_t nowNs, std::vector<const FaultSetting*>& acted, bool unpaced);
+    [[nodiscard]] bool Put(uint64_t nowNs, std::vector<const FaultSetting*>& acted, bool unpaced);
     // Garbles the bytes of [released_, released_ + count) that the noise hits.
     void AddNoise(FaultSetting& noise, uint64_t count);
     void AppendRange(uint64_t from, uint64_t to, std::string& into) const;

@@ -75,7 +75,7 @@ public:
     Exchange& operator=(const Exchange&) = delete;
 
     // Makes every pseudo-terminal and link. False with a reason.
-    bool Open(std::string& error);
+    [[nodiscard]] bool Open(std::string& error);
     // Removes the links and closes the pseudo-terminals.
     void Close();
 
@@ -142,14 +142,14 @@ private:
                    uint64_t now);
 
     // Calls with other virtual-ta processes (exchange_links.cpp).
-    bool OpenListener(std::string& error);
+    [[nodiscard]] bool OpenListener(std::string& error);
     const RouteSetting* FindRoute(const std::string& number) const;
     void DialAway(Call& call, const RouteSetting& route, const std::string& second, uint64_t now);
     void CallFromAway(Link& link, std::string_view setup, uint64_t now);
     void ConnectedAway(Call& call, std::string_view message, uint64_t now);
     void FailAway(Call& call, const char* result, uint64_t now);
     void HandleMessages(Link& link, uint64_t now);
-    bool TakeData(Call& call, Link& link, std::string_view payload, uint64_t now);
+    [[nodiscard]] bool TakeData(Call& call, Link& link, std::string_view payload, uint64_t now);
     void Forward(Call& call, bool everything);
     void Detach(Call& call, bool release);
     void LinkLost(Link& link, uint64_t now);
@@ -158,7 +158,7 @@ private:
     void HandleLinks(const pollfd* entries, uint64_t now);
     void AcceptCalls(uint64_t now);
     size_t LinksAwaitingSetup() const;
-    bool DropLinkAwaitingSetup(uint64_t now);
+    [[nodiscard]] bool DropLinkAwaitingSetup(uint64_t now);
     void SweepLinks();
 
     Options options_;
