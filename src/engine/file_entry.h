@@ -32,14 +32,14 @@ struct FixedText {
 
     // The text up to its terminator. A field without a terminator, as one from
     // the far end may be, yields all N bytes and nothing beyond them.
-    std::string_view View() const {
+    [[nodiscard]] std::string_view View() const {
         const void* end = std::memchr(Bytes, 0, N);
         const std::size_t n =
             end ? static_cast<std::size_t>(static_cast<const char*>(end) - Bytes) : N;
         return std::string_view(Bytes, n);
     }
 
-    bool IsEmpty() const { return Bytes[0] == 0; }
+    [[nodiscard]] bool IsEmpty() const { return Bytes[0] == 0; }
     void Clear() { std::memset(Bytes, 0, N); }
 };
 

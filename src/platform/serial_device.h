@@ -44,7 +44,7 @@ public:
     [[nodiscard]] bool Open(const std::string& path);
     // Drops DTR, throws both queues away and gives the device up.
     void Close();
-    bool IsOpen() const { return fd_.load() >= 0; }
+    [[nodiscard]] bool IsOpen() const { return fd_.load() >= 0; }
 
     // Applies the settings in raw mode. False if the device refused any of them;
     // the old settings then stay.

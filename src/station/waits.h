@@ -35,7 +35,7 @@ public:
     [[nodiscard]] bool TakeMatch(const std::string& text);
     // No wait will come any more.
     void EndWaits();
-    size_t Kept() const { return lines_.size(); }
+    [[nodiscard]] size_t Kept() const { return lines_.size(); }
 
 private:
     std::deque<std::string> lines_;  // behind the last match
