@@ -320,25 +320,25 @@ void MainWindow::OnEntryEdited() {
     controls.Enable(IDC_ADD, firm && filled);
 }
 
-int MainWindow::ImportDirectoryEntry(const std::string& path, EntrySource source) {
+bool MainWindow::ImportDirectoryEntry(const std::string& path, EntrySource source) {
     const int16_t count = DirectoryCount.load();
     if (count >= DirectoryMaxRecords) {
         ShowMessageBox(
             "Your directory is full.\r Please delete an entry before adding a new entry.");
-        return 0;
+        return false;
     }
     File file;
     if (!file.Open(path, File::Mode::Read)) {
-        return 0;
+        return false;
     }
     if (file.Length() != CorrespondentSize) {
-        return 0;
+        return false;
     }
     Correspondent record{};
     const uint32_t got = file.Read(&record, CorrespondentSize);
     file.Close();
     if (got != CorrespondentSize) {
-        return 0;
+        return false;
     }
     record.Protocol = static_cast<int32_t>(Swapped(record.Protocol)) - 1;
     record.Carrier = static_cast<int32_t>(Swapped(record.Carrier)) - 1;
@@ -347,19 +347,19 @@ int MainWindow::ImportDirectoryEntry(const std::string& path, EntrySource source
     const uint8_t expected[4] = {ExportedEntryMagic[3], ExportedEntryMagic[2],
                                  ExportedEntryMagic[1], ExportedEntryMagic[0]};
     if (std::memcmp(record.EntryMagic, expected, 4) != 0) {
-        return 0;
+        return false;
     }
     // The name is also a folder name, and comes from someone else.
     const std::string name = FieldText(record.FirmName);
     if (!NameCanBeFolder(name)) {
         ::AddLogLine("Directory Entry Not Added: its name cannot name a folder.");
-        return 0;
+        return false;
     }
     // A caller must not take over the record, and with it the pick-up
     // folder, of someone this end knows already.
     if (source == EntrySource::Received && NameInDirectory(name)) {
         ::AddLogLine("Directory Entry Not Added: " + name + " is in the directory already.");
-        return 0;
+        return false;
     }
     Directory[count] = record;
     // The record has a pick-up folder only if one was made for it now: a
@@ -384,7 +384,7 @@ int MainWindow::ImportDirectoryEntry(const std::string& path, EntrySource source
     }
     OnDirectorySelect();
     ::AddLogLine("Directory Entry Added");
-    return 1;
+    return true;
 }
 
 bool MainWindow::CreatePickUpFolder(int16_t index) {

@@ -195,7 +195,7 @@ public:
     void AddFolderToSendList(const std::string& path, const std::string& name) override {
         window_.AddFolderToSendList(path, name);
     }
-    int ImportDirectoryEntry(const std::string& path) override {
+    bool ImportDirectoryEntry(const std::string& path) override {
         return window_.ImportDirectoryEntry(path, MainWindow::EntrySource::Received);
     }
 
@@ -279,7 +279,7 @@ bool MainWindow::OnInitDialog() {
     CreateControls();
     MainLoop().SetTimerHandler([this](int id) { OnTimer(id); });
 
-    if (CommPortCreate() != 1) {
+    if (!CommPortCreate()) {
         // Nothing runs in this state; the log list still takes what is logged.
         SetLogLineSink([this](const std::string& line) { AddLogLine(line); });
         ShowMessageBox("Cannot create comm port information.");
@@ -437,13 +437,13 @@ void MainWindow::ShowPortSpeed() {
 }
 
 void MainWindow::SendDueHotFolder() {
-    const int16_t due = HotFolderDue();
-    if (due < 0) {
+    const std::optional<int16_t> due = HotFolderDue();
+    if (!due) {
         return;
     }
-    LoadPickUpFolder(due);
+    LoadPickUpFolder(*due);
     // The panel shows the record, and the call goes out as the panel sets it.
-    SelectCorrespondent(due);
+    SelectCorrespondent(*due);
     SendHotFolder(ChosenCall());
 }
 

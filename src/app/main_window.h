@@ -218,10 +218,10 @@ public:
     void OnDirectoryNew();
     void OnFormChange();
     void OnEntryEdited();
-    // Enters an exported record: 1 if a record was added. An entry that came
+    // Enters an exported record: true if a record was added. An entry that came
     // in a call may not bear the name of a record that is there already.
     enum class EntrySource { Dropped, Received };
-    int ImportDirectoryEntry(const std::string& path, EntrySource source = EntrySource::Dropped);
+    bool ImportDirectoryEntry(const std::string& path, EntrySource source = EntrySource::Dropped);
     // The menu's "Export Directory Entry...": the record on show, to a file
     // chosen in a save dialog.
     EventOutcome OnExportEntry();

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -140,7 +141,7 @@ void MoveToSentFiles(const std::string& path) {
     static_cast<void>(DeleteFileAt(path));
 }
 
-int16_t FindRetrieveFolder(const std::string& number) {
+std::optional<RetrieveFolder> FindRetrieveFolder(const std::string& number) {
     for (int i = 0; i <= DirectoryCount.load() && i < DirectorySlots; ++i) {
         const Correspondent& record = Directory[i];
         // A record whose name cannot be a folder has no folder to give.
@@ -149,12 +150,10 @@ int16_t FindRetrieveFolder(const std::string& number) {
             continue;
         }
         uint32_t total = 0;
-        if (ScanPickUpFolder(static_cast<int16_t>(i), total) == 0) {
-            return 0;
-        }
-        return static_cast<int16_t>(i + 1);
+        const auto index = static_cast<int16_t>(i);
+        return RetrieveFolder{index, ScanPickUpFolder(index, total) != 0};
     }
-    return -1;
+    return std::nullopt;
 }
 
 void LoadPickUpFolder(int16_t index) {
@@ -176,20 +175,21 @@ void AnswerRetrieveRequest() {
     const auto digits =
         std::count_if(number.begin(), number.end(), [](char c) { return c >= '0' && c <= '9'; });
     // A short number is answered as one that no record knows.
-    const int16_t found = digits < RequestMinDigits ? int16_t{-1} : FindRetrieveFolder(number);
-    if (found < 0) {
+    const std::optional<RetrieveFolder> found =
+        digits < RequestMinDigits ? std::nullopt : FindRetrieveFolder(number);
+    if (!found) {
         AddLogLine("Retrieve request from " + number);
         SendToken(TokenNoFileDir);
         AddLogLine("No retrieve folder found.");
         return;
     }
-    if (found == 0) {
+    if (!found->HasFiles) {
         AddLogLine("Retrieve request from " + number);
         SendToken(TokenNoFileAvail);
         AddLogLine("No files to be retrieved.");
         return;
     }
-    const auto index = static_cast<int16_t>(found - 1);
+    const int16_t index = found->Index;
     AddLogLine("Retrieve request from " + FieldText(Directory[index].FirmName));
     AddLogLine("at " + number);
     Display().SelectCorrespondent(index);
@@ -200,9 +200,9 @@ void AnswerRetrieveRequest() {
     StartSendSession();
 }
 
-int16_t HotFolderDue() {
+std::optional<int16_t> HotFolderDue() {
     if (TheEngine.LinkState.load() != LinkIdle) {
-        return -1;
+        return std::nullopt;
     }
     ServeHotFolderClears();
     for (int i = 0; i <= DirectoryCount.load() && i < DirectorySlots; ++i) {
@@ -226,7 +226,7 @@ int16_t HotFolderDue() {
         record.HotBytes = 0;
         return static_cast<int16_t>(i);
     }
-    return -1;
+    return std::nullopt;
 }
 
 void SendHotFolder(const CallRequest& call) {

@@ -160,9 +160,9 @@ bool HangUp() {
     return HangUpFailed();
 }
 
-int MsUntilHangUpRetry() {
+std::optional<int> MsUntilHangUpRetry() {
     if (!TheSession.HangUpRetryDue.load()) {
-        return -1;
+        return std::nullopt;
     }
     const uint32_t elapsed = NowMs() - TheSession.HangUpRetryAt.load();
     return elapsed >= HangUpRetryMs ? 0 : static_cast<int>(HangUpRetryMs - elapsed);

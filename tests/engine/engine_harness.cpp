@@ -46,7 +46,7 @@ void EngineHarness::SetUp() {
     BuildPaths(root_.Path());
     ASSERT_TRUE(CreateFolder(IncomingPath));
     far_.LinkAs(root_.Path(), 1);
-    ASSERT_EQ(CommPortCreate(), 1);
+    ASSERT_TRUE(CommPortCreate());
     SelectPortNumber(1);
     SelectPortBaud(115200);
     ASSERT_NE(CommPortOpen(), 0);
