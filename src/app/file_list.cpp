@@ -110,10 +110,10 @@ bool MainWindow::AddFileToList(const std::string& path, const std::string& name)
     entry.FilePath.Set(path);
     const std::string shown = ShortDisplayName(name);
     entry.DisplayName.Set(shown);
-    entry.EntryKind = IsProgramName(name) ? KindProgramFile : KindPlainFile;
+    entry.EntryKind = IsProgramName(name) ? FileKind::ProgramFile : FileKind::PlainFile;
     // The size shown is the file's, without the checksum bytes of the wire.
     Controls().InsertRow(IDC_FILE_LIST, count,
-                         ListRow{shown, std::to_string(length), entry.EntryKind});
+                         ListRow{shown, std::to_string(length), KindNumber(entry.EntryKind)});
     SetEntryLengths(entry, static_cast<uint32_t>(dataLength));
     entry.CreatorCode = DefaultCreatorCode;
     entry.TypeCode = DefaultTypeCode;
@@ -138,10 +138,10 @@ void MainWindow::AddFolderToSendList(const std::string& path, const std::string&
     marker.FilePath.Set(folder);
     const std::string shown = ShortDisplayName(name);
     marker.DisplayName.Set(shown);
-    marker.EntryKind = KindFolderMarker;
+    marker.EntryKind = FileKind::FolderMarker;
     marker.CreatorCode = DefaultCreatorCode;
     marker.TypeCode = DefaultTypeCode;
-    Controls().InsertRow(IDC_FILE_LIST, 0, ListRow{shown, "", KindFolderMarker});
+    Controls().InsertRow(IDC_FILE_LIST, 0, ListRow{shown, "", KindNumber(FileKind::FolderMarker)});
     TheEngine.SendCount.store(1);
 
     // The folder is read by its full path, so the process's current folder

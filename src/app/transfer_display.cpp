@@ -78,7 +78,7 @@ void MainWindow::RecomputeSendTotal() {
     for (int16_t i = 0; i < count; ++i) {
         const FileEntry& entry = TheEngine.SendList[i];
         // The folder marker carries no bytes of its own.
-        if (entry.EntryKind != KindFolderMarker) {
+        if (entry.EntryKind != FileKind::FolderMarker) {
             total += entry.TotalLength;
         }
     }
@@ -163,9 +163,9 @@ void MainWindow::ListIncomingFiles() {
         const FileEntry& entry = TheEngine.ReceiveList[i];
         // The size here includes the checksum bytes of the wire.
         const std::string size =
-            entry.EntryKind == KindFolderMarker ? "" : std::to_string(entry.TotalLength);
-        Controls().AddRow(IDC_FILE_LIST,
-                          ListRow{std::string(entry.DisplayName.View()), size, entry.EntryKind});
+            entry.EntryKind == FileKind::FolderMarker ? "" : std::to_string(entry.TotalLength);
+        Controls().AddRow(IDC_FILE_LIST, ListRow{std::string(entry.DisplayName.View()), size,
+                                                 KindNumber(entry.EntryKind)});
     }
 }
 

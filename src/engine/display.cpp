@@ -6,7 +6,7 @@ void NoWindow::RecomputeSendTotal() {
     const int16_t count = TheEngine.SendCount.load();
     uint32_t total = 0;
     for (int16_t i = 0; i < count && i < ListCapacity; ++i) {
-        if (TheEngine.SendList[i].EntryKind != KindFolderMarker) {
+        if (TheEngine.SendList[i].EntryKind != FileKind::FolderMarker) {
             total += TheEngine.SendList[i].TotalLength;
         }
     }

@@ -101,8 +101,9 @@ AdmitResult RefuseForSpace() {
     return AdmitRefused;
 }
 
-int16_t KindOf(const WireFileEntry& entry) {
-    return static_cast<int16_t>(static_cast<uint16_t>(static_cast<uint32_t>(entry.EntryKind)));
+FileKind KindOf(const WireFileEntry& entry) {
+    return static_cast<FileKind>(
+        static_cast<int16_t>(static_cast<uint16_t>(static_cast<uint32_t>(entry.EntryKind))));
 }
 
 // The announced name as the entry's name fields hold it.
@@ -229,18 +230,18 @@ bool ReadAndCheckList(Admission& list) {
     uint64_t announcedData = 0;
     for (int i = 0; i < list.Count; ++i) {
         SwapWireFileEntry(wire[i]);
-        const int16_t kind = KindOf(wire[i]);
-        if (kind == KindFolderMarker ? i != 0 : !DataLengthOfAFile(wire[i].DataLength)) {
+        const FileKind kind = KindOf(wire[i]);
+        if (kind == FileKind::FolderMarker ? i != 0 : !DataLengthOfAFile(wire[i].DataLength)) {
             list.Result = Refuse("Corrupted file list.");
             return false;
         }
-        announcedData += kind == KindFolderMarker ? 0 : wire[i].DataLength;
+        announcedData += kind == FileKind::FolderMarker ? 0 : wire[i].DataLength;
     }
     if (freeSpace < announcedData) {
         list.Result = RefuseForSpace();
         return false;
     }
-    list.Marker = list.Count > 0 && KindOf(wire[0]) == KindFolderMarker;
+    list.Marker = list.Count > 0 && KindOf(wire[0]) == FileKind::FolderMarker;
     return true;
 }
 

@@ -37,7 +37,8 @@ int16_t ClampedSendCount() {
 // An empty file carries no data and the far end, which has made it already,
 // sends no ACK for it: it leaves the list as soon as it comes to the top.
 void DropLeadingEmptyEntries() {
-    while (TheEngine.SendCount.load() > 0 && TheEngine.SendList[0].EntryKind != KindFolderMarker &&
+    while (TheEngine.SendCount.load() > 0 &&
+           TheEngine.SendList[0].EntryKind != FileKind::FolderMarker &&
            TheEngine.SendList[0].DataLength == 0) {
         DropFirstSendEntry();
     }
@@ -277,7 +278,7 @@ void StartSendSession() {
     SendBytes(TheEngine.WireList, static_cast<int16_t>(count * sizeof(WireFileEntry)));
     TheEngine.BlockIndex = 0;
     TheSession.ListOffered = true;
-    if (count > 0 && TheEngine.SendList[0].EntryKind == KindFolderMarker) {
+    if (count > 0 && TheEngine.SendList[0].EntryKind == FileKind::FolderMarker) {
         // The marker has told the far end where the files go; it carries
         // nothing itself.
         DropFirstSendEntry();
@@ -306,7 +307,7 @@ void DropFirstSendEntry() {
     }
     TheEngine.SendRemaining = 0;
     FileEntry* list = TheEngine.SendList;
-    if (TheEngine.PickupSend.load() && list[0].EntryKind != KindFolderMarker) {
+    if (TheEngine.PickupSend.load() && list[0].EntryKind != FileKind::FolderMarker) {
         MoveToSentFiles(std::string(list[0].FilePath.View()));
     }
     const int16_t left = static_cast<int16_t>(count - 1);
