@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -111,11 +112,11 @@ void MainWindow::ShowCorrespondent(int16_t index) {
     controls.Check(IDC_2B, record.Use2B != 0);
     controls.Check(IDC_V42, record.UseV42 != 0);
 
-    int files = -1;
+    std::optional<int16_t> files;
     if (record.HasPickUp != 0) {
         uint32_t bytes = 0;
         files = ScanPickUpFolder(index, bytes);
-        if (files < 0) {
+        if (!files) {
             // The folder has gone; the record has none from now on.
             record.HasPickUp = 0;
         }

@@ -87,15 +87,15 @@ void ClearHotFolderCounters() {
     }
 }
 
-int16_t ScanPickUpFolder(int16_t index, uint32_t& total) {
+std::optional<int16_t> ScanPickUpFolder(int16_t index, uint32_t& total) {
     total = 0;
     if (!ValidIndex(index)) {
-        return -1;
+        return std::nullopt;
     }
     const std::string folder = PickUpFolderOf(Directory[index]);
     std::vector<FolderEntry> entries;
     if (folder.empty() || !ListFolder(folder, entries)) {
-        return -1;
+        return std::nullopt;
     }
     int16_t count = 0;
     for (size_t i = 0; i < entries.size() && i < ScannedEntries; ++i) {
@@ -151,7 +151,10 @@ std::optional<RetrieveFolder> FindRetrieveFolder(const std::string& number) {
         }
         uint32_t total = 0;
         const auto index = static_cast<int16_t>(i);
-        return RetrieveFolder{index, ScanPickUpFolder(index, total) != 0};
+        // A folder that has gone is answered as found, and yields its marker
+        // alone.
+        const std::optional<int16_t> files = ScanPickUpFolder(index, total);
+        return RetrieveFolder{index, !files || *files != 0};
     }
     return std::nullopt;
 }
@@ -211,7 +214,8 @@ std::optional<int16_t> HotFolderDue() {
             continue;
         }
         uint32_t total = 0;
-        if (ScanPickUpFolder(static_cast<int16_t>(i), total) <= 0) {
+        const std::optional<int16_t> files = ScanPickUpFolder(static_cast<int16_t>(i), total);
+        if (!files || *files == 0) {
             continue;
         }
         if (total == 0) {

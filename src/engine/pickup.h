@@ -36,8 +36,8 @@ void AnswerRetrieveRequest();
 
 // The pick-up folders themselves, below PickUpPath under each FirmName.
 // The number of plain files directly in record index's folder, of its first
-// 100 entries, with their bytes in total; -1 if the folder is missing.
-[[nodiscard]] int16_t ScanPickUpFolder(int16_t index, uint32_t& total);
+// 100 entries, with their bytes in total; nothing if the folder is missing.
+[[nodiscard]] std::optional<int16_t> ScanPickUpFolder(int16_t index, uint32_t& total);
 // Makes the folder "Sent Files" inside record index's pick-up folder.
 void EnsureSentFilesFolder(int16_t index);
 // Moves a file that has been sent into "Sent Files" beside it, under its own

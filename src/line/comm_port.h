@@ -7,9 +7,11 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <initializer_list>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -110,8 +112,9 @@ void DrainInput(int16_t quietMs);
 // before it, or the time limit on the whole read has passed: how an answer
 // of the adapter is found behind the data of a call, which a token read
 // would give up on after 1023 bytes. Returns the index of the text that
-// came, -1 if none did.
-[[nodiscard]] int DrainUntilAny(std::initializer_list<std::string_view> texts, int16_t timeoutMs);
+// came, nothing if none did.
+[[nodiscard]] std::optional<size_t> DrainUntilAny(std::initializer_list<std::string_view> texts,
+                                                  int16_t timeoutMs);
 // The port's two queues.
 enum class PortQueue { Output, Input };
 // Bytes in the queue; 0 without a record.
