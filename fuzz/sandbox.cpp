@@ -67,8 +67,10 @@ void SetUpSandbox() {
     fs::create_symlink(Terminal.SlavePath, Root + "/COM1");
     SetLogLineSink([](const std::string&) {});
     BuildPaths(Root);
-    CreateFolder(IncomingPath);
-    if (CommPortCreate() != 1) {
+    if (!CreateFolder(IncomingPath)) {
+        Fail("cannot make the incoming folder");
+    }
+    if (!CommPortCreate()) {
         Fail("no port record");
     }
     SelectPortNumber(1);
@@ -197,7 +199,8 @@ void StartInstantAdapter() {
 void DiscardPortInput() {
     static uint8_t Scratch[8192];
     while (const uint32_t waiting = PortQueueCount(PortQueue::Input)) {
-        ReadBlock(Scratch, waiting < sizeof Scratch ? waiting : sizeof Scratch, 0);
+        static_cast<void>(
+            ReadBlock(Scratch, waiting < sizeof Scratch ? waiting : sizeof Scratch, 0));
     }
 }
 

@@ -89,14 +89,14 @@ void OfferTheFiles(bool withFolder) {
         FileEntry marker;
         marker.FilePath.Set(Sources()[0].Path.substr(0, Sources()[0].Path.rfind('/')));
         marker.DisplayName.Set("Outgoing");
-        marker.EntryKind = KindFolderMarker;
+        marker.EntryKind = FileKind::FolderMarker;
         list.StartFolder(marker);
     }
     for (const SourceFile& source : Sources()) {
         FileEntry entry;
         entry.FilePath.Set(source.Path);
         entry.DisplayName.Set(source.Name);
-        entry.EntryKind = KindPlainFile;
+        entry.EntryKind = FileKind::PlainFile;
         SetEntryLengths(entry, static_cast<uint32_t>(DataLengthForSize(source.Bytes.size())));
         entry.CreatorCode = DefaultCreatorCode;
         entry.TypeCode = DefaultTypeCode;
@@ -131,7 +131,7 @@ void CheckTheListLeft() {
     const auto& sources = Sources();
     for (int16_t i = 0; i < count; ++i) {
         const FileEntry& entry = TheEngine.SendList[i];
-        if (entry.EntryKind == KindFolderMarker) {
+        if (entry.EntryKind == FileKind::FolderMarker) {
             Require(i == 0, "a folder marker below the top");
             continue;
         }

@@ -4,6 +4,11 @@
 #
 #   format    every C++ file is laid out as .clang-format says;
 #   names     every name follows the naming rules of .clang-tidy;
+#   results   in the program's sources (src/, tools/), a function whose
+#             result says something is marked [[nodiscard]], and no result
+#             of a standard function that must be used is dropped
+#             (clang-tidy's modernize-use-nodiscard and
+#             bugprone-unused-return-value);
 #   includes  no include climbs out of its folder with "../"; the program's
 #             sources (src/, tools/) name each header of the project by its
 #             layer's folder ("line/adapter.h"), so that a layer's include
@@ -88,23 +93,51 @@ for file in "${sources[@]}"; do
         outside+=("$file")
     fi
 done
+# The program's sources get the checks of results on top of those of names,
+# in the same run, so that each file is parsed once.
+results_checks=modernize-use-nodiscard,bugprone-unused-return-value
+program() {
+    case "${1#"$root"/}" in
+        tests/* | fuzz/* | bench/*) return 1 ;;
+        src/* | tools/* | */src/* | */tools/*) return 0 ;;
+        *) return 1 ;;
+    esac
+}
+in_program=()
+in_rest=()
+for file in "${in_build[@]}"; do
+    if program "$file"; then in_program+=("$file"); else in_rest+=("$file"); fi
+done
 tidy_findings=$(mktemp)
 trap 'rm -f "$tidy_findings"' EXIT
-if [ ${#in_build[@]} -gt 0 ]; then
-    printf '%s\n' "${in_build[@]}" |
+tidy_in_build() {
+    printf '%s\n' "$@" |
         xargs -P2 -n8 clang-tidy -p "$build" --config-file="$root/.clang-tidy" --quiet \
-            >>"$tidy_findings" 2>/dev/null
+            "${extra[@]}" >>"$tidy_findings" 2>/dev/null
+}
+if [ ${#in_program[@]} -gt 0 ]; then
+    extra=(--checks="$results_checks")
+    tidy_in_build "${in_program[@]}"
+fi
+if [ ${#in_rest[@]} -gt 0 ]; then
+    extra=()
+    tidy_in_build "${in_rest[@]}"
 fi
 for file in "${outside[@]}"; do
-    clang-tidy --config-file="$root/.clang-tidy" --quiet "$file" -- -std=c++20 \
+    extra=()
+    if program "$file"; then extra=(--checks="$results_checks"); fi
+    clang-tidy --config-file="$root/.clang-tidy" --quiet "${extra[@]}" "$file" -- -std=c++20 \
         -I"$build/layers/app" -I"$(dirname "$file")" >>"$tidy_findings" 2>/dev/null
 done
+# A header reached through several layers' folders is found once for each.
 if grep -qE '(warning|error):' "$tidy_findings"; then
-    grep -E '(warning|error):' "$tidy_findings" | sort -u | sed 's/^/names: /' >&2
+    grep -E '(warning|error):' "$tidy_findings" | sort -u |
+        sed -E '/\[(modernize-use-nodiscard|bugprone-unused-return-value)[],]/s/^/results: /' |
+        sed -E '/^results: /!s/^/names: /' >&2
     status=1
 fi
 
 if [ "$status" -eq 0 ]; then
-    echo "Style: ${#files[@]} files laid out, named and included as the tree's rules say."
+    echo "Style: ${#files[@]} files laid out, named, included and their results used as the tree's rules say."
 fi
 exit "$status"

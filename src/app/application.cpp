@@ -16,11 +16,11 @@ namespace {
 // to make them says nothing; the file operations that need them fail by
 // themselves if they are truly missing.
 void EnsureIncomingFolder() {
-    CreateFolder(IncomingPath);
+    static_cast<void>(CreateFolder(IncomingPath));
 }
 
 void EnsurePickUpRoot() {
-    CreateFolder(PickUpPath);
+    static_cast<void>(CreateFolder(PickUpPath));
 }
 
 }  // namespace

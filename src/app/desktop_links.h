@@ -7,7 +7,7 @@
 
 class DesktopButtons final : public WindowPanel {
 public:
-    std::span<const int> ControlIds() const override;
+    [[nodiscard]] std::span<const int> ControlIds() const override;
     EventOutcome OnButton(int id) override;
 
     void OnOpenIncoming();

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -255,11 +256,11 @@ void DirectoryPanel::ShowCorrespondent(int16_t index) {
     controls.Check(IDC_2B, record.Use2B != 0);
     controls.Check(IDC_V42, record.UseV42 != 0);
 
-    int files = -1;
+    std::optional<int16_t> files;
     if (record.HasPickUp != 0) {
         uint32_t bytes = 0;
         files = ScanPickUpFolder(index, bytes);
-        if (files < 0) {
+        if (!files) {
             // The folder has gone; the record has none from now on.
             record.HasPickUp = 0;
         }
@@ -374,7 +375,7 @@ void DirectoryPanel::OnDirectoryChange() {
         // a path, so the folder stays where it is and the record loses it.
         const std::string folder = PickUpFolderOf(record);
         if (!folder.empty() && NameCanBeFolder(newName)) {
-            RenamePath(folder, PickUpPath + "/" + newName);
+            static_cast<void>(RenamePath(folder, PickUpPath + "/" + newName));
         }
     }
     for (int16_t i = 0; i < count; ++i) {
@@ -464,25 +465,25 @@ void DirectoryPanel::OnEntryEdited() {
     controls.Enable(IDC_ADD, firm && filled);
 }
 
-int DirectoryPanel::ImportDirectoryEntry(const std::string& path, EntrySource source) {
+bool DirectoryPanel::ImportDirectoryEntry(const std::string& path, EntrySource source) {
     const int16_t count = DirectoryCount.load();
     if (count >= DirectoryMaxRecords) {
         ShowMessageBox(
             "Your directory is full.\r Please delete an entry before adding a new entry.");
-        return 0;
+        return false;
     }
     File file;
     if (!file.Open(path, File::Mode::Read)) {
-        return 0;
+        return false;
     }
     if (file.Length() != CorrespondentSize) {
-        return 0;
+        return false;
     }
     Correspondent record{};
     const uint32_t got = file.Read(&record, CorrespondentSize);
     file.Close();
     if (got != CorrespondentSize) {
-        return 0;
+        return false;
     }
     record.Protocol = static_cast<int32_t>(Swapped(record.Protocol)) - 1;
     record.Carrier = static_cast<int32_t>(Swapped(record.Carrier)) - 1;
@@ -491,19 +492,19 @@ int DirectoryPanel::ImportDirectoryEntry(const std::string& path, EntrySource so
     const uint8_t expected[4] = {ExportedEntryMagic[3], ExportedEntryMagic[2],
                                  ExportedEntryMagic[1], ExportedEntryMagic[0]};
     if (std::memcmp(record.EntryMagic, expected, 4) != 0) {
-        return 0;
+        return false;
     }
     // The name is also a folder name, and comes from someone else.
     const std::string name = FieldText(record.FirmName);
     if (!NameCanBeFolder(name)) {
         ::AddLogLine("Directory Entry Not Added: its name cannot name a folder.");
-        return 0;
+        return false;
     }
     // A caller must not take over the record, and with it the pick-up
     // folder, of someone this end knows already.
     if (source == EntrySource::Received && NameInDirectory(name)) {
         ::AddLogLine("Directory Entry Not Added: " + name + " is in the directory already.");
-        return 0;
+        return false;
     }
     Directory[count] = record;
     // The record has a pick-up folder only if one was made for it now: a
@@ -528,7 +529,7 @@ int DirectoryPanel::ImportDirectoryEntry(const std::string& path, EntrySource so
     }
     OnDirectorySelect();
     ::AddLogLine("Directory Entry Added");
-    return 1;
+    return true;
 }
 
 bool DirectoryPanel::CreatePickUpFolder(int16_t index) {

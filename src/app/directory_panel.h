@@ -23,7 +23,7 @@ class DirectoryPanel final : public WindowPanel {
 public:
     explicit DirectoryPanel(MainWindow& window) : window_(window) {}
 
-    std::span<const int> ControlIds() const override;
+    [[nodiscard]] std::span<const int> ControlIds() const override;
     EventOutcome OnButton(int id) override;
     EventOutcome OnSelection(int id, int row) override;
     EventOutcome OnBoxClicked(int id, bool checked) override;
@@ -44,19 +44,19 @@ public:
     // Enters an exported record: 1 if a record was added. An entry that came
     // in a call may not bear the name of a record that is there already.
     enum class EntrySource { Dropped, Received };
-    int ImportDirectoryEntry(const std::string& path, EntrySource source = EntrySource::Dropped);
+    bool ImportDirectoryEntry(const std::string& path, EntrySource source = EntrySource::Dropped);
     // Items dropped on the directory list: an exported entry, the first item.
     void OnDropFiles(const std::vector<std::string>& paths);
     // The menu's "Export Directory Entry...": the record on show, to a file
     // chosen in a save dialog.
     EventOutcome OnExportEntry();
-    int16_t CurrentEntry() const { return currentEntry_.load(); }
+    [[nodiscard]] int16_t CurrentEntry() const { return currentEntry_.load(); }
 
     // After the adapter search: the outgoing protocols lose what the adapter
     // cannot do, its options show if it has them, and the form starts on the
     // first protocol and carrier.
     void OfferAdapter(const std::vector<std::string>& protocolsNotOffered, bool channelOptions);
-    OutgoingLine EstimatedLine() const;
+    [[nodiscard]] OutgoingLine EstimatedLine() const;
 
     // Makes record index's folder below "Pick Up"; false after the message
     // when it exists already or cannot be made.

@@ -151,7 +151,7 @@ bool FileListPanel::AddFileToList(const std::string& path, const std::string& na
     entry.FilePath.Set(path);
     const std::string shown = ShortDisplayName(name);
     entry.DisplayName.Set(shown);
-    entry.EntryKind = IsProgramName(name) ? KindProgramFile : KindPlainFile;
+    entry.EntryKind = IsProgramName(name) ? FileKind::ProgramFile : FileKind::PlainFile;
     SetEntryLengths(entry, static_cast<uint32_t>(dataLength));
     entry.CreatorCode = DefaultCreatorCode;
     entry.TypeCode = DefaultTypeCode;
@@ -160,7 +160,7 @@ bool FileListPanel::AddFileToList(const std::string& path, const std::string& na
     }
     // The size shown is the file's, without the checksum bytes of the wire.
     Controls().InsertRow(IDC_FILE_LIST, count,
-                         ListRow{shown, std::to_string(length), entry.EntryKind});
+                         ListRow{shown, std::to_string(length), KindNumber(entry.EntryKind)});
     selectedFileRow_.store(-1);
     Controls().Select(IDC_FILE_LIST, -1);
     window_.UpdateActionButtons();
@@ -178,10 +178,10 @@ void FileListPanel::AddFolderToSendList(const std::string& path, const std::stri
     marker.FilePath.Set(folder);
     const std::string shown = ShortDisplayName(name);
     marker.DisplayName.Set(shown);
-    marker.EntryKind = KindFolderMarker;
+    marker.EntryKind = FileKind::FolderMarker;
     marker.CreatorCode = DefaultCreatorCode;
     marker.TypeCode = DefaultTypeCode;
-    Controls().InsertRow(IDC_FILE_LIST, 0, ListRow{shown, "", KindFolderMarker});
+    Controls().InsertRow(IDC_FILE_LIST, 0, ListRow{shown, "", KindNumber(FileKind::FolderMarker)});
     TheEngine.SendList.StartFolder(marker);
 
     // The folder is read by its full path, so the process's current folder
@@ -294,9 +294,9 @@ void FileListPanel::ListIncomingFiles() {
         const FileEntry& entry = TheEngine.ReceiveList[i];
         // The size here includes the checksum bytes of the wire.
         const std::string size =
-            entry.EntryKind == KindFolderMarker ? "" : std::to_string(entry.TotalLength);
-        Controls().AddRow(IDC_FILE_LIST,
-                          ListRow{std::string(entry.DisplayName.View()), size, entry.EntryKind});
+            entry.EntryKind == FileKind::FolderMarker ? "" : std::to_string(entry.TotalLength);
+        Controls().AddRow(IDC_FILE_LIST, ListRow{std::string(entry.DisplayName.View()), size,
+                                                 KindNumber(entry.EntryKind)});
     }
 }
 

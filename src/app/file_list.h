@@ -18,12 +18,12 @@ class FileListPanel final : public WindowPanel {
 public:
     explicit FileListPanel(MainWindow& window) : window_(window) {}
 
-    std::span<const int> ControlIds() const override;
+    [[nodiscard]] std::span<const int> ControlIds() const override;
     EventOutcome OnButton(int id) override;
     EventOutcome OnSelection(int id, int row) override;
 
     // True while the list holds anything to send.
-    bool HasFiles() const;
+    [[nodiscard]] bool HasFiles() const;
     // The list's buttons follow what the user may do.
     void ShowPermissions(const Permissions& may);
 
@@ -38,7 +38,7 @@ public:
     void OnFileClick(int row);
     // Files and folders dropped on the list or on Send, while no call is up.
     void OnDropFiles(const std::vector<std::string>& paths);
-    int16_t SelectedFileRow() const { return selectedFileRow_.load(); }
+    [[nodiscard]] int16_t SelectedFileRow() const { return selectedFileRow_.load(); }
 
     // During a transfer: the receiving side's list, and a finished file's row
     // leaving it.

@@ -15,7 +15,7 @@ class LinePanel final : public WindowPanel {
 public:
     explicit LinePanel(MainWindow& window) : window_(window) {}
 
-    std::span<const int> ControlIds() const override;
+    [[nodiscard]] std::span<const int> ControlIds() const override;
     EventOutcome OnButton(int id) override;
     EventOutcome OnSelection(int id, int row) override;
     EventOutcome OnBoxClicked(int id, bool checked) override;

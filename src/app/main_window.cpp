@@ -181,7 +181,7 @@ public:
     void AddFolderToSendList(const std::string& path, const std::string& name) override {
         window_.Files().AddFolderToSendList(path, name);
     }
-    int ImportDirectoryEntry(const std::string& path) override {
+    bool ImportDirectoryEntry(const std::string& path) override {
         return window_.Correspondents().ImportDirectoryEntry(path,
                                                              DirectoryPanel::EntrySource::Received);
     }
@@ -265,7 +265,7 @@ bool MainWindow::OnInitDialog() {
     CreateControls();
     MainLoop().SetTimerHandler([this](int id) { OnTimer(id); });
 
-    if (CommPortCreate() != 1) {
+    if (!CommPortCreate()) {
         // Nothing runs in this state; the log list still takes what is logged.
         SetLogLineSink([this](const std::string& line) { log_.AddLogLine(line); });
         ShowMessageBox("Cannot create comm port information.");
@@ -408,13 +408,13 @@ void MainWindow::ShowPortSpeed() {
 }
 
 void MainWindow::SendDueHotFolder() {
-    const int16_t due = HotFolderDue();
-    if (due < 0) {
+    const std::optional<int16_t> due = HotFolderDue();
+    if (!due) {
         return;
     }
-    LoadPickUpFolder(due);
+    LoadPickUpFolder(*due);
     // The panel shows the record, and the call goes out as the panel sets it.
-    directory_.SelectCorrespondent(due);
+    directory_.SelectCorrespondent(*due);
     SendHotFolder(ChosenCall());
 }
 

@@ -13,7 +13,7 @@ class TransferDisplay final : public WindowPanel {
 public:
     explicit TransferDisplay(MainWindow& window) : window_(window) {}
 
-    std::span<const int> ControlIds() const override;
+    [[nodiscard]] std::span<const int> ControlIds() const override;
 
     void ShowBatchEstimate(uint32_t bytes);
     void RecomputeSendTotal();
@@ -25,7 +25,7 @@ public:
 private:
     // Bytes per second that the outgoing settings promise, before anything
     // has been measured.
-    uint32_t FixedRate() const;
+    [[nodiscard]] uint32_t FixedRate() const;
 
     MainWindow& window_;
 };

@@ -27,8 +27,8 @@ public:
     virtual ~WindowPanel() = default;
 
     // The ids of the controls that belong to the panel.
-    virtual std::span<const int> ControlIds() const = 0;
-    bool Owns(int id) const;
+    [[nodiscard]] virtual std::span<const int> ControlIds() const = 0;
+    [[nodiscard]] bool Owns(int id) const;
 
     // A button or picture button was pressed.
     virtual EventOutcome OnButton(int id);

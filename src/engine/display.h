@@ -24,7 +24,7 @@ public:
     void ShowSelectedCorrespondent() override {}
     void ClearFileList() override {}
     void AddFolderToSendList(const std::string&, const std::string&) override {}
-    int ImportDirectoryEntry(const std::string&) override { return 0; }
+    bool ImportDirectoryEntry(const std::string&) override { return false; }
 };
 
 // TheMainWindow while the window exists. Before it exists and after it has

@@ -34,8 +34,8 @@ public:
     // rows; the window's own clearing empties it too.
     virtual void ClearFileList() = 0;
     virtual void AddFolderToSendList(const std::string& path, const std::string& name) = 0;
-    // Enters an exported directory entry; 1 if a record was added.
-    virtual int ImportDirectoryEntry(const std::string& path) = 0;
+    // Enters an exported directory entry; true if a record was added.
+    virtual bool ImportDirectoryEntry(const std::string& path) = 0;
 };
 
 // The window, once it exists; null before and after, and in a program that has

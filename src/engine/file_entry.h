@@ -32,14 +32,14 @@ struct FixedText {
 
     // The text up to its terminator. A field without a terminator, as one from
     // the far end may be, yields all N bytes and nothing beyond them.
-    std::string_view View() const {
+    [[nodiscard]] std::string_view View() const {
         const void* end = std::memchr(Bytes, 0, N);
         const std::size_t n =
             end ? static_cast<std::size_t>(static_cast<const char*>(end) - Bytes) : N;
         return std::string_view(Bytes, n);
     }
 
-    bool IsEmpty() const { return Bytes[0] == 0; }
+    [[nodiscard]] bool IsEmpty() const { return Bytes[0] == 0; }
     void Clear() { std::memset(Bytes, 0, N); }
 };
 
@@ -64,16 +64,22 @@ using FourCharCode = std::array<char, 4>;
 inline constexpr FourCharCode DefaultCreatorCode{'d', 'o', 's', 'a'};
 inline constexpr FourCharCode DefaultTypeCode{'T', 'E', 'X', 'T'};
 
-// Values of EntryKind.
-inline constexpr int16_t KindPlainFile = 0;
-inline constexpr int16_t KindFolderMarker = 1;
-inline constexpr int16_t KindProgramFile = 2;
+// What an entry stands for: a file, or the folder that the files behind it
+// belong to; a program file differs from a plain one only in its icon. The
+// far end may announce any number, and one this program does not know is
+// kept as it came, so the type holds every signed 16-bit value; only the
+// wire's records and the icon of a list row see the number.
+enum class FileKind : int16_t { PlainFile = 0, FolderMarker = 1, ProgramFile = 2 };
+// The kind's number, which the wire carries and which picks a row's icon.
+constexpr int16_t KindNumber(FileKind kind) {
+    return static_cast<int16_t>(kind);
+}
 
 struct FileEntry {
     FixedText<32> WireName;     // receiving side: the name as announced
     FixedText<32> DisplayName;  // the name shown, announced and, on receipt, in use
     FixedText<512> FilePath;    // full path of the file
-    int16_t EntryKind = 0;
+    FileKind EntryKind = FileKind::PlainFile;
     uint32_t TotalLength = 0;  // wire bytes of the entry
     uint32_t DataLength = 0;   // wire bytes of the data stream
     uint32_t AuxLength = 0;    // wire bytes of the second stream

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -86,15 +87,15 @@ void ClearHotFolderCounters() {
     }
 }
 
-int16_t ScanPickUpFolder(int16_t index, uint32_t& total) {
+std::optional<int16_t> ScanPickUpFolder(int16_t index, uint32_t& total) {
     total = 0;
     if (!ValidIndex(index)) {
-        return -1;
+        return std::nullopt;
     }
     const std::string folder = PickUpFolderOf(Directory[index]);
     std::vector<FolderEntry> entries;
     if (folder.empty() || !ListFolder(folder, entries)) {
-        return -1;
+        return std::nullopt;
     }
     int16_t count = 0;
     for (size_t i = 0; i < entries.size() && i < ScannedEntries; ++i) {
@@ -115,7 +116,8 @@ void EnsureSentFilesFolder(int16_t index) {
     }
     const std::string folder = PickUpFolderOf(Directory[index]);
     if (!folder.empty()) {
-        CreateFolder(folder + "/Sent Files");
+        // A folder that is there already serves as well.
+        static_cast<void>(CreateFolder(folder + "/Sent Files"));
     }
 }
 
@@ -131,14 +133,15 @@ void MoveToSentFiles(const std::string& path) {
         return;
     }
     // An older file of that name is in the way.
-    DeleteFileAt(target);
+    static_cast<void>(DeleteFileAt(target));
     if (MoveFileNoReplace(path, target)) {
         return;
     }
-    DeleteFileAt(path);
+    // A file that will go neither way stays in the folder, as the user sees it.
+    static_cast<void>(DeleteFileAt(path));
 }
 
-int16_t FindRetrieveFolder(const std::string& number) {
+std::optional<RetrieveFolder> FindRetrieveFolder(const std::string& number) {
     for (int i = 0; i <= DirectoryCount.load() && i < DirectorySlots; ++i) {
         const Correspondent& record = Directory[i];
         // A record whose name cannot be a folder has no folder to give.
@@ -147,12 +150,13 @@ int16_t FindRetrieveFolder(const std::string& number) {
             continue;
         }
         uint32_t total = 0;
-        if (ScanPickUpFolder(static_cast<int16_t>(i), total) == 0) {
-            return 0;
-        }
-        return static_cast<int16_t>(i + 1);
+        const auto index = static_cast<int16_t>(i);
+        // A folder that has gone is answered as found, and yields its marker
+        // alone.
+        const std::optional<int16_t> files = ScanPickUpFolder(index, total);
+        return RetrieveFolder{index, !files || *files != 0};
     }
-    return -1;
+    return std::nullopt;
 }
 
 void LoadPickUpFolder(int16_t index) {
@@ -174,20 +178,21 @@ void AnswerRetrieveRequest() {
     const auto digits =
         std::count_if(number.begin(), number.end(), [](char c) { return c >= '0' && c <= '9'; });
     // A short number is answered as one that no record knows.
-    const int16_t found = digits < RequestMinDigits ? int16_t{-1} : FindRetrieveFolder(number);
-    if (found < 0) {
+    const std::optional<RetrieveFolder> found =
+        digits < RequestMinDigits ? std::nullopt : FindRetrieveFolder(number);
+    if (!found) {
         AddLogLine("Retrieve request from " + number);
         SendToken(TokenNoFileDir);
         AddLogLine("No retrieve folder found.");
         return;
     }
-    if (found == 0) {
+    if (!found->HasFiles) {
         AddLogLine("Retrieve request from " + number);
         SendToken(TokenNoFileAvail);
         AddLogLine("No files to be retrieved.");
         return;
     }
-    const auto index = static_cast<int16_t>(found - 1);
+    const int16_t index = found->Index;
     AddLogLine("Retrieve request from " + FieldText(Directory[index].FirmName));
     AddLogLine("at " + number);
     Display().SelectCorrespondent(index);
@@ -198,9 +203,9 @@ void AnswerRetrieveRequest() {
     StartSendSession();
 }
 
-int16_t HotFolderDue() {
+std::optional<int16_t> HotFolderDue() {
     if (TheEngine.LinkState.load() != LinkIdle) {
-        return -1;
+        return std::nullopt;
     }
     ServeHotFolderClears();
     for (int i = 0; i <= DirectoryCount.load() && i < DirectorySlots; ++i) {
@@ -209,7 +214,8 @@ int16_t HotFolderDue() {
             continue;
         }
         uint32_t total = 0;
-        if (ScanPickUpFolder(static_cast<int16_t>(i), total) <= 0) {
+        const std::optional<int16_t> files = ScanPickUpFolder(static_cast<int16_t>(i), total);
+        if (!files || *files == 0) {
             continue;
         }
         if (total == 0) {
@@ -224,7 +230,7 @@ int16_t HotFolderDue() {
         record.HotBytes = 0;
         return static_cast<int16_t>(i);
     }
-    return -1;
+    return std::nullopt;
 }
 
 void SendHotFolder(const CallRequest& call) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "engine/dialing.h"
@@ -10,15 +11,21 @@
 // The buttons Send and Retrieve, with the call the window has set up.
 void OnSendClicked(const CallRequest& call);
 void OnRetrieveClicked(const CallRequest& call);
-// The record whose pick-up folder answers a retrieve request for the number:
-// -1 none, 0 its folder is empty, n > 0 record n - 1.
-int16_t FindRetrieveFolder(const std::string& number);
+// The pick-up folder that answers a retrieve request: its record, and
+// whether it holds anything to send.
+struct RetrieveFolder {
+    int16_t Index = 0;
+    bool HasFiles = false;
+};
+// The folder that answers a retrieve request for the number; nothing if no
+// record with a pick-up folder knows the number.
+[[nodiscard]] std::optional<RetrieveFolder> FindRetrieveFolder(const std::string& number);
 // Fills the send list from record index's pick-up folder.
 void LoadPickUpFolder(int16_t index);
 // The 15-second look at the hot folders: the record whose folder goes out
-// now, having stood unchanged since the last look, or -1. Every folder's
+// now, having stood unchanged since the last look, if any. Every folder's
 // total is noted for the next look.
-int16_t HotFolderDue();
+[[nodiscard]] std::optional<int16_t> HotFolderDue();
 // Sends a hot folder that LoadPickUpFolder has put in the list, with the
 // call the window has set up for its record.
 void SendHotFolder(const CallRequest& call);
@@ -29,8 +36,8 @@ void AnswerRetrieveRequest();
 
 // The pick-up folders themselves, below PickUpPath under each FirmName.
 // The number of plain files directly in record index's folder, of its first
-// 100 entries, with their bytes in total; -1 if the folder is missing.
-int16_t ScanPickUpFolder(int16_t index, uint32_t& total);
+// 100 entries, with their bytes in total; nothing if the folder is missing.
+[[nodiscard]] std::optional<int16_t> ScanPickUpFolder(int16_t index, uint32_t& total);
 // Makes the folder "Sent Files" inside record index's pick-up folder.
 void EnsureSentFilesFolder(int16_t index);
 // Moves a file that has been sent into "Sent Files" beside it, under its own

@@ -62,7 +62,8 @@ enum class SectionEnd {
         if (file.Write(TheEngine.WorkingSection + SectionCrcBytes, fileBytes)) {
             return true;
         }
-        file.Truncate(before);
+        // The write has failed already, and the log line below tells it.
+        static_cast<void>(file.Truncate(before));
     }
     LogCannotWrite(std::string(entry.DisplayName.View()), file.OutOfSpace());
     RequestDisconnect();

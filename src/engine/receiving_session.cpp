@@ -60,7 +60,7 @@ void DiscardInput() {
     uint32_t waiting = PortQueueCount(PortQueue::Input);
     while (waiting != 0) {
         const uint32_t chunk = waiting < sizeof scratch ? waiting : sizeof scratch;
-        ReadBlock(scratch, chunk, 0);
+        static_cast<void>(ReadBlock(scratch, chunk, 0));  // thrown away
         waiting -= chunk;
     }
 }
@@ -101,8 +101,9 @@ AdmitResult RefuseForSpace() {
     return AdmitRefused;
 }
 
-int16_t KindOf(const WireFileEntry& entry) {
-    return static_cast<int16_t>(static_cast<uint16_t>(static_cast<uint32_t>(entry.EntryKind)));
+FileKind KindOf(const WireFileEntry& entry) {
+    return static_cast<FileKind>(
+        static_cast<int16_t>(static_cast<uint16_t>(static_cast<uint32_t>(entry.EntryKind))));
 }
 
 // The announced name as the entry's name fields hold it.
@@ -229,18 +230,18 @@ bool ReadAndCheckList(Admission& list) {
     uint64_t announcedData = 0;
     for (int i = 0; i < list.Count; ++i) {
         SwapWireFileEntry(wire[i]);
-        const int16_t kind = KindOf(wire[i]);
-        if (kind == KindFolderMarker ? i != 0 : !DataLengthOfAFile(wire[i].DataLength)) {
+        const FileKind kind = KindOf(wire[i]);
+        if (kind == FileKind::FolderMarker ? i != 0 : !DataLengthOfAFile(wire[i].DataLength)) {
             list.Result = Refuse("Corrupted file list.");
             return false;
         }
-        announcedData += kind == KindFolderMarker ? 0 : wire[i].DataLength;
+        announcedData += kind == FileKind::FolderMarker ? 0 : wire[i].DataLength;
     }
     if (freeSpace < announcedData) {
         list.Result = RefuseForSpace();
         return false;
     }
-    list.Marker = list.Count > 0 && KindOf(wire[0]) == KindFolderMarker;
+    list.Marker = list.Count > 0 && KindOf(wire[0]) == FileKind::FolderMarker;
     return true;
 }
 
@@ -454,7 +455,7 @@ bool BeginReceivedFile(FileEntry& entry) {
         made = file.Open(path, File::Mode::CreateNew);
     }
     if (made && !entry.FilePath.Set(path)) {
-        DeleteFileAt(path);  // a path the entry cannot hold
+        static_cast<void>(DeleteFileAt(path));  // a path the entry cannot hold
         made = false;
     }
     if (!made) {
@@ -523,7 +524,8 @@ void EndRecoveryCandidacy() {
     // A file of that name that has another length is no longer the one this
     // program left, and is not touched.
     if (SavedPartialIntact()) {
-        DeleteFileAt(std::string(saved.FilePath.View()));
+        // A part that will not go stays, as the user sees it.
+        static_cast<void>(DeleteFileAt(std::string(saved.FilePath.View())));
     }
     ForgetResumeCandidate();
 }

@@ -25,4 +25,4 @@ void StallAbort(uint32_t waiting);
 // True if a body, as it came from the far end, describes a position inside a
 // data stream that the block counters can hold, so that the pipeline can
 // take it over without leaving its buffers.
-bool RecoveryBodySound(const RecoveryBody& body);
+[[nodiscard]] bool RecoveryBodySound(const RecoveryBody& body);

@@ -40,7 +40,8 @@ void WriteRecord(const Record& record, bool create) {
         !(create && file.Open(path, File::Mode::CreateReadWrite))) {
         return;
     }
-    file.Write(record.data(), static_cast<uint32_t>(RecordBytes));
+    // A record not written is one that the next start does not take up.
+    static_cast<void>(file.Write(record.data(), static_cast<uint32_t>(RecordBytes)));
 }
 
 // Whether the part that the entry names may be taken up: a part this program

@@ -26,7 +26,7 @@ bool SendList::Add(const FileEntry& entry) {
     }
     entries_[count] = entry;
     count_.store(static_cast<int16_t>(count + 1));
-    if (entry.EntryKind != KindFolderMarker) {
+    if (entry.EntryKind != FileKind::FolderMarker) {
         remaining_.fetch_add(entry.TotalLength);
     }
     return true;
@@ -76,7 +76,7 @@ uint32_t SendList::RecomputeTotal() {
     uint32_t total = 0;
     for (int i = 0; i < count; ++i) {
         // The folder marker carries no bytes of its own.
-        if (entries_[i].EntryKind != KindFolderMarker) {
+        if (entries_[i].EntryKind != FileKind::FolderMarker) {
             total += entries_[i].TotalLength;
         }
     }

@@ -31,14 +31,14 @@ public:
     // still running at the process's exit finds them there.
     void Allocate();
     void Free();
-    bool Allocated() const { return entries_ != nullptr; }
+    [[nodiscard]] bool Allocated() const { return entries_ != nullptr; }
 
     // Entries held, 0 to ListCapacity.
-    int16_t Count() const;
-    bool IsEmpty() const { return Count() == 0; }
-    bool IsFull() const { return Count() >= ListCapacity; }
+    [[nodiscard]] int16_t Count() const;
+    [[nodiscard]] bool IsEmpty() const { return Count() == 0; }
+    [[nodiscard]] bool IsFull() const { return Count() >= ListCapacity; }
     // Wire bytes still to send over the whole list.
-    uint32_t Remaining() const { return remaining_.load(); }
+    [[nodiscard]] uint32_t Remaining() const { return remaining_.load(); }
 
     // Entry i, 0 being the file in hand.
     FileEntry& operator[](int index) { return entries_[index]; }

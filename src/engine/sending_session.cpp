@@ -29,7 +29,8 @@ constexpr int FileSentWaitMs = 2000;
 // An empty file carries no data and the far end, which has made it already,
 // sends no ACK for it: it leaves the list as soon as it comes to the top.
 void DropLeadingEmptyEntries() {
-    while (!TheEngine.SendList.IsEmpty() && TheEngine.SendList[0].EntryKind != KindFolderMarker &&
+    while (!TheEngine.SendList.IsEmpty() &&
+           TheEngine.SendList[0].EntryKind != FileKind::FolderMarker &&
            TheEngine.SendList[0].DataLength == 0) {
         DropFirstSendEntry();
     }
@@ -269,7 +270,7 @@ void StartSendSession() {
     SendBytes(TheEngine.WireList, static_cast<int16_t>(count * sizeof(WireFileEntry)));
     TheEngine.BlockIndex = 0;
     TheSession.ListOffered = true;
-    if (count > 0 && TheEngine.SendList[0].EntryKind == KindFolderMarker) {
+    if (count > 0 && TheEngine.SendList[0].EntryKind == FileKind::FolderMarker) {
         // The marker has told the far end where the files go; it carries
         // nothing itself.
         DropFirstSendEntry();
@@ -297,7 +298,7 @@ void DropFirstSendEntry() {
         display.ShowThroughput(true, true);
     }
     SendList& list = TheEngine.SendList;
-    if (TheEngine.PickupSend.load() && list[0].EntryKind != KindFolderMarker) {
+    if (TheEngine.PickupSend.load() && list[0].EntryKind != FileKind::FolderMarker) {
         MoveToSentFiles(std::string(list[0].FilePath.View()));
     }
     // The wire list is kept in step with the send list.

@@ -67,7 +67,7 @@ void WakeFeeder();
 // The feeder's side of the step handshake. EnterStep is false when the state
 // is no longer LinkTransfer or the feeder is to stop; the step is then not
 // taken.
-bool FeederEnterStep();
+[[nodiscard]] bool FeederEnterStep();
 void FeederLeaveStep();
 
 // The communications thread's side: after it has taken LinkState out of
@@ -76,7 +76,7 @@ void WaitFeederOutOfStep();
 // After a token that only makes sense once the file's last block is out:
 // waits at most limitMs for the feeder to reach LinkFileSent and leave its
 // step. True if it has.
-bool WaitFeederFileSent(int limitMs);
+[[nodiscard]] bool WaitFeederFileSent(int limitMs);
 
 // The feeder's own handle, for its parking; set before it runs.
 ThreadHandle CurrentFeederHandle();

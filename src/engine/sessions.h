@@ -78,7 +78,7 @@ void LogCannotWrite(const std::string& name, bool outOfSpace);
 int64_t PartialFileLength(int16_t nextBlock);
 // True if the file that SavedEntry names is there with exactly the bytes of
 // its completed sections.
-bool SavedPartialIntact();
+[[nodiscard]] bool SavedPartialIntact();
 // Deletes the partial file that SavedEntry names, if it is still the one this
 // program left, and empties SavedEntry: the file can no longer be resumed.
 void EndRecoveryCandidacy();

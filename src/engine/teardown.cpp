@@ -166,9 +166,9 @@ bool HangUp() {
     return HangUpFailed();
 }
 
-int MsUntilHangUpRetry() {
+std::optional<int> MsUntilHangUpRetry() {
     if (!TheSession.HangUpRetryDue.load()) {
-        return -1;
+        return std::nullopt;
     }
     const uint32_t elapsed = NowMs() - TheSession.HangUpRetryAt.load();
     return elapsed >= HangUpRetryMs ? 0 : static_cast<int>(HangUpRetryMs - elapsed);
@@ -246,10 +246,11 @@ void EndStalledCall(uint32_t waiting) {
     uint8_t tail[32] = {};
     if (waiting > StallTailBytes) {
         const int16_t slot = TheEngine.BlockIndex.load();
-        ReadBlock(TheEngine.WorkingSection + slot * BlockBytes, waiting - StallTailBytes,
-                  StallBodyLimitMs);
+        static_cast<void>(ReadBlock(TheEngine.WorkingSection + slot * BlockBytes,
+                                    waiting - StallTailBytes, StallBodyLimitMs));
     }
-    ReadBlock(tail, StallTailBytes, StallTailLimitMs);
+    // What did not come leaves zeros, in which no answer is found.
+    static_cast<void>(ReadBlock(tail, StallTailBytes, StallTailLimitMs));
     // A line that fell leaves NO CARRIER behind its last data, and the
     // adapter is back in command mode. Without it the far end has only gone
     // quiet and the call is still up: it is hung up, so that neither adapter
@@ -272,7 +273,8 @@ void DeleteUnfinishedReceives() {
         if (KeptForResume(entry)) {
             continue;
         }
-        DeleteFileAt(std::string(entry.FilePath.View()));
+        // A part that will not go stays, as the user sees it.
+        static_cast<void>(DeleteFileAt(std::string(entry.FilePath.View())));
         if (!TheEngine.SavedEntry.WireName.IsEmpty() &&
             TheEngine.SavedEntry.FilePath.View() == entry.FilePath.View()) {
             ForgetResumeCandidate();

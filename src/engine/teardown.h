@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 // The one way to ask for the end of a call or a transfer, from any thread.
 void RequestDisconnect();
@@ -13,11 +14,11 @@ void EndCallByHangUp();
 // the call, it is then tried again twice, 5 s apart, by the communications
 // thread.
 [[nodiscard]] bool HangUp();
-// Milliseconds until the sending side's next hang-up is due, or -1 if none
+// Milliseconds until the sending side's next hang-up is due; nothing if none
 // is.
-int MsUntilHangUpRetry();
+std::optional<int> MsUntilHangUpRetry();
 // Tries the hang-up again if its time has come; true if it did.
-bool RetryHangUpIfDue();
+[[nodiscard]] bool RetryHangUpIfDue();
 // How a call came to its end. Every end is tidied by OnCallEnded; what differs
 // between the ways is said there, where it is done.
 enum class CallEnd {

@@ -11,7 +11,7 @@
 // whatever an earlier read left unfinished. Returns false if the line did
 // not end in time; its end is then kept for the next read, so that a token
 // whose pieces come further apart than one read waits is still heard.
-bool ReadTokenLine(int16_t limitMs, std::string& line);
+[[nodiscard]] bool ReadTokenLine(int16_t limitMs, std::string& line);
 // Drops what an earlier read left unfinished: the call it belonged to is over.
 void ForgetUnfinishedLine();
 // Writes a token, its text and CR LF, to the port.

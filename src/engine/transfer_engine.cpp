@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -79,8 +80,8 @@ int WaitBound(LinkState state, bool sending) {
             bound =
                 std::min(bound, MsUntilPast(TheSession.FarEndSeenAt.load(), SenderLimitMs(state)));
         }
-        const int retry = MsUntilHangUpRetry();
-        return retry >= 0 && retry < bound ? retry : bound;
+        const std::optional<int> retry = MsUntilHangUpRetry();
+        return retry && *retry < bound ? *retry : bound;
     }
     switch (state) {
         case LinkConnected:
@@ -94,49 +95,49 @@ int WaitBound(LinkState state, bool sending) {
 }
 
 // The work of one pass with the port in hand. Returns how long to wait for
-// input afterwards, or -1 if the pass acted and the next one should follow at
-// once.
-int PassWork() {
+// input afterwards, or nothing if the pass acted and the next one should
+// follow at once.
+std::optional<int> PassWork() {
     const uint32_t waiting = PortQueueCount(PortQueue::Input);
     const LinkState state = TheEngine.LinkState.load();
     const bool sending = TheEngine.WeSend.load();
 
     if (sending && state >= LinkConnected && TheSession.SendFault.exchange(false)) {
         RequestDisconnect();
-        return -1;
+        return std::nullopt;
     }
     if (sending && waiting == 0 && RetryHangUpIfDue()) {
-        return -1;
+        return std::nullopt;
     }
     if (sending && SenderLostFarEnd(state)) {
         AddLogLine("Remote end not responding.");
         RequestDisconnect();
-        return -1;
+        return std::nullopt;
     }
     // A far end that brings no token within the limit is let go, also while
     // it keeps sending other bytes: a stream must not hold the line.
     if (!sending && (state == LinkConnected || state == LinkRecovery) &&
         NowMs() - TheEngine.LastRxTime.load() > SilenceLimitMs) {
         RequestDisconnect();
-        return -1;
+        return std::nullopt;
     }
     if (waiting != 0) {
         if (state <= LinkDialing) {
             HandleLineEvent();
-            return -1;
+            return std::nullopt;
         }
         if (sending) {
             OnSenderInput();
-            return -1;
+            return std::nullopt;
         }
         if (state == LinkConnected || state == LinkRecovery) {
             OnReceiverInput();
-            return -1;
+            return std::nullopt;
         }
         if (state == LinkTransfer) {
             if (waiting >= TheEngine.ExpectedBlock.load()) {
                 ReceiveBlock();
-                return -1;
+                return std::nullopt;
             }
             FileEntry& entry = TheEngine.ReceiveList[0];
             if (entry.StartTime == 0) {
@@ -160,7 +161,7 @@ int PassWork() {
             StallAbort(waiting);
             TheEngine.LastRxTime = NowMs();
         }
-        return -1;
+        return std::nullopt;
     }
     if (state == LinkTransfer && TheEngine.ReceiveDisplayDirty.load()) {
         RefreshReceiveDisplay();
@@ -187,9 +188,9 @@ void CommPass() {
         return;
     }
     InsidePass = true;
-    const int waitMs = PassWork();
-    if (waitMs >= 0 && TheEngine.CommThreadRun.load()) {
-        WaitForPortInput(waitMs);
+    const std::optional<int> waitMs = PassWork();
+    if (waitMs && TheEngine.CommThreadRun.load()) {
+        WaitForPortInput(*waitMs);
     }
     InsidePass = false;
     portGuard.unlock();

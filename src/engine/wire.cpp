@@ -116,7 +116,7 @@ void SwapSessionHeader(SessionHeader& header) {
 WireFileEntry MakeWireFileEntry(const FileEntry& entry) {
     WireFileEntry wire;
     wire.Name.Set(entry.DisplayName.View());
-    wire.EntryKind = Widened(entry.EntryKind);
+    wire.EntryKind = Widened(KindNumber(entry.EntryKind));
     wire.TotalLength = Swapped32(entry.TotalLength);
     wire.DataLength = Swapped32(entry.DataLength);
     wire.AuxLength = Swapped32(entry.AuxLength);
@@ -137,7 +137,7 @@ RecoveryBody MakeRecoveryBody(uint16_t expectedBlock, uint32_t receiveRemaining,
     RecoveryBody body;
     body.ExpectedBlock = Widened(expectedBlock);
     body.ReceiveRemaining = Swapped32(receiveRemaining);
-    body.EntryKind = Widened(entry.EntryKind);
+    body.EntryKind = Widened(KindNumber(entry.EntryKind));
     body.TotalLength = Swapped32(entry.TotalLength);
     body.DataLength = Swapped32(entry.DataLength);
     body.AuxLength = Swapped32(entry.AuxLength);
@@ -159,7 +159,7 @@ RecoveryBody MakeRecoveryBody(uint16_t expectedBlock, uint32_t receiveRemaining,
 }
 
 RecoveryPosition ApplyRecoveryBody(const RecoveryBody& body, FileEntry& entry) {
-    entry.EntryKind = NarrowedSigned(body.EntryKind);
+    entry.EntryKind = static_cast<FileKind>(NarrowedSigned(body.EntryKind));
     entry.TotalLength = Swapped32(body.TotalLength);
     entry.DataLength = Swapped32(body.DataLength);
     entry.AuxLength = Swapped32(body.AuxLength);

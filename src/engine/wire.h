@@ -96,7 +96,7 @@ uint16_t ExpectedBlockOf(const FileEntry& entry);
 // Puts the checksum of the section's file bytes in front of them.
 void SealSection(uint8_t* section, uint32_t fileBytes);
 // True if the checksum in front of the section's file bytes is theirs.
-bool SectionIntact(const uint8_t* section, uint32_t fileBytes);
+[[nodiscard]] bool SectionIntact(const uint8_t* section, uint32_t fileBytes);
 
 // ---------------------------------------------------------------------------
 // Tokens
@@ -106,9 +106,11 @@ bool SectionIntact(const uint8_t* section, uint32_t fileBytes);
 struct WireToken {
     std::string_view Line;
 
-    constexpr std::string_view Text() const { return Line.substr(0, Line.size() - 2); }
-    constexpr uint32_t Length() const { return static_cast<uint32_t>(Line.size()); }
-    constexpr const char* Bytes() const { return Line.data(); }
+    [[nodiscard]] constexpr std::string_view Text() const {
+        return Line.substr(0, Line.size() - 2);
+    }
+    [[nodiscard]] constexpr uint32_t Length() const { return static_cast<uint32_t>(Line.size()); }
+    [[nodiscard]] constexpr const char* Bytes() const { return Line.data(); }
 };
 
 inline constexpr WireToken TokenSyncon{"SYNCON\r\n"};

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "line/comm_port.h"
@@ -98,12 +99,13 @@ uint32_t HangUpLeftCall(uint32_t otherSpeed, uint32_t pauseMs) {
     PortConversation conversation;
     SleepMs(pauseMs);
     SendBytes("+++", 3);
-    const int escape = DrainUntilAny({"\r\nOK\r\n", "NO CARRIER"}, EscapeReplyLimitMs);
-    if (escape < 0) {
+    const std::optional<size_t> escape =
+        DrainUntilAny({"\r\nOK\r\n", "NO CARRIER"}, EscapeReplyLimitMs);
+    if (!escape) {
         return 0;
     }
     const uint32_t portSpeed = ThePort->BaudRate.load();
-    if (escape == 1) {
+    if (*escape == 1) {
         return portSpeed;  // the far end has ended the call meanwhile
     }
     for (const uint32_t speed : {portSpeed, otherSpeed}) {
@@ -111,7 +113,7 @@ uint32_t HangUpLeftCall(uint32_t otherSpeed, uint32_t pauseMs) {
             continue;
         }
         SendCommand("ATH");
-        if (DrainUntilAny({"\r\nOK\r\n", "NO CARRIER"}, HangUpReplyLimitMs) >= 0) {
+        if (DrainUntilAny({"\r\nOK\r\n", "NO CARRIER"}, HangUpReplyLimitMs)) {
             AddLogLine("Hung up a call left on the ISDN TA.");
             return speed;
         }

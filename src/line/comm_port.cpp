@@ -276,9 +276,10 @@ bool DrainInputWithin(int16_t quietMs, uint32_t longestMs) {
     }
 }
 
-int DrainUntilAny(std::initializer_list<std::string_view> texts, int16_t timeoutMs) {
+std::optional<size_t> DrainUntilAny(std::initializer_list<std::string_view> texts,
+                                    int16_t timeoutMs) {
     if (ThePort == nullptr) {
-        return -1;
+        return std::nullopt;
     }
     size_t longest = 0;
     for (const std::string_view text : texts) {
@@ -294,7 +295,7 @@ int DrainUntilAny(std::initializer_list<std::string_view> texts, int16_t timeout
         if (PortQueueCount(PortQueue::Input) != 0) {
             const uint32_t got = ThePort->Handle.Read(scratch, sizeof scratch);
             seen.append(scratch, got);
-            int index = 0;
+            size_t index = 0;
             for (const std::string_view text : texts) {
                 if (seen.find(text) != std::string::npos) {
                     return index;
@@ -307,7 +308,7 @@ int DrainUntilAny(std::initializer_list<std::string_view> texts, int16_t timeout
         }
         const int16_t elapsed = ElapsedMs();
         if (elapsed >= timeoutMs) {
-            return -1;
+            return std::nullopt;
         }
         if (PortQueueCount(PortQueue::Input) == 0) {
             WaitForRest(timeoutMs, elapsed);

@@ -7,9 +7,11 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <initializer_list>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -86,22 +88,22 @@ void SendBytes(const void* bytes, int16_t length);
 // are dropped. Returns a pointer to the token in the buffer, or null. A read
 // that gives up on 1023 bytes logs "Serial Limit Reached", once until
 // ResetSerialLimitLine: a stream that fills read after read says it once.
-char* ReadUntilToken(const char* token, int16_t timeoutMs, char* buffer);
+[[nodiscard]] char* ReadUntilToken(const char* token, int16_t timeoutMs, char* buffer);
 // As ReadUntilToken, but bytes that keep coming do not end the read: when
 // the buffer is full, its older half is dropped, and the read goes on until
 // the token or the time. For a reply that comes behind a stream of data.
-char* ReadUntilTokenInStream(const char* token, int16_t timeoutMs, char* buffer);
+[[nodiscard]] char* ReadUntilTokenInStream(const char* token, int16_t timeoutMs, char* buffer);
 // Lets "Serial Limit Reached" be logged again: at the start and the end of a
 // call, and when the port is opened.
 void ResetSerialLimitLine();
 // As ReadUntilToken with the token "\r\n".
-char* ReadLine(int16_t timeoutMs, char* buffer);
+[[nodiscard]] char* ReadLine(int16_t timeoutMs, char* buffer);
 // As ReadUntilToken with the token "OK\r\n".
-char* ReadUntilOk(int16_t timeoutMs, char* buffer);
+[[nodiscard]] char* ReadUntilOk(int16_t timeoutMs, char* buffer);
 // Reads exactly count bytes. The time limit is one on silence: it restarts
 // whenever more has arrived. At the limit it logs "Read Buffer Timeout" and
 // delivers what there is. Returns the number of bytes delivered.
-uint32_t ReadBlock(void* buffer, uint32_t count, int16_t timeoutMs);
+[[nodiscard]] uint32_t ReadBlock(void* buffer, uint32_t count, int16_t timeoutMs);
 // Throws input away until the line has been quiet for the whole quiet time,
 // or, within, until longestMs have passed on NowMs's clock, however long the
 // input goes on. True if the line fell quiet.
@@ -112,8 +114,9 @@ void DrainInput(int16_t quietMs);
 // before it, or the time limit on the whole read has passed: how an answer
 // of the adapter is found behind the data of a call, which a token read
 // would give up on after 1023 bytes. Returns the index of the text that
-// came, -1 if none did.
-int DrainUntilAny(std::initializer_list<std::string_view> texts, int16_t timeoutMs);
+// came, nothing if none did.
+[[nodiscard]] std::optional<size_t> DrainUntilAny(std::initializer_list<std::string_view> texts,
+                                                  int16_t timeoutMs);
 // The port's two queues.
 enum class PortQueue { Output, Input };
 // Bytes in the queue; 0 without a record.

@@ -28,23 +28,23 @@ public:
     File& operator=(const File&) = delete;
 
     // True if the file could be opened in that mode.
-    bool Open(const std::string& path, Mode mode);
+    [[nodiscard]] bool Open(const std::string& path, Mode mode);
     void Close();
-    bool IsOpen() const { return fd_ >= 0; }
+    [[nodiscard]] bool IsOpen() const { return fd_ >= 0; }
 
     // Bytes read; fewer than asked at the end of the file, 0 on an error.
-    uint32_t Read(void* buffer, uint32_t count);
+    [[nodiscard]] uint32_t Read(void* buffer, uint32_t count);
     // True if every byte was written.
-    bool Write(const void* bytes, uint32_t count);
+    [[nodiscard]] bool Write(const void* bytes, uint32_t count);
     // True if the position could be set.
-    bool Seek(int64_t offset, From from);
+    [[nodiscard]] bool Seek(int64_t offset, From from);
     // Length of the open file, or -1.
-    int64_t Length() const;
+    [[nodiscard]] int64_t Length() const;
     // Cuts the file back to length bytes. True if it could.
-    bool Truncate(int64_t length);
+    [[nodiscard]] bool Truncate(int64_t length);
     // Whether the last open or write failed because the volume is full (or
     // the user's share of it is used up).
-    bool OutOfSpace() const { return outOfSpace_; }
+    [[nodiscard]] bool OutOfSpace() const { return outOfSpace_; }
 
 private:
     void NoteFailure();
@@ -54,23 +54,23 @@ private:
 };
 
 // Makes a folder. False if it exists already or cannot be made.
-bool CreateFolder(const std::string& path);
+[[nodiscard]] bool CreateFolder(const std::string& path);
 // Removes an empty folder. False if it holds anything or is missing.
-bool RemoveFolder(const std::string& path);
+[[nodiscard]] bool RemoveFolder(const std::string& path);
 // Renames a file or folder; an existing target is replaced only for plain files.
-bool RenamePath(const std::string& from, const std::string& to);
+[[nodiscard]] bool RenamePath(const std::string& from, const std::string& to);
 // Moves a file. False if the target exists already or the move is impossible.
-bool MoveFileNoReplace(const std::string& from, const std::string& to);
+[[nodiscard]] bool MoveFileNoReplace(const std::string& from, const std::string& to);
 // Deletes a file. False if it is missing or cannot be deleted.
-bool DeleteFileAt(const std::string& path);
+[[nodiscard]] bool DeleteFileAt(const std::string& path);
 // True if a file or folder exists at the path.
-bool PathExists(const std::string& path);
+[[nodiscard]] bool PathExists(const std::string& path);
 // True if a folder exists at the path.
-bool FolderExists(const std::string& path);
+[[nodiscard]] bool FolderExists(const std::string& path);
 // What lies at the path, links followed: a plain file, a folder, something
 // else (a FIFO, device or socket), or nothing.
 enum class PathKind { Missing, File, Folder, Other };
-PathKind KindOfPath(const std::string& path);
+[[nodiscard]] PathKind KindOfPath(const std::string& path);
 
 // One entry of a folder listing.
 struct FolderEntry {
@@ -82,12 +82,12 @@ struct FolderEntry {
 
 // Lists a folder, "." and ".." included, in the order the file system gives.
 // False if the folder cannot be read.
-bool ListFolder(const std::string& path, std::vector<FolderEntry>& entries);
+[[nodiscard]] bool ListFolder(const std::string& path, std::vector<FolderEntry>& entries);
 
 // Free bytes for this user on the volume that holds the path, in 64 bits.
-uint64_t FreeDiskSpace(const std::string& path);
+[[nodiscard]] uint64_t FreeDiskSpace(const std::string& path);
 
 // The current directory, or an empty text on failure.
-std::string CurrentFolder();
+[[nodiscard]] std::string CurrentFolder();
 // Changes the current directory. False on failure.
-bool ChangeCurrentFolder(const std::string& path);
+[[nodiscard]] bool ChangeCurrentFolder(const std::string& path);

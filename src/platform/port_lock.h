@@ -45,7 +45,7 @@ public:
     // Removes the lock file if it still holds this process's id.
     void Release();
     // The lock file held; "" when none is.
-    const std::string& Path() const { return path_; }
+    [[nodiscard]] const std::string& Path() const { return path_; }
 
 private:
     std::string path_;

@@ -12,7 +12,7 @@ struct PseudoTerminal {
 };
 
 // Makes a new pair in raw mode. False if none could be made.
-bool OpenPseudoTerminal(PseudoTerminal& terminal);
+[[nodiscard]] bool OpenPseudoTerminal(PseudoTerminal& terminal);
 void ClosePseudoTerminal(PseudoTerminal& terminal);
 
 // The speed in bits per second that the program has set on the slave side,

@@ -41,14 +41,14 @@ public:
 
     // Opens the device for exclusive use. False if it is missing, is no
     // terminal, or is held by another program.
-    bool Open(const std::string& path);
+    [[nodiscard]] bool Open(const std::string& path);
     // Drops DTR, throws both queues away and gives the device up.
     void Close();
-    bool IsOpen() const { return fd_.load() >= 0; }
+    [[nodiscard]] bool IsOpen() const { return fd_.load() >= 0; }
 
     // Applies the settings in raw mode. False if the device refused any of them;
     // the old settings then stay.
-    bool Configure(const SerialSettings& settings);
+    [[nodiscard]] bool Configure(const SerialSettings& settings);
 
     // Throws away both queues, in the kernel and here, and stops a write that
     // is under way.
@@ -64,10 +64,10 @@ public:
     // Bytes waiting in the driver's output queue; 0 where the device cannot tell.
     uint32_t OutputCount();
     // Takes up to count bytes from the input queue; returns how many.
-    uint32_t Read(void* buffer, uint32_t count);
+    [[nodiscard]] uint32_t Read(void* buffer, uint32_t count);
     // Writes every byte, waiting while the device takes no more. False if the
     // device failed or a purge stopped the write.
-    bool Write(const void* bytes, uint32_t count);
+    [[nodiscard]] bool Write(const void* bytes, uint32_t count);
 
     // Waits until the device may have new input, another thread calls
     // Interrupt, or the time is up. Returns at once if input is already waiting

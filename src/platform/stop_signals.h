@@ -18,11 +18,11 @@ public:
 
     // False if the signals could not be blocked or the descriptor made;
     // errno tells why.
-    bool IsOpen() const { return fd_ >= 0; }
+    [[nodiscard]] bool IsOpen() const { return fd_ >= 0; }
     // Readable while a stop signal waits.
-    int Descriptor() const { return fd_; }
+    [[nodiscard]] int Descriptor() const { return fd_; }
     // Takes one waiting signal: its number, or 0 if none waits.
-    int Take();
+    [[nodiscard]] int Take();
 
 private:
     int fd_ = -1;

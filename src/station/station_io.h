@@ -30,4 +30,4 @@ void StopCommandInput();
 // Holds SIGINT and SIGTERM back in this thread and every thread it starts,
 // so that only the command input sees them, and ignores SIGPIPE. False if
 // the signals cannot be read.
-bool BlockStopSignals();
+[[nodiscard]] bool BlockStopSignals();

@@ -32,10 +32,10 @@ public:
     void Add(const std::string& line);
     // Whether a line holding the text came after the last match; the first
     // such line is the new match.
-    bool TakeMatch(const std::string& text);
+    [[nodiscard]] bool TakeMatch(const std::string& text);
     // No wait will come any more.
     void EndWaits();
-    size_t Kept() const { return lines_.size(); }
+    [[nodiscard]] size_t Kept() const { return lines_.size(); }
 
 private:
     std::deque<std::string> lines_;  // behind the last match

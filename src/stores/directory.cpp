@@ -23,7 +23,8 @@ int LoadDirectory() {
             return 0;
         }
         const uint8_t emptyCount[2] = {0, 0};
-        file.Write(emptyCount, sizeof emptyCount);
+        // A count not written reads as none.
+        static_cast<void>(file.Write(emptyCount, sizeof emptyCount));
         file.Close();
         return 1;
     }
@@ -66,7 +67,8 @@ bool SaveDirectory() {
     bytes[1] = static_cast<uint8_t>((count >> 8) & 0xFF);
     const uint32_t recordBytes = static_cast<uint32_t>(count) * CorrespondentSize;
     std::memcpy(bytes + 2, Directory, recordBytes);
-    file.Write(bytes, 2 + recordBytes);
+    // A failure to write a store while the program runs is silent.
+    static_cast<void>(file.Write(bytes, 2 + recordBytes));
     file.Close();
     return true;
 }

@@ -15,7 +15,7 @@ int LoadPreferences() {
     if (file.Open(PrefsPath, File::Mode::Read)) {
         // Whatever the file holds is taken as it stands: a short file leaves
         // the rest at 0, and its contents are not validated.
-        file.Read(&ThePreferences, PreferencesSize);
+        static_cast<void>(file.Read(&ThePreferences, PreferencesSize));
         file.Close();
         return 1;
     }
@@ -27,7 +27,7 @@ int LoadPreferences() {
     ThePreferences.MaxPortSpeed = DefaultMaxPortSpeed;
     // A write error here leaves the record in memory usable for this run; the
     // next start reads what reached the disk.
-    file.Write(&ThePreferences, PreferencesSize);
+    static_cast<void>(file.Write(&ThePreferences, PreferencesSize));
     file.Close();
     return 1;
 }

@@ -122,11 +122,13 @@ int LoadStatusLog() {
             return 0;
         }
         const char endMark = '\0';
-        file.Write(&endMark, 1);
+        // A mark not written reads as an empty log.
+        static_cast<void>(file.Write(&endMark, 1));
         file.Close();
         return 1;
     }
-    file.Read(LogBuffer.get(), LogBufferSize);
+    // A short read leaves the rest of the buffer empty.
+    static_cast<void>(file.Read(LogBuffer.get(), LogBufferSize));
     file.Close();
     return 1;
 }

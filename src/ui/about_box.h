@@ -23,8 +23,8 @@ public:
 
     // Shows, hides and fills the box as the model's state of it says.
     void Follow(const ControlState& state);
-    QPushButton* OkButton() const { return ok_; }
-    QLabel* VersionLabel() const { return version_; }
+    [[nodiscard]] QPushButton* OkButton() const { return ok_; }
+    [[nodiscard]] QLabel* VersionLabel() const { return version_; }
 
 protected:
     // Every way out of the dialog asks the window instead; the box stays

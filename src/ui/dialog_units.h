@@ -13,9 +13,9 @@ public:
     explicit DialogUnits(const QFont& font);
 
     // Pixels of so many horizontal or vertical units, rounded.
-    int X(int units) const;
-    int Y(int units) const;
-    QRect Rect(int x, int y, int width, int height) const;
+    [[nodiscard]] int X(int units) const;
+    [[nodiscard]] int Y(int units) const;
+    [[nodiscard]] QRect Rect(int x, int y, int width, int height) const;
 
 private:
     double averageWidth_ = 0;

@@ -41,7 +41,7 @@ class KeyWatcher : public QObject {
     Q_OBJECT
 
 public:
-    bool Held(Key key) const;
+    [[nodiscard]] bool Held(Key key) const;
 
 protected:
     bool eventFilter(QObject* watched, QEvent* event) override;
@@ -68,16 +68,16 @@ public:
     // the program ends.
     void RequestClose();
     // True once the program's main loop has ended and its thread is gone.
-    bool Ended() const { return ended_; }
+    [[nodiscard]] bool Ended() const { return ended_; }
     // 0, or 1 when a picture asked for on the command line could not be
     // written.
-    int ExitStatus() const { return exitStatus_; }
+    [[nodiscard]] int ExitStatus() const { return exitStatus_; }
 
-    MainView& View() const { return *view_; }
+    [[nodiscard]] MainView& View() const { return *view_; }
 
     // Writes a PNG of the window to the file, through a file beside it, so a
     // reader never finds half a picture. False if it could not be written.
-    bool WritePicture(const QString& path);
+    [[nodiscard]] bool WritePicture(const QString& path);
     // What SIGUSR1 does: the picture of FrontEndOptions::SignalScreenshot.
     void WriteSignalPicture();
 

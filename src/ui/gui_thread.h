@@ -37,7 +37,7 @@ public:
     // The GUI goes: tasks waiting and to come are not run, and their callers
     // return.
     void Close();
-    bool OnGuiThread() const;
+    [[nodiscard]] bool OnGuiThread() const;
 
 private:
     struct Task {

@@ -30,12 +30,12 @@ public:
 
     // The widget that shows a control; null while the model has no such
     // control.
-    QWidget* WidgetOf(int id) const;
-    AboutBox* About() const { return about_; }
+    [[nodiscard]] QWidget* WidgetOf(int id) const;
+    [[nodiscard]] AboutBox* About() const { return about_; }
     // The dialog's surface below the menu bar, in whose coordinates the
     // controls are placed.
-    QWidget* Page() const { return page_; }
-    const DialogUnits& Units() const { return units_; }
+    [[nodiscard]] QWidget* Page() const { return page_; }
+    [[nodiscard]] const DialogUnits& Units() const { return units_; }
 
     // Hands a user's action to the window, on the main loop's thread. A
     // refused action brings its control back to the model's state.
@@ -60,11 +60,11 @@ private:
     void FitCaptions();
     // The room a caption may take on either side of its place: up to the
     // nearest control shown beside it, or the window's edge.
-    int RoomLeftOf(int id, const QRect& place) const;
-    int RoomRightOf(int id, const QRect& place) const;
+    [[nodiscard]] int RoomLeftOf(int id, const QRect& place) const;
+    [[nodiscard]] int RoomRightOf(int id, const QRect& place) const;
     // The control that takes a drop at that point of the page: the file
     // list, Send or the directory list; 0 for anywhere else.
-    int DropTargetAt(const QPoint& point) const;
+    [[nodiscard]] int DropTargetAt(const QPoint& point) const;
 
     std::shared_ptr<ControlChanges> changes_;
     DialogUnits units_;

@@ -8,4 +8,4 @@
 // Writes every page of the manual (and its pictures) below root, replacing
 // older copies of them, when root has no start page; nothing when it has
 // one. False if a page could not be written.
-bool InstallManual(const std::string& root);
+[[nodiscard]] bool InstallManual(const std::string& root);

@@ -39,7 +39,7 @@ protected:
         AdapterFound = 0;
         TheEngine.LinkState = LinkIdle;
     }
-    void TearDown() override { ChangeCurrentFolder(previous_); }
+    void TearDown() override { EXPECT_TRUE(ChangeCurrentFolder(previous_)); }
 
     // One run of the program; the window's first task is the given one.
     std::vector<std::string> Run(const std::function<void()>& first) {

@@ -259,10 +259,10 @@ TEST_F(DesktopControlsTest, AnExportedEntryComesBackWholeAsTheRecordItWas) {
     otherMagic[139] = 'E';
     for (const std::string& bad : {bytes.substr(0, 139), bytes + "x", otherMagic}) {
         WriteWholeFile(folder_ / "bad.KBE", bad);
-        EXPECT_EQ(window_->Correspondents().ImportDirectoryEntry(folder_ / "bad.KBE"), 0)
+        EXPECT_FALSE(window_->Correspondents().ImportDirectoryEntry(folder_ / "bad.KBE"))
             << bad.size();
     }
-    EXPECT_EQ(window_->Correspondents().ImportDirectoryEntry(folder_ / "missing.KBE"), 0);
+    EXPECT_FALSE(window_->Correspondents().ImportDirectoryEntry(folder_ / "missing.KBE"));
     WriteWholeFile(folder_ / "smith.Kbe", bytes);
     Drop(IDC_DIRECTORY_LIST, {folder_ / "smith.Kbe"});
     EXPECT_EQ(DirectoryCount.load(), 0);
@@ -288,7 +288,7 @@ TEST_F(DesktopControlsTest, AnExportedEntryComesBackWholeAsTheRecordItWas) {
 TEST_F(DesktopControlsTest, AnEntryWhoseNameIsNoFolderNameIsNotEntered) {
     for (const std::string name : {"..", "../Pick Up", ""}) {
         WriteWholeFile(folder_ / "bad.KBE", peer::DirectoryEntry(name, "5558888", true));
-        EXPECT_EQ(window_->Correspondents().ImportDirectoryEntry(folder_ / "bad.KBE"), 0) << name;
+        EXPECT_FALSE(window_->Correspondents().ImportDirectoryEntry(folder_ / "bad.KBE")) << name;
         EXPECT_EQ(Observed().back(), "Directory Entry Not Added: its name cannot name a folder.");
     }
     EXPECT_EQ(DirectoryCount.load(), 0);

@@ -69,8 +69,8 @@ TEST_F(FileListTest, AFolderReplacesTheListAndTravelsOneLevelDeep) {
     ASSERT_EQ(rows.size(), 4u);
     EXPECT_EQ(rows[0].Text, "docs");
     EXPECT_EQ(rows[0].Detail, "");
-    EXPECT_EQ(rows[0].Image, KindFolderMarker);
-    EXPECT_EQ(Entry(0).EntryKind, KindFolderMarker);
+    EXPECT_EQ(rows[0].Image, KindNumber(FileKind::FolderMarker));
+    EXPECT_EQ(Entry(0).EntryKind, FileKind::FolderMarker);
     EXPECT_EQ(Entry(0).FilePath.View(), docs);
     EXPECT_EQ(Entry(0).TotalLength, 0u);
 
@@ -87,9 +87,10 @@ TEST_F(FileListTest, AFolderReplacesTheListAndTravelsOneLevelDeep) {
     for (int i = 1; i < 4; ++i) {
         EXPECT_EQ(rows[i].Text, expected[i - 1]);
         EXPECT_EQ(Entry(i).FilePath.View(), docs + "/" + expected[i - 1]);
-        const int16_t kind = expected[i - 1] == "b.exe.txt" ? KindProgramFile : KindPlainFile;
+        const FileKind kind =
+            expected[i - 1] == "b.exe.txt" ? FileKind::ProgramFile : FileKind::PlainFile;
         EXPECT_EQ(Entry(i).EntryKind, kind);
-        EXPECT_EQ(rows[i].Image, kind);
+        EXPECT_EQ(rows[i].Image, KindNumber(kind));
     }
     // The marker adds nothing to the total.
     EXPECT_EQ(TheEngine.SendList.Remaining(), 102u + 202u + 0u);
@@ -141,7 +142,7 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
         Drop(IDC_FILE_LIST, {docs, lockedFile});
     }
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"docs", "a"}));
-    EXPECT_EQ(Entry(0).EntryKind, KindFolderMarker);
+    EXPECT_EQ(Entry(0).EntryKind, FileKind::FolderMarker);
     EXPECT_EQ(Messages(), (std::vector<std::string>{
                               "These could not be opened and were not added:\r" + lockedFile +
                                   "\r" + lockedFolder + "\r" + (folder_ / "gone"),

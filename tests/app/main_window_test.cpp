@@ -435,13 +435,13 @@ TEST_F(MainWindowTest, TheIncomingListShowsTheWireSizesAndLosesItsTopRow) {
     FileEntry* list = TheEngine.ReceiveList;
     list[0] = FileEntry{};
     list[0].DisplayName.Set("Smith-A");
-    list[0].EntryKind = KindFolderMarker;
+    list[0].EntryKind = FileKind::FolderMarker;
     list[1] = FileEntry{};
     list[1].DisplayName.Set("report.txt");
     list[1].TotalLength = 131075;
     list[2] = FileEntry{};
     list[2].DisplayName.Set("tool.exe");
-    list[2].EntryKind = KindProgramFile;
+    list[2].EntryKind = FileKind::ProgramFile;
     list[2].TotalLength = 12;
     TheEngine.ReceiveCount = 3;
     window_->Files().ListIncomingFiles();
@@ -449,9 +449,9 @@ TEST_F(MainWindowTest, TheIncomingListShowsTheWireSizesAndLosesItsTopRow) {
     ASSERT_EQ(rows.size(), 3u);
     EXPECT_EQ(rows[0].Text, "Smith-A");
     EXPECT_EQ(rows[0].Detail, "");
-    EXPECT_EQ(rows[0].Image, KindFolderMarker);
+    EXPECT_EQ(rows[0].Image, KindNumber(FileKind::FolderMarker));
     EXPECT_EQ(rows[1].Detail, "131075");
-    EXPECT_EQ(rows[2].Image, KindProgramFile);
+    EXPECT_EQ(rows[2].Image, KindNumber(FileKind::ProgramFile));
     window_->Files().RemoveTopFileRow();
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"report.txt", "tool.exe"}));
     TheEngine.ReceiveCount = 0;

@@ -18,8 +18,8 @@
 void WindowTest::SetUp() {
     BlockPorts(folder_.Path());
     BuildPaths(folder_.Path());
-    CreateFolder(IncomingPath);
-    CreateFolder(PickUpPath);
+    ASSERT_TRUE(CreateFolder(IncomingPath));
+    ASSERT_TRUE(CreateFolder(PickUpPath));
     StartWindow();
 }
 
@@ -76,7 +76,7 @@ std::string WindowTest::MakeFile(const std::string& name, size_t size, char fill
 
 std::string WindowTest::MakeFolder(const std::string& name) {
     const std::string path = folder_ / name;
-    CreateFolder(path);
+    EXPECT_TRUE(CreateFolder(path));
     return path;
 }
 

@@ -44,9 +44,9 @@ FileEntry EntryForFile(const std::string& name, const std::string& path, uint64_
 void EngineHarness::SetUp() {
     SetFreeSpaceQuery([] { return uint64_t{1} << 40; });
     BuildPaths(root_.Path());
-    CreateFolder(IncomingPath);
+    ASSERT_TRUE(CreateFolder(IncomingPath));
     far_.LinkAs(root_.Path(), 1);
-    ASSERT_EQ(CommPortCreate(), 1);
+    ASSERT_TRUE(CommPortCreate());
     SelectPortNumber(1);
     SelectPortBaud(115200);
     ASSERT_NE(CommPortOpen(), 0);

@@ -20,7 +20,7 @@ class PickUpTest : public EngineHarness {
 protected:
     void SetUp() override {
         EngineHarness::SetUp();
-        CreateFolder(PickUpPath);
+        ASSERT_TRUE(CreateFolder(PickUpPath));
         std::memset(Directory, 0, sizeof Directory);
         DirectoryCount = 0;
     }
@@ -42,8 +42,8 @@ protected:
         SetFieldText(record.IsdnNumber, number);
         record.HasPickUp = 1;
         record.HotSend = hot ? 1 : 0;
-        CreateFolder(PickUpPath + "/" + name);
-        CreateFolder(PickUpPath + "/" + name + "/Sent Files");
+        EXPECT_TRUE(CreateFolder(PickUpPath + "/" + name));
+        EXPECT_TRUE(CreateFolder(PickUpPath + "/" + name + "/Sent Files"));
         for (const std::string& file : files) {
             WriteWholeFile(PickUpPath + "/" + name + "/" + file, file);
         }
@@ -73,17 +73,17 @@ TEST_F(PickUpTest, TheHolderAnswersARequestForAnEmptyFolderAndStaysTheReceiver) 
 
 TEST_F(PickUpTest, AHotFolderGoesOutOnceItsTotalHasStoodStill) {
     AddRecord("Hot", "123", true, {"one.txt", "three.txt"});
-    EXPECT_EQ(HotFolderDue(), -1);  // the total of the two files is noted
+    EXPECT_EQ(HotFolderDue(), std::nullopt);  // the total of the two files is noted
     EXPECT_EQ(Directory[0].HotBytes, 16u);
     // During a call nothing is looked at, and nothing goes out.
     TheEngine.LinkState = LinkConnected;
-    EXPECT_EQ(HotFolderDue(), -1);
+    EXPECT_EQ(HotFolderDue(), std::nullopt);
     EXPECT_EQ(Directory[0].HotBytes, 16u);
     TheEngine.LinkState = LinkIdle;
     // A call that rings in starts the count again.
     Send("\r\nRING\r\n");
     EXPECT_EQ(TakeUntil("\r", 3000), "ATA\r");
-    EXPECT_EQ(HotFolderDue(), -1);
+    EXPECT_EQ(HotFolderDue(), std::nullopt);
     EXPECT_EQ(Directory[0].HotBytes, 16u);
     EXPECT_EQ(HotFolderDue(), 0);  // unchanged since the last look: it goes out
     EXPECT_EQ(Directory[0].HotBytes, 0u);

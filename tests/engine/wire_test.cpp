@@ -82,7 +82,7 @@ TEST(WireRecovery, EveryFieldOfABodyIsTakenAndMadeAgainSignedOnesWithTheirSign) 
     EXPECT_EQ(position.ReceiveRemaining, 0x89ABCDEFu);
     EXPECT_EQ(RecoveryPositionOf(body).ExpectedBlock, position.ExpectedBlock);
     EXPECT_EQ(RecoveryPositionOf(body).ReceiveRemaining, position.ReceiveRemaining);
-    EXPECT_EQ(taken.EntryKind, -2);
+    EXPECT_EQ(KindNumber(taken.EntryKind), -2);
     EXPECT_EQ(taken.DataBlocks, -1);
     EXPECT_EQ(taken.BlocksDone, -32768);
     EXPECT_EQ(taken.AuxBlocksDone, -300);

@@ -39,6 +39,30 @@ grep -q "^includes: .*planted.cpp:3:.*test hook" <<<"$out" || fail "its test hoo
 grep -q "^names: .*'kLimitMs'" <<<"$out" || fail "its constant's name was not found"
 grep -q "^names: .*'badlyLaidOut'" <<<"$out" || fail "its function's name was not found"
 
+results=$work/src/line/results.cpp
+cat >"$results" <<'SOURCE'
+#include <algorithm>
+#include <vector>
+
+class Gauge {
+public:
+    int Level() const { return level_; }
+
+private:
+    int level_ = 0;
+};
+
+int DistinctCount(std::vector<int> values) {
+    std::unique(values.begin(), values.end());
+    return static_cast<int>(values.size());
+}
+SOURCE
+out=$("$root/scripts/check-style.sh" "$build" "$results" 2>&1)
+status=$?
+[ "$status" -ne 0 ] || fail "a source that drops results passed"
+grep -q "^results: .*results.cpp:.*'Level'.*nodiscard" <<<"$out" || fail "its unmarked result was not found"
+grep -q "^results: .*results.cpp:13:.*should be used" <<<"$out" || fail "its dropped result was not found"
+
 clean=$work/src/line/clean.cpp
 cat >"$clean" <<'SOURCE'
 #include "line/comm_port.h"

@@ -180,7 +180,7 @@ TEST(ManualTest, TheManualIsWrittenWhereHelpLooksWhenItsStartPageIsMissingAndOnl
 
     // A start page that is there is the user's: nothing is written.
     TempFolder kept;
-    CreateFolder(ManualFolderBelow(kept.Path()));
+    ASSERT_TRUE(CreateFolder(ManualFolderBelow(kept.Path())));
     WriteWholeFile(ManualStartPageBelow(kept.Path()), "my own notes");
     ASSERT_TRUE(InstallManual(kept.Path()));
     EXPECT_EQ(ReadWholeFile(ManualStartPageBelow(kept.Path())), "my own notes");

@@ -70,8 +70,8 @@ void KeepHotFolderFor(const std::string& installation, const std::string& name,
     std::string file = {1, 0};
     file.append(reinterpret_cast<const char*>(&record), sizeof record);
     WriteWholeFile(installation + "/kestrelbound_directory", file);
-    CreateFolder(installation + "/Pick Up");
-    CreateFolder(installation + "/Pick Up/" + name);
+    EXPECT_TRUE(CreateFolder(installation + "/Pick Up"));
+    EXPECT_TRUE(CreateFolder(installation + "/Pick Up/" + name));
 }
 
 // A window process; its standard error is kept, to be shown when it fails.

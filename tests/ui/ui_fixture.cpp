@@ -107,7 +107,7 @@ void UiTest::TearDown() {
     }
     frontEnd_.reset();
     answerer_.reset();
-    ChangeCurrentFolder(previousFolder_);
+    EXPECT_TRUE(ChangeCurrentFolder(previousFolder_));
 }
 
 void UiTest::WaitForStart() {

@@ -142,7 +142,7 @@ private:
         adapter_.Registers[name] = std::to_string(value);
     }
 
-    bool Knows(std::string_view name) const { return FamilyKnows(kind_, name); }
+    [[nodiscard]] bool Knows(std::string_view name) const { return FamilyKnows(kind_, name); }
 
     // One command. False makes the line an ERROR.
     bool Next() {

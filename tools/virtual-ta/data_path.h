@@ -29,13 +29,13 @@ public:
     // port that the adapter has been watching while it was quiet may bring a
     // few bytes more, the headroom that a real adapter keeps when it holds
     // its port back, so that an escape still reaches it on a full line.
-    size_t Free() const { return Used() < limit_ ? limit_ - Used() : 0; }
-    bool HasHeadroom() const { return Used() < capacity_; }
+    [[nodiscard]] size_t Free() const { return Used() < limit_ ? limit_ - Used() : 0; }
+    [[nodiscard]] bool HasHeadroom() const { return Used() < capacity_; }
     // The contiguous free space at the tail; with the line's own room gone,
     // the headroom, if the port has been watched.
     uint8_t* WriteArea(size_t& length, bool watched = false);
     void Commit(size_t count) { tail_ += count; }
-    uint64_t Tail() const { return tail_; }
+    [[nodiscard]] uint64_t Tail() const { return tail_; }
     // Holds back the bytes from position on, until Unhold.
     void Hold(uint64_t position) {
         holding_ = true;
@@ -48,19 +48,19 @@ public:
     // Puts what the bucket allows on the line, and acts the faults whose
     // offsets it passes; those that act are added to acted. False when a drop
     // fault made the line fall: nothing beyond its offset is released.
-    bool Release(uint64_t nowNs, std::vector<const FaultSetting*>& acted);
+    [[nodiscard]] bool Release(uint64_t nowNs, std::vector<const FaultSetting*>& acted);
     // Puts every byte taken in on the line at once, held ones included: what
     // an adapter had taken from its port goes out before its hang-up. False
     // if a drop fault made the line fall on the way.
-    bool ReleaseAll(std::vector<const FaultSetting*>& acted);
+    [[nodiscard]] bool ReleaseAll(std::vector<const FaultSetting*>& acted);
     // When Release can put more on the line; Never if nothing waits for it.
     uint64_t NextReleaseAt(uint64_t nowNs);
 
     // Handing bytes out to the far port: the contiguous run of released bytes.
     const uint8_t* Ready(size_t& length) const;
     void Consume(size_t count) { head_ += count; }
-    size_t ReadyCount() const { return static_cast<size_t>(released_ - head_); }
-    size_t Waiting() const { return static_cast<size_t>(tail_ - head_); }
+    [[nodiscard]] size_t ReadyCount() const { return static_cast<size_t>(released_ - head_); }
+    [[nodiscard]] size_t Waiting() const { return static_cast<size_t>(tail_ - head_); }
 
     // Appends the released bytes to the text and counts them as handed out.
     void TakeReady(std::string& into);
@@ -69,16 +69,16 @@ public:
     void MoveReleased(std::string& into);
 
     // Bytes put on the line so far, and how many of them noise garbled.
-    uint64_t Sent() const { return released_; }
-    uint64_t Garbled() const { return garbled_; }
+    [[nodiscard]] uint64_t Sent() const { return released_; }
+    [[nodiscard]] uint64_t Garbled() const { return garbled_; }
 
 private:
-    bool Put(uint64_t nowNs, std::vector<const FaultSetting*>& acted, bool unpaced);
+    [[nodiscard]] bool Put(uint64_t nowNs, std::vector<const FaultSetting*>& acted, bool unpaced);
     // Garbles the bytes of [released_, released_ + count) that the noise hits.
     void AddNoise(FaultSetting& noise, uint64_t count);
     void AppendRange(uint64_t from, uint64_t to, std::string& into) const;
 
-    size_t Used() const { return static_cast<size_t>(tail_ - head_); }
+    [[nodiscard]] size_t Used() const { return static_cast<size_t>(tail_ - head_); }
 
     std::vector<uint8_t> data_;
     size_t capacity_;  // the line's room and the headroom

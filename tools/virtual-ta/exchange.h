@@ -59,9 +59,13 @@ struct Call {
     uint64_t FarRate = 0;  // the calling process's --rate
     uint64_t DialledAt = 0;
 
-    Adapter* Local() const { return Caller != nullptr ? Caller : Answerer; }
-    const std::string& CallerWho() const { return Caller != nullptr ? Caller->Who : FarWho; }
-    const std::string& AnswererWho() const { return Answerer != nullptr ? Answerer->Who : FarWho; }
+    [[nodiscard]] Adapter* Local() const { return Caller != nullptr ? Caller : Answerer; }
+    [[nodiscard]] const std::string& CallerWho() const {
+        return Caller != nullptr ? Caller->Who : FarWho;
+    }
+    [[nodiscard]] const std::string& AnswererWho() const {
+        return Answerer != nullptr ? Answerer->Who : FarWho;
+    }
     DataPath& From(const Adapter& end) { return &end == Caller ? *Up : *Down; }
     DataPath& To(const Adapter& end) { return &end == Caller ? *Down : *Up; }
     Adapter& Other(const Adapter& end) { return &end == Caller ? *Answerer : *Caller; }
@@ -75,7 +79,7 @@ public:
     Exchange& operator=(const Exchange&) = delete;
 
     // Makes every pseudo-terminal and link. False with a reason.
-    bool Open(std::string& error);
+    [[nodiscard]] bool Open(std::string& error);
     // Removes the links and closes the pseudo-terminals.
     void Close();
 
@@ -90,7 +94,7 @@ public:
 
     // Where --listen took calls: "HOST:PORT" with the port it got; "" when
     // the exchange does not listen.
-    const std::string& ListeningAt() const { return listeningAt_; }
+    [[nodiscard]] const std::string& ListeningAt() const { return listeningAt_; }
 
 private:
     enum class EndReason { HangUp, DtrDrop, LineFell, LinkLost };
@@ -103,7 +107,7 @@ private:
     void RunLine(Adapter& adapter, uint64_t now);
     // Takes one run of data from the port onto the line: its length.
     size_t ReadData(Adapter& adapter, uint64_t now);
-    bool WantsRead(const Adapter& adapter) const;
+    [[nodiscard]] bool WantsRead(const Adapter& adapter) const;
 
     // Writing the ports.
     void Echo(Adapter& adapter, char c);
@@ -142,14 +146,14 @@ private:
                    uint64_t now);
 
     // Calls with other virtual-ta processes (exchange_links.cpp).
-    bool OpenListener(std::string& error);
-    const RouteSetting* FindRoute(const std::string& number) const;
+    [[nodiscard]] bool OpenListener(std::string& error);
+    [[nodiscard]] const RouteSetting* FindRoute(const std::string& number) const;
     void DialAway(Call& call, const RouteSetting& route, const std::string& second, uint64_t now);
     void CallFromAway(Link& link, std::string_view setup, uint64_t now);
     void ConnectedAway(Call& call, std::string_view message, uint64_t now);
     void FailAway(Call& call, const char* result, uint64_t now);
     void HandleMessages(Link& link, uint64_t now);
-    bool TakeData(Call& call, Link& link, std::string_view payload, uint64_t now);
+    [[nodiscard]] bool TakeData(Call& call, Link& link, std::string_view payload, uint64_t now);
     void Forward(Call& call, bool everything);
     void Detach(Call& call, bool release);
     void LinkLost(Link& link, uint64_t now);
@@ -157,8 +161,8 @@ private:
     void CollectLinks(std::vector<pollfd>& entries, uint64_t now);
     void HandleLinks(const pollfd* entries, uint64_t now);
     void AcceptCalls(uint64_t now);
-    size_t LinksAwaitingSetup() const;
-    bool DropLinkAwaitingSetup(uint64_t now);
+    [[nodiscard]] size_t LinksAwaitingSetup() const;
+    [[nodiscard]] bool DropLinkAwaitingSetup(uint64_t now);
     void SweepLinks();
 
     Options options_;

@@ -36,7 +36,7 @@ using Settings = std::map<std::string, std::string>;
 // Settings at power-on and after ATZ.
 void DefaultSettings(FamilyKind kind, Settings& settings);
 // Loads factory profile n ("AT&Fn"). False if the family has no such profile.
-bool FactoryProfile(FamilyKind kind, int n, Settings& settings);
+[[nodiscard]] bool FactoryProfile(FamilyKind kind, int n, Settings& settings);
 
 // True if the family knows a command of this name. Names are as in Settings,
 // without the register number: "E", "S", "&D", "\Q", "%A", "@P", "!N", "$B".

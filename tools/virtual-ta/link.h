@@ -53,12 +53,12 @@ struct Link {
     uint64_t CloseBy = Never;  // a closing link whose peer does not close is cut
     bool Gone = false;         // closed; removed at the next sweep
 
-    size_t PendingOut() const { return Out.size() - OutHead; }
+    [[nodiscard]] size_t PendingOut() const { return Out.size() - OutHead; }
     // A connection from away that has not set up a call yet.
-    bool AwaitingSetup() const {
+    [[nodiscard]] bool AwaitingSetup() const {
         return SetupBy != Never && InCall == nullptr && !Closing && !Gone;
     }
-    size_t PendingIn() const { return In.size() - InHead; }
+    [[nodiscard]] size_t PendingIn() const { return In.size() - InHead; }
     void Queue(LinkMessage type, std::string_view payload);
     // The whole message at InHead, if it has come.
     bool Peek(LinkMessage& type, std::string_view& payload) const;

@@ -73,7 +73,7 @@ struct Adapter {
     int EscapeCount = 0;  // escape characters held at the end of the line, 0 when none
     uint64_t EscapeDeadline = Never;
 
-    size_t PendingOut() const { return Out.size() - OutHead; }
+    [[nodiscard]] size_t PendingOut() const { return Out.size() - OutHead; }
     int Setting(const char* name) const;
 };
 

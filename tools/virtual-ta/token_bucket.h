@@ -9,7 +9,7 @@ class TokenBucket {
 public:
     // A bucket for bytesPerSecond; 0 makes it unlimited.
     void Start(uint64_t bytesPerSecond, uint64_t nowNs);
-    bool Unlimited() const { return rate_ == 0; }
+    [[nodiscard]] bool Unlimited() const { return rate_ == 0; }
     // Whole bytes that may go now.
     uint64_t Available(uint64_t nowNs);
     // Spends tokens for count bytes; count must not exceed Available.
