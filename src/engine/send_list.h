@@ -1,10 +1,10 @@
 // The files to send, with their count and the wire bytes still to send.
 //
 // The window fills the list and the engine's threads empty it, entry by entry,
-// as each file is through; before this class both wrote the count and the
-// total by hand, each with its own copy of the sums. Now every change of the
-// count and the total is made here: the window asks the list to add, remove
-// and clear, and reads it back for its rows and figures.
+// as each file is through. So that the two never keep sums of their own that
+// drift apart, every change of the count and the total is made here: the
+// window asks the list to add, remove and clear, and reads it back for its
+// rows and figures.
 //
 // The count and the total are atomic: the feeder books each block against the
 // total and the communications thread drops finished entries while the window
