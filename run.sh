@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds Kestrelbound, and runs it on two virtual
 # terminal adapters: Alice and Bob, each in a folder of its own under demo/
-# with an adapter of a different family on COM1, Alice's directory holding
-# Bob, and a folder of sample pictures beside them.
+# with an adapter of a different family on COM1, and a folder of sample
+# pictures beside them.
 #
-# With a display, the two windows open and you send from one to the other
-# yourself. Without one, the demonstration runs by itself: Alice calls Bob
+# With a display, each directory holds the other station, the two windows
+# open and you send from one to the other yourself. Without one, the demonstration runs by itself: Alice calls Bob
 # and sends him the samples, both logs scroll by, every file that arrived is
 # compared with its original, and pictures of both windows are written into
 # demo/ (Qt's offscreen platform) and named.
