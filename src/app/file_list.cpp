@@ -41,15 +41,8 @@ constexpr int FileListControls[] = {IDC_LABEL_FILE_LIST, IDC_FILE_LIST,  IDC_FIL
 }  // namespace
 
 std::string FileNameOfPath(const std::string& path) {
-    const std::string whole = WithoutTrailingSlash(path);
-    const size_t slash = whole.rfind('/');
-    if (slash == std::string::npos) {
-        return whole;
-    }
-    if (whole.size() == 1) {
-        return "";
-    }
-    return whole.substr(slash + 1);
+    // "/" itself has no name.
+    return NameOfPath(WithoutTrailingSlash(path));
 }
 
 // The name announced and shown for a file, at most 31 bytes. A longer name

@@ -124,11 +124,8 @@ void EnsureSentFilesFolder(int16_t index) {
 void MoveToSentFiles(const std::string& path) {
     // The file keeps its own name: the name it was announced under may be
     // shortened, and two long names can shorten alike.
-    const size_t slash = path.rfind('/');
-    const std::string folder =
-        slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
-    const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
-    const std::string target = folder + "Sent Files/" + name;
+    const std::string name = NameOfPath(path);
+    const std::string target = path.substr(0, path.size() - name.size()) + "Sent Files/" + name;
     if (MoveFileNoReplace(path, target)) {
         return;
     }

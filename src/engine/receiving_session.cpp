@@ -138,13 +138,6 @@ std::string FreeName(const std::string& folder, const std::string& name,
     return {};
 }
 
-// The folder part of a path, without its last "/".
-std::string FolderOf(std::string_view path) {
-    const size_t slash = path.rfind('/');
-    return std::string(slash == std::string_view::npos ? std::string_view()
-                                                       : path.substr(0, slash));
-}
-
 // The folder that a list opening with a marker gets: the plain name, or the
 // first of -A to -Z that is free. Empty if none is.
 std::string FreeFolderName(const std::string& name) {
@@ -467,7 +460,7 @@ bool BeginReceivedFile(FileEntry& entry) {
 
 bool PublishReceivedFile(FileEntry& entry) {
     const std::string part(entry.FilePath.View());
-    const std::string folder = FolderOf(part);
+    const std::string folder = FolderOfPath(part);
     const std::string planned(entry.DisplayName.View());
     // The name planned at admission, or, if something has taken it while the
     // file was on its way, the first of the announced name and its suffixes

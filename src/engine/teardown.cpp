@@ -28,13 +28,11 @@
 
 namespace {
 
-constexpr int16_t EscapeReplyLimitMs = 2250;
 // How long bytes just written may take to leave the port for the adapter
 // before a hang-up counts them as stuck: far longer than any port needs for
 // a token, far shorter than the pause of the escape.
 constexpr uint32_t OutputGraceMs = 200;
 constexpr int16_t HangUpLineLimitMs = 1000;
-constexpr uint32_t HangUpReplyMs = 1000;
 constexpr int16_t StallBodyLimitMs = 200;
 constexpr int16_t StallTailLimitMs = 100;
 constexpr uint32_t StallTailBytes = 12;
@@ -162,7 +160,7 @@ bool HangUp() {
                 return true;
             }
         }
-    } while (NowMs() - t0 < HangUpReplyMs);
+    } while (NowMs() - t0 < static_cast<uint32_t>(HangUpReplyLimitMs));
     return HangUpFailed();
 }
 

@@ -37,10 +37,6 @@ bool PollingAfterConversations = false;
 constexpr int LastSearchedPort = 4;
 constexpr uint32_t SearchSpeed = 9600;
 constexpr uint32_t TopSpeed = 230400;
-// The adapter's answers to the escape and to its hang-up, with the limits of
-// a hang-up in a call.
-constexpr int16_t EscapeReplyLimitMs = 2250;
-constexpr int16_t HangUpReplyLimitMs = 1000;
 
 // How the adapter on a port answered.
 enum class PortAnswer {

@@ -7,6 +7,11 @@
 
 #include "line/adapter_family.h"
 
+// The longest an adapter takes to answer the escape "+++" with OK, and to
+// answer its hang-up, ATH; in a call the answers come behind the call's data.
+inline constexpr int16_t EscapeReplyLimitMs = 2250;
+inline constexpr int16_t HangUpReplyLimitMs = 1000;
+
 // The message of a search that found nothing, and of an adapter that stopped
 // answering before its speed was tested.
 inline constexpr const char* NoAdapterMessage =

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 class File {
@@ -63,6 +64,10 @@ private:
 [[nodiscard]] bool MoveFileNoReplace(const std::string& from, const std::string& to);
 // Deletes a file. False if it is missing or cannot be deleted.
 [[nodiscard]] bool DeleteFileAt(const std::string& path);
+// The parts of a path around its last "/": the folder before it, and the
+// name behind it; a path without "/" is all name, in no folder.
+[[nodiscard]] std::string FolderOfPath(std::string_view path);
+[[nodiscard]] std::string NameOfPath(std::string_view path);
 // True if a file or folder exists at the path.
 [[nodiscard]] bool PathExists(const std::string& path);
 // True if a folder exists at the path.
