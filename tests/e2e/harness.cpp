@@ -165,7 +165,8 @@ int Station::Stop(int signal, std::chrono::milliseconds limit) {
 
 std::unique_ptr<Station> WaitingStation(const std::string& folder) {
     auto station = std::make_unique<Station>(folder);
-    EXPECT_TRUE(station->WaitForLog("Initializing Incoming")) << folder;
+    EXPECT_TRUE(station->WaitForLog("Initializing Incoming")) << folder << ":\n"
+                                                              << station->LogText();
     return station;
 }
 
