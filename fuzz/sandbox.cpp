@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <set>
 #include <thread>
 
@@ -20,9 +21,7 @@
 #include "platform/clock_test_hooks.h"
 #include "platform/files.h"
 #include "platform/pseudo_terminal.h"
-#include "stores/paths.h"
-#include "stores/preferences.h"
-#include "stores/status_log.h"
+#include "stores/installation.h"
 
 namespace fs = std::filesystem;
 
@@ -35,6 +34,9 @@ PseudoTerminal Terminal;
 std::string Base;  // the sandbox; the installation is base + "/inst"
 std::string Root;
 std::set<std::string> Known;
+// Made once, with the sandbox, and kept to the end: the engine and the line
+// serve it for every input.
+std::unique_ptr<Installation> Inst;
 
 void Fail(const std::string& what) {
     std::fprintf(stderr, "sandbox: %s\n", what.c_str());
@@ -65,9 +67,10 @@ void SetUpSandbox() {
     Root = Base + "/inst";
     fs::create_directory(Root);
     fs::create_symlink(Terminal.SlavePath, Root + "/COM1");
-    SetLogLineSink([](const std::string&) {});
-    BuildPaths(Root);
-    if (!CreateFolder(IncomingPath)) {
+    Inst = std::make_unique<Installation>(Root);
+    LineStores = Inst.get();
+    Inst->Log.SetSink([](const std::string&) {});
+    if (!CreateFolder(Inst->Paths.IncomingPath)) {
         Fail("cannot make the incoming folder");
     }
     if (!CommPortCreate()) {
@@ -81,8 +84,8 @@ void SetUpSandbox() {
     if (CommPortOpen() == 0 || EnableHardwareHandshake() != 1) {
         Fail("the port does not open");
     }
-    ThePreferences.AdapterModel = ModelBitSURFR;
-    EngineStartup();
+    Inst->Prefs.AdapterModel = ModelBitSURFR;
+    EngineStartup(*Inst);
     TheMainWindow = &Window;
     AdapterFound = 1;
     SetFreeSpaceQuery([] { return uint64_t{1} << 40; });
@@ -93,7 +96,7 @@ void SetUpSandbox() {
     }
     // The installation's record of a file kept for a resume, which the
     // receiving side writes beside the stores.
-    Known.insert(ResumeRecordPath());
+    Known.insert(Inst->Paths.ResumeRecordPath);
 }
 
 std::string PlaceSourceFile(const std::string& name, const std::string& bytes) {
@@ -205,13 +208,13 @@ void DiscardPortInput() {
 }
 
 void CheckAndEmptySandbox() {
-    const std::string incoming = IncomingPath + "/";
+    const std::string incoming = Inst->Paths.IncomingPath + "/";
     for (const auto& item : fs::recursive_directory_iterator(Base)) {
         const std::string path = item.path().string();
         if (path.rfind(incoming, 0) != 0 && Known.count(path) == 0) {
             Fail("written outside the receive folder: " + path);
         }
     }
-    fs::remove_all(IncomingPath);
-    fs::create_directory(IncomingPath);
+    fs::remove_all(Inst->Paths.IncomingPath);
+    fs::create_directory(Inst->Paths.IncomingPath);
 }

@@ -33,7 +33,6 @@
 #include "platform/clock.h"
 #include "platform/files.h"
 #include "sandbox.h"
-#include "stores/paths.h"
 
 namespace {
 
@@ -42,7 +41,7 @@ constexpr int StepLimit = 64;
 // A file of two sections, the first of which had arrived when the former
 // call fell.
 void LeaveAResumableFile() {
-    const std::string path = IncomingPath + "/resume.bin";
+    const std::string path = Stores().Paths.IncomingPath + "/resume.bin";
     const std::string bytes(SectionFileOffset(BlocksPerSection), 'r');
     File file;
     if (!file.Open(path, File::Mode::CreateReadWrite) ||

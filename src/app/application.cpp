@@ -1,26 +1,24 @@
 #include "app/application.h"
 
 #include "engine/transfer_engine.h"
+#include "line/adapter.h"
 #include "line/comm_port.h"
 #include "platform/event_loop.h"
 #include "platform/files.h"
 #include "platform/message_box.h"
-#include "stores/directory.h"
-#include "stores/paths.h"
-#include "stores/preferences.h"
-#include "stores/status_log.h"
+#include "stores/installation.h"
 
 namespace {
 
 // On every start but the first the folders are there already, so a failure
 // to make them says nothing; the file operations that need them fail by
 // themselves if they are truly missing.
-void EnsureIncomingFolder() {
-    static_cast<void>(CreateFolder(IncomingPath));
+void EnsureIncomingFolder(const StorePaths& paths) {
+    static_cast<void>(CreateFolder(paths.IncomingPath));
 }
 
-void EnsurePickUpRoot() {
-    static_cast<void>(CreateFolder(PickUpPath));
+void EnsurePickUpRoot(const StorePaths& paths) {
+    static_cast<void>(CreateFolder(paths.PickUpPath));
 }
 
 }  // namespace
@@ -36,22 +34,20 @@ std::string ManualFolderBelow(const std::string& root) {
 }
 
 bool TransferApp::InitInstance() {
-    MainWindow window;
-    if (PrepareWindow) {
-        PrepareWindow(window);
-    }
-
     const std::string root = CurrentFolder();
     if (root.empty()) {
         ShowMessageBox("Failed to resolve Current Directory");
     }
-    BuildPaths(root);
+    Installation stores(root);
+    LineStores = &stores;
+    MainWindow window(stores);
+    if (PrepareWindow) {
+        PrepareWindow(window);
+    }
     // A loader that fails has told the user so itself; the program runs on.
-    LoadPreferences();
-    LoadDirectory();
-    LoadStatusLog();
-    EnsureIncomingFolder();
-    EnsurePickUpRoot();
+    stores.Load();
+    EnsureIncomingFolder(stores.Paths);
+    EnsurePickUpRoot(stores.Paths);
 
     window.OnInitDialog();
     MainLoop().Run();
@@ -64,6 +60,7 @@ bool TransferApp::InitInstance() {
     if (window.EngineStarted()) {
         EngineShutdown();
     }
-    FreeStatusLog();
+    stores.Log.Free();
+    LineStores = nullptr;
     return false;
 }

@@ -8,15 +8,13 @@
 #include "platform/key_state.h"
 #include "platform/message_box.h"
 #include "resources/resource.h"
-#include "stores/directory.h"
-#include "stores/paths.h"
-#include "stores/preferences.h"
+#include "stores/installation.h"
 
 namespace {
 
 // The preferences' field that holds the program of a button.
-auto& ProgramField(bool first) {
-    return first ? ThePreferences.ExternalProgramA : ThePreferences.ExternalProgramB;
+auto& ProgramField(Preferences& prefs, bool first) {
+    return first ? prefs.ExternalProgramA : prefs.ExternalProgramB;
 }
 
 constexpr int DesktopControls[] = {IDC_OPEN_INCOMING, IDC_PROGRAM_1, IDC_PROGRAM_2, IDC_HELP,
@@ -48,11 +46,11 @@ EventOutcome DesktopButtons::OnButton(int id) {
 }
 
 void DesktopButtons::OnOpenIncoming() {
-    TheDesktop().ShowFolder(IncomingPath);
+    TheDesktop().ShowFolder(stores_.Paths.IncomingPath);
 }
 
 void DesktopButtons::OnHelp() {
-    if (TheDesktop().OpenInBrowser(HelpPath)) {
+    if (TheDesktop().OpenInBrowser(stores_.Paths.HelpPath)) {
         TheDesktop().ActivateBrowser();
         return;
     }
@@ -68,7 +66,7 @@ void DesktopButtons::OnProgramB() {
 }
 
 void DesktopButtons::OnProgram(ProgramButton which) {
-    auto& field = ProgramField(which == ProgramButton::A);
+    auto& field = ProgramField(stores_.Prefs, which == ProgramButton::A);
     const std::string program = FieldText(field);
     if (!program.empty() && !KeyIsDown(Key::Shift)) {
         TheDesktop().StartProgram(program);
@@ -79,7 +77,7 @@ void DesktopButtons::OnProgram(ProgramButton which) {
 }
 
 void DesktopButtons::PickExternalProgram(ProgramButton which) {
-    auto& field = ProgramField(which == ProgramButton::A);
+    auto& field = ProgramField(stores_.Prefs, which == ProgramButton::A);
     FileDialogRequest request;
     // Linux programs carry no extension of their own to filter by.
     request.Filter = AllFilesFilter;

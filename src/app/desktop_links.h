@@ -5,8 +5,12 @@
 
 #include "app/window_panel.h"
 
+class Installation;
+
 class DesktopButtons final : public WindowPanel {
 public:
+    explicit DesktopButtons(Installation& stores) : stores_(stores) {}
+
     [[nodiscard]] std::span<const int> ControlIds() const override;
     EventOutcome OnButton(int id) override;
 
@@ -18,6 +22,7 @@ public:
     void OnProgramB();
 
 private:
+    Installation& stores_;
     // The program buttons share their rule; which names the preferences'
     // field that holds the program.
     enum class ProgramButton { A, B };

@@ -18,11 +18,8 @@
 #include "platform/key_state.h"
 #include "platform/message_box.h"
 #include "resources/resource.h"
-#include "stores/directory.h"
 #include "stores/folder_tree.h"
-#include "stores/paths.h"
-#include "stores/preferences.h"
-#include "stores/status_log.h"
+#include "stores/installation.h"
 
 namespace {
 
@@ -84,10 +81,10 @@ constexpr const char* PickUpFolderRefusal =
     "Could not create a new pick up directory for this correspondent.\r  Please check to see "
     "that you do not already have a directory\r in your Pick Up folder by this name.";
 
-bool NameInDirectory(const std::string& name) {
-    const int16_t count = DirectoryCount.load();
+bool NameInDirectory(const CorrespondentDirectory& directory, const std::string& name) {
+    const int16_t count = directory.Count.load();
     for (int16_t i = 0; i < count; ++i) {
-        if (FieldText(Directory[i].FirmName) == name) {
+        if (FieldText(directory[i].FirmName) == name) {
             return true;
         }
     }
@@ -176,7 +173,7 @@ EventOutcome DirectoryPanel::OnBoxClicked(int id, bool checked) {
             break;
         case IDC_IGNORE_HOT:
             // Takes effect at the next tick of the hot folder timer.
-            ThePreferences.IgnoreHotFolders = checked ? 1 : 0;
+            stores_.Prefs.IgnoreHotFolders = checked ? 1 : 0;
             break;
         default:
             break;
@@ -201,7 +198,7 @@ void DirectoryPanel::OfferAdapter(const std::vector<std::string>& protocolsNotOf
     }
     controls.Select(IDC_PROTOCOL, 0);
     controls.Select(IDC_CARRIER, 0);
-    controls.Check(IDC_IGNORE_HOT, ThePreferences.IgnoreHotFolders != 0);
+    controls.Check(IDC_IGNORE_HOT, stores_.Prefs.IgnoreHotFolders != 0);
 }
 
 // AIMUX always takes two channels. With no row selected, which is the case
@@ -231,9 +228,11 @@ void DirectoryPanel::OnDropFiles(const std::vector<std::string>& paths) {
 void DirectoryPanel::FillDirectoryList() {
     ControlModel& controls = Controls();
     controls.ClearRows(IDC_DIRECTORY_LIST);
-    const int16_t count = std::clamp<int16_t>(DirectoryCount.load(), 0, DirectoryMaxRecords);
+    const int16_t count =
+        std::clamp<int16_t>(stores_.Directory.Count.load(), 0, DirectoryMaxRecords);
     for (int16_t i = 0; i < count; ++i) {
-        controls.AddRow(IDC_DIRECTORY_LIST, ListRow{FieldText(Directory[i].FirmName), "", 0});
+        controls.AddRow(IDC_DIRECTORY_LIST,
+                        ListRow{FieldText(stores_.Directory[i].FirmName), "", 0});
     }
 }
 
@@ -242,7 +241,7 @@ void DirectoryPanel::ShowCorrespondent(int16_t index) {
         return;
     }
     ControlModel& controls = Controls();
-    Correspondent& record = Directory[index];
+    Correspondent& record = stores_.Directory[index];
     controls.Select(IDC_FORM, 0);
     ShowForm(true);
     controls.SetText(IDC_NAME, FieldText(record.FirmName));
@@ -290,7 +289,7 @@ void DirectoryPanel::ReadCorrespondentForm(int16_t index) {
         return;
     }
     ControlModel& controls = Controls();
-    Correspondent& record = Directory[index];
+    Correspondent& record = stores_.Directory[index];
     if (controls.Selection(IDC_FORM) == 1) {
         SetFieldText(record.ContactName, controls.Text(IDC_NAME));
         SetFieldText(record.ContactPhone, controls.Text(IDC_NUMBER));
@@ -309,9 +308,9 @@ void DirectoryPanel::ReadCorrespondentForm(int16_t index) {
 }
 
 void DirectoryPanel::ShowMarkedRecord() {
-    const int16_t count = DirectoryCount.load();
+    const int16_t count = stores_.Directory.Count.load();
     for (int16_t i = 0; i < count; ++i) {
-        if (Directory[i].SelectMark != 0) {
+        if (stores_.Directory[i].SelectMark != 0) {
             Controls().Select(IDC_DIRECTORY_LIST, i);
             currentEntry_.store(i);
             ShowCorrespondent(i);
@@ -322,7 +321,7 @@ void DirectoryPanel::ShowMarkedRecord() {
 
 void DirectoryPanel::OnDirectorySelect() {
     const int row = Controls().Selection(IDC_DIRECTORY_LIST);
-    if (row < 0 || row >= DirectoryCount.load()) {
+    if (row < 0 || row >= stores_.Directory.Count.load()) {
         return;
     }
     currentEntry_.store(static_cast<int16_t>(row));
@@ -335,7 +334,7 @@ void DirectoryPanel::OnDirectorySelect() {
 }
 
 void DirectoryPanel::OnDirectoryAdd() {
-    const int16_t count = DirectoryCount.load();
+    const int16_t count = stores_.Directory.Count.load();
     if (count >= DirectoryMaxRecords) {
         ShowMessageBox(
             "Directory already has 128 entries.\r  Please delete an entry before adding a new "
@@ -343,15 +342,15 @@ void DirectoryPanel::OnDirectoryAdd() {
         return;
     }
     ReadCorrespondentForm(count);
-    DirectoryCount.store(static_cast<int16_t>(count + 1));
+    stores_.Directory.Count.store(static_cast<int16_t>(count + 1));
     for (int16_t i = 0; i <= count; ++i) {
-        Directory[i].SelectMark = 0;
+        stores_.Directory[i].SelectMark = 0;
     }
-    Directory[count].SelectMark = 1;
-    Directory[count].HasPickUp = 0;
-    SortDirectory();
+    stores_.Directory[count].SelectMark = 1;
+    stores_.Directory[count].HasPickUp = 0;
+    SortDirectory(stores_.Directory);
     FillDirectoryList();
-    SaveDirectory();
+    SaveDirectory(stores_.Directory, stores_.Paths.DirectoryPath);
     ShowMarkedRecord();
     // A new record has no pick-up folder until the user makes one.
     Controls().Show(IDC_MAKE_FOLDER, true);
@@ -361,54 +360,54 @@ void DirectoryPanel::OnDirectoryAdd() {
 
 void DirectoryPanel::OnDirectoryChange() {
     const int16_t current = currentEntry_.load();
-    const int16_t count = DirectoryCount.load();
+    const int16_t count = stores_.Directory.Count.load();
     if (current < 0 || current >= count) {
         return;
     }
     ControlModel& controls = Controls();
-    Correspondent& record = Directory[current];
+    Correspondent& record = stores_.Directory[current];
     const std::string newName = controls.Text(IDC_NAME).substr(0, FirmNameMaxLength);
     if (record.HasPickUp != 0 && controls.Selection(IDC_FORM) == 0 &&
         newName != FieldText(record.FirmName)) {
         // The folder follows the name; a rename that fails shows later as a
         // folder that has gone. A name that cannot be a folder never becomes
         // a path, so the folder stays where it is and the record loses it.
-        const std::string folder = PickUpFolderOf(record);
+        const std::string folder = PickUpFolderOf(stores_.Paths.PickUpPath, record);
         if (!folder.empty() && NameCanBeFolder(newName)) {
-            static_cast<void>(RenamePath(folder, PickUpPath + "/" + newName));
+            static_cast<void>(RenamePath(folder, stores_.Paths.PickUpPath + "/" + newName));
         }
     }
     for (int16_t i = 0; i < count; ++i) {
-        Directory[i].SelectMark = 0;
+        stores_.Directory[i].SelectMark = 0;
     }
     record.SelectMark = 1;
     ReadCorrespondentForm(current);
-    SortDirectory();
+    SortDirectory(stores_.Directory);
     FillDirectoryList();
-    SaveDirectory();
+    SaveDirectory(stores_.Directory, stores_.Paths.DirectoryPath);
     ShowMarkedRecord();
 }
 
 void DirectoryPanel::OnDirectoryDelete() {
     const int16_t current = currentEntry_.load();
-    const int16_t count = DirectoryCount.load();
+    const int16_t count = stores_.Directory.Count.load();
     if (current < 0 || current >= count) {
         return;
     }
-    const Correspondent& record = Directory[current];
+    const Correspondent& record = stores_.Directory[current];
     // A folder that still holds anything keeps its record alive. A name that
     // cannot be a folder has none to remove.
-    const std::string folder = PickUpFolderOf(record);
+    const std::string folder = PickUpFolderOf(stores_.Paths.PickUpPath, record);
     if (record.HasPickUp != 0 && !folder.empty() && !RemoveFolder(folder)) {
         return;
     }
     // The zero slot behind the last record moves down with the others.
     for (int16_t i = current; i < count; ++i) {
-        Directory[i] = Directory[i + 1];
+        stores_.Directory[i] = stores_.Directory[i + 1];
     }
-    DirectoryCount.store(static_cast<int16_t>(count - 1));
-    SortDirectory();
-    SaveDirectory();
+    stores_.Directory.Count.store(static_cast<int16_t>(count - 1));
+    SortDirectory(stores_.Directory);
+    SaveDirectory(stores_.Directory, stores_.Paths.DirectoryPath);
     FillDirectoryList();
     currentEntry_.store(-1);
     OnDirectoryNew();
@@ -439,11 +438,11 @@ void DirectoryPanel::OnDirectoryNew() {
 
 void DirectoryPanel::OnFormChange() {
     const int16_t current = currentEntry_.load();
-    if (current < 0 || current >= DirectoryCount.load()) {
+    if (current < 0 || current >= stores_.Directory.Count.load()) {
         return;
     }
     ControlModel& controls = Controls();
-    const Correspondent& record = Directory[current];
+    const Correspondent& record = stores_.Directory[current];
     const bool firm = controls.Selection(IDC_FORM) != 1;
     controls.SetText(IDC_NAME, firm ? FieldText(record.FirmName) : FieldText(record.ContactName));
     controls.SetText(IDC_NUMBER,
@@ -466,7 +465,7 @@ void DirectoryPanel::OnEntryEdited() {
 }
 
 bool DirectoryPanel::ImportDirectoryEntry(const std::string& path, EntrySource source) {
-    const int16_t count = DirectoryCount.load();
+    const int16_t count = stores_.Directory.Count.load();
     if (count >= DirectoryMaxRecords) {
         ShowMessageBox(
             "Your directory is full.\r Please delete an entry before adding a new entry.");
@@ -497,38 +496,38 @@ bool DirectoryPanel::ImportDirectoryEntry(const std::string& path, EntrySource s
     // The name is also a folder name, and comes from someone else.
     const std::string name = FieldText(record.FirmName);
     if (!NameCanBeFolder(name)) {
-        ::AddLogLine("Directory Entry Not Added: its name cannot name a folder.");
+        stores_.Log.Add("Directory Entry Not Added: its name cannot name a folder.");
         return false;
     }
     // A caller must not take over the record, and with it the pick-up
     // folder, of someone this end knows already.
-    if (source == EntrySource::Received && NameInDirectory(name)) {
-        ::AddLogLine("Directory Entry Not Added: " + name + " is in the directory already.");
+    if (source == EntrySource::Received && NameInDirectory(stores_.Directory, name)) {
+        stores_.Log.Add("Directory Entry Not Added: " + name + " is in the directory already.");
         return false;
     }
-    Directory[count] = record;
+    stores_.Directory[count] = record;
     // The record has a pick-up folder only if one was made for it now: a
     // folder that was there before belongs to somebody else.
     if (record.HasPickUp != 0) {
-        Directory[count].HasPickUp = 0;
+        stores_.Directory[count].HasPickUp = 0;
         CreatePickUpFolder(count);
     }
     for (int16_t i = 0; i < count; ++i) {
-        Directory[i].SelectMark = 0;
+        stores_.Directory[i].SelectMark = 0;
     }
-    Directory[count].SelectMark = 1;
-    DirectoryCount.store(static_cast<int16_t>(count + 1));
-    SortDirectory();
-    SaveDirectory();
+    stores_.Directory[count].SelectMark = 1;
+    stores_.Directory.Count.store(static_cast<int16_t>(count + 1));
+    SortDirectory(stores_.Directory);
+    SaveDirectory(stores_.Directory, stores_.Paths.DirectoryPath);
     FillDirectoryList();
     for (int16_t i = 0; i <= count; ++i) {
-        if (Directory[i].SelectMark != 0) {
+        if (stores_.Directory[i].SelectMark != 0) {
             Controls().Select(IDC_DIRECTORY_LIST, i);
             break;
         }
     }
     OnDirectorySelect();
-    ::AddLogLine("Directory Entry Added");
+    stores_.Log.Add("Directory Entry Added");
     return true;
 }
 
@@ -536,16 +535,16 @@ bool DirectoryPanel::CreatePickUpFolder(int16_t index) {
     if (!InRange(index)) {
         return false;
     }
-    const std::string folder = PickUpFolderOf(Directory[index]);
+    const std::string folder = PickUpFolderOf(stores_.Paths.PickUpPath, stores_.Directory[index]);
     if (folder.empty() || !CreateFolder(folder)) {
         ShowMessageBox(PickUpFolderRefusal);
         return false;
     }
-    Directory[index].HasPickUp = 1;
+    stores_.Directory[index].HasPickUp = 1;
     Controls().Show(IDC_MAKE_FOLDER, false);
     Controls().Show(IDC_FOLDER_EMPTY, true);
     Controls().Show(IDC_FOLDER_FILLED, false);
-    SaveDirectory();
+    SaveDirectory(stores_.Directory, stores_.Paths.DirectoryPath);
     return true;
 }
 
@@ -565,14 +564,14 @@ void DirectoryPanel::OnCreatePickUpFolder() {
 void DirectoryPanel::OpenFolderInShell() {
     // With Ctrl held, the folder of all pick-up folders.
     if (KeyIsDown(Key::Control)) {
-        TheDesktop().ShowFolder(PickUpPath);
+        TheDesktop().ShowFolder(stores_.Paths.PickUpPath);
         return;
     }
     const int16_t current = currentEntry_.load();
-    if (current < 0 || current >= DirectoryCount.load()) {
+    if (current < 0 || current >= stores_.Directory.Count.load()) {
         return;
     }
-    const std::string folder = PickUpFolderOf(Directory[current]);
+    const std::string folder = PickUpFolderOf(stores_.Paths.PickUpPath, stores_.Directory[current]);
     if (!folder.empty()) {
         TheDesktop().ShowFolder(folder);
     }
@@ -590,10 +589,10 @@ void DirectoryPanel::SelectRetrieveMode() {
 
 EventOutcome DirectoryPanel::OnExportEntry() {
     const int16_t current = currentEntry_.load();
-    if (current < 0 || current >= DirectoryCount.load()) {
+    if (current < 0 || current >= stores_.Directory.Count.load()) {
         return EventOutcome{false, "no correspondent is on show"};
     }
-    Correspondent exported = Directory[current];
+    Correspondent exported = stores_.Directory[current];
     exported.Protocol = static_cast<int32_t>(Swapped(exported.Protocol + 1));
     exported.Carrier = static_cast<int32_t>(Swapped(exported.Carrier + 1));
     std::memcpy(exported.EntryMagic, ExportedEntryMagic, 4);

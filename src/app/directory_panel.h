@@ -10,6 +10,7 @@
 
 #include "app/window_panel.h"
 
+class Installation;
 class MainWindow;
 
 // The outgoing line that the form sets up, as the estimate of a batch's time
@@ -21,7 +22,7 @@ struct OutgoingLine {
 
 class DirectoryPanel final : public WindowPanel {
 public:
-    explicit DirectoryPanel(MainWindow& window) : window_(window) {}
+    DirectoryPanel(MainWindow& window, Installation& stores) : window_(window), stores_(stores) {}
 
     [[nodiscard]] std::span<const int> ControlIds() const override;
     EventOutcome OnButton(int id) override;
@@ -74,5 +75,6 @@ private:
     void ShowMarkedRecord();
 
     MainWindow& window_;
+    Installation& stores_;
     std::atomic<int16_t> currentEntry_{-1};
 };

@@ -14,7 +14,7 @@
 #include "platform/files.h"
 #include "platform/message_box.h"
 #include "resources/resource.h"
-#include "stores/status_log.h"
+#include "stores/installation.h"
 
 namespace {
 
@@ -118,11 +118,11 @@ bool FileListPanel::AddFileToList(const std::string& path, const std::string& na
     // SendList has ListCapacity slots and the wire list no more; an entry
     // beyond them is refused, and the user is told in the log.
     if (list.IsFull()) {
-        ::AddLogLine("File list is full: " + name + " was not added.");
+        stores_.Log.Add("File list is full: " + name + " was not added.");
         return false;
     }
     if (path.size() > PathMaxLength) {
-        ::AddLogLine("Path too long: " + name + " was not added.");
+        stores_.Log.Add("Path too long: " + name + " was not added.");
         return false;
     }
     File file;
@@ -135,7 +135,7 @@ bool FileListPanel::AddFileToList(const std::string& path, const std::string& na
     // The sending side's block counters cannot count a longer file; it is
     // refused here, before any call, and never fails in the middle of one.
     if (length < 0 || !FileSizeCanBeSent(static_cast<uint64_t>(length))) {
-        ::AddLogLine("File too large to send: " + name);
+        stores_.Log.Add("File too large to send: " + name);
         return false;
     }
     const uint64_t dataLength = DataLengthForSize(static_cast<uint64_t>(length));
@@ -195,8 +195,8 @@ void FileListPanel::AddFolderToSendList(const std::string& path, const std::stri
     const std::string base = folder == "/" ? folder : folder + "/";
     for (size_t i = 0; i < files.size(); ++i) {
         if (TheEngine.SendList.IsFull()) {
-            ::AddLogLine("File list is full: " + std::to_string(files.size() - i) + " files of " +
-                         name + " were not added.");
+            stores_.Log.Add("File list is full: " + std::to_string(files.size() - i) +
+                            " files of " + name + " were not added.");
             break;
         }
         // Files of length 0 are taken too, unlike in a drop.

@@ -11,12 +11,13 @@
 
 #include "app/window_panel.h"
 
+class Installation;
 class MainWindow;
 struct Permissions;
 
 class FileListPanel final : public WindowPanel {
 public:
-    explicit FileListPanel(MainWindow& window) : window_(window) {}
+    FileListPanel(MainWindow& window, Installation& stores) : window_(window), stores_(stores) {}
 
     [[nodiscard]] std::span<const int> ControlIds() const override;
     EventOutcome OnButton(int id) override;
@@ -47,5 +48,6 @@ public:
 
 private:
     MainWindow& window_;
+    Installation& stores_;
     std::atomic<int16_t> selectedFileRow_{-1};
 };

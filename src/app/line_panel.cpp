@@ -8,7 +8,7 @@
 #include "engine/teardown.h"
 #include "line/profiles.h"
 #include "resources/resource.h"
-#include "stores/preferences.h"
+#include "stores/installation.h"
 
 namespace {
 
@@ -84,26 +84,26 @@ void LinePanel::OfferAdapter(const std::vector<std::string>& protocolsNotOffered
         controls.Show(IDC_IN_2B, true);
         controls.Show(IDC_IN_V42, true);
     }
-    controls.Select(IDC_IN_PROTOCOL, RowOfProtocol(ThePreferences.IncomingProtocol));
-    controls.Check(IDC_IN_56K, ThePreferences.Incoming56K != 0);
-    controls.Check(IDC_IN_2B, ThePreferences.Incoming2B != 0);
-    controls.Check(IDC_IN_V42, ThePreferences.IncomingV42 != 0);
+    controls.Select(IDC_IN_PROTOCOL, RowOfProtocol(stores_.Prefs.IncomingProtocol));
+    controls.Check(IDC_IN_56K, stores_.Prefs.Incoming56K != 0);
+    controls.Check(IDC_IN_2B, stores_.Prefs.Incoming2B != 0);
+    controls.Check(IDC_IN_V42, stores_.Prefs.IncomingV42 != 0);
 }
 
 void LinePanel::StoreIncomingSetting(int id) {
     ControlModel& controls = Controls();
     switch (id) {
         case IDC_IN_PROTOCOL:
-            ThePreferences.IncomingProtocol = ProtocolOfRow(controls.Selection(IDC_IN_PROTOCOL));
+            stores_.Prefs.IncomingProtocol = ProtocolOfRow(controls.Selection(IDC_IN_PROTOCOL));
             break;
         case IDC_IN_56K:
-            ThePreferences.Incoming56K = controls.Checked(id) ? 1 : 0;
+            stores_.Prefs.Incoming56K = controls.Checked(id) ? 1 : 0;
             break;
         case IDC_IN_2B:
-            ThePreferences.Incoming2B = controls.Checked(id) ? 1 : 0;
+            stores_.Prefs.Incoming2B = controls.Checked(id) ? 1 : 0;
             break;
         case IDC_IN_V42:
-            ThePreferences.IncomingV42 = controls.Checked(id) ? 1 : 0;
+            stores_.Prefs.IncomingV42 = controls.Checked(id) ? 1 : 0;
             break;
         default:
             return;

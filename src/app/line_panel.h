@@ -8,12 +8,13 @@
 
 #include "app/window_panel.h"
 
+class Installation;
 class MainWindow;
 struct Permissions;
 
 class LinePanel final : public WindowPanel {
 public:
-    explicit LinePanel(MainWindow& window) : window_(window) {}
+    LinePanel(MainWindow& window, Installation& stores) : window_(window), stores_(stores) {}
 
     [[nodiscard]] std::span<const int> ControlIds() const override;
     EventOutcome OnButton(int id) override;
@@ -34,4 +35,5 @@ private:
     void StoreIncomingSetting(int id);
 
     MainWindow& window_;
+    Installation& stores_;
 };

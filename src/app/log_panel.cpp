@@ -32,7 +32,7 @@ void LogPanel::FillLogList() {
     std::lock_guard<std::mutex> guard(logLock_);
     // The stored lines come back whatever their number; the limit applies
     // from the next line on.
-    logLines_ = StoredLogLines();
+    logLines_ = log_.StoredLines();
     Controls().ClearRows(IDC_LOG);
     for (const std::string& line : logLines_) {
         Controls().AddRow(IDC_LOG, ListRow{line, "", 0});
@@ -57,7 +57,7 @@ void LogPanel::AddLogLine(const std::string& text) {
 }
 
 void LogPanel::LogStartStop(bool starting) {
-    ::AddLogLine(StartStopLine(starting));
+    log_.Add(StartStopLine(starting));
 }
 
 void LogPanel::OnClearLog() {

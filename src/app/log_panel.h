@@ -9,8 +9,12 @@
 
 #include "app/window_panel.h"
 
+class StatusLog;
+
 class LogPanel final : public WindowPanel {
 public:
+    explicit LogPanel(StatusLog& log) : log_(log) {}
+
     std::span<const int> ControlIds() const override;
     EventOutcome OnButton(int id) override;
 
@@ -30,6 +34,7 @@ public:
     std::vector<std::string> LogLines() const;
 
 private:
+    StatusLog& log_;
     // The log list's lines, beside the control: the saved log is made from
     // these. Held while a line goes in, so lines from several threads reach
     // the list, the observer and the file in one order.

@@ -18,8 +18,7 @@
 #include "platform/event_loop.h"
 #include "platform/message_box.h"
 #include "resources/resource.h"
-#include "stores/preferences.h"
-#include "stores/status_log.h"
+#include "stores/installation.h"
 
 std::atomic<int32_t> MeasuredRate{0};
 std::atomic<int32_t> SplashPending{1};
@@ -190,11 +189,19 @@ private:
     MainWindow& window_;
 };
 
-MainWindow::MainWindow() : engineDisplay_(std::make_unique<EngineDisplay>(*this)) {}
+MainWindow::MainWindow(Installation& stores)
+    : stores_(stores),
+      directory_(*this, stores),
+      files_(*this, stores),
+      display_(*this, stores),
+      log_(stores.Log),
+      desktop_(stores),
+      line_(*this, stores),
+      engineDisplay_(std::make_unique<EngineDisplay>(*this)) {}
 
 MainWindow::~MainWindow() {
     if (ActiveWindow == this) {
-        SetLogLineSink(nullptr);
+        stores_.Log.SetSink(nullptr);
         MainLoop().SetTimerHandler(nullptr);
         ActiveWindow = nullptr;
         TheMainWindow = nullptr;
@@ -267,17 +274,17 @@ bool MainWindow::OnInitDialog() {
 
     if (!CommPortCreate()) {
         // Nothing runs in this state; the log list still takes what is logged.
-        SetLogLineSink([this](const std::string& line) { log_.AddLogLine(line); });
+        stores_.Log.SetSink([this](const std::string& line) { log_.AddLogLine(line); });
         ShowMessageBox("Cannot create comm port information.");
         // No search follows: the start is over as it is.
         startOver_ = true;
         return false;
     }
-    EngineStartup();
+    EngineStartup(stores_);
     engineStarted_ = true;
     log_.FillLogList();
     // Lines logged before the window existed follow the stored ones.
-    SetLogLineSink([this](const std::string& line) { log_.AddLogLine(line); });
+    stores_.Log.SetSink([this](const std::string& line) { log_.AddLogLine(line); });
     directory_.FillDirectoryList();
     ClearHotFolderCounters();
     log_.LogStartStop(true);
@@ -309,7 +316,7 @@ void MainWindow::OnTimer(int id) {
             break;
         }
         case TimerHotFolders:
-            if (ThePreferences.IgnoreHotFolders == 0) {
+            if (stores_.Prefs.IgnoreHotFolders == 0) {
                 SendDueHotFolder();
             }
             break;
@@ -363,10 +370,11 @@ void MainWindow::PrepareExit() {
         SendClosingCommand();
         // Preferences are saved here and only here: a run that found no
         // adapter leaves the file as it was.
-        SavePreferences();
+        SavePreferences(stores_.Prefs, stores_.Paths.PrefsPath);
     }
     log_.LogStartStop(false);
-    SaveStatusLog(log_.LogLines());
+    // At exit there is no one left to tell that the log could not be kept.
+    static_cast<void>(stores_.Log.Save(log_.LogLines()));
 }
 
 // ---------------------------------------------------------------------------

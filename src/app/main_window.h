@@ -112,9 +112,12 @@ struct Permissions {
 // event on a control to the panel that owns it. What concerns the whole
 // window stays here: the start and stop, the timers, the About box, the
 // menus, and the rule that couples the buttons to the link.
+class Installation;
+
 class MainWindow {
 public:
-    MainWindow();
+    // The window keeps and shows the stores of this installation.
+    explicit MainWindow(Installation& stores);
     ~MainWindow();
     MainWindow(const MainWindow&) = delete;
     MainWindow& operator=(const MainWindow&) = delete;
@@ -133,6 +136,10 @@ public:
     static std::string LinkStateName();
 
     // ---- The panels ----
+
+    // The installation the window keeps: its paths, preferences, directory
+    // and log.
+    Installation& Stores() { return stores_; }
 
     DirectoryPanel& Correspondents() { return directory_; }
     FileListPanel& Files() { return files_; }
@@ -186,6 +193,8 @@ public:
     void UpdateActionButtons();
 
 private:
+    Installation& stores_;
+
     void CreateControls();
     // The panel that owns the control; null for a control of none.
     WindowPanel* PanelOwning(int id);
@@ -200,12 +209,12 @@ private:
     // Ends the main loop, after the exit has been prepared.
     void EndDialog();
 
-    DirectoryPanel directory_{*this};
-    FileListPanel files_{*this};
-    TransferDisplay display_{*this};
+    DirectoryPanel directory_;
+    FileListPanel files_;
+    TransferDisplay display_;
     LogPanel log_;
     DesktopButtons desktop_;
-    LinePanel line_{*this};
+    LinePanel line_;
 
     // Serialises the button rule, so that the last caller's view of the link
     // is the one that stays on the buttons.

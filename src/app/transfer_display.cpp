@@ -12,8 +12,7 @@
 #include "line/profiles.h"
 #include "platform/clock.h"
 #include "resources/resource.h"
-#include "stores/preferences.h"
-#include "stores/status_log.h"
+#include "stores/installation.h"
 
 namespace {
 
@@ -126,7 +125,7 @@ void TransferDisplay::ShowThroughput(bool sending, bool log) {
     }
     text += " Bytes/sec";
     if (log) {
-        ::AddLogLine("Average throughput: " + text);
+        stores_.Log.Add("Average throughput: " + text);
     }
     Controls().SetText(IDC_BYTES_SEC, text);
 }
@@ -140,5 +139,5 @@ void TransferDisplay::LogElapsedTime() {
     }
     const std::time_t now = WallSeconds();
     const uint64_t seconds = now > started ? static_cast<uint64_t>(now - started) : 0;
-    ::AddLogLine("Elapsed Time: " + ClockText(seconds));
+    stores_.Log.Add("Elapsed Time: " + ClockText(seconds));
 }

@@ -7,11 +7,12 @@
 
 #include "app/window_panel.h"
 
+class Installation;
 class MainWindow;
 
 class TransferDisplay final : public WindowPanel {
 public:
-    explicit TransferDisplay(MainWindow& window) : window_(window) {}
+    TransferDisplay(MainWindow& window, Installation& stores) : window_(window), stores_(stores) {}
 
     [[nodiscard]] std::span<const int> ControlIds() const override;
 
@@ -28,4 +29,5 @@ private:
     [[nodiscard]] uint32_t FixedRate() const;
 
     MainWindow& window_;
+    Installation& stores_;
 };

@@ -19,7 +19,6 @@
 #include "line/profiles.h"
 #include "platform/clock.h"
 #include "platform/message_box.h"
-#include "stores/status_log.h"
 
 namespace {
 
@@ -52,7 +51,7 @@ void CallFailed() {
 }
 
 void Connected(const ConnectCode& code) {
-    AddLogLine(code.LogLine);
+    Stores().Log.Add(code.LogLine);
     ClearSessionFlags();
     TheEngine.LinkState = LinkConnected;
     Display().UpdateActionButtons();
@@ -103,8 +102,8 @@ void PlaceCall(const CallRequest& call) {
     PortConversation conversation;
     InitializeOutgoing(call.Line);
     SendCommand(DialString(call.Number, call.CarrierRow).c_str());
-    AddLogLine("Calling " + call.Name);
-    AddLogLine("at " + call.Number);
+    Stores().Log.Add("Calling " + call.Name);
+    Stores().Log.Add("at " + call.Number);
     ClearSessionFlags();
     TheEngine.LinkState = LinkDialing;
     Display().UpdateActionButtons();
@@ -145,18 +144,18 @@ void HandleLineEvent() {
         }
     }
     if (LineHolds(line, TextNoCarrier)) {
-        AddLogLine("Disconnected");
+        Stores().Log.Add("Disconnected");
         SleepMs(50);
         ReinitializeIncoming();
         CallFailed();
     }
     if (LineHolds(line, "BUSY")) {
-        AddLogLine("Busy");
+        Stores().Log.Add("Busy");
         ReinitializeIncoming();
         CallFailed();
     }
     if (LineHolds(line, "NO DIALTONE") || LineHolds(line, "NO DIAL TONE")) {
-        AddLogLine("No Dialtone.");
+        Stores().Log.Add("No Dialtone.");
         ReinitializeIncoming();
         ShowMessageOutsidePass(
             "Cannot place an outgoing data call.\rPlease make sure your ISDN line is properly "

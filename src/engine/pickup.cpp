@@ -20,8 +20,6 @@
 #include "platform/files.h"
 #include "stores/directory.h"
 #include "stores/folder_tree.h"
-#include "stores/paths.h"
-#include "stores/status_log.h"
 
 namespace {
 
@@ -42,9 +40,9 @@ void ServeHotFolderClears() {
         return;
     }
     ClearsServed = asked;
-    for (int i = 0; i <= DirectoryCount.load() && i < DirectorySlots; ++i) {
-        if (Directory[i].HotSend != 0) {
-            Directory[i].HotBytes = 0;
+    for (int i = 0; i <= Stores().Directory.Count.load() && i < DirectorySlots; ++i) {
+        if (Stores().Directory[i].HotSend != 0) {
+            Stores().Directory[i].HotBytes = 0;
         }
     }
 }
@@ -92,7 +90,7 @@ std::optional<int16_t> ScanPickUpFolder(int16_t index, uint32_t& total) {
     if (!ValidIndex(index)) {
         return std::nullopt;
     }
-    const std::string folder = PickUpFolderOf(Directory[index]);
+    const std::string folder = PickUpFolderOf(Stores().Paths.PickUpPath, Stores().Directory[index]);
     std::vector<FolderEntry> entries;
     if (folder.empty() || !ListFolder(folder, entries)) {
         return std::nullopt;
@@ -114,7 +112,7 @@ void EnsureSentFilesFolder(int16_t index) {
     if (!ValidIndex(index)) {
         return;
     }
-    const std::string folder = PickUpFolderOf(Directory[index]);
+    const std::string folder = PickUpFolderOf(Stores().Paths.PickUpPath, Stores().Directory[index]);
     if (!folder.empty()) {
         // A folder that is there already serves as well.
         static_cast<void>(CreateFolder(folder + "/Sent Files"));
@@ -139,11 +137,11 @@ void MoveToSentFiles(const std::string& path) {
 }
 
 std::optional<RetrieveFolder> FindRetrieveFolder(const std::string& number) {
-    for (int i = 0; i <= DirectoryCount.load() && i < DirectorySlots; ++i) {
-        const Correspondent& record = Directory[i];
+    for (int i = 0; i <= Stores().Directory.Count.load() && i < DirectorySlots; ++i) {
+        const Correspondent& record = Stores().Directory[i];
         // A record whose name cannot be a folder has no folder to give.
         if (FirstNumberDigits(FieldText(record.IsdnNumber)).find(number) == std::string::npos ||
-            record.HasPickUp == 0 || PickUpFolderOf(record).empty()) {
+            record.HasPickUp == 0 || PickUpFolderOf(Stores().Paths.PickUpPath, record).empty()) {
             continue;
         }
         uint32_t total = 0;
@@ -160,9 +158,9 @@ void LoadPickUpFolder(int16_t index) {
     if (!ValidIndex(index)) {
         return;
     }
-    const std::string folder = PickUpFolderOf(Directory[index]);
+    const std::string folder = PickUpFolderOf(Stores().Paths.PickUpPath, Stores().Directory[index]);
     if (!folder.empty()) {
-        Display().AddFolderToSendList(folder, FieldText(Directory[index].FirmName));
+        Display().AddFolderToSendList(folder, FieldText(Stores().Directory[index].FirmName));
     }
 }
 
@@ -178,20 +176,20 @@ void AnswerRetrieveRequest() {
     const std::optional<RetrieveFolder> found =
         digits < RequestMinDigits ? std::nullopt : FindRetrieveFolder(number);
     if (!found) {
-        AddLogLine("Retrieve request from " + number);
+        Stores().Log.Add("Retrieve request from " + number);
         SendToken(TokenNoFileDir);
-        AddLogLine("No retrieve folder found.");
+        Stores().Log.Add("No retrieve folder found.");
         return;
     }
     if (!found->HasFiles) {
-        AddLogLine("Retrieve request from " + number);
+        Stores().Log.Add("Retrieve request from " + number);
         SendToken(TokenNoFileAvail);
-        AddLogLine("No files to be retrieved.");
+        Stores().Log.Add("No files to be retrieved.");
         return;
     }
     const int16_t index = found->Index;
-    AddLogLine("Retrieve request from " + FieldText(Directory[index].FirmName));
-    AddLogLine("at " + number);
+    Stores().Log.Add("Retrieve request from " + FieldText(Stores().Directory[index].FirmName));
+    Stores().Log.Add("at " + number);
     Display().SelectCorrespondent(index);
     TheEngine.WeSend = true;
     TheEngine.PickupSend = true;
@@ -205,8 +203,8 @@ std::optional<int16_t> HotFolderDue() {
         return std::nullopt;
     }
     ServeHotFolderClears();
-    for (int i = 0; i <= DirectoryCount.load() && i < DirectorySlots; ++i) {
-        Correspondent& record = Directory[i];
+    for (int i = 0; i <= Stores().Directory.Count.load() && i < DirectorySlots; ++i) {
+        Correspondent& record = Stores().Directory[i];
         if (record.HotSend == 0) {
             continue;
         }

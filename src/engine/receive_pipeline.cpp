@@ -17,7 +17,6 @@
 #include "line/comm_port.h"
 #include "platform/clock.h"
 #include "platform/files.h"
-#include "stores/status_log.h"
 
 namespace {
 
@@ -43,7 +42,7 @@ enum class SectionEnd {
     if (SectionIntact(TheEngine.WorkingSection, fileBytes)) {
         return true;
     }
-    AddLogLine("Packet byte error " + std::to_string(static_cast<int>(end)) + ".");
+    Stores().Log.Add("Packet byte error " + std::to_string(static_cast<int>(end)) + ".");
     RequestSectionResend();
     TheEngine.LinkState = LinkRecovery;
     return false;
@@ -77,7 +76,7 @@ void FileFinished() {
         RequestDisconnect();
         return;
     }
-    AddLogLine("File received.");
+    Stores().Log.Add("File received.");
     entry.EntryComplete = 1;
     display.ShowThroughput(false, true);
     RetireFinishedEntry();
@@ -92,13 +91,13 @@ void FileFinished() {
         display.ShowBatchEstimate(TheEngine.ReceiveRemaining.load());
         display.SetProgress(next.BytesDone, next.TotalLength);
         display.ShowThroughput(false, false);
-        AddLogLine("Receiving File: " + std::string(next.DisplayName.View()));
+        Stores().Log.Add("Receiving File: " + std::string(next.DisplayName.View()));
         SendToken(TokenAck4);
         return;
     }
     SendToken(TokenAck2);
     TheEngine.LinkState = LinkConnected;
-    AddLogLine("All files received.");
+    Stores().Log.Add("All files received.");
     display.ShowBatchEstimate(TheEngine.ReceiveRemaining.load());
     display.ShowThroughput(false, false);
     // A finished list leaves nothing to resume.

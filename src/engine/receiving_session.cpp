@@ -28,8 +28,6 @@
 #include "line/profiles.h"
 #include "platform/clock.h"
 #include "platform/files.h"
-#include "stores/paths.h"
-#include "stores/status_log.h"
 
 namespace {
 
@@ -49,7 +47,7 @@ uint64_t FreeSpace() {
         return InstalledFreeSpaceQuery();
     }
     // The volume that the files go to, which need not be the installation's.
-    return FreeDiskSpace(IncomingPath);
+    return FreeDiskSpace(Stores().Paths.IncomingPath);
 }
 
 // What has come in behind a refused list is thrown away. Only the input goes:
@@ -68,7 +66,7 @@ void DiscardInput() {
 // A refusal after the header: the far end is told, and what it sends behind
 // the list is thrown away.
 AdmitResult Refuse(const std::string& logLine) {
-    AddLogLine(logLine);
+    Stores().Log.Add(logLine);
     SendToken(TokenNak4);
     DiscardInput();
     return AdmitRefused;
@@ -77,7 +75,7 @@ AdmitResult Refuse(const std::string& logLine) {
 // A file of the list cannot be made: the line saying so has gone to the log,
 // and the far end is asked to stop, as when a section cannot be written.
 AdmitResult AbortAdmission() {
-    AddLogLine("Sending disconnect...");
+    Stores().Log.Add("Sending disconnect...");
     SendToken(TokenAbort);
     TheEngine.ReceiveCount = 0;
     TheEngine.ReceiveListSize = 0;
@@ -95,7 +93,7 @@ bool DataLengthOfAFile(uint32_t dataLength) {
 // Too little room for the list: the far end is told, and its list thrown
 // away.
 AdmitResult RefuseForSpace() {
-    AddLogLine("Not enough free space on volume.");
+    Stores().Log.Add("Not enough free space on volume.");
     SendToken(TokenNak3);
     DiscardInput();
     return AdmitRefused;
@@ -141,12 +139,12 @@ std::string FreeName(const std::string& folder, const std::string& name,
 // The folder that a list opening with a marker gets: the plain name, or the
 // first of -A to -Z that is free. Empty if none is.
 std::string FreeFolderName(const std::string& name) {
-    if (!PathExists(IncomingPath + "/" + name)) {
+    if (!PathExists(Stores().Paths.IncomingPath + "/" + name)) {
         return name;
     }
     for (char letter = 'A'; letter <= 'Z'; ++letter) {
         const std::string candidate = Suffixed(name, letter);
-        if (!PathExists(IncomingPath + "/" + candidate)) {
+        if (!PathExists(Stores().Paths.IncomingPath + "/" + candidate)) {
             return candidate;
         }
     }
@@ -244,7 +242,7 @@ bool ReadAndCheckList(Admission& list) {
 // file's chance has gone, and its name is free for this list.
 bool PlanNames(Admission& list) {
     const WireFileEntry* wire = TheEngine.WireList;
-    list.Folder = IncomingPath;
+    list.Folder = Stores().Paths.IncomingPath;
     if (list.Marker) {
         const std::string name = SafeReceivedName(AnnouncedName(wire[0]));
         list.FolderName = FreeFolderName(name);
@@ -252,7 +250,7 @@ bool PlanNames(Admission& list) {
             list.Result = Refuse("Too many files named " + name);
             return false;
         }
-        list.Folder = IncomingPath + "/" + list.FolderName;
+        list.Folder = Stores().Paths.IncomingPath + "/" + list.FolderName;
     }
     std::set<std::string> planned;
     bool firstFile = true;
@@ -293,7 +291,7 @@ bool MakeFilesAndFolders(Admission& list) {
             list.Result = Refuse("Too many files named " + list.FolderName);
             return false;
         }
-        AddLogLine("Created new folder: " + list.FolderName);
+        Stores().Log.Add("Created new folder: " + list.FolderName);
     }
     if (!list.Recovered) {
         EndRecoveryCandidacy();
@@ -369,8 +367,8 @@ void StartReceiving(const Admission& list) {
     SnapshotSection();
     TheEngine.LinkState = LinkTransfer;
     TheEngine.BlockIndex = 0;
-    AddLogLine(std::string(list.Recovered ? "Recovering File: " : "Receiving File: ") +
-               std::string(TheEngine.ReceiveList[0].DisplayName.View()));
+    Stores().Log.Add(std::string(list.Recovered ? "Recovering File: " : "Receiving File: ") +
+                     std::string(TheEngine.ReceiveList[0].DisplayName.View()));
     display.ShowTransferDisplay(true);
     TheEngine.LastRxTime = NowMs();
 }
@@ -394,7 +392,7 @@ void OnListOffered() {
         case AdmitNothingToReceive:
             // Every file of the list was empty and stands on the disk already.
             SendToken(TokenAck2);
-            AddLogLine("All files received.");
+            Stores().Log.Add("All files received.");
             TheEngine.LastRxTime = NowMs();
             return;
         default:
@@ -409,7 +407,7 @@ void OnNothingToRetrieve(const char* logLine) {
     if (!TheEngine.RetrievePending.load()) {
         return;  // this end asked for nothing
     }
-    AddLogLine(logLine);
+    Stores().Log.Add(logLine);
     TheEngine.WeSend = true;
     EndCallByHangUp();
 }
@@ -475,7 +473,7 @@ bool PublishReceivedFile(FileEntry& entry) {
             entry.DisplayName.Set(name);
             entry.FilePath.Set(folder + "/" + name);
             if (name != planned) {
-                AddLogLine("Name taken meanwhile; saved as " + name);
+                Stores().Log.Add("Name taken meanwhile; saved as " + name);
             }
             return true;
         }
@@ -485,10 +483,10 @@ bool PublishReceivedFile(FileEntry& entry) {
 }
 
 void LogCannotWrite(const std::string& name, bool outOfSpace) {
-    AddLogLine("Cannot write file: " + name);
+    Stores().Log.Add("Cannot write file: " + name);
     // The far end hears only that the session ends; this side says why.
     if (outOfSpace) {
-        AddLogLine("Not enough free space on volume.");
+        Stores().Log.Add("Not enough free space on volume.");
     }
 }
 

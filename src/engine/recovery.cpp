@@ -13,7 +13,6 @@
 #include "line/adapter.h"
 #include "line/comm_port.h"
 #include "platform/clock.h"
-#include "stores/status_log.h"
 
 namespace {
 
@@ -81,7 +80,7 @@ void ConfirmRecovery() {
 }
 
 void StallAbort(uint32_t waiting) {
-    AddLogLine("Bytes Read: " + std::to_string(waiting));
+    Stores().Log.Add("Bytes Read: " + std::to_string(waiting));
     RequestDisconnect();
 }
 

@@ -13,7 +13,6 @@
 #include "engine/transfer_engine.h"
 #include "engine/wire.h"
 #include "platform/files.h"
-#include "stores/paths.h"
 
 namespace {
 
@@ -34,7 +33,7 @@ uint16_t CheckOf(const Record& record) {
 }
 
 void WriteRecord(const Record& record, bool create) {
-    const std::string path = ResumeRecordPath();
+    const std::string path = Stores().Paths.ResumeRecordPath;
     File file;
     if (!file.Open(path, File::Mode::Write) &&
         !(create && file.Open(path, File::Mode::CreateReadWrite))) {
@@ -50,7 +49,7 @@ void WriteRecord(const Record& record, bool create) {
 bool PartTakesUp(const FileEntry& entry) {
     const std::string path(entry.FilePath.View());
     const std::string_view view(path);
-    const std::string folder = IncomingPath + "/";
+    const std::string folder = Stores().Paths.IncomingPath + "/";
     if (entry.WireName.IsEmpty() || entry.DisplayName.IsEmpty() ||
         view.substr(0, folder.size()) != folder || view.find("/../") != std::string_view::npos ||
         view.size() <= PartMarker.size() ||
@@ -97,7 +96,7 @@ void LoadResumeCandidate() {
     Record record{};
     {
         File file;
-        if (!file.Open(ResumeRecordPath(), File::Mode::Read) ||
+        if (!file.Open(Stores().Paths.ResumeRecordPath, File::Mode::Read) ||
             file.Read(record.data(), static_cast<uint32_t>(RecordBytes)) != RecordBytes) {
             return;
         }

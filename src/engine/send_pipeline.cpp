@@ -12,7 +12,6 @@
 #include "line/comm_port.h"
 #include "platform/clock.h"
 #include "platform/files.h"
-#include "stores/status_log.h"
 
 namespace {
 
@@ -37,7 +36,7 @@ void NapWhileOutputDrains(uint32_t waiting) {
 
 // The file cannot give what its entry announced: the call cannot go on.
 void ReportUnreadable(const FileEntry& entry) {
-    AddLogLine("Cannot read file: " + std::string(entry.DisplayName.View()));
+    Stores().Log.Add("Cannot read file: " + std::string(entry.DisplayName.View()));
     TheSession.SendFault = true;
     // The communications thread ends the call at its next pass.
     InterruptPortWait();

@@ -17,7 +17,6 @@
 #include "line/comm_port.h"
 #include "line/profiles.h"
 #include "platform/clock.h"
-#include "stores/status_log.h"
 
 namespace {
 
@@ -37,7 +36,7 @@ void DropLeadingEmptyEntries() {
 }
 
 void LogSendingFile(const char* what) {
-    AddLogLine(std::string(what) + std::string(TheEngine.SendList[0].DisplayName.View()));
+    Stores().Log.Add(std::string(what) + std::string(TheEngine.SendList[0].DisplayName.View()));
 }
 
 void StartTransfer() {
@@ -171,7 +170,7 @@ void OnAllFilesSent() {
     // Empty files behind the last one were made by the far end from the list
     // alone; they are through too, and leave the list with their rows.
     DropLeadingEmptyEntries();
-    AddLogLine("All files sent.");
+    Stores().Log.Add("All files sent.");
     TheEngine.LinkState = LinkConnected;
     TheEngine.SendList.Clear();
     StopFeeder();
@@ -203,7 +202,7 @@ void OnListRefused(const char* why) {
         FeederRunning()) {
         return;  // no list of ours awaits an answer
     }
-    AddLogLine(why);
+    Stores().Log.Add(why);
     EndCallByHangUp();
 }
 
@@ -244,7 +243,7 @@ void OnSenderInput() {
         OnAllFilesSent();
     }
     if (LineHolds(line, TokenAbort)) {
-        AddLogLine("Received abort request.");
+        Stores().Log.Add("Received abort request.");
         RequestDisconnect();
     }
     if (LineHolds(line, TokenRcvcon)) {

@@ -24,7 +24,6 @@
 #include "line/profiles.h"
 #include "platform/clock.h"
 #include "platform/files.h"
-#include "stores/status_log.h"
 
 namespace {
 
@@ -43,7 +42,7 @@ constexpr uint32_t HangUpRetryMs = 5000;
 // still be up. The receiving side's watchdog ends it in the end; the
 // sending side has none, so it tries again a few times.
 bool HangUpFailed() {
-    AddLogLine("Hang-up failed.");
+    Stores().Log.Add("Hang-up failed.");
     if (TheEngine.WeSend.load() && TheSession.HangUpRetries.load() < HangUpRetryLimit) {
         TheSession.HangUpRetries.fetch_add(1);
         TheSession.HangUpRetryAt = NowMs();
@@ -95,7 +94,7 @@ void RequestDisconnect() {
         case LinkFileSent:
         case LinkRecovery:
             if (!sending) {
-                AddLogLine("Sending disconnect...");
+                Stores().Log.Add("Sending disconnect...");
                 SendToken(TokenAbort);
                 TheEngine.LinkState = LinkConnected;
             } else {
@@ -197,13 +196,13 @@ void OnCallEnded(CallEnd how) {
         // A sender whose line falls under a block cuts the block off rather
         // than wait for a far end that is gone.
         if (how == CallEnd::SenderLostLine && state == LinkTransfer) {
-            AddLogLine("Remote end aborted transfer.");
+            Stores().Log.Add("Remote end aborted transfer.");
             TheEngine.FeederRun = false;
             PurgePort();
         }
         StopFeeder();
     }
-    AddLogLine("Disconnected");
+    Stores().Log.Add("Disconnected");
     display.ShowTransferDisplay(false);
     // A hang-up in the middle of the data says nothing of the time taken; a
     // lost line tells it always, as far as a transfer had begun.
@@ -214,7 +213,7 @@ void OnCallEnded(CallEnd how) {
     // that ends before its own transfer began must not tell this one's.
     TheEngine.TransferStartTime = 0;
     if (how == CallEnd::SenderLostLine) {
-        AddLogLine("------------------------------");
+        Stores().Log.Add("------------------------------");
     }
     if (lineLost) {
         // The adapter has just printed NO CARRIER; the incoming profile goes

@@ -18,7 +18,6 @@
 #include "line/comm_port.h"
 #include "platform/clock.h"
 #include "platform/message_box.h"
-#include "stores/status_log.h"
 
 TransferEngine TheEngine;
 
@@ -110,7 +109,7 @@ std::optional<int> PassWork() {
         return std::nullopt;
     }
     if (sending && SenderLostFarEnd(state)) {
-        AddLogLine("Remote end not responding.");
+        Stores().Log.Add("Remote end not responding.");
         RequestDisconnect();
         return std::nullopt;
     }
@@ -211,7 +210,8 @@ void ShowMessageOutsidePass(const std::string& text) {
     }
 }
 
-void EngineStartup() {
+void EngineStartup(Installation& stores) {
+    TheEngine.Stores = &stores;
     if (TheEngine.WireList == nullptr) {
         TheEngine.WireList = new WireFileEntry[ListCapacity]();
     }

@@ -22,6 +22,7 @@
 #include "engine/send_list.h"
 #include "engine/wire.h"
 #include "platform/thread.h"
+#include "stores/installation.h"
 
 // The states of the link, with the values they have always had.
 enum LinkState : int16_t {
@@ -34,6 +35,9 @@ enum LinkState : int16_t {
 };
 
 struct TransferEngine {
+    // The installation the engine serves, given by EngineStartup. The record
+    // holds it until the engine becomes an object that is made with it.
+    Installation* Stores = nullptr;
     // The type is named from outside, since the field bears its name.
     std::atomic<::LinkState> LinkState{LinkIdle};
     // Set on the sending side of the session; picks the token handler.
@@ -85,7 +89,8 @@ struct TransferEngine {
     // there is nothing to recover. It outlives the call, and with the resume
     // record (engine/resume_record.h) the program too.
     FileEntry SavedEntry;
-    // Where this session's files go: IncomingPath, or a folder made for it.
+    // Where this session's files go: the incoming folder, or a folder made for
+    // it.
     FixedText<512> ReceiveFolder;
 
     // Buffers, made by EngineStartup and freed by EngineShutdown. The token
@@ -100,10 +105,16 @@ struct TransferEngine {
 // The process's one engine record.
 extern TransferEngine TheEngine;
 
+// The installation the engine serves: its paths, preferences, directory and
+// log.
+inline Installation& Stores() {
+    return *TheEngine.Stores;
+}
+
 // Allocates the buffers, fills OutHeader's magic, and takes up the candidate
 // for a resume that an earlier run left on the disk, or none. Called on the
 // main thread before the communications thread starts.
-void EngineStartup();
+void EngineStartup(Installation& stores);
 // Frees the buffers, after every engine thread has stopped.
 void EngineShutdown();
 

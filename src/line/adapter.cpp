@@ -13,9 +13,9 @@
 #include "platform/key_state.h"
 #include "platform/message_box.h"
 #include "resources/resource.h"
-#include "stores/preferences.h"
-#include "stores/status_log.h"
+#include "stores/installation.h"
 
+Installation* LineStores = nullptr;
 std::atomic<bool> AdapterFound{false};
 std::atomic<bool> LinePollingEnabled{false};
 std::atomic<int16_t> SpeedClass{0};
@@ -51,7 +51,7 @@ bool BufferHolds(const char* mark) {
 
 AdapterSearch AdapterNotFound() {
     ShowMessageBox(NoAdapterMessage);
-    AddLogLine("ISDN TA not found.");
+    LineStores->Log.Add("ISDN TA not found.");
     return AdapterSearch::NotFound;
 }
 
@@ -110,7 +110,7 @@ uint32_t HangUpLeftCall(uint32_t otherSpeed, uint32_t pauseMs) {
         }
         SendCommand("ATH");
         if (DrainUntilAny({"\r\nOK\r\n", "NO CARRIER"}, HangUpReplyLimitMs)) {
-            AddLogLine("Hung up a call left on the ISDN TA.");
+            LineStores->Log.Add("Hung up a call left on the ISDN TA.");
             return speed;
         }
     }
@@ -128,7 +128,7 @@ PortAnswer FindAtTopSpeed(uint32_t speed) {
     if (!Identify(ShortReplyLimitMs)) {
         return PortAnswer::Nothing;
     }
-    AddLogLine("ISDN TA found at 230400 bps.");
+    LineStores->Log.Add("ISDN TA found at 230400 bps.");
     if (CurrentFamily().Speed == SpeedMove::DipSwitch) {
         return PortAnswer::SwitchedToTop;
     }
@@ -175,31 +175,31 @@ PortAnswer FindOnPort(uint32_t speed, uint32_t escapePauseMs) {
 // An AdTran that answers only at 230400 bps has its switch set there, by the
 // user: the speed is taken as the switch holds it.
 AdapterSearch AtSwitchedTopSpeed() {
-    ThePreferences.MaxPortSpeed = TopSpeed;
-    ThePreferences.SelectedPortSpeed = TopSpeed;
+    LineStores->Prefs.MaxPortSpeed = TopSpeed;
+    LineStores->Prefs.SelectedPortSpeed = TopSpeed;
     SpeedClass.store(2);
-    AddLogLine("Port speed set to 230400 bps.");
+    LineStores->Log.Add("Port speed set to 230400 bps.");
     return AdapterReady();
 }
 
 AdapterSearch FullSearch() {
     for (int port = 1; port <= LastSearchedPort; ++port) {
         SelectPortNumber(static_cast<uint8_t>(port));
-        AddLogLine("Searching Comm Port " + std::to_string(port));
+        LineStores->Log.Add("Searching Comm Port " + std::to_string(port));
         const PortAnswer answer = FindOnPort(SearchSpeed, LongestEscapePauseMs());
         if (answer == PortAnswer::Nothing) {
             CommPortClose();
             continue;
         }
-        ThePreferences.ComPort = static_cast<int16_t>(port);
+        LineStores->Prefs.ComPort = static_cast<int16_t>(port);
         if (answer == PortAnswer::SwitchedToTop) {
             return AtSwitchedTopSpeed();
         }
         QualifyPortSpeed();
-        if (ThePreferences.MaxPortSpeed == 230400) {
+        if (LineStores->Prefs.MaxPortSpeed == 230400) {
             // An adapter moved only by its switch stays at 115200 until the
             // user has moved it.
-            ThePreferences.SelectedPortSpeed =
+            LineStores->Prefs.SelectedPortSpeed =
                 CurrentFamily().Speed == SpeedMove::DipSwitch ? 115200 : 230400;
         }
         return AdapterReady();
@@ -215,12 +215,12 @@ AdapterSearch DipSwitchStart() {
         // named is not there.
         return AdapterSearch::NotFound;
     }
-    ThePreferences.MaxPortSpeed = 230400;
-    ThePreferences.SelectedPortSpeed = 230400;
+    LineStores->Prefs.MaxPortSpeed = 230400;
+    LineStores->Prefs.SelectedPortSpeed = 230400;
     AdapterFound.store(true);
     SpeedClass.store(2);
     ResumeTopSpeed();
-    AddLogLine("Port speed set to 230400 bps.");
+    LineStores->Log.Add("Port speed set to 230400 bps.");
     const auto answers = [] {
         std::memset(TokenBuffer, 0, TokenBufferSize);
         return SendAndWaitOk("atv1") && EnableHardwareHandshake() && SendAndWaitOkShort("ati0");
@@ -233,12 +233,12 @@ AdapterSearch DipSwitchStart() {
 }
 
 AdapterSearch QuickStart() {
-    SelectPortNumber(static_cast<uint8_t>(ThePreferences.ComPort));
-    if (FamilyOf(ThePreferences.AdapterModel).Speed == SpeedMove::DipSwitch &&
-        ThePreferences.SelectedPortSpeed == 230400) {
+    SelectPortNumber(static_cast<uint8_t>(LineStores->Prefs.ComPort));
+    if (FamilyOf(LineStores->Prefs.AdapterModel).Speed == SpeedMove::DipSwitch &&
+        LineStores->Prefs.SelectedPortSpeed == 230400) {
         return DipSwitchStart();
     }
-    const uint32_t maxSpeed = ThePreferences.MaxPortSpeed;
+    const uint32_t maxSpeed = LineStores->Prefs.MaxPortSpeed;
     switch (FindOnPort(maxSpeed == 230400 ? 115200 : maxSpeed, CurrentFamily().EscapePauseMs)) {
         case PortAnswer::Nothing:
             return AdapterNotFound();
@@ -248,13 +248,13 @@ AdapterSearch QuickStart() {
             break;
     }
     SpeedClass.store(maxSpeed <= 57600 ? 1 : 2);
-    if (maxSpeed == 230400 && ThePreferences.SelectedPortSpeed == 230400) {
+    if (maxSpeed == 230400 && LineStores->Prefs.SelectedPortSpeed == 230400) {
         ResumeTopSpeed();
-        AddLogLine("Port speed set to 230400 bps.");
+        LineStores->Log.Add("Port speed set to 230400 bps.");
     } else if (maxSpeed == 230400) {
-        AddLogLine("Port speed set to 115200 bps.");
+        LineStores->Log.Add("Port speed set to 115200 bps.");
     } else {
-        AddLogLine("Port speed set to " + std::to_string(maxSpeed) + " bps.");
+        LineStores->Log.Add("Port speed set to " + std::to_string(maxSpeed) + " bps.");
     }
     return AdapterReady();
 }
@@ -346,7 +346,7 @@ bool IdentifyOnOpenPort(int16_t firstReplyLimitMs) {
         if (!SendAndWaitOk("ati8")) {
             return false;
         }
-        ThePreferences.AdapterModel = ModelBitSURFR;
+        LineStores->Prefs.AdapterModel = ModelBitSURFR;
         if (!BufferHolds("BitSURFR")) {
             return false;
         }
@@ -355,26 +355,26 @@ bool IdentifyOnOpenPort(int16_t firstReplyLimitMs) {
     }
     if (BufferHolds("ADTRAN EXPRESS XR")) {
         AdapterFound.store(true);
-        ThePreferences.AdapterModel = ModelAdTran;
-        ThePreferences.AdapterVariant = BufferHolds("ADTRAN EXPRESS XRT") ? 1 : 0;
+        LineStores->Prefs.AdapterModel = ModelAdTran;
+        LineStores->Prefs.AdapterVariant = BufferHolds("ADTRAN EXPRESS XRT") ? 1 : 0;
         return true;
     }
     for (const char* mark : {"2864", "1291", "1292", "1293", "1281", "1282", "1283"}) {
         if (BufferHolds(mark)) {
-            ThePreferences.AdapterModel = ModelZyXEL;
+            LineStores->Prefs.AdapterModel = ModelZyXEL;
             if (BufferHolds("2864")) {
-                ThePreferences.AdapterVariant = 1;
+                LineStores->Prefs.AdapterVariant = 1;
             } else if (BufferHolds("1291") || BufferHolds("1292") || BufferHolds("1293")) {
-                ThePreferences.AdapterVariant = 2;
+                LineStores->Prefs.AdapterVariant = 2;
             } else {
-                ThePreferences.AdapterVariant = 3;
+                LineStores->Prefs.AdapterVariant = 3;
             }
             AdapterFound.store(true);
             return true;
         }
     }
     if (BufferHolds("3C882")) {
-        ThePreferences.AdapterModel = Model3Com;
+        LineStores->Prefs.AdapterModel = Model3Com;
         AdapterFound.store(true);
         return true;
     }
@@ -385,7 +385,7 @@ bool IdentifyOnOpenPort(int16_t firstReplyLimitMs) {
 
 AdapterSearch FindAdapter() {
     const bool shiftDown = KeyIsDown(Key::Shift);
-    if (ThePreferences.ComPort == 0 || shiftDown) {
+    if (LineStores->Prefs.ComPort == 0 || shiftDown) {
         return FullSearch();
     }
     return QuickStart();

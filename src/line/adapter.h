@@ -19,6 +19,12 @@ inline constexpr const char* NoAdapterMessage =
     "powered on.";
 
 // An adapter was identified in this run; never cleared.
+class Installation;
+// The installation whose preferences and log the line uses; set by the front
+// end before any thread starts. It goes when the line becomes an object of
+// its own, which then holds the installation it serves.
+extern Installation* LineStores;
+
 extern std::atomic<bool> AdapterFound;
 // The communications thread may touch the port.
 extern std::atomic<bool> LinePollingEnabled;

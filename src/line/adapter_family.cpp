@@ -3,7 +3,7 @@
 #include <iterator>
 
 #include "line/adapter.h"
-#include "stores/preferences.h"
+#include "stores/installation.h"
 
 namespace {
 
@@ -90,13 +90,13 @@ const AdapterFamily& FamilyOf(int16_t model) {
 }
 
 const AdapterFamily& CurrentFamily() {
-    return FamilyOf(ThePreferences.AdapterModel);
+    return FamilyOf(LineStores->Prefs.AdapterModel);
 }
 
 const AdapterProduct& CurrentProduct() {
     const AdapterFamily& family = CurrentFamily();
     for (int i = 0; i < family.ProductCount; ++i) {
-        if (family.Products[i].Variant == ThePreferences.AdapterVariant) {
+        if (family.Products[i].Variant == LineStores->Prefs.AdapterVariant) {
             return family.Products[i];
         }
     }

@@ -81,7 +81,7 @@ struct AdapterFamily {
 // damaged preferences file gives before the search has identified the
 // adapter, is taken as the first family.
 const AdapterFamily& FamilyOf(int16_t model);
-// The family of the adapter in hand (ThePreferences.AdapterModel).
+// The family of the adapter in hand (LineStores->Prefs.AdapterModel).
 const AdapterFamily& CurrentFamily();
 // The product of the adapter in hand within its family; the family's first
 // product for a variant it does not know.

@@ -1,13 +1,14 @@
 #include "line/comm_port.h"
 
+#include "line/adapter.h"
+
 #include <algorithm>
 #include <cstring>
 #include <new>
 
 #include "platform/files.h"
 #include "platform/message_box.h"
-#include "stores/paths.h"
-#include "stores/status_log.h"
+#include "stores/installation.h"
 
 CommPort* ThePort = nullptr;
 char TokenBuffer[TokenBufferSize];
@@ -27,8 +28,8 @@ bool LockDevice(PortLock& lock, const std::string& device) {
             // Said once: every search and every reopening would say it again.
             static std::atomic<bool> Told{false};
             if (!Told.exchange(true)) {
-                AddLogLine("Cannot write lock files in " + PortLockFolder() +
-                           "; ports are used without them.");
+                LineStores->Log.Add("Cannot write lock files in " + PortLockFolder() +
+                                    "; ports are used without them.");
             }
             return true;
         }
@@ -47,7 +48,7 @@ void WaitForRest(int16_t limitMs, int16_t elapsedMs) {
 }  // namespace
 
 std::string CommPortDevicePath(uint8_t portNumber) {
-    const std::string link = RootDirectory + "/COM" + std::to_string(portNumber);
+    const std::string link = LineStores->Paths.RootDirectory + "/COM" + std::to_string(portNumber);
     if (PathExists(link)) {
         return link;
     }
@@ -187,7 +188,7 @@ char* ReadToToken(const char* token, int16_t timeoutMs, char* buffer, bool inStr
                 buffer[index] = '\0';
             } else if (index > TokenLimit) {
                 if (!ThePort->SerialLimitTold.exchange(true)) {
-                    AddLogLine("Serial Limit Reached");
+                    LineStores->Log.Add("Serial Limit Reached");
                 }
                 return nullptr;
             }
@@ -241,7 +242,7 @@ uint32_t ReadBlock(void* buffer, uint32_t count, int16_t timeoutMs) {
         }
         const int16_t elapsed = ElapsedMs();
         if (elapsed >= timeoutMs) {
-            AddLogLine("Read Buffer Timeout");
+            LineStores->Log.Add("Read Buffer Timeout");
             return ThePort->Handle.Read(buffer, waiting);
         }
         WaitForRest(timeoutMs, elapsed);

@@ -5,8 +5,7 @@
 #include "line/adapter.h"
 #include "line/comm_port.h"
 #include "platform/message_box.h"
-#include "stores/preferences.h"
-#include "stores/status_log.h"
+#include "stores/installation.h"
 
 namespace {
 
@@ -84,7 +83,7 @@ void MoveToSpeed(uint32_t bitsPerSecond) {
 
 void QualifyPortSpeed() {
     const AdapterFamily& family = CurrentFamily();
-    if (family.Speed == SpeedMove::DipSwitch && ThePreferences.SelectedPortSpeed == 230400) {
+    if (family.Speed == SpeedMove::DipSwitch && LineStores->Prefs.SelectedPortSpeed == 230400) {
         return;
     }
     // The speed commands and the changes of speed bring garbage and stray
@@ -96,23 +95,23 @@ void QualifyPortSpeed() {
         return;
     }
 
-    AddLogLine("Testing 57600 bps...");
+    LineStores->Log.Add("Testing 57600 bps...");
     if (!SetPortSpeed(57600)) {
-        ThePreferences.MaxPortSpeed = 9600;
+        LineStores->Prefs.MaxPortSpeed = 9600;
         ShowMessageBox(
             "Could not set your serial port to 57600 bps.  Please attach your ISDN TA to a "
             "faster serial port.");
         return;
     }
     if (!TestAtThisSpeed()) {
-        ThePreferences.MaxPortSpeed = 9600;
+        LineStores->Prefs.MaxPortSpeed = 9600;
         ShowMessageBox("Error testing connection at 57600 bps.");
         return;
     }
 
     SpeedClass.store(1);
-    ThePreferences.MaxPortSpeed = 57600;
-    AddLogLine("Testing 115200 bps...");
+    LineStores->Prefs.MaxPortSpeed = 57600;
+    LineStores->Log.Add("Testing 115200 bps...");
     if (!SetPortSpeed(115200)) {
         ShowMessageBox(
             "Your maximum port speed is 57600 bps.\r  You will only be able to use the V.120 "
@@ -135,21 +134,21 @@ void QualifyPortSpeed() {
             ShowMessageBox(TopSpeed115200);
         }
         static_cast<void>(SetPortSpeed(115200));  // it took 115200 a moment ago
-        AddLogLine("Test Successful through 115200 bps.");
+        LineStores->Log.Add("Test Successful through 115200 bps.");
         if (portCan230400) {
-            ThePreferences.MaxPortSpeed = 230400;
-            ThePreferences.SelectedPortSpeed = 115200;
+            LineStores->Prefs.MaxPortSpeed = 230400;
+            LineStores->Prefs.SelectedPortSpeed = 115200;
         } else {
-            ThePreferences.MaxPortSpeed = 115200;
+            LineStores->Prefs.MaxPortSpeed = 115200;
         }
         return;
     }
 
-    AddLogLine("Testing 230400 bps...");
+    LineStores->Log.Add("Testing 230400 bps...");
     if (!SetPortSpeed(230400)) {
         ShowMessageBox(TopSpeed115200);
         static_cast<void>(SetPortSpeed(115200));  // it took 115200 a moment ago
-        ThePreferences.MaxPortSpeed = 115200;
+        LineStores->Prefs.MaxPortSpeed = 115200;
         return;
     }
     // The port can; a family that is told by a command is told at 115200,
@@ -163,14 +162,14 @@ void QualifyPortSpeed() {
         }
     }
     if (TestAtThisSpeed()) {
-        AddLogLine("Test Successful through 230400 bps.");
-        ThePreferences.MaxPortSpeed = 230400;
+        LineStores->Log.Add("Test Successful through 230400 bps.");
+        LineStores->Prefs.MaxPortSpeed = 230400;
         return;
     }
     ShowMessageBox("Error testing connection at 230400 bps.");
     TellAdapterSpeed(115200);
     static_cast<void>(SetPortSpeed(115200));  // it took 115200 a moment ago
-    ThePreferences.MaxPortSpeed = 115200;
+    LineStores->Prefs.MaxPortSpeed = 115200;
     SpeedClass.store(2);
 }
 
@@ -201,14 +200,14 @@ void ReturnAdapterTo115200() {
 
 void ChangePortSpeed(uint32_t bitsPerSecond) {
     MoveToSpeed(bitsPerSecond);
-    ThePreferences.SelectedPortSpeed = bitsPerSecond;
-    AddLogLine("Port speed changed to " + std::to_string(bitsPerSecond) + " bps.");
+    LineStores->Prefs.SelectedPortSpeed = bitsPerSecond;
+    LineStores->Log.Add("Port speed changed to " + std::to_string(bitsPerSecond) + " bps.");
 }
 
 SpeedChoice PortSpeedChoice() {
-    if (ThePreferences.MaxPortSpeed != 230400) {
+    if (LineStores->Prefs.MaxPortSpeed != 230400) {
         return SpeedChoice::None;
     }
-    return ThePreferences.SelectedPortSpeed == 230400 ? SpeedChoice::At230400
-                                                      : SpeedChoice::At115200;
+    return LineStores->Prefs.SelectedPortSpeed == 230400 ? SpeedChoice::At230400
+                                                         : SpeedChoice::At115200;
 }

@@ -8,8 +8,7 @@
 #include "line/comm_port.h"
 #include "platform/message_box.h"
 #include "resources/resource.h"
-#include "stores/preferences.h"
-#include "stores/status_log.h"
+#include "stores/installation.h"
 
 std::atomic<uint16_t> RateEstimate{0};
 char LocalNumber[32];
@@ -36,19 +35,19 @@ int SlotFor(LineProtocol protocol, bool at56k) {
 void AppendChannelOptions(std::string& command, bool twoChannels, bool compression) {
     if (twoChannels) {
         command += "&J3";
-        AddLogLine("2B channel connection ON");
+        LineStores->Log.Add("2B channel connection ON");
         RateEstimate.store(static_cast<uint16_t>(RateEstimate.load() * 2));
     } else {
         command += "&J0";
-        AddLogLine("2B channel connection OFF");
+        LineStores->Log.Add("2B channel connection OFF");
     }
     if (compression) {
         command += "&K44";
-        AddLogLine("V.42bis compression ON");
+        LineStores->Log.Add("V.42bis compression ON");
         RateEstimate.store(static_cast<uint16_t>(RateEstimate.load() * 2));
     } else {
         command += "&K00";
-        AddLogLine("V.42bis compression OFF");
+        LineStores->Log.Add("V.42bis compression OFF");
     }
 }
 
@@ -67,7 +66,8 @@ std::string BuildProfile(LineProtocol protocol, bool at56k, bool twoChannels, bo
     const char* opening = setup == Setup::FirstIncoming   ? "Initializing Incoming: "
                           : setup == Setup::LaterIncoming ? "Reinitializing Incoming: "
                                                           : "Initializing Outgoing: ";
-    AddLogLine(std::string(opening) + ProtocolNames[protocol] + (at56k ? " - 56K" : " - 64K"));
+    LineStores->Log.Add(std::string(opening) + ProtocolNames[protocol] +
+                        (at56k ? " - 56K" : " - 64K"));
     // 56K lines carry 7000 bytes a second, 64K lines 8000, and AIMUX bundles
     // two of them.
     uint16_t rate = at56k ? 7000 : 8000;
@@ -82,11 +82,13 @@ std::string BuildProfile(LineProtocol protocol, bool at56k, bool twoChannels, bo
 }
 
 std::string IncomingProfile(Setup setup) {
-    const LineProtocol protocol = ThePreferences.IncomingProtocol == ProtocolAimux ? ProtocolAimux
-                                  : ThePreferences.IncomingProtocol == ProtocolX75 ? ProtocolX75
-                                                                                   : ProtocolV120;
-    return BuildProfile(protocol, ThePreferences.Incoming56K != 0, ThePreferences.Incoming2B != 0,
-                        ThePreferences.IncomingV42 != 0, setup);
+    const LineProtocol protocol =
+        LineStores->Prefs.IncomingProtocol == ProtocolAimux ? ProtocolAimux
+        : LineStores->Prefs.IncomingProtocol == ProtocolX75 ? ProtocolX75
+                                                            : ProtocolV120;
+    return BuildProfile(protocol, LineStores->Prefs.Incoming56K != 0,
+                        LineStores->Prefs.Incoming2B != 0, LineStores->Prefs.IncomingV42 != 0,
+                        setup);
 }
 
 // Keeps the number within LocalNumber's 31 characters, with zeros behind it:
@@ -191,10 +193,10 @@ bool InitializeIncoming() {
     // A protocol saved while another adapter was attached, or one that this
     // port is too slow for, goes back to V.120, so that the window shows
     // what the incoming profile really is.
-    const int16_t saved = ThePreferences.IncomingProtocol;
+    const int16_t saved = LineStores->Prefs.IncomingProtocol;
     if (saved < ProtocolV120 || saved > ProtocolX75 ||
         !ProtocolOffered(static_cast<LineProtocol>(saved))) {
-        ThePreferences.IncomingProtocol = ProtocolV120;
+        LineStores->Prefs.IncomingProtocol = ProtocolV120;
     }
     const std::string command = IncomingProfile(Setup::FirstIncoming);
     bool accepted = false;
@@ -216,7 +218,7 @@ void ReinitializeIncoming() {
     if (!AdapterFound.load()) {
         return;
     }
-    AddLogLine("------------------------------");
+    LineStores->Log.Add("------------------------------");
     const std::string command = IncomingProfile(Setup::LaterIncoming);
     PortConversation conversation;
     DrainInput(DrainQuietMs);

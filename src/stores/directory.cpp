@@ -5,20 +5,16 @@
 
 #include "platform/files.h"
 #include "platform/message_box.h"
-#include "stores/paths.h"
 
-Correspondent Directory[DirectorySlots];
-std::atomic<int16_t> DirectoryCount{0};
-
-int LoadDirectory() {
-    // The table is a static object, so it cannot fail to exist; the message
-    // about memory for it does not arise.
-    std::memset(Directory, 0, sizeof Directory);
-    DirectoryCount = 0;
+int LoadDirectory(CorrespondentDirectory& directory, const std::string& path) {
+    // The table is part of its installation, so it cannot fail to exist; the
+    // message about memory for it does not arise.
+    std::memset(directory.Records, 0, sizeof directory.Records);
+    directory.Count = 0;
 
     File file;
-    if (!file.Open(DirectoryPath, File::Mode::Read)) {
-        if (!file.Open(DirectoryPath, File::Mode::CreateReadWrite)) {
+    if (!file.Open(path, File::Mode::Read)) {
+        if (!file.Open(path, File::Mode::CreateReadWrite)) {
             ShowMessageBox("Cannot create directory file.");
             return 0;
         }
@@ -42,31 +38,31 @@ int LoadDirectory() {
     int64_t count = std::clamp<int64_t>(stored, 0, DirectoryMaxRecords);
     count = std::min(count, wholeRecords);
     const uint32_t wanted = static_cast<uint32_t>(count) * CorrespondentSize;
-    const uint32_t read = file.Read(Directory, wanted);
+    const uint32_t read = file.Read(directory.Records, wanted);
     file.Close();
     if (read < wanted) {
         const uint32_t whole = read / CorrespondentSize;
-        std::memset(reinterpret_cast<uint8_t*>(Directory) + whole * CorrespondentSize, 0,
+        std::memset(reinterpret_cast<uint8_t*>(directory.Records) + whole * CorrespondentSize, 0,
                     wanted - whole * CorrespondentSize);
         count = whole;
     }
-    DirectoryCount = static_cast<int16_t>(count);
+    directory.Count = static_cast<int16_t>(count);
     return 1;
 }
 
-bool SaveDirectory() {
+bool SaveDirectory(const CorrespondentDirectory& directory, const std::string& path) {
     File file;
-    if (!file.Open(DirectoryPath, File::Mode::Write)) {
+    if (!file.Open(path, File::Mode::Write)) {
         return false;
     }
-    const int16_t count = std::clamp<int16_t>(DirectoryCount.load(), 0, DirectoryMaxRecords);
+    const int16_t count = std::clamp<int16_t>(directory.Count.load(), 0, DirectoryMaxRecords);
     // The count and the records go out in one write, so that a reader of the
     // file never finds a count without its records.
     uint8_t bytes[2 + DirectoryMaxRecords * CorrespondentSize];
     bytes[0] = static_cast<uint8_t>(count & 0xFF);
     bytes[1] = static_cast<uint8_t>((count >> 8) & 0xFF);
     const uint32_t recordBytes = static_cast<uint32_t>(count) * CorrespondentSize;
-    std::memcpy(bytes + 2, Directory, recordBytes);
+    std::memcpy(bytes + 2, directory.Records, recordBytes);
     // A failure to write a store while the program runs is silent.
     static_cast<void>(file.Write(bytes, 2 + recordBytes));
     file.Close();
@@ -77,9 +73,10 @@ int CompareCorrespondents(const Correspondent& a, const Correspondent& b) {
     return std::strncmp(a.FirmName, b.FirmName, FirmNameMaxLength);
 }
 
-void SortDirectory() {
-    const int count = std::clamp<int>(DirectoryCount.load(), 0, DirectoryMaxRecords);
-    std::sort(Directory, Directory + count, [](const Correspondent& a, const Correspondent& b) {
-        return CompareCorrespondents(a, b) < 0;
-    });
+void SortDirectory(CorrespondentDirectory& directory) {
+    const int count = std::clamp<int>(directory.Count.load(), 0, DirectoryMaxRecords);
+    std::sort(directory.Records, directory.Records + count,
+              [](const Correspondent& a, const Correspondent& b) {
+                  return CompareCorrespondents(a, b) < 0;
+              });
 }

@@ -73,12 +73,17 @@ static_assert(offsetof(Correspondent, HotBytes) == 120);
 static_assert(offsetof(Correspondent, Reserved124) == 124);
 static_assert(offsetof(Correspondent, EntryMagic) == 136);
 
-// The table. It lives for the whole process, zero-filled, so a thread still
-// running while the program goes down never reads freed memory.
-extern Correspondent Directory[DirectorySlots];
-// Records in use, in slots 0 to DirectoryCount - 1. The communications thread
-// reads it while it looks for a caller's record.
-extern std::atomic<int16_t> DirectoryCount;
+// The table, zero-filled. It lives as long as its installation, which
+// outlives every thread that reads it.
+struct CorrespondentDirectory {
+    Correspondent Records[DirectorySlots] = {};
+    // Records in use, in slots 0 to Count - 1. The communications thread reads
+    // it while it looks for a caller's record.
+    std::atomic<int16_t> Count{0};
+
+    Correspondent& operator[](int slot) { return Records[slot]; }
+    const Correspondent& operator[](int slot) const { return Records[slot]; }
+};
 
 // The text of a fixed-width field, up to its NUL or the field's end; a field
 // from a damaged file without a NUL never reads past the field.
@@ -101,20 +106,20 @@ void SetFieldText(char (&field)[N], std::string_view text) {
     }
 }
 
-// Reads DirectoryPath into the table. On the first run creates the file as
+// Reads the file at path into the table. On the first run creates the file as
 // the count 0, two zero bytes. 1, or 0 after the message "Cannot create
 // directory file.", with the table empty. The count in the file is taken only
 // as far as it is sound: a negative count loads nothing, and no more records
 // are loaded than the table may hold (127) or than the file holds whole.
-int LoadDirectory();
+int LoadDirectory(CorrespondentDirectory& directory, const std::string& path);
 
-// Writes the count and the records over the start of the existing
-// DirectoryPath, without cutting the file short and without creating it.
+// Writes the count and the records over the start of the existing file at
+// path, without cutting the file short and without creating it.
 // True if the file could be opened; no message either way.
-bool SaveDirectory();
+bool SaveDirectory(const CorrespondentDirectory& directory, const std::string& path);
 
 // Sorts the records in use by FirmName.
-void SortDirectory();
+void SortDirectory(CorrespondentDirectory& directory);
 
 // Orders two records as strncmp orders the first 31 bytes of their FirmName:
 // byte order, so every capital comes before every small letter.

@@ -1,7 +1,5 @@
 #include "stores/folder_tree.h"
 
-#include "stores/paths.h"
-
 bool NameCanBeFolder(std::string_view name) {
     if (name.empty() || name == "." || name == "..") {
         return false;
@@ -15,7 +13,7 @@ bool NameCanBeFolder(std::string_view name) {
     return true;
 }
 
-std::string PickUpFolderOf(const Correspondent& record) {
+std::string PickUpFolderOf(const std::string& pickUpRoot, const Correspondent& record) {
     const std::string name = FieldText(record.FirmName);
-    return NameCanBeFolder(name) ? PickUpPath + "/" + name : std::string();
+    return NameCanBeFolder(name) ? pickUpRoot + "/" + name : std::string();
 }

@@ -15,6 +15,7 @@
 // and without "/" and control characters.
 bool NameCanBeFolder(std::string_view name);
 
-// The pick-up folder of the record, below PickUpPath; "" when its firm name
-// cannot name a folder, so that no operation on it reaches anywhere.
-std::string PickUpFolderOf(const Correspondent& record);
+// The pick-up folder of the record, below the installation's pick-up root
+// (StorePaths::PickUpPath); "" when its firm name cannot name a folder, so
+// that no operation on it reaches anywhere.
+std::string PickUpFolderOf(const std::string& pickUpRoot, const Correspondent& record);

@@ -2,8 +2,7 @@
 //
 // Every store file and folder lies directly below the folder in which the
 // program was started, so two copies started in two folders are two separate
-// installations. The paths are built once at start, before any other thread
-// runs, and do not change afterwards; everyone else reads them only.
+// installations.
 #pragma once
 
 #include <string>
@@ -17,25 +16,28 @@ inline constexpr const char* IncomingFolderName = "Incoming Files";
 inline constexpr const char* PickUpFolderName = "Pick Up";
 inline constexpr const char* HelpPageName = "Kestrelbound_Manual/Start_Here.html";
 
-// The installation's folder, as it was given to BuildPaths.
-extern const std::string& RootDirectory;
-// The preferences file.
-extern const std::string& PrefsPath;
-// The correspondent directory file.
-extern const std::string& DirectoryPath;
-// The status log file.
-extern const std::string& LogPath;
-// The folder that received files go into.
-extern const std::string& IncomingPath;
-// The folder that holds a pick-up folder per correspondent.
-extern const std::string& PickUpPath;
-// The start page of the manual.
-extern const std::string& HelpPath;
-// The record of a received file that a cut-off call left for a resume.
-std::string ResumeRecordPath();
+// Every path of one installation, built once from its folder and not changed
+// afterwards, so any thread may read them. An empty root, which is what is
+// left when the current folder cannot be found, puts the paths at the root of
+// the file system ("/kestrelbound_prefs"). A root that ends in "/" does not
+// get a second one.
+struct StorePaths {
+    explicit StorePaths(const std::string& root);
 
-// Builds every path from the installation's folder. An empty root, which is
-// what is left when the current folder cannot be found, puts the paths at the
-// root of the file system ("/kestrelbound_prefs"). A root that ends in "/"
-// does not get a second one.
-void BuildPaths(const std::string& root);
+    // The installation's folder, as it was given.
+    std::string RootDirectory;
+    // The preferences file.
+    std::string PrefsPath;
+    // The correspondent directory file.
+    std::string DirectoryPath;
+    // The status log file.
+    std::string LogPath;
+    // The folder that received files go into.
+    std::string IncomingPath;
+    // The folder that holds a pick-up folder per correspondent.
+    std::string PickUpPath;
+    // The start page of the manual.
+    std::string HelpPath;
+    // The record of a received file that a cut-off call left for a resume.
+    std::string ResumeRecordPath;
+};

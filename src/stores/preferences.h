@@ -11,6 +11,7 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <type_traits>
 
 #include "platform/shared_word.h"
@@ -75,19 +76,14 @@ static_assert(offsetof(Preferences, IncomingV42) == 1048);
 static_assert(offsetof(Preferences, IgnoreHotFolders) == 1050);
 static_assert(offsetof(Preferences, ReservedTail) == 1052);
 
-// The process's one record. It lives for the whole process, so a thread that
-// is still running while the program goes down never reads freed memory, and
-// no layer has to ask whether it exists.
-extern Preferences ThePreferences;
-
-// Reads PrefsPath into ThePreferences; on the first run creates the file with
+// Reads the file at path into the record; on the first run creates the file with
 // the defaults (MaxPortSpeed 9600, all else 0). A file shorter than the record
 // leaves the fields behind its end at 0; of a longer file only the record's
 // length is read. 1 when the record holds a state from a file, 0 after the
 // message "Cannot create preferences file.", with the record all 0.
-int LoadPreferences();
+int LoadPreferences(Preferences& record, const std::string& path);
 
-// Writes ThePreferences over the start of the existing PrefsPath, without
+// Writes the record over the start of the existing file at path, without
 // cutting the file short and without creating it. False, with no message, if
 // the file cannot be opened or written.
-bool SavePreferences();
+bool SavePreferences(const Preferences& record, const std::string& path);

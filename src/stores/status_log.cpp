@@ -11,72 +11,51 @@
 
 #include "platform/files.h"
 #include "platform/message_box.h"
-#include "stores/paths.h"
 
-namespace {
-
-// The file as the program last read it; the window takes its lines once.
-std::unique_ptr<char[]> LogBuffer;
-
-// Where lines go. A sink is never called with sinkLock held: a window that
-// hands the line to its own thread and waits there must not meet a thread that
-// waits here to log.
-std::mutex SinkLock;
-std::condition_variable SinkIdle;
-LogLineSink CurrentSink;
-// Lines logged without a sink, or while held lines are being handed over.
-std::vector<std::string> HeldLines;
-// A thread is handing held lines to a new sink; later lines queue behind them.
-bool HandingOver = false;
-// Calls into a sink that are running now.
-int CallsInSink = 0;
-
-void LeaveSink(std::unique_lock<std::mutex>& lock) {
+void StatusLog::LeaveSink(std::unique_lock<std::mutex>& lock) {
     lock.lock();
-    if (--CallsInSink == 0) {
-        SinkIdle.notify_all();
+    if (--callsInSink_ == 0) {
+        sinkIdle_.notify_all();
     }
 }
 
-}  // namespace
-
-void AddLogLine(const std::string& text) {
-    std::unique_lock<std::mutex> lock(SinkLock);
-    if (!CurrentSink || HandingOver) {
-        AppendLogLine(HeldLines, text);
+void StatusLog::Add(const std::string& text) {
+    std::unique_lock<std::mutex> lock(sinkLock_);
+    if (!sink_ || handingOver_) {
+        AppendLogLine(heldLines_, text);
         return;
     }
-    LogLineSink sink = CurrentSink;
-    ++CallsInSink;
+    LogLineSink sink = sink_;
+    ++callsInSink_;
     lock.unlock();
     sink(text);
     LeaveSink(lock);
 }
 
-void SetLogLineSink(LogLineSink sink) {
-    std::unique_lock<std::mutex> lock(SinkLock);
-    CurrentSink = std::move(sink);
-    if (HandingOver) {
+void StatusLog::SetSink(LogLineSink sink) {
+    std::unique_lock<std::mutex> lock(sinkLock_);
+    sink_ = std::move(sink);
+    if (handingOver_) {
         // Another call is handing lines over; it takes up the new sink with
         // its next batch. Only the calls into the old sink are waited for.
-        SinkIdle.wait(lock, [] { return CallsInSink == 0; });
+        sinkIdle_.wait(lock, [this] { return callsInSink_ == 0; });
         return;
     }
-    HandingOver = true;
-    SinkIdle.wait(lock, [] { return CallsInSink == 0; });
+    handingOver_ = true;
+    sinkIdle_.wait(lock, [this] { return callsInSink_ == 0; });
     // Lines logged meanwhile join the held ones, so they follow them.
-    while (CurrentSink && !HeldLines.empty()) {
-        std::vector<std::string> batch = std::move(HeldLines);
-        HeldLines.clear();
-        LogLineSink target = CurrentSink;
-        ++CallsInSink;
+    while (sink_ && !heldLines_.empty()) {
+        std::vector<std::string> batch = std::move(heldLines_);
+        heldLines_.clear();
+        LogLineSink target = sink_;
+        ++callsInSink_;
         lock.unlock();
         for (const std::string& line : batch) {
             target(line);
         }
         LeaveSink(lock);
     }
-    HandingOver = false;
+    handingOver_ = false;
 }
 
 size_t AppendLogLine(std::vector<std::string>& lines, std::string text) {
@@ -107,17 +86,17 @@ std::vector<std::string> LogLinesFromBuffer(const char* buffer, size_t size) {
     return lines;
 }
 
-int LoadStatusLog() {
-    LogBuffer.reset(new (std::nothrow) char[LogBufferSize]);
-    if (!LogBuffer) {
+int StatusLog::Load() {
+    buffer_.reset(new (std::nothrow) char[LogBufferSize]);
+    if (!buffer_) {
         ShowMessageBox("Not enough memory for status log.");
         return 0;
     }
-    std::memset(LogBuffer.get(), 0, LogBufferSize);
+    std::memset(buffer_.get(), 0, LogBufferSize);
 
     File file;
-    if (!file.Open(LogPath, File::Mode::Read)) {
-        if (!file.Open(LogPath, File::Mode::CreateReadWrite)) {
+    if (!file.Open(path_, File::Mode::Read)) {
+        if (!file.Open(path_, File::Mode::CreateReadWrite)) {
             ShowMessageBox("Cannot create status log file.");
             return 0;
         }
@@ -128,25 +107,25 @@ int LoadStatusLog() {
         return 1;
     }
     // A short read leaves the rest of the buffer empty.
-    static_cast<void>(file.Read(LogBuffer.get(), LogBufferSize));
+    static_cast<void>(file.Read(buffer_.get(), LogBufferSize));
     file.Close();
     return 1;
 }
 
-std::vector<std::string> StoredLogLines() {
-    if (!LogBuffer) {
+std::vector<std::string> StatusLog::StoredLines() const {
+    if (!buffer_) {
         return {};
     }
-    return LogLinesFromBuffer(LogBuffer.get(), LogBufferSize);
+    return LogLinesFromBuffer(buffer_.get(), LogBufferSize);
 }
 
-void FreeStatusLog() {
-    LogBuffer.reset();
+void StatusLog::Free() {
+    buffer_.reset();
 }
 
-int SaveStatusLog(const std::vector<std::string>& lines) {
+int StatusLog::Save(const std::vector<std::string>& lines) const {
     File file;
-    if (!file.Open(LogPath, File::Mode::Write)) {
+    if (!file.Open(path_, File::Mode::Write)) {
         return 0;
     }
     std::string bytes;

@@ -58,7 +58,7 @@ protected:
     std::vector<std::string> Messages() const { return output_.Messages(); }
 
     TempFolder folder_;
-    CapturedOutput output_{CapturedOutput::LogLines::LeftAlone};
+    CapturedOutput output_;
 
 private:
     std::string previous_;

@@ -61,11 +61,11 @@ TEST_F(DesktopControlsTest, AddedRecordsStandInByteOrderAndTheNewOneIsOnShow) {
     EXPECT_EQ(RowTexts(IDC_DIRECTORY_LIST), (std::vector<std::string>{"Zeta", "alpha"}));
     EXPECT_EQ(Controls().Selection(IDC_DIRECTORY_LIST), 0);
     EXPECT_EQ(window_->Correspondents().CurrentEntry(), 0);
-    EXPECT_EQ(ReadWholeFile(DirectoryPath).substr(0, 2), std::string("\x02\0", 2));
-    EXPECT_EQ(FieldText(Directory[1].FirmName), "alpha");
-    EXPECT_EQ(Directory[1].Use56K, 1);
-    EXPECT_EQ(Directory[1].Carrier, 2);
-    EXPECT_EQ(Directory[1].HasPickUp, 0);
+    EXPECT_EQ(ReadWholeFile(Stores().Paths.DirectoryPath).substr(0, 2), std::string("\x02\0", 2));
+    EXPECT_EQ(FieldText(Stores().Directory[1].FirmName), "alpha");
+    EXPECT_EQ(Stores().Directory[1].Use56K, 1);
+    EXPECT_EQ(Stores().Directory[1].Carrier, 2);
+    EXPECT_EQ(Stores().Directory[1].HasPickUp, 0);
     // A new record shows the button that makes its pick-up folder.
     EXPECT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
     EXPECT_FALSE(Controls().Shown(IDC_HOT_SEND));
@@ -99,33 +99,33 @@ TEST_F(DesktopControlsTest, AddedRecordsStandInByteOrderAndTheNewOneIsOnShow) {
 
 TEST_F(DesktopControlsTest, TheFolderButtonTellsTheStateOfThePickUpFolder) {
     AddRecord("Smith", "555");
-    Directory[0].HasPickUp = 1;
-    Directory[0].HotSend = 1;
-    ASSERT_TRUE(CreateFolder(PickUpPath + "/Smith"));
+    Stores().Directory[0].HasPickUp = 1;
+    Stores().Directory[0].HotSend = 1;
+    ASSERT_TRUE(CreateFolder(Stores().Paths.PickUpPath + "/Smith"));
     window_->Correspondents().ShowCorrespondent(0);
     EXPECT_TRUE(Controls().Shown(IDC_HOT_EMPTY));
     EXPECT_TRUE(Controls().Checked(IDC_HOT_SEND));
     EXPECT_FALSE(Controls().Checked(IDC_HOT_RETRIEVE));
-    WriteWholeFile(PickUpPath + "/Smith/waiting", "data");
+    WriteWholeFile(Stores().Paths.PickUpPath + "/Smith/waiting", "data");
     window_->Correspondents().ShowCorrespondent(0);
     EXPECT_TRUE(Controls().Shown(IDC_HOT_FILLED));
     EXPECT_FALSE(Controls().Shown(IDC_HOT_EMPTY));
-    Directory[0].HotSend = 0;
+    Stores().Directory[0].HotSend = 0;
     window_->Correspondents().ShowCorrespondent(0);
     EXPECT_TRUE(Controls().Shown(IDC_FOLDER_FILLED));
 
     // A folder removed by hand: the record has none from then on.
-    ASSERT_TRUE(DeleteFileAt(PickUpPath + "/Smith/waiting"));
-    ASSERT_TRUE(RemoveFolder(PickUpPath + "/Smith/Sent Files"));
-    ASSERT_TRUE(RemoveFolder(PickUpPath + "/Smith"));
+    ASSERT_TRUE(DeleteFileAt(Stores().Paths.PickUpPath + "/Smith/waiting"));
+    ASSERT_TRUE(RemoveFolder(Stores().Paths.PickUpPath + "/Smith/Sent Files"));
+    ASSERT_TRUE(RemoveFolder(Stores().Paths.PickUpPath + "/Smith"));
     window_->Correspondents().ShowCorrespondent(0);
     EXPECT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
     EXPECT_FALSE(Controls().Shown(IDC_HOT_SEND));
-    EXPECT_EQ(Directory[0].HasPickUp, 0);
+    EXPECT_EQ(Stores().Directory[0].HasPickUp, 0);
     Choose(IDC_DIRECTORY_LIST, 0);
     Press(IDC_DELETE);
-    EXPECT_EQ(DirectoryCount.load(), 0);
-    EXPECT_EQ(ReadWholeFile(DirectoryPath).substr(0, 2), std::string(2, '\0'));
+    EXPECT_EQ(Stores().Directory.Count.load(), 0);
+    EXPECT_EQ(ReadWholeFile(Stores().Paths.DirectoryPath).substr(0, 2), std::string(2, '\0'));
     EXPECT_EQ(Controls().RowCount(IDC_DIRECTORY_LIST), 0);
 }
 
@@ -133,9 +133,9 @@ TEST_F(DesktopControlsTest, APickUpFolderIsMadeOnceAndTurnsHotOnlyWhenStored) {
     AddRecord("Smith", "5551234");
     ASSERT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
     ASSERT_TRUE(Press(IDC_MAKE_FOLDER).Done);
-    EXPECT_TRUE(FolderExists(PickUpPath + "/Smith/Sent Files"));
-    EXPECT_EQ(Directory[0].HasPickUp, 1);
-    EXPECT_EQ(ReadWholeFile(DirectoryPath).at(2 + 78), 1) << "saved at once";
+    EXPECT_TRUE(FolderExists(Stores().Paths.PickUpPath + "/Smith/Sent Files"));
+    EXPECT_EQ(Stores().Directory[0].HasPickUp, 1);
+    EXPECT_EQ(ReadWholeFile(Stores().Paths.DirectoryPath).at(2 + 78), 1) << "saved at once";
     EXPECT_FALSE(Controls().Shown(IDC_MAKE_FOLDER));
     EXPECT_TRUE(Controls().Shown(IDC_FOLDER_EMPTY));
     EXPECT_TRUE(Controls().Shown(IDC_HOT_RETRIEVE));
@@ -146,34 +146,34 @@ TEST_F(DesktopControlsTest, APickUpFolderIsMadeOnceAndTurnsHotOnlyWhenStored) {
     Select("Smith");
     ASSERT_TRUE(Click(IDC_HOT_SEND, true).Done);
     EXPECT_FALSE(Controls().Checked(IDC_HOT_RETRIEVE));
-    EXPECT_EQ(Directory[0].HotSend, 0);
+    EXPECT_EQ(Stores().Directory[0].HotSend, 0);
     ASSERT_TRUE(Press(IDC_CHANGE).Done);
-    EXPECT_EQ(Directory[0].HotSend, 1);
+    EXPECT_EQ(Stores().Directory[0].HotSend, 1);
     EXPECT_TRUE(Controls().Shown(IDC_HOT_EMPTY));
 
     // The scan looks at a hot folder only while "Ignore Hot Folders" is
     // clear; its first look notes the folder's total.
-    WriteWholeFile(PickUpPath + "/Smith/a.txt", "12345");
+    WriteWholeFile(Stores().Paths.PickUpPath + "/Smith/a.txt", "12345");
     ASSERT_TRUE(Click(IDC_IGNORE_HOT, true).Done);
     window_->OnTimer(TimerHotFolders);
-    EXPECT_EQ(Directory[0].HotBytes, 0u);
+    EXPECT_EQ(Stores().Directory[0].HotBytes, 0u);
     ASSERT_TRUE(Click(IDC_IGNORE_HOT, false).Done);
     window_->OnTimer(TimerHotFolders);
-    EXPECT_EQ(Directory[0].HotBytes, 5u);
+    EXPECT_EQ(Stores().Directory[0].HotBytes, 5u);
 
     // A folder of that name on disk already belongs to nobody here: the
     // message, and the record keeps no folder.
-    ASSERT_TRUE(CreateFolder(PickUpPath + "/Jones"));
+    ASSERT_TRUE(CreateFolder(Stores().Paths.PickUpPath + "/Jones"));
     AddRecord("Jones", "5559876");
     ASSERT_TRUE(Press(IDC_MAKE_FOLDER).Done);
     EXPECT_EQ(Messages(), std::vector<std::string>{FolderRefusal});
-    EXPECT_EQ(Directory[0].HasPickUp, 0) << "Jones";
+    EXPECT_EQ(Stores().Directory[0].HasPickUp, 0) << "Jones";
     EXPECT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
 }
 
 TEST_F(DesktopControlsTest, ANameThatIsNoFolderNameNeverBecomesAPath) {
-    ASSERT_TRUE(CreateFolder(PickUpPath + "/Smith"));
-    WriteWholeFile(PickUpPath + "/Smith/secret", "smith's");
+    ASSERT_TRUE(CreateFolder(Stores().Paths.PickUpPath + "/Smith"));
+    WriteWholeFile(Stores().Paths.PickUpPath + "/Smith/secret", "smith's");
     size_t refusals = 0;
     for (const std::string name : {"..", ".", "../Smith", "a/b", "tab\there"}) {
         SCOPED_TRACE(name);
@@ -183,13 +183,13 @@ TEST_F(DesktopControlsTest, ANameThatIsNoFolderNameNeverBecomesAPath) {
         EXPECT_EQ(Messages().size(), ++refusals);
         EXPECT_EQ(Messages().back(), FolderRefusal);
         const int16_t current = window_->Correspondents().CurrentEntry();
-        EXPECT_EQ(Directory[current].HasPickUp, 0);
+        EXPECT_EQ(Stores().Directory[current].HasPickUp, 0);
         // A record that claims a folder all the same shows none and offers
         // none to open.
-        Directory[current].HasPickUp = 1;
+        Stores().Directory[current].HasPickUp = 1;
         window_->Correspondents().ShowCorrespondent(current);
         EXPECT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
-        EXPECT_EQ(Directory[current].HasPickUp, 0);
+        EXPECT_EQ(Stores().Directory[current].HasPickUp, 0);
     }
     EXPECT_TRUE(desktop_.Take().empty());
 
@@ -199,13 +199,13 @@ TEST_F(DesktopControlsTest, ANameThatIsNoFolderNameNeverBecomesAPath) {
     Select("Jones");
     Type(IDC_NAME, "../Smith");
     ASSERT_TRUE(Press(IDC_CHANGE).Done);
-    EXPECT_TRUE(FolderExists(PickUpPath + "/Jones/Sent Files"));
-    EXPECT_EQ(ReadWholeFile(PickUpPath + "/Smith/secret"), "smith's");
+    EXPECT_TRUE(FolderExists(Stores().Paths.PickUpPath + "/Jones/Sent Files"));
+    EXPECT_EQ(ReadWholeFile(Stores().Paths.PickUpPath + "/Smith/secret"), "smith's");
     // Deleting it has no folder to remove.
-    const int before = DirectoryCount.load();
+    const int before = Stores().Directory.Count.load();
     ASSERT_TRUE(Press(IDC_DELETE).Done);
-    EXPECT_EQ(DirectoryCount.load(), before - 1);
-    EXPECT_TRUE(FolderExists(PickUpPath + "/Jones"));
+    EXPECT_EQ(Stores().Directory.Count.load(), before - 1);
+    EXPECT_TRUE(FolderExists(Stores().Paths.PickUpPath + "/Jones"));
 }
 
 // Each program button keeps its own program, and a path its field cannot
@@ -215,8 +215,8 @@ TEST_F(DesktopControlsTest, EachProgramButtonKeepsItsOwnPathAndNoneCutShort) {
     ASSERT_TRUE(Press(IDC_PROGRAM_1).Done);
     desktop_.Answer("/" + std::string(600, 'p'));
     ASSERT_TRUE(Press(IDC_PROGRAM_2).Done);
-    EXPECT_EQ(FieldText(ThePreferences.ExternalProgramA), "/usr/bin/gimp");
-    EXPECT_EQ(FieldText(ThePreferences.ExternalProgramB), "");
+    EXPECT_EQ(FieldText(Stores().Prefs.ExternalProgramA), "/usr/bin/gimp");
+    EXPECT_EQ(FieldText(Stores().Prefs.ExternalProgramB), "");
     ASSERT_TRUE(Press(IDC_PROGRAM_2).Done);
     EXPECT_EQ(desktop_.Take(), std::vector<std::string>(3, "dialog: open"));
 }
@@ -230,7 +230,7 @@ TEST_F(DesktopControlsTest, AnExportedEntryComesBackWholeAsTheRecordItWas) {
     Click(IDC_56K, true);
     ASSERT_TRUE(Press(IDC_CHANGE).Done);
     ASSERT_TRUE(Press(IDC_MAKE_FOLDER).Done);
-    const Correspondent original = Directory[0];
+    const Correspondent original = Stores().Directory[0];
 
     // Cancelled, nothing is written; a place that cannot take a file is told.
     ASSERT_TRUE(ChooseMenu(ID_FILE_EXPORT_ENTRY).Done);
@@ -252,9 +252,9 @@ TEST_F(DesktopControlsTest, AnExportedEntryComesBackWholeAsTheRecordItWas) {
     // Taken back in a directory of its own, and only whole: a file cut
     // short, one too long, one of another magic or none is no entry, nor is
     // a drop of a name in .Kbe.
-    ASSERT_TRUE(RemoveFolder(PickUpPath + "/Smith & Co/Sent Files"));
+    ASSERT_TRUE(RemoveFolder(Stores().Paths.PickUpPath + "/Smith & Co/Sent Files"));
     window_->Correspondents().OnDirectoryDelete();
-    ASSERT_EQ(DirectoryCount.load(), 0);
+    ASSERT_EQ(Stores().Directory.Count.load(), 0);
     std::string otherMagic = bytes;
     otherMagic[139] = 'E';
     for (const std::string& bad : {bytes.substr(0, 139), bytes + "x", otherMagic}) {
@@ -265,22 +265,23 @@ TEST_F(DesktopControlsTest, AnExportedEntryComesBackWholeAsTheRecordItWas) {
     EXPECT_FALSE(window_->Correspondents().ImportDirectoryEntry(folder_ / "missing.KBE"));
     WriteWholeFile(folder_ / "smith.Kbe", bytes);
     Drop(IDC_DIRECTORY_LIST, {folder_ / "smith.Kbe"});
-    EXPECT_EQ(DirectoryCount.load(), 0);
+    EXPECT_EQ(Stores().Directory.Count.load(), 0);
     Drop(IDC_DIRECTORY_LIST, {exported, folder_ / "smith.Kbe"});
-    ASSERT_EQ(DirectoryCount.load(), 1);
+    ASSERT_EQ(Stores().Directory.Count.load(), 1);
     EXPECT_EQ(Observed().back(), "Directory Entry Added");
     EXPECT_EQ(window_->Correspondents().CurrentEntry(), 0);
     EXPECT_EQ(Controls().Text(IDC_NAME), "Smith & Co");
-    EXPECT_EQ(ReadWholeFile(DirectoryPath).substr(0, 2), std::string("\x01\0", 2)) << "saved";
+    EXPECT_EQ(ReadWholeFile(Stores().Paths.DirectoryPath).substr(0, 2), std::string("\x01\0", 2))
+        << "saved";
     EXPECT_TRUE(PathExists(exported)) << "the file itself stays";
     // The same record but for the mark and the magic, with a folder made
     // for it.
-    Correspondent back = Directory[0];
+    Correspondent back = Stores().Directory[0];
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(back.EntryMagic), 4), "eDBK");
     back.SelectMark = original.SelectMark;
     std::memcpy(back.EntryMagic, original.EntryMagic, 4);
     EXPECT_EQ(std::memcmp(&back, &original, CorrespondentSize), 0);
-    EXPECT_TRUE(FolderExists(PickUpPath + "/Smith & Co"));
+    EXPECT_TRUE(FolderExists(Stores().Paths.PickUpPath + "/Smith & Co"));
 }
 
 // A name that is no folder name is refused however the entry came; what a
@@ -291,7 +292,7 @@ TEST_F(DesktopControlsTest, AnEntryWhoseNameIsNoFolderNameIsNotEntered) {
         EXPECT_FALSE(window_->Correspondents().ImportDirectoryEntry(folder_ / "bad.KBE")) << name;
         EXPECT_EQ(Observed().back(), "Directory Entry Not Added: its name cannot name a folder.");
     }
-    EXPECT_EQ(DirectoryCount.load(), 0);
+    EXPECT_EQ(Stores().Directory.Count.load(), 0);
 }
 
 }  // namespace

@@ -96,17 +96,17 @@ TEST_F(MainWindowTest, EventsReachOnlyControlsAUserCouldUse) {
     // The incoming settings are stored at once; without an adapter nothing
     // goes to the line.
     EXPECT_TRUE(Click(IDC_IN_56K, true).Done);
-    EXPECT_EQ(ThePreferences.Incoming56K, 1);
+    EXPECT_EQ(Stores().Prefs.Incoming56K, 1);
     EXPECT_TRUE(Click(IDC_IN_56K, false).Done);
-    EXPECT_EQ(ThePreferences.Incoming56K, 0);
-    ThePreferences.AdapterModel = ModelZyXEL;
+    EXPECT_EQ(Stores().Prefs.Incoming56K, 0);
+    Stores().Prefs.AdapterModel = ModelZyXEL;
     EXPECT_TRUE(Choose(IDC_IN_PROTOCOL, 1).Done);
-    EXPECT_EQ(ThePreferences.IncomingProtocol, 2);
-    ThePreferences.AdapterModel = ModelBitSURFR;
+    EXPECT_EQ(Stores().Prefs.IncomingProtocol, 2);
+    Stores().Prefs.AdapterModel = ModelBitSURFR;
     EXPECT_TRUE(Choose(IDC_IN_PROTOCOL, 1).Done);
-    EXPECT_EQ(ThePreferences.IncomingProtocol, 1);
+    EXPECT_EQ(Stores().Prefs.IncomingProtocol, 1);
     EXPECT_TRUE(Click(IDC_IGNORE_HOT, true).Done);
-    EXPECT_EQ(ThePreferences.IgnoreHotFolders, 1);
+    EXPECT_EQ(Stores().Prefs.IgnoreHotFolders, 1);
 
     // An outgoing setting changes the estimate of what waits to go.
     MakeFile("a", 1000000);
@@ -161,12 +161,12 @@ TEST_F(MainWindowTest, TheWindowShowsWhatTheAdapterFoundOffers) {
         SCOPED_TRACE(c.Name);
         StopWindow();
         StartWindow();
-        ThePreferences.AdapterModel = c.Model;
-        ThePreferences.AdapterVariant = c.Variant;
-        ThePreferences.IncomingProtocol = c.Incoming;
-        ThePreferences.Incoming2B = 1;
-        ThePreferences.MaxPortSpeed = c.MaxSpeed;
-        ThePreferences.SelectedPortSpeed = c.Checked230400 ? 230400 : 115200;
+        Stores().Prefs.AdapterModel = c.Model;
+        Stores().Prefs.AdapterVariant = c.Variant;
+        Stores().Prefs.IncomingProtocol = c.Incoming;
+        Stores().Prefs.Incoming2B = 1;
+        Stores().Prefs.MaxPortSpeed = c.MaxSpeed;
+        Stores().Prefs.SelectedPortSpeed = c.Checked230400 ? 230400 : 115200;
         SpeedClass.store(c.SpeedClass);
         AdapterFound.store(true);
         window_->ShowAdapter(true);
@@ -186,13 +186,13 @@ TEST_F(MainWindowTest, TheWindowShowsWhatTheAdapterFoundOffers) {
             const std::string name = ProtocolNames[protocol];
             const std::string shown =
                 std::string(c.Rows).find(name) != std::string::npos ? name : "V.120";
-            Directory[0] = Correspondent{};
-            Directory[0].Protocol = protocol;
+            Stores().Directory[0] = Correspondent{};
+            Stores().Directory[0].Protocol = protocol;
             window_->Correspondents().ShowCorrespondent(0);
             EXPECT_EQ(Controls().RowText(IDC_PROTOCOL, Controls().Selection(IDC_PROTOCOL)), shown)
                 << name;
             window_->Correspondents().ReadCorrespondentForm(0);
-            EXPECT_EQ(Directory[0].Protocol, ProtocolNamed(shown)) << name;
+            EXPECT_EQ(Stores().Directory[0].Protocol, ProtocolNamed(shown)) << name;
         }
         std::vector<std::string> menus;
         for (const Menu& menu : Controls().Menus()) {
@@ -233,11 +233,11 @@ TEST_F(MainWindowTest, TheLogKeeps600LinesThe601stLeaves301AndClearLogLeavesOnly
     const size_t start = RowTexts(IDC_LOG).size();
     ASSERT_EQ(start, 1u);  // the Starting line
     for (size_t i = start; i < 600; ++i) {
-        AddLogLine("line " + std::to_string(i));
+        Stores().Log.Add("line " + std::to_string(i));
     }
     EXPECT_EQ(Controls().RowCount(IDC_LOG), 600);
     EXPECT_EQ(Controls().Selection(IDC_LOG), -1);
-    AddLogLine("line 600");
+    Stores().Log.Add("line 600");
     const std::vector<std::string> rows = RowTexts(IDC_LOG);
     ASSERT_EQ(rows.size(), 301u);
     EXPECT_EQ(rows.front(), "line 300");
@@ -249,7 +249,7 @@ TEST_F(MainWindowTest, TheLogKeeps600LinesThe601stLeaves301AndClearLogLeavesOnly
     window_->Log().OnClearLog();
     EXPECT_EQ(Controls().RowCount(IDC_LOG), 0);
     StopWindow();
-    const std::string bytes = ReadWholeFile(LogPath);
+    const std::string bytes = ReadWholeFile(Stores().Paths.LogPath);
     const std::vector<std::string> lines = LogLinesFromBuffer(bytes.data(), bytes.size());
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].rfind("Stopping Kestrelbound ", 0), 0u);
@@ -323,7 +323,7 @@ TEST_F(MainWindowTest, TheFixedRatesFollowTheOutgoingSettings) {
     };
     for (const RateCase& c : cases) {
         SCOPED_TRACE(c.What);
-        ThePreferences.AdapterModel = c.Model;
+        Stores().Prefs.AdapterModel = c.Model;
         Controls().Select(IDC_PROTOCOL, c.Row);
         Controls().Check(IDC_56K, c.At56k);
         Controls().Check(IDC_2B, c.TwoChannels);

@@ -10,16 +10,13 @@
 #include "platform/event_loop.h"
 #include "platform/files.h"
 #include "resources/resource.h"
-#include "stores/directory.h"
-#include "stores/paths.h"
-#include "stores/preferences.h"
-#include "stores/status_log.h"
+#include "stores/installation.h"
 
 void WindowTest::SetUp() {
     BlockPorts(folder_.Path());
-    BuildPaths(folder_.Path());
-    ASSERT_TRUE(CreateFolder(IncomingPath));
-    ASSERT_TRUE(CreateFolder(PickUpPath));
+    const StorePaths paths(folder_.Path());
+    ASSERT_TRUE(CreateFolder(paths.IncomingPath));
+    ASSERT_TRUE(CreateFolder(paths.PickUpPath));
     StartWindow();
 }
 
@@ -40,10 +37,10 @@ void WindowTest::StartWindow() {
     RateEstimate = 0;
     MeasuredRate = 0;
     SplashPending = 1;
-    LoadPreferences();
-    LoadDirectory();
-    LoadStatusLog();
-    window_ = std::make_unique<MainWindow>();
+    stores_ = std::make_unique<Installation>(folder_.Path());
+    LineStores = stores_.get();
+    stores_->Load();
+    window_ = std::make_unique<MainWindow>(*stores_);
     window_->SetLogObserver([this](const std::string& line) {
         std::lock_guard<std::mutex> guard(lock_);
         observed_.push_back(line);
@@ -64,8 +61,10 @@ void WindowTest::StopWindow() {
     if (window_->EngineStarted()) {
         EngineShutdown();
     }
-    FreeStatusLog();
+    stores_->Log.Free();
     window_.reset();
+    // The stopped installation stays for a look at what it left on the disk,
+    // until the next start.
 }
 
 std::string WindowTest::MakeFile(const std::string& name, size_t size, char fill) {

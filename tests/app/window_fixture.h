@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "app/main_window.h"
+#include "stores/installation.h"
 #include "support/captured_output.h"
 #include "support/installation.h"
 #include "support/temp_folder.h"
@@ -52,11 +53,16 @@ protected:
     EventOutcome Type(int id, const std::string& text);
     EventOutcome Drop(int id, const std::vector<std::string>& paths);
 
+    // The installation of the window that runs or ran last; a restart makes
+    // a new one from the same folder, as the program's next start does.
+    Installation& Stores() { return *stores_; }
+
     TempFolder folder_;
+    std::unique_ptr<Installation> stores_;
     std::unique_ptr<MainWindow> window_;
 
 private:
-    CapturedOutput output_{CapturedOutput::LogLines::LeftAlone};
+    CapturedOutput output_;
     mutable std::mutex lock_;
     std::vector<std::string> observed_;
 };

@@ -10,7 +10,6 @@
 #include "platform/clock.h"
 #include "platform/clock_test_hooks.h"
 #include "platform/files.h"
-#include "stores/preferences.h"
 
 std::string LetterBytes(size_t size) {
     std::string bytes(size, 'a');
@@ -43,16 +42,16 @@ FileEntry EntryForFile(const std::string& name, const std::string& path, uint64_
 
 void EngineHarness::SetUp() {
     SetFreeSpaceQuery([] { return uint64_t{1} << 40; });
-    BuildPaths(root_.Path());
-    ASSERT_TRUE(CreateFolder(IncomingPath));
+    LineStores = &stores_;
+    ASSERT_TRUE(CreateFolder(stores_.Paths.IncomingPath));
     far_.LinkAs(root_.Path(), 1);
     ASSERT_TRUE(CommPortCreate());
     SelectPortNumber(1);
     SelectPortBaud(115200);
     ASSERT_NE(CommPortOpen(), 0);
     ASSERT_EQ(EnableHardwareHandshake(), 1);
-    ThePreferences.AdapterModel = ModelBitSURFR;
-    EngineStartup();
+    stores_.Prefs.AdapterModel = ModelBitSURFR;
+    EngineStartup(stores_);
     TheEngine.CommThreadRun = true;
     AdapterFound = 1;
     SetLinePolling(1);

@@ -16,7 +16,7 @@
 #include "engine/transfer_engine.h"
 #include "line/adapter.h"
 #include "platform/thread.h"
-#include "stores/paths.h"
+#include "stores/installation.h"
 #include "support/captured_output.h"
 #include "support/far_end.h"
 #include "support/temp_folder.h"
@@ -74,10 +74,10 @@ protected:
     static bool WaitUntil(const std::function<bool()>& condition, int timeoutMs = 5000);
     // The program's exit and its next start, as far as the engine goes: what
     // it held in memory is gone, and what it keeps on the disk is read again.
-    static void RestartEngine() {
-        Inspect([] {
+    void RestartEngine() {
+        Inspect([this] {
             EngineShutdown();
-            EngineStartup();
+            EngineStartup(stores_);
         });
     }
     bool WaitForLog(const std::string& line, int timeoutMs = 5000) {
@@ -99,16 +99,19 @@ protected:
     // A file in the installation, put at the end of SendList as the window
     // does; returns its path.
     std::string ChooseFile(const std::string& name, const std::string& bytes);
-    static std::string Incoming(const std::string& name) { return IncomingPath + "/" + name; }
+    std::string Incoming(const std::string& name) const {
+        return stores_.Paths.IncomingPath + "/" + name;
+    }
     // Moves the engine's millisecond clock on at once, for the limits on
     // silence; back when the test ends.
     void JumpClock(uint32_t ms);
 
     TempFolder root_;
+    Installation stores_{root_.Path()};
     FarEnd far_;
 
 private:
     ThreadHandle commThread_;
-    CapturedOutput output_;
+    CapturedOutput output_{&stores_.Log};
     uint32_t clockJumped_ = 0;
 };

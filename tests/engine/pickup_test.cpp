@@ -20,15 +20,7 @@ class PickUpTest : public EngineHarness {
 protected:
     void SetUp() override {
         EngineHarness::SetUp();
-        ASSERT_TRUE(CreateFolder(PickUpPath));
-        std::memset(Directory, 0, sizeof Directory);
-        DirectoryCount = 0;
-    }
-    void TearDown() override {
-        // The communications thread reads the directory until it has stopped.
-        EngineHarness::TearDown();
-        std::memset(Directory, 0, sizeof Directory);
-        DirectoryCount = 0;
+        ASSERT_TRUE(CreateFolder(stores_.Paths.PickUpPath));
     }
 
     // A record with a pick-up folder holding the given files. As the window
@@ -37,17 +29,17 @@ protected:
     void AddRecord(const std::string& name, const std::string& number, bool hot,
                    const std::vector<std::string>& files) {
         PortConversation conversation;
-        Correspondent& record = Directory[DirectoryCount.load()];
+        Correspondent& record = stores_.Directory[stores_.Directory.Count.load()];
         SetFieldText(record.FirmName, name);
         SetFieldText(record.IsdnNumber, number);
         record.HasPickUp = 1;
         record.HotSend = hot ? 1 : 0;
-        EXPECT_TRUE(CreateFolder(PickUpPath + "/" + name));
-        EXPECT_TRUE(CreateFolder(PickUpPath + "/" + name + "/Sent Files"));
+        EXPECT_TRUE(CreateFolder(stores_.Paths.PickUpPath + "/" + name));
+        EXPECT_TRUE(CreateFolder(stores_.Paths.PickUpPath + "/" + name + "/Sent Files"));
         for (const std::string& file : files) {
-            WriteWholeFile(PickUpPath + "/" + name + "/" + file, file);
+            WriteWholeFile(stores_.Paths.PickUpPath + "/" + name + "/" + file, file);
         }
-        DirectoryCount = static_cast<int16_t>(DirectoryCount.load() + 1);
+        stores_.Directory.Count = static_cast<int16_t>(stores_.Directory.Count.load() + 1);
     }
 
     // RETRIEVE and the caller's number in its 32-byte field.
@@ -74,19 +66,19 @@ TEST_F(PickUpTest, TheHolderAnswersARequestForAnEmptyFolderAndStaysTheReceiver) 
 TEST_F(PickUpTest, AHotFolderGoesOutOnceItsTotalHasStoodStill) {
     AddRecord("Hot", "123", true, {"one.txt", "three.txt"});
     EXPECT_EQ(HotFolderDue(), std::nullopt);  // the total of the two files is noted
-    EXPECT_EQ(Directory[0].HotBytes, 16u);
+    EXPECT_EQ(stores_.Directory[0].HotBytes, 16u);
     // During a call nothing is looked at, and nothing goes out.
     TheEngine.LinkState = LinkConnected;
     EXPECT_EQ(HotFolderDue(), std::nullopt);
-    EXPECT_EQ(Directory[0].HotBytes, 16u);
+    EXPECT_EQ(stores_.Directory[0].HotBytes, 16u);
     TheEngine.LinkState = LinkIdle;
     // A call that rings in starts the count again.
     Send("\r\nRING\r\n");
     EXPECT_EQ(TakeUntil("\r", 3000), "ATA\r");
     EXPECT_EQ(HotFolderDue(), std::nullopt);
-    EXPECT_EQ(Directory[0].HotBytes, 16u);
+    EXPECT_EQ(stores_.Directory[0].HotBytes, 16u);
     EXPECT_EQ(HotFolderDue(), 0);  // unchanged since the last look: it goes out
-    EXPECT_EQ(Directory[0].HotBytes, 0u);
+    EXPECT_EQ(stores_.Directory[0].HotBytes, 0u);
     EXPECT_TRUE(Messages().empty());
     // A record without a number is not dialled.
     SendHotFolder(CallRequest{});
@@ -97,7 +89,7 @@ TEST_F(PickUpTest, AHotFolderGoesOutOnceItsTotalHasStoodStill) {
 
 TEST_F(PickUpTest, ASentFileMovesToSentFilesReplacingAnOlderOne) {
     AddRecord("P", "1", false, {"f.txt"});
-    const std::string folder = PickUpPath + "/P";
+    const std::string folder = stores_.Paths.PickUpPath + "/P";
     WriteWholeFile(folder + "/Sent Files/f.txt", "old");
     MoveToSentFiles(folder + "/f.txt");
     EXPECT_FALSE(PathExists(folder + "/f.txt"));

@@ -165,10 +165,10 @@ TEST_F(ReceiverTeardownTest, ARestartTakesUpOnlyAPartThatItsRecordVouchesFor) {
     const std::vector<Case> cases = {
         {"a section more than recorded", grow(SectionFileBytes), true},
         {"a record with a byte changed past the end of every text in it",
-         [](const std::string&) {
-             std::string record = ReadWholeFile(ResumeRecordPath());
+         [this](const std::string&) {
+             std::string record = ReadWholeFile(stores_.Paths.ResumeRecordPath);
              record[record.size() / 2] = static_cast<char>(record[record.size() / 2] ^ 0x5A);
-             WriteWholeFile(ResumeRecordPath(), record);
+             WriteWholeFile(stores_.Paths.ResumeRecordPath, record);
          },
          false},
         {"a part shorter than recorded",
@@ -213,7 +213,7 @@ TEST_F(ReceiverTeardownTest, ARestartTakesUpOnlyAPartThatItsRecordVouchesFor) {
 TEST_F(ReceiverTeardownTest, AFileThatCannotBeWrittenEndsTheSession) {
     // An empty file is made with its list; with "Incoming Files" gone it
     // cannot be, and is no file received.
-    ASSERT_TRUE(RemoveFolder(IncomingPath));
+    ASSERT_TRUE(RemoveFolder(stores_.Paths.IncomingPath));
     ConnectAsReceiver();
     Send(ListFor({{"e.txt", ""}}));
     EXPECT_EQ(Take(7), "ABORT\r\n");
@@ -222,7 +222,7 @@ TEST_F(ReceiverTeardownTest, AFileThatCannotBeWrittenEndsTheSession) {
     Send("\r\nNO CARRIER\r\n");
     EXPECT_TRUE(AnswerProfile());
     ASSERT_TRUE(WaitForState(LinkIdle));
-    ASSERT_TRUE(CreateFolder(IncomingPath));
+    ASSERT_TRUE(CreateFolder(stores_.Paths.IncomingPath));
 
     const peer::File first{"first.bin", RandomBytes(5000, 1)};
     OfferAsCaller({first});
@@ -239,7 +239,7 @@ TEST_F(ReceiverTeardownTest, AFileThatCannotBeWrittenEndsTheSession) {
 // file: the receiver says why it stops, keeps the whole sections, and takes
 // the file up again once there is room.
 TEST_F(ReceiverTeardownTest, AFullDiskIsSaidAndTheFileTakenUpOnceThereIsRoom) {
-    SmallVolume volume(IncomingPath, "200k");
+    SmallVolume volume(stores_.Paths.IncomingPath, "200k");
     if (!volume.Mounted()) {
         GTEST_SKIP() << volume.Why();
     }

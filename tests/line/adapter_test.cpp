@@ -163,12 +163,12 @@ TEST_F(LineTest, IdentificationTellsEachFamilyAndVariantByItsMarks) {
         adapter.SetResponder(RespondAs(script));
         adapter.ClearCommands();
         AdapterFound.store(false);
-        ThePreferences.AdapterModel = Model3Com + 1;
-        ThePreferences.AdapterVariant = 7;
+        stores_.Prefs.AdapterModel = Model3Com + 1;
+        stores_.Prefs.AdapterVariant = 7;
         EXPECT_EQ(IdentifyAdapter(), c.ExpectedResult);
         EXPECT_EQ(AdapterFound.load(), c.ExpectedResult);
-        EXPECT_EQ(ThePreferences.AdapterModel, c.ExpectedModel);
-        EXPECT_EQ(ThePreferences.AdapterVariant, c.ExpectedVariant);
+        EXPECT_EQ(stores_.Prefs.AdapterModel, c.ExpectedModel);
+        EXPECT_EQ(stores_.Prefs.AdapterVariant, c.ExpectedVariant);
         Texts sent = {"atv1", "ati0"};
         if (!c.Identity8.empty()) {
             sent.push_back("ati8");
@@ -192,18 +192,18 @@ TEST_F(LineTest, IdentificationFailsOnAPortThatCannotBeOpenedOrGivesNoOk) {
 }
 
 TEST_F(LineTest, ShiftSearchesAgainFromTheFirstPortAtTheSearchSpeed) {
-    ThePreferences.ComPort = 3;
-    ThePreferences.MaxPortSpeed = 57600;
-    ThePreferences.AdapterModel = ModelZyXEL;
-    ThePreferences.AdapterVariant = 1;
+    stores_.Prefs.ComPort = 3;
+    stores_.Prefs.MaxPortSpeed = 57600;
+    stores_.Prefs.AdapterModel = ModelZyXEL;
+    stores_.Prefs.AdapterVariant = 1;
     SetKeyStateQuery([](Key key) { return key == Key::Shift; });
     AdapterScript script = ThreeComScript();
     ScriptedAdapter& adapter = Attach(1, RespondAs(script));
 
     EXPECT_EQ(FindAdapter(), AdapterSearch::WaitingForCalls);
-    EXPECT_EQ(ThePreferences.ComPort, 1);
-    EXPECT_EQ(ThePreferences.AdapterModel, Model3Com);
-    EXPECT_EQ(ThePreferences.MaxPortSpeed, 230400u) << "the speed is tested anew";
+    EXPECT_EQ(stores_.Prefs.ComPort, 1);
+    EXPECT_EQ(stores_.Prefs.AdapterModel, Model3Com);
+    EXPECT_EQ(stores_.Prefs.MaxPortSpeed, 230400u) << "the speed is tested anew";
     EXPECT_EQ(Logged().front(), "Searching Comm Port 1");
     const std::vector<ReceivedCommand> commands = adapter.Commands();
     ASSERT_FALSE(commands.empty());
@@ -251,19 +251,19 @@ TEST_F(LineTest, QuickStartGoesToTheSavedPortAndSpeed) {
     };
     for (const QuickCase& c : cases) {
         SCOPED_TRACE(c.Name);
-        ThePreferences = Preferences{};
-        ThePreferences.ComPort = static_cast<int16_t>(c.Port);
-        ThePreferences.MaxPortSpeed = c.SavedMax;
-        ThePreferences.SelectedPortSpeed = c.Selected;
-        ThePreferences.AdapterModel = c.Model;
+        stores_.Prefs = Preferences{};
+        stores_.Prefs.ComPort = static_cast<int16_t>(c.Port);
+        stores_.Prefs.MaxPortSpeed = c.SavedMax;
+        stores_.Prefs.SelectedPortSpeed = c.Selected;
+        stores_.Prefs.AdapterModel = c.Model;
         ClearLogged();
         ScriptedAdapter& adapter = Attach(c.Port, RespondAs(c.Script));
 
         EXPECT_EQ(FindAdapter(), AdapterSearch::WaitingForCalls);
         EXPECT_EQ(AdapterFound.load(), true);
         EXPECT_EQ(SpeedClass.load(), 2);
-        EXPECT_EQ(ThePreferences.MaxPortSpeed, 230400u);
-        EXPECT_EQ(ThePreferences.AdapterVariant, 0);
+        EXPECT_EQ(stores_.Prefs.MaxPortSpeed, 230400u);
+        EXPECT_EQ(stores_.Prefs.AdapterVariant, 0);
         EXPECT_EQ(adapter.Far().Speed(), c.Selected);
         EXPECT_EQ(PortSpeedChoice(),
                   c.Selected == 230400 ? SpeedChoice::At230400 : SpeedChoice::At115200);
@@ -287,17 +287,17 @@ TEST_F(LineTest, QuickStartGoesToTheSavedPortAndSpeed) {
 
 TEST_F(LineTest, FailuresOfTheQuickStart) {
     // The DIP-switch route on a port that cannot be opened: no message.
-    ThePreferences.ComPort = 2;
-    ThePreferences.MaxPortSpeed = 230400;
-    ThePreferences.SelectedPortSpeed = 230400;
-    ThePreferences.AdapterModel = ModelAdTran;
+    stores_.Prefs.ComPort = 2;
+    stores_.Prefs.MaxPortSpeed = 230400;
+    stores_.Prefs.SelectedPortSpeed = 230400;
+    stores_.Prefs.AdapterModel = ModelAdTran;
     EXPECT_EQ(FindAdapter(), AdapterSearch::NotFound);
     EXPECT_TRUE(Messages().empty());
     EXPECT_TRUE(Logged().empty());
 
     // Any other saved port that does not answer: the message, the line, and
     // no search of the other ports.
-    ThePreferences.AdapterModel = ModelZyXEL;
+    stores_.Prefs.AdapterModel = ModelZyXEL;
     Attach(1, RespondAs(ZyxelScript("2864")));
     EXPECT_EQ(FindAdapter(), AdapterSearch::NotFound);
     EXPECT_EQ(Messages(), (Texts{NoAdapterMessage}));

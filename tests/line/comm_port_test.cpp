@@ -13,9 +13,10 @@
 #include <thread>
 #include <vector>
 
+#include "line/adapter.h"
 #include "line_fixture.h"
 #include "platform/files.h"
-#include "stores/paths.h"
+#include "stores/installation.h"
 #include "support/far_end.h"
 #include "support/process_state.h"
 #include "support/temp_folder.h"
@@ -214,9 +215,11 @@ TEST(CommPortRecord, OperationsWithoutARecordDoNothing) {
 
 TEST(CommPortRecord, PortNumberNamesALinkInTheInstallationOrASerialDevice) {
     TempFolder root;
-    BuildPaths(root.Path());
+    Installation stores(root.Path());
+    LineStores = &stores;
     EXPECT_EQ(CommPortDevicePath(3), "/dev/ttyS2");
     FarEnd far;
     far.LinkAs(root.Path(), 3);
     EXPECT_EQ(CommPortDevicePath(3), root / "COM3");
+    LineStores = nullptr;
 }

@@ -81,9 +81,9 @@ ScriptedAdapter::Responder RespondAs(AdapterScript script) {
 
 void LineTest::SetUp() {
     SetKeyStateQuery(nullptr);
-    BuildPaths(root_.Path());
-    ThePreferences = Preferences{};
-    ThePreferences.MaxPortSpeed = DefaultMaxPortSpeed;
+    LineStores = &stores_;
+    stores_.Prefs = Preferences{};
+    stores_.Prefs.MaxPortSpeed = DefaultMaxPortSpeed;
     AdapterFound.store(false);
     SpeedClass.store(0);
     SetLinePolling(false);

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "scripted_adapter.h"
+#include "stores/installation.h"
 #include "support/captured_output.h"
 #include "support/temp_folder.h"
 
@@ -60,6 +61,7 @@ protected:
     void ClearLogged() { output_.Clear(); }
 
     TempFolder root_;
+    Installation stores_{root_.Path()};
     std::vector<std::unique_ptr<ScriptedAdapter>> adapters_;
-    CapturedOutput output_;
+    CapturedOutput output_{&stores_.Log};
 };

@@ -37,7 +37,7 @@ class PortSpeedTest : public LineTest {
 protected:
     // An adapter found on port n by the search: the port at 9600 bps.
     ScriptedAdapter& FoundAt(int port, int16_t model, AdapterScript script) {
-        ThePreferences.AdapterModel = model;
+        stores_.Prefs.AdapterModel = model;
         AdapterFound.store(true);
         ScriptedAdapter& adapter = Attach(port, RespondAs(std::move(script)));
         OpenPort(port, 9600);
@@ -46,12 +46,12 @@ protected:
 };
 
 TEST_F(PortSpeedTest, AdtranWithItsSwitchAt230400SkipsTheLadder) {
-    ThePreferences.SelectedPortSpeed = 230400;
+    stores_.Prefs.SelectedPortSpeed = 230400;
     ScriptedAdapter& adapter = FoundAt(1, ModelAdTran, AdtranScript(true));
     QualifyPortSpeed();
     EXPECT_FALSE(adapter.WaitForCommands(1, 200));
     EXPECT_TRUE(Logged().empty());
-    EXPECT_EQ(ThePreferences.MaxPortSpeed, 9600u);
+    EXPECT_EQ(stores_.Prefs.MaxPortSpeed, 9600u);
 }
 
 TEST_F(PortSpeedTest, PortThatAnswersAt57600ButNotAt115200) {
@@ -64,7 +64,7 @@ TEST_F(PortSpeedTest, PortThatAnswersAt57600ButNotAt115200) {
         "ATE1V1@9600 | AT@57600 | AT@57600 | AT@57600 | AT@57600 | AT@57600 | AT@115200";
     EXPECT_EQ(Described(adapter.Commands(), expected), expected);
     EXPECT_EQ(Messages(), (Texts{"Error testing connection at 115200 bps."}));
-    EXPECT_EQ(ThePreferences.MaxPortSpeed, 57600u);
+    EXPECT_EQ(stores_.Prefs.MaxPortSpeed, 57600u);
     EXPECT_EQ(SpeedClass.load(), 1);
     EXPECT_EQ(adapter.Far().Speed(), 115200u) << "the port is left where the test failed";
 }
@@ -79,7 +79,7 @@ TEST_F(PortSpeedTest, ThreeComThatFailsAt230400IsSentBack) {
     const Texts commands = adapter.CommandTexts();
     EXPECT_EQ(Texts(commands.end() - 3, commands.end()), (Texts{"AT$B230400", "AT", "AT$B0"}));
     EXPECT_EQ(Messages(), (Texts{"Error testing connection at 230400 bps."}));
-    EXPECT_EQ(ThePreferences.MaxPortSpeed, 115200u);
+    EXPECT_EQ(stores_.Prefs.MaxPortSpeed, 115200u);
     EXPECT_EQ(SpeedClass.load(), 2);
     EXPECT_EQ(adapter.Far().Speed(), 115200u);
     EXPECT_EQ(Logged().back(), "Testing 230400 bps...");
@@ -109,8 +109,8 @@ TEST_F(PortSpeedTest, MenuMovesOfEachFamily) {
     for (const MoveCase& c : cases) {
         SCOPED_TRACE(c.Name);
         ClearLogged();
-        ThePreferences.AdapterModel = c.Model;
-        ThePreferences.MaxPortSpeed = 230400;
+        stores_.Prefs.AdapterModel = c.Model;
+        stores_.Prefs.MaxPortSpeed = 230400;
         AdapterFound.store(true);
         ScriptedAdapter& adapter = Attach(port, RespondAs(c.Script));
         OpenPort(port++, 115200);
@@ -127,7 +127,7 @@ TEST_F(PortSpeedTest, MenuMovesOfEachFamily) {
         EXPECT_EQ(Described(adapter.Commands(), c.Up), c.Up);
         EXPECT_EQ(ThePort->BaudRate.load(), 230400u);
         EXPECT_EQ(PortSpeedChoice(), SpeedChoice::At230400);
-        EXPECT_EQ(ThePreferences.SelectedPortSpeed, 230400u);
+        EXPECT_EQ(stores_.Prefs.SelectedPortSpeed, 230400u);
         EXPECT_TRUE(LinePollingEnabled.load());
 
         adapter.ClearCommands();
@@ -136,7 +136,7 @@ TEST_F(PortSpeedTest, MenuMovesOfEachFamily) {
         EXPECT_EQ(Described(adapter.Commands(), c.Down), c.Down);
         EXPECT_EQ(adapter.Far().Speed(), 115200u);
         EXPECT_EQ(PortSpeedChoice(), SpeedChoice::At115200);
-        EXPECT_EQ(ThePreferences.SelectedPortSpeed, 115200u);
+        EXPECT_EQ(stores_.Prefs.SelectedPortSpeed, 115200u);
         EXPECT_EQ(Logged(), (Texts{"Port speed changed to 230400 bps.",
                                    "Port speed changed to 115200 bps."}));
         EXPECT_EQ(Messages(), c.Model == ModelAdTran ? switchMessages : Texts{});

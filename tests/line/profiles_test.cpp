@@ -17,8 +17,8 @@ using Texts = std::vector<std::string>;
 class ProfileTest : public LineTest {
 protected:
     void Found(int16_t model, int16_t variant, int16_t speedClass) {
-        ThePreferences.AdapterModel = model;
-        ThePreferences.AdapterVariant = variant;
+        stores_.Prefs.AdapterModel = model;
+        stores_.Prefs.AdapterVariant = variant;
         AdapterFound.store(true);
         SpeedClass.store(speedClass);
     }
@@ -135,16 +135,16 @@ TEST_F(ProfileTest, TheFirstIncomingProfileFollowsThePreferencesAndTheFamily) {
     ScriptedAdapter& adapter = Adapter(ZyxelScript("2864"));
     for (const IncomingCase& c : cases) {
         SCOPED_TRACE(c.Name);
-        ThePreferences = Preferences{};
+        stores_.Prefs = Preferences{};
         Found(c.Model, c.Variant, c.SpeedClass);
-        ThePreferences.IncomingProtocol = c.Saved;
-        ThePreferences.Incoming56K = c.At56k ? 1 : 0;
-        ThePreferences.Incoming2B = c.TwoChannels ? 1 : 0;
-        ThePreferences.IncomingV42 = c.Compression ? 1 : 0;
+        stores_.Prefs.IncomingProtocol = c.Saved;
+        stores_.Prefs.Incoming56K = c.At56k ? 1 : 0;
+        stores_.Prefs.Incoming2B = c.TwoChannels ? 1 : 0;
+        stores_.Prefs.IncomingV42 = c.Compression ? 1 : 0;
         ClearLogged();
 
         EXPECT_TRUE(InitializeIncoming());
-        EXPECT_EQ(ThePreferences.IncomingProtocol, c.ProtocolAfter);
+        EXPECT_EQ(stores_.Prefs.IncomingProtocol, c.ProtocolAfter);
         EXPECT_EQ(Joined(Logged()), c.Logged);
         EXPECT_EQ(RateEstimate.load(), c.Rate);
         if (!c.Command.empty()) {
@@ -192,7 +192,7 @@ TEST_F(ProfileTest, TheOutgoingProfileFollowsTheChosenSettings) {
 
 TEST_F(ProfileTest, LaterIncomingSetUpDrainsTheLineFirstAndIgnoresItsResult) {
     Found(ModelAdTran, 1, 2);
-    ThePreferences.IncomingProtocol = 1;
+    stores_.Prefs.IncomingProtocol = 1;
     AdapterScript script = AdtranScript(true);
     script.Unanswered = {"AT&F4\\Q3&D0X1S0=0S12=25S53=3S54=2S15=1"};
     ScriptedAdapter& adapter = Adapter(script);
@@ -210,9 +210,9 @@ TEST_F(ProfileTest, LaterIncomingSetUpDrainsTheLineFirstAndIgnoresItsResult) {
 
     // A 3Com whose record still holds the X.75 of another adapter sends its
     // V.120 profile.
-    ThePreferences.AdapterModel = Model3Com;
-    ThePreferences.IncomingProtocol = 2;
-    ThePreferences.Incoming56K = 1;
+    stores_.Prefs.AdapterModel = Model3Com;
+    stores_.Prefs.IncomingProtocol = 2;
+    stores_.Prefs.Incoming56K = 1;
     ClearLogged();
     ReinitializeIncoming();
     EXPECT_EQ(LastCommand(adapter), "AT\\Q3S0=0&D0&C1W1E1S71=2S73=1S74=256S75=0S60=56");
@@ -246,7 +246,7 @@ TEST_F(ProfileTest, ClosingCommandWaitsForOkExceptOnThe3Com) {
     ASSERT_TRUE(adapter.WaitForCommands(1, 2000));
     DrainInput(200);
 
-    ThePreferences.AdapterModel = ModelZyXEL;
+    stores_.Prefs.AdapterModel = ModelZyXEL;
     SendClosingCommand();
     EXPECT_STREQ(TokenBuffer, "AT&O0E1\r\r\nOK\r\n");
     EXPECT_EQ(adapter.CommandTexts(), (Texts{"AT$B0E1", "AT&O0E1"}));
@@ -254,7 +254,7 @@ TEST_F(ProfileTest, ClosingCommandWaitsForOkExceptOnThe3Com) {
     AdapterFound.store(false);
     adapter.ClearCommands();
     SendClosingCommand();
-    ThePreferences.AdapterModel = Model3Com;
+    stores_.Prefs.AdapterModel = Model3Com;
     SendClosingCommand();
     EXPECT_FALSE(adapter.WaitForCommands(1, 200)) << "nothing goes to a port without an adapter";
 }

@@ -23,8 +23,8 @@ std::string CountBytes(int16_t count) {
     return std::string{static_cast<char>(raw & 0xFF), static_cast<char>(raw >> 8)};
 }
 
-bool SlotIsZero(int slot) {
-    const auto* bytes = reinterpret_cast<const uint8_t*>(&Directory[slot]);
+bool SlotIsZero(const CorrespondentDirectory& directory, int slot) {
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&directory[slot]);
     for (uint32_t i = 0; i < CorrespondentSize; ++i) {
         if (bytes[i] != 0) {
             return false;
@@ -63,12 +63,13 @@ TEST_F(DirectoryTest, ACountOutsideTheTableNeverWritesPastIt) {
     for (const CountCase& c : cases) {
         SCOPED_TRACE(c.What);
         WriteWholeFile(FilePath(), c.File);
-        ASSERT_EQ(LoadDirectory(), 1);
-        EXPECT_EQ(DirectoryCount.load(), c.Loaded);
+        ASSERT_EQ(LoadDirectory(stores_.Directory, stores_.Paths.DirectoryPath), 1);
+        EXPECT_EQ(stores_.Directory.Count.load(), c.Loaded);
         if (c.Loaded > 0) {
-            EXPECT_EQ(Directory[c.Loaded - 1].Reserved124[0], c.Loaded) << "the last one loaded";
+            EXPECT_EQ(stores_.Directory[c.Loaded - 1].Reserved124[0], c.Loaded)
+                << "the last one loaded";
         }
-        EXPECT_TRUE(SlotIsZero(c.Loaded));
+        EXPECT_TRUE(SlotIsZero(stores_.Directory, c.Loaded));
     }
     EXPECT_TRUE(Messages().empty());
 }
@@ -76,10 +77,10 @@ TEST_F(DirectoryTest, ACountOutsideTheTableNeverWritesPastIt) {
 TEST_F(DirectoryTest, SaveWritesEveryFieldAtItsOffsetAndKeepsTheOlderTail) {
     const std::string tail(3 * CorrespondentSize, 't');
     WriteWholeFile(FilePath(), CountBytes(3) + tail);
-    ASSERT_EQ(LoadDirectory(), 1);
+    ASSERT_EQ(LoadDirectory(stores_.Directory, stores_.Paths.DirectoryPath), 1);
 
-    DirectoryCount = 1;
-    Correspondent& r = Directory[0];
+    stores_.Directory.Count = 1;
+    Correspondent& r = stores_.Directory[0];
     std::memset(&r, 0, sizeof r);
     SetFieldText(r.FirmName, "Smith & Sons");
     SetFieldText(r.IsdnNumber, "555+666");
@@ -95,7 +96,7 @@ TEST_F(DirectoryTest, SaveWritesEveryFieldAtItsOffsetAndKeepsTheOlderTail) {
     SetFieldText(r.ContactPhone, "0123");
     r.HotBytes = 40000;
     std::memcpy(r.EntryMagic, "eDBK", 4);
-    ASSERT_TRUE(SaveDirectory());
+    ASSERT_TRUE(SaveDirectory(stores_.Directory, stores_.Paths.DirectoryPath));
 
     const std::string bytes = ReadWholeFile(FilePath());
     // Not cut short: the older bytes behind the new record stay.

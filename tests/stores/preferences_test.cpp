@@ -23,26 +23,26 @@ TEST_F(PreferencesTest, ShortAndEmptyFilesAreTakenAsTheyStandAndNotRewritten) {
     const std::string shortFile("\x03\x00\x00\x00\x00\xE1\x00\x00\x02\x00", 10);
     WriteWholeFile(folder_ / "kestrelbound_prefs", shortFile);
     // Values left from before must not survive a load.
-    ThePreferences.AdapterModel = 30;
-    ThePreferences.IgnoreHotFolders = 1;
-    std::strcpy(ThePreferences.ExternalProgramB, "left over");
+    stores_.Prefs.AdapterModel = 30;
+    stores_.Prefs.IgnoreHotFolders = 1;
+    std::strcpy(stores_.Prefs.ExternalProgramB, "left over");
 
-    ASSERT_EQ(LoadPreferences(), 1);
-    EXPECT_EQ(ThePreferences.ComPort, 3);
-    EXPECT_EQ(ThePreferences.MaxPortSpeed, 57600u);
-    EXPECT_EQ(ThePreferences.IncomingProtocol, 2);
-    EXPECT_EQ(ThePreferences.AdapterModel, 0);
-    EXPECT_EQ(ThePreferences.IgnoreHotFolders, 0);
-    EXPECT_STREQ(ThePreferences.ExternalProgramB, "");
+    ASSERT_EQ(LoadPreferences(stores_.Prefs, stores_.Paths.PrefsPath), 1);
+    EXPECT_EQ(stores_.Prefs.ComPort, 3);
+    EXPECT_EQ(stores_.Prefs.MaxPortSpeed, 57600u);
+    EXPECT_EQ(stores_.Prefs.IncomingProtocol, 2);
+    EXPECT_EQ(stores_.Prefs.AdapterModel, 0);
+    EXPECT_EQ(stores_.Prefs.IgnoreHotFolders, 0);
+    EXPECT_STREQ(stores_.Prefs.ExternalProgramB, "");
     EXPECT_EQ(ReadWholeFile(folder_ / "kestrelbound_prefs"), shortFile);
 
     // An empty file is an all-zero record; the defaults of a new file do not
     // apply to it.
     WriteWholeFile(folder_ / "kestrelbound_prefs", "");
-    ASSERT_EQ(LoadPreferences(), 1);
-    EXPECT_EQ(ThePreferences.MaxPortSpeed, 0u);
-    EXPECT_EQ(ThePreferences.ComPort, 0);
-    EXPECT_EQ(ThePreferences.IncomingProtocol, 0);
+    ASSERT_EQ(LoadPreferences(stores_.Prefs, stores_.Paths.PrefsPath), 1);
+    EXPECT_EQ(stores_.Prefs.MaxPortSpeed, 0u);
+    EXPECT_EQ(stores_.Prefs.ComPort, 0);
+    EXPECT_EQ(stores_.Prefs.IncomingProtocol, 0);
     EXPECT_EQ(ReadWholeFile(folder_ / "kestrelbound_prefs").size(), 0u);
     EXPECT_TRUE(Messages().empty());
 }
@@ -59,22 +59,22 @@ TEST_F(PreferencesTest, SaveWritesEveryFieldAtItsOffsetAndKeepsReservedBytesAndT
     file[5] = '\xC2';
     file[6] = '\x01';  // MaxPortSpeed 115200
     WriteWholeFile(folder_ / "kestrelbound_prefs", file);
-    ASSERT_EQ(LoadPreferences(), 1);
-    EXPECT_EQ(ThePreferences.MaxPortSpeed, 115200u);
+    ASSERT_EQ(LoadPreferences(stores_.Prefs, stores_.Paths.PrefsPath), 1);
+    EXPECT_EQ(stores_.Prefs.MaxPortSpeed, 115200u);
 
-    ThePreferences.ComPort = 2;
-    ThePreferences.MaxPortSpeed = 230400;
-    ThePreferences.IncomingProtocol = 2;
-    ThePreferences.Incoming56K = 1;
-    ThePreferences.AdapterModel = 20;
-    std::strcpy(ThePreferences.ExternalProgramA, "/usr/bin/first --a");
-    std::strcpy(ThePreferences.ExternalProgramB, "/opt/second");
-    ThePreferences.SelectedPortSpeed = 115200;
-    ThePreferences.AdapterVariant = 3;
-    ThePreferences.Incoming2B = 1;
-    ThePreferences.IncomingV42 = -2;
-    ThePreferences.IgnoreHotFolders = 1;
-    ASSERT_TRUE(SavePreferences());
+    stores_.Prefs.ComPort = 2;
+    stores_.Prefs.MaxPortSpeed = 230400;
+    stores_.Prefs.IncomingProtocol = 2;
+    stores_.Prefs.Incoming56K = 1;
+    stores_.Prefs.AdapterModel = 20;
+    std::strcpy(stores_.Prefs.ExternalProgramA, "/usr/bin/first --a");
+    std::strcpy(stores_.Prefs.ExternalProgramB, "/opt/second");
+    stores_.Prefs.SelectedPortSpeed = 115200;
+    stores_.Prefs.AdapterVariant = 3;
+    stores_.Prefs.Incoming2B = 1;
+    stores_.Prefs.IncomingV42 = -2;
+    stores_.Prefs.IgnoreHotFolders = 1;
+    ASSERT_TRUE(SavePreferences(stores_.Prefs, stores_.Paths.PrefsPath));
     // Little-endian fields, the reserved words between them zero as loaded.
     EXPECT_EQ(ReadWholeFile(folder_ / "kestrelbound_prefs"),
               std::string("\x02\0\0\0\x00\x84\x03\x00\x02\0\x01\0\x14\0", 14) +
@@ -84,9 +84,9 @@ TEST_F(PreferencesTest, SaveWritesEveryFieldAtItsOffsetAndKeepsReservedBytesAndT
 }
 
 TEST_F(PreferencesTest, SaveNeedsAnExistingFileAndSaysNothingWithout) {
-    ThePreferences = Preferences{};
-    ThePreferences.ComPort = 1;
-    EXPECT_FALSE(SavePreferences());
+    stores_.Prefs = Preferences{};
+    stores_.Prefs.ComPort = 1;
+    EXPECT_FALSE(SavePreferences(stores_.Prefs, stores_.Paths.PrefsPath));
     EXPECT_FALSE(PathExists(folder_ / "kestrelbound_prefs"));
     EXPECT_TRUE(Messages().empty());
 
@@ -99,7 +99,7 @@ TEST_F(PreferencesTest, SaveNeedsAnExistingFileAndSaysNothingWithout) {
     small.rlim_cur = 100;
     const auto oldHandler = ::signal(SIGXFSZ, SIG_IGN);
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
-    const bool saved = SavePreferences();
+    const bool saved = SavePreferences(stores_.Prefs, stores_.Paths.PrefsPath);
     ::setrlimit(RLIMIT_FSIZE, &before);
     ::signal(SIGXFSZ, oldHandler);
     EXPECT_FALSE(saved);
@@ -109,27 +109,27 @@ TEST_F(PreferencesTest, SaveNeedsAnExistingFileAndSaysNothingWithout) {
 // A folder where no file can be made: each store says so once at its load,
 // and is left empty; the saves at exit fail in silence and make nothing.
 TEST_F(StoreTest, AFolderWhereNoFileCanBeMadeGivesEachMessageOnceAndEmptyStores) {
-    BuildPaths(folder_ / "missing");
-    ThePreferences.MaxPortSpeed = 57600;
-    DirectoryCount = 3;
-    EXPECT_EQ(LoadStatusLog(), 0);
-    EXPECT_EQ(LoadDirectory(), 0);
-    EXPECT_EQ(LoadPreferences(), 0);
+    Installation missing(folder_ / "missing");
+    missing.Prefs.MaxPortSpeed = 57600;
+    missing.Directory.Count = 3;
+    EXPECT_EQ(missing.Log.Load(), 0);
+    EXPECT_EQ(LoadDirectory(missing.Directory, missing.Paths.DirectoryPath), 0);
+    EXPECT_EQ(LoadPreferences(missing.Prefs, missing.Paths.PrefsPath), 0);
     EXPECT_EQ(Messages(), (std::vector<std::string>{"Cannot create status log file.",
                                                     "Cannot create directory file.",
                                                     "Cannot create preferences file."}));
-    EXPECT_TRUE(StoredLogLines().empty());
-    EXPECT_EQ(DirectoryCount.load(), 0);
+    EXPECT_TRUE(missing.Log.StoredLines().empty());
+    EXPECT_EQ(missing.Directory.Count.load(), 0);
     // The defaults belong to a file that was made; without one the record is
     // all zero, MaxPortSpeed included.
-    EXPECT_EQ(ThePreferences.MaxPortSpeed, 0u);
+    EXPECT_EQ(missing.Prefs.MaxPortSpeed, 0u);
 
-    EXPECT_EQ(SaveStatusLog({"Stopping Kestrelbound"}), 0);
-    EXPECT_FALSE(SaveDirectory());
-    EXPECT_FALSE(SavePreferences());
+    EXPECT_EQ(missing.Log.Save({"Stopping Kestrelbound"}), 0);
+    EXPECT_FALSE(SaveDirectory(missing.Directory, missing.Paths.DirectoryPath));
+    EXPECT_FALSE(SavePreferences(missing.Prefs, missing.Paths.PrefsPath));
     EXPECT_EQ(Messages().size(), 3u);
     EXPECT_FALSE(PathExists(folder_ / "missing"));
-    FreeStatusLog();
+    missing.Log.Free();
 }
 
 }  // namespace

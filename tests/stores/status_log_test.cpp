@@ -27,44 +27,44 @@ class StatusLogFileTest : public StoreTest {
 protected:
     void TearDown() override {
         StoreTest::TearDown();
-        FreeStatusLog();
+        stores_.Log.Free();
     }
     std::string LogFile() const { return folder_ / "kestrelbound_log"; }
 };
 
 TEST_F(StatusLogFileTest, ShorterLogKeepsTheStaleTailWhichTheNextStartIgnores) {
     // A new installation gets a log of one byte, the end mark.
-    ASSERT_EQ(LoadStatusLog(), 1);
+    ASSERT_EQ(stores_.Log.Load(), 1);
     EXPECT_EQ(ReadWholeFile(LogFile()), std::string(1, '\0'));
-    EXPECT_TRUE(StoredLogLines().empty());
+    EXPECT_TRUE(stores_.Log.StoredLines().empty());
     EXPECT_TRUE(Messages().empty());
-    ASSERT_EQ(SaveStatusLog(Numbered(1, 20)), 1);
+    ASSERT_EQ(stores_.Log.Save(Numbered(1, 20)), 1);
     const std::string before = ReadWholeFile(LogFile());
 
     // The user cleared the log; at exit only the Stopping line is there.
     const std::string stopping = "Stopping Kestrelbound Tue Nov 18 21:00:00 1997";
-    ASSERT_EQ(SaveStatusLog({stopping}), 1);
+    ASSERT_EQ(stores_.Log.Save({stopping}), 1);
 
     const std::string after = ReadWholeFile(LogFile());
     ASSERT_EQ(after.size(), before.size());
     EXPECT_EQ(after.substr(0, stopping.size() + 2), stopping + std::string(2, '\0'));
     EXPECT_EQ(after.substr(stopping.size() + 2), before.substr(stopping.size() + 2));
 
-    FreeStatusLog();
-    ASSERT_EQ(LoadStatusLog(), 1);
-    EXPECT_EQ(StoredLogLines(), std::vector<std::string>{stopping});
+    stores_.Log.Free();
+    ASSERT_EQ(stores_.Log.Load(), 1);
+    EXPECT_EQ(stores_.Log.StoredLines(), std::vector<std::string>{stopping});
 }
 
 TEST_F(StatusLogFileTest, SaveCannotBeFooledIntoAnEarlyEndMark) {
-    ASSERT_EQ(LoadStatusLog(), 1);
+    ASSERT_EQ(stores_.Log.Load(), 1);
     // An empty line would be the end mark, and a NUL inside a line would end
     // it early; neither may hide the lines after it.
-    ASSERT_EQ(SaveStatusLog({"first", "", std::string("sec\0ond", 7), "third"}), 1);
+    ASSERT_EQ(stores_.Log.Save({"first", "", std::string("sec\0ond", 7), "third"}), 1);
     EXPECT_EQ(ReadWholeFile(LogFile()), std::string("first\0sec\0third\0\0", 17));
 
-    FreeStatusLog();
-    ASSERT_EQ(LoadStatusLog(), 1);
-    EXPECT_EQ(StoredLogLines(), (std::vector<std::string>{"first", "sec", "third"}));
+    stores_.Log.Free();
+    ASSERT_EQ(stores_.Log.Load(), 1);
+    EXPECT_EQ(stores_.Log.StoredLines(), (std::vector<std::string>{"first", "sec", "third"}));
 }
 
 TEST_F(StatusLogFileTest, OnlyTheFirst28000BytesAreReadAndACutLineIsLeftOut) {
@@ -84,22 +84,22 @@ TEST_F(StatusLogFileTest, OnlyTheFirst28000BytesAreReadAndACutLineIsLeftOut) {
     for (const auto& [file, lines] :
          {std::pair{cut, whole},
           std::pair{last, std::vector<std::string>{std::string(27999, 'a')}}}) {
-        FreeStatusLog();
+        stores_.Log.Free();
         WriteWholeFile(LogFile(), file);
-        ASSERT_EQ(LoadStatusLog(), 1);
-        EXPECT_EQ(StoredLogLines(), lines);
+        ASSERT_EQ(stores_.Log.Load(), 1);
+        EXPECT_EQ(stores_.Log.StoredLines(), lines);
         // Loading reads; it never changes the file.
         EXPECT_EQ(ReadWholeFile(LogFile()), file);
     }
 }
 
 TEST_F(StatusLogFileTest, AStoredLogOf700LinesComesBackWholeAndTheNextLineTrimsIt) {
-    ASSERT_EQ(LoadStatusLog(), 1);
-    ASSERT_EQ(SaveStatusLog(Numbered(0, 700)), 1);
-    FreeStatusLog();
-    ASSERT_EQ(LoadStatusLog(), 1);
+    ASSERT_EQ(stores_.Log.Load(), 1);
+    ASSERT_EQ(stores_.Log.Save(Numbered(0, 700)), 1);
+    stores_.Log.Free();
+    ASSERT_EQ(stores_.Log.Load(), 1);
 
-    std::vector<std::string> lines = StoredLogLines();
+    std::vector<std::string> lines = stores_.Log.StoredLines();
     ASSERT_EQ(lines, Numbered(0, 700));
     EXPECT_EQ(AppendLogLine(lines, "Starting Kestrelbound"), 300u);
     ASSERT_EQ(lines.size(), 401u);
@@ -146,38 +146,33 @@ TEST(LogTimeTest, TimeTextIsCtimeWithoutTheLineEndAndStartAndStopLinesNameTheTim
 
 class LogSinkTest : public ::testing::Test {
 protected:
-    void SetUp() override { Drain(); }
-    void TearDown() override { Drain(); }
-    // Leaves no sink and no held lines behind.
-    static void Drain() {
-        SetLogLineSink([](const std::string&) {});
-        SetLogLineSink(nullptr);
-    }
+    // A log of its own for each test; these never touch its file.
+    StatusLog log_{std::string()};
 };
 
 TEST_F(LogSinkTest, LinesBeforeTheSinkAreHeldUnderTheListLimitAndArriveFirstInOrder) {
     for (const std::string& line : Numbered(1, 601)) {
-        AddLogLine(line);
+        log_.Add(line);
     }
     std::vector<std::string> seen;
-    SetLogLineSink([&seen](const std::string& line) { seen.push_back(line); });
-    AddLogLine("later");
+    log_.SetSink([&seen](const std::string& line) { seen.push_back(line); });
+    log_.Add("later");
     std::vector<std::string> expected = Numbered(301, 301);
     expected.push_back("later");
     EXPECT_EQ(seen, expected);
 
     // After removal lines are held again for the next sink, not lost.
-    SetLogLineSink(nullptr);
-    AddLogLine("after the window");
-    AddLogLine("held two");
+    log_.SetSink(nullptr);
+    log_.Add("after the window");
+    log_.Add("held two");
     EXPECT_EQ(seen.size(), expected.size());
     std::vector<std::string> next;
-    SetLogLineSink([&next](const std::string& line) {
+    log_.SetSink([this, &next](const std::string& line) {
         next.push_back(line);
         if (line == "after the window") {
             // Another thread logs while the hand-over is under way; it must
             // neither overtake the held lines nor wait for them.
-            std::thread([] { AddLogLine("meanwhile"); }).join();
+            std::thread([this] { log_.Add("meanwhile"); }).join();
         }
     });
     EXPECT_EQ(next, (std::vector<std::string>{"after the window", "held two", "meanwhile"}));
@@ -186,7 +181,7 @@ TEST_F(LogSinkTest, LinesBeforeTheSinkAreHeldUnderTheListLimitAndArriveFirstInOr
 TEST_F(LogSinkTest, LinesFromSeveralThreadsAllArriveEachThreadInItsOrder) {
     std::mutex seenLock;
     std::vector<std::string> seen;
-    SetLogLineSink([&](const std::string& line) {
+    log_.SetSink([&](const std::string& line) {
         std::lock_guard<std::mutex> guard(seenLock);
         seen.push_back(line);
     });
@@ -194,16 +189,16 @@ TEST_F(LogSinkTest, LinesFromSeveralThreadsAllArriveEachThreadInItsOrder) {
     constexpr int Lines = 500;
     std::vector<std::thread> threads;
     for (int t = 0; t < Threads; ++t) {
-        threads.emplace_back([t] {
+        threads.emplace_back([this, t] {
             for (int i = 0; i < Lines; ++i) {
-                AddLogLine(std::to_string(t) + " " + std::to_string(i));
+                log_.Add(std::to_string(t) + " " + std::to_string(i));
             }
         });
     }
     for (std::thread& thread : threads) {
         thread.join();
     }
-    SetLogLineSink(nullptr);
+    log_.SetSink(nullptr);
 
     ASSERT_EQ(seen.size(), static_cast<size_t>(Threads * Lines));
     std::vector<int> nextOf(Threads, 0);
@@ -220,17 +215,17 @@ TEST_F(LogSinkTest, RemovingTheSinkWaitsForALineInProgress) {
     std::promise<void> release;
     std::shared_future<void> released = release.get_future().share();
     std::atomic<bool> sinkDone{false};
-    SetLogLineSink([&](const std::string&) {
+    log_.SetSink([&](const std::string&) {
         entered.set_value();
         released.wait();
         sinkDone = true;
     });
-    std::thread logger([] { AddLogLine("slow"); });
+    std::thread logger([this] { log_.Add("slow"); });
     entered.get_future().wait();
 
     std::atomic<bool> removed{false};
     std::thread remover([&] {
-        SetLogLineSink(nullptr);
+        log_.SetSink(nullptr);
         removed = true;
     });
     // Give a remover that did not wait the chance to return early.

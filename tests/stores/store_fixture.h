@@ -7,17 +7,17 @@
 #include <string>
 #include <vector>
 
-#include "stores/paths.h"
+#include "stores/installation.h"
 #include "support/captured_output.h"
 #include "support/temp_folder.h"
 
 class StoreTest : public ::testing::Test {
 protected:
-    void SetUp() override { BuildPaths(folder_.Path()); }
     std::vector<std::string> Messages() const { return output_.Messages(); }
 
     TempFolder folder_;
-    CapturedOutput output_{CapturedOutput::LogLines::LeftAlone};
+    Installation stores_{folder_.Path()};
+    CapturedOutput output_;
 };
 
 // Text in a field of that width, zeros behind it, as a file holds it.

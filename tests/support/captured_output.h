@@ -14,14 +14,11 @@
 
 class CapturedOutput {
 public:
-    // A window under test shows the log itself, so its tests leave it the
-    // lines.
-    enum class LogLines { LeftAlone, Caught };
-
-    explicit CapturedOutput(LogLines log = LogLines::Caught)
-        : catchesLog_(log == LogLines::Caught) {
-        if (catchesLog_) {
-            SetLogLineSink([this](const std::string& line) { Add(log_, line); });
+    // Catches the lines of the log given; without one, the log is left
+    // alone, as a window under test shows it itself.
+    explicit CapturedOutput(StatusLog* log = nullptr) : caught_(log) {
+        if (caught_ != nullptr) {
+            caught_->SetSink([this](const std::string& line) { Add(log_, line); });
         }
         SetMessageBoxHandler([this](const std::string& text) {
             if (OnMessage) {
@@ -32,8 +29,8 @@ public:
     }
     ~CapturedOutput() {
         SetMessageBoxHandler(nullptr);
-        if (catchesLog_) {
-            SetLogLineSink(nullptr);
+        if (caught_ != nullptr) {
+            caught_->SetSink(nullptr);
         }
     }
     CapturedOutput(const CapturedOutput&) = delete;
@@ -65,7 +62,7 @@ private:
         return from;
     }
 
-    const bool catchesLog_;
+    StatusLog* const caught_;
     mutable std::mutex lock_;
     std::vector<std::string> log_;
     std::vector<std::string> messages_;

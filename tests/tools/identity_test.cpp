@@ -11,8 +11,7 @@
 #include "line/comm_port.h"
 #include "line/profiles.h"
 #include "resources/resource.h"
-#include "stores/paths.h"
-#include "stores/preferences.h"
+#include "stores/installation.h"
 #include "vta_harness.h"
 
 namespace {
@@ -54,16 +53,16 @@ TEST_P(AdapterChoice, IsIdentifiedGivesItsNumberAndTakesOnlyItsFamilysSetUps) {
 
     // The program at its start: it identifies the adapter at 9600 bps, reads
     // the adapter's number and sends its incoming profile.
-    BuildPaths(folder_.Path());
-    ThePreferences = Preferences{};
-    ThePreferences.AdapterModel = Model3Com + 1;
-    ThePreferences.AdapterVariant = 7;
+    Installation stores(folder_.Path());
+    LineStores = &stores;
+    stores.Prefs.AdapterModel = Model3Com + 1;
+    stores.Prefs.AdapterVariant = 7;
     ASSERT_TRUE(CommPortCreate());
     SelectPortNumber(1);
     SelectPortBaud(9600);
     EXPECT_TRUE(IdentifyAdapter());
-    EXPECT_EQ(ThePreferences.AdapterModel, choice.Model);
-    EXPECT_EQ(ThePreferences.AdapterVariant, choice.Variant);
+    EXPECT_EQ(stores.Prefs.AdapterModel, choice.Model);
+    EXPECT_EQ(stores.Prefs.AdapterVariant, choice.Variant);
     EXPECT_TRUE(InitializeIncoming()) << "the incoming profile was refused";
     EXPECT_STREQ(LocalNumber, number.c_str()) << "the number in full";
     // Every profile the program builds for the adapter is taken: each
@@ -73,10 +72,10 @@ TEST_P(AdapterChoice, IsIdentifiedGivesItsNumberAndTakesOnlyItsFamilysSetUps) {
     for (const int16_t protocol : {ProtocolV120, ProtocolAimux, ProtocolX75}) {
         for (int16_t options = 0; options < 4; ++options) {
             SCOPED_TRACE(testing::Message() << ProtocolNames[protocol] << " " << options);
-            ThePreferences.IncomingProtocol = protocol;
-            ThePreferences.Incoming56K = static_cast<int16_t>(options & 1);
-            ThePreferences.Incoming2B = static_cast<int16_t>(options >> 1);
-            ThePreferences.IncomingV42 = static_cast<int16_t>((options ^ (options >> 1)) & 1);
+            stores.Prefs.IncomingProtocol = protocol;
+            stores.Prefs.Incoming56K = static_cast<int16_t>(options & 1);
+            stores.Prefs.Incoming2B = static_cast<int16_t>(options >> 1);
+            stores.Prefs.IncomingV42 = static_cast<int16_t>((options ^ (options >> 1)) & 1);
             EXPECT_TRUE(InitializeIncoming());
         }
     }
@@ -105,6 +104,7 @@ TEST_P(AdapterChoice, IsIdentifiedGivesItsNumberAndTakesOnlyItsFamilysSetUps) {
     port.Send(closing + "\r");
     const char* result = FamilyOf(choice.Model).AnswersClosingCommand ? "\r\nOK\r\n" : "";
     EXPECT_EQ(port.ReceiveFor(300), closing + "\r" + result) << "the 3Com's has no result code";
+    LineStores = nullptr;
 }
 
 std::string ChoiceName(const testing::TestParamInfo<Choice>& info) {
