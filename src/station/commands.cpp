@@ -10,9 +10,6 @@
 #include "app/main_window.h"
 #include "platform/files.h"
 #include "resources/resource.h"
-#include "station/station_desktop.h"
-#include "station/station_io.h"
-#include "station/waits.h"
 
 namespace {
 
@@ -23,8 +20,8 @@ Answer FromOutcome(const EventOutcome& outcome) {
 }
 
 // Hands the event to the window on the main loop's thread.
-Answer Deliver(WindowEvent event) {
-    return OnMainLoop([event = std::move(event)] {
+Answer Deliver(StationFrontEnd& station, WindowEvent event) {
+    return station.Waits.OnMainLoop([event = std::move(event)] {
         MainWindow* window = ActiveMainWindow();
         if (window == nullptr) {
             return Fail("the window is not there");
@@ -35,17 +32,19 @@ Answer Deliver(WindowEvent event) {
 
 // Hands the event to the window with the answer for a file dialog that it
 // may open; a dialog that does not open leaves the answer unused.
-Answer DeliverAnswering(WindowEvent event, std::optional<std::string> answer) {
-    return OnMainLoop([event = std::move(event), answer = std::move(answer)] {
-        MainWindow* window = ActiveMainWindow();
-        if (window == nullptr) {
-            return Fail("the window is not there");
-        }
-        TheStationDesktop().AnswerNextDialog(answer);
-        Answer result = FromOutcome(window->HandleEvent(event));
-        TheStationDesktop().AnswerNextDialog(std::nullopt);
-        return result;
-    });
+Answer DeliverAnswering(StationFrontEnd& station, WindowEvent event,
+                        std::optional<std::string> answer) {
+    return station.Waits.OnMainLoop(
+        [&station, event = std::move(event), answer = std::move(answer)] {
+            MainWindow* window = ActiveMainWindow();
+            if (window == nullptr) {
+                return Fail("the window is not there");
+            }
+            station.Desktop.AnswerNextDialog(answer);
+            Answer result = FromOutcome(window->HandleEvent(event));
+            station.Desktop.AnswerNextDialog(std::nullopt);
+            return result;
+        });
 }
 
 WindowEvent EventOf(EventKind kind, int id) {
@@ -55,8 +54,13 @@ WindowEvent EventOf(EventKind kind, int id) {
     return event;
 }
 
-Answer Press(int id) {
-    return Deliver(EventOf(EventKind::ButtonPressed, id));
+Answer Press(StationFrontEnd& station, int id) {
+    return Deliver(station, EventOf(EventKind::ButtonPressed, id));
+}
+
+// A command of the window's menus.
+Answer PickMenu(StationFrontEnd& station, int id) {
+    return Deliver(station, EventOf(EventKind::MenuCommand, id));
 }
 
 bool ParseSwitch(const std::string& word, bool& on) {
@@ -82,8 +86,8 @@ std::string FullPath(const std::string& argument) {
 }
 
 // A row given by its number, or by its text.
-Answer SelectRow(int id, const std::string& argument) {
-    return OnMainLoop([id, argument] {
+Answer SelectRow(StationFrontEnd& station, int id, const std::string& argument) {
+    return station.Waits.OnMainLoop([id, argument] {
         MainWindow* window = ActiveMainWindow();
         if (window == nullptr) {
             return Fail("the window is not there");
@@ -112,18 +116,18 @@ Answer SelectRow(int id, const std::string& argument) {
     });
 }
 
-Answer ClickBox(int id, const std::string& argument) {
+Answer ClickBox(StationFrontEnd& station, int id, const std::string& argument) {
     WindowEvent event = EventOf(EventKind::BoxClicked, id);
     if (!ParseSwitch(argument, event.Checked)) {
         return Fail("say on or off");
     }
-    return Deliver(event);
+    return Deliver(station, event);
 }
 
-Answer TypeText(int id, const std::string& text) {
+Answer TypeText(StationFrontEnd& station, int id, const std::string& text) {
     WindowEvent event = EventOf(EventKind::TextEdited, id);
     event.Text = text;
-    return Deliver(event);
+    return Deliver(station, event);
 }
 
 // The words of an argument: blanks part them, and double quotes keep a word
@@ -154,7 +158,7 @@ bool SplitWords(const std::string& argument, std::vector<std::string>& words) {
 
 // Files and folders dropped together on a control, as a file manager drops
 // them: only what exists can be dragged.
-Answer Drop(int id, const std::string& argument) {
+Answer Drop(StationFrontEnd& station, int id, const std::string& argument) {
     std::vector<std::string> words;
     // A whole argument that names something is one path, blanks and all, so
     // that a path need not be quoted when it comes alone.
@@ -174,7 +178,7 @@ Answer Drop(int id, const std::string& argument) {
         }
         event.Paths.push_back(path);
     }
-    return Deliver(event);
+    return Deliver(station, event);
 }
 
 // The answer a command gives a file dialog: a path, or "cancel" (or nothing)
@@ -188,16 +192,17 @@ std::optional<std::string> DialogAnswer(const std::string& argument) {
 
 // The button "Add" with the path picked in its file dialog. Unlike a drop,
 // the dialog accepts a file of length 0.
-Answer ChooseFile(const std::string& argument) {
+Answer ChooseFile(StationFrontEnd& station, const std::string& argument) {
     if (argument.empty()) {
         return Fail("choose what?");
     }
-    return DeliverAnswering(EventOf(EventKind::ButtonPressed, IDC_FILE_ADD), FullPath(argument));
+    return DeliverAnswering(station, EventOf(EventKind::ButtonPressed, IDC_FILE_ADD),
+                            FullPath(argument));
 }
 
 // "a|b [PATH|cancel]": a program button, and the answer for its file dialog
 // if the click opens one.
-Answer ProgramButton(const std::string& argument) {
+Answer ProgramButton(StationFrontEnd& station, const std::string& argument) {
     const size_t gap = argument.find(' ');
     const std::string which = argument.substr(0, gap);
     if (which != "a" && which != "b") {
@@ -205,21 +210,21 @@ Answer ProgramButton(const std::string& argument) {
     }
     const std::string rest = gap == std::string::npos ? "" : argument.substr(gap + 1);
     return DeliverAnswering(
-        EventOf(EventKind::ButtonPressed, which == "a" ? IDC_PROGRAM_1 : IDC_PROGRAM_2),
+        station, EventOf(EventKind::ButtonPressed, which == "a" ? IDC_PROGRAM_1 : IDC_PROGRAM_2),
         DialogAnswer(rest));
 }
 
 // "Export Directory Entry..." with the path chosen in its save dialog.
-Answer Export(const std::string& argument) {
-    return DeliverAnswering(EventOf(EventKind::MenuCommand, ID_FILE_EXPORT_ENTRY),
+Answer Export(StationFrontEnd& station, const std::string& argument) {
+    return DeliverAnswering(station, EventOf(EventKind::MenuCommand, ID_FILE_EXPORT_ENTRY),
                             DialogAnswer(argument));
 }
 
 // The one folder button on show, whichever of the four it is.
-Answer OpenFolder(const std::string&) {
+Answer OpenFolder(StationFrontEnd& station, const std::string&) {
     for (int id : {IDC_FOLDER_EMPTY, IDC_FOLDER_FILLED, IDC_HOT_EMPTY, IDC_HOT_FILLED}) {
         if (Controls().Shown(id)) {
-            return Press(id);
+            return Press(station, id);
         }
     }
     return Fail("no folder button is shown");
@@ -227,84 +232,84 @@ Answer OpenFolder(const std::string&) {
 
 // The contact form's fields are the name and number fields while the form
 // "Contact:" is chosen.
-Answer TypeContact(int id, const std::string& text) {
+Answer TypeContact(StationFrontEnd& station, int id, const std::string& text) {
     if (Controls().Selection(IDC_FORM) != 1) {
         return Fail("the form shows Firm:; say form contact first");
     }
-    return TypeText(id, text);
+    return TypeText(station, id, text);
 }
 
-Answer ChooseForm(const std::string& argument) {
+Answer ChooseForm(StationFrontEnd& station, const std::string& argument) {
     if (argument != "firm" && argument != "contact") {
         return Fail("say firm or contact");
     }
-    return SelectRow(IDC_FORM, argument == "firm" ? "0" : "1");
+    return SelectRow(station, IDC_FORM, argument == "firm" ? "0" : "1");
 }
 
-Answer DirectoryButton(const std::string& argument) {
+Answer DirectoryButton(StationFrontEnd& station, const std::string& argument) {
     static const std::vector<std::pair<std::string, int>> Buttons = {
         {"new", IDC_NEW}, {"add", IDC_ADD}, {"change", IDC_CHANGE}, {"delete", IDC_DELETE}};
     for (const auto& [word, id] : Buttons) {
         if (argument == word) {
-            return Press(id);
+            return Press(station, id);
         }
     }
     return Fail("say new, add, change or delete");
 }
 
-Answer HotMode(const std::string& argument) {
+Answer HotMode(StationFrontEnd& station, const std::string& argument) {
     if (argument != "send" && argument != "retrieve") {
         return Fail("say send or retrieve");
     }
     WindowEvent event =
         EventOf(EventKind::BoxClicked, argument == "send" ? IDC_HOT_SEND : IDC_HOT_RETRIEVE);
     event.Checked = true;
-    return Deliver(event);
+    return Deliver(station, event);
 }
 
-Answer ClickFileRow(const std::string& argument) {
-    return SelectRow(IDC_FILE_LIST, argument);
+Answer ClickFileRow(StationFrontEnd& station, const std::string& argument) {
+    return SelectRow(station, IDC_FILE_LIST, argument);
 }
 
 // A click on the row, then the button Delete.
-Answer DeleteFileRow(const std::string& argument) {
-    const Answer clicked = ClickFileRow(argument);
-    return clicked.Ok ? Press(IDC_FILE_DELETE) : clicked;
+Answer DeleteFileRow(StationFrontEnd& station, const std::string& argument) {
+    const Answer clicked = ClickFileRow(station, argument);
+    return clicked.Ok ? Press(station, IDC_FILE_DELETE) : clicked;
 }
 
 // "[ok]": the About command of the system menu, or the box's OK.
-Answer About(const std::string& argument) {
+Answer About(StationFrontEnd& station, const std::string& argument) {
     if (argument == "ok") {
-        return Deliver(EventOf(EventKind::AboutOk, 0));
+        return Deliver(station, EventOf(EventKind::AboutOk, 0));
     }
     if (!argument.empty()) {
         return Fail("say about, or about ok");
     }
-    return Deliver(EventOf(EventKind::MenuCommand, IDM_ABOUTBOX));
+    return Deliver(station, EventOf(EventKind::MenuCommand, IDM_ABOUTBOX));
 }
 
-Answer Browser(const std::string& argument) {
+Answer Browser(StationFrontEnd& station, const std::string& argument) {
     bool on = false;
     if (!ParseSwitch(argument, on)) {
         return Fail("say on or off");
     }
-    TheStationDesktop().SetBrowserRunning(on);
+    station.Desktop.SetBrowserRunning(on);
     return Answer{};
 }
 
-Answer ChoosePortSpeed(const std::string& argument) {
+Answer ChoosePortSpeed(StationFrontEnd& station, const std::string& argument) {
     if (argument == "115200") {
-        return Deliver(EventOf(EventKind::MenuCommand, ID_PORT_SPEED_115200));
+        return Deliver(station, EventOf(EventKind::MenuCommand, ID_PORT_SPEED_115200));
     }
     if (argument == "230400") {
-        return Deliver(EventOf(EventKind::MenuCommand, ID_PORT_SPEED_230400));
+        return Deliver(station, EventOf(EventKind::MenuCommand, ID_PORT_SPEED_230400));
     }
     return Fail("the speeds are 115200 and 230400");
 }
 
 // "TEXT [SECONDS]": a text in double quotes may end in a number; otherwise a
 // last word that is a number is the time limit.
-Answer WaitForLogCommand(const std::string& argument) {
+Answer WaitForLogCommand(StationFrontEnd& station, const std::string& argument) {
     std::string text = argument;
     double seconds = DefaultWaitSeconds;
     double value = 0;
@@ -323,10 +328,10 @@ Answer WaitForLogCommand(const std::string& argument) {
     if (text.empty()) {
         return Fail("wait for what?");
     }
-    return WaitForLog(text, seconds);
+    return station.Waits.WaitForLog(text, seconds);
 }
 
-Answer WaitForStateCommand(const std::string& argument) {
+Answer WaitForStateCommand(StationFrontEnd& station, const std::string& argument) {
     const size_t gap = argument.find(' ');
     const std::string state = argument.substr(0, gap);
     bool known = false;
@@ -342,25 +347,25 @@ Answer WaitForStateCommand(const std::string& argument) {
     if (gap != std::string::npos && !ParseSeconds(argument.substr(gap + 1), seconds)) {
         return Fail("a time limit is a number of seconds");
     }
-    return WaitForLinkState(state, seconds);
+    return station.Waits.WaitForLinkState(state, seconds);
 }
 
 // Shift held down as the station starts forces a new search for the
 // adapter; Shift and Ctrl change what some buttons do.
-Answer Hold(Key key, const std::string& argument) {
+Answer Hold(StationFrontEnd& station, Key key, const std::string& argument) {
     bool on = false;
     if (!ParseSwitch(argument, on)) {
         return Fail("say on or off");
     }
-    HoldKey(key, on);
+    station.Desktop.HoldKey(key, on);
     return Answer{};
 }
 
 // The window's caption, one line for each control that has a resource name,
 // then one for each menu and one for the system menu's entries.
-Answer ShowControls() {
-    return OnMainLoop([] {
-        PrintLine("window caption=" + Quoted(Controls().Text(IDD_MAIN_WINDOW)));
+Answer ShowControls(StationFrontEnd& station) {
+    return station.Waits.OnMainLoop([&station] {
+        station.Output.PrintLine("window caption=" + Quoted(Controls().Text(IDD_MAIN_WINDOW)));
         for (const ControlState& control : Controls().AllStates()) {
             const std::string name = ControlName(control.Id);
             if (name.empty()) {
@@ -398,7 +403,7 @@ Answer ShowControls() {
                 default:
                     break;
             }
-            PrintLine(line);
+            station.Output.PrintLine(line);
         }
         for (const Menu& menu : Controls().Menus()) {
             std::string items;
@@ -412,8 +417,8 @@ Answer ShowControls() {
                     checked += (checked.empty() ? "" : "|") + item.Text;
                 }
             }
-            PrintLine("menu text=" + Quoted(menu.Title) + " items=" + Quoted(items) +
-                      " checked=" + Quoted(checked));
+            station.Output.PrintLine("menu text=" + Quoted(menu.Title) + " items=" + Quoted(items) +
+                                     " checked=" + Quoted(checked));
         }
         std::string system;
         for (const MenuItem& item : Controls().SystemMenu()) {
@@ -421,77 +426,79 @@ Answer ShowControls() {
                 system += (system.empty() ? "" : "|") + item.Text;
             }
         }
-        PrintLine("system-menu items=" + Quoted(system));
+        station.Output.PrintLine("system-menu items=" + Quoted(system));
         return Answer{};
     });
 }
 
 struct StationCommand {
     const char* Verb;
-    std::function<Answer(const std::string& argument)> Run;
+    std::function<Answer(StationFrontEnd& station, const std::string& argument)> Run;
 };
 
 const std::vector<StationCommand>& CommandTable() {
+    using S = StationFrontEnd&;
     using A = const std::string&;
     static const std::vector<StationCommand> Table = {
-        {"name", [](A text) { return TypeText(IDC_NAME, text); }},
-        {"number", [](A text) { return TypeText(IDC_NUMBER, text); }},
-        {"protocol", [](A row) { return SelectRow(IDC_PROTOCOL, row); }},
-        {"carrier", [](A row) { return SelectRow(IDC_CARRIER, row); }},
-        {"in-protocol", [](A row) { return SelectRow(IDC_IN_PROTOCOL, row); }},
-        {"56k", [](A on) { return ClickBox(IDC_56K, on); }},
-        {"2b", [](A on) { return ClickBox(IDC_2B, on); }},
-        {"v42", [](A on) { return ClickBox(IDC_V42, on); }},
-        {"in-56k", [](A on) { return ClickBox(IDC_IN_56K, on); }},
-        {"in-2b", [](A on) { return ClickBox(IDC_IN_2B, on); }},
-        {"in-v42", [](A on) { return ClickBox(IDC_IN_V42, on); }},
-        {"ignore-hot", [](A on) { return ClickBox(IDC_IGNORE_HOT, on); }},
-        {"add", [](A paths) { return Drop(IDC_FILE_LIST, paths); }},
+        {"name", [](S station, A text) { return TypeText(station, IDC_NAME, text); }},
+        {"number", [](S station, A text) { return TypeText(station, IDC_NUMBER, text); }},
+        {"protocol", [](S station, A row) { return SelectRow(station, IDC_PROTOCOL, row); }},
+        {"carrier", [](S station, A row) { return SelectRow(station, IDC_CARRIER, row); }},
+        {"in-protocol", [](S station, A row) { return SelectRow(station, IDC_IN_PROTOCOL, row); }},
+        {"56k", [](S station, A on) { return ClickBox(station, IDC_56K, on); }},
+        {"2b", [](S station, A on) { return ClickBox(station, IDC_2B, on); }},
+        {"v42", [](S station, A on) { return ClickBox(station, IDC_V42, on); }},
+        {"in-56k", [](S station, A on) { return ClickBox(station, IDC_IN_56K, on); }},
+        {"in-2b", [](S station, A on) { return ClickBox(station, IDC_IN_2B, on); }},
+        {"in-v42", [](S station, A on) { return ClickBox(station, IDC_IN_V42, on); }},
+        {"ignore-hot", [](S station, A on) { return ClickBox(station, IDC_IGNORE_HOT, on); }},
+        {"add", [](S station, A paths) { return Drop(station, IDC_FILE_LIST, paths); }},
         {"choose", ChooseFile},
-        {"drop-send", [](A paths) { return Drop(IDC_SEND, paths); }},
-        {"drop-directory", [](A paths) { return Drop(IDC_DIRECTORY_LIST, paths); }},
+        {"drop-send", [](S station, A paths) { return Drop(station, IDC_SEND, paths); }},
+        {"drop-directory",
+         [](S station, A paths) { return Drop(station, IDC_DIRECTORY_LIST, paths); }},
         {"file-click", ClickFileRow},
         {"file-delete", DeleteFileRow},
-        {"file-clear", [](A) { return Press(IDC_FILE_CLEAR); }},
-        {"select", [](A row) { return SelectRow(IDC_DIRECTORY_LIST, row); }},
+        {"file-clear", [](S station, A) { return Press(station, IDC_FILE_CLEAR); }},
+        {"select", [](S station, A row) { return SelectRow(station, IDC_DIRECTORY_LIST, row); }},
         {"entry", DirectoryButton},
         {"form", ChooseForm},
-        {"contact", [](A text) { return TypeContact(IDC_NAME, text); }},
-        {"phone", [](A text) { return TypeContact(IDC_NUMBER, text); }},
-        {"make-folder", [](A) { return Press(IDC_MAKE_FOLDER); }},
+        {"contact", [](S station, A text) { return TypeContact(station, IDC_NAME, text); }},
+        {"phone", [](S station, A text) { return TypeContact(station, IDC_NUMBER, text); }},
+        {"make-folder", [](S station, A) { return Press(station, IDC_MAKE_FOLDER); }},
         {"open-folder", OpenFolder},
         {"hot", HotMode},
         {"export", Export},
-        {"open-incoming", [](A) { return Press(IDC_OPEN_INCOMING); }},
-        {"help", [](A) { return Press(IDC_HELP); }},
+        {"open-incoming", [](S station, A) { return Press(station, IDC_OPEN_INCOMING); }},
+        {"help", [](S station, A) { return Press(station, IDC_HELP); }},
         {"program", ProgramButton},
         {"about", About},
         {"browser", Browser},
-        {"send", [](A) { return Press(IDC_SEND); }},
-        {"retrieve", [](A) { return Press(IDC_RETRIEVE); }},
-        {"disconnect", [](A) { return Press(IDC_DISCONNECT); }},
-        {"clear-log", [](A) { return Press(IDC_CLEAR_LOG); }},
+        {"send", [](S station, A) { return Press(station, IDC_SEND); }},
+        {"retrieve", [](S station, A) { return Press(station, IDC_RETRIEVE); }},
+        {"disconnect", [](S station, A) { return Press(station, IDC_DISCONNECT); }},
+        {"clear-log", [](S station, A) { return Press(station, IDC_CLEAR_LOG); }},
         {"speed", ChoosePortSpeed},
         {"wait", WaitForLogCommand},
         {"wait-state", WaitForStateCommand},
-        {"shift", [](A on) { return Hold(Key::Shift, on); }},
-        {"ctrl", [](A on) { return Hold(Key::Control, on); }},
-        {"show", [](A) { return ShowControls(); }},
-        {"quit", [](A) { return Deliver(EventOf(EventKind::MenuCommand, ID_FILE_EXIT)); }},
+        {"shift", [](S station, A on) { return Hold(station, Key::Shift, on); }},
+        {"ctrl", [](S station, A on) { return Hold(station, Key::Control, on); }},
+        {"show", [](S station, A) { return ShowControls(station); }},
+        {"quit", [](S station, A) { return PickMenu(station, ID_FILE_EXIT); }},
     };
     return Table;
 }
 
 }  // namespace
 
-std::string RunStationCommand(const std::string& line) {
+std::string RunStationCommand(StationFrontEnd& station, const std::string& line) {
     const size_t space = line.find(' ');
     const std::string verb = line.substr(0, space);
     const std::string argument = space == std::string::npos ? "" : line.substr(space + 1);
     Answer answer = Fail("unknown command: " + verb);
     for (const StationCommand& command : CommandTable()) {
         if (verb == command.Verb) {
-            answer = command.Run(argument);
+            answer = command.Run(station, argument);
             break;
         }
     }

@@ -4,5 +4,8 @@
 
 #include <string>
 
-// Runs one command line and says how it went: "ok" or "error: <why>".
-std::string RunStationCommand(const std::string& line);
+#include "station/station_front_end.h"
+
+// Runs one command line on the station and says how it went: "ok" or
+// "error: <why>".
+std::string RunStationCommand(StationFrontEnd& station, const std::string& line);

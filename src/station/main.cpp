@@ -17,9 +17,7 @@
 #include "platform/key_state.h"
 #include "platform/message_box.h"
 #include "station/commands.h"
-#include "station/station_desktop.h"
-#include "station/station_io.h"
-#include "station/waits.h"
+#include "station/station_front_end.h"
 
 namespace {
 
@@ -37,23 +35,33 @@ void CloseWindow() {
 }  // namespace
 
 int main() {
-    // Before any thread starts, so that every thread inherits the mask.
-    if (!BlockStopSignals()) {
+    // Its command input blocks the stop signals: made before any thread
+    // starts, so that every thread inherits the mask.
+    StationFrontEnd station;
+    if (!station.Input.IsOpen()) {
         std::perror("kbstation");
         return 1;
     }
-    SetMessageBoxHandler([](const std::string& text) { PrintLine("message: " + OneLine(text)); });
-    SetKeyStateQuery(KeyHeld);
-    InstallDesktop(&TheStationDesktop());
-    const int listener = Controls().AddListener([](const ControlEvent&) { NoteChange(); });
-    StartCommandInput(RunStationCommand, CloseWindow, NoteCommandsEnded);
+    SetMessageBoxHandler([&station](const std::string& text) {
+        station.Output.PrintLine("message: " + OneLine(text));
+    });
+    SetKeyStateQuery([&station](Key key) { return station.Desktop.KeyHeld(key); });
+    InstallDesktop(&station.Desktop);
+    const int listener =
+        Controls().AddListener([&station](const ControlEvent&) { station.Waits.NoteChange(); });
+    station.Input.Start(
+        [&station](const std::string& command) { return RunStationCommand(station, command); },
+        CloseWindow, [&station] { station.Waits.NoteCommandsEnded(); });
 
     TransferApp app;
-    app.PrepareWindow = [](MainWindow& window) { window.SetLogObserver(NoteLogLine); };
+    app.PrepareWindow = [&station](MainWindow& window) {
+        window.SetLogObserver(
+            [&station](const std::string& line) { station.Waits.NoteLogLine(line); });
+    };
     app.InitInstance();
 
-    NoteLoopEnded();
-    StopCommandInput();
+    station.Waits.NoteLoopEnded();
+    station.Input.Stop();
     Controls().RemoveListener(listener);
     SetMessageBoxHandler(nullptr);
     SetKeyStateQuery(nullptr);

@@ -8,14 +8,19 @@
 // and Ctrl are held down by commands.
 #pragma once
 
+#include <atomic>
+#include <mutex>
 #include <optional>
 #include <string>
 
 #include "platform/desktop.h"
 #include "platform/key_state.h"
+#include "station/station_io.h"
 
 class StationDesktop : public Desktop {
 public:
+    explicit StationDesktop(StationOutput& output) : output_(output) {}
+
     void ShowFolder(const std::string& path) override;
     [[nodiscard]] bool OpenInBrowser(const std::string& page) override;
     void ActivateBrowser() override;
@@ -27,10 +32,17 @@ public:
     // The answer for the next file dialog: a path, or nothing for Cancel.
     // A dialog takes it and leaves none for the dialog after.
     void AnswerNextDialog(std::optional<std::string> answer);
+
+    // Holds a key down, or lets it go.
+    void HoldKey(Key key, bool down);
+    [[nodiscard]] bool KeyHeld(Key key) const;
+
+private:
+    StationOutput& output_;
+    // Set by a command on its own thread, read on the main loop's.
+    std::atomic<bool> browserRunning_{true};
+    std::atomic<bool> shiftDown_{false};
+    std::atomic<bool> controlDown_{false};
+    std::mutex answerLock_;
+    std::optional<std::string> nextAnswer_;
 };
-
-StationDesktop& TheStationDesktop();
-
-// Holds a key down, or lets it go.
-void HoldKey(Key key, bool down);
-bool KeyHeld(Key key);

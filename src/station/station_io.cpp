@@ -3,31 +3,12 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <condition_variable>
 #include <cstdio>
-#include <deque>
-#include <mutex>
-#include <optional>
-#include <thread>
 
 namespace {
-
-std::mutex OutputLock;
-
-int SignalDescriptor = -1;
-int StopPipe[2] = {-1, -1};
-std::thread Reader;
-std::thread Runner;
-
-std::mutex QueueLock;
-std::condition_variable QueueChanged;
-// The commands in order; an empty entry stands for the end of the input.
-std::deque<std::optional<std::string>> Commands;
-bool QueueClosed = false;
 
 // Blanks and a CR around a command are no part of it.
 std::string Trimmed(std::string line) {
@@ -37,94 +18,6 @@ std::string Trimmed(std::string line) {
     const size_t start = line.find_first_not_of(" \t");
     line.erase(0, start == std::string::npos ? line.size() : start);
     return line;
-}
-
-void Enqueue(const std::string& line) {
-    std::lock_guard<std::mutex> guard(QueueLock);
-    Commands.push_back(Trimmed(line));
-    QueueChanged.notify_all();
-}
-
-void EndInput() {
-    std::lock_guard<std::mutex> guard(QueueLock);
-    Commands.emplace_back(std::nullopt);
-    QueueChanged.notify_all();
-}
-
-void CloseQueue() {
-    std::lock_guard<std::mutex> guard(QueueLock);
-    QueueClosed = true;
-    QueueChanged.notify_all();
-}
-
-void RunCommands(const std::function<std::string(const std::string&)>& run,
-                 const std::function<void()>& onCommandsEnded) {
-    for (;;) {
-        std::optional<std::string> line;
-        {
-            std::unique_lock<std::mutex> guard(QueueLock);
-            QueueChanged.wait(guard, [] { return QueueClosed || !Commands.empty(); });
-            if (Commands.empty()) {
-                return;
-            }
-            line = std::move(Commands.front());
-            Commands.pop_front();
-        }
-        if (!line) {
-            onCommandsEnded();
-        } else if (!line->empty()) {
-            PrintLine(run(*line));
-        }
-    }
-}
-
-// Reads standard input and the stopping signals until the stop pipe speaks.
-void ReadInput(const std::function<void()>& onStop) {
-    bool inputOpen = true;
-    bool stopping = false;
-    std::string pending;
-    for (;;) {
-        pollfd fds[3] = {
-            {StopPipe[0], POLLIN, 0}, {SignalDescriptor, POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
-        if (::poll(fds, inputOpen ? 3 : 2, -1) < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return;
-        }
-        if (fds[0].revents != 0) {
-            return;
-        }
-        if (fds[1].revents != 0) {
-            signalfd_siginfo info{};
-            if (::read(SignalDescriptor, &info, sizeof info) > 0 && !stopping) {
-                stopping = true;
-                onStop();
-            }
-        }
-        if (inputOpen && fds[2].revents != 0) {
-            char buffer[4096];
-            const ssize_t n = ::read(STDIN_FILENO, buffer, sizeof buffer);
-            if (n < 0 && errno == EINTR) {
-                continue;
-            }
-            if (n <= 0) {
-                if (!pending.empty()) {
-                    Enqueue(pending);
-                    pending.clear();
-                }
-                EndInput();
-                inputOpen = false;
-                continue;
-            }
-            pending.append(buffer, static_cast<size_t>(n));
-            size_t end;
-            while ((end = pending.find('\n')) != std::string::npos) {
-                Enqueue(pending.substr(0, end));
-                pending.erase(0, end + 1);
-            }
-        }
-    }
 }
 
 // The length of the well-formed UTF-8 character at text[at], 0 if the byte
@@ -215,9 +108,9 @@ std::string Escaped(const std::string& text, bool quoted) {
 
 }  // namespace
 
-void PrintLine(const std::string& line) {
+void StationOutput::PrintLine(const std::string& line) {
     const std::string text = line + "\n";
-    std::lock_guard<std::mutex> guard(OutputLock);
+    std::lock_guard<std::mutex> guard(lock_);
     size_t done = 0;
     while (done < text.size()) {
         const ssize_t n = ::write(STDOUT_FILENO, text.data() + done, text.size() - done);
@@ -239,29 +132,128 @@ std::string Quoted(const std::string& text) {
     return "\"" + Escaped(text, true) + "\"";
 }
 
-bool BlockStopSignals() {
-    sigset_t stopping;
-    sigemptyset(&stopping);
-    sigaddset(&stopping, SIGINT);
-    sigaddset(&stopping, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stopping, nullptr);
+CommandInput::CommandInput(StationOutput& output) : output_(output) {
     ::signal(SIGPIPE, SIG_IGN);
-    SignalDescriptor = ::signalfd(-1, &stopping, SFD_CLOEXEC);
-    return SignalDescriptor >= 0 && ::pipe2(StopPipe, O_CLOEXEC) == 0;
+    if (signals_.IsOpen() && ::pipe2(stopPipe_, O_CLOEXEC) != 0) {
+        stopPipe_[0] = stopPipe_[1] = -1;
+    }
 }
 
-void StartCommandInput(std::function<std::string(const std::string&)> run,
-                       std::function<void()> onStop, std::function<void()> onCommandsEnded) {
-    Reader = std::thread(ReadInput, std::move(onStop));
-    Runner = std::thread(RunCommands, std::move(run), std::move(onCommandsEnded));
+CommandInput::~CommandInput() {
+    if (reader_.joinable()) {
+        Stop();
+    }
+    for (const int fd : stopPipe_) {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
 }
 
-void StopCommandInput() {
+bool CommandInput::IsOpen() const {
+    return signals_.IsOpen() && stopPipe_[0] >= 0;
+}
+
+void CommandInput::Start(Runner run, std::function<void()> onStop,
+                         std::function<void()> onCommandsEnded) {
+    reader_ = std::thread([this, onStop = std::move(onStop)] { ReadInput(onStop); });
+    runner_ =
+        std::thread([this, run = std::move(run), onCommandsEnded = std::move(onCommandsEnded)] {
+            RunCommands(run, onCommandsEnded);
+        });
+}
+
+void CommandInput::Stop() {
     const char stop = 's';
-    if (::write(StopPipe[1], &stop, 1) < 0) {
+    if (::write(stopPipe_[1], &stop, 1) < 0) {
         std::perror("kbstation");
     }
-    Reader.join();
+    reader_.join();
     CloseQueue();
-    Runner.join();
+    runner_.join();
+}
+
+void CommandInput::Enqueue(const std::string& line) {
+    std::lock_guard<std::mutex> guard(queueLock_);
+    commands_.push_back(Trimmed(line));
+    queueChanged_.notify_all();
+}
+
+void CommandInput::EndInput() {
+    std::lock_guard<std::mutex> guard(queueLock_);
+    commands_.emplace_back(std::nullopt);
+    queueChanged_.notify_all();
+}
+
+void CommandInput::CloseQueue() {
+    std::lock_guard<std::mutex> guard(queueLock_);
+    queueClosed_ = true;
+    queueChanged_.notify_all();
+}
+
+void CommandInput::RunCommands(const Runner& run, const std::function<void()>& onCommandsEnded) {
+    for (;;) {
+        std::optional<std::string> line;
+        {
+            std::unique_lock<std::mutex> guard(queueLock_);
+            queueChanged_.wait(guard, [this] { return queueClosed_ || !commands_.empty(); });
+            if (commands_.empty()) {
+                return;
+            }
+            line = std::move(commands_.front());
+            commands_.pop_front();
+        }
+        if (!line) {
+            onCommandsEnded();
+        } else if (!line->empty()) {
+            output_.PrintLine(run(*line));
+        }
+    }
+}
+
+// Reads standard input and the stopping signals until the stop pipe speaks.
+void CommandInput::ReadInput(const std::function<void()>& onStop) {
+    bool inputOpen = true;
+    bool stopping = false;
+    std::string pending;
+    for (;;) {
+        pollfd fds[3] = {{stopPipe_[0], POLLIN, 0},
+                         {signals_.Descriptor(), POLLIN, 0},
+                         {STDIN_FILENO, POLLIN, 0}};
+        if (::poll(fds, inputOpen ? 3 : 2, -1) < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return;
+        }
+        if (fds[0].revents != 0) {
+            return;
+        }
+        if (fds[1].revents != 0 && signals_.Take() != 0 && !stopping) {
+            stopping = true;
+            onStop();
+        }
+        if (inputOpen && fds[2].revents != 0) {
+            char buffer[4096];
+            const ssize_t n = ::read(STDIN_FILENO, buffer, sizeof buffer);
+            if (n < 0 && errno == EINTR) {
+                continue;
+            }
+            if (n <= 0) {
+                if (!pending.empty()) {
+                    Enqueue(pending);
+                    pending.clear();
+                }
+                EndInput();
+                inputOpen = false;
+                continue;
+            }
+            pending.append(buffer, static_cast<size_t>(n));
+            size_t end;
+            while ((end = pending.find('\n')) != std::string::npos) {
+                Enqueue(pending.substr(0, end));
+                pending.erase(0, end + 1);
+            }
+        }
+    }
 }

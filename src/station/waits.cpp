@@ -7,16 +7,10 @@
 
 #include "app/main_window.h"
 #include "platform/event_loop.h"
-#include "station/station_io.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-std::mutex SeenLock;
-std::condition_variable SeenChanged;
-SeenLines Seen;
-bool LoopEnded = false;
 
 Clock::time_point DeadlineIn(double seconds) {
     return Clock::now() + std::chrono::milliseconds(static_cast<int64_t>(seconds * 1000));
@@ -50,52 +44,52 @@ Answer Fail(std::string why) {
     return Answer{false, std::move(why)};
 }
 
-Answer OnMainLoop(std::function<Answer()> work) {
+Answer StationWaits::OnMainLoop(std::function<Answer()> work) {
     struct Pending {
         bool Done = false;
         Answer Result;
     };
     auto pending = std::make_shared<Pending>();
-    MainLoop().Post([pending, work = std::move(work)] {
+    MainLoop().Post([this, pending, work = std::move(work)] {
         Answer answer = work();
-        std::lock_guard<std::mutex> guard(SeenLock);
+        std::lock_guard<std::mutex> guard(lock_);
         pending->Result = std::move(answer);
         pending->Done = true;
-        SeenChanged.notify_all();
+        changed_.notify_all();
     });
-    std::unique_lock<std::mutex> guard(SeenLock);
-    SeenChanged.wait(guard, [&] { return pending->Done || LoopEnded; });
+    std::unique_lock<std::mutex> guard(lock_);
+    changed_.wait(guard, [&] { return pending->Done || loopEnded_; });
     if (!pending->Done) {
         return Fail("the station is stopping");
     }
     return pending->Result;
 }
 
-Answer WaitForLog(const std::string& text, double seconds) {
+Answer StationWaits::WaitForLog(const std::string& text, double seconds) {
     const Clock::time_point deadline = DeadlineIn(seconds);
-    std::unique_lock<std::mutex> guard(SeenLock);
+    std::unique_lock<std::mutex> guard(lock_);
     for (;;) {
-        if (Seen.TakeMatch(text)) {
+        if (seen_.TakeMatch(text)) {
             return Answer{};
         }
-        if (LoopEnded) {
+        if (loopEnded_) {
             return Fail("the station is stopping");
         }
-        if (SeenChanged.wait_until(guard, deadline) == std::cv_status::timeout &&
-            !Seen.TakeMatch(text)) {
+        if (changed_.wait_until(guard, deadline) == std::cv_status::timeout &&
+            !seen_.TakeMatch(text)) {
             return Fail("timed out waiting for " + text);
         }
     }
 }
 
-Answer WaitForLinkState(const std::string& state, double seconds) {
+Answer StationWaits::WaitForLinkState(const std::string& state, double seconds) {
     const Clock::time_point deadline = DeadlineIn(seconds);
-    std::unique_lock<std::mutex> guard(SeenLock);
+    std::unique_lock<std::mutex> guard(lock_);
     for (;;) {
         if (MainWindow::LinkStateName() == state) {
             return Answer{};
         }
-        if (LoopEnded) {
+        if (loopEnded_) {
             return Fail("the station is stopping");
         }
         if (Clock::now() >= deadline) {
@@ -103,29 +97,29 @@ Answer WaitForLinkState(const std::string& state, double seconds) {
         }
         // Most changes of the link show in the window and wake this wait;
         // the short limit covers those that do not.
-        SeenChanged.wait_for(guard, std::chrono::milliseconds(20));
+        changed_.wait_for(guard, std::chrono::milliseconds(20));
     }
 }
 
-void NoteLogLine(const std::string& line) {
-    PrintLine("log: " + OneLine(line));
-    std::lock_guard<std::mutex> guard(SeenLock);
-    Seen.Add(line);
-    SeenChanged.notify_all();
+void StationWaits::NoteLogLine(const std::string& line) {
+    output_.PrintLine("log: " + OneLine(line));
+    std::lock_guard<std::mutex> guard(lock_);
+    seen_.Add(line);
+    changed_.notify_all();
 }
 
-void NoteCommandsEnded() {
-    std::lock_guard<std::mutex> guard(SeenLock);
-    Seen.EndWaits();
+void StationWaits::NoteCommandsEnded() {
+    std::lock_guard<std::mutex> guard(lock_);
+    seen_.EndWaits();
 }
 
-void NoteChange() {
-    std::lock_guard<std::mutex> guard(SeenLock);
-    SeenChanged.notify_all();
+void StationWaits::NoteChange() {
+    std::lock_guard<std::mutex> guard(lock_);
+    changed_.notify_all();
 }
 
-void NoteLoopEnded() {
-    std::lock_guard<std::mutex> guard(SeenLock);
-    LoopEnded = true;
-    SeenChanged.notify_all();
+void StationWaits::NoteLoopEnded() {
+    std::lock_guard<std::mutex> guard(lock_);
+    loopEnded_ = true;
+    changed_.notify_all();
 }

@@ -3,9 +3,13 @@
 // limit, and all of them give up once the main loop has ended.
 #pragma once
 
+#include <condition_variable>
 #include <deque>
 #include <functional>
+#include <mutex>
 #include <string>
+
+#include "station/station_io.h"
 
 // How a command went: done, or refused with the reason.
 struct Answer {
@@ -13,15 +17,6 @@ struct Answer {
     std::string Why;
 };
 Answer Fail(std::string why);
-
-// Runs the work on the main loop's thread, between the window's timers as a
-// click would be, and waits until it is done.
-Answer OnMainLoop(std::function<Answer()> work);
-// Waits for a log line holding the text, among the lines added after the one
-// that the last such wait matched.
-Answer WaitForLog(const std::string& text, double seconds);
-// Waits until the window names the link's state so.
-Answer WaitForLinkState(const std::string& state, double seconds);
 
 // The log lines that a wait may still look at. A wait looks only behind the
 // line that the last wait matched, so the lines up to that one are let go;
@@ -42,11 +37,35 @@ private:
     bool ended_ = false;
 };
 
-// Each line the log receives, in order; the window's log observer.
-void NoteLogLine(const std::string& line);
-// The commands have ended and every one of them has been answered.
-void NoteCommandsEnded();
-// A control changed: the waits look again.
-void NoteChange();
-// The main loop has ended; nothing posted to it runs any more.
-void NoteLoopEnded();
+// What the commands wait on: the log lines and the changes of the window,
+// fed by the window's log observer and control listener from whichever
+// thread logs or changes, and the end of the main loop, told by main.
+class StationWaits {
+public:
+    explicit StationWaits(StationOutput& output) : output_(output) {}
+
+    // Runs the work on the main loop's thread, between the window's timers as
+    // a click would be, and waits until it is done.
+    Answer OnMainLoop(std::function<Answer()> work);
+    // Waits for a log line holding the text, among the lines added after the
+    // one that the last such wait matched.
+    Answer WaitForLog(const std::string& text, double seconds);
+    // Waits until the window names the link's state so.
+    Answer WaitForLinkState(const std::string& state, double seconds);
+
+    // Each line the log receives, in order; the window's log observer.
+    void NoteLogLine(const std::string& line);
+    // The commands have ended and every one of them has been answered.
+    void NoteCommandsEnded();
+    // A control changed: the waits look again.
+    void NoteChange();
+    // The main loop has ended; nothing posted to it runs any more.
+    void NoteLoopEnded();
+
+private:
+    StationOutput& output_;
+    std::mutex lock_;
+    std::condition_variable changed_;
+    SeenLines seen_;
+    bool loopEnded_ = false;
+};

@@ -1,0 +1,16 @@
+// kbstation's own parts, made once by its main and handed to whatever needs
+// them: the output every thread prints to, the desktop and keys it stands in
+// for, what its waits look at, and the command input with its threads.
+#pragma once
+
+#include "station/station_desktop.h"
+#include "station/station_io.h"
+#include "station/waits.h"
+
+struct StationFrontEnd {
+    StationOutput Output;
+    StationDesktop Desktop{Output};
+    StationWaits Waits{Output};
+    // Last, so that its threads, which reach the parts above, end first.
+    CommandInput Input{Output};
+};
