@@ -50,7 +50,9 @@ bool TransferApp::InitInstance() {
     EnsurePickUpRoot(stores.Paths);
 
     window.OnInitDialog();
+    window_->store(&window);
     MainLoop().Run();
+    window_->store(nullptr);
     // The loop ends only through the window's two ways out, which prepare
     // the exit; this call finds it done.
     window.PrepareExit();

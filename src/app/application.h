@@ -4,10 +4,18 @@
 // starts, so two copies started in two folders are two installations.
 #pragma once
 
+#include <atomic>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "app/main_window.h"
+
+// The window while its loop runs, for work posted to the main loop: null
+// before the window's start and after its end. Posted work keeps the handle
+// itself, not the program, so work still queued when a program has ended
+// finds null rather than a window that has gone.
+using WindowHandle = std::shared_ptr<const std::atomic<MainWindow*>>;
 
 class TransferApp {
 public:
@@ -20,6 +28,13 @@ public:
     // and frees the engine, every engine thread having stopped. Always false:
     // the program ends when its window does.
     bool InitInstance();
+
+    // The window of this program, for work on the main loop's thread.
+    [[nodiscard]] WindowHandle Window() const { return window_; }
+
+private:
+    std::shared_ptr<std::atomic<MainWindow*>> window_ =
+        std::make_shared<std::atomic<MainWindow*>>(nullptr);
 };
 
 // Where an installation keeps the manual: its folder below the installation's

@@ -20,12 +20,7 @@
 #include "resources/resource.h"
 #include "stores/installation.h"
 
-std::atomic<int32_t> MeasuredRate{0};
-std::atomic<int32_t> SplashPending{1};
-
 namespace {
-
-MainWindow* ActiveWindow = nullptr;
 
 // How a control starts, besides its place.
 struct ControlStart {
@@ -142,10 +137,6 @@ std::string ControlName(int id) {
     return found == Names.end() ? std::string() : found->second;
 }
 
-MainWindow* ActiveMainWindow() {
-    return ActiveWindow;
-}
-
 // The window as the engine's threads see it: each display call goes to the
 // operation of the same name of the panel that shows it. It keeps the
 // engine's interface out of MainWindow's header, which front ends include.
@@ -200,10 +191,9 @@ MainWindow::MainWindow(Installation& stores)
       engineDisplay_(std::make_unique<EngineDisplay>(*this)) {}
 
 MainWindow::~MainWindow() {
-    if (ActiveWindow == this) {
+    if (initialised_) {
         stores_.Log.SetSink(nullptr);
         MainLoop().SetTimerHandler(nullptr);
-        ActiveWindow = nullptr;
         TheMainWindow = nullptr;
     }
 }
@@ -268,7 +258,7 @@ void MainWindow::CreateControls() {
 
 bool MainWindow::OnInitDialog() {
     TheMainWindow = engineDisplay_.get();
-    ActiveWindow = this;
+    initialised_ = true;
     CreateControls();
     MainLoop().SetTimerHandler([this](int id) { OnTimer(id); });
 
@@ -435,7 +425,7 @@ void MainWindow::OpenAboutBox() {
         return;
     }
     Controls().Show(IDD_ABOUTBOX, true);
-    if (SplashPending.load() != 0) {
+    if (splashPending_.load()) {
         MainLoop().SetTimer(TimerSplashClose, SplashMs);
     }
 }
@@ -447,7 +437,7 @@ void MainWindow::OnAboutOk() {
     // The box's timer goes with the box.
     MainLoop().KillTimer(TimerSplashClose);
     Controls().Show(IDD_ABOUTBOX, false);
-    if (SplashPending.exchange(0) != 0) {
+    if (splashPending_.exchange(false)) {
         MainLoop().SetTimer(TimerFindAdapter, 1);
     }
 }

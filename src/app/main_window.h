@@ -67,12 +67,6 @@ const std::vector<ControlPlace>& MainWindowLayout();
 // The resource name of a control ("IDC_SEND"); "" for a label.
 std::string ControlName(int id);
 
-// Bytes per second measured in the present transfer; 0: none yet.
-extern std::atomic<int32_t> MeasuredRate;
-// Set until the first About box has closed: it tells the splash at start
-// apart from an About box that the user opens later.
-extern std::atomic<int32_t> SplashPending;
-
 // What a front end reports of the user. Every event is handled on the main
 // loop's thread, one at a time, as a window's messages are.
 enum class EventKind {
@@ -225,14 +219,17 @@ private:
     std::unique_ptr<EngineDisplay> engineDisplay_;
 
     bool engineStarted_ = false;
+    // Set once the window has started: it then stands behind the log, the
+    // timers and the engine's display calls until it goes.
+    bool initialised_ = false;
+    // Set until the first About box has closed: it tells the splash at start
+    // apart from an About box that the user opens later.
+    std::atomic<bool> splashPending_{true};
     std::atomic<bool> startOver_{false};
     ThreadHandle commThread_;
     bool commThreadStarted_ = false;
     bool exitPrepared_ = false;
 };
-
-// The window while it exists, for the front ends; null before and after.
-MainWindow* ActiveMainWindow();
 
 // The part of a path behind its last "/"; a path that ends in "/" gives the
 // name of the folder before it.

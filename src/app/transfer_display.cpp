@@ -61,7 +61,7 @@ void TransferDisplay::ShowBatchEstimate(uint32_t bytes) {
     controls.Enable(IDC_EST_TIME, true);
     // Rounded up by a whole kilobyte even for an exact multiple.
     controls.SetText(IDC_TOTAL_KB, std::to_string((bytes >> 10) + 1) + " KB");
-    const int32_t measured = MeasuredRate.load();
+    const int32_t measured = measuredRate_.load();
     const uint32_t rate = measured > 0 ? static_cast<uint32_t>(measured) : FixedRate();
     // Never an estimate of nothing.
     const uint64_t seconds = uint64_t{bytes} / rate + 1;
@@ -79,14 +79,14 @@ void TransferDisplay::ShowTransferDisplay(bool starting) {
         controls.Show(IDC_PROGRESS, true);
         controls.SetText(IDC_BYTES_SEC, "");
         controls.Enable(IDC_BYTES_SEC, true);
-        MeasuredRate.store(0);
+        measuredRate_.store(0);
         window_.Log().AllowClearing(false);
     } else {
         controls.Show(IDC_PROGRESS, false);
         // Its last text stays, grey.
         controls.Enable(IDC_BYTES_SEC, false);
         window_.Log().AllowClearing(true);
-        MeasuredRate.store(0);
+        measuredRate_.store(0);
     }
 }
 
@@ -109,7 +109,7 @@ void TransferDisplay::ShowThroughput(bool sending, bool log) {
     const uint32_t elapsed = entry.LastBlockTime - start;
     // A rate from bytes and milliseconds, in 64 bits; the ceiling below
     // brings it back into range.
-    int64_t rate = MeasuredRate.load();
+    int64_t rate = measuredRate_.load();
     if (elapsed != 0) {
         rate = static_cast<int64_t>(uint64_t{entry.BytesDone} * 1000 / elapsed);
     }
@@ -118,10 +118,10 @@ void TransferDisplay::ShowThroughput(bool sending, bool log) {
         rate = ceiling;
     }
     std::string text = std::to_string(rate);
-    MeasuredRate.store(static_cast<int32_t>(rate));
+    measuredRate_.store(static_cast<int32_t>(rate));
     if (text[0] == '0') {
         // Only a ceiling of 0 gets here: the estimate must not divide by it.
-        MeasuredRate.store(10);
+        measuredRate_.store(10);
     }
     text += " Bytes/sec";
     if (log) {

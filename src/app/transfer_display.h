@@ -3,6 +3,7 @@
 // transfer in the log. The engine's threads call these directly.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "app/window_panel.h"
@@ -22,6 +23,8 @@ public:
     void SetProgress(uint32_t done, uint32_t total);
     void ShowThroughput(bool sending, bool log);
     void LogElapsedTime();
+    // Bytes per second measured in the present transfer; 0: none yet.
+    [[nodiscard]] int32_t MeasuredRate() const { return measuredRate_.load(); }
 
 private:
     // Bytes per second that the outgoing settings promise, before anything
@@ -30,4 +33,6 @@ private:
 
     MainWindow& window_;
     Installation& stores_;
+    // Written by the engine's display calls, read by the window's estimate.
+    std::atomic<int32_t> measuredRate_{0};
 };

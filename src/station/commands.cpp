@@ -21,8 +21,8 @@ Answer FromOutcome(const EventOutcome& outcome) {
 
 // Hands the event to the window on the main loop's thread.
 Answer Deliver(StationFrontEnd& station, WindowEvent event) {
-    return station.Waits.OnMainLoop([event = std::move(event)] {
-        MainWindow* window = ActiveMainWindow();
+    return station.Waits.OnMainLoop([handle = station.App.Window(), event = std::move(event)] {
+        MainWindow* window = handle->load();
         if (window == nullptr) {
             return Fail("the window is not there");
         }
@@ -36,7 +36,7 @@ Answer DeliverAnswering(StationFrontEnd& station, WindowEvent event,
                         std::optional<std::string> answer) {
     return station.Waits.OnMainLoop(
         [&station, event = std::move(event), answer = std::move(answer)] {
-            MainWindow* window = ActiveMainWindow();
+            MainWindow* window = station.App.Window()->load();
             if (window == nullptr) {
                 return Fail("the window is not there");
             }
@@ -87,8 +87,8 @@ std::string FullPath(const std::string& argument) {
 
 // A row given by its number, or by its text.
 Answer SelectRow(StationFrontEnd& station, int id, const std::string& argument) {
-    return station.Waits.OnMainLoop([id, argument] {
-        MainWindow* window = ActiveMainWindow();
+    return station.Waits.OnMainLoop([handle = station.App.Window(), id, argument] {
+        MainWindow* window = handle->load();
         if (window == nullptr) {
             return Fail("the window is not there");
         }

@@ -22,9 +22,9 @@
 namespace {
 
 // A stopping signal closes the window, as its close box does.
-void CloseWindow() {
-    MainLoop().Post([] {
-        if (MainWindow* window = ActiveMainWindow()) {
+void CloseWindow(const WindowHandle& handle) {
+    MainLoop().Post([handle] {
+        if (MainWindow* window = handle->load()) {
             WindowEvent event;
             event.Kind = EventKind::Close;
             window->HandleEvent(event);
@@ -51,14 +51,14 @@ int main() {
         Controls().AddListener([&station](const ControlEvent&) { station.Waits.NoteChange(); });
     station.Input.Start(
         [&station](const std::string& command) { return RunStationCommand(station, command); },
-        CloseWindow, [&station] { station.Waits.NoteCommandsEnded(); });
+        [&station] { CloseWindow(station.App.Window()); },
+        [&station] { station.Waits.NoteCommandsEnded(); });
 
-    TransferApp app;
-    app.PrepareWindow = [&station](MainWindow& window) {
+    station.App.PrepareWindow = [&station](MainWindow& window) {
         window.SetLogObserver(
             [&station](const std::string& line) { station.Waits.NoteLogLine(line); });
     };
-    app.InitInstance();
+    station.App.InitInstance();
 
     station.Waits.NoteLoopEnded();
     station.Input.Stop();

@@ -1,8 +1,10 @@
 // kbstation's own parts, made once by its main and handed to whatever needs
 // them: the output every thread prints to, the desktop and keys it stands in
-// for, what its waits look at, and the command input with its threads.
+// for, what its waits look at, the program and its window, and the command
+// input with its threads.
 #pragma once
 
+#include "app/application.h"
 #include "station/station_desktop.h"
 #include "station/station_io.h"
 #include "station/waits.h"
@@ -11,6 +13,8 @@ struct StationFrontEnd {
     StationOutput Output;
     StationDesktop Desktop{Output};
     StationWaits Waits{Output};
+    // The program itself, whose window the commands reach.
+    TransferApp App;
     // Last, so that its threads, which reach the parts above, end first.
     CommandInput Input{Output};
 };

@@ -117,7 +117,7 @@ void FrontEnd::Start() {
 
     gui_ = std::make_unique<GuiThread>();
     changes_ = std::make_shared<ControlChanges>();
-    view_ = std::make_unique<MainView>(changes_, DialogFont());
+    view_ = std::make_unique<MainView>(changes_, app_.Window(), DialogFont());
     desktop_ = std::make_unique<QtDesktop>(*gui_, [this] { return view_.get(); });
 
     qApp->installEventFilter(&keys_);
@@ -137,8 +137,7 @@ void FrontEnd::Start() {
         Controls().AddListener([changes](const ControlEvent& event) { changes->Note(event); });
 
     program_ = std::thread([this] {
-        TransferApp app;
-        app.InitInstance();
+        app_.InitInstance();
         QMetaObject::invokeMethod(this, "OnProgramEnded", Qt::QueuedConnection);
     });
     if (!options_.Screenshot.isEmpty()) {
@@ -180,8 +179,8 @@ void FrontEnd::WaitForStartToEnd() {
     connect(timer, &QTimer::timeout, this, [this, timer, over, asking] {
         if (!over->load()) {
             if (!asking->exchange(true)) {
-                MainLoop().Post([over, asking] {
-                    const MainWindow* window = ActiveMainWindow();
+                MainLoop().Post([over, asking, handle = app_.Window()] {
+                    const MainWindow* window = handle->load();
                     over->store(window != nullptr && window->StartIsOver() &&
                                 !Controls().Shown(IDD_ABOUTBOX));
                     asking->store(false);

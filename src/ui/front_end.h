@@ -18,6 +18,7 @@
 #include <memory>
 #include <thread>
 
+#include "app/application.h"
 #include "platform/key_state.h"
 
 class ControlChanges;
@@ -74,6 +75,8 @@ public:
     [[nodiscard]] int ExitStatus() const { return exitStatus_; }
 
     [[nodiscard]] MainView& View() const { return *view_; }
+    // The program's window, for work on the main loop's thread.
+    [[nodiscard]] WindowHandle Window() const { return app_.Window(); }
 
     // Writes a PNG of the window to the file, through a file beside it, so a
     // reader never finds half a picture. False if it could not be written.
@@ -91,6 +94,8 @@ private:
     void ShowMessage(const std::string& text);
 
     FrontEndOptions options_;
+    // The program, run on a thread of its own.
+    TransferApp app_;
     std::unique_ptr<GuiThread> gui_;
     std::shared_ptr<ControlChanges> changes_;
     std::unique_ptr<MainView> view_;

@@ -188,8 +188,8 @@ bool PictureChanged(QWidget* widget, int picture) {
 
 }  // namespace
 
-MainView::MainView(std::shared_ptr<ControlChanges> changes, const QFont& font)
-    : changes_(std::move(changes)), units_(font) {
+MainView::MainView(std::shared_ptr<ControlChanges> changes, WindowHandle window, const QFont& font)
+    : changes_(std::move(changes)), window_(std::move(window)), units_(font) {
     setFont(font);
     // A fixed dialog with a minimise box and a close box, and nothing to
     // maximise.
@@ -230,8 +230,8 @@ void MainView::Send(const WindowEvent& event) {
     if (edit) {
         ++editsUnhandled_[event.Id];
     }
-    MainLoop().Post([event, changes, edit] {
-        MainWindow* window = ActiveMainWindow();
+    MainLoop().Post([event, changes, edit, handle = window_] {
+        MainWindow* window = handle->load();
         if (window == nullptr) {
             return;
         }

@@ -12,6 +12,7 @@
 #include <memory>
 #include <vector>
 
+#include "app/application.h"
 #include "app/control_model.h"
 #include "app/main_window.h"
 #include "ui/control_changes.h"
@@ -24,8 +25,9 @@ class MainView : public QMainWindow {
     Q_OBJECT
 
 public:
-    // font is the dialog's font, from which its measures follow.
-    MainView(std::shared_ptr<ControlChanges> changes, const QFont& font);
+    // font is the dialog's font, from which its measures follow; the
+    // user's actions go to the window that handle names.
+    MainView(std::shared_ptr<ControlChanges> changes, WindowHandle window, const QFont& font);
     ~MainView() override;
 
     // The widget that shows a control; null while the model has no such
@@ -67,6 +69,7 @@ private:
     [[nodiscard]] int DropTargetAt(const QPoint& point) const;
 
     std::shared_ptr<ControlChanges> changes_;
+    WindowHandle window_;
     DialogUnits units_;
     QWidget* page_ = nullptr;
     AboutBox* about_ = nullptr;

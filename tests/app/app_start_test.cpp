@@ -25,17 +25,12 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-void PostEvent(EventKind kind, int id = 0) {
-    MainLoop().Post([kind, id] { ActiveMainWindow()->HandleEvent(Event(kind, id)); });
-}
-
 class AppStartTest : public ::testing::Test {
 protected:
     void SetUp() override {
         previous_ = CurrentFolder();
         ASSERT_TRUE(ChangeCurrentFolder(folder_.Path()));
         BlockPorts(folder_.Path());
-        SplashPending = 1;
         AdapterFound = 0;
         TheEngine.LinkState = LinkIdle;
     }
@@ -44,32 +39,40 @@ protected:
     // One run of the program; the window's first task is the given one.
     std::vector<std::string> Run(const std::function<void()>& first) {
         std::vector<std::string> lines;
-        TransferApp app;
-        app.PrepareWindow = [&](MainWindow& window) {
+        app_->PrepareWindow = [&](MainWindow& window) {
             window.SetLogObserver([&](const std::string& line) { lines.push_back(line); });
         };
         if (first) {
             MainLoop().Post(first);
         }
-        EXPECT_FALSE(app.InitInstance());
+        EXPECT_FALSE(app_->InitInstance());
+        // The next run is the program's next start.
+        app_ = std::make_unique<TransferApp>();
         return lines;
+    }
+
+    // The window of the run under way; on the main loop's thread.
+    MainWindow* Window() const { return app_->Window()->load(); }
+    void PostEvent(EventKind kind, int id = 0) {
+        MainLoop().Post([this, kind, id] { Window()->HandleEvent(Event(kind, id)); });
     }
 
     std::vector<std::string> Messages() const { return output_.Messages(); }
 
     TempFolder folder_;
     CapturedOutput output_;
+    std::unique_ptr<TransferApp> app_ = std::make_unique<TransferApp>();
 
 private:
     std::string previous_;
 };
 
 TEST_F(AppStartTest, AFirstRunMakesItsFilesAndAnExitWithoutAnAdapterSavesNoPreferences) {
-    const std::vector<std::string> lines = Run([] {
+    const std::vector<std::string> lines = Run([this] {
         // The user changes a preference and leaves at once.
         WindowEvent click = Event(EventKind::BoxClicked, IDC_IGNORE_HOT);
         click.Checked = true;
-        ActiveMainWindow()->HandleEvent(click);
+        Window()->HandleEvent(click);
         PostEvent(EventKind::Close);
     });
 
@@ -125,12 +128,12 @@ TEST_F(AppStartTest, TheSplashClosesItselfAfterASecondAndTheSearchFollowsOnce) {
     // The search finds nothing and says so; the start is over only once the
     // search has returned. The user then leaves.
     std::vector<bool> startOver;
-    MainLoop().Post([&] { startOver.push_back(ActiveMainWindow()->StartIsOver()); });
+    MainLoop().Post([&] { startOver.push_back(Window()->StartIsOver()); });
     output_.OnMessage = [&](const std::string& text) {
         if (text == NoAdapterMessage) {
-            startOver.push_back(ActiveMainWindow()->StartIsOver());
+            startOver.push_back(Window()->StartIsOver());
             MainLoop().Post([&] {
-                startOver.push_back(ActiveMainWindow()->StartIsOver());
+                startOver.push_back(Window()->StartIsOver());
                 PostEvent(EventKind::Close);
             });
         }

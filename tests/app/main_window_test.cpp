@@ -26,6 +26,19 @@ namespace {
 
 using MainWindowTest = WindowTest;
 
+// The engine's display call measures the rate of a file that moved that many
+// bytes in a second, under a ceiling well above it.
+void MeasureRate(MainWindow& window, uint32_t bytesPerSecond) {
+    FileEntry& entry = TheEngine.SendList[0];
+    entry = FileEntry{};
+    entry.StartTime = 1000;
+    entry.LastBlockTime = 2000;
+    entry.BytesDone = bytesPerSecond;
+    RateEstimate = 16000;
+    window.Display().ShowThroughput(true, false);
+    ASSERT_EQ(window.Display().MeasuredRate(), static_cast<int32_t>(bytesPerSecond));
+}
+
 TEST_F(MainWindowTest, TheButtonsFollowTheLinkAndTheFileList) {
     struct Row {
         LinkState Link;
@@ -208,7 +221,10 @@ TEST_F(MainWindowTest, TheWindowShowsWhatTheAdapterFoundOffers) {
 }
 
 TEST_F(MainWindowTest, TheAboutBoxOfTheMenuNeitherClosesByItselfNorSearches) {
-    SplashPending = 0;
+    // The splash of the start has come and gone, and its search with it.
+    window_->OpenAboutBox();
+    window_->OnAboutOk();
+    MainLoop().KillTimer(TimerFindAdapter);
     EXPECT_TRUE(ChooseMenu(IDM_ABOUTBOX).Done);
     EXPECT_TRUE(Controls().Shown(IDD_ABOUTBOX));
     EXPECT_FALSE(MainLoop().TimerRunning(TimerSplashClose));
@@ -216,15 +232,21 @@ TEST_F(MainWindowTest, TheAboutBoxOfTheMenuNeitherClosesByItselfNorSearches) {
     EXPECT_FALSE(Controls().Shown(IDD_ABOUTBOX));
     EXPECT_FALSE(MainLoop().TimerRunning(TimerFindAdapter));
 
-    // The splash, closed by OK before its time, starts the search once.
-    SplashPending = 1;
+    // The splash of the next start, closed by OK before its time, starts the
+    // search once.
+    StopWindow();
+    StartWindow();
     window_->OpenAboutBox();
     EXPECT_TRUE(MainLoop().TimerRunning(TimerSplashClose));
     window_->OnAboutOk();
     EXPECT_FALSE(MainLoop().TimerRunning(TimerSplashClose));
     EXPECT_TRUE(MainLoop().TimerRunning(TimerFindAdapter));
-    EXPECT_EQ(SplashPending.load(), 0);
     MainLoop().KillTimer(TimerFindAdapter);
+    window_->OnAboutOk();
+    EXPECT_FALSE(MainLoop().TimerRunning(TimerFindAdapter));
+    // The splash is spent: the next About box is the menu's.
+    window_->OpenAboutBox();
+    EXPECT_FALSE(MainLoop().TimerRunning(TimerSplashClose));
     window_->OnAboutOk();
     EXPECT_FALSE(MainLoop().TimerRunning(TimerFindAdapter));
 }
@@ -332,7 +354,7 @@ TEST_F(MainWindowTest, TheFixedRatesFollowTheOutgoingSettings) {
         EXPECT_EQ(Controls().Text(IDC_EST_TIME), std::string("Est. Time: ") + c.Time);
     }
     // A measured rate takes over.
-    MeasuredRate = 1000;
+    MeasureRate(*window_, 1000);
     window_->Display().ShowBatchEstimate(1000000);
     EXPECT_EQ(Controls().Text(IDC_EST_TIME), "Est. Time: 00:16:41");
 }
@@ -378,7 +400,7 @@ TEST_F(MainWindowTest, TheShownRateNeverPassesTheCeiling) {
         RateEstimate = step.Ceiling;
         const size_t lines = Observed().size();
         window_->Display().ShowThroughput(step.Sending, step.Log);
-        EXPECT_EQ(MeasuredRate.load(), step.Measured);
+        EXPECT_EQ(window_->Display().MeasuredRate(), step.Measured);
         EXPECT_EQ(Controls().Text(IDC_BYTES_SEC), step.Shown);
         const bool logged = step.Log && step.StartTime != 0;
         ASSERT_EQ(Observed().size(), lines + (logged ? 1 : 0));
@@ -403,7 +425,7 @@ TEST_F(MainWindowTest, ProgressIsComputedInSixtyFourBitsAndShownOnlyDuringATrans
     // hides the bar and leaves the last rate in grey.
     for (const bool transfer : {true, false}) {
         SCOPED_TRACE(transfer);
-        MeasuredRate = 7000;
+        MeasureRate(*window_, 7000);
         Controls().SetText(IDC_BYTES_SEC, "7000 Bytes/sec");
         window_->Display().SetProgress(1, 2);
         window_->Display().ShowTransferDisplay(transfer);
@@ -412,7 +434,7 @@ TEST_F(MainWindowTest, ProgressIsComputedInSixtyFourBitsAndShownOnlyDuringATrans
         EXPECT_EQ(Controls().Enabled(IDC_BYTES_SEC), transfer);
         EXPECT_EQ(Controls().Text(IDC_BYTES_SEC), transfer ? "" : "7000 Bytes/sec");
         EXPECT_EQ(Controls().Enabled(IDC_CLEAR_LOG), !transfer);
-        EXPECT_EQ(MeasuredRate.load(), 0);
+        EXPECT_EQ(window_->Display().MeasuredRate(), 0);
     }
 }
 

@@ -35,8 +35,6 @@ void WindowTest::StartWindow() {
     AdapterFound = 0;
     SetLinePolling(0);
     RateEstimate = 0;
-    MeasuredRate = 0;
-    SplashPending = 1;
     stores_ = std::make_unique<Installation>(folder_.Path());
     LineStores = stores_.get();
     stores_->Load();

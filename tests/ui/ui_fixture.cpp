@@ -92,7 +92,6 @@ void UiTest::SetUp() {
     BlockPorts(folder_.Path());
     // What one process does once: every test starts from the program's
     // first state.
-    SplashPending = 1;
     AdapterFound = 0;
     TheEngine.LinkState = LinkIdle;
     answerer_ = std::make_unique<ModalAnswerer>();
@@ -111,9 +110,9 @@ void UiTest::TearDown() {
 }
 
 void UiTest::WaitForStart() {
-    ASSERT_TRUE(WaitUntil([] {
-        return OnMainLoop([] {
-                   const MainWindow* window = ActiveMainWindow();
+    ASSERT_TRUE(WaitUntil([this] {
+        return OnMainLoop([this] {
+                   const MainWindow* window = frontEnd_->Window()->load();
                    return window != nullptr && window->StartIsOver();
                })
             .value_or(false);

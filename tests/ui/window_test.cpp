@@ -169,7 +169,7 @@ TEST_F(WindowTest, TheSplashClosesByItselfEnterAndEscapeNeverEndTheProgramTheClo
     QTest::keyClick(View().About(), Qt::Key_Return);
     ASSERT_TRUE(WaitUntil([&] { return !View().About()->isVisible(); }));
     // The window still answers, and stays up.
-    EXPECT_EQ(OnMainLoop([] { return ActiveMainWindow() != nullptr; }), true);
+    EXPECT_EQ(OnMainLoop([this] { return frontEnd_->Window()->load() != nullptr; }), true);
     EXPECT_FALSE(frontEnd_->Ended());
     EXPECT_TRUE(View().isVisible());
 
@@ -186,7 +186,7 @@ TEST_F(WindowTest, WidgetsFollowChangesFromOtherThreadsWithoutWaitingAndNeverUnd
     WaitForStart();
     MainWindow* window = nullptr;
     ASSERT_TRUE(OnMainLoop([&] {
-        window = ActiveMainWindow();
+        window = frontEnd_->Window()->load();
         return true;
     }));
     // The engine's display calls, from a thread of their own, while the GUI
