@@ -1,7 +1,7 @@
 #include "app/application.h"
 
 #include "engine/transfer_engine.h"
-#include "line/comm_port.h"
+#include "line/line.h"
 #include "platform/event_loop.h"
 #include "platform/files.h"
 #include "platform/message_box.h"
@@ -36,7 +36,11 @@ std::string ManualFolderBelow(const std::string& root) {
 }
 
 bool TransferApp::InitInstance() {
-    MainWindow window;
+    // The line lives for the run: made here, where the front end's start
+    // reaches the layers below it, and handed to the window and, through it,
+    // to the engine; it goes after every thread that used it has ended.
+    Line line;
+    MainWindow window(line);
     if (PrepareWindow) {
         PrepareWindow(window);
     }
@@ -59,8 +63,8 @@ bool TransferApp::InitInstance() {
     // the exit; this call finds it done.
     window.PrepareExit();
 
-    CommPortClose();
-    CommPortDestroy();
+    line.CommPortClose();
+    line.CommPortDestroy();
     if (window.EngineStarted()) {
         EngineShutdown();
     }

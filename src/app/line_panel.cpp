@@ -6,6 +6,7 @@
 #include "engine/dialing.h"
 #include "engine/pickup.h"
 #include "engine/teardown.h"
+#include "line/line.h"
 #include "line/profiles.h"
 #include "resources/resource.h"
 #include "stores/preferences.h"
@@ -72,7 +73,7 @@ void LinePanel::ShowIncomingPermissions(const Permissions& may) {
 void LinePanel::OfferAdapter(const std::vector<std::string>& protocolsNotOffered,
                              bool channelOptions) {
     ControlModel& controls = Controls();
-    const std::string caption = OwnNumberCaption();
+    const std::string caption = window_.AdapterLine().OwnNumberCaption();
     if (!caption.empty()) {
         controls.SetText(IDC_OWN_NUMBER, caption);
         controls.Enable(IDC_OWN_NUMBER, true);
@@ -108,5 +109,5 @@ void LinePanel::StoreIncomingSetting(int id) {
         default:
             return;
     }
-    ReinitializeIncoming();
+    window_.AdapterLine().ReinitializeIncoming();
 }

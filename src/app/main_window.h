@@ -33,6 +33,10 @@
 #include "app/window_panel.h"
 #include "platform/thread.h"
 
+// The line to the adapter (line/line.h), which the window is handed; a front
+// end sees no more of it than its name.
+class Line;
+
 // The window itself, kept in the control model beside its controls: its text
 // is the caption.
 inline constexpr int IDD_MAIN_WINDOW = 102;
@@ -114,7 +118,8 @@ struct Permissions {
 // menus, and the rule that couples the buttons to the link.
 class MainWindow {
 public:
-    MainWindow();
+    // The window works on the line it is given, which outlives it.
+    explicit MainWindow(::Line& line);
     ~MainWindow();
     MainWindow(const MainWindow&) = delete;
     MainWindow& operator=(const MainWindow&) = delete;
@@ -140,6 +145,9 @@ public:
     LogPanel& Log() { return log_; }
     DesktopButtons& Desktop() { return desktop_; }
     LinePanel& Line() { return line_; }
+
+    // The line to the adapter, for the panels.
+    ::Line& AdapterLine() { return adapterLine_; }
 
     // ---- Start and stop ----
 
@@ -199,6 +207,8 @@ private:
     void StopEngineThreads();
     // Ends the main loop, after the exit has been prepared.
     void EndDialog();
+
+    ::Line& adapterLine_;
 
     DirectoryPanel directory_{*this};
     FileListPanel files_{*this};

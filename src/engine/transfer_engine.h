@@ -21,6 +21,7 @@
 #include "engine/file_entry.h"
 #include "engine/send_list.h"
 #include "engine/wire.h"
+#include "line/line.h"
 #include "platform/thread.h"
 
 // The states of the link, with the values they have always had.
@@ -88,9 +89,13 @@ struct TransferEngine {
     // Where this session's files go: IncomingPath, or a folder made for it.
     FixedText<512> ReceiveFolder;
 
-    // Buffers, made by EngineStartup and freed by EngineShutdown. The token
-    // buffer, which AT replies share with wire tokens, is the line's
-    // TokenBuffer.
+    // The line the engine works on, from SetEngineLine on: the port, and the
+    // token buffer, which AT replies share with wire tokens. Every engine
+    // thread reaches it here. It goes when the engine becomes an object that
+    // is handed its line. The type is named from outside, as for LinkState.
+    ::Line* Line = nullptr;
+
+    // Buffers, made by EngineStartup and freed by EngineShutdown.
     WireFileEntry* WireList = nullptr;  // ListCapacity entries
     FileEntry* ReceiveList = nullptr;   // ListCapacity entries
     uint8_t* WorkingSection = nullptr;  // a section going out or coming in
@@ -100,6 +105,11 @@ struct TransferEngine {
 // The process's one engine record.
 extern TransferEngine TheEngine;
 
+// Gives the engine the line it works on, before anything of the engine runs:
+// also where the port record could not be made and the engine never starts,
+// since a call the user asks for then still looks at the line for its
+// adapter. The line outlives every engine thread.
+void SetEngineLine(::Line& line);
 // Allocates the buffers, fills OutHeader's magic, and takes up the candidate
 // for a resume that an earlier run left on the disk, or none. Called on the
 // main thread before the communications thread starts.

@@ -2,7 +2,6 @@
 
 #include <iterator>
 
-#include "line/adapter.h"
 #include "stores/preferences.h"
 
 namespace {
@@ -101,18 +100,6 @@ const AdapterProduct& CurrentProduct() {
         }
     }
     return family.Products[0];
-}
-
-bool ProtocolOffered(LineProtocol protocol) {
-    switch (protocol) {
-        case ProtocolV120:
-            return true;
-        case ProtocolAimux:
-            return CurrentFamily().OffersAimux && SpeedClass.load() >= 2;
-        case ProtocolX75:
-            return CurrentProduct().OffersX75;
-    }
-    return false;
 }
 
 LineProtocol ProtocolOfRow(int row) {

@@ -87,10 +87,6 @@ const AdapterFamily& CurrentFamily();
 // product for a variant it does not know.
 const AdapterProduct& CurrentProduct();
 
-// Whether the adapter in hand offers the protocol on this port: every family
-// speaks V.120; AIMUX needs a family that bundles and a port above 57600 bps;
-// X.75 is a matter of the product.
-bool ProtocolOffered(LineProtocol protocol);
 // The protocol that a row of the adapter's protocol lists stands for: row 1
 // is the family's second protocol, no row is V.120. And back: the family's
 // second protocol is in row 1; any other protocol is looked for in the row

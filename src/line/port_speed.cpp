@@ -4,6 +4,7 @@
 
 #include "line/adapter.h"
 #include "line/comm_port.h"
+#include "line/line.h"
 #include "platform/message_box.h"
 #include "stores/preferences.h"
 #include "stores/status_log.h"
@@ -19,9 +20,9 @@ constexpr const char* TopSpeed115200 =
     "limited to 115200 kbps.";
 
 // Five "AT" in a row, each answered with OK; the first silence fails it.
-bool TestAtThisSpeed() {
+bool TestAtThisSpeed(Line& line) {
     for (int round = 0; round < TestRounds; ++round) {
-        if (!SendAndWaitOk("AT")) {
+        if (!line.SendAndWaitOk("AT")) {
             return false;
         }
     }
@@ -31,7 +32,7 @@ bool TestAtThisSpeed() {
 // The adapter's side of a change of speed, as its family does it. The port
 // follows separately; an adapter that follows by itself, or only by its
 // switch, is told nothing.
-void TellAdapterSpeed(uint32_t bitsPerSecond) {
+void TellAdapterSpeed(Line& line, uint32_t bitsPerSecond) {
     const AdapterFamily& family = CurrentFamily();
     const char* command =
         bitsPerSecond == 230400 ? family.SpeedCommandTo230400 : family.SpeedCommandTo115200;
@@ -39,10 +40,10 @@ void TellAdapterSpeed(uint32_t bitsPerSecond) {
         case SpeedMove::AnsweredCommand:
             // An adapter that did not take it shows in the "AT" at the new
             // speed, which is what every caller tests next.
-            static_cast<void>(SendAndWaitOk(command));
+            static_cast<void>(line.SendAndWaitOk(command));
             break;
         case SpeedMove::SilentCommand:
-            SendCommand(command);
+            line.SendCommand(command);
             break;
         case SpeedMove::PortOnly:
         case SpeedMove::DipSwitch:
@@ -58,13 +59,13 @@ bool TakesACommand(const AdapterFamily& family) {
 // user's answer to a message about the switch included, since while port and
 // adapter may disagree on the speed, what comes in is garbage that no other
 // reader should see.
-void MoveToSpeed(uint32_t bitsPerSecond) {
-    PortConversation conversation;
+void MoveToSpeed(Line& line, uint32_t bitsPerSecond) {
+    PortConversation conversation(line);
     const AdapterFamily& family = CurrentFamily();
-    TellAdapterSpeed(bitsPerSecond);
+    TellAdapterSpeed(line, bitsPerSecond);
     // What the port does not take leaves it at the speed it had; the "AT"
     // below then finds the two apart, as the user will.
-    static_cast<void>(SetPortSpeed(bitsPerSecond));
+    static_cast<void>(line.SetPortSpeed(bitsPerSecond));
     if (family.Speed == SpeedMove::SilentCommand) {
         return;  // it answers nothing at the moment of the change
     }
@@ -77,12 +78,12 @@ void MoveToSpeed(uint32_t bitsPerSecond) {
     }
     // Whether the adapter answers at the new speed is not looked at: the
     // user has chosen, and the next call shows whether the two agree.
-    static_cast<void>(SendAndWaitOk("AT"));
+    static_cast<void>(line.SendAndWaitOk("AT"));
 }
 
 }  // namespace
 
-void QualifyPortSpeed() {
+void Line::QualifyPortSpeed() {
     const AdapterFamily& family = CurrentFamily();
     if (family.Speed == SpeedMove::DipSwitch && ThePreferences.SelectedPortSpeed == 230400) {
         return;
@@ -90,7 +91,7 @@ void QualifyPortSpeed() {
     // The speed commands and the changes of speed bring garbage and stray
     // replies; the whole ladder is one conversation, so none of it reaches
     // another reader.
-    PortConversation conversation;
+    PortConversation conversation(*this);
     if (!SendAndWaitOk("ATE1V1")) {
         ShowMessageBox(NoAdapterMessage);
         return;
@@ -104,7 +105,7 @@ void QualifyPortSpeed() {
             "faster serial port.");
         return;
     }
-    if (!TestAtThisSpeed()) {
+    if (!TestAtThisSpeed(*this)) {
         ThePreferences.MaxPortSpeed = 9600;
         ShowMessageBox("Error testing connection at 57600 bps.");
         return;
@@ -121,7 +122,7 @@ void QualifyPortSpeed() {
         static_cast<void>(SetPortSpeed(57600));
         return;
     }
-    if (!TestAtThisSpeed()) {
+    if (!TestAtThisSpeed(*this)) {
         ShowMessageBox("Error testing connection at 115200 bps.");
         return;
     }
@@ -156,31 +157,31 @@ void QualifyPortSpeed() {
     // and a silent one gets a moment for the garbage of its change.
     if (TakesACommand(family)) {
         static_cast<void>(SetPortSpeed(115200));
-        TellAdapterSpeed(230400);
+        TellAdapterSpeed(*this, 230400);
         static_cast<void>(SetPortSpeed(230400));
         if (family.Speed == SpeedMove::SilentCommand) {
             DrainInput(SpeedChangeQuietMs);
         }
     }
-    if (TestAtThisSpeed()) {
+    if (TestAtThisSpeed(*this)) {
         AddLogLine("Test Successful through 230400 bps.");
         ThePreferences.MaxPortSpeed = 230400;
         return;
     }
     ShowMessageBox("Error testing connection at 230400 bps.");
-    TellAdapterSpeed(115200);
+    TellAdapterSpeed(*this, 115200);
     static_cast<void>(SetPortSpeed(115200));  // it took 115200 a moment ago
     ThePreferences.MaxPortSpeed = 115200;
     SpeedClass.store(2);
 }
 
-void ResumeTopSpeed() {
-    PortConversation conversation;
+void Line::ResumeTopSpeed() {
+    PortConversation conversation(*this);
     const AdapterFamily& family = CurrentFamily();
     // The port stands at 115200, where a family told by a command hears it.
     if (TakesACommand(family)) {
         static_cast<void>(SetPortSpeed(115200));
-        TellAdapterSpeed(230400);
+        TellAdapterSpeed(*this, 230400);
     }
     // A port that does not take 230400 shows in the "AT" that follows, as
     // in the first call.
@@ -193,14 +194,14 @@ void ResumeTopSpeed() {
     static_cast<void>(SendAndWaitOk("AT"));
 }
 
-void ReturnAdapterTo115200() {
+void Line::ReturnAdapterTo115200() {
     if (TakesACommand(CurrentFamily())) {
-        MoveToSpeed(115200);
+        MoveToSpeed(*this, 115200);
     }
 }
 
-void ChangePortSpeed(uint32_t bitsPerSecond) {
-    MoveToSpeed(bitsPerSecond);
+void Line::ChangePortSpeed(uint32_t bitsPerSecond) {
+    MoveToSpeed(*this, bitsPerSecond);
     ThePreferences.SelectedPortSpeed = bitsPerSecond;
     AddLogLine("Port speed changed to " + std::to_string(bitsPerSecond) + " bps.");
 }

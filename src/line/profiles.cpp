@@ -6,13 +6,11 @@
 
 #include "line/adapter.h"
 #include "line/comm_port.h"
+#include "line/line.h"
 #include "platform/message_box.h"
 #include "resources/resource.h"
 #include "stores/preferences.h"
 #include "stores/status_log.h"
-
-std::atomic<uint16_t> RateEstimate{0};
-char LocalNumber[32];
 
 namespace {
 
@@ -21,9 +19,6 @@ enum class Setup { FirstIncoming, LaterIncoming, Outgoing };
 
 constexpr int16_t DrainQuietMs = 100;
 constexpr const char* NumberCaption = "Your ISDN Number: ";
-// The product's label behind the number; null while the adapter has not told
-// its number.
-const char* OwnNumberLabel = nullptr;
 
 // The profile's slot in the family's ten strings.
 int SlotFor(LineProtocol protocol, bool at56k) {
@@ -33,11 +28,11 @@ int SlotFor(LineProtocol protocol, bool at56k) {
 
 // Appends the 2B and V.42bis options to a profile of a family that has them,
 // logging each; each doubles the rate expected.
-void AppendChannelOptions(std::string& command, bool twoChannels, bool compression) {
+void AppendChannelOptions(Line& line, std::string& command, bool twoChannels, bool compression) {
     if (twoChannels) {
         command += "&J3";
         AddLogLine("2B channel connection ON");
-        RateEstimate.store(static_cast<uint16_t>(RateEstimate.load() * 2));
+        line.RateEstimate.store(static_cast<uint16_t>(line.RateEstimate.load() * 2));
     } else {
         command += "&J0";
         AddLogLine("2B channel connection OFF");
@@ -45,7 +40,7 @@ void AppendChannelOptions(std::string& command, bool twoChannels, bool compressi
     if (compression) {
         command += "&K44";
         AddLogLine("V.42bis compression ON");
-        RateEstimate.store(static_cast<uint16_t>(RateEstimate.load() * 2));
+        line.RateEstimate.store(static_cast<uint16_t>(line.RateEstimate.load() * 2));
     } else {
         command += "&K00";
         AddLogLine("V.42bis compression OFF");
@@ -56,9 +51,9 @@ void AppendChannelOptions(std::string& command, bool twoChannels, bool compressi
 // RateEstimate and, on a family that has them, appends the channel options. A
 // protocol the adapter does not offer is taken as V.120, the one they all
 // speak, so that the family's table is never read where it has no profile.
-std::string BuildProfile(LineProtocol protocol, bool at56k, bool twoChannels, bool compression,
-                         Setup setup) {
-    if (!ProtocolOffered(protocol)) {
+std::string BuildProfile(Line& line, LineProtocol protocol, bool at56k, bool twoChannels,
+                         bool compression, Setup setup) {
+    if (!line.ProtocolOffered(protocol)) {
         protocol = ProtocolV120;
     }
     const AdapterFamily& family = CurrentFamily();
@@ -74,29 +69,29 @@ std::string BuildProfile(LineProtocol protocol, bool at56k, bool twoChannels, bo
     if (protocol == ProtocolAimux) {
         rate *= 2;
     }
-    RateEstimate.store(rate);
+    line.RateEstimate.store(rate);
     if (family.HasChannelOptions) {
-        AppendChannelOptions(command, twoChannels, compression);
+        AppendChannelOptions(line, command, twoChannels, compression);
     }
     return command;
 }
 
-std::string IncomingProfile(Setup setup) {
+std::string IncomingProfile(Line& line, Setup setup) {
     const LineProtocol protocol = ThePreferences.IncomingProtocol == ProtocolAimux ? ProtocolAimux
                                   : ThePreferences.IncomingProtocol == ProtocolX75 ? ProtocolX75
                                                                                    : ProtocolV120;
-    return BuildProfile(protocol, ThePreferences.Incoming56K != 0, ThePreferences.Incoming2B != 0,
-                        ThePreferences.IncomingV42 != 0, setup);
+    return BuildProfile(line, protocol, ThePreferences.Incoming56K != 0,
+                        ThePreferences.Incoming2B != 0, ThePreferences.IncomingV42 != 0, setup);
 }
 
 // Keeps the number within LocalNumber's 31 characters, with zeros behind it:
 // a retrieve request carries all 32 bytes. A longer number keeps its first
 // 31 characters, and the window shows what LocalNumber holds.
-void StoreLocalNumber(std::string_view number) {
-    std::memset(LocalNumber, 0, sizeof LocalNumber);
+void StoreLocalNumber(Line& line, std::string_view number) {
+    std::memset(line.LocalNumber, 0, sizeof line.LocalNumber);
     const size_t length =
-        number.size() < sizeof LocalNumber - 1 ? number.size() : sizeof LocalNumber - 1;
-    std::memcpy(LocalNumber, number.data(), length);
+        number.size() < sizeof line.LocalNumber - 1 ? number.size() : sizeof line.LocalNumber - 1;
+    std::memcpy(line.LocalNumber, number.data(), length);
 }
 
 // The text behind the first "\r\n" up to the next CR, as the AdTran and the
@@ -149,45 +144,45 @@ bool NumberInBrackets(std::string_view reply, std::string_view& number) {
 // Asks the adapter for its own number and takes it out of the reply into
 // LocalNumber. False when the adapter did not answer, or answered without a
 // number in the form its family gives it.
-bool ReadLocalNumber() {
+bool ReadLocalNumber(Line& line) {
     // The reply is taken apart in TokenBuffer, so the communications thread
     // stays off the port, and out of the buffer, until that is done.
-    PortConversation conversation;
-    std::memset(TokenBuffer, 0, TokenBufferSize);
-    if (!SendAndWaitOk(CurrentProduct().NumberQuery)) {
+    PortConversation conversation(line);
+    std::memset(line.TokenBuffer, 0, TokenBufferSize);
+    if (!line.SendAndWaitOk(CurrentProduct().NumberQuery)) {
         return false;
     }
     std::string_view number;
     switch (CurrentFamily().Number) {
         case NumberReply::DigitsBeforeOk:
-            number = DigitsBeforeOk(TokenBuffer);
+            number = DigitsBeforeOk(line.TokenBuffer);
             break;
         case NumberReply::SecondLine:
-            if (!NumberOnSecondLine(TokenBuffer, number)) {
+            if (!NumberOnSecondLine(line.TokenBuffer, number)) {
                 return false;
             }
             break;
         case NumberReply::InBrackets:
-            if (!NumberInBrackets(TokenBuffer, number)) {
+            if (!NumberInBrackets(line.TokenBuffer, number)) {
                 return false;
             }
             break;
     }
-    StoreLocalNumber(number);
+    StoreLocalNumber(line, number);
     return true;
 }
 
 }  // namespace
 
-std::string OwnNumberCaption() {
-    if (OwnNumberLabel == nullptr) {
+std::string Line::OwnNumberCaption() const {
+    if (ownNumberLabel_ == nullptr) {
         return {};
     }
-    return std::string(NumberCaption) + LocalNumber + OwnNumberLabel;
+    return std::string(NumberCaption) + LocalNumber + ownNumberLabel_;
 }
 
-bool InitializeIncoming() {
-    OwnNumberLabel = ReadLocalNumber() ? CurrentProduct().Label : nullptr;
+bool Line::InitializeIncoming() {
+    ownNumberLabel_ = ReadLocalNumber(*this) ? CurrentProduct().Label : nullptr;
     // A protocol saved while another adapter was attached, or one that this
     // port is too slow for, goes back to V.120, so that the window shows
     // what the incoming profile really is.
@@ -196,10 +191,10 @@ bool InitializeIncoming() {
         !ProtocolOffered(static_cast<LineProtocol>(saved))) {
         ThePreferences.IncomingProtocol = ProtocolV120;
     }
-    const std::string command = IncomingProfile(Setup::FirstIncoming);
+    const std::string command = IncomingProfile(*this, Setup::FirstIncoming);
     bool accepted = false;
     {
-        PortConversation conversation;
+        PortConversation conversation(*this);
         DrainInput(DrainQuietMs);
         accepted = SendAndWaitOk(command.c_str());
     }
@@ -209,7 +204,7 @@ bool InitializeIncoming() {
     return accepted;
 }
 
-void ReinitializeIncoming() {
+void Line::ReinitializeIncoming() {
     // Without an adapter no profile ever went out, and none goes now: a
     // command to a port where nothing answers would only hold the caller
     // for the whole time limit.
@@ -217,24 +212,24 @@ void ReinitializeIncoming() {
         return;
     }
     AddLogLine("------------------------------");
-    const std::string command = IncomingProfile(Setup::LaterIncoming);
-    PortConversation conversation;
+    const std::string command = IncomingProfile(*this, Setup::LaterIncoming);
+    PortConversation conversation(*this);
     DrainInput(DrainQuietMs);
     // An adapter that refuses it keeps the profile it had; the next call's
     // end, or the user's next change of a setting, sends it again.
     static_cast<void>(SendAndWaitOk(command.c_str()));
 }
 
-void InitializeOutgoing(const OutgoingSettings& settings) {
+void Line::InitializeOutgoing(const OutgoingSettings& settings) {
     const std::string command =
-        BuildProfile(settings.Protocol, settings.At56k, settings.TwoChannels, settings.Compression,
-                     Setup::Outgoing);
+        BuildProfile(*this, settings.Protocol, settings.At56k, settings.TwoChannels,
+                     settings.Compression, Setup::Outgoing);
     // An adapter that refuses the profile keeps the one it had; the dial goes
     // on, and its result tells how the call went.
     static_cast<void>(SendAndWaitOk(command.c_str()));
 }
 
-void SendClosingCommand() {
+void Line::SendClosingCommand() {
     if (!AdapterFound.load()) {
         return;
     }

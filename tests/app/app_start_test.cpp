@@ -36,7 +36,6 @@ protected:
         ASSERT_TRUE(ChangeCurrentFolder(folder_.Path()));
         BlockPorts(folder_.Path());
         SplashPending = 1;
-        AdapterFound = 0;
         TheEngine.LinkState = LinkIdle;
     }
     void TearDown() override { EXPECT_TRUE(ChangeCurrentFolder(previous_)); }

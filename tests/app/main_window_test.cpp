@@ -167,8 +167,8 @@ TEST_F(MainWindowTest, TheWindowShowsWhatTheAdapterFoundOffers) {
         ThePreferences.Incoming2B = 1;
         ThePreferences.MaxPortSpeed = c.MaxSpeed;
         ThePreferences.SelectedPortSpeed = c.Checked230400 ? 230400 : 115200;
-        SpeedClass.store(c.SpeedClass);
-        AdapterFound.store(true);
+        line_->SpeedClass.store(c.SpeedClass);
+        line_->AdapterFound.store(true);
         window_->ShowAdapter(true);
 
         EXPECT_EQ(Joined(RowTexts(IDC_PROTOCOL)), c.Rows);
@@ -204,7 +204,7 @@ TEST_F(MainWindowTest, TheWindowShowsWhatTheAdapterFoundOffers) {
             EXPECT_EQ(Controls().MenuItemChecked(ID_PORT_SPEED_115200), !c.Checked230400);
         }
     }
-    AdapterFound.store(false);
+    line_->AdapterFound.store(false);
 }
 
 TEST_F(MainWindowTest, TheAboutBoxOfTheMenuNeitherClosesByItselfNorSearches) {
@@ -375,7 +375,7 @@ TEST_F(MainWindowTest, TheShownRateNeverPassesTheCeiling) {
         entry.StartTime = step.StartTime;
         entry.LastBlockTime = step.LastBlockTime;
         entry.BytesDone = step.BytesDone;
-        RateEstimate = step.Ceiling;
+        line_->RateEstimate = step.Ceiling;
         const size_t lines = Observed().size();
         window_->Display().ShowThroughput(step.Sending, step.Log);
         EXPECT_EQ(MeasuredRate.load(), step.Measured);

@@ -4,9 +4,6 @@
 
 #include "app/control_model.h"
 #include "engine/transfer_engine.h"
-#include "line/adapter.h"
-#include "line/comm_port.h"
-#include "line/profiles.h"
 #include "platform/event_loop.h"
 #include "platform/files.h"
 #include "resources/resource.h"
@@ -35,15 +32,13 @@ void WindowTest::StartWindow() {
     TheEngine.SendList.Clear();
     TheEngine.ReceiveCount = 0;
     TheEngine.TransferStartTime = 0;
-    AdapterFound = 0;
-    SetLinePolling(0);
-    RateEstimate = 0;
     MeasuredRate = 0;
     SplashPending = 1;
     LoadPreferences();
     LoadDirectory();
     LoadStatusLog();
-    window_ = std::make_unique<MainWindow>();
+    line_ = std::make_unique<Line>();
+    window_ = std::make_unique<MainWindow>(*line_);
     window_->SetLogObserver([this](const std::string& line) {
         std::lock_guard<std::mutex> guard(lock_);
         observed_.push_back(line);
@@ -59,8 +54,8 @@ void WindowTest::StopWindow() {
     for (int timer : {TimerSplashOpen, TimerSplashClose, TimerFindAdapter, TimerHotFolders}) {
         MainLoop().KillTimer(timer);
     }
-    CommPortClose();
-    CommPortDestroy();
+    line_->CommPortClose();
+    line_->CommPortDestroy();
     if (window_->EngineStarted()) {
         EngineShutdown();
     }

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "app/main_window.h"
+#include "line/line.h"
 #include "support/captured_output.h"
 #include "support/installation.h"
 #include "support/temp_folder.h"
@@ -53,6 +54,8 @@ protected:
     EventOutcome Drop(int id, const std::vector<std::string>& paths);
 
     TempFolder folder_;
+    // The window's line, made anew with each window, which it outlives.
+    std::unique_ptr<Line> line_;
     std::unique_ptr<MainWindow> window_;
 
 private:

@@ -28,17 +28,18 @@ TEST_F(LineTest, ExchangeKeepsTheWholeReplyAndPutsPollingBackAsItWas) {
     });
     OpenPort(1, 115200);
 
-    std::strcpy(TokenBuffer, "an older reply that is longer than the new one and stays behind");
-    ASSERT_TRUE(SendAndWaitOk("ATI3"));
-    EXPECT_STREQ(TokenBuffer, "ATI3\r\r\nline one\r\n\r\nOK\r\n")
+    std::strcpy(line_.TokenBuffer,
+                "an older reply that is longer than the new one and stays behind");
+    ASSERT_TRUE(line_.SendAndWaitOk("ATI3"));
+    EXPECT_STREQ(line_.TokenBuffer, "ATI3\r\r\nline one\r\n\r\nOK\r\n")
         << "the echo and every line of the reply, read from the buffer's first byte";
-    EXPECT_EQ(LinePollingEnabled.load(), false);
+    EXPECT_EQ(line_.LinePollingEnabled.load(), false);
 
-    SetLinePolling(true);
-    ASSERT_TRUE(SendAndWaitOkShort("ATI4"));
-    EXPECT_EQ(LinePollingEnabled.load(), true) << "polling goes back on after the exchange";
-    EXPECT_FALSE(SendAndWaitOkShort("ATQ")) << "an echo without OK is a failure";
-    EXPECT_EQ(LinePollingEnabled.load(), true) << "also after a failed one";
+    line_.SetLinePolling(true);
+    ASSERT_TRUE(line_.SendAndWaitOkShort("ATI4"));
+    EXPECT_EQ(line_.LinePollingEnabled.load(), true) << "polling goes back on after the exchange";
+    EXPECT_FALSE(line_.SendAndWaitOkShort("ATQ")) << "an echo without OK is a failure";
+    EXPECT_EQ(line_.LinePollingEnabled.load(), true) << "also after a failed one";
     EXPECT_EQ(adapters_[0]->CommandTexts(), (Texts{"ATI3", "ATI4", "ATQ"}));
 }
 
@@ -46,26 +47,27 @@ TEST_F(LineTest, ExchangeKeepsTheWholeReplyAndPutsPollingBackAsItWas) {
 // pass in which polling is on, and sleeps long waits that only a wake ends.
 class PollingReader {
 public:
-    PollingReader()
-        : thread_([this] {
+    explicit PollingReader(Line& line)
+        : line_(line), thread_([this] {
               while (!stop_.load()) {
-                  if (LinePollingEnabled.load()) {
-                      std::lock_guard<std::recursive_mutex> guard(PortReadLock);
+                  if (line_.LinePollingEnabled.load()) {
+                      std::lock_guard<std::recursive_mutex> guard(line_.PortReadLock);
                       passes_.fetch_add(1);
-                      WaitForPortInput(30000);
+                      line_.WaitForPortInput(30000);
                   } else {
-                      WaitForPortWake(30000);
+                      line_.WaitForPortWake(30000);
                   }
               }
           }) {}
     ~PollingReader() {
         stop_.store(true);
-        InterruptPortWait();
+        line_.InterruptPortWait();
         thread_.join();
     }
     int Passes() const { return passes_.load(); }
 
 private:
+    Line& line_;
     std::atomic<bool> stop_{false};
     std::atomic<int> passes_{0};
     std::thread thread_;
@@ -74,51 +76,52 @@ private:
 TEST_F(LineTest, ExchangeTakesThePortFromAReaderThatWaitsOnIt) {
     Attach(1, [](const std::string& command, uint32_t) { return Answer(command); });
     OpenPort(1, 115200);
-    SetLinePolling(true);
-    PollingReader reader;
+    line_.SetLinePolling(true);
+    PollingReader reader(line_);
     while (reader.Passes() == 0) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     // The reader sits in a long wait holding the lock; the exchange must wake
     // it rather than wait out its time.
-    auto exchange = std::async(std::launch::async, [] { return SendAndWaitOk("AT"); });
+    auto exchange = std::async(std::launch::async, [this] { return line_.SendAndWaitOk("AT"); });
     ASSERT_EQ(exchange.wait_for(std::chrono::seconds(10)), std::future_status::ready)
         << "the reader was not woken";
     EXPECT_TRUE(exchange.get());
-    EXPECT_EQ(LinePollingEnabled.load(), true);
-    SetLinePolling(false);
+    EXPECT_EQ(line_.LinePollingEnabled.load(), true);
+    line_.SetLinePolling(false);
 }
 
 TEST_F(LineTest, ConversationsThatOverlapLeaveThePollingFlagRight) {
-    SetLinePolling(true);
-    std::optional<PortConversation> first(std::in_place);
-    EXPECT_EQ(LinePollingEnabled.load(), false);
-    std::optional<PortConversation> second(std::in_place);
+    line_.SetLinePolling(true);
+    std::optional<PortConversation> first(std::in_place, line_);
+    EXPECT_EQ(line_.LinePollingEnabled.load(), false);
+    std::optional<PortConversation> second(std::in_place, line_);
     first.reset();
-    EXPECT_EQ(LinePollingEnabled.load(), false) << "the second conversation is still under way";
+    EXPECT_EQ(line_.LinePollingEnabled.load(), false)
+        << "the second conversation is still under way";
     second.reset();
-    EXPECT_EQ(LinePollingEnabled.load(), true) << "back as it was before the first began";
+    EXPECT_EQ(line_.LinePollingEnabled.load(), true) << "back as it was before the first began";
 
     // A change asked for during a conversation is the value it ends with.
     {
-        PortConversation conversation;
-        SetLinePolling(false);
-        EXPECT_EQ(LinePollingEnabled.load(), false);
+        PortConversation conversation(line_);
+        line_.SetLinePolling(false);
+        EXPECT_EQ(line_.LinePollingEnabled.load(), false);
     }
-    EXPECT_EQ(LinePollingEnabled.load(), false);
+    EXPECT_EQ(line_.LinePollingEnabled.load(), false);
     {
-        PortConversation conversation;
-        SetLinePolling(true);
-        EXPECT_EQ(LinePollingEnabled.load(), false) << "the port stays held until the end";
+        PortConversation conversation(line_);
+        line_.SetLinePolling(true);
+        EXPECT_EQ(line_.LinePollingEnabled.load(), false) << "the port stays held until the end";
     }
-    EXPECT_EQ(LinePollingEnabled.load(), true);
+    EXPECT_EQ(line_.LinePollingEnabled.load(), true);
 
     // Another thread's conversation waits for this one's lock, and the flag
     // comes back only when both are over.
-    std::optional<PortConversation> mine(std::in_place);
+    std::optional<PortConversation> mine(std::in_place, line_);
     std::atomic<bool> otherHadPort{false};
     std::thread other([&] {
-        PortConversation theirs;
+        PortConversation theirs(line_);
         otherHadPort.store(true);
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -126,8 +129,8 @@ TEST_F(LineTest, ConversationsThatOverlapLeaveThePollingFlagRight) {
     mine.reset();
     other.join();
     EXPECT_TRUE(otherHadPort.load());
-    EXPECT_EQ(LinePollingEnabled.load(), true);
-    SetLinePolling(false);
+    EXPECT_EQ(line_.LinePollingEnabled.load(), true);
+    line_.SetLinePolling(false);
 }
 
 struct IdentityCase {
@@ -154,7 +157,7 @@ TEST_F(LineTest, IdentificationTellsEachFamilyAndVariantByItsMarks) {
         {"no mark", {"Generic ISDN TA", "adtran express xr"}, {}, false, Model3Com + 1, 7},
     };
     ScriptedAdapter& adapter = Attach(2, RespondAs(AdapterScript{}));
-    SelectPortNumber(2);
+    line_.SelectPortNumber(2);
     for (const IdentityCase& c : cases) {
         SCOPED_TRACE(c.Name);
         AdapterScript script;
@@ -162,11 +165,11 @@ TEST_F(LineTest, IdentificationTellsEachFamilyAndVariantByItsMarks) {
         script.Identity8 = c.Identity8;
         adapter.SetResponder(RespondAs(script));
         adapter.ClearCommands();
-        AdapterFound.store(false);
+        line_.AdapterFound.store(false);
         ThePreferences.AdapterModel = Model3Com + 1;
         ThePreferences.AdapterVariant = 7;
-        EXPECT_EQ(IdentifyAdapter(), c.ExpectedResult);
-        EXPECT_EQ(AdapterFound.load(), c.ExpectedResult);
+        EXPECT_EQ(line_.IdentifyAdapter(), c.ExpectedResult);
+        EXPECT_EQ(line_.AdapterFound.load(), c.ExpectedResult);
         EXPECT_EQ(ThePreferences.AdapterModel, c.ExpectedModel);
         EXPECT_EQ(ThePreferences.AdapterVariant, c.ExpectedVariant);
         Texts sent = {"atv1", "ati0"};
@@ -174,20 +177,20 @@ TEST_F(LineTest, IdentificationTellsEachFamilyAndVariantByItsMarks) {
             sent.push_back("ati8");
         }
         EXPECT_EQ(adapter.CommandTexts(), sent);
-        EXPECT_TRUE(ThePort->IsOpen.load()) << "the port stays open either way";
+        EXPECT_TRUE(line_.Port()->IsOpen.load()) << "the port stays open either way";
     }
 }
 
 TEST_F(LineTest, IdentificationFailsOnAPortThatCannotBeOpenedOrGivesNoOk) {
-    SelectPortNumber(3);  // a plain file
-    EXPECT_FALSE(IdentifyAdapter());
-    EXPECT_FALSE(ThePort->IsOpen.load());
+    line_.SelectPortNumber(3);  // a plain file
+    EXPECT_FALSE(line_.IdentifyAdapter());
+    EXPECT_FALSE(line_.Port()->IsOpen.load());
 
     AdapterScript script = ZyxelScript("2864");
     script.Unanswered = {"ati0"};
     ScriptedAdapter& adapter = Attach(3, RespondAs(script));
-    EXPECT_FALSE(IdentifyAdapter()) << "an ati0 without OK";
-    EXPECT_FALSE(AdapterFound.load());
+    EXPECT_FALSE(line_.IdentifyAdapter()) << "an ati0 without OK";
+    EXPECT_FALSE(line_.AdapterFound.load());
     EXPECT_EQ(adapter.CommandTexts(), (Texts{"atv1", "ati0"}));
 }
 
@@ -200,7 +203,7 @@ TEST_F(LineTest, ShiftSearchesAgainFromTheFirstPortAtTheSearchSpeed) {
     AdapterScript script = ThreeComScript();
     ScriptedAdapter& adapter = Attach(1, RespondAs(script));
 
-    EXPECT_EQ(FindAdapter(), AdapterSearch::WaitingForCalls);
+    EXPECT_EQ(line_.FindAdapter(), AdapterSearch::WaitingForCalls);
     EXPECT_EQ(ThePreferences.ComPort, 1);
     EXPECT_EQ(ThePreferences.AdapterModel, Model3Com);
     EXPECT_EQ(ThePreferences.MaxPortSpeed, 230400u) << "the speed is tested anew";
@@ -208,7 +211,7 @@ TEST_F(LineTest, ShiftSearchesAgainFromTheFirstPortAtTheSearchSpeed) {
     const std::vector<ReceivedCommand> commands = adapter.Commands();
     ASSERT_FALSE(commands.empty());
     EXPECT_EQ(commands[0].Speed, 9600u);
-    EXPECT_EQ(OwnNumberCaption(), "Your ISDN Number: 5553882     3ComImpact IQ");
+    EXPECT_EQ(line_.OwnNumberCaption(), "Your ISDN Number: 5553882     3ComImpact IQ");
     EXPECT_EQ(PortSpeedChoice(), SpeedChoice::At230400);
 }
 
@@ -259,15 +262,15 @@ TEST_F(LineTest, QuickStartGoesToTheSavedPortAndSpeed) {
         ClearLogged();
         ScriptedAdapter& adapter = Attach(c.Port, RespondAs(c.Script));
 
-        EXPECT_EQ(FindAdapter(), AdapterSearch::WaitingForCalls);
-        EXPECT_EQ(AdapterFound.load(), true);
-        EXPECT_EQ(SpeedClass.load(), 2);
+        EXPECT_EQ(line_.FindAdapter(), AdapterSearch::WaitingForCalls);
+        EXPECT_EQ(line_.AdapterFound.load(), true);
+        EXPECT_EQ(line_.SpeedClass.load(), 2);
         EXPECT_EQ(ThePreferences.MaxPortSpeed, 230400u);
         EXPECT_EQ(ThePreferences.AdapterVariant, 0);
         EXPECT_EQ(adapter.Far().Speed(), c.Selected);
         EXPECT_EQ(PortSpeedChoice(),
                   c.Selected == 230400 ? SpeedChoice::At230400 : SpeedChoice::At115200);
-        EXPECT_EQ(LinePollingEnabled.load(), true);
+        EXPECT_EQ(line_.LinePollingEnabled.load(), true);
         Texts commands;
         const size_t shown = std::count(c.Commands.begin(), c.Commands.end(), '|') + 1;
         for (const ReceivedCommand& command : adapter.Commands()) {
@@ -278,10 +281,10 @@ TEST_F(LineTest, QuickStartGoesToTheSavedPortAndSpeed) {
         EXPECT_EQ(Joined(commands), c.Commands);
         EXPECT_EQ(Joined(Logged()).substr(0, c.Logged.size()), c.Logged);
         if (c.Model == ModelBitSURFR) {
-            EXPECT_EQ(OwnNumberCaption(), "Your ISDN Number: 5552001     BitSURFR Pro");
+            EXPECT_EQ(line_.OwnNumberCaption(), "Your ISDN Number: 5552001     BitSURFR Pro");
         }
-        SetLinePolling(false);
-        CommPortClose();
+        line_.SetLinePolling(false);
+        line_.CommPortClose();
     }
 }
 
@@ -291,7 +294,7 @@ TEST_F(LineTest, FailuresOfTheQuickStart) {
     ThePreferences.MaxPortSpeed = 230400;
     ThePreferences.SelectedPortSpeed = 230400;
     ThePreferences.AdapterModel = ModelAdTran;
-    EXPECT_EQ(FindAdapter(), AdapterSearch::NotFound);
+    EXPECT_EQ(line_.FindAdapter(), AdapterSearch::NotFound);
     EXPECT_TRUE(Messages().empty());
     EXPECT_TRUE(Logged().empty());
 
@@ -299,11 +302,11 @@ TEST_F(LineTest, FailuresOfTheQuickStart) {
     // no search of the other ports.
     ThePreferences.AdapterModel = ModelZyXEL;
     Attach(1, RespondAs(ZyxelScript("2864")));
-    EXPECT_EQ(FindAdapter(), AdapterSearch::NotFound);
+    EXPECT_EQ(line_.FindAdapter(), AdapterSearch::NotFound);
     EXPECT_EQ(Messages(), (Texts{NoAdapterMessage}));
     EXPECT_EQ(Logged(), (Texts{"ISDN TA not found."}));
-    EXPECT_EQ(AdapterFound.load(), false);
-    EXPECT_EQ(LinePollingEnabled.load(), false);
+    EXPECT_EQ(line_.AdapterFound.load(), false);
+    EXPECT_EQ(line_.LinePollingEnabled.load(), false);
     EXPECT_TRUE(adapters_[0]->Commands().empty());
 }
 

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "line/line.h"
 #include "scripted_adapter.h"
 #include "support/captured_output.h"
 #include "support/temp_folder.h"
@@ -60,6 +61,8 @@ protected:
     void ClearLogged() { output_.Clear(); }
 
     TempFolder root_;
+    // A fresh line for each test: nothing of an earlier test's adapter stays.
+    Line line_;
     std::vector<std::unique_ptr<ScriptedAdapter>> adapters_;
     CapturedOutput output_;
 };
