@@ -310,4 +310,47 @@ TEST_F(LineTest, FailuresOfTheQuickStart) {
     EXPECT_TRUE(adapters_[0]->Commands().empty());
 }
 
+// Two lines in one process share nothing: each keeps its own port, adapter,
+// number, token buffer and hand-over of the port, while the other one works.
+TEST_F(LineTest, TwoLinesSideBySideKeepEachItsOwnState) {
+    Attach(1, RespondAs(BitsurfrScript()));
+    Attach(2, RespondAs(ThreeComScript()));
+    Line other;
+    ASSERT_TRUE(other.CommPortCreate());
+
+    line_.SelectPortNumber(1);
+    line_.SelectPortBaud(9600);
+    ASSERT_TRUE(line_.IdentifyAdapter());
+    line_.SpeedClass.store(2);
+    ASSERT_TRUE(line_.InitializeIncoming());
+    line_.SetLinePolling(true);
+    const std::string reply = line_.TokenBuffer;
+    EXPECT_FALSE(other.AdapterFound.load());
+    EXPECT_FALSE(other.LinePollingEnabled.load());
+    EXPECT_EQ(other.SpeedClass.load(), 0);
+    EXPECT_EQ(other.RateEstimate.load(), 0);
+    EXPECT_EQ(other.OwnNumberCaption(), "");
+    EXPECT_EQ(other.TokenBuffer[0], '\0');
+    EXPECT_FALSE(other.Port()->IsOpen.load());
+
+    other.SelectPortNumber(2);
+    other.SelectPortBaud(9600);
+    ASSERT_TRUE(other.IdentifyAdapter());
+    ASSERT_TRUE(other.InitializeIncoming());
+    {
+        PortConversation conversation(other);
+        EXPECT_TRUE(line_.LinePollingEnabled.load()) << "the other line's conversation";
+    }
+    EXPECT_TRUE(line_.AdapterFound.load());
+    EXPECT_TRUE(line_.LinePollingEnabled.load());
+    EXPECT_FALSE(other.LinePollingEnabled.load());
+    EXPECT_EQ(line_.TokenBuffer, reply);
+    EXPECT_EQ(line_.OwnNumberCaption(), "Your ISDN Number: 5552001     BitSURFR Pro");
+    EXPECT_EQ(other.OwnNumberCaption(), "Your ISDN Number: 5553882     3ComImpact IQ");
+    EXPECT_EQ(line_.Port()->PortNumber, 1);
+    EXPECT_EQ(other.Port()->PortNumber, 2);
+    EXPECT_TRUE(line_.Port()->IsOpen.load());
+    line_.SetLinePolling(false);
+}
+
 }  // namespace
