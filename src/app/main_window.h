@@ -11,8 +11,9 @@
 //
 // This header is what a front end sees of the program: it names nothing of
 // the engine, the line or the stores, whose headers a front end cannot
-// include. What a front end needs to know of them, such as the state of the
-// link, the window tells.
+// include, but for the name of the line's class, which the window is handed.
+// What a front end needs to know of them, such as the state of the link, the
+// window tells.
 #pragma once
 
 #include <atomic>
