@@ -17,6 +17,7 @@
 #include "engine/transfer_engine.h"
 #include "line/adapter.h"
 #include "line/comm_port.h"
+#include "line/line.h"
 #include "platform/clock.h"
 #include "platform/clock_test_hooks.h"
 #include "platform/files.h"
@@ -35,8 +36,10 @@ std::string Base;  // the sandbox; the installation is base + "/inst"
 std::string Root;
 std::set<std::string> Known;
 // Made once, with the sandbox, and kept to the end: the engine and the line
-// serve it for every input.
+// serve it for every input. The line goes first, since it logs to it.
 std::unique_ptr<Installation> Inst;
+// The engine's line, on the pseudo-terminal.
+std::unique_ptr<Line> PortLine;
 
 void Fail(const std::string& what) {
     std::fprintf(stderr, "sandbox: %s\n", what.c_str());
@@ -44,6 +47,10 @@ void Fail(const std::string& what) {
 }
 
 }  // namespace
+
+Line& SandboxLine() {
+    return *PortLine;
+}
 
 void SetUpSandbox() {
     if (!Base.empty()) {
@@ -68,26 +75,27 @@ void SetUpSandbox() {
     fs::create_directory(Root);
     fs::create_symlink(Terminal.SlavePath, Root + "/COM1");
     Inst = std::make_unique<Installation>(Root);
-    LineStores = Inst.get();
+    PortLine = std::make_unique<Line>(*Inst);
     Inst->Log.SetSink([](const std::string&) {});
     if (!CreateFolder(Inst->Paths.IncomingPath)) {
         Fail("cannot make the incoming folder");
     }
-    if (!CommPortCreate()) {
+    if (!PortLine->CommPortCreate()) {
         Fail("no port record");
     }
-    SelectPortNumber(1);
-    SelectPortBaud(115200);
+    PortLine->SelectPortNumber(1);
+    PortLine->SelectPortBaud(115200);
     // A fuzz target has no pause to wait out: its adapter answers at once.
     CapPausesForTest(1);
     // As for a call: RTS/CTS, so that 0x11 and 0x13 in the data are data.
-    if (CommPortOpen() == 0 || EnableHardwareHandshake() != 1) {
+    if (PortLine->CommPortOpen() == 0 || PortLine->EnableHardwareHandshake() != 1) {
         Fail("the port does not open");
     }
     Inst->Prefs.AdapterModel = ModelBitSURFR;
+    SetEngineLine(*PortLine);
     EngineStartup(*Inst);
     TheMainWindow = &Window;
-    AdapterFound = 1;
+    PortLine->AdapterFound = 1;
     SetFreeSpaceQuery([] { return uint64_t{1} << 40; });
     TheEngine.WeSend = false;
     TheEngine.LinkState = LinkConnected;
@@ -117,9 +125,10 @@ std::string PlaceSourceFile(const std::string& name, const std::string& bytes) {
 void FeedPort(const std::string& bytes) {
     // The pseudo-terminal holds only a few kilobytes; the port's own queue
     // takes them over as they come, as it does for the program.
-    const uint32_t before = PortQueueCount(PortQueue::Input);
+    const uint32_t before = PortLine->PortQueueCount(PortQueue::Input);
     size_t done = 0;
-    for (int idle = 0; idle < 20000 && PortQueueCount(PortQueue::Input) < before + bytes.size();
+    for (int idle = 0;
+         idle < 20000 && PortLine->PortQueueCount(PortQueue::Input) < before + bytes.size();
          ++idle) {
         if (done < bytes.size()) {
             const ssize_t n = ::write(Terminal.Master, bytes.data() + done, bytes.size() - done);
@@ -131,7 +140,7 @@ void FeedPort(const std::string& bytes) {
         }
         ::usleep(20);
     }
-    if (PortQueueCount(PortQueue::Input) < before + bytes.size()) {
+    if (PortLine->PortQueueCount(PortQueue::Input) < before + bytes.size()) {
         Fail("the port did not take the input");
     }
 }
@@ -201,9 +210,9 @@ void StartInstantAdapter() {
 
 void DiscardPortInput() {
     static uint8_t Scratch[8192];
-    while (const uint32_t waiting = PortQueueCount(PortQueue::Input)) {
+    while (const uint32_t waiting = PortLine->PortQueueCount(PortQueue::Input)) {
         static_cast<void>(
-            ReadBlock(Scratch, waiting < sizeof Scratch ? waiting : sizeof Scratch, 0));
+            PortLine->ReadBlock(Scratch, waiting < sizeof Scratch ? waiting : sizeof Scratch, 0));
     }
 }
 

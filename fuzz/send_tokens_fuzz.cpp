@@ -175,7 +175,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     SetUpSandbox();
     StartInstantAdapter();
-    AdapterFound = 0;  // no profile goes out after a call; nothing would answer it
+    SandboxLine().AdapterFound = 0;  // no profile goes out after a call; nothing would answer it
     OfferTheFiles((data[0] & 1) != 0);
     if ((data[0] & 2) != 0) {
         // A request to fetch files goes out instead of a list.
@@ -197,8 +197,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string padding = std::string(recordBytes, '\0') + "\r\n";
     input += padding;
     FeedPort(input);
-    for (int step = 0;
-         step < StepLimit && PortQueueCount(PortQueue::Input) > padding.size() && CallUp();
+    for (int step = 0; step < StepLimit &&
+                       SandboxLine().PortQueueCount(PortQueue::Input) > padding.size() && CallUp();
          ++step) {
         Step();
         const int16_t state = TheEngine.LinkState.load();
@@ -214,7 +214,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         // An answer of the adapter to a command-like run of bytes in the data
         // may still have been on its way, and come first.
         for (int line = 0; line < 4 && TheEngine.LinkState.load() >= LinkConnected &&
-                           PortQueueCount(PortQueue::Input) > 0;
+                           SandboxLine().PortQueueCount(PortQueue::Input) > 0;
              ++line) {
             OnSenderInput();
         }

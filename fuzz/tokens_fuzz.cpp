@@ -69,7 +69,7 @@ void LeaveAResumableFile() {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     SetUpSandbox();
     StartInstantAdapter();
-    AdapterFound = 0;  // no profile goes out after a call; nothing would answer it
+    SandboxLine().AdapterFound = 0;  // no profile goes out after a call; nothing would answer it
     LeaveAResumableFile();
     TheEngine.WeSend = false;
     TheEngine.ReceiveCount = 0;
@@ -86,7 +86,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FeedPort(input);
     // Once no more than the padding waits, what is left reads as an empty
     // line, one byte at a time; it is not read.
-    for (int step = 0; step < StepLimit && PortQueueCount(PortQueue::Input) > padding.size();
+    for (int step = 0;
+         step < StepLimit && SandboxLine().PortQueueCount(PortQueue::Input) > padding.size();
          ++step) {
         const int16_t state = TheEngine.LinkState.load();
         if (state != LinkConnected && state != LinkRecovery) {

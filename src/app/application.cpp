@@ -1,8 +1,7 @@
 #include "app/application.h"
 
 #include "engine/transfer_engine.h"
-#include "line/adapter.h"
-#include "line/comm_port.h"
+#include "line/line.h"
 #include "platform/event_loop.h"
 #include "platform/files.h"
 #include "platform/message_box.h"
@@ -39,8 +38,11 @@ bool TransferApp::InitInstance() {
         ShowMessageBox("Failed to resolve Current Directory");
     }
     Installation stores(root);
-    LineStores = &stores;
-    MainWindow window(stores);
+    // The line lives for the run: made here, where the front end's start
+    // reaches the layers below it, and handed to the window and, through it,
+    // to the engine; it goes after every thread that used it has ended.
+    Line line(stores);
+    MainWindow window(stores, line);
     if (PrepareWindow) {
         PrepareWindow(window);
     }
@@ -57,12 +59,11 @@ bool TransferApp::InitInstance() {
     // the exit; this call finds it done.
     window.PrepareExit();
 
-    CommPortClose();
-    CommPortDestroy();
+    line.CommPortClose();
+    line.CommPortDestroy();
     if (window.EngineStarted()) {
         EngineShutdown();
     }
     stores.Log.Free();
-    LineStores = nullptr;
     return false;
 }

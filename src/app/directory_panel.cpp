@@ -208,7 +208,8 @@ OutgoingLine DirectoryPanel::EstimatedLine() const {
     ControlModel& controls = Controls();
     OutgoingLine line;
     line.At56k = controls.Checked(IDC_56K);
-    const bool aimux = ProtocolOfRow(controls.Selection(IDC_PROTOCOL)) == ProtocolAimux;
+    const bool aimux =
+        ProtocolOfRow(stores_.Prefs, controls.Selection(IDC_PROTOCOL)) == ProtocolAimux;
     line.TwoChannels = aimux || controls.Checked(IDC_2B);
     return line;
 }

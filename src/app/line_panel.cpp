@@ -6,6 +6,7 @@
 #include "engine/dialing.h"
 #include "engine/pickup.h"
 #include "engine/teardown.h"
+#include "line/line.h"
 #include "line/profiles.h"
 #include "resources/resource.h"
 #include "stores/installation.h"
@@ -72,7 +73,7 @@ void LinePanel::ShowIncomingPermissions(const Permissions& may) {
 void LinePanel::OfferAdapter(const std::vector<std::string>& protocolsNotOffered,
                              bool channelOptions) {
     ControlModel& controls = Controls();
-    const std::string caption = OwnNumberCaption();
+    const std::string caption = window_.AdapterLine().OwnNumberCaption();
     if (!caption.empty()) {
         controls.SetText(IDC_OWN_NUMBER, caption);
         controls.Enable(IDC_OWN_NUMBER, true);
@@ -84,7 +85,7 @@ void LinePanel::OfferAdapter(const std::vector<std::string>& protocolsNotOffered
         controls.Show(IDC_IN_2B, true);
         controls.Show(IDC_IN_V42, true);
     }
-    controls.Select(IDC_IN_PROTOCOL, RowOfProtocol(stores_.Prefs.IncomingProtocol));
+    controls.Select(IDC_IN_PROTOCOL, RowOfProtocol(stores_.Prefs, stores_.Prefs.IncomingProtocol));
     controls.Check(IDC_IN_56K, stores_.Prefs.Incoming56K != 0);
     controls.Check(IDC_IN_2B, stores_.Prefs.Incoming2B != 0);
     controls.Check(IDC_IN_V42, stores_.Prefs.IncomingV42 != 0);
@@ -94,7 +95,8 @@ void LinePanel::StoreIncomingSetting(int id) {
     ControlModel& controls = Controls();
     switch (id) {
         case IDC_IN_PROTOCOL:
-            stores_.Prefs.IncomingProtocol = ProtocolOfRow(controls.Selection(IDC_IN_PROTOCOL));
+            stores_.Prefs.IncomingProtocol =
+                ProtocolOfRow(stores_.Prefs, controls.Selection(IDC_IN_PROTOCOL));
             break;
         case IDC_IN_56K:
             stores_.Prefs.Incoming56K = controls.Checked(id) ? 1 : 0;
@@ -108,5 +110,5 @@ void LinePanel::StoreIncomingSetting(int id) {
         default:
             return;
     }
-    ReinitializeIncoming();
+    window_.AdapterLine().ReinitializeIncoming();
 }

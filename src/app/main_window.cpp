@@ -13,6 +13,7 @@
 #include "line/adapter.h"
 #include "line/adapter_family.h"
 #include "line/comm_port.h"
+#include "line/line.h"
 #include "line/port_speed.h"
 #include "line/profiles.h"
 #include "platform/event_loop.h"
@@ -180,8 +181,9 @@ private:
     MainWindow& window_;
 };
 
-MainWindow::MainWindow(Installation& stores)
+MainWindow::MainWindow(Installation& stores, ::Line& line)
     : stores_(stores),
+      adapterLine_(line),
       directory_(*this, stores),
       files_(*this, stores),
       display_(*this, stores),
@@ -262,7 +264,8 @@ bool MainWindow::OnInitDialog() {
     CreateControls();
     MainLoop().SetTimerHandler([this](int id) { OnTimer(id); });
 
-    if (!CommPortCreate()) {
+    SetEngineLine(adapterLine_);
+    if (!adapterLine_.CommPortCreate()) {
         // Nothing runs in this state; the log list still takes what is logged.
         stores_.Log.SetSink([this](const std::string& line) { log_.AddLogLine(line); });
         ShowMessageBox("Cannot create comm port information.");
@@ -297,7 +300,7 @@ void MainWindow::OnTimer(int id) {
             break;
         case TimerFindAdapter: {
             MainLoop().KillTimer(TimerFindAdapter);
-            const AdapterSearch search = FindAdapter();
+            const AdapterSearch search = adapterLine_.FindAdapter();
             ShowAdapter(search != AdapterSearch::NotFound);
             if (search == AdapterSearch::WaitingForCalls) {
                 MainLoop().SetTimer(TimerHotFolders, HotFolderPeriodMs);
@@ -335,7 +338,7 @@ void MainWindow::StopEngineThreads() {
     }
     // The communications thread may be waiting for the port; it leaves its
     // loop at the end of the pass it is in.
-    InterruptPortWait();
+    adapterLine_.InterruptPortWait();
     JoinThread(commThread_);
     // A send under way ends with its feeder and writer, a block on its way
     // cut off.
@@ -356,8 +359,8 @@ void MainWindow::PrepareExit() {
         // kept for a resume stays, and the next start takes it up.
         DiscardUnfinishedFiles();
     }
-    if (AdapterFound.load() != 0) {
-        SendClosingCommand();
+    if (adapterLine_.AdapterFound.load() != 0) {
+        adapterLine_.SendClosingCommand();
         // Preferences are saved here and only here: a run that found no
         // adapter leaves the file as it was.
         SavePreferences(stores_.Prefs, stores_.Paths.PrefsPath);
@@ -373,7 +376,7 @@ void MainWindow::PrepareExit() {
 void MainWindow::ShowAdapter(bool searchSucceeded) {
     // An adapter that stopped answering half way through its start leaves the
     // window as it was, but for its speed.
-    if (AdapterFound.load()) {
+    if (adapterLine_.AdapterFound.load()) {
         ShowPortSpeed();
     }
     if (!searchSucceeded) {
@@ -382,18 +385,18 @@ void MainWindow::ShowAdapter(bool searchSucceeded) {
     // Both protocol lists lose what the adapter cannot do on this port.
     std::vector<std::string> notOffered;
     for (const LineProtocol protocol : {ProtocolAimux, ProtocolX75}) {
-        if (!ProtocolOffered(protocol)) {
+        if (!adapterLine_.ProtocolOffered(protocol)) {
             notOffered.emplace_back(ProtocolNames[protocol]);
         }
     }
-    const bool channelOptions = CurrentFamily().HasChannelOptions;
+    const bool channelOptions = CurrentFamily(stores_.Prefs).HasChannelOptions;
     line_.OfferAdapter(notOffered, channelOptions);
     directory_.OfferAdapter(notOffered, channelOptions);
 }
 
 void MainWindow::ShowPortSpeed() {
     ControlModel& controls = Controls();
-    const SpeedChoice choice = PortSpeedChoice();
+    const SpeedChoice choice = PortSpeedChoice(stores_.Prefs);
     if (choice == SpeedChoice::None) {
         // The menu has a choice only where the port reaches 230400 bps.
         if (controls.HasMenuItem(ID_PORT_SPEED_115200)) {
@@ -598,7 +601,7 @@ EventOutcome MainWindow::OnMenuCommand(int id) {
             if (!Controls().HasMenuItem(id)) {
                 return Refused("the Port Speed menu is not there");
             }
-            ChangePortSpeed(id == ID_PORT_SPEED_115200 ? 115200 : 230400);
+            adapterLine_.ChangePortSpeed(id == ID_PORT_SPEED_115200 ? 115200 : 230400);
             ShowPortSpeed();
             return {};
         case ID_FILE_EXPORT_ENTRY:

@@ -11,8 +11,9 @@
 //
 // This header is what a front end sees of the program: it names nothing of
 // the engine, the line or the stores, whose headers a front end cannot
-// include. What a front end needs to know of them, such as the state of the
-// link, the window tells.
+// include, but for the name of the line's class, which the window is handed.
+// What a front end needs to know of them, such as the state of the link, the
+// window tells.
 #pragma once
 
 #include <atomic>
@@ -32,6 +33,10 @@
 #include "app/transfer_display.h"
 #include "app/window_panel.h"
 #include "platform/thread.h"
+
+// The line to the adapter (line/line.h), which the window is handed; a front
+// end sees no more of it than its name.
+class Line;
 
 // The window itself, kept in the control model beside its controls: its text
 // is the caption.
@@ -110,8 +115,9 @@ class Installation;
 
 class MainWindow {
 public:
-    // The window keeps and shows the stores of this installation.
-    explicit MainWindow(Installation& stores);
+    // The window keeps and shows the stores of this installation, and works
+    // on the line it is given; both outlive it.
+    explicit MainWindow(Installation& stores, ::Line& line);
     ~MainWindow();
     MainWindow(const MainWindow&) = delete;
     MainWindow& operator=(const MainWindow&) = delete;
@@ -141,6 +147,9 @@ public:
     LogPanel& Log() { return log_; }
     DesktopButtons& Desktop() { return desktop_; }
     LinePanel& Line() { return line_; }
+
+    // The line to the adapter, for the panels.
+    ::Line& AdapterLine() { return adapterLine_; }
 
     // ---- Start and stop ----
 
@@ -202,6 +211,8 @@ private:
     void StopEngineThreads();
     // Ends the main loop, after the exit has been prepared.
     void EndDialog();
+
+    ::Line& adapterLine_;
 
     DirectoryPanel directory_;
     FileListPanel files_;

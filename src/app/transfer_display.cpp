@@ -9,6 +9,7 @@
 #include "engine/transfer_engine.h"
 #include "engine/wire.h"
 #include "line/adapter_family.h"
+#include "line/line.h"
 #include "line/profiles.h"
 #include "platform/clock.h"
 #include "resources/resource.h"
@@ -113,7 +114,7 @@ void TransferDisplay::ShowThroughput(bool sending, bool log) {
     if (elapsed != 0) {
         rate = static_cast<int64_t>(uint64_t{entry.BytesDone} * 1000 / elapsed);
     }
-    const int64_t ceiling = RateEstimate.load();
+    const int64_t ceiling = window_.AdapterLine().RateEstimate.load();
     if (rate > ceiling || rate == 0) {
         rate = ceiling;
     }

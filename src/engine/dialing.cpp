@@ -93,15 +93,15 @@ void PlaceCall(const CallRequest& call) {
     }
     // Without an adapter nothing would ever answer the dial, and the link
     // would wait in LinkDialing for good; the user hears why instead.
-    if (!AdapterFound.load()) {
+    if (!TheEngine.Line->AdapterFound.load()) {
         ShowMessageBox(NoAdapterMessage);
         return;
     }
     // The adapter's answer to the dial is read only once the link stands in
     // LinkDialing, however quickly it comes.
-    PortConversation conversation;
-    InitializeOutgoing(call.Line);
-    SendCommand(DialString(call.Number, call.CarrierRow).c_str());
+    PortConversation conversation(*TheEngine.Line);
+    TheEngine.Line->InitializeOutgoing(call.Line);
+    TheEngine.Line->SendCommand(DialString(call.Number, call.CarrierRow).c_str());
     Stores().Log.Add("Calling " + call.Name);
     Stores().Log.Add("at " + call.Number);
     ClearSessionFlags();
@@ -111,11 +111,11 @@ void PlaceCall(const CallRequest& call) {
 }
 
 void HandleLineEvent() {
-    std::memset(TokenBuffer, 0, TokenBufferSize);
-    if (ReadLine(LineLimitMs, TokenBuffer) == nullptr) {
+    std::memset(TheEngine.Line->TokenBuffer, 0, TokenBufferSize);
+    if (TheEngine.Line->ReadLine(LineLimitMs, TheEngine.Line->TokenBuffer) == nullptr) {
         return;
     }
-    const std::string line(TokenBuffer);
+    const std::string line(TheEngine.Line->TokenBuffer);
     if (LineHolds(line, "RINGING")) {
         return;
     }
@@ -130,10 +130,10 @@ void HandleLineEvent() {
             NowMs() - TheSession.AnsweredAt.load() < AnswerResultLimitMs) {
             return;
         }
-        DrainInput(RingDrainQuietMs);
+        TheEngine.Line->DrainInput(RingDrainQuietMs);
         ClearHotFolderCounters();
         SleepMs(AnswerPauseMs);
-        SendCommand("ATA");
+        TheEngine.Line->SendCommand("ATA");
         TheSession.AnsweredAt = NowMs();
         TheSession.AnswerPending = true;
         return;
@@ -146,17 +146,17 @@ void HandleLineEvent() {
     if (LineHolds(line, TextNoCarrier)) {
         Stores().Log.Add("Disconnected");
         SleepMs(50);
-        ReinitializeIncoming();
+        TheEngine.Line->ReinitializeIncoming();
         CallFailed();
     }
     if (LineHolds(line, "BUSY")) {
         Stores().Log.Add("Busy");
-        ReinitializeIncoming();
+        TheEngine.Line->ReinitializeIncoming();
         CallFailed();
     }
     if (LineHolds(line, "NO DIALTONE") || LineHolds(line, "NO DIAL TONE")) {
         Stores().Log.Add("No Dialtone.");
-        ReinitializeIncoming();
+        TheEngine.Line->ReinitializeIncoming();
         ShowMessageOutsidePass(
             "Cannot place an outgoing data call.\rPlease make sure your ISDN line is properly "
             "connected.");

@@ -166,7 +166,7 @@ void LoadPickUpFolder(int16_t index) {
 
 void AnswerRetrieveRequest() {
     RetrieveRequest request;
-    if (ReadBlock(&request, sizeof request, RequestLimitMs) < sizeof request) {
+    if (TheEngine.Line->ReadBlock(&request, sizeof request, RequestLimitMs) < sizeof request) {
         return;  // no answer; the caller's watchdog ends the call
     }
     const std::string number(request.LocalNumber.View());

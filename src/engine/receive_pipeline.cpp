@@ -119,7 +119,7 @@ void ReceiveBlock() {
     }
     uint8_t* at = TheEngine.WorkingSection + slot * BlockBytes;
     if (entry.DataBlocks > entry.BlocksDone) {
-        BookBytes(entry, ReadBlock(at, BlockBytes, BlockLimitMs));
+        BookBytes(entry, TheEngine.Line->ReadBlock(at, BlockBytes, BlockLimitMs));
         entry.BlocksDone = static_cast<int16_t>(entry.BlocksDone + 1);
         const int16_t filled = static_cast<int16_t>(slot + 1);
         TheEngine.BlockIndex = filled;
@@ -159,7 +159,7 @@ void ReceiveBlock() {
         return;
     }
     const uint32_t lastBytes = static_cast<uint32_t>(entry.LastBlockBytes);
-    BookBytes(entry, ReadBlock(at, lastBytes, BlockLimitMs));
+    BookBytes(entry, TheEngine.Line->ReadBlock(at, lastBytes, BlockLimitMs));
     const int64_t fileBytes = int64_t{slot} * BlockBytes + lastBytes - SectionCrcBytes;
     if (fileBytes <= 0) {
         // Only a damaged position could bring this; the section cannot be

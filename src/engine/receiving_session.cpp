@@ -55,10 +55,10 @@ uint64_t FreeSpace() {
 // it has left.
 void DiscardInput() {
     uint8_t scratch[1024];
-    uint32_t waiting = PortQueueCount(PortQueue::Input);
+    uint32_t waiting = TheEngine.Line->PortQueueCount(PortQueue::Input);
     while (waiting != 0) {
         const uint32_t chunk = waiting < sizeof scratch ? waiting : sizeof scratch;
-        static_cast<void>(ReadBlock(scratch, chunk, 0));  // thrown away
+        static_cast<void>(TheEngine.Line->ReadBlock(scratch, chunk, 0));  // thrown away
         waiting -= chunk;
     }
 }
@@ -214,7 +214,7 @@ bool ReadAndCheckList(Admission& list) {
     list.Count = static_cast<int>(header.FileCount);
     WireFileEntry* wire = TheEngine.WireList;
     const uint32_t listBytes = static_cast<uint32_t>(list.Count) * sizeof(WireFileEntry);
-    if (list.Count > 0 && ReadBlock(wire, listBytes, ListLimitMs) < listBytes) {
+    if (list.Count > 0 && TheEngine.Line->ReadBlock(wire, listBytes, ListLimitMs) < listBytes) {
         list.Result = Refuse("Corrupted file list.");
         return false;
     }
@@ -374,7 +374,7 @@ void StartReceiving(const Admission& list) {
 }
 
 void OnListOffered() {
-    if (ReadBlock(&TheEngine.InHeader, sizeof(SessionHeader), HeaderLimitMs) <
+    if (TheEngine.Line->ReadBlock(&TheEngine.InHeader, sizeof(SessionHeader), HeaderLimitMs) <
         sizeof(SessionHeader)) {
         return;
     }
@@ -385,7 +385,7 @@ void OnListOffered() {
         case AdmitRecovered:
             std::memcpy(TheEngine.RecoveryRecord.Token, TokenFileResta3.Bytes(),
                         TokenFileResta3.Length());
-            SendBytes(&TheEngine.RecoveryRecord, sizeof(RecoveryMessage));
+            TheEngine.Line->SendBytes(&TheEngine.RecoveryRecord, sizeof(RecoveryMessage));
             std::memcpy(TheEngine.RecoveryRecord.Token, TokenFileRecovr.Bytes(),
                         TokenFileRecovr.Length());
             break;

@@ -35,12 +35,12 @@ void SnapshotSection() {
 void RequestSectionResend() {
     {
         // Reads on this thread alone until the line has fallen quiet.
-        PortConversation conversation;
-        SendBytes(&TheEngine.RecoveryRecord, sizeof(RecoveryMessage));
+        PortConversation conversation(*TheEngine.Line);
+        TheEngine.Line->SendBytes(&TheEngine.RecoveryRecord, sizeof(RecoveryMessage));
         // What is left of the section's stream is thrown away. A stream that
         // does not stop comes from no sound sender: the repair is not
         // confirmed, and the limit on silence ends the call.
-        if (!DrainInputWithin(DrainQuietMs, DrainLongestMs)) {
+        if (!TheEngine.Line->DrainInputWithin(DrainQuietMs, DrainLongestMs)) {
             return;
         }
         TheEngine.LastRxTime = NowMs();
@@ -61,7 +61,7 @@ void ApplyRecoveryAtReceiver() {
 }
 
 void ApplyRecoveryAtSender() {
-    const RecoveryBody body = RecordFromBytes<RecoveryBody>(TokenBuffer);
+    const RecoveryBody body = RecordFromBytes<RecoveryBody>(TheEngine.Line->TokenBuffer);
     TheEngine.BlockIndex = 0;
     FileEntry& entry = TheEngine.SendList[0];
     const RecoveryPosition position = ApplyRecoveryBody(body, entry);

@@ -28,7 +28,8 @@ int64_t FileSizeOf(uint32_t dataLength) {
 // Waits, without spinning, for the bytes still in the output queue to leave
 // the port: a nap sized by what is left at the port's speed.
 void NapWhileOutputDrains(uint32_t waiting) {
-    const uint32_t baud = ThePort != nullptr ? ThePort->BaudRate.load() : 9600;
+    const uint32_t baud =
+        TheEngine.Line->Port() != nullptr ? TheEngine.Line->Port()->BaudRate.load() : 9600;
     // Ten bits on the line for each byte.
     const uint64_t ms = uint64_t{waiting} * 10 * 1000 / std::max<uint32_t>(baud, 1) + 1;
     SleepMs(static_cast<uint32_t>(std::min<uint64_t>(ms, LongestDrainNapMs)));
@@ -39,7 +40,7 @@ void ReportUnreadable(const FileEntry& entry) {
     Stores().Log.Add("Cannot read file: " + std::string(entry.DisplayName.View()));
     TheSession.SendFault = true;
     // The communications thread ends the call at its next pass.
-    InterruptPortWait();
+    TheEngine.Line->InterruptPortWait();
 }
 
 void HandToWriter(const uint8_t* block, int16_t length) {
@@ -164,7 +165,8 @@ unsigned SectionFeeder(void*) {
             ParkThread(self);  // the writer wakes us when its block has gone
             continue;
         }
-        if (const uint32_t waiting = PortQueueCount(PortQueue::Output); waiting != 0) {
+        if (const uint32_t waiting = TheEngine.Line->PortQueueCount(PortQueue::Output);
+            waiting != 0) {
             NapWhileOutputDrains(waiting);
             continue;
         }
@@ -190,7 +192,7 @@ unsigned BlockWriter(void*) {
     const ThreadHandle self = TheEngine.WriterThread.load();
     const ThreadHandle feeder = CurrentFeederHandle();
     while (TheEngine.WriterRun.load()) {
-        SendBytes(TheEngine.WriteBlock.load(), TheEngine.WriteBlockLength.load());
+        TheEngine.Line->SendBytes(TheEngine.WriteBlock.load(), TheEngine.WriteBlockLength.load());
         // The line took the block: the far end is taking data.
         TheSession.FarEndSeenAt = NowMs();
         TheEngine.SendDisplayDirty = true;

@@ -58,7 +58,8 @@ bool ReadyToStart() {
 // The receiver's body behind FILERECOVR or FILERESTA; false after the call
 // has been ended because it came short.
 bool ReadRecoveryBody() {
-    if (ReadBlock(TokenBuffer, sizeof(RecoveryBody), BodyLimitMs) < sizeof(RecoveryBody)) {
+    if (TheEngine.Line->ReadBlock(TheEngine.Line->TokenBuffer, sizeof(RecoveryBody), BodyLimitMs) <
+        sizeof(RecoveryBody)) {
         RequestDisconnect();
         return false;
     }
@@ -69,7 +70,7 @@ bool ReadRecoveryBody() {
 // itself, and about a stream of that file's length. A body of another length
 // would have the feeder read past the file's end, or send the wrong blocks.
 bool BodyFitsTopFile() {
-    const RecoveryBody body = RecordFromBytes<RecoveryBody>(TokenBuffer);
+    const RecoveryBody body = RecordFromBytes<RecoveryBody>(TheEngine.Line->TokenBuffer);
     if (!RecoveryBodySound(body)) {
         return false;
     }
@@ -188,8 +189,9 @@ void OnReceiverReady() {
     TheSession.ListOffered = true;
     SendToken(TokenRetrieve);
     const RetrieveRequest request = MakeRetrieveRequest(
-        std::string_view(LocalNumber, strnlen(LocalNumber, sizeof LocalNumber)));
-    SendBytes(&request, sizeof request);
+        std::string_view(TheEngine.Line->LocalNumber,
+                         strnlen(TheEngine.Line->LocalNumber, sizeof TheEngine.Line->LocalNumber)));
+    TheEngine.Line->SendBytes(&request, sizeof request);
     TheEngine.WeSend = false;
     TheEngine.LastRxTime = NowMs();
 }
@@ -265,8 +267,9 @@ void StartSendSession() {
     BuildSessionRecords();
     const int16_t count = TheEngine.SendList.Count();
     SendToken(TokenH100);
-    SendBytes(&TheEngine.OutHeader, sizeof(SessionHeader));
-    SendBytes(TheEngine.WireList, static_cast<int16_t>(count * sizeof(WireFileEntry)));
+    TheEngine.Line->SendBytes(&TheEngine.OutHeader, sizeof(SessionHeader));
+    TheEngine.Line->SendBytes(TheEngine.WireList,
+                              static_cast<int16_t>(count * sizeof(WireFileEntry)));
     TheEngine.BlockIndex = 0;
     TheSession.ListOffered = true;
     if (count > 0 && TheEngine.SendList[0].EntryKind == FileKind::FolderMarker) {
@@ -314,7 +317,7 @@ void DropFirstSendEntry() {
             display.ShowSelectedCorrespondent();
         }
     }
-    SetLinePolling(1);
+    TheEngine.Line->SetLinePolling(1);
 }
 
 void BeginNextFile() {

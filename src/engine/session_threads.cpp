@@ -38,7 +38,7 @@ void ClearSessionFlags() {
     TheSession.FarEndSeenAt = NowMs();
     TheSession.FarEndSeenIn = LinkIdle;
     TheSession.HangUpTried = false;
-    ResetSerialLimitLine();
+    TheEngine.Line->ResetSerialLimitLine();
     TheSession.HangUpRetries = 0;
     TheSession.HangUpRetryDue = false;
     TheSession.AnswerPending = false;
@@ -84,7 +84,7 @@ void StartSectionFeeder() {
         WakeThread(TheEngine.WriterThread.load());
         WakeThread(feeder);
         TheSession.SendFault = true;
-        InterruptPortWait();
+        TheEngine.Line->InterruptPortWait();
         return;
     }
     TheEngine.FeederThread.store(feeder);
@@ -116,7 +116,7 @@ void StopFeeder() {
     // A block that the far end holds back would keep the writer, and so this
     // wait, for as long as it pleases; the session is over, so cut it off.
     if (writer && !ThreadFinished(writer) && !TheEngine.WriterIdle.load()) {
-        PurgePort();
+        TheEngine.Line->PurgePort();
     }
     JoinThread(feeder);
     JoinThread(TheEngine.WriterThread.load());

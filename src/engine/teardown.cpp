@@ -47,7 +47,7 @@ bool HangUpFailed() {
         TheSession.HangUpRetries.fetch_add(1);
         TheSession.HangUpRetryAt = NowMs();
         TheSession.HangUpRetryDue = true;
-        InterruptPortWait();
+        TheEngine.Line->InterruptPortWait();
     }
     return false;
 }
@@ -74,17 +74,17 @@ bool KeptForResume(const FileEntry& entry) {
 void RequestDisconnect() {
     if (TheEngine.LinkState.load() == LinkDialing) {
         // One blank breaks off the dial; the adapter's answer ends it.
-        SendBytes(" ", 1);
+        TheEngine.Line->SendBytes(" ", 1);
         return;
     }
-    PortConversation conversation;
+    PortConversation conversation(*TheEngine.Line);
     const LinkState state = TheEngine.LinkState.load();
     const bool sending = TheEngine.WeSend.load();
     switch (state) {
         case LinkConnected:
             // "AT" answered means the adapter is in command mode already, so
             // the call has gone; silence means it is still up.
-            if (SendAndWaitOk("AT")) {
+            if (TheEngine.Line->SendAndWaitOk("AT")) {
                 OnCallEnded();
             } else {
                 EndCallByHangUp();
@@ -117,7 +117,7 @@ void EndCallByHangUp() {
 }
 
 bool HangUp() {
-    PortConversation conversation;
+    PortConversation conversation(*TheEngine.Line);
     TheSession.HangUpRetryDue = false;
     TheSession.HangUpTried = true;
     // The escape needs the port silent for the pause. Whatever of ours still
@@ -125,35 +125,37 @@ bool HangUp() {
     // to carry it, and for ever when the far end takes nothing more; but what
     // was written a moment ago, such as the abort of a Disconnect pressed
     // just before, is on its way and goes out.
-    PurgeStuckOutput(OutputGraceMs);
-    SleepMs(CurrentFamily().EscapePauseMs);
-    SendBytes("+++", 3);
-    std::memset(TokenBuffer, 0, TokenBufferSize);
+    TheEngine.Line->PurgeStuckOutput(OutputGraceMs);
+    SleepMs(CurrentFamily(Stores().Prefs).EscapePauseMs);
+    TheEngine.Line->SendBytes("+++", 3);
+    std::memset(TheEngine.Line->TokenBuffer, 0, TokenBufferSize);
     // The OK may come behind whatever the far end still sends; the wait runs
     // its whole time through that, so that nothing is sent within the guard
     // time behind "+++".
-    if (ReadUntilTokenInStream("OK\r\n", EscapeReplyLimitMs, TokenBuffer) == nullptr) {
+    if (TheEngine.Line->ReadUntilTokenInStream("OK\r\n", EscapeReplyLimitMs,
+                                               TheEngine.Line->TokenBuffer) == nullptr) {
         // The line fell before the escape: the adapter, in command mode
         // already, reported NO CARRIER and lets "+++" pass unanswered.
-        if (std::string_view(TokenBuffer).find(TextNoCarrier) != std::string_view::npos) {
+        if (std::string_view(TheEngine.Line->TokenBuffer).find(TextNoCarrier) !=
+            std::string_view::npos) {
             OnCallEnded();
             return true;
         }
         // Its NO CARRIER may also have gone before: with input thrown away
         // when the feeder was stopped, or read by another wait. An adapter in
         // command mode answers "AT"; one still in data mode passes it on.
-        if (SendAndWaitOkShort("AT")) {
+        if (TheEngine.Line->SendAndWaitOkShort("AT")) {
             OnCallEnded();
             return true;
         }
         return HangUpFailed();  // still in data mode; the state stays as it was
     }
-    SendCommand("ATH");
+    TheEngine.Line->SendCommand("ATH");
     const uint32_t t0 = NowMs();
     do {
-        std::memset(TokenBuffer, 0, TokenBufferSize);
-        if (ReadLine(HangUpLineLimitMs, TokenBuffer) != nullptr) {
-            const std::string_view line(TokenBuffer);
+        std::memset(TheEngine.Line->TokenBuffer, 0, TokenBufferSize);
+        if (TheEngine.Line->ReadLine(HangUpLineLimitMs, TheEngine.Line->TokenBuffer) != nullptr) {
+            const std::string_view line(TheEngine.Line->TokenBuffer);
             if (LineHolds(line, "OK") || LineHolds(line, TextNoCarrier)) {
                 OnCallEnded();
                 return true;
@@ -198,7 +200,7 @@ void OnCallEnded(CallEnd how) {
         if (how == CallEnd::SenderLostLine && state == LinkTransfer) {
             Stores().Log.Add("Remote end aborted transfer.");
             TheEngine.FeederRun = false;
-            PurgePort();
+            TheEngine.Line->PurgePort();
         }
         StopFeeder();
     }
@@ -227,7 +229,7 @@ void OnCallEnded(CallEnd how) {
         how == CallEnd::SenderLostLine) {
         ResetSendPosition();
     }
-    ReinitializeIncoming();
+    TheEngine.Line->ReinitializeIncoming();
     if (!sending) {
         EndOfCallCleanup();
     }
@@ -243,11 +245,11 @@ void EndStalledCall(uint32_t waiting) {
     uint8_t tail[32] = {};
     if (waiting > StallTailBytes) {
         const int16_t slot = TheEngine.BlockIndex.load();
-        static_cast<void>(ReadBlock(TheEngine.WorkingSection + slot * BlockBytes,
-                                    waiting - StallTailBytes, StallBodyLimitMs));
+        static_cast<void>(TheEngine.Line->ReadBlock(TheEngine.WorkingSection + slot * BlockBytes,
+                                                    waiting - StallTailBytes, StallBodyLimitMs));
     }
     // What did not come leaves zeros, in which no answer is found.
-    static_cast<void>(ReadBlock(tail, StallTailBytes, StallTailLimitMs));
+    static_cast<void>(TheEngine.Line->ReadBlock(tail, StallTailBytes, StallTailLimitMs));
     // A line that fell leaves NO CARRIER behind its last data, and the
     // adapter is back in command mode. Without it the far end has only gone
     // quiet and the call is still up: it is hung up, so that neither adapter

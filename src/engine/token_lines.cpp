@@ -29,15 +29,15 @@ std::string JoinCarried(const char* read) {
 }  // namespace
 
 bool ReadTokenLine(int16_t limitMs, std::string& line) {
-    std::memset(TokenBuffer, 0, TokenBufferSize);
-    const bool ended = ReadLine(limitMs, TokenBuffer) != nullptr;
+    std::memset(TheEngine.Line->TokenBuffer, 0, TokenBufferSize);
+    const bool ended = TheEngine.Line->ReadLine(limitMs, TheEngine.Line->TokenBuffer) != nullptr;
     if (ended) {
-        line = JoinCarried(TokenBuffer);
+        line = JoinCarried(TheEngine.Line->TokenBuffer);
         return true;
     }
     line.clear();
-    if (*TokenBuffer != '\0') {  // when nothing came, what is carried ages on
-        const std::string unfinished = JoinCarried(TokenBuffer);
+    if (*TheEngine.Line->TokenBuffer != '\0') {  // when nothing came, what is carried ages on
+        const std::string unfinished = JoinCarried(TheEngine.Line->TokenBuffer);
         CarriedBytes =
             unfinished.substr(unfinished.size() > CarryBytes ? unfinished.size() - CarryBytes : 0);
         CarriedAt = NowMs();
@@ -50,5 +50,5 @@ void ForgetUnfinishedLine() {
 }
 
 void SendToken(const WireToken& token) {
-    SendBytes(token.Bytes(), static_cast<int16_t>(token.Length()));
+    TheEngine.Line->SendBytes(token.Bytes(), static_cast<int16_t>(token.Length()));
 }

@@ -97,7 +97,7 @@ int WaitBound(LinkState state, bool sending) {
 // input afterwards, or nothing if the pass acted and the next one should
 // follow at once.
 std::optional<int> PassWork() {
-    const uint32_t waiting = PortQueueCount(PortQueue::Input);
+    const uint32_t waiting = TheEngine.Line->PortQueueCount(PortQueue::Input);
     const LinkState state = TheEngine.LinkState.load();
     const bool sending = TheEngine.WeSend.load();
 
@@ -180,16 +180,17 @@ void ShowHeldMessages() {
 // the whole pass, and gives it up whenever another thread asks for it: such
 // a thread clears LinePollingEnabled and interrupts the wait first.
 void CommPass() {
-    std::unique_lock<std::recursive_mutex> portGuard(PortReadLock);
-    if (AdapterFound.load() == 0 || LinePollingEnabled.load() == 0) {
+    std::unique_lock<std::recursive_mutex> portGuard(TheEngine.Line->PortReadLock);
+    if (TheEngine.Line->AdapterFound.load() == 0 ||
+        TheEngine.Line->LinePollingEnabled.load() == 0) {
         portGuard.unlock();
-        WaitForPortWake(LongestWaitMs);
+        TheEngine.Line->WaitForPortWake(LongestWaitMs);
         return;
     }
     InsidePass = true;
     const std::optional<int> waitMs = PassWork();
     if (waitMs && TheEngine.CommThreadRun.load()) {
-        WaitForPortInput(*waitMs);
+        TheEngine.Line->WaitForPortInput(*waitMs);
     }
     InsidePass = false;
     portGuard.unlock();
@@ -208,6 +209,10 @@ void ShowMessageOutsidePass(const std::string& text) {
     } else {
         ShowMessageBox(text);
     }
+}
+
+void SetEngineLine(::Line& line) {
+    TheEngine.Line = &line;
 }
 
 void EngineStartup(Installation& stores) {

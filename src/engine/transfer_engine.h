@@ -21,6 +21,7 @@
 #include "engine/file_entry.h"
 #include "engine/send_list.h"
 #include "engine/wire.h"
+#include "line/line.h"
 #include "platform/thread.h"
 #include "stores/installation.h"
 
@@ -93,9 +94,13 @@ struct TransferEngine {
     // it.
     FixedText<512> ReceiveFolder;
 
-    // Buffers, made by EngineStartup and freed by EngineShutdown. The token
-    // buffer, which AT replies share with wire tokens, is the line's
-    // TokenBuffer.
+    // The line the engine works on, from SetEngineLine on: the port, and the
+    // token buffer, which AT replies share with wire tokens. Every engine
+    // thread reaches it here. It goes when the engine becomes an object that
+    // is handed its line. The type is named from outside, as for LinkState.
+    ::Line* Line = nullptr;
+
+    // Buffers, made by EngineStartup and freed by EngineShutdown.
     WireFileEntry* WireList = nullptr;  // ListCapacity entries
     FileEntry* ReceiveList = nullptr;   // ListCapacity entries
     uint8_t* WorkingSection = nullptr;  // a section going out or coming in
@@ -111,6 +116,11 @@ inline Installation& Stores() {
     return *TheEngine.Stores;
 }
 
+// Gives the engine the line it works on, before anything of the engine runs:
+// also where the port record could not be made and the engine never starts,
+// since a call the user asks for then still looks at the line for its
+// adapter. The line outlives every engine thread.
+void SetEngineLine(::Line& line);
 // Allocates the buffers, fills OutHeader's magic, and takes up the candidate
 // for a resume that an earlier run left on the disk, or none. Called on the
 // main thread before the communications thread starts.

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "line/comm_port.h"
+#include "line/line.h"
 #include "line/port_speed.h"
 #include "line/profiles.h"
 #include "platform/clock.h"
@@ -15,24 +16,10 @@
 #include "resources/resource.h"
 #include "stores/installation.h"
 
-Installation* LineStores = nullptr;
-std::atomic<bool> AdapterFound{false};
-std::atomic<bool> LinePollingEnabled{false};
-std::atomic<int16_t> SpeedClass{0};
-
 namespace {
 
 constexpr int16_t ReplyLimitMs = 4000;
 constexpr int16_t ShortReplyLimitMs = 1000;
-
-// The hand-over of the port. Remembering the flag in each exchange and putting
-// it back at the end is not enough once two threads talk to the adapter: the
-// one that started second would remember the cleared flag and leave polling
-// off for good. So the conversations under way are counted, and the flag
-// comes back only when the last of them ends.
-std::mutex HandoverLock;
-int ConversationsUnderWay = 0;
-bool PollingAfterConversations = false;
 
 constexpr int LastSearchedPort = 4;
 constexpr uint32_t SearchSpeed = 9600;
@@ -45,28 +32,28 @@ enum class PortAnswer {
     SwitchedToTop,  // it answers at 230400 bps alone, where only its switch holds it
 };
 
-bool BufferHolds(const char* mark) {
-    return std::strstr(TokenBuffer, mark) != nullptr;
+bool BufferHolds(Line& line, const char* mark) {
+    return std::strstr(line.TokenBuffer, mark) != nullptr;
 }
 
-AdapterSearch AdapterNotFound() {
+AdapterSearch AdapterNotFound(Line& line) {
     ShowMessageBox(NoAdapterMessage);
-    LineStores->Log.Add("ISDN TA not found.");
+    line.Stores.Log.Add("ISDN TA not found.");
     return AdapterSearch::NotFound;
 }
 
 // The adapter has been found and the port stands at its working speed: the
 // incoming profile goes out and the communications thread takes the port up.
-AdapterSearch AdapterReady() {
-    const bool listening = InitializeIncoming();
-    SetLinePolling(true);
+AdapterSearch AdapterReady(Line& line) {
+    const bool listening = line.InitializeIncoming();
+    line.SetLinePolling(true);
     return listening ? AdapterSearch::WaitingForCalls : AdapterSearch::ProfileRefused;
 }
 
 // The identification, with a limit of its own on the answer to the first
 // command: on the port opened anew, or on the port as it stands.
-bool Identify(int16_t firstReplyLimitMs);
-bool IdentifyOnOpenPort(int16_t firstReplyLimitMs);
+bool Identify(Line& line, int16_t firstReplyLimitMs);
+bool IdentifyOnOpenPort(Line& line, int16_t firstReplyLimitMs);
 
 // The pause before an escape on an adapter whose family is not known yet: the
 // longest that any family needs.
@@ -88,29 +75,29 @@ uint32_t LongestEscapePauseMs() {
 // reads at a speed it understands, at that speed and then at the one given.
 // Returns the speed at which the adapter is back in command mode, 0 if it
 // did not answer.
-uint32_t HangUpLeftCall(uint32_t otherSpeed, uint32_t pauseMs) {
-    if (ThePort == nullptr || !ThePort->IsOpen.load()) {
+uint32_t HangUpLeftCall(Line& line, uint32_t otherSpeed, uint32_t pauseMs) {
+    if (line.Port() == nullptr || !line.Port()->IsOpen.load()) {
         return 0;
     }
-    PortConversation conversation;
+    PortConversation conversation(line);
     SleepMs(pauseMs);
-    SendBytes("+++", 3);
+    line.SendBytes("+++", 3);
     const std::optional<size_t> escape =
-        DrainUntilAny({"\r\nOK\r\n", "NO CARRIER"}, EscapeReplyLimitMs);
+        line.DrainUntilAny({"\r\nOK\r\n", "NO CARRIER"}, EscapeReplyLimitMs);
     if (!escape) {
         return 0;
     }
-    const uint32_t portSpeed = ThePort->BaudRate.load();
+    const uint32_t portSpeed = line.Port()->BaudRate.load();
     if (*escape == 1) {
         return portSpeed;  // the far end has ended the call meanwhile
     }
     for (const uint32_t speed : {portSpeed, otherSpeed}) {
-        if (!SetPortSpeed(speed)) {
+        if (!line.SetPortSpeed(speed)) {
             continue;
         }
-        SendCommand("ATH");
-        if (DrainUntilAny({"\r\nOK\r\n", "NO CARRIER"}, HangUpReplyLimitMs)) {
-            LineStores->Log.Add("Hung up a call left on the ISDN TA.");
+        line.SendCommand("ATH");
+        if (line.DrainUntilAny({"\r\nOK\r\n", "NO CARRIER"}, HangUpReplyLimitMs)) {
+            line.Stores.Log.Add("Hung up a call left on the ISDN TA.");
             return speed;
         }
     }
@@ -121,157 +108,160 @@ uint32_t HangUpLeftCall(uint32_t otherSpeed, uint32_t pauseMs) {
 // speeds of the search, until its closing command or a power cycle; so does an
 // AdTran whose switch is set there. Found at that speed, the first two are
 // told to go back to 115200 and identified again at the speed asked for.
-PortAnswer FindAtTopSpeed(uint32_t speed) {
-    SelectPortBaud(TopSpeed);
+PortAnswer FindAtTopSpeed(Line& line, uint32_t speed) {
+    line.SelectPortBaud(TopSpeed);
     // An adapter at this speed answers at once; this is a second look, not
     // the search's own.
-    if (!Identify(ShortReplyLimitMs)) {
+    if (!Identify(line, ShortReplyLimitMs)) {
         return PortAnswer::Nothing;
     }
-    LineStores->Log.Add("ISDN TA found at 230400 bps.");
-    if (CurrentFamily().Speed == SpeedMove::DipSwitch) {
+    line.Stores.Log.Add("ISDN TA found at 230400 bps.");
+    if (CurrentFamily(line.Stores.Prefs).Speed == SpeedMove::DipSwitch) {
         return PortAnswer::SwitchedToTop;
     }
     // The port stays open: a purge could throw away the command back before
     // the adapter has it all.
-    ReturnAdapterTo115200();
-    return SetPortSpeed(speed) && IdentifyOnOpenPort(ReplyLimitMs) ? PortAnswer::AtSpeed
-                                                                   : PortAnswer::Nothing;
+    line.ReturnAdapterTo115200();
+    return line.SetPortSpeed(speed) && IdentifyOnOpenPort(line, ReplyLimitMs) ? PortAnswer::AtSpeed
+                                                                              : PortAnswer::Nothing;
 }
 
 // Looks for the adapter on the selected port, at the speed given: there
 // first, as the search always has, then at 230400 bps, then behind a call
 // that it may still hold.
-PortAnswer FindOnPort(uint32_t speed, uint32_t escapePauseMs) {
-    SelectPortBaud(speed);
-    if (IdentifyAdapter()) {
+PortAnswer FindOnPort(Line& line, uint32_t speed, uint32_t escapePauseMs) {
+    line.SelectPortBaud(speed);
+    if (line.IdentifyAdapter()) {
         return PortAnswer::AtSpeed;
     }
-    if (ThePort == nullptr || !ThePort->IsOpen.load()) {
+    if (line.Port() == nullptr || !line.Port()->IsOpen.load()) {
         return PortAnswer::Nothing;  // no device there to ask
     }
     // What follows runs with RTS/CTS, as all work after a first exchange
     // does: the data of a call that the adapter may still hold would stop the
     // port's output at its first XOFF byte, for good once the port's input
     // has filled up behind it.
-    if (!SetPortSpeed(speed)) {
+    if (!line.SetPortSpeed(speed)) {
         return PortAnswer::Nothing;
     }
-    const PortAnswer atTop = FindAtTopSpeed(speed);
+    const PortAnswer atTop = FindAtTopSpeed(line, speed);
     if (atTop != PortAnswer::Nothing) {
         return atTop;
     }
-    const uint32_t answeredAt = HangUpLeftCall(speed, escapePauseMs);
+    const uint32_t answeredAt = HangUpLeftCall(line, speed, escapePauseMs);
     if (answeredAt == 0) {
         return PortAnswer::Nothing;
     }
     if (answeredAt == TopSpeed) {
-        return FindAtTopSpeed(speed);
+        return FindAtTopSpeed(line, speed);
     }
-    SelectPortBaud(speed);
-    return IdentifyAdapter() ? PortAnswer::AtSpeed : PortAnswer::Nothing;
+    line.SelectPortBaud(speed);
+    return line.IdentifyAdapter() ? PortAnswer::AtSpeed : PortAnswer::Nothing;
 }
 
 // An AdTran that answers only at 230400 bps has its switch set there, by the
 // user: the speed is taken as the switch holds it.
-AdapterSearch AtSwitchedTopSpeed() {
-    LineStores->Prefs.MaxPortSpeed = TopSpeed;
-    LineStores->Prefs.SelectedPortSpeed = TopSpeed;
-    SpeedClass.store(2);
-    LineStores->Log.Add("Port speed set to 230400 bps.");
-    return AdapterReady();
+AdapterSearch AtSwitchedTopSpeed(Line& line) {
+    line.Stores.Prefs.MaxPortSpeed = TopSpeed;
+    line.Stores.Prefs.SelectedPortSpeed = TopSpeed;
+    line.SpeedClass.store(2);
+    line.Stores.Log.Add("Port speed set to 230400 bps.");
+    return AdapterReady(line);
 }
 
-AdapterSearch FullSearch() {
+AdapterSearch FullSearch(Line& line) {
     for (int port = 1; port <= LastSearchedPort; ++port) {
-        SelectPortNumber(static_cast<uint8_t>(port));
-        LineStores->Log.Add("Searching Comm Port " + std::to_string(port));
-        const PortAnswer answer = FindOnPort(SearchSpeed, LongestEscapePauseMs());
+        line.SelectPortNumber(static_cast<uint8_t>(port));
+        line.Stores.Log.Add("Searching Comm Port " + std::to_string(port));
+        const PortAnswer answer = FindOnPort(line, SearchSpeed, LongestEscapePauseMs());
         if (answer == PortAnswer::Nothing) {
-            CommPortClose();
+            line.CommPortClose();
             continue;
         }
-        LineStores->Prefs.ComPort = static_cast<int16_t>(port);
+        line.Stores.Prefs.ComPort = static_cast<int16_t>(port);
         if (answer == PortAnswer::SwitchedToTop) {
-            return AtSwitchedTopSpeed();
+            return AtSwitchedTopSpeed(line);
         }
-        QualifyPortSpeed();
-        if (LineStores->Prefs.MaxPortSpeed == 230400) {
+        line.QualifyPortSpeed();
+        if (line.Stores.Prefs.MaxPortSpeed == 230400) {
             // An adapter moved only by its switch stays at 115200 until the
             // user has moved it.
-            LineStores->Prefs.SelectedPortSpeed =
-                CurrentFamily().Speed == SpeedMove::DipSwitch ? 115200 : 230400;
+            line.Stores.Prefs.SelectedPortSpeed =
+                CurrentFamily(line.Stores.Prefs).Speed == SpeedMove::DipSwitch ? 115200 : 230400;
         }
-        return AdapterReady();
+        return AdapterReady(line);
     }
-    return AdapterNotFound();
+    return AdapterNotFound(line);
 }
 
 // An adapter moved to 230400 by its switch answers nothing at the search
 // speed, so it is taken as saved and brought straight to its top speed.
-AdapterSearch DipSwitchStart() {
-    if (!CommPortOpen()) {
+AdapterSearch DipSwitchStart(Line& line) {
+    if (!line.CommPortOpen()) {
         // Nothing answers and nothing is said: the port the saved search
         // named is not there.
         return AdapterSearch::NotFound;
     }
-    LineStores->Prefs.MaxPortSpeed = 230400;
-    LineStores->Prefs.SelectedPortSpeed = 230400;
-    AdapterFound.store(true);
-    SpeedClass.store(2);
-    ResumeTopSpeed();
-    LineStores->Log.Add("Port speed set to 230400 bps.");
-    const auto answers = [] {
-        std::memset(TokenBuffer, 0, TokenBufferSize);
-        return SendAndWaitOk("atv1") && EnableHardwareHandshake() && SendAndWaitOkShort("ati0");
+    line.Stores.Prefs.MaxPortSpeed = 230400;
+    line.Stores.Prefs.SelectedPortSpeed = 230400;
+    line.AdapterFound.store(true);
+    line.SpeedClass.store(2);
+    line.ResumeTopSpeed();
+    line.Stores.Log.Add("Port speed set to 230400 bps.");
+    const auto answers = [&line] {
+        std::memset(line.TokenBuffer, 0, TokenBufferSize);
+        return line.SendAndWaitOk("atv1") && line.EnableHardwareHandshake() &&
+               line.SendAndWaitOkShort("ati0");
     };
     if (!answers() &&
-        (HangUpLeftCall(TopSpeed, CurrentFamily().EscapePauseMs) == 0 || !answers())) {
+        (HangUpLeftCall(line, TopSpeed, CurrentFamily(line.Stores.Prefs).EscapePauseMs) == 0 ||
+         !answers())) {
         return AdapterSearch::NotFound;
     }
-    return AdapterReady();
+    return AdapterReady(line);
 }
 
-AdapterSearch QuickStart() {
-    SelectPortNumber(static_cast<uint8_t>(LineStores->Prefs.ComPort));
-    if (FamilyOf(LineStores->Prefs.AdapterModel).Speed == SpeedMove::DipSwitch &&
-        LineStores->Prefs.SelectedPortSpeed == 230400) {
-        return DipSwitchStart();
+AdapterSearch QuickStart(Line& line) {
+    line.SelectPortNumber(static_cast<uint8_t>(line.Stores.Prefs.ComPort));
+    if (FamilyOf(line.Stores.Prefs.AdapterModel).Speed == SpeedMove::DipSwitch &&
+        line.Stores.Prefs.SelectedPortSpeed == 230400) {
+        return DipSwitchStart(line);
     }
-    const uint32_t maxSpeed = LineStores->Prefs.MaxPortSpeed;
-    switch (FindOnPort(maxSpeed == 230400 ? 115200 : maxSpeed, CurrentFamily().EscapePauseMs)) {
+    const uint32_t maxSpeed = line.Stores.Prefs.MaxPortSpeed;
+    switch (FindOnPort(line, maxSpeed == 230400 ? 115200 : maxSpeed,
+                       CurrentFamily(line.Stores.Prefs).EscapePauseMs)) {
         case PortAnswer::Nothing:
-            return AdapterNotFound();
+            return AdapterNotFound(line);
         case PortAnswer::SwitchedToTop:
-            return AtSwitchedTopSpeed();
+            return AtSwitchedTopSpeed(line);
         case PortAnswer::AtSpeed:
             break;
     }
-    SpeedClass.store(maxSpeed <= 57600 ? 1 : 2);
-    if (maxSpeed == 230400 && LineStores->Prefs.SelectedPortSpeed == 230400) {
-        ResumeTopSpeed();
-        LineStores->Log.Add("Port speed set to 230400 bps.");
+    line.SpeedClass.store(maxSpeed <= 57600 ? 1 : 2);
+    if (maxSpeed == 230400 && line.Stores.Prefs.SelectedPortSpeed == 230400) {
+        line.ResumeTopSpeed();
+        line.Stores.Log.Add("Port speed set to 230400 bps.");
     } else if (maxSpeed == 230400) {
-        LineStores->Log.Add("Port speed set to 115200 bps.");
+        line.Stores.Log.Add("Port speed set to 115200 bps.");
     } else {
-        LineStores->Log.Add("Port speed set to " + std::to_string(maxSpeed) + " bps.");
+        line.Stores.Log.Add("Port speed set to " + std::to_string(maxSpeed) + " bps.");
     }
-    return AdapterReady();
+    return AdapterReady(line);
 }
 
-bool ExchangeWithAdapter(const char* command, int16_t limitMs) {
-    PortConversation conversation;
-    SendCommand(command);
-    return ReadUntilOk(limitMs, TokenBuffer) != nullptr;
+bool ExchangeWithAdapter(Line& line, const char* command, int16_t limitMs) {
+    PortConversation conversation(line);
+    line.SendCommand(command);
+    return line.ReadUntilOk(limitMs, line.TokenBuffer) != nullptr;
 }
 
 }  // namespace
 
-void SetLinePolling(bool enabled) {
+void Line::SetLinePolling(bool enabled) {
     {
-        std::lock_guard<std::mutex> guard(HandoverLock);
-        if (ConversationsUnderWay > 0) {
-            PollingAfterConversations = enabled;
+        std::lock_guard<std::mutex> guard(handoverLock_);
+        if (conversationsUnderWay_ > 0) {
+            pollingAfterConversations_ = enabled;
             return;
         }
         LinePollingEnabled.store(enabled);
@@ -279,103 +269,116 @@ void SetLinePolling(bool enabled) {
     InterruptPortWait();
 }
 
-PortConversation::PortConversation() {
+PortConversation::PortConversation(Line& line) : line_(line) {
     {
-        std::lock_guard<std::mutex> guard(HandoverLock);
-        if (ConversationsUnderWay++ == 0) {
-            PollingAfterConversations = LinePollingEnabled.exchange(false);
+        std::lock_guard<std::mutex> guard(line_.handoverLock_);
+        if (line_.conversationsUnderWay_++ == 0) {
+            line_.pollingAfterConversations_ = line_.LinePollingEnabled.exchange(false);
         }
     }
     // The communications thread may be waiting for input with the flag seen
     // set; waking it makes it look again and give the port up.
-    InterruptPortWait();
-    PortReadLock.lock();
+    line_.InterruptPortWait();
+    line_.PortReadLock.lock();
 }
 
 PortConversation::~PortConversation() {
-    PortReadLock.unlock();
+    line_.PortReadLock.unlock();
     bool restored = false;
     {
-        std::lock_guard<std::mutex> guard(HandoverLock);
-        if (--ConversationsUnderWay == 0) {
-            restored = PollingAfterConversations;
-            LinePollingEnabled.store(restored);
+        std::lock_guard<std::mutex> guard(line_.handoverLock_);
+        if (--line_.conversationsUnderWay_ == 0) {
+            restored = line_.pollingAfterConversations_;
+            line_.LinePollingEnabled.store(restored);
         }
     }
     if (restored) {
         // The communications thread idles while polling is off; wake it so
         // that it takes the port up again at once.
-        InterruptPortWait();
+        line_.InterruptPortWait();
     }
 }
 
-bool SendAndWaitOk(const char* command) {
-    return ExchangeWithAdapter(command, ReplyLimitMs);
+bool Line::SendAndWaitOk(const char* command) {
+    return ExchangeWithAdapter(*this, command, ReplyLimitMs);
 }
 
-bool SendAndWaitOkShort(const char* command) {
-    return ExchangeWithAdapter(command, ShortReplyLimitMs);
+bool Line::SendAndWaitOkShort(const char* command) {
+    return ExchangeWithAdapter(*this, command, ShortReplyLimitMs);
 }
 
-bool IdentifyAdapter() {
-    return Identify(ReplyLimitMs);
+bool Line::ProtocolOffered(LineProtocol protocol) const {
+    switch (protocol) {
+        case ProtocolV120:
+            return true;
+        case ProtocolAimux:
+            return CurrentFamily(Stores.Prefs).OffersAimux && SpeedClass.load() >= 2;
+        case ProtocolX75:
+            return CurrentProduct(Stores.Prefs).OffersX75;
+    }
+    return false;
+}
+
+bool Line::IdentifyAdapter() {
+    return Identify(*this, ReplyLimitMs);
 }
 
 namespace {
 
-bool Identify(int16_t firstReplyLimitMs) {
-    CommPortClose();
-    if (!CommPortOpen()) {
+bool Identify(Line& line, int16_t firstReplyLimitMs) {
+    line.CommPortClose();
+    if (!line.CommPortOpen()) {
         return false;
     }
-    return IdentifyOnOpenPort(firstReplyLimitMs);
+    return IdentifyOnOpenPort(line, firstReplyLimitMs);
 }
 
-bool IdentifyOnOpenPort(int16_t firstReplyLimitMs) {
+bool IdentifyOnOpenPort(Line& line, int16_t firstReplyLimitMs) {
     // The replies are taken apart in TokenBuffer, so no other reader may
     // come between an exchange and the tests on it.
-    PortConversation conversation;
-    std::memset(TokenBuffer, 0, TokenBufferSize);
-    if (!ExchangeWithAdapter("atv1", firstReplyLimitMs) || !EnableHardwareHandshake() ||
-        !SendAndWaitOkShort("ati0")) {
+    PortConversation conversation(line);
+    std::memset(line.TokenBuffer, 0, TokenBufferSize);
+    if (!ExchangeWithAdapter(line, "atv1", firstReplyLimitMs) || !line.EnableHardwareHandshake() ||
+        !line.SendAndWaitOkShort("ati0")) {
         return false;
     }
     // The marks are tested in this order; the first family that matches
     // is the adapter.
-    if (BufferHolds("960")) {
-        if (!SendAndWaitOk("ati8")) {
+    if (BufferHolds(line, "960")) {
+        if (!line.SendAndWaitOk("ati8")) {
             return false;
         }
-        LineStores->Prefs.AdapterModel = ModelBitSURFR;
-        if (!BufferHolds("BitSURFR")) {
+        line.Stores.Prefs.AdapterModel = ModelBitSURFR;
+        if (!BufferHolds(line, "BitSURFR")) {
             return false;
         }
-        AdapterFound.store(true);
+        line.AdapterFound.store(true);
         return true;
     }
-    if (BufferHolds("ADTRAN EXPRESS XR")) {
-        AdapterFound.store(true);
-        LineStores->Prefs.AdapterModel = ModelAdTran;
-        LineStores->Prefs.AdapterVariant = BufferHolds("ADTRAN EXPRESS XRT") ? 1 : 0;
+    if (BufferHolds(line, "ADTRAN EXPRESS XR")) {
+        line.AdapterFound.store(true);
+        line.Stores.Prefs.AdapterModel = ModelAdTran;
+        line.Stores.Prefs.AdapterVariant = BufferHolds(line, "ADTRAN EXPRESS XRT") ? 1 : 0;
         return true;
     }
     for (const char* mark : {"2864", "1291", "1292", "1293", "1281", "1282", "1283"}) {
-        if (BufferHolds(mark)) {
-            LineStores->Prefs.AdapterModel = ModelZyXEL;
-            if (BufferHolds("2864")) {
-                LineStores->Prefs.AdapterVariant = 1;
-            } else if (BufferHolds("1291") || BufferHolds("1292") || BufferHolds("1293")) {
-                LineStores->Prefs.AdapterVariant = 2;
+        if (BufferHolds(line, mark)) {
+            line.Stores.Prefs.AdapterModel = ModelZyXEL;
+            if (BufferHolds(line, "2864")) {
+                line.Stores.Prefs.AdapterVariant = 1;
+            } else if (BufferHolds(line, "1291") || BufferHolds(line, "1292") ||
+                       BufferHolds(line, "1293")) {
+                line.Stores.Prefs.AdapterVariant = 2;
             } else {
-                LineStores->Prefs.AdapterVariant = 3;
+                line.Stores.Prefs.AdapterVariant = 3;
             }
-            AdapterFound.store(true);
+            line.AdapterFound.store(true);
             return true;
         }
     }
-    if (BufferHolds("3C882")) {
-        LineStores->Prefs.AdapterModel = Model3Com;
-        AdapterFound.store(true);
+    if (BufferHolds(line, "3C882")) {
+        line.Stores.Prefs.AdapterModel = Model3Com;
+        line.AdapterFound.store(true);
         return true;
     }
     return false;
@@ -383,10 +386,10 @@ bool IdentifyOnOpenPort(int16_t firstReplyLimitMs) {
 
 }  // namespace
 
-AdapterSearch FindAdapter() {
+AdapterSearch Line::FindAdapter() {
     const bool shiftDown = KeyIsDown(Key::Shift);
-    if (LineStores->Prefs.ComPort == 0 || shiftDown) {
-        return FullSearch();
+    if (Stores.Prefs.ComPort == 0 || shiftDown) {
+        return FullSearch(*this);
     }
-    return QuickStart();
+    return QuickStart(*this);
 }

@@ -2,8 +2,7 @@
 
 #include <iterator>
 
-#include "line/adapter.h"
-#include "stores/installation.h"
+#include "stores/preferences.h"
 
 namespace {
 
@@ -89,39 +88,27 @@ const AdapterFamily& FamilyOf(int16_t model) {
     return Families[0];
 }
 
-const AdapterFamily& CurrentFamily() {
-    return FamilyOf(LineStores->Prefs.AdapterModel);
+const AdapterFamily& CurrentFamily(const Preferences& prefs) {
+    return FamilyOf(prefs.AdapterModel);
 }
 
-const AdapterProduct& CurrentProduct() {
-    const AdapterFamily& family = CurrentFamily();
+const AdapterProduct& CurrentProduct(const Preferences& prefs) {
+    const AdapterFamily& family = CurrentFamily(prefs);
     for (int i = 0; i < family.ProductCount; ++i) {
-        if (family.Products[i].Variant == LineStores->Prefs.AdapterVariant) {
+        if (family.Products[i].Variant == prefs.AdapterVariant) {
             return family.Products[i];
         }
     }
     return family.Products[0];
 }
 
-bool ProtocolOffered(LineProtocol protocol) {
-    switch (protocol) {
-        case ProtocolV120:
-            return true;
-        case ProtocolAimux:
-            return CurrentFamily().OffersAimux && SpeedClass.load() >= 2;
-        case ProtocolX75:
-            return CurrentProduct().OffersX75;
-    }
-    return false;
-}
-
-LineProtocol ProtocolOfRow(int row) {
+LineProtocol ProtocolOfRow(const Preferences& prefs, int row) {
     if (row == 1) {
-        return CurrentFamily().SecondRow;
+        return CurrentFamily(prefs).SecondRow;
     }
     return row == ProtocolX75 ? ProtocolX75 : ProtocolV120;
 }
 
-int RowOfProtocol(int protocol) {
-    return protocol == CurrentFamily().SecondRow ? 1 : protocol;
+int RowOfProtocol(const Preferences& prefs, int protocol) {
+    return protocol == CurrentFamily(prefs).SecondRow ? 1 : protocol;
 }

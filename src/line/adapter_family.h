@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <string_view>
 
+#include "stores/preferences.h"
+
 // Values of AdapterModel, which are also offsets into the string table of AT
 // profiles.
 enum AdapterModelValue : int16_t {
@@ -81,20 +83,17 @@ struct AdapterFamily {
 // damaged preferences file gives before the search has identified the
 // adapter, is taken as the first family.
 const AdapterFamily& FamilyOf(int16_t model);
-// The family of the adapter in hand (LineStores->Prefs.AdapterModel).
-const AdapterFamily& CurrentFamily();
+// The family of the adapter in hand, as the preferences name it
+// (AdapterModel).
+const AdapterFamily& CurrentFamily(const Preferences& prefs);
 // The product of the adapter in hand within its family; the family's first
 // product for a variant it does not know.
-const AdapterProduct& CurrentProduct();
+const AdapterProduct& CurrentProduct(const Preferences& prefs);
 
-// Whether the adapter in hand offers the protocol on this port: every family
-// speaks V.120; AIMUX needs a family that bundles and a port above 57600 bps;
-// X.75 is a matter of the product.
-bool ProtocolOffered(LineProtocol protocol);
 // The protocol that a row of the adapter's protocol lists stands for: row 1
 // is the family's second protocol, no row is V.120. And back: the family's
 // second protocol is in row 1; any other protocol is looked for in the row
 // of its own number, which a list that lacks it does not have, so that
 // nothing is selected.
-LineProtocol ProtocolOfRow(int row);
-int RowOfProtocol(int protocol);
+LineProtocol ProtocolOfRow(const Preferences& prefs, int row);
+int RowOfProtocol(const Preferences& prefs, int protocol);

@@ -1,18 +1,14 @@
 #include "line/comm_port.h"
 
-#include "line/adapter.h"
-
 #include <algorithm>
 #include <cstring>
 #include <new>
 
+#include "line/line.h"
+#include "platform/clock.h"
 #include "platform/files.h"
 #include "platform/message_box.h"
 #include "stores/installation.h"
-
-CommPort* ThePort = nullptr;
-char TokenBuffer[TokenBufferSize];
-std::recursive_mutex PortReadLock;
 
 namespace {
 
@@ -20,16 +16,16 @@ constexpr uint32_t CommandBufferSize = 256;
 constexpr uint32_t TokenLimit = 1022;  // more bytes than this and the read gives up
 
 // Takes the lock file of the device; false when another program holds it.
-bool LockDevice(PortLock& lock, const std::string& device) {
+bool LockDevice(PortLock& lock, const std::string& device, std::atomic<bool>& told,
+                StatusLog& log) {
     switch (lock.Take(device)) {
         case PortLockResult::HeldByOther:
             return false;
         case PortLockResult::NotWritable: {
             // Said once: every search and every reopening would say it again.
-            static std::atomic<bool> Told{false};
-            if (!Told.exchange(true)) {
-                LineStores->Log.Add("Cannot write lock files in " + PortLockFolder() +
-                                    "; ports are used without them.");
+            if (!told.exchange(true)) {
+                log.Add("Cannot write lock files in " + PortLockFolder() +
+                        "; ports are used without them.");
             }
             return true;
         }
@@ -41,45 +37,50 @@ bool LockDevice(PortLock& lock, const std::string& device) {
 }
 
 // Waits for the rest of a time limit that has elapsed ms of limitMs gone.
-void WaitForRest(int16_t limitMs, int16_t elapsedMs) {
-    WaitForPortInput(static_cast<int>(limitMs) - static_cast<int>(elapsedMs));
+void WaitForRest(Line& line, int16_t limitMs, int16_t elapsedMs) {
+    line.WaitForPortInput(static_cast<int>(limitMs) - static_cast<int>(elapsedMs));
 }
 
 }  // namespace
 
-std::string CommPortDevicePath(uint8_t portNumber) {
-    const std::string link = LineStores->Paths.RootDirectory + "/COM" + std::to_string(portNumber);
+std::string CommPortDevicePath(const std::string& root, uint8_t portNumber) {
+    const std::string link = root + "/COM" + std::to_string(portNumber);
     if (PathExists(link)) {
         return link;
     }
     return "/dev/ttyS" + std::to_string(static_cast<int>(portNumber) - 1);
 }
 
-bool CommPortCreate() {
-    if (ThePort != nullptr) {
-        return true;
-    }
-    ThePort = new (std::nothrow) CommPort;
-    return ThePort != nullptr;
+Line::Line(Installation& stores) : Stores(stores) {}
+
+Line::~Line() {
+    CommPortDestroy();
 }
 
-bool CommPortDestroy() {
-    if (ThePort == nullptr) {
+bool Line::CommPortCreate() {
+    if (port_ != nullptr) {
+        return true;
+    }
+    port_.reset(new (std::nothrow) CommPort);
+    return port_ != nullptr;
+}
+
+bool Line::CommPortDestroy() {
+    if (port_ == nullptr) {
         return false;
     }
     CommPortClose();
-    delete ThePort;
-    ThePort = nullptr;
+    port_.reset();
     return true;
 }
 
-bool CommPortOpen() {
-    CommPort* const port = ThePort;
+bool Line::CommPortOpen() {
+    CommPort* const port = port_.get();
     if (port == nullptr) {
         return false;
     }
-    const std::string device = CommPortDevicePath(port->PortNumber);
-    if (!LockDevice(port->Lock, device)) {
+    const std::string device = CommPortDevicePath(Stores.Paths.RootDirectory, port->PortNumber);
+    if (!LockDevice(port->Lock, device, lockFilesTold_, Stores.Log)) {
         return false;
     }
     if (!port->Handle.Open(device)) {
@@ -98,44 +99,44 @@ bool CommPortOpen() {
     return true;
 }
 
-bool CommPortConfigure() {
-    if (ThePort == nullptr || !ThePort->Handle.IsOpen()) {
+bool Line::CommPortConfigure() {
+    if (port_ == nullptr || !port_->Handle.IsOpen()) {
         return false;
     }
     SerialSettings settings;
-    settings.BaudRate = ThePort->BaudRate.load();
-    settings.ByteSize = ThePort->ByteSize;
-    settings.Parity = ThePort->Parity;
-    settings.StopBits = ThePort->StopBits;
-    settings.DtrDsrFlow = (ThePort->FlowControlFlags & FlowDtrDsr) != 0;
-    settings.RtsCtsFlow = (ThePort->FlowControlFlags & FlowRtsCts) != 0;
-    settings.XonXoffFlow = (ThePort->FlowControlFlags & FlowXonXoff) != 0;
-    return ThePort->Handle.Configure(settings);
+    settings.BaudRate = port_->BaudRate.load();
+    settings.ByteSize = port_->ByteSize;
+    settings.Parity = port_->Parity;
+    settings.StopBits = port_->StopBits;
+    settings.DtrDsrFlow = (port_->FlowControlFlags & FlowDtrDsr) != 0;
+    settings.RtsCtsFlow = (port_->FlowControlFlags & FlowRtsCts) != 0;
+    settings.XonXoffFlow = (port_->FlowControlFlags & FlowXonXoff) != 0;
+    return port_->Handle.Configure(settings);
 }
 
-bool CommPortClose() {
-    if (ThePort == nullptr) {
+bool Line::CommPortClose() {
+    if (port_ == nullptr) {
         return false;
     }
-    if (ThePort->IsOpen.exchange(false)) {
-        ThePort->Handle.ClearDtr();
-        ThePort->Handle.Purge();
-        ThePort->Handle.Close();
+    if (port_->IsOpen.exchange(false)) {
+        port_->Handle.ClearDtr();
+        port_->Handle.Purge();
+        port_->Handle.Close();
     }
-    ThePort->Lock.Release();
+    port_->Lock.Release();
     return true;
 }
 
-bool CommPortWrite(const void* bytes, uint32_t length) {
-    if (ThePort == nullptr || !ThePort->IsOpen.load()) {
+bool Line::CommPortWrite(const void* bytes, uint32_t length) {
+    if (port_ == nullptr || !port_->IsOpen.load()) {
         return false;
     }
-    const bool written = ThePort->Handle.Write(bytes, length);
-    ThePort->LastWriteAt.store(NowMs());
+    const bool written = port_->Handle.Write(bytes, length);
+    port_->LastWriteAt.store(NowMs());
     return written;
 }
 
-void SendCommand(const char* text) {
+void Line::SendCommand(const char* text) {
     const size_t length = std::strlen(text);
     if (length > CommandBufferSize - 2) {
         return;
@@ -146,18 +147,14 @@ void SendCommand(const char* text) {
     static_cast<void>(CommPortWrite(command, static_cast<uint32_t>(length + 1)));
 }
 
-void SendBytes(const void* bytes, int16_t length) {
+void Line::SendBytes(const void* bytes, int16_t length) {
     if (length > 0) {
         static_cast<void>(CommPortWrite(bytes, static_cast<uint32_t>(length)));
     }
 }
 
-namespace {
-
-// The read of ReadUntilToken; with inStream, a full buffer drops its older
-// half instead of ending the read.
-char* ReadToToken(const char* token, int16_t timeoutMs, char* buffer, bool inStream) {
-    if (ThePort == nullptr) {
+char* Line::ReadToToken(const char* token, int16_t timeoutMs, char* buffer, bool inStream) {
+    if (port_ == nullptr) {
         return nullptr;
     }
     const size_t tokenLength = std::strlen(token);
@@ -168,7 +165,7 @@ char* ReadToToken(const char* token, int16_t timeoutMs, char* buffer, bool inStr
         // byte that completes it, so whatever follows it stays in the queue.
         for (uint32_t waiting = PortQueueCount(PortQueue::Input); waiting > 0; --waiting) {
             uint8_t byte = 0;
-            if (ThePort->Handle.Read(&byte, 1) != 1) {
+            if (port_->Handle.Read(&byte, 1) != 1) {
                 break;
             }
             if (byte != 0) {
@@ -187,8 +184,8 @@ char* ReadToToken(const char* token, int16_t timeoutMs, char* buffer, bool inStr
                 index = kept;
                 buffer[index] = '\0';
             } else if (index > TokenLimit) {
-                if (!ThePort->SerialLimitTold.exchange(true)) {
-                    LineStores->Log.Add("Serial Limit Reached");
+                if (!port_->SerialLimitTold.exchange(true)) {
+                    Stores.Log.Add("Serial Limit Reached");
                 }
                 return nullptr;
             }
@@ -197,36 +194,34 @@ char* ReadToToken(const char* token, int16_t timeoutMs, char* buffer, bool inStr
         if (elapsed >= timeoutMs) {
             return nullptr;
         }
-        WaitForRest(timeoutMs, elapsed);
+        WaitForRest(*this, timeoutMs, elapsed);
     }
 }
 
-}  // namespace
-
-char* ReadUntilToken(const char* token, int16_t timeoutMs, char* buffer) {
+char* Line::ReadUntilToken(const char* token, int16_t timeoutMs, char* buffer) {
     return ReadToToken(token, timeoutMs, buffer, false);
 }
 
-char* ReadUntilTokenInStream(const char* token, int16_t timeoutMs, char* buffer) {
+char* Line::ReadUntilTokenInStream(const char* token, int16_t timeoutMs, char* buffer) {
     return ReadToToken(token, timeoutMs, buffer, true);
 }
 
-void ResetSerialLimitLine() {
-    if (ThePort != nullptr) {
-        ThePort->SerialLimitTold.store(false);
+void Line::ResetSerialLimitLine() {
+    if (port_ != nullptr) {
+        port_->SerialLimitTold.store(false);
     }
 }
 
-char* ReadLine(int16_t timeoutMs, char* buffer) {
+char* Line::ReadLine(int16_t timeoutMs, char* buffer) {
     return ReadUntilToken("\r\n", timeoutMs, buffer);
 }
 
-char* ReadUntilOk(int16_t timeoutMs, char* buffer) {
+char* Line::ReadUntilOk(int16_t timeoutMs, char* buffer) {
     return ReadUntilToken("OK\r\n", timeoutMs, buffer);
 }
 
-uint32_t ReadBlock(void* buffer, uint32_t count, int16_t timeoutMs) {
-    if (ThePort == nullptr) {
+uint32_t Line::ReadBlock(void* buffer, uint32_t count, int16_t timeoutMs) {
+    if (port_ == nullptr) {
         return 0;
     }
     uint32_t lastSeen = 0;
@@ -234,7 +229,7 @@ uint32_t ReadBlock(void* buffer, uint32_t count, int16_t timeoutMs) {
     for (;;) {
         const uint32_t waiting = PortQueueCount(PortQueue::Input);
         if (waiting >= count) {
-            return ThePort->Handle.Read(buffer, count);
+            return port_->Handle.Read(buffer, count);
         }
         if (waiting != lastSeen) {
             lastSeen = waiting;
@@ -242,19 +237,19 @@ uint32_t ReadBlock(void* buffer, uint32_t count, int16_t timeoutMs) {
         }
         const int16_t elapsed = ElapsedMs();
         if (elapsed >= timeoutMs) {
-            LineStores->Log.Add("Read Buffer Timeout");
-            return ThePort->Handle.Read(buffer, waiting);
+            Stores.Log.Add("Read Buffer Timeout");
+            return port_->Handle.Read(buffer, waiting);
         }
-        WaitForRest(timeoutMs, elapsed);
+        WaitForRest(*this, timeoutMs, elapsed);
     }
 }
 
-void DrainInput(int16_t quietMs) {
+void Line::DrainInput(int16_t quietMs) {
     static_cast<void>(DrainInputWithin(quietMs, UINT32_MAX));
 }
 
-bool DrainInputWithin(int16_t quietMs, uint32_t longestMs) {
-    if (ThePort == nullptr) {
+bool Line::DrainInputWithin(int16_t quietMs, uint32_t longestMs) {
+    if (port_ == nullptr) {
         return true;
     }
     uint8_t scratch[256];
@@ -262,7 +257,7 @@ bool DrainInputWithin(int16_t quietMs, uint32_t longestMs) {
     StartElapsed();
     for (;;) {
         if (PortQueueCount(PortQueue::Input) != 0) {
-            while (ThePort->Handle.Read(scratch, sizeof scratch) > 0) {
+            while (port_->Handle.Read(scratch, sizeof scratch) > 0) {
             }
             StartElapsed();
         }
@@ -273,13 +268,13 @@ bool DrainInputWithin(int16_t quietMs, uint32_t longestMs) {
         if (NowMs() - start >= longestMs) {
             return false;
         }
-        WaitForRest(quietMs, elapsed);
+        WaitForRest(*this, quietMs, elapsed);
     }
 }
 
-std::optional<size_t> DrainUntilAny(std::initializer_list<std::string_view> texts,
-                                    int16_t timeoutMs) {
-    if (ThePort == nullptr) {
+std::optional<size_t> Line::DrainUntilAny(std::initializer_list<std::string_view> texts,
+                                          int16_t timeoutMs) {
+    if (port_ == nullptr) {
         return std::nullopt;
     }
     size_t longest = 0;
@@ -294,7 +289,7 @@ std::optional<size_t> DrainUntilAny(std::initializer_list<std::string_view> text
         // A run at a time, so that a stream that never pauses still has the
         // time limit looked at.
         if (PortQueueCount(PortQueue::Input) != 0) {
-            const uint32_t got = ThePort->Handle.Read(scratch, sizeof scratch);
+            const uint32_t got = port_->Handle.Read(scratch, sizeof scratch);
             seen.append(scratch, got);
             size_t index = 0;
             for (const std::string_view text : texts) {
@@ -312,40 +307,40 @@ std::optional<size_t> DrainUntilAny(std::initializer_list<std::string_view> text
             return std::nullopt;
         }
         if (PortQueueCount(PortQueue::Input) == 0) {
-            WaitForRest(timeoutMs, elapsed);
+            WaitForRest(*this, timeoutMs, elapsed);
         }
     }
 }
 
-uint32_t PortQueueCount(PortQueue queue) {
-    if (ThePort == nullptr) {
+uint32_t Line::PortQueueCount(PortQueue queue) {
+    if (port_ == nullptr) {
         return 0;
     }
-    return queue == PortQueue::Input ? ThePort->Handle.InputCount() : ThePort->Handle.OutputCount();
+    return queue == PortQueue::Input ? port_->Handle.InputCount() : port_->Handle.OutputCount();
 }
 
-void PurgePort() {
-    if (ThePort != nullptr) {
-        ThePort->Handle.Purge();
+void Line::PurgePort() {
+    if (port_ != nullptr) {
+        port_->Handle.Purge();
     }
 }
 
-void PurgeStuckOutput(uint32_t graceMs) {
-    if (ThePort == nullptr) {
+void Line::PurgeStuckOutput(uint32_t graceMs) {
+    if (port_ == nullptr) {
         return;
     }
-    const uint32_t since = NowMs() - ThePort->LastWriteAt.load();
+    const uint32_t since = NowMs() - port_->LastWriteAt.load();
     if (since < graceMs) {
         SleepMs(graceMs - since);
     }
-    ThePort->Handle.PurgeOutput();
+    port_->Handle.PurgeOutput();
 }
 
-bool EnableHardwareHandshake() {
-    if (ThePort == nullptr) {
+bool Line::EnableHardwareHandshake() {
+    if (port_ == nullptr) {
         return false;
     }
-    ThePort->FlowControlFlags = FlowRtsCts;
+    port_->FlowControlFlags = FlowRtsCts;
     if (!CommPortConfigure()) {
         ShowMessageBox("Cannot set hardware handshaking on comm port.");
         return false;
@@ -353,45 +348,45 @@ bool EnableHardwareHandshake() {
     return true;
 }
 
-bool SetPortSpeed(uint32_t bitsPerSecond) {
-    if (ThePort == nullptr) {
+bool Line::SetPortSpeed(uint32_t bitsPerSecond) {
+    if (port_ == nullptr) {
         return false;
     }
-    ThePort->FlowControlFlags = FlowRtsCts;
-    ThePort->BaudRate.store(bitsPerSecond);
+    port_->FlowControlFlags = FlowRtsCts;
+    port_->BaudRate.store(bitsPerSecond);
     return CommPortConfigure();
 }
 
-void SelectPortNumber(uint8_t portNumber) {
-    if (ThePort != nullptr) {
-        ThePort->PortNumber = portNumber;
+void Line::SelectPortNumber(uint8_t portNumber) {
+    if (port_ != nullptr) {
+        port_->PortNumber = portNumber;
     }
 }
 
-void SelectPortBaud(uint32_t bitsPerSecond) {
-    if (ThePort != nullptr) {
-        ThePort->BaudRate.store(bitsPerSecond);
+void Line::SelectPortBaud(uint32_t bitsPerSecond) {
+    if (port_ != nullptr) {
+        port_->BaudRate.store(bitsPerSecond);
     }
 }
 
-WaitResult WaitForPortInput(int timeoutMs) {
-    if (ThePort == nullptr) {
+WaitResult Line::WaitForPortInput(int timeoutMs) {
+    if (port_ == nullptr) {
         SleepMs(static_cast<uint32_t>(timeoutMs > 0 ? timeoutMs : 0));
         return WaitResult::TimedOut;
     }
-    return ThePort->Handle.WaitForInput(timeoutMs);
+    return port_->Handle.WaitForInput(timeoutMs);
 }
 
-void WaitForPortWake(int timeoutMs) {
-    if (ThePort == nullptr) {
+void Line::WaitForPortWake(int timeoutMs) {
+    if (port_ == nullptr) {
         SleepMs(static_cast<uint32_t>(timeoutMs > 0 ? timeoutMs : 0));
         return;
     }
-    ThePort->Handle.WaitForInterrupt(timeoutMs);
+    port_->Handle.WaitForInterrupt(timeoutMs);
 }
 
-void InterruptPortWait() {
-    if (ThePort != nullptr) {
-        ThePort->Handle.Interrupt();
+void Line::InterruptPortWait() {
+    if (port_ != nullptr) {
+        port_->Handle.Interrupt();
     }
 }

@@ -4,6 +4,7 @@
 
 #include "line/adapter.h"
 #include "line/comm_port.h"
+#include "line/line.h"
 #include "platform/message_box.h"
 #include "stores/installation.h"
 
@@ -18,9 +19,9 @@ constexpr const char* TopSpeed115200 =
     "limited to 115200 kbps.";
 
 // Five "AT" in a row, each answered with OK; the first silence fails it.
-bool TestAtThisSpeed() {
+bool TestAtThisSpeed(Line& line) {
     for (int round = 0; round < TestRounds; ++round) {
-        if (!SendAndWaitOk("AT")) {
+        if (!line.SendAndWaitOk("AT")) {
             return false;
         }
     }
@@ -30,18 +31,18 @@ bool TestAtThisSpeed() {
 // The adapter's side of a change of speed, as its family does it. The port
 // follows separately; an adapter that follows by itself, or only by its
 // switch, is told nothing.
-void TellAdapterSpeed(uint32_t bitsPerSecond) {
-    const AdapterFamily& family = CurrentFamily();
+void TellAdapterSpeed(Line& line, uint32_t bitsPerSecond) {
+    const AdapterFamily& family = CurrentFamily(line.Stores.Prefs);
     const char* command =
         bitsPerSecond == 230400 ? family.SpeedCommandTo230400 : family.SpeedCommandTo115200;
     switch (family.Speed) {
         case SpeedMove::AnsweredCommand:
             // An adapter that did not take it shows in the "AT" at the new
             // speed, which is what every caller tests next.
-            static_cast<void>(SendAndWaitOk(command));
+            static_cast<void>(line.SendAndWaitOk(command));
             break;
         case SpeedMove::SilentCommand:
-            SendCommand(command);
+            line.SendCommand(command);
             break;
         case SpeedMove::PortOnly:
         case SpeedMove::DipSwitch:
@@ -57,13 +58,13 @@ bool TakesACommand(const AdapterFamily& family) {
 // user's answer to a message about the switch included, since while port and
 // adapter may disagree on the speed, what comes in is garbage that no other
 // reader should see.
-void MoveToSpeed(uint32_t bitsPerSecond) {
-    PortConversation conversation;
-    const AdapterFamily& family = CurrentFamily();
-    TellAdapterSpeed(bitsPerSecond);
+void MoveToSpeed(Line& line, uint32_t bitsPerSecond) {
+    PortConversation conversation(line);
+    const AdapterFamily& family = CurrentFamily(line.Stores.Prefs);
+    TellAdapterSpeed(line, bitsPerSecond);
     // What the port does not take leaves it at the speed it had; the "AT"
     // below then finds the two apart, as the user will.
-    static_cast<void>(SetPortSpeed(bitsPerSecond));
+    static_cast<void>(line.SetPortSpeed(bitsPerSecond));
     if (family.Speed == SpeedMove::SilentCommand) {
         return;  // it answers nothing at the moment of the change
     }
@@ -76,42 +77,42 @@ void MoveToSpeed(uint32_t bitsPerSecond) {
     }
     // Whether the adapter answers at the new speed is not looked at: the
     // user has chosen, and the next call shows whether the two agree.
-    static_cast<void>(SendAndWaitOk("AT"));
+    static_cast<void>(line.SendAndWaitOk("AT"));
 }
 
 }  // namespace
 
-void QualifyPortSpeed() {
-    const AdapterFamily& family = CurrentFamily();
-    if (family.Speed == SpeedMove::DipSwitch && LineStores->Prefs.SelectedPortSpeed == 230400) {
+void Line::QualifyPortSpeed() {
+    const AdapterFamily& family = CurrentFamily(Stores.Prefs);
+    if (family.Speed == SpeedMove::DipSwitch && Stores.Prefs.SelectedPortSpeed == 230400) {
         return;
     }
     // The speed commands and the changes of speed bring garbage and stray
     // replies; the whole ladder is one conversation, so none of it reaches
     // another reader.
-    PortConversation conversation;
+    PortConversation conversation(*this);
     if (!SendAndWaitOk("ATE1V1")) {
         ShowMessageBox(NoAdapterMessage);
         return;
     }
 
-    LineStores->Log.Add("Testing 57600 bps...");
+    Stores.Log.Add("Testing 57600 bps...");
     if (!SetPortSpeed(57600)) {
-        LineStores->Prefs.MaxPortSpeed = 9600;
+        Stores.Prefs.MaxPortSpeed = 9600;
         ShowMessageBox(
             "Could not set your serial port to 57600 bps.  Please attach your ISDN TA to a "
             "faster serial port.");
         return;
     }
-    if (!TestAtThisSpeed()) {
-        LineStores->Prefs.MaxPortSpeed = 9600;
+    if (!TestAtThisSpeed(*this)) {
+        Stores.Prefs.MaxPortSpeed = 9600;
         ShowMessageBox("Error testing connection at 57600 bps.");
         return;
     }
 
     SpeedClass.store(1);
-    LineStores->Prefs.MaxPortSpeed = 57600;
-    LineStores->Log.Add("Testing 115200 bps...");
+    Stores.Prefs.MaxPortSpeed = 57600;
+    Stores.Log.Add("Testing 115200 bps...");
     if (!SetPortSpeed(115200)) {
         ShowMessageBox(
             "Your maximum port speed is 57600 bps.\r  You will only be able to use the V.120 "
@@ -120,7 +121,7 @@ void QualifyPortSpeed() {
         static_cast<void>(SetPortSpeed(57600));
         return;
     }
-    if (!TestAtThisSpeed()) {
+    if (!TestAtThisSpeed(*this)) {
         ShowMessageBox("Error testing connection at 115200 bps.");
         return;
     }
@@ -134,52 +135,52 @@ void QualifyPortSpeed() {
             ShowMessageBox(TopSpeed115200);
         }
         static_cast<void>(SetPortSpeed(115200));  // it took 115200 a moment ago
-        LineStores->Log.Add("Test Successful through 115200 bps.");
+        Stores.Log.Add("Test Successful through 115200 bps.");
         if (portCan230400) {
-            LineStores->Prefs.MaxPortSpeed = 230400;
-            LineStores->Prefs.SelectedPortSpeed = 115200;
+            Stores.Prefs.MaxPortSpeed = 230400;
+            Stores.Prefs.SelectedPortSpeed = 115200;
         } else {
-            LineStores->Prefs.MaxPortSpeed = 115200;
+            Stores.Prefs.MaxPortSpeed = 115200;
         }
         return;
     }
 
-    LineStores->Log.Add("Testing 230400 bps...");
+    Stores.Log.Add("Testing 230400 bps...");
     if (!SetPortSpeed(230400)) {
         ShowMessageBox(TopSpeed115200);
         static_cast<void>(SetPortSpeed(115200));  // it took 115200 a moment ago
-        LineStores->Prefs.MaxPortSpeed = 115200;
+        Stores.Prefs.MaxPortSpeed = 115200;
         return;
     }
     // The port can; a family that is told by a command is told at 115200,
     // and a silent one gets a moment for the garbage of its change.
     if (TakesACommand(family)) {
         static_cast<void>(SetPortSpeed(115200));
-        TellAdapterSpeed(230400);
+        TellAdapterSpeed(*this, 230400);
         static_cast<void>(SetPortSpeed(230400));
         if (family.Speed == SpeedMove::SilentCommand) {
             DrainInput(SpeedChangeQuietMs);
         }
     }
-    if (TestAtThisSpeed()) {
-        LineStores->Log.Add("Test Successful through 230400 bps.");
-        LineStores->Prefs.MaxPortSpeed = 230400;
+    if (TestAtThisSpeed(*this)) {
+        Stores.Log.Add("Test Successful through 230400 bps.");
+        Stores.Prefs.MaxPortSpeed = 230400;
         return;
     }
     ShowMessageBox("Error testing connection at 230400 bps.");
-    TellAdapterSpeed(115200);
+    TellAdapterSpeed(*this, 115200);
     static_cast<void>(SetPortSpeed(115200));  // it took 115200 a moment ago
-    LineStores->Prefs.MaxPortSpeed = 115200;
+    Stores.Prefs.MaxPortSpeed = 115200;
     SpeedClass.store(2);
 }
 
-void ResumeTopSpeed() {
-    PortConversation conversation;
-    const AdapterFamily& family = CurrentFamily();
+void Line::ResumeTopSpeed() {
+    PortConversation conversation(*this);
+    const AdapterFamily& family = CurrentFamily(Stores.Prefs);
     // The port stands at 115200, where a family told by a command hears it.
     if (TakesACommand(family)) {
         static_cast<void>(SetPortSpeed(115200));
-        TellAdapterSpeed(230400);
+        TellAdapterSpeed(*this, 230400);
     }
     // A port that does not take 230400 shows in the "AT" that follows, as
     // in the first call.
@@ -192,22 +193,21 @@ void ResumeTopSpeed() {
     static_cast<void>(SendAndWaitOk("AT"));
 }
 
-void ReturnAdapterTo115200() {
-    if (TakesACommand(CurrentFamily())) {
-        MoveToSpeed(115200);
+void Line::ReturnAdapterTo115200() {
+    if (TakesACommand(CurrentFamily(Stores.Prefs))) {
+        MoveToSpeed(*this, 115200);
     }
 }
 
-void ChangePortSpeed(uint32_t bitsPerSecond) {
-    MoveToSpeed(bitsPerSecond);
-    LineStores->Prefs.SelectedPortSpeed = bitsPerSecond;
-    LineStores->Log.Add("Port speed changed to " + std::to_string(bitsPerSecond) + " bps.");
+void Line::ChangePortSpeed(uint32_t bitsPerSecond) {
+    MoveToSpeed(*this, bitsPerSecond);
+    Stores.Prefs.SelectedPortSpeed = bitsPerSecond;
+    Stores.Log.Add("Port speed changed to " + std::to_string(bitsPerSecond) + " bps.");
 }
 
-SpeedChoice PortSpeedChoice() {
-    if (LineStores->Prefs.MaxPortSpeed != 230400) {
+SpeedChoice PortSpeedChoice(const Preferences& prefs) {
+    if (prefs.MaxPortSpeed != 230400) {
         return SpeedChoice::None;
     }
-    return LineStores->Prefs.SelectedPortSpeed == 230400 ? SpeedChoice::At230400
-                                                         : SpeedChoice::At115200;
+    return prefs.SelectedPortSpeed == 230400 ? SpeedChoice::At230400 : SpeedChoice::At115200;
 }

@@ -6,12 +6,10 @@
 
 #include "line/adapter.h"
 #include "line/comm_port.h"
+#include "line/line.h"
 #include "platform/message_box.h"
 #include "resources/resource.h"
 #include "stores/installation.h"
-
-std::atomic<uint16_t> RateEstimate{0};
-char LocalNumber[32];
 
 namespace {
 
@@ -20,9 +18,6 @@ enum class Setup { FirstIncoming, LaterIncoming, Outgoing };
 
 constexpr int16_t DrainQuietMs = 100;
 constexpr const char* NumberCaption = "Your ISDN Number: ";
-// The product's label behind the number; null while the adapter has not told
-// its number.
-const char* OwnNumberLabel = nullptr;
 
 // The profile's slot in the family's ten strings.
 int SlotFor(LineProtocol protocol, bool at56k) {
@@ -32,22 +27,22 @@ int SlotFor(LineProtocol protocol, bool at56k) {
 
 // Appends the 2B and V.42bis options to a profile of a family that has them,
 // logging each; each doubles the rate expected.
-void AppendChannelOptions(std::string& command, bool twoChannels, bool compression) {
+void AppendChannelOptions(Line& line, std::string& command, bool twoChannels, bool compression) {
     if (twoChannels) {
         command += "&J3";
-        LineStores->Log.Add("2B channel connection ON");
-        RateEstimate.store(static_cast<uint16_t>(RateEstimate.load() * 2));
+        line.Stores.Log.Add("2B channel connection ON");
+        line.RateEstimate.store(static_cast<uint16_t>(line.RateEstimate.load() * 2));
     } else {
         command += "&J0";
-        LineStores->Log.Add("2B channel connection OFF");
+        line.Stores.Log.Add("2B channel connection OFF");
     }
     if (compression) {
         command += "&K44";
-        LineStores->Log.Add("V.42bis compression ON");
-        RateEstimate.store(static_cast<uint16_t>(RateEstimate.load() * 2));
+        line.Stores.Log.Add("V.42bis compression ON");
+        line.RateEstimate.store(static_cast<uint16_t>(line.RateEstimate.load() * 2));
     } else {
         command += "&K00";
-        LineStores->Log.Add("V.42bis compression OFF");
+        line.Stores.Log.Add("V.42bis compression OFF");
     }
 }
 
@@ -55,18 +50,18 @@ void AppendChannelOptions(std::string& command, bool twoChannels, bool compressi
 // RateEstimate and, on a family that has them, appends the channel options. A
 // protocol the adapter does not offer is taken as V.120, the one they all
 // speak, so that the family's table is never read where it has no profile.
-std::string BuildProfile(LineProtocol protocol, bool at56k, bool twoChannels, bool compression,
-                         Setup setup) {
-    if (!ProtocolOffered(protocol)) {
+std::string BuildProfile(Line& line, LineProtocol protocol, bool at56k, bool twoChannels,
+                         bool compression, Setup setup) {
+    if (!line.ProtocolOffered(protocol)) {
         protocol = ProtocolV120;
     }
-    const AdapterFamily& family = CurrentFamily();
+    const AdapterFamily& family = CurrentFamily(line.Stores.Prefs);
     std::string command(
         LoadResourceString(ProfileStringBase + family.Model + SlotFor(protocol, at56k)));
     const char* opening = setup == Setup::FirstIncoming   ? "Initializing Incoming: "
                           : setup == Setup::LaterIncoming ? "Reinitializing Incoming: "
                                                           : "Initializing Outgoing: ";
-    LineStores->Log.Add(std::string(opening) + ProtocolNames[protocol] +
+    line.Stores.Log.Add(std::string(opening) + ProtocolNames[protocol] +
                         (at56k ? " - 56K" : " - 64K"));
     // 56K lines carry 7000 bytes a second, 64K lines 8000, and AIMUX bundles
     // two of them.
@@ -74,31 +69,31 @@ std::string BuildProfile(LineProtocol protocol, bool at56k, bool twoChannels, bo
     if (protocol == ProtocolAimux) {
         rate *= 2;
     }
-    RateEstimate.store(rate);
+    line.RateEstimate.store(rate);
     if (family.HasChannelOptions) {
-        AppendChannelOptions(command, twoChannels, compression);
+        AppendChannelOptions(line, command, twoChannels, compression);
     }
     return command;
 }
 
-std::string IncomingProfile(Setup setup) {
+std::string IncomingProfile(Line& line, Setup setup) {
     const LineProtocol protocol =
-        LineStores->Prefs.IncomingProtocol == ProtocolAimux ? ProtocolAimux
-        : LineStores->Prefs.IncomingProtocol == ProtocolX75 ? ProtocolX75
+        line.Stores.Prefs.IncomingProtocol == ProtocolAimux ? ProtocolAimux
+        : line.Stores.Prefs.IncomingProtocol == ProtocolX75 ? ProtocolX75
                                                             : ProtocolV120;
-    return BuildProfile(protocol, LineStores->Prefs.Incoming56K != 0,
-                        LineStores->Prefs.Incoming2B != 0, LineStores->Prefs.IncomingV42 != 0,
+    return BuildProfile(line, protocol, line.Stores.Prefs.Incoming56K != 0,
+                        line.Stores.Prefs.Incoming2B != 0, line.Stores.Prefs.IncomingV42 != 0,
                         setup);
 }
 
 // Keeps the number within LocalNumber's 31 characters, with zeros behind it:
 // a retrieve request carries all 32 bytes. A longer number keeps its first
 // 31 characters, and the window shows what LocalNumber holds.
-void StoreLocalNumber(std::string_view number) {
-    std::memset(LocalNumber, 0, sizeof LocalNumber);
+void StoreLocalNumber(Line& line, std::string_view number) {
+    std::memset(line.LocalNumber, 0, sizeof line.LocalNumber);
     const size_t length =
-        number.size() < sizeof LocalNumber - 1 ? number.size() : sizeof LocalNumber - 1;
-    std::memcpy(LocalNumber, number.data(), length);
+        number.size() < sizeof line.LocalNumber - 1 ? number.size() : sizeof line.LocalNumber - 1;
+    std::memcpy(line.LocalNumber, number.data(), length);
 }
 
 // The text behind the first "\r\n" up to the next CR, as the AdTran and the
@@ -151,57 +146,57 @@ bool NumberInBrackets(std::string_view reply, std::string_view& number) {
 // Asks the adapter for its own number and takes it out of the reply into
 // LocalNumber. False when the adapter did not answer, or answered without a
 // number in the form its family gives it.
-bool ReadLocalNumber() {
+bool ReadLocalNumber(Line& line) {
     // The reply is taken apart in TokenBuffer, so the communications thread
     // stays off the port, and out of the buffer, until that is done.
-    PortConversation conversation;
-    std::memset(TokenBuffer, 0, TokenBufferSize);
-    if (!SendAndWaitOk(CurrentProduct().NumberQuery)) {
+    PortConversation conversation(line);
+    std::memset(line.TokenBuffer, 0, TokenBufferSize);
+    if (!line.SendAndWaitOk(CurrentProduct(line.Stores.Prefs).NumberQuery)) {
         return false;
     }
     std::string_view number;
-    switch (CurrentFamily().Number) {
+    switch (CurrentFamily(line.Stores.Prefs).Number) {
         case NumberReply::DigitsBeforeOk:
-            number = DigitsBeforeOk(TokenBuffer);
+            number = DigitsBeforeOk(line.TokenBuffer);
             break;
         case NumberReply::SecondLine:
-            if (!NumberOnSecondLine(TokenBuffer, number)) {
+            if (!NumberOnSecondLine(line.TokenBuffer, number)) {
                 return false;
             }
             break;
         case NumberReply::InBrackets:
-            if (!NumberInBrackets(TokenBuffer, number)) {
+            if (!NumberInBrackets(line.TokenBuffer, number)) {
                 return false;
             }
             break;
     }
-    StoreLocalNumber(number);
+    StoreLocalNumber(line, number);
     return true;
 }
 
 }  // namespace
 
-std::string OwnNumberCaption() {
-    if (OwnNumberLabel == nullptr) {
+std::string Line::OwnNumberCaption() const {
+    if (ownNumberLabel_ == nullptr) {
         return {};
     }
-    return std::string(NumberCaption) + LocalNumber + OwnNumberLabel;
+    return std::string(NumberCaption) + LocalNumber + ownNumberLabel_;
 }
 
-bool InitializeIncoming() {
-    OwnNumberLabel = ReadLocalNumber() ? CurrentProduct().Label : nullptr;
+bool Line::InitializeIncoming() {
+    ownNumberLabel_ = ReadLocalNumber(*this) ? CurrentProduct(Stores.Prefs).Label : nullptr;
     // A protocol saved while another adapter was attached, or one that this
     // port is too slow for, goes back to V.120, so that the window shows
     // what the incoming profile really is.
-    const int16_t saved = LineStores->Prefs.IncomingProtocol;
+    const int16_t saved = Stores.Prefs.IncomingProtocol;
     if (saved < ProtocolV120 || saved > ProtocolX75 ||
         !ProtocolOffered(static_cast<LineProtocol>(saved))) {
-        LineStores->Prefs.IncomingProtocol = ProtocolV120;
+        Stores.Prefs.IncomingProtocol = ProtocolV120;
     }
-    const std::string command = IncomingProfile(Setup::FirstIncoming);
+    const std::string command = IncomingProfile(*this, Setup::FirstIncoming);
     bool accepted = false;
     {
-        PortConversation conversation;
+        PortConversation conversation(*this);
         DrainInput(DrainQuietMs);
         accepted = SendAndWaitOk(command.c_str());
     }
@@ -211,36 +206,36 @@ bool InitializeIncoming() {
     return accepted;
 }
 
-void ReinitializeIncoming() {
+void Line::ReinitializeIncoming() {
     // Without an adapter no profile ever went out, and none goes now: a
     // command to a port where nothing answers would only hold the caller
     // for the whole time limit.
     if (!AdapterFound.load()) {
         return;
     }
-    LineStores->Log.Add("------------------------------");
-    const std::string command = IncomingProfile(Setup::LaterIncoming);
-    PortConversation conversation;
+    Stores.Log.Add("------------------------------");
+    const std::string command = IncomingProfile(*this, Setup::LaterIncoming);
+    PortConversation conversation(*this);
     DrainInput(DrainQuietMs);
     // An adapter that refuses it keeps the profile it had; the next call's
     // end, or the user's next change of a setting, sends it again.
     static_cast<void>(SendAndWaitOk(command.c_str()));
 }
 
-void InitializeOutgoing(const OutgoingSettings& settings) {
+void Line::InitializeOutgoing(const OutgoingSettings& settings) {
     const std::string command =
-        BuildProfile(settings.Protocol, settings.At56k, settings.TwoChannels, settings.Compression,
-                     Setup::Outgoing);
+        BuildProfile(*this, settings.Protocol, settings.At56k, settings.TwoChannels,
+                     settings.Compression, Setup::Outgoing);
     // An adapter that refuses the profile keeps the one it had; the dial goes
     // on, and its result tells how the call went.
     static_cast<void>(SendAndWaitOk(command.c_str()));
 }
 
-void SendClosingCommand() {
+void Line::SendClosingCommand() {
     if (!AdapterFound.load()) {
         return;
     }
-    const AdapterFamily& family = CurrentFamily();
+    const AdapterFamily& family = CurrentFamily(Stores.Prefs);
     const std::string command(LoadResourceString(ProfileStringBase + family.Model + 5));
     if (family.AnswersClosingCommand) {
         // The program leaves whatever the adapter says.

@@ -31,7 +31,6 @@ protected:
         previous_ = CurrentFolder();
         ASSERT_TRUE(ChangeCurrentFolder(folder_.Path()));
         BlockPorts(folder_.Path());
-        AdapterFound = 0;
         TheEngine.LinkState = LinkIdle;
     }
     void TearDown() override { EXPECT_TRUE(ChangeCurrentFolder(previous_)); }

@@ -34,7 +34,7 @@ void MeasureRate(MainWindow& window, uint32_t bytesPerSecond) {
     entry.StartTime = 1000;
     entry.LastBlockTime = 2000;
     entry.BytesDone = bytesPerSecond;
-    RateEstimate = 16000;
+    window.AdapterLine().RateEstimate = 16000;
     window.Display().ShowThroughput(true, false);
     ASSERT_EQ(window.Display().MeasuredRate(), static_cast<int32_t>(bytesPerSecond));
 }
@@ -180,8 +180,8 @@ TEST_F(MainWindowTest, TheWindowShowsWhatTheAdapterFoundOffers) {
         Stores().Prefs.Incoming2B = 1;
         Stores().Prefs.MaxPortSpeed = c.MaxSpeed;
         Stores().Prefs.SelectedPortSpeed = c.Checked230400 ? 230400 : 115200;
-        SpeedClass.store(c.SpeedClass);
-        AdapterFound.store(true);
+        line_->SpeedClass.store(c.SpeedClass);
+        line_->AdapterFound.store(true);
         window_->ShowAdapter(true);
 
         EXPECT_EQ(Joined(RowTexts(IDC_PROTOCOL)), c.Rows);
@@ -217,7 +217,7 @@ TEST_F(MainWindowTest, TheWindowShowsWhatTheAdapterFoundOffers) {
             EXPECT_EQ(Controls().MenuItemChecked(ID_PORT_SPEED_115200), !c.Checked230400);
         }
     }
-    AdapterFound.store(false);
+    line_->AdapterFound.store(false);
 }
 
 TEST_F(MainWindowTest, TheAboutBoxOfTheMenuNeitherClosesByItselfNorSearches) {
@@ -397,7 +397,7 @@ TEST_F(MainWindowTest, TheShownRateNeverPassesTheCeiling) {
         entry.StartTime = step.StartTime;
         entry.LastBlockTime = step.LastBlockTime;
         entry.BytesDone = step.BytesDone;
-        RateEstimate = step.Ceiling;
+        line_->RateEstimate = step.Ceiling;
         const size_t lines = Observed().size();
         window_->Display().ShowThroughput(step.Sending, step.Log);
         EXPECT_EQ(window_->Display().MeasuredRate(), step.Measured);

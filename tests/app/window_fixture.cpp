@@ -4,9 +4,6 @@
 
 #include "app/control_model.h"
 #include "engine/transfer_engine.h"
-#include "line/adapter.h"
-#include "line/comm_port.h"
-#include "line/profiles.h"
 #include "platform/event_loop.h"
 #include "platform/files.h"
 #include "resources/resource.h"
@@ -32,13 +29,11 @@ void WindowTest::StartWindow() {
     TheEngine.SendList.Clear();
     TheEngine.ReceiveCount = 0;
     TheEngine.TransferStartTime = 0;
-    AdapterFound = 0;
-    SetLinePolling(0);
-    RateEstimate = 0;
+    line_.reset();
     stores_ = std::make_unique<Installation>(folder_.Path());
-    LineStores = stores_.get();
     stores_->Load();
-    window_ = std::make_unique<MainWindow>(*stores_);
+    line_ = std::make_unique<Line>(*stores_);
+    window_ = std::make_unique<MainWindow>(*stores_, *line_);
     window_->SetLogObserver([this](const std::string& line) {
         std::lock_guard<std::mutex> guard(lock_);
         observed_.push_back(line);
@@ -54,8 +49,8 @@ void WindowTest::StopWindow() {
     for (int timer : {TimerSplashOpen, TimerSplashClose, TimerFindAdapter, TimerHotFolders}) {
         MainLoop().KillTimer(timer);
     }
-    CommPortClose();
-    CommPortDestroy();
+    line_->CommPortClose();
+    line_->CommPortDestroy();
     if (window_->EngineStarted()) {
         EngineShutdown();
     }

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "app/main_window.h"
+#include "line/line.h"
 #include "stores/installation.h"
 #include "support/captured_output.h"
 #include "support/installation.h"
@@ -59,6 +60,8 @@ protected:
 
     TempFolder folder_;
     std::unique_ptr<Installation> stores_;
+    // The window's line, made anew with each window, which it outlives.
+    std::unique_ptr<Line> line_;
     std::unique_ptr<MainWindow> window_;
 
 private:

@@ -42,32 +42,30 @@ FileEntry EntryForFile(const std::string& name, const std::string& path, uint64_
 
 void EngineHarness::SetUp() {
     SetFreeSpaceQuery([] { return uint64_t{1} << 40; });
-    LineStores = &stores_;
     ASSERT_TRUE(CreateFolder(stores_.Paths.IncomingPath));
     far_.LinkAs(root_.Path(), 1);
-    ASSERT_TRUE(CommPortCreate());
-    SelectPortNumber(1);
-    SelectPortBaud(115200);
-    ASSERT_NE(CommPortOpen(), 0);
-    ASSERT_EQ(EnableHardwareHandshake(), 1);
+    ASSERT_TRUE(line_.CommPortCreate());
+    line_.SelectPortNumber(1);
+    line_.SelectPortBaud(115200);
+    ASSERT_NE(line_.CommPortOpen(), 0);
+    ASSERT_EQ(line_.EnableHardwareHandshake(), 1);
     stores_.Prefs.AdapterModel = ModelBitSURFR;
+    SetEngineLine(line_);
     EngineStartup(stores_);
     TheEngine.CommThreadRun = true;
-    AdapterFound = 1;
-    SetLinePolling(1);
+    line_.AdapterFound = 1;
+    line_.SetLinePolling(1);
     commThread_ = StartThread(CommThread, nullptr, ThreadPriority::Normal, false);
     ASSERT_TRUE(commThread_ != nullptr);
 }
 
 void EngineHarness::TearDown() {
     TheEngine.CommThreadRun = false;
-    InterruptPortWait();
+    line_.InterruptPortWait();
     JoinThread(commThread_);
     StopFeeder();
-    SetLinePolling(0);
-    AdapterFound = 0;
     EngineShutdown();
-    CommPortDestroy();
+    line_.CommPortDestroy();
     SetFreeSpaceQuery(nullptr);
     TheEngine.LinkState = LinkIdle;
     TheEngine.WeSend = false;
@@ -84,7 +82,7 @@ void EngineHarness::TearDown() {
 void EngineHarness::JumpClock(uint32_t ms) {
     clockJumped_ += ms;
     ShiftNowMsForTest(clockJumped_);
-    InterruptPortWait();
+    line_.InterruptPortWait();
 }
 
 std::string EngineHarness::AnswerCommand(int timeoutMs) {
@@ -156,7 +154,7 @@ std::string EngineHarness::ChooseFile(const std::string& name, const std::string
     const std::string path = root_ / name;
     WriteWholeFile(path, bytes);
     // As the window does it: while no pass of the communications thread runs.
-    PortConversation conversation;
+    PortConversation conversation(line_);
     EXPECT_TRUE(TheEngine.SendList.Add(EntryForFile(name, path, bytes.size())));
     return path;
 }

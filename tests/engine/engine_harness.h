@@ -15,6 +15,7 @@
 #include "engine/receiving_session_test_hooks.h"
 #include "engine/transfer_engine.h"
 #include "line/adapter.h"
+#include "line/line.h"
 #include "platform/thread.h"
 #include "stores/installation.h"
 #include "support/captured_output.h"
@@ -68,7 +69,7 @@ protected:
     // written before, in a pass that has ended.
     template <class F>
     static auto Inspect(F f) {
-        PortConversation conversation;
+        PortConversation conversation(*TheEngine.Line);
         return f();
     }
     static bool WaitUntil(const std::function<bool()>& condition, int timeoutMs = 5000);
@@ -109,6 +110,8 @@ protected:
     TempFolder root_;
     Installation stores_{root_.Path()};
     FarEnd far_;
+    // The engine's line, fresh for each test.
+    Line line_{stores_};
 
 private:
     ThreadHandle commThread_;

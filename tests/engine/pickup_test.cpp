@@ -28,7 +28,7 @@ protected:
     // which reads it for a retrieve request.
     void AddRecord(const std::string& name, const std::string& number, bool hot,
                    const std::vector<std::string>& files) {
-        PortConversation conversation;
+        PortConversation conversation(line_);
         Correspondent& record = stores_.Directory[stores_.Directory.Count.load()];
         SetFieldText(record.FirmName, name);
         SetFieldText(record.IsdnNumber, number);

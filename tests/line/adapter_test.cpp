@@ -28,17 +28,18 @@ TEST_F(LineTest, ExchangeKeepsTheWholeReplyAndPutsPollingBackAsItWas) {
     });
     OpenPort(1, 115200);
 
-    std::strcpy(TokenBuffer, "an older reply that is longer than the new one and stays behind");
-    ASSERT_TRUE(SendAndWaitOk("ATI3"));
-    EXPECT_STREQ(TokenBuffer, "ATI3\r\r\nline one\r\n\r\nOK\r\n")
+    std::strcpy(line_.TokenBuffer,
+                "an older reply that is longer than the new one and stays behind");
+    ASSERT_TRUE(line_.SendAndWaitOk("ATI3"));
+    EXPECT_STREQ(line_.TokenBuffer, "ATI3\r\r\nline one\r\n\r\nOK\r\n")
         << "the echo and every line of the reply, read from the buffer's first byte";
-    EXPECT_EQ(LinePollingEnabled.load(), false);
+    EXPECT_EQ(line_.LinePollingEnabled.load(), false);
 
-    SetLinePolling(true);
-    ASSERT_TRUE(SendAndWaitOkShort("ATI4"));
-    EXPECT_EQ(LinePollingEnabled.load(), true) << "polling goes back on after the exchange";
-    EXPECT_FALSE(SendAndWaitOkShort("ATQ")) << "an echo without OK is a failure";
-    EXPECT_EQ(LinePollingEnabled.load(), true) << "also after a failed one";
+    line_.SetLinePolling(true);
+    ASSERT_TRUE(line_.SendAndWaitOkShort("ATI4"));
+    EXPECT_EQ(line_.LinePollingEnabled.load(), true) << "polling goes back on after the exchange";
+    EXPECT_FALSE(line_.SendAndWaitOkShort("ATQ")) << "an echo without OK is a failure";
+    EXPECT_EQ(line_.LinePollingEnabled.load(), true) << "also after a failed one";
     EXPECT_EQ(adapters_[0]->CommandTexts(), (Texts{"ATI3", "ATI4", "ATQ"}));
 }
 
@@ -46,26 +47,27 @@ TEST_F(LineTest, ExchangeKeepsTheWholeReplyAndPutsPollingBackAsItWas) {
 // pass in which polling is on, and sleeps long waits that only a wake ends.
 class PollingReader {
 public:
-    PollingReader()
-        : thread_([this] {
+    explicit PollingReader(Line& line)
+        : line_(line), thread_([this] {
               while (!stop_.load()) {
-                  if (LinePollingEnabled.load()) {
-                      std::lock_guard<std::recursive_mutex> guard(PortReadLock);
+                  if (line_.LinePollingEnabled.load()) {
+                      std::lock_guard<std::recursive_mutex> guard(line_.PortReadLock);
                       passes_.fetch_add(1);
-                      WaitForPortInput(30000);
+                      line_.WaitForPortInput(30000);
                   } else {
-                      WaitForPortWake(30000);
+                      line_.WaitForPortWake(30000);
                   }
               }
           }) {}
     ~PollingReader() {
         stop_.store(true);
-        InterruptPortWait();
+        line_.InterruptPortWait();
         thread_.join();
     }
     int Passes() const { return passes_.load(); }
 
 private:
+    Line& line_;
     std::atomic<bool> stop_{false};
     std::atomic<int> passes_{0};
     std::thread thread_;
@@ -74,51 +76,52 @@ private:
 TEST_F(LineTest, ExchangeTakesThePortFromAReaderThatWaitsOnIt) {
     Attach(1, [](const std::string& command, uint32_t) { return Answer(command); });
     OpenPort(1, 115200);
-    SetLinePolling(true);
-    PollingReader reader;
+    line_.SetLinePolling(true);
+    PollingReader reader(line_);
     while (reader.Passes() == 0) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     // The reader sits in a long wait holding the lock; the exchange must wake
     // it rather than wait out its time.
-    auto exchange = std::async(std::launch::async, [] { return SendAndWaitOk("AT"); });
+    auto exchange = std::async(std::launch::async, [this] { return line_.SendAndWaitOk("AT"); });
     ASSERT_EQ(exchange.wait_for(std::chrono::seconds(10)), std::future_status::ready)
         << "the reader was not woken";
     EXPECT_TRUE(exchange.get());
-    EXPECT_EQ(LinePollingEnabled.load(), true);
-    SetLinePolling(false);
+    EXPECT_EQ(line_.LinePollingEnabled.load(), true);
+    line_.SetLinePolling(false);
 }
 
 TEST_F(LineTest, ConversationsThatOverlapLeaveThePollingFlagRight) {
-    SetLinePolling(true);
-    std::optional<PortConversation> first(std::in_place);
-    EXPECT_EQ(LinePollingEnabled.load(), false);
-    std::optional<PortConversation> second(std::in_place);
+    line_.SetLinePolling(true);
+    std::optional<PortConversation> first(std::in_place, line_);
+    EXPECT_EQ(line_.LinePollingEnabled.load(), false);
+    std::optional<PortConversation> second(std::in_place, line_);
     first.reset();
-    EXPECT_EQ(LinePollingEnabled.load(), false) << "the second conversation is still under way";
+    EXPECT_EQ(line_.LinePollingEnabled.load(), false)
+        << "the second conversation is still under way";
     second.reset();
-    EXPECT_EQ(LinePollingEnabled.load(), true) << "back as it was before the first began";
+    EXPECT_EQ(line_.LinePollingEnabled.load(), true) << "back as it was before the first began";
 
     // A change asked for during a conversation is the value it ends with.
     {
-        PortConversation conversation;
-        SetLinePolling(false);
-        EXPECT_EQ(LinePollingEnabled.load(), false);
+        PortConversation conversation(line_);
+        line_.SetLinePolling(false);
+        EXPECT_EQ(line_.LinePollingEnabled.load(), false);
     }
-    EXPECT_EQ(LinePollingEnabled.load(), false);
+    EXPECT_EQ(line_.LinePollingEnabled.load(), false);
     {
-        PortConversation conversation;
-        SetLinePolling(true);
-        EXPECT_EQ(LinePollingEnabled.load(), false) << "the port stays held until the end";
+        PortConversation conversation(line_);
+        line_.SetLinePolling(true);
+        EXPECT_EQ(line_.LinePollingEnabled.load(), false) << "the port stays held until the end";
     }
-    EXPECT_EQ(LinePollingEnabled.load(), true);
+    EXPECT_EQ(line_.LinePollingEnabled.load(), true);
 
     // Another thread's conversation waits for this one's lock, and the flag
     // comes back only when both are over.
-    std::optional<PortConversation> mine(std::in_place);
+    std::optional<PortConversation> mine(std::in_place, line_);
     std::atomic<bool> otherHadPort{false};
     std::thread other([&] {
-        PortConversation theirs;
+        PortConversation theirs(line_);
         otherHadPort.store(true);
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -126,8 +129,8 @@ TEST_F(LineTest, ConversationsThatOverlapLeaveThePollingFlagRight) {
     mine.reset();
     other.join();
     EXPECT_TRUE(otherHadPort.load());
-    EXPECT_EQ(LinePollingEnabled.load(), true);
-    SetLinePolling(false);
+    EXPECT_EQ(line_.LinePollingEnabled.load(), true);
+    line_.SetLinePolling(false);
 }
 
 struct IdentityCase {
@@ -154,7 +157,7 @@ TEST_F(LineTest, IdentificationTellsEachFamilyAndVariantByItsMarks) {
         {"no mark", {"Generic ISDN TA", "adtran express xr"}, {}, false, Model3Com + 1, 7},
     };
     ScriptedAdapter& adapter = Attach(2, RespondAs(AdapterScript{}));
-    SelectPortNumber(2);
+    line_.SelectPortNumber(2);
     for (const IdentityCase& c : cases) {
         SCOPED_TRACE(c.Name);
         AdapterScript script;
@@ -162,11 +165,11 @@ TEST_F(LineTest, IdentificationTellsEachFamilyAndVariantByItsMarks) {
         script.Identity8 = c.Identity8;
         adapter.SetResponder(RespondAs(script));
         adapter.ClearCommands();
-        AdapterFound.store(false);
+        line_.AdapterFound.store(false);
         stores_.Prefs.AdapterModel = Model3Com + 1;
         stores_.Prefs.AdapterVariant = 7;
-        EXPECT_EQ(IdentifyAdapter(), c.ExpectedResult);
-        EXPECT_EQ(AdapterFound.load(), c.ExpectedResult);
+        EXPECT_EQ(line_.IdentifyAdapter(), c.ExpectedResult);
+        EXPECT_EQ(line_.AdapterFound.load(), c.ExpectedResult);
         EXPECT_EQ(stores_.Prefs.AdapterModel, c.ExpectedModel);
         EXPECT_EQ(stores_.Prefs.AdapterVariant, c.ExpectedVariant);
         Texts sent = {"atv1", "ati0"};
@@ -174,20 +177,20 @@ TEST_F(LineTest, IdentificationTellsEachFamilyAndVariantByItsMarks) {
             sent.push_back("ati8");
         }
         EXPECT_EQ(adapter.CommandTexts(), sent);
-        EXPECT_TRUE(ThePort->IsOpen.load()) << "the port stays open either way";
+        EXPECT_TRUE(line_.Port()->IsOpen.load()) << "the port stays open either way";
     }
 }
 
 TEST_F(LineTest, IdentificationFailsOnAPortThatCannotBeOpenedOrGivesNoOk) {
-    SelectPortNumber(3);  // a plain file
-    EXPECT_FALSE(IdentifyAdapter());
-    EXPECT_FALSE(ThePort->IsOpen.load());
+    line_.SelectPortNumber(3);  // a plain file
+    EXPECT_FALSE(line_.IdentifyAdapter());
+    EXPECT_FALSE(line_.Port()->IsOpen.load());
 
     AdapterScript script = ZyxelScript("2864");
     script.Unanswered = {"ati0"};
     ScriptedAdapter& adapter = Attach(3, RespondAs(script));
-    EXPECT_FALSE(IdentifyAdapter()) << "an ati0 without OK";
-    EXPECT_FALSE(AdapterFound.load());
+    EXPECT_FALSE(line_.IdentifyAdapter()) << "an ati0 without OK";
+    EXPECT_FALSE(line_.AdapterFound.load());
     EXPECT_EQ(adapter.CommandTexts(), (Texts{"atv1", "ati0"}));
 }
 
@@ -200,7 +203,7 @@ TEST_F(LineTest, ShiftSearchesAgainFromTheFirstPortAtTheSearchSpeed) {
     AdapterScript script = ThreeComScript();
     ScriptedAdapter& adapter = Attach(1, RespondAs(script));
 
-    EXPECT_EQ(FindAdapter(), AdapterSearch::WaitingForCalls);
+    EXPECT_EQ(line_.FindAdapter(), AdapterSearch::WaitingForCalls);
     EXPECT_EQ(stores_.Prefs.ComPort, 1);
     EXPECT_EQ(stores_.Prefs.AdapterModel, Model3Com);
     EXPECT_EQ(stores_.Prefs.MaxPortSpeed, 230400u) << "the speed is tested anew";
@@ -208,8 +211,8 @@ TEST_F(LineTest, ShiftSearchesAgainFromTheFirstPortAtTheSearchSpeed) {
     const std::vector<ReceivedCommand> commands = adapter.Commands();
     ASSERT_FALSE(commands.empty());
     EXPECT_EQ(commands[0].Speed, 9600u);
-    EXPECT_EQ(OwnNumberCaption(), "Your ISDN Number: 5553882     3ComImpact IQ");
-    EXPECT_EQ(PortSpeedChoice(), SpeedChoice::At230400);
+    EXPECT_EQ(line_.OwnNumberCaption(), "Your ISDN Number: 5553882     3ComImpact IQ");
+    EXPECT_EQ(PortSpeedChoice(stores_.Prefs), SpeedChoice::At230400);
 }
 
 // A saved port and speed are taken up again without a search or a speed
@@ -259,15 +262,15 @@ TEST_F(LineTest, QuickStartGoesToTheSavedPortAndSpeed) {
         ClearLogged();
         ScriptedAdapter& adapter = Attach(c.Port, RespondAs(c.Script));
 
-        EXPECT_EQ(FindAdapter(), AdapterSearch::WaitingForCalls);
-        EXPECT_EQ(AdapterFound.load(), true);
-        EXPECT_EQ(SpeedClass.load(), 2);
+        EXPECT_EQ(line_.FindAdapter(), AdapterSearch::WaitingForCalls);
+        EXPECT_EQ(line_.AdapterFound.load(), true);
+        EXPECT_EQ(line_.SpeedClass.load(), 2);
         EXPECT_EQ(stores_.Prefs.MaxPortSpeed, 230400u);
         EXPECT_EQ(stores_.Prefs.AdapterVariant, 0);
         EXPECT_EQ(adapter.Far().Speed(), c.Selected);
-        EXPECT_EQ(PortSpeedChoice(),
+        EXPECT_EQ(PortSpeedChoice(stores_.Prefs),
                   c.Selected == 230400 ? SpeedChoice::At230400 : SpeedChoice::At115200);
-        EXPECT_EQ(LinePollingEnabled.load(), true);
+        EXPECT_EQ(line_.LinePollingEnabled.load(), true);
         Texts commands;
         const size_t shown = std::count(c.Commands.begin(), c.Commands.end(), '|') + 1;
         for (const ReceivedCommand& command : adapter.Commands()) {
@@ -278,10 +281,10 @@ TEST_F(LineTest, QuickStartGoesToTheSavedPortAndSpeed) {
         EXPECT_EQ(Joined(commands), c.Commands);
         EXPECT_EQ(Joined(Logged()).substr(0, c.Logged.size()), c.Logged);
         if (c.Model == ModelBitSURFR) {
-            EXPECT_EQ(OwnNumberCaption(), "Your ISDN Number: 5552001     BitSURFR Pro");
+            EXPECT_EQ(line_.OwnNumberCaption(), "Your ISDN Number: 5552001     BitSURFR Pro");
         }
-        SetLinePolling(false);
-        CommPortClose();
+        line_.SetLinePolling(false);
+        line_.CommPortClose();
     }
 }
 
@@ -291,7 +294,7 @@ TEST_F(LineTest, FailuresOfTheQuickStart) {
     stores_.Prefs.MaxPortSpeed = 230400;
     stores_.Prefs.SelectedPortSpeed = 230400;
     stores_.Prefs.AdapterModel = ModelAdTran;
-    EXPECT_EQ(FindAdapter(), AdapterSearch::NotFound);
+    EXPECT_EQ(line_.FindAdapter(), AdapterSearch::NotFound);
     EXPECT_TRUE(Messages().empty());
     EXPECT_TRUE(Logged().empty());
 
@@ -299,12 +302,57 @@ TEST_F(LineTest, FailuresOfTheQuickStart) {
     // no search of the other ports.
     stores_.Prefs.AdapterModel = ModelZyXEL;
     Attach(1, RespondAs(ZyxelScript("2864")));
-    EXPECT_EQ(FindAdapter(), AdapterSearch::NotFound);
+    EXPECT_EQ(line_.FindAdapter(), AdapterSearch::NotFound);
     EXPECT_EQ(Messages(), (Texts{NoAdapterMessage}));
     EXPECT_EQ(Logged(), (Texts{"ISDN TA not found."}));
-    EXPECT_EQ(AdapterFound.load(), false);
-    EXPECT_EQ(LinePollingEnabled.load(), false);
+    EXPECT_EQ(line_.AdapterFound.load(), false);
+    EXPECT_EQ(line_.LinePollingEnabled.load(), false);
     EXPECT_TRUE(adapters_[0]->Commands().empty());
+}
+
+// Two lines in one process share nothing: each keeps its own port, adapter,
+// number, token buffer and hand-over of the port, while the other one works.
+TEST_F(LineTest, TwoLinesSideBySideKeepEachItsOwnState) {
+    Attach(1, RespondAs(BitsurfrScript()));
+    Attach(2, RespondAs(ThreeComScript()));
+    // Its own preferences and log, over the same folder and its ports.
+    Installation otherStores(root_.Path());
+    Line other(otherStores);
+    ASSERT_TRUE(other.CommPortCreate());
+
+    line_.SelectPortNumber(1);
+    line_.SelectPortBaud(9600);
+    ASSERT_TRUE(line_.IdentifyAdapter());
+    line_.SpeedClass.store(2);
+    ASSERT_TRUE(line_.InitializeIncoming());
+    line_.SetLinePolling(true);
+    const std::string reply = line_.TokenBuffer;
+    EXPECT_FALSE(other.AdapterFound.load());
+    EXPECT_FALSE(other.LinePollingEnabled.load());
+    EXPECT_EQ(other.SpeedClass.load(), 0);
+    EXPECT_EQ(other.RateEstimate.load(), 0);
+    EXPECT_EQ(other.OwnNumberCaption(), "");
+    EXPECT_EQ(other.TokenBuffer[0], '\0');
+    EXPECT_FALSE(other.Port()->IsOpen.load());
+
+    other.SelectPortNumber(2);
+    other.SelectPortBaud(9600);
+    ASSERT_TRUE(other.IdentifyAdapter());
+    ASSERT_TRUE(other.InitializeIncoming());
+    {
+        PortConversation conversation(other);
+        EXPECT_TRUE(line_.LinePollingEnabled.load()) << "the other line's conversation";
+    }
+    EXPECT_TRUE(line_.AdapterFound.load());
+    EXPECT_TRUE(line_.LinePollingEnabled.load());
+    EXPECT_FALSE(other.LinePollingEnabled.load());
+    EXPECT_EQ(line_.TokenBuffer, reply);
+    EXPECT_EQ(line_.OwnNumberCaption(), "Your ISDN Number: 5552001     BitSURFR Pro");
+    EXPECT_EQ(other.OwnNumberCaption(), "Your ISDN Number: 5553882     3ComImpact IQ");
+    EXPECT_EQ(line_.Port()->PortNumber, 1);
+    EXPECT_EQ(other.Port()->PortNumber, 2);
+    EXPECT_TRUE(line_.Port()->IsOpen.load());
+    line_.SetLinePolling(false);
 }
 
 }  // namespace

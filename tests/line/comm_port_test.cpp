@@ -45,26 +45,26 @@ protected:
 }  // namespace
 
 TEST_F(CommPortTest, CommandsEndInCarriageReturnAloneAndLongOnesAreRefused) {
-    SendCommand("ATE1V1");
+    line_.SendCommand("ATE1V1");
     EXPECT_EQ(far_.Receive(7, 2000), "ATE1V1\r");
     const std::string longest(254, 'A');
-    SendCommand(longest.c_str());
+    line_.SendCommand(longest.c_str());
     EXPECT_EQ(far_.Receive(255, 2000), longest + "\r");
     const std::string tooLong(255, 'B');
-    SendCommand(tooLong.c_str());
-    SendBytes("\x00\xFF", 2);
+    line_.SendCommand(tooLong.c_str());
+    line_.SendBytes("\x00\xFF", 2);
     EXPECT_EQ(far_.Receive(3, 300), std::string("\x00\xFF", 2)) << "nothing of the refused command";
 }
 
 TEST_F(CommPortTest, TokenIsFoundAndWhatFollowsItStaysQueued) {
     far_.Send(std::string("noise\0 ACK3\r\n", 13) + "\xFF\xAA\x55");
-    char* token = ReadUntilToken("ACK3", 2000, buffer_);
+    char* token = line_.ReadUntilToken("ACK3", 2000, buffer_);
     ASSERT_NE(token, nullptr);
     EXPECT_STREQ(buffer_, "noise ACK3") << "the NUL is dropped, the read stops at the token";
     EXPECT_EQ(token, buffer_ + 6);
-    EXPECT_EQ(PortQueueCount(PortQueue::Input), 5u);
+    EXPECT_EQ(line_.PortQueueCount(PortQueue::Input), 5u);
     uint8_t rest[5];
-    EXPECT_EQ(ReadBlock(rest, 5, 500), 5u);
+    EXPECT_EQ(line_.ReadBlock(rest, 5, 500), 5u);
     EXPECT_EQ(std::memcmp(rest, "\r\n\xFF\xAA\x55", 5), 0);
 }
 
@@ -75,14 +75,14 @@ TEST_F(CommPortTest, LineLimitOf1023BytesCountsOnlyRealBytes) {
     reply += std::string(2000, '\0');
     reply += "OK\r\n";
     far_.Send(reply);
-    ASSERT_NE(ReadUntilOk(4000, buffer_), nullptr);
+    ASSERT_NE(line_.ReadUntilOk(4000, buffer_), nullptr);
     EXPECT_EQ(std::strlen(buffer_), 1023u);
     EXPECT_EQ(CountLogged("Serial Limit Reached"), 0);
 
     // One byte more and the limit comes first, once, with time still left.
     far_.Send(std::string(1020, 'y') + "OK\r\n");
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(ReadUntilOk(20000, buffer_), nullptr);
+    EXPECT_EQ(line_.ReadUntilOk(20000, buffer_), nullptr);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
     EXPECT_EQ(CountLogged("Serial Limit Reached"), 1);
 }
@@ -90,7 +90,7 @@ TEST_F(CommPortTest, LineLimitOf1023BytesCountsOnlyRealBytes) {
 TEST_F(CommPortTest, SilentLineTimesOutWithBufferUntouchedAndCostsNoProcessor) {
     std::strcpy(buffer_, "previous reply OK\r\n");
     const double before = ThreadCpuMs();
-    EXPECT_EQ(ReadUntilOk(4000, buffer_), nullptr);
+    EXPECT_EQ(line_.ReadUntilOk(4000, buffer_), nullptr);
     EXPECT_LT(ThreadCpuMs() - before, 50.0);
     EXPECT_STREQ(buffer_, "previous reply OK\r\n") << "nothing was read, nothing written";
     EXPECT_EQ(CountLogged("Serial Limit Reached"), 0);
@@ -105,14 +105,14 @@ TEST_F(CommPortTest, BlockReadWaitsWhileATrickleGoesOnThenDeliversWhatCame) {
         }
     });
     uint8_t block[8192];
-    const uint32_t got = ReadBlock(block, sizeof block, 400);
+    const uint32_t got = line_.ReadBlock(block, sizeof block, 400);
     trickle.join();
     EXPECT_EQ(got, 80u);
     EXPECT_EQ(block[0], 'a');
     EXPECT_EQ(block[79], 'h');
     EXPECT_EQ(CountLogged("Read Buffer Timeout"), 1);
 
-    EXPECT_EQ(ReadBlock(block, 16, 100), 0u) << "nothing received, nothing delivered";
+    EXPECT_EQ(line_.ReadBlock(block, 16, 100), 0u) << "nothing received, nothing delivered";
     EXPECT_EQ(CountLogged("Read Buffer Timeout"), 2);
 }
 
@@ -126,13 +126,13 @@ TEST_F(CommPortTest, ThreeWholeBlocksFitTheInputQueueAndTheRestWaits) {
     uint8_t block[8192];
     // Let the queue fill before reading, then take block after block.
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (PortQueueCount(PortQueue::Input) < 3 * 8192 &&
+    while (line_.PortQueueCount(PortQueue::Input) < 3 * 8192 &&
            std::chrono::steady_clock::now() < deadline) {
-        WaitForPortInput(100);
+        line_.WaitForPortInput(100);
     }
-    EXPECT_EQ(PortQueueCount(PortQueue::Input), 3u * 8192u);
+    EXPECT_EQ(line_.PortQueueCount(PortQueue::Input), 3u * 8192u);
     for (int i = 0; i < 5; ++i) {
-        ASSERT_EQ(ReadBlock(block, sizeof block, 2000), sizeof block) << "block " << i;
+        ASSERT_EQ(line_.ReadBlock(block, sizeof block, 2000), sizeof block) << "block " << i;
         got.append(reinterpret_cast<char*>(block), sizeof block);
     }
     sender.join();
@@ -150,24 +150,24 @@ TEST_F(CommPortTest, DrainReturnsOnlyAfterTheLineHasBeenQuiet) {
         sending.store(false);
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    DrainInput(150);
+    line_.DrainInput(150);
     EXPECT_FALSE(sending.load()) << "returned while bytes were still arriving";
     stream.join();
-    EXPECT_EQ(PortQueueCount(PortQueue::Input), 0u);
+    EXPECT_EQ(line_.PortQueueCount(PortQueue::Input), 0u);
 }
 
 TEST_F(CommPortTest, CloseTwiceAndASecondOpenOfABusyPortFailQuietly) {
     // Another program holds the port: this one gets 0 and no message.
     SerialDevice other;
-    CommPortClose();
+    line_.CommPortClose();
     ASSERT_TRUE(other.Open(far_.DevicePath()));
-    EXPECT_EQ(CommPortOpen(), 0);
-    EXPECT_EQ(ThePort->IsOpen.load(), 0);
+    EXPECT_EQ(line_.CommPortOpen(), 0);
+    EXPECT_EQ(line_.Port()->IsOpen.load(), 0);
     other.Close();
-    EXPECT_NE(CommPortOpen(), 0);
-    EXPECT_EQ(CommPortClose(), 1);
-    EXPECT_EQ(CommPortClose(), 1);
-    EXPECT_EQ(ThePort->IsOpen.load(), 0);
+    EXPECT_NE(line_.CommPortOpen(), 0);
+    EXPECT_EQ(line_.CommPortClose(), 1);
+    EXPECT_EQ(line_.CommPortClose(), 1);
+    EXPECT_EQ(line_.Port()->IsOpen.load(), 0);
     EXPECT_TRUE(Messages().empty());
 }
 
@@ -177,49 +177,49 @@ TEST_F(CommPortTest, CloseTwiceAndASecondOpenOfABusyPortFailQuietly) {
 TEST_F(CommPortTest, TheLockFileFollowsThePortAndAFolderWithoutOneIsSaidOnce) {
     TempFolder locks;
     const EnvironmentValue lockFolder("KESTRELBOUND_LOCK_DIR", locks.Path());
-    CommPortClose();
-    ASSERT_NE(CommPortOpen(), 0);
-    const std::string lockPath = ThePort->Lock.Path();
+    line_.CommPortClose();
+    ASSERT_NE(line_.CommPortOpen(), 0);
+    const std::string lockPath = line_.Port()->Lock.Path();
     ASSERT_EQ(lockPath.rfind(locks / "LCK..pts_", 0), 0u) << lockPath;
     EXPECT_EQ(std::stol(ReadWholeFile(lockPath)), static_cast<long>(::getpid()));
-    CommPortClose();
+    line_.CommPortClose();
     EXPECT_FALSE(PathExists(lockPath));
 
     WriteWholeFile(lockPath, std::to_string(::getppid()) + "\n");
-    EXPECT_EQ(CommPortOpen(), 0);
-    EXPECT_EQ(ThePort->IsOpen.load(), 0);
+    EXPECT_EQ(line_.CommPortOpen(), 0);
+    EXPECT_EQ(line_.Port()->IsOpen.load(), 0);
     EXPECT_TRUE(Messages().empty());
     EXPECT_EQ(ReadWholeFile(lockPath), std::to_string(::getppid()) + "\n");
 
     const std::string missing = root_ / "no-such-folder";
     const EnvironmentValue noFolder("KESTRELBOUND_LOCK_DIR", missing);
     for (int open = 0; open < 2; ++open) {
-        CommPortClose();
-        EXPECT_NE(CommPortOpen(), 0);
+        line_.CommPortClose();
+        EXPECT_NE(line_.CommPortOpen(), 0);
     }
-    SendCommand("AT");
+    line_.SendCommand("AT");
     EXPECT_NE(far_.ReceiveUntil("AT\r", 2000).find("AT\r"), std::string::npos);
     EXPECT_EQ(
         CountLogged("Cannot write lock files in " + missing + "; ports are used without them."), 1);
 }
 
 TEST(CommPortRecord, OperationsWithoutARecordDoNothing) {
-    ASSERT_EQ(ThePort, nullptr);
-    EXPECT_EQ(CommPortClose(), 0);
-    EXPECT_EQ(CommPortDestroy(), 0);
-    EXPECT_EQ(CommPortOpen(), 0);
-    EXPECT_EQ(PortQueueCount(PortQueue::Input), 0u);
+    TempFolder root;
+    Installation stores(root.Path());
+    Line line(stores);
+    ASSERT_EQ(line.Port(), nullptr);
+    EXPECT_EQ(line.CommPortClose(), 0);
+    EXPECT_EQ(line.CommPortDestroy(), 0);
+    EXPECT_EQ(line.CommPortOpen(), 0);
+    EXPECT_EQ(line.PortQueueCount(PortQueue::Input), 0u);
     char buffer[TokenBufferSize] = {};
-    EXPECT_EQ(ReadLine(10, buffer), nullptr);
+    EXPECT_EQ(line.ReadLine(10, buffer), nullptr);
 }
 
 TEST(CommPortRecord, PortNumberNamesALinkInTheInstallationOrASerialDevice) {
     TempFolder root;
-    Installation stores(root.Path());
-    LineStores = &stores;
-    EXPECT_EQ(CommPortDevicePath(3), "/dev/ttyS2");
+    EXPECT_EQ(CommPortDevicePath(root.Path(), 3), "/dev/ttyS2");
     FarEnd far;
     far.LinkAs(root.Path(), 3);
-    EXPECT_EQ(CommPortDevicePath(3), root / "COM3");
-    LineStores = nullptr;
+    EXPECT_EQ(CommPortDevicePath(root.Path(), 3), root / "COM3");
 }

@@ -1,11 +1,7 @@
 #include "line_fixture.h"
 
-#include <cstring>
 #include <memory>
 
-#include "line/adapter.h"
-#include "line/comm_port.h"
-#include "line/profiles.h"
 #include "platform/key_state.h"
 #include "stores/paths.h"
 #include "stores/preferences.h"
@@ -81,23 +77,16 @@ ScriptedAdapter::Responder RespondAs(AdapterScript script) {
 
 void LineTest::SetUp() {
     SetKeyStateQuery(nullptr);
-    LineStores = &stores_;
     stores_.Prefs = Preferences{};
     stores_.Prefs.MaxPortSpeed = DefaultMaxPortSpeed;
-    AdapterFound.store(false);
-    SpeedClass.store(0);
-    SetLinePolling(false);
-    RateEstimate.store(0);
-    std::memset(LocalNumber, 0, sizeof LocalNumber);
-    std::memset(TokenBuffer, 0, TokenBufferSize);
-    ASSERT_TRUE(CommPortCreate());
+    ASSERT_TRUE(line_.CommPortCreate());
     // A port with nothing linked would be a real /dev/ttyS*: every port of
     // the installation is a plain file until a test attaches an adapter.
     BlockPorts(root_.Path());
 }
 
 void LineTest::TearDown() {
-    CommPortDestroy();
+    line_.CommPortDestroy();
     adapters_.clear();
     SetKeyStateQuery(nullptr);
 }
@@ -109,8 +98,8 @@ ScriptedAdapter& LineTest::Attach(int port, ScriptedAdapter::Responder responder
 }
 
 void LineTest::OpenPort(int port, uint32_t speed) {
-    SelectPortNumber(static_cast<uint8_t>(port));
-    SelectPortBaud(speed);
-    ASSERT_TRUE(CommPortOpen());
-    ASSERT_TRUE(EnableHardwareHandshake());
+    line_.SelectPortNumber(static_cast<uint8_t>(port));
+    line_.SelectPortBaud(speed);
+    ASSERT_TRUE(line_.CommPortOpen());
+    ASSERT_TRUE(line_.EnableHardwareHandshake());
 }

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "line/line.h"
 #include "scripted_adapter.h"
 #include "stores/installation.h"
 #include "support/captured_output.h"
@@ -62,6 +63,8 @@ protected:
 
     TempFolder root_;
     Installation stores_{root_.Path()};
+    // A fresh line for each test: nothing of an earlier test's adapter stays.
+    Line line_{stores_};
     std::vector<std::unique_ptr<ScriptedAdapter>> adapters_;
     CapturedOutput output_{&stores_.Log};
 };

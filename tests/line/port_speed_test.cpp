@@ -38,7 +38,7 @@ protected:
     // An adapter found on port n by the search: the port at 9600 bps.
     ScriptedAdapter& FoundAt(int port, int16_t model, AdapterScript script) {
         stores_.Prefs.AdapterModel = model;
-        AdapterFound.store(true);
+        line_.AdapterFound.store(true);
         ScriptedAdapter& adapter = Attach(port, RespondAs(std::move(script)));
         OpenPort(port, 9600);
         return adapter;
@@ -48,7 +48,7 @@ protected:
 TEST_F(PortSpeedTest, AdtranWithItsSwitchAt230400SkipsTheLadder) {
     stores_.Prefs.SelectedPortSpeed = 230400;
     ScriptedAdapter& adapter = FoundAt(1, ModelAdTran, AdtranScript(true));
-    QualifyPortSpeed();
+    line_.QualifyPortSpeed();
     EXPECT_FALSE(adapter.WaitForCommands(1, 200));
     EXPECT_TRUE(Logged().empty());
     EXPECT_EQ(stores_.Prefs.MaxPortSpeed, 9600u);
@@ -59,13 +59,13 @@ TEST_F(PortSpeedTest, PortThatAnswersAt57600ButNotAt115200) {
     script.MaxSpeed = 57600;
     ScriptedAdapter& adapter = FoundAt(2, ModelZyXEL, script);
 
-    QualifyPortSpeed();
+    line_.QualifyPortSpeed();
     const std::string expected =
         "ATE1V1@9600 | AT@57600 | AT@57600 | AT@57600 | AT@57600 | AT@57600 | AT@115200";
     EXPECT_EQ(Described(adapter.Commands(), expected), expected);
     EXPECT_EQ(Messages(), (Texts{"Error testing connection at 115200 bps."}));
     EXPECT_EQ(stores_.Prefs.MaxPortSpeed, 57600u);
-    EXPECT_EQ(SpeedClass.load(), 1);
+    EXPECT_EQ(line_.SpeedClass.load(), 1);
     EXPECT_EQ(adapter.Far().Speed(), 115200u) << "the port is left where the test failed";
 }
 
@@ -74,13 +74,13 @@ TEST_F(PortSpeedTest, ThreeComThatFailsAt230400IsSentBack) {
     script.MaxSpeed = 115200;
     ScriptedAdapter& adapter = FoundAt(3, Model3Com, script);
 
-    QualifyPortSpeed();
+    line_.QualifyPortSpeed();
     ASSERT_TRUE(adapter.WaitForCommands(14, 2000));
     const Texts commands = adapter.CommandTexts();
     EXPECT_EQ(Texts(commands.end() - 3, commands.end()), (Texts{"AT$B230400", "AT", "AT$B0"}));
     EXPECT_EQ(Messages(), (Texts{"Error testing connection at 230400 bps."}));
     EXPECT_EQ(stores_.Prefs.MaxPortSpeed, 115200u);
-    EXPECT_EQ(SpeedClass.load(), 2);
+    EXPECT_EQ(line_.SpeedClass.load(), 2);
     EXPECT_EQ(adapter.Far().Speed(), 115200u);
     EXPECT_EQ(Logged().back(), "Testing 230400 bps...");
 }
@@ -111,10 +111,10 @@ TEST_F(PortSpeedTest, MenuMovesOfEachFamily) {
         ClearLogged();
         stores_.Prefs.AdapterModel = c.Model;
         stores_.Prefs.MaxPortSpeed = 230400;
-        AdapterFound.store(true);
+        line_.AdapterFound.store(true);
         ScriptedAdapter& adapter = Attach(port, RespondAs(c.Script));
         OpenPort(port++, 115200);
-        SetLinePolling(true);
+        line_.SetLinePolling(true);
         // While the message about the switch waits for the user, the port
         // has moved and nothing has been sent yet.
         std::vector<std::pair<uint32_t, size_t>> atMessage;
@@ -122,20 +122,20 @@ TEST_F(PortSpeedTest, MenuMovesOfEachFamily) {
             atMessage.push_back({adapter.Far().Speed(), adapter.Commands().size()});
         };
 
-        ChangePortSpeed(230400);
+        line_.ChangePortSpeed(230400);
         ASSERT_TRUE(adapter.WaitForCommands(CommandCount(c.Up), 2000));
         EXPECT_EQ(Described(adapter.Commands(), c.Up), c.Up);
-        EXPECT_EQ(ThePort->BaudRate.load(), 230400u);
-        EXPECT_EQ(PortSpeedChoice(), SpeedChoice::At230400);
+        EXPECT_EQ(line_.Port()->BaudRate.load(), 230400u);
+        EXPECT_EQ(PortSpeedChoice(stores_.Prefs), SpeedChoice::At230400);
         EXPECT_EQ(stores_.Prefs.SelectedPortSpeed, 230400u);
-        EXPECT_TRUE(LinePollingEnabled.load());
+        EXPECT_TRUE(line_.LinePollingEnabled.load());
 
         adapter.ClearCommands();
-        ChangePortSpeed(115200);
+        line_.ChangePortSpeed(115200);
         ASSERT_TRUE(adapter.WaitForCommands(CommandCount(c.Down), 2000));
         EXPECT_EQ(Described(adapter.Commands(), c.Down), c.Down);
         EXPECT_EQ(adapter.Far().Speed(), 115200u);
-        EXPECT_EQ(PortSpeedChoice(), SpeedChoice::At115200);
+        EXPECT_EQ(PortSpeedChoice(stores_.Prefs), SpeedChoice::At115200);
         EXPECT_EQ(stores_.Prefs.SelectedPortSpeed, 115200u);
         EXPECT_EQ(Logged(), (Texts{"Port speed changed to 230400 bps.",
                                    "Port speed changed to 115200 bps."}));
@@ -145,8 +145,8 @@ TEST_F(PortSpeedTest, MenuMovesOfEachFamily) {
             EXPECT_EQ(atMessage, expected);
         }
         output_.OnMessage = nullptr;
-        SetLinePolling(false);
-        CommPortClose();
+        line_.SetLinePolling(false);
+        line_.CommPortClose();
     }
 }
 

@@ -19,8 +19,8 @@ protected:
     void Found(int16_t model, int16_t variant, int16_t speedClass) {
         stores_.Prefs.AdapterModel = model;
         stores_.Prefs.AdapterVariant = variant;
-        AdapterFound.store(true);
-        SpeedClass.store(speedClass);
+        line_.AdapterFound.store(true);
+        line_.SpeedClass.store(speedClass);
     }
     ScriptedAdapter& Adapter(AdapterScript script) {
         ScriptedAdapter& adapter = Attach(1, RespondAs(std::move(script)));
@@ -74,21 +74,22 @@ TEST_F(ProfileTest, EachFamilysNumberIsReadAsItWritesIt) {
             return command == c.Query ? c.Reply : Answer(command);
         });
         Found(c.Model, c.Variant, 2);
-        std::memset(LocalNumber, 'x', sizeof LocalNumber);
+        std::memset(line_.LocalNumber, 'x', sizeof line_.LocalNumber);
         adapter.ClearCommands();
 
-        EXPECT_TRUE(InitializeIncoming());
+        EXPECT_TRUE(line_.InitializeIncoming());
         ASSERT_FALSE(adapter.CommandTexts().empty());
         EXPECT_EQ(adapter.CommandTexts()[0], c.Query) << "the number is asked before the profile";
-        EXPECT_EQ(OwnNumberCaption(), c.Shown);
+        EXPECT_EQ(line_.OwnNumberCaption(), c.Shown);
         if (c.Shown.empty()) {
-            EXPECT_EQ(std::string(LocalNumber, sizeof LocalNumber), std::string(32, 'x'))
+            EXPECT_EQ(std::string(line_.LocalNumber, sizeof line_.LocalNumber),
+                      std::string(32, 'x'))
                 << "a reply without a number leaves it as it was";
             continue;
         }
         std::string expected(c.Number);
         expected.resize(32, '\0');
-        EXPECT_EQ(std::string(LocalNumber, sizeof LocalNumber), expected)
+        EXPECT_EQ(std::string(line_.LocalNumber, sizeof line_.LocalNumber), expected)
             << "the number, with zeros behind it";
     }
 }
@@ -143,10 +144,10 @@ TEST_F(ProfileTest, TheFirstIncomingProfileFollowsThePreferencesAndTheFamily) {
         stores_.Prefs.IncomingV42 = c.Compression ? 1 : 0;
         ClearLogged();
 
-        EXPECT_TRUE(InitializeIncoming());
+        EXPECT_TRUE(line_.InitializeIncoming());
         EXPECT_EQ(stores_.Prefs.IncomingProtocol, c.ProtocolAfter);
         EXPECT_EQ(Joined(Logged()), c.Logged);
-        EXPECT_EQ(RateEstimate.load(), c.Rate);
+        EXPECT_EQ(line_.RateEstimate.load(), c.Rate);
         if (!c.Command.empty()) {
             EXPECT_EQ(LastCommand(adapter), c.Command);
         }
@@ -183,9 +184,9 @@ TEST_F(ProfileTest, TheOutgoingProfileFollowsTheChosenSettings) {
         SCOPED_TRACE(c.Name);
         Found(c.Model, c.Variant, 2);
         ClearLogged();
-        InitializeOutgoing({c.Protocol, c.At56k, c.TwoChannels, false});
+        line_.InitializeOutgoing({c.Protocol, c.At56k, c.TwoChannels, false});
         EXPECT_EQ(LastCommand(adapter), c.Command);
-        EXPECT_EQ(RateEstimate.load(), c.Rate);
+        EXPECT_EQ(line_.RateEstimate.load(), c.Rate);
         EXPECT_EQ(Joined(Logged()), c.Logged);
     }
 }
@@ -199,10 +200,10 @@ TEST_F(ProfileTest, LaterIncomingSetUpDrainsTheLineFirstAndIgnoresItsResult) {
     // Stale input that must not be taken for the reply.
     adapter.Far().Send("\r\nRING\r\n");
 
-    ReinitializeIncoming();
+    line_.ReinitializeIncoming();
     EXPECT_EQ(LastCommand(adapter), "AT&F4\\Q3&D0X1S0=0S12=25S53=3S54=2S15=1");
-    EXPECT_EQ(RateEstimate.load(), 16000);
-    EXPECT_STREQ(TokenBuffer, "AT&F4\\Q3&D0X1S0=0S12=25S53=3S54=2S15=1\r")
+    EXPECT_EQ(line_.RateEstimate.load(), 16000);
+    EXPECT_STREQ(line_.TokenBuffer, "AT&F4\\Q3&D0X1S0=0S12=25S53=3S54=2S15=1\r")
         << "the stale lines were thrown away before the command went out";
     EXPECT_TRUE(Messages().empty()) << "a later set-up that fails is not reported";
     EXPECT_EQ(Logged(),
@@ -214,15 +215,15 @@ TEST_F(ProfileTest, LaterIncomingSetUpDrainsTheLineFirstAndIgnoresItsResult) {
     stores_.Prefs.IncomingProtocol = 2;
     stores_.Prefs.Incoming56K = 1;
     ClearLogged();
-    ReinitializeIncoming();
+    line_.ReinitializeIncoming();
     EXPECT_EQ(LastCommand(adapter), "AT\\Q3S0=0&D0&C1W1E1S71=2S73=1S74=256S75=0S60=56");
-    EXPECT_EQ(RateEstimate.load(), 7000);
+    EXPECT_EQ(line_.RateEstimate.load(), 7000);
 
     // Without an adapter nothing goes out.
-    AdapterFound.store(false);
+    line_.AdapterFound.store(false);
     adapter.ClearCommands();
     ClearLogged();
-    ReinitializeIncoming();
+    line_.ReinitializeIncoming();
     EXPECT_TRUE(adapter.CommandTexts().empty());
     EXPECT_TRUE(Logged().empty());
 }
@@ -233,29 +234,29 @@ TEST_F(ProfileTest, AFirstIncomingSetUpThatFailsIsReported) {
     script.Unanswered = {"AT\\Q3S0=0&D0&C1W1E1S71=2S73=0S74=253S75=0S60=64"};
     Adapter(script);
 
-    EXPECT_FALSE(InitializeIncoming());
+    EXPECT_FALSE(line_.InitializeIncoming());
     EXPECT_EQ(Messages(), (Texts{"Communications read time out during Startup."}));
-    EXPECT_EQ(OwnNumberCaption(), "Your ISDN Number: 5553882     3ComImpact IQ");
+    EXPECT_EQ(line_.OwnNumberCaption(), "Your ISDN Number: 5553882     3ComImpact IQ");
 }
 
 TEST_F(ProfileTest, ClosingCommandWaitsForOkExceptOnThe3Com) {
     Found(Model3Com, 0, 2);
     ScriptedAdapter& adapter = Adapter(ThreeComScript());
-    SendClosingCommand();
-    EXPECT_EQ(TokenBuffer[0], '\0') << "the 3Com's command is sent and its reply not read";
+    line_.SendClosingCommand();
+    EXPECT_EQ(line_.TokenBuffer[0], '\0') << "the 3Com's command is sent and its reply not read";
     ASSERT_TRUE(adapter.WaitForCommands(1, 2000));
-    DrainInput(200);
+    line_.DrainInput(200);
 
     stores_.Prefs.AdapterModel = ModelZyXEL;
-    SendClosingCommand();
-    EXPECT_STREQ(TokenBuffer, "AT&O0E1\r\r\nOK\r\n");
+    line_.SendClosingCommand();
+    EXPECT_STREQ(line_.TokenBuffer, "AT&O0E1\r\r\nOK\r\n");
     EXPECT_EQ(adapter.CommandTexts(), (Texts{"AT$B0E1", "AT&O0E1"}));
 
-    AdapterFound.store(false);
+    line_.AdapterFound.store(false);
     adapter.ClearCommands();
-    SendClosingCommand();
+    line_.SendClosingCommand();
     stores_.Prefs.AdapterModel = Model3Com;
-    SendClosingCommand();
+    line_.SendClosingCommand();
     EXPECT_FALSE(adapter.WaitForCommands(1, 200)) << "nothing goes to a port without an adapter";
 }
 

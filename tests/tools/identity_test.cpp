@@ -9,6 +9,7 @@
 
 #include "line/adapter.h"
 #include "line/comm_port.h"
+#include "line/line.h"
 #include "line/profiles.h"
 #include "resources/resource.h"
 #include "stores/installation.h"
@@ -54,21 +55,21 @@ TEST_P(AdapterChoice, IsIdentifiedGivesItsNumberAndTakesOnlyItsFamilysSetUps) {
     // The program at its start: it identifies the adapter at 9600 bps, reads
     // the adapter's number and sends its incoming profile.
     Installation stores(folder_.Path());
-    LineStores = &stores;
     stores.Prefs.AdapterModel = Model3Com + 1;
     stores.Prefs.AdapterVariant = 7;
-    ASSERT_TRUE(CommPortCreate());
-    SelectPortNumber(1);
-    SelectPortBaud(9600);
-    EXPECT_TRUE(IdentifyAdapter());
+    Line line(stores);
+    ASSERT_TRUE(line.CommPortCreate());
+    line.SelectPortNumber(1);
+    line.SelectPortBaud(9600);
+    EXPECT_TRUE(line.IdentifyAdapter());
     EXPECT_EQ(stores.Prefs.AdapterModel, choice.Model);
     EXPECT_EQ(stores.Prefs.AdapterVariant, choice.Variant);
-    EXPECT_TRUE(InitializeIncoming()) << "the incoming profile was refused";
-    EXPECT_STREQ(LocalNumber, number.c_str()) << "the number in full";
+    EXPECT_TRUE(line.InitializeIncoming()) << "the incoming profile was refused";
+    EXPECT_STREQ(line.LocalNumber, number.c_str()) << "the number in full";
     // Every profile the program builds for the adapter is taken: each
     // protocol, at 56K and 64K, with each pair of the channel options, on a
     // port fast enough for AIMUX.
-    SpeedClass.store(2);
+    line.SpeedClass.store(2);
     for (const int16_t protocol : {ProtocolV120, ProtocolAimux, ProtocolX75}) {
         for (int16_t options = 0; options < 4; ++options) {
             SCOPED_TRACE(testing::Message() << ProtocolNames[protocol] << " " << options);
@@ -76,11 +77,11 @@ TEST_P(AdapterChoice, IsIdentifiedGivesItsNumberAndTakesOnlyItsFamilysSetUps) {
             stores.Prefs.Incoming56K = static_cast<int16_t>(options & 1);
             stores.Prefs.Incoming2B = static_cast<int16_t>(options >> 1);
             stores.Prefs.IncomingV42 = static_cast<int16_t>((options ^ (options >> 1)) & 1);
-            EXPECT_TRUE(InitializeIncoming());
+            EXPECT_TRUE(line.InitializeIncoming());
         }
     }
-    const std::string query = CurrentProduct().NumberQuery;
-    CommPortDestroy();
+    const std::string query = CurrentProduct(stores.Prefs).NumberQuery;
+    line.CommPortDestroy();
 
     FarEnd& port = Port("COM1");
     EXPECT_EQ(port.Command(query).rfind(query + "\r\r\n", 0), 0u) << "the query is echoed";
@@ -104,7 +105,6 @@ TEST_P(AdapterChoice, IsIdentifiedGivesItsNumberAndTakesOnlyItsFamilysSetUps) {
     port.Send(closing + "\r");
     const char* result = FamilyOf(choice.Model).AnswersClosingCommand ? "\r\nOK\r\n" : "";
     EXPECT_EQ(port.ReceiveFor(300), closing + "\r" + result) << "the 3Com's has no result code";
-    LineStores = nullptr;
 }
 
 std::string ChoiceName(const testing::TestParamInfo<Choice>& info) {

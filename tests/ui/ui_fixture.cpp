@@ -21,7 +21,6 @@
 #include "app/control_model.h"
 #include "app/main_window.h"
 #include "engine/transfer_engine.h"
-#include "line/adapter.h"
 #include "platform/event_loop.h"
 #include "platform/files.h"
 #include "resources/resource.h"
@@ -92,7 +91,6 @@ void UiTest::SetUp() {
     BlockPorts(folder_.Path());
     // What one process does once: every test starts from the program's
     // first state.
-    AdapterFound = 0;
     TheEngine.LinkState = LinkIdle;
     answerer_ = std::make_unique<ModalAnswerer>();
     frontEnd_ = std::make_unique<FrontEnd>();
