@@ -1,5 +1,6 @@
 #include "platform/port_lock.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -11,7 +12,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <mutex>
+#include <string>
 #include <vector>
 
 namespace {
@@ -81,6 +84,42 @@ Holder ReadHolder(const std::string& lockPath) {
 // A process that kill refuses to signal is alive all the same.
 bool ProcessLives(pid_t pid) {
     return ::kill(pid, 0) == 0 || errno != ESRCH;
+}
+
+// A holder opens the device right after it has taken the lock, so a lock
+// younger than this is honoured whatever its process has open.
+constexpr time_t OpeningGraceSeconds = 10;
+
+// Whether the living process named by a lock that has stood a while still
+// uses the device. A program killed without its exit handlers leaves its lock
+// behind, and once enough processes have come and gone its id belongs to
+// another, unrelated process, which would keep the port locked until the
+// user removed the file by hand. Where the process's files cannot be seen
+// (another user's process), it counts as using the device.
+bool StillUsesDevice(pid_t pid, const std::string& lockPath, const std::string& device) {
+    struct stat lockState {};
+    if (::stat(lockPath.c_str(), &lockState) != 0 ||
+        std::time(nullptr) - lockState.st_mtime < OpeningGraceSeconds) {
+        return true;
+    }
+    const std::string folder = "/proc/" + std::to_string(pid) + "/fd";
+    DIR* const files = ::opendir(folder.c_str());
+    if (files == nullptr) {
+        return true;
+    }
+    bool uses = false;
+    while (const dirent* entry = ::readdir(files)) {
+        char target[PATH_MAX];
+        const std::string link = folder + "/" + entry->d_name;
+        const ssize_t length = ::readlink(link.c_str(), target, sizeof target - 1);
+        if (length > 0 &&
+            device.compare(0, std::string::npos, target, static_cast<size_t>(length)) == 0) {
+            uses = true;
+            break;
+        }
+    }
+    ::closedir(files);
+    return uses;
 }
 
 // Writes this process's lock, complete, under a temporary name in the folder;
@@ -153,6 +192,9 @@ PortLockResult PortLock::Take(const std::string& devicePath) {
     if (name.empty()) {
         return PortLockResult::NoDeviceName;
     }
+    char resolved[PATH_MAX];
+    const std::string device =
+        ::realpath(devicePath.c_str(), resolved) != nullptr ? resolved : devicePath;
     const std::string folder = PortLockFolder();
     const std::string lockPath = folder + "/" + name;
     // A second round is needed only when another program took or dropped
@@ -168,7 +210,8 @@ PortLockResult PortLock::Take(const std::string& devicePath) {
             }
             // A lock that names no process may be one whose writer has not
             // written it yet, so it is honoured.
-            if (holder.Pid == 0 || ProcessLives(holder.Pid)) {
+            if (holder.Pid == 0 ||
+                (ProcessLives(holder.Pid) && StillUsesDevice(holder.Pid, lockPath, device))) {
                 return PortLockResult::HeldByOther;
             }
             if (::unlink(lockPath.c_str()) != 0 && errno != ENOENT) {

@@ -1,15 +1,19 @@
 #include "platform/port_lock.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string>
 
 #include "platform/files.h"
+#include "platform/pseudo_terminal.h"
 #include "support/process_state.h"
 #include "support/temp_folder.h"
 
@@ -30,6 +34,19 @@ private:
     TempFolder folder_;
     EnvironmentValue value_;
 };
+
+// Whether the process has the file open, as /proc shows it.
+bool DeviceOpenedBy(pid_t pid, const std::string& path) {
+    const std::string folder = "/proc/" + std::to_string(pid) + "/fd";
+    for (int fd = 0; fd < 64; ++fd) {
+        char target[256] = {};
+        const std::string link = folder + "/" + std::to_string(fd);
+        if (::readlink(link.c_str(), target, sizeof target - 1) > 0 && path == target) {
+            return true;
+        }
+    }
+    return false;
+}
 
 }  // namespace
 
@@ -80,6 +97,60 @@ TEST(PortLock, TakesAFreeOrStaleLockAndRefusesALivingOne) {
         EXPECT_EQ(ReadWholeFile(lockPath), TextLock(::getppid()));
         ASSERT_TRUE(DeleteFileAt(lockPath));
     }
+}
+
+// A killed program's lock whose id now belongs to some other living
+// process: once it has stood past the opening's grace, it is taken unless that
+// process has the device open.
+TEST(PortLock, AnOldLockOfALivingProcessWithoutTheDeviceIsStale) {
+    LockFolder locks;
+    PseudoTerminal terminal;
+    ASSERT_TRUE(OpenPseudoTerminal(terminal));
+    const std::string lockPath = locks / PortLockName(terminal.SlavePath);
+    // A process that keeps the device open until told to go.
+    int release[2];
+    ASSERT_EQ(::pipe(release), 0);
+    const pid_t user = ::fork();
+    if (user == 0) {
+        ::close(release[1]);
+        const int fd = ::open(terminal.SlavePath.c_str(), O_RDWR | O_NOCTTY);
+        char byte = 0;
+        static_cast<void>(::read(release[0], &byte, 1));
+        ::_exit(fd >= 0 ? 0 : 1);
+    }
+    ASSERT_GT(user, 0);
+    ::close(release[0]);
+    const auto lockOf = [&](pid_t pid, time_t age) {
+        WriteWholeFile(lockPath, TextLock(pid));
+        const timespec when[2] = {{std::time(nullptr) - age, 0}, {std::time(nullptr) - age, 0}};
+        EXPECT_EQ(::utimensat(AT_FDCWD, lockPath.c_str(), when, 0), 0);
+    };
+    // The device's user has had the time to open it.
+    for (int wait = 0; wait < 500 && !DeviceOpenedBy(user, terminal.SlavePath); ++wait) {
+        ::usleep(10000);
+    }
+    struct Case {
+        const char* What;
+        pid_t Pid;
+        time_t Age;
+        PortLockResult Result;
+    } const cases[] = {
+        {"a new lock of a process that has not opened the device yet", ::getppid(), 0,
+         PortLockResult::HeldByOther},
+        {"an old lock of the process that uses the device", user, 60, PortLockResult::HeldByOther},
+        {"an old lock of a process that does not", ::getppid(), 60, PortLockResult::Taken},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.What);
+        lockOf(c.Pid, c.Age);
+        PortLock lock;
+        EXPECT_EQ(lock.Take(terminal.SlavePath), c.Result);
+    }
+    ::close(release[1]);
+    int status = 0;
+    ASSERT_EQ(::waitpid(user, &status, 0), user);
+    EXPECT_EQ(status, 0) << "the device's user could not open it";
+    ClosePseudoTerminal(terminal);
 }
 
 TEST(PortLock, AFolderThatTakesNoFileLeavesThePortUnlocked) {
