@@ -94,7 +94,7 @@ void SetUpSandbox() {
     Inst->Prefs.AdapterModel = ModelBitSURFR;
     SetEngineLine(*PortLine);
     EngineStartup(*Inst);
-    TheMainWindow = &Window;
+    TheEngine.Window = &Window;
     PortLine->AdapterFound = 1;
     SetFreeSpaceQuery([] { return uint64_t{1} << 40; });
     TheEngine.WeSend = false;

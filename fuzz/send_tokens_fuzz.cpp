@@ -151,7 +151,7 @@ void Step() {
     if (TheEngine.WeSend.load()) {
         // The files offered are there and readable: a fault in reading one
         // means the position went outside it.
-        Require(!TheSession.SendFault.load(), "a file offered could not be read");
+        Require(!TheEngine.Session.SendFault.load(), "a file offered could not be read");
         OnSenderInput();
     } else {
         OnReceiverInput();

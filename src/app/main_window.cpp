@@ -196,7 +196,7 @@ MainWindow::~MainWindow() {
     if (initialised_) {
         stores_.Log.SetSink(nullptr);
         MainLoop().SetTimerHandler(nullptr);
-        TheMainWindow = nullptr;
+        TheEngine.Window = nullptr;
     }
 }
 
@@ -259,7 +259,7 @@ void MainWindow::CreateControls() {
 }
 
 bool MainWindow::OnInitDialog() {
-    TheMainWindow = engineDisplay_.get();
+    TheEngine.Window = engineDisplay_.get();
     initialised_ = true;
     CreateControls();
     MainLoop().SetTimerHandler([this](int id) { OnTimer(id); });

@@ -3,7 +3,7 @@
 // MainWindow keeps the state of every control in the control model
 // (Controls()), and its panels do the work of the controls, each of its own
 // (window_panel.h). The engine's threads call the panels' display operations
-// directly, through TheMainWindow, from whatever thread they run on; none of
+// directly, through TheEngine.Window, from whatever thread they run on; none of
 // them waits for another thread. A front end (the station program, or a
 // drawn window) shows the model and hands the user's actions to HandleEvent
 // on the main loop's thread; nothing here depends on which front end, if
@@ -225,7 +225,7 @@ private:
     // is the one that stays on the buttons.
     std::mutex buttonsLock_;
 
-    // What the engine's threads call; TheMainWindow points at it while the
+    // What the engine's threads call; TheEngine.Window points at it while the
     // window exists.
     std::unique_ptr<EngineDisplay> engineDisplay_;
 

@@ -126,16 +126,16 @@ void HandleLineEvent() {
         // to the next, and a second "ATA" would reach that caller as data
         // once the first has connected. It is not answered, and nothing is
         // thrown away after it, since the answer's result is on its way.
-        if (TheSession.AnswerPending.load() &&
-            NowMs() - TheSession.AnsweredAt.load() < AnswerResultLimitMs) {
+        if (TheEngine.Session.AnswerPending.load() &&
+            NowMs() - TheEngine.Session.AnsweredAt.load() < AnswerResultLimitMs) {
             return;
         }
         TheEngine.Line->DrainInput(RingDrainQuietMs);
         ClearHotFolderCounters();
         SleepMs(AnswerPauseMs);
         TheEngine.Line->SendCommand("ATA");
-        TheSession.AnsweredAt = NowMs();
-        TheSession.AnswerPending = true;
+        TheEngine.Session.AnsweredAt = NowMs();
+        TheEngine.Session.AnswerPending = true;
         return;
     }
     for (const ConnectCode& code : ConnectCodes) {

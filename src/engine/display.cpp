@@ -6,15 +6,7 @@ void NoWindow::LogElapsedTime() {
     TheEngine.TransferStartTime = 0;
 }
 
-std::atomic<EngineWindow*> TheMainWindow{nullptr};
-
-namespace {
-
-NoWindow Windowless;
-
-}  // namespace
-
 EngineWindow& Display() {
-    EngineWindow* window = TheMainWindow.load();
-    return window != nullptr ? *window : Windowless;
+    EngineWindow* window = TheEngine.Window.load();
+    return window != nullptr ? *window : TheEngine.Windowless;
 }

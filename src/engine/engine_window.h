@@ -1,5 +1,5 @@
 // The window's operations that the engine's threads call, directly and from
-// whatever thread they run on, through the one pointer TheMainWindow. The
+// whatever thread they run on, through the one pointer TheEngine.Window. The
 // window implements them over its thread-safe controls, so none of them ever
 // waits for another thread.
 #pragma once
@@ -38,7 +38,23 @@ public:
     virtual bool ImportDirectoryEntry(const std::string& path) = 0;
 };
 
-// The window, once it exists; null before and after, and in a program that has
-// none, whose engine then shows nothing. The engine's threads read it while the
-// window's thread sets and clears it.
-extern std::atomic<EngineWindow*> TheMainWindow;
+// The window when there is none: it shows nothing. The send list keeps its
+// own figures, so there is nothing of the engine's to keep right here but the
+// time of the transfer.
+class NoWindow : public EngineWindow {
+public:
+    void ShowBatchEstimate(uint32_t) override {}
+    void ShowTransferDisplay(bool) override {}
+    void SetProgress(uint32_t, uint32_t) override {}
+    void ShowThroughput(bool, bool) override {}
+    void LogElapsedTime() override;
+    void ListIncomingFiles() override {}
+    void RemoveTopFileRow() override {}
+    void UpdateActionButtons() override {}
+    void ShowCorrespondent(int16_t) override {}
+    void SelectCorrespondent(int16_t) override {}
+    void ShowSelectedCorrespondent() override {}
+    void ClearFileList() override {}
+    void AddFolderToSendList(const std::string&, const std::string&) override {}
+    bool ImportDirectoryEntry(const std::string&) override { return false; }
+};

@@ -29,17 +29,14 @@ constexpr int RequestMinDigits = 4;
 // Entries of a pick-up folder looked at, "." and ".." among them.
 constexpr size_t ScannedEntries = 100;
 
-// Each clear asked for bumps the count; the main thread zeroes the counters
-// when it sees a count it has not yet served.
-std::atomic<uint32_t> ClearsAsked{0};
-uint32_t ClearsServed = 0;  // main thread only
-
+// Zeroes the pick-up counters when a clear has been asked for since the last
+// one served (TheEngine.Clears).
 void ServeHotFolderClears() {
-    const uint32_t asked = ClearsAsked.load();
-    if (asked == ClearsServed) {
+    const uint32_t asked = TheEngine.Clears.Asked.load();
+    if (asked == TheEngine.Clears.Served) {
         return;
     }
-    ClearsServed = asked;
+    TheEngine.Clears.Served = asked;
     for (int i = 0; i <= Stores().Directory.Count.load() && i < DirectorySlots; ++i) {
         if (Stores().Directory[i].HotSend != 0) {
             Stores().Directory[i].HotBytes = 0;
@@ -79,7 +76,7 @@ void OnRetrieveClicked(const CallRequest& call) {
 }
 
 void ClearHotFolderCounters() {
-    ClearsAsked.fetch_add(1);
+    TheEngine.Clears.Asked.fetch_add(1);
     if (!OnCommThread()) {
         ServeHotFolderClears();
     }

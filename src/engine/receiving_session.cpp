@@ -38,13 +38,10 @@ constexpr int16_t ListLimitMs = 1000;
 constexpr size_t NameStemForSuffix = 29;
 constexpr size_t NameLimit = 31;
 
-std::mutex FreeSpaceLock;
-FreeSpaceQuery InstalledFreeSpaceQuery;
-
 uint64_t FreeSpace() {
-    std::lock_guard<std::mutex> guard(FreeSpaceLock);
-    if (InstalledFreeSpaceQuery) {
-        return InstalledFreeSpaceQuery();
+    std::lock_guard<std::mutex> guard(TheEngine.FreeSpace.Lock);
+    if (TheEngine.FreeSpace.Query) {
+        return TheEngine.FreeSpace.Query();
     }
     // The volume that the files go to, which need not be the installation's.
     return FreeDiskSpace(Stores().Paths.IncomingPath);
@@ -415,8 +412,8 @@ void OnNothingToRetrieve(const char* logLine) {
 }  // namespace
 
 void SetFreeSpaceQuery(FreeSpaceQuery query) {
-    std::lock_guard<std::mutex> guard(FreeSpaceLock);
-    InstalledFreeSpaceQuery = std::move(query);
+    std::lock_guard<std::mutex> guard(TheEngine.FreeSpace.Lock);
+    TheEngine.FreeSpace.Query = std::move(query);
 }
 
 std::string SafeReceivedName(std::string_view announced) {

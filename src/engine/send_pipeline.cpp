@@ -38,7 +38,7 @@ void NapWhileOutputDrains(uint32_t waiting) {
 // The file cannot give what its entry announced: the call cannot go on.
 void ReportUnreadable(const FileEntry& entry) {
     Stores().Log.Add("Cannot read file: " + std::string(entry.DisplayName.View()));
-    TheSession.SendFault = true;
+    TheEngine.Session.SendFault = true;
     // The communications thread ends the call at its next pass.
     TheEngine.Line->InterruptPortWait();
 }
@@ -156,7 +156,7 @@ unsigned SectionFeeder(void*) {
     bool refreshDue = false;
     while (TheEngine.FeederRun.load()) {
         if (TheEngine.LinkState.load() != LinkTransfer || TheEngine.SendList.IsEmpty() ||
-            TheSession.SendFault.load()) {
+            TheEngine.Session.SendFault.load()) {
             ParkThread(self);
             continue;
         }
@@ -194,7 +194,7 @@ unsigned BlockWriter(void*) {
     while (TheEngine.WriterRun.load()) {
         TheEngine.Line->SendBytes(TheEngine.WriteBlock.load(), TheEngine.WriteBlockLength.load());
         // The line took the block: the far end is taking data.
-        TheSession.FarEndSeenAt = NowMs();
+        TheEngine.Session.FarEndSeenAt = NowMs();
         TheEngine.SendDisplayDirty = true;
         if (!TheEngine.SendList.IsEmpty()) {
             TheEngine.SendList[0].LastBlockTime = NowMs();

@@ -51,7 +51,7 @@ void StartTransfer() {
 
 // Whether a list-accepting token may start a transfer now.
 bool ReadyToStart() {
-    return TheEngine.LinkState.load() == LinkConnected && TheSession.ListOffered.load() &&
+    return TheEngine.LinkState.load() == LinkConnected && TheEngine.Session.ListOffered.load() &&
            !FeederRunning();
 }
 
@@ -162,7 +162,7 @@ void OnAllFilesSent() {
     const LinkState state = TheEngine.LinkState.load();
     // With no feeder the list held no data at all, and the far end, having
     // made the empty files, answers the offer with ACK2 at once.
-    const bool emptyList = !FeederRunning() && TheSession.ListOffered.load() &&
+    const bool emptyList = !FeederRunning() && TheEngine.Session.ListOffered.load() &&
                            (state == LinkConnected || state == LinkFileSent);
     if (!emptyList && !FileIsThrough()) {
         return;
@@ -179,14 +179,14 @@ void OnAllFilesSent() {
 }
 
 void OnReceiverReady() {
-    if (TheEngine.LinkState.load() != LinkConnected || TheSession.ListOffered.load()) {
+    if (TheEngine.LinkState.load() != LinkConnected || TheEngine.Session.ListOffered.load()) {
         return;
     }
     if (!TheEngine.RetrievePending.load()) {
         StartSendSession();
         return;
     }
-    TheSession.ListOffered = true;
+    TheEngine.Session.ListOffered = true;
     SendToken(TokenRetrieve);
     const RetrieveRequest request = MakeRetrieveRequest(
         std::string_view(TheEngine.Line->LocalNumber,
@@ -200,7 +200,7 @@ void OnReceiverReady() {
 // end the call, so this end says why and hangs up at once; the list stays
 // for another try.
 void OnListRefused(const char* why) {
-    if (TheEngine.LinkState.load() != LinkConnected || !TheSession.ListOffered.load() ||
+    if (TheEngine.LinkState.load() != LinkConnected || !TheEngine.Session.ListOffered.load() ||
         FeederRunning()) {
         return;  // no list of ours awaits an answer
     }
@@ -271,7 +271,7 @@ void StartSendSession() {
     TheEngine.Line->SendBytes(TheEngine.WireList,
                               static_cast<int16_t>(count * sizeof(WireFileEntry)));
     TheEngine.BlockIndex = 0;
-    TheSession.ListOffered = true;
+    TheEngine.Session.ListOffered = true;
     if (count > 0 && TheEngine.SendList[0].EntryKind == FileKind::FolderMarker) {
         // The marker has told the far end where the files go; it carries
         // nothing itself.

@@ -9,21 +9,11 @@
 #include "line/comm_port.h"
 #include "platform/clock.h"
 
-SessionFlags TheSession;
-
 namespace {
 
-// The step handshake.
-std::atomic<int32_t> FeederInStep{0};
-std::mutex StepLock;
-std::condition_variable StepLeft;
-
-// The threads of the latest session, kept until they have been waited for.
-// Only the communications thread starts a session, and the threads of one
-// session are waited for before those of the next start, so the handles are
-// written while no thread of a session runs.
-std::mutex HandlesLock;
-ThreadHandle SessionFeeder;
+SessionThreads& Threads() {
+    return TheEngine.Threads;
+}
 
 }  // namespace
 
@@ -33,20 +23,20 @@ void ReturnToIdle() {
 }
 
 void ClearSessionFlags() {
-    TheSession.ListOffered = false;
-    TheSession.SendFault = false;
-    TheSession.FarEndSeenAt = NowMs();
-    TheSession.FarEndSeenIn = LinkIdle;
-    TheSession.HangUpTried = false;
+    TheEngine.Session.ListOffered = false;
+    TheEngine.Session.SendFault = false;
+    TheEngine.Session.FarEndSeenAt = NowMs();
+    TheEngine.Session.FarEndSeenIn = LinkIdle;
+    TheEngine.Session.HangUpTried = false;
     TheEngine.Line->ResetSerialLimitLine();
-    TheSession.HangUpRetries = 0;
-    TheSession.HangUpRetryDue = false;
-    TheSession.AnswerPending = false;
+    TheEngine.Session.HangUpRetries = 0;
+    TheEngine.Session.HangUpRetryDue = false;
+    TheEngine.Session.AnswerPending = false;
 }
 
 ThreadHandle CurrentFeederHandle() {
-    std::lock_guard<std::mutex> guard(HandlesLock);
-    return SessionFeeder;
+    std::lock_guard<std::mutex> guard(Threads().HandlesLock);
+    return Threads().SessionFeeder;
 }
 
 void StartSectionFeeder() {
@@ -54,8 +44,8 @@ void StartSectionFeeder() {
     // on its way out; it must be gone before a new one takes the shared words.
     ThreadHandle oldFeeder;
     {
-        std::lock_guard<std::mutex> guard(HandlesLock);
-        oldFeeder = SessionFeeder;
+        std::lock_guard<std::mutex> guard(Threads().HandlesLock);
+        oldFeeder = Threads().SessionFeeder;
     }
     JoinThread(oldFeeder);
     JoinThread(TheEngine.WriterThread.load());
@@ -75,15 +65,15 @@ void StartSectionFeeder() {
     ThreadHandle feeder =
         StartThread(SectionFeeder, nullptr, ThreadPriority::Highest, true, processor);
     {
-        std::lock_guard<std::mutex> guard(HandlesLock);
-        SessionFeeder = feeder;
+        std::lock_guard<std::mutex> guard(Threads().HandlesLock);
+        Threads().SessionFeeder = feeder;
     }
     if (!feeder || !TheEngine.WriterThread.load()) {
         TheEngine.FeederRun = false;
         TheEngine.WriterRun = false;
         WakeThread(TheEngine.WriterThread.load());
         WakeThread(feeder);
-        TheSession.SendFault = true;
+        TheEngine.Session.SendFault = true;
         TheEngine.Line->InterruptPortWait();
         return;
     }
@@ -106,8 +96,8 @@ void StopFeeder() {
 
     ThreadHandle feeder;
     {
-        std::lock_guard<std::mutex> guard(HandlesLock);
-        feeder = SessionFeeder;
+        std::lock_guard<std::mutex> guard(Threads().HandlesLock);
+        feeder = Threads().SessionFeeder;
     }
     if (!feeder) {
         return;
@@ -121,17 +111,17 @@ void StopFeeder() {
     JoinThread(feeder);
     JoinThread(TheEngine.WriterThread.load());
     {
-        std::lock_guard<std::mutex> guard(HandlesLock);
-        if (SessionFeeder == feeder) {
-            SessionFeeder = nullptr;
+        std::lock_guard<std::mutex> guard(Threads().HandlesLock);
+        if (Threads().SessionFeeder == feeder) {
+            Threads().SessionFeeder = nullptr;
         }
     }
     TheEngine.WriterThread.store(nullptr);
-    FeederInStep = 0;
+    Threads().FeederInStep = 0;
 }
 
 bool FeederEnterStep() {
-    FeederInStep.store(1);
+    Threads().FeederInStep.store(1);
     if (TheEngine.LinkState.load() != LinkTransfer || !TheEngine.FeederRun.load()) {
         FeederLeaveStep();
         return false;
@@ -141,21 +131,21 @@ bool FeederEnterStep() {
 
 void FeederLeaveStep() {
     {
-        std::lock_guard<std::mutex> guard(StepLock);
-        FeederInStep.store(0);
+        std::lock_guard<std::mutex> guard(Threads().StepLock);
+        Threads().FeederInStep.store(0);
     }
-    StepLeft.notify_all();
+    Threads().StepLeft.notify_all();
 }
 
 void WaitFeederOutOfStep() {
-    std::unique_lock<std::mutex> guard(StepLock);
-    StepLeft.wait(guard, [] { return FeederInStep.load() == 0; });
+    std::unique_lock<std::mutex> guard(Threads().StepLock);
+    Threads().StepLeft.wait(guard, [] { return Threads().FeederInStep.load() == 0; });
 }
 
 bool WaitFeederFileSent(int limitMs) {
-    std::unique_lock<std::mutex> guard(StepLock);
-    StepLeft.wait_for(guard, std::chrono::milliseconds(limitMs), [] {
-        return TheEngine.LinkState.load() != LinkTransfer && FeederInStep.load() == 0;
+    std::unique_lock<std::mutex> guard(Threads().StepLock);
+    Threads().StepLeft.wait_for(guard, std::chrono::milliseconds(limitMs), [] {
+        return TheEngine.LinkState.load() != LinkTransfer && Threads().FeederInStep.load() == 0;
     });
-    return TheEngine.LinkState.load() == LinkFileSent && FeederInStep.load() == 0;
+    return TheEngine.LinkState.load() == LinkFileSent && Threads().FeederInStep.load() == 0;
 }

@@ -14,7 +14,9 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
+#include <mutex>
 
 #include "platform/thread.h"
 
@@ -43,7 +45,17 @@ struct SessionFlags {
     std::atomic<uint32_t> AnsweredAt{0};
 };
 
-extern SessionFlags TheSession;
+// The step handshake, and the feeder of the latest session, kept until it
+// has been waited for. Only the communications thread starts a session, and
+// the threads of one session are waited for before those of the next start,
+// so the handle is written while no thread of a session runs.
+struct SessionThreads {
+    std::atomic<int32_t> FeederInStep{0};
+    std::mutex StepLock;
+    std::condition_variable StepLeft;
+    std::mutex HandlesLock;
+    ThreadHandle SessionFeeder;
+};
 
 // Clears the flags of the session; its far end counts as seen now.
 void ClearSessionFlags();

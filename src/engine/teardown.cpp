@@ -43,10 +43,10 @@ constexpr uint32_t HangUpRetryMs = 5000;
 // sending side has none, so it tries again a few times.
 bool HangUpFailed() {
     Stores().Log.Add("Hang-up failed.");
-    if (TheEngine.WeSend.load() && TheSession.HangUpRetries.load() < HangUpRetryLimit) {
-        TheSession.HangUpRetries.fetch_add(1);
-        TheSession.HangUpRetryAt = NowMs();
-        TheSession.HangUpRetryDue = true;
+    if (TheEngine.WeSend.load() && TheEngine.Session.HangUpRetries.load() < HangUpRetryLimit) {
+        TheEngine.Session.HangUpRetries.fetch_add(1);
+        TheEngine.Session.HangUpRetryAt = NowMs();
+        TheEngine.Session.HangUpRetryDue = true;
         TheEngine.Line->InterruptPortWait();
     }
     return false;
@@ -118,8 +118,8 @@ void EndCallByHangUp() {
 
 bool HangUp() {
     PortConversation conversation(*TheEngine.Line);
-    TheSession.HangUpRetryDue = false;
-    TheSession.HangUpTried = true;
+    TheEngine.Session.HangUpRetryDue = false;
+    TheEngine.Session.HangUpTried = true;
     // The escape needs the port silent for the pause. Whatever of ours still
     // waits to go out would break that silence for as long as the line needs
     // to carry it, and for ever when the far end takes nothing more; but what
@@ -166,10 +166,10 @@ bool HangUp() {
 }
 
 std::optional<int> MsUntilHangUpRetry() {
-    if (!TheSession.HangUpRetryDue.load()) {
+    if (!TheEngine.Session.HangUpRetryDue.load()) {
         return std::nullopt;
     }
-    const uint32_t elapsed = NowMs() - TheSession.HangUpRetryAt.load();
+    const uint32_t elapsed = NowMs() - TheEngine.Session.HangUpRetryAt.load();
     return elapsed >= HangUpRetryMs ? 0 : static_cast<int>(HangUpRetryMs - elapsed);
 }
 
@@ -179,7 +179,7 @@ bool RetryHangUpIfDue() {
     }
     // A call that has ended meanwhile (NO CARRIER) cleared the retry.
     if (TheEngine.LinkState.load() < LinkConnected) {
-        TheSession.HangUpRetryDue = false;
+        TheEngine.Session.HangUpRetryDue = false;
         return false;
     }
     // A failure has set up the next try, up to the limit.

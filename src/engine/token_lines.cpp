@@ -8,21 +8,17 @@
 
 namespace {
 
-// Only the last few bytes are kept, too few to hold a whole token but enough
-// to begin any, and only for a moment, so that no fragment outlives its call.
-// The communications thread alone uses them.
+// How much of an unfinished line is kept (CarriedLine), and for how long.
 constexpr size_t CarryBytes = 15;
 constexpr uint32_t CarryLimitMs = 1000;
-std::string CarriedBytes;
-uint32_t CarriedAt = 0;
 
 // What was just read, behind what the previous read left unfinished.
 std::string JoinCarried(const char* read) {
     std::string line;
-    if (!CarriedBytes.empty() && NowMs() - CarriedAt <= CarryLimitMs) {
-        line = CarriedBytes;
+    if (!TheEngine.TokenCarry.Bytes.empty() && NowMs() - TheEngine.TokenCarry.At <= CarryLimitMs) {
+        line = TheEngine.TokenCarry.Bytes;
     }
-    CarriedBytes.clear();
+    TheEngine.TokenCarry.Bytes.clear();
     return line + read;
 }
 
@@ -38,15 +34,15 @@ bool ReadTokenLine(int16_t limitMs, std::string& line) {
     line.clear();
     if (*TheEngine.Line->TokenBuffer != '\0') {  // when nothing came, what is carried ages on
         const std::string unfinished = JoinCarried(TheEngine.Line->TokenBuffer);
-        CarriedBytes =
+        TheEngine.TokenCarry.Bytes =
             unfinished.substr(unfinished.size() > CarryBytes ? unfinished.size() - CarryBytes : 0);
-        CarriedAt = NowMs();
+        TheEngine.TokenCarry.At = NowMs();
     }
     return false;
 }
 
 void ForgetUnfinishedLine() {
-    CarriedBytes.clear();
+    TheEngine.TokenCarry.Bytes.clear();
 }
 
 void SendToken(const WireToken& token) {

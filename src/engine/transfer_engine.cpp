@@ -4,6 +4,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "engine/comm_pass.h"
@@ -33,12 +34,6 @@ constexpr int LongestWaitMs = 1000;
 // While blocks go out, the send progress is redrawn at this pace.
 constexpr int SendDisplayWaitMs = 200;
 
-thread_local bool ThisIsCommThread = false;
-thread_local bool InsidePass = false;
-// Messages held back until the pass has let go of the port; the
-// communications thread's own.
-std::vector<std::string> HeldMessages;
-
 // Milliseconds until more than limitMs have gone by since the stamp; 0 when
 // they have.
 int MsUntilPast(uint32_t since, uint32_t limitMs) {
@@ -61,23 +56,23 @@ uint32_t SenderLimitMs(LinkState state) {
 // its limit, with no hang-up under way yet. A session that has moved on to
 // another state since the last look has heard the far end's token.
 bool SenderLostFarEnd(LinkState state) {
-    if (state < LinkConnected || TheSession.HangUpTried.load()) {
+    if (state < LinkConnected || TheEngine.Session.HangUpTried.load()) {
         return false;
     }
-    if (TheSession.FarEndSeenIn.exchange(state) != state) {
-        TheSession.FarEndSeenAt = NowMs();
+    if (TheEngine.Session.FarEndSeenIn.exchange(state) != state) {
+        TheEngine.Session.FarEndSeenAt = NowMs();
         return false;
     }
-    return NowMs() - TheSession.FarEndSeenAt.load() > SenderLimitMs(state);
+    return NowMs() - TheEngine.Session.FarEndSeenAt.load() > SenderLimitMs(state);
 }
 
 // How long a pass that found nothing to do may wait for input.
 int WaitBound(LinkState state, bool sending) {
     if (sending) {
         int bound = state == LinkTransfer ? SendDisplayWaitMs : LongestWaitMs;
-        if (state >= LinkConnected && !TheSession.HangUpTried.load()) {
-            bound =
-                std::min(bound, MsUntilPast(TheSession.FarEndSeenAt.load(), SenderLimitMs(state)));
+        if (state >= LinkConnected && !TheEngine.Session.HangUpTried.load()) {
+            bound = std::min(
+                bound, MsUntilPast(TheEngine.Session.FarEndSeenAt.load(), SenderLimitMs(state)));
         }
         const std::optional<int> retry = MsUntilHangUpRetry();
         return retry && *retry < bound ? *retry : bound;
@@ -101,7 +96,7 @@ std::optional<int> PassWork() {
     const LinkState state = TheEngine.LinkState.load();
     const bool sending = TheEngine.WeSend.load();
 
-    if (sending && state >= LinkConnected && TheSession.SendFault.exchange(false)) {
+    if (sending && state >= LinkConnected && TheEngine.Session.SendFault.exchange(false)) {
         RequestDisconnect();
         return std::nullopt;
     }
@@ -170,7 +165,7 @@ std::optional<int> PassWork() {
 
 void ShowHeldMessages() {
     std::vector<std::string> messages;
-    messages.swap(HeldMessages);
+    messages.swap(TheEngine.Marks.HeldMessages);
     for (const std::string& text : messages) {
         ShowMessageBox(text);
     }
@@ -187,12 +182,12 @@ void CommPass() {
         TheEngine.Line->WaitForPortWake(LongestWaitMs);
         return;
     }
-    InsidePass = true;
+    TheEngine.Marks.InsidePass = std::this_thread::get_id();
     const std::optional<int> waitMs = PassWork();
     if (waitMs && TheEngine.CommThreadRun.load()) {
         TheEngine.Line->WaitForPortInput(*waitMs);
     }
-    InsidePass = false;
+    TheEngine.Marks.InsidePass = std::thread::id();
     portGuard.unlock();
     ShowHeldMessages();
 }
@@ -200,12 +195,12 @@ void CommPass() {
 }  // namespace
 
 bool OnCommThread() {
-    return ThisIsCommThread;
+    return TheEngine.Marks.CommThread.load() == std::this_thread::get_id();
 }
 
 void ShowMessageOutsidePass(const std::string& text) {
-    if (InsidePass) {
-        HeldMessages.push_back(text);
+    if (TheEngine.Marks.InsidePass.load() == std::this_thread::get_id()) {
+        TheEngine.Marks.HeldMessages.push_back(text);
     } else {
         ShowMessageBox(text);
     }
@@ -251,9 +246,11 @@ void EngineShutdown() {
 }
 
 unsigned CommThread(void*) {
-    ThisIsCommThread = true;
+    TheEngine.Marks.CommThread = std::this_thread::get_id();
     while (TheEngine.CommThreadRun.load()) {
         CommPass();
     }
+    // A thread made later may be given this id again.
+    TheEngine.Marks.CommThread = std::thread::id();
     return 0;
 }

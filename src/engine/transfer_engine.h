@@ -17,9 +17,17 @@
 #include <atomic>
 #include <cstdint>
 #include <ctime>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
 
+#include "engine/engine_window.h"
 #include "engine/file_entry.h"
 #include "engine/send_list.h"
+#include "engine/session_threads.h"
+#include "engine/token_lines.h"
 #include "engine/wire.h"
 #include "line/line.h"
 #include "platform/thread.h"
@@ -33,6 +41,36 @@ enum LinkState : int16_t {
     LinkTransfer = 3,   // file data flows
     LinkFileSent = 4,   // sending side: the file's last block is out, an ACK is awaited
     LinkRecovery = 5,   // a section failed its check and is being asked for again
+};
+
+// Which thread is the communications thread and which is inside one of its
+// passes, so that a message box asked for inside a pass waits until the pass
+// has let go of the port. Each id is set and cleared by the thread it names,
+// and compared by any thread with its own: a thread that is neither always
+// sees another's id or none.
+struct CommThreadMarks {
+    std::atomic<std::thread::id> CommThread;
+    std::atomic<std::thread::id> InsidePass;
+    // Messages held back until the pass has let go of the port; only the
+    // thread that runs the pass touches them, in it and just after.
+    std::vector<std::string> HeldMessages;
+};
+
+// Clears of the pick-up folders' byte counts. Each clear asked for bumps the
+// count; the main thread zeroes the counters when it sees a count it has not
+// yet served.
+struct HotFolderClears {
+    std::atomic<uint32_t> Asked{0};
+    uint32_t Served = 0;  // main thread only
+};
+
+// The free bytes that admission compares with a list's total: the query a
+// test or a fuzz target installs (receiving_session_test_hooks.h), or, while
+// none is, the incoming folder's volume. The receiving side asks it on the
+// communications thread while the installing thread may change it.
+struct FreeSpaceSource {
+    std::mutex Lock;
+    std::function<uint64_t()> Query;
 };
 
 struct TransferEngine {
@@ -99,6 +137,23 @@ struct TransferEngine {
     // thread reaches it here. It goes when the engine becomes an object that
     // is handed its line. The type is named from outside, as for LinkState.
     ::Line* Line = nullptr;
+
+    // The window that Display() (engine/display.h) reaches while it exists,
+    // set and cleared by the window's thread and read by every engine thread;
+    // the one that shows nothing stands in before and after.
+    std::atomic<EngineWindow*> Window{nullptr};
+    NoWindow Windowless;
+
+    // The call in progress: the flags of its session, the handshake of its
+    // sending threads, and the end of a token line that the communications
+    // thread read before the line's end had come.
+    SessionFlags Session;
+    SessionThreads Threads;
+    CarriedLine TokenCarry;
+
+    CommThreadMarks Marks;
+    HotFolderClears Clears;
+    FreeSpaceSource FreeSpace;
 
     // Buffers, made by EngineStartup and freed by EngineShutdown.
     WireFileEntry* WireList = nullptr;  // ListCapacity entries

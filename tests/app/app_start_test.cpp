@@ -89,7 +89,7 @@ TEST_F(AppStartTest, AFirstRunMakesItsFilesAndAnExitWithoutAnAdapterSavesNoPrefe
     const std::string log = ReadWholeFile(folder_ / "kestrelbound_log");
     EXPECT_EQ(log, lines[0] + std::string(1, '\0') + lines[1] + std::string(2, '\0'));
     EXPECT_TRUE(Messages().empty());
-    EXPECT_EQ(TheMainWindow.load(), nullptr);
+    EXPECT_EQ(TheEngine.Window.load(), nullptr);
 
     // The second start shows the stored lines above its own Starting line.
     std::vector<std::string> rows;
