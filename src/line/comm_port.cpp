@@ -159,7 +159,7 @@ char* Line::ReadToToken(const char* token, int16_t timeoutMs, char* buffer, bool
     }
     const size_t tokenLength = std::strlen(token);
     uint32_t index = 0;
-    StartElapsed();
+    readClock_.Start();
     for (;;) {
         // Take what waits, one byte at a time: the token must be found at the
         // byte that completes it, so whatever follows it stays in the queue.
@@ -190,7 +190,7 @@ char* Line::ReadToToken(const char* token, int16_t timeoutMs, char* buffer, bool
                 return nullptr;
             }
         }
-        const int16_t elapsed = ElapsedMs();
+        const int16_t elapsed = readClock_.Elapsed();
         if (elapsed >= timeoutMs) {
             return nullptr;
         }
@@ -225,7 +225,7 @@ uint32_t Line::ReadBlock(void* buffer, uint32_t count, int16_t timeoutMs) {
         return 0;
     }
     uint32_t lastSeen = 0;
-    StartElapsed();
+    readClock_.Start();
     for (;;) {
         const uint32_t waiting = PortQueueCount(PortQueue::Input);
         if (waiting >= count) {
@@ -233,9 +233,9 @@ uint32_t Line::ReadBlock(void* buffer, uint32_t count, int16_t timeoutMs) {
         }
         if (waiting != lastSeen) {
             lastSeen = waiting;
-            StartElapsed();
+            readClock_.Start();
         }
-        const int16_t elapsed = ElapsedMs();
+        const int16_t elapsed = readClock_.Elapsed();
         if (elapsed >= timeoutMs) {
             Stores.Log.Add("Read Buffer Timeout");
             return port_->Handle.Read(buffer, waiting);
@@ -254,14 +254,14 @@ bool Line::DrainInputWithin(int16_t quietMs, uint32_t longestMs) {
     }
     uint8_t scratch[256];
     const uint32_t start = NowMs();
-    StartElapsed();
+    readClock_.Start();
     for (;;) {
         if (PortQueueCount(PortQueue::Input) != 0) {
             while (port_->Handle.Read(scratch, sizeof scratch) > 0) {
             }
-            StartElapsed();
+            readClock_.Start();
         }
-        const int16_t elapsed = ElapsedMs();
+        const int16_t elapsed = readClock_.Elapsed();
         if (elapsed >= quietMs) {
             return true;
         }
@@ -284,7 +284,7 @@ std::optional<size_t> Line::DrainUntilAny(std::initializer_list<std::string_view
     // The end of what came, enough of it to hold a text cut between reads.
     std::string seen;
     char scratch[256];
-    StartElapsed();
+    readClock_.Start();
     for (;;) {
         // A run at a time, so that a stream that never pauses still has the
         // time limit looked at.
@@ -302,7 +302,7 @@ std::optional<size_t> Line::DrainUntilAny(std::initializer_list<std::string_view
                 seen.erase(0, seen.size() - longest + 1);
             }
         }
-        const int16_t elapsed = ElapsedMs();
+        const int16_t elapsed = readClock_.Elapsed();
         if (elapsed >= timeoutMs) {
             return std::nullopt;
         }

@@ -25,6 +25,7 @@
 #include "line/adapter_family.h"
 #include "line/comm_port.h"
 #include "line/profiles.h"
+#include "platform/clock.h"
 #include "stores/installation.h"
 
 class Line {
@@ -249,6 +250,8 @@ private:
     char* ReadToToken(const char* token, int16_t timeoutMs, char* buffer, bool inStream);
 
     std::unique_ptr<CommPort> port_;
+    // The time limits of this line's reads.
+    IntervalClock readClock_;
     // "Cannot write lock files" has been logged: every search and every
     // reopening would say it again.
     std::atomic<bool> lockFilesTold_{false};

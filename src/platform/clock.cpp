@@ -25,9 +25,6 @@ ClockReading ReadClock() {
     return {ms / 1000, static_cast<int32_t>(ms % 1000)};
 }
 
-std::atomic<int64_t> ElapsedSeconds{0};
-std::atomic<int32_t> ElapsedMillis{0};
-
 }  // namespace
 
 uint32_t NowMs() {
@@ -41,10 +38,10 @@ uint64_t MonotonicNs() {
         std::chrono::duration_cast<std::chrono::nanoseconds>(since).count());
 }
 
-void StartElapsed() {
+void IntervalClock::Start() {
     const ClockReading now = ReadClock();
-    ElapsedSeconds.store(now.Seconds);
-    ElapsedMillis.store(now.Millis);
+    seconds_.store(now.Seconds);
+    millis_.store(now.Millis);
 }
 
 int16_t ElapsedBetween(int64_t thenSeconds, int32_t thenMillis, int64_t nowSeconds,
@@ -56,9 +53,9 @@ int16_t ElapsedBetween(int64_t thenSeconds, int32_t thenMillis, int64_t nowSecon
     return sum;
 }
 
-int16_t ElapsedMs() {
+int16_t IntervalClock::Elapsed() const {
     const ClockReading now = ReadClock();
-    return ElapsedBetween(ElapsedSeconds.load(), ElapsedMillis.load(), now.Seconds, now.Millis);
+    return ElapsedBetween(seconds_.load(), millis_.load(), now.Seconds, now.Millis);
 }
 
 std::time_t WallSeconds() {

@@ -1,13 +1,14 @@
 // Clocks of the line and the engine.
 //
 // NowMs is a 32-bit millisecond stamp whose intervals are taken by unsigned
-// subtraction, so its wrap does no harm. The interval clock (StartElapsed and
-// ElapsedMs) keeps the 16-bit arithmetic that the line's time limits are
-// written against: ElapsedMs is signed 16-bit and turns negative after 32767 ms.
+// subtraction, so its wrap does no harm. The interval clock (IntervalClock)
+// keeps the 16-bit arithmetic that the line's time limits are written
+// against: Elapsed is signed 16-bit and turns negative after 32767 ms.
 // Both run on a monotonic clock, so a change of the wall clock never shortens
 // or stretches a time limit.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <ctime>
 
@@ -18,14 +19,23 @@ uint32_t NowMs();
 // a millisecond: it never wraps and never moves with the wall clock.
 uint64_t MonotonicNs();
 
-// Starts the process-wide interval clock. There is one pair of stored values
-// for the whole program: two timed reads must never run at once.
-void StartElapsed();
+// The clock of a line's timed reads: started at the beginning of a read and
+// asked how long the read has taken. Each line has its own, so two lines time
+// their reads apart; on one line the reads follow each other, since only the
+// holder of its read side reads.
+class IntervalClock {
+public:
+    // Starts the interval.
+    void Start();
+    // Milliseconds since the last Start, computed in 16-bit arithmetic.
+    [[nodiscard]] int16_t Elapsed() const;
 
-// Milliseconds since the last StartElapsed, computed in 16-bit arithmetic.
-int16_t ElapsedMs();
+private:
+    std::atomic<int64_t> seconds_{0};
+    std::atomic<int32_t> millis_{0};
+};
 
-// The arithmetic of ElapsedMs: (seconds now - seconds then) x 1000 - ms then
+// The arithmetic of IntervalClock::Elapsed: (seconds now - seconds then) x 1000 - ms then
 // + ms now, every step in 16 bits.
 int16_t ElapsedBetween(int64_t thenSeconds, int32_t thenMillis, int64_t nowSeconds,
                        int32_t nowMillis);

@@ -352,6 +352,23 @@ TEST_F(LineTest, TwoLinesSideBySideKeepEachItsOwnState) {
     EXPECT_EQ(line_.Port()->PortNumber, 1);
     EXPECT_EQ(other.Port()->PortNumber, 2);
     EXPECT_TRUE(line_.Port()->IsOpen.load());
+
+    // Each line times its own reads: short reads that keep starting on the
+    // other line do not hold off the end of a longer read on this one.
+    std::atomic<bool> readEnded{false};
+    std::atomic<bool> otherStopped{false};
+    std::thread otherReads([&] {
+        char buffer[TokenBufferSize];
+        for (int i = 0; i < 60 && !readEnded.load(); ++i) {
+            static_cast<void>(other.ReadLine(50, buffer));
+        }
+        otherStopped = true;
+    });
+    char buffer[TokenBufferSize];
+    EXPECT_EQ(line_.ReadLine(300, buffer), nullptr);
+    EXPECT_FALSE(otherStopped.load()) << "the read ended only once the other line was done";
+    readEnded = true;
+    otherReads.join();
     line_.SetLinePolling(false);
 }
 
