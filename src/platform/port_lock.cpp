@@ -164,18 +164,14 @@ void NoteReleased(const std::string& path) {
     paths.erase(std::remove(paths.begin(), paths.end(), path), paths.end());
 }
 
-}  // namespace
-
-std::string PortLockFolder() {
-    const char* const folder = std::getenv("KESTRELBOUND_LOCK_DIR");
-    return folder != nullptr && *folder != '\0' ? folder : "/var/lock";
+// The device a path names after every link; "" where it names nothing.
+std::string ResolvedDevice(const std::string& devicePath) {
+    char resolved[PATH_MAX];
+    return ::realpath(devicePath.c_str(), resolved) != nullptr ? resolved : "";
 }
 
-std::string PortLockName(const std::string& devicePath) {
-    char resolved[PATH_MAX];
-    if (::realpath(devicePath.c_str(), resolved) == nullptr) {
-        return "";
-    }
+// The lock's name for a resolved device; "" for one not below /dev.
+std::string LockNameOf(const std::string& resolved) {
     std::string name = resolved;
     const std::string dev = "/dev/";
     if (name.rfind(dev, 0) != 0 || name.size() == dev.size()) {
@@ -186,15 +182,24 @@ std::string PortLockName(const std::string& devicePath) {
     return "LCK.." + name;
 }
 
+}  // namespace
+
+std::string PortLockFolder() {
+    const char* const folder = std::getenv("KESTRELBOUND_LOCK_DIR");
+    return folder != nullptr && *folder != '\0' ? folder : "/var/lock";
+}
+
+std::string PortLockName(const std::string& devicePath) {
+    return LockNameOf(ResolvedDevice(devicePath));
+}
+
 PortLockResult PortLock::Take(const std::string& devicePath) {
     Release();
-    const std::string name = PortLockName(devicePath);
+    const std::string device = ResolvedDevice(devicePath);
+    const std::string name = LockNameOf(device);
     if (name.empty()) {
         return PortLockResult::NoDeviceName;
     }
-    char resolved[PATH_MAX];
-    const std::string device =
-        ::realpath(devicePath.c_str(), resolved) != nullptr ? resolved : devicePath;
     const std::string folder = PortLockFolder();
     const std::string lockPath = folder + "/" + name;
     // A second round is needed only when another program took or dropped

@@ -23,7 +23,7 @@ static_assert(std::endian::native == std::endian::little,
 inline constexpr uint32_t CorrespondentSize = 140;
 // Slots in the table. One more than the records it may hold: the slot behind
 // the last record stays zero, because the scans of the pick-up folders run up
-// to and including DirectoryCount.
+// to and including CorrespondentDirectory::Count.
 inline constexpr int DirectorySlots = 128;
 inline constexpr int DirectoryMaxRecords = DirectorySlots - 1;
 // Characters of a name or number; its field holds one more, for the NUL.

@@ -35,19 +35,6 @@ private:
     EnvironmentValue value_;
 };
 
-// Whether the process has the file open, as /proc shows it.
-bool DeviceOpenedBy(pid_t pid, const std::string& path) {
-    const std::string folder = "/proc/" + std::to_string(pid) + "/fd";
-    for (int fd = 0; fd < 64; ++fd) {
-        char target[256] = {};
-        const std::string link = folder + "/" + std::to_string(fd);
-        if (::readlink(link.c_str(), target, sizeof target - 1) > 0 && path == target) {
-            return true;
-        }
-    }
-    return false;
-}
-
 }  // namespace
 
 TEST(PortLock, NamesTheDeviceTheLinksResolveTo) {
@@ -107,28 +94,33 @@ TEST(PortLock, AnOldLockOfALivingProcessWithoutTheDeviceIsStale) {
     PseudoTerminal terminal;
     ASSERT_TRUE(OpenPseudoTerminal(terminal));
     const std::string lockPath = locks / PortLockName(terminal.SlavePath);
-    // A process that keeps the device open until told to go.
+    // A process that opens the device, says so, and keeps it open until
+    // told to go.
     int release[2];
+    int opened[2];
     ASSERT_EQ(::pipe(release), 0);
+    ASSERT_EQ(::pipe(opened), 0);
     const pid_t user = ::fork();
     if (user == 0) {
         ::close(release[1]);
         const int fd = ::open(terminal.SlavePath.c_str(), O_RDWR | O_NOCTTY);
-        char byte = 0;
+        char byte = fd >= 0 ? 1 : 0;
+        static_cast<void>(::write(opened[1], &byte, 1));
         static_cast<void>(::read(release[0], &byte, 1));
         ::_exit(fd >= 0 ? 0 : 1);
     }
     ASSERT_GT(user, 0);
     ::close(release[0]);
+    ::close(opened[1]);
+    char didOpen = 0;
+    ASSERT_EQ(::read(opened[0], &didOpen, 1), 1);
+    ::close(opened[0]);
+    ASSERT_EQ(didOpen, 1) << "the device's user could not open it";
     const auto lockOf = [&](pid_t pid, time_t age) {
         WriteWholeFile(lockPath, TextLock(pid));
         const timespec when[2] = {{std::time(nullptr) - age, 0}, {std::time(nullptr) - age, 0}};
         EXPECT_EQ(::utimensat(AT_FDCWD, lockPath.c_str(), when, 0), 0);
     };
-    // The device's user has had the time to open it.
-    for (int wait = 0; wait < 500 && !DeviceOpenedBy(user, terminal.SlavePath); ++wait) {
-        ::usleep(10000);
-    }
     struct Case {
         const char* What;
         pid_t Pid;
@@ -149,7 +141,7 @@ TEST(PortLock, AnOldLockOfALivingProcessWithoutTheDeviceIsStale) {
     ::close(release[1]);
     int status = 0;
     ASSERT_EQ(::waitpid(user, &status, 0), user);
-    EXPECT_EQ(status, 0) << "the device's user could not open it";
+    EXPECT_EQ(status, 0);
     ClosePseudoTerminal(terminal);
 }
 
