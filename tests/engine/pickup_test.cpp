@@ -11,6 +11,7 @@
 #include "engine/pickup.h"
 #include "engine_harness.h"
 #include "line/profiles.h"
+#include "platform/clock.h"
 #include "platform/files.h"
 #include "stores/directory.h"
 
@@ -67,7 +68,10 @@ TEST_F(PickUpTest, AHotFolderGoesOutOnceItsTotalHasStoodStill) {
     AddRecord("Hot", "123", true, {"one.txt", "three.txt"});
     EXPECT_EQ(HotFolderDue(), std::nullopt);  // the total of the two files is noted
     EXPECT_EQ(stores_.Directory[0].HotBytes, 16u);
-    // During a call nothing is looked at, and nothing goes out.
+    // During a call nothing is looked at, and nothing goes out. The call is
+    // as fresh as one just connected, so the running engine's silence limit
+    // does not hang it up meanwhile.
+    TheEngine.LastRxTime = NowMs();
     TheEngine.LinkState = LinkConnected;
     EXPECT_EQ(HotFolderDue(), std::nullopt);
     EXPECT_EQ(stores_.Directory[0].HotBytes, 16u);
