@@ -3,9 +3,9 @@
 #include "app/chosen_call.h"
 #include "app/control_model.h"
 #include "app/main_window.h"
+#include "engine/call_end.h"
 #include "engine/dialing.h"
 #include "engine/pickup.h"
-#include "engine/teardown.h"
 #include "line/line.h"
 #include "line/profiles.h"
 #include "resources/resource.h"
@@ -33,7 +33,7 @@ EventOutcome LinePanel::OnButton(int id) {
             OnRetrieveClicked(ChosenCall());
             return {};
         case IDC_DISCONNECT:
-            RequestDisconnect();
+            EndCall(CallEnd::Requested);
             return {};
         default:
             return WindowPanel::OnButton(id);

@@ -2,6 +2,7 @@
 // moment the data channel is up.
 
 #include "engine/dialing.h"
+#include "engine/call_end.h"
 
 #include <array>
 #include <cstring>
@@ -36,19 +37,23 @@ struct ConnectCode {
     const char* Text;
     const char* LogLine;
 };
+// The adapter's answers that end a dial, and how each ends it.
+struct DialEnd {
+    std::string_view Text;
+    std::string_view OrText;  // another spelling of the same answer, or empty
+    CallEnd Reason;
+};
+constexpr std::array<DialEnd, 3> DialEnds{{
+    {TextNoCarrier, {}, CallEnd::DialNoCarrier},
+    {"BUSY", {}, CallEnd::DialBusy},
+    {"NO DIALTONE", "NO DIAL TONE", CallEnd::DialNoDialtone},
+}};
+
 constexpr std::array<ConnectCode, 3> ConnectCodes{{
     {"CONNECT 57600", "Connected 57600"},
     {"CONNECT 115200", "Connected 115200"},
     {"CONNECT 230400", "Connected 230400"},
 }};
-
-// A call that did not come about: the link goes back to idle.
-void CallFailed() {
-    TheEngine.WeSend = false;
-    TheEngine.RetrievePending = false;
-    ClearSessionFlags();
-    ReturnToIdle();
-}
 
 void Connected(const ConnectCode& code) {
     Stores().Log.Add(code.LogLine);
@@ -143,23 +148,9 @@ void HandleLineEvent() {
             Connected(code);
         }
     }
-    if (LineHolds(line, TextNoCarrier)) {
-        Stores().Log.Add("Disconnected");
-        SleepMs(50);
-        TheEngine.Line->ReinitializeIncoming();
-        CallFailed();
-    }
-    if (LineHolds(line, "BUSY")) {
-        Stores().Log.Add("Busy");
-        TheEngine.Line->ReinitializeIncoming();
-        CallFailed();
-    }
-    if (LineHolds(line, "NO DIALTONE") || LineHolds(line, "NO DIAL TONE")) {
-        Stores().Log.Add("No Dialtone.");
-        TheEngine.Line->ReinitializeIncoming();
-        ShowMessageOutsidePass(
-            "Cannot place an outgoing data call.\rPlease make sure your ISDN line is properly "
-            "connected.");
-        CallFailed();
+    for (const DialEnd& end : DialEnds) {
+        if (LineHolds(line, end.Text) || (!end.OrText.empty() && LineHolds(line, end.OrText))) {
+            EndCall(end.Reason);
+        }
     }
 }

@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "engine/call_end.h"
 #include "engine/display.h"
 #include "engine/pipelines.h"
 #include "engine/recovery.h"
@@ -65,7 +66,7 @@ enum class SectionEnd {
         static_cast<void>(file.Truncate(before));
     }
     LogCannotWrite(std::string(entry.DisplayName.View()), file.OutOfSpace());
-    RequestDisconnect();
+    EndCall(CallEnd::Fault);
     return false;
 }
 
@@ -73,7 +74,7 @@ void FileFinished() {
     FileEntry& entry = TheEngine.ReceiveList[0];
     EngineWindow& display = Display();
     if (!PublishReceivedFile(entry)) {
-        RequestDisconnect();
+        EndCall(CallEnd::Fault);
         return;
     }
     Stores().Log.Add("File received.");
@@ -83,7 +84,7 @@ void FileFinished() {
     if (TheEngine.ReceiveCount.load() > 0) {
         FileEntry& next = TheEngine.ReceiveList[0];
         if (!BeginReceivedFile(next)) {
-            RequestDisconnect();
+            EndCall(CallEnd::Fault);
             return;
         }
         TheEngine.ExpectedBlock = ExpectedBlockOf(next);

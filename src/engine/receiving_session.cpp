@@ -6,6 +6,7 @@
 // receive folder; counts and lengths that the lists and block counters cannot
 // hold refuse the list; and an existing file is never overwritten.
 
+#include <array>
 #include <cstring>
 #include <mutex>
 #include <set>
@@ -13,6 +14,7 @@
 #include <string_view>
 #include <vector>
 
+#include "engine/call_end.h"
 #include "engine/display.h"
 #include "engine/pickup.h"
 #include "engine/receiving_session_test_hooks.h"
@@ -195,7 +197,7 @@ bool ReadAndCheckList(Admission& list) {
     SessionHeader& header = TheEngine.InHeader;
     SwapSessionHeader(header);
     if (header.Magic != SessionMagic) {
-        RequestDisconnect();
+        EndCall(CallEnd::Fault);
         return false;
     }
     // In 64 bits: a volume with more than 4 GB free has room for any list.
@@ -370,10 +372,13 @@ void StartReceiving(const Admission& list) {
     TheEngine.LastRxTime = NowMs();
 }
 
-void OnListOffered() {
+Dispatch OnListOffered() {
+    if (TheEngine.LinkState.load() != LinkConnected) {
+        return Dispatch::Next;
+    }
     if (TheEngine.Line->ReadBlock(&TheEngine.InHeader, sizeof(SessionHeader), HeaderLimitMs) <
         sizeof(SessionHeader)) {
-        return;
+        return Dispatch::Next;
     }
     switch (AdmitFileList()) {
         case AdmitAccepted:
@@ -391,23 +396,56 @@ void OnListOffered() {
             SendToken(TokenAck2);
             Stores().Log.Add("All files received.");
             TheEngine.LastRxTime = NowMs();
-            return;
+            return Dispatch::Next;
         default:
-            return;
+            // A list that could not be believed has ended the call.
+            return TheEngine.LinkState.load() == LinkIdle ? Dispatch::Stop : Dispatch::Next;
     }
     TheEngine.BlockIndex = 0;
     TheEngine.TransferStartTime = WallSeconds();
+    return Dispatch::Next;
 }
 
 // The holder's answer to a retrieve request came: there is nothing to fetch.
-void OnNothingToRetrieve(const char* logLine) {
-    if (!TheEngine.RetrievePending.load()) {
-        return;  // this end asked for nothing
+Dispatch OnNothingToRetrieve(CallEnd end) {
+    if (TheEngine.LinkState.load() != LinkConnected || !TheEngine.RetrievePending.load()) {
+        return Dispatch::Next;  // this end asked for nothing
     }
-    Stores().Log.Add(logLine);
-    TheEngine.WeSend = true;
-    EndCallByHangUp();
+    EndCall(end);
+    return Dispatch::Stop;
 }
+
+// What the receiving side hears outside a repair, in the order a line is
+// looked at.
+constexpr std::array<TokenRow, 6> ReceiverTokens{{
+    {TokenSyncon.Text(),
+     {},
+     [] {
+         SendToken(TokenRcvcon);
+         TheEngine.LastRxTime = NowMs();
+         return Dispatch::Next;
+     }},
+    {TokenH100.Text(), {}, OnListOffered},
+    {TextNoCarrier,
+     {},
+     [] {
+         if (TheEngine.LinkState.load() != LinkConnected) {
+             return Dispatch::Next;
+         }
+         EndCall(CallEnd::ReceiverLostLine);
+         return Dispatch::Stop;
+     }},
+    {TokenRetrieve.Text(),
+     {},
+     [] {
+         if (TheEngine.LinkState.load() == LinkConnected && !TheEngine.RetrievePending.load()) {
+             AnswerRetrieveRequest();
+         }
+         return Dispatch::Next;
+     }},
+    {TokenNoFileDir.Text(), {}, [] { return OnNothingToRetrieve(CallEnd::NoRetrieveFolder); }},
+    {TokenNoFileAvail.Text(), {}, [] { return OnNothingToRetrieve(CallEnd::NoFilesToRetrieve); }},
+}};
 
 }  // namespace
 
@@ -530,26 +568,7 @@ void OnReceiverInput() {
         }
         return;
     }
-    if (LineHolds(line, TokenSyncon)) {
-        SendToken(TokenRcvcon);
-        TheEngine.LastRxTime = NowMs();
-    }
-    if (LineHolds(line, TokenH100) && TheEngine.LinkState.load() == LinkConnected) {
-        OnListOffered();
-    }
-    if (LineHolds(line, TextNoCarrier) && TheEngine.LinkState.load() == LinkConnected) {
-        OnCallEnded(CallEnd::ReceiverLostLine);
-    }
-    if (LineHolds(line, TokenRetrieve) && TheEngine.LinkState.load() == LinkConnected &&
-        !TheEngine.RetrievePending.load()) {
-        AnswerRetrieveRequest();
-    }
-    if (LineHolds(line, TokenNoFileDir) && TheEngine.LinkState.load() == LinkConnected) {
-        OnNothingToRetrieve("No retrieve folder found.");
-    }
-    if (LineHolds(line, TokenNoFileAvail) && TheEngine.LinkState.load() == LinkConnected) {
-        OnNothingToRetrieve("No files to be retrieved.");
-    }
+    DispatchLine(line, ReceiverTokens);
 }
 
 AdmitResult AdmitFileList() {

@@ -2,6 +2,7 @@
 // receiver's position that a repair and a resumed transfer start from.
 
 #include "engine/recovery.h"
+#include "engine/call_end.h"
 
 #include <string>
 
@@ -80,8 +81,7 @@ void ConfirmRecovery() {
 }
 
 void StallAbort(uint32_t waiting) {
-    Stores().Log.Add("Bytes Read: " + std::to_string(waiting));
-    RequestDisconnect();
+    EndCall(CallEnd::TransferStalled, std::to_string(waiting));
 }
 
 bool RecoveryBodySound(const RecoveryBody& body) {

@@ -1,10 +1,12 @@
 // The sending side of a session: from RCVCON to the last ACK, and the loss of
 // the line on the way.
 
+#include <array>
 #include <cstring>
 #include <string>
 #include <string_view>
 
+#include "engine/call_end.h"
 #include "engine/display.h"
 #include "engine/pickup.h"
 #include "engine/recovery.h"
@@ -60,7 +62,7 @@ bool ReadyToStart() {
 bool ReadRecoveryBody() {
     if (TheEngine.Line->ReadBlock(TheEngine.Line->TokenBuffer, sizeof(RecoveryBody), BodyLimitMs) <
         sizeof(RecoveryBody)) {
-        RequestDisconnect();
+        EndCall(CallEnd::Fault);
         return false;
     }
     return true;
@@ -80,67 +82,71 @@ bool BodyFitsTopFile() {
     return position.DataLength == top.DataLength && position.AuxLength == top.AuxLength;
 }
 
-void OnFileRecovr() {
+Dispatch OnFileRecovr() {
     if (!ReadRecoveryBody()) {
-        return;
+        return Dispatch::Stop;
     }
     const LinkState state = TheEngine.LinkState.load();
     // With the list empty the file of that data has been acknowledged
     // already; a repair would put a stale entry back on the way.
     if (!FeederRunning() || (state != LinkTransfer && state != LinkFileSent) ||
         TheEngine.SendList.IsEmpty()) {
-        return;  // no data of ours is on its way: nothing to repair
+        return Dispatch::Stop;  // no data of ours is on its way: nothing to repair
     }
     if (!BodyFitsTopFile()) {
-        RequestDisconnect();
-        return;
+        EndCall(CallEnd::Fault);
+        return Dispatch::Stop;
     }
     // The feeder stops at its next step; the position is rewritten only once
     // it has left the step it is in.
     TheEngine.LinkState = LinkRecovery;
     WaitFeederOutOfStep();
     ApplyRecoveryAtSender();
+    return Dispatch::Stop;
 }
 
-void OnContSend() {
+Dispatch OnContSend() {
     if (TheEngine.LinkState.load() != LinkRecovery) {
-        return;
+        return Dispatch::Stop;
     }
     ConfirmRecovery();
     // The feeder has parked if the failed section was the file's last.
     WakeFeeder();
+    return Dispatch::Stop;
 }
 
-void OnListAccepted() {
+Dispatch OnListAccepted() {
     if (!ReadyToStart()) {
-        return;
+        return Dispatch::Next;
     }
     DropLeadingEmptyEntries();
     if (TheEngine.SendList.IsEmpty()) {
-        return;
+        return Dispatch::Next;
     }
     LogSendingFile("Sending File: ");
     StartTransfer();
+    return Dispatch::Next;
 }
 
-void OnListResumed() {
+Dispatch OnListResumed() {
     if (!ReadRecoveryBody()) {
-        return;
+        return Dispatch::Stop;
     }
     if (!ReadyToStart()) {
-        return;
+        return Dispatch::Next;
     }
     DropLeadingEmptyEntries();
     if (TheEngine.SendList.IsEmpty()) {
-        return;
+        return Dispatch::Next;
     }
     if (!BodyFitsTopFile()) {
-        RequestDisconnect();
-        return;
+        EndCall(CallEnd::Fault);
+        return Dispatch::Stop;
     }
     ApplyRecoveryAtSender();
     LogSendingFile("Sending Recovered File: ");
     StartTransfer();
+    return Dispatch::Next;
 }
 
 // ACK4 and ACK2 speak of a file whose last block has gone. If the token came
@@ -158,33 +164,30 @@ bool FileIsThrough() {
     return state == LinkTransfer && WaitFeederFileSent(FileSentWaitMs);
 }
 
-void OnAllFilesSent() {
+Dispatch OnAllFilesSent() {
     const LinkState state = TheEngine.LinkState.load();
     // With no feeder the list held no data at all, and the far end, having
     // made the empty files, answers the offer with ACK2 at once.
     const bool emptyList = !FeederRunning() && TheEngine.Session.ListOffered.load() &&
                            (state == LinkConnected || state == LinkFileSent);
     if (!emptyList && !FileIsThrough()) {
-        return;
+        return Dispatch::Next;
     }
     DropFirstSendEntry();
     // Empty files behind the last one were made by the far end from the list
     // alone; they are through too, and leave the list with their rows.
     DropLeadingEmptyEntries();
-    Stores().Log.Add("All files sent.");
-    TheEngine.LinkState = LinkConnected;
-    TheEngine.SendList.Clear();
-    StopFeeder();
-    EndCallByHangUp();
+    EndCall(CallEnd::AllSent);
+    return Dispatch::Stop;
 }
 
-void OnReceiverReady() {
+Dispatch OnReceiverReady() {
     if (TheEngine.LinkState.load() != LinkConnected || TheEngine.Session.ListOffered.load()) {
-        return;
+        return Dispatch::Next;
     }
     if (!TheEngine.RetrievePending.load()) {
         StartSendSession();
-        return;
+        return Dispatch::Next;
     }
     TheEngine.Session.ListOffered = true;
     SendToken(TokenRetrieve);
@@ -194,28 +197,56 @@ void OnReceiverReady() {
     TheEngine.Line->SendBytes(&request, sizeof request);
     TheEngine.WeSend = false;
     TheEngine.LastRxTime = NowMs();
+    return Dispatch::Next;
 }
 
 // The far end refused the list. It would only wait for its own watchdog to
 // end the call, so this end says why and hangs up at once; the list stays
 // for another try.
-void OnListRefused(const char* why) {
+Dispatch OnListRefused(CallEnd why) {
     if (TheEngine.LinkState.load() != LinkConnected || !TheEngine.Session.ListOffered.load() ||
         FeederRunning()) {
-        return;  // no list of ours awaits an answer
+        return Dispatch::Next;  // no list of ours awaits an answer
     }
-    Stores().Log.Add(why);
-    EndCallByHangUp();
+    EndCall(why);
+    return Dispatch::Stop;
 }
 
-void OnNextFileWanted() {
+Dispatch OnNextFileWanted() {
     if (!FileIsThrough()) {
-        return;
+        return Dispatch::Next;
     }
     DropFirstSendEntry();
     BeginNextFile();
     WakeFeeder();
+    return Dispatch::Next;
 }
+
+// What the sending side hears, in the order a line is looked at. A repair's
+// tokens come alone on their line, with a body behind the first.
+constexpr std::array<TokenRow, 11> SenderTokens{{
+    {TokenFileRecovr.Text(), {}, OnFileRecovr},
+    {TokenContSend.Text(), {}, OnContSend},
+    {TextNoC,
+     {},
+     [] {
+         EndCall(CallEnd::SenderLostLine);
+         return Dispatch::Stop;
+     }},
+    {TextAck1, TokenAck3.Text(), OnListAccepted},
+    {TextFileResta1, TokenFileResta3.Text(), OnListResumed},
+    {TokenAck2.Text(), {}, OnAllFilesSent},
+    {TokenAbort.Text(),
+     {},
+     [] {
+         EndCall(CallEnd::FarEndAborted);
+         return Dispatch::Stop;
+     }},
+    {TokenRcvcon.Text(), {}, OnReceiverReady},
+    {TokenAck4.Text(), {}, OnNextFileWanted},
+    {TokenNak3.Text(), {}, [] { return OnListRefused(CallEnd::ListRefusedNoSpace); }},
+    {TokenNak4.Text(), {}, [] { return OnListRefused(CallEnd::ListRefusedCorrupt); }},
+}};
 
 }  // namespace
 
@@ -224,42 +255,7 @@ void OnSenderInput() {
     if (!ReadTokenLine(TokenLineLimitMs, line)) {
         return;
     }
-    if (LineHolds(line, TokenFileRecovr)) {
-        OnFileRecovr();
-        return;
-    }
-    if (LineHolds(line, TokenContSend)) {
-        OnContSend();
-        return;
-    }
-    if (LineHolds(line, TextNoC)) {
-        OnCallEnded(CallEnd::SenderLostLine);
-    }
-    if (LineHolds(line, TextAck1) || LineHolds(line, TokenAck3)) {
-        OnListAccepted();
-    }
-    if (LineHolds(line, TextFileResta1) || LineHolds(line, TokenFileResta3)) {
-        OnListResumed();
-    }
-    if (LineHolds(line, TokenAck2)) {
-        OnAllFilesSent();
-    }
-    if (LineHolds(line, TokenAbort)) {
-        Stores().Log.Add("Received abort request.");
-        RequestDisconnect();
-    }
-    if (LineHolds(line, TokenRcvcon)) {
-        OnReceiverReady();
-    }
-    if (LineHolds(line, TokenAck4)) {
-        OnNextFileWanted();
-    }
-    if (LineHolds(line, TokenNak3)) {
-        OnListRefused("The far end refused the list: not enough free space.");
-    }
-    if (LineHolds(line, TokenNak4)) {
-        OnListRefused("The far end refused the list as corrupted.");
-    }
+    DispatchLine(line, SenderTokens);
 }
 
 void StartSendSession() {

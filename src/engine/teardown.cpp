@@ -1,10 +1,4 @@
-// Every call ends here: by a request of this end, by the sender's hang-up,
-// by the line's fall that the adapter reports, or by a stall in the data.
-//
-// Whoever ends a call from outside the communications thread takes the port
-// for the whole of it (a PortConversation), so the handlers of that thread
-// are never under way meanwhile and the receive list, the token buffer and
-// the send list are this thread's alone until it is done.
+// Hanging up, the stall that ends a call, and the lists' tidying after it.
 
 #include "engine/teardown.h"
 
@@ -12,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "engine/call_end.h"
 #include "engine/display.h"
 #include "engine/resume_record.h"
 #include "engine/session_threads.h"
@@ -52,12 +47,6 @@ bool HangUpFailed() {
     return false;
 }
 
-void StopFeederIfSending() {
-    if (TheEngine.WeSend.load()) {
-        StopFeeder();
-    }
-}
-
 bool EndsWith(std::string_view text, std::string_view tail) {
     return text.size() >= tail.size() && text.substr(text.size() - tail.size()) == tail;
 }
@@ -70,44 +59,6 @@ bool KeptForResume(const FileEntry& entry) {
 }
 
 }  // namespace
-
-void RequestDisconnect() {
-    if (TheEngine.LinkState.load() == LinkDialing) {
-        // One blank breaks off the dial; the adapter's answer ends it.
-        TheEngine.Line->SendBytes(" ", 1);
-        return;
-    }
-    PortConversation conversation(*TheEngine.Line);
-    const LinkState state = TheEngine.LinkState.load();
-    const bool sending = TheEngine.WeSend.load();
-    switch (state) {
-        case LinkConnected:
-            // "AT" answered means the adapter is in command mode already, so
-            // the call has gone; silence means it is still up.
-            if (TheEngine.Line->SendAndWaitOk("AT")) {
-                OnCallEnded();
-            } else {
-                EndCallByHangUp();
-            }
-            break;
-        case LinkTransfer:
-        case LinkFileSent:
-        case LinkRecovery:
-            if (!sending) {
-                Stores().Log.Add("Sending disconnect...");
-                SendToken(TokenAbort);
-                TheEngine.LinkState = LinkConnected;
-            } else {
-                StopFeeder();
-                EndCallByHangUp();
-            }
-            break;
-        default:
-            StopFeederIfSending();
-            EndCallByHangUp();
-            break;
-    }
-}
 
 void EndCallByHangUp() {
     // A hang-up the adapter did not answer needs nothing more here: HangUp
@@ -138,14 +89,14 @@ bool HangUp() {
         // already, reported NO CARRIER and lets "+++" pass unanswered.
         if (std::string_view(TheEngine.Line->TokenBuffer).find(TextNoCarrier) !=
             std::string_view::npos) {
-            OnCallEnded();
+            EndCall(CallEnd::HungUp);
             return true;
         }
         // Its NO CARRIER may also have gone before: with input thrown away
         // when the feeder was stopped, or read by another wait. An adapter in
         // command mode answers "AT"; one still in data mode passes it on.
         if (TheEngine.Line->SendAndWaitOkShort("AT")) {
-            OnCallEnded();
+            EndCall(CallEnd::HungUp);
             return true;
         }
         return HangUpFailed();  // still in data mode; the state stays as it was
@@ -157,7 +108,7 @@ bool HangUp() {
         if (TheEngine.Line->ReadLine(HangUpLineLimitMs, TheEngine.Line->TokenBuffer) != nullptr) {
             const std::string_view line(TheEngine.Line->TokenBuffer);
             if (LineHolds(line, "OK") || LineHolds(line, TextNoCarrier)) {
-                OnCallEnded();
+                EndCall(CallEnd::HungUp);
                 return true;
             }
         }
@@ -187,60 +138,6 @@ bool RetryHangUpIfDue() {
     return true;
 }
 
-void OnCallEnded(CallEnd how) {
-    ForgetUnfinishedLine();
-    EngineWindow& display = Display();
-    const LinkState state = TheEngine.LinkState.load();
-    const bool sending = TheEngine.WeSend.load();
-    // After a loss of the line the adapter has just reported NO CARRIER.
-    const bool lineLost = how != CallEnd::HungUp;
-    if (sending) {
-        // A sender whose line falls under a block cuts the block off rather
-        // than wait for a far end that is gone.
-        if (how == CallEnd::SenderLostLine && state == LinkTransfer) {
-            Stores().Log.Add("Remote end aborted transfer.");
-            TheEngine.FeederRun = false;
-            TheEngine.Line->PurgePort();
-        }
-        StopFeeder();
-    }
-    Stores().Log.Add("Disconnected");
-    display.ShowTransferDisplay(false);
-    // A hang-up in the middle of the data says nothing of the time taken; a
-    // lost line tells it always, as far as a transfer had begun.
-    if (lineLost || state == LinkConnected || state == LinkFileSent) {
-        display.LogElapsedTime();
-    }
-    // A transfer whose time goes untold is over all the same: a later call
-    // that ends before its own transfer began must not tell this one's.
-    TheEngine.TransferStartTime = 0;
-    if (how == CallEnd::SenderLostLine) {
-        Stores().Log.Add("------------------------------");
-    }
-    if (lineLost) {
-        // The adapter has just printed NO CARRIER; the incoming profile goes
-        // once it is back in command mode.
-        SleepMs(50);
-    }
-    // The file in hand goes back to its start, so that the next offer sends
-    // it whole or from the receiver's position; also when the call ended
-    // while its ACK was awaited, and always when the sender lost the line.
-    if (state == LinkTransfer || state == LinkRecovery || (sending && state == LinkFileSent) ||
-        how == CallEnd::SenderLostLine) {
-        ResetSendPosition();
-    }
-    TheEngine.Line->ReinitializeIncoming();
-    if (!sending) {
-        EndOfCallCleanup();
-    }
-    TheEngine.WeSend = false;
-    // A retrieve asked for in this call is over with it, however it ended: a
-    // station that kept it would not answer the next correspondent's.
-    TheEngine.RetrievePending = false;
-    ClearSessionFlags();
-    ReturnToIdle();
-}
-
 void EndStalledCall(uint32_t waiting) {
     uint8_t tail[32] = {};
     if (waiting > StallTailBytes) {
@@ -255,9 +152,8 @@ void EndStalledCall(uint32_t waiting) {
     // quiet and the call is still up: it is hung up, so that neither adapter
     // stays in a call that nobody uses and both can be called again.
     const std::string_view text(reinterpret_cast<const char*>(tail), StallTailBytes);
-    if (text.find(TextNoCarrier) != std::string_view::npos || !HangUp()) {
-        OnCallEnded();
-    }
+    EndCall(text.find(TextNoCarrier) != std::string_view::npos ? CallEnd::BlockCutOff
+                                                               : CallEnd::BlockStalled);
 }
 
 void DeleteUnfinishedReceives() {

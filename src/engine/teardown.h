@@ -1,11 +1,9 @@
-// The end of a call, however it comes.
+// Hanging up, and the tidying after a call that the ends share.
 #pragma once
 
 #include <cstdint>
 #include <optional>
 
-// The one way to ask for the end of a call or a transfer, from any thread.
-void RequestDisconnect();
 // HangUp where nothing more is to be done if the adapter does not answer.
 void EndCallByHangUp();
 // Takes the adapter out of data mode and hangs up; true once the call has
@@ -19,22 +17,6 @@ void EndCallByHangUp();
 std::optional<int> MsUntilHangUpRetry();
 // Tries the hang-up again if its time has come; true if it did.
 [[nodiscard]] bool RetryHangUpIfDue();
-// How a call came to its end. Every end is tidied by OnCallEnded; what differs
-// between the ways is said there, where it is done.
-enum class CallEnd {
-    // This end hung up, found the adapter in command mode already, or saw in
-    // a stall that the line had fallen.
-    HungUp,
-    // The sending side read the adapter's NO CARRIER among the far end's
-    // tokens: the far end hung up, or the line fell.
-    SenderLostLine,
-    // The receiving side read NO CARRIER between the files, where the sender
-    // hangs up after the last of them.
-    ReceiverLostLine,
-};
-// Every end of a call comes here, on whichever thread found it: the adapter
-// gets its incoming profile again, the lists are tidied and the link is idle.
-void OnCallEnded(CallEnd how = CallEnd::HungUp);
 // A stall in the middle of a block: nothing has come for five seconds and
 // what waits is too short for a block, which is what a line that falls
 // leaves behind. The call is over; this takes what waits out of the queue

@@ -48,3 +48,13 @@ void ForgetUnfinishedLine() {
 void SendToken(const WireToken& token) {
     TheEngine.Line->SendBytes(token.Bytes(), static_cast<int16_t>(token.Length()));
 }
+
+void DispatchLine(std::string_view line, std::span<const TokenRow> rows) {
+    for (const TokenRow& row : rows) {
+        const bool held =
+            LineHolds(line, row.Text) || (!row.OrText.empty() && LineHolds(line, row.OrText));
+        if (held && row.Handle() == Dispatch::Stop) {
+            return;
+        }
+    }
+}

@@ -3,7 +3,9 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
+#include <string_view>
 
 #include "engine/wire.h"
 
@@ -25,3 +27,21 @@ struct CarriedLine {
 void ForgetUnfinishedLine();
 // Writes a token, its text and CR LF, to the port.
 void SendToken(const WireToken& token);
+
+// Whether a line's dispatch goes on after a token's handler: one that has
+// ended the call stops it, since nothing else on the line belongs to a call
+// that is gone.
+enum class Dispatch { Next, Stop };
+
+// A token a side hears and what it does about it. A line is looked at for
+// every row in order, each row's handler running when the line holds its
+// text, or its other text that counts the same.
+struct TokenRow {
+    std::string_view Text;
+    std::string_view OrText;  // empty when only Text counts
+    Dispatch (*Handle)();
+};
+
+// Runs the handler of every row whose text the line holds, in the rows'
+// order, until one says to stop.
+void DispatchLine(std::string_view line, std::span<const TokenRow> rows);

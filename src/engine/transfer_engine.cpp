@@ -1,4 +1,5 @@
 #include "engine/transfer_engine.h"
+#include "engine/call_end.h"
 
 #include <algorithm>
 #include <mutex>
@@ -97,22 +98,21 @@ std::optional<int> PassWork() {
     const bool sending = TheEngine.WeSend.load();
 
     if (sending && state >= LinkConnected && TheEngine.Session.SendFault.exchange(false)) {
-        RequestDisconnect();
+        EndCall(CallEnd::Fault);
         return std::nullopt;
     }
     if (sending && waiting == 0 && RetryHangUpIfDue()) {
         return std::nullopt;
     }
     if (sending && SenderLostFarEnd(state)) {
-        Stores().Log.Add("Remote end not responding.");
-        RequestDisconnect();
+        EndCall(CallEnd::FarEndNotResponding);
         return std::nullopt;
     }
     // A far end that brings no token within the limit is let go, also while
     // it keeps sending other bytes: a stream must not hold the line.
     if (!sending && (state == LinkConnected || state == LinkRecovery) &&
         NowMs() - TheEngine.LastRxTime.load() > SilenceLimitMs) {
-        RequestDisconnect();
+        EndCall(CallEnd::Silence);
         return std::nullopt;
     }
     if (waiting != 0) {

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "engine/teardown.h"
+#include "engine/call_end.h"
 #include "engine/wire.h"
 #include "engine_harness.h"
 #include "platform/files.h"
@@ -58,7 +58,7 @@ protected:
 
     // This end breaks the transfer off; the far end may offer again.
     void Abandon() {
-        RequestDisconnect();
+        EndCall(CallEnd::Requested);
         EXPECT_EQ(Take(7), "ABORT\r\n");
     }
 };

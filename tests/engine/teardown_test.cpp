@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "engine/call_end.h"
 #include "engine/session_threads.h"
 #include "engine/teardown.h"
 #include "engine/wire.h"
@@ -38,10 +39,10 @@ protected:
         Send(peer::Stream(file.Bytes).substr(0, SectionWireBytes + 10));
         ASSERT_TRUE(WaitUntil(
             [] { return Inspect([] { return TheEngine.ReceiveList[0].NextBlock == 16; }); }));
-        RequestDisconnect();
+        EndCall(CallEnd::Requested);
         EXPECT_EQ(Take(7), "ABORT\r\n");
         EXPECT_EQ(TheEngine.LinkState.load(), LinkConnected);
-        std::thread again(RequestDisconnect);
+        std::thread again([] { EndCall(CallEnd::Requested); });
         EXPECT_EQ(AnswerCommand(), "AT");
         EXPECT_TRUE(AnswerProfile());
         again.join();
