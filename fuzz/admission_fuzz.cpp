@@ -31,14 +31,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     TheEngine.InHeader = RecordFromBytes<SessionHeader>(data);
     TheEngine.SavedEntry = FileEntry{};
-    TheEngine.LinkState = LinkConnected;
-    TheEngine.WeSend = false;
+    TheEngine.LinkState = LinkState::Connected;
+    TheEngine.Role = Role::Receiver;
     FeedPort(list);
     const AdmitResult result = AdmitFileList();
     // An accepted list awaits its first file's data; a refused one, or one of
     // empty files only, leaves nothing to receive.
     const bool awaiting =
-        TheEngine.LinkState.load() == LinkTransfer && TheEngine.ReceiveCount.load() > 0;
+        TheEngine.LinkState.load() == LinkState::Transfer && TheEngine.ReceiveCount.load() > 0;
     if (awaiting != (result == AdmitAccepted || result == AdmitRecovered)) {
         std::abort();
     }

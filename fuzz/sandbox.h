@@ -7,7 +7,7 @@
 class Line;
 
 // Sets up the engine once, in a fresh folder under the system's temporary
-// folder, with the port open and the link in LinkConnected as a receiver.
+// folder, with the port open and the link in LinkState::Connected as a receiver.
 void SetUpSandbox();
 // The engine's line, on the sandbox's pseudo-terminal.
 Line& SandboxLine();

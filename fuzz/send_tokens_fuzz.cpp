@@ -148,7 +148,7 @@ void CheckTheListLeft() {
 // The station hands over to its receiving side after a request to fetch
 // files; a list that comes then is admitted as any other.
 void Step() {
-    if (TheEngine.WeSend.load()) {
+    if (TheEngine.Role.load() == Role::Sender) {
         // The files offered are there and readable: a fault in reading one
         // means the position went outside it.
         Require(!TheEngine.Session.SendFault.load(), "a file offered could not be read");
@@ -159,12 +159,12 @@ void Step() {
 }
 
 bool CallUp() {
-    const int16_t state = TheEngine.LinkState.load();
-    if (TheEngine.WeSend.load()) {
-        return state >= LinkConnected;
+    const LinkState state = TheEngine.LinkState.load();
+    if (TheEngine.Role.load() == Role::Sender) {
+        return state >= LinkState::Connected;
     }
     // The receiving side's data is not this target's.
-    return state == LinkConnected || state == LinkRecovery;
+    return state == LinkState::Connected || state == LinkState::Recovery;
 }
 
 }  // namespace
@@ -184,8 +184,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     TheEngine.ReceiveCount = 0;
     TheEngine.ReceiveListSize = 0;
-    TheEngine.WeSend = true;
-    TheEngine.LinkState = LinkConnected;
+    TheEngine.Role = Role::Sender;
+    TheEngine.LinkState = LinkState::Connected;
 
     std::string input(reinterpret_cast<const char*>(data + 1), size - 1);
     input += "\r\n";
@@ -201,27 +201,30 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                        SandboxLine().PortQueueCount(PortQueue::Input) > padding.size() && CallUp();
          ++step) {
         Step();
-        const int16_t state = TheEngine.LinkState.load();
-        Require(!TheEngine.WeSend.load() || (state != LinkTransfer && state != LinkRecovery) ||
+        const LinkState state = TheEngine.LinkState.load();
+        Require(TheEngine.Role.load() != Role::Sender ||
+                    (state != LinkState::Transfer && state != LinkState::Recovery) ||
                     !TheEngine.SendList.IsEmpty(),
                 "a transfer with nothing in the list to send");
     }
 
     // The line falls, as the adapter reports it.
     DiscardPortInput();
-    if (TheEngine.WeSend.load() && TheEngine.LinkState.load() >= LinkConnected) {
+    if (TheEngine.Role.load() == Role::Sender &&
+        TheEngine.LinkState.load() >= LinkState::Connected) {
         FeedPort("NO CARRIER\r\n");
         // An answer of the adapter to a command-like run of bytes in the data
         // may still have been on its way, and come first.
-        for (int line = 0; line < 4 && TheEngine.LinkState.load() >= LinkConnected &&
+        for (int line = 0; line < 4 && TheEngine.LinkState.load() >= LinkState::Connected &&
                            SandboxLine().PortQueueCount(PortQueue::Input) > 0;
              ++line) {
             OnSenderInput();
         }
-        Require(TheEngine.LinkState.load() == LinkIdle, "the line's fall leaves the call up");
-    } else if (TheEngine.LinkState.load() >= LinkConnected) {
+        Require(TheEngine.LinkState.load() == LinkState::Idle,
+                "the line's fall leaves the call up");
+    } else if (TheEngine.LinkState.load() >= LinkState::Connected) {
         EndOfCallCleanup();
-        TheEngine.LinkState = LinkIdle;
+        TheEngine.LinkState = LinkState::Idle;
     }
     EndRecoveryCandidacy();
     ForgetUnfinishedLine();
@@ -231,8 +234,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Require(SourcesIntact(), "a file offered was changed");
     CheckTheListLeft();
     TheEngine.RetrievePending = false;
-    TheEngine.WeSend = false;
-    TheEngine.LinkState = LinkConnected;
+    TheEngine.Role = Role::Receiver;
+    TheEngine.LinkState = LinkState::Connected;
     DiscardPortInput();
     CheckAndEmptySandbox();
     return 0;

@@ -71,12 +71,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     StartInstantAdapter();
     SandboxLine().AdapterFound = 0;  // no profile goes out after a call; nothing would answer it
     LeaveAResumableFile();
-    TheEngine.WeSend = false;
+    TheEngine.Role = Role::Receiver;
     TheEngine.ReceiveCount = 0;
     TheEngine.ReceiveListSize = 0;
     TheEngine.RetrievePending = false;
     TheEngine.LastRxTime = NowMs();
-    TheEngine.LinkState = LinkConnected;
+    TheEngine.LinkState = LinkState::Connected;
 
     std::string input(reinterpret_cast<const char*>(data), size);
     input += "\r\n";
@@ -89,21 +89,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (int step = 0;
          step < StepLimit && SandboxLine().PortQueueCount(PortQueue::Input) > padding.size();
          ++step) {
-        const int16_t state = TheEngine.LinkState.load();
-        if (state != LinkConnected && state != LinkRecovery) {
+        const LinkState state = TheEngine.LinkState.load();
+        if (state != LinkState::Connected && state != LinkState::Recovery) {
             break;  // the call has ended, or the data of a file has begun
         }
         OnReceiverInput();
     }
 
     // The call falls here, whatever its state: what is incomplete goes.
-    if (TheEngine.LinkState.load() >= LinkConnected) {
+    if (TheEngine.LinkState.load() >= LinkState::Connected) {
         EndOfCallCleanup();
     }
     EndRecoveryCandidacy();
     ForgetUnfinishedLine();
     ClearSessionFlags();
-    TheEngine.LinkState = LinkConnected;
+    TheEngine.LinkState = LinkState::Connected;
     DiscardPortInput();
     CheckAndEmptySandbox();
     return 0;

@@ -235,7 +235,7 @@ void FileListPanel::OnFileDelete() {
 void FileListPanel::OnFileClick(int row) {
     selectedFileRow_.store(static_cast<int16_t>(row < 0 ? -1 : row));
     Controls().Select(IDC_FILE_LIST, row);
-    if (TheEngine.LinkState.load() == LinkIdle) {
+    if (TheEngine.LinkState.load() == LinkState::Idle) {
         Controls().Enable(IDC_FILE_DELETE, row >= 0);
     }
 }

@@ -205,14 +205,14 @@ void MainWindow::SetLogObserver(std::function<void(const std::string&)> observer
 }
 
 const std::vector<std::string>& MainWindow::LinkStateNames() {
-    // By the values of LinkState, LinkIdle first.
+    // By the values of LinkState, Idle first.
     static const std::vector<std::string> Names = {"idle",     "dialing",  "connected",
                                                    "transfer", "filesent", "recovery"};
     return Names;
 }
 
 std::string MainWindow::LinkStateName() {
-    const int state = TheEngine.LinkState.load();
+    const int state = static_cast<int>(TheEngine.LinkState.load());
     const std::vector<std::string>& names = LinkStateNames();
     return state >= 0 && state < static_cast<int>(names.size()) ? names[static_cast<size_t>(state)]
                                                                 : "unknown";
@@ -449,7 +449,7 @@ void MainWindow::OnAboutOk() {
 // What the user may do
 
 Permissions MainWindow::WhatTheUserMay() const {
-    const bool linkUp = TheEngine.LinkState.load() > LinkIdle;
+    const bool linkUp = TheEngine.LinkState.load() > LinkState::Idle;
     const bool haveFiles = files_.HasFiles();
     Permissions may;
     // With files in the list a call sends them; with an empty list the only
@@ -502,7 +502,7 @@ EventOutcome MainWindow::HandleEvent(const WindowEvent& event) {
         case Kind::FilesDropped:
             // The file list and Send take nothing while a call is up.
             if ((event.Id == IDC_FILE_LIST || event.Id == IDC_SEND) &&
-                TheEngine.LinkState.load() != LinkIdle) {
+                TheEngine.LinkState.load() != LinkState::Idle) {
                 return Refused("the file list is shut during a call");
             }
             OnDropFiles(event.Id, event.Paths);
@@ -573,7 +573,7 @@ EventOutcome MainWindow::OnBoxClicked(WindowPanel& panel, int id, bool checked) 
 
 void MainWindow::OnDropFiles(int targetId, const std::vector<std::string>& paths) {
     const bool onList = targetId == IDC_FILE_LIST || targetId == IDC_SEND;
-    if (onList && TheEngine.LinkState.load() == LinkIdle) {
+    if (onList && TheEngine.LinkState.load() == LinkState::Idle) {
         files_.OnDropFiles(paths);
         // One drop on Send fills the list and starts the call.
         if (targetId == IDC_SEND) {

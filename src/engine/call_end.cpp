@@ -122,7 +122,7 @@ const EndRow& RowOf(CallEnd reason) {
 
 // The link is idle again and nothing of the call or dial is left over.
 void BackToIdle() {
-    TheEngine.WeSend = false;
+    TheEngine.Role = Role::Receiver;
     // A retrieve asked for in this call is over with it, however it ended: a
     // station that kept it would not answer the next correspondent's.
     TheEngine.RetrievePending = false;
@@ -136,9 +136,9 @@ void TidyCall(const EndRow& row) {
     ForgetUnfinishedLine();
     EngineWindow& display = Display();
     const LinkState state = TheEngine.LinkState.load();
-    const bool sending = TheEngine.WeSend.load();
+    const bool sending = TheEngine.Role.load() == Role::Sender;
     if (sending) {
-        if (row.UnderBlock != nullptr && state == LinkTransfer) {
+        if (row.UnderBlock != nullptr && state == LinkState::Transfer) {
             Stores().Log.Add(row.UnderBlock);
             TheEngine.FeederRun = false;
             TheEngine.Line->PurgePort();
@@ -149,7 +149,7 @@ void TidyCall(const EndRow& row) {
     display.ShowTransferDisplay(false);
     // A hang-up in the middle of the data says nothing of the time taken; a
     // lost line tells it always, as far as a transfer had begun.
-    if (row.LineLost || state == LinkConnected || state == LinkFileSent) {
+    if (row.LineLost || state == LinkState::Connected || state == LinkState::FileSent) {
         display.LogElapsedTime();
     }
     // A transfer whose time goes untold is over all the same: a later call
@@ -166,8 +166,8 @@ void TidyCall(const EndRow& row) {
     // The file in hand goes back to its start, so that the next offer sends
     // it whole or from the receiver's position; also when the call ended
     // while its ACK was awaited.
-    if (state == LinkTransfer || state == LinkRecovery || (sending && state == LinkFileSent) ||
-        row.Rewind) {
+    if (state == LinkState::Transfer || state == LinkState::Recovery ||
+        (sending && state == LinkState::FileSent) || row.Rewind) {
         ResetSendPosition();
     }
     TheEngine.Line->ReinitializeIncoming();
@@ -190,22 +190,22 @@ void TidyDial(const EndRow& row) {
 }
 
 void StopFeederIfSending() {
-    if (TheEngine.WeSend.load()) {
+    if (TheEngine.Role.load() == Role::Sender) {
         StopFeeder();
     }
 }
 
 void AskForTheEnd() {
-    if (TheEngine.LinkState.load() == LinkDialing) {
+    if (TheEngine.LinkState.load() == LinkState::Dialing) {
         // One blank breaks off the dial; the adapter's answer ends it.
         TheEngine.Line->SendBytes(" ", 1);
         return;
     }
     PortConversation conversation(*TheEngine.Line);
     const LinkState state = TheEngine.LinkState.load();
-    const bool sending = TheEngine.WeSend.load();
+    const bool sending = TheEngine.Role.load() == Role::Sender;
     switch (state) {
-        case LinkConnected:
+        case LinkState::Connected:
             // "AT" answered means the adapter is in command mode already, so
             // the call has gone; silence means it is still up.
             if (TheEngine.Line->SendAndWaitOk("AT")) {
@@ -214,13 +214,13 @@ void AskForTheEnd() {
                 EndCallByHangUp();
             }
             break;
-        case LinkTransfer:
-        case LinkFileSent:
-        case LinkRecovery:
+        case LinkState::Transfer:
+        case LinkState::FileSent:
+        case LinkState::Recovery:
             if (!sending) {
                 Stores().Log.Add("Sending disconnect...");
                 SendToken(TokenAbort);
-                TheEngine.LinkState = LinkConnected;
+                TheEngine.LinkState = LinkState::Connected;
             } else {
                 StopFeeder();
                 EndCallByHangUp();
@@ -244,12 +244,12 @@ void EndCall(CallEnd reason, std::string_view detail) {
         case Before::Nothing:
             break;
         case Before::ListThrough:
-            TheEngine.LinkState = LinkConnected;
+            TheEngine.LinkState = LinkState::Connected;
             TheEngine.SendList.Clear();
             StopFeeder();
             break;
         case Before::TakeSendersPart:
-            TheEngine.WeSend = true;
+            TheEngine.Role = Role::Sender;
             break;
     }
     switch (row.By) {

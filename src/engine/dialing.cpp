@@ -58,9 +58,9 @@ constexpr std::array<ConnectCode, 3> ConnectCodes{{
 void Connected(const ConnectCode& code) {
     Stores().Log.Add(code.LogLine);
     ClearSessionFlags();
-    TheEngine.LinkState = LinkConnected;
+    TheEngine.LinkState = LinkState::Connected;
     Display().UpdateActionButtons();
-    if (TheEngine.WeSend.load()) {
+    if (TheEngine.Role.load() == Role::Sender) {
         SendToken(TokenSyncon);
     } else {
         // The caller speaks first; its silence is timed from here.
@@ -97,22 +97,22 @@ void PlaceCall(const CallRequest& call) {
         return;
     }
     // Without an adapter nothing would ever answer the dial, and the link
-    // would wait in LinkDialing for good; the user hears why instead.
+    // would wait in LinkState::Dialing for good; the user hears why instead.
     if (!TheEngine.Line->AdapterFound.load()) {
         ShowMessageBox(NoAdapterMessage);
         return;
     }
     // The adapter's answer to the dial is read only once the link stands in
-    // LinkDialing, however quickly it comes.
+    // LinkState::Dialing, however quickly it comes.
     PortConversation conversation(*TheEngine.Line);
     TheEngine.Line->InitializeOutgoing(call.Line);
     TheEngine.Line->SendCommand(DialString(call.Number, call.CarrierRow).c_str());
     Stores().Log.Add("Calling " + call.Name);
     Stores().Log.Add("at " + call.Number);
     ClearSessionFlags();
-    TheEngine.LinkState = LinkDialing;
+    TheEngine.LinkState = LinkState::Dialing;
     Display().UpdateActionButtons();
-    TheEngine.WeSend = true;
+    TheEngine.Role = Role::Sender;
 }
 
 void HandleLineEvent() {

@@ -188,7 +188,7 @@ void AnswerRetrieveRequest() {
     Stores().Log.Add("Retrieve request from " + FieldText(Stores().Directory[index].FirmName));
     Stores().Log.Add("at " + number);
     Display().SelectCorrespondent(index);
-    TheEngine.WeSend = true;
+    TheEngine.Role = Role::Sender;
     TheEngine.PickupSend = true;
     EnsureSentFilesFolder(index);
     LoadPickUpFolder(index);
@@ -196,7 +196,7 @@ void AnswerRetrieveRequest() {
 }
 
 std::optional<int16_t> HotFolderDue() {
-    if (TheEngine.LinkState.load() != LinkIdle) {
+    if (TheEngine.LinkState.load() != LinkState::Idle) {
         return std::nullopt;
     }
     ServeHotFolderClears();

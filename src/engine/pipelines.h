@@ -13,7 +13,7 @@ void ReadNextSection();
 enum class BlockOutcome {
     Nothing,   // nothing to hand out
     Handed,    // a block went to the writer, or the file's end was booked
-    FileSent,  // the file is through: LinkFileSent, and the feeder is to park
+    FileSent,  // the file is through: LinkState::FileSent, and the feeder is to park
 };
 // Hands the next block of SendList[0] to the writer.
 BlockOutcome SendNextBlock();

@@ -45,7 +45,7 @@ enum class SectionEnd {
     }
     Stores().Log.Add("Packet byte error " + std::to_string(static_cast<int>(end)) + ".");
     RequestSectionResend();
-    TheEngine.LinkState = LinkRecovery;
+    TheEngine.LinkState = LinkState::Recovery;
     return false;
 }
 
@@ -97,7 +97,7 @@ void FileFinished() {
         return;
     }
     SendToken(TokenAck2);
-    TheEngine.LinkState = LinkConnected;
+    TheEngine.LinkState = LinkState::Connected;
     Stores().Log.Add("All files received.");
     display.ShowBatchEstimate(TheEngine.ReceiveRemaining.load());
     display.ShowThroughput(false, false);
@@ -166,7 +166,7 @@ void ReceiveBlock() {
         // Only a damaged position could bring this; the section cannot be
         // checked, so it is asked for again.
         RequestSectionResend();
-        TheEngine.LinkState = LinkRecovery;
+        TheEngine.LinkState = LinkState::Recovery;
         return;
     }
     if (!SectionPasses(static_cast<uint32_t>(fileBytes), SectionEnd::InAShortBlock) ||

@@ -364,7 +364,7 @@ void StartReceiving(const Admission& list) {
                                   ? RecoveryPositionOf(TheEngine.RecoveryRecord.Body).ExpectedBlock
                                   : ExpectedBlockOf(TheEngine.ReceiveList[0]);
     SnapshotSection();
-    TheEngine.LinkState = LinkTransfer;
+    TheEngine.LinkState = LinkState::Transfer;
     TheEngine.BlockIndex = 0;
     Stores().Log.Add(std::string(list.Recovered ? "Recovering File: " : "Receiving File: ") +
                      std::string(TheEngine.ReceiveList[0].DisplayName.View()));
@@ -373,7 +373,7 @@ void StartReceiving(const Admission& list) {
 }
 
 Dispatch OnListOffered() {
-    if (TheEngine.LinkState.load() != LinkConnected) {
+    if (TheEngine.LinkState.load() != LinkState::Connected) {
         return Dispatch::Next;
     }
     if (TheEngine.Line->ReadBlock(&TheEngine.InHeader, sizeof(SessionHeader), HeaderLimitMs) <
@@ -399,7 +399,7 @@ Dispatch OnListOffered() {
             return Dispatch::Next;
         default:
             // A list that could not be believed has ended the call.
-            return TheEngine.LinkState.load() == LinkIdle ? Dispatch::Stop : Dispatch::Next;
+            return TheEngine.LinkState.load() == LinkState::Idle ? Dispatch::Stop : Dispatch::Next;
     }
     TheEngine.BlockIndex = 0;
     TheEngine.TransferStartTime = WallSeconds();
@@ -408,7 +408,7 @@ Dispatch OnListOffered() {
 
 // The holder's answer to a retrieve request came: there is nothing to fetch.
 Dispatch OnNothingToRetrieve(CallEnd end) {
-    if (TheEngine.LinkState.load() != LinkConnected || !TheEngine.RetrievePending.load()) {
+    if (TheEngine.LinkState.load() != LinkState::Connected || !TheEngine.RetrievePending.load()) {
         return Dispatch::Next;  // this end asked for nothing
     }
     EndCall(end);
@@ -429,7 +429,7 @@ constexpr std::array<TokenRow, 6> ReceiverTokens{{
     {TextNoCarrier,
      {},
      [] {
-         if (TheEngine.LinkState.load() != LinkConnected) {
+         if (TheEngine.LinkState.load() != LinkState::Connected) {
              return Dispatch::Next;
          }
          EndCall(CallEnd::ReceiverLostLine);
@@ -438,7 +438,8 @@ constexpr std::array<TokenRow, 6> ReceiverTokens{{
     {TokenRetrieve.Text(),
      {},
      [] {
-         if (TheEngine.LinkState.load() == LinkConnected && !TheEngine.RetrievePending.load()) {
+         if (TheEngine.LinkState.load() == LinkState::Connected &&
+             !TheEngine.RetrievePending.load()) {
              AnswerRetrieveRequest();
          }
          return Dispatch::Next;
@@ -561,10 +562,10 @@ void OnReceiverInput() {
     if (!ReadTokenLine(TokenLineLimitMs, line)) {
         return;
     }
-    if (TheEngine.LinkState.load() == LinkRecovery) {
+    if (TheEngine.LinkState.load() == LinkState::Recovery) {
         if (LineHolds(line, TokenSendRecovr)) {
             ApplyRecoveryAtReceiver();
-            TheEngine.LinkState = LinkTransfer;
+            TheEngine.LinkState = LinkState::Transfer;
         }
         return;
     }

@@ -77,7 +77,7 @@ void ApplyRecoveryAtSender() {
 
 void ConfirmRecovery() {
     SendToken(TokenSendRecovr);
-    TheEngine.LinkState = LinkTransfer;
+    TheEngine.LinkState = LinkState::Transfer;
 }
 
 void StallAbort(uint32_t waiting) {

@@ -110,8 +110,8 @@ BlockOutcome SendNextBlock() {
         // The last block has left the port: this step runs only with the
         // writer idle and the output queue empty.
         entry.LastBlockTime = NowMs();
-        LinkState expected = LinkTransfer;
-        if (!TheEngine.LinkState.compare_exchange_strong(expected, LinkFileSent)) {
+        LinkState expected = LinkState::Transfer;
+        if (!TheEngine.LinkState.compare_exchange_strong(expected, LinkState::FileSent)) {
             return BlockOutcome::Nothing;  // a repair has begun meanwhile
         }
         return BlockOutcome::FileSent;
@@ -155,7 +155,7 @@ unsigned SectionFeeder(void*) {
     // repair, it first brings the display up to date.
     bool refreshDue = false;
     while (TheEngine.FeederRun.load()) {
-        if (TheEngine.LinkState.load() != LinkTransfer || TheEngine.SendList.IsEmpty() ||
+        if (TheEngine.LinkState.load() != LinkState::Transfer || TheEngine.SendList.IsEmpty() ||
             TheEngine.Session.SendFault.load()) {
             ParkThread(self);
             continue;

@@ -46,15 +46,15 @@ void StartTransfer() {
     TheEngine.FeederRun = true;
     StartSectionFeeder();
     Display().ShowThroughput(true, false);
-    TheEngine.LinkState = LinkTransfer;
+    TheEngine.LinkState = LinkState::Transfer;
     TheEngine.TransferStartTime = WallSeconds();
     WakeFeeder();
 }
 
 // Whether a list-accepting token may start a transfer now.
 bool ReadyToStart() {
-    return TheEngine.LinkState.load() == LinkConnected && TheEngine.Session.ListOffered.load() &&
-           !FeederRunning();
+    return TheEngine.LinkState.load() == LinkState::Connected &&
+           TheEngine.Session.ListOffered.load() && !FeederRunning();
 }
 
 // The receiver's body behind FILERECOVR or FILERESTA; false after the call
@@ -89,7 +89,7 @@ Dispatch OnFileRecovr() {
     const LinkState state = TheEngine.LinkState.load();
     // With the list empty the file of that data has been acknowledged
     // already; a repair would put a stale entry back on the way.
-    if (!FeederRunning() || (state != LinkTransfer && state != LinkFileSent) ||
+    if (!FeederRunning() || (state != LinkState::Transfer && state != LinkState::FileSent) ||
         TheEngine.SendList.IsEmpty()) {
         return Dispatch::Stop;  // no data of ours is on its way: nothing to repair
     }
@@ -99,14 +99,14 @@ Dispatch OnFileRecovr() {
     }
     // The feeder stops at its next step; the position is rewritten only once
     // it has left the step it is in.
-    TheEngine.LinkState = LinkRecovery;
+    TheEngine.LinkState = LinkState::Recovery;
     WaitFeederOutOfStep();
     ApplyRecoveryAtSender();
     return Dispatch::Stop;
 }
 
 Dispatch OnContSend() {
-    if (TheEngine.LinkState.load() != LinkRecovery) {
+    if (TheEngine.LinkState.load() != LinkState::Recovery) {
         return Dispatch::Stop;
     }
     ConfirmRecovery();
@@ -157,11 +157,11 @@ bool FileIsThrough() {
         return false;
     }
     const LinkState state = TheEngine.LinkState.load();
-    if (state == LinkFileSent) {
+    if (state == LinkState::FileSent) {
         WaitFeederOutOfStep();
         return true;
     }
-    return state == LinkTransfer && WaitFeederFileSent(FileSentWaitMs);
+    return state == LinkState::Transfer && WaitFeederFileSent(FileSentWaitMs);
 }
 
 Dispatch OnAllFilesSent() {
@@ -169,7 +169,7 @@ Dispatch OnAllFilesSent() {
     // With no feeder the list held no data at all, and the far end, having
     // made the empty files, answers the offer with ACK2 at once.
     const bool emptyList = !FeederRunning() && TheEngine.Session.ListOffered.load() &&
-                           (state == LinkConnected || state == LinkFileSent);
+                           (state == LinkState::Connected || state == LinkState::FileSent);
     if (!emptyList && !FileIsThrough()) {
         return Dispatch::Next;
     }
@@ -182,7 +182,8 @@ Dispatch OnAllFilesSent() {
 }
 
 Dispatch OnReceiverReady() {
-    if (TheEngine.LinkState.load() != LinkConnected || TheEngine.Session.ListOffered.load()) {
+    if (TheEngine.LinkState.load() != LinkState::Connected ||
+        TheEngine.Session.ListOffered.load()) {
         return Dispatch::Next;
     }
     if (!TheEngine.RetrievePending.load()) {
@@ -195,7 +196,7 @@ Dispatch OnReceiverReady() {
         std::string_view(TheEngine.Line->LocalNumber,
                          strnlen(TheEngine.Line->LocalNumber, sizeof TheEngine.Line->LocalNumber)));
     TheEngine.Line->SendBytes(&request, sizeof request);
-    TheEngine.WeSend = false;
+    TheEngine.Role = Role::Receiver;
     TheEngine.LastRxTime = NowMs();
     return Dispatch::Next;
 }
@@ -204,8 +205,8 @@ Dispatch OnReceiverReady() {
 // end the call, so this end says why and hangs up at once; the list stays
 // for another try.
 Dispatch OnListRefused(CallEnd why) {
-    if (TheEngine.LinkState.load() != LinkConnected || !TheEngine.Session.ListOffered.load() ||
-        FeederRunning()) {
+    if (TheEngine.LinkState.load() != LinkState::Connected ||
+        !TheEngine.Session.ListOffered.load() || FeederRunning()) {
         return Dispatch::Next;  // no list of ours awaits an answer
     }
     EndCall(why);
@@ -291,7 +292,7 @@ void DropFirstSendEntry() {
         return;
     }
     EngineWindow& display = Display();
-    if (TheEngine.LinkState.load() >= LinkTransfer) {
+    if (TheEngine.LinkState.load() >= LinkState::Transfer) {
         display.SetProgress(100, 100);
         display.ShowThroughput(true, true);
     }
@@ -307,7 +308,7 @@ void DropFirstSendEntry() {
     display.RemoveTopFileRow();
     display.ShowBatchEstimate(list.Remaining());
     if (list.IsEmpty()) {
-        TheEngine.LinkState = LinkFileSent;
+        TheEngine.LinkState = LinkState::FileSent;
         if (TheEngine.PickupSend.load()) {
             // The pick-up folder has emptied: its button shows it.
             display.ShowSelectedCorrespondent();
@@ -323,7 +324,7 @@ void BeginNextFile() {
     }
     LogSendingFile("Sending File: ");
     TheEngine.SectionWanted = true;
-    TheEngine.LinkState = LinkTransfer;
+    TheEngine.LinkState = LinkState::Transfer;
 }
 
 void ResetSendPosition() {

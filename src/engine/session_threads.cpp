@@ -18,7 +18,7 @@ SessionThreads& Threads() {
 }  // namespace
 
 void ReturnToIdle() {
-    TheEngine.LinkState = LinkIdle;
+    TheEngine.LinkState = LinkState::Idle;
     Display().UpdateActionButtons();
 }
 
@@ -26,7 +26,7 @@ void ClearSessionFlags() {
     TheEngine.Session.ListOffered = false;
     TheEngine.Session.SendFault = false;
     TheEngine.Session.FarEndSeenAt = NowMs();
-    TheEngine.Session.FarEndSeenIn = LinkIdle;
+    TheEngine.Session.FarEndSeenIn = LinkState::Idle;
     TheEngine.Session.HangUpTried = false;
     TheEngine.Line->ResetSerialLimitLine();
     TheEngine.Session.HangUpRetries = 0;
@@ -122,7 +122,7 @@ void StopFeeder() {
 
 bool FeederEnterStep() {
     Threads().FeederInStep.store(1);
-    if (TheEngine.LinkState.load() != LinkTransfer || !TheEngine.FeederRun.load()) {
+    if (TheEngine.LinkState.load() != LinkState::Transfer || !TheEngine.FeederRun.load()) {
         FeederLeaveStep();
         return false;
     }
@@ -145,7 +145,8 @@ void WaitFeederOutOfStep() {
 bool WaitFeederFileSent(int limitMs) {
     std::unique_lock<std::mutex> guard(Threads().StepLock);
     Threads().StepLeft.wait_for(guard, std::chrono::milliseconds(limitMs), [] {
-        return TheEngine.LinkState.load() != LinkTransfer && Threads().FeederInStep.load() == 0;
+        return TheEngine.LinkState.load() != LinkState::Transfer &&
+               Threads().FeederInStep.load() == 0;
     });
-    return TheEngine.LinkState.load() == LinkFileSent && Threads().FeederInStep.load() == 0;
+    return TheEngine.LinkState.load() == LinkState::FileSent && Threads().FeederInStep.load() == 0;
 }

@@ -2,8 +2,8 @@
 // SendList[0] and the buffers to one another.
 //
 // The feeder works in steps (reading a section, handing out a block). It
-// enters a step only while LinkState is LinkTransfer, and the communications
-// thread, which leaves LinkTransfer before it rewrites a position or shifts
+// enters a step only while LinkState is LinkState::Transfer, and the communications
+// thread, which leaves LinkState::Transfer before it rewrites a position or shifts
 // the list, then waits until the feeder is out of the step it may have begun.
 // Both sides use sequentially consistent operations on LinkState and on the
 // step flag, so at least one of them sees the other.
@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <mutex>
 
+#include "engine/link_state.h"
 #include "platform/thread.h"
 
 // Flags of the session in progress, cleared when a call begins and ends.
@@ -31,7 +32,7 @@ struct SessionFlags {
     // that moved the session on to another state, or a block that the line
     // took; and the state in which it last looked.
     std::atomic<uint32_t> FarEndSeenAt{0};
-    std::atomic<int16_t> FarEndSeenIn{0};
+    std::atomic<LinkState> FarEndSeenIn{LinkState::Idle};
     // A hang-up has been tried in this call: its end is under way.
     std::atomic<bool> HangUpTried{false};
     // The sending side's hang-up got no answer: how often it has been tried
@@ -77,16 +78,16 @@ bool FeederRunning();
 void WakeFeeder();
 
 // The feeder's side of the step handshake. EnterStep is false when the state
-// is no longer LinkTransfer or the feeder is to stop; the step is then not
+// is no longer LinkState::Transfer or the feeder is to stop; the step is then not
 // taken.
 [[nodiscard]] bool FeederEnterStep();
 void FeederLeaveStep();
 
 // The communications thread's side: after it has taken LinkState out of
-// LinkTransfer, waits until the feeder is out of its step.
+// LinkState::Transfer, waits until the feeder is out of its step.
 void WaitFeederOutOfStep();
 // After a token that only makes sense once the file's last block is out:
-// waits at most limitMs for the feeder to reach LinkFileSent and leave its
+// waits at most limitMs for the feeder to reach LinkState::FileSent and leave its
 // step. True if it has.
 [[nodiscard]] bool WaitFeederFileSent(int limitMs);
 

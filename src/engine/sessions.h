@@ -13,7 +13,7 @@
 // ---- Sending side ----
 
 // Reads one token line and acts on it; the communications thread calls it
-// while WeSend is set and a call is up.
+// while this end is the sender and a call is up.
 void OnSenderInput();
 // Offers the list: H100, the header and the file list.
 void StartSendSession();
@@ -29,7 +29,7 @@ void ResetSendPosition();
 // ---- Receiving side ----
 
 // Reads one token line and acts on it; the communications thread calls it
-// while WeSend is clear in LinkConnected and LinkRecovery.
+// while this end is the receiver in LinkState::Connected and LinkState::Recovery.
 void OnReceiverInput();
 
 // What admission made of a list.

@@ -38,7 +38,8 @@ constexpr uint32_t HangUpRetryMs = 5000;
 // sending side has none, so it tries again a few times.
 bool HangUpFailed() {
     Stores().Log.Add("Hang-up failed.");
-    if (TheEngine.WeSend.load() && TheEngine.Session.HangUpRetries.load() < HangUpRetryLimit) {
+    if (TheEngine.Role.load() == Role::Sender &&
+        TheEngine.Session.HangUpRetries.load() < HangUpRetryLimit) {
         TheEngine.Session.HangUpRetries.fetch_add(1);
         TheEngine.Session.HangUpRetryAt = NowMs();
         TheEngine.Session.HangUpRetryDue = true;
@@ -129,7 +130,7 @@ bool RetryHangUpIfDue() {
         return false;
     }
     // A call that has ended meanwhile (NO CARRIER) cleared the retry.
-    if (TheEngine.LinkState.load() < LinkConnected) {
+    if (TheEngine.LinkState.load() < LinkState::Connected) {
         TheEngine.Session.HangUpRetryDue = false;
         return false;
     }

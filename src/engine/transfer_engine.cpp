@@ -50,14 +50,14 @@ int MsUntilPast(uint32_t since, uint32_t limitMs) {
 // out, as long as the receiver waits for the next; for a token, as long as
 // the receiver waits for one.
 uint32_t SenderLimitMs(LinkState state) {
-    return state == LinkTransfer ? StallLimitMs : SilenceLimitMs;
+    return state == LinkState::Transfer ? StallLimitMs : SilenceLimitMs;
 }
 
 // Whether the sending side has seen nothing of its far end for longer than
 // its limit, with no hang-up under way yet. A session that has moved on to
 // another state since the last look has heard the far end's token.
 bool SenderLostFarEnd(LinkState state) {
-    if (state < LinkConnected || TheEngine.Session.HangUpTried.load()) {
+    if (state < LinkState::Connected || TheEngine.Session.HangUpTried.load()) {
         return false;
     }
     if (TheEngine.Session.FarEndSeenIn.exchange(state) != state) {
@@ -70,8 +70,8 @@ bool SenderLostFarEnd(LinkState state) {
 // How long a pass that found nothing to do may wait for input.
 int WaitBound(LinkState state, bool sending) {
     if (sending) {
-        int bound = state == LinkTransfer ? SendDisplayWaitMs : LongestWaitMs;
-        if (state >= LinkConnected && !TheEngine.Session.HangUpTried.load()) {
+        int bound = state == LinkState::Transfer ? SendDisplayWaitMs : LongestWaitMs;
+        if (state >= LinkState::Connected && !TheEngine.Session.HangUpTried.load()) {
             bound = std::min(
                 bound, MsUntilPast(TheEngine.Session.FarEndSeenAt.load(), SenderLimitMs(state)));
         }
@@ -79,10 +79,10 @@ int WaitBound(LinkState state, bool sending) {
         return retry && *retry < bound ? *retry : bound;
     }
     switch (state) {
-        case LinkConnected:
-        case LinkRecovery:
+        case LinkState::Connected:
+        case LinkState::Recovery:
             return MsUntilPast(TheEngine.LastRxTime.load(), SilenceLimitMs);
-        case LinkTransfer:
+        case LinkState::Transfer:
             return MsUntilPast(TheEngine.LastRxTime.load(), StallLimitMs);
         default:
             return LongestWaitMs;
@@ -95,9 +95,9 @@ int WaitBound(LinkState state, bool sending) {
 std::optional<int> PassWork() {
     const uint32_t waiting = TheEngine.Line->PortQueueCount(PortQueue::Input);
     const LinkState state = TheEngine.LinkState.load();
-    const bool sending = TheEngine.WeSend.load();
+    const bool sending = TheEngine.Role.load() == Role::Sender;
 
-    if (sending && state >= LinkConnected && TheEngine.Session.SendFault.exchange(false)) {
+    if (sending && state >= LinkState::Connected && TheEngine.Session.SendFault.exchange(false)) {
         EndCall(CallEnd::Fault);
         return std::nullopt;
     }
@@ -110,13 +110,13 @@ std::optional<int> PassWork() {
     }
     // A far end that brings no token within the limit is let go, also while
     // it keeps sending other bytes: a stream must not hold the line.
-    if (!sending && (state == LinkConnected || state == LinkRecovery) &&
+    if (!sending && (state == LinkState::Connected || state == LinkState::Recovery) &&
         NowMs() - TheEngine.LastRxTime.load() > SilenceLimitMs) {
         EndCall(CallEnd::Silence);
         return std::nullopt;
     }
     if (waiting != 0) {
-        if (state <= LinkDialing) {
+        if (state <= LinkState::Dialing) {
             HandleLineEvent();
             return std::nullopt;
         }
@@ -124,11 +124,11 @@ std::optional<int> PassWork() {
             OnSenderInput();
             return std::nullopt;
         }
-        if (state == LinkConnected || state == LinkRecovery) {
+        if (state == LinkState::Connected || state == LinkState::Recovery) {
             OnReceiverInput();
             return std::nullopt;
         }
-        if (state == LinkTransfer) {
+        if (state == LinkState::Transfer) {
             if (waiting >= TheEngine.ExpectedBlock.load()) {
                 ReceiveBlock();
                 return std::nullopt;
@@ -143,12 +143,12 @@ std::optional<int> PassWork() {
     }
 
     if (sending) {
-        if (state == LinkTransfer && TheEngine.SendDisplayDirty.load()) {
+        if (state == LinkState::Transfer && TheEngine.SendDisplayDirty.load()) {
             RefreshSendDisplay();
         }
         return WaitBound(state, sending);
     }
-    if (state == LinkTransfer && NowMs() - TheEngine.LastRxTime.load() > StallLimitMs) {
+    if (state == LinkState::Transfer && NowMs() - TheEngine.LastRxTime.load() > StallLimitMs) {
         if (waiting != 0 && waiting < TheEngine.ExpectedBlock.load()) {
             EndStalledCall(waiting);
         } else {
@@ -157,7 +157,7 @@ std::optional<int> PassWork() {
         }
         return std::nullopt;
     }
-    if (state == LinkTransfer && TheEngine.ReceiveDisplayDirty.load()) {
+    if (state == LinkState::Transfer && TheEngine.ReceiveDisplayDirty.load()) {
         RefreshReceiveDisplay();
     }
     return WaitBound(state, sending);

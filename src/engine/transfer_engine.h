@@ -25,6 +25,7 @@
 
 #include "engine/engine_window.h"
 #include "engine/file_entry.h"
+#include "engine/link_state.h"
 #include "engine/send_list.h"
 #include "engine/session_threads.h"
 #include "engine/token_lines.h"
@@ -32,16 +33,6 @@
 #include "line/line.h"
 #include "platform/thread.h"
 #include "stores/installation.h"
-
-// The states of the link, with the values they have always had.
-enum LinkState : int16_t {
-    LinkIdle = 0,       // no call; lines from the port are adapter messages
-    LinkDialing = 1,    // the dial string has gone, the call's progress is awaited
-    LinkConnected = 2,  // the data channel is up and no file data flows
-    LinkTransfer = 3,   // file data flows
-    LinkFileSent = 4,   // sending side: the file's last block is out, an ACK is awaited
-    LinkRecovery = 5,   // a section failed its check and is being asked for again
-};
 
 // Which thread is the communications thread and which is inside one of its
 // passes, so that a message box asked for inside a pass waits until the pass
@@ -78,9 +69,10 @@ struct TransferEngine {
     // holds it until the engine becomes an object that is made with it.
     Installation* Stores = nullptr;
     // The type is named from outside, since the field bears its name.
-    std::atomic<::LinkState> LinkState{LinkIdle};
-    // Set on the sending side of the session; picks the token handler.
-    std::atomic<bool> WeSend{false};
+    std::atomic<::LinkState> LinkState{::LinkState::Idle};
+    // Which side of the session this end is; picks the token handler. The
+    // type is named from outside, as for LinkState.
+    std::atomic<::Role> Role{::Role::Receiver};
     // The communications thread runs while this is set.
     std::atomic<bool> CommThreadRun{true};
     // Block slot 0..15 inside the current section, on both sides.

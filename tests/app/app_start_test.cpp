@@ -31,7 +31,7 @@ protected:
         previous_ = CurrentFolder();
         ASSERT_TRUE(ChangeCurrentFolder(folder_.Path()));
         BlockPorts(folder_.Path());
-        TheEngine.LinkState = LinkIdle;
+        TheEngine.LinkState = LinkState::Idle;
     }
     void TearDown() override { EXPECT_TRUE(ChangeCurrentFolder(previous_)); }
 

@@ -47,22 +47,22 @@ TEST_F(MainWindowTest, TheButtonsFollowTheLinkAndTheFileList) {
         bool Send, Retrieve, Disconnect, Add, Clear, Remove, Incoming;
     };
     const std::vector<Row> table = {
-        {LinkIdle, 0, -1, false, true, false, true, false, false, true},
-        {LinkIdle, 2, -1, true, false, false, true, true, false, true},
-        {LinkIdle, 2, 1, true, false, false, true, true, true, true},
-        {LinkDialing, 2, 1, false, false, true, false, false, false, false},
-        {LinkConnected, 0, -1, false, false, true, false, false, false, false},
-        {LinkTransfer, 2, -1, false, false, true, false, false, false, false},
-        {LinkFileSent, 1, -1, false, false, true, false, false, false, false},
-        {LinkRecovery, 1, -1, false, false, true, false, false, false, false},
+        {LinkState::Idle, 0, -1, false, true, false, true, false, false, true},
+        {LinkState::Idle, 2, -1, true, false, false, true, true, false, true},
+        {LinkState::Idle, 2, 1, true, false, false, true, true, true, true},
+        {LinkState::Dialing, 2, 1, false, false, true, false, false, false, false},
+        {LinkState::Connected, 0, -1, false, false, true, false, false, false, false},
+        {LinkState::Transfer, 2, -1, false, false, true, false, false, false, false},
+        {LinkState::FileSent, 1, -1, false, false, true, false, false, false, false},
+        {LinkState::Recovery, 1, -1, false, false, true, false, false, false, false},
     };
     // At start Retrieve waits for the first run of the rule.
     EXPECT_FALSE(Controls().Enabled(IDC_RETRIEVE));
     for (const Row& row : table) {
-        SCOPED_TRACE("state " + std::to_string(row.Link) + " count " + std::to_string(row.Count) +
-                     " row " + std::to_string(row.Selected));
+        SCOPED_TRACE("state " + std::to_string(static_cast<int>(row.Link)) + " count " +
+                     std::to_string(row.Count) + " row " + std::to_string(row.Selected));
         // A selected row is what a click leaves behind.
-        TheEngine.LinkState = LinkIdle;
+        TheEngine.LinkState = LinkState::Idle;
         TheEngine.SendList.Clear();
         for (int i = 0; i < row.Count; ++i) {
             ASSERT_TRUE(TheEngine.SendList.Add(FileEntry{}));
@@ -84,7 +84,7 @@ TEST_F(MainWindowTest, TheButtonsFollowTheLinkAndTheFileList) {
             EXPECT_TRUE(Controls().Enabled(id)) << ControlName(id);
         }
     }
-    TheEngine.LinkState = LinkIdle;
+    TheEngine.LinkState = LinkState::Idle;
     TheEngine.SendList.Clear();
 }
 

@@ -24,8 +24,8 @@ void WindowTest::TearDown() {
 void WindowTest::StartWindow() {
     // What one process does once: every test starts from the program's
     // first state.
-    TheEngine.LinkState = LinkIdle;
-    TheEngine.WeSend = false;
+    TheEngine.LinkState = LinkState::Idle;
+    TheEngine.Role = Role::Receiver;
     TheEngine.SendList.Clear();
     TheEngine.ReceiveCount = 0;
     TheEngine.TransferStartTime = 0;

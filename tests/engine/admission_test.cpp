@@ -99,7 +99,7 @@ TEST_F(AdmissionTest, FreeSpaceMustHoldTheLargerOfTheHeadersTotalAndTheEntries) 
         } else {
             EXPECT_EQ(Count("Not enough free space on volume."), refusals + 1);
             EXPECT_FALSE(PathExists(Incoming("one.txt")));
-            EXPECT_EQ(TheEngine.LinkState.load(), LinkConnected);
+            EXPECT_EQ(TheEngine.LinkState.load(), LinkState::Connected);
         }
     }
     // Each list that was abandoned for the next left nothing behind.
@@ -140,7 +140,7 @@ TEST_F(AdmissionTest, ANameWithAllItsSuffixesTakenRefusesTheListAndMakesNothing)
     // said it was made.
     EXPECT_FALSE(PathExists(Incoming("Box")));
     EXPECT_FALSE(Logged("Created new folder: Box"));
-    EXPECT_EQ(TheEngine.LinkState.load(), LinkConnected);
+    EXPECT_EQ(TheEngine.LinkState.load(), LinkState::Connected);
 }
 
 TEST_F(AdmissionTest, NamesTakenOnDiskOrByTheListGetSuffixesAndTheAnnouncedNameIsKept) {

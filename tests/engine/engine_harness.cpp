@@ -67,8 +67,8 @@ void EngineHarness::TearDown() {
     EngineShutdown();
     line_.CommPortDestroy();
     SetFreeSpaceQuery(nullptr);
-    TheEngine.LinkState = LinkIdle;
-    TheEngine.WeSend = false;
+    TheEngine.LinkState = LinkState::Idle;
+    TheEngine.Role = Role::Receiver;
     TheEngine.SendList.Clear();
     TheEngine.ReceiveCount = 0;
     TheEngine.ReceiveListSize = 0;
@@ -130,18 +130,18 @@ void EngineHarness::ConnectAsReceiver() {
     Send("\r\nRING\r\n");
     EXPECT_EQ(TakeUntil("\r", 3000), "ATA\r");
     Send("\r\nCONNECT 115200\r\n");
-    ASSERT_TRUE(WaitForState(LinkConnected));
+    ASSERT_TRUE(WaitForState(LinkState::Connected));
     EXPECT_TRUE(WaitForLog("Connected 115200"));
     Send("SYNCON\r\n");
     EXPECT_EQ(Take(8), "RCVCON\r\n");
 }
 
 void EngineHarness::ConnectAsCaller() {
-    TheEngine.WeSend = true;
-    TheEngine.LinkState = LinkDialing;
+    TheEngine.Role = Role::Sender;
+    TheEngine.LinkState = LinkState::Dialing;
     Send("\r\nCONNECT 115200\r\n");
     EXPECT_EQ(Take(8), "SYNCON\r\n");
-    ASSERT_TRUE(WaitForState(LinkConnected));
+    ASSERT_TRUE(WaitForState(LinkState::Connected));
 }
 
 void EngineHarness::ConnectAndTakeList(size_t entries) {

@@ -60,8 +60,8 @@ TEST_F(PickUpTest, TheHolderAnswersARequestForAnEmptyFolderAndStaysTheReceiver) 
     Send(Request("5555"));
     EXPECT_EQ(Take(13), "NOFILEAVAIL\r\n");
     EXPECT_TRUE(WaitForLog("No files to be retrieved."));
-    EXPECT_EQ(TheEngine.LinkState.load(), LinkConnected);
-    EXPECT_FALSE(TheEngine.WeSend.load());
+    EXPECT_EQ(TheEngine.LinkState.load(), LinkState::Connected);
+    EXPECT_EQ(TheEngine.Role.load(), Role::Receiver);
 }
 
 TEST_F(PickUpTest, AHotFolderGoesOutOnceItsTotalHasStoodStill) {
@@ -72,10 +72,10 @@ TEST_F(PickUpTest, AHotFolderGoesOutOnceItsTotalHasStoodStill) {
     // as fresh as one just connected, so the running engine's silence limit
     // does not hang it up meanwhile.
     TheEngine.LastRxTime = NowMs();
-    TheEngine.LinkState = LinkConnected;
+    TheEngine.LinkState = LinkState::Connected;
     EXPECT_EQ(HotFolderDue(), std::nullopt);
     EXPECT_EQ(stores_.Directory[0].HotBytes, 16u);
-    TheEngine.LinkState = LinkIdle;
+    TheEngine.LinkState = LinkState::Idle;
     // A call that rings in starts the count again.
     Send("\r\nRING\r\n");
     EXPECT_EQ(TakeUntil("\r", 3000), "ATA\r");

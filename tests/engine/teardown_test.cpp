@@ -41,12 +41,12 @@ protected:
             [] { return Inspect([] { return TheEngine.ReceiveList[0].NextBlock == 16; }); }));
         EndCall(CallEnd::Requested);
         EXPECT_EQ(Take(7), "ABORT\r\n");
-        EXPECT_EQ(TheEngine.LinkState.load(), LinkConnected);
+        EXPECT_EQ(TheEngine.LinkState.load(), LinkState::Connected);
         std::thread again([] { EndCall(CallEnd::Requested); });
         EXPECT_EQ(AnswerCommand(), "AT");
         EXPECT_TRUE(AnswerProfile());
         again.join();
-        EXPECT_EQ(TheEngine.LinkState.load(), LinkIdle);
+        EXPECT_EQ(TheEngine.LinkState.load(), LinkState::Idle);
         ASSERT_TRUE(PathExists(Incoming(file.Name + ".part")));
     }
 
@@ -54,7 +54,7 @@ protected:
     void EndTheCall() {
         Send("\r\nNO CARRIER\r\n");
         EXPECT_TRUE(AnswerProfile());
-        ASSERT_TRUE(WaitForState(LinkIdle));
+        ASSERT_TRUE(WaitForState(LinkState::Idle));
     }
 };
 
@@ -67,7 +67,7 @@ protected:
         ConnectAndTakeList(1);
         Send("ACK3\r\n");
         Take(302);
-        ASSERT_TRUE(WaitForState(LinkFileSent));
+        ASSERT_TRUE(WaitForState(LinkState::FileSent));
         Send("ACK2\r\n");
     }
 };
@@ -116,14 +116,14 @@ TEST_F(CallEndTest, EachWayOfEndingLogsItsLinesAndLeavesTheLinkIdle) {
         SCOPED_TRACE(c.What);
         c.Bring();
         EXPECT_TRUE(AnswerProfile());
-        ASSERT_TRUE(WaitForState(LinkIdle));
+        ASSERT_TRUE(WaitForState(LinkState::Idle));
         const std::vector<std::string> log = Log();
         ASSERT_GE(log.size(), c.Lines.size());
         EXPECT_EQ(
             std::vector<std::string>(log.end() - static_cast<long>(c.Lines.size()), log.end()),
             c.Lines);
         EXPECT_FALSE(FeederRunning());
-        EXPECT_FALSE(TheEngine.WeSend.load());
+        EXPECT_EQ(TheEngine.Role.load(), Role::Receiver);
         EXPECT_FALSE(TheEngine.RetrievePending.load());
         EXPECT_EQ(TheEngine.SendList.Count(), c.Total == 0 ? 0 : 1);
         EXPECT_EQ(Inspect([] { return uint32_t{TheEngine.SendList[0].BytesDone}; }), 0u);
@@ -222,7 +222,7 @@ TEST_F(ReceiverTeardownTest, AFileThatCannotBeWrittenEndsTheSession) {
     EXPECT_FALSE(Logged("All files received."));
     Send("\r\nNO CARRIER\r\n");
     EXPECT_TRUE(AnswerProfile());
-    ASSERT_TRUE(WaitForState(LinkIdle));
+    ASSERT_TRUE(WaitForState(LinkState::Idle));
     ASSERT_TRUE(CreateFolder(stores_.Paths.IncomingPath));
 
     const peer::File first{"first.bin", RandomBytes(5000, 1)};
@@ -233,7 +233,7 @@ TEST_F(ReceiverTeardownTest, AFileThatCannotBeWrittenEndsTheSession) {
     EXPECT_EQ(Take(7), "ABORT\r\n");
     EXPECT_TRUE(WaitForLog("Cannot write file: first.bin"));
     EXPECT_TRUE(Logged("Sending disconnect..."));
-    EXPECT_TRUE(WaitForState(LinkConnected));
+    EXPECT_TRUE(WaitForState(LinkState::Connected));
 }
 
 // "Incoming Files" on a volume of its own that fills up in the middle of a
@@ -256,7 +256,7 @@ TEST_F(ReceiverTeardownTest, AFullDiskIsSaidAndTheFileTakenUpOnceThereIsRoom) {
     EXPECT_EQ(*(full - 1), "Cannot write file: big.bin");
     Send("\r\nNO CARRIER\r\n");
     EXPECT_TRUE(AnswerProfile());
-    ASSERT_TRUE(WaitForState(LinkIdle));
+    ASSERT_TRUE(WaitForState(LinkState::Idle));
     EXPECT_EQ(ReadWholeFile(Incoming("big.bin.part")).size(), SectionFileBytes);
 
     ASSERT_TRUE(volume.Resize("1m"));
@@ -276,13 +276,13 @@ TEST_F(ReceiverTeardownTest, FiveSecondsWithoutABlockAbortTheTransferAndTenOfSil
     const auto bytes = std::find(log.begin(), log.end(), "Bytes Read: 0");
     ASSERT_NE(bytes, log.end());
     EXPECT_EQ(*(bytes + 1), "Sending disconnect...");
-    // In LinkConnected the far end has ten seconds to say something; then
+    // In LinkState::Connected the far end has ten seconds to say something; then
     // the adapter is asked whether the call is still up: it is not.
-    EXPECT_TRUE(WaitForState(LinkConnected));
+    EXPECT_TRUE(WaitForState(LinkState::Connected));
     EXPECT_EQ(TakeFor(9700), "");
     EXPECT_EQ(AnswerCommand(1000), "AT");
     EXPECT_TRUE(AnswerProfile());
-    EXPECT_TRUE(WaitForState(LinkIdle));
+    EXPECT_TRUE(WaitForState(LinkState::Idle));
 }
 
 // A caller that passed a list and then streams bytes that are no blocks:
@@ -308,7 +308,7 @@ TEST_F(ReceiverTeardownTest, AStreamThatBringsNoTokenAfterAFailedSectionIsHungUp
     stream.join();
     EXPECT_EQ(AnswerCommand(), "ATH");
     EXPECT_TRUE(AnswerProfile());
-    EXPECT_TRUE(WaitForState(LinkIdle));
+    EXPECT_TRUE(WaitForState(LinkState::Idle));
     EXPECT_TRUE(Logged("Sending disconnect..."));
     EXPECT_EQ(Count("Serial Limit Reached"), 1);
 }
@@ -339,7 +339,7 @@ TEST_F(SenderTeardownTest, AFarEndSilentForTheReceiversLimitsIsLetGo) {
              ChooseFile("b.bin", LetterBytes(4 * SectionFileBytes));
              ConnectAndTakeList(1);
              Send("ACK3\r\n");
-             ASSERT_TRUE(WaitForState(LinkTransfer));
+             ASSERT_TRUE(WaitForState(LinkState::Transfer));
          },
          5000, [this] { AnswerHangUp(true); }},
     };
@@ -353,7 +353,7 @@ TEST_F(SenderTeardownTest, AFarEndSilentForTheReceiversLimitsIsLetGo) {
         JumpClock(2001);
         ASSERT_TRUE(WaitUntil(said, 3000));
         c.End();
-        ASSERT_TRUE(WaitForState(LinkIdle));
+        ASSERT_TRUE(WaitForState(LinkState::Idle));
         const std::vector<std::string> log = Log();
         const auto line = std::find(log.rbegin(), log.rend(), "Remote end not responding.");
         ASSERT_NE(line, log.rend());
@@ -368,7 +368,7 @@ TEST_F(SenderTeardownTest, AFileThatCannotBeReadEndsTheCall) {
     ASSERT_TRUE(DeleteFileAt(path));
     Send("ACK3\r\n");
     AnswerHangUp();
-    EXPECT_TRUE(WaitForState(LinkIdle));
+    EXPECT_TRUE(WaitForState(LinkState::Idle));
     EXPECT_TRUE(Logged("Cannot read file: gone.txt"));
     EXPECT_FALSE(FeederRunning());
     // Its time went untold; a later call's end must not tell it either.
@@ -393,14 +393,14 @@ TEST_F(SenderTeardownTest, AnUnansweredHangUpIsTriedTwiceMoreFiveSecondsApart) {
     ASSERT_TRUE(WaitUntil([this] { return Count("Hang-up failed.") == 3; }));
     // No fourth try; the call is still up as far as this end knows.
     EXPECT_FALSE(Comes("+++", 6000));
-    EXPECT_EQ(TheEngine.LinkState.load(), LinkConnected);
+    EXPECT_EQ(TheEngine.LinkState.load(), LinkState::Connected);
     EXPECT_FALSE(Logged("Disconnected"));
 
     // When the line falls after all, the call ends as any other.
     Send("\r\nNO CARRIER\r\n");
     EXPECT_TRUE(AnswerProfile());
     EXPECT_TRUE(WaitForLog("Disconnected"));
-    EXPECT_TRUE(WaitForState(LinkIdle));
+    EXPECT_TRUE(WaitForState(LinkState::Idle));
 }
 
 // The line fell while the sender was busy, and its NO CARRIER went with the
@@ -411,6 +411,6 @@ TEST_F(SenderTeardownTest, AnEscapeLeftUnansweredByAnAdapterThatAnswersAtEndsThe
     ASSERT_TRUE(Comes("+++"));
     EXPECT_EQ(AnswerCommand(), "AT");
     EXPECT_TRUE(AnswerProfile());
-    EXPECT_TRUE(WaitForState(LinkIdle));
+    EXPECT_TRUE(WaitForState(LinkState::Idle));
     EXPECT_FALSE(Logged("Hang-up failed."));
 }

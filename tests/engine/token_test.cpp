@@ -36,11 +36,11 @@ TEST_F(ReceiverTokenTest, NoiseAndTwoTokensOnALineAreHeardAndInRecoveryOnlySendR
     // Once the rest of the section has passed, well before the drain's own
     // limit of 10 s, however slow a loaded machine is.
     EXPECT_EQ(Take(10, 8000), "CONTSEND\r\n");
-    ASSERT_TRUE(WaitForState(LinkRecovery));
+    ASSERT_TRUE(WaitForState(LinkState::Recovery));
     // Neither the line's fall nor a new session moves it now.
     Send("\r\nNO CARRIER\r\nSYNCON\r\n");
     EXPECT_EQ(TakeFor(200), "");
-    EXPECT_EQ(TheEngine.LinkState.load(), LinkRecovery);
+    EXPECT_EQ(TheEngine.LinkState.load(), LinkState::Recovery);
     // Behind noise on its line, SENDRECOVR is heard, and the section comes
     // again from its start.
     Send("xx SENDRECOVR\r\n" + peer::Stream(bytes));
@@ -55,7 +55,7 @@ TEST_F(SenderTokenTest, AnAcceptanceBehindNoiseStartsTheTransferAndAck1CountsAsA
     // Tokens that belong to no session in progress do nothing.
     Send("ACK4\r\nACK2\r\nCONTSEND\r\nACK3\r\n");
     EXPECT_EQ(TakeFor(200), "");
-    EXPECT_EQ(TheEngine.LinkState.load(), LinkConnected);
+    EXPECT_EQ(TheEngine.LinkState.load(), LinkState::Connected);
 
     Send(std::string("junk\0 RCVCON\r\n", 14));
     const std::string offer = ListFor({{"a.bin", bytes}});
@@ -66,7 +66,7 @@ TEST_F(SenderTokenTest, AnAcceptanceBehindNoiseStartsTheTransferAndAck1CountsAsA
 
     Send("\r\nadapter noise ACK1\r\n");
     EXPECT_EQ(Take(bytes.size() + 2), peer::Stream(bytes));
-    EXPECT_TRUE(WaitForState(LinkFileSent));
+    EXPECT_TRUE(WaitForState(LinkState::FileSent));
     // No second transfer starts on a second acceptance.
     Send("ACK3\r\n");
     EXPECT_EQ(TakeFor(100), "");
@@ -87,7 +87,7 @@ TEST_F(SenderTokenTest, AListWithNoDataIsThroughAtTheFirstAck2AndAnEarlyOneLeave
     AnswerHangUp();
     EXPECT_TRUE(WaitForLog("All files sent."));
     EXPECT_EQ(TheEngine.SendList.Count(), 0);
-    ASSERT_TRUE(WaitForState(LinkIdle));
+    ASSERT_TRUE(WaitForState(LinkState::Idle));
 
     // A far end that says ACK2 while files of the list have not gone ends the
     // session as well; the bytes of those files count no more, so that the
@@ -98,7 +98,7 @@ TEST_F(SenderTokenTest, AListWithNoDataIsThroughAtTheFirstAck2AndAnEarlyOneLeave
     Send("ACK2\r\n");
     AnswerHangUp();
     EXPECT_TRUE(WaitUntil([this] { return Count("All files sent.") == 2; }));
-    ASSERT_TRUE(WaitForState(LinkIdle));
+    ASSERT_TRUE(WaitForState(LinkState::Idle));
     EXPECT_EQ(TheEngine.SendList.Count(), 0);
     EXPECT_EQ(TheEngine.SendList.Remaining(), 0u);
 }
@@ -109,11 +109,11 @@ TEST_F(SenderTokenTest, ARecoveryBodyOutsideTheFileEndsTheCall) {
     ConnectAndTakeList(1);
     Send("ACK3\r\n");
     EXPECT_EQ(Take(1002), peer::Stream(bytes));
-    EXPECT_TRUE(WaitForState(LinkFileSent));
+    EXPECT_TRUE(WaitForState(LinkState::FileSent));
     // A position sixteen blocks into a file that has none.
     Send("FILERECOVR\r\n" + peer::RecoveryBody(1002, 1, 0));
     AnswerHangUp();
-    EXPECT_TRUE(WaitForState(LinkIdle));
+    EXPECT_TRUE(WaitForState(LinkState::Idle));
     EXPECT_FALSE(FeederRunning());
 }
 
@@ -130,7 +130,7 @@ TEST_F(SenderTokenTest, ARefusedListIsNamedInTheLogAndTheCallHungUpAtOnce) {
         ConnectAndTakeList(1);
         Send(token);
         AnswerHangUp();
-        EXPECT_TRUE(WaitForState(LinkIdle));
+        EXPECT_TRUE(WaitForState(LinkState::Idle));
         EXPECT_EQ(Count(line), 1);
         EXPECT_EQ(TheEngine.SendList.Count(), 1);
     }
@@ -139,19 +139,19 @@ TEST_F(SenderTokenTest, ARefusedListIsNamedInTheLogAndTheCallHungUpAtOnce) {
 TEST_F(CallProgressTest, BusyNoCarrierAndNoDialtoneEndTheDialAndOtherLinesDoNot) {
     // Neither the far end's ringing nor a connection at a speed of no ISDN
     // call is the end of a dial.
-    TheEngine.LinkState = LinkDialing;
+    TheEngine.LinkState = LinkState::Dialing;
     Send("\r\nRINGING\r\n\r\nCONNECT 9600\r\n");
     EXPECT_EQ(TakeFor(300), "");
-    EXPECT_EQ(TheEngine.LinkState.load(), LinkDialing);
+    EXPECT_EQ(TheEngine.LinkState.load(), LinkState::Dialing);
     for (const char* code : {"BUSY", "NO CARRIER", "NO DIAL TONE", "NO DIALTONE"}) {
-        TheEngine.WeSend = true;
+        TheEngine.Role = Role::Sender;
         TheEngine.RetrievePending = true;
-        TheEngine.LinkState = LinkDialing;
+        TheEngine.LinkState = LinkState::Dialing;
         Send(std::string("\r\n") + code + "\r\n");
         EXPECT_EQ(AnswerCommand().substr(0, 4), "AT\\Q") << code;
-        ASSERT_TRUE(WaitForState(LinkIdle)) << code;
+        ASSERT_TRUE(WaitForState(LinkState::Idle)) << code;
         EXPECT_TRUE(WaitUntil([] {
-            return !TheEngine.WeSend.load() && !TheEngine.RetrievePending.load();
+            return TheEngine.Role.load() != Role::Sender && !TheEngine.RetrievePending.load();
         })) << code;
     }
     for (const char* line : {"Busy", "Disconnected", "No Dialtone."}) {
