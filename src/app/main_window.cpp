@@ -6,6 +6,7 @@
 #include "app/chosen_call.h"
 #include "app/control_model.h"
 #include "engine/dialing.h"
+#include "engine/display.h"
 #include "engine/engine_window.h"
 #include "engine/pickup.h"
 #include "engine/teardown.h"
@@ -196,7 +197,7 @@ MainWindow::~MainWindow() {
     if (initialised_) {
         stores_.Log.SetSink(nullptr);
         MainLoop().SetTimerHandler(nullptr);
-        TheEngine.Window = nullptr;
+        SetEngineWindow(nullptr);
     }
 }
 
@@ -259,7 +260,7 @@ void MainWindow::CreateControls() {
 }
 
 bool MainWindow::OnInitDialog() {
-    TheEngine.Window = engineDisplay_.get();
+    SetEngineWindow(engineDisplay_.get());
     initialised_ = true;
     CreateControls();
     MainLoop().SetTimerHandler([this](int id) { OnTimer(id); });
@@ -281,8 +282,7 @@ bool MainWindow::OnInitDialog() {
     directory_.FillDirectoryList();
     ClearHotFolderCounters();
     log_.LogStartStop(true);
-    TheEngine.CommThreadRun = true;
-    commThread_ = StartThread(CommThread, nullptr, ThreadPriority::Normal, false);
+    commThread_ = StartCommThread();
     commThreadStarted_ = commThread_ != nullptr;
     MainLoop().SetTimer(TimerSplashOpen, 1);
     return true;
@@ -332,7 +332,7 @@ void MainWindow::EndDialog() {
 }
 
 void MainWindow::StopEngineThreads() {
-    TheEngine.CommThreadRun = false;
+    StopCommThread();
     if (!commThreadStarted_) {
         return;
     }

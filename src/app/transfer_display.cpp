@@ -134,7 +134,7 @@ void TransferDisplay::ShowThroughput(bool sending, bool log) {
 void TransferDisplay::LogElapsedTime() {
     // Taken and cleared in one step: a second call in the same session, from
     // whichever thread, logs nothing.
-    const std::time_t started = TheEngine.TransferStartTime.exchange(0);
+    const std::time_t started = TakeTransferStart();
     if (started == 0) {
         return;
     }

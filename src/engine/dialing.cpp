@@ -2,13 +2,13 @@
 // moment the data channel is up.
 
 #include "engine/dialing.h"
-#include "engine/call_end.h"
 
 #include <array>
 #include <cstring>
 #include <string>
 #include <string_view>
 
+#include "engine/call_end.h"
 #include "engine/comm_pass.h"
 #include "engine/display.h"
 #include "engine/pickup.h"

@@ -6,6 +6,10 @@ void NoWindow::LogElapsedTime() {
     TheEngine.TransferStartTime = 0;
 }
 
+void SetEngineWindow(EngineWindow* window) {
+    TheEngine.Window = window;
+}
+
 EngineWindow& Display() {
     EngineWindow* window = TheEngine.Window.load();
     return window != nullptr ? *window : TheEngine.Windowless;

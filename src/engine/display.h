@@ -7,3 +7,6 @@
 // gone the engine's threads may still run, and then the calls go to a
 // NoWindow.
 EngineWindow& Display();
+// Where the display calls go from now on: the window, as it comes, or null
+// as it goes. Set by the window's thread.
+void SetEngineWindow(EngineWindow* window);

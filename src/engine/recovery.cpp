@@ -2,10 +2,10 @@
 // receiver's position that a repair and a resumed transfer start from.
 
 #include "engine/recovery.h"
-#include "engine/call_end.h"
 
 #include <string>
 
+#include "engine/call_end.h"
 #include "engine/display.h"
 #include "engine/resume_record.h"
 #include "engine/teardown.h"

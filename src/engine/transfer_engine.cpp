@@ -1,5 +1,4 @@
 #include "engine/transfer_engine.h"
-#include "engine/call_end.h"
 
 #include <algorithm>
 #include <mutex>
@@ -8,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "engine/call_end.h"
 #include "engine/comm_pass.h"
 #include "engine/dialing.h"
 #include "engine/pipelines.h"
@@ -253,4 +253,17 @@ unsigned CommThread(void*) {
     // A thread made later may be given this id again.
     TheEngine.Marks.CommThread = std::thread::id();
     return 0;
+}
+
+ThreadHandle StartCommThread() {
+    TheEngine.CommThreadRun = true;
+    return StartThread(CommThread, nullptr, ThreadPriority::Normal, false);
+}
+
+void StopCommThread() {
+    TheEngine.CommThreadRun = false;
+}
+
+std::time_t TakeTransferStart() {
+    return TheEngine.TransferStartTime.exchange(0);
 }

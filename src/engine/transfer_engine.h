@@ -175,6 +175,17 @@ void EngineStartup(Installation& stores);
 // Frees the buffers, after every engine thread has stopped.
 void EngineShutdown();
 
+// Starts the communications thread, which runs until StopCommThread; null
+// if it could not be made.
+ThreadHandle StartCommThread();
+// Asks the communications thread to leave its loop at the end of the pass it
+// is in; the caller then wakes its port wait and joins it.
+void StopCommThread();
+// The wall clock second at which the transfer began, taken and cleared in one
+// step, so that a second look in the same session, from whichever thread,
+// finds 0.
+[[nodiscard]] std::time_t TakeTransferStart();
+
 // The thread functions; their parameter is not used.
 unsigned CommThread(void* parameter);
 unsigned SectionFeeder(void* parameter);
