@@ -422,7 +422,12 @@ constexpr std::array<TokenRow, 6> ReceiverTokens{{
      {},
      [] {
          SendToken(TokenRcvcon);
-         TheEngine.LastRxTime = NowMs();
+         // A caller says once that it is there. One that says it again and
+         // again, and nothing else, would otherwise hold the line for ever:
+         // only the first renews the limit on silence.
+         if (!TheEngine.Session.SynconHeard.exchange(true)) {
+             TheEngine.LastRxTime = NowMs();
+         }
          return Dispatch::Next;
      }},
     {TokenH100.Text(), {}, OnListOffered},

@@ -32,6 +32,7 @@ void ClearSessionFlags() {
     TheEngine.Session.HangUpRetries = 0;
     TheEngine.Session.HangUpRetryDue = false;
     TheEngine.Session.AnswerPending = false;
+    TheEngine.Session.SynconHeard = false;
 }
 
 ThreadHandle CurrentFeederHandle() {

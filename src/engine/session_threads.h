@@ -43,6 +43,8 @@ struct SessionFlags {
     // "ATA" has gone to a ringing adapter, at that moment, and its result
     // (CONNECT, NO CARRIER) has not come yet.
     std::atomic<bool> AnswerPending{false};
+    // The caller's SYNCON has come in this call: it is a sign of life once.
+    std::atomic<bool> SynconHeard{false};
     std::atomic<uint32_t> AnsweredAt{0};
 };
 

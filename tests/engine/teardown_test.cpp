@@ -285,6 +285,19 @@ TEST_F(ReceiverTeardownTest, FiveSecondsWithoutABlockAbortTheTransferAndTenOfSil
     EXPECT_TRUE(WaitForState(LinkState::Idle));
 }
 
+// A caller that says SYNCON again and again, and nothing else, is let go
+// once the limit has passed since its first: the repeats renew nothing.
+TEST_F(ReceiverTeardownTest, ACallerThatOnlyRepeatsSynconIsLetGoAtTheLimitOfItsFirst) {
+    ConnectAsReceiver();
+    JumpClock(9000);
+    Send("SYNCON\r\n");
+    EXPECT_EQ(Take(8), "RCVCON\r\n");
+    JumpClock(1001);
+    EXPECT_EQ(AnswerCommand(), "AT");
+    EXPECT_TRUE(AnswerProfile());
+    EXPECT_TRUE(WaitForState(LinkState::Idle));
+}
+
 // A caller that passed a list and then streams bytes that are no blocks:
 // the section fails, its rest never stops coming, and no SENDRECOVR comes.
 // Once the limit on silence has passed, the receiver aborts and hangs up at
