@@ -113,12 +113,12 @@ bool File::Seek(int64_t offset, From from) {
     return ::lseek(fd_, offset, from == From::Begin ? SEEK_SET : SEEK_END) >= 0;
 }
 
-int64_t File::Length() const {
+std::optional<int64_t> File::Length() const {
     struct stat info {};
     if (fd_ < 0 || ::fstat(fd_, &info) != 0) {
-        return -1;
+        return std::nullopt;
     }
-    return info.st_size;
+    return int64_t{info.st_size};
 }
 
 bool File::Truncate(int64_t length) {

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -39,8 +40,9 @@ public:
     [[nodiscard]] bool Write(const void* bytes, uint32_t count);
     // True if the position could be set.
     [[nodiscard]] bool Seek(int64_t offset, From from);
-    // Length of the open file, or -1.
-    [[nodiscard]] int64_t Length() const;
+    // Length of the open file; none if it cannot be told (no file open, or
+    // the system would not say).
+    [[nodiscard]] std::optional<int64_t> Length() const;
     // Cuts the file back to length bytes. True if it could.
     [[nodiscard]] bool Truncate(int64_t length);
     // Whether the last open or write failed because the volume is full (or

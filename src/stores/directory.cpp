@@ -32,8 +32,9 @@ int LoadDirectory(CorrespondentDirectory& directory, const std::string& path) {
                                : int16_t{0};
     // The stored count is not trusted beyond what fits the table and what the
     // file really holds, so a damaged file can never write past the table nor
-    // bring half a record in.
-    const int64_t length = file.Length();
+    // bring half a record in. A file whose length cannot be told holds no
+    // whole record.
+    const int64_t length = file.Length().value_or(0);
     const int64_t wholeRecords = length > 2 ? (length - 2) / CorrespondentSize : 0;
     int64_t count = std::clamp<int64_t>(stored, 0, DirectoryMaxRecords);
     count = std::min(count, wholeRecords);
