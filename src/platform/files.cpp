@@ -209,12 +209,12 @@ uint64_t FreeDiskSpace(const std::string& path) {
     return static_cast<uint64_t>(info.f_bavail) * static_cast<uint64_t>(info.f_frsize);
 }
 
-std::string CurrentFolder() {
+std::optional<std::string> CurrentFolder() {
     char buffer[PATH_MAX];
     if (::getcwd(buffer, sizeof buffer) == nullptr) {
-        return {};
+        return std::nullopt;
     }
-    return buffer;
+    return std::string(buffer);
 }
 
 bool ChangeCurrentFolder(const std::string& path) {

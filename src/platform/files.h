@@ -94,7 +94,7 @@ struct FolderEntry {
 // Free bytes for this user on the volume that holds the path, in 64 bits.
 [[nodiscard]] uint64_t FreeDiskSpace(const std::string& path);
 
-// The current directory, or an empty text on failure.
-[[nodiscard]] std::string CurrentFolder();
+// The current directory; none if the system cannot tell it.
+[[nodiscard]] std::optional<std::string> CurrentFolder();
 // Changes the current directory. False on failure.
 [[nodiscard]] bool ChangeCurrentFolder(const std::string& path);
