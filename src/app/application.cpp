@@ -1,5 +1,8 @@
 #include "app/application.h"
 
+#include <optional>
+#include <string>
+
 #include "engine/transfer_engine.h"
 #include "line/line.h"
 #include "platform/event_loop.h"
@@ -33,10 +36,13 @@ std::string ManualFolderBelow(const std::string& root) {
 }
 
 bool TransferApp::InitInstance() {
-    const std::string root = CurrentFolder();
-    if (root.empty()) {
+    const std::optional<std::string> current = CurrentFolder();
+    if (!current) {
         ShowMessageBox("Failed to resolve Current Directory");
     }
+    // Without a folder of its own the program still runs, its stores named
+    // from the root of the file system.
+    const std::string root = current.value_or("");
     Installation stores(root);
     // The line lives for the run: made here, where the front end's start
     // reaches the layers below it, and handed to the window and, through it,

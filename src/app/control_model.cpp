@@ -207,16 +207,15 @@ std::vector<ListRow> ControlModel::Rows(int id) const {
     return control != nullptr ? control->Rows : std::vector<ListRow>{};
 }
 
-int ControlModel::AddRow(int id, const ListRow& row) {
+void ControlModel::AddRow(int id, const ListRow& row) {
     std::unique_lock<std::mutex> guard(stateLock_);
     ControlState* control = Find(id);
     if (control == nullptr) {
-        return -1;
+        return;
     }
     control->Rows.push_back(row);
     const int index = static_cast<int>(control->Rows.size()) - 1;
     Announce(guard, {{id, ControlChange::RowAdded, index, row.Text}});
-    return index;
 }
 
 void ControlModel::InsertRow(int id, int index, const ListRow& row) {

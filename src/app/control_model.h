@@ -118,8 +118,8 @@ public:
     std::string RowText(int id, int row) const;
     ListRow Row(int id, int row) const;
     std::vector<ListRow> Rows(int id) const;
-    // Appends a row and returns its index.
-    int AddRow(int id, const ListRow& row);
+    // Appends a row; the listeners hear its index.
+    void AddRow(int id, const ListRow& row);
     // Inserts a row before index (at the end if index is past it).
     void InsertRow(int id, int index, const ListRow& row);
     // Removes a row; a selection behind it moves up, a selection on it goes.

@@ -476,7 +476,9 @@ bool DirectoryPanel::ImportDirectoryEntry(const std::string& path, EntrySource s
     if (!file.Open(path, File::Mode::Read)) {
         return false;
     }
-    if (file.Length() != CorrespondentSize) {
+    // A file whose length cannot be told is not taken for an entry.
+    const std::optional<int64_t> length = file.Length();
+    if (!length || *length != CorrespondentSize) {
         return false;
     }
     Correspondent record{};

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -130,15 +131,17 @@ bool FileListPanel::AddFileToList(const std::string& path, const std::string& na
         ShowMessageBox("Cannot open file.  It may be in use by another application.");
         return false;
     }
-    const int64_t length = file.Length();
+    const std::optional<int64_t> length = file.Length();
     file.Close();
     // The sending side's block counters cannot count a longer file; it is
     // refused here, before any call, and never fails in the middle of one.
-    if (length < 0 || !FileSizeCanBeSent(static_cast<uint64_t>(length))) {
+    // A file whose length cannot be told is refused the same way, since
+    // nothing can be promised about it.
+    if (!length || !FileSizeCanBeSent(static_cast<uint64_t>(*length))) {
         stores_.Log.Add("File too large to send: " + name);
         return false;
     }
-    const uint64_t dataLength = DataLengthForSize(static_cast<uint64_t>(length));
+    const uint64_t dataLength = DataLengthForSize(static_cast<uint64_t>(*length));
 
     FileEntry entry;
     entry.FilePath.Set(path);
@@ -153,7 +156,7 @@ bool FileListPanel::AddFileToList(const std::string& path, const std::string& na
     }
     // The size shown is the file's, without the checksum bytes of the wire.
     Controls().InsertRow(IDC_FILE_LIST, count,
-                         ListRow{shown, std::to_string(length), KindNumber(entry.EntryKind)});
+                         ListRow{shown, std::to_string(*length), KindNumber(entry.EntryKind)});
     selectedFileRow_.store(-1);
     Controls().Select(IDC_FILE_LIST, -1);
     window_.UpdateActionButtons();
@@ -266,10 +269,11 @@ void FileListPanel::OnDropFiles(const std::vector<std::string>& paths) {
         }
         File file;
         if (kind == PathKind::File && file.Open(path, File::Mode::Read)) {
-            const int64_t length = file.Length();
+            const std::optional<int64_t> length = file.Length();
             file.Close();
-            // A dropped file of length 0 is skipped.
-            if (length != 0) {
+            // A dropped file of length 0 is skipped; one whose length cannot
+            // be told is passed on, and adding it judges it again.
+            if (!length || *length != 0) {
                 AddFileToList(path, name);
             }
         } else {

@@ -3,6 +3,7 @@
 // and appended to the file. Only good sections reach the disk, so the file
 // is always a whole number of them long until its last one is written.
 
+#include <optional>
 #include <string>
 
 #include "engine/call_end.h"
@@ -58,12 +59,15 @@ enum class SectionEnd {
     File file;
     if (file.Open(std::string(entry.FilePath.View()), File::Mode::Write) &&
         file.Seek(0, File::From::End)) {
-        const int64_t before = file.Length();
+        const std::optional<int64_t> before = file.Length();
         if (file.Write(TheEngine.WorkingSection + SectionCrcBytes, fileBytes)) {
             return true;
         }
         // The write has failed already, and the log line below tells it.
-        static_cast<void>(file.Truncate(before));
+        // Without the length it had, nothing is cut.
+        if (before) {
+            static_cast<void>(file.Truncate(*before));
+        }
     }
     LogCannotWrite(std::string(entry.DisplayName.View()), file.OutOfSpace());
     EndCall(CallEnd::Fault);

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -62,11 +63,12 @@ bool PartTakesUp(const FileEntry& entry) {
         return false;
     }
     const int64_t recorded = PartialFileLength(entry.NextBlock);
-    const int64_t length = file.Length();
-    if (length < recorded || length > recorded + int64_t{SectionFileBytes}) {
+    // A part whose length cannot be told is left as it stands.
+    const std::optional<int64_t> length = file.Length();
+    if (!length || *length < recorded || *length > recorded + int64_t{SectionFileBytes}) {
         return false;
     }
-    return length == recorded || file.Truncate(recorded);
+    return *length == recorded || file.Truncate(recorded);
 }
 
 }  // namespace

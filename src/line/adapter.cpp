@@ -73,11 +73,11 @@ uint32_t LongestEscapePauseMs() {
 // from its own adapter. Its answers come behind whatever data the call still
 // brings. The escape goes out at the port's speed; ATH, which the adapter
 // reads at a speed it understands, at that speed and then at the one given.
-// Returns the speed at which the adapter is back in command mode, 0 if it
+// Returns the speed at which the adapter is back in command mode; none if it
 // did not answer.
-uint32_t HangUpLeftCall(Line& line, uint32_t otherSpeed, uint32_t pauseMs) {
+std::optional<uint32_t> HangUpLeftCall(Line& line, uint32_t otherSpeed, uint32_t pauseMs) {
     if (line.Port() == nullptr || !line.Port()->IsOpen.load()) {
-        return 0;
+        return std::nullopt;
     }
     PortConversation conversation(line);
     SleepMs(pauseMs);
@@ -85,7 +85,7 @@ uint32_t HangUpLeftCall(Line& line, uint32_t otherSpeed, uint32_t pauseMs) {
     const std::optional<size_t> escape =
         line.DrainUntilAny({"\r\nOK\r\n", "NO CARRIER"}, EscapeReplyLimitMs);
     if (!escape) {
-        return 0;
+        return std::nullopt;
     }
     const uint32_t portSpeed = line.Port()->BaudRate.load();
     if (*escape == 1) {
@@ -101,7 +101,7 @@ uint32_t HangUpLeftCall(Line& line, uint32_t otherSpeed, uint32_t pauseMs) {
             return speed;
         }
     }
-    return 0;
+    return std::nullopt;
 }
 
 // A BitSURFR or a 3Com stays at 230400 bps, where it answers nothing at the
@@ -148,8 +148,8 @@ PortAnswer FindOnPort(Line& line, uint32_t speed, uint32_t escapePauseMs) {
     if (atTop != PortAnswer::Nothing) {
         return atTop;
     }
-    const uint32_t answeredAt = HangUpLeftCall(line, speed, escapePauseMs);
-    if (answeredAt == 0) {
+    const std::optional<uint32_t> answeredAt = HangUpLeftCall(line, speed, escapePauseMs);
+    if (!answeredAt) {
         return PortAnswer::Nothing;
     }
     if (answeredAt == TopSpeed) {
@@ -214,7 +214,7 @@ AdapterSearch DipSwitchStart(Line& line) {
                line.SendAndWaitOkShort("ati0");
     };
     if (!answers() &&
-        (HangUpLeftCall(line, TopSpeed, CurrentFamily(line.Stores.Prefs).EscapePauseMs) == 0 ||
+        (!HangUpLeftCall(line, TopSpeed, CurrentFamily(line.Stores.Prefs).EscapePauseMs) ||
          !answers())) {
         return AdapterSearch::NotFound;
     }

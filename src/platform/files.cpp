@@ -113,12 +113,12 @@ bool File::Seek(int64_t offset, From from) {
     return ::lseek(fd_, offset, from == From::Begin ? SEEK_SET : SEEK_END) >= 0;
 }
 
-int64_t File::Length() const {
+std::optional<int64_t> File::Length() const {
     struct stat info {};
     if (fd_ < 0 || ::fstat(fd_, &info) != 0) {
-        return -1;
+        return std::nullopt;
     }
-    return info.st_size;
+    return int64_t{info.st_size};
 }
 
 bool File::Truncate(int64_t length) {
@@ -209,12 +209,12 @@ uint64_t FreeDiskSpace(const std::string& path) {
     return static_cast<uint64_t>(info.f_bavail) * static_cast<uint64_t>(info.f_frsize);
 }
 
-std::string CurrentFolder() {
+std::optional<std::string> CurrentFolder() {
     char buffer[PATH_MAX];
     if (::getcwd(buffer, sizeof buffer) == nullptr) {
-        return {};
+        return std::nullopt;
     }
-    return buffer;
+    return std::string(buffer);
 }
 
 bool ChangeCurrentFolder(const std::string& path) {

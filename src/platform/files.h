@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -39,8 +40,9 @@ public:
     [[nodiscard]] bool Write(const void* bytes, uint32_t count);
     // True if the position could be set.
     [[nodiscard]] bool Seek(int64_t offset, From from);
-    // Length of the open file, or -1.
-    [[nodiscard]] int64_t Length() const;
+    // Length of the open file; none if it cannot be told (no file open, or
+    // the system would not say).
+    [[nodiscard]] std::optional<int64_t> Length() const;
     // Cuts the file back to length bytes. True if it could.
     [[nodiscard]] bool Truncate(int64_t length);
     // Whether the last open or write failed because the volume is full (or
@@ -92,7 +94,7 @@ struct FolderEntry {
 // Free bytes for this user on the volume that holds the path, in 64 bits.
 [[nodiscard]] uint64_t FreeDiskSpace(const std::string& path);
 
-// The current directory, or an empty text on failure.
-[[nodiscard]] std::string CurrentFolder();
+// The current directory; none if the system cannot tell it.
+[[nodiscard]] std::optional<std::string> CurrentFolder();
 // Changes the current directory. False on failure.
 [[nodiscard]] bool ChangeCurrentFolder(const std::string& path);

@@ -41,7 +41,7 @@ public:
     // Gives up any lock held, then takes the lock for the device at path.
     // Removes a lock left by a process that has gone. Two processes taking
     // the same lock at the same moment never both get it.
-    PortLockResult Take(const std::string& devicePath);
+    [[nodiscard]] PortLockResult Take(const std::string& devicePath);
     // Removes the lock file if it still holds this process's id.
     void Release();
     // The lock file held; "" when none is.

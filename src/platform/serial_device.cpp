@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <optional>
 
 #include "platform/serial_speed.h"
 
@@ -29,8 +30,8 @@ void SignalEvent(int eventFd) {
 }
 
 bool BuildTermios(const SerialSettings& settings, termios& t) {
-    const speed_t code = SpeedCode(settings.BaudRate);
-    if (code == B0) {
+    const std::optional<speed_t> code = SpeedCode(settings.BaudRate);
+    if (!code) {
         return false;
     }
     ::cfmakeraw(&t);
@@ -90,8 +91,8 @@ bool BuildTermios(const SerialSettings& settings, termios& t) {
     t.c_cc[VSTOP] = 0x13;
     t.c_cc[VMIN] = 0;
     t.c_cc[VTIME] = 0;
-    ::cfsetispeed(&t, code);
-    ::cfsetospeed(&t, code);
+    ::cfsetispeed(&t, *code);
+    ::cfsetospeed(&t, *code);
     return true;
 }
 

@@ -14,13 +14,13 @@ constexpr SpeedPair Speeds[] = {
 
 }  // namespace
 
-speed_t SpeedCode(uint32_t bitsPerSecond) {
+std::optional<speed_t> SpeedCode(uint32_t bitsPerSecond) {
     for (const SpeedPair& pair : Speeds) {
         if (pair.BitsPerSecond == bitsPerSecond) {
             return pair.Code;
         }
     }
-    return B0;
+    return std::nullopt;
 }
 
 uint32_t BitsPerSecond(speed_t code) {

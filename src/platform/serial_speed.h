@@ -4,8 +4,10 @@
 #include <termios.h>
 
 #include <cstdint>
+#include <optional>
 
-// The termios code of a speed the program uses, or B0 if it is not one.
-speed_t SpeedCode(uint32_t bitsPerSecond);
+// The termios code of a speed the program uses; none if it is not one (B0,
+// the code nearest to hand, would hang the line up).
+[[nodiscard]] std::optional<speed_t> SpeedCode(uint32_t bitsPerSecond);
 // Bits per second of a termios code, or 0 for one the program does not use.
 uint32_t BitsPerSecond(speed_t code);

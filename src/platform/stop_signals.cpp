@@ -24,10 +24,10 @@ StopSignals::~StopSignals() {
     }
 }
 
-int StopSignals::Take() {
+std::optional<int> StopSignals::Take() {
     signalfd_siginfo info{};
     if (fd_ < 0 || ::read(fd_, &info, sizeof info) != static_cast<ssize_t>(sizeof info)) {
-        return 0;
+        return std::nullopt;
     }
     return static_cast<int>(info.ssi_signo);
 }

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <initializer_list>
+#include <optional>
 
 class StopSignals {
 public:
@@ -21,8 +22,8 @@ public:
     [[nodiscard]] bool IsOpen() const { return fd_ >= 0; }
     // Readable while a stop signal waits.
     [[nodiscard]] int Descriptor() const { return fd_; }
-    // Takes one waiting signal: its number, or 0 if none waits.
-    [[nodiscard]] int Take();
+    // Takes one waiting signal: its number; none if none waits.
+    [[nodiscard]] std::optional<int> Take();
 
 private:
     int fd_ = -1;

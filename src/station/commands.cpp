@@ -82,7 +82,8 @@ bool ParseSeconds(const std::string& word, double& value) {
 
 // A path as the user typed it, below the current folder unless absolute.
 std::string FullPath(const std::string& argument) {
-    return argument[0] == '/' ? argument : CurrentFolder() + "/" + argument;
+    // A current folder the system cannot tell is taken as the root.
+    return argument[0] == '/' ? argument : CurrentFolder().value_or("") + "/" + argument;
 }
 
 // A row given by its number, or by its text.

@@ -229,7 +229,7 @@ void CommandInput::ReadInput(const std::function<void()>& onStop) {
         if (fds[0].revents != 0) {
             return;
         }
-        if (fds[1].revents != 0 && signals_.Take() != 0 && !stopping) {
+        if (fds[1].revents != 0 && signals_.Take() && !stopping) {
             stopping = true;
             onStop();
         }

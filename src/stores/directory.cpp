@@ -6,7 +6,7 @@
 #include "platform/files.h"
 #include "platform/message_box.h"
 
-int LoadDirectory(CorrespondentDirectory& directory, const std::string& path) {
+bool LoadDirectory(CorrespondentDirectory& directory, const std::string& path) {
     // The table is part of its installation, so it cannot fail to exist; the
     // message about memory for it does not arise.
     std::memset(directory.Records, 0, sizeof directory.Records);
@@ -16,13 +16,13 @@ int LoadDirectory(CorrespondentDirectory& directory, const std::string& path) {
     if (!file.Open(path, File::Mode::Read)) {
         if (!file.Open(path, File::Mode::CreateReadWrite)) {
             ShowMessageBox("Cannot create directory file.");
-            return 0;
+            return false;
         }
         const uint8_t emptyCount[2] = {0, 0};
         // A count not written reads as none.
         static_cast<void>(file.Write(emptyCount, sizeof emptyCount));
         file.Close();
-        return 1;
+        return true;
     }
 
     uint8_t countBytes[2] = {0, 0};
@@ -32,8 +32,9 @@ int LoadDirectory(CorrespondentDirectory& directory, const std::string& path) {
                                : int16_t{0};
     // The stored count is not trusted beyond what fits the table and what the
     // file really holds, so a damaged file can never write past the table nor
-    // bring half a record in.
-    const int64_t length = file.Length();
+    // bring half a record in. A file whose length cannot be told holds no
+    // whole record.
+    const int64_t length = file.Length().value_or(0);
     const int64_t wholeRecords = length > 2 ? (length - 2) / CorrespondentSize : 0;
     int64_t count = std::clamp<int64_t>(stored, 0, DirectoryMaxRecords);
     count = std::min(count, wholeRecords);
@@ -47,7 +48,7 @@ int LoadDirectory(CorrespondentDirectory& directory, const std::string& path) {
         count = whole;
     }
     directory.Count = static_cast<int16_t>(count);
-    return 1;
+    return true;
 }
 
 bool SaveDirectory(const CorrespondentDirectory& directory, const std::string& path) {

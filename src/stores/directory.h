@@ -107,11 +107,12 @@ void SetFieldText(char (&field)[N], std::string_view text) {
 }
 
 // Reads the file at path into the table. On the first run creates the file as
-// the count 0, two zero bytes. 1, or 0 after the message "Cannot create
-// directory file.", with the table empty. The count in the file is taken only
-// as far as it is sound: a negative count loads nothing, and no more records
-// are loaded than the table may hold (127) or than the file holds whole.
-int LoadDirectory(CorrespondentDirectory& directory, const std::string& path);
+// the count 0, two zero bytes. True when the table holds what the file holds,
+// read or just made; false after the message "Cannot create directory file.",
+// with the table empty. The count in the file is taken only as far as it is
+// sound: a negative count loads nothing, and no more records are loaded than
+// the table may hold (127) or than the file holds whole.
+bool LoadDirectory(CorrespondentDirectory& directory, const std::string& path);
 
 // Writes the count and the records over the start of the existing file at
 // path, without cutting the file short and without creating it.

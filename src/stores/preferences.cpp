@@ -3,7 +3,7 @@
 #include "platform/files.h"
 #include "platform/message_box.h"
 
-int LoadPreferences(Preferences& record, const std::string& path) {
+bool LoadPreferences(Preferences& record, const std::string& path) {
     // The record is part of its installation, so it cannot fail to exist; a
     // record that could not be allocated does not arise.
     record = Preferences{};
@@ -14,19 +14,19 @@ int LoadPreferences(Preferences& record, const std::string& path) {
         // the rest at 0, and its contents are not validated.
         static_cast<void>(file.Read(&record, PreferencesSize));
         file.Close();
-        return 1;
+        return true;
     }
 
     if (!file.Open(path, File::Mode::CreateReadWrite)) {
         ShowMessageBox("Cannot create preferences file.");
-        return 0;
+        return false;
     }
     record.MaxPortSpeed = DefaultMaxPortSpeed;
     // A write error here leaves the record in memory usable for this run; the
     // next start reads what reached the disk.
     static_cast<void>(file.Write(&record, PreferencesSize));
     file.Close();
-    return 1;
+    return true;
 }
 
 bool SavePreferences(const Preferences& record, const std::string& path) {

@@ -79,9 +79,10 @@ static_assert(offsetof(Preferences, ReservedTail) == 1052);
 // Reads the file at path into the record; on the first run creates the file with
 // the defaults (MaxPortSpeed 9600, all else 0). A file shorter than the record
 // leaves the fields behind its end at 0; of a longer file only the record's
-// length is read. 1 when the record holds a state from a file, 0 after the
-// message "Cannot create preferences file.", with the record all 0.
-int LoadPreferences(Preferences& record, const std::string& path);
+// length is read. True when the record holds a state from a file, read or
+// just made; false after the message "Cannot create preferences file.", with
+// the record all 0.
+bool LoadPreferences(Preferences& record, const std::string& path);
 
 // Writes the record over the start of the existing file at path, without
 // cutting the file short and without creating it. False, with no message, if

@@ -86,11 +86,11 @@ std::vector<std::string> LogLinesFromBuffer(const char* buffer, size_t size) {
     return lines;
 }
 
-int StatusLog::Load() {
+bool StatusLog::Load() {
     buffer_.reset(new (std::nothrow) char[LogBufferSize]);
     if (!buffer_) {
         ShowMessageBox("Not enough memory for status log.");
-        return 0;
+        return false;
     }
     std::memset(buffer_.get(), 0, LogBufferSize);
 
@@ -98,18 +98,18 @@ int StatusLog::Load() {
     if (!file.Open(path_, File::Mode::Read)) {
         if (!file.Open(path_, File::Mode::CreateReadWrite)) {
             ShowMessageBox("Cannot create status log file.");
-            return 0;
+            return false;
         }
         const char endMark = '\0';
         // A mark not written reads as an empty log.
         static_cast<void>(file.Write(&endMark, 1));
         file.Close();
-        return 1;
+        return true;
     }
     // A short read leaves the rest of the buffer empty.
     static_cast<void>(file.Read(buffer_.get(), LogBufferSize));
     file.Close();
-    return 1;
+    return true;
 }
 
 std::vector<std::string> StatusLog::StoredLines() const {
@@ -123,10 +123,10 @@ void StatusLog::Free() {
     buffer_.reset();
 }
 
-int StatusLog::Save(const std::vector<std::string>& lines) const {
+bool StatusLog::Save(const std::vector<std::string>& lines) const {
     File file;
     if (!file.Open(path_, File::Mode::Write)) {
-        return 0;
+        return false;
     }
     std::string bytes;
     for (const std::string& line : lines) {
@@ -140,7 +140,7 @@ int StatusLog::Save(const std::vector<std::string>& lines) const {
     bytes.push_back('\0');
     const bool written = file.Write(bytes.data(), static_cast<uint32_t>(bytes.size()));
     file.Close();
-    return written ? 1 : 0;
+    return written;
 }
 
 std::string TimeText(std::time_t when) {

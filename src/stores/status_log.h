@@ -74,9 +74,10 @@ public:
 
     // Allocates and zeroes the log buffer and reads at most LogBufferSize
     // bytes of the file into it. A missing file is created as a single NUL
-    // byte. 1, or 0 after "Not enough memory for status log." or "Cannot
-    // create status log file.", after which the log starts empty.
-    int Load();
+    // byte. True when the buffer holds what the file holds, read or just
+    // made; false after "Not enough memory for status log." or "Cannot create
+    // status log file.", after which the log starts empty.
+    bool Load();
 
     // The lines that Load read, oldest first; none if it failed. The stored
     // lines are not trimmed here, whatever their number.
@@ -89,9 +90,9 @@ public:
     // NUL, then the end mark, without cutting the file short and without
     // creating it. A line is written up to any NUL within it, and a line that
     // is empty by then is left out, since in the file it would be the end mark
-    // and hide every line after it. 1, or 0 if the file cannot be opened or
+    // and hide every line after it. False if the file cannot be opened or
     // written; no message.
-    [[nodiscard]] int Save(const std::vector<std::string>& lines) const;
+    [[nodiscard]] bool Save(const std::vector<std::string>& lines) const;
 
 private:
     void LeaveSink(std::unique_lock<std::mutex>& lock);

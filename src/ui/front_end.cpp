@@ -8,6 +8,7 @@
 #include <QTimer>
 
 #include <cstdio>
+#include <optional>
 
 #include "app/application.h"
 #include "app/control_model.h"
@@ -108,8 +109,8 @@ void FrontEnd::Start() {
     }
     started_ = true;
     // The program runs in the current folder, and Help shows the manual
-    // from there.
-    const std::string root = CurrentFolder();
+    // from there; a folder the system cannot tell is taken as the root.
+    const std::string root = CurrentFolder().value_or("");
     if (!InstallManual(root)) {
         std::fprintf(stderr, "kestrelbound: the manual could not be written below %s\n",
                      root.c_str());

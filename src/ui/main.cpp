@@ -19,6 +19,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <optional>
 
 #include "platform/stop_signals.h"
 #include "ui/front_end.h"
@@ -71,10 +72,10 @@ int main(int argc, char** argv) {
     FrontEnd frontEnd(options);
     QSocketNotifier stops(stopSignals.Descriptor(), QSocketNotifier::Read);
     QObject::connect(&stops, &QSocketNotifier::activated, [&] {
-        const int taken = stopSignals.Take();
+        const std::optional<int> taken = stopSignals.Take();
         if (taken == SIGUSR1) {
             frontEnd.WriteSignalPicture();
-        } else if (taken != 0) {
+        } else if (taken) {
             frontEnd.RequestClose();
         }
     });

@@ -28,7 +28,7 @@ using Clock = std::chrono::steady_clock;
 class AppStartTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        previous_ = CurrentFolder();
+        previous_ = CurrentFolder().value_or("");
         ASSERT_TRUE(ChangeCurrentFolder(folder_.Path()));
         BlockPorts(folder_.Path());
         TheEngine.LinkState = LinkState::Idle;

@@ -63,7 +63,7 @@ TEST_F(DirectoryTest, ACountOutsideTheTableNeverWritesPastIt) {
     for (const CountCase& c : cases) {
         SCOPED_TRACE(c.What);
         WriteWholeFile(FilePath(), c.File);
-        ASSERT_EQ(LoadDirectory(stores_.Directory, stores_.Paths.DirectoryPath), 1);
+        ASSERT_TRUE(LoadDirectory(stores_.Directory, stores_.Paths.DirectoryPath));
         EXPECT_EQ(stores_.Directory.Count.load(), c.Loaded);
         if (c.Loaded > 0) {
             EXPECT_EQ(stores_.Directory[c.Loaded - 1].Reserved124[0], c.Loaded)
@@ -77,7 +77,7 @@ TEST_F(DirectoryTest, ACountOutsideTheTableNeverWritesPastIt) {
 TEST_F(DirectoryTest, SaveWritesEveryFieldAtItsOffsetAndKeepsTheOlderTail) {
     const std::string tail(3 * CorrespondentSize, 't');
     WriteWholeFile(FilePath(), CountBytes(3) + tail);
-    ASSERT_EQ(LoadDirectory(stores_.Directory, stores_.Paths.DirectoryPath), 1);
+    ASSERT_TRUE(LoadDirectory(stores_.Directory, stores_.Paths.DirectoryPath));
 
     stores_.Directory.Count = 1;
     Correspondent& r = stores_.Directory[0];

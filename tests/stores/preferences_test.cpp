@@ -27,7 +27,7 @@ TEST_F(PreferencesTest, ShortAndEmptyFilesAreTakenAsTheyStandAndNotRewritten) {
     stores_.Prefs.IgnoreHotFolders = 1;
     std::strcpy(stores_.Prefs.ExternalProgramB, "left over");
 
-    ASSERT_EQ(LoadPreferences(stores_.Prefs, stores_.Paths.PrefsPath), 1);
+    ASSERT_TRUE(LoadPreferences(stores_.Prefs, stores_.Paths.PrefsPath));
     EXPECT_EQ(stores_.Prefs.ComPort, 3);
     EXPECT_EQ(stores_.Prefs.MaxPortSpeed, 57600u);
     EXPECT_EQ(stores_.Prefs.IncomingProtocol, 2);
@@ -39,7 +39,7 @@ TEST_F(PreferencesTest, ShortAndEmptyFilesAreTakenAsTheyStandAndNotRewritten) {
     // An empty file is an all-zero record; the defaults of a new file do not
     // apply to it.
     WriteWholeFile(folder_ / "kestrelbound_prefs", "");
-    ASSERT_EQ(LoadPreferences(stores_.Prefs, stores_.Paths.PrefsPath), 1);
+    ASSERT_TRUE(LoadPreferences(stores_.Prefs, stores_.Paths.PrefsPath));
     EXPECT_EQ(stores_.Prefs.MaxPortSpeed, 0u);
     EXPECT_EQ(stores_.Prefs.ComPort, 0);
     EXPECT_EQ(stores_.Prefs.IncomingProtocol, 0);
@@ -59,7 +59,7 @@ TEST_F(PreferencesTest, SaveWritesEveryFieldAtItsOffsetAndKeepsReservedBytesAndT
     file[5] = '\xC2';
     file[6] = '\x01';  // MaxPortSpeed 115200
     WriteWholeFile(folder_ / "kestrelbound_prefs", file);
-    ASSERT_EQ(LoadPreferences(stores_.Prefs, stores_.Paths.PrefsPath), 1);
+    ASSERT_TRUE(LoadPreferences(stores_.Prefs, stores_.Paths.PrefsPath));
     EXPECT_EQ(stores_.Prefs.MaxPortSpeed, 115200u);
 
     stores_.Prefs.ComPort = 2;
@@ -112,9 +112,9 @@ TEST_F(StoreTest, AFolderWhereNoFileCanBeMadeGivesEachMessageOnceAndEmptyStores)
     Installation missing(folder_ / "missing");
     missing.Prefs.MaxPortSpeed = 57600;
     missing.Directory.Count = 3;
-    EXPECT_EQ(missing.Log.Load(), 0);
-    EXPECT_EQ(LoadDirectory(missing.Directory, missing.Paths.DirectoryPath), 0);
-    EXPECT_EQ(LoadPreferences(missing.Prefs, missing.Paths.PrefsPath), 0);
+    EXPECT_FALSE(missing.Log.Load());
+    EXPECT_FALSE(LoadDirectory(missing.Directory, missing.Paths.DirectoryPath));
+    EXPECT_FALSE(LoadPreferences(missing.Prefs, missing.Paths.PrefsPath));
     EXPECT_EQ(Messages(), (std::vector<std::string>{"Cannot create status log file.",
                                                     "Cannot create directory file.",
                                                     "Cannot create preferences file."}));
@@ -124,7 +124,7 @@ TEST_F(StoreTest, AFolderWhereNoFileCanBeMadeGivesEachMessageOnceAndEmptyStores)
     // all zero, MaxPortSpeed included.
     EXPECT_EQ(missing.Prefs.MaxPortSpeed, 0u);
 
-    EXPECT_EQ(missing.Log.Save({"Stopping Kestrelbound"}), 0);
+    EXPECT_FALSE(missing.Log.Save({"Stopping Kestrelbound"}));
     EXPECT_FALSE(SaveDirectory(missing.Directory, missing.Paths.DirectoryPath));
     EXPECT_FALSE(SavePreferences(missing.Prefs, missing.Paths.PrefsPath));
     EXPECT_EQ(Messages().size(), 3u);

@@ -34,16 +34,16 @@ protected:
 
 TEST_F(StatusLogFileTest, ShorterLogKeepsTheStaleTailWhichTheNextStartIgnores) {
     // A new installation gets a log of one byte, the end mark.
-    ASSERT_EQ(stores_.Log.Load(), 1);
+    ASSERT_TRUE(stores_.Log.Load());
     EXPECT_EQ(ReadWholeFile(LogFile()), std::string(1, '\0'));
     EXPECT_TRUE(stores_.Log.StoredLines().empty());
     EXPECT_TRUE(Messages().empty());
-    ASSERT_EQ(stores_.Log.Save(Numbered(1, 20)), 1);
+    ASSERT_TRUE(stores_.Log.Save(Numbered(1, 20)));
     const std::string before = ReadWholeFile(LogFile());
 
     // The user cleared the log; at exit only the Stopping line is there.
     const std::string stopping = "Stopping Kestrelbound Tue Nov 18 21:00:00 1997";
-    ASSERT_EQ(stores_.Log.Save({stopping}), 1);
+    ASSERT_TRUE(stores_.Log.Save({stopping}));
 
     const std::string after = ReadWholeFile(LogFile());
     ASSERT_EQ(after.size(), before.size());
@@ -51,19 +51,19 @@ TEST_F(StatusLogFileTest, ShorterLogKeepsTheStaleTailWhichTheNextStartIgnores) {
     EXPECT_EQ(after.substr(stopping.size() + 2), before.substr(stopping.size() + 2));
 
     stores_.Log.Free();
-    ASSERT_EQ(stores_.Log.Load(), 1);
+    ASSERT_TRUE(stores_.Log.Load());
     EXPECT_EQ(stores_.Log.StoredLines(), std::vector<std::string>{stopping});
 }
 
 TEST_F(StatusLogFileTest, SaveCannotBeFooledIntoAnEarlyEndMark) {
-    ASSERT_EQ(stores_.Log.Load(), 1);
+    ASSERT_TRUE(stores_.Log.Load());
     // An empty line would be the end mark, and a NUL inside a line would end
     // it early; neither may hide the lines after it.
-    ASSERT_EQ(stores_.Log.Save({"first", "", std::string("sec\0ond", 7), "third"}), 1);
+    ASSERT_TRUE(stores_.Log.Save({"first", "", std::string("sec\0ond", 7), "third"}));
     EXPECT_EQ(ReadWholeFile(LogFile()), std::string("first\0sec\0third\0\0", 17));
 
     stores_.Log.Free();
-    ASSERT_EQ(stores_.Log.Load(), 1);
+    ASSERT_TRUE(stores_.Log.Load());
     EXPECT_EQ(stores_.Log.StoredLines(), (std::vector<std::string>{"first", "sec", "third"}));
 }
 
@@ -86,7 +86,7 @@ TEST_F(StatusLogFileTest, OnlyTheFirst28000BytesAreReadAndACutLineIsLeftOut) {
           std::pair{last, std::vector<std::string>{std::string(27999, 'a')}}}) {
         stores_.Log.Free();
         WriteWholeFile(LogFile(), file);
-        ASSERT_EQ(stores_.Log.Load(), 1);
+        ASSERT_TRUE(stores_.Log.Load());
         EXPECT_EQ(stores_.Log.StoredLines(), lines);
         // Loading reads; it never changes the file.
         EXPECT_EQ(ReadWholeFile(LogFile()), file);
@@ -94,10 +94,10 @@ TEST_F(StatusLogFileTest, OnlyTheFirst28000BytesAreReadAndACutLineIsLeftOut) {
 }
 
 TEST_F(StatusLogFileTest, AStoredLogOf700LinesComesBackWholeAndTheNextLineTrimsIt) {
-    ASSERT_EQ(stores_.Log.Load(), 1);
-    ASSERT_EQ(stores_.Log.Save(Numbered(0, 700)), 1);
+    ASSERT_TRUE(stores_.Log.Load());
+    ASSERT_TRUE(stores_.Log.Save(Numbered(0, 700)));
     stores_.Log.Free();
-    ASSERT_EQ(stores_.Log.Load(), 1);
+    ASSERT_TRUE(stores_.Log.Load());
 
     std::vector<std::string> lines = stores_.Log.StoredLines();
     ASSERT_EQ(lines, Numbered(0, 700));

@@ -62,8 +62,9 @@ void FarEnd::LinkAs(const std::string& folder, int portNumber) const {
 void FarEnd::SetSpeed(uint32_t speed) {
     termios settings{};
     ::tcgetattr(fd_, &settings);
-    ::cfsetispeed(&settings, SpeedCode(speed));
-    ::cfsetospeed(&settings, SpeedCode(speed));
+    const speed_t code = SpeedCode(speed).value_or(B0);
+    ::cfsetispeed(&settings, code);
+    ::cfsetospeed(&settings, code);
     ::tcsetattr(fd_, TCSANOW, &settings);
 }
 

@@ -86,7 +86,7 @@ void ModalAnswerer::Answer() {
 }
 
 void UiTest::SetUp() {
-    previousFolder_ = CurrentFolder();
+    previousFolder_ = CurrentFolder().value_or("");
     ASSERT_TRUE(ChangeCurrentFolder(folder_.Path()));
     BlockPorts(folder_.Path());
     // What one process does once: every test starts from the program's

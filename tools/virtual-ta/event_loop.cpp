@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <ctime>
+#include <optional>
 #include <vector>
 
 #include "virtual-ta/deadline.h"
@@ -33,8 +34,8 @@ int RunEventLoop(Exchange& exchange, StopSignals& stopSignals) {
             return 0;
         }
         if ((entries[0].revents & POLLIN) != 0) {
-            if (const int signalNumber = stopSignals.Take()) {
-                return signalNumber;
+            if (const std::optional<int> signalNumber = stopSignals.Take()) {
+                return *signalNumber;
             }
         }
         if (ready > 0) {
