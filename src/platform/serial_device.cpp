@@ -154,6 +154,8 @@ void SerialDevice::Close() {
     SignalEvent(abortFd_);
     std::lock_guard<std::mutex> writeGuard(writeLock_);
     std::lock_guard<std::mutex> queueGuard(queueLock_);
+    DropHeld();
+    xonXoff_.store(false);
     ClearDtr();
     ::tcflush(fd, TCIOFLUSH);
     ::ioctl(fd, TIOCNXCL);
@@ -185,12 +187,25 @@ bool SerialDevice::Configure(const SerialSettings& settings) {
     }
     int lines = TIOCM_DTR | TIOCM_RTS;
     ::ioctl(fd, TIOCMBIS, &lines);  // fails where there are no modem lines
+    xonXoff_.store(settings.XonXoffFlow);
+    bool holding;
+    {
+        std::lock_guard<std::mutex> guard(heldLock_);
+        holding = !held_.empty();
+    }
+    if (holding) {
+        // Out of XON/XOFF the device's output runs again, and what it held
+        // back goes out now; still in it, the next write tries again.
+        std::lock_guard<std::mutex> guard(writeLock_);
+        static_cast<void>(SendHeld(nullptr, 0, purgeCount_.load()));
+    }
     return true;
 }
 
 void SerialDevice::Purge() {
     purgeCount_.fetch_add(1);
     SignalEvent(abortFd_);
+    DropHeld();
     const int fd = fd_.load();
     if (fd >= 0) {
         ::tcflush(fd, TCIOFLUSH);
@@ -203,6 +218,7 @@ void SerialDevice::Purge() {
 void SerialDevice::PurgeOutput() {
     purgeCount_.fetch_add(1);
     SignalEvent(abortFd_);
+    DropHeld();
     const int fd = fd_.load();
     if (fd >= 0) {
         ::tcflush(fd, TCOFLUSH);
@@ -243,12 +259,17 @@ uint32_t SerialDevice::InputCount() {
 }
 
 uint32_t SerialDevice::OutputCount() {
+    uint32_t held;
+    {
+        std::lock_guard<std::mutex> guard(heldLock_);
+        held = static_cast<uint32_t>(held_.size());
+    }
     const int fd = fd_.load();
     int waiting = 0;
     if (fd < 0 || ::ioctl(fd, TIOCOUTQ, &waiting) != 0 || waiting < 0) {
-        return 0;
+        return held;
     }
-    return static_cast<uint32_t>(waiting);
+    return held + static_cast<uint32_t>(waiting);
 }
 
 uint32_t SerialDevice::Read(void* buffer, uint32_t count) {
@@ -273,8 +294,26 @@ bool SerialDevice::Write(const void* bytes, uint32_t count) {
     std::lock_guard<std::mutex> guard(writeLock_);
     // A signal of an earlier purge may still stand on abortFd_; a wait below
     // that sees it finds the purge count unchanged and simply goes on.
-    const uint32_t purgeSeen = purgeCount_.load();
-    const auto* in = static_cast<const uint8_t*>(bytes);
+    return SendHeld(static_cast<const uint8_t*>(bytes), count, purgeCount_.load());
+}
+
+bool SerialDevice::SendHeld(const uint8_t* bytes, uint32_t count, uint32_t purgeSeen) {
+    std::string waiting;
+    {
+        std::lock_guard<std::mutex> guard(heldLock_);
+        waiting.swap(held_);
+    }
+    if (waiting.empty()) {
+        return Send(bytes, count, purgeSeen);
+    }
+    if (count > 0) {
+        waiting.append(reinterpret_cast<const char*>(bytes), count);
+    }
+    return Send(reinterpret_cast<const uint8_t*>(waiting.data()),
+                static_cast<uint32_t>(waiting.size()), purgeSeen);
+}
+
+bool SerialDevice::Send(const uint8_t* in, uint32_t count, uint32_t purgeSeen) {
     uint32_t done = 0;
     while (done < count) {
         if (purgeCount_.load() != purgeSeen) {
@@ -295,6 +334,15 @@ bool SerialDevice::Write(const void* bytes, uint32_t count) {
         if (n < 0 && errno != EAGAIN) {
             return false;
         }
+        if (xonXoff_.load() && count - done <= QueueSize) {
+            // Held back, perhaps by an XOFF: queued as a driver queues it.
+            std::lock_guard<std::mutex> guard(heldLock_);
+            if (purgeCount_.load() != purgeSeen) {
+                return false;
+            }
+            held_.assign(reinterpret_cast<const char*>(in + done), count - done);
+            return true;
+        }
         // The device takes no more for now: wait until it does, or a purge.
         pollfd waits[2] = {{fd, POLLOUT, 0}, {abortFd_, POLLIN, 0}};
         if (::poll(waits, 2, -1) < 0 && errno != EINTR) {
@@ -308,6 +356,11 @@ bool SerialDevice::Write(const void* bytes, uint32_t count) {
         }
     }
     return true;
+}
+
+void SerialDevice::DropHeld() {
+    std::lock_guard<std::mutex> guard(heldLock_);
+    held_.clear();
 }
 
 WaitResult SerialDevice::WaitForInput(int timeoutMs) {

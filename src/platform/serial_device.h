@@ -7,6 +7,14 @@
 // and once it is full nothing more is read, so that the kernel and the far
 // end's flow control hold the stream.
 //
+// With XON/XOFF, a driver takes a write into its output queue even while an
+// XOFF from the far end holds the output; a pseudo-terminal takes nothing
+// then, and a write would wait until an XON that may never come (the data of
+// a call left on the adapter may bring an XOFF and then stop). So what the
+// device holds back under XON/XOFF is queued here, up to the queue's size,
+// and goes out ahead of the next write, or when new settings take the device
+// out of XON/XOFF, which frees its output.
+//
 // All operations may be called from several threads. Writes of whole runs
 // never interleave. No operation busy-waits: waiting is done in poll(2).
 #pragma once
@@ -61,12 +69,14 @@ public:
 
     // Bytes waiting in the input queue, after taking in what the device holds.
     uint32_t InputCount();
-    // Bytes waiting in the driver's output queue; 0 where the device cannot tell.
+    // Bytes waiting in the driver's output queue, those queued here included;
+    // 0 where neither holds any or the device cannot tell.
     uint32_t OutputCount();
     // Takes up to count bytes from the input queue; returns how many.
     [[nodiscard]] uint32_t Read(void* buffer, uint32_t count);
-    // Writes every byte, waiting while the device takes no more. False if the
-    // device failed or a purge stopped the write.
+    // Writes every byte, waiting while the device takes no more; under
+    // XON/XOFF, what the device holds back is queued instead, as above. False
+    // if the device failed or a purge stopped the write.
     [[nodiscard]] bool Write(const void* bytes, uint32_t count);
 
     // Waits until the device may have new input, another thread calls
@@ -84,6 +94,15 @@ public:
 private:
     // Moves what the device holds into the queue, while there is room.
     void FillQueue();
+    // Writes the bytes, waiting while the device takes no more, or, under
+    // XON/XOFF, queueing in held_ what it holds back. Called with writeLock_
+    // held; false if the device failed or a purge since purgeSeen stopped it.
+    [[nodiscard]] bool Send(const uint8_t* bytes, uint32_t count, uint32_t purgeSeen);
+    // Sends what held_ keeps, behind it the bytes given. Called with
+    // writeLock_ held.
+    [[nodiscard]] bool SendHeld(const uint8_t* bytes, uint32_t count, uint32_t purgeSeen);
+    // Empties held_: at a purge and at the close.
+    void DropHeld();
 
     std::atomic<int> fd_{-1};
     int wakeFd_ = -1;   // eventfd behind Interrupt
@@ -94,4 +113,7 @@ private:
     uint8_t* queue_;
     uint32_t head_ = 0;  // next byte to take
     uint32_t count_ = 0;
+    std::atomic<bool> xonXoff_{false};  // the settings last taken hold XON/XOFF
+    std::mutex heldLock_;
+    std::string held_;  // written, but held back by the device under XON/XOFF
 };

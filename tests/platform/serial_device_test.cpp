@@ -36,6 +36,36 @@ TEST(SerialDevice, PurgeEmptiesTheInputAndStopsAWriteThatTheFarEndHoldsBack) {
     EXPECT_NE(far.ReceiveUntil("AT\r", 2000).find("AT\r"), std::string::npos);
 }
 
+// A call's data may bring an XOFF and then stop: the write must not wait for
+// an XON that never comes.
+TEST(SerialDevice, UnderXonXoffAWriteHeldBackByAnXoffIsQueuedAndGoesOutWithTheFlowChanged) {
+    FarEnd far;
+    SerialDevice port;
+    ASSERT_TRUE(port.Open(far.DevicePath()));
+    SerialSettings settings;
+    settings.XonXoffFlow = true;
+    ASSERT_TRUE(port.Configure(settings));
+    far.Send(std::string(1, '\x13') + "data");
+    // The XOFF has been acted on once the data behind it is in.
+    ASSERT_EQ(port.WaitForInput(2000), WaitResult::Input);
+    std::atomic<int> result{-1};
+    std::thread writer([&] { result.store(port.Write("atv1\r", 5) ? 1 : 0); });
+    for (int wait = 0; wait < 1000 && result.load() == -1; ++wait) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    const int written = result.load();
+    if (written == -1) {
+        port.Purge();  // lets a write that would wait for ever go
+    }
+    writer.join();
+    ASSERT_EQ(written, 1);
+    EXPECT_EQ(port.OutputCount(), 5u);
+    settings.XonXoffFlow = false;
+    settings.RtsCtsFlow = true;
+    ASSERT_TRUE(port.Configure(settings));
+    EXPECT_EQ(far.ReceiveUntil("atv1\r", 2000), "atv1\r");
+}
+
 TEST(SerialDevice, WaitsEndOnInputOnInterruptOrOnTime) {
     FarEnd far;
     SerialDevice port;
