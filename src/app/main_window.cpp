@@ -9,6 +9,7 @@
 #include "engine/display.h"
 #include "engine/engine_window.h"
 #include "engine/pickup.h"
+#include "engine/session_threads.h"
 #include "engine/teardown.h"
 #include "engine/transfer_engine.h"
 #include "line/adapter.h"
@@ -213,7 +214,7 @@ const std::vector<std::string>& MainWindow::LinkStateNames() {
 }
 
 std::string MainWindow::LinkStateName() {
-    const int state = static_cast<int>(TheEngine.LinkState.load());
+    const int state = static_cast<int>(LinkStateAsShown());
     const std::vector<std::string>& names = LinkStateNames();
     return state >= 0 && state < static_cast<int>(names.size()) ? names[static_cast<size_t>(state)]
                                                                 : "unknown";

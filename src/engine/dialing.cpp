@@ -58,8 +58,7 @@ constexpr std::array<ConnectCode, 3> ConnectCodes{{
 void Connected(const ConnectCode& code) {
     Stores().Log.Add(code.LogLine);
     ClearSessionFlags();
-    TheEngine.LinkState = LinkState::Connected;
-    Display().UpdateActionButtons();
+    ShowLinkState(LinkState::Connected);
     if (TheEngine.Role.load() == Role::Sender) {
         SendToken(TokenSyncon);
     } else {
@@ -110,8 +109,7 @@ void PlaceCall(const CallRequest& call) {
     Stores().Log.Add("Calling " + call.Name);
     Stores().Log.Add("at " + call.Number);
     ClearSessionFlags();
-    TheEngine.LinkState = LinkState::Dialing;
-    Display().UpdateActionButtons();
+    ShowLinkState(LinkState::Dialing);
     TheEngine.Role = Role::Sender;
 }
 

@@ -18,8 +18,18 @@ SessionThreads& Threads() {
 }  // namespace
 
 void ReturnToIdle() {
-    TheEngine.LinkState = LinkState::Idle;
+    ShowLinkState(LinkState::Idle);
+}
+
+void ShowLinkState(LinkState state) {
+    std::lock_guard<std::mutex> guard(TheEngine.LinkShownLock);
+    TheEngine.LinkState = state;
     Display().UpdateActionButtons();
+}
+
+LinkState LinkStateAsShown() {
+    std::lock_guard<std::mutex> guard(TheEngine.LinkShownLock);
+    return TheEngine.LinkState.load();
 }
 
 void ClearSessionFlags() {

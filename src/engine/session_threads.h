@@ -70,6 +70,14 @@ void ClearSessionFlags();
 // before.
 void ReturnToIdle();
 
+// Moves the link to a state in which the window's buttons change (idle,
+// dialing, connected) and has the buttons follow. A front end that asks
+// for the state meanwhile (LinkStateAsShown) waits until they have, so that
+// it never finds the link idle while the buttons still show the call.
+void ShowLinkState(LinkState state);
+// The link's state, never ahead of the window's buttons.
+[[nodiscard]] LinkState LinkStateAsShown();
+
 // Starts a new feeder for the transfer that begins now, after the threads of
 // an earlier session have been waited for. FeederRun and SectionWanted must
 // be set first.

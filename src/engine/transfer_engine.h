@@ -70,6 +70,9 @@ struct TransferEngine {
     Installation* Stores = nullptr;
     // The type is named from outside, since the field bears its name.
     std::atomic<::LinkState> LinkState{::LinkState::Idle};
+    // Held while the link moves to a state that the window's buttons show and
+    // the buttons follow (ShowLinkState).
+    std::mutex LinkShownLock;
     // Which side of the session this end is; picks the token handler. The
     // type is named from outside, as for LinkState.
     std::atomic<::Role> Role{::Role::Receiver};

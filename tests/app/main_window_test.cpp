@@ -5,10 +5,13 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "app/control_model.h"
+#include "engine/session_threads.h"
 #include "engine/transfer_engine.h"
 #include "line/adapter.h"
 #include "line/adapter_family.h"
@@ -84,8 +87,31 @@ TEST_F(MainWindowTest, TheButtonsFollowTheLinkAndTheFileList) {
             EXPECT_TRUE(Controls().Enabled(id)) << ControlName(id);
         }
     }
-    TheEngine.LinkState = LinkState::Idle;
+    // The state a front end is told never runs ahead of the buttons: asked
+    // while the end of a call is changing them, it comes once they show idle.
     TheEngine.SendList.Clear();
+    TheEngine.LinkState = LinkState::Connected;
+    window_->UpdateActionButtons();
+    std::atomic<bool> asked{false};
+    std::thread asker;
+    std::string told;
+    bool addOpenWhenTold = false;
+    const int listener = Controls().AddListener([&](const ControlEvent&) {
+        if (asked.exchange(true)) {
+            return;
+        }
+        asker = std::thread([&] {
+            told = MainWindow::LinkStateName();
+            addOpenWhenTold = Controls().Enabled(IDC_FILE_ADD);
+        });
+        // The rest of the buttons change after the asker has had its chance.
+        SleepMs(100);
+    });
+    ReturnToIdle();
+    Controls().RemoveListener(listener);
+    asker.join();
+    EXPECT_EQ(told, "idle");
+    EXPECT_TRUE(addOpenWhenTold);
 }
 
 TEST_F(MainWindowTest, EventsReachOnlyControlsAUserCouldUse) {
