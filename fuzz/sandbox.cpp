@@ -97,8 +97,8 @@ void SetUpSandbox() {
     TheEngine.Window = &Window;
     PortLine->AdapterFound = 1;
     SetFreeSpaceQuery([] { return uint64_t{1} << 40; });
-    TheEngine.Role = Role::Receiver;
-    TheEngine.LinkState = LinkState::Connected;
+    TheEngine.Call.Role = Role::Receiver;
+    TheEngine.Call.LinkState = LinkState::Connected;
     for (const auto& item : fs::recursive_directory_iterator(Base)) {
         Known.insert(item.path().string());
     }

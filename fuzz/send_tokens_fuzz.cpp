@@ -148,10 +148,10 @@ void CheckTheListLeft() {
 // The station hands over to its receiving side after a request to fetch
 // files; a list that comes then is admitted as any other.
 void Step() {
-    if (TheEngine.Role.load() == Role::Sender) {
+    if (TheEngine.Call.Role.load() == Role::Sender) {
         // The files offered are there and readable: a fault in reading one
         // means the position went outside it.
-        Require(!TheEngine.Session.SendFault.load(), "a file offered could not be read");
+        Require(!TheEngine.Call.Session.SendFault.load(), "a file offered could not be read");
         OnSenderInput();
     } else {
         OnReceiverInput();
@@ -159,8 +159,8 @@ void Step() {
 }
 
 bool CallUp() {
-    const LinkState state = TheEngine.LinkState.load();
-    if (TheEngine.Role.load() == Role::Sender) {
+    const LinkState state = TheEngine.Call.LinkState.load();
+    if (TheEngine.Call.Role.load() == Role::Sender) {
         return state >= LinkState::Connected;
     }
     // The receiving side's data is not this target's.
@@ -179,19 +179,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     OfferTheFiles((data[0] & 1) != 0);
     if ((data[0] & 2) != 0) {
         // A request to fetch files goes out instead of a list.
-        TheEngine.RetrievePending = true;
+        TheEngine.Call.RetrievePending = true;
         TheEngine.SendList.Clear();
     }
-    TheEngine.ReceiveCount = 0;
-    TheEngine.ReceiveListSize = 0;
-    TheEngine.Role = Role::Sender;
-    TheEngine.LinkState = LinkState::Connected;
+    TheEngine.Call.ReceiveCount = 0;
+    TheEngine.Call.ReceiveListSize = 0;
+    TheEngine.Call.Role = Role::Sender;
+    TheEngine.Call.LinkState = LinkState::Connected;
 
     std::string input(reinterpret_cast<const char*>(data + 1), size - 1);
     input += "\r\n";
     // Enough for the body behind a resume or a repair, or, after a request to
     // fetch files, for the list that may come.
-    const size_t recordBytes = TheEngine.RetrievePending.load()
+    const size_t recordBytes = TheEngine.Call.RetrievePending.load()
                                    ? sizeof(SessionHeader) + ListCapacity * sizeof(WireFileEntry)
                                    : sizeof(RecoveryBody);
     const std::string padding = std::string(recordBytes, '\0') + "\r\n";
@@ -201,8 +201,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                        SandboxLine().PortQueueCount(PortQueue::Input) > padding.size() && CallUp();
          ++step) {
         Step();
-        const LinkState state = TheEngine.LinkState.load();
-        Require(TheEngine.Role.load() != Role::Sender ||
+        const LinkState state = TheEngine.Call.LinkState.load();
+        Require(TheEngine.Call.Role.load() != Role::Sender ||
                     (state != LinkState::Transfer && state != LinkState::Recovery) ||
                     !TheEngine.SendList.IsEmpty(),
                 "a transfer with nothing in the list to send");
@@ -210,21 +210,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     // The line falls, as the adapter reports it.
     DiscardPortInput();
-    if (TheEngine.Role.load() == Role::Sender &&
-        TheEngine.LinkState.load() >= LinkState::Connected) {
+    if (TheEngine.Call.Role.load() == Role::Sender &&
+        TheEngine.Call.LinkState.load() >= LinkState::Connected) {
         FeedPort("NO CARRIER\r\n");
         // An answer of the adapter to a command-like run of bytes in the data
         // may still have been on its way, and come first.
-        for (int line = 0; line < 4 && TheEngine.LinkState.load() >= LinkState::Connected &&
+        for (int line = 0; line < 4 && TheEngine.Call.LinkState.load() >= LinkState::Connected &&
                            SandboxLine().PortQueueCount(PortQueue::Input) > 0;
              ++line) {
             OnSenderInput();
         }
-        Require(TheEngine.LinkState.load() == LinkState::Idle,
+        Require(TheEngine.Call.LinkState.load() == LinkState::Idle,
                 "the line's fall leaves the call up");
-    } else if (TheEngine.LinkState.load() >= LinkState::Connected) {
+    } else if (TheEngine.Call.LinkState.load() >= LinkState::Connected) {
         EndOfCallCleanup();
-        TheEngine.LinkState = LinkState::Idle;
+        TheEngine.Call.LinkState = LinkState::Idle;
     }
     EndRecoveryCandidacy();
     ForgetUnfinishedLine();
@@ -233,9 +233,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Require(!FeederRunning(), "a feeder runs after the call");
     Require(SourcesIntact(), "a file offered was changed");
     CheckTheListLeft();
-    TheEngine.RetrievePending = false;
-    TheEngine.Role = Role::Receiver;
-    TheEngine.LinkState = LinkState::Connected;
+    TheEngine.Call.RetrievePending = false;
+    TheEngine.Call.Role = Role::Receiver;
+    TheEngine.Call.LinkState = LinkState::Connected;
     DiscardPortInput();
     CheckAndEmptySandbox();
     return 0;

@@ -58,8 +58,8 @@ void LeaveAResumableFile() {
     entry.NextBlock = static_cast<int16_t>(BlocksPerSection);
     entry.BlocksDone = entry.NextBlock;
     entry.BytesDone = SectionWireBytes;
-    TheEngine.ExpectedBlock = BlockBytes;
-    TheEngine.ReceiveRemaining = SectionWireBytes;
+    TheEngine.Call.ExpectedBlock = BlockBytes;
+    TheEngine.Call.ReceiveRemaining = SectionWireBytes;
     SnapshotSection();
     TheEngine.ReceiveList[0] = FileEntry{};
 }
@@ -71,12 +71,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     StartInstantAdapter();
     SandboxLine().AdapterFound = 0;  // no profile goes out after a call; nothing would answer it
     LeaveAResumableFile();
-    TheEngine.Role = Role::Receiver;
-    TheEngine.ReceiveCount = 0;
-    TheEngine.ReceiveListSize = 0;
-    TheEngine.RetrievePending = false;
-    TheEngine.LastRxTime = NowMs();
-    TheEngine.LinkState = LinkState::Connected;
+    TheEngine.Call.Role = Role::Receiver;
+    TheEngine.Call.ReceiveCount = 0;
+    TheEngine.Call.ReceiveListSize = 0;
+    TheEngine.Call.RetrievePending = false;
+    TheEngine.Call.LastRxTime = NowMs();
+    TheEngine.Call.LinkState = LinkState::Connected;
 
     std::string input(reinterpret_cast<const char*>(data), size);
     input += "\r\n";
@@ -89,7 +89,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (int step = 0;
          step < StepLimit && SandboxLine().PortQueueCount(PortQueue::Input) > padding.size();
          ++step) {
-        const LinkState state = TheEngine.LinkState.load();
+        const LinkState state = TheEngine.Call.LinkState.load();
         if (state != LinkState::Connected && state != LinkState::Recovery) {
             break;  // the call has ended, or the data of a file has begun
         }
@@ -97,13 +97,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
 
     // The call falls here, whatever its state: what is incomplete goes.
-    if (TheEngine.LinkState.load() >= LinkState::Connected) {
+    if (TheEngine.Call.LinkState.load() >= LinkState::Connected) {
         EndOfCallCleanup();
     }
     EndRecoveryCandidacy();
     ForgetUnfinishedLine();
     ClearSessionFlags();
-    TheEngine.LinkState = LinkState::Connected;
+    TheEngine.Call.LinkState = LinkState::Connected;
     DiscardPortInput();
     CheckAndEmptySandbox();
     return 0;

@@ -238,7 +238,7 @@ void FileListPanel::OnFileDelete() {
 void FileListPanel::OnFileClick(int row) {
     selectedFileRow_.store(static_cast<int16_t>(row < 0 ? -1 : row));
     Controls().Select(IDC_FILE_LIST, row);
-    if (TheEngine.LinkState.load() == LinkState::Idle) {
+    if (TheEngine.Call.LinkState.load() == LinkState::Idle) {
         Controls().Enable(IDC_FILE_DELETE, row >= 0);
     }
 }
@@ -286,7 +286,7 @@ void FileListPanel::OnDropFiles(const std::vector<std::string>& paths) {
 }
 
 void FileListPanel::ListIncomingFiles() {
-    const uint32_t count = std::min<uint32_t>(TheEngine.ReceiveCount.load(), ListCapacity);
+    const uint32_t count = std::min<uint32_t>(TheEngine.Call.ReceiveCount.load(), ListCapacity);
     for (uint32_t i = 0; i < count; ++i) {
         const FileEntry& entry = TheEngine.ReceiveList[i];
         // The size here includes the checksum bytes of the wire.

@@ -450,7 +450,7 @@ void MainWindow::OnAboutOk() {
 // What the user may do
 
 Permissions MainWindow::WhatTheUserMay() const {
-    const bool linkUp = TheEngine.LinkState.load() > LinkState::Idle;
+    const bool linkUp = TheEngine.Call.LinkState.load() > LinkState::Idle;
     const bool haveFiles = files_.HasFiles();
     Permissions may;
     // With files in the list a call sends them; with an empty list the only
@@ -503,7 +503,7 @@ EventOutcome MainWindow::HandleEvent(const WindowEvent& event) {
         case Kind::FilesDropped:
             // The file list and Send take nothing while a call is up.
             if ((event.Id == IDC_FILE_LIST || event.Id == IDC_SEND) &&
-                TheEngine.LinkState.load() != LinkState::Idle) {
+                TheEngine.Call.LinkState.load() != LinkState::Idle) {
                 return Refused("the file list is shut during a call");
             }
             OnDropFiles(event.Id, event.Paths);
@@ -574,7 +574,7 @@ EventOutcome MainWindow::OnBoxClicked(WindowPanel& panel, int id, bool checked) 
 
 void MainWindow::OnDropFiles(int targetId, const std::vector<std::string>& paths) {
     const bool onList = targetId == IDC_FILE_LIST || targetId == IDC_SEND;
-    if (onList && TheEngine.LinkState.load() == LinkState::Idle) {
+    if (onList && TheEngine.Call.LinkState.load() == LinkState::Idle) {
         files_.OnDropFiles(paths);
         // One drop on Send fills the list and starts the call.
         if (targetId == IDC_SEND) {

@@ -122,10 +122,10 @@ const EndRow& RowOf(CallEnd reason) {
 
 // The link is idle again and nothing of the call or dial is left over.
 void BackToIdle() {
-    TheEngine.Role = Role::Receiver;
+    TheEngine.Call.Role = Role::Receiver;
     // A retrieve asked for in this call is over with it, however it ended: a
     // station that kept it would not answer the next correspondent's.
-    TheEngine.RetrievePending = false;
+    TheEngine.Call.RetrievePending = false;
     ClearSessionFlags();
     ReturnToIdle();
 }
@@ -135,8 +135,8 @@ void BackToIdle() {
 void TidyCall(const EndRow& row) {
     ForgetUnfinishedLine();
     EngineWindow& display = Display();
-    const LinkState state = TheEngine.LinkState.load();
-    const bool sending = TheEngine.Role.load() == Role::Sender;
+    const LinkState state = TheEngine.Call.LinkState.load();
+    const bool sending = TheEngine.Call.Role.load() == Role::Sender;
     if (sending) {
         if (row.UnderBlock != nullptr && state == LinkState::Transfer) {
             Stores().Log.Add(row.UnderBlock);
@@ -154,7 +154,7 @@ void TidyCall(const EndRow& row) {
     }
     // A transfer whose time goes untold is over all the same: a later call
     // that ends before its own transfer began must not tell this one's.
-    TheEngine.TransferStartTime = 0;
+    TheEngine.Call.TransferStartTime = 0;
     if (row.Rule) {
         Stores().Log.Add(Rule);
     }
@@ -190,20 +190,20 @@ void TidyDial(const EndRow& row) {
 }
 
 void StopFeederIfSending() {
-    if (TheEngine.Role.load() == Role::Sender) {
+    if (TheEngine.Call.Role.load() == Role::Sender) {
         StopFeeder();
     }
 }
 
 void AskForTheEnd() {
-    if (TheEngine.LinkState.load() == LinkState::Dialing) {
+    if (TheEngine.Call.LinkState.load() == LinkState::Dialing) {
         // One blank breaks off the dial; the adapter's answer ends it.
         TheEngine.Line->SendBytes(" ", 1);
         return;
     }
     PortConversation conversation(*TheEngine.Line);
-    const LinkState state = TheEngine.LinkState.load();
-    const bool sending = TheEngine.Role.load() == Role::Sender;
+    const LinkState state = TheEngine.Call.LinkState.load();
+    const bool sending = TheEngine.Call.Role.load() == Role::Sender;
     switch (state) {
         case LinkState::Connected:
             // "AT" answered means the adapter is in command mode already, so
@@ -220,7 +220,7 @@ void AskForTheEnd() {
             if (!sending) {
                 Stores().Log.Add("Sending disconnect...");
                 SendToken(TokenAbort);
-                TheEngine.LinkState = LinkState::Connected;
+                TheEngine.Call.LinkState = LinkState::Connected;
             } else {
                 StopFeeder();
                 EndCallByHangUp();
@@ -244,12 +244,12 @@ void EndCall(CallEnd reason, std::string_view detail) {
         case Before::Nothing:
             break;
         case Before::ListThrough:
-            TheEngine.LinkState = LinkState::Connected;
+            TheEngine.Call.LinkState = LinkState::Connected;
             TheEngine.SendList.Clear();
             StopFeeder();
             break;
         case Before::TakeSendersPart:
-            TheEngine.Role = Role::Sender;
+            TheEngine.Call.Role = Role::Sender;
             break;
     }
     switch (row.By) {

@@ -59,11 +59,11 @@ void Connected(const ConnectCode& code) {
     Stores().Log.Add(code.LogLine);
     ClearSessionFlags();
     ShowLinkState(LinkState::Connected);
-    if (TheEngine.Role.load() == Role::Sender) {
+    if (TheEngine.Call.Role.load() == Role::Sender) {
         SendToken(TokenSyncon);
     } else {
         // The caller speaks first; its silence is timed from here.
-        TheEngine.LastRxTime = NowMs();
+        TheEngine.Call.LastRxTime = NowMs();
     }
 }
 
@@ -110,7 +110,7 @@ void PlaceCall(const CallRequest& call) {
     Stores().Log.Add("at " + call.Number);
     ClearSessionFlags();
     ShowLinkState(LinkState::Dialing);
-    TheEngine.Role = Role::Sender;
+    TheEngine.Call.Role = Role::Sender;
 }
 
 void HandleLineEvent() {
@@ -129,16 +129,16 @@ void HandleLineEvent() {
         // to the next, and a second "ATA" would reach that caller as data
         // once the first has connected. It is not answered, and nothing is
         // thrown away after it, since the answer's result is on its way.
-        if (TheEngine.Session.AnswerPending.load() &&
-            NowMs() - TheEngine.Session.AnsweredAt.load() < AnswerResultLimitMs) {
+        if (TheEngine.Call.Session.AnswerPending.load() &&
+            NowMs() - TheEngine.Call.Session.AnsweredAt.load() < AnswerResultLimitMs) {
             return;
         }
         TheEngine.Line->DrainInput(RingDrainQuietMs);
         ClearHotFolderCounters();
         SleepMs(AnswerPauseMs);
         TheEngine.Line->SendCommand("ATA");
-        TheEngine.Session.AnsweredAt = NowMs();
-        TheEngine.Session.AnswerPending = true;
+        TheEngine.Call.Session.AnsweredAt = NowMs();
+        TheEngine.Call.Session.AnswerPending = true;
         return;
     }
     for (const ConnectCode& code : ConnectCodes) {

@@ -3,7 +3,7 @@
 #include "engine/transfer_engine.h"
 
 void NoWindow::LogElapsedTime() {
-    TheEngine.TransferStartTime = 0;
+    TheEngine.Call.TransferStartTime = 0;
 }
 
 void SetEngineWindow(EngineWindow* window) {

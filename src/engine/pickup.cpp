@@ -65,13 +65,13 @@ std::string FirstNumberDigits(const std::string& stored) {
 }  // namespace
 
 void OnSendClicked(const CallRequest& call) {
-    TheEngine.RetrievePending = false;
+    TheEngine.Call.RetrievePending = false;
     TheEngine.PickupSend = false;
     PlaceCall(call);
 }
 
 void OnRetrieveClicked(const CallRequest& call) {
-    TheEngine.RetrievePending = true;
+    TheEngine.Call.RetrievePending = true;
     PlaceCall(call);
 }
 
@@ -188,7 +188,7 @@ void AnswerRetrieveRequest() {
     Stores().Log.Add("Retrieve request from " + FieldText(Stores().Directory[index].FirmName));
     Stores().Log.Add("at " + number);
     Display().SelectCorrespondent(index);
-    TheEngine.Role = Role::Sender;
+    TheEngine.Call.Role = Role::Sender;
     TheEngine.PickupSend = true;
     EnsureSentFilesFolder(index);
     LoadPickUpFolder(index);
@@ -196,7 +196,7 @@ void AnswerRetrieveRequest() {
 }
 
 std::optional<int16_t> HotFolderDue() {
-    if (TheEngine.LinkState.load() != LinkState::Idle) {
+    if (TheEngine.Call.LinkState.load() != LinkState::Idle) {
         return std::nullopt;
     }
     ServeHotFolderClears();
@@ -227,6 +227,6 @@ std::optional<int16_t> HotFolderDue() {
 
 void SendHotFolder(const CallRequest& call) {
     TheEngine.PickupSend = true;
-    TheEngine.RetrievePending = false;
+    TheEngine.Call.RetrievePending = false;
     PlaceCall(call);
 }

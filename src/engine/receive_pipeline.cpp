@@ -25,8 +25,8 @@ namespace {
 constexpr int16_t BlockLimitMs = 250;
 
 void BookBytes(FileEntry& entry, uint32_t got) {
-    const uint32_t remaining = TheEngine.ReceiveRemaining.load();
-    TheEngine.ReceiveRemaining = remaining > got ? remaining - got : 0;
+    const uint32_t remaining = TheEngine.Call.ReceiveRemaining.load();
+    TheEngine.Call.ReceiveRemaining = remaining > got ? remaining - got : 0;
     entry.BytesDone += got;
 }
 
@@ -46,7 +46,7 @@ enum class SectionEnd {
     }
     Stores().Log.Add("Packet byte error " + std::to_string(static_cast<int>(end)) + ".");
     RequestSectionResend();
-    TheEngine.LinkState = LinkState::Recovery;
+    TheEngine.Call.LinkState = LinkState::Recovery;
     return false;
 }
 
@@ -85,15 +85,15 @@ void FileFinished() {
     entry.EntryComplete = 1;
     display.ShowThroughput(false, true);
     RetireFinishedEntry();
-    if (TheEngine.ReceiveCount.load() > 0) {
+    if (TheEngine.Call.ReceiveCount.load() > 0) {
         FileEntry& next = TheEngine.ReceiveList[0];
         if (!BeginReceivedFile(next)) {
             EndCall(CallEnd::Fault);
             return;
         }
-        TheEngine.ExpectedBlock = ExpectedBlockOf(next);
+        TheEngine.Call.ExpectedBlock = ExpectedBlockOf(next);
         SnapshotSection();
-        display.ShowBatchEstimate(TheEngine.ReceiveRemaining.load());
+        display.ShowBatchEstimate(TheEngine.Call.ReceiveRemaining.load());
         display.SetProgress(next.BytesDone, next.TotalLength);
         display.ShowThroughput(false, false);
         Stores().Log.Add("Receiving File: " + std::string(next.DisplayName.View()));
@@ -101,9 +101,9 @@ void FileFinished() {
         return;
     }
     SendToken(TokenAck2);
-    TheEngine.LinkState = LinkState::Connected;
+    TheEngine.Call.LinkState = LinkState::Connected;
     Stores().Log.Add("All files received.");
-    display.ShowBatchEstimate(TheEngine.ReceiveRemaining.load());
+    display.ShowBatchEstimate(TheEngine.Call.ReceiveRemaining.load());
     display.ShowThroughput(false, false);
     // A finished list leaves nothing to resume.
     ForgetResumeCandidate();
@@ -112,13 +112,13 @@ void FileFinished() {
 }  // namespace
 
 void ReceiveBlock() {
-    TheEngine.LastRxTime = NowMs();
+    TheEngine.Call.LastRxTime = NowMs();
     FileEntry& entry = TheEngine.ReceiveList[0];
     if (entry.DataDone != 0) {
         FileFinished();
         return;
     }
-    const int16_t slot = TheEngine.BlockIndex.load();
+    const int16_t slot = TheEngine.Call.BlockIndex.load();
     if (slot == 0) {
         SnapshotSection();
     }
@@ -127,7 +127,7 @@ void ReceiveBlock() {
         BookBytes(entry, TheEngine.Line->ReadBlock(at, BlockBytes, BlockLimitMs));
         entry.BlocksDone = static_cast<int16_t>(entry.BlocksDone + 1);
         const int16_t filled = static_cast<int16_t>(slot + 1);
-        TheEngine.BlockIndex = filled;
+        TheEngine.Call.BlockIndex = filled;
         if (entry.BlocksDone == entry.DataBlocks && entry.LastBlockBytes == 0) {
             // The file's last section ends on a block boundary.
             const uint32_t fileBytes = filled * BlockBytes - SectionCrcBytes;
@@ -135,7 +135,7 @@ void ReceiveBlock() {
                 !AppendSection(entry, fileBytes)) {
                 return;
             }
-            TheEngine.BlockIndex = 0;
+            TheEngine.Call.BlockIndex = 0;
             entry.DataDone = 1;
             FileFinished();
             return;
@@ -146,13 +146,13 @@ void ReceiveBlock() {
                 !AppendSection(entry, SectionFileBytes)) {
                 return;
             }
-            TheEngine.BlockIndex = 0;
+            TheEngine.Call.BlockIndex = 0;
             entry.NextBlock = static_cast<int16_t>(entry.NextBlock + BlocksPerSection);
             sectionWritten = true;
         }
-        TheEngine.ExpectedBlock = entry.BlocksDone == entry.DataBlocks
-                                      ? static_cast<uint16_t>(entry.LastBlockBytes)
-                                      : static_cast<uint16_t>(BlockBytes);
+        TheEngine.Call.ExpectedBlock = entry.BlocksDone == entry.DataBlocks
+                                           ? static_cast<uint16_t>(entry.LastBlockBytes)
+                                           : static_cast<uint16_t>(BlockBytes);
         entry.LastBlockTime = NowMs();
         TheEngine.ReceiveDisplayDirty = true;
         if (sectionWritten) {
@@ -170,14 +170,14 @@ void ReceiveBlock() {
         // Only a damaged position could bring this; the section cannot be
         // checked, so it is asked for again.
         RequestSectionResend();
-        TheEngine.LinkState = LinkState::Recovery;
+        TheEngine.Call.LinkState = LinkState::Recovery;
         return;
     }
     if (!SectionPasses(static_cast<uint32_t>(fileBytes), SectionEnd::InAShortBlock) ||
         !AppendSection(entry, static_cast<uint32_t>(fileBytes))) {
         return;
     }
-    TheEngine.BlockIndex = 0;
+    TheEngine.Call.BlockIndex = 0;
     entry.DataDone = 1;
     FileFinished();
 }
@@ -185,7 +185,7 @@ void ReceiveBlock() {
 void RefreshReceiveDisplay() {
     const FileEntry& entry = TheEngine.ReceiveList[0];
     EngineWindow& display = Display();
-    display.ShowBatchEstimate(TheEngine.ReceiveRemaining.load());
+    display.ShowBatchEstimate(TheEngine.Call.ReceiveRemaining.load());
     display.SetProgress(entry.BytesDone, entry.TotalLength);
     display.ShowThroughput(false, false);
     TheEngine.ReceiveDisplayDirty = false;
@@ -198,10 +198,10 @@ void RetireFinishedEntry() {
     const WireFileEntry finishedWire = wire[0];
     EngineWindow& display = Display();
     display.SetProgress(100, 100);
-    const uint32_t count = TheEngine.ReceiveCount.load();
+    const uint32_t count = TheEngine.Call.ReceiveCount.load();
     const uint32_t left = count > 0 ? count - 1 : 0;
-    TheEngine.ReceiveCount = left;
-    const int16_t size = TheEngine.ReceiveListSize.load();
+    TheEngine.Call.ReceiveCount = left;
+    const int16_t size = TheEngine.Call.ReceiveListSize.load();
     if (size >= 1) {
         for (int16_t i = 1; i < size; ++i) {
             list[i - 1] = list[i];
@@ -214,7 +214,7 @@ void RetireFinishedEntry() {
     for (uint32_t i = 0; i < left; ++i) {
         remaining += list[i].TotalLength;
     }
-    TheEngine.ReceiveRemaining = remaining;
+    TheEngine.Call.ReceiveRemaining = remaining;
     display.RemoveTopFileRow();
     display.ShowBatchEstimate(remaining);
 }

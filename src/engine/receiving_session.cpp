@@ -76,9 +76,9 @@ AdmitResult Refuse(const std::string& logLine) {
 AdmitResult AbortAdmission() {
     Stores().Log.Add("Sending disconnect...");
     SendToken(TokenAbort);
-    TheEngine.ReceiveCount = 0;
-    TheEngine.ReceiveListSize = 0;
-    TheEngine.LastRxTime = NowMs();
+    TheEngine.Call.ReceiveCount = 0;
+    TheEngine.Call.ReceiveListSize = 0;
+    TheEngine.Call.LastRxTime = NowMs();
     return AdmitRefused;
 }
 
@@ -194,7 +194,7 @@ struct Admission {
 // lengths a file can have, and room on the volume for both the header's total
 // and the entries' sum, which a false total would otherwise hide.
 bool ReadAndCheckList(Admission& list) {
-    SessionHeader& header = TheEngine.InHeader;
+    SessionHeader& header = TheEngine.Call.InHeader;
     SwapSessionHeader(header);
     if (header.Magic != SessionMagic) {
         EndCall(CallEnd::Fault);
@@ -337,10 +337,10 @@ void FillReceiveList(const Admission& list) {
         wire[kept].Name.Set(file.NameInUse);
         ++kept;
     }
-    TheEngine.ReceiveCount = kept;
-    TheEngine.ReceiveListSize = static_cast<int16_t>(kept);
+    TheEngine.Call.ReceiveCount = kept;
+    TheEngine.Call.ReceiveListSize = static_cast<int16_t>(kept);
     if (list.Recovered) {
-        TheEngine.ReceiveRemaining =
+        TheEngine.Call.ReceiveRemaining =
             RecoveryPositionOf(TheEngine.RecoveryRecord.Body).ReceiveRemaining;
     } else if (list.Marker) {
         // A marker's list counts by its files: the marker itself brings no
@@ -349,9 +349,9 @@ void FillReceiveList(const Admission& list) {
         for (uint32_t i = 0; i < kept; ++i) {
             total += TheEngine.ReceiveList[i].TotalLength;
         }
-        TheEngine.ReceiveRemaining = total;
+        TheEngine.Call.ReceiveRemaining = total;
     } else {
-        TheEngine.ReceiveRemaining = TheEngine.InHeader.TotalBytes;
+        TheEngine.Call.ReceiveRemaining = TheEngine.Call.InHeader.TotalBytes;
     }
 }
 
@@ -359,24 +359,24 @@ void FillReceiveList(const Admission& list) {
 void StartReceiving(const Admission& list) {
     EngineWindow& display = Display();
     display.ListIncomingFiles();
-    display.ShowBatchEstimate(TheEngine.ReceiveRemaining.load());
-    TheEngine.ExpectedBlock = list.Recovered
-                                  ? RecoveryPositionOf(TheEngine.RecoveryRecord.Body).ExpectedBlock
-                                  : ExpectedBlockOf(TheEngine.ReceiveList[0]);
+    display.ShowBatchEstimate(TheEngine.Call.ReceiveRemaining.load());
+    TheEngine.Call.ExpectedBlock =
+        list.Recovered ? RecoveryPositionOf(TheEngine.RecoveryRecord.Body).ExpectedBlock
+                       : ExpectedBlockOf(TheEngine.ReceiveList[0]);
     SnapshotSection();
-    TheEngine.LinkState = LinkState::Transfer;
-    TheEngine.BlockIndex = 0;
+    TheEngine.Call.LinkState = LinkState::Transfer;
+    TheEngine.Call.BlockIndex = 0;
     Stores().Log.Add(std::string(list.Recovered ? "Recovering File: " : "Receiving File: ") +
                      std::string(TheEngine.ReceiveList[0].DisplayName.View()));
     display.ShowTransferDisplay(true);
-    TheEngine.LastRxTime = NowMs();
+    TheEngine.Call.LastRxTime = NowMs();
 }
 
 Dispatch OnListOffered() {
-    if (TheEngine.LinkState.load() != LinkState::Connected) {
+    if (TheEngine.Call.LinkState.load() != LinkState::Connected) {
         return Dispatch::Next;
     }
-    if (TheEngine.Line->ReadBlock(&TheEngine.InHeader, sizeof(SessionHeader), HeaderLimitMs) <
+    if (TheEngine.Line->ReadBlock(&TheEngine.Call.InHeader, sizeof(SessionHeader), HeaderLimitMs) <
         sizeof(SessionHeader)) {
         return Dispatch::Next;
     }
@@ -395,20 +395,22 @@ Dispatch OnListOffered() {
             // Every file of the list was empty and stands on the disk already.
             SendToken(TokenAck2);
             Stores().Log.Add("All files received.");
-            TheEngine.LastRxTime = NowMs();
+            TheEngine.Call.LastRxTime = NowMs();
             return Dispatch::Next;
         default:
             // A list that could not be believed has ended the call.
-            return TheEngine.LinkState.load() == LinkState::Idle ? Dispatch::Stop : Dispatch::Next;
+            return TheEngine.Call.LinkState.load() == LinkState::Idle ? Dispatch::Stop
+                                                                      : Dispatch::Next;
     }
-    TheEngine.BlockIndex = 0;
-    TheEngine.TransferStartTime = WallSeconds();
+    TheEngine.Call.BlockIndex = 0;
+    TheEngine.Call.TransferStartTime = WallSeconds();
     return Dispatch::Next;
 }
 
 // The holder's answer to a retrieve request came: there is nothing to fetch.
 Dispatch OnNothingToRetrieve(CallEnd end) {
-    if (TheEngine.LinkState.load() != LinkState::Connected || !TheEngine.RetrievePending.load()) {
+    if (TheEngine.Call.LinkState.load() != LinkState::Connected ||
+        !TheEngine.Call.RetrievePending.load()) {
         return Dispatch::Next;  // this end asked for nothing
     }
     EndCall(end);
@@ -425,8 +427,8 @@ constexpr std::array<TokenRow, 6> ReceiverTokens{{
          // A caller says once that it is there. One that says it again and
          // again, and nothing else, would otherwise hold the line for ever:
          // only the first renews the limit on silence.
-         if (!TheEngine.Session.SynconHeard.exchange(true)) {
-             TheEngine.LastRxTime = NowMs();
+         if (!TheEngine.Call.Session.SynconHeard.exchange(true)) {
+             TheEngine.Call.LastRxTime = NowMs();
          }
          return Dispatch::Next;
      }},
@@ -434,7 +436,7 @@ constexpr std::array<TokenRow, 6> ReceiverTokens{{
     {TextNoCarrier,
      {},
      [] {
-         if (TheEngine.LinkState.load() != LinkState::Connected) {
+         if (TheEngine.Call.LinkState.load() != LinkState::Connected) {
              return Dispatch::Next;
          }
          EndCall(CallEnd::ReceiverLostLine);
@@ -443,8 +445,8 @@ constexpr std::array<TokenRow, 6> ReceiverTokens{{
     {TokenRetrieve.Text(),
      {},
      [] {
-         if (TheEngine.LinkState.load() == LinkState::Connected &&
-             !TheEngine.RetrievePending.load()) {
+         if (TheEngine.Call.LinkState.load() == LinkState::Connected &&
+             !TheEngine.Call.RetrievePending.load()) {
              AnswerRetrieveRequest();
          }
          return Dispatch::Next;
@@ -567,10 +569,10 @@ void OnReceiverInput() {
     if (!ReadTokenLine(TokenLineLimitMs, line)) {
         return;
     }
-    if (TheEngine.LinkState.load() == LinkState::Recovery) {
+    if (TheEngine.Call.LinkState.load() == LinkState::Recovery) {
         if (LineHolds(line, TokenSendRecovr)) {
             ApplyRecoveryAtReceiver();
-            TheEngine.LinkState = LinkState::Transfer;
+            TheEngine.Call.LinkState = LinkState::Transfer;
         }
         return;
     }
@@ -588,7 +590,7 @@ AdmitResult AdmitFileList() {
         return list.Result;
     }
     FillReceiveList(list);
-    if (TheEngine.ReceiveCount.load() == 0) {
+    if (TheEngine.Call.ReceiveCount.load() == 0) {
         return AdmitNothingToReceive;
     }
     if (!list.Recovered && !BeginReceivedFile(TheEngine.ReceiveList[0])) {

@@ -27,8 +27,8 @@ constexpr uint32_t DrainLongestMs = 10000;
 void SnapshotSection() {
     const FileEntry& entry = TheEngine.ReceiveList[0];
     TheEngine.RecoveryRecord = MakeRecoveryMessage(
-        TokenFileRecovr,
-        MakeRecoveryBody(TheEngine.ExpectedBlock.load(), TheEngine.ReceiveRemaining.load(), entry));
+        TokenFileRecovr, MakeRecoveryBody(TheEngine.Call.ExpectedBlock.load(),
+                                          TheEngine.Call.ReceiveRemaining.load(), entry));
     TheEngine.SavedEntry = entry;
     SaveResumeCandidate();
 }
@@ -44,17 +44,17 @@ void RequestSectionResend() {
         if (!TheEngine.Line->DrainInputWithin(DrainQuietMs, DrainLongestMs)) {
             return;
         }
-        TheEngine.LastRxTime = NowMs();
+        TheEngine.Call.LastRxTime = NowMs();
     }
     SendToken(TokenContSend);
 }
 
 void ApplyRecoveryAtReceiver() {
-    TheEngine.BlockIndex = 0;
+    TheEngine.Call.BlockIndex = 0;
     FileEntry& entry = TheEngine.ReceiveList[0];
     const RecoveryPosition position = ApplyRecoveryBody(TheEngine.RecoveryRecord.Body, entry);
-    TheEngine.ExpectedBlock = position.ExpectedBlock;
-    TheEngine.ReceiveRemaining = position.ReceiveRemaining;
+    TheEngine.Call.ExpectedBlock = position.ExpectedBlock;
+    TheEngine.Call.ReceiveRemaining = position.ReceiveRemaining;
     EngineWindow& display = Display();
     display.ShowBatchEstimate(position.ReceiveRemaining);
     display.SetProgress(entry.BytesDone, entry.TotalLength);
@@ -63,7 +63,7 @@ void ApplyRecoveryAtReceiver() {
 
 void ApplyRecoveryAtSender() {
     const RecoveryBody body = RecordFromBytes<RecoveryBody>(TheEngine.Line->TokenBuffer);
-    TheEngine.BlockIndex = 0;
+    TheEngine.Call.BlockIndex = 0;
     FileEntry& entry = TheEngine.SendList[0];
     const RecoveryPosition position = ApplyRecoveryBody(body, entry);
     TheEngine.SendList.SetRemaining(position.ReceiveRemaining);
@@ -77,7 +77,7 @@ void ApplyRecoveryAtSender() {
 
 void ConfirmRecovery() {
     SendToken(TokenSendRecovr);
-    TheEngine.LinkState = LinkState::Transfer;
+    TheEngine.Call.LinkState = LinkState::Transfer;
 }
 
 void StallAbort(uint32_t waiting) {

@@ -38,7 +38,7 @@ void NapWhileOutputDrains(uint32_t waiting) {
 // The file cannot give what its entry announced: the call cannot go on.
 void ReportUnreadable(const FileEntry& entry) {
     Stores().Log.Add("Cannot read file: " + std::string(entry.DisplayName.View()));
-    TheEngine.Session.SendFault = true;
+    TheEngine.Call.Session.SendFault = true;
     // The communications thread ends the call at its next pass.
     TheEngine.Line->InterruptPortWait();
 }
@@ -99,7 +99,7 @@ BlockOutcome SendNextBlock() {
         entry.StartTime = NowMs();
     }
     uint8_t* working = TheEngine.WorkingSection;
-    int16_t slot = TheEngine.BlockIndex.load();
+    int16_t slot = TheEngine.Call.BlockIndex.load();
     if (slot == 0) {
         // A section begins: the next one is read while this one goes out.
         std::memcpy(working, TheEngine.StagedSection,
@@ -111,7 +111,7 @@ BlockOutcome SendNextBlock() {
         // writer idle and the output queue empty.
         entry.LastBlockTime = NowMs();
         LinkState expected = LinkState::Transfer;
-        if (!TheEngine.LinkState.compare_exchange_strong(expected, LinkState::FileSent)) {
+        if (!TheEngine.Call.LinkState.compare_exchange_strong(expected, LinkState::FileSent)) {
             return BlockOutcome::Nothing;  // a repair has begun meanwhile
         }
         return BlockOutcome::FileSent;
@@ -121,7 +121,8 @@ BlockOutcome SendNextBlock() {
         BookBlock(entry, BlockBytes);
         entry.BlocksDone = static_cast<int16_t>(entry.BlocksDone + 1);
         slot = static_cast<int16_t>(slot + 1);
-        TheEngine.BlockIndex = slot == static_cast<int16_t>(BlocksPerSection) ? int16_t{0} : slot;
+        TheEngine.Call.BlockIndex =
+            slot == static_cast<int16_t>(BlocksPerSection) ? int16_t{0} : slot;
         return BlockOutcome::Handed;
     }
     if (entry.LastBlockBytes > 0) {
@@ -129,7 +130,7 @@ BlockOutcome SendNextBlock() {
         BookBlock(entry, static_cast<uint32_t>(entry.LastBlockBytes));
     }
     entry.DataDone = 1;
-    TheEngine.BlockIndex = 0;
+    TheEngine.Call.BlockIndex = 0;
     return BlockOutcome::Handed;
 }
 
@@ -155,8 +156,8 @@ unsigned SectionFeeder(void*) {
     // repair, it first brings the display up to date.
     bool refreshDue = false;
     while (TheEngine.FeederRun.load()) {
-        if (TheEngine.LinkState.load() != LinkState::Transfer || TheEngine.SendList.IsEmpty() ||
-            TheEngine.Session.SendFault.load()) {
+        if (TheEngine.Call.LinkState.load() != LinkState::Transfer ||
+            TheEngine.SendList.IsEmpty() || TheEngine.Call.Session.SendFault.load()) {
             ParkThread(self);
             continue;
         }
@@ -194,7 +195,7 @@ unsigned BlockWriter(void*) {
     while (TheEngine.WriterRun.load()) {
         TheEngine.Line->SendBytes(TheEngine.WriteBlock.load(), TheEngine.WriteBlockLength.load());
         // The line took the block: the far end is taking data.
-        TheEngine.Session.FarEndSeenAt = NowMs();
+        TheEngine.Call.Session.FarEndSeenAt = NowMs();
         TheEngine.SendDisplayDirty = true;
         if (!TheEngine.SendList.IsEmpty()) {
             TheEngine.SendList[0].LastBlockTime = NowMs();

@@ -46,15 +46,15 @@ void StartTransfer() {
     TheEngine.FeederRun = true;
     StartSectionFeeder();
     Display().ShowThroughput(true, false);
-    TheEngine.LinkState = LinkState::Transfer;
-    TheEngine.TransferStartTime = WallSeconds();
+    TheEngine.Call.LinkState = LinkState::Transfer;
+    TheEngine.Call.TransferStartTime = WallSeconds();
     WakeFeeder();
 }
 
 // Whether a list-accepting token may start a transfer now.
 bool ReadyToStart() {
-    return TheEngine.LinkState.load() == LinkState::Connected &&
-           TheEngine.Session.ListOffered.load() && !FeederRunning();
+    return TheEngine.Call.LinkState.load() == LinkState::Connected &&
+           TheEngine.Call.Session.ListOffered.load() && !FeederRunning();
 }
 
 // The receiver's body behind FILERECOVR or FILERESTA; false after the call
@@ -86,7 +86,7 @@ Dispatch OnFileRecovr() {
     if (!ReadRecoveryBody()) {
         return Dispatch::Stop;
     }
-    const LinkState state = TheEngine.LinkState.load();
+    const LinkState state = TheEngine.Call.LinkState.load();
     // With the list empty the file of that data has been acknowledged
     // already; a repair would put a stale entry back on the way.
     if (!FeederRunning() || (state != LinkState::Transfer && state != LinkState::FileSent) ||
@@ -99,14 +99,14 @@ Dispatch OnFileRecovr() {
     }
     // The feeder stops at its next step; the position is rewritten only once
     // it has left the step it is in.
-    TheEngine.LinkState = LinkState::Recovery;
+    TheEngine.Call.LinkState = LinkState::Recovery;
     WaitFeederOutOfStep();
     ApplyRecoveryAtSender();
     return Dispatch::Stop;
 }
 
 Dispatch OnContSend() {
-    if (TheEngine.LinkState.load() != LinkState::Recovery) {
+    if (TheEngine.Call.LinkState.load() != LinkState::Recovery) {
         return Dispatch::Stop;
     }
     ConfirmRecovery();
@@ -156,7 +156,7 @@ bool FileIsThrough() {
     if (!FeederRunning()) {
         return false;
     }
-    const LinkState state = TheEngine.LinkState.load();
+    const LinkState state = TheEngine.Call.LinkState.load();
     if (state == LinkState::FileSent) {
         WaitFeederOutOfStep();
         return true;
@@ -165,10 +165,10 @@ bool FileIsThrough() {
 }
 
 Dispatch OnAllFilesSent() {
-    const LinkState state = TheEngine.LinkState.load();
+    const LinkState state = TheEngine.Call.LinkState.load();
     // With no feeder the list held no data at all, and the far end, having
     // made the empty files, answers the offer with ACK2 at once.
-    const bool emptyList = !FeederRunning() && TheEngine.Session.ListOffered.load() &&
+    const bool emptyList = !FeederRunning() && TheEngine.Call.Session.ListOffered.load() &&
                            (state == LinkState::Connected || state == LinkState::FileSent);
     if (!emptyList && !FileIsThrough()) {
         return Dispatch::Next;
@@ -182,22 +182,22 @@ Dispatch OnAllFilesSent() {
 }
 
 Dispatch OnReceiverReady() {
-    if (TheEngine.LinkState.load() != LinkState::Connected ||
-        TheEngine.Session.ListOffered.load()) {
+    if (TheEngine.Call.LinkState.load() != LinkState::Connected ||
+        TheEngine.Call.Session.ListOffered.load()) {
         return Dispatch::Next;
     }
-    if (!TheEngine.RetrievePending.load()) {
+    if (!TheEngine.Call.RetrievePending.load()) {
         StartSendSession();
         return Dispatch::Next;
     }
-    TheEngine.Session.ListOffered = true;
+    TheEngine.Call.Session.ListOffered = true;
     SendToken(TokenRetrieve);
     const RetrieveRequest request = MakeRetrieveRequest(
         std::string_view(TheEngine.Line->LocalNumber,
                          strnlen(TheEngine.Line->LocalNumber, sizeof TheEngine.Line->LocalNumber)));
     TheEngine.Line->SendBytes(&request, sizeof request);
-    TheEngine.Role = Role::Receiver;
-    TheEngine.LastRxTime = NowMs();
+    TheEngine.Call.Role = Role::Receiver;
+    TheEngine.Call.LastRxTime = NowMs();
     return Dispatch::Next;
 }
 
@@ -205,8 +205,8 @@ Dispatch OnReceiverReady() {
 // end the call, so this end says why and hangs up at once; the list stays
 // for another try.
 Dispatch OnListRefused(CallEnd why) {
-    if (TheEngine.LinkState.load() != LinkState::Connected ||
-        !TheEngine.Session.ListOffered.load() || FeederRunning()) {
+    if (TheEngine.Call.LinkState.load() != LinkState::Connected ||
+        !TheEngine.Call.Session.ListOffered.load() || FeederRunning()) {
         return Dispatch::Next;  // no list of ours awaits an answer
     }
     EndCall(why);
@@ -267,8 +267,8 @@ void StartSendSession() {
     TheEngine.Line->SendBytes(&TheEngine.OutHeader, sizeof(SessionHeader));
     TheEngine.Line->SendBytes(TheEngine.WireList,
                               static_cast<int16_t>(count * sizeof(WireFileEntry)));
-    TheEngine.BlockIndex = 0;
-    TheEngine.Session.ListOffered = true;
+    TheEngine.Call.BlockIndex = 0;
+    TheEngine.Call.Session.ListOffered = true;
     if (count > 0 && TheEngine.SendList[0].EntryKind == FileKind::FolderMarker) {
         // The marker has told the far end where the files go; it carries
         // nothing itself.
@@ -292,7 +292,7 @@ void DropFirstSendEntry() {
         return;
     }
     EngineWindow& display = Display();
-    if (TheEngine.LinkState.load() >= LinkState::Transfer) {
+    if (TheEngine.Call.LinkState.load() >= LinkState::Transfer) {
         display.SetProgress(100, 100);
         display.ShowThroughput(true, true);
     }
@@ -308,7 +308,7 @@ void DropFirstSendEntry() {
     display.RemoveTopFileRow();
     display.ShowBatchEstimate(list.Remaining());
     if (list.IsEmpty()) {
-        TheEngine.LinkState = LinkState::FileSent;
+        TheEngine.Call.LinkState = LinkState::FileSent;
         if (TheEngine.PickupSend.load()) {
             // The pick-up folder has emptied: its button shows it.
             display.ShowSelectedCorrespondent();
@@ -324,7 +324,7 @@ void BeginNextFile() {
     }
     LogSendingFile("Sending File: ");
     TheEngine.SectionWanted = true;
-    TheEngine.LinkState = LinkState::Transfer;
+    TheEngine.Call.LinkState = LinkState::Transfer;
 }
 
 void ResetSendPosition() {

@@ -22,27 +22,27 @@ void ReturnToIdle() {
 }
 
 void ShowLinkState(LinkState state) {
-    std::lock_guard<std::mutex> guard(TheEngine.LinkShownLock);
-    TheEngine.LinkState = state;
+    std::lock_guard<std::mutex> guard(TheEngine.Call.LinkShownLock);
+    TheEngine.Call.LinkState = state;
     Display().UpdateActionButtons();
 }
 
 LinkState LinkStateAsShown() {
-    std::lock_guard<std::mutex> guard(TheEngine.LinkShownLock);
-    return TheEngine.LinkState.load();
+    std::lock_guard<std::mutex> guard(TheEngine.Call.LinkShownLock);
+    return TheEngine.Call.LinkState.load();
 }
 
 void ClearSessionFlags() {
-    TheEngine.Session.ListOffered = false;
-    TheEngine.Session.SendFault = false;
-    TheEngine.Session.FarEndSeenAt = NowMs();
-    TheEngine.Session.FarEndSeenIn = LinkState::Idle;
-    TheEngine.Session.HangUpTried = false;
+    TheEngine.Call.Session.ListOffered = false;
+    TheEngine.Call.Session.SendFault = false;
+    TheEngine.Call.Session.FarEndSeenAt = NowMs();
+    TheEngine.Call.Session.FarEndSeenIn = LinkState::Idle;
+    TheEngine.Call.Session.HangUpTried = false;
     TheEngine.Line->ResetSerialLimitLine();
-    TheEngine.Session.HangUpRetries = 0;
-    TheEngine.Session.HangUpRetryDue = false;
-    TheEngine.Session.AnswerPending = false;
-    TheEngine.Session.SynconHeard = false;
+    TheEngine.Call.Session.HangUpRetries = 0;
+    TheEngine.Call.Session.HangUpRetryDue = false;
+    TheEngine.Call.Session.AnswerPending = false;
+    TheEngine.Call.Session.SynconHeard = false;
 }
 
 ThreadHandle CurrentFeederHandle() {
@@ -84,7 +84,7 @@ void StartSectionFeeder() {
         TheEngine.WriterRun = false;
         WakeThread(TheEngine.WriterThread.load());
         WakeThread(feeder);
-        TheEngine.Session.SendFault = true;
+        TheEngine.Call.Session.SendFault = true;
         TheEngine.Line->InterruptPortWait();
         return;
     }
@@ -133,7 +133,7 @@ void StopFeeder() {
 
 bool FeederEnterStep() {
     Threads().FeederInStep.store(1);
-    if (TheEngine.LinkState.load() != LinkState::Transfer || !TheEngine.FeederRun.load()) {
+    if (TheEngine.Call.LinkState.load() != LinkState::Transfer || !TheEngine.FeederRun.load()) {
         FeederLeaveStep();
         return false;
     }
@@ -156,8 +156,9 @@ void WaitFeederOutOfStep() {
 bool WaitFeederFileSent(int limitMs) {
     std::unique_lock<std::mutex> guard(Threads().StepLock);
     Threads().StepLeft.wait_for(guard, std::chrono::milliseconds(limitMs), [] {
-        return TheEngine.LinkState.load() != LinkState::Transfer &&
+        return TheEngine.Call.LinkState.load() != LinkState::Transfer &&
                Threads().FeederInStep.load() == 0;
     });
-    return TheEngine.LinkState.load() == LinkState::FileSent && Threads().FeederInStep.load() == 0;
+    return TheEngine.Call.LinkState.load() == LinkState::FileSent &&
+           Threads().FeederInStep.load() == 0;
 }

@@ -38,11 +38,11 @@ constexpr uint32_t HangUpRetryMs = 5000;
 // sending side has none, so it tries again a few times.
 bool HangUpFailed() {
     Stores().Log.Add("Hang-up failed.");
-    if (TheEngine.Role.load() == Role::Sender &&
-        TheEngine.Session.HangUpRetries.load() < HangUpRetryLimit) {
-        TheEngine.Session.HangUpRetries.fetch_add(1);
-        TheEngine.Session.HangUpRetryAt = NowMs();
-        TheEngine.Session.HangUpRetryDue = true;
+    if (TheEngine.Call.Role.load() == Role::Sender &&
+        TheEngine.Call.Session.HangUpRetries.load() < HangUpRetryLimit) {
+        TheEngine.Call.Session.HangUpRetries.fetch_add(1);
+        TheEngine.Call.Session.HangUpRetryAt = NowMs();
+        TheEngine.Call.Session.HangUpRetryDue = true;
         TheEngine.Line->InterruptPortWait();
     }
     return false;
@@ -70,8 +70,8 @@ void EndCallByHangUp() {
 
 bool HangUp() {
     PortConversation conversation(*TheEngine.Line);
-    TheEngine.Session.HangUpRetryDue = false;
-    TheEngine.Session.HangUpTried = true;
+    TheEngine.Call.Session.HangUpRetryDue = false;
+    TheEngine.Call.Session.HangUpTried = true;
     // The escape needs the port silent for the pause. Whatever of ours still
     // waits to go out would break that silence for as long as the line needs
     // to carry it, and for ever when the far end takes nothing more; but what
@@ -118,10 +118,10 @@ bool HangUp() {
 }
 
 std::optional<int> MsUntilHangUpRetry() {
-    if (!TheEngine.Session.HangUpRetryDue.load()) {
+    if (!TheEngine.Call.Session.HangUpRetryDue.load()) {
         return std::nullopt;
     }
-    const uint32_t elapsed = NowMs() - TheEngine.Session.HangUpRetryAt.load();
+    const uint32_t elapsed = NowMs() - TheEngine.Call.Session.HangUpRetryAt.load();
     return elapsed >= HangUpRetryMs ? 0 : static_cast<int>(HangUpRetryMs - elapsed);
 }
 
@@ -130,8 +130,8 @@ bool RetryHangUpIfDue() {
         return false;
     }
     // A call that has ended meanwhile (NO CARRIER) cleared the retry.
-    if (TheEngine.LinkState.load() < LinkState::Connected) {
-        TheEngine.Session.HangUpRetryDue = false;
+    if (TheEngine.Call.LinkState.load() < LinkState::Connected) {
+        TheEngine.Call.Session.HangUpRetryDue = false;
         return false;
     }
     // A failure has set up the next try, up to the limit.
@@ -142,7 +142,7 @@ bool RetryHangUpIfDue() {
 void EndStalledCall(uint32_t waiting) {
     uint8_t tail[32] = {};
     if (waiting > StallTailBytes) {
-        const int16_t slot = TheEngine.BlockIndex.load();
+        const int16_t slot = TheEngine.Call.BlockIndex.load();
         static_cast<void>(TheEngine.Line->ReadBlock(TheEngine.WorkingSection + slot * BlockBytes,
                                                     waiting - StallTailBytes, StallBodyLimitMs));
     }
@@ -158,7 +158,7 @@ void EndStalledCall(uint32_t waiting) {
 }
 
 void DeleteUnfinishedReceives() {
-    const uint32_t count = TheEngine.ReceiveCount.load();
+    const uint32_t count = TheEngine.Call.ReceiveCount.load();
     for (uint32_t i = 0; i < count && i < static_cast<uint32_t>(ListCapacity); ++i) {
         const FileEntry& entry = TheEngine.ReceiveList[i];
         // A file that has not begun has nothing on the disk.
@@ -176,19 +176,19 @@ void DeleteUnfinishedReceives() {
             ForgetResumeCandidate();
         }
     }
-    TheEngine.ReceiveCount = 0;
+    TheEngine.Call.ReceiveCount = 0;
 }
 
 void EndOfCallCleanup() {
     DeleteUnfinishedReceives();
     ImportReceivedEntries();
-    TheEngine.ReceiveCount = 0;
+    TheEngine.Call.ReceiveCount = 0;
     TheEngine.SendList.Clear();
     Display().ClearFileList();
 }
 
 void ImportReceivedEntries() {
-    const int16_t size = TheEngine.ReceiveListSize.load();
+    const int16_t size = TheEngine.Call.ReceiveListSize.load();
     for (int16_t i = 0; i < size && i < ListCapacity; ++i) {
         const FileEntry& entry = TheEngine.ReceiveList[i];
         const std::string_view name = entry.DisplayName.View();
@@ -196,7 +196,7 @@ void ImportReceivedEntries() {
             Display().ImportDirectoryEntry(std::string(entry.FilePath.View()));
         }
     }
-    TheEngine.ReceiveListSize = 0;
+    TheEngine.Call.ReceiveListSize = 0;
 }
 
 void DiscardUnfinishedFiles() {

@@ -15,10 +15,11 @@ constexpr uint32_t CarryLimitMs = 1000;
 // What was just read, behind what the previous read left unfinished.
 std::string JoinCarried(const char* read) {
     std::string line;
-    if (!TheEngine.TokenCarry.Bytes.empty() && NowMs() - TheEngine.TokenCarry.At <= CarryLimitMs) {
-        line = TheEngine.TokenCarry.Bytes;
+    if (!TheEngine.Call.TokenCarry.Bytes.empty() &&
+        NowMs() - TheEngine.Call.TokenCarry.At <= CarryLimitMs) {
+        line = TheEngine.Call.TokenCarry.Bytes;
     }
-    TheEngine.TokenCarry.Bytes.clear();
+    TheEngine.Call.TokenCarry.Bytes.clear();
     return line + read;
 }
 
@@ -34,15 +35,15 @@ bool ReadTokenLine(int16_t limitMs, std::string& line) {
     line.clear();
     if (*TheEngine.Line->TokenBuffer != '\0') {  // when nothing came, what is carried ages on
         const std::string unfinished = JoinCarried(TheEngine.Line->TokenBuffer);
-        TheEngine.TokenCarry.Bytes =
+        TheEngine.Call.TokenCarry.Bytes =
             unfinished.substr(unfinished.size() > CarryBytes ? unfinished.size() - CarryBytes : 0);
-        TheEngine.TokenCarry.At = NowMs();
+        TheEngine.Call.TokenCarry.At = NowMs();
     }
     return false;
 }
 
 void ForgetUnfinishedLine() {
-    TheEngine.TokenCarry.Bytes.clear();
+    TheEngine.Call.TokenCarry.Bytes.clear();
 }
 
 void SendToken(const WireToken& token) {

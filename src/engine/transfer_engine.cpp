@@ -57,23 +57,23 @@ uint32_t SenderLimitMs(LinkState state) {
 // its limit, with no hang-up under way yet. A session that has moved on to
 // another state since the last look has heard the far end's token.
 bool SenderLostFarEnd(LinkState state) {
-    if (state < LinkState::Connected || TheEngine.Session.HangUpTried.load()) {
+    if (state < LinkState::Connected || TheEngine.Call.Session.HangUpTried.load()) {
         return false;
     }
-    if (TheEngine.Session.FarEndSeenIn.exchange(state) != state) {
-        TheEngine.Session.FarEndSeenAt = NowMs();
+    if (TheEngine.Call.Session.FarEndSeenIn.exchange(state) != state) {
+        TheEngine.Call.Session.FarEndSeenAt = NowMs();
         return false;
     }
-    return NowMs() - TheEngine.Session.FarEndSeenAt.load() > SenderLimitMs(state);
+    return NowMs() - TheEngine.Call.Session.FarEndSeenAt.load() > SenderLimitMs(state);
 }
 
 // How long a pass that found nothing to do may wait for input.
 int WaitBound(LinkState state, bool sending) {
     if (sending) {
         int bound = state == LinkState::Transfer ? SendDisplayWaitMs : LongestWaitMs;
-        if (state >= LinkState::Connected && !TheEngine.Session.HangUpTried.load()) {
-            bound = std::min(
-                bound, MsUntilPast(TheEngine.Session.FarEndSeenAt.load(), SenderLimitMs(state)));
+        if (state >= LinkState::Connected && !TheEngine.Call.Session.HangUpTried.load()) {
+            bound = std::min(bound, MsUntilPast(TheEngine.Call.Session.FarEndSeenAt.load(),
+                                                SenderLimitMs(state)));
         }
         const std::optional<int> retry = MsUntilHangUpRetry();
         return retry && *retry < bound ? *retry : bound;
@@ -81,9 +81,9 @@ int WaitBound(LinkState state, bool sending) {
     switch (state) {
         case LinkState::Connected:
         case LinkState::Recovery:
-            return MsUntilPast(TheEngine.LastRxTime.load(), SilenceLimitMs);
+            return MsUntilPast(TheEngine.Call.LastRxTime.load(), SilenceLimitMs);
         case LinkState::Transfer:
-            return MsUntilPast(TheEngine.LastRxTime.load(), StallLimitMs);
+            return MsUntilPast(TheEngine.Call.LastRxTime.load(), StallLimitMs);
         default:
             return LongestWaitMs;
     }
@@ -94,10 +94,11 @@ int WaitBound(LinkState state, bool sending) {
 // follow at once.
 std::optional<int> PassWork() {
     const uint32_t waiting = TheEngine.Line->PortQueueCount(PortQueue::Input);
-    const LinkState state = TheEngine.LinkState.load();
-    const bool sending = TheEngine.Role.load() == Role::Sender;
+    const LinkState state = TheEngine.Call.LinkState.load();
+    const bool sending = TheEngine.Call.Role.load() == Role::Sender;
 
-    if (sending && state >= LinkState::Connected && TheEngine.Session.SendFault.exchange(false)) {
+    if (sending && state >= LinkState::Connected &&
+        TheEngine.Call.Session.SendFault.exchange(false)) {
         EndCall(CallEnd::Fault);
         return std::nullopt;
     }
@@ -111,7 +112,7 @@ std::optional<int> PassWork() {
     // A far end that brings no token within the limit is let go, also while
     // it keeps sending other bytes: a stream must not hold the line.
     if (!sending && (state == LinkState::Connected || state == LinkState::Recovery) &&
-        NowMs() - TheEngine.LastRxTime.load() > SilenceLimitMs) {
+        NowMs() - TheEngine.Call.LastRxTime.load() > SilenceLimitMs) {
         EndCall(CallEnd::Silence);
         return std::nullopt;
     }
@@ -129,7 +130,7 @@ std::optional<int> PassWork() {
             return std::nullopt;
         }
         if (state == LinkState::Transfer) {
-            if (waiting >= TheEngine.ExpectedBlock.load()) {
+            if (waiting >= TheEngine.Call.ExpectedBlock.load()) {
                 ReceiveBlock();
                 return std::nullopt;
             }
@@ -148,12 +149,12 @@ std::optional<int> PassWork() {
         }
         return WaitBound(state, sending);
     }
-    if (state == LinkState::Transfer && NowMs() - TheEngine.LastRxTime.load() > StallLimitMs) {
-        if (waiting != 0 && waiting < TheEngine.ExpectedBlock.load()) {
+    if (state == LinkState::Transfer && NowMs() - TheEngine.Call.LastRxTime.load() > StallLimitMs) {
+        if (waiting != 0 && waiting < TheEngine.Call.ExpectedBlock.load()) {
             EndStalledCall(waiting);
         } else {
             StallAbort(waiting);
-            TheEngine.LastRxTime = NowMs();
+            TheEngine.Call.LastRxTime = NowMs();
         }
         return std::nullopt;
     }
@@ -265,5 +266,5 @@ void StopCommThread() {
 }
 
 std::time_t TakeTransferStart() {
-    return TheEngine.TransferStartTime.exchange(0);
+    return TheEngine.Call.TransferStartTime.exchange(0);
 }

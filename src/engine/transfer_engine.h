@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "engine/call.h"
 #include "engine/engine_window.h"
 #include "engine/file_entry.h"
 #include "engine/link_state.h"
@@ -68,22 +69,10 @@ struct TransferEngine {
     // The installation the engine serves, given by EngineStartup. The record
     // holds it until the engine becomes an object that is made with it.
     Installation* Stores = nullptr;
-    // The type is named from outside, since the field bears its name.
-    std::atomic<::LinkState> LinkState{::LinkState::Idle};
-    // Held while the link moves to a state that the window's buttons show and
-    // the buttons follow (ShowLinkState).
-    std::mutex LinkShownLock;
-    // Which side of the session this end is; picks the token handler. The
-    // type is named from outside, as for LinkState.
-    std::atomic<::Role> Role{::Role::Receiver};
+    // The call in progress, or the idle link between calls.
+    ActiveCall Call;
     // The communications thread runs while this is set.
     std::atomic<bool> CommThreadRun{true};
-    // Block slot 0..15 inside the current section, on both sides.
-    std::atomic<int16_t> BlockIndex{0};
-    // The last sign of life of the far end that the receiving side counts.
-    std::atomic<uint32_t> LastRxTime{0};
-    // Wall clock seconds at the start of a transfer; 0 when none runs.
-    std::atomic<std::time_t> TransferStartTime{0};
 
     std::atomic<bool> FeederRun{false};
     std::atomic<ThreadHandle> FeederThread;
@@ -99,23 +88,15 @@ struct TransferEngine {
 
     std::atomic<bool> SendDisplayDirty{false};
     std::atomic<bool> ReceiveDisplayDirty{false};
-    // This call was placed to fetch files, not to send them.
-    std::atomic<bool> RetrievePending{false};
     // The send list came out of a pick-up folder.
     std::atomic<bool> PickupSend{false};
 
     // The files to send, entry 0 the file in hand, with their count and the
-    // wire bytes still to send. The type is named from outside, as for
-    // LinkState.
+    // wire bytes still to send. The type is named from outside, since the
+    // field bears its name.
     ::SendList SendList;
-    std::atomic<uint32_t> ReceiveCount{0};
-    std::atomic<int16_t> ReceiveListSize{0};
-    std::atomic<uint32_t> ReceiveRemaining{0};
-    // Bytes that must wait in the input queue before a block is taken.
-    std::atomic<uint16_t> ExpectedBlock{0};
 
     SessionHeader OutHeader;
-    SessionHeader InHeader;
     // The position of the section being received, ready to send; "FILERECOVR\r\n"
     // in front of the body at rest. It outlives the call.
     RecoveryMessage RecoveryRecord;
@@ -130,7 +111,7 @@ struct TransferEngine {
     // The line the engine works on, from SetEngineLine on: the port, and the
     // token buffer, which AT replies share with wire tokens. Every engine
     // thread reaches it here. It goes when the engine becomes an object that
-    // is handed its line. The type is named from outside, as for LinkState.
+    // is handed its line. The type is named from outside, as for SendList.
     ::Line* Line = nullptr;
 
     // The window that Display() (engine/display.h) reaches while it exists,
@@ -139,12 +120,8 @@ struct TransferEngine {
     std::atomic<EngineWindow*> Window{nullptr};
     NoWindow Windowless;
 
-    // The call in progress: the flags of its session, the handshake of its
-    // sending threads, and the end of a token line that the communications
-    // thread read before the line's end had come.
-    SessionFlags Session;
+    // The handshake of a send's threads.
     SessionThreads Threads;
-    CarriedLine TokenCarry;
 
     CommThreadMarks Marks;
     HotFolderClears Clears;

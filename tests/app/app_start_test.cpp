@@ -31,7 +31,7 @@ protected:
         previous_ = CurrentFolder().value_or("");
         ASSERT_TRUE(ChangeCurrentFolder(folder_.Path()));
         BlockPorts(folder_.Path());
-        TheEngine.LinkState = LinkState::Idle;
+        TheEngine.Call.LinkState = LinkState::Idle;
     }
     void TearDown() override { EXPECT_TRUE(ChangeCurrentFolder(previous_)); }
 

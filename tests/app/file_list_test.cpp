@@ -103,10 +103,10 @@ TEST_F(FileListTest, AFolderReplacesTheListAndTravelsOneLevelDeep) {
 TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
     // During a call, or beside the lists, a drop does nothing.
     const std::string file = MakeFile("file", 10);
-    TheEngine.LinkState = LinkState::Connected;
+    TheEngine.Call.LinkState = LinkState::Connected;
     Drop(IDC_FILE_LIST, {file});
     Drop(IDC_SEND, {file});
-    TheEngine.LinkState = LinkState::Idle;
+    TheEngine.Call.LinkState = LinkState::Idle;
     Drop(IDC_LOG, {file});
     Drop(0, {file});
     EXPECT_EQ(TheEngine.SendList.Count(), 0);
@@ -166,7 +166,7 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
     EXPECT_EQ(Messages().back(),
               "Could not find your ISDN TA.  Please check your cables\rand make sure the ISDN "
               "TA is powered on.");
-    EXPECT_EQ(TheEngine.LinkState.load(), LinkState::Idle);
+    EXPECT_EQ(TheEngine.Call.LinkState.load(), LinkState::Idle);
 }
 
 TEST_F(FileListTest, DeleteTakesTheClickedRowAndItsEntry) {

@@ -65,13 +65,13 @@ TEST_F(MainWindowTest, TheButtonsFollowTheLinkAndTheFileList) {
         SCOPED_TRACE("state " + std::to_string(static_cast<int>(row.Link)) + " count " +
                      std::to_string(row.Count) + " row " + std::to_string(row.Selected));
         // A selected row is what a click leaves behind.
-        TheEngine.LinkState = LinkState::Idle;
+        TheEngine.Call.LinkState = LinkState::Idle;
         TheEngine.SendList.Clear();
         for (int i = 0; i < row.Count; ++i) {
             ASSERT_TRUE(TheEngine.SendList.Add(FileEntry{}));
         }
         window_->Files().OnFileClick(row.Selected);
-        TheEngine.LinkState = row.Link;
+        TheEngine.Call.LinkState = row.Link;
         window_->UpdateActionButtons();
         EXPECT_EQ(Controls().Enabled(IDC_SEND), row.Send);
         EXPECT_EQ(Controls().Enabled(IDC_RETRIEVE), row.Retrieve);
@@ -90,7 +90,7 @@ TEST_F(MainWindowTest, TheButtonsFollowTheLinkAndTheFileList) {
     // The state a front end is told never runs ahead of the buttons: asked
     // while the end of a call is changing them, it comes once they show idle.
     TheEngine.SendList.Clear();
-    TheEngine.LinkState = LinkState::Connected;
+    TheEngine.Call.LinkState = LinkState::Connected;
     window_->UpdateActionButtons();
     std::atomic<bool> asked{false};
     std::thread asker;
@@ -468,7 +468,7 @@ TEST_F(MainWindowTest, TheElapsedTimeIsLoggedOncePerSession) {
     window_->Display().LogElapsedTime();
     const size_t lines = Observed().size();
     EXPECT_EQ(lines, 1u);  // nothing ran: no line
-    TheEngine.TransferStartTime = WallSeconds() - 3725;
+    TheEngine.Call.TransferStartTime = WallSeconds() - 3725;
     window_->Display().LogElapsedTime();
     window_->Display().LogElapsedTime();
     const std::vector<std::string> observed = Observed();
@@ -476,7 +476,7 @@ TEST_F(MainWindowTest, TheElapsedTimeIsLoggedOncePerSession) {
     // A second may pass between the two readings of the clock.
     EXPECT_TRUE(observed[1] == "Elapsed Time: 01:02:05" || observed[1] == "Elapsed Time: 01:02:06")
         << observed[1];
-    EXPECT_EQ(TheEngine.TransferStartTime.load(), 0);
+    EXPECT_EQ(TheEngine.Call.TransferStartTime.load(), 0);
 }
 
 TEST_F(MainWindowTest, TheIncomingListShowsTheWireSizesAndLosesItsTopRow) {
@@ -491,7 +491,7 @@ TEST_F(MainWindowTest, TheIncomingListShowsTheWireSizesAndLosesItsTopRow) {
     list[2].DisplayName.Set("tool.exe");
     list[2].EntryKind = FileKind::ProgramFile;
     list[2].TotalLength = 12;
-    TheEngine.ReceiveCount = 3;
+    TheEngine.Call.ReceiveCount = 3;
     window_->Files().ListIncomingFiles();
     std::vector<ListRow> rows = Controls().Rows(IDC_FILE_LIST);
     ASSERT_EQ(rows.size(), 3u);
@@ -502,7 +502,7 @@ TEST_F(MainWindowTest, TheIncomingListShowsTheWireSizesAndLosesItsTopRow) {
     EXPECT_EQ(rows[2].Image, KindNumber(FileKind::ProgramFile));
     window_->Files().RemoveTopFileRow();
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"report.txt", "tool.exe"}));
-    TheEngine.ReceiveCount = 0;
+    TheEngine.Call.ReceiveCount = 0;
 }
 
 }  // namespace

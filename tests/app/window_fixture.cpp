@@ -24,11 +24,11 @@ void WindowTest::TearDown() {
 void WindowTest::StartWindow() {
     // What one process does once: every test starts from the program's
     // first state.
-    TheEngine.LinkState = LinkState::Idle;
-    TheEngine.Role = Role::Receiver;
+    TheEngine.Call.LinkState = LinkState::Idle;
+    TheEngine.Call.Role = Role::Receiver;
     TheEngine.SendList.Clear();
-    TheEngine.ReceiveCount = 0;
-    TheEngine.TransferStartTime = 0;
+    TheEngine.Call.ReceiveCount = 0;
+    TheEngine.Call.TransferStartTime = 0;
     line_.reset();
     stores_ = std::make_unique<Installation>(folder_.Path());
     stores_->Load();

@@ -49,7 +49,7 @@ protected:
     static std::vector<std::string> ReceivedNames() {
         return Inspect([] {
             std::vector<std::string> names;
-            for (uint32_t i = 0; i < TheEngine.ReceiveCount.load(); ++i) {
+            for (uint32_t i = 0; i < TheEngine.Call.ReceiveCount.load(); ++i) {
                 names.emplace_back(TheEngine.ReceiveList[i].DisplayName.View());
             }
             return names;
@@ -99,7 +99,7 @@ TEST_F(AdmissionTest, FreeSpaceMustHoldTheLargerOfTheHeadersTotalAndTheEntries) 
         } else {
             EXPECT_EQ(Count("Not enough free space on volume."), refusals + 1);
             EXPECT_FALSE(PathExists(Incoming("one.txt")));
-            EXPECT_EQ(TheEngine.LinkState.load(), LinkState::Connected);
+            EXPECT_EQ(TheEngine.Call.LinkState.load(), LinkState::Connected);
         }
     }
     // Each list that was abandoned for the next left nothing behind.
@@ -140,7 +140,7 @@ TEST_F(AdmissionTest, ANameWithAllItsSuffixesTakenRefusesTheListAndMakesNothing)
     // said it was made.
     EXPECT_FALSE(PathExists(Incoming("Box")));
     EXPECT_FALSE(Logged("Created new folder: Box"));
-    EXPECT_EQ(TheEngine.LinkState.load(), LinkState::Connected);
+    EXPECT_EQ(TheEngine.Call.LinkState.load(), LinkState::Connected);
 }
 
 TEST_F(AdmissionTest, NamesTakenOnDiskOrByTheListGetSuffixesAndTheAnnouncedNameIsKept) {

@@ -67,15 +67,15 @@ void EngineHarness::TearDown() {
     EngineShutdown();
     line_.CommPortDestroy();
     SetFreeSpaceQuery(nullptr);
-    TheEngine.LinkState = LinkState::Idle;
-    TheEngine.Role = Role::Receiver;
+    TheEngine.Call.LinkState = LinkState::Idle;
+    TheEngine.Call.Role = Role::Receiver;
     TheEngine.SendList.Clear();
-    TheEngine.ReceiveCount = 0;
-    TheEngine.ReceiveListSize = 0;
-    TheEngine.RetrievePending = false;
+    TheEngine.Call.ReceiveCount = 0;
+    TheEngine.Call.ReceiveListSize = 0;
+    TheEngine.Call.RetrievePending = false;
     TheEngine.PickupSend = false;
-    TheEngine.BlockIndex = 0;
-    TheEngine.TransferStartTime = 0;
+    TheEngine.Call.BlockIndex = 0;
+    TheEngine.Call.TransferStartTime = 0;
     ShiftNowMsForTest(0);
 }
 
@@ -137,8 +137,8 @@ void EngineHarness::ConnectAsReceiver() {
 }
 
 void EngineHarness::ConnectAsCaller() {
-    TheEngine.Role = Role::Sender;
-    TheEngine.LinkState = LinkState::Dialing;
+    TheEngine.Call.Role = Role::Sender;
+    TheEngine.Call.LinkState = LinkState::Dialing;
     Send("\r\nCONNECT 115200\r\n");
     EXPECT_EQ(Take(8), "SYNCON\r\n");
     ASSERT_TRUE(WaitForState(LinkState::Connected));

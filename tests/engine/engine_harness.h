@@ -62,7 +62,7 @@ protected:
 
     // ---- The engine ----
     static bool WaitForState(LinkState state, int timeoutMs = 5000) {
-        return WaitUntil([state] { return TheEngine.LinkState.load() == state; }, timeoutMs);
+        return WaitUntil([state] { return TheEngine.Call.LinkState.load() == state; }, timeoutMs);
     }
     // Runs f with the port's read side in hand, so that the communications
     // thread is between two passes: what f reads of the engine's lists was

@@ -60,8 +60,8 @@ TEST_F(PickUpTest, TheHolderAnswersARequestForAnEmptyFolderAndStaysTheReceiver) 
     Send(Request("5555"));
     EXPECT_EQ(Take(13), "NOFILEAVAIL\r\n");
     EXPECT_TRUE(WaitForLog("No files to be retrieved."));
-    EXPECT_EQ(TheEngine.LinkState.load(), LinkState::Connected);
-    EXPECT_EQ(TheEngine.Role.load(), Role::Receiver);
+    EXPECT_EQ(TheEngine.Call.LinkState.load(), LinkState::Connected);
+    EXPECT_EQ(TheEngine.Call.Role.load(), Role::Receiver);
 }
 
 TEST_F(PickUpTest, AHotFolderGoesOutOnceItsTotalHasStoodStill) {
@@ -71,11 +71,11 @@ TEST_F(PickUpTest, AHotFolderGoesOutOnceItsTotalHasStoodStill) {
     // During a call nothing is looked at, and nothing goes out. The call is
     // as fresh as one just connected, so the running engine's silence limit
     // does not hang it up meanwhile.
-    TheEngine.LastRxTime = NowMs();
-    TheEngine.LinkState = LinkState::Connected;
+    TheEngine.Call.LastRxTime = NowMs();
+    TheEngine.Call.LinkState = LinkState::Connected;
     EXPECT_EQ(HotFolderDue(), std::nullopt);
     EXPECT_EQ(stores_.Directory[0].HotBytes, 16u);
-    TheEngine.LinkState = LinkState::Idle;
+    TheEngine.Call.LinkState = LinkState::Idle;
     // A call that rings in starts the count again.
     Send("\r\nRING\r\n");
     EXPECT_EQ(TakeUntil("\r", 3000), "ATA\r");

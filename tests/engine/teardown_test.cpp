@@ -41,12 +41,12 @@ protected:
             [] { return Inspect([] { return TheEngine.ReceiveList[0].NextBlock == 16; }); }));
         EndCall(CallEnd::Requested);
         EXPECT_EQ(Take(7), "ABORT\r\n");
-        EXPECT_EQ(TheEngine.LinkState.load(), LinkState::Connected);
+        EXPECT_EQ(TheEngine.Call.LinkState.load(), LinkState::Connected);
         std::thread again([] { EndCall(CallEnd::Requested); });
         EXPECT_EQ(AnswerCommand(), "AT");
         EXPECT_TRUE(AnswerProfile());
         again.join();
-        EXPECT_EQ(TheEngine.LinkState.load(), LinkState::Idle);
+        EXPECT_EQ(TheEngine.Call.LinkState.load(), LinkState::Idle);
         ASSERT_TRUE(PathExists(Incoming(file.Name + ".part")));
     }
 
@@ -105,7 +105,7 @@ TEST_F(CallEndTest, EachWayOfEndingLogsItsLinesAndLeavesTheLinkIdle) {
          {"Connected 115200", "Disconnected", rule, rule, profile}},
         {"the receiver hears the sender hang up",
          [this] {
-             TheEngine.RetrievePending = true;
+             TheEngine.Call.RetrievePending = true;
              ConnectAsReceiver();
              Send("\r\nNO CARRIER\r\n");
          },
@@ -123,8 +123,8 @@ TEST_F(CallEndTest, EachWayOfEndingLogsItsLinesAndLeavesTheLinkIdle) {
             std::vector<std::string>(log.end() - static_cast<long>(c.Lines.size()), log.end()),
             c.Lines);
         EXPECT_FALSE(FeederRunning());
-        EXPECT_EQ(TheEngine.Role.load(), Role::Receiver);
-        EXPECT_FALSE(TheEngine.RetrievePending.load());
+        EXPECT_EQ(TheEngine.Call.Role.load(), Role::Receiver);
+        EXPECT_FALSE(TheEngine.Call.RetrievePending.load());
         EXPECT_EQ(TheEngine.SendList.Count(), c.Total == 0 ? 0 : 1);
         EXPECT_EQ(Inspect([] { return uint32_t{TheEngine.SendList[0].BytesDone}; }), 0u);
         EXPECT_EQ(Inspect([] { return TheEngine.SendList[0].NextBlock; }), 0);
@@ -387,7 +387,7 @@ TEST_F(SenderTeardownTest, AFileThatCannotBeReadEndsTheCall) {
     EXPECT_TRUE(Logged("Cannot read file: gone.txt"));
     EXPECT_FALSE(FeederRunning());
     // Its time went untold; a later call's end must not tell it either.
-    EXPECT_EQ(TheEngine.TransferStartTime.load(), 0);
+    EXPECT_EQ(TheEngine.Call.TransferStartTime.load(), 0);
 }
 
 // An adapter that answers neither "+++" nor anything after it: the sending
@@ -408,7 +408,7 @@ TEST_F(SenderTeardownTest, AnUnansweredHangUpIsTriedTwiceMoreFiveSecondsApart) {
     ASSERT_TRUE(WaitUntil([this] { return Count("Hang-up failed.") == 3; }));
     // No fourth try; the call is still up as far as this end knows.
     EXPECT_FALSE(Comes("+++", 6000));
-    EXPECT_EQ(TheEngine.LinkState.load(), LinkState::Connected);
+    EXPECT_EQ(TheEngine.Call.LinkState.load(), LinkState::Connected);
     EXPECT_FALSE(Logged("Disconnected"));
 
     // When the line falls after all, the call ends as any other.

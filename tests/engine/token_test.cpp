@@ -40,7 +40,7 @@ TEST_F(ReceiverTokenTest, NoiseAndTwoTokensOnALineAreHeardAndInRecoveryOnlySendR
     // Neither the line's fall nor a new session moves it now.
     Send("\r\nNO CARRIER\r\nSYNCON\r\n");
     EXPECT_EQ(TakeFor(200), "");
-    EXPECT_EQ(TheEngine.LinkState.load(), LinkState::Recovery);
+    EXPECT_EQ(TheEngine.Call.LinkState.load(), LinkState::Recovery);
     // Behind noise on its line, SENDRECOVR is heard, and the section comes
     // again from its start.
     Send("xx SENDRECOVR\r\n" + peer::Stream(bytes));
@@ -55,7 +55,7 @@ TEST_F(SenderTokenTest, AnAcceptanceBehindNoiseStartsTheTransferAndAck1CountsAsA
     // Tokens that belong to no session in progress do nothing.
     Send("ACK4\r\nACK2\r\nCONTSEND\r\nACK3\r\n");
     EXPECT_EQ(TakeFor(200), "");
-    EXPECT_EQ(TheEngine.LinkState.load(), LinkState::Connected);
+    EXPECT_EQ(TheEngine.Call.LinkState.load(), LinkState::Connected);
 
     Send(std::string("junk\0 RCVCON\r\n", 14));
     const std::string offer = ListFor({{"a.bin", bytes}});
@@ -139,19 +139,20 @@ TEST_F(SenderTokenTest, ARefusedListIsNamedInTheLogAndTheCallHungUpAtOnce) {
 TEST_F(CallProgressTest, BusyNoCarrierAndNoDialtoneEndTheDialAndOtherLinesDoNot) {
     // Neither the far end's ringing nor a connection at a speed of no ISDN
     // call is the end of a dial.
-    TheEngine.LinkState = LinkState::Dialing;
+    TheEngine.Call.LinkState = LinkState::Dialing;
     Send("\r\nRINGING\r\n\r\nCONNECT 9600\r\n");
     EXPECT_EQ(TakeFor(300), "");
-    EXPECT_EQ(TheEngine.LinkState.load(), LinkState::Dialing);
+    EXPECT_EQ(TheEngine.Call.LinkState.load(), LinkState::Dialing);
     for (const char* code : {"BUSY", "NO CARRIER", "NO DIAL TONE", "NO DIALTONE"}) {
-        TheEngine.Role = Role::Sender;
-        TheEngine.RetrievePending = true;
-        TheEngine.LinkState = LinkState::Dialing;
+        TheEngine.Call.Role = Role::Sender;
+        TheEngine.Call.RetrievePending = true;
+        TheEngine.Call.LinkState = LinkState::Dialing;
         Send(std::string("\r\n") + code + "\r\n");
         EXPECT_EQ(AnswerCommand().substr(0, 4), "AT\\Q") << code;
         ASSERT_TRUE(WaitForState(LinkState::Idle)) << code;
         EXPECT_TRUE(WaitUntil([] {
-            return TheEngine.Role.load() != Role::Sender && !TheEngine.RetrievePending.load();
+            return TheEngine.Call.Role.load() != Role::Sender &&
+                   !TheEngine.Call.RetrievePending.load();
         })) << code;
     }
     for (const char* line : {"Busy", "Disconnected", "No Dialtone."}) {

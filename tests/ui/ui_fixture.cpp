@@ -91,7 +91,7 @@ void UiTest::SetUp() {
     BlockPorts(folder_.Path());
     // What one process does once: every test starts from the program's
     // first state.
-    TheEngine.LinkState = LinkState::Idle;
+    TheEngine.Call.LinkState = LinkState::Idle;
     answerer_ = std::make_unique<ModalAnswerer>();
     frontEnd_ = std::make_unique<FrontEnd>();
     frontEnd_->Start();
