@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/child_process.h"
@@ -92,3 +93,18 @@ std::unique_ptr<Station> WaitingStation(const std::string& folder);
 
 // A file compared whole, so that a failure does not print megabytes.
 void ExpectSameBytes(const std::string& path, const std::string& expected);
+
+// Runs the body for every case of a table at once, each on a thread of its
+// own with its own stations and adapters, and returns when all are done:
+// cases that spend their time waiting on the program's own limits wait side
+// by side rather than one after another. A failed ASSERT ends its case alone.
+template <typename Case, typename Body>
+void EachCaseAtOnce(const std::vector<Case>& cases, const Body& body) {
+    std::vector<std::thread> running;
+    for (const Case& c : cases) {
+        running.emplace_back([&body, &c] { body(c); });
+    }
+    for (std::thread& thread : running) {
+        thread.join();
+    }
+}
