@@ -7,8 +7,11 @@
 
 #include <sys/types.h>
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <string>
@@ -97,12 +100,19 @@ void ExpectSameBytes(const std::string& path, const std::string& expected);
 // Runs the body for every case of a table at once, each on a thread of its
 // own with its own stations and adapters, and returns when all are done:
 // cases that spend their time waiting on the program's own limits wait side
-// by side rather than one after another. A failed ASSERT ends its case alone.
+// by side rather than one after another. A failed ASSERT ends its case alone,
+// and so does an exception, which a thread could not pass on to the test.
 template <typename Case, typename Body>
 void EachCaseAtOnce(const std::vector<Case>& cases, const Body& body) {
     std::vector<std::thread> running;
     for (const Case& c : cases) {
-        running.emplace_back([&body, &c] { body(c); });
+        running.emplace_back([&body, &c] {
+            try {
+                body(c);
+            } catch (const std::exception& thrown) {
+                ADD_FAILURE() << thrown.what();
+            }
+        });
     }
     for (std::thread& thread : running) {
         thread.join();
