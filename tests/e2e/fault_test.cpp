@@ -105,7 +105,7 @@ TEST(FaultyLineTest, ACorruptedByteIsFoundAndItsSectionSentAgainUnlessItIsInTheU
          {"Packet byte error 1.", "Packet byte error 1."}},
         {"the unchecked tail", 2 * SectionData, {DataByte(start, 0, inTail)}, {}, inTail},
     };
-    for (const Case& c : cases) {
+    EachCaseAtOnce(cases, [](const Case& c) {
         SCOPED_TRACE(c.What);
         const std::string bytes = RandomBytes(c.Size, 11);
         std::vector<std::string> faults;
@@ -121,7 +121,7 @@ TEST(FaultyLineTest, ACorruptedByteIsFoundAndItsSectionSentAgainUnlessItIsInTheU
             expected[c.Unnoticed] = static_cast<char>(expected[c.Unnoticed] ^ 0x01);
         }
         ExpectSameBytes(line.IncomingPath("file.bin"), expected);
-    }
+    });
 }
 
 TEST(FaultyLineTest, ACallCutOffAnywhereLeavesWholeFilesOrAResumableOneAndTheResendCompletes) {
@@ -140,7 +140,7 @@ TEST(FaultyLineTest, ACallCutOffAnywhereLeavesWholeFilesOrAResumableOneAndTheRes
         {"at a section boundary", start + 5 * SectionOnLine, false, 5 * SectionData},
         {"in the second file", noteStart + 5000, true, 0},
     };
-    for (const Case& c : cases) {
+    EachCaseAtOnce(cases, [&](const Case& c) {
         SCOPED_TRACE(c.What);
         FaultyLine line({Drop(c.Offset)});
         line.Choose({{"big.bin", big}, {"note.txt", note}});
@@ -175,7 +175,7 @@ TEST(FaultyLineTest, ACallCutOffAnywhereLeavesWholeFilesOrAResumableOneAndTheRes
         EXPECT_FALSE(PathExists(line.IncomingPath("big.bin-A")));
         EXPECT_FALSE(PathExists(line.IncomingPath("note.txt-A")));
         EXPECT_FALSE(PathExists(line.IncomingPath(inProgress + ".part")));
-    }
+    });
 }
 
 // Bob's "Incoming Files" is a small volume of its own, far smaller than the
@@ -216,7 +216,7 @@ TEST(FaultyLineTest, AFarEndThatFallsSilentIsLetGoAndBothStationsCanBeCalledAgai
         {"silent in the middle of a file", "8000", "Sending File: ", "Receiving File: "},
     };
     const std::string note = RandomBytes(30000, 16);
-    for (const Case& c : cases) {
+    EachCaseAtOnce(cases, [&](const Case& c) {
         SCOPED_TRACE(c.What);
         FaultyLine line({}, c.Rate);
         line.Choose({{"note.txt", note}});
@@ -238,7 +238,7 @@ TEST(FaultyLineTest, AFarEndThatFallsSilentIsLetGoAndBothStationsCanBeCalledAgai
         line.SendThrough();
         ExpectSameBytes(line.IncomingPath("note.txt"), note);
         EXPECT_FALSE(PathExists(line.IncomingPath("note.txt-A")));
-    }
+    });
 }
 
 // Disconnect pressed in the middle of a call, on either side and in each
@@ -251,12 +251,12 @@ TEST(FaultyLineTest, DisconnectOnEitherSideEndsTheCallCleanly) {
         const char* State;  // the state the sender waits for before the press
         int Presses;
     };
-    const Case cases[] = {{"sender, the file going out", false, "transfer", 1},
-                          {"sender, awaiting the last ACK", false, "filesent", 1},
-                          {"receiver, once", true, "transfer", 1},
-                          {"receiver, twice", true, "transfer", 2}};
+    const std::vector<Case> cases = {{"sender, the file going out", false, "transfer", 1},
+                                     {"sender, awaiting the last ACK", false, "filesent", 1},
+                                     {"receiver, once", true, "transfer", 1},
+                                     {"receiver, twice", true, "transfer", 2}};
     const std::string note = RandomBytes(72000, 17);
-    for (const Case& c : cases) {
+    EachCaseAtOnce(cases, [&](const Case& c) {
         SCOPED_TRACE(c.What);
         FaultyLine line({}, "24000");
         line.Choose({{"note.txt", note}});
@@ -293,7 +293,7 @@ TEST(FaultyLineTest, DisconnectOnEitherSideEndsTheCallCleanly) {
             EXPECT_EQ(LinesHolding(line.Bob->LogLines(), {"Recovering File: "}),
                       std::vector<std::string>{"Recovering File: note.txt"});
         }
-    }
+    });
 }
 
 // Alice and Bob as on two computers, each adapter in a virtual-ta of its

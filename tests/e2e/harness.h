@@ -7,11 +7,15 @@
 
 #include <sys/types.h>
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/child_process.h"
@@ -92,3 +96,25 @@ std::unique_ptr<Station> WaitingStation(const std::string& folder);
 
 // A file compared whole, so that a failure does not print megabytes.
 void ExpectSameBytes(const std::string& path, const std::string& expected);
+
+// Runs the body for every case of a table at once, each on a thread of its
+// own with its own stations and adapters, and returns when all are done:
+// cases that spend their time waiting on the program's own limits wait side
+// by side rather than one after another. A failed ASSERT ends its case alone,
+// and so does an exception, which a thread could not pass on to the test.
+template <typename Case, typename Body>
+void EachCaseAtOnce(const std::vector<Case>& cases, const Body& body) {
+    std::vector<std::thread> running;
+    for (const Case& c : cases) {
+        running.emplace_back([&body, &c] {
+            try {
+                body(c);
+            } catch (const std::exception& thrown) {
+                ADD_FAILURE() << thrown.what();
+            }
+        });
+    }
+    for (std::thread& thread : running) {
+        thread.join();
+    }
+}

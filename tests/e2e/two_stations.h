@@ -41,8 +41,11 @@ public:
             Adapters =
                 std::make_unique<VirtualAdapters>(std::vector<std::string>{alice, bob}, options);
         }
-        Alice = WaitingStation(AlicePath);
+        // Bob first: Alice's start-up, a second long, gives his adapter time
+        // to take its incoming profile, so that her call rings him when he
+        // listens and he answers its first ring rather than its second.
         Bob = WaitingStation(BobPath);
+        Alice = WaitingStation(AlicePath);
         EXPECT_EQ(Alice->Command("name Bob"), "ok");
         EXPECT_EQ(Alice->Command("number 555-2002"), "ok");
         EXPECT_TRUE(CreateFolder(Root / "samples"));
