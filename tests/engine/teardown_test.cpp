@@ -152,6 +152,7 @@ TEST_F(ReceiverTeardownTest, AChangedFileOfTheSameNameIsANewFileAndTheOldPartGoe
 // cut back. A record that is not whole, or a part that fits it in no such
 // way, is no resume: the file comes whole, and the part stays as it stands.
 TEST_F(ReceiverTeardownTest, ARestartTakesUpOnlyAPartThatItsRecordVouchesFor) {
+    ShortenPauses();
     struct Case {
         const char* What;
         std::function<void(const std::string& part)> Change;
@@ -337,6 +338,7 @@ TEST_F(ReceiverTeardownTest, AStreamThatBringsNoTokenAfterAFailedSectionIsHungUp
 // A receiver that neither speaks nor takes data for as long as it would wait
 // itself is gone: the sender says so and ends the call, not before.
 TEST_F(SenderTeardownTest, AFarEndSilentForTheReceiversLimitsIsLetGo) {
+    ShortenPauses();
     struct Case {
         const char* What;
         std::function<void()> Bring;
@@ -430,6 +432,7 @@ TEST_F(SenderTeardownTest, AnUnansweredHangUpIsTriedTwiceMoreFiveSecondsApart) {
 // input thrown away when the feeder stopped: the adapter, in command mode
 // again, lets "+++" pass but answers "AT". The call is over, not stuck.
 TEST_F(SenderTeardownTest, AnEscapeLeftUnansweredByAnAdapterThatAnswersAtEndsTheCall) {
+    ShortenPauses();
     SendOneFileToTheLastAck();
     ASSERT_TRUE(Comes("+++"));
     EXPECT_EQ(AnswerCommand(), "AT");
