@@ -103,8 +103,8 @@ protected:
     std::string Incoming(const std::string& name) const {
         return stores_.Paths.IncomingPath + "/" + name;
     }
-    // Moves the engine's millisecond clock on at once, for the limits counted
-    // on it; back when the test ends.
+    // Moves the engine's millisecond clock and the line's interval clock on
+    // at once, for the limits counted on them; back when the test ends.
     void JumpClock(uint32_t ms);
     // Shortens the line's pauses, the escape's guard time above all, to at
     // most 200 ms, which leaves the hang-up's grace for output on its way as

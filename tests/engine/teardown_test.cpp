@@ -411,7 +411,10 @@ TEST_F(SenderTeardownTest, AnUnansweredHangUpIsTriedTwiceMoreFiveSecondsApart) {
         SCOPED_TRACE(failed);
         // Each try waits for the escape's answer and for an answer to "AT",
         // then 5 s before the next, counted from the end of its pass.
-        ASSERT_TRUE(WaitUntil([&] { return Count("Hang-up failed.") == failed; }, 8000));
+        JumpClock(3000);
+        ASSERT_TRUE(Comes("AT\r"));
+        JumpClock(2000);
+        ASSERT_TRUE(WaitUntil([&] { return Count("Hang-up failed.") == failed; }));
         Inspect([] {});
         JumpClock(3000);
         EXPECT_FALSE(Comes("+++", 1000));
@@ -437,6 +440,7 @@ TEST_F(SenderTeardownTest, AnEscapeLeftUnansweredByAnAdapterThatAnswersAtEndsThe
     ShortenPauses();
     SendOneFileToTheLastAck();
     ASSERT_TRUE(Comes("+++"));
+    JumpClock(3000);
     EXPECT_EQ(AnswerCommand(), "AT");
     EXPECT_TRUE(AnswerProfile());
     EXPECT_TRUE(WaitForState(LinkState::Idle));
