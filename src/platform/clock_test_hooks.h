@@ -7,9 +7,11 @@
 
 // Caps every later SleepMs at the given milliseconds. The fuzz targets use
 // it: their adapter answers at once and needs no guard time around an escape,
-// and a million inputs cannot each wait out the real one.
+// and a million inputs cannot each wait out the real one. So do the engine
+// tests whose adapter needs no guard time and that assert no pause.
 void CapPausesForTest(uint32_t milliseconds);
 
-// Moves every later NowMs stamp by the given amount, to see how stamps behave
-// across the 32-bit wrap.
+// Moves every later NowMs stamp, and the interval clocks' readings with it,
+// by the given amount: to see how stamps behave across the 32-bit wrap, and
+// so that an engine test crosses a time limit without waiting it out.
 void ShiftNowMsForTest(uint32_t offset);

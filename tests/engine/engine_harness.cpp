@@ -1,6 +1,7 @@
 #include "engine_harness.h"
 
 #include <chrono>
+#include <cstdint>
 #include <thread>
 
 #include "engine/engine_window.h"
@@ -77,12 +78,17 @@ void EngineHarness::TearDown() {
     TheEngine.Call.BlockIndex = 0;
     TheEngine.Call.TransferStartTime = 0;
     ShiftNowMsForTest(0);
+    CapPausesForTest(UINT32_MAX);
 }
 
 void EngineHarness::JumpClock(uint32_t ms) {
     clockJumped_ += ms;
     ShiftNowMsForTest(clockJumped_);
     line_.InterruptPortWait();
+}
+
+void EngineHarness::ShortenPauses() {
+    CapPausesForTest(200);
 }
 
 std::string EngineHarness::AnswerCommand(int timeoutMs) {

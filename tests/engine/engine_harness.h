@@ -103,9 +103,14 @@ protected:
     std::string Incoming(const std::string& name) const {
         return stores_.Paths.IncomingPath + "/" + name;
     }
-    // Moves the engine's millisecond clock on at once, for the limits on
-    // silence; back when the test ends.
+    // Moves the engine's millisecond clock and the line's interval clock on
+    // at once, for the limits counted on them; back when the test ends.
     void JumpClock(uint32_t ms);
+    // Shortens the line's pauses, the escape's guard time above all, to at
+    // most 200 ms, which leaves the hang-up's grace for output on its way as
+    // it is; back when the test ends. Only for a test whose adapter needs no
+    // guard time and that asserts no pause.
+    static void ShortenPauses();
 
     TempFolder root_;
     Installation stores_{root_.Path()};

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <functional>
 #include <string>
 #include <thread>
@@ -153,6 +152,7 @@ TEST_F(ReceiverTeardownTest, AChangedFileOfTheSameNameIsANewFileAndTheOldPartGoe
 // cut back. A record that is not whole, or a part that fits it in no such
 // way, is no resume: the file comes whole, and the part stays as it stands.
 TEST_F(ReceiverTeardownTest, ARestartTakesUpOnlyAPartThatItsRecordVouchesFor) {
+    ShortenPauses();
     struct Case {
         const char* What;
         std::function<void(const std::string& part)> Change;
@@ -270,8 +270,14 @@ TEST_F(ReceiverTeardownTest, AFullDiskIsSaidAndTheFileTakenUpOnceThereIsRoom) {
 
 TEST_F(ReceiverTeardownTest, FiveSecondsWithoutABlockAbortTheTransferAndTenOfSilenceTheCall) {
     OfferAsCaller({{"stall.bin", RandomBytes(8191, 1)}});
-    EXPECT_EQ(TakeFor(4900), "");           // not before the limit...
-    EXPECT_EQ(Take(7, 1000), "ABORT\r\n");  // ...but just after it
+    // Each limit counts from a stamp of the engine's last pass: once that
+    // pass has ended, the clock goes to just before the limit, and with the
+    // real wait and a second jump just past it.
+    Inspect([] {});
+    JumpClock(4000);
+    EXPECT_EQ(TakeFor(500), "");  // not before the limit...
+    JumpClock(501);
+    EXPECT_EQ(Take(7, 900), "ABORT\r\n");  // ...but just after it
     const std::vector<std::string> log = Log();
     const auto bytes = std::find(log.begin(), log.end(), "Bytes Read: 0");
     ASSERT_NE(bytes, log.end());
@@ -279,8 +285,11 @@ TEST_F(ReceiverTeardownTest, FiveSecondsWithoutABlockAbortTheTransferAndTenOfSil
     // In LinkState::Connected the far end has ten seconds to say something; then
     // the adapter is asked whether the call is still up: it is not.
     EXPECT_TRUE(WaitForState(LinkState::Connected));
-    EXPECT_EQ(TakeFor(9700), "");
-    EXPECT_EQ(AnswerCommand(1000), "AT");
+    Inspect([] {});
+    JumpClock(9000);
+    EXPECT_EQ(TakeFor(500), "");
+    JumpClock(501);
+    EXPECT_EQ(AnswerCommand(700), "AT");
     EXPECT_TRUE(AnswerProfile());
     EXPECT_TRUE(WaitForState(LinkState::Idle));
 }
@@ -331,6 +340,7 @@ TEST_F(ReceiverTeardownTest, AStreamThatBringsNoTokenAfterAFailedSectionIsHungUp
 // A receiver that neither speaks nor takes data for as long as it would wait
 // itself is gone: the sender says so and ends the call, not before.
 TEST_F(SenderTeardownTest, AFarEndSilentForTheReceiversLimitsIsLetGo) {
+    ShortenPauses();
     struct Case {
         const char* What;
         std::function<void()> Bring;
@@ -394,20 +404,25 @@ TEST_F(SenderTeardownTest, AFileThatCannotBeReadEndsTheCall) {
 // side, which has no watchdog, tries twice more, 5 s apart, and then leaves
 // the call to the line's fall or the user.
 TEST_F(SenderTeardownTest, AnUnansweredHangUpIsTriedTwiceMoreFiveSecondsApart) {
+    ShortenPauses();
     SendOneFileToTheLastAck();
-    std::vector<std::chrono::steady_clock::time_point> escapes;
-    for (int attempt = 0; attempt < 3; ++attempt) {
-        ASSERT_TRUE(Comes("+++", 12000)) << "attempt " << attempt;
-        escapes.push_back(std::chrono::steady_clock::now());
-    }
-    for (size_t i = 1; i < escapes.size(); ++i) {
+    ASSERT_TRUE(Comes("+++", 12000));
+    for (long failed = 1; failed <= 3; ++failed) {
+        SCOPED_TRACE(failed);
         // Each try waits for the escape's answer and for an answer to "AT",
-        // then 5 s before the next.
-        EXPECT_GE(escapes[i] - escapes[i - 1], std::chrono::milliseconds(5000));
+        // then 5 s before the next, counted from the end of its pass.
+        JumpClock(3000);
+        ASSERT_TRUE(Comes("AT\r"));
+        JumpClock(2000);
+        ASSERT_TRUE(WaitUntil([&] { return Count("Hang-up failed.") == failed; }));
+        Inspect([] {});
+        JumpClock(3000);
+        EXPECT_FALSE(Comes("+++", 1000));
+        JumpClock(1001);
+        // Two more tries; no fourth, and the call is still up as far as this
+        // end knows.
+        EXPECT_EQ(Comes("+++", 1000), failed < 3);
     }
-    ASSERT_TRUE(WaitUntil([this] { return Count("Hang-up failed.") == 3; }));
-    // No fourth try; the call is still up as far as this end knows.
-    EXPECT_FALSE(Comes("+++", 6000));
     EXPECT_EQ(TheEngine.Call.LinkState.load(), LinkState::Connected);
     EXPECT_FALSE(Logged("Disconnected"));
 
@@ -422,8 +437,10 @@ TEST_F(SenderTeardownTest, AnUnansweredHangUpIsTriedTwiceMoreFiveSecondsApart) {
 // input thrown away when the feeder stopped: the adapter, in command mode
 // again, lets "+++" pass but answers "AT". The call is over, not stuck.
 TEST_F(SenderTeardownTest, AnEscapeLeftUnansweredByAnAdapterThatAnswersAtEndsTheCall) {
+    ShortenPauses();
     SendOneFileToTheLastAck();
     ASSERT_TRUE(Comes("+++"));
+    JumpClock(3000);
     EXPECT_EQ(AnswerCommand(), "AT");
     EXPECT_TRUE(AnswerProfile());
     EXPECT_TRUE(WaitForState(LinkState::Idle));
