@@ -147,7 +147,7 @@ void HandleLineEvent() {
         }
     }
     for (const DialEnd& end : DialEnds) {
-        if (LineHolds(line, end.Text) || (!end.OrText.empty() && LineHolds(line, end.OrText))) {
+        if (LineHoldsEither(line, end.Text, end.OrText)) {
             EndCall(end.Reason);
         }
     }

@@ -5,7 +5,6 @@
 
 #include <string>
 
-#include "engine/call_end.h"
 #include "engine/display.h"
 #include "engine/resume_record.h"
 #include "engine/teardown.h"
@@ -78,10 +77,6 @@ void ApplyRecoveryAtSender() {
 void ConfirmRecovery() {
     SendToken(TokenSendRecovr);
     TheEngine.Call.LinkState = LinkState::Transfer;
-}
-
-void StallAbort(uint32_t waiting) {
-    EndCall(CallEnd::TransferStalled, std::to_string(waiting));
 }
 
 bool RecoveryBodySound(const RecoveryBody& body) {

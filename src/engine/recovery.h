@@ -19,8 +19,6 @@ void ApplyRecoveryAtReceiver();
 void ApplyRecoveryAtSender();
 // Sending side: SENDRECOVR, and the transfer goes on.
 void ConfirmRecovery();
-// Receiving side: nothing came for too long and the queue holds n bytes.
-void StallAbort(uint32_t waiting);
 
 // True if a body, as it came from the far end, describes a position inside a
 // data stream that the block counters can hold, so that the pipeline can

@@ -52,9 +52,7 @@ void SendToken(const WireToken& token) {
 
 void DispatchLine(std::string_view line, std::span<const TokenRow> rows) {
     for (const TokenRow& row : rows) {
-        const bool held =
-            LineHolds(line, row.Text) || (!row.OrText.empty() && LineHolds(line, row.OrText));
-        if (held && row.Handle() == Dispatch::Stop) {
+        if (LineHoldsEither(line, row.Text, row.OrText) && row.Handle() == Dispatch::Stop) {
             return;
         }
     }

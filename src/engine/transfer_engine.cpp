@@ -153,7 +153,7 @@ std::optional<int> PassWork() {
         if (waiting != 0 && waiting < TheEngine.Call.ExpectedBlock.load()) {
             EndStalledCall(waiting);
         } else {
-            StallAbort(waiting);
+            EndCall(CallEnd::TransferStalled, std::to_string(waiting));
             TheEngine.Call.LastRxTime = NowMs();
         }
         return std::nullopt;

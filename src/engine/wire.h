@@ -153,6 +153,12 @@ constexpr bool LineHolds(std::string_view line, std::string_view text) {
 constexpr bool LineHolds(std::string_view line, const WireToken& token) {
     return LineHolds(line, token.Text());
 }
+// True if the line holds the text, or the other text that counts the same
+// where there is one (an empty other text counts for nothing).
+constexpr bool LineHoldsEither(std::string_view line, std::string_view text,
+                               std::string_view orText) {
+    return LineHolds(line, text) || (!orText.empty() && LineHolds(line, orText));
+}
 
 // ---------------------------------------------------------------------------
 // Records
