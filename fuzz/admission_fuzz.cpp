@@ -29,24 +29,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (probe.FileCount <= static_cast<uint32_t>(ListCapacity)) {
         list.resize(size_t{probe.FileCount} * sizeof(WireFileEntry), '\0');
     }
-    TheEngine.Call.InHeader = RecordFromBytes<SessionHeader>(data);
-    TheEngine.SavedEntry = FileEntry{};
-    TheEngine.Call.LinkState = LinkState::Connected;
-    TheEngine.Call.Role = Role::Receiver;
+    SandboxEngine().Call.InHeader = RecordFromBytes<SessionHeader>(data);
+    SandboxEngine().SavedEntry = FileEntry{};
+    SandboxEngine().Call.LinkState = LinkState::Connected;
+    SandboxEngine().Call.Role = Role::Receiver;
     FeedPort(list);
-    const AdmitResult result = AdmitFileList();
+    const AdmitResult result = AdmitFileList(SandboxEngine());
     // An accepted list awaits its first file's data; a refused one, or one of
     // empty files only, leaves nothing to receive.
-    const bool awaiting = TheEngine.Call.LinkState.load() == LinkState::Transfer &&
-                          TheEngine.Call.ReceiveCount.load() > 0;
+    const bool awaiting = SandboxEngine().Call.LinkState.load() == LinkState::Transfer &&
+                          SandboxEngine().Call.ReceiveCount.load() > 0;
     if (awaiting != (result == AdmitAccepted || result == AdmitRecovered)) {
         std::abort();
     }
     // What a refusal leaves, and what the program answered, goes.
     DiscardPortInput();
     DrainPortOutput();
-    TheEngine.Call.ReceiveCount = 0;
-    TheEngine.Call.ReceiveListSize = 0;
+    SandboxEngine().Call.ReceiveCount = 0;
+    SandboxEngine().Call.ReceiveListSize = 0;
     CheckAndEmptySandbox();
     return 0;
 }

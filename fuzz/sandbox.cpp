@@ -28,9 +28,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// The window when there is none: it keeps the engine's own figures and
-// shows nothing.
-NoWindow Window;
 PseudoTerminal Terminal;
 std::string Base;  // the sandbox; the installation is base + "/inst"
 std::string Root;
@@ -40,6 +37,8 @@ std::set<std::string> Known;
 std::unique_ptr<Installation> Inst;
 // The engine's line, on the pseudo-terminal.
 std::unique_ptr<Line> PortLine;
+// The engine, with no window: its display calls show nothing.
+std::unique_ptr<TransferEngine> Engine;
 
 void Fail(const std::string& what) {
     std::fprintf(stderr, "sandbox: %s\n", what.c_str());
@@ -50,6 +49,10 @@ void Fail(const std::string& what) {
 
 Line& SandboxLine() {
     return *PortLine;
+}
+
+TransferEngine& SandboxEngine() {
+    return *Engine;
 }
 
 void SetUpSandbox() {
@@ -76,6 +79,7 @@ void SetUpSandbox() {
     fs::create_symlink(Terminal.SlavePath, Root + "/COM1");
     Inst = std::make_unique<Installation>(Root);
     PortLine = std::make_unique<Line>(*Inst);
+    Engine = std::make_unique<TransferEngine>();
     Inst->Log.SetSink([](const std::string&) {});
     if (!CreateFolder(Inst->Paths.IncomingPath)) {
         Fail("cannot make the incoming folder");
@@ -92,13 +96,12 @@ void SetUpSandbox() {
         Fail("the port does not open");
     }
     Inst->Prefs.AdapterModel = ModelBitSURFR;
-    SetEngineLine(*PortLine);
-    EngineStartup(*Inst);
-    TheEngine.Window = &Window;
+    SetEngineLine(*Engine, *PortLine);
+    EngineStartup(*Engine, *Inst);
     PortLine->AdapterFound = 1;
-    SetFreeSpaceQuery([] { return uint64_t{1} << 40; });
-    TheEngine.Call.Role = Role::Receiver;
-    TheEngine.Call.LinkState = LinkState::Connected;
+    SetFreeSpaceQuery(*Engine, [] { return uint64_t{1} << 40; });
+    Engine->Call.Role = Role::Receiver;
+    Engine->Call.LinkState = LinkState::Connected;
     for (const auto& item : fs::recursive_directory_iterator(Base)) {
         Known.insert(item.path().string());
     }

@@ -5,12 +5,15 @@
 #include <string>
 
 class Line;
+struct TransferEngine;
 
 // Sets up the engine once, in a fresh folder under the system's temporary
 // folder, with the port open and the link in LinkState::Connected as a receiver.
 void SetUpSandbox();
 // The engine's line, on the sandbox's pseudo-terminal.
 Line& SandboxLine();
+// The engine, made with the sandbox and kept to the end.
+TransferEngine& SandboxEngine();
 // Writes a file of the given bytes into the sandbox's "Outgoing" folder,
 // beside the installation, and returns its path. Such files count as the
 // sandbox's own for CheckAndEmptySandbox.

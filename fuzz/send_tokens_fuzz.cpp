@@ -83,7 +83,7 @@ void Require(bool holds, const char* what) {
 
 // The list as the window makes it when the files are dropped on it.
 void OfferTheFiles(bool withFolder) {
-    SendList& list = TheEngine.SendList;
+    SendList& list = SandboxEngine().SendList;
     list.Clear();
     if (withFolder) {
         FileEntry marker;
@@ -125,12 +125,12 @@ bool SourcesIntact() {
 
 // What is left of the list is its end, in order, and its top starts afresh.
 void CheckTheListLeft() {
-    const int16_t count = TheEngine.SendList.Count();
+    const int16_t count = SandboxEngine().SendList.Count();
     Require(count >= 0 && count <= static_cast<int16_t>(Sources().size()) + 1,
             "a list longer than the one offered");
     const auto& sources = Sources();
     for (int16_t i = 0; i < count; ++i) {
-        const FileEntry& entry = TheEngine.SendList[i];
+        const FileEntry& entry = SandboxEngine().SendList[i];
         if (entry.EntryKind == FileKind::FolderMarker) {
             Require(i == 0, "a folder marker below the top");
             continue;
@@ -139,7 +139,7 @@ void CheckTheListLeft() {
         Require(entry.DisplayName.View() == sources[source].Name, "a list out of its order");
     }
     if (count > 0) {
-        const FileEntry& top = TheEngine.SendList[0];
+        const FileEntry& top = SandboxEngine().SendList[0];
         Require(top.NextBlock == 0 && top.BlocksDone == 0 && top.BytesDone == 0,
                 "the file on top does not go back to its start");
     }
@@ -148,19 +148,19 @@ void CheckTheListLeft() {
 // The station hands over to its receiving side after a request to fetch
 // files; a list that comes then is admitted as any other.
 void Step() {
-    if (TheEngine.Call.Role.load() == Role::Sender) {
+    if (SandboxEngine().Call.Role.load() == Role::Sender) {
         // The files offered are there and readable: a fault in reading one
         // means the position went outside it.
-        Require(!TheEngine.Call.Session.SendFault.load(), "a file offered could not be read");
-        OnSenderInput();
+        Require(!SandboxEngine().Call.Session.SendFault.load(), "a file offered could not be read");
+        OnSenderInput(SandboxEngine());
     } else {
-        OnReceiverInput();
+        OnReceiverInput(SandboxEngine());
     }
 }
 
 bool CallUp() {
-    const LinkState state = TheEngine.Call.LinkState.load();
-    if (TheEngine.Call.Role.load() == Role::Sender) {
+    const LinkState state = SandboxEngine().Call.LinkState.load();
+    if (SandboxEngine().Call.Role.load() == Role::Sender) {
         return state >= LinkState::Connected;
     }
     // The receiving side's data is not this target's.
@@ -179,19 +179,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     OfferTheFiles((data[0] & 1) != 0);
     if ((data[0] & 2) != 0) {
         // A request to fetch files goes out instead of a list.
-        TheEngine.Call.RetrievePending = true;
-        TheEngine.SendList.Clear();
+        SandboxEngine().Call.RetrievePending = true;
+        SandboxEngine().SendList.Clear();
     }
-    TheEngine.Call.ReceiveCount = 0;
-    TheEngine.Call.ReceiveListSize = 0;
-    TheEngine.Call.Role = Role::Sender;
-    TheEngine.Call.LinkState = LinkState::Connected;
+    SandboxEngine().Call.ReceiveCount = 0;
+    SandboxEngine().Call.ReceiveListSize = 0;
+    SandboxEngine().Call.Role = Role::Sender;
+    SandboxEngine().Call.LinkState = LinkState::Connected;
 
     std::string input(reinterpret_cast<const char*>(data + 1), size - 1);
     input += "\r\n";
     // Enough for the body behind a resume or a repair, or, after a request to
     // fetch files, for the list that may come.
-    const size_t recordBytes = TheEngine.Call.RetrievePending.load()
+    const size_t recordBytes = SandboxEngine().Call.RetrievePending.load()
                                    ? sizeof(SessionHeader) + ListCapacity * sizeof(WireFileEntry)
                                    : sizeof(RecoveryBody);
     const std::string padding = std::string(recordBytes, '\0') + "\r\n";
@@ -201,41 +201,42 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                        SandboxLine().PortQueueCount(PortQueue::Input) > padding.size() && CallUp();
          ++step) {
         Step();
-        const LinkState state = TheEngine.Call.LinkState.load();
-        Require(TheEngine.Call.Role.load() != Role::Sender ||
+        const LinkState state = SandboxEngine().Call.LinkState.load();
+        Require(SandboxEngine().Call.Role.load() != Role::Sender ||
                     (state != LinkState::Transfer && state != LinkState::Recovery) ||
-                    !TheEngine.SendList.IsEmpty(),
+                    !SandboxEngine().SendList.IsEmpty(),
                 "a transfer with nothing in the list to send");
     }
 
     // The line falls, as the adapter reports it.
     DiscardPortInput();
-    if (TheEngine.Call.Role.load() == Role::Sender &&
-        TheEngine.Call.LinkState.load() >= LinkState::Connected) {
+    if (SandboxEngine().Call.Role.load() == Role::Sender &&
+        SandboxEngine().Call.LinkState.load() >= LinkState::Connected) {
         FeedPort("NO CARRIER\r\n");
         // An answer of the adapter to a command-like run of bytes in the data
         // may still have been on its way, and come first.
-        for (int line = 0; line < 4 && TheEngine.Call.LinkState.load() >= LinkState::Connected &&
-                           SandboxLine().PortQueueCount(PortQueue::Input) > 0;
+        for (int line = 0;
+             line < 4 && SandboxEngine().Call.LinkState.load() >= LinkState::Connected &&
+             SandboxLine().PortQueueCount(PortQueue::Input) > 0;
              ++line) {
-            OnSenderInput();
+            OnSenderInput(SandboxEngine());
         }
-        Require(TheEngine.Call.LinkState.load() == LinkState::Idle,
+        Require(SandboxEngine().Call.LinkState.load() == LinkState::Idle,
                 "the line's fall leaves the call up");
-    } else if (TheEngine.Call.LinkState.load() >= LinkState::Connected) {
-        EndOfCallCleanup();
-        TheEngine.Call.LinkState = LinkState::Idle;
+    } else if (SandboxEngine().Call.LinkState.load() >= LinkState::Connected) {
+        EndOfCallCleanup(SandboxEngine());
+        SandboxEngine().Call.LinkState = LinkState::Idle;
     }
-    EndRecoveryCandidacy();
-    ForgetUnfinishedLine();
-    ClearSessionFlags();
+    EndRecoveryCandidacy(SandboxEngine());
+    ForgetUnfinishedLine(SandboxEngine());
+    ClearSessionFlags(SandboxEngine());
 
-    Require(!FeederRunning(), "a feeder runs after the call");
+    Require(!FeederRunning(SandboxEngine()), "a feeder runs after the call");
     Require(SourcesIntact(), "a file offered was changed");
     CheckTheListLeft();
-    TheEngine.Call.RetrievePending = false;
-    TheEngine.Call.Role = Role::Receiver;
-    TheEngine.Call.LinkState = LinkState::Connected;
+    SandboxEngine().Call.RetrievePending = false;
+    SandboxEngine().Call.Role = Role::Receiver;
+    SandboxEngine().Call.LinkState = LinkState::Connected;
     DiscardPortInput();
     CheckAndEmptySandbox();
     return 0;

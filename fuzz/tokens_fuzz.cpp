@@ -41,7 +41,7 @@ constexpr int StepLimit = 64;
 // A file of two sections, the first of which had arrived when the former
 // call fell.
 void LeaveAResumableFile() {
-    const std::string path = Stores().Paths.IncomingPath + "/resume.bin";
+    const std::string path = SandboxEngine().Stores().Paths.IncomingPath + "/resume.bin";
     const std::string bytes(SectionFileOffset(BlocksPerSection), 'r');
     File file;
     if (!file.Open(path, File::Mode::CreateReadWrite) ||
@@ -49,7 +49,7 @@ void LeaveAResumableFile() {
         std::abort();
     }
     file.Close();
-    FileEntry& entry = TheEngine.ReceiveList[0];
+    FileEntry& entry = SandboxEngine().ReceiveList[0];
     entry = FileEntry{};
     entry.WireName.Set("resume.bin");
     entry.DisplayName.Set("resume.bin");
@@ -58,10 +58,10 @@ void LeaveAResumableFile() {
     entry.NextBlock = static_cast<int16_t>(BlocksPerSection);
     entry.BlocksDone = entry.NextBlock;
     entry.BytesDone = SectionWireBytes;
-    TheEngine.Call.ExpectedBlock = BlockBytes;
-    TheEngine.Call.ReceiveRemaining = SectionWireBytes;
-    SnapshotSection();
-    TheEngine.ReceiveList[0] = FileEntry{};
+    SandboxEngine().Call.ExpectedBlock = BlockBytes;
+    SandboxEngine().Call.ReceiveRemaining = SectionWireBytes;
+    SnapshotSection(SandboxEngine());
+    SandboxEngine().ReceiveList[0] = FileEntry{};
 }
 
 }  // namespace
@@ -71,12 +71,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     StartInstantAdapter();
     SandboxLine().AdapterFound = 0;  // no profile goes out after a call; nothing would answer it
     LeaveAResumableFile();
-    TheEngine.Call.Role = Role::Receiver;
-    TheEngine.Call.ReceiveCount = 0;
-    TheEngine.Call.ReceiveListSize = 0;
-    TheEngine.Call.RetrievePending = false;
-    TheEngine.Call.LastRxTime = NowMs();
-    TheEngine.Call.LinkState = LinkState::Connected;
+    SandboxEngine().Call.Role = Role::Receiver;
+    SandboxEngine().Call.ReceiveCount = 0;
+    SandboxEngine().Call.ReceiveListSize = 0;
+    SandboxEngine().Call.RetrievePending = false;
+    SandboxEngine().Call.LastRxTime = NowMs();
+    SandboxEngine().Call.LinkState = LinkState::Connected;
 
     std::string input(reinterpret_cast<const char*>(data), size);
     input += "\r\n";
@@ -89,21 +89,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (int step = 0;
          step < StepLimit && SandboxLine().PortQueueCount(PortQueue::Input) > padding.size();
          ++step) {
-        const LinkState state = TheEngine.Call.LinkState.load();
+        const LinkState state = SandboxEngine().Call.LinkState.load();
         if (state != LinkState::Connected && state != LinkState::Recovery) {
             break;  // the call has ended, or the data of a file has begun
         }
-        OnReceiverInput();
+        OnReceiverInput(SandboxEngine());
     }
 
     // The call falls here, whatever its state: what is incomplete goes.
-    if (TheEngine.Call.LinkState.load() >= LinkState::Connected) {
-        EndOfCallCleanup();
+    if (SandboxEngine().Call.LinkState.load() >= LinkState::Connected) {
+        EndOfCallCleanup(SandboxEngine());
     }
-    EndRecoveryCandidacy();
-    ForgetUnfinishedLine();
-    ClearSessionFlags();
-    TheEngine.Call.LinkState = LinkState::Connected;
+    EndRecoveryCandidacy(SandboxEngine());
+    ForgetUnfinishedLine(SandboxEngine());
+    ClearSessionFlags(SandboxEngine());
+    SandboxEngine().Call.LinkState = LinkState::Connected;
     DiscardPortInput();
     CheckAndEmptySandbox();
     return 0;

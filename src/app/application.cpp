@@ -35,6 +35,14 @@ std::string ManualFolderBelow(const std::string& root) {
     return page.substr(0, page.rfind('/'));
 }
 
+TransferApp::TransferApp() : engine_(std::make_unique<TransferEngine>()) {}
+
+TransferApp::~TransferApp() = default;
+
+std::string TransferApp::LinkStateName() const {
+    return MainWindow::LinkStateName(*engine_);
+}
+
 bool TransferApp::InitInstance() {
     const std::optional<std::string> current = CurrentFolder();
     if (!current) {
@@ -48,7 +56,7 @@ bool TransferApp::InitInstance() {
     // reaches the layers below it, and handed to the window and, through it,
     // to the engine; it goes after every thread that used it has ended.
     Line line(stores);
-    MainWindow window(stores, line);
+    MainWindow window(stores, line, *engine_);
     if (PrepareWindow) {
         PrepareWindow(window);
     }
@@ -68,7 +76,7 @@ bool TransferApp::InitInstance() {
     line.CommPortClose();
     line.CommPortDestroy();
     if (window.EngineStarted()) {
-        EngineShutdown();
+        EngineShutdown(*engine_);
     }
     stores.Log.Free();
     return false;

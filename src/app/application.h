@@ -19,6 +19,14 @@ using WindowHandle = std::shared_ptr<const std::atomic<MainWindow*>>;
 
 class TransferApp {
 public:
+    // The engine is made with the program and lives as long as it: a front
+    // end's thread may ask the link's state at any moment, before the window
+    // has started and after it has gone.
+    TransferApp();
+    ~TransferApp();
+    TransferApp(const TransferApp&) = delete;
+    TransferApp& operator=(const TransferApp&) = delete;
+
     // What the front end does with the window before it starts, such as
     // installing its observers. Runs on the main thread.
     std::function<void(MainWindow& window)> PrepareWindow;
@@ -32,7 +40,16 @@ public:
     // The window of this program, for work on the main loop's thread.
     [[nodiscard]] WindowHandle Window() const { return window_; }
 
+    // The engine of this program, which a front end names but does not see
+    // into.
+    [[nodiscard]] TransferEngine& Engine() const { return *engine_; }
+
+    // The state of the link, by name: one of MainWindow::LinkStateNames().
+    // Any thread may ask, at any time.
+    [[nodiscard]] std::string LinkStateName() const;
+
 private:
+    std::unique_ptr<TransferEngine> engine_;
     std::shared_ptr<std::atomic<MainWindow*>> window_ =
         std::make_shared<std::atomic<MainWindow*>>(nullptr);
 };

@@ -259,7 +259,7 @@ void DirectoryPanel::ShowCorrespondent(int16_t index) {
     std::optional<int16_t> files;
     if (record.HasPickUp != 0) {
         uint32_t bytes = 0;
-        files = ScanPickUpFolder(index, bytes);
+        files = ScanPickUpFolder(window_.Engine(), index, bytes);
         if (!files) {
             // The folder has gone; the record has none from now on.
             record.HasPickUp = 0;
@@ -280,7 +280,7 @@ void DirectoryPanel::ShowCorrespondent(int16_t index) {
         controls.Show(IDC_HOT_RETRIEVE, true);
         controls.Check(IDC_HOT_SEND, hot);
         controls.Check(IDC_HOT_RETRIEVE, !hot);
-        EnsureSentFilesFolder(index);
+        EnsureSentFilesFolder(window_.Engine(), index);
     }
     window_.UpdateActionButtons();
 }
@@ -558,7 +558,7 @@ void DirectoryPanel::OnCreatePickUpFolder() {
     }
     CreatePickUpFolder(current);
     // The rest happens whether the folder was made or not.
-    EnsureSentFilesFolder(current);
+    EnsureSentFilesFolder(window_.Engine(), current);
     Controls().Show(IDC_HOT_SEND, true);
     Controls().Show(IDC_HOT_RETRIEVE, true);
     SelectRetrieveMode();

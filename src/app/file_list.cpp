@@ -92,7 +92,7 @@ EventOutcome FileListPanel::OnSelection(int id, int row) {
 }
 
 bool FileListPanel::HasFiles() const {
-    return !TheEngine.SendList.IsEmpty();
+    return !window_.Engine().SendList.IsEmpty();
 }
 
 void FileListPanel::ShowPermissions(const Permissions& may) {
@@ -114,7 +114,7 @@ void FileListPanel::OnFileAdd() {
 }
 
 bool FileListPanel::AddFileToList(const std::string& path, const std::string& name) {
-    SendList& list = TheEngine.SendList;
+    SendList& list = window_.Engine().SendList;
     const int16_t count = list.Count();
     // SendList has ListCapacity slots and the wire list no more; an entry
     // beyond them is refused, and the user is told in the log.
@@ -178,7 +178,7 @@ void FileListPanel::AddFolderToSendList(const std::string& path, const std::stri
     marker.CreatorCode = DefaultCreatorCode;
     marker.TypeCode = DefaultTypeCode;
     Controls().InsertRow(IDC_FILE_LIST, 0, ListRow{shown, "", KindNumber(FileKind::FolderMarker)});
-    TheEngine.SendList.StartFolder(marker);
+    window_.Engine().SendList.StartFolder(marker);
 
     // The folder is read by its full path, so the process's current folder
     // never changes. A folder that cannot be read leaves the marker alone.
@@ -197,7 +197,7 @@ void FileListPanel::AddFolderToSendList(const std::string& path, const std::stri
     }
     const std::string base = folder == "/" ? folder : folder + "/";
     for (size_t i = 0; i < files.size(); ++i) {
-        if (TheEngine.SendList.IsFull()) {
+        if (window_.Engine().SendList.IsFull()) {
             stores_.Log.Add("File list is full: " + std::to_string(files.size() - i) +
                             " files of " + name + " were not added.");
             break;
@@ -212,7 +212,7 @@ void FileListPanel::ClearFileList() {
     controls.ClearRows(IDC_FILE_LIST);
     controls.Enable(IDC_FILE_DELETE, false);
     controls.Enable(IDC_FILE_CLEAR, false);
-    TheEngine.SendList.Clear();
+    window_.Engine().SendList.Clear();
     selectedFileRow_.store(-1);
     window_.UpdateActionButtons();
     window_.Display().ShowBatchEstimate(0);
@@ -228,17 +228,17 @@ void FileListPanel::OnFileDelete() {
         return;
     }
     // A row without an entry behind it leaves the list as it is.
-    TheEngine.SendList.Remove(row);
+    window_.Engine().SendList.Remove(row);
     Controls().DeleteRow(IDC_FILE_LIST, row);
     selectedFileRow_.store(-1);
     window_.UpdateActionButtons();
-    window_.Display().ShowBatchEstimate(TheEngine.SendList.Remaining());
+    window_.Display().ShowBatchEstimate(window_.Engine().SendList.Remaining());
 }
 
 void FileListPanel::OnFileClick(int row) {
     selectedFileRow_.store(static_cast<int16_t>(row < 0 ? -1 : row));
     Controls().Select(IDC_FILE_LIST, row);
-    if (TheEngine.Call.LinkState.load() == LinkState::Idle) {
+    if (window_.Engine().Call.LinkState.load() == LinkState::Idle) {
         Controls().Enable(IDC_FILE_DELETE, row >= 0);
     }
 }
@@ -286,9 +286,10 @@ void FileListPanel::OnDropFiles(const std::vector<std::string>& paths) {
 }
 
 void FileListPanel::ListIncomingFiles() {
-    const uint32_t count = std::min<uint32_t>(TheEngine.Call.ReceiveCount.load(), ListCapacity);
+    const uint32_t count =
+        std::min<uint32_t>(window_.Engine().Call.ReceiveCount.load(), ListCapacity);
     for (uint32_t i = 0; i < count; ++i) {
-        const FileEntry& entry = TheEngine.ReceiveList[i];
+        const FileEntry& entry = window_.Engine().ReceiveList[i];
         // The size here includes the checksum bytes of the wire.
         const std::string size =
             entry.EntryKind == FileKind::FolderMarker ? "" : std::to_string(entry.TotalLength);

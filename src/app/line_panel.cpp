@@ -30,10 +30,10 @@ EventOutcome LinePanel::OnButton(int id) {
             OnSend();
             return {};
         case IDC_RETRIEVE:
-            OnRetrieveClicked(ChosenCall());
+            OnRetrieveClicked(window_.Engine(), ChosenCall());
             return {};
         case IDC_DISCONNECT:
-            EndCall(CallEnd::Requested);
+            EndCall(window_.Engine(), CallEnd::Requested);
             return {};
         default:
             return WindowPanel::OnButton(id);
@@ -54,7 +54,7 @@ EventOutcome LinePanel::OnBoxClicked(int id, bool /*checked*/) {
 }
 
 void LinePanel::OnSend() {
-    OnSendClicked(ChosenCall());
+    OnSendClicked(window_.Engine(), ChosenCall());
 }
 
 void LinePanel::ShowCallPermissions(const Permissions& may) {

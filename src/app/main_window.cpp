@@ -183,9 +183,10 @@ private:
     MainWindow& window_;
 };
 
-MainWindow::MainWindow(Installation& stores, ::Line& line)
+MainWindow::MainWindow(Installation& stores, ::Line& line, TransferEngine& engine)
     : stores_(stores),
       adapterLine_(line),
+      engine_(engine),
       directory_(*this, stores),
       files_(*this, stores),
       display_(*this, stores),
@@ -198,7 +199,7 @@ MainWindow::~MainWindow() {
     if (initialised_) {
         stores_.Log.SetSink(nullptr);
         MainLoop().SetTimerHandler(nullptr);
-        SetEngineWindow(nullptr);
+        SetEngineWindow(engine_, nullptr);
     }
 }
 
@@ -213,8 +214,8 @@ const std::vector<std::string>& MainWindow::LinkStateNames() {
     return Names;
 }
 
-std::string MainWindow::LinkStateName() {
-    const int state = static_cast<int>(LinkStateAsShown());
+std::string MainWindow::LinkStateName(TransferEngine& engine) {
+    const int state = static_cast<int>(LinkStateAsShown(engine));
     const std::vector<std::string>& names = LinkStateNames();
     return state >= 0 && state < static_cast<int>(names.size()) ? names[static_cast<size_t>(state)]
                                                                 : "unknown";
@@ -261,12 +262,12 @@ void MainWindow::CreateControls() {
 }
 
 bool MainWindow::OnInitDialog() {
-    SetEngineWindow(engineDisplay_.get());
+    SetEngineWindow(engine_, engineDisplay_.get());
     initialised_ = true;
     CreateControls();
     MainLoop().SetTimerHandler([this](int id) { OnTimer(id); });
 
-    SetEngineLine(adapterLine_);
+    SetEngineLine(engine_, adapterLine_);
     if (!adapterLine_.CommPortCreate()) {
         // Nothing runs in this state; the log list still takes what is logged.
         stores_.Log.SetSink([this](const std::string& line) { log_.AddLogLine(line); });
@@ -275,15 +276,15 @@ bool MainWindow::OnInitDialog() {
         startOver_ = true;
         return false;
     }
-    EngineStartup(stores_);
+    EngineStartup(engine_, stores_);
     engineStarted_ = true;
     log_.FillLogList();
     // Lines logged before the window existed follow the stored ones.
     stores_.Log.SetSink([this](const std::string& line) { log_.AddLogLine(line); });
     directory_.FillDirectoryList();
-    ClearHotFolderCounters();
+    ClearHotFolderCounters(engine_);
     log_.LogStartStop(true);
-    commThread_ = StartCommThread();
+    commThread_ = StartCommThread(engine_);
     commThreadStarted_ = commThread_ != nullptr;
     MainLoop().SetTimer(TimerSplashOpen, 1);
     return true;
@@ -333,7 +334,7 @@ void MainWindow::EndDialog() {
 }
 
 void MainWindow::StopEngineThreads() {
-    StopCommThread();
+    StopCommThread(engine_);
     if (!commThreadStarted_) {
         return;
     }
@@ -343,7 +344,7 @@ void MainWindow::StopEngineThreads() {
     JoinThread(commThread_);
     // A send under way ends with its feeder and writer, a block on its way
     // cut off.
-    StopFeeder();
+    StopFeeder(engine_);
 }
 
 void MainWindow::PrepareExit() {
@@ -358,7 +359,7 @@ void MainWindow::PrepareExit() {
     if (engineStarted_) {
         // Files that can no longer be finished do not stay behind; the one
         // kept for a resume stays, and the next start takes it up.
-        DiscardUnfinishedFiles();
+        DiscardUnfinishedFiles(engine_);
     }
     if (adapterLine_.AdapterFound.load() != 0) {
         adapterLine_.SendClosingCommand();
@@ -410,14 +411,14 @@ void MainWindow::ShowPortSpeed() {
 }
 
 void MainWindow::SendDueHotFolder() {
-    const std::optional<int16_t> due = HotFolderDue();
+    const std::optional<int16_t> due = HotFolderDue(engine_);
     if (!due) {
         return;
     }
-    LoadPickUpFolder(*due);
+    LoadPickUpFolder(engine_, *due);
     // The panel shows the record, and the call goes out as the panel sets it.
     directory_.SelectCorrespondent(*due);
-    SendHotFolder(ChosenCall());
+    SendHotFolder(engine_, ChosenCall());
 }
 
 // ---------------------------------------------------------------------------
@@ -450,7 +451,7 @@ void MainWindow::OnAboutOk() {
 // What the user may do
 
 Permissions MainWindow::WhatTheUserMay() const {
-    const bool linkUp = TheEngine.Call.LinkState.load() > LinkState::Idle;
+    const bool linkUp = engine_.Call.LinkState.load() > LinkState::Idle;
     const bool haveFiles = files_.HasFiles();
     Permissions may;
     // With files in the list a call sends them; with an empty list the only
@@ -503,7 +504,7 @@ EventOutcome MainWindow::HandleEvent(const WindowEvent& event) {
         case Kind::FilesDropped:
             // The file list and Send take nothing while a call is up.
             if ((event.Id == IDC_FILE_LIST || event.Id == IDC_SEND) &&
-                TheEngine.Call.LinkState.load() != LinkState::Idle) {
+                engine_.Call.LinkState.load() != LinkState::Idle) {
                 return Refused("the file list is shut during a call");
             }
             OnDropFiles(event.Id, event.Paths);
@@ -574,7 +575,7 @@ EventOutcome MainWindow::OnBoxClicked(WindowPanel& panel, int id, bool checked) 
 
 void MainWindow::OnDropFiles(int targetId, const std::vector<std::string>& paths) {
     const bool onList = targetId == IDC_FILE_LIST || targetId == IDC_SEND;
-    if (onList && TheEngine.Call.LinkState.load() == LinkState::Idle) {
+    if (onList && engine_.Call.LinkState.load() == LinkState::Idle) {
         files_.OnDropFiles(paths);
         // One drop on Send fills the list and starts the call.
         if (targetId == IDC_SEND) {

@@ -3,7 +3,7 @@
 // MainWindow keeps the state of every control in the control model
 // (Controls()), and its panels do the work of the controls, each of its own
 // (window_panel.h). The engine's threads call the panels' display operations
-// directly, through TheEngine.Window, from whatever thread they run on; none of
+// directly, through the engine's Window, from whatever thread they run on; none of
 // them waits for another thread. A front end (the station program, or a
 // drawn window) shows the model and hands the user's actions to HandleEvent
 // on the main loop's thread; nothing here depends on which front end, if
@@ -37,6 +37,9 @@
 // The line to the adapter (line/line.h), which the window is handed; a front
 // end sees no more of it than its name.
 class Line;
+// The transfer engine (engine/transfer_engine.h), which the window is handed
+// and starts; a front end sees no more of it than its name.
+struct TransferEngine;
 
 // The window itself, kept in the control model beside its controls: its text
 // is the caption.
@@ -116,8 +119,8 @@ class Installation;
 class MainWindow {
 public:
     // The window keeps and shows the stores of this installation, and works
-    // on the line it is given; both outlive it.
-    explicit MainWindow(Installation& stores, ::Line& line);
+    // on the line and the engine it is given; all three outlive it.
+    MainWindow(Installation& stores, ::Line& line, TransferEngine& engine);
     ~MainWindow();
     MainWindow(const MainWindow&) = delete;
     MainWindow& operator=(const MainWindow&) = delete;
@@ -133,7 +136,7 @@ public:
     // The state of the link, by name: one of LinkStateNames(), in the order
     // of the link's states from "idle" to "recovery".
     static const std::vector<std::string>& LinkStateNames();
-    static std::string LinkStateName();
+    static std::string LinkStateName(TransferEngine& engine);
 
     // ---- The panels ----
 
@@ -150,6 +153,8 @@ public:
 
     // The line to the adapter, for the panels.
     ::Line& AdapterLine() { return adapterLine_; }
+    // The engine the window starts and shows, for the panels.
+    TransferEngine& Engine() { return engine_; }
 
     // ---- Start and stop ----
 
@@ -213,6 +218,7 @@ private:
     void EndDialog();
 
     ::Line& adapterLine_;
+    TransferEngine& engine_;
 
     DirectoryPanel directory_;
     FileListPanel files_;
@@ -225,7 +231,7 @@ private:
     // is the one that stays on the buttons.
     std::mutex buttonsLock_;
 
-    // What the engine's threads call; TheEngine.Window points at it while the
+    // What the engine's threads call; the engine's Window points at it while the
     // window exists.
     std::unique_ptr<EngineDisplay> engineDisplay_;
 

@@ -70,7 +70,7 @@ void TransferDisplay::ShowBatchEstimate(uint32_t bytes) {
 }
 
 void TransferDisplay::RecomputeSendTotal() {
-    ShowBatchEstimate(TheEngine.SendList.RecomputeTotal());
+    ShowBatchEstimate(window_.Engine().SendList.RecomputeTotal());
 }
 
 void TransferDisplay::ShowTransferDisplay(bool starting) {
@@ -99,10 +99,12 @@ void TransferDisplay::SetProgress(uint32_t done, uint32_t total) {
 }
 
 void TransferDisplay::ShowThroughput(bool sending, bool log) {
-    if (sending ? !TheEngine.SendList.Allocated() : TheEngine.ReceiveList == nullptr) {
+    if (sending ? !window_.Engine().SendList.Allocated()
+                : window_.Engine().ReceiveList == nullptr) {
         return;
     }
-    const FileEntry& entry = sending ? TheEngine.SendList[0] : TheEngine.ReceiveList[0];
+    const FileEntry& entry =
+        sending ? window_.Engine().SendList[0] : window_.Engine().ReceiveList[0];
     const uint32_t start = entry.StartTime;
     if (start == 0) {
         return;  // nothing has moved yet
@@ -134,7 +136,7 @@ void TransferDisplay::ShowThroughput(bool sending, bool log) {
 void TransferDisplay::LogElapsedTime() {
     // Taken and cleared in one step: a second call in the same session, from
     // whichever thread, logs nothing.
-    const std::time_t started = TakeTransferStart();
+    const std::time_t started = TakeTransferStart(window_.Engine());
     if (started == 0) {
         return;
     }

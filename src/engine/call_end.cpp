@@ -121,31 +121,31 @@ const EndRow& RowOf(CallEnd reason) {
 }
 
 // The link is idle again and nothing of the call or dial is left over.
-void BackToIdle() {
-    TheEngine.Call.Role = Role::Receiver;
+void BackToIdle(TransferEngine& engine) {
+    engine.Call.Role = Role::Receiver;
     // A retrieve asked for in this call is over with it, however it ended: a
     // station that kept it would not answer the next correspondent's.
-    TheEngine.Call.RetrievePending = false;
-    ClearSessionFlags();
-    ReturnToIdle();
+    engine.Call.RetrievePending = false;
+    ClearSessionFlags(engine);
+    ReturnToIdle(engine);
 }
 
 // After the end of a call that was up: the adapter gets its incoming
 // profile again, the lists are tidied and the link is idle.
-void TidyCall(const EndRow& row) {
-    ForgetUnfinishedLine();
-    EngineWindow& display = Display();
-    const LinkState state = TheEngine.Call.LinkState.load();
-    const bool sending = TheEngine.Call.Role.load() == Role::Sender;
+void TidyCall(TransferEngine& engine, const EndRow& row) {
+    ForgetUnfinishedLine(engine);
+    EngineWindow& display = Display(engine);
+    const LinkState state = engine.Call.LinkState.load();
+    const bool sending = engine.Call.Role.load() == Role::Sender;
     if (sending) {
         if (row.UnderBlock != nullptr && state == LinkState::Transfer) {
-            Stores().Log.Add(row.UnderBlock);
-            TheEngine.FeederRun = false;
-            TheEngine.Line->PurgePort();
+            engine.Stores().Log.Add(row.UnderBlock);
+            engine.FeederRun = false;
+            engine.Line->PurgePort();
         }
-        StopFeeder();
+        StopFeeder(engine);
     }
-    Stores().Log.Add("Disconnected");
+    engine.Stores().Log.Add("Disconnected");
     display.ShowTransferDisplay(false);
     // A hang-up in the middle of the data says nothing of the time taken; a
     // lost line tells it always, as far as a transfer had begun.
@@ -154,9 +154,9 @@ void TidyCall(const EndRow& row) {
     }
     // A transfer whose time goes untold is over all the same: a later call
     // that ends before its own transfer began must not tell this one's.
-    TheEngine.Call.TransferStartTime = 0;
+    engine.Call.TransferStartTime = 0;
     if (row.Rule) {
-        Stores().Log.Add(Rule);
+        engine.Stores().Log.Add(Rule);
     }
     if (row.LineLost) {
         // The adapter has just printed NO CARRIER; the incoming profile goes
@@ -168,107 +168,107 @@ void TidyCall(const EndRow& row) {
     // while its ACK was awaited.
     if (state == LinkState::Transfer || state == LinkState::Recovery ||
         (sending && state == LinkState::FileSent) || row.Rewind) {
-        ResetSendPosition();
+        ResetSendPosition(engine);
     }
-    TheEngine.Line->ReinitializeIncoming();
+    engine.Line->ReinitializeIncoming();
     if (!sending) {
-        EndOfCallCleanup();
+        EndOfCallCleanup(engine);
     }
-    BackToIdle();
+    BackToIdle(engine);
 }
 
 // After a dial that came to nothing; the list stays for another try.
-void TidyDial(const EndRow& row) {
+void TidyDial(TransferEngine& engine, const EndRow& row) {
     if (row.LineLost) {
         SleepMs(50);
     }
-    TheEngine.Line->ReinitializeIncoming();
+    engine.Line->ReinitializeIncoming();
     if (row.Message != nullptr) {
-        ShowMessageOutsidePass(row.Message);
+        ShowMessageOutsidePass(engine, row.Message);
     }
-    BackToIdle();
+    BackToIdle(engine);
 }
 
-void StopFeederIfSending() {
-    if (TheEngine.Call.Role.load() == Role::Sender) {
-        StopFeeder();
+void StopFeederIfSending(TransferEngine& engine) {
+    if (engine.Call.Role.load() == Role::Sender) {
+        StopFeeder(engine);
     }
 }
 
-void AskForTheEnd() {
-    if (TheEngine.Call.LinkState.load() == LinkState::Dialing) {
+void AskForTheEnd(TransferEngine& engine) {
+    if (engine.Call.LinkState.load() == LinkState::Dialing) {
         // One blank breaks off the dial; the adapter's answer ends it.
-        TheEngine.Line->SendBytes(" ", 1);
+        engine.Line->SendBytes(" ", 1);
         return;
     }
-    PortConversation conversation(*TheEngine.Line);
-    const LinkState state = TheEngine.Call.LinkState.load();
-    const bool sending = TheEngine.Call.Role.load() == Role::Sender;
+    PortConversation conversation(*engine.Line);
+    const LinkState state = engine.Call.LinkState.load();
+    const bool sending = engine.Call.Role.load() == Role::Sender;
     switch (state) {
         case LinkState::Connected:
             // "AT" answered means the adapter is in command mode already, so
             // the call has gone; silence means it is still up.
-            if (TheEngine.Line->SendAndWaitOk("AT")) {
-                EndCall(CallEnd::HungUp);
+            if (engine.Line->SendAndWaitOk("AT")) {
+                EndCall(engine, CallEnd::HungUp);
             } else {
-                EndCallByHangUp();
+                EndCallByHangUp(engine);
             }
             break;
         case LinkState::Transfer:
         case LinkState::FileSent:
         case LinkState::Recovery:
             if (!sending) {
-                Stores().Log.Add("Sending disconnect...");
-                SendToken(TokenAbort);
-                TheEngine.Call.LinkState = LinkState::Connected;
+                engine.Stores().Log.Add("Sending disconnect...");
+                SendToken(engine, TokenAbort);
+                engine.Call.LinkState = LinkState::Connected;
             } else {
-                StopFeeder();
-                EndCallByHangUp();
+                StopFeeder(engine);
+                EndCallByHangUp(engine);
             }
             break;
         default:
-            StopFeederIfSending();
-            EndCallByHangUp();
+            StopFeederIfSending(engine);
+            EndCallByHangUp(engine);
             break;
     }
 }
 
 }  // namespace
 
-void EndCall(CallEnd reason, std::string_view detail) {
+void EndCall(TransferEngine& engine, CallEnd reason, std::string_view detail) {
     const EndRow& row = RowOf(reason);
     if (row.Says != nullptr) {
-        Stores().Log.Add(std::string(row.Says) + std::string(detail));
+        engine.Stores().Log.Add(std::string(row.Says) + std::string(detail));
     }
     switch (row.First) {
         case Before::Nothing:
             break;
         case Before::ListThrough:
-            TheEngine.Call.LinkState = LinkState::Connected;
-            TheEngine.SendList.Clear();
-            StopFeeder();
+            engine.Call.LinkState = LinkState::Connected;
+            engine.SendList.Clear();
+            StopFeeder(engine);
             break;
         case Before::TakeSendersPart:
-            TheEngine.Call.Role = Role::Sender;
+            engine.Call.Role = Role::Sender;
             break;
     }
     switch (row.By) {
         case Way::Ask:
-            AskForTheEnd();
+            AskForTheEnd(engine);
             break;
         case Way::HangUp:
-            EndCallByHangUp();
+            EndCallByHangUp(engine);
             break;
         case Way::HangUpAnyway:
-            if (!HangUp()) {
-                TidyCall(row);
+            if (!HangUp(engine)) {
+                TidyCall(engine, row);
             }
             break;
         case Way::Tidy:
-            TidyCall(row);
+            TidyCall(engine, row);
             break;
         case Way::DialFailed:
-            TidyDial(row);
+            TidyDial(engine, row);
             break;
     }
 }

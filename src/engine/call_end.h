@@ -12,6 +12,8 @@
 #include <cstdint>
 #include <string_view>
 
+struct TransferEngine;
+
 enum class CallEnd {
     // Asked for at this end: the user's Disconnect.
     Requested,
@@ -62,4 +64,4 @@ enum class CallEnd {
 // thread may call it; whoever is not the communications thread takes the
 // port for it. `detail` follows the row's first line where the row says the
 // line has one (how many bytes waited in a stall).
-void EndCall(CallEnd reason, std::string_view detail = {});
+void EndCall(TransferEngine& engine, CallEnd reason, std::string_view detail = {});

@@ -3,9 +3,11 @@
 
 #include <string>
 
+struct TransferEngine;
+
 // True on the communications thread.
-bool OnCommThread();
+bool OnCommThread(TransferEngine& engine);
 // Shows a message. On the communications thread, inside a pass, the message
 // is shown when the pass has let go of the port, so that a message box that
 // waits for the user never keeps another thread from the port.
-void ShowMessageOutsidePass(const std::string& text);
+void ShowMessageOutsidePass(TransferEngine& engine, const std::string& text);

@@ -55,15 +55,15 @@ constexpr std::array<ConnectCode, 3> ConnectCodes{{
     {"CONNECT 230400", "Connected 230400"},
 }};
 
-void Connected(const ConnectCode& code) {
-    Stores().Log.Add(code.LogLine);
-    ClearSessionFlags();
-    ShowLinkState(LinkState::Connected);
-    if (TheEngine.Call.Role.load() == Role::Sender) {
-        SendToken(TokenSyncon);
+void Connected(TransferEngine& engine, const ConnectCode& code) {
+    engine.Stores().Log.Add(code.LogLine);
+    ClearSessionFlags(engine);
+    ShowLinkState(engine, LinkState::Connected);
+    if (engine.Call.Role.load() == Role::Sender) {
+        SendToken(engine, TokenSyncon);
     } else {
         // The caller speaks first; its silence is timed from here.
-        TheEngine.Call.LastRxTime = NowMs();
+        engine.Call.LastRxTime = NowMs();
     }
 }
 
@@ -90,35 +90,35 @@ std::string DialString(const std::string& number, int carrierRow) {
            digits.substr(separator + 1);
 }
 
-void PlaceCall(const CallRequest& call) {
+void PlaceCall(TransferEngine& engine, const CallRequest& call) {
     if (call.Number.empty()) {
         ShowMessageBox("Please select a correspondent in your Directory.");
         return;
     }
     // Without an adapter nothing would ever answer the dial, and the link
     // would wait in LinkState::Dialing for good; the user hears why instead.
-    if (!TheEngine.Line->AdapterFound.load()) {
+    if (!engine.Line->AdapterFound.load()) {
         ShowMessageBox(NoAdapterMessage);
         return;
     }
     // The adapter's answer to the dial is read only once the link stands in
     // LinkState::Dialing, however quickly it comes.
-    PortConversation conversation(*TheEngine.Line);
-    TheEngine.Line->InitializeOutgoing(call.Line);
-    TheEngine.Line->SendCommand(DialString(call.Number, call.CarrierRow).c_str());
-    Stores().Log.Add("Calling " + call.Name);
-    Stores().Log.Add("at " + call.Number);
-    ClearSessionFlags();
-    ShowLinkState(LinkState::Dialing);
-    TheEngine.Call.Role = Role::Sender;
+    PortConversation conversation(*engine.Line);
+    engine.Line->InitializeOutgoing(call.Line);
+    engine.Line->SendCommand(DialString(call.Number, call.CarrierRow).c_str());
+    engine.Stores().Log.Add("Calling " + call.Name);
+    engine.Stores().Log.Add("at " + call.Number);
+    ClearSessionFlags(engine);
+    ShowLinkState(engine, LinkState::Dialing);
+    engine.Call.Role = Role::Sender;
 }
 
-void HandleLineEvent() {
-    std::memset(TheEngine.Line->TokenBuffer, 0, TokenBufferSize);
-    if (TheEngine.Line->ReadLine(LineLimitMs, TheEngine.Line->TokenBuffer) == nullptr) {
+void HandleLineEvent(TransferEngine& engine) {
+    std::memset(engine.Line->TokenBuffer, 0, TokenBufferSize);
+    if (engine.Line->ReadLine(LineLimitMs, engine.Line->TokenBuffer) == nullptr) {
         return;
     }
-    const std::string line(TheEngine.Line->TokenBuffer);
+    const std::string line(engine.Line->TokenBuffer);
     if (LineHolds(line, "RINGING")) {
         return;
     }
@@ -129,26 +129,26 @@ void HandleLineEvent() {
         // to the next, and a second "ATA" would reach that caller as data
         // once the first has connected. It is not answered, and nothing is
         // thrown away after it, since the answer's result is on its way.
-        if (TheEngine.Call.Session.AnswerPending.load() &&
-            NowMs() - TheEngine.Call.Session.AnsweredAt.load() < AnswerResultLimitMs) {
+        if (engine.Call.Session.AnswerPending.load() &&
+            NowMs() - engine.Call.Session.AnsweredAt.load() < AnswerResultLimitMs) {
             return;
         }
-        TheEngine.Line->DrainInput(RingDrainQuietMs);
-        ClearHotFolderCounters();
+        engine.Line->DrainInput(RingDrainQuietMs);
+        ClearHotFolderCounters(engine);
         SleepMs(AnswerPauseMs);
-        TheEngine.Line->SendCommand("ATA");
-        TheEngine.Call.Session.AnsweredAt = NowMs();
-        TheEngine.Call.Session.AnswerPending = true;
+        engine.Line->SendCommand("ATA");
+        engine.Call.Session.AnsweredAt = NowMs();
+        engine.Call.Session.AnswerPending = true;
         return;
     }
     for (const ConnectCode& code : ConnectCodes) {
         if (LineHolds(line, code.Text)) {
-            Connected(code);
+            Connected(engine, code);
         }
     }
     for (const DialEnd& end : DialEnds) {
         if (LineHoldsEither(line, end.Text, end.OrText)) {
-            EndCall(end.Reason);
+            EndCall(engine, end.Reason);
         }
     }
 }

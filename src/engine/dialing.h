@@ -6,6 +6,8 @@
 
 #include "line/profiles.h"
 
+struct TransferEngine;
+
 // A call as the user set it up in the window.
 struct CallRequest {
     // As typed: its digits count, and a "+" or "&" joins a second number.
@@ -19,15 +21,15 @@ struct CallRequest {
 
 // Gives the adapter the outgoing profile and dials the number. Runs on the
 // main thread, with no link up.
-void PlaceCall(const CallRequest& call);
+void PlaceCall(TransferEngine& engine, const CallRequest& call);
 // Reads one line from the idle or dialling adapter and acts on it: RING is
 // answered, CONNECT takes the link up, NO CARRIER, BUSY and NO DIALTONE end it.
-void HandleLineEvent();
+void HandleLineEvent(TransferEngine& engine);
 // Every hot folder must be seen unchanged twice again before it goes out.
 // From the communications thread (on RING) the counters are cleared when the
 // main thread next looks at them, since only the main thread touches the
 // directory.
-void ClearHotFolderCounters();
+void ClearHotFolderCounters(TransferEngine& engine);
 // The dial command for a number as the user typed it, with the carrier code
 // of that row of the carrier list in front of each of its numbers.
 std::string DialString(const std::string& number, int carrierRow);

@@ -3,14 +3,14 @@
 #include "engine/transfer_engine.h"
 
 void NoWindow::LogElapsedTime() {
-    TheEngine.Call.TransferStartTime = 0;
+    call_.TransferStartTime = 0;
 }
 
-void SetEngineWindow(EngineWindow* window) {
-    TheEngine.Window = window;
+void SetEngineWindow(TransferEngine& engine, EngineWindow* window) {
+    engine.Window = window;
 }
 
-EngineWindow& Display() {
-    EngineWindow* window = TheEngine.Window.load();
-    return window != nullptr ? *window : TheEngine.Windowless;
+EngineWindow& Display(TransferEngine& engine) {
+    EngineWindow* window = engine.Window.load();
+    return window != nullptr ? *window : engine.Windowless;
 }

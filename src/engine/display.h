@@ -3,10 +3,12 @@
 
 #include "engine/engine_window.h"
 
-// TheEngine.Window while the window exists. Before it exists and after it has
+struct TransferEngine;
+
+// The engine's Window while the window exists. Before it exists and after it has
 // gone the engine's threads may still run, and then the calls go to a
 // NoWindow.
-EngineWindow& Display();
+EngineWindow& Display(TransferEngine& engine);
 // Where the display calls go from now on: the window, as it comes, or null
 // as it goes. Set by the window's thread.
-void SetEngineWindow(EngineWindow* window);
+void SetEngineWindow(TransferEngine& engine, EngineWindow* window);

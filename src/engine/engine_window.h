@@ -1,5 +1,5 @@
 // The window's operations that the engine's threads call, directly and from
-// whatever thread they run on, through the one pointer TheEngine.Window. The
+// whatever thread they run on, through the engine's one pointer Window. The
 // window implements them over its thread-safe controls, so none of them ever
 // waits for another thread.
 #pragma once
@@ -7,6 +7,8 @@
 #include <atomic>
 #include <cstdint>
 #include <string>
+
+#include "engine/call.h"
 
 class EngineWindow {
 public:
@@ -43,6 +45,8 @@ public:
 // time of the transfer.
 class NoWindow : public EngineWindow {
 public:
+    // The call whose transfer's start the elapsed time clears.
+    explicit NoWindow(ActiveCall& call) : call_(call) {}
     void ShowBatchEstimate(uint32_t) override {}
     void ShowTransferDisplay(bool) override {}
     void SetProgress(uint32_t, uint32_t) override {}
@@ -57,4 +61,7 @@ public:
     void ClearFileList() override {}
     void AddFolderToSendList(const std::string&, const std::string&) override {}
     bool ImportDirectoryEntry(const std::string&) override { return false; }
+
+private:
+    ActiveCall& call_;
 };

@@ -30,16 +30,16 @@ constexpr int RequestMinDigits = 4;
 constexpr size_t ScannedEntries = 100;
 
 // Zeroes the pick-up counters when a clear has been asked for since the last
-// one served (TheEngine.Clears).
-void ServeHotFolderClears() {
-    const uint32_t asked = TheEngine.Clears.Asked.load();
-    if (asked == TheEngine.Clears.Served) {
+// one served (engine.Clears).
+void ServeHotFolderClears(TransferEngine& engine) {
+    const uint32_t asked = engine.Clears.Asked.load();
+    if (asked == engine.Clears.Served) {
         return;
     }
-    TheEngine.Clears.Served = asked;
-    for (int i = 0; i <= Stores().Directory.Count.load() && i < DirectorySlots; ++i) {
-        if (Stores().Directory[i].HotSend != 0) {
-            Stores().Directory[i].HotBytes = 0;
+    engine.Clears.Served = asked;
+    for (int i = 0; i <= engine.Stores().Directory.Count.load() && i < DirectorySlots; ++i) {
+        if (engine.Stores().Directory[i].HotSend != 0) {
+            engine.Stores().Directory[i].HotBytes = 0;
         }
     }
 }
@@ -64,30 +64,31 @@ std::string FirstNumberDigits(const std::string& stored) {
 
 }  // namespace
 
-void OnSendClicked(const CallRequest& call) {
-    TheEngine.Call.RetrievePending = false;
-    TheEngine.PickupSend = false;
-    PlaceCall(call);
+void OnSendClicked(TransferEngine& engine, const CallRequest& call) {
+    engine.Call.RetrievePending = false;
+    engine.PickupSend = false;
+    PlaceCall(engine, call);
 }
 
-void OnRetrieveClicked(const CallRequest& call) {
-    TheEngine.Call.RetrievePending = true;
-    PlaceCall(call);
+void OnRetrieveClicked(TransferEngine& engine, const CallRequest& call) {
+    engine.Call.RetrievePending = true;
+    PlaceCall(engine, call);
 }
 
-void ClearHotFolderCounters() {
-    TheEngine.Clears.Asked.fetch_add(1);
-    if (!OnCommThread()) {
-        ServeHotFolderClears();
+void ClearHotFolderCounters(TransferEngine& engine) {
+    engine.Clears.Asked.fetch_add(1);
+    if (!OnCommThread(engine)) {
+        ServeHotFolderClears(engine);
     }
 }
 
-std::optional<int16_t> ScanPickUpFolder(int16_t index, uint32_t& total) {
+std::optional<int16_t> ScanPickUpFolder(TransferEngine& engine, int16_t index, uint32_t& total) {
     total = 0;
     if (!ValidIndex(index)) {
         return std::nullopt;
     }
-    const std::string folder = PickUpFolderOf(Stores().Paths.PickUpPath, Stores().Directory[index]);
+    const std::string folder =
+        PickUpFolderOf(engine.Stores().Paths.PickUpPath, engine.Stores().Directory[index]);
     std::vector<FolderEntry> entries;
     if (folder.empty() || !ListFolder(folder, entries)) {
         return std::nullopt;
@@ -105,11 +106,12 @@ std::optional<int16_t> ScanPickUpFolder(int16_t index, uint32_t& total) {
     return count;
 }
 
-void EnsureSentFilesFolder(int16_t index) {
+void EnsureSentFilesFolder(TransferEngine& engine, int16_t index) {
     if (!ValidIndex(index)) {
         return;
     }
-    const std::string folder = PickUpFolderOf(Stores().Paths.PickUpPath, Stores().Directory[index]);
+    const std::string folder =
+        PickUpFolderOf(engine.Stores().Paths.PickUpPath, engine.Stores().Directory[index]);
     if (!folder.empty()) {
         // A folder that is there already serves as well.
         static_cast<void>(CreateFolder(folder + "/Sent Files"));
@@ -133,37 +135,41 @@ void MoveToSentFiles(const std::string& path) {
     static_cast<void>(DeleteFileAt(path));
 }
 
-std::optional<RetrieveFolder> FindRetrieveFolder(const std::string& number) {
-    for (int i = 0; i <= Stores().Directory.Count.load() && i < DirectorySlots; ++i) {
-        const Correspondent& record = Stores().Directory[i];
+std::optional<RetrieveFolder> FindRetrieveFolder(TransferEngine& engine,
+                                                 const std::string& number) {
+    for (int i = 0; i <= engine.Stores().Directory.Count.load() && i < DirectorySlots; ++i) {
+        const Correspondent& record = engine.Stores().Directory[i];
         // A record whose name cannot be a folder has no folder to give.
         if (FirstNumberDigits(FieldText(record.IsdnNumber)).find(number) == std::string::npos ||
-            record.HasPickUp == 0 || PickUpFolderOf(Stores().Paths.PickUpPath, record).empty()) {
+            record.HasPickUp == 0 ||
+            PickUpFolderOf(engine.Stores().Paths.PickUpPath, record).empty()) {
             continue;
         }
         uint32_t total = 0;
         const auto index = static_cast<int16_t>(i);
         // A folder that has gone is answered as found, and yields its marker
         // alone.
-        const std::optional<int16_t> files = ScanPickUpFolder(index, total);
+        const std::optional<int16_t> files = ScanPickUpFolder(engine, index, total);
         return RetrieveFolder{index, !files || *files != 0};
     }
     return std::nullopt;
 }
 
-void LoadPickUpFolder(int16_t index) {
+void LoadPickUpFolder(TransferEngine& engine, int16_t index) {
     if (!ValidIndex(index)) {
         return;
     }
-    const std::string folder = PickUpFolderOf(Stores().Paths.PickUpPath, Stores().Directory[index]);
+    const std::string folder =
+        PickUpFolderOf(engine.Stores().Paths.PickUpPath, engine.Stores().Directory[index]);
     if (!folder.empty()) {
-        Display().AddFolderToSendList(folder, FieldText(Stores().Directory[index].FirmName));
+        Display(engine).AddFolderToSendList(folder,
+                                            FieldText(engine.Stores().Directory[index].FirmName));
     }
 }
 
-void AnswerRetrieveRequest() {
+void AnswerRetrieveRequest(TransferEngine& engine) {
     RetrieveRequest request;
-    if (TheEngine.Line->ReadBlock(&request, sizeof request, RequestLimitMs) < sizeof request) {
+    if (engine.Line->ReadBlock(&request, sizeof request, RequestLimitMs) < sizeof request) {
         return;  // no answer; the caller's watchdog ends the call
     }
     const std::string number(request.LocalNumber.View());
@@ -171,42 +177,44 @@ void AnswerRetrieveRequest() {
         std::count_if(number.begin(), number.end(), [](char c) { return c >= '0' && c <= '9'; });
     // A short number is answered as one that no record knows.
     const std::optional<RetrieveFolder> found =
-        digits < RequestMinDigits ? std::nullopt : FindRetrieveFolder(number);
+        digits < RequestMinDigits ? std::nullopt : FindRetrieveFolder(engine, number);
     if (!found) {
-        Stores().Log.Add("Retrieve request from " + number);
-        SendToken(TokenNoFileDir);
-        Stores().Log.Add("No retrieve folder found.");
+        engine.Stores().Log.Add("Retrieve request from " + number);
+        SendToken(engine, TokenNoFileDir);
+        engine.Stores().Log.Add("No retrieve folder found.");
         return;
     }
     if (!found->HasFiles) {
-        Stores().Log.Add("Retrieve request from " + number);
-        SendToken(TokenNoFileAvail);
-        Stores().Log.Add("No files to be retrieved.");
+        engine.Stores().Log.Add("Retrieve request from " + number);
+        SendToken(engine, TokenNoFileAvail);
+        engine.Stores().Log.Add("No files to be retrieved.");
         return;
     }
     const int16_t index = found->Index;
-    Stores().Log.Add("Retrieve request from " + FieldText(Stores().Directory[index].FirmName));
-    Stores().Log.Add("at " + number);
-    Display().SelectCorrespondent(index);
-    TheEngine.Call.Role = Role::Sender;
-    TheEngine.PickupSend = true;
-    EnsureSentFilesFolder(index);
-    LoadPickUpFolder(index);
-    StartSendSession();
+    engine.Stores().Log.Add("Retrieve request from " +
+                            FieldText(engine.Stores().Directory[index].FirmName));
+    engine.Stores().Log.Add("at " + number);
+    Display(engine).SelectCorrespondent(index);
+    engine.Call.Role = Role::Sender;
+    engine.PickupSend = true;
+    EnsureSentFilesFolder(engine, index);
+    LoadPickUpFolder(engine, index);
+    StartSendSession(engine);
 }
 
-std::optional<int16_t> HotFolderDue() {
-    if (TheEngine.Call.LinkState.load() != LinkState::Idle) {
+std::optional<int16_t> HotFolderDue(TransferEngine& engine) {
+    if (engine.Call.LinkState.load() != LinkState::Idle) {
         return std::nullopt;
     }
-    ServeHotFolderClears();
-    for (int i = 0; i <= Stores().Directory.Count.load() && i < DirectorySlots; ++i) {
-        Correspondent& record = Stores().Directory[i];
+    ServeHotFolderClears(engine);
+    for (int i = 0; i <= engine.Stores().Directory.Count.load() && i < DirectorySlots; ++i) {
+        Correspondent& record = engine.Stores().Directory[i];
         if (record.HotSend == 0) {
             continue;
         }
         uint32_t total = 0;
-        const std::optional<int16_t> files = ScanPickUpFolder(static_cast<int16_t>(i), total);
+        const std::optional<int16_t> files =
+            ScanPickUpFolder(engine, static_cast<int16_t>(i), total);
         if (!files || *files == 0) {
             continue;
         }
@@ -225,8 +233,8 @@ std::optional<int16_t> HotFolderDue() {
     return std::nullopt;
 }
 
-void SendHotFolder(const CallRequest& call) {
-    TheEngine.PickupSend = true;
-    TheEngine.Call.RetrievePending = false;
-    PlaceCall(call);
+void SendHotFolder(TransferEngine& engine, const CallRequest& call) {
+    engine.PickupSend = true;
+    engine.Call.RetrievePending = false;
+    PlaceCall(engine, call);
 }

@@ -8,9 +8,11 @@
 
 #include "engine/dialing.h"
 
+struct TransferEngine;
+
 // The buttons Send and Retrieve, with the call the window has set up.
-void OnSendClicked(const CallRequest& call);
-void OnRetrieveClicked(const CallRequest& call);
+void OnSendClicked(TransferEngine& engine, const CallRequest& call);
+void OnRetrieveClicked(TransferEngine& engine, const CallRequest& call);
 // The pick-up folder that answers a retrieve request: its record, and
 // whether it holds anything to send.
 struct RetrieveFolder {
@@ -19,27 +21,29 @@ struct RetrieveFolder {
 };
 // The folder that answers a retrieve request for the number; nothing if no
 // record with a pick-up folder knows the number.
-[[nodiscard]] std::optional<RetrieveFolder> FindRetrieveFolder(const std::string& number);
+[[nodiscard]] std::optional<RetrieveFolder> FindRetrieveFolder(TransferEngine& engine,
+                                                               const std::string& number);
 // Fills the send list from record index's pick-up folder.
-void LoadPickUpFolder(int16_t index);
+void LoadPickUpFolder(TransferEngine& engine, int16_t index);
 // The 15-second look at the hot folders: the record whose folder goes out
 // now, having stood unchanged since the last look, if any. Every folder's
 // total is noted for the next look.
-[[nodiscard]] std::optional<int16_t> HotFolderDue();
+[[nodiscard]] std::optional<int16_t> HotFolderDue(TransferEngine& engine);
 // Sends a hot folder that LoadPickUpFolder has put in the list, with the
 // call the window has set up for its record.
-void SendHotFolder(const CallRequest& call);
+void SendHotFolder(TransferEngine& engine, const CallRequest& call);
 
 // The holder's answer to a line holding RETRIEVE: reads the request behind
 // it and sends the pick-up folder, or says why there is none.
-void AnswerRetrieveRequest();
+void AnswerRetrieveRequest(TransferEngine& engine);
 
 // The pick-up folders themselves, below PickUpPath under each FirmName.
 // The number of plain files directly in record index's folder, of its first
 // 100 entries, with their bytes in total; nothing if the folder is missing.
-[[nodiscard]] std::optional<int16_t> ScanPickUpFolder(int16_t index, uint32_t& total);
+[[nodiscard]] std::optional<int16_t> ScanPickUpFolder(TransferEngine& engine, int16_t index,
+                                                      uint32_t& total);
 // Makes the folder "Sent Files" inside record index's pick-up folder.
-void EnsureSentFilesFolder(int16_t index);
+void EnsureSentFilesFolder(TransferEngine& engine, int16_t index);
 // Moves a file that has been sent into "Sent Files" beside it, under its own
 // name, replacing an older file of that name there; a file that cannot be
 // moved is deleted, so that it does not go out again.

@@ -5,10 +5,12 @@
 
 #include <cstdint>
 
+struct TransferEngine;
+
 // ---- Sending side, on the feeder ----
 
 // Reads the next section of SendList[0] into StagedSection and seals it.
-void ReadNextSection();
+void ReadNextSection(TransferEngine& engine);
 
 enum class BlockOutcome {
     Nothing,   // nothing to hand out
@@ -16,15 +18,15 @@ enum class BlockOutcome {
     FileSent,  // the file is through: LinkState::FileSent, and the feeder is to park
 };
 // Hands the next block of SendList[0] to the writer.
-BlockOutcome SendNextBlock();
+BlockOutcome SendNextBlock(TransferEngine& engine);
 // Redraws the send progress.
-void RefreshSendDisplay();
+void RefreshSendDisplay(TransferEngine& engine);
 
 // ---- Receiving side, on the communications thread ----
 
 // Takes one block off the port.
-void ReceiveBlock();
+void ReceiveBlock(TransferEngine& engine);
 // Redraws the receive progress.
-void RefreshReceiveDisplay();
+void RefreshReceiveDisplay(TransferEngine& engine);
 // Moves the finished ReceiveList[0] behind the files still to come.
-void RetireFinishedEntry();
+void RetireFinishedEntry(TransferEngine& engine);

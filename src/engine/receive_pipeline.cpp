@@ -24,9 +24,9 @@ namespace {
 
 constexpr int16_t BlockLimitMs = 250;
 
-void BookBytes(FileEntry& entry, uint32_t got) {
-    const uint32_t remaining = TheEngine.Call.ReceiveRemaining.load();
-    TheEngine.Call.ReceiveRemaining = remaining > got ? remaining - got : 0;
+void BookBytes(TransferEngine& engine, FileEntry& entry, uint32_t got) {
+    const uint32_t remaining = engine.Call.ReceiveRemaining.load();
+    engine.Call.ReceiveRemaining = remaining > got ? remaining - got : 0;
     entry.BytesDone += got;
 }
 
@@ -40,13 +40,13 @@ enum class SectionEnd {
 
 // Checks the section in WorkingSection over its fileBytes. A section that
 // fails is asked for again, and nothing of it reaches the disk.
-[[nodiscard]] bool SectionPasses(uint32_t fileBytes, SectionEnd end) {
-    if (SectionIntact(TheEngine.WorkingSection, fileBytes)) {
+[[nodiscard]] bool SectionPasses(TransferEngine& engine, uint32_t fileBytes, SectionEnd end) {
+    if (SectionIntact(engine.WorkingSection.get(), fileBytes)) {
         return true;
     }
-    Stores().Log.Add("Packet byte error " + std::to_string(static_cast<int>(end)) + ".");
-    RequestSectionResend();
-    TheEngine.Call.LinkState = LinkState::Recovery;
+    engine.Stores().Log.Add("Packet byte error " + std::to_string(static_cast<int>(end)) + ".");
+    RequestSectionResend(engine);
+    engine.Call.LinkState = LinkState::Recovery;
     return false;
 }
 
@@ -55,12 +55,13 @@ enum class SectionEnd {
 // arrive. What a failed write left of the section is cut off again, so that
 // the file still holds whole sections only and can be resumed once there is
 // room.
-[[nodiscard]] bool AppendSection(const FileEntry& entry, uint32_t fileBytes) {
+[[nodiscard]] bool AppendSection(TransferEngine& engine, const FileEntry& entry,
+                                 uint32_t fileBytes) {
     File file;
     if (file.Open(std::string(entry.FilePath.View()), File::Mode::Write) &&
         file.Seek(0, File::From::End)) {
         const std::optional<int64_t> before = file.Length();
-        if (file.Write(TheEngine.WorkingSection + SectionCrcBytes, fileBytes)) {
+        if (file.Write(engine.WorkingSection.get() + SectionCrcBytes, fileBytes)) {
             return true;
         }
         // The write has failed already, and the log line below tells it.
@@ -69,139 +70,139 @@ enum class SectionEnd {
             static_cast<void>(file.Truncate(*before));
         }
     }
-    LogCannotWrite(std::string(entry.DisplayName.View()), file.OutOfSpace());
-    EndCall(CallEnd::Fault);
+    LogCannotWrite(engine, std::string(entry.DisplayName.View()), file.OutOfSpace());
+    EndCall(engine, CallEnd::Fault);
     return false;
 }
 
-void FileFinished() {
-    FileEntry& entry = TheEngine.ReceiveList[0];
-    EngineWindow& display = Display();
-    if (!PublishReceivedFile(entry)) {
-        EndCall(CallEnd::Fault);
+void FileFinished(TransferEngine& engine) {
+    FileEntry& entry = engine.ReceiveList[0];
+    EngineWindow& display = Display(engine);
+    if (!PublishReceivedFile(engine, entry)) {
+        EndCall(engine, CallEnd::Fault);
         return;
     }
-    Stores().Log.Add("File received.");
+    engine.Stores().Log.Add("File received.");
     entry.EntryComplete = 1;
     display.ShowThroughput(false, true);
-    RetireFinishedEntry();
-    if (TheEngine.Call.ReceiveCount.load() > 0) {
-        FileEntry& next = TheEngine.ReceiveList[0];
-        if (!BeginReceivedFile(next)) {
-            EndCall(CallEnd::Fault);
+    RetireFinishedEntry(engine);
+    if (engine.Call.ReceiveCount.load() > 0) {
+        FileEntry& next = engine.ReceiveList[0];
+        if (!BeginReceivedFile(engine, next)) {
+            EndCall(engine, CallEnd::Fault);
             return;
         }
-        TheEngine.Call.ExpectedBlock = ExpectedBlockOf(next);
-        SnapshotSection();
-        display.ShowBatchEstimate(TheEngine.Call.ReceiveRemaining.load());
+        engine.Call.ExpectedBlock = ExpectedBlockOf(next);
+        SnapshotSection(engine);
+        display.ShowBatchEstimate(engine.Call.ReceiveRemaining.load());
         display.SetProgress(next.BytesDone, next.TotalLength);
         display.ShowThroughput(false, false);
-        Stores().Log.Add("Receiving File: " + std::string(next.DisplayName.View()));
-        SendToken(TokenAck4);
+        engine.Stores().Log.Add("Receiving File: " + std::string(next.DisplayName.View()));
+        SendToken(engine, TokenAck4);
         return;
     }
-    SendToken(TokenAck2);
-    TheEngine.Call.LinkState = LinkState::Connected;
-    Stores().Log.Add("All files received.");
-    display.ShowBatchEstimate(TheEngine.Call.ReceiveRemaining.load());
+    SendToken(engine, TokenAck2);
+    engine.Call.LinkState = LinkState::Connected;
+    engine.Stores().Log.Add("All files received.");
+    display.ShowBatchEstimate(engine.Call.ReceiveRemaining.load());
     display.ShowThroughput(false, false);
     // A finished list leaves nothing to resume.
-    ForgetResumeCandidate();
+    ForgetResumeCandidate(engine);
 }
 
 }  // namespace
 
-void ReceiveBlock() {
-    TheEngine.Call.LastRxTime = NowMs();
-    FileEntry& entry = TheEngine.ReceiveList[0];
+void ReceiveBlock(TransferEngine& engine) {
+    engine.Call.LastRxTime = NowMs();
+    FileEntry& entry = engine.ReceiveList[0];
     if (entry.DataDone != 0) {
-        FileFinished();
+        FileFinished(engine);
         return;
     }
-    const int16_t slot = TheEngine.Call.BlockIndex.load();
+    const int16_t slot = engine.Call.BlockIndex.load();
     if (slot == 0) {
-        SnapshotSection();
+        SnapshotSection(engine);
     }
-    uint8_t* at = TheEngine.WorkingSection + slot * BlockBytes;
+    uint8_t* at = engine.WorkingSection.get() + slot * BlockBytes;
     if (entry.DataBlocks > entry.BlocksDone) {
-        BookBytes(entry, TheEngine.Line->ReadBlock(at, BlockBytes, BlockLimitMs));
+        BookBytes(engine, entry, engine.Line->ReadBlock(at, BlockBytes, BlockLimitMs));
         entry.BlocksDone = static_cast<int16_t>(entry.BlocksDone + 1);
         const int16_t filled = static_cast<int16_t>(slot + 1);
-        TheEngine.Call.BlockIndex = filled;
+        engine.Call.BlockIndex = filled;
         if (entry.BlocksDone == entry.DataBlocks && entry.LastBlockBytes == 0) {
             // The file's last section ends on a block boundary.
             const uint32_t fileBytes = filled * BlockBytes - SectionCrcBytes;
-            if (!SectionPasses(fileBytes, SectionEnd::OnABlockBoundary) ||
-                !AppendSection(entry, fileBytes)) {
+            if (!SectionPasses(engine, fileBytes, SectionEnd::OnABlockBoundary) ||
+                !AppendSection(engine, entry, fileBytes)) {
                 return;
             }
-            TheEngine.Call.BlockIndex = 0;
+            engine.Call.BlockIndex = 0;
             entry.DataDone = 1;
-            FileFinished();
+            FileFinished(engine);
             return;
         }
         bool sectionWritten = false;
         if (filled == static_cast<int16_t>(BlocksPerSection)) {
-            if (!SectionPasses(SectionFileBytes, SectionEnd::Whole) ||
-                !AppendSection(entry, SectionFileBytes)) {
+            if (!SectionPasses(engine, SectionFileBytes, SectionEnd::Whole) ||
+                !AppendSection(engine, entry, SectionFileBytes)) {
                 return;
             }
-            TheEngine.Call.BlockIndex = 0;
+            engine.Call.BlockIndex = 0;
             entry.NextBlock = static_cast<int16_t>(entry.NextBlock + BlocksPerSection);
             sectionWritten = true;
         }
-        TheEngine.Call.ExpectedBlock = entry.BlocksDone == entry.DataBlocks
-                                           ? static_cast<uint16_t>(entry.LastBlockBytes)
-                                           : static_cast<uint16_t>(BlockBytes);
+        engine.Call.ExpectedBlock = entry.BlocksDone == entry.DataBlocks
+                                        ? static_cast<uint16_t>(entry.LastBlockBytes)
+                                        : static_cast<uint16_t>(BlockBytes);
         entry.LastBlockTime = NowMs();
-        TheEngine.ReceiveDisplayDirty = true;
+        engine.ReceiveDisplayDirty = true;
         if (sectionWritten) {
             // The position now stands at the next section's start, which is
             // what the file on disk holds: a call lost before the next block
             // can still be resumed from exactly there.
-            SnapshotSection();
+            SnapshotSection(engine);
         }
         return;
     }
     const uint32_t lastBytes = static_cast<uint32_t>(entry.LastBlockBytes);
-    BookBytes(entry, TheEngine.Line->ReadBlock(at, lastBytes, BlockLimitMs));
+    BookBytes(engine, entry, engine.Line->ReadBlock(at, lastBytes, BlockLimitMs));
     const int64_t fileBytes = int64_t{slot} * BlockBytes + lastBytes - SectionCrcBytes;
     if (fileBytes <= 0) {
         // Only a damaged position could bring this; the section cannot be
         // checked, so it is asked for again.
-        RequestSectionResend();
-        TheEngine.Call.LinkState = LinkState::Recovery;
+        RequestSectionResend(engine);
+        engine.Call.LinkState = LinkState::Recovery;
         return;
     }
-    if (!SectionPasses(static_cast<uint32_t>(fileBytes), SectionEnd::InAShortBlock) ||
-        !AppendSection(entry, static_cast<uint32_t>(fileBytes))) {
+    if (!SectionPasses(engine, static_cast<uint32_t>(fileBytes), SectionEnd::InAShortBlock) ||
+        !AppendSection(engine, entry, static_cast<uint32_t>(fileBytes))) {
         return;
     }
-    TheEngine.Call.BlockIndex = 0;
+    engine.Call.BlockIndex = 0;
     entry.DataDone = 1;
-    FileFinished();
+    FileFinished(engine);
 }
 
-void RefreshReceiveDisplay() {
-    const FileEntry& entry = TheEngine.ReceiveList[0];
-    EngineWindow& display = Display();
-    display.ShowBatchEstimate(TheEngine.Call.ReceiveRemaining.load());
+void RefreshReceiveDisplay(TransferEngine& engine) {
+    const FileEntry& entry = engine.ReceiveList[0];
+    EngineWindow& display = Display(engine);
+    display.ShowBatchEstimate(engine.Call.ReceiveRemaining.load());
     display.SetProgress(entry.BytesDone, entry.TotalLength);
     display.ShowThroughput(false, false);
-    TheEngine.ReceiveDisplayDirty = false;
+    engine.ReceiveDisplayDirty = false;
 }
 
-void RetireFinishedEntry() {
-    FileEntry* list = TheEngine.ReceiveList;
-    WireFileEntry* wire = TheEngine.WireList;
+void RetireFinishedEntry(TransferEngine& engine) {
+    FileEntry* list = engine.ReceiveList.get();
+    WireFileEntry* wire = engine.WireList.get();
     const FileEntry finished = list[0];
     const WireFileEntry finishedWire = wire[0];
-    EngineWindow& display = Display();
+    EngineWindow& display = Display(engine);
     display.SetProgress(100, 100);
-    const uint32_t count = TheEngine.Call.ReceiveCount.load();
+    const uint32_t count = engine.Call.ReceiveCount.load();
     const uint32_t left = count > 0 ? count - 1 : 0;
-    TheEngine.Call.ReceiveCount = left;
-    const int16_t size = TheEngine.Call.ReceiveListSize.load();
+    engine.Call.ReceiveCount = left;
+    const int16_t size = engine.Call.ReceiveListSize.load();
     if (size >= 1) {
         for (int16_t i = 1; i < size; ++i) {
             list[i - 1] = list[i];
@@ -214,7 +215,7 @@ void RetireFinishedEntry() {
     for (uint32_t i = 0; i < left; ++i) {
         remaining += list[i].TotalLength;
     }
-    TheEngine.Call.ReceiveRemaining = remaining;
+    engine.Call.ReceiveRemaining = remaining;
     display.RemoveTopFileRow();
     display.ShowBatchEstimate(remaining);
 }

@@ -40,45 +40,45 @@ constexpr int16_t ListLimitMs = 1000;
 constexpr size_t NameStemForSuffix = 29;
 constexpr size_t NameLimit = 31;
 
-uint64_t FreeSpace() {
-    std::lock_guard<std::mutex> guard(TheEngine.FreeSpace.Lock);
-    if (TheEngine.FreeSpace.Query) {
-        return TheEngine.FreeSpace.Query();
+uint64_t FreeSpace(TransferEngine& engine) {
+    std::lock_guard<std::mutex> guard(engine.FreeSpace.Lock);
+    if (engine.FreeSpace.Query) {
+        return engine.FreeSpace.Query();
     }
     // The volume that the files go to, which need not be the installation's.
-    return FreeDiskSpace(Stores().Paths.IncomingPath);
+    return FreeDiskSpace(engine.Stores().Paths.IncomingPath);
 }
 
 // What has come in behind a refused list is thrown away. Only the input goes:
 // a purge of both queues would throw the refusal itself away with it, before
 // it has left.
-void DiscardInput() {
+void DiscardInput(TransferEngine& engine) {
     uint8_t scratch[1024];
-    uint32_t waiting = TheEngine.Line->PortQueueCount(PortQueue::Input);
+    uint32_t waiting = engine.Line->PortQueueCount(PortQueue::Input);
     while (waiting != 0) {
         const uint32_t chunk = waiting < sizeof scratch ? waiting : sizeof scratch;
-        static_cast<void>(TheEngine.Line->ReadBlock(scratch, chunk, 0));  // thrown away
+        static_cast<void>(engine.Line->ReadBlock(scratch, chunk, 0));  // thrown away
         waiting -= chunk;
     }
 }
 
 // A refusal after the header: the far end is told, and what it sends behind
 // the list is thrown away.
-AdmitResult Refuse(const std::string& logLine) {
-    Stores().Log.Add(logLine);
-    SendToken(TokenNak4);
-    DiscardInput();
+AdmitResult Refuse(TransferEngine& engine, const std::string& logLine) {
+    engine.Stores().Log.Add(logLine);
+    SendToken(engine, TokenNak4);
+    DiscardInput(engine);
     return AdmitRefused;
 }
 
 // A file of the list cannot be made: the line saying so has gone to the log,
 // and the far end is asked to stop, as when a section cannot be written.
-AdmitResult AbortAdmission() {
-    Stores().Log.Add("Sending disconnect...");
-    SendToken(TokenAbort);
-    TheEngine.Call.ReceiveCount = 0;
-    TheEngine.Call.ReceiveListSize = 0;
-    TheEngine.Call.LastRxTime = NowMs();
+AdmitResult AbortAdmission(TransferEngine& engine) {
+    engine.Stores().Log.Add("Sending disconnect...");
+    SendToken(engine, TokenAbort);
+    engine.Call.ReceiveCount = 0;
+    engine.Call.ReceiveListSize = 0;
+    engine.Call.LastRxTime = NowMs();
     return AdmitRefused;
 }
 
@@ -91,10 +91,10 @@ bool DataLengthOfAFile(uint32_t dataLength) {
 
 // Too little room for the list: the far end is told, and its list thrown
 // away.
-AdmitResult RefuseForSpace() {
-    Stores().Log.Add("Not enough free space on volume.");
-    SendToken(TokenNak3);
-    DiscardInput();
+AdmitResult RefuseForSpace(TransferEngine& engine) {
+    engine.Stores().Log.Add("Not enough free space on volume.");
+    SendToken(engine, TokenNak3);
+    DiscardInput(engine);
     return AdmitRefused;
 }
 
@@ -137,13 +137,13 @@ std::string FreeName(const std::string& folder, const std::string& name,
 
 // The folder that a list opening with a marker gets: the plain name, or the
 // first of -A to -Z that is free. Empty if none is.
-std::string FreeFolderName(const std::string& name) {
-    if (!PathExists(Stores().Paths.IncomingPath + "/" + name)) {
+std::string FreeFolderName(TransferEngine& engine, const std::string& name) {
+    if (!PathExists(engine.Stores().Paths.IncomingPath + "/" + name)) {
         return name;
     }
     for (char letter = 'A'; letter <= 'Z'; ++letter) {
         const std::string candidate = Suffixed(name, letter);
-        if (!PathExists(Stores().Paths.IncomingPath + "/" + candidate)) {
+        if (!PathExists(engine.Stores().Paths.IncomingPath + "/" + candidate)) {
             return candidate;
         }
     }
@@ -153,18 +153,18 @@ std::string FreeFolderName(const std::string& name) {
 // Whether the list's first file takes up the file that a former call left:
 // the same name, byte for byte, the same length, and the partial file still
 // there as it was left.
-bool ResumesSavedEntry(const std::string& announced, uint32_t dataLength) {
-    const FileEntry& saved = TheEngine.SavedEntry;
+bool ResumesSavedEntry(TransferEngine& engine, const std::string& announced, uint32_t dataLength) {
+    const FileEntry& saved = engine.SavedEntry;
     return !saved.WireName.IsEmpty() && announced == saved.WireName.View() &&
-           dataLength == saved.DataLength && SavedPartialIntact();
+           dataLength == saved.DataLength && SavedPartialIntact(engine);
 }
 
 // An empty file has arrived whole with the list. False, with the reason
 // logged, if it cannot be made; whatever stands at the path stays.
-bool MakeEmptyFile(const std::string& folder, const std::string& name) {
+bool MakeEmptyFile(TransferEngine& engine, const std::string& folder, const std::string& name) {
     File file;
     if (!file.Open(folder + "/" + name, File::Mode::CreateNew)) {
-        LogCannotWrite(name, file.OutOfSpace());
+        LogCannotWrite(engine, name, file.OutOfSpace());
         return false;
     }
     return true;
@@ -193,28 +193,28 @@ struct Admission {
 // magic, a count the list can hold, whole entries, a marker only at the head,
 // lengths a file can have, and room on the volume for both the header's total
 // and the entries' sum, which a false total would otherwise hide.
-bool ReadAndCheckList(Admission& list) {
-    SessionHeader& header = TheEngine.Call.InHeader;
+bool ReadAndCheckList(TransferEngine& engine, Admission& list) {
+    SessionHeader& header = engine.Call.InHeader;
     SwapSessionHeader(header);
     if (header.Magic != SessionMagic) {
-        EndCall(CallEnd::Fault);
+        EndCall(engine, CallEnd::Fault);
         return false;
     }
     // In 64 bits: a volume with more than 4 GB free has room for any list.
-    const uint64_t freeSpace = FreeSpace();
+    const uint64_t freeSpace = FreeSpace(engine);
     if (freeSpace < header.TotalBytes) {
-        list.Result = RefuseForSpace();
+        list.Result = RefuseForSpace(engine);
         return false;
     }
     if (header.FileCount > static_cast<uint32_t>(ListCapacity)) {
-        list.Result = Refuse("Corrupted file list.");
+        list.Result = Refuse(engine, "Corrupted file list.");
         return false;
     }
     list.Count = static_cast<int>(header.FileCount);
-    WireFileEntry* wire = TheEngine.WireList;
+    WireFileEntry* wire = engine.WireList.get();
     const uint32_t listBytes = static_cast<uint32_t>(list.Count) * sizeof(WireFileEntry);
-    if (list.Count > 0 && TheEngine.Line->ReadBlock(wire, listBytes, ListLimitMs) < listBytes) {
-        list.Result = Refuse("Corrupted file list.");
+    if (list.Count > 0 && engine.Line->ReadBlock(wire, listBytes, ListLimitMs) < listBytes) {
+        list.Result = Refuse(engine, "Corrupted file list.");
         return false;
     }
     uint64_t announcedData = 0;
@@ -222,13 +222,13 @@ bool ReadAndCheckList(Admission& list) {
         SwapWireFileEntry(wire[i]);
         const FileKind kind = KindOf(wire[i]);
         if (kind == FileKind::FolderMarker ? i != 0 : !DataLengthOfAFile(wire[i].DataLength)) {
-            list.Result = Refuse("Corrupted file list.");
+            list.Result = Refuse(engine, "Corrupted file list.");
             return false;
         }
         announcedData += kind == FileKind::FolderMarker ? 0 : wire[i].DataLength;
     }
     if (freeSpace < announcedData) {
-        list.Result = RefuseForSpace();
+        list.Result = RefuseForSpace(engine);
         return false;
     }
     list.Marker = list.Count > 0 && KindOf(wire[0]) == FileKind::FolderMarker;
@@ -239,17 +239,17 @@ bool ReadAndCheckList(Admission& list) {
 // taken on the disk or by an earlier file of the list. The list's first file
 // with data may take up the file that a former call left; otherwise that
 // file's chance has gone, and its name is free for this list.
-bool PlanNames(Admission& list) {
-    const WireFileEntry* wire = TheEngine.WireList;
-    list.Folder = Stores().Paths.IncomingPath;
+bool PlanNames(TransferEngine& engine, Admission& list) {
+    const WireFileEntry* wire = engine.WireList.get();
+    list.Folder = engine.Stores().Paths.IncomingPath;
     if (list.Marker) {
         const std::string name = SafeReceivedName(AnnouncedName(wire[0]));
-        list.FolderName = FreeFolderName(name);
+        list.FolderName = FreeFolderName(engine, name);
         if (list.FolderName.empty()) {
-            list.Result = Refuse("Too many files named " + name);
+            list.Result = Refuse(engine, "Too many files named " + name);
             return false;
         }
-        list.Folder = Stores().Paths.IncomingPath + "/" + list.FolderName;
+        list.Folder = engine.Stores().Paths.IncomingPath + "/" + list.FolderName;
     }
     std::set<std::string> planned;
     bool firstFile = true;
@@ -259,11 +259,11 @@ bool PlanNames(Admission& list) {
         file.WireIndex = i;
         if (firstFile && wire[i].DataLength != 0) {
             firstFile = false;
-            if (!list.Marker && ResumesSavedEntry(announced, wire[i].DataLength)) {
+            if (!list.Marker && ResumesSavedEntry(engine, announced, wire[i].DataLength)) {
                 file.Recovered = list.Recovered = true;
                 // Its own name is not on the disk until it is complete, and
                 // no other file of the list may take it meanwhile.
-                planned.insert(std::string(TheEngine.SavedEntry.DisplayName.View()));
+                planned.insert(std::string(engine.SavedEntry.DisplayName.View()));
                 list.Plan.push_back(file);
                 continue;
             }
@@ -271,7 +271,7 @@ bool PlanNames(Admission& list) {
         const std::string name = SafeReceivedName(announced);
         file.NameInUse = FreeName(list.Folder, name, planned);
         if (file.NameInUse.empty()) {
-            list.Result = Refuse("Too many files named " + name);
+            list.Result = Refuse(engine, "Too many files named " + name);
             return false;
         }
         planned.insert(file.NameInUse);
@@ -284,21 +284,21 @@ bool PlanNames(Admission& list) {
 // with the list. A file with data has nothing on the disk until its turn
 // comes (ReceiveList[0]). A part that a former call left goes unless this
 // list takes it up.
-bool MakeFilesAndFolders(Admission& list) {
+bool MakeFilesAndFolders(TransferEngine& engine, Admission& list) {
     if (list.Marker) {
         if (!CreateFolder(list.Folder)) {
-            list.Result = Refuse("Too many files named " + list.FolderName);
+            list.Result = Refuse(engine, "Too many files named " + list.FolderName);
             return false;
         }
-        Stores().Log.Add("Created new folder: " + list.FolderName);
+        engine.Stores().Log.Add("Created new folder: " + list.FolderName);
     }
     if (!list.Recovered) {
-        EndRecoveryCandidacy();
+        EndRecoveryCandidacy(engine);
     }
     for (const PlannedFile& file : list.Plan) {
-        if (!file.Recovered && TheEngine.WireList[file.WireIndex].DataLength == 0 &&
-            !MakeEmptyFile(list.Folder, file.NameInUse)) {
-            list.Result = AbortAdmission();
+        if (!file.Recovered && engine.WireList[file.WireIndex].DataLength == 0 &&
+            !MakeEmptyFile(engine, list.Folder, file.NameInUse)) {
+            list.Result = AbortAdmission(engine);
             return false;
         }
     }
@@ -307,15 +307,15 @@ bool MakeFilesAndFolders(Admission& list) {
 
 // Step 4: ReceiveList and the wire list hold the files that have data to
 // come, under the names in use; the bytes still to come are counted.
-void FillReceiveList(const Admission& list) {
-    WireFileEntry* wire = TheEngine.WireList;
-    TheEngine.ReceiveFolder.Set(list.Folder);
+void FillReceiveList(TransferEngine& engine, const Admission& list) {
+    WireFileEntry* wire = engine.WireList.get();
+    engine.ReceiveFolder.Set(list.Folder);
     uint32_t kept = 0;
     for (const PlannedFile& file : list.Plan) {
         const WireFileEntry announced = wire[file.WireIndex];
-        FileEntry& entry = TheEngine.ReceiveList[kept];
+        FileEntry& entry = engine.ReceiveList[kept];
         if (file.Recovered) {
-            entry = TheEngine.SavedEntry;
+            entry = engine.SavedEntry;
             entry.EntryComplete = 0;
             entry.StartTime = 0;
             wire[kept++] = announced;
@@ -337,83 +337,83 @@ void FillReceiveList(const Admission& list) {
         wire[kept].Name.Set(file.NameInUse);
         ++kept;
     }
-    TheEngine.Call.ReceiveCount = kept;
-    TheEngine.Call.ReceiveListSize = static_cast<int16_t>(kept);
+    engine.Call.ReceiveCount = kept;
+    engine.Call.ReceiveListSize = static_cast<int16_t>(kept);
     if (list.Recovered) {
-        TheEngine.Call.ReceiveRemaining =
-            RecoveryPositionOf(TheEngine.RecoveryRecord.Body).ReceiveRemaining;
+        engine.Call.ReceiveRemaining =
+            RecoveryPositionOf(engine.RecoveryRecord.Body).ReceiveRemaining;
     } else if (list.Marker) {
         // A marker's list counts by its files: the marker itself brings no
         // data, whatever the header's total made of it.
         uint32_t total = 0;
         for (uint32_t i = 0; i < kept; ++i) {
-            total += TheEngine.ReceiveList[i].TotalLength;
+            total += engine.ReceiveList[i].TotalLength;
         }
-        TheEngine.Call.ReceiveRemaining = total;
+        engine.Call.ReceiveRemaining = total;
     } else {
-        TheEngine.Call.ReceiveRemaining = TheEngine.Call.InHeader.TotalBytes;
+        engine.Call.ReceiveRemaining = engine.Call.InHeader.TotalBytes;
     }
 }
 
 // Step 5: the first file's data is awaited.
-void StartReceiving(const Admission& list) {
-    EngineWindow& display = Display();
+void StartReceiving(TransferEngine& engine, const Admission& list) {
+    EngineWindow& display = Display(engine);
     display.ListIncomingFiles();
-    display.ShowBatchEstimate(TheEngine.Call.ReceiveRemaining.load());
-    TheEngine.Call.ExpectedBlock =
-        list.Recovered ? RecoveryPositionOf(TheEngine.RecoveryRecord.Body).ExpectedBlock
-                       : ExpectedBlockOf(TheEngine.ReceiveList[0]);
-    SnapshotSection();
-    TheEngine.Call.LinkState = LinkState::Transfer;
-    TheEngine.Call.BlockIndex = 0;
-    Stores().Log.Add(std::string(list.Recovered ? "Recovering File: " : "Receiving File: ") +
-                     std::string(TheEngine.ReceiveList[0].DisplayName.View()));
+    display.ShowBatchEstimate(engine.Call.ReceiveRemaining.load());
+    engine.Call.ExpectedBlock = list.Recovered
+                                    ? RecoveryPositionOf(engine.RecoveryRecord.Body).ExpectedBlock
+                                    : ExpectedBlockOf(engine.ReceiveList[0]);
+    SnapshotSection(engine);
+    engine.Call.LinkState = LinkState::Transfer;
+    engine.Call.BlockIndex = 0;
+    engine.Stores().Log.Add(std::string(list.Recovered ? "Recovering File: " : "Receiving File: ") +
+                            std::string(engine.ReceiveList[0].DisplayName.View()));
     display.ShowTransferDisplay(true);
-    TheEngine.Call.LastRxTime = NowMs();
+    engine.Call.LastRxTime = NowMs();
 }
 
-Dispatch OnListOffered() {
-    if (TheEngine.Call.LinkState.load() != LinkState::Connected) {
+Dispatch OnListOffered(TransferEngine& engine) {
+    if (engine.Call.LinkState.load() != LinkState::Connected) {
         return Dispatch::Next;
     }
-    if (TheEngine.Line->ReadBlock(&TheEngine.Call.InHeader, sizeof(SessionHeader), HeaderLimitMs) <
+    if (engine.Line->ReadBlock(&engine.Call.InHeader, sizeof(SessionHeader), HeaderLimitMs) <
         sizeof(SessionHeader)) {
         return Dispatch::Next;
     }
-    switch (AdmitFileList()) {
+    switch (AdmitFileList(engine)) {
         case AdmitAccepted:
-            SendToken(TokenAck3);
+            SendToken(engine, TokenAck3);
             break;
         case AdmitRecovered:
-            std::memcpy(TheEngine.RecoveryRecord.Token, TokenFileResta3.Bytes(),
+            std::memcpy(engine.RecoveryRecord.Token, TokenFileResta3.Bytes(),
                         TokenFileResta3.Length());
-            TheEngine.Line->SendBytes(&TheEngine.RecoveryRecord, sizeof(RecoveryMessage));
-            std::memcpy(TheEngine.RecoveryRecord.Token, TokenFileRecovr.Bytes(),
+            engine.Line->SendBytes(&engine.RecoveryRecord, sizeof(RecoveryMessage));
+            std::memcpy(engine.RecoveryRecord.Token, TokenFileRecovr.Bytes(),
                         TokenFileRecovr.Length());
             break;
         case AdmitNothingToReceive:
             // Every file of the list was empty and stands on the disk already.
-            SendToken(TokenAck2);
-            Stores().Log.Add("All files received.");
-            TheEngine.Call.LastRxTime = NowMs();
+            SendToken(engine, TokenAck2);
+            engine.Stores().Log.Add("All files received.");
+            engine.Call.LastRxTime = NowMs();
             return Dispatch::Next;
         default:
             // A list that could not be believed has ended the call.
-            return TheEngine.Call.LinkState.load() == LinkState::Idle ? Dispatch::Stop
-                                                                      : Dispatch::Next;
+            return engine.Call.LinkState.load() == LinkState::Idle ? Dispatch::Stop
+                                                                   : Dispatch::Next;
     }
-    TheEngine.Call.BlockIndex = 0;
-    TheEngine.Call.TransferStartTime = WallSeconds();
+    engine.Call.BlockIndex = 0;
+    engine.Call.TransferStartTime = WallSeconds();
     return Dispatch::Next;
 }
 
 // The holder's answer to a retrieve request came: there is nothing to fetch.
-Dispatch OnNothingToRetrieve(CallEnd end) {
-    if (TheEngine.Call.LinkState.load() != LinkState::Connected ||
-        !TheEngine.Call.RetrievePending.load()) {
+Dispatch OnNothingToRetrieve(TransferEngine& engine, CallEnd end) {
+    if (engine.Call.LinkState.load() != LinkState::Connected ||
+        !engine.Call.RetrievePending.load()) {
         return Dispatch::Next;  // this end asked for nothing
     }
-    EndCall(end);
+    EndCall(engine, end);
     return Dispatch::Stop;
 }
 
@@ -422,44 +422,50 @@ Dispatch OnNothingToRetrieve(CallEnd end) {
 constexpr std::array<TokenRow, 6> ReceiverTokens{{
     {TokenSyncon.Text(),
      {},
-     [] {
-         SendToken(TokenRcvcon);
+     [](TransferEngine& engine) {
+         SendToken(engine, TokenRcvcon);
          // A caller says once that it is there. One that says it again and
          // again, and nothing else, would otherwise hold the line for ever:
          // only the first renews the limit on silence.
-         if (!TheEngine.Call.Session.SynconHeard.exchange(true)) {
-             TheEngine.Call.LastRxTime = NowMs();
+         if (!engine.Call.Session.SynconHeard.exchange(true)) {
+             engine.Call.LastRxTime = NowMs();
          }
          return Dispatch::Next;
      }},
     {TokenH100.Text(), {}, OnListOffered},
     {TextNoCarrier,
      {},
-     [] {
-         if (TheEngine.Call.LinkState.load() != LinkState::Connected) {
+     [](TransferEngine& engine) {
+         if (engine.Call.LinkState.load() != LinkState::Connected) {
              return Dispatch::Next;
          }
-         EndCall(CallEnd::ReceiverLostLine);
+         EndCall(engine, CallEnd::ReceiverLostLine);
          return Dispatch::Stop;
      }},
     {TokenRetrieve.Text(),
      {},
-     [] {
-         if (TheEngine.Call.LinkState.load() == LinkState::Connected &&
-             !TheEngine.Call.RetrievePending.load()) {
-             AnswerRetrieveRequest();
+     [](TransferEngine& engine) {
+         if (engine.Call.LinkState.load() == LinkState::Connected &&
+             !engine.Call.RetrievePending.load()) {
+             AnswerRetrieveRequest(engine);
          }
          return Dispatch::Next;
      }},
-    {TokenNoFileDir.Text(), {}, [] { return OnNothingToRetrieve(CallEnd::NoRetrieveFolder); }},
-    {TokenNoFileAvail.Text(), {}, [] { return OnNothingToRetrieve(CallEnd::NoFilesToRetrieve); }},
+    {TokenNoFileDir.Text(),
+     {},
+     [](TransferEngine& engine) { return OnNothingToRetrieve(engine, CallEnd::NoRetrieveFolder); }},
+    {TokenNoFileAvail.Text(),
+     {},
+     [](TransferEngine& engine) {
+         return OnNothingToRetrieve(engine, CallEnd::NoFilesToRetrieve);
+     }},
 }};
 
 }  // namespace
 
-void SetFreeSpaceQuery(FreeSpaceQuery query) {
-    std::lock_guard<std::mutex> guard(TheEngine.FreeSpace.Lock);
-    TheEngine.FreeSpace.Query = std::move(query);
+void SetFreeSpaceQuery(TransferEngine& engine, FreeSpaceQuery query) {
+    std::lock_guard<std::mutex> guard(engine.FreeSpace.Lock);
+    engine.FreeSpace.Query = std::move(query);
 }
 
 std::string SafeReceivedName(std::string_view announced) {
@@ -476,8 +482,8 @@ std::string SafeReceivedName(std::string_view announced) {
     return name;
 }
 
-bool BeginReceivedFile(FileEntry& entry) {
-    const std::string folder(TheEngine.ReceiveFolder.View());
+bool BeginReceivedFile(TransferEngine& engine, FileEntry& entry) {
+    const std::string folder(engine.ReceiveFolder.View());
     const std::string name(entry.DisplayName.View());
     // The plain marker, or, where something stands under it already (a part
     // that a crash left, or a file of that name), a letter in front of it.
@@ -494,12 +500,12 @@ bool BeginReceivedFile(FileEntry& entry) {
     }
     if (!made) {
         entry.FilePath.Clear();
-        LogCannotWrite(name, file.OutOfSpace());
+        LogCannotWrite(engine, name, file.OutOfSpace());
     }
     return made;
 }
 
-bool PublishReceivedFile(FileEntry& entry) {
+bool PublishReceivedFile(TransferEngine& engine, FileEntry& entry) {
     const std::string part(entry.FilePath.View());
     const std::string folder = FolderOfPath(part);
     const std::string planned(entry.DisplayName.View());
@@ -516,20 +522,20 @@ bool PublishReceivedFile(FileEntry& entry) {
             entry.DisplayName.Set(name);
             entry.FilePath.Set(folder + "/" + name);
             if (name != planned) {
-                Stores().Log.Add("Name taken meanwhile; saved as " + name);
+                engine.Stores().Log.Add("Name taken meanwhile; saved as " + name);
             }
             return true;
         }
     }
-    LogCannotWrite(planned, false);
+    LogCannotWrite(engine, planned, false);
     return false;
 }
 
-void LogCannotWrite(const std::string& name, bool outOfSpace) {
-    Stores().Log.Add("Cannot write file: " + name);
+void LogCannotWrite(TransferEngine& engine, const std::string& name, bool outOfSpace) {
+    engine.Stores().Log.Add("Cannot write file: " + name);
     // The far end hears only that the session ends; this side says why.
     if (outOfSpace) {
-        Stores().Log.Add("Not enough free space on volume.");
+        engine.Stores().Log.Add("Not enough free space on volume.");
     }
 }
 
@@ -537,8 +543,8 @@ int64_t PartialFileLength(int16_t nextBlock) {
     return SectionFileOffset(nextBlock);
 }
 
-bool SavedPartialIntact() {
-    const FileEntry& saved = TheEngine.SavedEntry;
+bool SavedPartialIntact(TransferEngine& engine) {
+    const FileEntry& saved = engine.SavedEntry;
     if (saved.WireName.IsEmpty() || saved.NextBlock < 0 ||
         saved.NextBlock % static_cast<int16_t>(BlocksPerSection) != 0) {
         return false;
@@ -550,52 +556,53 @@ bool SavedPartialIntact() {
     return file.Length() == PartialFileLength(saved.NextBlock);
 }
 
-void EndRecoveryCandidacy() {
-    FileEntry& saved = TheEngine.SavedEntry;
+void EndRecoveryCandidacy(TransferEngine& engine) {
+    FileEntry& saved = engine.SavedEntry;
     if (saved.WireName.IsEmpty()) {
         return;
     }
     // A file of that name that has another length is no longer the one this
     // program left, and is not touched.
-    if (SavedPartialIntact()) {
+    if (SavedPartialIntact(engine)) {
         // A part that will not go stays, as the user sees it.
         static_cast<void>(DeleteFileAt(std::string(saved.FilePath.View())));
     }
-    ForgetResumeCandidate();
+    ForgetResumeCandidate(engine);
 }
 
-void OnReceiverInput() {
+void OnReceiverInput(TransferEngine& engine) {
     std::string line;
-    if (!ReadTokenLine(TokenLineLimitMs, line)) {
+    if (!ReadTokenLine(engine, TokenLineLimitMs, line)) {
         return;
     }
-    if (TheEngine.Call.LinkState.load() == LinkState::Recovery) {
+    if (engine.Call.LinkState.load() == LinkState::Recovery) {
         if (LineHolds(line, TokenSendRecovr)) {
-            ApplyRecoveryAtReceiver();
-            TheEngine.Call.LinkState = LinkState::Transfer;
+            ApplyRecoveryAtReceiver(engine);
+            engine.Call.LinkState = LinkState::Transfer;
         }
         return;
     }
-    DispatchLine(line, ReceiverTokens);
+    DispatchLine(engine, line, ReceiverTokens);
 }
 
-AdmitResult AdmitFileList() {
+AdmitResult AdmitFileList(TransferEngine& engine) {
     // A list that the user had prepared here stops counting from now.
-    TheEngine.SendList.Clear();
+    engine.SendList.Clear();
     // A list of this call that was abandoned leaves nothing half made behind
     // when another takes its place.
-    DeleteUnfinishedReceives();
+    DeleteUnfinishedReceives(engine);
     Admission list;
-    if (!ReadAndCheckList(list) || !PlanNames(list) || !MakeFilesAndFolders(list)) {
+    if (!ReadAndCheckList(engine, list) || !PlanNames(engine, list) ||
+        !MakeFilesAndFolders(engine, list)) {
         return list.Result;
     }
-    FillReceiveList(list);
-    if (TheEngine.Call.ReceiveCount.load() == 0) {
+    FillReceiveList(engine, list);
+    if (engine.Call.ReceiveCount.load() == 0) {
         return AdmitNothingToReceive;
     }
-    if (!list.Recovered && !BeginReceivedFile(TheEngine.ReceiveList[0])) {
-        return AbortAdmission();
+    if (!list.Recovered && !BeginReceivedFile(engine, engine.ReceiveList[0])) {
+        return AbortAdmission(engine);
     }
-    StartReceiving(list);
+    StartReceiving(engine, list);
     return list.Recovered ? AdmitRecovered : AdmitAccepted;
 }

@@ -6,8 +6,10 @@
 #include <cstdint>
 #include <functional>
 
+struct TransferEngine;
+
 // The free bytes that admission compares with a list's total; by default
 // those of the installation's volume. A test puts in a figure of its own; an
 // empty function restores the volume's.
 using FreeSpaceQuery = std::function<uint64_t()>;
-void SetFreeSpaceQuery(FreeSpaceQuery query);
+void SetFreeSpaceQuery(TransferEngine& engine, FreeSpaceQuery query);

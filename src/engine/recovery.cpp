@@ -23,60 +23,60 @@ constexpr uint32_t DrainLongestMs = 10000;
 
 }  // namespace
 
-void SnapshotSection() {
-    const FileEntry& entry = TheEngine.ReceiveList[0];
-    TheEngine.RecoveryRecord = MakeRecoveryMessage(
-        TokenFileRecovr, MakeRecoveryBody(TheEngine.Call.ExpectedBlock.load(),
-                                          TheEngine.Call.ReceiveRemaining.load(), entry));
-    TheEngine.SavedEntry = entry;
-    SaveResumeCandidate();
+void SnapshotSection(TransferEngine& engine) {
+    const FileEntry& entry = engine.ReceiveList[0];
+    engine.RecoveryRecord = MakeRecoveryMessage(
+        TokenFileRecovr, MakeRecoveryBody(engine.Call.ExpectedBlock.load(),
+                                          engine.Call.ReceiveRemaining.load(), entry));
+    engine.SavedEntry = entry;
+    SaveResumeCandidate(engine);
 }
 
-void RequestSectionResend() {
+void RequestSectionResend(TransferEngine& engine) {
     {
         // Reads on this thread alone until the line has fallen quiet.
-        PortConversation conversation(*TheEngine.Line);
-        TheEngine.Line->SendBytes(&TheEngine.RecoveryRecord, sizeof(RecoveryMessage));
+        PortConversation conversation(*engine.Line);
+        engine.Line->SendBytes(&engine.RecoveryRecord, sizeof(RecoveryMessage));
         // What is left of the section's stream is thrown away. A stream that
         // does not stop comes from no sound sender: the repair is not
         // confirmed, and the limit on silence ends the call.
-        if (!TheEngine.Line->DrainInputWithin(DrainQuietMs, DrainLongestMs)) {
+        if (!engine.Line->DrainInputWithin(DrainQuietMs, DrainLongestMs)) {
             return;
         }
-        TheEngine.Call.LastRxTime = NowMs();
+        engine.Call.LastRxTime = NowMs();
     }
-    SendToken(TokenContSend);
+    SendToken(engine, TokenContSend);
 }
 
-void ApplyRecoveryAtReceiver() {
-    TheEngine.Call.BlockIndex = 0;
-    FileEntry& entry = TheEngine.ReceiveList[0];
-    const RecoveryPosition position = ApplyRecoveryBody(TheEngine.RecoveryRecord.Body, entry);
-    TheEngine.Call.ExpectedBlock = position.ExpectedBlock;
-    TheEngine.Call.ReceiveRemaining = position.ReceiveRemaining;
-    EngineWindow& display = Display();
+void ApplyRecoveryAtReceiver(TransferEngine& engine) {
+    engine.Call.BlockIndex = 0;
+    FileEntry& entry = engine.ReceiveList[0];
+    const RecoveryPosition position = ApplyRecoveryBody(engine.RecoveryRecord.Body, entry);
+    engine.Call.ExpectedBlock = position.ExpectedBlock;
+    engine.Call.ReceiveRemaining = position.ReceiveRemaining;
+    EngineWindow& display = Display(engine);
     display.ShowBatchEstimate(position.ReceiveRemaining);
     display.SetProgress(entry.BytesDone, entry.TotalLength);
     display.ShowThroughput(false, false);
 }
 
-void ApplyRecoveryAtSender() {
-    const RecoveryBody body = RecordFromBytes<RecoveryBody>(TheEngine.Line->TokenBuffer);
-    TheEngine.Call.BlockIndex = 0;
-    FileEntry& entry = TheEngine.SendList[0];
+void ApplyRecoveryAtSender(TransferEngine& engine) {
+    const RecoveryBody body = RecordFromBytes<RecoveryBody>(engine.Line->TokenBuffer);
+    engine.Call.BlockIndex = 0;
+    FileEntry& entry = engine.SendList[0];
     const RecoveryPosition position = ApplyRecoveryBody(body, entry);
-    TheEngine.SendList.SetRemaining(position.ReceiveRemaining);
-    EngineWindow& display = Display();
+    engine.SendList.SetRemaining(position.ReceiveRemaining);
+    EngineWindow& display = Display(engine);
     display.ShowBatchEstimate(position.ReceiveRemaining);
     display.SetProgress(entry.BytesDone, entry.TotalLength);
     display.ShowThroughput(true, false);
     // The section read ahead is dropped; the next read starts at the position.
-    TheEngine.SectionWanted = true;
+    engine.SectionWanted = true;
 }
 
-void ConfirmRecovery() {
-    SendToken(TokenSendRecovr);
-    TheEngine.Call.LinkState = LinkState::Transfer;
+void ConfirmRecovery(TransferEngine& engine) {
+    SendToken(engine, TokenSendRecovr);
+    engine.Call.LinkState = LinkState::Transfer;
 }
 
 bool RecoveryBodySound(const RecoveryBody& body) {

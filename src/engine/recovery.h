@@ -6,19 +6,21 @@
 
 #include "engine/wire.h"
 
+struct TransferEngine;
+
 // Copies ReceiveList[0] to SavedEntry and writes RecoveryRecord for the same
 // moment; the two never speak of different files. The record on the disk
 // follows, so that the position outlives the program.
-void SnapshotSection();
+void SnapshotSection(TransferEngine& engine);
 // Receiving side: asks for the failed section again.
-void RequestSectionResend();
+void RequestSectionResend(TransferEngine& engine);
 // Receiving side: back to the start of the failed section, on SENDRECOVR.
-void ApplyRecoveryAtReceiver();
+void ApplyRecoveryAtReceiver(TransferEngine& engine);
 // Sending side: takes over the position in the 80 bytes at the start of
 // TokenBuffer.
-void ApplyRecoveryAtSender();
+void ApplyRecoveryAtSender(TransferEngine& engine);
 // Sending side: SENDRECOVR, and the transfer goes on.
-void ConfirmRecovery();
+void ConfirmRecovery(TransferEngine& engine);
 
 // True if a body, as it came from the far end, describes a position inside a
 // data stream that the block counters can hold, so that the pipeline can

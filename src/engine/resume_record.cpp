@@ -33,8 +33,8 @@ uint16_t CheckOf(const Record& record) {
     return Crc16(record.data(), static_cast<uint32_t>(CheckAt), 0);
 }
 
-void WriteRecord(const Record& record, bool create) {
-    const std::string path = Stores().Paths.ResumeRecordPath;
+void WriteRecord(TransferEngine& engine, const Record& record, bool create) {
+    const std::string path = engine.Stores().Paths.ResumeRecordPath;
     File file;
     if (!file.Open(path, File::Mode::Write) &&
         !(create && file.Open(path, File::Mode::CreateReadWrite))) {
@@ -47,10 +47,10 @@ void WriteRecord(const Record& record, bool create) {
 // Whether the part that the entry names may be taken up: a part this program
 // made in "Incoming Files", holding the recorded sections and at most one
 // section more, which is cut off. Anything else is left as it stands.
-bool PartTakesUp(const FileEntry& entry) {
+bool PartTakesUp(TransferEngine& engine, const FileEntry& entry) {
     const std::string path(entry.FilePath.View());
     const std::string_view view(path);
-    const std::string folder = Stores().Paths.IncomingPath + "/";
+    const std::string folder = engine.Stores().Paths.IncomingPath + "/";
     if (entry.WireName.IsEmpty() || entry.DisplayName.IsEmpty() ||
         view.substr(0, folder.size()) != folder || view.find("/../") != std::string_view::npos ||
         view.size() <= PartMarker.size() ||
@@ -73,32 +73,32 @@ bool PartTakesUp(const FileEntry& entry) {
 
 }  // namespace
 
-void SaveResumeCandidate() {
-    const FileEntry& saved = TheEngine.SavedEntry;
+void SaveResumeCandidate(TransferEngine& engine) {
+    const FileEntry& saved = engine.SavedEntry;
     Record record{};
     std::memcpy(record.data(), RecordMagic.data(), RecordMagic.size());
-    std::memcpy(record.data() + BodyAt, &TheEngine.RecoveryRecord.Body, sizeof(RecoveryBody));
+    std::memcpy(record.data() + BodyAt, &engine.RecoveryRecord.Body, sizeof(RecoveryBody));
     std::memcpy(record.data() + WireNameAt, saved.WireName.Bytes, sizeof saved.WireName);
     std::memcpy(record.data() + DisplayNameAt, saved.DisplayName.Bytes, sizeof saved.DisplayName);
     std::memcpy(record.data() + FilePathAt, saved.FilePath.Bytes, sizeof saved.FilePath);
     const uint16_t check = CheckOf(record);
     record[CheckAt] = static_cast<uint8_t>(check & 0xFF);
     record[CheckAt + 1] = static_cast<uint8_t>(check >> 8);
-    WriteRecord(record, true);
+    WriteRecord(engine, record, true);
 }
 
-void ForgetResumeCandidate() {
-    TheEngine.SavedEntry.WireName.Clear();
+void ForgetResumeCandidate(TransferEngine& engine) {
+    engine.SavedEntry.WireName.Clear();
     // Nothing in it is a record: no magic.
-    WriteRecord(Record{}, false);
+    WriteRecord(engine, Record{}, false);
 }
 
-void LoadResumeCandidate() {
-    TheEngine.SavedEntry = FileEntry{};
+void LoadResumeCandidate(TransferEngine& engine) {
+    engine.SavedEntry = FileEntry{};
     Record record{};
     {
         File file;
-        if (!file.Open(Stores().Paths.ResumeRecordPath, File::Mode::Read) ||
+        if (!file.Open(engine.Stores().Paths.ResumeRecordPath, File::Mode::Read) ||
             file.Read(record.data(), static_cast<uint32_t>(RecordBytes)) != RecordBytes) {
             return;
         }
@@ -119,10 +119,11 @@ void LoadResumeCandidate() {
     entry.DisplayName.Bytes[sizeof entry.DisplayName - 1] = 0;
     entry.FilePath.Bytes[sizeof entry.FilePath - 1] = 0;
     if (!RecoveryBodySound(body) ||
-        RecoveryPositionOf(body).ExpectedBlock != ExpectedBlockOf(entry) || !PartTakesUp(entry)) {
-        ForgetResumeCandidate();
+        RecoveryPositionOf(body).ExpectedBlock != ExpectedBlockOf(entry) ||
+        !PartTakesUp(engine, entry)) {
+        ForgetResumeCandidate(engine);
         return;
     }
-    TheEngine.SavedEntry = entry;
-    TheEngine.RecoveryRecord = MakeRecoveryMessage(TokenFileRecovr, body);
+    engine.SavedEntry = entry;
+    engine.RecoveryRecord = MakeRecoveryMessage(TokenFileRecovr, body);
 }

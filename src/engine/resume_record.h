@@ -11,17 +11,19 @@
 // which is ignored.
 #pragma once
 
+struct TransferEngine;
+
 // Writes SavedEntry and the body of RecoveryRecord to the record. A write
 // that fails is silent, as for the stores; the next start then finds the
 // previous record, or none, and no part it cannot vouch for is taken up.
-void SaveResumeCandidate();
+void SaveResumeCandidate(TransferEngine& engine);
 // The candidacy has ended: SavedEntry is emptied, and so is the record. The
 // part itself is the caller's business.
-void ForgetResumeCandidate();
+void ForgetResumeCandidate(TransferEngine& engine);
 // At start, before a call can be answered: SavedEntry and RecoveryRecord
 // take what the record holds, if it is whole and its part is still there as
 // it was left. A part one section longer (the program ended between a
 // section's append and the record's write) is cut back to the recorded
 // position. A part that fits in no such way is not this program's to resume:
 // it is left alone, and the record is cleared.
-void LoadResumeCandidate();
+void LoadResumeCandidate(TransferEngine& engine);

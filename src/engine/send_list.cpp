@@ -4,13 +4,12 @@
 
 void SendList::Allocate() {
     if (entries_ == nullptr) {
-        entries_ = new FileEntry[ListCapacity]();
+        entries_ = std::make_unique<FileEntry[]>(ListCapacity);
     }
 }
 
 void SendList::Free() {
-    delete[] entries_;
-    entries_ = nullptr;
+    entries_.reset();
     count_.store(0);
     remaining_.store(0);
 }

@@ -16,6 +16,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 
 #include "engine/file_entry.h"
 #include "engine/wire.h"
@@ -69,7 +70,7 @@ public:
     void SetRemaining(uint32_t bytes) { remaining_.store(bytes); }
 
 private:
-    FileEntry* entries_ = nullptr;
+    std::unique_ptr<FileEntry[]> entries_;
     std::atomic<int16_t> count_{0};
     std::atomic<uint32_t> remaining_{0};
 };

@@ -27,38 +27,38 @@ int64_t FileSizeOf(uint32_t dataLength) {
 
 // Waits, without spinning, for the bytes still in the output queue to leave
 // the port: a nap sized by what is left at the port's speed.
-void NapWhileOutputDrains(uint32_t waiting) {
+void NapWhileOutputDrains(TransferEngine& engine, uint32_t waiting) {
     const uint32_t baud =
-        TheEngine.Line->Port() != nullptr ? TheEngine.Line->Port()->BaudRate.load() : 9600;
+        engine.Line->Port() != nullptr ? engine.Line->Port()->BaudRate.load() : 9600;
     // Ten bits on the line for each byte.
     const uint64_t ms = uint64_t{waiting} * 10 * 1000 / std::max<uint32_t>(baud, 1) + 1;
     SleepMs(static_cast<uint32_t>(std::min<uint64_t>(ms, LongestDrainNapMs)));
 }
 
 // The file cannot give what its entry announced: the call cannot go on.
-void ReportUnreadable(const FileEntry& entry) {
-    Stores().Log.Add("Cannot read file: " + std::string(entry.DisplayName.View()));
-    TheEngine.Call.Session.SendFault = true;
+void ReportUnreadable(TransferEngine& engine, const FileEntry& entry) {
+    engine.Stores().Log.Add("Cannot read file: " + std::string(entry.DisplayName.View()));
+    engine.Call.Session.SendFault = true;
     // The communications thread ends the call at its next pass.
-    TheEngine.Line->InterruptPortWait();
+    engine.Line->InterruptPortWait();
 }
 
-void HandToWriter(const uint8_t* block, int16_t length) {
-    TheEngine.WriterIdle = false;
-    TheEngine.WriteBlockLength = length;
-    TheEngine.WriteBlock = block;
-    WakeThread(TheEngine.WriterThread.load());
+void HandToWriter(TransferEngine& engine, const uint8_t* block, int16_t length) {
+    engine.WriterIdle = false;
+    engine.WriteBlockLength = length;
+    engine.WriteBlock = block;
+    WakeThread(engine.WriterThread.load());
 }
 
-void BookBlock(FileEntry& entry, uint32_t bytes) {
-    TheEngine.SendList.Book(bytes);
+void BookBlock(TransferEngine& engine, FileEntry& entry, uint32_t bytes) {
+    engine.SendList.Book(bytes);
     entry.BytesDone += bytes;
 }
 
 }  // namespace
 
-void ReadNextSection() {
-    FileEntry& entry = TheEngine.SendList[0];
+void ReadNextSection(TransferEngine& engine) {
+    FileEntry& entry = engine.SendList[0];
     const int64_t offset = SectionFileOffset(entry.NextBlock);
     // What the list announced for this section.
     const int64_t rest = FileSizeOf(entry.DataLength) - offset;
@@ -66,141 +66,142 @@ void ReadNextSection() {
         // The read ahead at the start of a file's last section finds nothing
         // behind it, and nothing from there is ever sent. The counter stays,
         // so that it never counts a section the file does not have.
-        TheEngine.StagedLength = 0;
+        engine.StagedLength = 0;
     } else if (entry.DataDone == 0) {
         const uint32_t announced = static_cast<uint32_t>(std::min<int64_t>(rest, SectionFileBytes));
         File file;
         if (offset < 0 || !file.Open(std::string(entry.FilePath.View()), File::Mode::Read) ||
             !file.Seek(offset, File::From::Begin)) {
-            ReportUnreadable(entry);
+            ReportUnreadable(engine, entry);
             return;
         }
-        const uint32_t got = file.Read(TheEngine.StagedSection + SectionCrcBytes, SectionFileBytes);
+        const uint32_t got =
+            file.Read(engine.StagedSection.get() + SectionCrcBytes, SectionFileBytes);
         file.Close();
         // A file that has shrunk since it was listed would be repaired without
         // end; one that has grown goes out as long as it was announced.
         if (got < announced) {
-            ReportUnreadable(entry);
+            ReportUnreadable(engine, entry);
             return;
         }
-        TheEngine.StagedLength = announced;
+        engine.StagedLength = announced;
         entry.NextBlock = static_cast<int16_t>(entry.NextBlock + BlocksPerSection);
-        SealSection(TheEngine.StagedSection, announced);
+        SealSection(engine.StagedSection.get(), announced);
     }
-    TheEngine.SectionWanted = false;
+    engine.SectionWanted = false;
 }
 
-BlockOutcome SendNextBlock() {
-    if (TheEngine.SendList.IsEmpty()) {
+BlockOutcome SendNextBlock(TransferEngine& engine) {
+    if (engine.SendList.IsEmpty()) {
         return BlockOutcome::Nothing;
     }
-    FileEntry& entry = TheEngine.SendList[0];
+    FileEntry& entry = engine.SendList[0];
     if (entry.StartTime == 0) {
         entry.StartTime = NowMs();
     }
-    uint8_t* working = TheEngine.WorkingSection;
-    int16_t slot = TheEngine.Call.BlockIndex.load();
+    uint8_t* working = engine.WorkingSection.get();
+    int16_t slot = engine.Call.BlockIndex.load();
     if (slot == 0) {
         // A section begins: the next one is read while this one goes out.
-        std::memcpy(working, TheEngine.StagedSection,
-                    TheEngine.StagedLength.load() + SectionCrcBytes);
-        TheEngine.SectionWanted = true;
+        std::memcpy(working, engine.StagedSection.get(),
+                    engine.StagedLength.load() + SectionCrcBytes);
+        engine.SectionWanted = true;
     }
     if (entry.DataDone != 0) {
         // The last block has left the port: this step runs only with the
         // writer idle and the output queue empty.
         entry.LastBlockTime = NowMs();
         LinkState expected = LinkState::Transfer;
-        if (!TheEngine.Call.LinkState.compare_exchange_strong(expected, LinkState::FileSent)) {
+        if (!engine.Call.LinkState.compare_exchange_strong(expected, LinkState::FileSent)) {
             return BlockOutcome::Nothing;  // a repair has begun meanwhile
         }
         return BlockOutcome::FileSent;
     }
     if (entry.BlocksDone < entry.DataBlocks) {
-        HandToWriter(working + slot * BlockBytes, static_cast<int16_t>(BlockBytes));
-        BookBlock(entry, BlockBytes);
+        HandToWriter(engine, working + slot * BlockBytes, static_cast<int16_t>(BlockBytes));
+        BookBlock(engine, entry, BlockBytes);
         entry.BlocksDone = static_cast<int16_t>(entry.BlocksDone + 1);
         slot = static_cast<int16_t>(slot + 1);
-        TheEngine.Call.BlockIndex =
-            slot == static_cast<int16_t>(BlocksPerSection) ? int16_t{0} : slot;
+        engine.Call.BlockIndex = slot == static_cast<int16_t>(BlocksPerSection) ? int16_t{0} : slot;
         return BlockOutcome::Handed;
     }
     if (entry.LastBlockBytes > 0) {
-        HandToWriter(working + slot * BlockBytes, entry.LastBlockBytes);
-        BookBlock(entry, static_cast<uint32_t>(entry.LastBlockBytes));
+        HandToWriter(engine, working + slot * BlockBytes, entry.LastBlockBytes);
+        BookBlock(engine, entry, static_cast<uint32_t>(entry.LastBlockBytes));
     }
     entry.DataDone = 1;
-    TheEngine.Call.BlockIndex = 0;
+    engine.Call.BlockIndex = 0;
     return BlockOutcome::Handed;
 }
 
-void RefreshSendDisplay() {
-    if (TheEngine.SendList.IsEmpty()) {
+void RefreshSendDisplay(TransferEngine& engine) {
+    if (engine.SendList.IsEmpty()) {
         return;
     }
-    const FileEntry& entry = TheEngine.SendList[0];
+    const FileEntry& entry = engine.SendList[0];
     if (entry.BytesDone == 0) {
         return;
     }
-    EngineWindow& display = Display();
+    EngineWindow& display = Display(engine);
     display.ShowThroughput(true, false);
     display.SetProgress(entry.BytesDone, entry.TotalLength);
-    display.ShowBatchEstimate(TheEngine.SendList.Remaining());
-    TheEngine.SendDisplayDirty = false;
+    display.ShowBatchEstimate(engine.SendList.Remaining());
+    engine.SendDisplayDirty = false;
 }
 
-unsigned SectionFeeder(void*) {
-    const ThreadHandle self = CurrentFeederHandle();
-    const ThreadHandle writer = TheEngine.WriterThread.load();
+unsigned SectionFeeder(void* parameter) {
+    TransferEngine& engine = *static_cast<TransferEngine*>(parameter);
+    const ThreadHandle self = CurrentFeederHandle(engine);
+    const ThreadHandle writer = engine.WriterThread.load();
     // After the file's end the feeder parks; woken into the next file or a
     // repair, it first brings the display up to date.
     bool refreshDue = false;
-    while (TheEngine.FeederRun.load()) {
-        if (TheEngine.Call.LinkState.load() != LinkState::Transfer ||
-            TheEngine.SendList.IsEmpty() || TheEngine.Call.Session.SendFault.load()) {
+    while (engine.FeederRun.load()) {
+        if (engine.Call.LinkState.load() != LinkState::Transfer || engine.SendList.IsEmpty() ||
+            engine.Call.Session.SendFault.load()) {
             ParkThread(self);
             continue;
         }
-        const bool sectionWanted = TheEngine.SectionWanted.load();
-        if (!sectionWanted && !refreshDue && !TheEngine.WriterIdle.load()) {
+        const bool sectionWanted = engine.SectionWanted.load();
+        if (!sectionWanted && !refreshDue && !engine.WriterIdle.load()) {
             ParkThread(self);  // the writer wakes us when its block has gone
             continue;
         }
-        if (const uint32_t waiting = TheEngine.Line->PortQueueCount(PortQueue::Output);
-            waiting != 0) {
-            NapWhileOutputDrains(waiting);
+        if (const uint32_t waiting = engine.Line->PortQueueCount(PortQueue::Output); waiting != 0) {
+            NapWhileOutputDrains(engine, waiting);
             continue;
         }
-        if (!FeederEnterStep()) {
+        if (!FeederEnterStep(engine)) {
             continue;
         }
         if (refreshDue) {
-            RefreshSendDisplay();
+            RefreshSendDisplay(engine);
             refreshDue = false;
         } else if (sectionWanted) {
-            ReadNextSection();
-        } else if (SendNextBlock() == BlockOutcome::FileSent) {
+            ReadNextSection(engine);
+        } else if (SendNextBlock(engine) == BlockOutcome::FileSent) {
             refreshDue = true;
         }
-        FeederLeaveStep();
+        FeederLeaveStep(engine);
     }
-    TheEngine.WriterRun = false;
+    engine.WriterRun = false;
     WakeThread(writer);
     return 0;
 }
 
-unsigned BlockWriter(void*) {
-    const ThreadHandle self = TheEngine.WriterThread.load();
-    const ThreadHandle feeder = CurrentFeederHandle();
-    while (TheEngine.WriterRun.load()) {
-        TheEngine.Line->SendBytes(TheEngine.WriteBlock.load(), TheEngine.WriteBlockLength.load());
+unsigned BlockWriter(void* parameter) {
+    TransferEngine& engine = *static_cast<TransferEngine*>(parameter);
+    const ThreadHandle self = engine.WriterThread.load();
+    const ThreadHandle feeder = CurrentFeederHandle(engine);
+    while (engine.WriterRun.load()) {
+        engine.Line->SendBytes(engine.WriteBlock.load(), engine.WriteBlockLength.load());
         // The line took the block: the far end is taking data.
-        TheEngine.Call.Session.FarEndSeenAt = NowMs();
-        TheEngine.SendDisplayDirty = true;
-        if (!TheEngine.SendList.IsEmpty()) {
-            TheEngine.SendList[0].LastBlockTime = NowMs();
+        engine.Call.Session.FarEndSeenAt = NowMs();
+        engine.SendDisplayDirty = true;
+        if (!engine.SendList.IsEmpty()) {
+            engine.SendList[0].LastBlockTime = NowMs();
         }
-        TheEngine.WriterIdle = true;
+        engine.WriterIdle = true;
         WakeThread(feeder);
         ParkThread(self);
     }

@@ -29,40 +29,39 @@ constexpr int FileSentWaitMs = 2000;
 
 // An empty file carries no data and the far end, which has made it already,
 // sends no ACK for it: it leaves the list as soon as it comes to the top.
-void DropLeadingEmptyEntries() {
-    while (!TheEngine.SendList.IsEmpty() &&
-           TheEngine.SendList[0].EntryKind != FileKind::FolderMarker &&
-           TheEngine.SendList[0].DataLength == 0) {
-        DropFirstSendEntry();
+void DropLeadingEmptyEntries(TransferEngine& engine) {
+    while (!engine.SendList.IsEmpty() && engine.SendList[0].EntryKind != FileKind::FolderMarker &&
+           engine.SendList[0].DataLength == 0) {
+        DropFirstSendEntry(engine);
     }
 }
 
-void LogSendingFile(const char* what) {
-    Stores().Log.Add(std::string(what) + std::string(TheEngine.SendList[0].DisplayName.View()));
+void LogSendingFile(TransferEngine& engine, const char* what) {
+    engine.Stores().Log.Add(std::string(what) + std::string(engine.SendList[0].DisplayName.View()));
 }
 
-void StartTransfer() {
-    TheEngine.SectionWanted = true;
-    TheEngine.FeederRun = true;
-    StartSectionFeeder();
-    Display().ShowThroughput(true, false);
-    TheEngine.Call.LinkState = LinkState::Transfer;
-    TheEngine.Call.TransferStartTime = WallSeconds();
-    WakeFeeder();
+void StartTransfer(TransferEngine& engine) {
+    engine.SectionWanted = true;
+    engine.FeederRun = true;
+    StartSectionFeeder(engine);
+    Display(engine).ShowThroughput(true, false);
+    engine.Call.LinkState = LinkState::Transfer;
+    engine.Call.TransferStartTime = WallSeconds();
+    WakeFeeder(engine);
 }
 
 // Whether a list-accepting token may start a transfer now.
-bool ReadyToStart() {
-    return TheEngine.Call.LinkState.load() == LinkState::Connected &&
-           TheEngine.Call.Session.ListOffered.load() && !FeederRunning();
+bool ReadyToStart(TransferEngine& engine) {
+    return engine.Call.LinkState.load() == LinkState::Connected &&
+           engine.Call.Session.ListOffered.load() && !FeederRunning(engine);
 }
 
 // The receiver's body behind FILERECOVR or FILERESTA; false after the call
 // has been ended because it came short.
-bool ReadRecoveryBody() {
-    if (TheEngine.Line->ReadBlock(TheEngine.Line->TokenBuffer, sizeof(RecoveryBody), BodyLimitMs) <
+bool ReadRecoveryBody(TransferEngine& engine) {
+    if (engine.Line->ReadBlock(engine.Line->TokenBuffer, sizeof(RecoveryBody), BodyLimitMs) <
         sizeof(RecoveryBody)) {
-        EndCall(CallEnd::Fault);
+        EndCall(engine, CallEnd::Fault);
         return false;
     }
     return true;
@@ -71,155 +70,155 @@ bool ReadRecoveryBody() {
 // Whether the body just read may move the file on top of the list: sound in
 // itself, and about a stream of that file's length. A body of another length
 // would have the feeder read past the file's end, or send the wrong blocks.
-bool BodyFitsTopFile() {
-    const RecoveryBody body = RecordFromBytes<RecoveryBody>(TheEngine.Line->TokenBuffer);
+bool BodyFitsTopFile(TransferEngine& engine) {
+    const RecoveryBody body = RecordFromBytes<RecoveryBody>(engine.Line->TokenBuffer);
     if (!RecoveryBodySound(body)) {
         return false;
     }
     FileEntry position;
     ApplyRecoveryBody(body, position);
-    const FileEntry& top = TheEngine.SendList[0];
+    const FileEntry& top = engine.SendList[0];
     return position.DataLength == top.DataLength && position.AuxLength == top.AuxLength;
 }
 
-Dispatch OnFileRecovr() {
-    if (!ReadRecoveryBody()) {
+Dispatch OnFileRecovr(TransferEngine& engine) {
+    if (!ReadRecoveryBody(engine)) {
         return Dispatch::Stop;
     }
-    const LinkState state = TheEngine.Call.LinkState.load();
+    const LinkState state = engine.Call.LinkState.load();
     // With the list empty the file of that data has been acknowledged
     // already; a repair would put a stale entry back on the way.
-    if (!FeederRunning() || (state != LinkState::Transfer && state != LinkState::FileSent) ||
-        TheEngine.SendList.IsEmpty()) {
+    if (!FeederRunning(engine) || (state != LinkState::Transfer && state != LinkState::FileSent) ||
+        engine.SendList.IsEmpty()) {
         return Dispatch::Stop;  // no data of ours is on its way: nothing to repair
     }
-    if (!BodyFitsTopFile()) {
-        EndCall(CallEnd::Fault);
+    if (!BodyFitsTopFile(engine)) {
+        EndCall(engine, CallEnd::Fault);
         return Dispatch::Stop;
     }
     // The feeder stops at its next step; the position is rewritten only once
     // it has left the step it is in.
-    TheEngine.Call.LinkState = LinkState::Recovery;
-    WaitFeederOutOfStep();
-    ApplyRecoveryAtSender();
+    engine.Call.LinkState = LinkState::Recovery;
+    WaitFeederOutOfStep(engine);
+    ApplyRecoveryAtSender(engine);
     return Dispatch::Stop;
 }
 
-Dispatch OnContSend() {
-    if (TheEngine.Call.LinkState.load() != LinkState::Recovery) {
+Dispatch OnContSend(TransferEngine& engine) {
+    if (engine.Call.LinkState.load() != LinkState::Recovery) {
         return Dispatch::Stop;
     }
-    ConfirmRecovery();
+    ConfirmRecovery(engine);
     // The feeder has parked if the failed section was the file's last.
-    WakeFeeder();
+    WakeFeeder(engine);
     return Dispatch::Stop;
 }
 
-Dispatch OnListAccepted() {
-    if (!ReadyToStart()) {
+Dispatch OnListAccepted(TransferEngine& engine) {
+    if (!ReadyToStart(engine)) {
         return Dispatch::Next;
     }
-    DropLeadingEmptyEntries();
-    if (TheEngine.SendList.IsEmpty()) {
+    DropLeadingEmptyEntries(engine);
+    if (engine.SendList.IsEmpty()) {
         return Dispatch::Next;
     }
-    LogSendingFile("Sending File: ");
-    StartTransfer();
+    LogSendingFile(engine, "Sending File: ");
+    StartTransfer(engine);
     return Dispatch::Next;
 }
 
-Dispatch OnListResumed() {
-    if (!ReadRecoveryBody()) {
+Dispatch OnListResumed(TransferEngine& engine) {
+    if (!ReadRecoveryBody(engine)) {
         return Dispatch::Stop;
     }
-    if (!ReadyToStart()) {
+    if (!ReadyToStart(engine)) {
         return Dispatch::Next;
     }
-    DropLeadingEmptyEntries();
-    if (TheEngine.SendList.IsEmpty()) {
+    DropLeadingEmptyEntries(engine);
+    if (engine.SendList.IsEmpty()) {
         return Dispatch::Next;
     }
-    if (!BodyFitsTopFile()) {
-        EndCall(CallEnd::Fault);
+    if (!BodyFitsTopFile(engine)) {
+        EndCall(engine, CallEnd::Fault);
         return Dispatch::Stop;
     }
-    ApplyRecoveryAtSender();
-    LogSendingFile("Sending Recovered File: ");
-    StartTransfer();
+    ApplyRecoveryAtSender(engine);
+    LogSendingFile(engine, "Sending Recovered File: ");
+    StartTransfer(engine);
     return Dispatch::Next;
 }
 
 // ACK4 and ACK2 speak of a file whose last block has gone. If the token came
 // before the feeder has parked, it waits for it; a token that belongs to no
 // file on its way does nothing.
-bool FileIsThrough() {
-    if (!FeederRunning()) {
+bool FileIsThrough(TransferEngine& engine) {
+    if (!FeederRunning(engine)) {
         return false;
     }
-    const LinkState state = TheEngine.Call.LinkState.load();
+    const LinkState state = engine.Call.LinkState.load();
     if (state == LinkState::FileSent) {
-        WaitFeederOutOfStep();
+        WaitFeederOutOfStep(engine);
         return true;
     }
-    return state == LinkState::Transfer && WaitFeederFileSent(FileSentWaitMs);
+    return state == LinkState::Transfer && WaitFeederFileSent(engine, FileSentWaitMs);
 }
 
-Dispatch OnAllFilesSent() {
-    const LinkState state = TheEngine.Call.LinkState.load();
+Dispatch OnAllFilesSent(TransferEngine& engine) {
+    const LinkState state = engine.Call.LinkState.load();
     // With no feeder the list held no data at all, and the far end, having
     // made the empty files, answers the offer with ACK2 at once.
-    const bool emptyList = !FeederRunning() && TheEngine.Call.Session.ListOffered.load() &&
+    const bool emptyList = !FeederRunning(engine) && engine.Call.Session.ListOffered.load() &&
                            (state == LinkState::Connected || state == LinkState::FileSent);
-    if (!emptyList && !FileIsThrough()) {
+    if (!emptyList && !FileIsThrough(engine)) {
         return Dispatch::Next;
     }
-    DropFirstSendEntry();
+    DropFirstSendEntry(engine);
     // Empty files behind the last one were made by the far end from the list
     // alone; they are through too, and leave the list with their rows.
-    DropLeadingEmptyEntries();
-    EndCall(CallEnd::AllSent);
+    DropLeadingEmptyEntries(engine);
+    EndCall(engine, CallEnd::AllSent);
     return Dispatch::Stop;
 }
 
-Dispatch OnReceiverReady() {
-    if (TheEngine.Call.LinkState.load() != LinkState::Connected ||
-        TheEngine.Call.Session.ListOffered.load()) {
+Dispatch OnReceiverReady(TransferEngine& engine) {
+    if (engine.Call.LinkState.load() != LinkState::Connected ||
+        engine.Call.Session.ListOffered.load()) {
         return Dispatch::Next;
     }
-    if (!TheEngine.Call.RetrievePending.load()) {
-        StartSendSession();
+    if (!engine.Call.RetrievePending.load()) {
+        StartSendSession(engine);
         return Dispatch::Next;
     }
-    TheEngine.Call.Session.ListOffered = true;
-    SendToken(TokenRetrieve);
+    engine.Call.Session.ListOffered = true;
+    SendToken(engine, TokenRetrieve);
     const RetrieveRequest request = MakeRetrieveRequest(
-        std::string_view(TheEngine.Line->LocalNumber,
-                         strnlen(TheEngine.Line->LocalNumber, sizeof TheEngine.Line->LocalNumber)));
-    TheEngine.Line->SendBytes(&request, sizeof request);
-    TheEngine.Call.Role = Role::Receiver;
-    TheEngine.Call.LastRxTime = NowMs();
+        std::string_view(engine.Line->LocalNumber,
+                         strnlen(engine.Line->LocalNumber, sizeof engine.Line->LocalNumber)));
+    engine.Line->SendBytes(&request, sizeof request);
+    engine.Call.Role = Role::Receiver;
+    engine.Call.LastRxTime = NowMs();
     return Dispatch::Next;
 }
 
 // The far end refused the list. It would only wait for its own watchdog to
 // end the call, so this end says why and hangs up at once; the list stays
 // for another try.
-Dispatch OnListRefused(CallEnd why) {
-    if (TheEngine.Call.LinkState.load() != LinkState::Connected ||
-        !TheEngine.Call.Session.ListOffered.load() || FeederRunning()) {
+Dispatch OnListRefused(TransferEngine& engine, CallEnd why) {
+    if (engine.Call.LinkState.load() != LinkState::Connected ||
+        !engine.Call.Session.ListOffered.load() || FeederRunning(engine)) {
         return Dispatch::Next;  // no list of ours awaits an answer
     }
-    EndCall(why);
+    EndCall(engine, why);
     return Dispatch::Stop;
 }
 
-Dispatch OnNextFileWanted() {
-    if (!FileIsThrough()) {
+Dispatch OnNextFileWanted(TransferEngine& engine) {
+    if (!FileIsThrough(engine)) {
         return Dispatch::Next;
     }
-    DropFirstSendEntry();
-    BeginNextFile();
-    WakeFeeder();
+    DropFirstSendEntry(engine);
+    BeginNextFile(engine);
+    WakeFeeder(engine);
     return Dispatch::Next;
 }
 
@@ -230,8 +229,8 @@ constexpr std::array<TokenRow, 11> SenderTokens{{
     {TokenContSend.Text(), {}, OnContSend},
     {TextNoC,
      {},
-     [] {
-         EndCall(CallEnd::SenderLostLine);
+     [](TransferEngine& engine) {
+         EndCall(engine, CallEnd::SenderLostLine);
          return Dispatch::Stop;
      }},
     {TextAck1, TokenAck3.Text(), OnListAccepted},
@@ -239,97 +238,100 @@ constexpr std::array<TokenRow, 11> SenderTokens{{
     {TokenAck2.Text(), {}, OnAllFilesSent},
     {TokenAbort.Text(),
      {},
-     [] {
-         EndCall(CallEnd::FarEndAborted);
+     [](TransferEngine& engine) {
+         EndCall(engine, CallEnd::FarEndAborted);
          return Dispatch::Stop;
      }},
     {TokenRcvcon.Text(), {}, OnReceiverReady},
     {TokenAck4.Text(), {}, OnNextFileWanted},
-    {TokenNak3.Text(), {}, [] { return OnListRefused(CallEnd::ListRefusedNoSpace); }},
-    {TokenNak4.Text(), {}, [] { return OnListRefused(CallEnd::ListRefusedCorrupt); }},
+    {TokenNak3.Text(),
+     {},
+     [](TransferEngine& engine) { return OnListRefused(engine, CallEnd::ListRefusedNoSpace); }},
+    {TokenNak4.Text(),
+     {},
+     [](TransferEngine& engine) { return OnListRefused(engine, CallEnd::ListRefusedCorrupt); }},
 }};
 
 }  // namespace
 
-void OnSenderInput() {
+void OnSenderInput(TransferEngine& engine) {
     std::string line;
-    if (!ReadTokenLine(TokenLineLimitMs, line)) {
+    if (!ReadTokenLine(engine, TokenLineLimitMs, line)) {
         return;
     }
-    DispatchLine(line, SenderTokens);
+    DispatchLine(engine, line, SenderTokens);
 }
 
-void StartSendSession() {
+void StartSendSession(TransferEngine& engine) {
     SleepMs(100);
-    BuildSessionRecords();
-    const int16_t count = TheEngine.SendList.Count();
-    SendToken(TokenH100);
-    TheEngine.Line->SendBytes(&TheEngine.OutHeader, sizeof(SessionHeader));
-    TheEngine.Line->SendBytes(TheEngine.WireList,
-                              static_cast<int16_t>(count * sizeof(WireFileEntry)));
-    TheEngine.Call.BlockIndex = 0;
-    TheEngine.Call.Session.ListOffered = true;
-    if (count > 0 && TheEngine.SendList[0].EntryKind == FileKind::FolderMarker) {
+    BuildSessionRecords(engine);
+    const int16_t count = engine.SendList.Count();
+    SendToken(engine, TokenH100);
+    engine.Line->SendBytes(&engine.OutHeader, sizeof(SessionHeader));
+    engine.Line->SendBytes(engine.WireList.get(),
+                           static_cast<int16_t>(count * sizeof(WireFileEntry)));
+    engine.Call.BlockIndex = 0;
+    engine.Call.Session.ListOffered = true;
+    if (count > 0 && engine.SendList[0].EntryKind == FileKind::FolderMarker) {
         // The marker has told the far end where the files go; it carries
         // nothing itself.
-        DropFirstSendEntry();
+        DropFirstSendEntry(engine);
     }
-    Display().ShowTransferDisplay(true);
+    Display(engine).ShowTransferDisplay(true);
 }
 
-void BuildSessionRecords() {
-    const int16_t count = TheEngine.SendList.Count();
-    TheEngine.OutHeader =
-        MakeSessionHeader(static_cast<uint32_t>(count), TheEngine.SendList.Remaining());
+void BuildSessionRecords(TransferEngine& engine) {
+    const int16_t count = engine.SendList.Count();
+    engine.OutHeader = MakeSessionHeader(static_cast<uint32_t>(count), engine.SendList.Remaining());
     for (int16_t i = 0; i < count; ++i) {
-        TheEngine.WireList[i] = MakeWireFileEntry(TheEngine.SendList[i]);
+        engine.WireList[i] = MakeWireFileEntry(engine.SendList[i]);
     }
 }
 
-void DropFirstSendEntry() {
-    const int16_t count = TheEngine.SendList.Count();
+void DropFirstSendEntry(TransferEngine& engine) {
+    const int16_t count = engine.SendList.Count();
     if (count <= 0) {
         return;
     }
-    EngineWindow& display = Display();
-    if (TheEngine.Call.LinkState.load() >= LinkState::Transfer) {
+    EngineWindow& display = Display(engine);
+    if (engine.Call.LinkState.load() >= LinkState::Transfer) {
         display.SetProgress(100, 100);
         display.ShowThroughput(true, true);
     }
-    SendList& list = TheEngine.SendList;
-    if (TheEngine.PickupSend.load() && list[0].EntryKind != FileKind::FolderMarker) {
+    SendList& list = engine.SendList;
+    if (engine.PickupSend.load() && list[0].EntryKind != FileKind::FolderMarker) {
         MoveToSentFiles(std::string(list[0].FilePath.View()));
     }
     // The wire list is kept in step with the send list.
     for (int16_t i = 0; i + 1 < count; ++i) {
-        TheEngine.WireList[i] = TheEngine.WireList[i + 1];
+        engine.WireList[i] = engine.WireList[i + 1];
     }
     list.DropFirst();
     display.RemoveTopFileRow();
     display.ShowBatchEstimate(list.Remaining());
     if (list.IsEmpty()) {
-        TheEngine.Call.LinkState = LinkState::FileSent;
-        if (TheEngine.PickupSend.load()) {
+        engine.Call.LinkState = LinkState::FileSent;
+        if (engine.PickupSend.load()) {
             // The pick-up folder has emptied: its button shows it.
             display.ShowSelectedCorrespondent();
         }
     }
-    TheEngine.Line->SetLinePolling(1);
+    engine.Line->SetLinePolling(1);
 }
 
-void BeginNextFile() {
-    DropLeadingEmptyEntries();
-    if (TheEngine.SendList.IsEmpty()) {
+void BeginNextFile(TransferEngine& engine) {
+    DropLeadingEmptyEntries(engine);
+    if (engine.SendList.IsEmpty()) {
         return;
     }
-    LogSendingFile("Sending File: ");
-    TheEngine.SectionWanted = true;
-    TheEngine.Call.LinkState = LinkState::Transfer;
+    LogSendingFile(engine, "Sending File: ");
+    engine.SectionWanted = true;
+    engine.Call.LinkState = LinkState::Transfer;
 }
 
-void ResetSendPosition() {
-    if (!TheEngine.SendList.IsEmpty()) {
-        FileEntry& entry = TheEngine.SendList[0];
+void ResetSendPosition(TransferEngine& engine) {
+    if (!engine.SendList.IsEmpty()) {
+        FileEntry& entry = engine.SendList[0];
         entry.NextBlock = 0;
         entry.BlocksDone = 0;
         entry.AuxNextBlock = 0;
@@ -340,5 +342,5 @@ void ResetSendPosition() {
         entry.DataDone = entry.DataLength == 0 ? 1 : 0;
         entry.AuxDone = entry.AuxLength == 0 ? 1 : 0;
     }
-    Display().ShowBatchEstimate(TheEngine.SendList.RecomputeTotal());
+    Display(engine).ShowBatchEstimate(engine.SendList.RecomputeTotal());
 }

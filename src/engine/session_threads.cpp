@@ -9,58 +9,50 @@
 #include "line/comm_port.h"
 #include "platform/clock.h"
 
-namespace {
-
-SessionThreads& Threads() {
-    return TheEngine.Threads;
+void ReturnToIdle(TransferEngine& engine) {
+    ShowLinkState(engine, LinkState::Idle);
 }
 
-}  // namespace
-
-void ReturnToIdle() {
-    ShowLinkState(LinkState::Idle);
+void ShowLinkState(TransferEngine& engine, LinkState state) {
+    std::lock_guard<std::mutex> guard(engine.Call.LinkShownLock);
+    engine.Call.LinkState = state;
+    Display(engine).UpdateActionButtons();
 }
 
-void ShowLinkState(LinkState state) {
-    std::lock_guard<std::mutex> guard(TheEngine.Call.LinkShownLock);
-    TheEngine.Call.LinkState = state;
-    Display().UpdateActionButtons();
+LinkState LinkStateAsShown(TransferEngine& engine) {
+    std::lock_guard<std::mutex> guard(engine.Call.LinkShownLock);
+    return engine.Call.LinkState.load();
 }
 
-LinkState LinkStateAsShown() {
-    std::lock_guard<std::mutex> guard(TheEngine.Call.LinkShownLock);
-    return TheEngine.Call.LinkState.load();
+void ClearSessionFlags(TransferEngine& engine) {
+    engine.Call.Session.ListOffered = false;
+    engine.Call.Session.SendFault = false;
+    engine.Call.Session.FarEndSeenAt = NowMs();
+    engine.Call.Session.FarEndSeenIn = LinkState::Idle;
+    engine.Call.Session.HangUpTried = false;
+    engine.Line->ResetSerialLimitLine();
+    engine.Call.Session.HangUpRetries = 0;
+    engine.Call.Session.HangUpRetryDue = false;
+    engine.Call.Session.AnswerPending = false;
+    engine.Call.Session.SynconHeard = false;
 }
 
-void ClearSessionFlags() {
-    TheEngine.Call.Session.ListOffered = false;
-    TheEngine.Call.Session.SendFault = false;
-    TheEngine.Call.Session.FarEndSeenAt = NowMs();
-    TheEngine.Call.Session.FarEndSeenIn = LinkState::Idle;
-    TheEngine.Call.Session.HangUpTried = false;
-    TheEngine.Line->ResetSerialLimitLine();
-    TheEngine.Call.Session.HangUpRetries = 0;
-    TheEngine.Call.Session.HangUpRetryDue = false;
-    TheEngine.Call.Session.AnswerPending = false;
-    TheEngine.Call.Session.SynconHeard = false;
+ThreadHandle CurrentFeederHandle(TransferEngine& engine) {
+    std::lock_guard<std::mutex> guard(engine.Threads.HandlesLock);
+    return engine.Threads.SessionFeeder;
 }
 
-ThreadHandle CurrentFeederHandle() {
-    std::lock_guard<std::mutex> guard(Threads().HandlesLock);
-    return Threads().SessionFeeder;
-}
-
-void StartSectionFeeder() {
+void StartSectionFeeder(TransferEngine& engine) {
     // A feeder of an earlier session that has been told to stop may still be
     // on its way out; it must be gone before a new one takes the shared words.
     ThreadHandle oldFeeder;
     {
-        std::lock_guard<std::mutex> guard(Threads().HandlesLock);
-        oldFeeder = Threads().SessionFeeder;
+        std::lock_guard<std::mutex> guard(engine.Threads.HandlesLock);
+        oldFeeder = engine.Threads.SessionFeeder;
     }
     JoinThread(oldFeeder);
-    JoinThread(TheEngine.WriterThread.load());
-    TheEngine.WriterThread.store(nullptr);
+    JoinThread(engine.WriterThread.load());
+    engine.WriterThread.store(nullptr);
 
     // The writer is made here rather than by the feeder, held until its first
     // block, so that its handle is written by this thread alone and is in
@@ -68,97 +60,97 @@ void StartSectionFeeder() {
     // other and never need the processor at the same moment, so they share
     // one: a wake that crosses processors costs far more than one that stays.
     const int processor = CurrentProcessor();
-    TheEngine.WriterRun = true;
-    TheEngine.WriterIdle = true;
-    TheEngine.WriterThread.store(
-        StartThread(BlockWriter, nullptr, ThreadPriority::Highest, true, processor));
+    engine.WriterRun = true;
+    engine.WriterIdle = true;
+    engine.WriterThread.store(
+        StartThread(BlockWriter, &engine, ThreadPriority::Highest, true, processor));
     // Held too, so that its own handle is in place before it first parks.
     ThreadHandle feeder =
-        StartThread(SectionFeeder, nullptr, ThreadPriority::Highest, true, processor);
+        StartThread(SectionFeeder, &engine, ThreadPriority::Highest, true, processor);
     {
-        std::lock_guard<std::mutex> guard(Threads().HandlesLock);
-        Threads().SessionFeeder = feeder;
+        std::lock_guard<std::mutex> guard(engine.Threads.HandlesLock);
+        engine.Threads.SessionFeeder = feeder;
     }
-    if (!feeder || !TheEngine.WriterThread.load()) {
-        TheEngine.FeederRun = false;
-        TheEngine.WriterRun = false;
-        WakeThread(TheEngine.WriterThread.load());
+    if (!feeder || !engine.WriterThread.load()) {
+        engine.FeederRun = false;
+        engine.WriterRun = false;
+        WakeThread(engine.WriterThread.load());
         WakeThread(feeder);
-        TheEngine.Call.Session.SendFault = true;
-        TheEngine.Line->InterruptPortWait();
+        engine.Call.Session.SendFault = true;
+        engine.Line->InterruptPortWait();
         return;
     }
-    TheEngine.FeederThread.store(feeder);
+    engine.FeederThread.store(feeder);
     WakeThread(feeder);
 }
 
-bool FeederRunning() {
-    return TheEngine.FeederRun.load() && TheEngine.FeederThread.load() != nullptr;
+bool FeederRunning(TransferEngine& engine) {
+    return engine.FeederRun.load() && engine.FeederThread.load() != nullptr;
 }
 
-void WakeFeeder() {
-    WakeThread(TheEngine.FeederThread.load());
+void WakeFeeder(TransferEngine& engine) {
+    WakeThread(engine.FeederThread.load());
 }
 
-void StopFeeder() {
-    TheEngine.FeederRun = false;
-    const ThreadHandle parked = TheEngine.FeederThread.exchange(nullptr);
+void StopFeeder(TransferEngine& engine) {
+    engine.FeederRun = false;
+    const ThreadHandle parked = engine.FeederThread.exchange(nullptr);
     WakeThread(parked);
 
     ThreadHandle feeder;
     {
-        std::lock_guard<std::mutex> guard(Threads().HandlesLock);
-        feeder = Threads().SessionFeeder;
+        std::lock_guard<std::mutex> guard(engine.Threads.HandlesLock);
+        feeder = engine.Threads.SessionFeeder;
     }
     if (!feeder) {
         return;
     }
-    const ThreadHandle writer = TheEngine.WriterThread.load();
+    const ThreadHandle writer = engine.WriterThread.load();
     // A block that the far end holds back would keep the writer, and so this
     // wait, for as long as it pleases; the session is over, so cut it off.
-    if (writer && !ThreadFinished(writer) && !TheEngine.WriterIdle.load()) {
-        TheEngine.Line->PurgePort();
+    if (writer && !ThreadFinished(writer) && !engine.WriterIdle.load()) {
+        engine.Line->PurgePort();
     }
     JoinThread(feeder);
-    JoinThread(TheEngine.WriterThread.load());
+    JoinThread(engine.WriterThread.load());
     {
-        std::lock_guard<std::mutex> guard(Threads().HandlesLock);
-        if (Threads().SessionFeeder == feeder) {
-            Threads().SessionFeeder = nullptr;
+        std::lock_guard<std::mutex> guard(engine.Threads.HandlesLock);
+        if (engine.Threads.SessionFeeder == feeder) {
+            engine.Threads.SessionFeeder = nullptr;
         }
     }
-    TheEngine.WriterThread.store(nullptr);
-    Threads().FeederInStep = 0;
+    engine.WriterThread.store(nullptr);
+    engine.Threads.FeederInStep = 0;
 }
 
-bool FeederEnterStep() {
-    Threads().FeederInStep.store(1);
-    if (TheEngine.Call.LinkState.load() != LinkState::Transfer || !TheEngine.FeederRun.load()) {
-        FeederLeaveStep();
+bool FeederEnterStep(TransferEngine& engine) {
+    engine.Threads.FeederInStep.store(1);
+    if (engine.Call.LinkState.load() != LinkState::Transfer || !engine.FeederRun.load()) {
+        FeederLeaveStep(engine);
         return false;
     }
     return true;
 }
 
-void FeederLeaveStep() {
+void FeederLeaveStep(TransferEngine& engine) {
     {
-        std::lock_guard<std::mutex> guard(Threads().StepLock);
-        Threads().FeederInStep.store(0);
+        std::lock_guard<std::mutex> guard(engine.Threads.StepLock);
+        engine.Threads.FeederInStep.store(0);
     }
-    Threads().StepLeft.notify_all();
+    engine.Threads.StepLeft.notify_all();
 }
 
-void WaitFeederOutOfStep() {
-    std::unique_lock<std::mutex> guard(Threads().StepLock);
-    Threads().StepLeft.wait(guard, [] { return Threads().FeederInStep.load() == 0; });
+void WaitFeederOutOfStep(TransferEngine& engine) {
+    std::unique_lock<std::mutex> guard(engine.Threads.StepLock);
+    engine.Threads.StepLeft.wait(guard, [&] { return engine.Threads.FeederInStep.load() == 0; });
 }
 
-bool WaitFeederFileSent(int limitMs) {
-    std::unique_lock<std::mutex> guard(Threads().StepLock);
-    Threads().StepLeft.wait_for(guard, std::chrono::milliseconds(limitMs), [] {
-        return TheEngine.Call.LinkState.load() != LinkState::Transfer &&
-               Threads().FeederInStep.load() == 0;
+bool WaitFeederFileSent(TransferEngine& engine, int limitMs) {
+    std::unique_lock<std::mutex> guard(engine.Threads.StepLock);
+    engine.Threads.StepLeft.wait_for(guard, std::chrono::milliseconds(limitMs), [&] {
+        return engine.Call.LinkState.load() != LinkState::Transfer &&
+               engine.Threads.FeederInStep.load() == 0;
     });
-    return TheEngine.Call.LinkState.load() == LinkState::FileSent &&
-           Threads().FeederInStep.load() == 0;
+    return engine.Call.LinkState.load() == LinkState::FileSent &&
+           engine.Threads.FeederInStep.load() == 0;
 }

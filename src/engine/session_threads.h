@@ -21,6 +21,8 @@
 #include "engine/link_state.h"
 #include "platform/thread.h"
 
+struct TransferEngine;
+
 // Flags of the session in progress, cleared when a call begins and ends.
 struct SessionFlags {
     // The list has gone out in this call (H100 was sent).
@@ -61,45 +63,45 @@ struct SessionThreads {
 };
 
 // Clears the flags of the session; its far end counts as seen now.
-void ClearSessionFlags();
+void ClearSessionFlags(TransferEngine& engine);
 
 // The last step of the end of a call: the link is idle, and the window's
 // buttons say so. It comes after the adapter has its incoming profile again
 // and the lists are tidied, so that a new call or an edit of the file list,
 // which the buttons allow from then on, never meets the tidying of the call
 // before.
-void ReturnToIdle();
+void ReturnToIdle(TransferEngine& engine);
 
 // Moves the link to a state in which the window's buttons change (idle,
 // dialing, connected) and has the buttons follow. A front end that asks
 // for the state meanwhile (LinkStateAsShown) waits until they have, so that
 // it never finds the link idle while the buttons still show the call.
-void ShowLinkState(LinkState state);
+void ShowLinkState(TransferEngine& engine, LinkState state);
 // The link's state, never ahead of the window's buttons.
-[[nodiscard]] LinkState LinkStateAsShown();
+[[nodiscard]] LinkState LinkStateAsShown(TransferEngine& engine);
 
 // Starts a new feeder for the transfer that begins now, after the threads of
 // an earlier session have been waited for. FeederRun and SectionWanted must
 // be set first.
-void StartSectionFeeder();
+void StartSectionFeeder(TransferEngine& engine);
 // True while a feeder runs for this session.
-bool FeederRunning();
+bool FeederRunning(TransferEngine& engine);
 // Wakes the feeder, if one runs, so that it looks at the state again.
-void WakeFeeder();
+void WakeFeeder(TransferEngine& engine);
 
 // The feeder's side of the step handshake. EnterStep is false when the state
 // is no longer LinkState::Transfer or the feeder is to stop; the step is then not
 // taken.
-[[nodiscard]] bool FeederEnterStep();
-void FeederLeaveStep();
+[[nodiscard]] bool FeederEnterStep(TransferEngine& engine);
+void FeederLeaveStep(TransferEngine& engine);
 
 // The communications thread's side: after it has taken LinkState out of
 // LinkState::Transfer, waits until the feeder is out of its step.
-void WaitFeederOutOfStep();
+void WaitFeederOutOfStep(TransferEngine& engine);
 // After a token that only makes sense once the file's last block is out:
 // waits at most limitMs for the feeder to reach LinkState::FileSent and leave its
 // step. True if it has.
-[[nodiscard]] bool WaitFeederFileSent(int limitMs);
+[[nodiscard]] bool WaitFeederFileSent(TransferEngine& engine, int limitMs);
 
 // The feeder's own handle, for its parking; set before it runs.
-ThreadHandle CurrentFeederHandle();
+ThreadHandle CurrentFeederHandle(TransferEngine& engine);

@@ -10,27 +10,29 @@
 
 #include "engine/file_entry.h"
 
+struct TransferEngine;
+
 // ---- Sending side ----
 
 // Reads one token line and acts on it; the communications thread calls it
 // while this end is the sender and a call is up.
-void OnSenderInput();
+void OnSenderInput(TransferEngine& engine);
 // Offers the list: H100, the header and the file list.
-void StartSendSession();
+void StartSendSession(TransferEngine& engine);
 // Fills the header and the wire list from SendList.
-void BuildSessionRecords();
+void BuildSessionRecords(TransferEngine& engine);
 // Takes the finished entry off the top of SendList.
-void DropFirstSendEntry();
+void DropFirstSendEntry(TransferEngine& engine);
 // The far end wants the next file.
-void BeginNextFile();
+void BeginNextFile(TransferEngine& engine);
 // Puts SendList[0] back to the start of its file and sums the list again.
-void ResetSendPosition();
+void ResetSendPosition(TransferEngine& engine);
 
 // ---- Receiving side ----
 
 // Reads one token line and acts on it; the communications thread calls it
 // while this end is the receiver in LinkState::Connected and LinkState::Recovery.
-void OnReceiverInput();
+void OnReceiverInput(TransferEngine& engine);
 
 // What admission made of a list.
 enum AdmitResult : int16_t {
@@ -42,7 +44,7 @@ enum AdmitResult : int16_t {
 
 // Judges the list behind the header just read into InHeader, chooses names,
 // creates the files and fills ReceiveList.
-[[nodiscard]] AdmitResult AdmitFileList();
+[[nodiscard]] AdmitResult AdmitFileList(TransferEngine& engine);
 
 // A received name made safe to use as one name in the receive folder: "/",
 // "\" and control characters become "_", and an empty name, "." and ".."
@@ -60,16 +62,16 @@ inline constexpr std::string_view PartMarker = ".part";
 // Makes the part of the entry, a file about to be received, in ReceiveFolder
 // and puts its path in FilePath. False, with "Cannot write file: " logged, if
 // it cannot be made.
-[[nodiscard]] bool BeginReceivedFile(FileEntry& entry);
+[[nodiscard]] bool BeginReceivedFile(TransferEngine& engine, FileEntry& entry);
 // Gives the complete file of the entry its own name: DisplayName, or, if that
 // has been taken meanwhile, the first free of the announced name and its
 // suffixes. DisplayName and FilePath follow. False, with "Cannot write file: "
 // logged, if no name could be given; the part then stays as it is.
-[[nodiscard]] bool PublishReceivedFile(FileEntry& entry);
+[[nodiscard]] bool PublishReceivedFile(TransferEngine& engine, FileEntry& entry);
 // Logs that the file of that name cannot be written, "Cannot write file: ",
 // and when the volume is full, "Not enough free space on volume." behind it.
 // The caller ends the session.
-void LogCannotWrite(const std::string& name, bool outOfSpace);
+void LogCannotWrite(TransferEngine& engine, const std::string& name, bool outOfSpace);
 
 // ---- Both ----
 
@@ -78,7 +80,7 @@ void LogCannotWrite(const std::string& name, bool outOfSpace);
 int64_t PartialFileLength(int16_t nextBlock);
 // True if the file that SavedEntry names is there with exactly the bytes of
 // its completed sections.
-[[nodiscard]] bool SavedPartialIntact();
+[[nodiscard]] bool SavedPartialIntact(TransferEngine& engine);
 // Deletes the partial file that SavedEntry names, if it is still the one this
 // program left, and empties SavedEntry: the file can no longer be resumed.
-void EndRecoveryCandidacy();
+void EndRecoveryCandidacy(TransferEngine& engine);

@@ -36,14 +36,14 @@ constexpr uint32_t HangUpRetryMs = 5000;
 // The adapter answered neither the escape nor the hang-up: the call may
 // still be up. The receiving side's watchdog ends it in the end; the
 // sending side has none, so it tries again a few times.
-bool HangUpFailed() {
-    Stores().Log.Add("Hang-up failed.");
-    if (TheEngine.Call.Role.load() == Role::Sender &&
-        TheEngine.Call.Session.HangUpRetries.load() < HangUpRetryLimit) {
-        TheEngine.Call.Session.HangUpRetries.fetch_add(1);
-        TheEngine.Call.Session.HangUpRetryAt = NowMs();
-        TheEngine.Call.Session.HangUpRetryDue = true;
-        TheEngine.Line->InterruptPortWait();
+bool HangUpFailed(TransferEngine& engine) {
+    engine.Stores().Log.Add("Hang-up failed.");
+    if (engine.Call.Role.load() == Role::Sender &&
+        engine.Call.Session.HangUpRetries.load() < HangUpRetryLimit) {
+        engine.Call.Session.HangUpRetries.fetch_add(1);
+        engine.Call.Session.HangUpRetryAt = NowMs();
+        engine.Call.Session.HangUpRetryDue = true;
+        engine.Line->InterruptPortWait();
     }
     return false;
 }
@@ -53,154 +53,154 @@ bool EndsWith(std::string_view text, std::string_view tail) {
 }
 
 // Whether the file that SavedEntry names is this entry's, kept for a resume.
-bool KeptForResume(const FileEntry& entry) {
-    const FileEntry& saved = TheEngine.SavedEntry;
+bool KeptForResume(TransferEngine& engine, const FileEntry& entry) {
+    const FileEntry& saved = engine.SavedEntry;
     return !saved.WireName.IsEmpty() && saved.FilePath.View() == entry.FilePath.View() &&
-           SavedPartialIntact();
+           SavedPartialIntact(engine);
 }
 
 }  // namespace
 
-void EndCallByHangUp() {
+void EndCallByHangUp(TransferEngine& engine) {
     // A hang-up the adapter did not answer needs nothing more here: HangUp
     // has logged it, and a call that stays up is ended by the sending side's
     // retries or the receiving side's watchdog.
-    static_cast<void>(HangUp());
+    static_cast<void>(HangUp(engine));
 }
 
-bool HangUp() {
-    PortConversation conversation(*TheEngine.Line);
-    TheEngine.Call.Session.HangUpRetryDue = false;
-    TheEngine.Call.Session.HangUpTried = true;
+bool HangUp(TransferEngine& engine) {
+    PortConversation conversation(*engine.Line);
+    engine.Call.Session.HangUpRetryDue = false;
+    engine.Call.Session.HangUpTried = true;
     // The escape needs the port silent for the pause. Whatever of ours still
     // waits to go out would break that silence for as long as the line needs
     // to carry it, and for ever when the far end takes nothing more; but what
     // was written a moment ago, such as the abort of a Disconnect pressed
     // just before, is on its way and goes out.
-    TheEngine.Line->PurgeStuckOutput(OutputGraceMs);
-    SleepMs(CurrentFamily(Stores().Prefs).EscapePauseMs);
-    TheEngine.Line->SendBytes("+++", 3);
-    std::memset(TheEngine.Line->TokenBuffer, 0, TokenBufferSize);
+    engine.Line->PurgeStuckOutput(OutputGraceMs);
+    SleepMs(CurrentFamily(engine.Stores().Prefs).EscapePauseMs);
+    engine.Line->SendBytes("+++", 3);
+    std::memset(engine.Line->TokenBuffer, 0, TokenBufferSize);
     // The OK may come behind whatever the far end still sends; the wait runs
     // its whole time through that, so that nothing is sent within the guard
     // time behind "+++".
-    if (TheEngine.Line->ReadUntilTokenInStream("OK\r\n", EscapeReplyLimitMs,
-                                               TheEngine.Line->TokenBuffer) == nullptr) {
+    if (engine.Line->ReadUntilTokenInStream("OK\r\n", EscapeReplyLimitMs,
+                                            engine.Line->TokenBuffer) == nullptr) {
         // The line fell before the escape: the adapter, in command mode
         // already, reported NO CARRIER and lets "+++" pass unanswered.
-        if (std::string_view(TheEngine.Line->TokenBuffer).find(TextNoCarrier) !=
+        if (std::string_view(engine.Line->TokenBuffer).find(TextNoCarrier) !=
             std::string_view::npos) {
-            EndCall(CallEnd::HungUp);
+            EndCall(engine, CallEnd::HungUp);
             return true;
         }
         // Its NO CARRIER may also have gone before: with input thrown away
         // when the feeder was stopped, or read by another wait. An adapter in
         // command mode answers "AT"; one still in data mode passes it on.
-        if (TheEngine.Line->SendAndWaitOkShort("AT")) {
-            EndCall(CallEnd::HungUp);
+        if (engine.Line->SendAndWaitOkShort("AT")) {
+            EndCall(engine, CallEnd::HungUp);
             return true;
         }
-        return HangUpFailed();  // still in data mode; the state stays as it was
+        return HangUpFailed(engine);  // still in data mode; the state stays as it was
     }
-    TheEngine.Line->SendCommand("ATH");
+    engine.Line->SendCommand("ATH");
     const uint32_t t0 = NowMs();
     do {
-        std::memset(TheEngine.Line->TokenBuffer, 0, TokenBufferSize);
-        if (TheEngine.Line->ReadLine(HangUpLineLimitMs, TheEngine.Line->TokenBuffer) != nullptr) {
-            const std::string_view line(TheEngine.Line->TokenBuffer);
+        std::memset(engine.Line->TokenBuffer, 0, TokenBufferSize);
+        if (engine.Line->ReadLine(HangUpLineLimitMs, engine.Line->TokenBuffer) != nullptr) {
+            const std::string_view line(engine.Line->TokenBuffer);
             if (LineHolds(line, "OK") || LineHolds(line, TextNoCarrier)) {
-                EndCall(CallEnd::HungUp);
+                EndCall(engine, CallEnd::HungUp);
                 return true;
             }
         }
     } while (NowMs() - t0 < static_cast<uint32_t>(HangUpReplyLimitMs));
-    return HangUpFailed();
+    return HangUpFailed(engine);
 }
 
-std::optional<int> MsUntilHangUpRetry() {
-    if (!TheEngine.Call.Session.HangUpRetryDue.load()) {
+std::optional<int> MsUntilHangUpRetry(TransferEngine& engine) {
+    if (!engine.Call.Session.HangUpRetryDue.load()) {
         return std::nullopt;
     }
-    const uint32_t elapsed = NowMs() - TheEngine.Call.Session.HangUpRetryAt.load();
+    const uint32_t elapsed = NowMs() - engine.Call.Session.HangUpRetryAt.load();
     return elapsed >= HangUpRetryMs ? 0 : static_cast<int>(HangUpRetryMs - elapsed);
 }
 
-bool RetryHangUpIfDue() {
-    if (MsUntilHangUpRetry() != 0) {
+bool RetryHangUpIfDue(TransferEngine& engine) {
+    if (MsUntilHangUpRetry(engine) != 0) {
         return false;
     }
     // A call that has ended meanwhile (NO CARRIER) cleared the retry.
-    if (TheEngine.Call.LinkState.load() < LinkState::Connected) {
-        TheEngine.Call.Session.HangUpRetryDue = false;
+    if (engine.Call.LinkState.load() < LinkState::Connected) {
+        engine.Call.Session.HangUpRetryDue = false;
         return false;
     }
     // A failure has set up the next try, up to the limit.
-    EndCallByHangUp();
+    EndCallByHangUp(engine);
     return true;
 }
 
-void EndStalledCall(uint32_t waiting) {
+void EndStalledCall(TransferEngine& engine, uint32_t waiting) {
     uint8_t tail[32] = {};
     if (waiting > StallTailBytes) {
-        const int16_t slot = TheEngine.Call.BlockIndex.load();
-        static_cast<void>(TheEngine.Line->ReadBlock(TheEngine.WorkingSection + slot * BlockBytes,
-                                                    waiting - StallTailBytes, StallBodyLimitMs));
+        const int16_t slot = engine.Call.BlockIndex.load();
+        static_cast<void>(engine.Line->ReadBlock(engine.WorkingSection.get() + slot * BlockBytes,
+                                                 waiting - StallTailBytes, StallBodyLimitMs));
     }
     // What did not come leaves zeros, in which no answer is found.
-    static_cast<void>(TheEngine.Line->ReadBlock(tail, StallTailBytes, StallTailLimitMs));
+    static_cast<void>(engine.Line->ReadBlock(tail, StallTailBytes, StallTailLimitMs));
     // A line that fell leaves NO CARRIER behind its last data, and the
     // adapter is back in command mode. Without it the far end has only gone
     // quiet and the call is still up: it is hung up, so that neither adapter
     // stays in a call that nobody uses and both can be called again.
     const std::string_view text(reinterpret_cast<const char*>(tail), StallTailBytes);
-    EndCall(text.find(TextNoCarrier) != std::string_view::npos ? CallEnd::BlockCutOff
-                                                               : CallEnd::BlockStalled);
+    EndCall(engine, text.find(TextNoCarrier) != std::string_view::npos ? CallEnd::BlockCutOff
+                                                                       : CallEnd::BlockStalled);
 }
 
-void DeleteUnfinishedReceives() {
-    const uint32_t count = TheEngine.Call.ReceiveCount.load();
+void DeleteUnfinishedReceives(TransferEngine& engine) {
+    const uint32_t count = engine.Call.ReceiveCount.load();
     for (uint32_t i = 0; i < count && i < static_cast<uint32_t>(ListCapacity); ++i) {
-        const FileEntry& entry = TheEngine.ReceiveList[i];
+        const FileEntry& entry = engine.ReceiveList[i];
         // A file that has not begun has nothing on the disk.
         if (entry.EntryComplete != 0 || entry.FilePath.IsEmpty()) {
             continue;
         }
         // The file in progress stays while it can be resumed.
-        if (KeptForResume(entry)) {
+        if (KeptForResume(engine, entry)) {
             continue;
         }
         // A part that will not go stays, as the user sees it.
         static_cast<void>(DeleteFileAt(std::string(entry.FilePath.View())));
-        if (!TheEngine.SavedEntry.WireName.IsEmpty() &&
-            TheEngine.SavedEntry.FilePath.View() == entry.FilePath.View()) {
-            ForgetResumeCandidate();
+        if (!engine.SavedEntry.WireName.IsEmpty() &&
+            engine.SavedEntry.FilePath.View() == entry.FilePath.View()) {
+            ForgetResumeCandidate(engine);
         }
     }
-    TheEngine.Call.ReceiveCount = 0;
+    engine.Call.ReceiveCount = 0;
 }
 
-void EndOfCallCleanup() {
-    DeleteUnfinishedReceives();
-    ImportReceivedEntries();
-    TheEngine.Call.ReceiveCount = 0;
-    TheEngine.SendList.Clear();
-    Display().ClearFileList();
+void EndOfCallCleanup(TransferEngine& engine) {
+    DeleteUnfinishedReceives(engine);
+    ImportReceivedEntries(engine);
+    engine.Call.ReceiveCount = 0;
+    engine.SendList.Clear();
+    Display(engine).ClearFileList();
 }
 
-void ImportReceivedEntries() {
-    const int16_t size = TheEngine.Call.ReceiveListSize.load();
+void ImportReceivedEntries(TransferEngine& engine) {
+    const int16_t size = engine.Call.ReceiveListSize.load();
     for (int16_t i = 0; i < size && i < ListCapacity; ++i) {
-        const FileEntry& entry = TheEngine.ReceiveList[i];
+        const FileEntry& entry = engine.ReceiveList[i];
         const std::string_view name = entry.DisplayName.View();
         if (entry.EntryComplete != 0 && (EndsWith(name, ".KBE") || EndsWith(name, ".kbe"))) {
-            Display().ImportDirectoryEntry(std::string(entry.FilePath.View()));
+            Display(engine).ImportDirectoryEntry(std::string(entry.FilePath.View()));
         }
     }
-    TheEngine.Call.ReceiveListSize = 0;
+    engine.Call.ReceiveListSize = 0;
 }
 
-void DiscardUnfinishedFiles() {
-    if (TheEngine.ReceiveList != nullptr) {
-        DeleteUnfinishedReceives();
+void DiscardUnfinishedFiles(TransferEngine& engine) {
+    if (engine.ReceiveList != nullptr) {
+        DeleteUnfinishedReceives(engine);
     }
 }

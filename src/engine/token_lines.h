@@ -9,6 +9,8 @@
 
 #include "engine/wire.h"
 
+struct TransferEngine;
+
 // The end of a token line that one read got before the line's end had come.
 // Only the last few bytes are kept, too few to hold a whole token but enough
 // to begin any, and only for a moment, so that no fragment outlives its call.
@@ -22,11 +24,11 @@ struct CarriedLine {
 // whatever an earlier read left unfinished. Returns false if the line did
 // not end in time; its end is then kept for the next read, so that a token
 // whose pieces come further apart than one read waits is still heard.
-[[nodiscard]] bool ReadTokenLine(int16_t limitMs, std::string& line);
+[[nodiscard]] bool ReadTokenLine(TransferEngine& engine, int16_t limitMs, std::string& line);
 // Drops what an earlier read left unfinished: the call it belonged to is over.
-void ForgetUnfinishedLine();
+void ForgetUnfinishedLine(TransferEngine& engine);
 // Writes a token, its text and CR LF, to the port.
-void SendToken(const WireToken& token);
+void SendToken(TransferEngine& engine, const WireToken& token);
 
 // Whether a line's dispatch goes on after a token's handler: one that has
 // ended the call stops it, since nothing else on the line belongs to a call
@@ -39,9 +41,9 @@ enum class Dispatch { Next, Stop };
 struct TokenRow {
     std::string_view Text;
     std::string_view OrText;  // empty when only Text counts
-    Dispatch (*Handle)();
+    Dispatch (*Handle)(TransferEngine& engine);
 };
 
 // Runs the handler of every row whose text the line holds, in the rows'
 // order, until one says to stop.
-void DispatchLine(std::string_view line, std::span<const TokenRow> rows);
+void DispatchLine(TransferEngine& engine, std::string_view line, std::span<const TokenRow> rows);

@@ -21,8 +21,6 @@
 #include "platform/clock.h"
 #include "platform/message_box.h"
 
-TransferEngine TheEngine;
-
 namespace {
 
 // The receiving side's two limits on silence; both are strict. The sending
@@ -56,34 +54,34 @@ uint32_t SenderLimitMs(LinkState state) {
 // Whether the sending side has seen nothing of its far end for longer than
 // its limit, with no hang-up under way yet. A session that has moved on to
 // another state since the last look has heard the far end's token.
-bool SenderLostFarEnd(LinkState state) {
-    if (state < LinkState::Connected || TheEngine.Call.Session.HangUpTried.load()) {
+bool SenderLostFarEnd(TransferEngine& engine, LinkState state) {
+    if (state < LinkState::Connected || engine.Call.Session.HangUpTried.load()) {
         return false;
     }
-    if (TheEngine.Call.Session.FarEndSeenIn.exchange(state) != state) {
-        TheEngine.Call.Session.FarEndSeenAt = NowMs();
+    if (engine.Call.Session.FarEndSeenIn.exchange(state) != state) {
+        engine.Call.Session.FarEndSeenAt = NowMs();
         return false;
     }
-    return NowMs() - TheEngine.Call.Session.FarEndSeenAt.load() > SenderLimitMs(state);
+    return NowMs() - engine.Call.Session.FarEndSeenAt.load() > SenderLimitMs(state);
 }
 
 // How long a pass that found nothing to do may wait for input.
-int WaitBound(LinkState state, bool sending) {
+int WaitBound(TransferEngine& engine, LinkState state, bool sending) {
     if (sending) {
         int bound = state == LinkState::Transfer ? SendDisplayWaitMs : LongestWaitMs;
-        if (state >= LinkState::Connected && !TheEngine.Call.Session.HangUpTried.load()) {
-            bound = std::min(bound, MsUntilPast(TheEngine.Call.Session.FarEndSeenAt.load(),
-                                                SenderLimitMs(state)));
+        if (state >= LinkState::Connected && !engine.Call.Session.HangUpTried.load()) {
+            bound = std::min(
+                bound, MsUntilPast(engine.Call.Session.FarEndSeenAt.load(), SenderLimitMs(state)));
         }
-        const std::optional<int> retry = MsUntilHangUpRetry();
+        const std::optional<int> retry = MsUntilHangUpRetry(engine);
         return retry && *retry < bound ? *retry : bound;
     }
     switch (state) {
         case LinkState::Connected:
         case LinkState::Recovery:
-            return MsUntilPast(TheEngine.Call.LastRxTime.load(), SilenceLimitMs);
+            return MsUntilPast(engine.Call.LastRxTime.load(), SilenceLimitMs);
         case LinkState::Transfer:
-            return MsUntilPast(TheEngine.Call.LastRxTime.load(), StallLimitMs);
+            return MsUntilPast(engine.Call.LastRxTime.load(), StallLimitMs);
         default:
             return LongestWaitMs;
     }
@@ -92,81 +90,80 @@ int WaitBound(LinkState state, bool sending) {
 // The work of one pass with the port in hand. Returns how long to wait for
 // input afterwards, or nothing if the pass acted and the next one should
 // follow at once.
-std::optional<int> PassWork() {
-    const uint32_t waiting = TheEngine.Line->PortQueueCount(PortQueue::Input);
-    const LinkState state = TheEngine.Call.LinkState.load();
-    const bool sending = TheEngine.Call.Role.load() == Role::Sender;
+std::optional<int> PassWork(TransferEngine& engine) {
+    const uint32_t waiting = engine.Line->PortQueueCount(PortQueue::Input);
+    const LinkState state = engine.Call.LinkState.load();
+    const bool sending = engine.Call.Role.load() == Role::Sender;
 
-    if (sending && state >= LinkState::Connected &&
-        TheEngine.Call.Session.SendFault.exchange(false)) {
-        EndCall(CallEnd::Fault);
+    if (sending && state >= LinkState::Connected && engine.Call.Session.SendFault.exchange(false)) {
+        EndCall(engine, CallEnd::Fault);
         return std::nullopt;
     }
-    if (sending && waiting == 0 && RetryHangUpIfDue()) {
+    if (sending && waiting == 0 && RetryHangUpIfDue(engine)) {
         return std::nullopt;
     }
-    if (sending && SenderLostFarEnd(state)) {
-        EndCall(CallEnd::FarEndNotResponding);
+    if (sending && SenderLostFarEnd(engine, state)) {
+        EndCall(engine, CallEnd::FarEndNotResponding);
         return std::nullopt;
     }
     // A far end that brings no token within the limit is let go, also while
     // it keeps sending other bytes: a stream must not hold the line.
     if (!sending && (state == LinkState::Connected || state == LinkState::Recovery) &&
-        NowMs() - TheEngine.Call.LastRxTime.load() > SilenceLimitMs) {
-        EndCall(CallEnd::Silence);
+        NowMs() - engine.Call.LastRxTime.load() > SilenceLimitMs) {
+        EndCall(engine, CallEnd::Silence);
         return std::nullopt;
     }
     if (waiting != 0) {
         if (state <= LinkState::Dialing) {
-            HandleLineEvent();
+            HandleLineEvent(engine);
             return std::nullopt;
         }
         if (sending) {
-            OnSenderInput();
+            OnSenderInput(engine);
             return std::nullopt;
         }
         if (state == LinkState::Connected || state == LinkState::Recovery) {
-            OnReceiverInput();
+            OnReceiverInput(engine);
             return std::nullopt;
         }
         if (state == LinkState::Transfer) {
-            if (waiting >= TheEngine.Call.ExpectedBlock.load()) {
-                ReceiveBlock();
+            if (waiting >= engine.Call.ExpectedBlock.load()) {
+                ReceiveBlock(engine);
                 return std::nullopt;
             }
-            FileEntry& entry = TheEngine.ReceiveList[0];
+            FileEntry& entry = engine.ReceiveList[0];
             if (entry.StartTime == 0) {
                 // The first bytes of the file have come.
                 entry.StartTime = NowMs();
-                return WaitBound(state, sending);
+                return WaitBound(engine, state, sending);
             }
         }
     }
 
     if (sending) {
-        if (state == LinkState::Transfer && TheEngine.SendDisplayDirty.load()) {
-            RefreshSendDisplay();
+        if (state == LinkState::Transfer && engine.SendDisplayDirty.load()) {
+            RefreshSendDisplay(engine);
         }
-        return WaitBound(state, sending);
+        return WaitBound(engine, state, sending);
     }
-    if (state == LinkState::Transfer && NowMs() - TheEngine.Call.LastRxTime.load() > StallLimitMs) {
-        if (waiting != 0 && waiting < TheEngine.Call.ExpectedBlock.load()) {
-            EndStalledCall(waiting);
+    if (state == LinkState::Transfer && NowMs() - engine.Call.LastRxTime.load() > StallLimitMs) {
+        if (waiting != 0 && waiting < engine.Call.ExpectedBlock.load()) {
+            EndStalledCall(engine, waiting);
         } else {
-            EndCall(CallEnd::TransferStalled, std::to_string(waiting));
-            TheEngine.Call.LastRxTime = NowMs();
+            EndCall(engine, CallEnd::TransferStalled, std::to_string(waiting));
+            engine.Call.LastRxTime = NowMs();
         }
         return std::nullopt;
     }
-    if (state == LinkState::Transfer && TheEngine.ReceiveDisplayDirty.load()) {
-        RefreshReceiveDisplay();
+    if (state == LinkState::Transfer && engine.ReceiveDisplayDirty.load()) {
+        RefreshReceiveDisplay(engine);
     }
-    return WaitBound(state, sending);
+    return WaitBound(engine, state, sending);
 }
 
-void ShowHeldMessages() {
+void ShowHeldMessages(TransferEngine& engine) {
     std::vector<std::string> messages;
-    messages.swap(TheEngine.Marks.HeldMessages);
+    messages.swap(engine.Marks.HeldMessages);
     for (const std::string& text : messages) {
         ShowMessageBox(text);
     }
@@ -175,96 +172,92 @@ void ShowHeldMessages() {
 // One pass of the communications thread. It holds the port's read side for
 // the whole pass, and gives it up whenever another thread asks for it: such
 // a thread clears LinePollingEnabled and interrupts the wait first.
-void CommPass() {
-    std::unique_lock<std::recursive_mutex> portGuard(TheEngine.Line->PortReadLock);
-    if (TheEngine.Line->AdapterFound.load() == 0 ||
-        TheEngine.Line->LinePollingEnabled.load() == 0) {
+void CommPass(TransferEngine& engine) {
+    std::unique_lock<std::recursive_mutex> portGuard(engine.Line->PortReadLock);
+    if (engine.Line->AdapterFound.load() == 0 || engine.Line->LinePollingEnabled.load() == 0) {
         portGuard.unlock();
-        TheEngine.Line->WaitForPortWake(LongestWaitMs);
+        engine.Line->WaitForPortWake(LongestWaitMs);
         return;
     }
-    TheEngine.Marks.InsidePass = std::this_thread::get_id();
-    const std::optional<int> waitMs = PassWork();
-    if (waitMs && TheEngine.CommThreadRun.load()) {
-        TheEngine.Line->WaitForPortInput(*waitMs);
+    engine.Marks.InsidePass = std::this_thread::get_id();
+    const std::optional<int> waitMs = PassWork(engine);
+    if (waitMs && engine.CommThreadRun.load()) {
+        engine.Line->WaitForPortInput(*waitMs);
     }
-    TheEngine.Marks.InsidePass = std::thread::id();
+    engine.Marks.InsidePass = std::thread::id();
     portGuard.unlock();
-    ShowHeldMessages();
+    ShowHeldMessages(engine);
 }
 
 }  // namespace
 
-bool OnCommThread() {
-    return TheEngine.Marks.CommThread.load() == std::this_thread::get_id();
+bool OnCommThread(TransferEngine& engine) {
+    return engine.Marks.CommThread.load() == std::this_thread::get_id();
 }
 
-void ShowMessageOutsidePass(const std::string& text) {
-    if (TheEngine.Marks.InsidePass.load() == std::this_thread::get_id()) {
-        TheEngine.Marks.HeldMessages.push_back(text);
+void ShowMessageOutsidePass(TransferEngine& engine, const std::string& text) {
+    if (engine.Marks.InsidePass.load() == std::this_thread::get_id()) {
+        engine.Marks.HeldMessages.push_back(text);
     } else {
         ShowMessageBox(text);
     }
 }
 
-void SetEngineLine(::Line& line) {
-    TheEngine.Line = &line;
+void SetEngineLine(TransferEngine& engine, ::Line& line) {
+    engine.Line = &line;
 }
 
-void EngineStartup(Installation& stores) {
-    TheEngine.Stores = &stores;
-    if (TheEngine.WireList == nullptr) {
-        TheEngine.WireList = new WireFileEntry[ListCapacity]();
+void EngineStartup(TransferEngine& engine, Installation& stores) {
+    engine.Installed = &stores;
+    if (engine.WireList == nullptr) {
+        engine.WireList = std::make_unique<WireFileEntry[]>(ListCapacity);
     }
-    TheEngine.SendList.Allocate();
-    if (TheEngine.ReceiveList == nullptr) {
-        TheEngine.ReceiveList = new FileEntry[ListCapacity]();
+    engine.SendList.Allocate();
+    if (engine.ReceiveList == nullptr) {
+        engine.ReceiveList = std::make_unique<FileEntry[]>(ListCapacity);
     }
-    if (TheEngine.WorkingSection == nullptr) {
-        TheEngine.WorkingSection = new uint8_t[SectionWireBytes]();
+    if (engine.WorkingSection == nullptr) {
+        engine.WorkingSection = std::make_unique<uint8_t[]>(SectionWireBytes);
     }
-    if (TheEngine.StagedSection == nullptr) {
-        TheEngine.StagedSection = new uint8_t[SectionWireBytes]();
+    if (engine.StagedSection == nullptr) {
+        engine.StagedSection = std::make_unique<uint8_t[]>(SectionWireBytes);
     }
-    TheEngine.OutHeader = MakeSessionHeader(0, 0);
-    TheEngine.RecoveryRecord = MakeRecoveryMessage(TokenFileRecovr, RecoveryBody{});
-    LoadResumeCandidate();
+    engine.OutHeader = MakeSessionHeader(0, 0);
+    engine.RecoveryRecord = MakeRecoveryMessage(TokenFileRecovr, RecoveryBody{});
+    LoadResumeCandidate(engine);
 }
 
-void EngineShutdown() {
+void EngineShutdown(TransferEngine& engine) {
     // A file that was still on its way can no longer be finished once the
     // program has gone; the one kept for a resume stays for the next start.
-    DiscardUnfinishedFiles();
-    delete[] TheEngine.WireList;
-    TheEngine.SendList.Free();
-    delete[] TheEngine.ReceiveList;
-    delete[] TheEngine.WorkingSection;
-    delete[] TheEngine.StagedSection;
-    TheEngine.WireList = nullptr;
-    TheEngine.ReceiveList = nullptr;
-    TheEngine.WorkingSection = nullptr;
-    TheEngine.StagedSection = nullptr;
+    DiscardUnfinishedFiles(engine);
+    engine.WireList.reset();
+    engine.SendList.Free();
+    engine.ReceiveList.reset();
+    engine.WorkingSection.reset();
+    engine.StagedSection.reset();
 }
 
-unsigned CommThread(void*) {
-    TheEngine.Marks.CommThread = std::this_thread::get_id();
-    while (TheEngine.CommThreadRun.load()) {
-        CommPass();
+unsigned CommThread(void* parameter) {
+    TransferEngine& engine = *static_cast<TransferEngine*>(parameter);
+    engine.Marks.CommThread = std::this_thread::get_id();
+    while (engine.CommThreadRun.load()) {
+        CommPass(engine);
     }
     // A thread made later may be given this id again.
-    TheEngine.Marks.CommThread = std::thread::id();
+    engine.Marks.CommThread = std::thread::id();
     return 0;
 }
 
-ThreadHandle StartCommThread() {
-    TheEngine.CommThreadRun = true;
-    return StartThread(CommThread, nullptr, ThreadPriority::Normal, false);
+ThreadHandle StartCommThread(TransferEngine& engine) {
+    engine.CommThreadRun = true;
+    return StartThread(CommThread, &engine, ThreadPriority::Normal, false);
 }
 
-void StopCommThread() {
-    TheEngine.CommThreadRun = false;
+void StopCommThread(TransferEngine& engine) {
+    engine.CommThreadRun = false;
 }
 
-std::time_t TakeTransferStart() {
-    return TheEngine.Call.TransferStartTime.exchange(0);
+std::time_t TakeTransferStart(TransferEngine& engine) {
+    return engine.Call.TransferStartTime.exchange(0);
 }

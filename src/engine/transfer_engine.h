@@ -1,4 +1,6 @@
-// The transfer engine's one record, and its three threads.
+// The transfer engine, the object that holds all its state, and its three
+// threads. The program makes one and hands it to every engine function; a
+// test makes as many as it likes.
 //
 // The engine owns the call once the adapter has reported CONNECT: the link's
 // state, the two file lists and the buffers. Its threads are the
@@ -18,6 +20,7 @@
 #include <cstdint>
 #include <ctime>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -66,9 +69,10 @@ struct FreeSpaceSource {
 };
 
 struct TransferEngine {
-    // The installation the engine serves, given by EngineStartup. The record
-    // holds it until the engine becomes an object that is made with it.
-    Installation* Stores = nullptr;
+    // The installation the engine serves, given by EngineStartup: its paths,
+    // preferences, directory and log.
+    Installation* Installed = nullptr;
+    Installation& Stores() const { return *Installed; }
     // The call in progress, or the idle link between calls.
     ActiveCall Call;
     // The communications thread runs while this is set.
@@ -118,7 +122,7 @@ struct TransferEngine {
     // set and cleared by the window's thread and read by every engine thread;
     // the one that shows nothing stands in before and after.
     std::atomic<EngineWindow*> Window{nullptr};
-    NoWindow Windowless;
+    NoWindow Windowless{Call};
 
     // The handshake of a send's threads.
     SessionThreads Threads;
@@ -127,46 +131,38 @@ struct TransferEngine {
     HotFolderClears Clears;
     FreeSpaceSource FreeSpace;
 
-    // Buffers, made by EngineStartup and freed by EngineShutdown.
-    WireFileEntry* WireList = nullptr;  // ListCapacity entries
-    FileEntry* ReceiveList = nullptr;   // ListCapacity entries
-    uint8_t* WorkingSection = nullptr;  // a section going out or coming in
-    uint8_t* StagedSection = nullptr;   // the next section, read ahead
+    // Buffers, made by EngineStartup and freed by EngineShutdown, or with the
+    // engine by a program that never shut it down.
+    std::unique_ptr<WireFileEntry[]> WireList;  // ListCapacity entries
+    std::unique_ptr<FileEntry[]> ReceiveList;   // ListCapacity entries
+    std::unique_ptr<uint8_t[]> WorkingSection;  // a section going out or coming in
+    std::unique_ptr<uint8_t[]> StagedSection;   // the next section, read ahead
 };
-
-// The process's one engine record.
-extern TransferEngine TheEngine;
-
-// The installation the engine serves: its paths, preferences, directory and
-// log.
-inline Installation& Stores() {
-    return *TheEngine.Stores;
-}
 
 // Gives the engine the line it works on, before anything of the engine runs:
 // also where the port record could not be made and the engine never starts,
 // since a call the user asks for then still looks at the line for its
 // adapter. The line outlives every engine thread.
-void SetEngineLine(::Line& line);
+void SetEngineLine(TransferEngine& engine, ::Line& line);
 // Allocates the buffers, fills OutHeader's magic, and takes up the candidate
 // for a resume that an earlier run left on the disk, or none. Called on the
 // main thread before the communications thread starts.
-void EngineStartup(Installation& stores);
+void EngineStartup(TransferEngine& engine, Installation& stores);
 // Frees the buffers, after every engine thread has stopped.
-void EngineShutdown();
+void EngineShutdown(TransferEngine& engine);
 
 // Starts the communications thread, which runs until StopCommThread; null
 // if it could not be made.
-ThreadHandle StartCommThread();
+ThreadHandle StartCommThread(TransferEngine& engine);
 // Asks the communications thread to leave its loop at the end of the pass it
 // is in; the caller then wakes its port wait and joins it.
-void StopCommThread();
+void StopCommThread(TransferEngine& engine);
 // The wall clock second at which the transfer began, taken and cleared in one
 // step, so that a second look in the same session, from whichever thread,
 // finds 0.
-[[nodiscard]] std::time_t TakeTransferStart();
+[[nodiscard]] std::time_t TakeTransferStart(TransferEngine& engine);
 
-// The thread functions; their parameter is not used.
+// The thread functions; their parameter is the engine they work for.
 unsigned CommThread(void* parameter);
 unsigned SectionFeeder(void* parameter);
 unsigned BlockWriter(void* parameter);
@@ -176,4 +172,4 @@ unsigned BlockWriter(void* parameter);
 // returns the feeder and its writer have both returned. Does nothing when no
 // feeder runs. Any thread but those two may call it; the program's exit does,
 // after the communications thread has left its loop.
-void StopFeeder();
+void StopFeeder(TransferEngine& engine);

@@ -348,7 +348,7 @@ Answer WaitForStateCommand(StationFrontEnd& station, const std::string& argument
     if (gap != std::string::npos && !ParseSeconds(argument.substr(gap + 1), seconds)) {
         return Fail("a time limit is a number of seconds");
     }
-    return station.Waits.WaitForLinkState(state, seconds);
+    return station.Waits.WaitForLinkState(station.App, state, seconds);
 }
 
 // Shift held down as the station starts forces a new search for the

@@ -82,12 +82,13 @@ Answer StationWaits::WaitForLog(const std::string& text, double seconds) {
     }
 }
 
-Answer StationWaits::WaitForLinkState(const std::string& state, double seconds) {
+Answer StationWaits::WaitForLinkState(const TransferApp& app, const std::string& state,
+                                      double seconds) {
     const Clock::time_point deadline = DeadlineIn(seconds);
     for (;;) {
         // Asked with no lock of ours held: the state waits for the window's
         // buttons, whose changes take that lock to wake us.
-        if (MainWindow::LinkStateName() == state) {
+        if (app.LinkStateName() == state) {
             return Answer{};
         }
         std::unique_lock<std::mutex> guard(lock_);

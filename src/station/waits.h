@@ -9,6 +9,7 @@
 #include <mutex>
 #include <string>
 
+#include "app/application.h"
 #include "station/station_io.h"
 
 // How a command went: done, or refused with the reason.
@@ -50,8 +51,8 @@ public:
     // Waits for a log line holding the text, among the lines added after the
     // one that the last such wait matched.
     Answer WaitForLog(const std::string& text, double seconds);
-    // Waits until the window names the link's state so.
-    Answer WaitForLinkState(const std::string& state, double seconds);
+    // Waits until the program names the link's state so.
+    Answer WaitForLinkState(const TransferApp& app, const std::string& state, double seconds);
 
     // Each line the log receives, in order; the window's log observer.
     void NoteLogLine(const std::string& line);

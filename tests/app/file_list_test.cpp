@@ -21,7 +21,10 @@
 
 namespace {
 
-using FileListTest = WindowTest;
+class FileListTest : public WindowTest {
+protected:
+    const FileEntry& Entry(int i) { return Engine().SendList[i]; }
+};
 
 // Files are opened as a user without root's rights would open them, on this
 // thread, for the life of the object: a file or folder without read
@@ -37,10 +40,6 @@ private:
     int before_;
 };
 
-const FileEntry& Entry(int i) {
-    return TheEngine.SendList[i];
-}
-
 // A dialog that is cancelled adds nothing; a file that cannot be opened is
 // told and leaves the list as it was.
 TEST_F(FileListTest, ACancelledDialogOrAFileThatCannotBeOpenedAddsNothing) {
@@ -50,7 +49,7 @@ TEST_F(FileListTest, ACancelledDialogOrAFileThatCannotBeOpenedAddsNothing) {
     EXPECT_FALSE(window_->Files().AddFileToList(folder_ / "missing", "missing"));
     EXPECT_EQ(Messages(), std::vector<std::string>{
                               "Cannot open file.  It may be in use by another application."});
-    EXPECT_EQ(TheEngine.SendList.Count(), 0);
+    EXPECT_EQ(Engine().SendList.Count(), 0);
     EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 0);
 }
 
@@ -64,7 +63,7 @@ TEST_F(FileListTest, AFolderReplacesTheListAndTravelsOneLevelDeep) {
     MakeFile("docs/Sent Files/old", 5);
 
     Drop(IDC_FILE_LIST, {loose, docs + "/"});
-    ASSERT_EQ(TheEngine.SendList.Count(), 4);
+    ASSERT_EQ(Engine().SendList.Count(), 4);
     const std::vector<ListRow> rows = Controls().Rows(IDC_FILE_LIST);
     ASSERT_EQ(rows.size(), 4u);
     EXPECT_EQ(rows[0].Text, "docs");
@@ -93,9 +92,9 @@ TEST_F(FileListTest, AFolderReplacesTheListAndTravelsOneLevelDeep) {
         EXPECT_EQ(rows[i].Image, KindNumber(kind));
     }
     // The marker adds nothing to the total.
-    EXPECT_EQ(TheEngine.SendList.Remaining(), 102u + 202u + 0u);
+    EXPECT_EQ(Engine().SendList.Remaining(), 102u + 202u + 0u);
     window_->Display().RecomputeSendTotal();
-    EXPECT_EQ(TheEngine.SendList.Remaining(), 304u);
+    EXPECT_EQ(Engine().SendList.Remaining(), 304u);
     // The process's folder never moved.
     EXPECT_NE(CurrentFolder(), docs);
 }
@@ -103,13 +102,13 @@ TEST_F(FileListTest, AFolderReplacesTheListAndTravelsOneLevelDeep) {
 TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
     // During a call, or beside the lists, a drop does nothing.
     const std::string file = MakeFile("file", 10);
-    TheEngine.Call.LinkState = LinkState::Connected;
+    Engine().Call.LinkState = LinkState::Connected;
     Drop(IDC_FILE_LIST, {file});
     Drop(IDC_SEND, {file});
-    TheEngine.Call.LinkState = LinkState::Idle;
+    Engine().Call.LinkState = LinkState::Idle;
     Drop(IDC_LOG, {file});
     Drop(0, {file});
-    EXPECT_EQ(TheEngine.SendList.Count(), 0);
+    EXPECT_EQ(Engine().SendList.Count(), 0);
     // A name ending in .KBE is a file like any other on the file list.
     Drop(IDC_FILE_LIST, {MakeFile("smith.KBE", 140)});
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), std::vector<std::string>{"smith.KBE"});
@@ -156,7 +155,7 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
     MakeFile("second/two", 2);
     Drop(IDC_FILE_LIST, {folder_ / "first", folder_ / "second"});
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"second", "two"}));
-    EXPECT_EQ(TheEngine.SendList.Count(), 2);
+    EXPECT_EQ(Engine().SendList.Count(), 2);
 
     // A drop on Send with an unreadable item still goes for the call; with
     // a number but no adapter found, nothing would ever answer the dial: the
@@ -166,7 +165,7 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
     EXPECT_EQ(Messages().back(),
               "Could not find your ISDN TA.  Please check your cables\rand make sure the ISDN "
               "TA is powered on.");
-    EXPECT_EQ(TheEngine.Call.LinkState.load(), LinkState::Idle);
+    EXPECT_EQ(Engine().Call.LinkState.load(), LinkState::Idle);
 }
 
 TEST_F(FileListTest, DeleteTakesTheClickedRowAndItsEntry) {
@@ -176,14 +175,14 @@ TEST_F(FileListTest, DeleteTakesTheClickedRowAndItsEntry) {
     window_->Files().OnFileClick(1);
     window_->Files().OnFileDelete();
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"a", "c"}));
-    EXPECT_EQ(TheEngine.SendList.Count(), 2);
+    EXPECT_EQ(Engine().SendList.Count(), 2);
     EXPECT_EQ(Entry(1).DisplayName.View(), "c");
-    EXPECT_EQ(TheEngine.SendList.Remaining(), 204u);
+    EXPECT_EQ(Engine().SendList.Remaining(), 204u);
     EXPECT_EQ(window_->Files().SelectedFileRow(), -1);
     EXPECT_FALSE(Controls().Enabled(IDC_FILE_DELETE));
     // With no row chosen, Delete does nothing.
     window_->Files().OnFileDelete();
-    EXPECT_EQ(TheEngine.SendList.Count(), 2);
+    EXPECT_EQ(Engine().SendList.Count(), 2);
 
     // Adding a file forgets the click.
     window_->Files().OnFileClick(0);
@@ -192,7 +191,7 @@ TEST_F(FileListTest, DeleteTakesTheClickedRowAndItsEntry) {
     EXPECT_FALSE(Controls().Enabled(IDC_FILE_DELETE));
     // The same file can go in twice.
     ASSERT_TRUE(window_->Files().AddFileToList(folder_ / "d", "d"));
-    EXPECT_EQ(TheEngine.SendList.Count(), 4);
+    EXPECT_EQ(Engine().SendList.Count(), 4);
 }
 
 TEST_F(FileListTest, TheListHoldsAHundredEntriesAndNeverMore) {
@@ -201,7 +200,7 @@ TEST_F(FileListTest, TheListHoldsAHundredEntriesAndNeverMore) {
         ASSERT_TRUE(window_->Files().AddFileToList(file, "f"));
     }
     EXPECT_FALSE(window_->Files().AddFileToList(file, "f"));
-    EXPECT_EQ(TheEngine.SendList.Count(), 100);
+    EXPECT_EQ(Engine().SendList.Count(), 100);
     EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 100);
     EXPECT_EQ(Observed().back(), "File list is full: f was not added.");
 
@@ -212,7 +211,7 @@ TEST_F(FileListTest, TheListHoldsAHundredEntriesAndNeverMore) {
     }
     const size_t linesBefore = Observed().size();
     window_->Files().AddFolderToSendList(big, "big");
-    EXPECT_EQ(TheEngine.SendList.Count(), 100);
+    EXPECT_EQ(Engine().SendList.Count(), 100);
     EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 100);
     const std::vector<std::string> lines = Observed();
     ASSERT_EQ(lines.size(), linesBefore + 1);
@@ -256,7 +255,7 @@ TEST_F(FileListTest, APathTooLongOrAFileTooLargeForTheProtocolIsRefusedWithItsLi
     ASSERT_EQ(::truncate(huge.c_str(), largest + 1), 0);
     EXPECT_FALSE(window_->Files().AddFileToList(huge, "huge.bin"));
     EXPECT_EQ(Observed().back(), "File too large to send: huge.bin");
-    EXPECT_EQ(TheEngine.SendList.Count(), 0);
+    EXPECT_EQ(Engine().SendList.Count(), 0);
     EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 0);
     ASSERT_EQ(::truncate(huge.c_str(), largest), 0);
     EXPECT_TRUE(window_->Files().AddFileToList(huge, "huge.bin"));

@@ -32,7 +32,7 @@ using MainWindowTest = WindowTest;
 // The engine's display call measures the rate of a file that moved that many
 // bytes in a second, under a ceiling well above it.
 void MeasureRate(MainWindow& window, uint32_t bytesPerSecond) {
-    FileEntry& entry = TheEngine.SendList[0];
+    FileEntry& entry = window.Engine().SendList[0];
     entry = FileEntry{};
     entry.StartTime = 1000;
     entry.LastBlockTime = 2000;
@@ -65,13 +65,13 @@ TEST_F(MainWindowTest, TheButtonsFollowTheLinkAndTheFileList) {
         SCOPED_TRACE("state " + std::to_string(static_cast<int>(row.Link)) + " count " +
                      std::to_string(row.Count) + " row " + std::to_string(row.Selected));
         // A selected row is what a click leaves behind.
-        TheEngine.Call.LinkState = LinkState::Idle;
-        TheEngine.SendList.Clear();
+        Engine().Call.LinkState = LinkState::Idle;
+        Engine().SendList.Clear();
         for (int i = 0; i < row.Count; ++i) {
-            ASSERT_TRUE(TheEngine.SendList.Add(FileEntry{}));
+            ASSERT_TRUE(Engine().SendList.Add(FileEntry{}));
         }
         window_->Files().OnFileClick(row.Selected);
-        TheEngine.Call.LinkState = row.Link;
+        Engine().Call.LinkState = row.Link;
         window_->UpdateActionButtons();
         EXPECT_EQ(Controls().Enabled(IDC_SEND), row.Send);
         EXPECT_EQ(Controls().Enabled(IDC_RETRIEVE), row.Retrieve);
@@ -89,8 +89,8 @@ TEST_F(MainWindowTest, TheButtonsFollowTheLinkAndTheFileList) {
     }
     // The state a front end is told never runs ahead of the buttons: asked
     // while the end of a call is changing them, it comes once they show idle.
-    TheEngine.SendList.Clear();
-    TheEngine.Call.LinkState = LinkState::Connected;
+    Engine().SendList.Clear();
+    Engine().Call.LinkState = LinkState::Connected;
     window_->UpdateActionButtons();
     std::atomic<bool> asked{false};
     std::thread asker;
@@ -101,13 +101,13 @@ TEST_F(MainWindowTest, TheButtonsFollowTheLinkAndTheFileList) {
             return;
         }
         asker = std::thread([&] {
-            told = MainWindow::LinkStateName();
+            told = MainWindow::LinkStateName(Engine());
             addOpenWhenTold = Controls().Enabled(IDC_FILE_ADD);
         });
         // The rest of the buttons change after the asker has had its chance.
         SleepMs(100);
     });
-    ReturnToIdle();
+    ReturnToIdle(Engine());
     Controls().RemoveListener(listener);
     asker.join();
     EXPECT_EQ(told, "idle");
@@ -414,12 +414,12 @@ TEST_F(MainWindowTest, TheShownRateNeverPassesTheCeiling) {
         {"the receiving side reads its own list", false, 10, 2010, 14000, 16000, false, 7000,
          "7000 Bytes/sec"},
     };
-    TheEngine.SendList[0] = FileEntry{};
-    TheEngine.ReceiveList[0] = FileEntry{};
+    Engine().SendList[0] = FileEntry{};
+    Engine().ReceiveList[0] = FileEntry{};
     Controls().SetText(IDC_BYTES_SEC, "untouched");
     for (const RateStep& step : steps) {
         SCOPED_TRACE(step.What);
-        FileEntry& entry = step.Sending ? TheEngine.SendList[0] : TheEngine.ReceiveList[0];
+        FileEntry& entry = step.Sending ? Engine().SendList[0] : Engine().ReceiveList[0];
         entry.StartTime = step.StartTime;
         entry.LastBlockTime = step.LastBlockTime;
         entry.BytesDone = step.BytesDone;
@@ -468,7 +468,7 @@ TEST_F(MainWindowTest, TheElapsedTimeIsLoggedOncePerSession) {
     window_->Display().LogElapsedTime();
     const size_t lines = Observed().size();
     EXPECT_EQ(lines, 1u);  // nothing ran: no line
-    TheEngine.Call.TransferStartTime = WallSeconds() - 3725;
+    Engine().Call.TransferStartTime = WallSeconds() - 3725;
     window_->Display().LogElapsedTime();
     window_->Display().LogElapsedTime();
     const std::vector<std::string> observed = Observed();
@@ -476,11 +476,11 @@ TEST_F(MainWindowTest, TheElapsedTimeIsLoggedOncePerSession) {
     // A second may pass between the two readings of the clock.
     EXPECT_TRUE(observed[1] == "Elapsed Time: 01:02:05" || observed[1] == "Elapsed Time: 01:02:06")
         << observed[1];
-    EXPECT_EQ(TheEngine.Call.TransferStartTime.load(), 0);
+    EXPECT_EQ(Engine().Call.TransferStartTime.load(), 0);
 }
 
 TEST_F(MainWindowTest, TheIncomingListShowsTheWireSizesAndLosesItsTopRow) {
-    FileEntry* list = TheEngine.ReceiveList;
+    FileEntry* list = Engine().ReceiveList.get();
     list[0] = FileEntry{};
     list[0].DisplayName.Set("Smith-A");
     list[0].EntryKind = FileKind::FolderMarker;
@@ -491,7 +491,7 @@ TEST_F(MainWindowTest, TheIncomingListShowsTheWireSizesAndLosesItsTopRow) {
     list[2].DisplayName.Set("tool.exe");
     list[2].EntryKind = FileKind::ProgramFile;
     list[2].TotalLength = 12;
-    TheEngine.Call.ReceiveCount = 3;
+    Engine().Call.ReceiveCount = 3;
     window_->Files().ListIncomingFiles();
     std::vector<ListRow> rows = Controls().Rows(IDC_FILE_LIST);
     ASSERT_EQ(rows.size(), 3u);
@@ -502,7 +502,7 @@ TEST_F(MainWindowTest, TheIncomingListShowsTheWireSizesAndLosesItsTopRow) {
     EXPECT_EQ(rows[2].Image, KindNumber(FileKind::ProgramFile));
     window_->Files().RemoveTopFileRow();
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"report.txt", "tool.exe"}));
-    TheEngine.Call.ReceiveCount = 0;
+    Engine().Call.ReceiveCount = 0;
 }
 
 }  // namespace

@@ -22,18 +22,13 @@ void WindowTest::TearDown() {
 }
 
 void WindowTest::StartWindow() {
-    // What one process does once: every test starts from the program's
-    // first state.
-    TheEngine.Call.LinkState = LinkState::Idle;
-    TheEngine.Call.Role = Role::Receiver;
-    TheEngine.SendList.Clear();
-    TheEngine.Call.ReceiveCount = 0;
-    TheEngine.Call.TransferStartTime = 0;
     line_.reset();
     stores_ = std::make_unique<Installation>(folder_.Path());
     stores_->Load();
     line_ = std::make_unique<Line>(*stores_);
-    window_ = std::make_unique<MainWindow>(*stores_, *line_);
+    // The next start's engine holds nothing of the last run's.
+    engine_ = std::make_unique<TransferEngine>();
+    window_ = std::make_unique<MainWindow>(*stores_, *line_, *engine_);
     window_->SetLogObserver([this](const std::string& line) {
         std::lock_guard<std::mutex> guard(lock_);
         observed_.push_back(line);
@@ -52,7 +47,7 @@ void WindowTest::StopWindow() {
     line_->CommPortClose();
     line_->CommPortDestroy();
     if (window_->EngineStarted()) {
-        EngineShutdown();
+        EngineShutdown(Engine());
     }
     stores_->Log.Free();
     window_.reset();

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "app/main_window.h"
+#include "engine/transfer_engine.h"
 #include "line/line.h"
 #include "stores/installation.h"
 #include "support/captured_output.h"
@@ -57,11 +58,14 @@ protected:
     // The installation of the window that runs or ran last; a restart makes
     // a new one from the same folder, as the program's next start does.
     Installation& Stores() { return *stores_; }
+    // The engine of the window that runs or ran last.
+    TransferEngine& Engine() { return *engine_; }
 
     TempFolder folder_;
     std::unique_ptr<Installation> stores_;
     // The window's line, made anew with each window, which it outlives.
     std::unique_ptr<Line> line_;
+    std::unique_ptr<TransferEngine> engine_;
     std::unique_ptr<MainWindow> window_;
 
 private:

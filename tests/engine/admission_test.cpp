@@ -46,11 +46,11 @@ protected:
         return answer;
     }
 
-    static std::vector<std::string> ReceivedNames() {
-        return Inspect([] {
+    std::vector<std::string> ReceivedNames() {
+        return Inspect([&] {
             std::vector<std::string> names;
-            for (uint32_t i = 0; i < TheEngine.Call.ReceiveCount.load(); ++i) {
-                names.emplace_back(TheEngine.ReceiveList[i].DisplayName.View());
+            for (uint32_t i = 0; i < engine_.Call.ReceiveCount.load(); ++i) {
+                names.emplace_back(engine_.ReceiveList[i].DisplayName.View());
             }
             return names;
         });
@@ -58,7 +58,7 @@ protected:
 
     // This end breaks the transfer off; the far end may offer again.
     void Abandon() {
-        EndCall(CallEnd::Requested);
+        EndCall(engine_, CallEnd::Requested);
         EXPECT_EQ(Take(7), "ABORT\r\n");
     }
 };
@@ -84,7 +84,7 @@ TEST_F(AdmissionTest, FreeSpaceMustHoldTheLargerOfTheHeadersTotalAndTheEntries) 
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.What);
-        SetFreeSpaceQuery([free = c.Free] { return free; });
+        SetFreeSpaceQuery(engine_, [free = c.Free] { return free; });
         const long refusals = Count("Not enough free space on volume.");
         EXPECT_EQ(Offer(c.Entries, c.HeaderTotal), c.Taken ? "ACK3\r\n" : "NAK3\r\n");
         std::vector<std::string> names;
@@ -99,7 +99,7 @@ TEST_F(AdmissionTest, FreeSpaceMustHoldTheLargerOfTheHeadersTotalAndTheEntries) 
         } else {
             EXPECT_EQ(Count("Not enough free space on volume."), refusals + 1);
             EXPECT_FALSE(PathExists(Incoming("one.txt")));
-            EXPECT_EQ(TheEngine.Call.LinkState.load(), LinkState::Connected);
+            EXPECT_EQ(engine_.Call.LinkState.load(), LinkState::Connected);
         }
     }
     // Each list that was abandoned for the next left nothing behind.
@@ -140,7 +140,7 @@ TEST_F(AdmissionTest, ANameWithAllItsSuffixesTakenRefusesTheListAndMakesNothing)
     // said it was made.
     EXPECT_FALSE(PathExists(Incoming("Box")));
     EXPECT_FALSE(Logged("Created new folder: Box"));
-    EXPECT_EQ(TheEngine.Call.LinkState.load(), LinkState::Connected);
+    EXPECT_EQ(engine_.Call.LinkState.load(), LinkState::Connected);
 }
 
 TEST_F(AdmissionTest, NamesTakenOnDiskOrByTheListGetSuffixesAndTheAnnouncedNameIsKept) {
@@ -149,9 +149,9 @@ TEST_F(AdmissionTest, NamesTakenOnDiskOrByTheListGetSuffixesAndTheAnnouncedNameI
     EXPECT_EQ(ReceivedNames(), (std::vector<std::string>{"report.doc-A", "report.doc-B"}));
     // The announced name stays for a resume; the list on the wire follows the
     // names in use.
-    EXPECT_EQ(Inspect([] { return std::string(TheEngine.ReceiveList[0].WireName.View()); }),
+    EXPECT_EQ(Inspect([&] { return std::string(engine_.ReceiveList[0].WireName.View()); }),
               "report.doc");
-    EXPECT_EQ(Inspect([] { return std::string(TheEngine.WireList[1].Name.View()); }),
+    EXPECT_EQ(Inspect([&] { return std::string(engine_.WireList[1].Name.View()); }),
               "report.doc-B");
     EXPECT_EQ(ReadWholeFile(Incoming("report.doc")), "mine");
     Abandon();

@@ -42,7 +42,7 @@ FileEntry EntryForFile(const std::string& name, const std::string& path, uint64_
 }
 
 void EngineHarness::SetUp() {
-    SetFreeSpaceQuery([] { return uint64_t{1} << 40; });
+    SetFreeSpaceQuery(engine_, [] { return uint64_t{1} << 40; });
     ASSERT_TRUE(CreateFolder(stores_.Paths.IncomingPath));
     far_.LinkAs(root_.Path(), 1);
     ASSERT_TRUE(line_.CommPortCreate());
@@ -51,32 +51,22 @@ void EngineHarness::SetUp() {
     ASSERT_NE(line_.CommPortOpen(), 0);
     ASSERT_EQ(line_.EnableHardwareHandshake(), 1);
     stores_.Prefs.AdapterModel = ModelBitSURFR;
-    SetEngineLine(line_);
-    EngineStartup(stores_);
-    TheEngine.CommThreadRun = true;
+    SetEngineLine(engine_, line_);
+    EngineStartup(engine_, stores_);
+    engine_.CommThreadRun = true;
     line_.AdapterFound = 1;
     line_.SetLinePolling(1);
-    commThread_ = StartThread(CommThread, nullptr, ThreadPriority::Normal, false);
+    commThread_ = StartThread(CommThread, &engine_, ThreadPriority::Normal, false);
     ASSERT_TRUE(commThread_ != nullptr);
 }
 
 void EngineHarness::TearDown() {
-    TheEngine.CommThreadRun = false;
+    engine_.CommThreadRun = false;
     line_.InterruptPortWait();
     JoinThread(commThread_);
-    StopFeeder();
-    EngineShutdown();
+    StopFeeder(engine_);
+    EngineShutdown(engine_);
     line_.CommPortDestroy();
-    SetFreeSpaceQuery(nullptr);
-    TheEngine.Call.LinkState = LinkState::Idle;
-    TheEngine.Call.Role = Role::Receiver;
-    TheEngine.SendList.Clear();
-    TheEngine.Call.ReceiveCount = 0;
-    TheEngine.Call.ReceiveListSize = 0;
-    TheEngine.Call.RetrievePending = false;
-    TheEngine.PickupSend = false;
-    TheEngine.Call.BlockIndex = 0;
-    TheEngine.Call.TransferStartTime = 0;
     ShiftNowMsForTest(0);
     CapPausesForTest(UINT32_MAX);
 }
@@ -143,8 +133,8 @@ void EngineHarness::ConnectAsReceiver() {
 }
 
 void EngineHarness::ConnectAsCaller() {
-    TheEngine.Call.Role = Role::Sender;
-    TheEngine.Call.LinkState = LinkState::Dialing;
+    engine_.Call.Role = Role::Sender;
+    engine_.Call.LinkState = LinkState::Dialing;
     Send("\r\nCONNECT 115200\r\n");
     EXPECT_EQ(Take(8), "SYNCON\r\n");
     ASSERT_TRUE(WaitForState(LinkState::Connected));
@@ -161,6 +151,6 @@ std::string EngineHarness::ChooseFile(const std::string& name, const std::string
     WriteWholeFile(path, bytes);
     // As the window does it: while no pass of the communications thread runs.
     PortConversation conversation(line_);
-    EXPECT_TRUE(TheEngine.SendList.Add(EntryForFile(name, path, bytes.size())));
+    EXPECT_TRUE(engine_.SendList.Add(EntryForFile(name, path, bytes.size())));
     return path;
 }

@@ -61,15 +61,16 @@ protected:
     void AnswerHangUp(bool behindData = false);
 
     // ---- The engine ----
-    static bool WaitForState(LinkState state, int timeoutMs = 5000) {
-        return WaitUntil([state] { return TheEngine.Call.LinkState.load() == state; }, timeoutMs);
+    bool WaitForState(LinkState state, int timeoutMs = 5000) {
+        return WaitUntil([this, state] { return engine_.Call.LinkState.load() == state; },
+                         timeoutMs);
     }
     // Runs f with the port's read side in hand, so that the communications
     // thread is between two passes: what f reads of the engine's lists was
     // written before, in a pass that has ended.
     template <class F>
-    static auto Inspect(F f) {
-        PortConversation conversation(*TheEngine.Line);
+    auto Inspect(F f) {
+        PortConversation conversation(*engine_.Line);
         return f();
     }
     static bool WaitUntil(const std::function<bool()>& condition, int timeoutMs = 5000);
@@ -77,8 +78,8 @@ protected:
     // it held in memory is gone, and what it keeps on the disk is read again.
     void RestartEngine() {
         Inspect([this] {
-            EngineShutdown();
-            EngineStartup(stores_);
+            EngineShutdown(engine_);
+            EngineStartup(engine_, stores_);
         });
     }
     bool WaitForLog(const std::string& line, int timeoutMs = 5000) {
@@ -117,6 +118,8 @@ protected:
     FarEnd far_;
     // The engine's line, fresh for each test.
     Line line_{stores_};
+    // The engine, fresh for each test as in a program that has just started.
+    TransferEngine engine_;
 
 private:
     ThreadHandle commThread_;

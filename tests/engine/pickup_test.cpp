@@ -60,33 +60,33 @@ TEST_F(PickUpTest, TheHolderAnswersARequestForAnEmptyFolderAndStaysTheReceiver) 
     Send(Request("5555"));
     EXPECT_EQ(Take(13), "NOFILEAVAIL\r\n");
     EXPECT_TRUE(WaitForLog("No files to be retrieved."));
-    EXPECT_EQ(TheEngine.Call.LinkState.load(), LinkState::Connected);
-    EXPECT_EQ(TheEngine.Call.Role.load(), Role::Receiver);
+    EXPECT_EQ(engine_.Call.LinkState.load(), LinkState::Connected);
+    EXPECT_EQ(engine_.Call.Role.load(), Role::Receiver);
 }
 
 TEST_F(PickUpTest, AHotFolderGoesOutOnceItsTotalHasStoodStill) {
     AddRecord("Hot", "123", true, {"one.txt", "three.txt"});
-    EXPECT_EQ(HotFolderDue(), std::nullopt);  // the total of the two files is noted
+    EXPECT_EQ(HotFolderDue(engine_), std::nullopt);  // the total of the two files is noted
     EXPECT_EQ(stores_.Directory[0].HotBytes, 16u);
     // During a call nothing is looked at, and nothing goes out. The call is
     // as fresh as one just connected, so the running engine's silence limit
     // does not hang it up meanwhile.
-    TheEngine.Call.LastRxTime = NowMs();
-    TheEngine.Call.LinkState = LinkState::Connected;
-    EXPECT_EQ(HotFolderDue(), std::nullopt);
+    engine_.Call.LastRxTime = NowMs();
+    engine_.Call.LinkState = LinkState::Connected;
+    EXPECT_EQ(HotFolderDue(engine_), std::nullopt);
     EXPECT_EQ(stores_.Directory[0].HotBytes, 16u);
-    TheEngine.Call.LinkState = LinkState::Idle;
+    engine_.Call.LinkState = LinkState::Idle;
     // A call that rings in starts the count again.
     Send("\r\nRING\r\n");
     EXPECT_EQ(TakeUntil("\r", 3000), "ATA\r");
-    EXPECT_EQ(HotFolderDue(), std::nullopt);
+    EXPECT_EQ(HotFolderDue(engine_), std::nullopt);
     EXPECT_EQ(stores_.Directory[0].HotBytes, 16u);
-    EXPECT_EQ(HotFolderDue(), 0);  // unchanged since the last look: it goes out
+    EXPECT_EQ(HotFolderDue(engine_), 0);  // unchanged since the last look: it goes out
     EXPECT_EQ(stores_.Directory[0].HotBytes, 0u);
     EXPECT_TRUE(Messages().empty());
     // A record without a number is not dialled.
-    SendHotFolder(CallRequest{});
-    EXPECT_TRUE(TheEngine.PickupSend.load());
+    SendHotFolder(engine_, CallRequest{});
+    EXPECT_TRUE(engine_.PickupSend.load());
     EXPECT_EQ(Messages(),
               std::vector<std::string>{"Please select a correspondent in your Directory."});
 }

@@ -37,15 +37,15 @@ protected:
         OfferAsCaller({file});
         Send(peer::Stream(file.Bytes).substr(0, SectionWireBytes + 10));
         ASSERT_TRUE(WaitUntil(
-            [] { return Inspect([] { return TheEngine.ReceiveList[0].NextBlock == 16; }); }));
-        EndCall(CallEnd::Requested);
+            [&] { return Inspect([&] { return engine_.ReceiveList[0].NextBlock == 16; }); }));
+        EndCall(engine_, CallEnd::Requested);
         EXPECT_EQ(Take(7), "ABORT\r\n");
-        EXPECT_EQ(TheEngine.Call.LinkState.load(), LinkState::Connected);
-        std::thread again([] { EndCall(CallEnd::Requested); });
+        EXPECT_EQ(engine_.Call.LinkState.load(), LinkState::Connected);
+        std::thread again([&] { EndCall(engine_, CallEnd::Requested); });
         EXPECT_EQ(AnswerCommand(), "AT");
         EXPECT_TRUE(AnswerProfile());
         again.join();
-        EXPECT_EQ(TheEngine.Call.LinkState.load(), LinkState::Idle);
+        EXPECT_EQ(engine_.Call.LinkState.load(), LinkState::Idle);
         ASSERT_TRUE(PathExists(Incoming(file.Name + ".part")));
     }
 
@@ -104,7 +104,7 @@ TEST_F(CallEndTest, EachWayOfEndingLogsItsLinesAndLeavesTheLinkIdle) {
          {"Connected 115200", "Disconnected", rule, rule, profile}},
         {"the receiver hears the sender hang up",
          [this] {
-             TheEngine.Call.RetrievePending = true;
+             engine_.Call.RetrievePending = true;
              ConnectAsReceiver();
              Send("\r\nNO CARRIER\r\n");
          },
@@ -121,14 +121,14 @@ TEST_F(CallEndTest, EachWayOfEndingLogsItsLinesAndLeavesTheLinkIdle) {
         EXPECT_EQ(
             std::vector<std::string>(log.end() - static_cast<long>(c.Lines.size()), log.end()),
             c.Lines);
-        EXPECT_FALSE(FeederRunning());
-        EXPECT_EQ(TheEngine.Call.Role.load(), Role::Receiver);
-        EXPECT_FALSE(TheEngine.Call.RetrievePending.load());
-        EXPECT_EQ(TheEngine.SendList.Count(), c.Total == 0 ? 0 : 1);
-        EXPECT_EQ(Inspect([] { return uint32_t{TheEngine.SendList[0].BytesDone}; }), 0u);
-        EXPECT_EQ(Inspect([] { return TheEngine.SendList[0].NextBlock; }), 0);
-        EXPECT_EQ(TheEngine.SendList.Remaining(), c.Total);
-        TheEngine.SendList.Clear();
+        EXPECT_FALSE(FeederRunning(engine_));
+        EXPECT_EQ(engine_.Call.Role.load(), Role::Receiver);
+        EXPECT_FALSE(engine_.Call.RetrievePending.load());
+        EXPECT_EQ(engine_.SendList.Count(), c.Total == 0 ? 0 : 1);
+        EXPECT_EQ(Inspect([&] { return uint32_t{engine_.SendList[0].BytesDone}; }), 0u);
+        EXPECT_EQ(Inspect([&] { return engine_.SendList[0].NextBlock; }), 0);
+        EXPECT_EQ(engine_.SendList.Remaining(), c.Total);
+        engine_.SendList.Clear();
     }
 }
 
@@ -387,7 +387,7 @@ TEST_F(SenderTeardownTest, AFarEndSilentForTheReceiversLimitsIsLetGo) {
         const auto line = std::find(log.rbegin(), log.rend(), "Remote end not responding.");
         ASSERT_NE(line, log.rend());
         EXPECT_EQ(*(line - 1), "Disconnected");
-        TheEngine.SendList.Clear();
+        engine_.SendList.Clear();
     }
 }
 
@@ -399,9 +399,9 @@ TEST_F(SenderTeardownTest, AFileThatCannotBeReadEndsTheCall) {
     AnswerHangUp();
     EXPECT_TRUE(WaitForState(LinkState::Idle));
     EXPECT_TRUE(Logged("Cannot read file: gone.txt"));
-    EXPECT_FALSE(FeederRunning());
+    EXPECT_FALSE(FeederRunning(engine_));
     // Its time went untold; a later call's end must not tell it either.
-    EXPECT_EQ(TheEngine.Call.TransferStartTime.load(), 0);
+    EXPECT_EQ(engine_.Call.TransferStartTime.load(), 0);
 }
 
 // An adapter that answers neither "+++" nor anything after it: the sending
@@ -427,7 +427,7 @@ TEST_F(SenderTeardownTest, AnUnansweredHangUpIsTriedTwiceMoreFiveSecondsApart) {
         // end knows.
         EXPECT_EQ(Comes("+++", 1000), failed < 3);
     }
-    EXPECT_EQ(TheEngine.Call.LinkState.load(), LinkState::Connected);
+    EXPECT_EQ(engine_.Call.LinkState.load(), LinkState::Connected);
     EXPECT_FALSE(Logged("Disconnected"));
 
     // When the line falls after all, the call ends as any other.

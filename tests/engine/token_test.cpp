@@ -40,7 +40,7 @@ TEST_F(ReceiverTokenTest, NoiseAndTwoTokensOnALineAreHeardAndInRecoveryOnlySendR
     // Neither the line's fall nor a new session moves it now.
     Send("\r\nNO CARRIER\r\nSYNCON\r\n");
     EXPECT_EQ(TakeFor(200), "");
-    EXPECT_EQ(TheEngine.Call.LinkState.load(), LinkState::Recovery);
+    EXPECT_EQ(engine_.Call.LinkState.load(), LinkState::Recovery);
     // Behind noise on its line, SENDRECOVR is heard, and the section comes
     // again from its start.
     Send("xx SENDRECOVR\r\n" + peer::Stream(bytes));
@@ -55,7 +55,7 @@ TEST_F(SenderTokenTest, AnAcceptanceBehindNoiseStartsTheTransferAndAck1CountsAsA
     // Tokens that belong to no session in progress do nothing.
     Send("ACK4\r\nACK2\r\nCONTSEND\r\nACK3\r\n");
     EXPECT_EQ(TakeFor(200), "");
-    EXPECT_EQ(TheEngine.Call.LinkState.load(), LinkState::Connected);
+    EXPECT_EQ(engine_.Call.LinkState.load(), LinkState::Connected);
 
     Send(std::string("junk\0 RCVCON\r\n", 14));
     const std::string offer = ListFor({{"a.bin", bytes}});
@@ -86,7 +86,7 @@ TEST_F(SenderTokenTest, AListWithNoDataIsThroughAtTheFirstAck2AndAnEarlyOneLeave
     Send("ACK2\r\n");
     AnswerHangUp();
     EXPECT_TRUE(WaitForLog("All files sent."));
-    EXPECT_EQ(TheEngine.SendList.Count(), 0);
+    EXPECT_EQ(engine_.SendList.Count(), 0);
     ASSERT_TRUE(WaitForState(LinkState::Idle));
 
     // A far end that says ACK2 while files of the list have not gone ends the
@@ -99,8 +99,8 @@ TEST_F(SenderTokenTest, AListWithNoDataIsThroughAtTheFirstAck2AndAnEarlyOneLeave
     AnswerHangUp();
     EXPECT_TRUE(WaitUntil([this] { return Count("All files sent.") == 2; }));
     ASSERT_TRUE(WaitForState(LinkState::Idle));
-    EXPECT_EQ(TheEngine.SendList.Count(), 0);
-    EXPECT_EQ(TheEngine.SendList.Remaining(), 0u);
+    EXPECT_EQ(engine_.SendList.Count(), 0);
+    EXPECT_EQ(engine_.SendList.Remaining(), 0u);
 }
 
 TEST_F(SenderTokenTest, ARecoveryBodyOutsideTheFileEndsTheCall) {
@@ -114,7 +114,7 @@ TEST_F(SenderTokenTest, ARecoveryBodyOutsideTheFileEndsTheCall) {
     Send("FILERECOVR\r\n" + peer::RecoveryBody(1002, 1, 0));
     AnswerHangUp();
     EXPECT_TRUE(WaitForState(LinkState::Idle));
-    EXPECT_FALSE(FeederRunning());
+    EXPECT_FALSE(FeederRunning(engine_));
 }
 
 // A refused list would leave the sender waiting for the far end's watchdog:
@@ -132,27 +132,26 @@ TEST_F(SenderTokenTest, ARefusedListIsNamedInTheLogAndTheCallHungUpAtOnce) {
         AnswerHangUp();
         EXPECT_TRUE(WaitForState(LinkState::Idle));
         EXPECT_EQ(Count(line), 1);
-        EXPECT_EQ(TheEngine.SendList.Count(), 1);
+        EXPECT_EQ(engine_.SendList.Count(), 1);
     }
 }
 
 TEST_F(CallProgressTest, BusyNoCarrierAndNoDialtoneEndTheDialAndOtherLinesDoNot) {
     // Neither the far end's ringing nor a connection at a speed of no ISDN
     // call is the end of a dial.
-    TheEngine.Call.LinkState = LinkState::Dialing;
+    engine_.Call.LinkState = LinkState::Dialing;
     Send("\r\nRINGING\r\n\r\nCONNECT 9600\r\n");
     EXPECT_EQ(TakeFor(300), "");
-    EXPECT_EQ(TheEngine.Call.LinkState.load(), LinkState::Dialing);
+    EXPECT_EQ(engine_.Call.LinkState.load(), LinkState::Dialing);
     for (const char* code : {"BUSY", "NO CARRIER", "NO DIAL TONE", "NO DIALTONE"}) {
-        TheEngine.Call.Role = Role::Sender;
-        TheEngine.Call.RetrievePending = true;
-        TheEngine.Call.LinkState = LinkState::Dialing;
+        engine_.Call.Role = Role::Sender;
+        engine_.Call.RetrievePending = true;
+        engine_.Call.LinkState = LinkState::Dialing;
         Send(std::string("\r\n") + code + "\r\n");
         EXPECT_EQ(AnswerCommand().substr(0, 4), "AT\\Q") << code;
         ASSERT_TRUE(WaitForState(LinkState::Idle)) << code;
-        EXPECT_TRUE(WaitUntil([] {
-            return TheEngine.Call.Role.load() != Role::Sender &&
-                   !TheEngine.Call.RetrievePending.load();
+        EXPECT_TRUE(WaitUntil([&] {
+            return engine_.Call.Role.load() != Role::Sender && !engine_.Call.RetrievePending.load();
         })) << code;
     }
     for (const char* line : {"Busy", "Disconnected", "No Dialtone."}) {

@@ -20,7 +20,6 @@
 
 #include "app/control_model.h"
 #include "app/main_window.h"
-#include "engine/transfer_engine.h"
 #include "platform/event_loop.h"
 #include "platform/files.h"
 #include "resources/resource.h"
@@ -89,9 +88,6 @@ void UiTest::SetUp() {
     previousFolder_ = CurrentFolder().value_or("");
     ASSERT_TRUE(ChangeCurrentFolder(folder_.Path()));
     BlockPorts(folder_.Path());
-    // What one process does once: every test starts from the program's
-    // first state.
-    TheEngine.Call.LinkState = LinkState::Idle;
     answerer_ = std::make_unique<ModalAnswerer>();
     frontEnd_ = std::make_unique<FrontEnd>();
     frontEnd_->Start();
