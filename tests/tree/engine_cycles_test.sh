@@ -1,0 +1,109 @@
+#!/usr/bin/env bash
+# Plants a small engine whose files call one another in two circles and shows
+# that check_engine_cycles.sh names both, the shorter first, and not the way
+# back through EndCall; then breaks the circles as a move of a function would
+# and shows that the same engine passes.
+#
+#   tests/tree/engine_cycles_test.sh COMPILER AR NM WORK
+set -uo pipefail
+here=$(cd "$(dirname "$0")" && pwd)
+compiler=$1
+ar_tool=$2
+nm_tool=$3
+work=$4
+rm -rf "$work"
+mkdir -p "$work"
+
+# call_end.cpp's table runs Tidy of teardown.cpp, which ends the call itself
+# when it must: that circle is the allowed one. transfer_engine.cpp and
+# sending_session.cpp call each other; transfer_engine.cpp, dialing.cpp and
+# pickup.cpp go round in three. Untangled, sending_session.cpp still names
+# Start in a comment and a string and calls a Stop of its own class.
+cat >"$work/engine.h" <<'SOURCE'
+void EndCall(int reason);
+void Tidy();
+void Start();
+void Stop();
+void Feed();
+void Dial();
+void Pick();
+void Answer();
+SOURCE
+cat >"$work/call_end.cpp" <<'SOURCE'
+#include "engine.h"
+void EndCall(int reason) { if (reason > 0) Tidy(); }
+SOURCE
+cat >"$work/teardown.cpp" <<'SOURCE'
+#include "engine.h"
+void Tidy() { EndCall(0); }
+SOURCE
+cat >"$work/transfer_engine.cpp" <<'SOURCE'
+#include "engine.h"
+void Start() { Feed(); Dial(); }
+void Stop() {}
+void Answer() { EndCall(1); }
+SOURCE
+cat >"$work/sending_session.cpp" <<'SOURCE'
+#include "engine.h"
+namespace {
+struct Gauge {
+    void Stop() { ++stops; }
+    int stops = 0;
+};
+const char* Said() { return "Start()"; }
+}  // namespace
+// Start() is for the window to call.
+void Feed() {
+    Gauge gauge;
+    gauge.Stop();
+    if (Said()[gauge.stops] != 't') EndCall(2);
+#ifndef UNTANGLED
+    Stop();
+#endif
+}
+SOURCE
+cat >"$work/dialing.cpp" <<'SOURCE'
+#include "engine.h"
+void Dial() { Pick(); }
+SOURCE
+cat >"$work/pickup.cpp" <<'SOURCE'
+#include "engine.h"
+void Pick() {
+#ifndef UNTANGLED
+    Answer();
+#endif
+}
+SOURCE
+
+# Builds the planted engine into LIBRARY with the given flags.
+build() {
+    local library=$1
+    shift
+    rm -f "$library"
+    for source in "$work"/*.cpp; do
+        "$compiler" -std=c++20 -O2 "$@" -c "$source" -o "$work/$(basename "$source").o" || exit 1
+    done
+    "$ar_tool" rc "$library" "$work"/*.cpp.o || exit 1
+}
+
+fail() {
+    echo "$1" >&2
+    echo "--- the check said:" >&2
+    echo "$out" >&2
+    exit 1
+}
+
+build "$work/tangled.a"
+out=$("$here/check_engine_cycles.sh" "$nm_tool" "$work/tangled.a" 2>&1)
+[ $? -eq 1 ] || fail "the planted circles passed"
+expected="  sending_session.cpp -> transfer_engine.cpp -> sending_session.cpp
+  dialing.cpp -> pickup.cpp -> transfer_engine.cpp -> dialing.cpp"
+[ "$(grep -e ' -> .*: ' -v <<<"$out" | grep '^  ')" = "$expected" ] ||
+    fail "the check did not name exactly the two circles, the shorter first"
+grep -q "^  sending_session.cpp -> transfer_engine.cpp: Stop$" <<<"$out" ||
+    fail "the call that closes the shorter circle was not named"
+
+build "$work/untangled.a" -DUNTANGLED
+out=$("$here/check_engine_cycles.sh" "$nm_tool" "$work/untangled.a" 2>&1) ||
+    fail "an engine whose only way back is EndCall failed"
+echo "The planted circles were found, the shorter first, and the untangled engine passed."
