@@ -152,3 +152,20 @@ void HandleLineEvent(TransferEngine& engine) {
         }
     }
 }
+
+void OnSendClicked(TransferEngine& engine, const CallRequest& call) {
+    engine.Call.RetrievePending = false;
+    engine.PickupSend = false;
+    PlaceCall(engine, call);
+}
+
+void OnRetrieveClicked(TransferEngine& engine, const CallRequest& call) {
+    engine.Call.RetrievePending = true;
+    PlaceCall(engine, call);
+}
+
+void SendHotFolder(TransferEngine& engine, const CallRequest& call) {
+    engine.PickupSend = true;
+    engine.Call.RetrievePending = false;
+    PlaceCall(engine, call);
+}

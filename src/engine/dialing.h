@@ -33,3 +33,11 @@ void ClearHotFolderCounters(TransferEngine& engine);
 // The dial command for a number as the user typed it, with the carrier code
 // of that row of the carrier list in front of each of its numbers.
 std::string DialString(const std::string& number, int carrierRow);
+
+// The buttons Send and Retrieve, with the call the window has set up.
+void OnSendClicked(TransferEngine& engine, const CallRequest& call);
+void OnRetrieveClicked(TransferEngine& engine, const CallRequest& call);
+
+// Sends a hot folder that LoadPickUpFolder has put in the list, with the
+// call the window has set up for its record.
+void SendHotFolder(TransferEngine& engine, const CallRequest& call);

@@ -64,17 +64,6 @@ std::string FirstNumberDigits(const std::string& stored) {
 
 }  // namespace
 
-void OnSendClicked(TransferEngine& engine, const CallRequest& call) {
-    engine.Call.RetrievePending = false;
-    engine.PickupSend = false;
-    PlaceCall(engine, call);
-}
-
-void OnRetrieveClicked(TransferEngine& engine, const CallRequest& call) {
-    engine.Call.RetrievePending = true;
-    PlaceCall(engine, call);
-}
-
 void ClearHotFolderCounters(TransferEngine& engine) {
     engine.Clears.Asked.fetch_add(1);
     if (!OnCommThread(engine)) {
@@ -116,23 +105,6 @@ void EnsureSentFilesFolder(TransferEngine& engine, int16_t index) {
         // A folder that is there already serves as well.
         static_cast<void>(CreateFolder(folder + "/Sent Files"));
     }
-}
-
-void MoveToSentFiles(const std::string& path) {
-    // The file keeps its own name: the name it was announced under may be
-    // shortened, and two long names can shorten alike.
-    const std::string name = NameOfPath(path);
-    const std::string target = path.substr(0, path.size() - name.size()) + "Sent Files/" + name;
-    if (MoveFileNoReplace(path, target)) {
-        return;
-    }
-    // An older file of that name is in the way.
-    static_cast<void>(DeleteFileAt(target));
-    if (MoveFileNoReplace(path, target)) {
-        return;
-    }
-    // A file that will go neither way stays in the folder, as the user sees it.
-    static_cast<void>(DeleteFileAt(path));
 }
 
 std::optional<RetrieveFolder> FindRetrieveFolder(TransferEngine& engine,
@@ -231,10 +203,4 @@ std::optional<int16_t> HotFolderDue(TransferEngine& engine) {
         return static_cast<int16_t>(i);
     }
     return std::nullopt;
-}
-
-void SendHotFolder(TransferEngine& engine, const CallRequest& call) {
-    engine.PickupSend = true;
-    engine.Call.RetrievePending = false;
-    PlaceCall(engine, call);
 }

@@ -10,9 +10,6 @@
 
 struct TransferEngine;
 
-// The buttons Send and Retrieve, with the call the window has set up.
-void OnSendClicked(TransferEngine& engine, const CallRequest& call);
-void OnRetrieveClicked(TransferEngine& engine, const CallRequest& call);
 // The pick-up folder that answers a retrieve request: its record, and
 // whether it holds anything to send.
 struct RetrieveFolder {
@@ -29,9 +26,6 @@ void LoadPickUpFolder(TransferEngine& engine, int16_t index);
 // now, having stood unchanged since the last look, if any. Every folder's
 // total is noted for the next look.
 [[nodiscard]] std::optional<int16_t> HotFolderDue(TransferEngine& engine);
-// Sends a hot folder that LoadPickUpFolder has put in the list, with the
-// call the window has set up for its record.
-void SendHotFolder(TransferEngine& engine, const CallRequest& call);
 
 // The holder's answer to a line holding RETRIEVE: reads the request behind
 // it and sends the pick-up folder, or says why there is none.
@@ -44,7 +38,3 @@ void AnswerRetrieveRequest(TransferEngine& engine);
                                                       uint32_t& total);
 // Makes the folder "Sent Files" inside record index's pick-up folder.
 void EnsureSentFilesFolder(TransferEngine& engine, int16_t index);
-// Moves a file that has been sent into "Sent Files" beside it, under its own
-// name, replacing an older file of that name there; a file that cannot be
-// moved is deleted, so that it does not go out again.
-void MoveToSentFiles(const std::string& path);

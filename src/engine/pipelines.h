@@ -30,3 +30,8 @@ void ReceiveBlock(TransferEngine& engine);
 void RefreshReceiveDisplay(TransferEngine& engine);
 // Moves the finished ReceiveList[0] behind the files still to come.
 void RetireFinishedEntry(TransferEngine& engine);
+
+// Starts a new feeder for the transfer that begins now, after the threads of
+// an earlier session have been waited for. FeederRun and SectionWanted must
+// be set first.
+void StartSectionFeeder(TransferEngine& engine);

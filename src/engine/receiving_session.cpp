@@ -539,23 +539,6 @@ void LogCannotWrite(TransferEngine& engine, const std::string& name, bool outOfS
     }
 }
 
-int64_t PartialFileLength(int16_t nextBlock) {
-    return SectionFileOffset(nextBlock);
-}
-
-bool SavedPartialIntact(TransferEngine& engine) {
-    const FileEntry& saved = engine.SavedEntry;
-    if (saved.WireName.IsEmpty() || saved.NextBlock < 0 ||
-        saved.NextBlock % static_cast<int16_t>(BlocksPerSection) != 0) {
-        return false;
-    }
-    File file;
-    if (!file.Open(std::string(saved.FilePath.View()), File::Mode::Read)) {
-        return false;
-    }
-    return file.Length() == PartialFileLength(saved.NextBlock);
-}
-
 void EndRecoveryCandidacy(TransferEngine& engine) {
     FileEntry& saved = engine.SavedEntry;
     if (saved.WireName.IsEmpty()) {

@@ -78,20 +78,3 @@ void ConfirmRecovery(TransferEngine& engine) {
     SendToken(engine, TokenSendRecovr);
     engine.Call.LinkState = LinkState::Transfer;
 }
-
-bool RecoveryBodySound(const RecoveryBody& body) {
-    FileEntry position;
-    ApplyRecoveryBody(body, position);
-    const uint32_t length = position.DataLength;
-    if (!DataLengthFits(length) || length % SectionWireBytes == 1 ||
-        length % SectionWireBytes == 2) {
-        return false;
-    }
-    if (position.DataBlocks != DataBlocksOf(length) ||
-        position.LastBlockBytes != LastBlockBytesOf(length)) {
-        return false;
-    }
-    const int16_t next = position.NextBlock;
-    return next >= 0 && next % static_cast<int16_t>(BlocksPerSection) == 0 &&
-           next <= position.DataBlocks && position.BlocksDone == next;
-}

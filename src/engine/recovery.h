@@ -21,8 +21,3 @@ void ApplyRecoveryAtReceiver(TransferEngine& engine);
 void ApplyRecoveryAtSender(TransferEngine& engine);
 // Sending side: SENDRECOVR, and the transfer goes on.
 void ConfirmRecovery(TransferEngine& engine);
-
-// True if a body, as it came from the far end, describes a position inside a
-// data stream that the block counters can hold, so that the pipeline can
-// take it over without leaving its buffers.
-[[nodiscard]] bool RecoveryBodySound(const RecoveryBody& body);

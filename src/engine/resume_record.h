@@ -11,6 +11,8 @@
 // which is ignored.
 #pragma once
 
+#include <cstdint>
+
 struct TransferEngine;
 
 // Writes SavedEntry and the body of RecoveryRecord to the record. A write
@@ -27,3 +29,11 @@ void ForgetResumeCandidate(TransferEngine& engine);
 // position. A part that fits in no such way is not this program's to resume:
 // it is left alone, and the record is cleared.
 void LoadResumeCandidate(TransferEngine& engine);
+
+// Length that the partial file of a receive entry has on disk: every section
+// before NextBlock, complete.
+int64_t PartialFileLength(int16_t nextBlock);
+
+// True if the file that SavedEntry names is there with exactly the bytes of
+// its completed sections.
+[[nodiscard]] bool SavedPartialIntact(TransferEngine& engine);

@@ -207,3 +207,45 @@ unsigned BlockWriter(void* parameter) {
     }
     return 0;
 }
+
+void StartSectionFeeder(TransferEngine& engine) {
+    // A feeder of an earlier session that has been told to stop may still be
+    // on its way out; it must be gone before a new one takes the shared words.
+    ThreadHandle oldFeeder;
+    {
+        std::lock_guard<std::mutex> guard(engine.Threads.HandlesLock);
+        oldFeeder = engine.Threads.SessionFeeder;
+    }
+    JoinThread(oldFeeder);
+    JoinThread(engine.WriterThread.load());
+    engine.WriterThread.store(nullptr);
+
+    // The writer is made here rather than by the feeder, held until its first
+    // block, so that its handle is written by this thread alone and is in
+    // place before either of the two runs. The two hand every block to each
+    // other and never need the processor at the same moment, so they share
+    // one: a wake that crosses processors costs far more than one that stays.
+    const int processor = CurrentProcessor();
+    engine.WriterRun = true;
+    engine.WriterIdle = true;
+    engine.WriterThread.store(
+        StartThread(BlockWriter, &engine, ThreadPriority::Highest, true, processor));
+    // Held too, so that its own handle is in place before it first parks.
+    ThreadHandle feeder =
+        StartThread(SectionFeeder, &engine, ThreadPriority::Highest, true, processor);
+    {
+        std::lock_guard<std::mutex> guard(engine.Threads.HandlesLock);
+        engine.Threads.SessionFeeder = feeder;
+    }
+    if (!feeder || !engine.WriterThread.load()) {
+        engine.FeederRun = false;
+        engine.WriterRun = false;
+        WakeThread(engine.WriterThread.load());
+        WakeThread(feeder);
+        engine.Call.Session.SendFault = true;
+        engine.Line->InterruptPortWait();
+        return;
+    }
+    engine.FeederThread.store(feeder);
+    WakeThread(feeder);
+}

@@ -9,6 +9,7 @@
 #include "engine/call_end.h"
 #include "engine/display.h"
 #include "engine/pickup.h"
+#include "engine/pipelines.h"
 #include "engine/recovery.h"
 #include "engine/session_threads.h"
 #include "engine/sessions.h"
@@ -19,6 +20,7 @@
 #include "line/comm_port.h"
 #include "line/profiles.h"
 #include "platform/clock.h"
+#include "platform/files.h"
 
 namespace {
 
@@ -343,4 +345,21 @@ void ResetSendPosition(TransferEngine& engine) {
         entry.AuxDone = entry.AuxLength == 0 ? 1 : 0;
     }
     Display(engine).ShowBatchEstimate(engine.SendList.RecomputeTotal());
+}
+
+void MoveToSentFiles(const std::string& path) {
+    // The file keeps its own name: the name it was announced under may be
+    // shortened, and two long names can shorten alike.
+    const std::string name = NameOfPath(path);
+    const std::string target = path.substr(0, path.size() - name.size()) + "Sent Files/" + name;
+    if (MoveFileNoReplace(path, target)) {
+        return;
+    }
+    // An older file of that name is in the way.
+    static_cast<void>(DeleteFileAt(target));
+    if (MoveFileNoReplace(path, target)) {
+        return;
+    }
+    // A file that will go neither way stays in the folder, as the user sees it.
+    static_cast<void>(DeleteFileAt(path));
 }

@@ -80,10 +80,6 @@ void ShowLinkState(TransferEngine& engine, LinkState state);
 // The link's state, never ahead of the window's buttons.
 [[nodiscard]] LinkState LinkStateAsShown(TransferEngine& engine);
 
-// Starts a new feeder for the transfer that begins now, after the threads of
-// an earlier session have been waited for. FeederRun and SectionWanted must
-// be set first.
-void StartSectionFeeder(TransferEngine& engine);
 // True while a feeder runs for this session.
 bool FeederRunning(TransferEngine& engine);
 // Wakes the feeder, if one runs, so that it looks at the state again.

@@ -75,12 +75,11 @@ void LogCannotWrite(TransferEngine& engine, const std::string& name, bool outOfS
 
 // ---- Both ----
 
-// Length that the partial file of a receive entry has on disk: every section
-// before NextBlock, complete.
-int64_t PartialFileLength(int16_t nextBlock);
-// True if the file that SavedEntry names is there with exactly the bytes of
-// its completed sections.
-[[nodiscard]] bool SavedPartialIntact(TransferEngine& engine);
 // Deletes the partial file that SavedEntry names, if it is still the one this
 // program left, and empties SavedEntry: the file can no longer be resumed.
 void EndRecoveryCandidacy(TransferEngine& engine);
+
+// Moves a file that has been sent into "Sent Files" beside it, under its own
+// name, replacing an older file of that name there; a file that cannot be
+// moved is deleted, so that it does not go out again.
+void MoveToSentFiles(const std::string& path);

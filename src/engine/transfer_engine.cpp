@@ -191,10 +191,6 @@ void CommPass(TransferEngine& engine) {
 
 }  // namespace
 
-bool OnCommThread(TransferEngine& engine) {
-    return engine.Marks.CommThread.load() == std::this_thread::get_id();
-}
-
 void ShowMessageOutsidePass(TransferEngine& engine, const std::string& text) {
     if (engine.Marks.InsidePass.load() == std::this_thread::get_id()) {
         engine.Marks.HeldMessages.push_back(text);

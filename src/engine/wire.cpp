@@ -200,3 +200,20 @@ RetrieveRequest MakeRetrieveRequest(std::string_view localNumber) {
     request.LocalNumber.Set(localNumber);
     return request;
 }
+
+bool RecoveryBodySound(const RecoveryBody& body) {
+    FileEntry position;
+    ApplyRecoveryBody(body, position);
+    const uint32_t length = position.DataLength;
+    if (!DataLengthFits(length) || length % SectionWireBytes == 1 ||
+        length % SectionWireBytes == 2) {
+        return false;
+    }
+    if (position.DataBlocks != DataBlocksOf(length) ||
+        position.LastBlockBytes != LastBlockBytesOf(length)) {
+        return false;
+    }
+    const int16_t next = position.NextBlock;
+    return next >= 0 && next % static_cast<int16_t>(BlocksPerSection) == 0 &&
+           next <= position.DataBlocks && position.BlocksDone == next;
+}

@@ -325,3 +325,8 @@ RecoveryMessage MakeRecoveryMessage(const WireToken& token, const RecoveryBody& 
 
 // The request of a retrieve, carrying this end's number, cut to 31 characters.
 RetrieveRequest MakeRetrieveRequest(std::string_view localNumber);
+
+// True if a body, as it came from the far end, describes a position inside a
+// data stream that the block counters can hold, so that the pipeline can
+// take it over without leaving its buffers.
+[[nodiscard]] bool RecoveryBodySound(const RecoveryBody& body);

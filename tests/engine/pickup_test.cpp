@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "engine/pickup.h"
+#include "engine/sessions.h"
 #include "engine_harness.h"
 #include "line/profiles.h"
 #include "platform/clock.h"

@@ -1,0 +1,9 @@
+#include "engine/comm_pass.h"
+
+#include <thread>
+
+#include "engine/transfer_engine.h"
+
+bool OnCommThread(TransferEngine& engine) {
+    return engine.Marks.CommThread.load() == std::this_thread::get_id();
+}
