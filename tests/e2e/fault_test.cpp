@@ -485,13 +485,7 @@ TEST(CallEndTest, EveryCallEndsAndNoneHoldsTheLine) {
         ending.join();
     }
     // The calls that were to have two channels had them.
-    const std::string traced = ReadWholeFile(root / "trace");
-    size_t twoChannelCalls = 0;
-    for (size_t at = traced.find(", 2 channels,"); at != std::string::npos;
-         at = traced.find(", 2 channels,", at + 1)) {
-        ++twoChannelCalls;
-    }
-    EXPECT_EQ(twoChannelCalls, 3u);
+    EXPECT_EQ(Occurrences(ReadWholeFile(root / "trace"), ", 2 channels,"), 3u);
 
     // A real call right after the streaming one is served: the file that the
     // dead receiver never had.

@@ -53,3 +53,11 @@ uint64_t FileDigest(const std::string& path) {
     }
     return (digest ^ length) * 0x100000001B3;
 }
+
+size_t Occurrences(const std::string& text, const std::string& part) {
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}

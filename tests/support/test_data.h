@@ -18,3 +18,6 @@ uint64_t FileDigest(const std::string& path);
 // The lines that hold any of the texts, in their order.
 std::vector<std::string> LinesHolding(const std::vector<std::string>& lines,
                                       const std::vector<std::string>& texts);
+
+// How often part stands in text.
+size_t Occurrences(const std::string& text, const std::string& part);

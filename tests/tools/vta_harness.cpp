@@ -26,14 +26,6 @@ FarEnd& VirtualTaTest::Port(const std::string& name, uint32_t speed) {
     return *ports_.back();
 }
 
-size_t Occurrences(const std::string& text, const std::string& part) {
-    size_t count = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-        ++count;
-    }
-    return count;
-}
-
 bool WaitForTrace(const std::string& path, const std::string& text, size_t count, int timeoutMs) {
     const uint64_t deadline = MonotonicNs() + static_cast<uint64_t>(timeoutMs) * 1000000;
     for (;;) {
