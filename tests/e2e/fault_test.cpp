@@ -307,9 +307,7 @@ TEST(TwoComputersTest, AConnectionCutInTheMiddleOfAFileIsALostCallAndTheResendRe
     ASSERT_EQ(line.Alice->Command("send"), "ok");
     ASSERT_TRUE(line.Bob->WaitForLog("Receiving File: big.bin"));
     // Past the first section and short of the last: about 2 seconds of line.
-    for (int wait = 0; wait < 3000 && line.Relay->Carried() < 2 * SectionData; ++wait) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    PollUntil([&] { return line.Relay->Carried() >= 2 * SectionData; }, std::chrono::seconds(30));
     line.Relay->Cut();
     ASSERT_TRUE(line.Alice->WaitForLog("Disconnected"));
     ASSERT_TRUE(line.Bob->WaitForLog("Disconnected"));
