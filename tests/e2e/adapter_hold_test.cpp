@@ -80,10 +80,7 @@ TEST(KilledStation, RestartedItHangsUpTheCallItsAdapterHeldAndTheResendGoesOnWhe
             return SizeOnDisk(part) >= SectionData &&
                    RecordedSince(line.BobPath + "/kestrelbound_resume", part);
         };
-        for (int wait = 0; wait < 3000 && !sectionKept(); ++wait) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        ASSERT_TRUE(sectionKept());
+        ASSERT_TRUE(PollUntil(sectionKept, std::chrono::seconds(30)));
 
         std::unique_ptr<Station>& killed = c.KillReceiver ? line.Bob : line.Alice;
         std::unique_ptr<Station>& survivor = c.KillReceiver ? line.Alice : line.Bob;

@@ -307,9 +307,7 @@ TEST(TwoComputersTest, AConnectionCutInTheMiddleOfAFileIsALostCallAndTheResendRe
     ASSERT_EQ(line.Alice->Command("send"), "ok");
     ASSERT_TRUE(line.Bob->WaitForLog("Receiving File: big.bin"));
     // Past the first section and short of the last: about 2 seconds of line.
-    for (int wait = 0; wait < 3000 && line.Relay->Carried() < 2 * SectionData; ++wait) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    PollUntil([&] { return line.Relay->Carried() >= 2 * SectionData; }, std::chrono::seconds(30));
     line.Relay->Cut();
     ASSERT_TRUE(line.Alice->WaitForLog("Disconnected"));
     ASSERT_TRUE(line.Bob->WaitForLog("Disconnected"));
@@ -485,13 +483,7 @@ TEST(CallEndTest, EveryCallEndsAndNoneHoldsTheLine) {
         ending.join();
     }
     // The calls that were to have two channels had them.
-    const std::string traced = ReadWholeFile(root / "trace");
-    size_t twoChannelCalls = 0;
-    for (size_t at = traced.find(", 2 channels,"); at != std::string::npos;
-         at = traced.find(", 2 channels,", at + 1)) {
-        ++twoChannelCalls;
-    }
-    EXPECT_EQ(twoChannelCalls, 3u);
+    EXPECT_EQ(Occurrences(ReadWholeFile(root / "trace"), ", 2 channels,"), 3u);
 
     // A real call right after the streaming one is served: the file that the
     // dead receiver never had.

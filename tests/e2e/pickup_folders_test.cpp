@@ -21,6 +21,13 @@
 
 namespace {
 
+// The rows of a list as "show" prints them.
+std::string Rows(Station& station, const std::string& control) {
+    const std::string line = station.ShowControl(control);
+    const size_t at = line.find("rows=\"");
+    return at == std::string::npos ? "?" : line.substr(at + 6, line.find('"', at + 6) - at - 6);
+}
+
 // Types a record into the form and presses Add; the new record is on show.
 void AddRecord(Station& station, const std::string& name, const std::string& number) {
     EXPECT_EQ(station.Command("name " + name), "ok");
@@ -238,15 +245,13 @@ TEST(EntriesInACall, AnEntryIsEnteredOnceAtTheEndOfTheCallThatBroughtItWhole) {
     line.BackToIdle();
     ExpectSameBytes(line.IncomingPath("big.bin"), big);
     EXPECT_EQ(line.Bob->Count("Directory Entry Added"), 0);
-    EXPECT_NE(line.Bob->ShowControl("IDC_DIRECTORY_LIST").find("rows=\"\""), std::string::npos)
-        << "nothing entered";
+    EXPECT_EQ(Rows(*line.Bob, "IDC_DIRECTORY_LIST"), "") << "nothing entered";
 
     // The rest of the list goes in the next call; the entry is entered as it
     // ends, and stays in its folder.
     line.SendThrough();
     EXPECT_EQ(line.Bob->Count("Directory Entry Added"), 1);
-    EXPECT_NE(line.Bob->ShowControl("IDC_DIRECTORY_LIST").find("rows=\"Alice Ltd\""),
-              std::string::npos);
+    EXPECT_EQ(Rows(*line.Bob, "IDC_DIRECTORY_LIST"), "Alice Ltd");
     ExpectSameBytes(line.IncomingPath("alice.KBE"), ReadWholeFile(entry));
 
     // Dropped on the directory list by Bob himself, the file is entered
@@ -261,8 +266,7 @@ TEST(EntriesInACall, AnEntryIsEnteredOnceAtTheEndOfTheCallThatBroughtItWhole) {
     line.BackToIdle();
     EXPECT_EQ(line.Received("more.txt"), "more");
     EXPECT_EQ(line.Bob->Count("Directory Entry Added"), 2);
-    EXPECT_NE(line.Bob->ShowControl("IDC_DIRECTORY_LIST").find("rows=\"Alice Ltd|Alice Ltd\""),
-              std::string::npos);
+    EXPECT_EQ(Rows(*line.Bob, "IDC_DIRECTORY_LIST"), "Alice Ltd|Alice Ltd");
 }
 
 // The station as holder of folders, called by a far end that sends what no
@@ -307,8 +311,7 @@ TEST_F(FolderThief, EntriesAndRequestsMeantForOtherPeoplesFoldersReachNothing) {
     ASSERT_TRUE(station_->WaitForLog("Directory Entry Added"));
     EXPECT_EQ(station_->Count("Directory Entry Not Added: Smith is in the directory already."), 1);
     EXPECT_EQ(station_->Count("Directory Entry Not Added: its name cannot name a folder."), 1);
-    EXPECT_NE(station_->ShowControl("IDC_DIRECTORY_LIST").find("rows=\"Jones|Smith\""),
-              std::string::npos);
+    EXPECT_EQ(Rows(*station_, "IDC_DIRECTORY_LIST"), "Jones|Smith");
 
     // Neither Smith's record nor Jones's folder answers to the thief's number;
     // and a number too short to name anyone finds none, though it lies
@@ -321,17 +324,6 @@ TEST_F(FolderThief, EntriesAndRequestsMeantForOtherPeoplesFoldersReachNothing) {
     EXPECT_EQ(ReadWholeFile(smith + "contract.txt"), "Smith's contract");
     EXPECT_EQ(ReadWholeFile(stationPath_ + "/Pick Up/Jones/old.txt"), "Jones's old file");
     EXPECT_FALSE(PathExists(smith + "Sent Files/contract.txt"));
-}
-
-}  // namespace
-
-namespace {
-
-// The rows of a list as "show" prints them.
-std::string Rows(Station& station, const std::string& control) {
-    const std::string line = station.ShowControl(control);
-    const size_t at = line.find("rows=\"");
-    return at == std::string::npos ? "?" : line.substr(at + 6, line.find('"', at + 6) - at - 6);
 }
 
 TEST(DirectoryByCommands, RecordsAreSortedRenamedWithTheirFolderAndKeptUntilTheFolderIsEmpty) {

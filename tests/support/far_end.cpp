@@ -171,7 +171,7 @@ bool FarEnd::Answer(int timeoutMs) {
     if (ReceiveUntil("RING", timeoutMs).find("RING") == std::string::npos) {
         return false;
     }
-    ReceiveFor(100);
+    ReceiveUntil("\r\n", 1000);  // the rest of the RING line
     Send("ATA\r");
     if (ReceiveUntil("CONNECT", 10000).find("CONNECT") == std::string::npos) {
         return false;

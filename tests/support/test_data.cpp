@@ -3,6 +3,7 @@
 #include <cstring>
 #include <fstream>
 #include <random>
+#include <thread>
 
 std::string RandomBytes(size_t count, uint32_t seed) {
     std::mt19937 generator(seed);
@@ -52,4 +53,23 @@ uint64_t FileDigest(const std::string& path) {
         length += got;
     }
     return (digest ^ length) * 0x100000001B3;
+}
+
+size_t Occurrences(const std::string& text, const std::string& part) {
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+bool PollUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
 }

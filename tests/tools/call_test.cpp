@@ -70,7 +70,7 @@ TEST_F(VirtualTaCalls, ABlankOrAnATHOrTheCallersGivingUpEndsADialWithOneNoCarrie
     EXPECT_EQ(bob.ReceiveUntil("RING\r\n", 2000), "\r\nRING\r\n");
     EXPECT_EQ(alice.ReceiveUntil("RINGING\r\n", 2000), "ATD5551002\r\r\nRINGING\r\n");
     alice.Send(" ");
-    EXPECT_EQ(alice.ReceiveFor(1000), "\r\nNO CARRIER\r\n") << "no echo of it";
+    EXPECT_EQ(alice.ReceiveUntil("NO CARRIER\r\n", 1000), "\r\nNO CARRIER\r\n") << "no echo of it";
     // Bob's answer comes too late: nothing rings any more.
     bob.Send("ATA\r");
     EXPECT_EQ(bob.ReceiveUntil("NO CARRIER\r\n", 1000), "ATA\r\r\nNO CARRIER\r\n");

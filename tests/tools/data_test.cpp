@@ -26,6 +26,23 @@ protected:
         ASSERT_TRUE(SetUpCall(*alice_, *bob_, "5551002").Connected);
     }
 
+    // Alice writes the bytes as fast as her port takes them, until it has
+    // taken nothing for 300 ms or has taken them all; how many it took.
+    size_t SendUntilHeldBack(const std::string& bytes) {
+        size_t written = 0;
+        while (written < bytes.size()) {
+            const ssize_t n =
+                ::write(alice_->Descriptor(), bytes.data() + written, bytes.size() - written);
+            pollfd entry{alice_->Descriptor(), POLLOUT, 0};
+            if (n > 0) {
+                written += static_cast<size_t>(n);
+            } else if (::poll(&entry, 1, 300) == 0) {
+                break;
+            }
+        }
+        return written;
+    }
+
     FarEnd* alice_ = nullptr;
     FarEnd* bob_ = nullptr;
 };
@@ -34,18 +51,7 @@ TEST_F(VirtualTaDataMode, NoByteIsLostWhileTheFarEndDoesNotRead) {
     Connect({"--rate", "0"});
     const std::string bytes = RandomBytes(1 << 20, 3);
     // Bob reads nothing: Alice's port takes a little and then holds her back.
-    size_t written = 0;
-    const uint32_t start = NowMs();
-    while (NowMs() - start < 1000 && written < bytes.size()) {
-        const ssize_t n =
-            ::write(alice_->Descriptor(), bytes.data() + written, bytes.size() - written);
-        if (n > 0) {
-            written += static_cast<size_t>(n);
-        } else {
-            pollfd entry{alice_->Descriptor(), POLLOUT, 0};
-            ::poll(&entry, 1, 50);
-        }
-    }
+    const size_t written = SendUntilHeldBack(bytes);
     EXPECT_LT(written, bytes.size() / 4) << "the sender was not held back";
     // Now Bob reads, and Alice sends the rest as her port takes it.
     std::string atBob;
@@ -118,19 +124,7 @@ TEST_F(VirtualTaDataMode, AnEscapeNeedsSilenceAroundItAndHoldsTheFarEndsDataUnti
 TEST_F(VirtualTaDataMode, APurgeEmptiesThePortAndAnEscapeReachesTheAdapterOnAFullLine) {
     Connect({"--rate", "0"});
     const std::string bytes = RandomBytes(1 << 20, 5);
-    size_t written = 0;
-    for (;;) {
-        const ssize_t n =
-            ::write(alice_->Descriptor(), bytes.data() + written, bytes.size() - written);
-        if (n > 0) {
-            written += static_cast<size_t>(n);
-            continue;
-        }
-        pollfd entry{alice_->Descriptor(), POLLOUT, 0};
-        if (::poll(&entry, 1, 300) == 0) {
-            break;  // Bob reads nothing, and Alice is held back
-        }
-    }
+    const size_t written = SendUntilHeldBack(bytes);
     ASSERT_LT(written, bytes.size());
     ASSERT_EQ(::tcflush(alice_->Descriptor(), TCOFLUSH), 0);
     ::usleep(650000);

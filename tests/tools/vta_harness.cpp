@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <stdexcept>
-#include <thread>
 
 #include "platform/clock.h"
 
@@ -26,26 +25,10 @@ FarEnd& VirtualTaTest::Port(const std::string& name, uint32_t speed) {
     return *ports_.back();
 }
 
-size_t Occurrences(const std::string& text, const std::string& part) {
-    size_t count = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-        ++count;
-    }
-    return count;
-}
-
 bool WaitForTrace(const std::string& path, const std::string& text, size_t count, int timeoutMs) {
-    const uint64_t deadline = MonotonicNs() + static_cast<uint64_t>(timeoutMs) * 1000000;
-    for (;;) {
-        // The tool writes each line with one write, so a line read is whole.
-        if (Occurrences(ReadWholeFile(path), text) >= count) {
-            return true;
-        }
-        if (MonotonicNs() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+    // The tool writes each line with one write, so a line read is whole.
+    return PollUntil([&] { return Occurrences(ReadWholeFile(path), text) >= count; },
+                     std::chrono::milliseconds(timeoutMs));
 }
 
 Transfer TransferBothWays(FarEnd& a, FarEnd& b, const std::string& aToB, const std::string& bToA,

@@ -32,8 +32,6 @@ protected:
     std::vector<std::unique_ptr<FarEnd>> ports_;
 };
 
-// How often part stands in text.
-size_t Occurrences(const std::string& text, const std::string& part);
 // Waits until the trace file holds count lines with the text in them; false
 // if it does not within the time.
 bool WaitForTrace(const std::string& path, const std::string& text, size_t count, int timeoutMs);

@@ -15,10 +15,8 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <iterator>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "e2e/harness.h"
@@ -34,19 +32,6 @@
 namespace {
 
 using namespace std::chrono_literals;
-
-// Looks at the files every 50 ms until the condition holds or the limit
-// passes.
-bool WaitFor(const std::function<bool()>& condition, std::chrono::seconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(50ms);
-    }
-    return true;
-}
 
 bool IsPicture(const std::string& path) {
     const QImage picture(QString::fromStdString(path));
@@ -116,17 +101,17 @@ TEST(TwoWindows, AHotFolderGoesFromOneWindowToTheOtherAndBothArePicturedDuringTh
     const std::string arrivals = bob + "/Incoming Files";
     const std::string arrivedPhoto = arrivals + "/Bob/photo.bin";
     const std::string arrivingPhoto = arrivedPhoto + ".part";
-    ASSERT_TRUE(WaitFor([&] { return ReadWholeFile(arrivingPhoto).size() >= 131070; }, 120s))
+    ASSERT_TRUE(PollUntil([&] { return ReadWholeFile(arrivingPhoto).size() >= 131070; }, 120s))
         << aliceWindow.ErrorText() << bobWindow.ErrorText();
     ::kill(aliceWindow.Pid(), SIGUSR1);
     ::kill(bobWindow.Pid(), SIGUSR1);
-    ASSERT_TRUE(WaitFor([&] { return PathExists(alicePicture) && PathExists(bobPicture); }, 30s));
+    ASSERT_TRUE(PollUntil([&] { return PathExists(alicePicture) && PathExists(bobPicture); }, 30s));
     EXPECT_TRUE(PathExists(arrivingPhoto)) << "the pictures were taken after the data had come";
     EXPECT_EQ(lockCount(), 2);
 
     // The files come whole, and Alice's go to her "Sent Files".
     const std::string sent = alice + "/Pick Up/Bob/Sent Files/";
-    ASSERT_TRUE(WaitFor(
+    ASSERT_TRUE(PollUntil(
         [&] { return PathExists(sent + "note.txt") && PathExists(sent + "photo.bin"); }, 120s))
         << aliceWindow.ErrorText() << bobWindow.ErrorText();
     EXPECT_TRUE(ReadWholeFile(arrivals + "/Bob/note.txt") == note);

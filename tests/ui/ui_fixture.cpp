@@ -111,17 +111,16 @@ void UiTest::WaitForStart() {
                })
             .value_or(false);
     }));
-    const std::vector<std::string> left = WaitForWidgetsToFollow();
-    ASSERT_TRUE(left.empty()) << left.front();
+    ExpectWidgetsToFollow();
 }
 
-std::vector<std::string> UiTest::WaitForWidgetsToFollow() {
+void UiTest::ExpectWidgetsToFollow() {
     std::vector<std::string> left;
     WaitUntil([&] {
         left = Differences();
         return left.empty();
     });
-    return left;
+    EXPECT_TRUE(left.empty()) << left.front();
 }
 
 namespace {

@@ -72,9 +72,9 @@ protected:
     // Every way in which the widgets differ from the model; none once the
     // window is up to date.
     std::vector<std::string> Differences() const;
-    // Waits until the widgets show the model; the differences left at the
-    // limit.
-    std::vector<std::string> WaitForWidgetsToFollow();
+    // Waits until the widgets show the model; a failure names the first
+    // difference left at the limit.
+    void ExpectWidgetsToFollow();
 
     MainView& View() const { return frontEnd_->View(); }
     QWidget* Widget(int id) const { return View().WidgetOf(id); }

@@ -160,14 +160,12 @@ TEST_F(WindowTest, TheSplashClosesByItselfEnterAndEscapeNeverEndTheProgramTheClo
         QTest::keyClick(target, Qt::Key_Enter);
         QTest::keyClick(target, Qt::Key_Escape);
     }
-    MenuEntry(View(), "&About Kestrelbound...")->trigger();
-    ASSERT_TRUE(WaitUntil([&] { return View().About()->isVisible(); }));
-    QTest::keyClick(View().About(), Qt::Key_Escape);
-    ASSERT_TRUE(WaitUntil([&] { return !View().About()->isVisible(); }));
-    MenuEntry(View(), "&About Kestrelbound...")->trigger();
-    ASSERT_TRUE(WaitUntil([&] { return View().About()->isVisible(); }));
-    QTest::keyClick(View().About(), Qt::Key_Return);
-    ASSERT_TRUE(WaitUntil([&] { return !View().About()->isVisible(); }));
+    for (const Qt::Key key : {Qt::Key_Escape, Qt::Key_Return}) {
+        MenuEntry(View(), "&About Kestrelbound...")->trigger();
+        ASSERT_TRUE(WaitUntil([&] { return View().About()->isVisible(); }));
+        QTest::keyClick(View().About(), key);
+        ASSERT_TRUE(WaitUntil([&] { return !View().About()->isVisible(); }));
+    }
     // The window still answers, and stays up.
     EXPECT_EQ(OnMainLoop([this] { return frontEnd_->Window()->load() != nullptr; }), true);
     EXPECT_FALSE(frontEnd_->Ended());
@@ -202,8 +200,7 @@ TEST_F(WindowTest, WidgetsFollowChangesFromOtherThreadsWithoutWaitingAndNeverUnd
     ASSERT_EQ(calls.wait_for(30s), std::future_status::ready)
         << "a display call waited for the GUI thread";
 
-    std::vector<std::string> left = WaitForWidgetsToFollow();
-    EXPECT_TRUE(left.empty()) << left.front();
+    ExpectWidgetsToFollow();
     EXPECT_FALSE(Widget(IDC_PROGRESS)->isHidden());
     EXPECT_EQ(WidgetAs<QProgressBar>(IDC_PROGRESS)->value(), 50);
     auto* log = WidgetAs<QListWidget>(IDC_LOG);
@@ -232,8 +229,7 @@ TEST_F(WindowTest, WidgetsFollowChangesFromOtherThreadsWithoutWaitingAndNeverUnd
     EXPECT_EQ(name->text().toStdString(), "Bob");
     released.set_value();
     ASSERT_TRUE(WaitUntil([] { return Controls().Text(IDC_NAME) == "Bob"; }));
-    left = WaitForWidgetsToFollow();
-    EXPECT_TRUE(left.empty()) << left.front();
+    ExpectWidgetsToFollow();
 }
 
 TEST_F(WindowTest, TypingClicksKeysChoicesAndMenusReachTheWindowWhichDecides) {
@@ -321,8 +317,7 @@ TEST_F(WindowTest, TypingClicksKeysChoicesAndMenusReachTheWindowWhichDecides) {
               (std::vector<std::string>{"dialog: open", "run: /usr/bin/true", "dialog: open",
                                         "open: " + pickUp + "/Bob", "open: " + pickUp}));
 
-    const std::vector<std::string> left = WaitForWidgetsToFollow();
-    EXPECT_TRUE(left.empty()) << left.front();
+    ExpectWidgetsToFollow();
 }
 
 TEST_F(WindowTest, FilesDroppedOnTheFileListSendAndTheDirectoryList) {
@@ -381,8 +376,7 @@ TEST_F(WindowTest, FilesDroppedOnTheFileListSendAndTheDirectoryList) {
         return !log.empty() && log.back() == "Directory Entry Added";
     }));
 
-    const std::vector<std::string> left = WaitForWidgetsToFollow();
-    EXPECT_TRUE(left.empty()) << left.front();
+    ExpectWidgetsToFollow();
     View().grab().save(QString::fromStdString(ScreensFolder() + "/window-with-files.png"));
 }
 
