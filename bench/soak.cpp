@@ -31,6 +31,10 @@
 #include "support/installation.h"
 #include "support/temp_folder.h"
 
+namespace kb::bench {
+
+using namespace kb::test;
+
 namespace {
 
 const char* const AliceNumber = "5551001";
@@ -241,7 +245,11 @@ private:
 
 }  // namespace
 
+}  // namespace kb::bench
+
 int main(int argc, char** argv) {
+    using namespace kb::bench;
+
     int calls = 500;
     int every = 25;
     for (int i = 1; i < argc; ++i) {

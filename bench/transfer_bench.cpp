@@ -39,6 +39,10 @@
 #include "support/installation.h"
 #include "support/process_state.h"
 
+namespace kb::bench {
+
+using namespace kb::test;
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -312,7 +316,11 @@ bool RunStartup() {
 
 }  // namespace
 
+}  // namespace kb::bench
+
 int main(int argc, char** argv) {
+    using namespace kb::bench;
+
     Settings settings;
     bool startup = false;
     for (int i = 1; i < argc; ++i) {

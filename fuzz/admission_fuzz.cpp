@@ -15,6 +15,9 @@
 #include "sandbox.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    using namespace kb::engine;
+    using namespace kb::fuzz;
+
     SetUpSandbox();
     if (size < sizeof(SessionHeader)) {
         return 0;

@@ -10,6 +10,8 @@
 #include "engine/recovery.h"
 #include "engine/wire.h"
 
+namespace kb::fuzz {
+
 namespace {
 
 void Require(bool holds, const char* what) {
@@ -21,7 +23,12 @@ void Require(bool holds, const char* what) {
 
 }  // namespace
 
+}  // namespace kb::fuzz
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    using namespace kb::engine;
+    using namespace kb::fuzz;
+
     if (size < sizeof(RecoveryBody)) {
         return 0;
     }

@@ -24,6 +24,13 @@
 #include "platform/pseudo_terminal.h"
 #include "stores/installation.h"
 
+namespace kb::fuzz {
+
+using namespace kb::engine;
+using namespace kb::line;
+using namespace kb::platform;
+using namespace kb::stores;
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -230,3 +237,5 @@ void CheckAndEmptySandbox() {
     fs::remove_all(Inst->Paths.IncomingPath);
     fs::create_directory(Inst->Paths.IncomingPath);
 }
+
+}  // namespace kb::fuzz

@@ -4,8 +4,18 @@
 
 #include <string>
 
-class Line;
+namespace kb::engine {
 struct TransferEngine;
+}  // namespace kb::engine
+
+namespace kb::line {
+class Line;
+}  // namespace kb::line
+
+namespace kb::fuzz {
+
+using engine::TransferEngine;
+using line::Line;
 
 // Sets up the engine once, in a fresh folder under the system's temporary
 // folder, with the port open and the link in LinkState::Connected as a receiver.
@@ -33,3 +43,5 @@ void DiscardPortInput();
 // sandbox outside the installation's known files and its "Incoming Files";
 // then empties "Incoming Files" for the next input.
 void CheckAndEmptySandbox();
+
+}  // namespace kb::fuzz

@@ -38,6 +38,11 @@
 #include "platform/files.h"
 #include "sandbox.h"
 
+namespace kb::fuzz {
+
+using namespace kb::engine;
+using namespace kb::platform;
+
 namespace {
 
 constexpr int StepLimit = 64;
@@ -169,7 +174,13 @@ bool CallUp() {
 
 }  // namespace
 
+}  // namespace kb::fuzz
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    using namespace kb::engine;
+    using namespace kb::fuzz;
+    using namespace kb::line;
+
     if (size == 0) {
         return 0;
     }

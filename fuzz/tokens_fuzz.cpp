@@ -34,6 +34,11 @@
 #include "platform/files.h"
 #include "sandbox.h"
 
+namespace kb::fuzz {
+
+using namespace kb::engine;
+using namespace kb::platform;
+
 namespace {
 
 constexpr int StepLimit = 64;
@@ -66,7 +71,14 @@ void LeaveAResumableFile() {
 
 }  // namespace
 
+}  // namespace kb::fuzz
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    using namespace kb::engine;
+    using namespace kb::fuzz;
+    using namespace kb::line;
+    using namespace kb::platform;
+
     SetUpSandbox();
     StartInstantAdapter();
     SandboxLine().AdapterFound = 0;  // no profile goes out after a call; nothing would answer it

@@ -10,6 +10,13 @@
 #include "platform/message_box.h"
 #include "stores/installation.h"
 
+namespace kb::app {
+
+using namespace kb::engine;
+using namespace kb::line;
+using namespace kb::platform;
+using namespace kb::stores;
+
 namespace {
 
 // On every start but the first the folders are there already, so a failure
@@ -81,3 +88,5 @@ bool TransferApp::InitInstance() {
     stores.Log.Free();
     return false;
 }
+
+}  // namespace kb::app

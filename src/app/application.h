@@ -11,6 +11,8 @@
 
 #include "app/main_window.h"
 
+namespace kb::app {
+
 // The window while its loop runs, for work posted to the main loop: null
 // before the window's start and after its end. Posted work keeps the handle
 // itself, not the program, so work still queued when a program has ended
@@ -58,3 +60,5 @@ private:
 // folder, and the start page in it that Help shows.
 std::string ManualFolderBelow(const std::string& root);
 std::string ManualStartPageBelow(const std::string& root);
+
+}  // namespace kb::app

@@ -5,5 +5,11 @@
 
 #include "engine/dialing.h"
 
+namespace kb::app {
+
+using engine::CallRequest;
+
 // The protocol is the one the selected row names; no row selected is V.120.
 CallRequest ChosenCall();
+
+}  // namespace kb::app

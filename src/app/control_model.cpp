@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+namespace kb::app {
+
 namespace {
 
 const ControlState Missing{};
@@ -407,3 +409,5 @@ void ControlModel::RemoveListener(int handle) {
     std::lock_guard<std::mutex> guard(listenerLock_);
     listeners_.erase(handle);
 }
+
+}  // namespace kb::app

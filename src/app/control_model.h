@@ -20,6 +20,8 @@
 #include <thread>
 #include <vector>
 
+namespace kb::app {
+
 enum class ControlKind {
     Label,    // static text
     Picture,  // static picture
@@ -180,3 +182,5 @@ private:
 
 // The main window's controls.
 ControlModel& Controls();
+
+}  // namespace kb::app

@@ -10,6 +10,12 @@
 #include "resources/resource.h"
 #include "stores/installation.h"
 
+namespace kb::app {
+
+using namespace kb::platform;
+using namespace kb::resources;
+using namespace kb::stores;
+
 namespace {
 
 // The preferences' field that holds the program of a button.
@@ -86,3 +92,5 @@ void DesktopButtons::PickExternalProgram(ProgramButton which) {
     // path the field cannot hold whole is not kept cut short.
     SetFieldText(field, chosen && chosen->size() < sizeof field ? *chosen : std::string());
 }
+
+}  // namespace kb::app

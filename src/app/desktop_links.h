@@ -5,7 +5,13 @@
 
 #include "app/window_panel.h"
 
+namespace kb::stores {
 class Installation;
+}  // namespace kb::stores
+
+namespace kb::app {
+
+using stores::Installation;
 
 class DesktopButtons final : public WindowPanel {
 public:
@@ -29,3 +35,5 @@ private:
     void OnProgram(ProgramButton which);
     void PickExternalProgram(ProgramButton which);
 };
+
+}  // namespace kb::app

@@ -21,6 +21,14 @@
 #include "stores/folder_tree.h"
 #include "stores/installation.h"
 
+namespace kb::app {
+
+using namespace kb::engine;
+using namespace kb::line;
+using namespace kb::platform;
+using namespace kb::resources;
+using namespace kb::stores;
+
 namespace {
 
 // clang-format off
@@ -624,3 +632,5 @@ void DirectoryPanel::SelectCorrespondent(int16_t index) {
 void DirectoryPanel::ShowSelectedCorrespondent() {
     ShowCorrespondent(static_cast<int16_t>(Controls().Selection(IDC_DIRECTORY_LIST)));
 }
+
+}  // namespace kb::app

@@ -10,7 +10,13 @@
 
 #include "app/window_panel.h"
 
+namespace kb::stores {
 class Installation;
+}  // namespace kb::stores
+
+namespace kb::app {
+
+using stores::Installation;
 class MainWindow;
 
 // The outgoing line that the form sets up, as the estimate of a batch's time
@@ -78,3 +84,5 @@ private:
     Installation& stores_;
     std::atomic<int16_t> currentEntry_{-1};
 };
+
+}  // namespace kb::app

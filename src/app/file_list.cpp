@@ -17,6 +17,12 @@
 #include "resources/resource.h"
 #include "stores/installation.h"
 
+namespace kb::app {
+
+using namespace kb::engine;
+using namespace kb::platform;
+using namespace kb::resources;
+
 namespace {
 
 constexpr size_t NameMaxLength = 31;
@@ -301,3 +307,5 @@ void FileListPanel::ListIncomingFiles() {
 void FileListPanel::RemoveTopFileRow() {
     Controls().DeleteRow(IDC_FILE_LIST, 0);
 }
+
+}  // namespace kb::app

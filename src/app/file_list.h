@@ -11,7 +11,13 @@
 
 #include "app/window_panel.h"
 
+namespace kb::stores {
 class Installation;
+}  // namespace kb::stores
+
+namespace kb::app {
+
+using stores::Installation;
 class MainWindow;
 struct Permissions;
 
@@ -51,3 +57,5 @@ private:
     Installation& stores_;
     std::atomic<int16_t> selectedFileRow_{-1};
 };
+
+}  // namespace kb::app

@@ -11,6 +11,12 @@
 #include "resources/resource.h"
 #include "stores/installation.h"
 
+namespace kb::app {
+
+using namespace kb::engine;
+using namespace kb::line;
+using namespace kb::resources;
+
 namespace {
 
 constexpr int LineControls[] = {
@@ -112,3 +118,5 @@ void LinePanel::StoreIncomingSetting(int id) {
     }
     window_.AdapterLine().ReinitializeIncoming();
 }
+
+}  // namespace kb::app

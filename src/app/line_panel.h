@@ -8,7 +8,13 @@
 
 #include "app/window_panel.h"
 
+namespace kb::stores {
 class Installation;
+}  // namespace kb::stores
+
+namespace kb::app {
+
+using stores::Installation;
 class MainWindow;
 struct Permissions;
 
@@ -37,3 +43,5 @@ private:
     MainWindow& window_;
     Installation& stores_;
 };
+
+}  // namespace kb::app

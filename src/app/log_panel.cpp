@@ -5,6 +5,11 @@
 #include "resources/resource.h"
 #include "stores/status_log.h"
 
+namespace kb::app {
+
+using namespace kb::resources;
+using namespace kb::stores;
+
 namespace {
 
 constexpr int LogControls[] = {IDC_LABEL_LOG, IDC_LOG, IDC_CLEAR_LOG};
@@ -75,3 +80,5 @@ std::vector<std::string> LogPanel::LogLines() const {
 void LogPanel::AllowClearing(bool allowed) {
     Controls().Enable(IDC_CLEAR_LOG, allowed);
 }
+
+}  // namespace kb::app

@@ -9,7 +9,13 @@
 
 #include "app/window_panel.h"
 
+namespace kb::stores {
 class StatusLog;
+}  // namespace kb::stores
+
+namespace kb::app {
+
+using stores::StatusLog;
 
 class LogPanel final : public WindowPanel {
 public:
@@ -42,3 +48,5 @@ private:
     std::vector<std::string> logLines_;
     std::function<void(const std::string&)> logObserver_;
 };
+
+}  // namespace kb::app

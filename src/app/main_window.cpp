@@ -23,6 +23,14 @@
 #include "resources/resource.h"
 #include "stores/installation.h"
 
+namespace kb::app {
+
+using namespace kb::engine;
+using namespace kb::line;
+using namespace kb::platform;
+using namespace kb::resources;
+using namespace kb::stores;
+
 namespace {
 
 // How a control starts, besides its place.
@@ -183,7 +191,7 @@ private:
     MainWindow& window_;
 };
 
-MainWindow::MainWindow(Installation& stores, ::Line& line, TransferEngine& engine)
+MainWindow::MainWindow(Installation& stores, line::Line& line, TransferEngine& engine)
     : stores_(stores),
       adapterLine_(line),
       engine_(engine),
@@ -612,3 +620,5 @@ EventOutcome MainWindow::OnMenuCommand(int id) {
             return Refused("no such menu command");
     }
 }
+
+}  // namespace kb::app

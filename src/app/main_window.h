@@ -34,12 +34,28 @@
 #include "app/window_panel.h"
 #include "platform/thread.h"
 
+namespace kb::engine {
+struct TransferEngine;
+}  // namespace kb::engine
+
+namespace kb::line {
+class Line;
+}  // namespace kb::line
+
+namespace kb::stores {
+class Installation;
+}  // namespace kb::stores
+
+namespace kb::app {
+
+using platform::ThreadHandle;
+
 // The line to the adapter (line/line.h), which the window is handed; a front
 // end sees no more of it than its name.
-class Line;
+using line::Line;
 // The transfer engine (engine/transfer_engine.h), which the window is handed
 // and starts; a front end sees no more of it than its name.
-struct TransferEngine;
+using engine::TransferEngine;
 
 // The window itself, kept in the control model beside its controls: its text
 // is the caption.
@@ -114,13 +130,13 @@ struct Permissions {
 // event on a control to the panel that owns it. What concerns the whole
 // window stays here: the start and stop, the timers, the About box, the
 // menus, and the rule that couples the buttons to the link.
-class Installation;
+using stores::Installation;
 
 class MainWindow {
 public:
     // The window keeps and shows the stores of this installation, and works
     // on the line and the engine it is given; all three outlive it.
-    MainWindow(Installation& stores, ::Line& line, TransferEngine& engine);
+    MainWindow(Installation& stores, line::Line& line, TransferEngine& engine);
     ~MainWindow();
     MainWindow(const MainWindow&) = delete;
     MainWindow& operator=(const MainWindow&) = delete;
@@ -152,7 +168,7 @@ public:
     LinePanel& Line() { return line_; }
 
     // The line to the adapter, for the panels.
-    ::Line& AdapterLine() { return adapterLine_; }
+    line::Line& AdapterLine() { return adapterLine_; }
     // The engine the window starts and shows, for the panels.
     TransferEngine& Engine() { return engine_; }
 
@@ -217,7 +233,7 @@ private:
     // Ends the main loop, after the exit has been prepared.
     void EndDialog();
 
-    ::Line& adapterLine_;
+    line::Line& adapterLine_;
     TransferEngine& engine_;
 
     DirectoryPanel directory_;
@@ -255,3 +271,5 @@ std::string FileNameOfPath(const std::string& path);
 // holds. A longer name keeps its extension and loses the end of its stem, and
 // no character of several bytes is cut in two.
 std::string ShortDisplayName(const std::string& name);
+
+}  // namespace kb::app

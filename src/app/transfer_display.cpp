@@ -15,6 +15,12 @@
 #include "resources/resource.h"
 #include "stores/installation.h"
 
+namespace kb::app {
+
+using namespace kb::engine;
+using namespace kb::platform;
+using namespace kb::resources;
+
 namespace {
 
 // Bytes per second expected before anything has been measured.
@@ -144,3 +150,5 @@ void TransferDisplay::LogElapsedTime() {
     const uint64_t seconds = now > started ? static_cast<uint64_t>(now - started) : 0;
     stores_.Log.Add("Elapsed Time: " + ClockText(seconds));
 }
+
+}  // namespace kb::app

@@ -8,7 +8,13 @@
 
 #include "app/window_panel.h"
 
+namespace kb::stores {
 class Installation;
+}  // namespace kb::stores
+
+namespace kb::app {
+
+using stores::Installation;
 class MainWindow;
 
 class TransferDisplay final : public WindowPanel {
@@ -36,3 +42,5 @@ private:
     // Written by the engine's display calls, read by the window's estimate.
     std::atomic<int32_t> measuredRate_{0};
 };
+
+}  // namespace kb::app

@@ -5,6 +5,8 @@
 #include "app/control_model.h"
 #include "app/main_window.h"
 
+namespace kb::app {
+
 bool WindowPanel::Owns(int id) const {
     const std::span<const int> ids = ControlIds();
     return std::find(ids.begin(), ids.end(), id) != ids.end();
@@ -26,3 +28,5 @@ EventOutcome WindowPanel::OnBoxClicked(int /*id*/, bool /*checked*/) {
 EventOutcome WindowPanel::OnTextEdited(int /*id*/) {
     return {};
 }
+
+}  // namespace kb::app

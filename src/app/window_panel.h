@@ -11,6 +11,8 @@
 #include <string>
 #include <utility>
 
+namespace kb::app {
+
 // How an event went: done, or refused with the reason a user would see (the
 // control is disabled, hidden, or does nothing yet).
 struct EventOutcome {
@@ -40,3 +42,5 @@ public:
     // An edit field holds its new text already.
     virtual EventOutcome OnTextEdited(int id);
 };
+
+}  // namespace kb::app

@@ -14,14 +14,16 @@
 #include "engine/token_lines.h"
 #include "engine/wire.h"
 
+namespace kb::engine {
+
 struct ActiveCall {
     // The types are named from outside where a field bears their name.
-    std::atomic<::LinkState> LinkState{::LinkState::Idle};
+    std::atomic<engine::LinkState> LinkState{engine::LinkState::Idle};
     // Held while the link moves to a state that the window's buttons show and
     // the buttons follow (ShowLinkState).
     std::mutex LinkShownLock;
     // Which side of the session this end is; picks the token handler.
-    std::atomic<::Role> Role{::Role::Receiver};
+    std::atomic<engine::Role> Role{engine::Role::Receiver};
     // This call was placed to fetch files, not to send them.
     std::atomic<bool> RetrievePending{false};
     // The flags of its session, cleared as it begins and ends.
@@ -47,3 +49,5 @@ struct ActiveCall {
     // Bytes that must wait in the input queue before a block is taken.
     std::atomic<uint16_t> ExpectedBlock{0};
 };
+
+}  // namespace kb::engine

@@ -20,6 +20,11 @@
 #include "line/comm_port.h"
 #include "platform/clock.h"
 
+namespace kb::engine {
+
+using namespace kb::line;
+using namespace kb::platform;
+
 namespace {
 
 // How an end is brought about.
@@ -272,3 +277,5 @@ void EndCall(TransferEngine& engine, CallEnd reason, std::string_view detail) {
             break;
     }
 }
+
+}  // namespace kb::engine

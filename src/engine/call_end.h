@@ -12,6 +12,8 @@
 #include <cstdint>
 #include <string_view>
 
+namespace kb::engine {
+
 struct TransferEngine;
 
 enum class CallEnd {
@@ -65,3 +67,5 @@ enum class CallEnd {
 // port for it. `detail` follows the row's first line where the row says the
 // line has one (how many bytes waited in a stall).
 void EndCall(TransferEngine& engine, CallEnd reason, std::string_view detail = {});
+
+}  // namespace kb::engine

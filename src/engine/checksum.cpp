@@ -2,6 +2,8 @@
 
 #include <array>
 
+namespace kb::engine {
+
 namespace {
 
 constexpr uint16_t Polynomial = 0x1021;
@@ -78,3 +80,5 @@ uint16_t SectionCrc(const uint8_t* bytes, uint32_t length) {
     }
     return outer;
 }
+
+}  // namespace kb::engine

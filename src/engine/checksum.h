@@ -12,8 +12,12 @@
 
 #include <cstdint>
 
+namespace kb::engine {
+
 // CRC of length bytes, running on from start; start itself when length is 0.
 uint16_t Crc16(const uint8_t* bytes, uint32_t length, uint16_t start);
 
 // Checksum of a section's file bytes, in host byte order.
 uint16_t SectionCrc(const uint8_t* bytes, uint32_t length);
+
+}  // namespace kb::engine

@@ -3,6 +3,8 @@
 
 #include <string>
 
+namespace kb::engine {
+
 struct TransferEngine;
 
 // True on the communications thread.
@@ -11,3 +13,5 @@ bool OnCommThread(TransferEngine& engine);
 // is shown when the pass has let go of the port, so that a message box that
 // waits for the user never keeps another thread from the port.
 void ShowMessageOutsidePass(TransferEngine& engine, const std::string& text);
+
+}  // namespace kb::engine

@@ -21,6 +21,11 @@
 #include "platform/clock.h"
 #include "platform/message_box.h"
 
+namespace kb::engine {
+
+using namespace kb::line;
+using namespace kb::platform;
+
 namespace {
 
 constexpr int16_t LineLimitMs = 750;
@@ -169,3 +174,5 @@ void SendHotFolder(TransferEngine& engine, const CallRequest& call) {
     engine.Call.RetrievePending = false;
     PlaceCall(engine, call);
 }
+
+}  // namespace kb::engine

@@ -6,6 +6,10 @@
 
 #include "line/profiles.h"
 
+namespace kb::engine {
+
+using line::OutgoingSettings;
+
 struct TransferEngine;
 
 // A call as the user set it up in the window.
@@ -41,3 +45,5 @@ void OnRetrieveClicked(TransferEngine& engine, const CallRequest& call);
 // Sends a hot folder that LoadPickUpFolder has put in the list, with the
 // call the window has set up for its record.
 void SendHotFolder(TransferEngine& engine, const CallRequest& call);
+
+}  // namespace kb::engine

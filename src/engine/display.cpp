@@ -2,6 +2,8 @@
 
 #include "engine/transfer_engine.h"
 
+namespace kb::engine {
+
 void NoWindow::LogElapsedTime() {
     call_.TransferStartTime = 0;
 }
@@ -14,3 +16,5 @@ EngineWindow& Display(TransferEngine& engine) {
     EngineWindow* window = engine.Window.load();
     return window != nullptr ? *window : engine.Windowless;
 }
+
+}  // namespace kb::engine

@@ -3,6 +3,8 @@
 
 #include "engine/engine_window.h"
 
+namespace kb::engine {
+
 struct TransferEngine;
 
 // The engine's Window while the window exists. Before it exists and after it has
@@ -12,3 +14,5 @@ EngineWindow& Display(TransferEngine& engine);
 // Where the display calls go from now on: the window, as it comes, or null
 // as it goes. Set by the window's thread.
 void SetEngineWindow(TransferEngine& engine, EngineWindow* window);
+
+}  // namespace kb::engine

@@ -10,6 +10,8 @@
 
 #include "engine/call.h"
 
+namespace kb::engine {
+
 class EngineWindow {
 public:
     virtual ~EngineWindow() = default;
@@ -65,3 +67,5 @@ public:
 private:
     ActiveCall& call_;
 };
+
+}  // namespace kb::engine

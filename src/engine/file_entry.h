@@ -14,6 +14,10 @@
 
 #include "platform/shared_word.h"
 
+namespace kb::engine {
+
+using platform::SharedWord;
+
 // Text in a field of fixed width, zero-terminated when it is shorter than the
 // field. Its bytes are the field's bytes, so it can stand in a record that goes
 // on the wire.
@@ -106,3 +110,5 @@ struct FileEntry {
 static_assert(std::is_trivially_copyable_v<FileEntry>);
 static_assert(std::is_standard_layout_v<FileEntry>);
 static_assert(sizeof(FixedText<32>) == 32 && sizeof(FixedText<512>) == 512);
+
+}  // namespace kb::engine

@@ -5,6 +5,8 @@
 
 #include <cstdint>
 
+namespace kb::engine {
+
 // The states of the link, with the values they have always had.
 enum class LinkState : int16_t {
     Idle = 0,       // no call; lines from the port are adapter messages
@@ -19,3 +21,5 @@ enum class LinkState : int16_t {
 // receiver admits them. The caller starts as the sender and the answerer as
 // the receiver; a retrieve swaps them.
 enum class Role : uint8_t { Receiver, Sender };
+
+}  // namespace kb::engine

@@ -21,6 +21,11 @@
 #include "stores/directory.h"
 #include "stores/folder_tree.h"
 
+namespace kb::engine {
+
+using namespace kb::platform;
+using namespace kb::stores;
+
 namespace {
 
 constexpr int16_t RequestLimitMs = 500;
@@ -204,3 +209,5 @@ std::optional<int16_t> HotFolderDue(TransferEngine& engine) {
     }
     return std::nullopt;
 }
+
+}  // namespace kb::engine

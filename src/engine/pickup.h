@@ -8,6 +8,8 @@
 
 #include "engine/dialing.h"
 
+namespace kb::engine {
+
 struct TransferEngine;
 
 // The pick-up folder that answers a retrieve request: its record, and
@@ -38,3 +40,5 @@ void AnswerRetrieveRequest(TransferEngine& engine);
                                                       uint32_t& total);
 // Makes the folder "Sent Files" inside record index's pick-up folder.
 void EnsureSentFilesFolder(TransferEngine& engine, int16_t index);
+
+}  // namespace kb::engine

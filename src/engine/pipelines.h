@@ -5,6 +5,8 @@
 
 #include <cstdint>
 
+namespace kb::engine {
+
 struct TransferEngine;
 
 // ---- Sending side, on the feeder ----
@@ -35,3 +37,5 @@ void RetireFinishedEntry(TransferEngine& engine);
 // an earlier session have been waited for. FeederRun and SectionWanted must
 // be set first.
 void StartSectionFeeder(TransferEngine& engine);
+
+}  // namespace kb::engine

@@ -20,6 +20,10 @@
 #include "platform/clock.h"
 #include "platform/files.h"
 
+namespace kb::engine {
+
+using namespace kb::platform;
+
 namespace {
 
 constexpr int16_t BlockLimitMs = 250;
@@ -219,3 +223,5 @@ void RetireFinishedEntry(TransferEngine& engine) {
     display.RemoveTopFileRow();
     display.ShowBatchEstimate(remaining);
 }
+
+}  // namespace kb::engine

@@ -31,6 +31,11 @@
 #include "platform/clock.h"
 #include "platform/files.h"
 
+namespace kb::engine {
+
+using namespace kb::line;
+using namespace kb::platform;
+
 namespace {
 
 constexpr int16_t TokenLineLimitMs = 500;
@@ -589,3 +594,5 @@ AdmitResult AdmitFileList(TransferEngine& engine) {
     StartReceiving(engine, list);
     return list.Recovered ? AdmitRecovered : AdmitAccepted;
 }
+
+}  // namespace kb::engine

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <functional>
 
+namespace kb::engine {
+
 struct TransferEngine;
 
 // The free bytes that admission compares with a list's total; by default
@@ -13,3 +15,5 @@ struct TransferEngine;
 // empty function restores the volume's.
 using FreeSpaceQuery = std::function<uint64_t()>;
 void SetFreeSpaceQuery(TransferEngine& engine, FreeSpaceQuery query);
+
+}  // namespace kb::engine

@@ -14,6 +14,11 @@
 #include "line/comm_port.h"
 #include "platform/clock.h"
 
+namespace kb::engine {
+
+using namespace kb::line;
+using namespace kb::platform;
+
 namespace {
 
 constexpr int16_t DrainQuietMs = 100;
@@ -78,3 +83,5 @@ void ConfirmRecovery(TransferEngine& engine) {
     SendToken(engine, TokenSendRecovr);
     engine.Call.LinkState = LinkState::Transfer;
 }
+
+}  // namespace kb::engine

@@ -6,6 +6,8 @@
 
 #include "engine/wire.h"
 
+namespace kb::engine {
+
 struct TransferEngine;
 
 // Copies ReceiveList[0] to SavedEntry and writes RecoveryRecord for the same
@@ -21,3 +23,5 @@ void ApplyRecoveryAtReceiver(TransferEngine& engine);
 void ApplyRecoveryAtSender(TransferEngine& engine);
 // Sending side: SENDRECOVR, and the transfer goes on.
 void ConfirmRecovery(TransferEngine& engine);
+
+}  // namespace kb::engine

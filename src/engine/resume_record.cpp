@@ -15,6 +15,10 @@
 #include "engine/wire.h"
 #include "platform/files.h"
 
+namespace kb::engine {
+
+using namespace kb::platform;
+
 namespace {
 
 // The record's layout: the magic, the body in wire order, the three texts of
@@ -144,3 +148,5 @@ bool SavedPartialIntact(TransferEngine& engine) {
     }
     return file.Length() == PartialFileLength(saved.NextBlock);
 }
+
+}  // namespace kb::engine

@@ -13,6 +13,8 @@
 
 #include <cstdint>
 
+namespace kb::engine {
+
 struct TransferEngine;
 
 // Writes SavedEntry and the body of RecoveryRecord to the record. A write
@@ -37,3 +39,5 @@ int64_t PartialFileLength(int16_t nextBlock);
 // True if the file that SavedEntry names is there with exactly the bytes of
 // its completed sections.
 [[nodiscard]] bool SavedPartialIntact(TransferEngine& engine);
+
+}  // namespace kb::engine

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+namespace kb::engine {
+
 void SendList::Allocate() {
     if (entries_ == nullptr) {
         entries_ = std::make_unique<FileEntry[]>(ListCapacity);
@@ -87,3 +89,5 @@ void SendList::Book(uint32_t bytes) {
     const uint32_t remaining = remaining_.load();
     remaining_.store(remaining > bytes ? remaining - bytes : 0);
 }
+
+}  // namespace kb::engine

@@ -21,6 +21,8 @@
 #include "engine/file_entry.h"
 #include "engine/wire.h"
 
+namespace kb::engine {
+
 class SendList {
 public:
     SendList() = default;
@@ -74,3 +76,5 @@ private:
     std::atomic<int16_t> count_{0};
     std::atomic<uint32_t> remaining_{0};
 };
+
+}  // namespace kb::engine

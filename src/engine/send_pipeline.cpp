@@ -13,6 +13,11 @@
 #include "platform/clock.h"
 #include "platform/files.h"
 
+namespace kb::engine {
+
+using namespace kb::line;
+using namespace kb::platform;
+
 namespace {
 
 // The longest nap while a real port's output queue drains; a stop or a new
@@ -249,3 +254,5 @@ void StartSectionFeeder(TransferEngine& engine) {
     engine.FeederThread.store(feeder);
     WakeThread(feeder);
 }
+
+}  // namespace kb::engine

@@ -22,6 +22,10 @@
 #include "platform/clock.h"
 #include "platform/files.h"
 
+namespace kb::engine {
+
+using namespace kb::platform;
+
 namespace {
 
 constexpr int16_t TokenLineLimitMs = 2000;
@@ -363,3 +367,5 @@ void MoveToSentFiles(const std::string& path) {
     // A file that will go neither way stays in the folder, as the user sees it.
     static_cast<void>(DeleteFileAt(path));
 }
+
+}  // namespace kb::engine

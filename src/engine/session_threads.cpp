@@ -9,6 +9,10 @@
 #include "line/comm_port.h"
 #include "platform/clock.h"
 
+namespace kb::engine {
+
+using namespace kb::platform;
+
 void ReturnToIdle(TransferEngine& engine) {
     ShowLinkState(engine, LinkState::Idle);
 }
@@ -112,3 +116,5 @@ bool WaitFeederFileSent(TransferEngine& engine, int limitMs) {
     return engine.Call.LinkState.load() == LinkState::FileSent &&
            engine.Threads.FeederInStep.load() == 0;
 }
+
+}  // namespace kb::engine

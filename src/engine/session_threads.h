@@ -21,6 +21,10 @@
 #include "engine/link_state.h"
 #include "platform/thread.h"
 
+namespace kb::engine {
+
+using platform::ThreadHandle;
+
 struct TransferEngine;
 
 // Flags of the session in progress, cleared when a call begins and ends.
@@ -101,3 +105,5 @@ void WaitFeederOutOfStep(TransferEngine& engine);
 
 // The feeder's own handle, for its parking; set before it runs.
 ThreadHandle CurrentFeederHandle(TransferEngine& engine);
+
+}  // namespace kb::engine

@@ -10,6 +10,8 @@
 
 #include "engine/file_entry.h"
 
+namespace kb::engine {
+
 struct TransferEngine;
 
 // ---- Sending side ----
@@ -83,3 +85,5 @@ void EndRecoveryCandidacy(TransferEngine& engine);
 // name, replacing an older file of that name there; a file that cannot be
 // moved is deleted, so that it does not go out again.
 void MoveToSentFiles(const std::string& path);
+
+}  // namespace kb::engine

@@ -20,6 +20,11 @@
 #include "platform/clock.h"
 #include "platform/files.h"
 
+namespace kb::engine {
+
+using namespace kb::line;
+using namespace kb::platform;
+
 namespace {
 
 // How long bytes just written may take to leave the port for the adapter
@@ -204,3 +209,5 @@ void DiscardUnfinishedFiles(TransferEngine& engine) {
         DeleteUnfinishedReceives(engine);
     }
 }
+
+}  // namespace kb::engine

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <optional>
 
+namespace kb::engine {
+
 struct TransferEngine;
 
 // HangUp where nothing more is to be done if the adapter does not answer.
@@ -36,3 +38,5 @@ void ImportReceivedEntries(TransferEngine& engine);
 // all but the one kept for a resume, which the record keeps for the next
 // start to take up.
 void DiscardUnfinishedFiles(TransferEngine& engine);
+
+}  // namespace kb::engine

@@ -6,6 +6,11 @@
 #include "line/comm_port.h"
 #include "platform/clock.h"
 
+namespace kb::engine {
+
+using namespace kb::line;
+using namespace kb::platform;
+
 namespace {
 
 // How much of an unfinished line is kept (CarriedLine), and for how long.
@@ -57,3 +62,5 @@ void DispatchLine(TransferEngine& engine, std::string_view line, std::span<const
         }
     }
 }
+
+}  // namespace kb::engine

@@ -9,6 +9,8 @@
 
 #include "engine/wire.h"
 
+namespace kb::engine {
+
 struct TransferEngine;
 
 // The end of a token line that one read got before the line's end had come.
@@ -47,3 +49,5 @@ struct TokenRow {
 // Runs the handler of every row whose text the line holds, in the rows'
 // order, until one says to stop.
 void DispatchLine(TransferEngine& engine, std::string_view line, std::span<const TokenRow> rows);
+
+}  // namespace kb::engine

@@ -21,6 +21,12 @@
 #include "platform/clock.h"
 #include "platform/message_box.h"
 
+namespace kb::engine {
+
+using namespace kb::line;
+using namespace kb::platform;
+using namespace kb::stores;
+
 namespace {
 
 // The receiving side's two limits on silence; both are strict. The sending
@@ -199,7 +205,7 @@ void ShowMessageOutsidePass(TransferEngine& engine, const std::string& text) {
     }
 }
 
-void SetEngineLine(TransferEngine& engine, ::Line& line) {
+void SetEngineLine(TransferEngine& engine, line::Line& line) {
     engine.Line = &line;
 }
 
@@ -257,3 +263,5 @@ void StopCommThread(TransferEngine& engine) {
 std::time_t TakeTransferStart(TransferEngine& engine) {
     return engine.Call.TransferStartTime.exchange(0);
 }
+
+}  // namespace kb::engine

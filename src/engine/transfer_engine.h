@@ -38,6 +38,12 @@
 #include "platform/thread.h"
 #include "stores/installation.h"
 
+namespace kb::engine {
+
+using line::Line;
+using platform::ThreadHandle;
+using stores::Installation;
+
 // Which thread is the communications thread and which is inside one of its
 // passes, so that a message box asked for inside a pass waits until the pass
 // has let go of the port. Each id is set and cleared by the thread it names,
@@ -98,7 +104,7 @@ struct TransferEngine {
     // The files to send, entry 0 the file in hand, with their count and the
     // wire bytes still to send. The type is named from outside, since the
     // field bears its name.
-    ::SendList SendList;
+    engine::SendList SendList;
 
     SessionHeader OutHeader;
     // The position of the section being received, ready to send; "FILERECOVR\r\n"
@@ -116,7 +122,7 @@ struct TransferEngine {
     // token buffer, which AT replies share with wire tokens. Every engine
     // thread reaches it here. It goes when the engine becomes an object that
     // is handed its line. The type is named from outside, as for SendList.
-    ::Line* Line = nullptr;
+    line::Line* Line = nullptr;
 
     // The window that Display() (engine/display.h) reaches while it exists,
     // set and cleared by the window's thread and read by every engine thread;
@@ -143,7 +149,7 @@ struct TransferEngine {
 // also where the port record could not be made and the engine never starts,
 // since a call the user asks for then still looks at the line for its
 // adapter. The line outlives every engine thread.
-void SetEngineLine(TransferEngine& engine, ::Line& line);
+void SetEngineLine(TransferEngine& engine, line::Line& line);
 // Allocates the buffers, fills OutHeader's magic, and takes up the candidate
 // for a resume that an earlier run left on the disk, or none. Called on the
 // main thread before the communications thread starts.
@@ -173,3 +179,5 @@ unsigned BlockWriter(void* parameter);
 // feeder runs. Any thread but those two may call it; the program's exit does,
 // after the communications thread has left its loop.
 void StopFeeder(TransferEngine& engine);
+
+}  // namespace kb::engine

@@ -4,6 +4,8 @@
 
 #include "engine/checksum.h"
 
+namespace kb::engine {
+
 namespace {
 
 uint32_t Swapped32(uint32_t value) {
@@ -217,3 +219,5 @@ bool RecoveryBodySound(const RecoveryBody& body) {
     return next >= 0 && next % static_cast<int16_t>(BlocksPerSection) == 0 &&
            next <= position.DataBlocks && position.BlocksDone == next;
 }
+
+}  // namespace kb::engine

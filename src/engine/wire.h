@@ -17,6 +17,8 @@
 
 #include "engine/file_entry.h"
 
+namespace kb::engine {
+
 // Conversion to and from the wire is a reversal of bytes, which is right on a
 // little-endian host: the only kind this program is built for.
 static_assert(std::endian::native == std::endian::little);
@@ -330,3 +332,5 @@ RetrieveRequest MakeRetrieveRequest(std::string_view localNumber);
 // data stream that the block counters can hold, so that the pipeline can
 // take it over without leaving its buffers.
 [[nodiscard]] bool RecoveryBodySound(const RecoveryBody& body);
+
+}  // namespace kb::engine

@@ -16,6 +16,10 @@
 #include "resources/resource.h"
 #include "stores/installation.h"
 
+namespace kb::line {
+
+using namespace kb::platform;
+
 namespace {
 
 constexpr int16_t ReplyLimitMs = 4000;
@@ -393,3 +397,5 @@ AdapterSearch Line::FindAdapter() {
     }
     return QuickStart(*this);
 }
+
+}  // namespace kb::line

@@ -5,6 +5,8 @@
 
 #include <cstdint>
 
+namespace kb::line {
+
 class Line;
 
 // The longest an adapter takes to answer the escape "+++" with OK, and to
@@ -43,3 +45,5 @@ enum class AdapterSearch {
     ProfileRefused,   // found, but it did not take the incoming profile
     WaitingForCalls,  // found, and it holds the incoming profile
 };
+
+}  // namespace kb::line

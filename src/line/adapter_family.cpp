@@ -4,6 +4,10 @@
 
 #include "stores/preferences.h"
 
+namespace kb::line {
+
+using namespace kb::stores;
+
 namespace {
 
 constexpr AdapterProduct BitSurfrProducts[] = {
@@ -112,3 +116,5 @@ LineProtocol ProtocolOfRow(const Preferences& prefs, int row) {
 int RowOfProtocol(const Preferences& prefs, int protocol) {
     return protocol == CurrentFamily(prefs).SecondRow ? 1 : protocol;
 }
+
+}  // namespace kb::line

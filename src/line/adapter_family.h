@@ -11,6 +11,10 @@
 
 #include "stores/preferences.h"
 
+namespace kb::line {
+
+using stores::Preferences;
+
 // Values of AdapterModel, which are also offsets into the string table of AT
 // profiles.
 enum AdapterModelValue : int16_t {
@@ -97,3 +101,5 @@ const AdapterProduct& CurrentProduct(const Preferences& prefs);
 // nothing is selected.
 LineProtocol ProtocolOfRow(const Preferences& prefs, int row);
 int RowOfProtocol(const Preferences& prefs, int protocol);
+
+}  // namespace kb::line

@@ -10,6 +10,11 @@
 #include "platform/message_box.h"
 #include "stores/installation.h"
 
+namespace kb::line {
+
+using namespace kb::platform;
+using namespace kb::stores;
+
 namespace {
 
 constexpr uint32_t CommandBufferSize = 256;
@@ -390,3 +395,5 @@ void Line::InterruptPortWait() {
         port_->Handle.Interrupt();
     }
 }
+
+}  // namespace kb::line

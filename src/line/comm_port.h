@@ -11,6 +11,11 @@
 #include "platform/port_lock.h"
 #include "platform/serial_device.h"
 
+namespace kb::line {
+
+using platform::PortLock;
+using platform::SerialDevice;
+
 // Size of the shared buffer into which AT replies and wire tokens are read.
 // ReadUntilToken writes at most this many bytes, its terminator included.
 constexpr uint32_t TokenBufferSize = 1024;
@@ -42,3 +47,5 @@ std::string CommPortDevicePath(const std::string& root, uint8_t portNumber);
 
 // The port's two queues.
 enum class PortQueue { Output, Input };
+
+}  // namespace kb::line

@@ -28,6 +28,12 @@
 #include "platform/clock.h"
 #include "stores/installation.h"
 
+namespace kb::line {
+
+using platform::IntervalClock;
+using platform::WaitResult;
+using stores::Installation;
+
 class Line {
 public:
     // The line of that installation, whose preferences tell it of the
@@ -269,3 +275,5 @@ private:
     // told its number.
     const char* ownNumberLabel_ = nullptr;
 };
+
+}  // namespace kb::line

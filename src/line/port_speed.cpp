@@ -8,6 +8,11 @@
 #include "platform/message_box.h"
 #include "stores/installation.h"
 
+namespace kb::line {
+
+using namespace kb::platform;
+using namespace kb::stores;
+
 namespace {
 
 constexpr int TestRounds = 5;
@@ -211,3 +216,5 @@ SpeedChoice PortSpeedChoice(const Preferences& prefs) {
     }
     return prefs.SelectedPortSpeed == 230400 ? SpeedChoice::At230400 : SpeedChoice::At115200;
 }
+
+}  // namespace kb::line

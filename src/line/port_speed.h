@@ -6,7 +6,13 @@
 
 #include "stores/preferences.h"
 
+namespace kb::line {
+
+using stores::Preferences;
+
 // What the Port Speed menu shows: nothing where the port does not reach
 // 230400 bps, else the speed chosen.
 enum class SpeedChoice { None, At115200, At230400 };
 SpeedChoice PortSpeedChoice(const Preferences& prefs);
+
+}  // namespace kb::line

@@ -11,6 +11,11 @@
 #include "resources/resource.h"
 #include "stores/installation.h"
 
+namespace kb::line {
+
+using namespace kb::platform;
+using namespace kb::resources;
+
 namespace {
 
 // Which set-up a profile is for; the first words of its log line.
@@ -244,3 +249,5 @@ void Line::SendClosingCommand() {
         SendCommand(command.c_str());
     }
 }
+
+}  // namespace kb::line

@@ -7,6 +7,8 @@
 
 #include "line/adapter_family.h"
 
+namespace kb::line {
+
 // The outgoing set-up that the user chose for one call.
 struct OutgoingSettings {
     LineProtocol Protocol = ProtocolV120;
@@ -15,3 +17,5 @@ struct OutgoingSettings {
     bool TwoChannels = false;
     bool Compression = false;
 };
+
+}  // namespace kb::line

@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <thread>
 
+namespace kb::platform {
+
 namespace {
 
 std::atomic<uint32_t> NowShift{0};
@@ -77,3 +79,5 @@ void CapPausesForTest(uint32_t milliseconds) {
 void ShiftNowMsForTest(uint32_t offset) {
     NowShift.store(offset);
 }
+
+}  // namespace kb::platform

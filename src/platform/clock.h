@@ -12,6 +12,8 @@
 #include <cstdint>
 #include <ctime>
 
+namespace kb::platform {
+
 // Milliseconds of a monotonic clock, in unsigned 32-bit arithmetic.
 uint32_t NowMs();
 
@@ -45,3 +47,5 @@ std::time_t WallSeconds();
 
 // Pauses the calling thread.
 void SleepMs(uint32_t milliseconds);
+
+}  // namespace kb::platform

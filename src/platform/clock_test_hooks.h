@@ -5,6 +5,8 @@
 
 #include <cstdint>
 
+namespace kb::platform {
+
 // Caps every later SleepMs at the given milliseconds. The fuzz targets use
 // it: their adapter answers at once and needs no guard time around an escape,
 // and a million inputs cannot each wait out the real one. So do the engine
@@ -15,3 +17,5 @@ void CapPausesForTest(uint32_t milliseconds);
 // by the given amount: to see how stamps behave across the 32-bit wrap, and
 // so that an engine test crosses a time limit without waiting it out.
 void ShiftNowMsForTest(uint32_t offset);
+
+}  // namespace kb::platform

@@ -12,6 +12,8 @@
 #include <ctime>
 #include <vector>
 
+namespace kb::platform {
+
 namespace {
 
 LinuxDesktop DefaultDesktop;
@@ -296,3 +298,5 @@ std::optional<std::string> LinuxDesktop::ChooseFile(const FileDialogRequest& req
     }
     return chosen;
 }
+
+}  // namespace kb::platform

@@ -11,6 +11,8 @@
 #include <optional>
 #include <string>
 
+namespace kb::platform {
+
 // Linux names files by their whole name, with no extension that the desktop
 // needs, so the program's dialogs offer every file.
 inline constexpr const char* AllFilesFilter = "All Files (*)|*|";
@@ -67,3 +69,5 @@ public:
     void StartProgram(const std::string& path) override;
     [[nodiscard]] std::optional<std::string> ChooseFile(const FileDialogRequest& request) override;
 };
+
+}  // namespace kb::platform

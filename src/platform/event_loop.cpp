@@ -1,5 +1,7 @@
 #include "platform/event_loop.h"
 
+namespace kb::platform {
+
 EventLoop& MainLoop() {
     static EventLoop Loop;
     return Loop;
@@ -87,3 +89,5 @@ bool EventLoop::OnLoopThread() const {
     std::lock_guard<std::mutex> guard(lock_);
     return runner_ == std::this_thread::get_id();
 }
+
+}  // namespace kb::platform

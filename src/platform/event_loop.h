@@ -13,6 +13,8 @@
 #include <mutex>
 #include <thread>
 
+namespace kb::platform {
+
 class EventLoop {
 public:
     using Task = std::function<void()>;
@@ -54,3 +56,5 @@ private:
 
 // The loop of the program's main thread.
 EventLoop& MainLoop();
+
+}  // namespace kb::platform

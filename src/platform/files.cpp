@@ -10,6 +10,8 @@
 #include <cerrno>
 #include <climits>
 
+namespace kb::platform {
+
 File::~File() {
     Close();
 }
@@ -220,3 +222,5 @@ std::optional<std::string> CurrentFolder() {
 bool ChangeCurrentFolder(const std::string& path) {
     return ::chdir(path.c_str()) == 0;
 }
+
+}  // namespace kb::platform

@@ -13,6 +13,8 @@
 #include <string_view>
 #include <vector>
 
+namespace kb::platform {
+
 class File {
 public:
     enum class Mode {
@@ -98,3 +100,5 @@ struct FolderEntry {
 [[nodiscard]] std::optional<std::string> CurrentFolder();
 // Changes the current directory. False on failure.
 [[nodiscard]] bool ChangeCurrentFolder(const std::string& path);
+
+}  // namespace kb::platform

@@ -2,6 +2,8 @@
 
 #include <mutex>
 
+namespace kb::platform {
+
 namespace {
 
 std::mutex QueryLock;
@@ -22,3 +24,5 @@ void SetKeyStateQuery(std::function<bool(Key)> query) {
     std::lock_guard<std::mutex> guard(QueryLock);
     CurrentQuery = std::move(query);
 }
+
+}  // namespace kb::platform

@@ -4,9 +4,13 @@
 
 #include <functional>
 
+namespace kb::platform {
+
 enum class Key { Shift, Control };
 
 bool KeyIsDown(Key key);
 
 // Installs the front end's way of asking; an empty query restores "up".
 void SetKeyStateQuery(std::function<bool(Key)> query);
+
+}  // namespace kb::platform

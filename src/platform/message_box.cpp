@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <mutex>
 
+namespace kb::platform {
+
 namespace {
 
 std::mutex HandlerLock;
@@ -33,3 +35,5 @@ void SetMessageBoxHandler(MessageBoxHandler handler) {
     std::lock_guard<std::mutex> guard(HandlerLock);
     CurrentHandler = std::move(handler);
 }
+
+}  // namespace kb::platform

@@ -9,6 +9,8 @@
 #include <functional>
 #include <string>
 
+namespace kb::platform {
+
 using MessageBoxHandler = std::function<void(const std::string& text)>;
 
 // Shows the message and returns when it has been acknowledged.
@@ -17,3 +19,5 @@ void ShowMessageBox(const std::string& text);
 // Installs the front end's way of showing messages; an empty handler restores
 // the default.
 void SetMessageBoxHandler(MessageBoxHandler handler);
+
+}  // namespace kb::platform

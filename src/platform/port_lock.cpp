@@ -17,6 +17,8 @@
 #include <string>
 #include <vector>
 
+namespace kb::platform {
+
 namespace {
 
 // The locks this process holds, for the removal at exit. Never freed, so that
@@ -254,3 +256,5 @@ void PortLock::Release() {
     NoteReleased(path_);
     path_.clear();
 }
+
+}  // namespace kb::platform

@@ -12,6 +12,8 @@
 
 #include <string>
 
+namespace kb::platform {
+
 // The folder where the locks are.
 std::string PortLockFolder();
 
@@ -50,3 +52,5 @@ public:
 private:
     std::string path_;
 };
+
+}  // namespace kb::platform

@@ -7,6 +7,8 @@
 
 #include "platform/serial_speed.h"
 
+namespace kb::platform {
+
 bool OpenPseudoTerminal(PseudoTerminal& terminal) {
     terminal = PseudoTerminal{};
     const int master = ::posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
@@ -53,3 +55,5 @@ uint32_t PseudoTerminalSpeed(const PseudoTerminal& terminal) {
     }
     return BitsPerSecond(::cfgetospeed(&settings));
 }
+
+}  // namespace kb::platform

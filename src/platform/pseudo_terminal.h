@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+namespace kb::platform {
+
 struct PseudoTerminal {
     int Master = -1;        // non-blocking; the hardware side
     int SlaveKeeper = -1;   // keeps the slave side open so the master never sees a hang-up
@@ -19,3 +21,5 @@ void ClosePseudoTerminal(PseudoTerminal& terminal);
 // as the master side sees it (also while no slave is open); 0 if it cannot be
 // read or is none of the serial speeds.
 uint32_t PseudoTerminalSpeed(const PseudoTerminal& terminal);
+
+}  // namespace kb::platform

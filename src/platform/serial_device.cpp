@@ -15,6 +15,8 @@
 
 #include "platform/serial_speed.h"
 
+namespace kb::platform {
+
 namespace {
 
 // Clears an eventfd without blocking.
@@ -415,3 +417,5 @@ bool SerialDevice::WaitForInterrupt(int timeoutMs) {
     }
     return false;
 }
+
+}  // namespace kb::platform

@@ -24,6 +24,8 @@
 #include <mutex>
 #include <string>
 
+namespace kb::platform {
+
 // Line settings, in the codes the program keeps in its port record.
 struct SerialSettings {
     uint32_t BaudRate = 9600;  // 9600 to 230400
@@ -117,3 +119,5 @@ private:
     std::mutex heldLock_;
     std::string held_;  // written, but held back by the device under XON/XOFF
 };
+
+}  // namespace kb::platform

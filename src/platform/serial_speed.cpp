@@ -1,5 +1,7 @@
 #include "platform/serial_speed.h"
 
+namespace kb::platform {
+
 namespace {
 
 struct SpeedPair {
@@ -31,3 +33,5 @@ uint32_t BitsPerSecond(speed_t code) {
     }
     return 0;
 }
+
+}  // namespace kb::platform

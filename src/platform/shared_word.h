@@ -8,6 +8,8 @@
 
 #include <atomic>
 
+namespace kb::platform {
+
 template <typename T>
 class SharedWord {
     static_assert(std::atomic_ref<T>::is_always_lock_free);
@@ -29,3 +31,5 @@ public:
 private:
     mutable T value_{};
 };
+
+}  // namespace kb::platform

@@ -5,6 +5,8 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+namespace kb::platform {
+
 StopSignals::StopSignals(std::initializer_list<int> others) {
     sigset_t signals;
     sigemptyset(&signals);
@@ -31,3 +33,5 @@ std::optional<int> StopSignals::Take() {
     }
     return static_cast<int>(info.ssi_signo);
 }
+
+}  // namespace kb::platform

@@ -7,6 +7,8 @@
 #include <initializer_list>
 #include <optional>
 
+namespace kb::platform {
+
 class StopSignals {
 public:
     // Blocks SIGINT, SIGTERM and the others given in the calling thread, and
@@ -28,3 +30,5 @@ public:
 private:
     int fd_ = -1;
 };
+
+}  // namespace kb::platform

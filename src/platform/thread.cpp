@@ -7,6 +7,8 @@
 #include <mutex>
 #include <thread>
 
+namespace kb::platform {
+
 struct ThreadRecord {
     std::mutex Lock;
     std::condition_variable Changed;
@@ -124,3 +126,5 @@ bool ThreadFinished(const ThreadHandle& thread) {
     std::lock_guard<std::mutex> guard(thread->Lock);
     return thread->Finished;
 }
+
+}  // namespace kb::platform

@@ -8,6 +8,8 @@
 
 #include <memory>
 
+namespace kb::platform {
+
 struct ThreadRecord;
 using ThreadHandle = std::shared_ptr<ThreadRecord>;
 
@@ -46,3 +48,5 @@ void JoinThread(const ThreadHandle& thread);
 
 // True once the thread's function has returned.
 bool ThreadFinished(const ThreadHandle& thread);
+
+}  // namespace kb::platform

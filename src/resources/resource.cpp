@@ -1,5 +1,7 @@
 #include "resources/resource.h"
 
+namespace kb::resources {
+
 namespace {
 
 // In these texts a backslash is a backslash.
@@ -56,3 +58,5 @@ std::string_view LoadResourceString(int id) {
     }
     return Profiles[id - ProfileStringBase];
 }
+
+}  // namespace kb::resources

@@ -4,6 +4,8 @@
 
 #include <string_view>
 
+namespace kb::resources {
+
 // Controls of the main window.
 inline constexpr int IDC_DIRECTORY_LIST = 1001;
 inline constexpr int IDC_NAME = 1002;
@@ -90,3 +92,5 @@ inline constexpr int ProfileStringLast = 137;
 
 // The text of a string-table entry; empty for an id the table lacks.
 std::string_view LoadResourceString(int id);
+
+}  // namespace kb::resources

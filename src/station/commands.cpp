@@ -11,6 +11,12 @@
 #include "platform/files.h"
 #include "resources/resource.h"
 
+namespace kb::station {
+
+using namespace kb::app;
+using namespace kb::platform;
+using namespace kb::resources;
+
 namespace {
 
 constexpr double DefaultWaitSeconds = 60;
@@ -505,3 +511,5 @@ std::string RunStationCommand(StationFrontEnd& station, const std::string& line)
     }
     return answer.Ok ? "ok" : "error: " + OneLine(answer.Why);
 }
+
+}  // namespace kb::station

@@ -6,6 +6,10 @@
 
 #include "station/station_front_end.h"
 
+namespace kb::station {
+
 // Runs one command line on the station and says how it went: "ok" or
 // "error: <why>".
 std::string RunStationCommand(StationFrontEnd& station, const std::string& line);
+
+}  // namespace kb::station

@@ -19,6 +19,11 @@
 #include "station/commands.h"
 #include "station/station_front_end.h"
 
+namespace kb::station {
+
+using namespace kb::app;
+using namespace kb::platform;
+
 namespace {
 
 // A stopping signal closes the window, as its close box does.
@@ -34,7 +39,13 @@ void CloseWindow(const WindowHandle& handle) {
 
 }  // namespace
 
+}  // namespace kb::station
+
 int main() {
+    using namespace kb::app;
+    using namespace kb::platform;
+    using namespace kb::station;
+
     // Its command input blocks the stop signals: made before any thread
     // starts, so that every thread inherits the mask.
     StationFrontEnd station;

@@ -1,5 +1,9 @@
 #include "station/station_desktop.h"
 
+namespace kb::station {
+
+using namespace kb::platform;
+
 void StationDesktop::ShowFolder(const std::string& path) {
     output_.PrintLine("open: " + OneLine(path));
 }
@@ -42,3 +46,5 @@ void StationDesktop::HoldKey(Key key, bool down) {
 bool StationDesktop::KeyHeld(Key key) const {
     return (key == Key::Shift ? shiftDown_ : controlDown_).load();
 }
+
+}  // namespace kb::station

@@ -17,6 +17,12 @@
 #include "platform/key_state.h"
 #include "station/station_io.h"
 
+namespace kb::station {
+
+using platform::Desktop;
+using platform::FileDialogRequest;
+using platform::Key;
+
 class StationDesktop : public Desktop {
 public:
     explicit StationDesktop(StationOutput& output) : output_(output) {}
@@ -46,3 +52,5 @@ private:
     std::mutex answerLock_;
     std::optional<std::string> nextAnswer_;
 };
+
+}  // namespace kb::station

@@ -9,6 +9,11 @@
 #include "station/station_io.h"
 #include "station/waits.h"
 
+namespace kb::station {
+
+using app::TransferApp;
+using platform::Desktop;
+
 struct StationFrontEnd {
     StationOutput Output;
     StationDesktop Desktop{Output};
@@ -18,3 +23,5 @@ struct StationFrontEnd {
     // Last, so that its threads, which reach the parts above, end first.
     CommandInput Input{Output};
 };
+
+}  // namespace kb::station

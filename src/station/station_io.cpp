@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstdio>
 
+namespace kb::station {
+
 namespace {
 
 // Blanks and a CR around a command are no part of it.
@@ -257,3 +259,5 @@ void CommandInput::ReadInput(const std::function<void()>& onStop) {
         }
     }
 }
+
+}  // namespace kb::station

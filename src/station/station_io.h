@@ -13,6 +13,10 @@
 
 #include "platform/stop_signals.h"
 
+namespace kb::station {
+
+using platform::StopSignals;
+
 // The station's standard output, shared by every thread that prints.
 class StationOutput {
 public:
@@ -75,3 +79,5 @@ private:
     std::deque<std::optional<std::string>> commands_;
     bool queueClosed_ = false;
 };
+
+}  // namespace kb::station

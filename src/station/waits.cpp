@@ -8,6 +8,11 @@
 #include "app/main_window.h"
 #include "platform/event_loop.h"
 
+namespace kb::station {
+
+using namespace kb::app;
+using namespace kb::platform;
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -126,3 +131,5 @@ void StationWaits::NoteLoopEnded() {
     loopEnded_ = true;
     changed_.notify_all();
 }
+
+}  // namespace kb::station

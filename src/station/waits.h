@@ -12,6 +12,10 @@
 #include "app/application.h"
 #include "station/station_io.h"
 
+namespace kb::station {
+
+using app::TransferApp;
+
 // How a command went: done, or refused with the reason.
 struct Answer {
     bool Ok = true;
@@ -70,3 +74,5 @@ private:
     SeenLines seen_;
     bool loopEnded_ = false;
 };
+
+}  // namespace kb::station

@@ -6,6 +6,10 @@
 #include "platform/files.h"
 #include "platform/message_box.h"
 
+namespace kb::stores {
+
+using namespace kb::platform;
+
 bool LoadDirectory(CorrespondentDirectory& directory, const std::string& path) {
     // The table is part of its installation, so it cannot fail to exist; the
     // message about memory for it does not arise.
@@ -81,3 +85,5 @@ void SortDirectory(CorrespondentDirectory& directory) {
                   return CompareCorrespondents(a, b) < 0;
               });
 }
+
+}  // namespace kb::stores

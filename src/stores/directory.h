@@ -16,6 +16,8 @@
 #include <string_view>
 #include <type_traits>
 
+namespace kb::stores {
+
 // The record is stored as the host's bytes, which must be little-endian.
 static_assert(std::endian::native == std::endian::little,
               "the directory record is stored as the host's bytes, which must be little-endian");
@@ -125,3 +127,5 @@ void SortDirectory(CorrespondentDirectory& directory);
 // Orders two records as strncmp orders the first 31 bytes of their FirmName:
 // byte order, so every capital comes before every small letter.
 int CompareCorrespondents(const Correspondent& a, const Correspondent& b);
+
+}  // namespace kb::stores

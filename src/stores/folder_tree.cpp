@@ -1,5 +1,7 @@
 #include "stores/folder_tree.h"
 
+namespace kb::stores {
+
 bool NameCanBeFolder(std::string_view name) {
     if (name.empty() || name == "." || name == "..") {
         return false;
@@ -17,3 +19,5 @@ std::string PickUpFolderOf(const std::string& pickUpRoot, const Correspondent& r
     const std::string name = FieldText(record.FirmName);
     return NameCanBeFolder(name) ? pickUpRoot + "/" + name : std::string();
 }
+
+}  // namespace kb::stores

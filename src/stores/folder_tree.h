@@ -11,6 +11,8 @@
 
 #include "stores/directory.h"
 
+namespace kb::stores {
+
 // Whether the name can name a folder of its own: not empty, not "." or "..",
 // and without "/" and control characters.
 bool NameCanBeFolder(std::string_view name);
@@ -19,3 +21,5 @@ bool NameCanBeFolder(std::string_view name);
 // (StorePaths::PickUpPath); "" when its firm name cannot name a folder, so
 // that no operation on it reaches anywhere.
 std::string PickUpFolderOf(const std::string& pickUpRoot, const Correspondent& record);
+
+}  // namespace kb::stores

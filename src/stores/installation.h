@@ -14,6 +14,8 @@
 #include "stores/preferences.h"
 #include "stores/status_log.h"
 
+namespace kb::stores {
+
 class Installation {
 public:
     explicit Installation(const std::string& root) : Paths(root), Log(Paths.LogPath) {}
@@ -34,3 +36,5 @@ public:
         static_cast<void>(Log.Load());
     }
 };
+
+}  // namespace kb::stores

@@ -1,5 +1,7 @@
 #include "stores/paths.h"
 
+namespace kb::stores {
+
 namespace {
 
 std::string Below(const std::string& root, const char* name) {
@@ -20,3 +22,5 @@ StorePaths::StorePaths(const std::string& root)
       PickUpPath(Below(root, PickUpFolderName)),
       HelpPath(Below(root, HelpPageName)),
       ResumeRecordPath(Below(root, ResumeFileName)) {}
+
+}  // namespace kb::stores

@@ -7,6 +7,8 @@
 
 #include <string>
 
+namespace kb::stores {
+
 // Names below the installation's folder.
 inline constexpr const char* PrefsFileName = "kestrelbound_prefs";
 inline constexpr const char* DirectoryFileName = "kestrelbound_directory";
@@ -41,3 +43,5 @@ struct StorePaths {
     // The record of a received file that a cut-off call left for a resume.
     std::string ResumeRecordPath;
 };
+
+}  // namespace kb::stores

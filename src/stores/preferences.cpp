@@ -3,6 +3,10 @@
 #include "platform/files.h"
 #include "platform/message_box.h"
 
+namespace kb::stores {
+
+using namespace kb::platform;
+
 bool LoadPreferences(Preferences& record, const std::string& path) {
     // The record is part of its installation, so it cannot fail to exist; a
     // record that could not be allocated does not arise.
@@ -38,3 +42,5 @@ bool SavePreferences(const Preferences& record, const std::string& path) {
     file.Close();
     return written;
 }
+
+}  // namespace kb::stores

@@ -16,6 +16,10 @@
 
 #include "platform/shared_word.h"
 
+namespace kb::stores {
+
+using platform::SharedWord;
+
 // The file holds its numbers little-endian, and the record is read and written
 // as the file's bytes without converting them; a big-endian host would need a
 // conversion on load and save.
@@ -88,3 +92,5 @@ bool LoadPreferences(Preferences& record, const std::string& path);
 // cutting the file short and without creating it. False, with no message, if
 // the file cannot be opened or written.
 bool SavePreferences(const Preferences& record, const std::string& path);
+
+}  // namespace kb::stores

@@ -12,6 +12,10 @@
 #include "platform/files.h"
 #include "platform/message_box.h"
 
+namespace kb::stores {
+
+using namespace kb::platform;
+
 void StatusLog::LeaveSink(std::unique_lock<std::mutex>& lock) {
     lock.lock();
     if (--callsInSink_ == 0) {
@@ -162,3 +166,5 @@ std::string CurrentTimeText() {
 std::string StartStopLine(bool starting) {
     return (starting ? "Starting Kestrelbound " : "Stopping Kestrelbound ") + CurrentTimeText();
 }
+
+}  // namespace kb::stores

@@ -22,6 +22,8 @@
 #include <utility>
 #include <vector>
 
+namespace kb::stores {
+
 inline constexpr uint32_t LogBufferSize = 28000;
 // The list keeps at most this many lines; the next one takes the oldest
 // LogTrimCount away in one batch.
@@ -125,3 +127,5 @@ std::string CurrentTimeText();
 // The line that marks a start ("Starting Kestrelbound " and the time) or a
 // stop ("Stopping Kestrelbound " and the time).
 std::string StartStopLine(bool starting);
+
+}  // namespace kb::stores

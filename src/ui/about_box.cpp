@@ -8,6 +8,10 @@
 #include "ui/dialog_units.h"
 #include "ui/pictures.h"
 
+namespace kb::ui {
+
+using namespace kb::app;
+
 namespace {
 
 // The box and its parts, in dialog units of its own font.
@@ -72,3 +76,5 @@ void AboutBox::closeEvent(QCloseEvent* event) {
     event->ignore();
     onOk_();
 }
+
+}  // namespace kb::ui

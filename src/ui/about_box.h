@@ -14,6 +14,10 @@
 class QLabel;
 class QPushButton;
 
+namespace kb::ui {
+
+using app::ControlState;
+
 class AboutBox : public QDialog {
     Q_OBJECT
 
@@ -38,3 +42,5 @@ private:
     QLabel* version_ = nullptr;
     int picture_ = 0;
 };
+
+}  // namespace kb::ui

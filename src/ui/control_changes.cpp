@@ -2,6 +2,10 @@
 
 #include "app/control_model.h"
 
+namespace kb::ui {
+
+using namespace kb::app;
+
 void ControlChanges::SetTarget(QObject* target) {
     std::lock_guard<std::mutex> guard(lock_);
     target_ = target;
@@ -60,3 +64,5 @@ ControlChanges::Pending ControlChanges::Take() {
     woken_ = false;
     return taken;
 }
+
+}  // namespace kb::ui

@@ -15,7 +15,13 @@
 #include <mutex>
 #include <set>
 
+namespace kb::app {
 struct ControlEvent;
+}  // namespace kb::app
+
+namespace kb::ui {
+
+using app::ControlEvent;
 
 class ControlChanges {
 public:
@@ -53,3 +59,5 @@ private:
     bool woken_ = false;
     QObject* target_ = nullptr;
 };
+
+}  // namespace kb::ui

@@ -4,6 +4,8 @@
 
 #include <cmath>
 
+namespace kb::ui {
+
 DialogUnits::DialogUnits(const QFont& font) {
     const QFontMetricsF metrics(font);
     const QString letters = QStringLiteral("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz");
@@ -26,3 +28,5 @@ QRect DialogUnits::Rect(int x, int y, int width, int height) const {
     const int top = Y(y);
     return QRect(left, top, X(x + width) - left, Y(y + height) - top);
 }
+
+}  // namespace kb::ui

@@ -8,6 +8,8 @@
 #include <QFont>
 #include <QRect>
 
+namespace kb::ui {
+
 class DialogUnits {
 public:
     explicit DialogUnits(const QFont& font);
@@ -21,3 +23,5 @@ private:
     double averageWidth_ = 0;
     int height_ = 0;
 };
+
+}  // namespace kb::ui

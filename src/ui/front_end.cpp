@@ -25,6 +25,12 @@
 #include "ui/manual.h"
 #include "ui/qt_desktop.h"
 
+namespace kb::ui {
+
+using namespace kb::app;
+using namespace kb::platform;
+using namespace kb::resources;
+
 namespace {
 
 // The window was drawn for a font of this size.
@@ -227,3 +233,5 @@ void FrontEnd::WriteSignalPicture() {
                      QFile::encodeName(options_.SignalScreenshot).constData());
     }
 }
+
+}  // namespace kb::ui

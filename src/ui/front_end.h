@@ -21,6 +21,12 @@
 #include "app/application.h"
 #include "platform/key_state.h"
 
+namespace kb::ui {
+
+using app::TransferApp;
+using app::WindowHandle;
+using platform::Key;
+
 class ControlChanges;
 class GuiThread;
 class MainView;
@@ -111,3 +117,5 @@ private:
 // The font of the window: the desktop's own, at the size the window was drawn
 // for.
 QFont DialogFont();
+
+}  // namespace kb::ui

@@ -2,6 +2,8 @@
 
 #include <QThread>
 
+namespace kb::ui {
+
 GuiThread::GuiThread() = default;
 
 GuiThread::~GuiThread() {
@@ -80,3 +82,5 @@ void GuiThread::Close() {
     }
     settled_.notify_all();
 }
+
+}  // namespace kb::ui

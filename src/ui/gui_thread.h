@@ -19,6 +19,8 @@
 #include <memory>
 #include <mutex>
 
+namespace kb::ui {
+
 class GuiThread : public QObject {
     Q_OBJECT
 
@@ -54,3 +56,5 @@ private:
     std::deque<std::shared_ptr<Task>> tasks_;
     bool closed_ = false;
 };
+
+}  // namespace kb::ui

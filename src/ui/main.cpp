@@ -24,6 +24,8 @@
 #include "platform/stop_signals.h"
 #include "ui/front_end.h"
 
+namespace kb::ui {
+
 namespace {
 
 constexpr const char* Usage =
@@ -51,7 +53,12 @@ bool ReadOptions(const QStringList& arguments, FrontEndOptions& options) {
 
 }  // namespace
 
+}  // namespace kb::ui
+
 int main(int argc, char** argv) {
+    using namespace kb::platform;
+    using namespace kb::ui;
+
     // Before any thread starts, Qt's own included, so that every thread
     // inherits the mask and the signals come only through the descriptor.
     StopSignals stopSignals({SIGUSR1});

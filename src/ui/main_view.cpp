@@ -30,6 +30,12 @@
 #include "ui/about_box.h"
 #include "ui/pictures.h"
 
+namespace kb::ui {
+
+using namespace kb::app;
+using namespace kb::platform;
+using namespace kb::resources;
+
 namespace {
 
 // The window's size in dialog units.
@@ -674,3 +680,5 @@ bool MainView::eventFilter(QObject* watched, QEvent* event) {
     }
     return QMainWindow::eventFilter(watched, event);
 }
+
+}  // namespace kb::ui

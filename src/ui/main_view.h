@@ -18,8 +18,16 @@
 #include "ui/control_changes.h"
 #include "ui/dialog_units.h"
 
-class AboutBox;
 class QMenu;
+
+namespace kb::ui {
+
+using app::ControlPlace;
+using app::ControlState;
+using app::WindowEvent;
+using app::WindowHandle;
+
+class AboutBox;
 
 class MainView : public QMainWindow {
     Q_OBJECT
@@ -87,3 +95,5 @@ private:
     std::map<int, int> editsUnhandled_;
     bool shown_ = false;
 };
+
+}  // namespace kb::ui

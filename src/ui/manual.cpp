@@ -8,6 +8,10 @@
 
 #include "app/application.h"
 
+namespace kb::ui {
+
+using namespace kb::app;
+
 namespace {
 
 // Where the pages lie among the program's resources.
@@ -36,3 +40,5 @@ bool InstallManual(const std::string& root) {
     }
     return written;
 }
+
+}  // namespace kb::ui

@@ -5,7 +5,11 @@
 
 #include <string>
 
+namespace kb::ui {
+
 // Writes every page of the manual (and its pictures) below root, replacing
 // older copies of them, when root has no start page; nothing when it has
 // one. False if a page could not be written.
 [[nodiscard]] bool InstallManual(const std::string& root);
+
+}  // namespace kb::ui

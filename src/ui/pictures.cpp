@@ -9,6 +9,10 @@
 
 #include "resources/resource.h"
 
+namespace kb::ui {
+
+using namespace kb::resources;
+
 QString PicturePath(int id) {
     static const std::map<int, const char*> Names = {
         {IDR_MAINFRAME, "kestrelbound"},
@@ -83,3 +87,5 @@ QIcon PictureIcon(int id, QSize size) {
     }
     return icon;
 }
+
+}  // namespace kb::ui

@@ -8,6 +8,8 @@
 #include <QSize>
 #include <QString>
 
+namespace kb::ui {
+
 // The resource of a picture or icon, by its resource number ("IDB_...",
 // "IDI_...", IDR_MAINFRAME); "" for a number that has none.
 QString PicturePath(int id);
@@ -20,3 +22,5 @@ QPixmap RenderPicture(int id, QSize size, qreal pixelRatio);
 // The picture as an icon of that size, with pixmaps for single and double
 // density screens.
 QIcon PictureIcon(int id, QSize size);
+
+}  // namespace kb::ui

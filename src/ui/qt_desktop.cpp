@@ -10,6 +10,10 @@
 
 #include "ui/gui_thread.h"
 
+namespace kb::ui {
+
+using namespace kb::platform;
+
 namespace {
 
 QString LocalPath(const std::string& path) {
@@ -86,3 +90,5 @@ std::optional<std::string> QtDesktop::ChooseFile(const FileDialogRequest& reques
     }
     return QFile::encodeName(chosen).toStdString();
 }
+
+}  // namespace kb::ui

@@ -9,8 +9,14 @@
 
 #include "platform/desktop.h"
 
-class GuiThread;
 class QWidget;
+
+namespace kb::ui {
+
+using platform::Desktop;
+using platform::FileDialogRequest;
+
+class GuiThread;
 
 class QtDesktop : public Desktop {
 public:
@@ -31,3 +37,5 @@ private:
 // A dialog's filter ("Name (*.ext)|*.ext|" pairs, patterns parted by ";") as
 // Qt writes it ("Name (*.ext);;...", patterns parted by blanks).
 std::string QtFileFilter(const std::string& filter);
+
+}  // namespace kb::ui

@@ -21,6 +21,13 @@
 #include "support/temp_folder.h"
 #include "window_fixture.h"
 
+namespace kb::test {
+
+using namespace kb::app;
+using namespace kb::line;
+using namespace kb::platform;
+using namespace kb::resources;
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -151,3 +158,5 @@ TEST_F(AppStartTest, TheSplashClosesItselfAfterASecondAndTheSearchFollowsOnce) {
 }
 
 }  // namespace
+
+}  // namespace kb::test

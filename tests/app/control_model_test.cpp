@@ -8,6 +8,10 @@
 #include <thread>
 #include <vector>
 
+namespace kb::test {
+
+using namespace kb::app;
+
 namespace {
 
 ControlState Control(int id, ControlKind kind = ControlKind::ListBox) {
@@ -141,3 +145,5 @@ TEST(ControlModel, SelectionFollowsRowsThatComeAndGoAndUnknownControlsAreHarmles
     EXPECT_EQ(model.Selection(99), -1);
     EXPECT_FALSE(model.Enabled(99));
 }
+
+}  // namespace kb::test

@@ -21,6 +21,13 @@
 #include "support/wire_peer.h"
 #include "window_fixture.h"
 
+namespace kb::test {
+
+using namespace kb::app;
+using namespace kb::platform;
+using namespace kb::resources;
+using namespace kb::stores;
+
 namespace {
 
 constexpr const char* FolderRefusal =
@@ -296,3 +303,5 @@ TEST_F(DesktopControlsTest, AnEntryWhoseNameIsNoFolderNameIsNotEntered) {
 }
 
 }  // namespace
+
+}  // namespace kb::test

@@ -19,6 +19,13 @@
 #include "support/temp_folder.h"
 #include "window_fixture.h"
 
+namespace kb::test {
+
+using namespace kb::app;
+using namespace kb::engine;
+using namespace kb::platform;
+using namespace kb::resources;
+
 namespace {
 
 class FileListTest : public WindowTest {
@@ -263,3 +270,5 @@ TEST_F(FileListTest, APathTooLongOrAFileTooLargeForTheProtocolIsRefusedWithItsLi
 }
 
 }  // namespace
+
+}  // namespace kb::test

@@ -25,6 +25,15 @@
 #include "stores/status_log.h"
 #include "window_fixture.h"
 
+namespace kb::test {
+
+using namespace kb::app;
+using namespace kb::engine;
+using namespace kb::line;
+using namespace kb::platform;
+using namespace kb::resources;
+using namespace kb::stores;
+
 namespace {
 
 using MainWindowTest = WindowTest;
@@ -506,3 +515,5 @@ TEST_F(MainWindowTest, TheIncomingListShowsTheWireSizesAndLosesItsTopRow) {
 }
 
 }  // namespace
+
+}  // namespace kb::test

@@ -20,6 +20,12 @@
 #include "support/temp_folder.h"
 #include "support/test_data.h"
 
+namespace kb::test {
+
+using namespace kb::platform;
+using namespace kb::station;
+using namespace kb::stores;
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -168,3 +174,5 @@ TEST(StationTest, OnlyTheLogLinesThatAWaitCanStillFindAreKept) {
 }
 
 }  // namespace
+
+}  // namespace kb::test

@@ -9,6 +9,15 @@
 #include "resources/resource.h"
 #include "stores/installation.h"
 
+namespace kb::test {
+
+using namespace kb::app;
+using namespace kb::engine;
+using namespace kb::line;
+using namespace kb::platform;
+using namespace kb::resources;
+using namespace kb::stores;
+
 void WindowTest::SetUp() {
     BlockPorts(folder_.Path());
     const StorePaths paths(folder_.Path());
@@ -124,3 +133,5 @@ WindowEvent Event(EventKind kind, int id) {
     event.Id = id;
     return event;
 }
+
+}  // namespace kb::test

@@ -19,6 +19,16 @@
 #include "support/installation.h"
 #include "support/temp_folder.h"
 
+namespace kb::test {
+
+using app::EventKind;
+using app::EventOutcome;
+using app::MainWindow;
+using app::WindowEvent;
+using engine::TransferEngine;
+using line::Line;
+using stores::Installation;
+
 // Rows of a list, by their text.
 std::vector<std::string> RowTexts(int id);
 // The texts as one, ", " between them, so that a table's cell holds them.
@@ -73,3 +83,5 @@ private:
     mutable std::mutex lock_;
     std::vector<std::string> observed_;
 };
+
+}  // namespace kb::test

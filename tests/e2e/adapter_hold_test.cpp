@@ -15,6 +15,10 @@
 #include "peer_fixture.h"
 #include "two_stations.h"
 
+namespace kb::test {
+
+using namespace kb::platform;
+
 namespace {
 
 constexpr uintmax_t SectionData = 131070;
@@ -142,3 +146,5 @@ TEST_F(RingGivenUp, TheCallThatFollowsAMomentLaterIsServed) {
         EXPECT_TRUE(Incoming(files[0].Name) == files[0].Bytes);
     }
 }
+
+}  // namespace kb::test

@@ -6,6 +6,8 @@
 #include "harness.h"
 #include "support/installation.h"
 
+namespace kb::test {
+
 namespace {
 
 struct Family {
@@ -99,3 +101,5 @@ TEST(DetectionLimits, APortThatTopsOutAt57600IsSavedAndTheNextStartGoesStraightT
     EXPECT_TRUE(LinesHolding(again.LogLines(), {"Searching", "Testing"}).empty());
     EXPECT_EQ(again.Quit(), 0);
 }
+
+}  // namespace kb::test

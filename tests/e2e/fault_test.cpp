@@ -22,6 +22,10 @@
 #include "support/small_volume.h"
 #include "two_stations.h"
 
+namespace kb::test {
+
+using namespace kb::platform;
+
 namespace {
 
 constexpr size_t SectionData = 131070;
@@ -496,3 +500,5 @@ TEST(CallEndTest, EveryCallEndsAndNoneHoldsTheLine) {
     ExpectSameBytes(root / "r9/Incoming Files/small.bin", small);
     EXPECT_TRUE(held.WaitForLog("Disconnected"));
 }
+
+}  // namespace kb::test

@@ -8,6 +8,8 @@
 #include "support/tcp_relay.h"
 #include "support/temp_folder.h"
 
+namespace kb::test {
+
 VirtualAdapters::VirtualAdapters(const std::vector<std::string>& adapters,
                                  const std::vector<std::string>& options)
     : process_(
@@ -24,7 +26,7 @@ VirtualAdapters::VirtualAdapters(const std::vector<std::string>& adapters,
 }
 
 uint16_t VirtualAdapters::ListeningPort() const {
-    return ::ListeningPort(process_.AllLines());
+    return test::ListeningPort(process_.AllLines());
 }
 
 Station::Station(const std::string& folder) : process_(KBSTATION_PATH, {}, folder) {}
@@ -175,3 +177,5 @@ void ExpectSameBytes(const std::string& path, const std::string& expected) {
     EXPECT_EQ(arrived.size(), expected.size()) << path;
     EXPECT_TRUE(arrived == expected) << path << " differs";
 }
+
+}  // namespace kb::test

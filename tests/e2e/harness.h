@@ -21,6 +21,8 @@
 #include "support/child_process.h"
 #include "support/test_data.h"
 
+namespace kb::test {
+
 // A virtual-ta with the given adapters ("PATH=FAMILY:NUMBER[,OPTION...]") and
 // options, ready once it has printed "ready".
 class VirtualAdapters {
@@ -118,3 +120,5 @@ void EachCaseAtOnce(const std::vector<Case>& cases, const Body& body) {
         thread.join();
     }
 }
+
+}  // namespace kb::test

@@ -14,6 +14,10 @@
 #include "peer_fixture.h"
 #include "platform/files.h"
 
+namespace kb::test {
+
+using namespace kb::platform;
+
 namespace {
 
 class HostilePeer : public PeerAndStation {
@@ -272,3 +276,5 @@ TEST_F(HostilePeer, RecoveriesCutShortOrOfNoFileOnItsWayAreNotActedOn) {
     const std::string after = StationHangsUp();
     EXPECT_EQ(after.find("SENDRECOVR"), std::string::npos) << after;
 }
+
+}  // namespace kb::test

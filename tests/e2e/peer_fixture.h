@@ -16,6 +16,10 @@
 #include "support/installation.h"
 #include "support/wire_peer.h"
 
+namespace kb::test {
+
+using platform::CreateFolder;
+
 // The files that came to the peer are those the station sent, in order, or
 // in any order when they are a folder's, which goes as the folder lists it.
 inline void ExpectArrived(std::vector<peer::File> arrived, const std::vector<peer::File>& sent,
@@ -109,3 +113,5 @@ protected:
     std::unique_ptr<Station> station_;
     std::unique_ptr<FarEnd> port_;
 };
+
+}  // namespace kb::test

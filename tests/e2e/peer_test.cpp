@@ -11,6 +11,10 @@
 #include "peer_fixture.h"
 #include "platform/files.h"
 
+namespace kb::test {
+
+using namespace kb::platform;
+
 TEST_F(PeerAndStation, APeerSendsAFolderOfFilesAndTheStationFilesThemIdentical) {
     const std::vector<peer::File> files = {
         {"hello.txt", RandomBytes(1000, 21)},   {"empty.dat", ""},
@@ -69,3 +73,5 @@ TEST_F(PeerAndStation, AStationSendsFilesAndAFolderAndThePeerReceivesThemIdentic
     StationHangsUp();
     EXPECT_EQ(station_->Count("All files sent."), 2);
 }
+
+}  // namespace kb::test

@@ -19,6 +19,10 @@
 #include "support/wire_peer.h"
 #include "two_stations.h"
 
+namespace kb::test {
+
+using namespace kb::platform;
+
 namespace {
 
 // The rows of a list as "show" prints them.
@@ -396,3 +400,5 @@ TEST(DirectoryByCommands, RecordsAreSortedRenamedWithTheirFolderAndKeptUntilTheF
 }
 
 }  // namespace
+
+}  // namespace kb::test

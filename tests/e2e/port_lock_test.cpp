@@ -11,6 +11,10 @@
 #include "support/installation.h"
 #include "support/process_state.h"
 
+namespace kb::test {
+
+using namespace kb::platform;
+
 // Alice's COM1 is locked by a living process (this test), so her search goes
 // on to COM2; Bob's COM1 carries the lock of a process that has gone. Each
 // station holds the lock of its port through a call, and gives it up when it
@@ -54,3 +58,5 @@ TEST(PortLocks, StationsHonourLivingLocksReplaceStaleOnesAndRemoveTheirOwnAtTheE
     EXPECT_FALSE(PathExists(bobLock));
     EXPECT_EQ(ReadWholeFile(aliceBlocked), TextLock(::getpid()));
 }
+
+}  // namespace kb::test

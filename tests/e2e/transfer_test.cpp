@@ -9,6 +9,10 @@
 
 #include "two_stations.h"
 
+namespace kb::test {
+
+using namespace kb::platform;
+
 namespace {
 
 // Two stations of different families that know each other's numbers.
@@ -137,3 +141,5 @@ TEST_F(TwoStations, TheLargestFileThatCanBeSentArrivesWholeAndOneByteMoreIsRefus
     EXPECT_EQ(FileDigest(IncomingPath("largest.bin")), FileDigest(path));
     EXPECT_TRUE(LinesHolding(Alice->LogLines(), {"Cannot read file"}).empty());
 }
+
+}  // namespace kb::test

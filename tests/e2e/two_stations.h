@@ -15,6 +15,10 @@
 #include "support/tcp_relay.h"
 #include "support/wire_peer.h"
 
+namespace kb::test {
+
+using platform::CreateFolder;
+
 class AliceAndBob {
 public:
     // Bob's adapter is of the family given; Alice's is a BitSURFR. The
@@ -97,3 +101,5 @@ public:
     std::unique_ptr<Station> Alice;
     std::unique_ptr<Station> Bob;
 };
+
+}  // namespace kb::test

@@ -14,6 +14,11 @@
 #include "engine_harness.h"
 #include "platform/files.h"
 
+namespace kb::test {
+
+using namespace kb::engine;
+using namespace kb::platform;
+
 namespace {
 
 struct Offered {
@@ -199,3 +204,5 @@ TEST_F(AdmissionTest, AFileTakesItsOwnNameOnlyWhenWholeAndNeverFromWhatCameMeanw
     EXPECT_TRUE(ReadWholeFile(Incoming("b.txt")) == second.Bytes);
     EXPECT_FALSE(PathExists(Incoming("b.txt.part")));
 }
+
+}  // namespace kb::test

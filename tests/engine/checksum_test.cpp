@@ -8,6 +8,10 @@
 #include "support/test_data.h"
 #include "support/wire_peer.h"
 
+namespace kb::test {
+
+using namespace kb::engine;
+
 namespace {
 
 const uint8_t* Data(const std::string& bytes) {
@@ -49,3 +53,5 @@ TEST(Checksum, SectionCrcIsWhatAnIndependentPeerPutsInFrontOfASection) {
 }
 
 }  // namespace
+
+}  // namespace kb::test

@@ -12,6 +12,12 @@
 #include "platform/clock_test_hooks.h"
 #include "platform/files.h"
 
+namespace kb::test {
+
+using namespace kb::engine;
+using namespace kb::line;
+using namespace kb::platform;
+
 std::string LetterBytes(size_t size) {
     std::string bytes(size, 'a');
     for (size_t i = 0; i < size; ++i) {
@@ -154,3 +160,5 @@ std::string EngineHarness::ChooseFile(const std::string& name, const std::string
     EXPECT_TRUE(engine_.SendList.Add(EntryForFile(name, path, bytes.size())));
     return path;
 }
+
+}  // namespace kb::test

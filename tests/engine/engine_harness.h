@@ -24,6 +24,18 @@
 #include "support/test_data.h"
 #include "support/wire_peer.h"
 
+namespace kb::test {
+
+using engine::EngineShutdown;
+using engine::EngineStartup;
+using engine::FileEntry;
+using engine::LinkState;
+using engine::TransferEngine;
+using line::Line;
+using line::PortConversation;
+using platform::ThreadHandle;
+using stores::Installation;
+
 // Letters only, so that a hang-up's "+++" cannot be mistaken in the data.
 std::string LetterBytes(size_t size);
 // "H100" and the list of the files, as a peer sends it.
@@ -126,3 +138,5 @@ private:
     CapturedOutput output_{&stores_.Log};
     uint32_t clockJumped_ = 0;
 };
+
+}  // namespace kb::test

@@ -16,6 +16,13 @@
 #include "platform/files.h"
 #include "stores/directory.h"
 
+namespace kb::test {
+
+using namespace kb::engine;
+using namespace kb::line;
+using namespace kb::platform;
+using namespace kb::stores;
+
 namespace {
 
 class PickUpTest : public EngineHarness {
@@ -100,3 +107,5 @@ TEST_F(PickUpTest, ASentFileMovesToSentFilesReplacingAnOlderOne) {
     EXPECT_FALSE(PathExists(folder + "/f.txt"));
     EXPECT_EQ(ReadWholeFile(folder + "/Sent Files/f.txt"), "f.txt");
 }
+
+}  // namespace kb::test

@@ -18,6 +18,11 @@
 #include "platform/files.h"
 #include "support/small_volume.h"
 
+namespace kb::test {
+
+using namespace kb::engine;
+using namespace kb::platform;
+
 namespace {
 
 using CallEndTest = EngineHarness;
@@ -450,3 +455,5 @@ TEST_F(SenderTeardownTest, AnEscapeLeftUnansweredByAnAdapterThatAnswersAtEndsThe
     EXPECT_TRUE(WaitForState(LinkState::Idle));
     EXPECT_FALSE(Logged("Hang-up failed."));
 }
+
+}  // namespace kb::test

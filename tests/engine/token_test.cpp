@@ -14,6 +14,10 @@
 #include "line/adapter.h"
 #include "platform/files.h"
 
+namespace kb::test {
+
+using namespace kb::engine;
+
 namespace {
 
 using ReceiverTokenTest = EngineHarness;
@@ -175,3 +179,5 @@ TEST(DialStringTest, CarrierCodesGoInFrontOfEachNumber) {
     EXPECT_EQ(DialString("no digits", 0), "ATD");
     EXPECT_EQ(DialString("", 1), "ATD10288");
 }
+
+}  // namespace kb::test

@@ -14,6 +14,10 @@
 #include "engine_harness.h"
 #include "support/wire_peer.h"
 
+namespace kb::test {
+
+using namespace kb::engine;
+
 namespace {
 
 template <class Record>
@@ -108,3 +112,5 @@ TEST(WireRecovery, EveryFieldOfABodyIsTakenAndMadeAgainSignedOnesWithTheirSign) 
 }
 
 }  // namespace
+
+}  // namespace kb::test

@@ -18,6 +18,12 @@
 #include "platform/key_state.h"
 #include "stores/preferences.h"
 
+namespace kb::test {
+
+using namespace kb::line;
+using namespace kb::platform;
+using namespace kb::stores;
+
 namespace {
 
 using Texts = std::vector<std::string>;
@@ -373,3 +379,5 @@ TEST_F(LineTest, TwoLinesSideBySideKeepEachItsOwnState) {
 }
 
 }  // namespace
+
+}  // namespace kb::test

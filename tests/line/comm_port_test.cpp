@@ -21,6 +21,12 @@
 #include "support/process_state.h"
 #include "support/temp_folder.h"
 
+namespace kb::test {
+
+using namespace kb::line;
+using namespace kb::platform;
+using namespace kb::stores;
+
 namespace {
 
 // An installation whose COM1 is a pseudo-terminal with the test as the far end,
@@ -223,3 +229,5 @@ TEST(CommPortRecord, PortNumberNamesALinkInTheInstallationOrASerialDevice) {
     far.LinkAs(root.Path(), 3);
     EXPECT_EQ(CommPortDevicePath(root.Path(), 3), root / "COM3");
 }
+
+}  // namespace kb::test

@@ -7,6 +7,11 @@
 #include "stores/preferences.h"
 #include "support/installation.h"
 
+namespace kb::test {
+
+using namespace kb::platform;
+using namespace kb::stores;
+
 std::string Joined(const std::vector<std::string>& lines) {
     std::string all;
     for (const std::string& line : lines) {
@@ -103,3 +108,5 @@ void LineTest::OpenPort(int port, uint32_t speed) {
     ASSERT_TRUE(line_.CommPortOpen());
     ASSERT_TRUE(line_.EnableHardwareHandshake());
 }
+
+}  // namespace kb::test

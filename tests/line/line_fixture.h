@@ -18,6 +18,12 @@
 #include "support/captured_output.h"
 #include "support/temp_folder.h"
 
+namespace kb::test {
+
+using line::Line;
+using line::NumberReply;
+using stores::Installation;
+
 // How a scripted adapter of one family answers.
 struct AdapterScript {
     std::vector<std::string> Identity0;  // lines for "ati0"
@@ -68,3 +74,5 @@ protected:
     std::vector<std::unique_ptr<ScriptedAdapter>> adapters_;
     CapturedOutput output_{&stores_.Log};
 };
+
+}  // namespace kb::test

@@ -11,6 +11,10 @@
 #include "platform/message_box.h"
 #include "stores/preferences.h"
 
+namespace kb::test {
+
+using namespace kb::line;
+
 namespace {
 
 using Texts = std::vector<std::string>;
@@ -151,3 +155,5 @@ TEST_F(PortSpeedTest, MenuMovesOfEachFamily) {
 }
 
 }  // namespace
+
+}  // namespace kb::test

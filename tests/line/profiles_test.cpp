@@ -9,6 +9,11 @@
 #include "line_fixture.h"
 #include "stores/preferences.h"
 
+namespace kb::test {
+
+using namespace kb::line;
+using namespace kb::stores;
+
 namespace {
 
 using Texts = std::vector<std::string>;
@@ -261,3 +266,5 @@ TEST_F(ProfileTest, ClosingCommandWaitsForOkExceptOnThe3Com) {
 }
 
 }  // namespace
+
+}  // namespace kb::test

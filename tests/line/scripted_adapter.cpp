@@ -2,6 +2,8 @@
 
 #include <chrono>
 
+namespace kb::test {
+
 ScriptedAdapter::ScriptedAdapter(Responder responder) : responder_(std::move(responder)) {
     thread_ = std::thread([this] { Run(); });
 }
@@ -76,3 +78,5 @@ std::string Answer(const std::string& command, const std::vector<std::string>& l
 std::string EchoOnly(const std::string& command) {
     return command + "\r";
 }
+
+}  // namespace kb::test

@@ -15,6 +15,8 @@
 
 #include "support/far_end.h"
 
+namespace kb::test {
+
 struct ReceivedCommand {
     std::string Text;  // without its CR
     uint32_t Speed = 0;
@@ -62,3 +64,5 @@ std::string Answer(const std::string& command, const std::vector<std::string>& l
 // The echo of the command alone, with no OK: how a command the adapter does
 // not take, or one it is too slow to hear, looks to the program.
 std::string EchoOnly(const std::string& command);
+
+}  // namespace kb::test

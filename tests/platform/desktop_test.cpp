@@ -19,6 +19,10 @@
 #include "support/process_state.h"
 #include "support/temp_folder.h"
 
+namespace kb::test {
+
+using namespace kb::platform;
+
 namespace {
 
 class LinuxDesktopTest : public ::testing::Test {
@@ -185,3 +189,5 @@ TEST(Files, OnlyPlainFilesOpenAndAFifoNeverHoldsTheOpener) {
 }
 
 }  // namespace
+
+}  // namespace kb::test

@@ -11,6 +11,10 @@
 #include <thread>
 #include <vector>
 
+namespace kb::test {
+
+using namespace kb::platform;
+
 TEST(EventLoop, PostedWorkRunsInOrderOnTheLoopThread) {
     EventLoop loop;
     std::vector<int> order;
@@ -58,3 +62,5 @@ TEST(EventLoop, WorkThatHoldsTheLoopDelaysTimersWithoutABurst) {
     EXPECT_GE(afterHold.load(), 1);
     EXPECT_LE(afterHold.load(), 4);
 }
+
+}  // namespace kb::test

@@ -8,6 +8,10 @@
 #include "platform/files.h"
 #include "support/temp_folder.h"
 
+namespace kb::test {
+
+using namespace kb::platform;
+
 TEST(Files, FolderRulesThatCallersRelyOn) {
     TempFolder root;
     const std::string folder = root / "Incoming Files";
@@ -52,3 +56,5 @@ TEST(Clock, StampIntervalsSurviveTheWrap) {
     EXPECT_GE(static_cast<uint32_t>(after - before), 20u);
     EXPECT_LT(static_cast<uint32_t>(after - before), 5000u);
 }
+
+}  // namespace kb::test

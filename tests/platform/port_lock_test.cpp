@@ -17,6 +17,10 @@
 #include "support/process_state.h"
 #include "support/temp_folder.h"
 
+namespace kb::test {
+
+using namespace kb::platform;
+
 namespace {
 
 std::string BinaryLock(pid_t pid) {
@@ -177,3 +181,5 @@ TEST(PortLock, ALockHeldAtExitIsRemoved) {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     EXPECT_FALSE(PathExists(locks / "LCK..null"));
 }
+
+}  // namespace kb::test

@@ -14,6 +14,10 @@
 #include "support/far_end.h"
 #include "support/process_state.h"
 
+namespace kb::test {
+
+using namespace kb::platform;
+
 TEST(SerialDevice, PurgeEmptiesTheInputAndStopsAWriteThatTheFarEndHoldsBack) {
     FarEnd far;  // never reads
     SerialDevice port;
@@ -126,3 +130,5 @@ TEST(SerialDevice, SettingsReachTheDeviceAndRefusalsKeepTheOld) {
     EXPECT_TRUE(port.Configure(settings));
     EXPECT_EQ(far.Speed(), 230400u);
 }
+
+}  // namespace kb::test

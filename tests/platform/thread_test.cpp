@@ -6,6 +6,10 @@
 #include <chrono>
 #include <thread>
 
+namespace kb::test {
+
+using namespace kb::platform;
+
 namespace {
 
 struct PingPong {
@@ -133,3 +137,5 @@ TEST(Thread, AThreadKeptOnAProcessorRunsThere) {
         EXPECT_EQ(ranOn.load(), processor);
     }
 }
+
+}  // namespace kb::test

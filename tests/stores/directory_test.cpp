@@ -8,6 +8,10 @@
 
 #include "store_fixture.h"
 
+namespace kb::test {
+
+using namespace kb::stores;
+
 namespace {
 
 // A record as the file holds it, with a name and a number and the rest zero
@@ -138,3 +142,5 @@ TEST(DirectoryFields, AFieldIsReadWithinItsWidth) {
 }
 
 }  // namespace
+
+}  // namespace kb::test

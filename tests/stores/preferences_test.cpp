@@ -14,6 +14,11 @@
 #include "stores/directory.h"
 #include "stores/status_log.h"
 
+namespace kb::test {
+
+using namespace kb::platform;
+using namespace kb::stores;
+
 namespace {
 
 using PreferencesTest = StoreTest;
@@ -133,3 +138,5 @@ TEST_F(StoreTest, AFolderWhereNoFileCanBeMadeGivesEachMessageOnceAndEmptyStores)
 }
 
 }  // namespace
+
+}  // namespace kb::test

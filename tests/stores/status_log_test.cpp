@@ -13,6 +13,10 @@
 #include "store_fixture.h"
 #include "support/process_state.h"
 
+namespace kb::test {
+
+using namespace kb::stores;
+
 namespace {
 
 std::vector<std::string> Numbered(int from, int count) {
@@ -238,3 +242,5 @@ TEST_F(LogSinkTest, RemovingTheSinkWaitsForALineInProgress) {
 }
 
 }  // namespace
+
+}  // namespace kb::test

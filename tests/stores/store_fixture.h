@@ -11,6 +11,10 @@
 #include "support/captured_output.h"
 #include "support/temp_folder.h"
 
+namespace kb::test {
+
+using stores::Installation;
+
 class StoreTest : public ::testing::Test {
 protected:
     std::vector<std::string> Messages() const { return output_.Messages(); }
@@ -24,3 +28,5 @@ protected:
 inline std::string Padded(const std::string& text, size_t width) {
     return text + std::string(width - text.size(), '\0');
 }
+
+}  // namespace kb::test

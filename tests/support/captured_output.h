@@ -12,6 +12,11 @@
 #include "platform/message_box.h"
 #include "stores/status_log.h"
 
+namespace kb::test {
+
+using platform::SetMessageBoxHandler;
+using stores::StatusLog;
+
 class CapturedOutput {
 public:
     // Catches the lines of the log given; without one, the log is left
@@ -67,3 +72,5 @@ private:
     std::vector<std::string> log_;
     std::vector<std::string> messages_;
 };
+
+}  // namespace kb::test

@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <stdexcept>
 
+namespace kb::test {
+
 bool BecomeUnprivileged() {
     return ::setgroups(0, nullptr) == 0 && ::setgid(UnprivilegedId) == 0 &&
            ::setuid(UnprivilegedId) == 0;
@@ -209,3 +211,5 @@ int ChildProcess::Stop(int signal, std::chrono::milliseconds limit) {
     }
     return status;
 }
+
+}  // namespace kb::test

@@ -13,6 +13,8 @@
 #include <thread>
 #include <vector>
 
+namespace kb::test {
+
 // The user and group "nobody": a user who may open no device but those of
 // its own and those open to all.
 constexpr uid_t UnprivilegedId = 65534;
@@ -74,3 +76,5 @@ private:
     size_t taken_ = 0;
     bool ended_ = false;
 };
+
+}  // namespace kb::test

@@ -15,6 +15,10 @@
 #include "platform/clock.h"
 #include "platform/serial_speed.h"
 
+namespace kb::test {
+
+using namespace kb::platform;
+
 namespace {
 
 int64_t NowMsec() {
@@ -198,3 +202,5 @@ bool FarEnd::HangUp() {
     const std::string reply = ReceiveUntil("OK\r\n", 3000);
     return reply.find("OK") != std::string::npos || reply.find("NO CARRIER") != std::string::npos;
 }
+
+}  // namespace kb::test

@@ -15,6 +15,11 @@
 
 #include "platform/pseudo_terminal.h"
 
+namespace kb::test {
+
+using platform::PseudoTerminal;
+using platform::PseudoTerminalSpeed;
+
 class FarEnd {
 public:
     // A new pseudo-terminal, the test at its hardware side.
@@ -71,3 +76,5 @@ private:
     std::string pending_;
     std::atomic<int64_t> lastSendMs_{0};
 };
+
+}  // namespace kb::test

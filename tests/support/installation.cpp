@@ -2,6 +2,8 @@
 
 #include <filesystem>
 
+namespace kb::test {
+
 void BlockPorts(const std::string& folder, int firstPort) {
     for (int port = firstPort; port <= 4; ++port) {
         WriteWholeFile(folder + "/COM" + std::to_string(port), "");
@@ -15,3 +17,5 @@ std::string MakeInstallation(const TempFolder& root, const std::string& name, in
     BlockPorts(folder, firstFreePort);
     return folder;
 }
+
+}  // namespace kb::test

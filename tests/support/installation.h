@@ -7,6 +7,8 @@
 
 #include "support/temp_folder.h"
 
+namespace kb::test {
+
 // Makes the ports from COM firstPort to COM4 of the installation plain files:
 // a search finds no adapter there.
 void BlockPorts(const std::string& folder, int firstPort = 1);
@@ -16,3 +18,5 @@ void BlockPorts(const std::string& folder, int firstPort = 1);
 // (COM1 by default).
 std::string MakeInstallation(const TempFolder& root, const std::string& name,
                              int firstFreePort = 2);
+
+}  // namespace kb::test

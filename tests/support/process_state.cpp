@@ -8,6 +8,8 @@
 #include <ctime>
 #include <string>
 
+namespace kb::test {
+
 EnvironmentValue::EnvironmentValue(const char* name, const std::string& value) : name_(name) {
     const char* old = std::getenv(name);
     had_ = old != nullptr;
@@ -68,3 +70,5 @@ pid_t GonePid() {
     ::waitpid(child, nullptr, 0);
     return child;
 }
+
+}  // namespace kb::test

@@ -8,6 +8,8 @@
 
 #include <string>
 
+namespace kb::test {
+
 // Sets an environment variable for the life of the object, then puts back
 // what was there (or nothing).
 class EnvironmentValue {
@@ -34,3 +36,5 @@ double ProcessCpuMs(pid_t pid);
 std::string TextLock(pid_t pid);
 // The id of a process that has exited and been reaped.
 pid_t GonePid();
+
+}  // namespace kb::test

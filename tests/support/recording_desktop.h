@@ -12,6 +12,12 @@
 
 #include "platform/desktop.h"
 
+namespace kb::test {
+
+using platform::Desktop;
+using platform::FileDialogRequest;
+using platform::InstallDesktop;
+
 class RecordingDesktop : public Desktop {
 public:
     RecordingDesktop() { InstallDesktop(this); }
@@ -64,3 +70,5 @@ private:
     std::vector<std::string> noted_;
     std::deque<std::optional<std::string>> answers_;
 };
+
+}  // namespace kb::test

@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <cstring>
 
+namespace kb::test {
+
 SmallVolume::SmallVolume(const std::string& folder, const std::string& size) : folder_(folder) {
     if (::geteuid() != 0) {
         why_ = "a small volume needs root to be mounted";
@@ -31,3 +33,5 @@ bool SmallVolume::Resize(const std::string& size) {
     const std::string options = "size=" + size;
     return mounted_ && ::mount("tmpfs", folder_.c_str(), "tmpfs", MS_REMOUNT, options.c_str()) == 0;
 }
+
+}  // namespace kb::test

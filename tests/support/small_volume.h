@@ -6,6 +6,8 @@
 
 #include <string>
 
+namespace kb::test {
+
 class SmallVolume {
 public:
     // Mounts a tmpfs of that size ("200k", "1m") on the folder, which exists.
@@ -25,3 +27,5 @@ private:
     bool mounted_ = false;
     std::string why_;
 };
+
+}  // namespace kb::test

@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+namespace kb::test {
+
 namespace {
 
 sockaddr_in Loopback(uint16_t port) {
@@ -188,3 +190,5 @@ void TcpRelay::Run() {
         }
     }
 }
+
+}  // namespace kb::test

@@ -10,6 +10,8 @@
 #include <thread>
 #include <vector>
 
+namespace kb::test {
+
 // A port on 127.0.0.1 that was free a moment ago, for a virtual-ta that must
 // listen on a port known before it starts.
 uint16_t FreePort();
@@ -43,3 +45,5 @@ private:
     std::atomic<uint64_t> carried_{0};
     std::thread thread_;
 };
+
+}  // namespace kb::test

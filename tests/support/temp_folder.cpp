@@ -7,6 +7,8 @@
 #include <iterator>
 #include <stdexcept>
 
+namespace kb::test {
+
 TempFolder::TempFolder() {
     const std::string base = std::filesystem::temp_directory_path().string() + "/kbtest.XXXXXX";
     std::string pattern = base;
@@ -30,3 +32,5 @@ void WriteWholeFile(const std::string& path, const std::string& bytes) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
+
+}  // namespace kb::test

@@ -4,6 +4,8 @@
 
 #include <string>
 
+namespace kb::test {
+
 class TempFolder {
 public:
     TempFolder();
@@ -23,3 +25,5 @@ private:
 std::string ReadWholeFile(const std::string& path);
 // Writes a whole file, replacing what was there.
 void WriteWholeFile(const std::string& path, const std::string& bytes);
+
+}  // namespace kb::test

@@ -5,6 +5,8 @@
 #include <random>
 #include <thread>
 
+namespace kb::test {
+
 std::string RandomBytes(size_t count, uint32_t seed) {
     std::mt19937 generator(seed);
     std::string bytes(count, '\0');
@@ -73,3 +75,5 @@ bool PollUntil(const std::function<bool()>& condition, std::chrono::milliseconds
     }
     return true;
 }
+
+}  // namespace kb::test

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+namespace kb::test {
+
 // Bytes of a fixed pseudo-random sequence: the same seed, the same bytes.
 std::string RandomBytes(size_t count, uint32_t seed);
 
@@ -27,3 +29,5 @@ size_t Occurrences(const std::string& text, const std::string& part);
 // Looks every 10 ms until the condition holds or the limit passes, for what
 // shows only in files, sizes and counters; whether it held.
 bool PollUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit);
+
+}  // namespace kb::test

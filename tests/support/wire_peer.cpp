@@ -4,6 +4,8 @@
 #include <chrono>
 #include <thread>
 
+namespace kb::test {
+
 namespace peer {
 
 namespace {
@@ -274,3 +276,5 @@ std::string ReceiveSession(FarEnd& port, std::vector<File>& files, std::string* 
 }
 
 }  // namespace peer
+
+}  // namespace kb::test

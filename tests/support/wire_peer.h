@@ -11,6 +11,8 @@
 
 #include "support/far_end.h"
 
+namespace kb::test {
+
 namespace peer {
 
 // Records and data as the wire carries them; integers high byte first.
@@ -46,3 +48,5 @@ std::string ReceiveSession(FarEnd& port, std::vector<File>& files, std::string* 
                            int tokenPauseMs = 0);
 
 }  // namespace peer
+
+}  // namespace kb::test

@@ -24,6 +24,10 @@
 #include "support/tcp_relay.h"
 #include "vta_harness.h"
 
+namespace kb::test {
+
+using namespace kb::platform;
+
 namespace {
 
 // Alice, Bob, Carol, whose line is unplugged, and Dave. A caller gives up
@@ -429,3 +433,5 @@ TEST_F(CallsAway, SilentConnectionsAreCappedAndTimedOutAndARoutedCallStillGoesTh
 }
 
 }  // namespace
+
+}  // namespace kb::test

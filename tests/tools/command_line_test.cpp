@@ -10,6 +10,8 @@
 
 #include "vta_harness.h"
 
+namespace kb::test {
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -143,3 +145,5 @@ TEST_F(VirtualTaCommandLine, TheTraceShowsCommandsRepliesAndTheChannelsOfEachCal
 }
 
 }  // namespace
+
+}  // namespace kb::test

@@ -11,6 +11,10 @@
 #include "platform/clock.h"
 #include "vta_harness.h"
 
+namespace kb::test {
+
+using namespace kb::platform;
+
 namespace {
 
 class VirtualTaDataMode : public VirtualTaTest {
@@ -280,3 +284,5 @@ TEST_F(VirtualTaLineRate, TwoChannelsNeedBothEndsAnd56KCarriesSevenEighths) {
 }
 
 }  // namespace
+
+}  // namespace kb::test

@@ -15,6 +15,12 @@
 #include "stores/installation.h"
 #include "vta_harness.h"
 
+namespace kb::test {
+
+using namespace kb::line;
+using namespace kb::resources;
+using namespace kb::stores;
+
 namespace {
 
 struct Choice {
@@ -197,3 +203,5 @@ TEST_F(VirtualTaCommandMode, EveryFamilyTakesTheInitStringsOfTerminalPrograms) {
 }
 
 }  // namespace
+
+}  // namespace kb::test

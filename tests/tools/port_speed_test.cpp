@@ -6,6 +6,8 @@
 
 #include "vta_harness.h"
 
+namespace kb::test {
+
 namespace {
 
 class VirtualTaPortSpeeds : public VirtualTaTest {
@@ -96,3 +98,5 @@ TEST_F(VirtualTaPortSpeeds, TheSpeedCommandsMoveAnAdapterTo230400AndBack) {
 }
 
 }  // namespace
+
+}  // namespace kb::test

@@ -8,6 +8,10 @@
 
 #include "platform/clock.h"
 
+namespace kb::test {
+
+using namespace kb::platform;
+
 void VirtualTaTest::Start(const std::vector<std::string>& arguments, int descriptorLimit,
                           bool unprivileged) {
     ports_.clear();
@@ -133,3 +137,5 @@ void ExpectFailedDial(FarEnd& caller, const std::string& number, const std::stri
     EXPECT_LT(NowMs() - start, 2000u);
     EXPECT_EQ(caller.Command("AT"), "AT\r\r\nOK\r\n") << "back in command mode";
 }
+
+}  // namespace kb::test

@@ -15,6 +15,8 @@
 #include "support/temp_folder.h"
 #include "support/test_data.h"
 
+namespace kb::test {
+
 class VirtualTaTest : public testing::Test {
 protected:
     // Starts the tool with the arguments, allowed that many open descriptors
@@ -70,3 +72,5 @@ void CallEachWay(FarEnd& alice, FarEnd& bob, const std::string& bobsNumber,
 // A dial that fails: the result comes after the exchange's delay, and the
 // caller is back in command mode.
 void ExpectFailedDial(FarEnd& caller, const std::string& number, const std::string& result);
+
+}  // namespace kb::test

@@ -28,6 +28,12 @@
 #include "ui_fixture.h"
 #include "url_catcher.h"
 
+namespace kb::test {
+
+using namespace kb::app;
+using namespace kb::platform;
+using namespace kb::ui;
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -191,3 +197,5 @@ TEST(ManualTest, TheManualIsWrittenWhereHelpLooksWhenItsStartPageIsMissingAndOnl
 }
 
 }  // namespace
+
+}  // namespace kb::test

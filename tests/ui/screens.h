@@ -6,9 +6,15 @@
 
 #include "platform/files.h"
 
+namespace kb::test {
+
+using platform::CreateFolder;
+
 inline std::string ScreensFolder() {
     const std::string folder = KB_SCREENS_DIR;
     // Every screen test after the first finds the folder there already.
     static_cast<void>(CreateFolder(folder));
     return folder;
 }
+
+}  // namespace kb::test

@@ -29,6 +29,11 @@
 #include "support/temp_folder.h"
 #include "support/test_data.h"
 
+namespace kb::test {
+
+using namespace kb::platform;
+using namespace kb::stores;
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -165,3 +170,5 @@ TEST(Screenshot, AFileThatCannotBeWrittenMakesTheExitStatusOne) {
 }
 
 }  // namespace
+
+}  // namespace kb::test

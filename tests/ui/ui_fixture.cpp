@@ -26,6 +26,12 @@
 #include "support/installation.h"
 #include "ui/about_box.h"
 
+namespace kb::test {
+
+using namespace kb::app;
+using namespace kb::platform;
+using namespace kb::ui;
+
 bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     while (!condition()) {
@@ -285,3 +291,5 @@ std::string UiTest::MakeFile(const std::string& name, size_t size) {
     WriteWholeFile(path, std::string(size, 'k'));
     return path;
 }
+
+}  // namespace kb::test

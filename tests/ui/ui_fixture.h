@@ -24,6 +24,11 @@
 #include "ui/front_end.h"
 #include "ui/main_view.h"
 
+namespace kb::test {
+
+using ui::FrontEnd;
+using ui::MainView;
+
 // Runs Qt's events until the condition holds or the limit passes; whether it
 // held.
 bool WaitUntil(const std::function<bool()>& condition,
@@ -94,3 +99,5 @@ protected:
 private:
     std::string previousFolder_;
 };
+
+}  // namespace kb::test

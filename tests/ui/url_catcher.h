@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+namespace kb::test {
+
 class UrlCatcher : public QObject {
     Q_OBJECT
 
@@ -19,3 +21,5 @@ public slots:
 private:
     std::vector<std::string> caught_;
 };
+
+}  // namespace kb::test

@@ -34,6 +34,14 @@
 #include "ui/about_box.h"
 #include "ui_fixture.h"
 
+namespace kb::test {
+
+using namespace kb::app;
+using namespace kb::line;
+using namespace kb::platform;
+using namespace kb::resources;
+using namespace kb::ui;
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -381,3 +389,5 @@ TEST_F(WindowTest, FilesDroppedOnTheFileListSendAndTheDirectoryList) {
 }
 
 }  // namespace
+
+}  // namespace kb::test

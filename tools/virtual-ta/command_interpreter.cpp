@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <utility>
 
+namespace kb::virtual_ta {
+
 namespace {
 
 char Upper(char c) {
@@ -532,3 +534,5 @@ bool IsSpeedCommandFor(const Adapter& adapter, std::string_view text, uint32_t p
     }
     return Understands(adapter, portSpeed, value == 230400 ? 230400 : 0);
 }
+
+}  // namespace kb::virtual_ta

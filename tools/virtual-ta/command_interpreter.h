@@ -10,6 +10,8 @@
 
 #include "virtual-ta/port.h"
 
+namespace kb::virtual_ta {
+
 struct CommandOutcome {
     enum class FinalCode {
         Ok,      // "OK"
@@ -42,3 +44,5 @@ bool IsSpeedCommandFor(const Adapter& adapter, std::string_view text, uint32_t p
 // Whether the adapter understands its port at this speed, with the given
 // fixed speed (see Adapter::FixedSpeed).
 bool Understands(const Adapter& adapter, uint32_t portSpeed, uint32_t fixedSpeed);
+
+}  // namespace kb::virtual_ta

@@ -5,6 +5,8 @@
 
 #include "virtual-ta/deadline.h"
 
+namespace kb::virtual_ta {
+
 namespace {
 
 // SplitMix64: small, fast, and the same sequence on every machine, which the
@@ -159,3 +161,5 @@ void DataPath::MoveReleased(std::string& into) {
     head_ = released_ = tail_;
     holding_ = false;
 }
+
+}  // namespace kb::virtual_ta

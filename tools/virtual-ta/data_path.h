@@ -18,6 +18,8 @@
 #include "virtual-ta/options.h"
 #include "virtual-ta/token_bucket.h"
 
+namespace kb::virtual_ta {
+
 class DataPath {
 public:
     DataPath(size_t capacity, uint64_t bytesPerSecond, uint64_t nowNs);
@@ -96,3 +98,5 @@ private:
     uint64_t chunk_;  // bytes worth waking up for: a frame, or 5 ms of line
     std::vector<FaultSetting*> faults_;
 };
+
+}  // namespace kb::virtual_ta

@@ -7,6 +7,10 @@
 
 #include "platform/clock.h"
 
+namespace kb::virtual_ta {
+
 constexpr uint64_t NsPerMs = 1000000;
 // A deadline that is not set.
 constexpr uint64_t Never = UINT64_MAX;
+
+}  // namespace kb::virtual_ta

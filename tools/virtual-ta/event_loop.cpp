@@ -9,6 +9,10 @@
 
 #include "virtual-ta/deadline.h"
 
+namespace kb::virtual_ta {
+
+using namespace kb::platform;
+
 int RunEventLoop(Exchange& exchange, StopSignals& stopSignals) {
     std::vector<pollfd> entries;
     for (;;) {
@@ -44,3 +48,5 @@ int RunEventLoop(Exchange& exchange, StopSignals& stopSignals) {
         }
     }
 }
+
+}  // namespace kb::virtual_ta

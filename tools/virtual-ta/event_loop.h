@@ -8,5 +8,11 @@
 #include "platform/stop_signals.h"
 #include "virtual-ta/exchange.h"
 
+namespace kb::virtual_ta {
+
+using platform::StopSignals;
+
 // Runs until a stop signal arrives; returns its number.
 int RunEventLoop(Exchange& exchange, StopSignals& stopSignals);
+
+}  // namespace kb::virtual_ta

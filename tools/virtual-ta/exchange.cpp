@@ -7,6 +7,10 @@
 
 #include "virtual-ta/trace.h"
 
+namespace kb::virtual_ta {
+
+using namespace kb::platform;
+
 namespace {
 
 // How often DTR is looked at during a call: a pseudo-terminal tells nobody
@@ -694,3 +698,5 @@ void Exchange::Leave(Adapter& adapter) {
 void Exchange::Sweep() {
     calls_.remove_if([](const std::unique_ptr<Call>& call) { return call->Ended; });
 }
+
+}  // namespace kb::virtual_ta

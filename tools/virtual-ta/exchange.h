@@ -18,6 +18,8 @@
 #include "virtual-ta/options.h"
 #include "virtual-ta/port.h"
 
+namespace kb::virtual_ta {
+
 constexpr uint64_t RoutingDelayNs = 500 * NsPerMs;  // until a failed dial is reported
 constexpr uint64_t RingIntervalNs = 2000 * NsPerMs;
 
@@ -179,3 +181,5 @@ private:
     std::list<std::unique_ptr<Link>> links_;
     std::vector<Link*> polledLinks_;  // in the order CollectPoll gave them
 };
+
+}  // namespace kb::virtual_ta

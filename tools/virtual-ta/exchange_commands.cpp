@@ -7,6 +7,10 @@
 #include "virtual-ta/exchange.h"
 #include "virtual-ta/trace.h"
 
+namespace kb::virtual_ta {
+
+using namespace kb::platform;
+
 namespace {
 
 constexpr size_t MostReplyBacklog = 65536;  // echo beyond this, to a port nobody reads, is lost
@@ -273,3 +277,5 @@ void Exchange::Flush(Adapter& adapter) {
         }
     }
 }
+
+}  // namespace kb::virtual_ta

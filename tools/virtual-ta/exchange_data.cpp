@@ -7,6 +7,8 @@
 #include "virtual-ta/exchange.h"
 #include "virtual-ta/trace.h"
 
+namespace kb::virtual_ta {
+
 namespace {
 
 uint64_t GuardNs(const Adapter& adapter) {
@@ -150,3 +152,5 @@ void Exchange::Pump(Call& call, uint64_t now) {
     Flush(*call.Caller);
     Flush(*call.Answerer);
 }
+
+}  // namespace kb::virtual_ta

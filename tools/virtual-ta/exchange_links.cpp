@@ -21,6 +21,10 @@
 #include "virtual-ta/exchange.h"
 #include "virtual-ta/trace.h"
 
+namespace kb::virtual_ta {
+
+using namespace kb::platform;
+
 namespace {
 
 // Bytes of a call waiting for the socket; beyond this the data stays on the
@@ -518,3 +522,5 @@ bool Exchange::DropLinkAwaitingSetup(uint64_t now) {
 void Exchange::SweepLinks() {
     links_.remove_if([](const std::unique_ptr<Link>& link) { return link->Gone; });
 }
+
+}  // namespace kb::virtual_ta

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+namespace kb::virtual_ta {
+
 namespace {
 
 // Banners. The program tells the families apart by substrings of these texts,
@@ -218,3 +220,5 @@ std::string Describe(const LineSetup& setup) {
     }
     return text;
 }
+
+}  // namespace kb::virtual_ta

@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+namespace kb::virtual_ta {
+
 enum class FamilyKind { BitSurfr, AdTran, Zyxel, ThreeCom };
 
 struct Family {
@@ -57,3 +59,5 @@ struct LineSetup {
 LineSetup SetupOf(FamilyKind kind, const Settings& settings);
 // "V.120 64K", "AIMUX 56K", "X.75 64K 2B V.42bis", ...
 std::string Describe(const LineSetup& setup);
+
+}  // namespace kb::virtual_ta

@@ -10,6 +10,8 @@
 #include <cerrno>
 #include <cstring>
 
+namespace kb::virtual_ta {
+
 namespace {
 
 constexpr size_t ReadChunk = 65536;
@@ -250,3 +252,5 @@ void CloseLink(Link& link) {
     }
     link.Gone = true;
 }
+
+}  // namespace kb::virtual_ta

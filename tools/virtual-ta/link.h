@@ -15,6 +15,8 @@
 
 #include "virtual-ta/deadline.h"
 
+namespace kb::virtual_ta {
+
 struct Call;
 
 enum class LinkMessage : uint8_t {
@@ -89,3 +91,5 @@ bool ReadLink(Link& link);
 // Writes what the socket takes: false when the connection failed.
 bool WriteLink(Link& link);
 void CloseLink(Link& link);
+
+}  // namespace kb::virtual_ta

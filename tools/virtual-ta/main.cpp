@@ -13,6 +13,9 @@
 #include "virtual-ta/trace.h"
 
 int main(int argc, char** argv) {
+    using namespace kb::platform;
+    using namespace kb::virtual_ta;
+
     Options options;
     std::string error;
     if (!ParseCommandLine(argc, argv, options, error)) {

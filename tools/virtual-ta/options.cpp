@@ -10,6 +10,10 @@
 #include "platform/files.h"
 #include "virtual-ta/link.h"
 
+namespace kb::virtual_ta {
+
+using namespace kb::platform;
+
 namespace {
 
 bool AllDigits(const std::string& text) {
@@ -384,3 +388,5 @@ Across two computers, Alice's calling Bob's:
   virtual-ta --route 5551002=bobs-pc:4000 alice/COM1=bitsurfr:5551001
 )";
 }
+
+}  // namespace kb::virtual_ta

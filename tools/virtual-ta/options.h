@@ -8,6 +8,8 @@
 
 #include "virtual-ta/family.h"
 
+namespace kb::virtual_ta {
+
 // One adapter: PATH=FAMILY:NUMBER[,OPTION...].
 struct AdapterSetting {
     std::string Path;  // where the link to its pseudo-terminal goes
@@ -64,3 +66,5 @@ bool ParseCommandLine(int argc, const char* const* argv, Options& options, std::
 std::string HelpText();
 // The one line that follows a usage error.
 const char* UsageHint();
+
+}  // namespace kb::virtual_ta

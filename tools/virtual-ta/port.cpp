@@ -12,6 +12,8 @@
 #include <cstdlib>
 #include <cstring>
 
+namespace kb::virtual_ta {
+
 int Adapter::Setting(const char* name) const {
     const auto found = Registers.find(name);
     return found == Registers.end() ? 0 : std::atoi(found->second.c_str());
@@ -154,3 +156,5 @@ size_t BytesWaiting(int fd) {
     }
     return static_cast<size_t>(count);
 }
+
+}  // namespace kb::virtual_ta

@@ -15,6 +15,10 @@
 #include "virtual-ta/family.h"
 #include "virtual-ta/options.h"
 
+namespace kb::virtual_ta {
+
+using platform::PseudoTerminal;
+
 struct Call;
 
 enum class AdapterMode {
@@ -128,3 +132,5 @@ void DiscardPortInput(int fd);
 size_t WritePort(int fd, const void* bytes, size_t count, bool& blocked);
 // Bytes waiting to be read from the port.
 size_t BytesWaiting(int fd);
+
+}  // namespace kb::virtual_ta

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+namespace kb::virtual_ta {
+
 namespace {
 
 constexpr uint64_t Unit = 1000000000;    // token units in one byte
@@ -60,3 +62,5 @@ uint64_t TokenBucket::TimeWhen(uint64_t count, uint64_t nowNs) {
     const uint64_t missing = want - tokens_;
     return last_ + (missing + rate_ - 1) / rate_;
 }
+
+}  // namespace kb::virtual_ta

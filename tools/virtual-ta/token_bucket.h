@@ -5,6 +5,8 @@
 
 #include <cstdint>
 
+namespace kb::virtual_ta {
+
 class TokenBucket {
 public:
     // A bucket for bytesPerSecond; 0 makes it unlimited.
@@ -26,3 +28,5 @@ private:
     uint64_t tokens_ = 0;  // in units of 1e-9 byte
     uint64_t cap_ = 0;     // in the same units
 };
+
+}  // namespace kb::virtual_ta

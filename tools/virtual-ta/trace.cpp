@@ -7,6 +7,10 @@
 
 #include "virtual-ta/deadline.h"
 
+namespace kb::virtual_ta {
+
+using namespace kb::platform;
+
 namespace {
 
 int TraceFd = -1;
@@ -74,3 +78,5 @@ std::string Printable(std::string_view bytes) {
     }
     return text;
 }
+
+}  // namespace kb::virtual_ta

@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+namespace kb::virtual_ta {
+
 // Opens the trace file, replacing an old one. False if it cannot be made.
 bool OpenTrace(const std::string& path);
 void CloseTrace();
@@ -17,3 +19,5 @@ void TraceLine(std::string_view who, std::string_view text);
 // Bytes as readable text: printable characters as they are, CR as \r, LF as
 // \n, anything else as \xNN.
 std::string Printable(std::string_view bytes);
+
+}  // namespace kb::virtual_ta
