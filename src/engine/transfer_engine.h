@@ -102,8 +102,8 @@ struct TransferEngine {
     std::atomic<bool> PickupSend{false};
 
     // The files to send, entry 0 the file in hand, with their count and the
-    // wire bytes still to send. The type is named from outside, since the
-    // field bears its name.
+    // wire bytes still to send. The type is named with its namespace, since
+    // the field bears its name.
     engine::SendList SendList;
 
     SessionHeader OutHeader;
@@ -120,8 +120,8 @@ struct TransferEngine {
 
     // The line the engine works on, from SetEngineLine on: the port, and the
     // token buffer, which AT replies share with wire tokens. Every engine
-    // thread reaches it here. It goes when the engine becomes an object that
-    // is handed its line. The type is named from outside, as for SendList.
+    // thread reaches it here. The type is named with its namespace, as for
+    // SendList.
     line::Line* Line = nullptr;
 
     // The window that Display() (engine/display.h) reaches while it exists,
