@@ -18,11 +18,10 @@
 #include "line/adapter.h"
 #include "line/comm_port.h"
 #include "line/line.h"
-#include "platform/clock.h"
-#include "platform/clock_test_hooks.h"
 #include "platform/files.h"
 #include "platform/pseudo_terminal.h"
 #include "stores/installation.h"
+#include "support/test_clock.h"
 
 namespace kb::fuzz {
 
@@ -39,6 +38,9 @@ PseudoTerminal Terminal;
 std::string Base;  // the sandbox; the installation is base + "/inst"
 std::string Root;
 std::set<std::string> Known;
+// The clock of the line and the engine. A fuzz target has no pause to wait
+// out: its adapter answers at once.
+std::unique_ptr<test::TestClock> SandboxClock;
 // Made once, with the sandbox, and kept to the end: the engine and the line
 // serve it for every input. The line goes first, since it logs to it.
 std::unique_ptr<Installation> Inst;
@@ -85,8 +87,10 @@ void SetUpSandbox() {
     fs::create_directory(Root);
     fs::create_symlink(Terminal.SlavePath, Root + "/COM1");
     Inst = std::make_unique<Installation>(Root);
-    PortLine = std::make_unique<Line>(*Inst);
-    Engine = std::make_unique<TransferEngine>();
+    SandboxClock = std::make_unique<test::TestClock>();
+    SandboxClock->CapPauses(1);
+    PortLine = std::make_unique<Line>(*Inst, *SandboxClock);
+    Engine = std::make_unique<TransferEngine>(*SandboxClock);
     Inst->Log.SetSink([](const std::string&) {});
     if (!CreateFolder(Inst->Paths.IncomingPath)) {
         Fail("cannot make the incoming folder");
@@ -96,8 +100,6 @@ void SetUpSandbox() {
     }
     PortLine->SelectPortNumber(1);
     PortLine->SelectPortBaud(115200);
-    // A fuzz target has no pause to wait out: its adapter answers at once.
-    CapPausesForTest(1);
     // As for a call: RTS/CTS, so that 0x11 and 0x13 in the data are data.
     if (PortLine->CommPortOpen() == 0 || PortLine->EnableHardwareHandshake() != 1) {
         Fail("the port does not open");

@@ -87,7 +87,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     SandboxEngine().Call.ReceiveCount = 0;
     SandboxEngine().Call.ReceiveListSize = 0;
     SandboxEngine().Call.RetrievePending = false;
-    SandboxEngine().Call.LastRxTime = NowMs();
+    SandboxEngine().Call.LastRxTime = SandboxEngine().Clock.NowMs();
     SandboxEngine().Call.LinkState = LinkState::Connected;
 
     std::string input(reinterpret_cast<const char*>(data), size);

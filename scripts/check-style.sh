@@ -72,7 +72,8 @@ for file in "${files[@]}"; do
         finding "includes: $file:$hit: name the header by its layer's folder"
     done < <(grep -nE '^\s*#\s*include\s*"[^/"]+"' "$file")
     # A hook's header is for tests and the fuzz targets; in the program only
-    # the source that implements it (clock.cpp, clock_test_hooks.h) includes it.
+    # the source that implements it (receiving_session.cpp,
+    # receiving_session_test_hooks.h) includes it.
     own="$(basename "$file" .cpp)_test_hooks.h"
     while IFS= read -r hit; do
         finding "includes: $file:$hit: a test hook, for tests and the fuzz targets only"
@@ -126,8 +127,11 @@ fi
 for file in "${outside[@]}"; do
     extra=()
     if program "$file"; then extra=(--checks="$results_checks"); fi
+    # The fuzz targets' sandbox runs on the tests' clock (tests/support).
+    seen=()
+    case "${file#"$root"/}" in fuzz/*) seen=(-I"$root/tests") ;; esac
     clang-tidy --config-file="$root/.clang-tidy" --quiet "${extra[@]}" "$file" -- -std=c++20 \
-        -I"$build/layers/app" -I"$(dirname "$file")" >>"$tidy_findings" 2>/dev/null
+        -I"$build/layers/app" -I"$(dirname "$file")" "${seen[@]}" >>"$tidy_findings" 2>/dev/null
 done
 # A header reached through several layers' folders is found once for each.
 if grep -qE '(warning|error):' "$tidy_findings"; then

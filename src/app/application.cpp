@@ -42,7 +42,7 @@ std::string ManualFolderBelow(const std::string& root) {
     return page.substr(0, page.rfind('/'));
 }
 
-TransferApp::TransferApp() : engine_(std::make_unique<TransferEngine>()) {}
+TransferApp::TransferApp() : engine_(std::make_unique<TransferEngine>(clock_)) {}
 
 TransferApp::~TransferApp() = default;
 
@@ -61,8 +61,9 @@ bool TransferApp::InitInstance() {
     Installation stores(root);
     // The line lives for the run: made here, where the front end's start
     // reaches the layers below it, and handed to the window and, through it,
-    // to the engine; it goes after every thread that used it has ended.
-    Line line(stores);
+    // to the engine; it goes after every thread that used it has ended. It
+    // runs on the engine's clock.
+    Line line(stores, clock_);
     MainWindow window(stores, line, *engine_);
     if (PrepareWindow) {
         PrepareWindow(window);

@@ -10,8 +10,11 @@
 #include <string>
 
 #include "app/main_window.h"
+#include "platform/clock.h"
 
 namespace kb::app {
+
+using platform::MonotonicClock;
 
 // The window while its loop runs, for work posted to the main loop: null
 // before the window's start and after its end. Posted work keeps the handle
@@ -51,6 +54,8 @@ public:
     [[nodiscard]] std::string LinkStateName() const;
 
 private:
+    // The clock of the engine and the line, made first and gone last.
+    MonotonicClock clock_;
     std::unique_ptr<TransferEngine> engine_;
     std::shared_ptr<std::atomic<MainWindow*>> window_ =
         std::make_shared<std::atomic<MainWindow*>>(nullptr);

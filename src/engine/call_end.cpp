@@ -166,7 +166,7 @@ void TidyCall(TransferEngine& engine, const EndRow& row) {
     if (row.LineLost) {
         // The adapter has just printed NO CARRIER; the incoming profile goes
         // once it is back in command mode.
-        SleepMs(50);
+        engine.Clock.SleepMs(50);
     }
     // The file in hand goes back to its start, so that the next offer sends
     // it whole or from the receiver's position; also when the call ended
@@ -185,7 +185,7 @@ void TidyCall(TransferEngine& engine, const EndRow& row) {
 // After a dial that came to nothing; the list stays for another try.
 void TidyDial(TransferEngine& engine, const EndRow& row) {
     if (row.LineLost) {
-        SleepMs(50);
+        engine.Clock.SleepMs(50);
     }
     engine.Line->ReinitializeIncoming();
     if (row.Message != nullptr) {

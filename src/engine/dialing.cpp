@@ -68,7 +68,7 @@ void Connected(TransferEngine& engine, const ConnectCode& code) {
         SendToken(engine, TokenSyncon);
     } else {
         // The caller speaks first; its silence is timed from here.
-        engine.Call.LastRxTime = NowMs();
+        engine.Call.LastRxTime = engine.Clock.NowMs();
     }
 }
 
@@ -135,14 +135,14 @@ void HandleLineEvent(TransferEngine& engine) {
         // once the first has connected. It is not answered, and nothing is
         // thrown away after it, since the answer's result is on its way.
         if (engine.Call.Session.AnswerPending.load() &&
-            NowMs() - engine.Call.Session.AnsweredAt.load() < AnswerResultLimitMs) {
+            engine.Clock.NowMs() - engine.Call.Session.AnsweredAt.load() < AnswerResultLimitMs) {
             return;
         }
         engine.Line->DrainInput(RingDrainQuietMs);
         ClearHotFolderCounters(engine);
-        SleepMs(AnswerPauseMs);
+        engine.Clock.SleepMs(AnswerPauseMs);
         engine.Line->SendCommand("ATA");
-        engine.Call.Session.AnsweredAt = NowMs();
+        engine.Call.Session.AnsweredAt = engine.Clock.NowMs();
         engine.Call.Session.AnswerPending = true;
         return;
     }

@@ -117,7 +117,7 @@ void FileFinished(TransferEngine& engine) {
 }  // namespace
 
 void ReceiveBlock(TransferEngine& engine) {
-    engine.Call.LastRxTime = NowMs();
+    engine.Call.LastRxTime = engine.Clock.NowMs();
     FileEntry& entry = engine.ReceiveList[0];
     if (entry.DataDone != 0) {
         FileFinished(engine);
@@ -158,7 +158,7 @@ void ReceiveBlock(TransferEngine& engine) {
         engine.Call.ExpectedBlock = entry.BlocksDone == entry.DataBlocks
                                         ? static_cast<uint16_t>(entry.LastBlockBytes)
                                         : static_cast<uint16_t>(BlockBytes);
-        entry.LastBlockTime = NowMs();
+        entry.LastBlockTime = engine.Clock.NowMs();
         engine.ReceiveDisplayDirty = true;
         if (sectionWritten) {
             // The position now stands at the next section's start, which is

@@ -83,7 +83,7 @@ AdmitResult AbortAdmission(TransferEngine& engine) {
     SendToken(engine, TokenAbort);
     engine.Call.ReceiveCount = 0;
     engine.Call.ReceiveListSize = 0;
-    engine.Call.LastRxTime = NowMs();
+    engine.Call.LastRxTime = engine.Clock.NowMs();
     return AdmitRefused;
 }
 
@@ -374,7 +374,7 @@ void StartReceiving(TransferEngine& engine, const Admission& list) {
     engine.Stores().Log.Add(std::string(list.Recovered ? "Recovering File: " : "Receiving File: ") +
                             std::string(engine.ReceiveList[0].DisplayName.View()));
     display.ShowTransferDisplay(true);
-    engine.Call.LastRxTime = NowMs();
+    engine.Call.LastRxTime = engine.Clock.NowMs();
 }
 
 Dispatch OnListOffered(TransferEngine& engine) {
@@ -400,7 +400,7 @@ Dispatch OnListOffered(TransferEngine& engine) {
             // Every file of the list was empty and stands on the disk already.
             SendToken(engine, TokenAck2);
             engine.Stores().Log.Add("All files received.");
-            engine.Call.LastRxTime = NowMs();
+            engine.Call.LastRxTime = engine.Clock.NowMs();
             return Dispatch::Next;
         default:
             // A list that could not be believed has ended the call.
@@ -433,7 +433,7 @@ constexpr std::array<TokenRow, 6> ReceiverTokens{{
          // again, and nothing else, would otherwise hold the line for ever:
          // only the first renews the limit on silence.
          if (!engine.Call.Session.SynconHeard.exchange(true)) {
-             engine.Call.LastRxTime = NowMs();
+             engine.Call.LastRxTime = engine.Clock.NowMs();
          }
          return Dispatch::Next;
      }},

@@ -48,7 +48,7 @@ void RequestSectionResend(TransferEngine& engine) {
         if (!engine.Line->DrainInputWithin(DrainQuietMs, DrainLongestMs)) {
             return;
         }
-        engine.Call.LastRxTime = NowMs();
+        engine.Call.LastRxTime = engine.Clock.NowMs();
     }
     SendToken(engine, TokenContSend);
 }

@@ -37,7 +37,7 @@ void NapWhileOutputDrains(TransferEngine& engine, uint32_t waiting) {
         engine.Line->Port() != nullptr ? engine.Line->Port()->BaudRate.load() : 9600;
     // Ten bits on the line for each byte.
     const uint64_t ms = uint64_t{waiting} * 10 * 1000 / std::max<uint32_t>(baud, 1) + 1;
-    SleepMs(static_cast<uint32_t>(std::min<uint64_t>(ms, LongestDrainNapMs)));
+    engine.Clock.SleepMs(static_cast<uint32_t>(std::min<uint64_t>(ms, LongestDrainNapMs)));
 }
 
 // The file cannot give what its entry announced: the call cannot go on.
@@ -102,7 +102,7 @@ BlockOutcome SendNextBlock(TransferEngine& engine) {
     }
     FileEntry& entry = engine.SendList[0];
     if (entry.StartTime == 0) {
-        entry.StartTime = NowMs();
+        entry.StartTime = engine.Clock.NowMs();
     }
     uint8_t* working = engine.WorkingSection.get();
     int16_t slot = engine.Call.BlockIndex.load();
@@ -115,7 +115,7 @@ BlockOutcome SendNextBlock(TransferEngine& engine) {
     if (entry.DataDone != 0) {
         // The last block has left the port: this step runs only with the
         // writer idle and the output queue empty.
-        entry.LastBlockTime = NowMs();
+        entry.LastBlockTime = engine.Clock.NowMs();
         LinkState expected = LinkState::Transfer;
         if (!engine.Call.LinkState.compare_exchange_strong(expected, LinkState::FileSent)) {
             return BlockOutcome::Nothing;  // a repair has begun meanwhile
@@ -201,10 +201,10 @@ unsigned BlockWriter(void* parameter) {
     while (engine.WriterRun.load()) {
         engine.Line->SendBytes(engine.WriteBlock.load(), engine.WriteBlockLength.load());
         // The line took the block: the far end is taking data.
-        engine.Call.Session.FarEndSeenAt = NowMs();
+        engine.Call.Session.FarEndSeenAt = engine.Clock.NowMs();
         engine.SendDisplayDirty = true;
         if (!engine.SendList.IsEmpty()) {
-            engine.SendList[0].LastBlockTime = NowMs();
+            engine.SendList[0].LastBlockTime = engine.Clock.NowMs();
         }
         engine.WriterIdle = true;
         WakeThread(feeder);

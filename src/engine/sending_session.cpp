@@ -202,7 +202,7 @@ Dispatch OnReceiverReady(TransferEngine& engine) {
                          strnlen(engine.Line->LocalNumber, sizeof engine.Line->LocalNumber)));
     engine.Line->SendBytes(&request, sizeof request);
     engine.Call.Role = Role::Receiver;
-    engine.Call.LastRxTime = NowMs();
+    engine.Call.LastRxTime = engine.Clock.NowMs();
     return Dispatch::Next;
 }
 
@@ -269,7 +269,7 @@ void OnSenderInput(TransferEngine& engine) {
 }
 
 void StartSendSession(TransferEngine& engine) {
-    SleepMs(100);
+    engine.Clock.SleepMs(100);
     BuildSessionRecords(engine);
     const int16_t count = engine.SendList.Count();
     SendToken(engine, TokenH100);

@@ -31,7 +31,7 @@ LinkState LinkStateAsShown(TransferEngine& engine) {
 void ClearSessionFlags(TransferEngine& engine) {
     engine.Call.Session.ListOffered = false;
     engine.Call.Session.SendFault = false;
-    engine.Call.Session.FarEndSeenAt = NowMs();
+    engine.Call.Session.FarEndSeenAt = engine.Clock.NowMs();
     engine.Call.Session.FarEndSeenIn = LinkState::Idle;
     engine.Call.Session.HangUpTried = false;
     engine.Line->ResetSerialLimitLine();

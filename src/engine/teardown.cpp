@@ -46,7 +46,7 @@ bool HangUpFailed(TransferEngine& engine) {
     if (engine.Call.Role.load() == Role::Sender &&
         engine.Call.Session.HangUpRetries.load() < HangUpRetryLimit) {
         engine.Call.Session.HangUpRetries.fetch_add(1);
-        engine.Call.Session.HangUpRetryAt = NowMs();
+        engine.Call.Session.HangUpRetryAt = engine.Clock.NowMs();
         engine.Call.Session.HangUpRetryDue = true;
         engine.Line->InterruptPortWait();
     }
@@ -83,7 +83,7 @@ bool HangUp(TransferEngine& engine) {
     // was written a moment ago, such as the abort of a Disconnect pressed
     // just before, is on its way and goes out.
     engine.Line->PurgeStuckOutput(OutputGraceMs);
-    SleepMs(CurrentFamily(engine.Stores().Prefs).EscapePauseMs);
+    engine.Clock.SleepMs(CurrentFamily(engine.Stores().Prefs).EscapePauseMs);
     engine.Line->SendBytes("+++", 3);
     std::memset(engine.Line->TokenBuffer, 0, TokenBufferSize);
     // The OK may come behind whatever the far end still sends; the wait runs
@@ -108,7 +108,7 @@ bool HangUp(TransferEngine& engine) {
         return HangUpFailed(engine);  // still in data mode; the state stays as it was
     }
     engine.Line->SendCommand("ATH");
-    const uint32_t t0 = NowMs();
+    const uint32_t t0 = engine.Clock.NowMs();
     do {
         std::memset(engine.Line->TokenBuffer, 0, TokenBufferSize);
         if (engine.Line->ReadLine(HangUpLineLimitMs, engine.Line->TokenBuffer) != nullptr) {
@@ -118,7 +118,7 @@ bool HangUp(TransferEngine& engine) {
                 return true;
             }
         }
-    } while (NowMs() - t0 < static_cast<uint32_t>(HangUpReplyLimitMs));
+    } while (engine.Clock.NowMs() - t0 < static_cast<uint32_t>(HangUpReplyLimitMs));
     return HangUpFailed(engine);
 }
 
@@ -126,7 +126,7 @@ std::optional<int> MsUntilHangUpRetry(TransferEngine& engine) {
     if (!engine.Call.Session.HangUpRetryDue.load()) {
         return std::nullopt;
     }
-    const uint32_t elapsed = NowMs() - engine.Call.Session.HangUpRetryAt.load();
+    const uint32_t elapsed = engine.Clock.NowMs() - engine.Call.Session.HangUpRetryAt.load();
     return elapsed >= HangUpRetryMs ? 0 : static_cast<int>(HangUpRetryMs - elapsed);
 }
 

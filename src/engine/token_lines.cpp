@@ -21,7 +21,7 @@ constexpr uint32_t CarryLimitMs = 1000;
 std::string JoinCarried(TransferEngine& engine, const char* read) {
     std::string line;
     if (!engine.Call.TokenCarry.Bytes.empty() &&
-        NowMs() - engine.Call.TokenCarry.At <= CarryLimitMs) {
+        engine.Clock.NowMs() - engine.Call.TokenCarry.At <= CarryLimitMs) {
         line = engine.Call.TokenCarry.Bytes;
     }
     engine.Call.TokenCarry.Bytes.clear();
@@ -42,7 +42,7 @@ bool ReadTokenLine(TransferEngine& engine, int16_t limitMs, std::string& line) {
         const std::string unfinished = JoinCarried(engine, engine.Line->TokenBuffer);
         engine.Call.TokenCarry.Bytes =
             unfinished.substr(unfinished.size() > CarryBytes ? unfinished.size() - CarryBytes : 0);
-        engine.Call.TokenCarry.At = NowMs();
+        engine.Call.TokenCarry.At = engine.Clock.NowMs();
     }
     return false;
 }

@@ -41,8 +41,8 @@ constexpr int SendDisplayWaitMs = 200;
 
 // Milliseconds until more than limitMs have gone by since the stamp; 0 when
 // they have.
-int MsUntilPast(uint32_t since, uint32_t limitMs) {
-    const uint32_t elapsed = NowMs() - since;
+int MsUntilPast(const TransferEngine& engine, uint32_t since, uint32_t limitMs) {
+    const uint32_t elapsed = engine.Clock.NowMs() - since;
     if (elapsed > limitMs) {
         return 0;
     }
@@ -65,10 +65,10 @@ bool SenderLostFarEnd(TransferEngine& engine, LinkState state) {
         return false;
     }
     if (engine.Call.Session.FarEndSeenIn.exchange(state) != state) {
-        engine.Call.Session.FarEndSeenAt = NowMs();
+        engine.Call.Session.FarEndSeenAt = engine.Clock.NowMs();
         return false;
     }
-    return NowMs() - engine.Call.Session.FarEndSeenAt.load() > SenderLimitMs(state);
+    return engine.Clock.NowMs() - engine.Call.Session.FarEndSeenAt.load() > SenderLimitMs(state);
 }
 
 // How long a pass that found nothing to do may wait for input.
@@ -76,8 +76,8 @@ int WaitBound(TransferEngine& engine, LinkState state, bool sending) {
     if (sending) {
         int bound = state == LinkState::Transfer ? SendDisplayWaitMs : LongestWaitMs;
         if (state >= LinkState::Connected && !engine.Call.Session.HangUpTried.load()) {
-            bound = std::min(
-                bound, MsUntilPast(engine.Call.Session.FarEndSeenAt.load(), SenderLimitMs(state)));
+            bound = std::min(bound, MsUntilPast(engine, engine.Call.Session.FarEndSeenAt.load(),
+                                                SenderLimitMs(state)));
         }
         const std::optional<int> retry = MsUntilHangUpRetry(engine);
         return retry && *retry < bound ? *retry : bound;
@@ -85,9 +85,9 @@ int WaitBound(TransferEngine& engine, LinkState state, bool sending) {
     switch (state) {
         case LinkState::Connected:
         case LinkState::Recovery:
-            return MsUntilPast(engine.Call.LastRxTime.load(), SilenceLimitMs);
+            return MsUntilPast(engine, engine.Call.LastRxTime.load(), SilenceLimitMs);
         case LinkState::Transfer:
-            return MsUntilPast(engine.Call.LastRxTime.load(), StallLimitMs);
+            return MsUntilPast(engine, engine.Call.LastRxTime.load(), StallLimitMs);
         default:
             return LongestWaitMs;
     }
@@ -115,7 +115,7 @@ std::optional<int> PassWork(TransferEngine& engine) {
     // A far end that brings no token within the limit is let go, also while
     // it keeps sending other bytes: a stream must not hold the line.
     if (!sending && (state == LinkState::Connected || state == LinkState::Recovery) &&
-        NowMs() - engine.Call.LastRxTime.load() > SilenceLimitMs) {
+        engine.Clock.NowMs() - engine.Call.LastRxTime.load() > SilenceLimitMs) {
         EndCall(engine, CallEnd::Silence);
         return std::nullopt;
     }
@@ -140,7 +140,7 @@ std::optional<int> PassWork(TransferEngine& engine) {
             FileEntry& entry = engine.ReceiveList[0];
             if (entry.StartTime == 0) {
                 // The first bytes of the file have come.
-                entry.StartTime = NowMs();
+                entry.StartTime = engine.Clock.NowMs();
                 return WaitBound(engine, state, sending);
             }
         }
@@ -152,12 +152,13 @@ std::optional<int> PassWork(TransferEngine& engine) {
         }
         return WaitBound(engine, state, sending);
     }
-    if (state == LinkState::Transfer && NowMs() - engine.Call.LastRxTime.load() > StallLimitMs) {
+    if (state == LinkState::Transfer &&
+        engine.Clock.NowMs() - engine.Call.LastRxTime.load() > StallLimitMs) {
         if (waiting != 0 && waiting < engine.Call.ExpectedBlock.load()) {
             EndStalledCall(engine, waiting);
         } else {
             EndCall(engine, CallEnd::TransferStalled, std::to_string(waiting));
-            engine.Call.LastRxTime = NowMs();
+            engine.Call.LastRxTime = engine.Clock.NowMs();
         }
         return std::nullopt;
     }

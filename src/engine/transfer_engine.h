@@ -35,6 +35,7 @@
 #include "engine/token_lines.h"
 #include "engine/wire.h"
 #include "line/line.h"
+#include "platform/clock.h"
 #include "platform/thread.h"
 #include "stores/installation.h"
 
@@ -75,6 +76,13 @@ struct FreeSpaceSource {
 };
 
 struct TransferEngine {
+    // An engine that stamps and pauses on the clock, which outlives it.
+    explicit TransferEngine(const platform::Clock& clock) : Clock(clock) {}
+
+    // The clock of every stamp, time limit and pause of the engine's
+    // threads; the program's line runs on the same one. The type is named
+    // with its namespace, since the field bears its name.
+    const platform::Clock& Clock;
     // The installation the engine serves, given by EngineStartup: its paths,
     // preferences, directory and log.
     Installation* Installed = nullptr;

@@ -84,7 +84,7 @@ std::optional<uint32_t> HangUpLeftCall(Line& line, uint32_t otherSpeed, uint32_t
         return std::nullopt;
     }
     PortConversation conversation(line);
-    SleepMs(pauseMs);
+    line.Clock.SleepMs(pauseMs);
     line.SendBytes("+++", 3);
     const std::optional<size_t> escape =
         line.DrainUntilAny({"\r\nOK\r\n", "NO CARRIER"}, EscapeReplyLimitMs);

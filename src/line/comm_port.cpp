@@ -56,7 +56,8 @@ std::string CommPortDevicePath(const std::string& root, uint8_t portNumber) {
     return "/dev/ttyS" + std::to_string(static_cast<int>(portNumber) - 1);
 }
 
-Line::Line(Installation& stores) : Stores(stores) {}
+Line::Line(Installation& stores, const platform::Clock& clock)
+    : Stores(stores), Clock(clock), readClock_(clock) {}
 
 Line::~Line() {
     CommPortDestroy();
@@ -137,7 +138,7 @@ bool Line::CommPortWrite(const void* bytes, uint32_t length) {
         return false;
     }
     const bool written = port_->Handle.Write(bytes, length);
-    port_->LastWriteAt.store(NowMs());
+    port_->LastWriteAt.store(Clock.NowMs());
     return written;
 }
 
@@ -258,7 +259,7 @@ bool Line::DrainInputWithin(int16_t quietMs, uint32_t longestMs) {
         return true;
     }
     uint8_t scratch[256];
-    const uint32_t start = NowMs();
+    const uint32_t start = Clock.NowMs();
     readClock_.Start();
     for (;;) {
         if (PortQueueCount(PortQueue::Input) != 0) {
@@ -270,7 +271,7 @@ bool Line::DrainInputWithin(int16_t quietMs, uint32_t longestMs) {
         if (elapsed >= quietMs) {
             return true;
         }
-        if (NowMs() - start >= longestMs) {
+        if (Clock.NowMs() - start >= longestMs) {
             return false;
         }
         WaitForRest(*this, quietMs, elapsed);
@@ -334,9 +335,9 @@ void Line::PurgeStuckOutput(uint32_t graceMs) {
     if (port_ == nullptr) {
         return;
     }
-    const uint32_t since = NowMs() - port_->LastWriteAt.load();
+    const uint32_t since = Clock.NowMs() - port_->LastWriteAt.load();
     if (since < graceMs) {
-        SleepMs(graceMs - since);
+        Clock.SleepMs(graceMs - since);
     }
     port_->Handle.PurgeOutput();
 }
@@ -376,7 +377,7 @@ void Line::SelectPortBaud(uint32_t bitsPerSecond) {
 
 WaitResult Line::WaitForPortInput(int timeoutMs) {
     if (port_ == nullptr) {
-        SleepMs(static_cast<uint32_t>(timeoutMs > 0 ? timeoutMs : 0));
+        Clock.SleepMs(static_cast<uint32_t>(timeoutMs > 0 ? timeoutMs : 0));
         return WaitResult::TimedOut;
     }
     return port_->Handle.WaitForInput(timeoutMs);
@@ -384,7 +385,7 @@ WaitResult Line::WaitForPortInput(int timeoutMs) {
 
 void Line::WaitForPortWake(int timeoutMs) {
     if (port_ == nullptr) {
-        SleepMs(static_cast<uint32_t>(timeoutMs > 0 ? timeoutMs : 0));
+        Clock.SleepMs(static_cast<uint32_t>(timeoutMs > 0 ? timeoutMs : 0));
         return;
     }
     port_->Handle.WaitForInterrupt(timeoutMs);

@@ -37,7 +37,7 @@ struct CommPort {
     std::atomic<uint32_t> BaudRate{9600};
     // "Serial Limit Reached" has been logged since the last ResetSerialLimitLine.
     std::atomic<bool> SerialLimitTold{false};
-    // NowMs when the last write was handed over whole to the device.
+    // The line clock's NowMs when the last write was handed over whole to the device.
     std::atomic<uint32_t> LastWriteAt{0};
 };
 

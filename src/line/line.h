@@ -37,8 +37,9 @@ using stores::Installation;
 class Line {
 public:
     // The line of that installation, whose preferences tell it of the
-    // adapter and whose log it tells what happens.
-    explicit Line(Installation& stores);
+    // adapter and whose log it tells what happens, timing its reads and
+    // pauses on the clock. Both outlive the line.
+    Line(Installation& stores, const platform::Clock& clock);
     // Closes the port, if it is open, and frees its record.
     ~Line();
     Line(const Line&) = delete;
@@ -46,6 +47,10 @@ public:
 
     // The installation the line serves.
     Installation& Stores;
+    // The clock of every time limit and pause of the line, and of the
+    // threads that talk to the adapter through it. The type is named with
+    // its namespace, since the field bears its name.
+    const platform::Clock& Clock;
 
     // ---- The port (line/comm_port.cpp) ----
     //
@@ -111,7 +116,7 @@ public:
     // delivered.
     [[nodiscard]] uint32_t ReadBlock(void* buffer, uint32_t count, int16_t timeoutMs);
     // Throws input away until the line has been quiet for the whole quiet
-    // time, or, within, until longestMs have passed on NowMs's clock, however
+    // time, or, within, until longestMs have passed on the line's clock, however
     // long the input goes on. True if the line fell quiet.
     [[nodiscard]] bool DrainInputWithin(int16_t quietMs, uint32_t longestMs);
     // Throws input away until the line has been quiet for the whole quiet

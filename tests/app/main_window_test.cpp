@@ -114,7 +114,7 @@ TEST_F(MainWindowTest, TheButtonsFollowTheLinkAndTheFileList) {
             addOpenWhenTold = Controls().Enabled(IDC_FILE_ADD);
         });
         // The rest of the buttons change after the asker has had its chance.
-        SleepMs(100);
+        clock_.SleepMs(100);
     });
     ReturnToIdle(Engine());
     Controls().RemoveListener(listener);

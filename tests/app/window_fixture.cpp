@@ -34,9 +34,9 @@ void WindowTest::StartWindow() {
     line_.reset();
     stores_ = std::make_unique<Installation>(folder_.Path());
     stores_->Load();
-    line_ = std::make_unique<Line>(*stores_);
+    line_ = std::make_unique<Line>(*stores_, clock_);
     // The next start's engine holds nothing of the last run's.
-    engine_ = std::make_unique<TransferEngine>();
+    engine_ = std::make_unique<TransferEngine>(clock_);
     window_ = std::make_unique<MainWindow>(*stores_, *line_, *engine_);
     window_->SetLogObserver([this](const std::string& line) {
         std::lock_guard<std::mutex> guard(lock_);

@@ -14,6 +14,7 @@
 #include "app/main_window.h"
 #include "engine/transfer_engine.h"
 #include "line/line.h"
+#include "platform/clock.h"
 #include "stores/installation.h"
 #include "support/captured_output.h"
 #include "support/installation.h"
@@ -27,6 +28,7 @@ using app::MainWindow;
 using app::WindowEvent;
 using engine::TransferEngine;
 using line::Line;
+using platform::MonotonicClock;
 using stores::Installation;
 
 // Rows of a list, by their text.
@@ -72,6 +74,8 @@ protected:
     TransferEngine& Engine() { return *engine_; }
 
     TempFolder folder_;
+    // The clock of every window's line and engine, as in the program.
+    MonotonicClock clock_;
     std::unique_ptr<Installation> stores_;
     // The window's line, made anew with each window, which it outlives.
     std::unique_ptr<Line> line_;

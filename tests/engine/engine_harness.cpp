@@ -8,8 +8,6 @@
 #include "engine/wire.h"
 #include "line/adapter.h"
 #include "line/comm_port.h"
-#include "platform/clock.h"
-#include "platform/clock_test_hooks.h"
 #include "platform/files.h"
 
 namespace kb::test {
@@ -73,18 +71,11 @@ void EngineHarness::TearDown() {
     StopFeeder(engine_);
     EngineShutdown(engine_);
     line_.CommPortDestroy();
-    ShiftNowMsForTest(0);
-    CapPausesForTest(UINT32_MAX);
 }
 
 void EngineHarness::JumpClock(uint32_t ms) {
-    clockJumped_ += ms;
-    ShiftNowMsForTest(clockJumped_);
+    clock_.MoveOn(ms);
     line_.InterruptPortWait();
-}
-
-void EngineHarness::ShortenPauses() {
-    CapPausesForTest(200);
 }
 
 std::string EngineHarness::AnswerCommand(int timeoutMs) {

@@ -21,6 +21,7 @@
 #include "support/captured_output.h"
 #include "support/far_end.h"
 #include "support/temp_folder.h"
+#include "support/test_clock.h"
 #include "support/test_data.h"
 #include "support/wire_peer.h"
 
@@ -117,26 +118,27 @@ protected:
         return stores_.Paths.IncomingPath + "/" + name;
     }
     // Moves the engine's millisecond clock and the line's interval clock on
-    // at once, for the limits counted on them; back when the test ends.
+    // at once, for the limits counted on them.
     void JumpClock(uint32_t ms);
     // Shortens the line's pauses, the escape's guard time above all, to at
     // most 200 ms, which leaves the hang-up's grace for output on its way as
-    // it is; back when the test ends. Only for a test whose adapter needs no
-    // guard time and that asserts no pause.
-    static void ShortenPauses();
+    // it is. Only for a test whose adapter needs no guard time and that
+    // asserts no pause.
+    void ShortenPauses() { clock_.CapPauses(200); }
 
     TempFolder root_;
     Installation stores_{root_.Path()};
     FarEnd far_;
+    // The clock of the engine and its line, fresh for each test.
+    TestClock clock_;
     // The engine's line, fresh for each test.
-    Line line_{stores_};
+    Line line_{stores_, clock_};
     // The engine, fresh for each test as in a program that has just started.
-    TransferEngine engine_;
+    TransferEngine engine_{clock_};
 
 private:
     ThreadHandle commThread_;
     CapturedOutput output_{&stores_.Log};
-    uint32_t clockJumped_ = 0;
 };
 
 }  // namespace kb::test

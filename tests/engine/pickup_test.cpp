@@ -12,7 +12,6 @@
 #include "engine/sessions.h"
 #include "engine_harness.h"
 #include "line/profiles.h"
-#include "platform/clock.h"
 #include "platform/files.h"
 #include "stores/directory.h"
 
@@ -79,7 +78,7 @@ TEST_F(PickUpTest, AHotFolderGoesOutOnceItsTotalHasStoodStill) {
     // During a call nothing is looked at, and nothing goes out. The call is
     // as fresh as one just connected, so the running engine's silence limit
     // does not hang it up meanwhile.
-    engine_.Call.LastRxTime = NowMs();
+    engine_.Call.LastRxTime = clock_.NowMs();
     engine_.Call.LinkState = LinkState::Connected;
     EXPECT_EQ(HotFolderDue(engine_), std::nullopt);
     EXPECT_EQ(stores_.Directory[0].HotBytes, 16u);

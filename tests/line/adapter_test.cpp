@@ -323,7 +323,8 @@ TEST_F(LineTest, TwoLinesSideBySideKeepEachItsOwnState) {
     Attach(2, RespondAs(ThreeComScript()));
     // Its own preferences and log, over the same folder and its ports.
     Installation otherStores(root_.Path());
-    Line other(otherStores);
+    TestClock otherClock;
+    Line other(otherStores, otherClock);
     ASSERT_TRUE(other.CommPortCreate());
 
     line_.SelectPortNumber(1);

@@ -20,6 +20,7 @@
 #include "support/far_end.h"
 #include "support/process_state.h"
 #include "support/temp_folder.h"
+#include "support/test_clock.h"
 
 namespace kb::test {
 
@@ -212,7 +213,8 @@ TEST_F(CommPortTest, TheLockFileFollowsThePortAndAFolderWithoutOneIsSaidOnce) {
 TEST(CommPortRecord, OperationsWithoutARecordDoNothing) {
     TempFolder root;
     Installation stores(root.Path());
-    Line line(stores);
+    TestClock clock;
+    Line line(stores, clock);
     ASSERT_EQ(line.Port(), nullptr);
     EXPECT_EQ(line.CommPortClose(), 0);
     EXPECT_EQ(line.CommPortDestroy(), 0);

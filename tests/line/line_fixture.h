@@ -17,6 +17,7 @@
 #include "stores/installation.h"
 #include "support/captured_output.h"
 #include "support/temp_folder.h"
+#include "support/test_clock.h"
 
 namespace kb::test {
 
@@ -69,8 +70,9 @@ protected:
 
     TempFolder root_;
     Installation stores_{root_.Path()};
+    TestClock clock_;
     // A fresh line for each test: nothing of an earlier test's adapter stays.
-    Line line_{stores_};
+    Line line_{stores_, clock_};
     std::vector<std::unique_ptr<ScriptedAdapter>> adapters_;
     CapturedOutput output_{&stores_.Log};
 };

@@ -4,9 +4,9 @@
 #include <string>
 
 #include "platform/clock.h"
-#include "platform/clock_test_hooks.h"
 #include "platform/files.h"
 #include "support/temp_folder.h"
+#include "support/test_clock.h"
 
 namespace kb::test {
 
@@ -45,13 +45,11 @@ TEST(Clock, IntervalArithmeticIsSixteenBit) {
 }
 
 TEST(Clock, StampIntervalsSurviveTheWrap) {
-    ShiftNowMsForTest(0);
-    const uint32_t base = NowMs();
-    ShiftNowMsForTest(0xFFFFFFFFu - base - 5);  // the clock now stands 5 ms before the wrap
-    const uint32_t before = NowMs();
-    SleepMs(20);
-    const uint32_t after = NowMs();
-    ShiftNowMsForTest(0);
+    TestClock clock;
+    clock.MoveOn(0xFFFFFFFFu - clock.NowMs() - 5);  // the clock now stands 5 ms before the wrap
+    const uint32_t before = clock.NowMs();
+    clock.SleepMs(20);
+    const uint32_t after = clock.NowMs();
     EXPECT_LT(after, before) << "the stamp wrapped";
     EXPECT_GE(static_cast<uint32_t>(after - before), 20u);
     EXPECT_LT(static_cast<uint32_t>(after - before), 5000u);

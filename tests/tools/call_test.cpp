@@ -94,10 +94,11 @@ TEST_F(VirtualTaCalls, ABlankOrAnATHOrTheCallersGivingUpEndsADialWithOneNoCarrie
     EXPECT_EQ(bob.ReceiveFor(300), "") << "no more rings";
 
     // Unanswered, the ring repeats every two seconds until the caller gives up.
-    const uint32_t start = NowMs();
+    const MonotonicClock clock;
+    const uint32_t start = clock.NowMs();
     alice.Send("ATD5551002\r");
     const std::string atAlice = alice.ReceiveUntil("NO CARRIER\r\n", 5000);
-    const uint32_t gaveUp = NowMs() - start;
+    const uint32_t gaveUp = clock.NowMs() - start;
     EXPECT_EQ(atAlice, "ATD5551002\r\r\nRINGING\r\n\r\nRINGING\r\n\r\nNO CARRIER\r\n");
     EXPECT_GE(gaveUp, 2900u);
     EXPECT_LT(gaveUp, 4000u);

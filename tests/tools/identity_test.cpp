@@ -11,6 +11,7 @@
 #include "line/comm_port.h"
 #include "line/line.h"
 #include "line/profiles.h"
+#include "platform/clock.h"
 #include "resources/resource.h"
 #include "stores/installation.h"
 #include "vta_harness.h"
@@ -18,6 +19,7 @@
 namespace kb::test {
 
 using namespace kb::line;
+using kb::platform::MonotonicClock;
 using namespace kb::resources;
 using namespace kb::stores;
 
@@ -63,7 +65,8 @@ TEST_P(AdapterChoice, IsIdentifiedGivesItsNumberAndTakesOnlyItsFamilysSetUps) {
     Installation stores(folder_.Path());
     stores.Prefs.AdapterModel = Model3Com + 1;
     stores.Prefs.AdapterVariant = 7;
-    Line line(stores);
+    MonotonicClock clock;
+    Line line(stores, clock);
     ASSERT_TRUE(line.CommPortCreate());
     line.SelectPortNumber(1);
     line.SelectPortBaud(9600);

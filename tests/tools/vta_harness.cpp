@@ -101,10 +101,11 @@ CallSetUp SetUpCall(FarEnd& caller, FarEnd& answerer, const std::string& dialStr
 void CallEachWay(FarEnd& alice, FarEnd& bob, const std::string& bobsNumber,
                  const std::string& callBack, const std::string& up, const std::string& down) {
     alice.SetSpeed(57600);
-    const uint32_t dialled = NowMs();
+    const MonotonicClock clock;
+    const uint32_t dialled = clock.NowMs();
     alice.Send("ATD" + bobsNumber + "\r");
     EXPECT_EQ(bob.ReceiveUntil("RING\r\n", 3000), "\r\nRING\r\n");
-    EXPECT_LT(NowMs() - dialled, 500u) << "the called end rings at once";
+    EXPECT_LT(clock.NowMs() - dialled, 500u) << "the called end rings at once";
     EXPECT_EQ(alice.ReceiveUntil("RINGING\r\n", 3000), "ATD" + bobsNumber + "\r\r\nRINGING\r\n");
     bob.Send("ATA\r");
     EXPECT_EQ(bob.ReceiveUntil("CONNECT 115200\r\n", 3000), "ATA\r\r\nCONNECT 115200\r\n");
@@ -130,11 +131,12 @@ void CallEachWay(FarEnd& alice, FarEnd& bob, const std::string& bobsNumber,
 void ExpectFailedDial(FarEnd& caller, const std::string& number, const std::string& result) {
     SCOPED_TRACE(number);
     const std::string dial = "ATD" + number + "\r";
-    const uint32_t start = NowMs();
+    const MonotonicClock clock;
+    const uint32_t start = clock.NowMs();
     caller.Send(dial);
     EXPECT_EQ(caller.ReceiveUntil(result + "\r\n", 3000), dial + "\r\n" + result + "\r\n");
-    EXPECT_GE(NowMs() - start, 400u) << "after the exchange's delay";
-    EXPECT_LT(NowMs() - start, 2000u);
+    EXPECT_GE(clock.NowMs() - start, 400u) << "after the exchange's delay";
+    EXPECT_LT(clock.NowMs() - start, 2000u);
     EXPECT_EQ(caller.Command("AT"), "AT\r\r\nOK\r\n") << "back in command mode";
 }
 

@@ -15,7 +15,7 @@ planted=$work/src/line/planted.cpp
 cat >"$planted" <<'SOURCE'
 #include "../engine/transfer_engine.h"
 #include "comm_port.h"
-#include "platform/clock_test_hooks.h"
+#include "engine/receiving_session_test_hooks.h"
 
 namespace {
 constexpr int kLimitMs = 100;
