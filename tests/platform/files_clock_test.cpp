@@ -53,6 +53,13 @@ TEST(Clock, StampIntervalsSurviveTheWrap) {
     EXPECT_LT(after, before) << "the stamp wrapped";
     EXPECT_GE(static_cast<uint32_t>(after - before), 20u);
     EXPECT_LT(static_cast<uint32_t>(after - before), 5000u);
+
+    // The interval clock of a line reads the clock it was made with, so that
+    // moving it on crosses the line's limits with the engine's.
+    IntervalClock interval(clock);
+    interval.Start();
+    clock.MoveOn(4000);
+    EXPECT_GE(interval.Elapsed(), 4000);
 }
 
 }  // namespace kb::test
