@@ -9,13 +9,13 @@
 #include <memory>
 #include <string>
 
-#include "platform/port_lock.h"
 #include "platform/port_device.h"
+#include "platform/port_lock.h"
 
 namespace kb::line {
 
-using platform::PortLock;
 using platform::PortDevice;
+using platform::PortLock;
 
 // Size of the shared buffer into which AT replies and wire tokens are read.
 // ReadUntilToken writes at most this many bytes, its terminator included.
