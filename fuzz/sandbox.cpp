@@ -1,15 +1,11 @@
 #include "sandbox.h"
 
-#include <poll.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <set>
-#include <thread>
+#include <string_view>
 
 #include "engine/display.h"
 #include "engine/receiving_session_test_hooks.h"
@@ -19,8 +15,8 @@
 #include "line/comm_port.h"
 #include "line/line.h"
 #include "platform/files.h"
-#include "platform/pseudo_terminal.h"
 #include "stores/installation.h"
+#include "support/byte_pipe.h"
 #include "support/test_clock.h"
 
 namespace kb::fuzz {
@@ -29,12 +25,14 @@ using namespace kb::engine;
 using namespace kb::line;
 using namespace kb::platform;
 using namespace kb::stores;
+using test::BytePipe;
 
 namespace fs = std::filesystem;
 
 namespace {
 
-PseudoTerminal Terminal;
+// The port: the line's device at one end, the sandbox at the other.
+BytePipe Pipe;
 std::string Base;  // the sandbox; the installation is base + "/inst"
 std::string Root;
 std::set<std::string> Known;
@@ -44,7 +42,7 @@ std::unique_ptr<test::TestClock> SandboxClock;
 // Made once, with the sandbox, and kept to the end: the engine and the line
 // serve it for every input. The line goes first, since it logs to it.
 std::unique_ptr<Installation> Inst;
-// The engine's line, on the pseudo-terminal.
+// The engine's line, on the pipe.
 std::unique_ptr<Line> PortLine;
 // The engine, with no window: its display calls show nothing.
 std::unique_ptr<TransferEngine> Engine;
@@ -77,7 +75,7 @@ void SetUpSandbox() {
     if (made == nullptr) {
         made = ::mkdtemp(onDisk);
     }
-    if (made == nullptr || !OpenPseudoTerminal(Terminal)) {
+    if (made == nullptr) {
         Fail("cannot make the sandbox");
     }
     Base = made;
@@ -85,11 +83,17 @@ void SetUpSandbox() {
     std::atexit([] { fs::remove_all(Base); });
     Root = Base + "/inst";
     fs::create_directory(Root);
-    fs::create_symlink(Terminal.SlavePath, Root + "/COM1");
+    // The port's name, a plain file: the pipe stands behind it, and a device
+    // outside /dev takes no lock file that another sandbox would meet.
+    File name;
+    if (!name.Open(Root + "/COM1", File::Mode::CreateReadWrite)) {
+        Fail("cannot name the port");
+    }
+    name.Close();
     Inst = std::make_unique<Installation>(Root);
     SandboxClock = std::make_unique<test::TestClock>();
     SandboxClock->CapPauses(1);
-    PortLine = std::make_unique<Line>(*Inst, *SandboxClock);
+    PortLine = std::make_unique<Line>(*Inst, *SandboxClock, [] { return Pipe.MakeDevice(); });
     Engine = std::make_unique<TransferEngine>(*SandboxClock);
     Inst->Log.SetSink([](const std::string&) {});
     if (!CreateFolder(Inst->Paths.IncomingPath)) {
@@ -135,48 +139,17 @@ std::string PlaceSourceFile(const std::string& name, const std::string& bytes) {
 }
 
 void FeedPort(const std::string& bytes) {
-    // The pseudo-terminal holds only a few kilobytes; the port's own queue
-    // takes them over as they come, as it does for the program.
     const uint32_t before = PortLine->PortQueueCount(PortQueue::Input);
-    size_t done = 0;
-    for (int idle = 0;
-         idle < 20000 && PortLine->PortQueueCount(PortQueue::Input) < before + bytes.size();
-         ++idle) {
-        if (done < bytes.size()) {
-            const ssize_t n = ::write(Terminal.Master, bytes.data() + done, bytes.size() - done);
-            if (n > 0) {
-                done += static_cast<size_t>(n);
-                idle = 0;
-                continue;
-            }
-        }
-        ::usleep(20);
-    }
+    Pipe.Put(bytes);
+    // A target's input must fit the port's queue whole: what it held back
+    // would only come in as the line reads, unlike the far end meant it.
     if (PortLine->PortQueueCount(PortQueue::Input) < before + bytes.size()) {
         Fail("the port did not take the input");
     }
 }
 
 void DrainPortOutput() {
-    char scratch[4096];
-    while (::read(Terminal.Master, scratch, sizeof scratch) > 0) {
-    }
-}
-
-// Writes all of text to the program's side, waiting while its input is full.
-static void Answer(const std::string& text) {
-    size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t n = ::write(Terminal.Master, text.data() + done, text.size() - done);
-        if (n > 0) {
-            done += static_cast<size_t>(n);
-        } else if (errno == EAGAIN || errno == EINTR) {
-            pollfd room{Terminal.Master, POLLOUT, 0};
-            ::poll(&room, 1, 10);
-        } else {
-            Fail("the adapter cannot answer");
-        }
-    }
+    static_cast<void>(Pipe.Take());
 }
 
 void StartInstantAdapter() {
@@ -185,39 +158,29 @@ void StartInstantAdapter() {
         return;
     }
     Started = true;
-    std::thread([] {
-        std::string heard;
-        char bytes[4096];
+    // What was heard and may still begin a command; the pipe calls the
+    // listener for one write at a time.
+    static std::string Heard;
+    Pipe.OnWrite([](std::string_view bytes) {
+        Heard.append(bytes);
         for (;;) {
-            pollfd ready{Terminal.Master, POLLIN, 0};
-            if (::poll(&ready, 1, -1) <= 0) {
-                continue;
+            const size_t escape = Heard.find("+++");
+            const size_t at = Heard.find("AT");
+            const size_t cr = at == std::string::npos ? std::string::npos : Heard.find('\r', at);
+            if (escape != std::string::npos && (cr == std::string::npos || escape < at)) {
+                Heard.erase(0, escape + 3);
+            } else if (cr != std::string::npos) {
+                Heard.erase(0, cr + 1);
+            } else {
+                break;
             }
-            const ssize_t n = ::read(Terminal.Master, bytes, sizeof bytes);
-            if (n <= 0) {
-                continue;
-            }
-            heard.append(bytes, static_cast<size_t>(n));
-            // Only the end of what was heard can still begin a command.
-            for (;;) {
-                const size_t escape = heard.find("+++");
-                const size_t at = heard.find("AT");
-                const size_t cr =
-                    at == std::string::npos ? std::string::npos : heard.find('\r', at);
-                if (escape != std::string::npos && (cr == std::string::npos || escape < at)) {
-                    heard.erase(0, escape + 3);
-                } else if (cr != std::string::npos) {
-                    heard.erase(0, cr + 1);
-                } else {
-                    break;
-                }
-                Answer("OK\r\n");
-            }
-            if (heard.size() > 64) {
-                heard.erase(0, heard.size() - 64);
-            }
+            Pipe.Put("OK\r\n");
         }
-    }).detach();
+        // Only the end of what was heard can still begin a command.
+        if (Heard.size() > 64) {
+            Heard.erase(0, Heard.size() - 64);
+        }
+    });
 }
 
 void DiscardPortInput() {

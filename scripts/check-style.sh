@@ -82,7 +82,8 @@ done
 
 # ---- names ----
 # Sources the build compiles are checked with its flags; the others (the fuzz
-# targets, a planted file) with the flags of the program's highest layer.
+# targets, a planted file) with the flags of the program's highest layer, and
+# the tests' folder, whose byte pipe the fuzz targets' port is.
 known=$(grep -oE '"file": "[^"]*"' "$build/compile_commands.json" | sed -E 's/"file": "(.*)"/\1/')
 in_build=()
 outside=()
@@ -127,11 +128,10 @@ fi
 for file in "${outside[@]}"; do
     extra=()
     if program "$file"; then extra=(--checks="$results_checks"); fi
-    # The fuzz targets' sandbox runs on the tests' clock (tests/support).
-    seen=()
-    case "${file#"$root"/}" in fuzz/*) seen=(-I"$root/tests") ;; esac
+    # The fuzz targets' sandbox runs on the tests' clock and byte pipe
+    # (tests/support).
     clang-tidy --config-file="$root/.clang-tidy" --quiet "${extra[@]}" "$file" -- -std=c++20 \
-        -I"$build/layers/app" -I"$(dirname "$file")" "${seen[@]}" >>"$tidy_findings" 2>/dev/null
+        -I"$build/layers/app" -I"$root/tests" -I"$(dirname "$file")" >>"$tidy_findings" 2>/dev/null
 done
 # A header reached through several layers' folders is found once for each.
 if grep -qE '(warning|error):' "$tidy_findings"; then

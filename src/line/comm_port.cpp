@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "line/line.h"
 #include "platform/clock.h"
@@ -56,8 +57,8 @@ std::string CommPortDevicePath(const std::string& root, uint8_t portNumber) {
     return "/dev/ttyS" + std::to_string(static_cast<int>(portNumber) - 1);
 }
 
-Line::Line(Installation& stores, const platform::Clock& clock)
-    : Stores(stores), Clock(clock), readClock_(clock) {}
+Line::Line(Installation& stores, const platform::Clock& clock, PortDeviceMaker makeDevice)
+    : Stores(stores), Clock(clock), makeDevice_(std::move(makeDevice)), readClock_(clock) {}
 
 Line::~Line() {
     CommPortDestroy();
@@ -67,8 +68,16 @@ bool Line::CommPortCreate() {
     if (port_ != nullptr) {
         return true;
     }
-    port_.reset(new (std::nothrow) CommPort);
-    return port_ != nullptr;
+    std::unique_ptr<CommPort> port(new (std::nothrow) CommPort);
+    if (port == nullptr) {
+        return false;
+    }
+    port->Handle = makeDevice_();
+    if (port->Handle == nullptr) {
+        return false;
+    }
+    port_ = std::move(port);
+    return true;
 }
 
 bool Line::CommPortDestroy() {
@@ -89,15 +98,15 @@ bool Line::CommPortOpen() {
     if (!LockDevice(port->Lock, device, lockFilesTold_, Stores.Log)) {
         return false;
     }
-    if (!port->Handle.Open(device)) {
+    if (!port->Handle->Open(device)) {
         port->Lock.Release();
         return false;
     }
-    port->Handle.Purge();
+    port->Handle->Purge();
     port->SerialLimitTold.store(false);
     if (!CommPortConfigure()) {
         port->IsOpen.store(false);
-        port->Handle.Close();
+        port->Handle->Close();
         port->Lock.Release();
         return false;
     }
@@ -106,7 +115,7 @@ bool Line::CommPortOpen() {
 }
 
 bool Line::CommPortConfigure() {
-    if (port_ == nullptr || !port_->Handle.IsOpen()) {
+    if (port_ == nullptr || !port_->Handle->IsOpen()) {
         return false;
     }
     SerialSettings settings;
@@ -117,7 +126,7 @@ bool Line::CommPortConfigure() {
     settings.DtrDsrFlow = (port_->FlowControlFlags & FlowDtrDsr) != 0;
     settings.RtsCtsFlow = (port_->FlowControlFlags & FlowRtsCts) != 0;
     settings.XonXoffFlow = (port_->FlowControlFlags & FlowXonXoff) != 0;
-    return port_->Handle.Configure(settings);
+    return port_->Handle->Configure(settings);
 }
 
 bool Line::CommPortClose() {
@@ -125,9 +134,9 @@ bool Line::CommPortClose() {
         return false;
     }
     if (port_->IsOpen.exchange(false)) {
-        port_->Handle.ClearDtr();
-        port_->Handle.Purge();
-        port_->Handle.Close();
+        port_->Handle->ClearDtr();
+        port_->Handle->Purge();
+        port_->Handle->Close();
     }
     port_->Lock.Release();
     return true;
@@ -137,7 +146,7 @@ bool Line::CommPortWrite(const void* bytes, uint32_t length) {
     if (port_ == nullptr || !port_->IsOpen.load()) {
         return false;
     }
-    const bool written = port_->Handle.Write(bytes, length);
+    const bool written = port_->Handle->Write(bytes, length);
     port_->LastWriteAt.store(Clock.NowMs());
     return written;
 }
@@ -171,7 +180,7 @@ char* Line::ReadToToken(const char* token, int16_t timeoutMs, char* buffer, bool
         // byte that completes it, so whatever follows it stays in the queue.
         for (uint32_t waiting = PortQueueCount(PortQueue::Input); waiting > 0; --waiting) {
             uint8_t byte = 0;
-            if (port_->Handle.Read(&byte, 1) != 1) {
+            if (port_->Handle->Read(&byte, 1) != 1) {
                 break;
             }
             if (byte != 0) {
@@ -235,7 +244,7 @@ uint32_t Line::ReadBlock(void* buffer, uint32_t count, int16_t timeoutMs) {
     for (;;) {
         const uint32_t waiting = PortQueueCount(PortQueue::Input);
         if (waiting >= count) {
-            return port_->Handle.Read(buffer, count);
+            return port_->Handle->Read(buffer, count);
         }
         if (waiting != lastSeen) {
             lastSeen = waiting;
@@ -244,7 +253,7 @@ uint32_t Line::ReadBlock(void* buffer, uint32_t count, int16_t timeoutMs) {
         const int16_t elapsed = readClock_.Elapsed();
         if (elapsed >= timeoutMs) {
             Stores.Log.Add("Read Buffer Timeout");
-            return port_->Handle.Read(buffer, waiting);
+            return port_->Handle->Read(buffer, waiting);
         }
         WaitForRest(*this, timeoutMs, elapsed);
     }
@@ -263,7 +272,7 @@ bool Line::DrainInputWithin(int16_t quietMs, uint32_t longestMs) {
     readClock_.Start();
     for (;;) {
         if (PortQueueCount(PortQueue::Input) != 0) {
-            while (port_->Handle.Read(scratch, sizeof scratch) > 0) {
+            while (port_->Handle->Read(scratch, sizeof scratch) > 0) {
             }
             readClock_.Start();
         }
@@ -295,7 +304,7 @@ std::optional<size_t> Line::DrainUntilAny(std::initializer_list<std::string_view
         // A run at a time, so that a stream that never pauses still has the
         // time limit looked at.
         if (PortQueueCount(PortQueue::Input) != 0) {
-            const uint32_t got = port_->Handle.Read(scratch, sizeof scratch);
+            const uint32_t got = port_->Handle->Read(scratch, sizeof scratch);
             seen.append(scratch, got);
             size_t index = 0;
             for (const std::string_view text : texts) {
@@ -322,12 +331,12 @@ uint32_t Line::PortQueueCount(PortQueue queue) {
     if (port_ == nullptr) {
         return 0;
     }
-    return queue == PortQueue::Input ? port_->Handle.InputCount() : port_->Handle.OutputCount();
+    return queue == PortQueue::Input ? port_->Handle->InputCount() : port_->Handle->OutputCount();
 }
 
 void Line::PurgePort() {
     if (port_ != nullptr) {
-        port_->Handle.Purge();
+        port_->Handle->Purge();
     }
 }
 
@@ -339,7 +348,7 @@ void Line::PurgeStuckOutput(uint32_t graceMs) {
     if (since < graceMs) {
         Clock.SleepMs(graceMs - since);
     }
-    port_->Handle.PurgeOutput();
+    port_->Handle->PurgeOutput();
 }
 
 bool Line::EnableHardwareHandshake() {
@@ -380,7 +389,7 @@ WaitResult Line::WaitForPortInput(int timeoutMs) {
         Clock.SleepMs(static_cast<uint32_t>(timeoutMs > 0 ? timeoutMs : 0));
         return WaitResult::TimedOut;
     }
-    return port_->Handle.WaitForInput(timeoutMs);
+    return port_->Handle->WaitForInput(timeoutMs);
 }
 
 void Line::WaitForPortWake(int timeoutMs) {
@@ -388,12 +397,12 @@ void Line::WaitForPortWake(int timeoutMs) {
         Clock.SleepMs(static_cast<uint32_t>(timeoutMs > 0 ? timeoutMs : 0));
         return;
     }
-    port_->Handle.WaitForInterrupt(timeoutMs);
+    port_->Handle->WaitForInterrupt(timeoutMs);
 }
 
 void Line::InterruptPortWait() {
     if (port_ != nullptr) {
-        port_->Handle.Interrupt();
+        port_->Handle->Interrupt();
     }
 }
 

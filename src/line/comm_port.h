@@ -6,15 +6,16 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 
+#include "platform/port_device.h"
 #include "platform/port_lock.h"
-#include "platform/serial_device.h"
 
 namespace kb::line {
 
+using platform::PortDevice;
 using platform::PortLock;
-using platform::SerialDevice;
 
 // Size of the shared buffer into which AT replies and wire tokens are read.
 // ReadUntilToken writes at most this many bytes, its terminator included.
@@ -26,7 +27,9 @@ constexpr uint8_t FlowRtsCts = 2;
 constexpr uint8_t FlowXonXoff = 4;
 
 struct CommPort {
-    SerialDevice Handle;              // the open device, valid while IsOpen is set
+    // The device, made with the record by the line's maker; open while IsOpen
+    // is set.
+    std::unique_ptr<PortDevice> Handle;
     PortLock Lock;                    // the port's lock file, held while the device is open
     uint8_t PortNumber = 1;           // the n of COMn
     std::atomic<bool> IsOpen{false};  // set after a fully successful open

@@ -26,11 +26,14 @@
 #include "line/comm_port.h"
 #include "line/profiles.h"
 #include "platform/clock.h"
+#include "platform/port_device.h"
+#include "platform/serial_device.h"
 #include "stores/installation.h"
 
 namespace kb::line {
 
 using platform::IntervalClock;
+using platform::PortDeviceMaker;
 using platform::WaitResult;
 using stores::Installation;
 
@@ -38,8 +41,11 @@ class Line {
 public:
     // The line of that installation, whose preferences tell it of the
     // adapter and whose log it tells what happens, timing its reads and
-    // pauses on the clock. Both outlive the line.
-    Line(Installation& stores, const platform::Clock& clock);
+    // pauses on the clock; both outlive the line. Its port's device is made
+    // by makeDevice: the serial device on the port's path for the program,
+    // another device where a test or a fuzz target stands at the far end.
+    Line(Installation& stores, const platform::Clock& clock,
+         PortDeviceMaker makeDevice = platform::MakeSerialDevice);
     // Closes the port, if it is open, and frees its record.
     ~Line();
     Line(const Line&) = delete;
@@ -260,6 +266,8 @@ private:
     // older half instead of ending the read.
     char* ReadToToken(const char* token, int16_t timeoutMs, char* buffer, bool inStream);
 
+    // Makes the port's device with its record.
+    PortDeviceMaker makeDevice_;
     std::unique_ptr<CommPort> port_;
     // The time limits of this line's reads.
     IntervalClock readClock_;

@@ -418,4 +418,8 @@ bool SerialDevice::WaitForInterrupt(int timeoutMs) {
     return false;
 }
 
+std::unique_ptr<PortDevice> MakeSerialDevice() {
+    return std::make_unique<SerialDevice>();
+}
+
 }  // namespace kb::platform

@@ -1,4 +1,5 @@
-// A serial device on termios.
+// A serial device on termios: the line's device (platform/port_device.h) on
+// a real port or pseudo-terminal, and the only one the program itself makes.
 //
 // The program expects 24576-byte input and output queues in the driver. A
 // Linux tty reports at most 4095 bytes waiting, and a pseudo-terminal reports
@@ -21,77 +22,64 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 
+#include "platform/port_device.h"
+
 namespace kb::platform {
 
-// Line settings, in the codes the program keeps in its port record.
-struct SerialSettings {
-    uint32_t BaudRate = 9600;  // 9600 to 230400
-    uint8_t ByteSize = 8;      // 5 to 8
-    uint8_t Parity = 0;        // 0 none, 1 odd, 2 even, 3 mark, 4 space
-    uint8_t StopBits = 0;      // 0 one, 1 one and a half, 2 two
-    bool DtrDsrFlow = false;   // not available on Linux: DTR is simply raised
-    bool RtsCtsFlow = false;
-    bool XonXoffFlow = false;  // XON 0x11, XOFF 0x13
-};
-
-// Why a wait ended.
-enum class WaitResult { Input, Interrupted, TimedOut };
-
-class SerialDevice {
+class SerialDevice final : public PortDevice {
 public:
-    static constexpr uint32_t QueueSize = 24576;
-
     SerialDevice();
-    ~SerialDevice();
+    ~SerialDevice() override;
     SerialDevice(const SerialDevice&) = delete;
     SerialDevice& operator=(const SerialDevice&) = delete;
 
     // Opens the device for exclusive use. False if it is missing, is no
     // terminal, or is held by another program.
-    [[nodiscard]] bool Open(const std::string& path);
+    [[nodiscard]] bool Open(const std::string& path) override;
     // Drops DTR, throws both queues away and gives the device up.
-    void Close();
-    [[nodiscard]] bool IsOpen() const { return fd_.load() >= 0; }
+    void Close() override;
+    [[nodiscard]] bool IsOpen() const override { return fd_.load() >= 0; }
 
     // Applies the settings in raw mode. False if the device refused any of them;
     // the old settings then stay.
-    [[nodiscard]] bool Configure(const SerialSettings& settings);
+    [[nodiscard]] bool Configure(const SerialSettings& settings) override;
 
     // Throws away both queues, in the kernel and here, and stops a write that
     // is under way.
-    void Purge();
+    void Purge() override;
     // Throws away the output queue and stops a write that is under way; the
     // input stays.
-    void PurgeOutput();
+    void PurgeOutput() override;
     // Drops the DTR line; ignored where the device has no modem lines.
-    void ClearDtr();
+    void ClearDtr() override;
 
     // Bytes waiting in the input queue, after taking in what the device holds.
-    uint32_t InputCount();
+    uint32_t InputCount() override;
     // Bytes waiting in the driver's output queue, those queued here included;
     // 0 where neither holds any or the device cannot tell.
-    uint32_t OutputCount();
+    uint32_t OutputCount() override;
     // Takes up to count bytes from the input queue; returns how many.
-    [[nodiscard]] uint32_t Read(void* buffer, uint32_t count);
+    [[nodiscard]] uint32_t Read(void* buffer, uint32_t count) override;
     // Writes every byte, waiting while the device takes no more; under
     // XON/XOFF, what the device holds back is queued instead, as above. False
     // if the device failed or a purge stopped the write.
-    [[nodiscard]] bool Write(const void* bytes, uint32_t count);
+    [[nodiscard]] bool Write(const void* bytes, uint32_t count) override;
 
     // Waits until the device may have new input, another thread calls
     // Interrupt, or the time is up. Returns at once if input is already waiting
     // in the device.
-    WaitResult WaitForInput(int timeoutMs);
+    WaitResult WaitForInput(int timeoutMs) override;
     // Ends a WaitForInput or WaitForInterrupt on another thread; if none is
     // under way, the next one returns at once.
-    void Interrupt();
+    void Interrupt() override;
     // Waits only for an interruption or the time, whatever the device does:
     // for a reader that must leave the device alone for now. True if
     // interrupted.
-    bool WaitForInterrupt(int timeoutMs);
+    bool WaitForInterrupt(int timeoutMs) override;
 
 private:
     // Moves what the device holds into the queue, while there is room.
@@ -119,5 +107,8 @@ private:
     std::mutex heldLock_;
     std::string held_;  // written, but held back by the device under XON/XOFF
 };
+
+// The maker every line is given unless a test gives another.
+[[nodiscard]] std::unique_ptr<PortDevice> MakeSerialDevice();
 
 }  // namespace kb::platform

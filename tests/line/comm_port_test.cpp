@@ -17,6 +17,7 @@
 #include "line_fixture.h"
 #include "platform/files.h"
 #include "stores/installation.h"
+#include "support/byte_pipe.h"
 #include "support/far_end.h"
 #include "support/process_state.h"
 #include "support/temp_folder.h"
@@ -230,6 +231,32 @@ TEST(CommPortRecord, PortNumberNamesALinkInTheInstallationOrASerialDevice) {
     FarEnd far;
     far.LinkAs(root.Path(), 3);
     EXPECT_EQ(CommPortDevicePath(root.Path(), 3), root / "COM3");
+}
+
+// A line handed a device of its own works on that device alone: its port
+// opens on a name no serial device could open, and its bytes, reads and
+// waits go through the device, whose input ends a wait as it comes.
+TEST(CommPortRecord, ALineWorksOnTheDeviceItIsHandedAlone) {
+    TempFolder root;
+    Installation stores(root.Path());
+    File name;
+    ASSERT_TRUE(name.Open(root / "COM1", File::Mode::CreateReadWrite));
+    name.Close();
+    BytePipe pipe;
+    TestClock clock;
+    Line line(stores, clock, [&pipe] { return pipe.MakeDevice(); });
+    ASSERT_TRUE(line.CommPortCreate());
+    ASSERT_TRUE(line.CommPortOpen());
+    line.SendCommand("AT");
+    EXPECT_EQ(pipe.Take(), "AT\r");
+    std::thread answer([&pipe] { pipe.Put("noise\r\nOK\r\n"); });
+    char buffer[TokenBufferSize] = {};
+    EXPECT_NE(line.ReadUntilOk(30000, buffer), nullptr);
+    answer.join();
+    line.InterruptPortWait();
+    EXPECT_EQ(line.WaitForPortInput(30000), WaitResult::Interrupted);
+    line.CommPortClose();
+    EXPECT_FALSE(line.CommPortWrite("AT\r", 3));
 }
 
 }  // namespace kb::test
