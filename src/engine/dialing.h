@@ -1,5 +1,6 @@
-// Placing a call and following the adapter's result codes until the data
-// channel is up, on the calling and the answering side.
+// Placing a call, from the three ways the window asks for one (Send,
+// Retrieve, a hot folder), and following the adapter's result codes until
+// the data channel is up, on the calling and the answering side.
 #pragma once
 
 #include <string>

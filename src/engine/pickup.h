@@ -1,12 +1,10 @@
-// The two ways a call starts from the window, and the pick-up folders that a
-// correspondent fetches by calling in or that go out by themselves.
+// The pick-up folders that a correspondent fetches by calling in or that go
+// out by themselves.
 #pragma once
 
 #include <cstdint>
 #include <optional>
 #include <string>
-
-#include "engine/dialing.h"
 
 namespace kb::engine {
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "engine/dialing.h"
 #include "engine/pickup.h"
 #include "engine/sessions.h"
 #include "engine_harness.h"
