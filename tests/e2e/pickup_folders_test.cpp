@@ -1,6 +1,5 @@
 // Pick-up folders and exported entries between real stations: a
-// correspondent fetches its folder by calling in, a hot folder sends itself
-// once it stands still and calls a busy line again, an entry that arrives in
+// correspondent fetches its folder by calling in, an entry that arrives in
 // a call is entered once, and a far end that sends entries and requests meant
 // to reach other people's folders reaches nothing.
 
@@ -14,7 +13,6 @@
 #include "harness.h"
 #include "peer_fixture.h"
 #include "platform/files.h"
-#include "support/far_end.h"
 #include "support/installation.h"
 #include "support/wire_peer.h"
 #include "two_stations.h"
@@ -39,23 +37,21 @@ void AddRecord(Station& station, const std::string& name, const std::string& num
     EXPECT_EQ(station.Command("entry add"), "ok");
 }
 
-// Alice, Bob and Carol, each in an installation of their own on a line that
-// runs as fast as the ports go; a station starts when a test asks for it, so
-// that a test can play an end itself.
-class ThreeLines : public ::testing::Test {
+// Alice and Bob, each in an installation of their own on a line that runs as
+// fast as the ports go; a station starts when a test asks for it.
+class TwoLines : public ::testing::Test {
 protected:
     void SetUp() override {
-        for (const char* name : {"alice", "bob", "carol"}) {
+        for (const char* name : {"alice", "bob"}) {
             paths_.push_back(MakeInstallation(root_, name));
         }
         adapters_ = std::make_unique<VirtualAdapters>(
             std::vector<std::string>{paths_[0] + "/COM1=bitsurfr:5551001",
-                                     paths_[1] + "/COM1=zyxel-2864:5552002",
-                                     paths_[2] + "/COM1=3com:555"},
+                                     paths_[1] + "/COM1=zyxel-2864:5552002"},
             std::vector<std::string>{"--rate", "0"});
     }
 
-    // The station of line 0, 1 or 2, started and waiting for calls.
+    // The station of line 0 or 1, started and waiting for calls.
     Station& Start(size_t line) {
         stations_[line] = WaitingStation(paths_[line]);
         return *stations_[line];
@@ -82,10 +78,10 @@ protected:
     TempFolder root_;
     std::vector<std::string> paths_;
     std::unique_ptr<VirtualAdapters> adapters_;
-    std::unique_ptr<Station> stations_[3];
+    std::unique_ptr<Station> stations_[2];
 };
 
-TEST_F(ThreeLines, ACorrespondentFetchesItsFolderAndAnyoneElseIsToldThereIsNone) {
+TEST_F(TwoLines, ACorrespondentFetchesItsFolderAndAnyoneElseIsToldThereIsNone) {
     Station& alice = Start(0);
     Station& bob = Start(1);
 
@@ -184,47 +180,6 @@ TEST_F(ThreeLines, ACorrespondentFetchesItsFolderAndAnyoneElseIsToldThereIsNone)
     EXPECT_EQ(
         alice.Messages(),
         std::vector<std::string>{"Please launch your preferred web browser to use\non-line help."});
-}
-
-TEST_F(ThreeLines, AHotFolderSendsItselfOnceItStandsStillAndCallsABusyLineAgain) {
-    Station& alice = Start(0);
-    AddRecord(alice, "Bob", "5552002");
-    ASSERT_EQ(alice.Command("make-folder"), "ok");
-    ASSERT_EQ(alice.Command("select Bob"), "ok");
-    ASSERT_EQ(alice.Command("hot send"), "ok");
-    ASSERT_EQ(alice.Command("entry change"), "ok");
-
-    // Bob's line is busy: his adapter is in a call with Carol's.
-    FarEnd bob(paths_[1] + "/COM1");
-    FarEnd carol(paths_[2] + "/COM1");
-    ASSERT_NE(carol.Command("ATS0=1").find("OK"), std::string::npos);
-    ASSERT_TRUE(bob.Dial("555"));
-
-    const std::vector<peer::File> files = {{"report.bin", RandomBytes(150000, 43)},
-                                           {"summary.txt", RandomBytes(700, 44)}};
-    for (const peer::File& file : files) {
-        WriteWholeFile(PickUp(0, "Bob/" + file.Name), file.Bytes);
-    }
-    // Two looks 15 s apart see the same total: the folder dials by itself,
-    // and finds the line busy.
-    ASSERT_TRUE(alice.WaitForLog("Calling Bob", std::chrono::seconds(60)));
-    ASSERT_TRUE(alice.WaitForLog("Busy", std::chrono::seconds(30)));
-    ASSERT_TRUE(bob.HangUp());
-
-    // The files wait; two looks later it calls again, and Bob takes them.
-    ASSERT_TRUE(bob.Answer(60000));
-    std::vector<peer::File> arrived;
-    std::string folder;
-    EXPECT_EQ(peer::ReceiveSession(bob, arrived, &folder), "");
-    EXPECT_EQ(folder, "Bob");
-    ExpectArrived(arrived, files, true);
-    ASSERT_TRUE(alice.WaitForLog("All files sent."));
-    ASSERT_TRUE(alice.WaitForLog("Reinitializing Incoming"));
-    for (const peer::File& file : files) {
-        EXPECT_TRUE(PathExists(PickUp(0, "Bob/Sent Files/" + file.Name))) << file.Name;
-    }
-    EXPECT_EQ(LinesHolding(alice.LogLines(), {"Calling Bob", "Busy"}),
-              (std::vector<std::string>{"Calling Bob", "Busy", "Calling Bob"}));
 }
 
 TEST(EntriesInACall, AnEntryIsEnteredOnceAtTheEndOfTheCallThatBroughtItWhole) {

@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "engine/dialing.h"
@@ -92,6 +93,26 @@ TEST_F(PickUpTest, AHotFolderGoesOutOnceItsTotalHasStoodStill) {
     EXPECT_EQ(HotFolderDue(engine_), 0);  // unchanged since the last look: it goes out
     EXPECT_EQ(stores_.Directory[0].HotBytes, 0u);
     EXPECT_TRUE(Messages().empty());
+    // A dial that finds the line busy leaves the folder as it was, and two
+    // looks later it dials again.
+    for (int dial = 0; dial < 2; ++dial) {
+        if (dial > 0) {
+            EXPECT_EQ(HotFolderDue(engine_), std::nullopt);
+            EXPECT_EQ(HotFolderDue(engine_), 0);
+        }
+        std::thread place([this] { SendHotFolder(engine_, CallRequest{"123", "Hot", 0, {}}); });
+        std::string command;
+        for (int answered = 0; answered < 8 && command.rfind("ATD", 0) != 0; ++answered) {
+            command = AnswerCommand();
+        }
+        place.join();
+        EXPECT_EQ(command, "ATD123");
+        Send("\r\nBUSY\r\n");
+        ASSERT_TRUE(AnswerProfile());
+        ASSERT_TRUE(WaitForState(LinkState::Idle));
+    }
+    EXPECT_EQ(LinesHolding(Log(), {"Calling Hot", "Busy"}),
+              (std::vector<std::string>{"Calling Hot", "Busy", "Calling Hot", "Busy"}));
     // A record without a number is not dialled.
     SendHotFolder(engine_, CallRequest{});
     EXPECT_TRUE(engine_.PickupSend.load());
