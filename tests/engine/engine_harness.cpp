@@ -1,8 +1,6 @@
 #include "engine_harness.h"
 
-#include <chrono>
 #include <cstdint>
-#include <thread>
 
 #include "engine/engine_window.h"
 #include "engine/wire.h"
@@ -106,17 +104,19 @@ void EngineHarness::AnswerHangUp(bool behindData) {
     far_.Send("\r\nOK\r\n");
     EXPECT_EQ(AnswerCommand(), "ATH");
     EXPECT_TRUE(AnswerProfile());
+    EXPECT_TRUE(WaitForState(LinkState::Idle));
 }
 
-bool EngineHarness::WaitUntil(const std::function<bool()>& condition, int timeoutMs) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= end) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
+void EngineHarness::AnswerLostLine(int timeoutMs) {
+    EXPECT_EQ(AnswerCommand(timeoutMs), "AT");
+    EXPECT_TRUE(AnswerProfile());
+    EXPECT_TRUE(WaitForState(LinkState::Idle));
+}
+
+void EngineHarness::DropLine() {
+    Send("\r\nNO CARRIER\r\n");
+    EXPECT_TRUE(AnswerProfile());
+    EXPECT_TRUE(WaitForState(LinkState::Idle));
 }
 
 void EngineHarness::ConnectAsReceiver() {

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -70,8 +71,15 @@ protected:
     bool AnswerProfile(int timeoutMs = 6000);
     // The hang-up of a sender: "+++" then "ATH", both answered, and the
     // incoming profile that follows; "+++" alone or behind data still on its
-    // way.
+    // way. The link is idle again.
     void AnswerHangUp(bool behindData = false);
+    // The end of a call whose line has gone: the adapter, in command mode,
+    // answers "AT", which comes within the time, then the incoming profile;
+    // the link is idle again.
+    void AnswerLostLine(int timeoutMs = 6000);
+    // The far end hangs up: NO CARRIER, the incoming profile answered, and
+    // the link idle again.
+    void DropLine();
 
     // ---- The engine ----
     bool WaitForState(LinkState state, int timeoutMs = 5000) {
@@ -86,7 +94,9 @@ protected:
         PortConversation conversation(*engine_.Line);
         return f();
     }
-    static bool WaitUntil(const std::function<bool()>& condition, int timeoutMs = 5000);
+    static bool WaitUntil(const std::function<bool()>& condition, int timeoutMs = 5000) {
+        return PollUntil(condition, std::chrono::milliseconds(timeoutMs));
+    }
     // The program's exit and its next start, as far as the engine goes: what
     // it held in memory is gone, and what it keeps on the disk is read again.
     void RestartEngine() {
@@ -111,6 +121,12 @@ protected:
     void ConnectAsCaller();
     // Called, RCVCON sent, and the list of that many entries taken.
     void ConnectAndTakeList(size_t entries);
+    // A file chosen as the only one of the list, and a call to take it.
+    std::string CallWithFile(const std::string& name, const std::string& bytes) {
+        const std::string path = ChooseFile(name, bytes);
+        ConnectAndTakeList(1);
+        return path;
+    }
     // A file in the installation, put at the end of SendList as the window
     // does; returns its path.
     std::string ChooseFile(const std::string& name, const std::string& bytes);

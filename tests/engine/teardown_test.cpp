@@ -47,18 +47,9 @@ protected:
         EXPECT_EQ(Take(7), "ABORT\r\n");
         EXPECT_EQ(engine_.Call.LinkState.load(), LinkState::Connected);
         std::thread again([&] { EndCall(engine_, CallEnd::Requested); });
-        EXPECT_EQ(AnswerCommand(), "AT");
-        EXPECT_TRUE(AnswerProfile());
+        AnswerLostLine();
         again.join();
-        EXPECT_EQ(engine_.Call.LinkState.load(), LinkState::Idle);
         ASSERT_TRUE(PathExists(Incoming(file.Name + ".part")));
-    }
-
-    // The far end hangs up after the last ACK.
-    void EndTheCall() {
-        Send("\r\nNO CARRIER\r\n");
-        EXPECT_TRUE(AnswerProfile());
-        ASSERT_TRUE(WaitForState(LinkState::Idle));
     }
 };
 
@@ -67,8 +58,7 @@ protected:
     // A short file goes out and is acknowledged as the last: the sender
     // hangs up next.
     void SendOneFileToTheLastAck() {
-        ChooseFile("note.txt", LetterBytes(300));
-        ConnectAndTakeList(1);
+        CallWithFile("note.txt", LetterBytes(300));
         Send("ACK3\r\n");
         Take(302);
         ASSERT_TRUE(WaitForState(LinkState::FileSent));
@@ -93,16 +83,14 @@ TEST_F(CallEndTest, EachWayOfEndingLogsItsLinesAndLeavesTheLinkIdle) {
         {"the sender loses the line in a transfer",
          [this] {
              // Far more than the line holds while the far end takes nothing.
-             ChooseFile("d.bin", RandomBytes(4 * SectionFileBytes, 19));
-             ConnectAndTakeList(1);
+             CallWithFile("d.bin", RandomBytes(4 * SectionFileBytes, 19));
              Send("ACK3\r\n\r\nNO CARRIER\r\n");
          },
          4 * SectionWireBytes,
          {"Remote end aborted transfer.", "Disconnected", rule, rule, profile}},
         {"the sender loses the line before the transfer",
          [this] {
-             ChooseFile("d.bin", RandomBytes(3000, 20));
-             ConnectAndTakeList(1);
+             CallWithFile("d.bin", RandomBytes(3000, 20));
              Send("\r\nNO CARRIER\r\n");
          },
          3002,
@@ -206,7 +194,7 @@ TEST_F(ReceiverTeardownTest, ARestartTakesUpOnlyAPartThatItsRecordVouchesFor) {
             Send(stream);
         }
         EXPECT_EQ(Take(6), "ACK2\r\n");
-        EndTheCall();
+        DropLine();
         EXPECT_TRUE(ReadWholeFile(Incoming(file.Name)) == file.Bytes);
         if (c.Resumed) {
             EXPECT_FALSE(PathExists(part));
@@ -225,9 +213,7 @@ TEST_F(ReceiverTeardownTest, AFileThatCannotBeWrittenEndsTheSession) {
     EXPECT_EQ(Take(7), "ABORT\r\n");
     EXPECT_TRUE(WaitForLog("Cannot write file: e.txt"));
     EXPECT_FALSE(Logged("All files received."));
-    Send("\r\nNO CARRIER\r\n");
-    EXPECT_TRUE(AnswerProfile());
-    ASSERT_TRUE(WaitForState(LinkState::Idle));
+    DropLine();
     ASSERT_TRUE(CreateFolder(stores_.Paths.IncomingPath));
 
     const peer::File first{"first.bin", RandomBytes(5000, 1)};
@@ -259,9 +245,7 @@ TEST_F(ReceiverTeardownTest, AFullDiskIsSaidAndTheFileTakenUpOnceThereIsRoom) {
     const auto full = std::find(log.begin(), log.end(), "Not enough free space on volume.");
     ASSERT_NE(full, log.begin());
     EXPECT_EQ(*(full - 1), "Cannot write file: big.bin");
-    Send("\r\nNO CARRIER\r\n");
-    EXPECT_TRUE(AnswerProfile());
-    ASSERT_TRUE(WaitForState(LinkState::Idle));
+    DropLine();
     EXPECT_EQ(ReadWholeFile(Incoming("big.bin.part")).size(), SectionFileBytes);
 
     ASSERT_TRUE(volume.Resize("1m"));
@@ -294,9 +278,7 @@ TEST_F(ReceiverTeardownTest, FiveSecondsWithoutABlockAbortTheTransferAndTenOfSil
     JumpClock(9000);
     EXPECT_EQ(TakeFor(500), "");
     JumpClock(501);
-    EXPECT_EQ(AnswerCommand(700), "AT");
-    EXPECT_TRUE(AnswerProfile());
-    EXPECT_TRUE(WaitForState(LinkState::Idle));
+    AnswerLostLine(700);
 }
 
 // A caller that says SYNCON again and again, and nothing else, is let go
@@ -311,9 +293,7 @@ TEST_F(ReceiverTeardownTest, ACallerThatOnlyRepeatsSynconIsLetGoAtTheLimitOfItsF
     EXPECT_EQ(Take(8), "RCVCON\r\n");
     Inspect([] {});
     JumpClock(1001);
-    EXPECT_EQ(AnswerCommand(), "AT");
-    EXPECT_TRUE(AnswerProfile());
-    EXPECT_TRUE(WaitForState(LinkState::Idle));
+    AnswerLostLine();
 }
 
 // A caller that passed a list and then streams bytes that are no blocks:
@@ -357,21 +337,12 @@ TEST_F(SenderTeardownTest, AFarEndSilentForTheReceiversLimitsIsLetGo) {
         std::function<void()> End;  // the adapter's part in the hang-up
     };
     const std::vector<Case> cases = {
-        {"no answer to the list",
-         [this] {
-             ChooseFile("a.txt", LetterBytes(3000));
-             ConnectAndTakeList(1);
-         },
-         10000,
+        {"no answer to the list", [this] { CallWithFile("a.txt", LetterBytes(3000)); }, 10000,
          // "AT" answered: the adapter is in command mode, the line has gone.
-         [this] {
-             EXPECT_EQ(AnswerCommand(), "AT");
-             EXPECT_TRUE(AnswerProfile());
-         }},
+         [this] { AnswerLostLine(); }},
         {"the line takes no more of the file",
          [this] {
-             ChooseFile("b.bin", LetterBytes(4 * SectionFileBytes));
-             ConnectAndTakeList(1);
+             CallWithFile("b.bin", LetterBytes(4 * SectionFileBytes));
              Send("ACK3\r\n");
              ASSERT_TRUE(WaitForState(LinkState::Transfer));
          },
@@ -387,7 +358,6 @@ TEST_F(SenderTeardownTest, AFarEndSilentForTheReceiversLimitsIsLetGo) {
         JumpClock(2001);
         ASSERT_TRUE(WaitUntil(said, 3000));
         c.End();
-        ASSERT_TRUE(WaitForState(LinkState::Idle));
         const std::vector<std::string> log = Log();
         const auto line = std::find(log.rbegin(), log.rend(), "Remote end not responding.");
         ASSERT_NE(line, log.rend());
@@ -397,12 +367,9 @@ TEST_F(SenderTeardownTest, AFarEndSilentForTheReceiversLimitsIsLetGo) {
 }
 
 TEST_F(SenderTeardownTest, AFileThatCannotBeReadEndsTheCall) {
-    const std::string path = ChooseFile("gone.txt", LetterBytes(3000));
-    ConnectAndTakeList(1);
-    ASSERT_TRUE(DeleteFileAt(path));
+    ASSERT_TRUE(DeleteFileAt(CallWithFile("gone.txt", LetterBytes(3000))));
     Send("ACK3\r\n");
     AnswerHangUp();
-    EXPECT_TRUE(WaitForState(LinkState::Idle));
     EXPECT_TRUE(Logged("Cannot read file: gone.txt"));
     EXPECT_FALSE(FeederRunning(engine_));
     // Its time went untold; a later call's end must not tell it either.
@@ -436,10 +403,8 @@ TEST_F(SenderTeardownTest, AnUnansweredHangUpIsTriedTwiceMoreFiveSecondsApart) {
     EXPECT_FALSE(Logged("Disconnected"));
 
     // When the line falls after all, the call ends as any other.
-    Send("\r\nNO CARRIER\r\n");
-    EXPECT_TRUE(AnswerProfile());
-    EXPECT_TRUE(WaitForLog("Disconnected"));
-    EXPECT_TRUE(WaitForState(LinkState::Idle));
+    DropLine();
+    EXPECT_TRUE(Logged("Disconnected"));
 }
 
 // The line fell while the sender was busy, and its NO CARRIER went with the
@@ -450,9 +415,7 @@ TEST_F(SenderTeardownTest, AnEscapeLeftUnansweredByAnAdapterThatAnswersAtEndsThe
     SendOneFileToTheLastAck();
     ASSERT_TRUE(Comes("+++"));
     JumpClock(3000);
-    EXPECT_EQ(AnswerCommand(), "AT");
-    EXPECT_TRUE(AnswerProfile());
-    EXPECT_TRUE(WaitForState(LinkState::Idle));
+    AnswerLostLine();
     EXPECT_FALSE(Logged("Hang-up failed."));
 }
 

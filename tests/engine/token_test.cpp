@@ -78,20 +78,17 @@ TEST_F(SenderTokenTest, AnAcceptanceBehindNoiseStartsTheTransferAndAck1CountsAsA
 
 TEST_F(SenderTokenTest, FileResta1GoesOnFromTheReceiversPosition) {
     const std::string bytes = RandomBytes(2 * SectionFileBytes + 500, 13);
-    ChooseFile("big.bin", bytes);
-    ConnectAndTakeList(1);
+    CallWithFile("big.bin", bytes);
     Send("FILERESTA1\r\n" + peer::RecoveryBody(peer::StreamLength(bytes.size()), 2, 502));
     EXPECT_EQ(Take(502), peer::Stream(bytes).substr(2 * SectionWireBytes));
 }
 
 TEST_F(SenderTokenTest, AListWithNoDataIsThroughAtTheFirstAck2AndAnEarlyOneLeavesNoTotal) {
-    ChooseFile("e", "");
-    ConnectAndTakeList(1);
+    CallWithFile("e", "");
     Send("ACK2\r\n");
     AnswerHangUp();
-    EXPECT_TRUE(WaitForLog("All files sent."));
+    EXPECT_TRUE(Logged("All files sent."));
     EXPECT_EQ(engine_.SendList.Count(), 0);
-    ASSERT_TRUE(WaitForState(LinkState::Idle));
 
     // A far end that says ACK2 while files of the list have not gone ends the
     // session as well; the bytes of those files count no more, so that the
@@ -101,23 +98,20 @@ TEST_F(SenderTokenTest, AListWithNoDataIsThroughAtTheFirstAck2AndAnEarlyOneLeave
     ConnectAndTakeList(2);
     Send("ACK2\r\n");
     AnswerHangUp();
-    EXPECT_TRUE(WaitUntil([this] { return Count("All files sent.") == 2; }));
-    ASSERT_TRUE(WaitForState(LinkState::Idle));
+    EXPECT_EQ(Count("All files sent."), 2);
     EXPECT_EQ(engine_.SendList.Count(), 0);
     EXPECT_EQ(engine_.SendList.Remaining(), 0u);
 }
 
 TEST_F(SenderTokenTest, ARecoveryBodyOutsideTheFileEndsTheCall) {
     const std::string bytes = LetterBytes(1000);
-    ChooseFile("s.txt", bytes);
-    ConnectAndTakeList(1);
+    CallWithFile("s.txt", bytes);
     Send("ACK3\r\n");
     EXPECT_EQ(Take(1002), peer::Stream(bytes));
     EXPECT_TRUE(WaitForState(LinkState::FileSent));
     // A position sixteen blocks into a file that has none.
     Send("FILERECOVR\r\n" + peer::RecoveryBody(1002, 1, 0));
     AnswerHangUp();
-    EXPECT_TRUE(WaitForState(LinkState::Idle));
     EXPECT_FALSE(FeederRunning(engine_));
 }
 
@@ -134,7 +128,6 @@ TEST_F(SenderTokenTest, ARefusedListIsNamedInTheLogAndTheCallHungUpAtOnce) {
         ConnectAndTakeList(1);
         Send(token);
         AnswerHangUp();
-        EXPECT_TRUE(WaitForState(LinkState::Idle));
         EXPECT_EQ(Count(line), 1);
         EXPECT_EQ(engine_.SendList.Count(), 1);
     }
