@@ -163,13 +163,10 @@ TEST_F(AdmissionTest, NamesTakenOnDiskOrByTheListGetSuffixesAndTheAnnouncedNameI
 
     // A suffix never cuts a character of two bytes in two: fifteen "ü" and
     // an "a" are 31 bytes, and 29 of them would end inside the fifteenth.
-    const std::string umlauts = [] {
-        std::string text;
-        for (int i = 0; i < 15; ++i) {
-            text += "\xC3\xBC";
-        }
-        return text;
-    }();
+    std::string umlauts;
+    for (int i = 0; i < 15; ++i) {
+        umlauts += "\xC3\xBC";
+    }
     EXPECT_EQ(Offer({{umlauts + "a", 0, 5}, {umlauts + "a", 0, 5}}), "ACK3\r\n");
     EXPECT_EQ(ReceivedNames(),
               (std::vector<std::string>{umlauts + "a", umlauts.substr(0, 28) + "-A"}));

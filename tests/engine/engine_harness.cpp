@@ -2,10 +2,7 @@
 
 #include <cstdint>
 
-#include "engine/engine_window.h"
 #include "engine/wire.h"
-#include "line/adapter.h"
-#include "line/comm_port.h"
 #include "platform/files.h"
 
 namespace kb::test {
@@ -55,15 +52,14 @@ void EngineHarness::SetUp() {
     stores_.Prefs.AdapterModel = ModelBitSURFR;
     SetEngineLine(engine_, line_);
     EngineStartup(engine_, stores_);
-    engine_.CommThreadRun = true;
     line_.AdapterFound = 1;
     line_.SetLinePolling(1);
-    commThread_ = StartThread(CommThread, &engine_, ThreadPriority::Normal, false);
+    commThread_ = StartCommThread(engine_);
     ASSERT_TRUE(commThread_ != nullptr);
 }
 
 void EngineHarness::TearDown() {
-    engine_.CommThreadRun = false;
+    StopCommThread(engine_);
     line_.InterruptPortWait();
     JoinThread(commThread_);
     StopFeeder(engine_);

@@ -15,7 +15,6 @@
 
 #include "engine/receiving_session_test_hooks.h"
 #include "engine/transfer_engine.h"
-#include "line/adapter.h"
 #include "line/line.h"
 #include "platform/thread.h"
 #include "stores/installation.h"

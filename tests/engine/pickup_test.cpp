@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -13,7 +12,6 @@
 #include "engine/pickup.h"
 #include "engine/sessions.h"
 #include "engine_harness.h"
-#include "line/profiles.h"
 #include "platform/files.h"
 #include "stores/directory.h"
 

@@ -12,7 +12,6 @@
 
 #include "engine/call_end.h"
 #include "engine/session_threads.h"
-#include "engine/teardown.h"
 #include "engine/wire.h"
 #include "engine_harness.h"
 #include "platform/files.h"

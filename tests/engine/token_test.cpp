@@ -11,20 +11,15 @@
 #include "engine/session_threads.h"
 #include "engine/wire.h"
 #include "engine_harness.h"
-#include "line/adapter.h"
 #include "platform/files.h"
 
 namespace kb::test {
 
 using namespace kb::engine;
 
-namespace {
-
 using ReceiverTokenTest = EngineHarness;
 using SenderTokenTest = EngineHarness;
 using CallProgressTest = EngineHarness;
-
-}  // namespace
 
 TEST_F(ReceiverTokenTest, NoiseAndTwoTokensOnALineAreHeardAndInRecoveryOnlySendRecovr) {
     ConnectAsReceiver();
