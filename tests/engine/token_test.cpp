@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "engine/dialing.h"
@@ -78,26 +77,6 @@ TEST_F(SenderTokenTest, FileResta1GoesOnFromTheReceiversPosition) {
     EXPECT_EQ(Take(502), peer::Stream(bytes).substr(2 * SectionWireBytes));
 }
 
-TEST_F(SenderTokenTest, AListWithNoDataIsThroughAtTheFirstAck2AndAnEarlyOneLeavesNoTotal) {
-    CallWithFile("e", "");
-    Send("ACK2\r\n");
-    AnswerHangUp();
-    EXPECT_TRUE(Logged("All files sent."));
-    EXPECT_EQ(engine_.SendList.Count(), 0);
-
-    // A far end that says ACK2 while files of the list have not gone ends the
-    // session as well; the bytes of those files count no more, so that the
-    // next list's estimate and header hold only its own.
-    ChooseFile("f", LetterBytes(500));
-    ChooseFile("g", LetterBytes(700));
-    ConnectAndTakeList(2);
-    Send("ACK2\r\n");
-    AnswerHangUp();
-    EXPECT_EQ(Count("All files sent."), 2);
-    EXPECT_EQ(engine_.SendList.Count(), 0);
-    EXPECT_EQ(engine_.SendList.Remaining(), 0u);
-}
-
 TEST_F(SenderTokenTest, ARecoveryBodyOutsideTheFileEndsTheCall) {
     const std::string bytes = LetterBytes(1000);
     CallWithFile("s.txt", bytes);
@@ -110,21 +89,40 @@ TEST_F(SenderTokenTest, ARecoveryBodyOutsideTheFileEndsTheCall) {
     EXPECT_FALSE(FeederRunning(engine_));
 }
 
-// A refused list would leave the sender waiting for the far end's watchdog:
-// it says which refusal came and hangs up at once, keeping its list.
-TEST_F(SenderTokenTest, ARefusedListIsNamedInTheLogAndTheCallHungUpAtOnce) {
-    ChooseFile("r.txt", LetterBytes(500));
-    const std::vector<std::pair<std::string, std::string>> refusals = {
-        {"NAK3\r\n", "The far end refused the list: not enough free space."},
-        {"NAK4\r\n", "The far end refused the list as corrupted."},
+// A far end that answers the list with a refusal or with ACK2 ends the
+// session, and the sender hangs up at once rather than wait for the far end's
+// watchdog. A refusal is named in the log, and the list kept. ACK2 is the end
+// of a list with no data, and ends one whose files have not gone as well: the
+// bytes of those files count no more, so that the next list's estimate and
+// header hold only its own.
+TEST_F(SenderTokenTest, ARefusalOrAnAck2ToTheListEndsTheSessionAtOnce) {
+    struct Case {
+        const char* What;
+        peer::File Chosen;  // put on the list before the call, beside what is left
+        const char* Token;
+        const char* Line;
+        int Left;  // files on the list after the call
+        uint32_t Remaining;
     };
-    for (const auto& [token, line] : refusals) {
-        SCOPED_TRACE(line);
-        ConnectAndTakeList(1);
-        Send(token);
+    const char* fullLine = "The far end refused the list: not enough free space.";
+    const std::vector<Case> cases = {
+        {"no room", {"r.txt", LetterBytes(500)}, "NAK3\r\n", fullLine, 1, 502},
+        {"a corrupted list", {}, "NAK4\r\n", "The far end refused the list as corrupted.", 1, 502},
+        {"an early ACK2", {"g", LetterBytes(700)}, "ACK2\r\n", "All files sent.", 0, 0},
+        {"no data", {"e", ""}, "ACK2\r\n", "All files sent.", 0, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.What);
+        if (!c.Chosen.Name.empty()) {
+            ChooseFile(c.Chosen.Name, c.Chosen.Bytes);
+        }
+        const long before = Count(c.Line);
+        ConnectAndTakeList(static_cast<size_t>(engine_.SendList.Count()));
+        Send(c.Token);
         AnswerHangUp();
-        EXPECT_EQ(Count(line), 1);
-        EXPECT_EQ(engine_.SendList.Count(), 1);
+        EXPECT_EQ(Count(c.Line), before + 1);
+        EXPECT_EQ(engine_.SendList.Count(), c.Left);
+        EXPECT_EQ(engine_.SendList.Remaining(), c.Remaining);
     }
 }
 
