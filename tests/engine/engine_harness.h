@@ -27,8 +27,6 @@
 
 namespace kb::test {
 
-using engine::EngineShutdown;
-using engine::EngineStartup;
 using engine::FileEntry;
 using engine::LinkState;
 using engine::TransferEngine;
@@ -95,14 +93,6 @@ protected:
     }
     static bool WaitUntil(const std::function<bool()>& condition, int timeoutMs = 5000) {
         return PollUntil(condition, std::chrono::milliseconds(timeoutMs));
-    }
-    // The program's exit and its next start, as far as the engine goes: what
-    // it held in memory is gone, and what it keeps on the disk is read again.
-    void RestartEngine() {
-        Inspect([this] {
-            EngineShutdown(engine_);
-            EngineStartup(engine_, stores_);
-        });
     }
     bool WaitForLog(const std::string& line, int timeoutMs = 5000) {
         return WaitUntil([&] { return Logged(line); }, timeoutMs);

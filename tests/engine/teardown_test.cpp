@@ -52,18 +52,7 @@ protected:
     }
 };
 
-class SenderTeardownTest : public EngineHarness {
-protected:
-    // A short file goes out and is acknowledged as the last: the sender
-    // hangs up next.
-    void SendOneFileToTheLastAck() {
-        CallWithFile("note.txt", LetterBytes(300));
-        Send("ACK3\r\n");
-        Take(302);
-        ASSERT_TRUE(WaitForState(LinkState::FileSent));
-        Send("ACK2\r\n");
-    }
-};
+using SenderTeardownTest = EngineHarness;
 
 }  // namespace
 
@@ -208,7 +197,13 @@ TEST_F(ReceiverTeardownTest, ARestartTakesUpOnlyAPartThatItsRecordVouchesFor) {
         LeaveAPartForAResume(file);
         c.Change(part);
         const std::string left = ReadWholeFile(part);
-        RestartEngine();
+        // The program's exit and its next start, as far as the engine goes:
+        // what it held in memory is gone, and what it keeps on the disk is
+        // read again.
+        Inspect([this] {
+            EngineShutdown(engine_);
+            EngineStartup(engine_, stores_);
+        });
 
         const std::string stream = peer::Stream(file.Bytes);
         const uint32_t length = peer::StreamLength(file.Bytes.size());
@@ -363,13 +358,22 @@ TEST_F(SenderTeardownTest, AFileThatCannotBeReadEndsTheCall) {
 // 5 s apart, and then leaves the call to the line's fall or the user.
 TEST_F(SenderTeardownTest, AnUnansweredEscapeEndsALostCallOrIsTriedTwiceMoreFiveSecondsApart) {
     ShortenPauses();
-    SendOneFileToTheLastAck();
+    // A short file goes out and is acknowledged as the last: the sender
+    // hangs up next.
+    const auto sendOneFileToTheLastAck = [this] {
+        CallWithFile("note.txt", LetterBytes(300));
+        Send("ACK3\r\n");
+        Take(302);
+        ASSERT_TRUE(WaitForState(LinkState::FileSent));
+        Send("ACK2\r\n");
+    };
+    sendOneFileToTheLastAck();
     ASSERT_TRUE(Comes("+++"));
     JumpClock(3000);
     AnswerLostLine();
     EXPECT_FALSE(Logged("Hang-up failed."));
 
-    SendOneFileToTheLastAck();
+    sendOneFileToTheLastAck();
     ASSERT_TRUE(Comes("+++", 12000));
     for (long failed = 1; failed <= 3; ++failed) {
         SCOPED_TRACE(failed);
