@@ -82,8 +82,7 @@ std::string EngineHarness::AnswerCommand(int timeoutMs) {
 }
 
 bool EngineHarness::AnswerProfile(int timeoutMs) {
-    const std::string before = TakeUntil("AT\\Q", timeoutMs);
-    if (before.size() < 4 || before.substr(before.size() - 4) != "AT\\Q") {
+    if (!Comes("AT\\Q", timeoutMs)) {
         return false;
     }
     const std::string rest = TakeUntil("\r", timeoutMs);
