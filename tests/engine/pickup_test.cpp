@@ -49,11 +49,6 @@ protected:
         }
         stores_.Directory.Count = static_cast<int16_t>(stores_.Directory.Count.load() + 1);
     }
-
-    // RETRIEVE and the caller's number in its 32-byte field.
-    static std::string Request(const std::string& number) {
-        return "RETRIEVE\r\n" + number + std::string(32 - number.size(), '\0');
-    }
 };
 
 }  // namespace
@@ -63,8 +58,9 @@ protected:
 TEST_F(PickUpTest, TheHolderAnswersARequestForAnEmptyFolderAndStaysTheReceiver) {
     AddRecord("Empty", "030 5555+7777", false, {});
     ConnectAsReceiver();
-    // 5555 matches the record, whose folder holds only "Sent Files".
-    Send(Request("5555"));
+    // 5555, in its 32-byte field, matches the record, whose folder holds
+    // only "Sent Files".
+    Send("RETRIEVE\r\n5555" + std::string(28, '\0'));
     EXPECT_EQ(Take(13), "NOFILEAVAIL\r\n");
     EXPECT_TRUE(WaitForLog("No files to be retrieved."));
     EXPECT_EQ(engine_.Call.LinkState.load(), LinkState::Connected);
