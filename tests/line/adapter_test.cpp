@@ -26,8 +26,6 @@ using namespace kb::stores;
 
 namespace {
 
-using Texts = std::vector<std::string>;
-
 TEST_F(LineTest, ExchangeKeepsTheWholeReplyAndPutsPollingBackAsItWas) {
     Attach(1, [](const std::string& command, uint32_t) {
         return command == "ATQ" ? EchoOnly(command) : Answer(command, {"line one"});
@@ -277,14 +275,9 @@ TEST_F(LineTest, QuickStartGoesToTheSavedPortAndSpeed) {
         EXPECT_EQ(PortSpeedChoice(stores_.Prefs),
                   c.Selected == 230400 ? SpeedChoice::At230400 : SpeedChoice::At115200);
         EXPECT_EQ(line_.LinePollingEnabled.load(), true);
-        Texts commands;
-        const size_t shown = std::count(c.Commands.begin(), c.Commands.end(), '|') + 1;
-        for (const ReceivedCommand& command : adapter.Commands()) {
-            if (commands.size() < shown) {
-                commands.push_back(command.Text + "@" + std::to_string(command.Speed));
-            }
-        }
-        EXPECT_EQ(Joined(commands), c.Commands);
+        const std::vector<ReceivedCommand> all = adapter.Commands();
+        const size_t shown = std::min(all.size(), CommandCount(c.Commands));
+        EXPECT_EQ(Described({all.begin(), all.begin() + shown}, c.Commands), c.Commands);
         EXPECT_EQ(Joined(Logged()).substr(0, c.Logged.size()), c.Logged);
         if (c.Model == ModelBitSURFR) {
             EXPECT_EQ(line_.OwnNumberCaption(), "Your ISDN Number: 5552001     BitSURFR Pro");

@@ -1,5 +1,6 @@
 #include "line_fixture.h"
 
+#include <algorithm>
 #include <memory>
 
 #include "platform/key_state.h"
@@ -18,6 +19,21 @@ std::string Joined(const std::vector<std::string>& lines) {
         all += (all.empty() ? "" : " | ") + line;
     }
     return all;
+}
+
+std::string Described(const std::vector<ReceivedCommand>& commands, const std::string& expected) {
+    Texts texts;
+    for (const ReceivedCommand& command : commands) {
+        const std::string any = command.Text + "@any";
+        texts.push_back(expected.find(any) != std::string::npos
+                            ? any
+                            : command.Text + "@" + std::to_string(command.Speed));
+    }
+    return Joined(texts);
+}
+
+size_t CommandCount(const std::string& described) {
+    return static_cast<size_t>(std::count(described.begin(), described.end(), '|')) + 1;
 }
 
 AdapterScript BitsurfrScript() {

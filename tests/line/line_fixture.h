@@ -24,6 +24,7 @@ namespace kb::test {
 using line::Line;
 using line::NumberReply;
 using stores::Installation;
+using Texts = std::vector<std::string>;
 
 // How a scripted adapter of one family answers.
 struct AdapterScript {
@@ -53,6 +54,12 @@ ScriptedAdapter::Responder RespondAs(AdapterScript script);
 
 // The lines as one text, " | " between them, so that a table's cell holds them.
 std::string Joined(const std::vector<std::string>& lines);
+// The commands as "text@speed", joined, so that a mismatch shows both; where
+// the expectation says "@any" for a command, the command and a change of
+// speed race each other on the line.
+std::string Described(const std::vector<ReceivedCommand>& commands, const std::string& expected);
+// How many commands a joined text names.
+size_t CommandCount(const std::string& described);
 
 class LineTest : public ::testing::Test {
 protected:
