@@ -37,36 +37,29 @@ size_t CommandCount(const std::string& described) {
 }
 
 AdapterScript BitsurfrScript() {
-    AdapterScript script;
-    script.Identity0 = {"960"};
-    script.Identity8 = {"BitSURFR Pro ISDN Terminal Adapter"};
-    script.NumberQuery = "AT!N1?";
-    script.NumberReply = "AT!N1?\r\r\n5552001\r\nOK\r\n";
-    return script;
+    return {.Identity0 = {"960"},
+            .Identity8 = {"BitSURFR Pro ISDN Terminal Adapter"},
+            .NumberQuery = "AT!N1?",
+            .NumberReply = "AT!N1?\r\r\n5552001\r\nOK\r\n"};
 }
 
 AdapterScript AdtranScript(bool xrt) {
-    AdapterScript script;
-    script.Identity0 = {xrt ? "ADTRAN EXPRESS XRT ISDN" : "ADTRAN EXPRESS XR ISDN", "Rev. B"};
-    script.NumberQuery = xrt ? "ATSS63?" : "ATSS62?";
-    script.NumberReply = Answer(script.NumberQuery, {xrt ? "5552063" : "5552062"});
-    return script;
+    const std::string query = xrt ? "ATSS63?" : "ATSS62?";
+    return {.Identity0 = {xrt ? "ADTRAN EXPRESS XRT ISDN" : "ADTRAN EXPRESS XR ISDN", "Rev. B"},
+            .NumberQuery = query,
+            .NumberReply = Answer(query, {xrt ? "5552063" : "5552062"})};
 }
 
 AdapterScript ZyxelScript(const std::string& modelNumber) {
-    AdapterScript script;
-    script.Identity0 = {"ZyXEL " + modelNumber, "V 2.17"};
-    script.NumberQuery = "AT&ZI?";
-    script.NumberReply = Answer("AT&ZI?", {"(MultiAuto):(5552864)"});
-    return script;
+    return {.Identity0 = {"ZyXEL " + modelNumber, "V 2.17"},
+            .NumberQuery = "AT&ZI?",
+            .NumberReply = Answer("AT&ZI?", {"(MultiAuto):(5552864)"})};
 }
 
 AdapterScript ThreeComScript() {
-    AdapterScript script;
-    script.Identity0 = {"3Com Impact IQ 3C882"};
-    script.NumberQuery = "ATS51?";
-    script.NumberReply = Answer("ATS51?", {"5553882"});
-    return script;
+    return {.Identity0 = {"3Com Impact IQ 3C882"},
+            .NumberQuery = "ATS51?",
+            .NumberReply = Answer("ATS51?", {"5553882"})};
 }
 
 ScriptedAdapter::Responder RespondAs(AdapterScript script) {

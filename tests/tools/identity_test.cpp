@@ -31,10 +31,6 @@ struct Choice {
     int16_t Variant;  // 7, which the identification leaves alone, where the family has none
 };
 
-void PrintTo(const Choice& choice, std::ostream* os) {
-    *os << choice.Family;
-}
-
 const Choice Choices[] = {
     {"bitsurfr", ModelBitSURFR, 7},   {"adtran-xr", ModelAdTran, 0},
     {"adtran-xrt", ModelAdTran, 1},   {"zyxel-2864", ModelZyXEL, 1},
@@ -119,17 +115,14 @@ TEST_P(AdapterChoice, IsIdentifiedGivesItsNumberAndTakesOnlyItsFamilysSetUps) {
         << "the 3Com's has no result code";
 }
 
-std::string ChoiceName(const testing::TestParamInfo<Choice>& info) {
-    std::string name = info.param.Family;
-    for (char& c : name) {
-        if (c == '-') {
-            c = '_';
-        }
-    }
-    return name;
-}
-
-INSTANTIATE_TEST_SUITE_P(VirtualTa, AdapterChoice, testing::ValuesIn(Choices), ChoiceName);
+INSTANTIATE_TEST_SUITE_P(VirtualTa, AdapterChoice, testing::ValuesIn(Choices),
+                         [](const testing::TestParamInfo<Choice>& info) {
+                             std::string name = info.param.Family;
+                             for (char& c : name) {
+                                 c = c == '-' ? '_' : c;
+                             }
+                             return name;
+                         });
 
 using VirtualTaCommandMode = VirtualTaTest;
 
