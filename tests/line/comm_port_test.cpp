@@ -211,7 +211,7 @@ TEST_F(CommPortTest, TheLockFileFollowsThePortAndAFolderWithoutOneIsSaidOnce) {
         CountLogged("Cannot write lock files in " + missing + "; ports are used without them."), 1);
 }
 
-TEST(CommPortRecord, OperationsWithoutARecordDoNothing) {
+TEST(CommPortRecord, OperationsWithoutARecordDoNothingAndAPortNumberNamesItsDevice) {
     TempFolder root;
     Installation stores(root.Path());
     TestClock clock;
@@ -223,10 +223,8 @@ TEST(CommPortRecord, OperationsWithoutARecordDoNothing) {
     EXPECT_EQ(line.PortQueueCount(PortQueue::Input), 0u);
     char buffer[TokenBufferSize] = {};
     EXPECT_EQ(line.ReadLine(10, buffer), nullptr);
-}
 
-TEST(CommPortRecord, PortNumberNamesALinkInTheInstallationOrASerialDevice) {
-    TempFolder root;
+    // A port number names a link in the installation, or a serial device.
     EXPECT_EQ(CommPortDevicePath(root.Path(), 3), "/dev/ttyS2");
     FarEnd far;
     far.LinkAs(root.Path(), 3);

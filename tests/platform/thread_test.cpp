@@ -37,6 +37,11 @@ unsigned CountOnce(void* parameter) {
     return 0;
 }
 
+unsigned RecordProcessor(void* parameter) {
+    static_cast<std::atomic<int>*>(parameter)->store(CurrentProcessor());
+    return 0;
+}
+
 struct Parker {
     ThreadHandle Self;
     std::atomic<int> Passes{0};
@@ -115,15 +120,6 @@ TEST(Thread, SeveralWakesBeforeAParkCountAsOne) {
     JoinThread(parker.Self);
     EXPECT_EQ(parker.Passes.load(), 2);
 }
-
-namespace {
-
-unsigned RecordProcessor(void* parameter) {
-    static_cast<std::atomic<int>*>(parameter)->store(CurrentProcessor());
-    return 0;
-}
-
-}  // namespace
 
 TEST(Thread, AThreadKeptOnAProcessorRunsThere) {
     const int processor = CurrentProcessor();
