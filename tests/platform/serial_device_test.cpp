@@ -1,8 +1,6 @@
 #include "platform/serial_device.h"
 
 #include <gtest/gtest.h>
-#include <termios.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
