@@ -37,7 +37,6 @@ protected:
         LineTest::SetUp();
         far_.LinkAs(root_.Path(), 1);
         OpenPort(1, 115200);
-        std::memset(buffer_, 0, sizeof buffer_);
     }
     int CountLogged(const std::string& line) const {
         const std::vector<std::string> log = Logged();
@@ -45,7 +44,7 @@ protected:
     }
 
     FarEnd far_;
-    char buffer_[TokenBufferSize];
+    char buffer_[TokenBufferSize] = {};
 };
 
 }  // namespace
