@@ -34,6 +34,11 @@ struct Choice {
     int16_t Variant;  // 7, which the identification leaves alone, where the family has none
 };
 
+// Named by its family in the test's name and wherever a failure prints it.
+void PrintTo(const Choice& choice, std::ostream* os) {
+    *os << choice.Family;
+}
+
 const Choice Choices[] = {
     {"bitsurfr", ModelBitSURFR, 7},   {"adtran-xr", ModelAdTran, 0},
     {"adtran-xrt", ModelAdTran, 1},   {"zyxel-2864", ModelZyXEL, 1},
