@@ -17,6 +17,7 @@
 #include "line_fixture.h"
 #include "platform/key_state.h"
 #include "stores/preferences.h"
+#include "support/test_data.h"
 
 namespace kb::test {
 
@@ -82,9 +83,7 @@ TEST_F(LineTest, ExchangeTakesThePortFromAReaderThatWaitsOnIt) {
     OpenPort(1, 115200);
     line_.SetLinePolling(true);
     PollingReader reader(line_);
-    while (reader.Passes() == 0) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    ASSERT_TRUE(PollUntil([&] { return reader.Passes() > 0; }, std::chrono::seconds(10)));
     // The reader sits in a long wait holding the lock; the exchange must wake
     // it rather than wait out its time.
     auto exchange = std::async(std::launch::async, [this] { return line_.SendAndWaitOk("AT"); });

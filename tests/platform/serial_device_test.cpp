@@ -11,6 +11,7 @@
 #include "platform/pseudo_terminal.h"
 #include "support/far_end.h"
 #include "support/process_state.h"
+#include "support/test_data.h"
 
 namespace kb::test {
 
@@ -59,9 +60,7 @@ TEST_F(SerialDeviceTest, UnderXonXoffAWriteHeldBackByAnXoffIsQueuedAndGoesOutWit
     ASSERT_EQ(port_.WaitForInput(2000), WaitResult::Input);
     std::atomic<int> result{-1};
     std::thread writer([&] { result.store(port_.Write("atv1\r", 5) ? 1 : 0); });
-    for (int wait = 0; wait < 1000 && result.load() == -1; ++wait) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    PollUntil([&] { return result.load() != -1; }, std::chrono::seconds(10));
     const int written = result.load();
     if (written == -1) {
         port_.Purge();  // lets a write that would wait for ever go

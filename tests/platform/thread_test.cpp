@@ -6,6 +6,8 @@
 #include <chrono>
 #include <thread>
 
+#include "support/test_data.h"
+
 namespace kb::test {
 
 using namespace kb::platform;
@@ -93,11 +95,7 @@ TEST(Thread, SuspendedThreadRunsOnlyAfterItsWake) {
     thread = StartThread(CountOnce, &runs, ThreadPriority::Normal, false);
     ASSERT_TRUE(thread);
     thread = nullptr;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (runs.load() == 1 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    EXPECT_EQ(runs.load(), 2);
+    EXPECT_TRUE(PollUntil([&] { return runs.load() == 2; }, std::chrono::seconds(5)));
 }
 
 TEST(Thread, SeveralWakesBeforeAParkCountAsOne) {
@@ -110,10 +108,7 @@ TEST(Thread, SeveralWakesBeforeAParkCountAsOne) {
     WakeThread(parker.Self);
     WakeThread(parker.Self);
     WakeThread(parker.Self);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (parker.Passes.load() < 1 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    PollUntil([&] { return parker.Passes.load() >= 1; }, std::chrono::seconds(5));
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_EQ(parker.Passes.load(), 1);  // parked the second time, not passed through
     WakeThread(parker.Self);
