@@ -108,7 +108,7 @@ TEST(Thread, SeveralWakesBeforeAParkCountAsOne) {
     WakeThread(parker.Self);
     WakeThread(parker.Self);
     WakeThread(parker.Self);
-    PollUntil([&] { return parker.Passes.load() >= 1; }, std::chrono::seconds(5));
+    EXPECT_TRUE(PollUntil([&] { return parker.Passes.load() >= 1; }, std::chrono::seconds(5)));
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_EQ(parker.Passes.load(), 1);  // parked the second time, not passed through
     WakeThread(parker.Self);
