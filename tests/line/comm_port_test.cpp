@@ -1,13 +1,11 @@
 #include "line/comm_port.h"
 
 #include <gtest/gtest.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -39,7 +37,6 @@ protected:
         LineTest::SetUp();
         far_.LinkAs(root_.Path(), 1);
         OpenPort(1, 115200);
-        std::memset(buffer_, 0, sizeof buffer_);
     }
     int CountLogged(const std::string& line) const {
         const std::vector<std::string> log = Logged();
@@ -47,7 +44,7 @@ protected:
     }
 
     FarEnd far_;
-    char buffer_[TokenBufferSize];
+    char buffer_[TokenBufferSize] = {};
 };
 
 }  // namespace
@@ -211,7 +208,7 @@ TEST_F(CommPortTest, TheLockFileFollowsThePortAndAFolderWithoutOneIsSaidOnce) {
         CountLogged("Cannot write lock files in " + missing + "; ports are used without them."), 1);
 }
 
-TEST(CommPortRecord, OperationsWithoutARecordDoNothing) {
+TEST(CommPortRecord, OperationsWithoutARecordDoNothingAndAPortNumberNamesItsDevice) {
     TempFolder root;
     Installation stores(root.Path());
     TestClock clock;
@@ -223,10 +220,8 @@ TEST(CommPortRecord, OperationsWithoutARecordDoNothing) {
     EXPECT_EQ(line.PortQueueCount(PortQueue::Input), 0u);
     char buffer[TokenBufferSize] = {};
     EXPECT_EQ(line.ReadLine(10, buffer), nullptr);
-}
 
-TEST(CommPortRecord, PortNumberNamesALinkInTheInstallationOrASerialDevice) {
-    TempFolder root;
+    // A port number names a link in the installation, or a serial device.
     EXPECT_EQ(CommPortDevicePath(root.Path(), 3), "/dev/ttyS2");
     FarEnd far;
     far.LinkAs(root.Path(), 3);

@@ -1,5 +1,6 @@
 #include "line_fixture.h"
 
+#include <algorithm>
 #include <memory>
 
 #include "platform/key_state.h"
@@ -20,37 +21,45 @@ std::string Joined(const std::vector<std::string>& lines) {
     return all;
 }
 
+std::string Described(const std::vector<ReceivedCommand>& commands, const std::string& expected) {
+    Texts texts;
+    for (const ReceivedCommand& command : commands) {
+        const std::string any = command.Text + "@any";
+        texts.push_back(expected.find(any) != std::string::npos
+                            ? any
+                            : command.Text + "@" + std::to_string(command.Speed));
+    }
+    return Joined(texts);
+}
+
+size_t CommandCount(const std::string& described) {
+    return static_cast<size_t>(std::count(described.begin(), described.end(), '|')) + 1;
+}
+
 AdapterScript BitsurfrScript() {
-    AdapterScript script;
-    script.Identity0 = {"960"};
-    script.Identity8 = {"BitSURFR Pro ISDN Terminal Adapter"};
-    script.NumberQuery = "AT!N1?";
-    script.NumberReply = "AT!N1?\r\r\n5552001\r\nOK\r\n";
-    return script;
+    return {.Identity0 = {"960"},
+            .Identity8 = {"BitSURFR Pro ISDN Terminal Adapter"},
+            .NumberQuery = "AT!N1?",
+            .NumberReply = "AT!N1?\r\r\n5552001\r\nOK\r\n"};
 }
 
 AdapterScript AdtranScript(bool xrt) {
-    AdapterScript script;
-    script.Identity0 = {xrt ? "ADTRAN EXPRESS XRT ISDN" : "ADTRAN EXPRESS XR ISDN", "Rev. B"};
-    script.NumberQuery = xrt ? "ATSS63?" : "ATSS62?";
-    script.NumberReply = Answer(script.NumberQuery, {xrt ? "5552063" : "5552062"});
-    return script;
+    const std::string query = xrt ? "ATSS63?" : "ATSS62?";
+    return {.Identity0 = {xrt ? "ADTRAN EXPRESS XRT ISDN" : "ADTRAN EXPRESS XR ISDN", "Rev. B"},
+            .NumberQuery = query,
+            .NumberReply = Answer(query, {xrt ? "5552063" : "5552062"})};
 }
 
 AdapterScript ZyxelScript(const std::string& modelNumber) {
-    AdapterScript script;
-    script.Identity0 = {"ZyXEL " + modelNumber, "V 2.17"};
-    script.NumberQuery = "AT&ZI?";
-    script.NumberReply = Answer("AT&ZI?", {"(MultiAuto):(5552864)"});
-    return script;
+    return {.Identity0 = {"ZyXEL " + modelNumber, "V 2.17"},
+            .NumberQuery = "AT&ZI?",
+            .NumberReply = Answer("AT&ZI?", {"(MultiAuto):(5552864)"})};
 }
 
 AdapterScript ThreeComScript() {
-    AdapterScript script;
-    script.Identity0 = {"3Com Impact IQ 3C882"};
-    script.NumberQuery = "ATS51?";
-    script.NumberReply = Answer("ATS51?", {"5553882"});
-    return script;
+    return {.Identity0 = {"3Com Impact IQ 3C882"},
+            .NumberQuery = "ATS51?",
+            .NumberReply = Answer("ATS51?", {"5553882"})};
 }
 
 ScriptedAdapter::Responder RespondAs(AdapterScript script) {

@@ -24,21 +24,22 @@ namespace kb::test {
 using line::Line;
 using line::NumberReply;
 using stores::Installation;
+using Texts = std::vector<std::string>;
 
 // How a scripted adapter of one family answers.
 struct AdapterScript {
-    std::vector<std::string> Identity0;  // lines for "ati0"
-    std::vector<std::string> Identity8;  // lines for "ati8"
-    std::string NumberQuery;             // the family's query of its own number
-    std::string NumberReply;             // the whole answer to it, echo included
-    uint32_t MaxSpeed = 230400;          // silent above this port speed
-    std::set<std::string> Unanswered;    // commands that get their echo and no OK
+    std::vector<std::string> Identity0{};  // lines for "ati0"
+    std::vector<std::string> Identity8{};  // lines for "ati8"
+    std::string NumberQuery{};             // the family's query of its own number
+    std::string NumberReply{};             // the whole answer to it, echo included
+    uint32_t MaxSpeed = 230400;            // silent above this port speed
+    std::set<std::string> Unanswered{};    // commands that get their echo and no OK
     // Left at 230400 bps, where a program that ended without its closing
     // command leaves a BitSURFR or a 3Com: silent at any other speed until
     // its command back, which it hears at any speed, since the port moves
     // right behind it.
     bool LeftAt230400 = false;
-    std::string CommandBack;
+    std::string CommandBack{};
 };
 
 // Scripts of the families as the tests' adapters present themselves.
@@ -53,6 +54,12 @@ ScriptedAdapter::Responder RespondAs(AdapterScript script);
 
 // The lines as one text, " | " between them, so that a table's cell holds them.
 std::string Joined(const std::vector<std::string>& lines);
+// The commands as "text@speed", joined, so that a mismatch shows both; where
+// the expectation says "@any" for a command, the command and a change of
+// speed race each other on the line.
+std::string Described(const std::vector<ReceivedCommand>& commands, const std::string& expected);
+// How many commands a joined text names.
+size_t CommandCount(const std::string& described);
 
 class LineTest : public ::testing::Test {
 protected:

@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <mutex>
-
 #include "line/adapter.h"
 #include "line/comm_port.h"
 #include "line_fixture.h"
@@ -16,26 +13,6 @@ namespace kb::test {
 using namespace kb::line;
 
 namespace {
-
-using Texts = std::vector<std::string>;
-
-// The commands as "text@speed", joined, so that a mismatch shows both; where
-// the expectation says "@any" for a command, the command and a change of
-// speed race each other on the line.
-std::string Described(const std::vector<ReceivedCommand>& commands, const std::string& expected) {
-    Texts texts;
-    for (const ReceivedCommand& command : commands) {
-        const std::string any = command.Text + "@any";
-        texts.push_back(expected.find(any) != std::string::npos
-                            ? any
-                            : command.Text + "@" + std::to_string(command.Speed));
-    }
-    return Joined(texts);
-}
-
-size_t CommandCount(const std::string& described) {
-    return static_cast<size_t>(std::count(described.begin(), described.end(), '|')) + 1;
-}
 
 class PortSpeedTest : public LineTest {
 protected:

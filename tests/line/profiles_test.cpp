@@ -16,8 +16,6 @@ using namespace kb::stores;
 
 namespace {
 
-using Texts = std::vector<std::string>;
-
 // An adapter found on COM1 at 115200 bps.
 class ProfileTest : public LineTest {
 protected:

@@ -1,14 +1,12 @@
 // The Linux desktop's hand-offs, with stand-ins for xdg-open and zenity on
-// the PATH that report how they were called through a FIFO; and the rule that
+// the PATH that report how they were called in a file; and the rule that
 // no file operation ever opens something that is not a plain file.
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <future>
 #include <string>
 
@@ -18,6 +16,7 @@
 #include "platform/files.h"
 #include "support/process_state.h"
 #include "support/temp_folder.h"
+#include "support/test_data.h"
 
 namespace kb::test {
 
@@ -27,50 +26,34 @@ namespace {
 
 class LinuxDesktopTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        ASSERT_EQ(::mkdir((root_ / "bin").c_str(), 0755), 0);
-        ASSERT_EQ(::mkfifo(report_.c_str(), 0600), 0);
-        // Open before any writer, so that a writer never waits and nothing
-        // it writes is lost between two reads.
-        reader_ = ::open(report_.c_str(), O_RDONLY | O_NONBLOCK);
-        ASSERT_GE(reader_, 0);
-        keeper_ = ::open(report_.c_str(), O_WRONLY | O_NONBLOCK);
-    }
-    void TearDown() override {
-        ::close(keeper_);
-        ::close(reader_);
-    }
+    void SetUp() override { ASSERT_EQ(::mkdir((root_ / "bin").c_str(), 0755), 0); }
 
-    // A command of that name on the PATH: a shell script that writes its
+    // A command of that name on the PATH: a shell script that adds its
     // arguments to the report, one a line, then runs the rest.
     void Tool(const std::string& name, const std::string& rest = "exit 0") {
         const std::string path = root_ / ("bin/" + name);
         WriteWholeFile(
-            path, "#!/bin/sh\nprintf '%s\\n' \"$0\" \"$@\" > '" + report_ + "'\n" + rest + "\n");
+            path, "#!/bin/sh\nprintf '%s\\n' \"$0\" \"$@\" >> '" + report_ + "'\n" + rest + "\n");
         ASSERT_EQ(::chmod(path.c_str(), 0755), 0);
     }
 
-    // What the tools reported, up to the given text or for at most 10 s.
+    // What the tools reported since the last look, once it holds the given
+    // text, or what it holds after 10 s.
     std::string Reported(const std::string& until) {
         std::string text;
-        for (int waited = 0; text.find(until) == std::string::npos && waited < 10000;
-             waited += 100) {
-            pollfd entry{reader_, POLLIN, 0};
-            if (::poll(&entry, 1, 100) > 0) {
-                char buffer[4096];
-                const ssize_t n = ::read(reader_, buffer, sizeof buffer);
-                if (n > 0) {
-                    text.append(buffer, static_cast<size_t>(n));
-                }
-            }
-        }
+        PollUntil(
+            [&] {
+                text = PathExists(report_) ? ReadWholeFile(report_).substr(taken_) : "";
+                return text.find(until) != std::string::npos;
+            },
+            std::chrono::seconds(10));
+        taken_ += text.size();
         return text;
     }
 
     TempFolder root_;
     std::string report_ = root_ / "report";
-    int reader_ = -1;
-    int keeper_ = -1;
+    size_t taken_ = 0;
     EnvironmentValue path_{"PATH", root_ / "bin"};
     EnvironmentValue display_{"DISPLAY", ":99"};
 };
@@ -118,7 +101,7 @@ TEST_F(LinuxDesktopTest, FoldersPagesAndProgramsGoToTheDesktopsHandlers) {
     // grep, in the shell's place, reads its own record, which has the program's signals: the
     // shell's own, read from outside, shows every signal blocked for the
     // moment in which it starts a command.
-    Tool("program", "exec /bin/grep SigBlk /proc/self/status > '" + report_ + "'");
+    Tool("program", "exec /bin/grep SigBlk /proc/self/status >> '" + report_ + "'");
     desktop.StartProgram(root_ / "bin/program");
     EXPECT_EQ(Reported("SigBlk:\t0000000000000000\n"),
               root_ / "bin/program\nSigBlk:\t0000000000000000\n");

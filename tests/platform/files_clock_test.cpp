@@ -12,7 +12,7 @@ namespace kb::test {
 
 using namespace kb::platform;
 
-TEST(Files, FolderRulesThatCallersRelyOn) {
+TEST(Files, FolderAndMoveRulesThatCallersRelyOn) {
     TempFolder root;
     const std::string folder = root / "Incoming Files";
     EXPECT_TRUE(CreateFolder(folder));
@@ -23,10 +23,8 @@ TEST(Files, FolderRulesThatCallersRelyOn) {
     EXPECT_FALSE(DeleteFileAt(folder + "/a.txt"));
     EXPECT_TRUE(RemoveFolder(folder));
     EXPECT_FALSE(FolderExists(folder));
-}
 
-TEST(Files, MoveNeverReplacesAnExistingFile) {
-    TempFolder root;
+    // A move never replaces a file that exists.
     WriteWholeFile(root / "new", "new");
     WriteWholeFile(root / "old", "old");
     EXPECT_FALSE(MoveFileNoReplace(root / "new", root / "old"));

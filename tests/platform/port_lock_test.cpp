@@ -8,12 +8,12 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <string>
 
 #include "platform/files.h"
 #include "platform/pseudo_terminal.h"
+#include "support/child_process.h"
 #include "support/process_state.h"
 #include "support/temp_folder.h"
 
@@ -98,33 +98,12 @@ TEST(PortLock, AnOldLockOfALivingProcessWithoutTheDeviceIsStale) {
     PseudoTerminal terminal;
     ASSERT_TRUE(OpenPseudoTerminal(terminal));
     const std::string lockPath = locks / PortLockName(terminal.SlavePath);
-    // A process that opens the device, says so, and keeps it open until
-    // told to go.
-    int release[2];
-    int opened[2];
-    ASSERT_EQ(::pipe(release), 0);
-    ASSERT_EQ(::pipe(opened), 0);
-    const pid_t user = ::fork();
-    if (user == 0) {
-        ::close(release[1]);
-        const int fd = ::open(terminal.SlavePath.c_str(), O_RDWR | O_NOCTTY);
-        char byte = fd >= 0 ? 1 : 0;
-        static_cast<void>(::write(opened[1], &byte, 1));
-        static_cast<void>(::read(release[0], &byte, 1));
-        ::_exit(fd >= 0 ? 0 : 1);
-    }
-    ASSERT_GT(user, 0);
-    ::close(release[0]);
-    ::close(opened[1]);
-    char didOpen = 0;
-    ASSERT_EQ(::read(opened[0], &didOpen, 1), 1);
-    ::close(opened[0]);
-    ASSERT_EQ(didOpen, 1) << "the device's user could not open it";
-    const auto lockOf = [&](pid_t pid, time_t age) {
-        WriteWholeFile(lockPath, TextLock(pid));
-        const timespec when[2] = {{std::time(nullptr) - age, 0}, {std::time(nullptr) - age, 0}};
-        EXPECT_EQ(::utimensat(AT_FDCWD, lockPath.c_str(), when, 0), 0);
-    };
+    // A process that opens the device, says so, and keeps it open until the
+    // test ends.
+    ChildProcess user("/bin/sh",
+                      {"-c", "exec 3<>\"$0\" && echo opened && read -r line", terminal.SlavePath});
+    ASSERT_TRUE(user.WaitForLine("opened", std::chrono::seconds(10)))
+        << "the device's user could not open it";
     struct Case {
         const char* What;
         pid_t Pid;
@@ -133,19 +112,19 @@ TEST(PortLock, AnOldLockOfALivingProcessWithoutTheDeviceIsStale) {
     } const cases[] = {
         {"a new lock of a process that has not opened the device yet", ::getppid(), 0,
          PortLockResult::HeldByOther},
-        {"an old lock of the process that uses the device", user, 60, PortLockResult::HeldByOther},
+        {"an old lock of the process that uses the device", user.Pid(), 60,
+         PortLockResult::HeldByOther},
         {"an old lock of a process that does not", ::getppid(), 60, PortLockResult::Taken},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.What);
-        lockOf(c.Pid, c.Age);
+        WriteWholeFile(lockPath, TextLock(c.Pid));
+        const time_t then = std::time(nullptr) - c.Age;
+        const timespec when[2] = {{then, 0}, {then, 0}};
+        EXPECT_EQ(::utimensat(AT_FDCWD, lockPath.c_str(), when, 0), 0);
         PortLock lock;
         EXPECT_EQ(lock.Take(terminal.SlavePath), c.Result);
     }
-    ::close(release[1]);
-    int status = 0;
-    ASSERT_EQ(::waitpid(user, &status, 0), user);
-    EXPECT_EQ(status, 0);
     ClosePseudoTerminal(terminal);
 }
 

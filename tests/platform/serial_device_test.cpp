@@ -1,8 +1,6 @@
 #include "platform/serial_device.h"
 
 #include <gtest/gtest.h>
-#include <termios.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -13,83 +11,86 @@
 #include "platform/pseudo_terminal.h"
 #include "support/far_end.h"
 #include "support/process_state.h"
+#include "support/test_data.h"
 
 namespace kb::test {
 
 using namespace kb::platform;
 
-TEST(SerialDevice, PurgeEmptiesTheInputAndStopsAWriteThatTheFarEndHoldsBack) {
-    FarEnd far;  // never reads
-    SerialDevice port;
-    ASSERT_TRUE(port.Open(far.DevicePath()));
-    ASSERT_TRUE(port.Configure(SerialSettings{}));
-    far.Send("stale reply\r\n");
-    ASSERT_EQ(port.WaitForInput(2000), WaitResult::Input);
+namespace {
+
+// A port open on a pseudo-terminal whose far end the test plays.
+class SerialDeviceTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(port_.Open(far_.DevicePath())); }
+
+    FarEnd far_;
+    SerialDevice port_;
+};
+
+}  // namespace
+
+TEST_F(SerialDeviceTest, PurgeEmptiesTheInputAndStopsAWriteThatTheFarEndHoldsBack) {
+    ASSERT_TRUE(port_.Configure(SerialSettings{}));  // the far end never reads
+    far_.Send("stale reply\r\n");
+    ASSERT_EQ(port_.WaitForInput(2000), WaitResult::Input);
     const std::string big(1 << 20, 'x');
     std::atomic<int> result{-1};
     std::thread writer(
-        [&] { result.store(port.Write(big.data(), static_cast<uint32_t>(big.size())) ? 1 : 0); });
+        [&] { result.store(port_.Write(big.data(), static_cast<uint32_t>(big.size())) ? 1 : 0); });
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ(result.load(), -1) << "the write is held back";
-    port.Purge();
+    port_.Purge();
     writer.join();
     EXPECT_EQ(result.load(), 0);
-    EXPECT_EQ(port.InputCount(), 0u) << "the stale reply went with the write";
+    EXPECT_EQ(port_.InputCount(), 0u) << "the stale reply went with the write";
     // The port works on after a purge.
-    EXPECT_TRUE(port.Write("AT\r", 3));
-    EXPECT_NE(far.ReceiveUntil("AT\r", 2000).find("AT\r"), std::string::npos);
+    EXPECT_TRUE(port_.Write("AT\r", 3));
+    EXPECT_NE(far_.ReceiveUntil("AT\r", 2000).find("AT\r"), std::string::npos);
 }
 
 // A call's data may bring an XOFF and then stop: the write must not wait for
 // an XON that never comes.
-TEST(SerialDevice, UnderXonXoffAWriteHeldBackByAnXoffIsQueuedAndGoesOutWithTheFlowChanged) {
-    FarEnd far;
-    SerialDevice port;
-    ASSERT_TRUE(port.Open(far.DevicePath()));
+TEST_F(SerialDeviceTest, UnderXonXoffAWriteHeldBackByAnXoffIsQueuedAndGoesOutWithTheFlowChanged) {
     SerialSettings settings;
     settings.XonXoffFlow = true;
-    ASSERT_TRUE(port.Configure(settings));
-    far.Send(std::string(1, '\x13') + "data");
+    ASSERT_TRUE(port_.Configure(settings));
+    far_.Send(std::string(1, '\x13') + "data");
     // The XOFF has been acted on once the data behind it is in.
-    ASSERT_EQ(port.WaitForInput(2000), WaitResult::Input);
+    ASSERT_EQ(port_.WaitForInput(2000), WaitResult::Input);
     std::atomic<int> result{-1};
-    std::thread writer([&] { result.store(port.Write("atv1\r", 5) ? 1 : 0); });
-    for (int wait = 0; wait < 1000 && result.load() == -1; ++wait) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    std::thread writer([&] { result.store(port_.Write("atv1\r", 5) ? 1 : 0); });
+    PollUntil([&] { return result.load() != -1; }, std::chrono::seconds(10));
     const int written = result.load();
     if (written == -1) {
-        port.Purge();  // lets a write that would wait for ever go
+        port_.Purge();  // lets a write that would wait for ever go
     }
     writer.join();
     ASSERT_EQ(written, 1);
-    EXPECT_EQ(port.OutputCount(), 5u);
+    EXPECT_EQ(port_.OutputCount(), 5u);
     settings.XonXoffFlow = false;
     settings.RtsCtsFlow = true;
-    ASSERT_TRUE(port.Configure(settings));
-    EXPECT_EQ(far.ReceiveUntil("atv1\r", 2000), "atv1\r");
+    ASSERT_TRUE(port_.Configure(settings));
+    EXPECT_EQ(far_.ReceiveUntil("atv1\r", 2000), "atv1\r");
 }
 
-TEST(SerialDevice, WaitsEndOnInputOnInterruptOrOnTime) {
-    FarEnd far;
-    SerialDevice port;
-    ASSERT_TRUE(port.Open(far.DevicePath()));
-    ASSERT_TRUE(port.Configure(SerialSettings{}));
+TEST_F(SerialDeviceTest, WaitsEndOnInputOnInterruptOrOnTime) {
+    ASSERT_TRUE(port_.Configure(SerialSettings{}));
 
-    port.Interrupt();
-    EXPECT_EQ(port.WaitForInput(5000), WaitResult::Interrupted) << "a kept interruption";
-    EXPECT_EQ(port.WaitForInput(20), WaitResult::TimedOut);
+    port_.Interrupt();
+    EXPECT_EQ(port_.WaitForInput(5000), WaitResult::Interrupted) << "a kept interruption";
+    EXPECT_EQ(port_.WaitForInput(20), WaitResult::TimedOut);
 
     std::thread interrupter([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        port.Interrupt();
+        port_.Interrupt();
     });
-    EXPECT_EQ(port.WaitForInput(5000), WaitResult::Interrupted);
+    EXPECT_EQ(port_.WaitForInput(5000), WaitResult::Interrupted);
     interrupter.join();
 
-    far.Send("RING\r\n");
-    EXPECT_EQ(port.WaitForInput(5000), WaitResult::Input);
-    EXPECT_EQ(port.InputCount(), 6u);
+    far_.Send("RING\r\n");
+    EXPECT_EQ(port_.WaitForInput(5000), WaitResult::Input);
+    EXPECT_EQ(port_.InputCount(), 6u);
 }
 
 TEST(SerialDevice, AWaitOnADeadLineCostsNoProcessor) {
@@ -108,27 +109,24 @@ TEST(SerialDevice, AWaitOnADeadLineCostsNoProcessor) {
     port.Close();
 }
 
-TEST(SerialDevice, SettingsReachTheDeviceAndRefusalsKeepTheOld) {
-    FarEnd far;
-    SerialDevice port;
-    ASSERT_TRUE(port.Open(far.DevicePath()));
+TEST_F(SerialDeviceTest, SettingsReachTheDeviceAndRefusalsKeepTheOld) {
     SerialSettings settings;
     settings.BaudRate = 115200;
     settings.RtsCtsFlow = true;
-    ASSERT_TRUE(port.Configure(settings));
-    EXPECT_EQ(far.Speed(), 115200u);
+    ASSERT_TRUE(port_.Configure(settings));
+    EXPECT_EQ(far_.Speed(), 115200u);
 
     SerialSettings odd = settings;
     odd.BaudRate = 12345;
-    EXPECT_FALSE(port.Configure(odd));
+    EXPECT_FALSE(port_.Configure(odd));
     odd.BaudRate = 230400;
     odd.StopBits = 1;  // one and a half: no such setting here
-    EXPECT_FALSE(port.Configure(odd));
-    EXPECT_EQ(far.Speed(), 115200u) << "a refused change leaves the old speed";
+    EXPECT_FALSE(port_.Configure(odd));
+    EXPECT_EQ(far_.Speed(), 115200u) << "a refused change leaves the old speed";
 
     settings.BaudRate = 230400;
-    EXPECT_TRUE(port.Configure(settings));
-    EXPECT_EQ(far.Speed(), 230400u);
+    EXPECT_TRUE(port_.Configure(settings));
+    EXPECT_EQ(far_.Speed(), 230400u);
 }
 
 }  // namespace kb::test

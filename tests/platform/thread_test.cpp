@@ -6,6 +6,8 @@
 #include <chrono>
 #include <thread>
 
+#include "support/test_data.h"
+
 namespace kb::test {
 
 using namespace kb::platform;
@@ -34,6 +36,11 @@ unsigned Player(void* parameter) {
 
 unsigned CountOnce(void* parameter) {
     static_cast<std::atomic<int>*>(parameter)->fetch_add(1);
+    return 0;
+}
+
+unsigned RecordProcessor(void* parameter) {
+    static_cast<std::atomic<int>*>(parameter)->store(CurrentProcessor());
     return 0;
 }
 
@@ -88,11 +95,7 @@ TEST(Thread, SuspendedThreadRunsOnlyAfterItsWake) {
     thread = StartThread(CountOnce, &runs, ThreadPriority::Normal, false);
     ASSERT_TRUE(thread);
     thread = nullptr;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (runs.load() == 1 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    EXPECT_EQ(runs.load(), 2);
+    EXPECT_TRUE(PollUntil([&] { return runs.load() == 2; }, std::chrono::seconds(5)));
 }
 
 TEST(Thread, SeveralWakesBeforeAParkCountAsOne) {
@@ -105,25 +108,13 @@ TEST(Thread, SeveralWakesBeforeAParkCountAsOne) {
     WakeThread(parker.Self);
     WakeThread(parker.Self);
     WakeThread(parker.Self);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (parker.Passes.load() < 1 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    EXPECT_TRUE(PollUntil([&] { return parker.Passes.load() >= 1; }, std::chrono::seconds(5)));
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_EQ(parker.Passes.load(), 1);  // parked the second time, not passed through
     WakeThread(parker.Self);
     JoinThread(parker.Self);
     EXPECT_EQ(parker.Passes.load(), 2);
 }
-
-namespace {
-
-unsigned RecordProcessor(void* parameter) {
-    static_cast<std::atomic<int>*>(parameter)->store(CurrentProcessor());
-    return 0;
-}
-
-}  // namespace
 
 TEST(Thread, AThreadKeptOnAProcessorRunsThere) {
     const int processor = CurrentProcessor();

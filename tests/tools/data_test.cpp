@@ -51,21 +51,6 @@ protected:
     FarEnd* bob_ = nullptr;
 };
 
-TEST_F(VirtualTaDataMode, NoByteIsLostWhileTheFarEndDoesNotRead) {
-    Connect({"--rate", "0"});
-    const std::string bytes = RandomBytes(1 << 20, 3);
-    // Bob reads nothing: Alice's port takes a little and then holds her back.
-    const size_t written = SendUntilHeldBack(bytes);
-    EXPECT_LT(written, bytes.size() / 4) << "the sender was not held back";
-    // Now Bob reads, and Alice sends the rest as her port takes it.
-    std::string atBob;
-    std::thread reader([&] { atBob = bob_->Receive(bytes.size(), 20000); });
-    alice_->Send(std::string_view(bytes).substr(written));
-    reader.join();
-    EXPECT_EQ(atBob.size(), bytes.size());
-    EXPECT_TRUE(atBob == bytes);
-}
-
 // "+++" escapes only with silence before and after it; online command mode
 // holds the far end's data until ATO, and a hang-up from it puts NO CARRIER
 // behind the data at the far end.
@@ -121,15 +106,29 @@ TEST_F(VirtualTaDataMode, AnEscapeNeedsSilenceAroundItAndHoldsTheFarEndsDataUnti
     EXPECT_EQ(bob_->ReceiveUntil("NO CARRIER\r\n", 2000), data + "\r\nNO CARRIER\r\n");
 }
 
-// A program's purge throws away what waits in its port, as a port's driver
-// throws away what it has not sent; the adapter hears of it. An escape after
-// the pause then reaches the adapter although the far end takes nothing and
-// the line is full, as it reaches one that holds its port back by hardware
-// handshake.
-TEST_F(VirtualTaDataMode, APurgeEmptiesThePortAndAnEscapeReachesTheAdapterOnAFullLine) {
+// A far end that does not read holds the sender back, and loses nothing of
+// what it reads later. A program's purge throws away what waits in its port,
+// as a port's driver throws away what it has not sent; the adapter hears of
+// it. An escape after the pause then reaches the adapter although the far end
+// takes nothing and the line is full, as it reaches one that holds its port
+// back by hardware handshake.
+TEST_F(VirtualTaDataMode, NoByteIsLostOnAFullLineAndAPurgeEmptiesThePortForAnEscape) {
     Connect({"--rate", "0"});
-    const std::string bytes = RandomBytes(1 << 20, 5);
-    const size_t written = SendUntilHeldBack(bytes);
+    std::string bytes = RandomBytes(1 << 20, 3);
+    // Bob reads nothing: Alice's port takes a little and then holds her back.
+    size_t written = SendUntilHeldBack(bytes);
+    EXPECT_LT(written, bytes.size() / 4) << "the sender was not held back";
+    // Now Bob reads, and Alice sends the rest as her port takes it.
+    std::string atBob;
+    std::thread reader([&] { atBob = bob_->Receive(bytes.size(), 20000); });
+    alice_->Send(std::string_view(bytes).substr(written));
+    reader.join();
+    EXPECT_EQ(atBob.size(), bytes.size());
+    EXPECT_TRUE(atBob == bytes);
+
+    // Held back again, Alice purges her port.
+    bytes = RandomBytes(1 << 20, 5);
+    written = SendUntilHeldBack(bytes);
     ASSERT_LT(written, bytes.size());
     ASSERT_EQ(::tcflush(alice_->Descriptor(), TCOFLUSH), 0);
     ::usleep(650000);
@@ -138,7 +137,7 @@ TEST_F(VirtualTaDataMode, APurgeEmptiesThePortAndAnEscapeReachesTheAdapterOnAFul
     EXPECT_EQ(alice_->Command("ATH"), "ATH\r\r\nOK\r\n");
     // Bob gets what the adapter had taken before the purge, and NO CARRIER.
     const std::string end = "\r\nNO CARRIER\r\n";
-    const std::string atBob = bob_->ReceiveUntil(end, 5000);
+    atBob = bob_->ReceiveUntil(end, 5000);
     ASSERT_GE(atBob.size(), end.size());
     const size_t carried = atBob.size() - end.size();
     EXPECT_EQ(atBob.substr(carried), end);
