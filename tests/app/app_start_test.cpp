@@ -78,9 +78,7 @@ private:
 TEST_F(AppStartTest, AFirstRunMakesItsFilesAndAnExitWithoutAnAdapterSavesNoPreferences) {
     const std::vector<std::string> lines = Run([this] {
         // The user changes a preference and leaves at once.
-        WindowEvent click = Event(EventKind::BoxClicked, IDC_IGNORE_HOT);
-        click.Checked = true;
-        Window()->HandleEvent(click);
+        Window()->HandleEvent(Event(EventKind::BoxClicked, IDC_IGNORE_HOT, -1, true));
         PostEvent(EventKind::Close);
     });
 
