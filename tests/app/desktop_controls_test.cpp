@@ -94,39 +94,7 @@ TEST_F(DesktopControlsTest, AddedRecordsStandInByteOrderAndTheNewOneIsOnShow) {
     }
 }
 
-TEST_F(DesktopControlsTest, TheFolderButtonTellsTheStateOfThePickUpFolder) {
-    AddRecord("Smith", "555");
-    Stores().Directory[0].HasPickUp = 1;
-    Stores().Directory[0].HotSend = 1;
-    ASSERT_TRUE(CreateFolder(Stores().Paths.PickUpPath + "/Smith"));
-    window_->Correspondents().ShowCorrespondent(0);
-    EXPECT_TRUE(Controls().Shown(IDC_HOT_EMPTY));
-    EXPECT_TRUE(Controls().Checked(IDC_HOT_SEND));
-    EXPECT_FALSE(Controls().Checked(IDC_HOT_RETRIEVE));
-    WriteWholeFile(Stores().Paths.PickUpPath + "/Smith/waiting", "data");
-    window_->Correspondents().ShowCorrespondent(0);
-    EXPECT_TRUE(Controls().Shown(IDC_HOT_FILLED));
-    EXPECT_FALSE(Controls().Shown(IDC_HOT_EMPTY));
-    Stores().Directory[0].HotSend = 0;
-    window_->Correspondents().ShowCorrespondent(0);
-    EXPECT_TRUE(Controls().Shown(IDC_FOLDER_FILLED));
-
-    // A folder removed by hand: the record has none from then on.
-    ASSERT_TRUE(DeleteFileAt(Stores().Paths.PickUpPath + "/Smith/waiting"));
-    ASSERT_TRUE(RemoveFolder(Stores().Paths.PickUpPath + "/Smith/Sent Files"));
-    ASSERT_TRUE(RemoveFolder(Stores().Paths.PickUpPath + "/Smith"));
-    window_->Correspondents().ShowCorrespondent(0);
-    EXPECT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
-    EXPECT_FALSE(Controls().Shown(IDC_HOT_SEND));
-    EXPECT_EQ(Stores().Directory[0].HasPickUp, 0);
-    Choose(IDC_DIRECTORY_LIST, 0);
-    Press(IDC_DELETE);
-    EXPECT_EQ(Stores().Directory.Count.load(), 0);
-    EXPECT_EQ(ReadWholeFile(Stores().Paths.DirectoryPath).substr(0, 2), std::string(2, '\0'));
-    EXPECT_EQ(Controls().RowCount(IDC_DIRECTORY_LIST), 0);
-}
-
-TEST_F(DesktopControlsTest, APickUpFolderIsMadeOnceAndTurnsHotOnlyWhenStored) {
+TEST_F(DesktopControlsTest, APickUpFolderIsMadeOnceTurnsHotWhenStoredAndItsButtonTellsItsState) {
     AddRecord("Smith", "5551234");
     ASSERT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
     ASSERT_TRUE(Press(IDC_MAKE_FOLDER).Done);
@@ -157,6 +125,32 @@ TEST_F(DesktopControlsTest, APickUpFolderIsMadeOnceAndTurnsHotOnlyWhenStored) {
     ASSERT_TRUE(Click(IDC_IGNORE_HOT, false).Done);
     window_->OnTimer(TimerHotFolders);
     EXPECT_EQ(Stores().Directory[0].HotBytes, 5u);
+
+    // The folder button tells whether the folder holds anything and is hot,
+    // as the stored record says.
+    window_->Correspondents().ShowCorrespondent(0);
+    EXPECT_TRUE(Controls().Shown(IDC_HOT_FILLED));
+    EXPECT_FALSE(Controls().Shown(IDC_HOT_EMPTY));
+    EXPECT_TRUE(Controls().Checked(IDC_HOT_SEND));
+    Stores().Directory[0].HotSend = 0;
+    window_->Correspondents().ShowCorrespondent(0);
+    EXPECT_TRUE(Controls().Shown(IDC_FOLDER_FILLED));
+    EXPECT_TRUE(Controls().Checked(IDC_HOT_RETRIEVE));
+    EXPECT_FALSE(Controls().Checked(IDC_HOT_SEND));
+
+    // A folder removed by hand: the record has none from then on.
+    ASSERT_TRUE(DeleteFileAt(Stores().Paths.PickUpPath + "/Smith/a.txt"));
+    ASSERT_TRUE(RemoveFolder(Stores().Paths.PickUpPath + "/Smith/Sent Files"));
+    ASSERT_TRUE(RemoveFolder(Stores().Paths.PickUpPath + "/Smith"));
+    window_->Correspondents().ShowCorrespondent(0);
+    EXPECT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
+    EXPECT_FALSE(Controls().Shown(IDC_HOT_SEND));
+    EXPECT_EQ(Stores().Directory[0].HasPickUp, 0);
+    Choose(IDC_DIRECTORY_LIST, 0);
+    Press(IDC_DELETE);
+    EXPECT_EQ(Stores().Directory.Count.load(), 0);
+    EXPECT_EQ(ReadWholeFile(Stores().Paths.DirectoryPath).substr(0, 2), std::string(2, '\0'));
+    EXPECT_EQ(Controls().RowCount(IDC_DIRECTORY_LIST), 0);
 
     // A folder of that name on disk already belongs to nobody here: the
     // message, and the record keeps no folder.
