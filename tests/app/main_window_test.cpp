@@ -34,6 +34,15 @@ namespace {
 
 using MainWindowTest = WindowTest;
 
+// The texts as one, ", " between them, so that a table's cell holds them.
+std::string Joined(const std::vector<std::string>& texts) {
+    std::string all;
+    for (const std::string& text : texts) {
+        all += (all.empty() ? "" : ", ") + text;
+    }
+    return all;
+}
+
 // The engine's display call measures the rate of a file that moved that many
 // bytes in a second, under a ceiling well above it.
 void MeasureRate(MainWindow& window, uint32_t bytesPerSecond) {

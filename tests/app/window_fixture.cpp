@@ -84,18 +84,4 @@ std::vector<std::string> RowTexts(int id) {
     return texts;
 }
 
-std::string Joined(const std::vector<std::string>& texts) {
-    std::string all;
-    for (const std::string& text : texts) {
-        all += (all.empty() ? "" : ", ") + text;
-    }
-    return all;
-}
-
-void ExpectFirstRunPreferences(const std::string& bytes) {
-    ASSERT_EQ(bytes.size(), 1176u);
-    EXPECT_EQ(bytes.substr(0, 8), std::string("\0\0\0\0\x80\x25\0\0", 8));
-    EXPECT_EQ(bytes.find_first_not_of('\0', 8), std::string::npos);
-}
-
 }  // namespace kb::test

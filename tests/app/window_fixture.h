@@ -33,10 +33,6 @@ using stores::Installation;
 
 // Rows of a list, by their text.
 std::vector<std::string> RowTexts(int id);
-// The texts as one, ", " between them, so that a table's cell holds them.
-std::string Joined(const std::vector<std::string>& texts);
-// The first run's preferences: 9600 bps and nothing else.
-void ExpectFirstRunPreferences(const std::string& bytes);
 
 // A user's event on a control, with what it carries.
 inline WindowEvent Event(EventKind kind, int id, int row = -1, bool checked = false,
