@@ -360,7 +360,6 @@ TEST_F(WindowTest, FilesDroppedOnTheFileListSendAndTheDirectoryList) {
     ASSERT_TRUE(WaitUntil([] { return Controls().RowCount(IDC_DIRECTORY_LIST) == 0; }));
     Drop(IDC_DIRECTORY_LIST, {entry});
     ASSERT_TRUE(WaitUntil([] { return Controls().RowCount(IDC_DIRECTORY_LIST) == 1; }));
-    EXPECT_EQ(Controls().RowText(IDC_DIRECTORY_LIST, 0), "Bob");
     // The log line follows the row; the picture shows both.
     ASSERT_TRUE(WaitUntil([] {
         return Controls().RowText(IDC_LOG, Controls().RowCount(IDC_LOG) - 1) ==
