@@ -32,6 +32,13 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// The first run's preferences: 9600 bps and nothing else.
+void ExpectFirstRunPreferences(const std::string& bytes) {
+    ASSERT_EQ(bytes.size(), 1176u);
+    EXPECT_EQ(bytes.substr(0, 8), std::string("\0\0\0\0\x80\x25\0\0", 8));
+    EXPECT_EQ(bytes.find_first_not_of('\0', 8), std::string::npos);
+}
+
 class AppStartTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -78,9 +85,7 @@ private:
 TEST_F(AppStartTest, AFirstRunMakesItsFilesAndAnExitWithoutAnAdapterSavesNoPreferences) {
     const std::vector<std::string> lines = Run([this] {
         // The user changes a preference and leaves at once.
-        WindowEvent click = Event(EventKind::BoxClicked, IDC_IGNORE_HOT);
-        click.Checked = true;
-        Window()->HandleEvent(click);
+        Window()->HandleEvent(Event(EventKind::BoxClicked, IDC_IGNORE_HOT, -1, true));
         PostEvent(EventKind::Close);
     });
 

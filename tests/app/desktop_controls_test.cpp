@@ -41,16 +41,6 @@ protected:
         Type(IDC_NUMBER, number);
         ASSERT_TRUE(Press(IDC_ADD).Done) << name;
     }
-    void Select(const std::string& name) {
-        const std::vector<std::string> rows = RowTexts(IDC_DIRECTORY_LIST);
-        for (size_t i = 0; i < rows.size(); ++i) {
-            if (rows[i] == name) {
-                ASSERT_TRUE(Choose(IDC_DIRECTORY_LIST, static_cast<int>(i)).Done);
-                return;
-            }
-        }
-        FAIL() << "no row " << name;
-    }
     RecordingDesktop desktop_;
 };
 
@@ -104,39 +94,7 @@ TEST_F(DesktopControlsTest, AddedRecordsStandInByteOrderAndTheNewOneIsOnShow) {
     }
 }
 
-TEST_F(DesktopControlsTest, TheFolderButtonTellsTheStateOfThePickUpFolder) {
-    AddRecord("Smith", "555");
-    Stores().Directory[0].HasPickUp = 1;
-    Stores().Directory[0].HotSend = 1;
-    ASSERT_TRUE(CreateFolder(Stores().Paths.PickUpPath + "/Smith"));
-    window_->Correspondents().ShowCorrespondent(0);
-    EXPECT_TRUE(Controls().Shown(IDC_HOT_EMPTY));
-    EXPECT_TRUE(Controls().Checked(IDC_HOT_SEND));
-    EXPECT_FALSE(Controls().Checked(IDC_HOT_RETRIEVE));
-    WriteWholeFile(Stores().Paths.PickUpPath + "/Smith/waiting", "data");
-    window_->Correspondents().ShowCorrespondent(0);
-    EXPECT_TRUE(Controls().Shown(IDC_HOT_FILLED));
-    EXPECT_FALSE(Controls().Shown(IDC_HOT_EMPTY));
-    Stores().Directory[0].HotSend = 0;
-    window_->Correspondents().ShowCorrespondent(0);
-    EXPECT_TRUE(Controls().Shown(IDC_FOLDER_FILLED));
-
-    // A folder removed by hand: the record has none from then on.
-    ASSERT_TRUE(DeleteFileAt(Stores().Paths.PickUpPath + "/Smith/waiting"));
-    ASSERT_TRUE(RemoveFolder(Stores().Paths.PickUpPath + "/Smith/Sent Files"));
-    ASSERT_TRUE(RemoveFolder(Stores().Paths.PickUpPath + "/Smith"));
-    window_->Correspondents().ShowCorrespondent(0);
-    EXPECT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
-    EXPECT_FALSE(Controls().Shown(IDC_HOT_SEND));
-    EXPECT_EQ(Stores().Directory[0].HasPickUp, 0);
-    Choose(IDC_DIRECTORY_LIST, 0);
-    Press(IDC_DELETE);
-    EXPECT_EQ(Stores().Directory.Count.load(), 0);
-    EXPECT_EQ(ReadWholeFile(Stores().Paths.DirectoryPath).substr(0, 2), std::string(2, '\0'));
-    EXPECT_EQ(Controls().RowCount(IDC_DIRECTORY_LIST), 0);
-}
-
-TEST_F(DesktopControlsTest, APickUpFolderIsMadeOnceAndTurnsHotOnlyWhenStored) {
+TEST_F(DesktopControlsTest, APickUpFolderIsMadeOnceTurnsHotWhenStoredAndItsButtonTellsItsState) {
     AddRecord("Smith", "5551234");
     ASSERT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
     ASSERT_TRUE(Press(IDC_MAKE_FOLDER).Done);
@@ -150,7 +108,7 @@ TEST_F(DesktopControlsTest, APickUpFolderIsMadeOnceAndTurnsHotOnlyWhenStored) {
     EXPECT_FALSE(Controls().Checked(IDC_HOT_SEND));
 
     // Send marks the folder hot only when the record is stored.
-    Select("Smith");
+    Choose(IDC_DIRECTORY_LIST, 0);
     ASSERT_TRUE(Click(IDC_HOT_SEND, true).Done);
     EXPECT_FALSE(Controls().Checked(IDC_HOT_RETRIEVE));
     EXPECT_EQ(Stores().Directory[0].HotSend, 0);
@@ -168,6 +126,32 @@ TEST_F(DesktopControlsTest, APickUpFolderIsMadeOnceAndTurnsHotOnlyWhenStored) {
     window_->OnTimer(TimerHotFolders);
     EXPECT_EQ(Stores().Directory[0].HotBytes, 5u);
 
+    // The folder button tells whether the folder holds anything and is hot,
+    // as the stored record says.
+    window_->Correspondents().ShowCorrespondent(0);
+    EXPECT_TRUE(Controls().Shown(IDC_HOT_FILLED));
+    EXPECT_FALSE(Controls().Shown(IDC_HOT_EMPTY));
+    EXPECT_TRUE(Controls().Checked(IDC_HOT_SEND));
+    Stores().Directory[0].HotSend = 0;
+    window_->Correspondents().ShowCorrespondent(0);
+    EXPECT_TRUE(Controls().Shown(IDC_FOLDER_FILLED));
+    EXPECT_TRUE(Controls().Checked(IDC_HOT_RETRIEVE));
+    EXPECT_FALSE(Controls().Checked(IDC_HOT_SEND));
+
+    // A folder removed by hand: the record has none from then on.
+    ASSERT_TRUE(DeleteFileAt(Stores().Paths.PickUpPath + "/Smith/a.txt"));
+    ASSERT_TRUE(RemoveFolder(Stores().Paths.PickUpPath + "/Smith/Sent Files"));
+    ASSERT_TRUE(RemoveFolder(Stores().Paths.PickUpPath + "/Smith"));
+    window_->Correspondents().ShowCorrespondent(0);
+    EXPECT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
+    EXPECT_FALSE(Controls().Shown(IDC_HOT_SEND));
+    EXPECT_EQ(Stores().Directory[0].HasPickUp, 0);
+    Choose(IDC_DIRECTORY_LIST, 0);
+    Press(IDC_DELETE);
+    EXPECT_EQ(Stores().Directory.Count.load(), 0);
+    EXPECT_EQ(ReadWholeFile(Stores().Paths.DirectoryPath).substr(0, 2), std::string(2, '\0'));
+    EXPECT_EQ(Controls().RowCount(IDC_DIRECTORY_LIST), 0);
+
     // A folder of that name on disk already belongs to nobody here: the
     // message, and the record keeps no folder.
     ASSERT_TRUE(CreateFolder(Stores().Paths.PickUpPath + "/Jones"));
@@ -178,12 +162,22 @@ TEST_F(DesktopControlsTest, APickUpFolderIsMadeOnceAndTurnsHotOnlyWhenStored) {
     EXPECT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
 }
 
+// A name that is no folder name is refused however the entry came; what a
+// call brings is checked by the end-to-end tests, the rest here.
 TEST_F(DesktopControlsTest, ANameThatIsNoFolderNameNeverBecomesAPath) {
     ASSERT_TRUE(CreateFolder(Stores().Paths.PickUpPath + "/Smith"));
     WriteWholeFile(Stores().Paths.PickUpPath + "/Smith/secret", "smith's");
     size_t refusals = 0;
-    for (const std::string name : {"..", ".", "../Smith", "a/b", "tab\there"}) {
+    for (const std::string name : {"", "..", ".", "../Pick Up", "../Smith", "a/b", "tab\there"}) {
         SCOPED_TRACE(name);
+        // Nor is an exported entry of that name entered.
+        WriteWholeFile(folder_ / "bad.KBE", peer::DirectoryEntry(name, "5558888", true));
+        EXPECT_FALSE(window_->Correspondents().ImportDirectoryEntry(folder_ / "bad.KBE"));
+        EXPECT_EQ(Observed().back(), "Directory Entry Not Added: its name cannot name a folder.");
+        EXPECT_EQ(static_cast<size_t>(Stores().Directory.Count.load()), refusals);
+        if (name.empty()) {
+            continue;
+        }
         AddRecord(name, "5551234");
         ASSERT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
         ASSERT_TRUE(Press(IDC_MAKE_FOLDER).Done);
@@ -203,7 +197,8 @@ TEST_F(DesktopControlsTest, ANameThatIsNoFolderNameNeverBecomesAPath) {
     // A record with a folder renamed to such a name leaves its folder be.
     AddRecord("Jones", "5559876");
     ASSERT_TRUE(Press(IDC_MAKE_FOLDER).Done);
-    Select("Jones");
+    ASSERT_EQ(Controls().RowText(IDC_DIRECTORY_LIST, 4), "Jones");
+    Choose(IDC_DIRECTORY_LIST, 4);
     Type(IDC_NAME, "../Smith");
     ASSERT_TRUE(Press(IDC_CHANGE).Done);
     EXPECT_TRUE(FolderExists(Stores().Paths.PickUpPath + "/Jones/Sent Files"));
@@ -231,7 +226,7 @@ TEST_F(DesktopControlsTest, EachProgramButtonKeepsItsOwnPathAndNoneCutShort) {
 TEST_F(DesktopControlsTest, AnExportedEntryComesBackWholeAsTheRecordItWas) {
     EXPECT_FALSE(ChooseMenu(ID_FILE_EXPORT_ENTRY).Done) << "nothing on show";
     AddRecord("Smith & Co", "030 5551234");
-    Select("Smith & Co");
+    Choose(IDC_DIRECTORY_LIST, 0);
     Choose(IDC_PROTOCOL, 2);
     Choose(IDC_CARRIER, 3);
     Click(IDC_56K, true);
@@ -289,17 +284,6 @@ TEST_F(DesktopControlsTest, AnExportedEntryComesBackWholeAsTheRecordItWas) {
     std::memcpy(back.EntryMagic, original.EntryMagic, 4);
     EXPECT_EQ(std::memcmp(&back, &original, CorrespondentSize), 0);
     EXPECT_TRUE(FolderExists(Stores().Paths.PickUpPath + "/Smith & Co"));
-}
-
-// A name that is no folder name is refused however the entry came; what a
-// call brings is checked by the end-to-end tests, the rest here.
-TEST_F(DesktopControlsTest, AnEntryWhoseNameIsNoFolderNameIsNotEntered) {
-    for (const std::string name : {"..", "../Pick Up", ""}) {
-        WriteWholeFile(folder_ / "bad.KBE", peer::DirectoryEntry(name, "5558888", true));
-        EXPECT_FALSE(window_->Correspondents().ImportDirectoryEntry(folder_ / "bad.KBE")) << name;
-        EXPECT_EQ(Observed().back(), "Directory Entry Not Added: its name cannot name a folder.");
-    }
-    EXPECT_EQ(Stores().Directory.Count.load(), 0);
 }
 
 }  // namespace

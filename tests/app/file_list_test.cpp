@@ -12,11 +12,9 @@
 #include "app/control_model.h"
 #include "app/main_window.h"
 #include "engine/transfer_engine.h"
-#include "engine/wire.h"
 #include "platform/files.h"
 #include "resources/resource.h"
 #include "support/recording_desktop.h"
-#include "support/temp_folder.h"
 #include "window_fixture.h"
 
 namespace kb::test {

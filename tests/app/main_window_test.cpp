@@ -13,15 +13,11 @@
 #include "app/control_model.h"
 #include "engine/session_threads.h"
 #include "engine/transfer_engine.h"
-#include "line/adapter.h"
 #include "line/adapter_family.h"
-#include "line/profiles.h"
 #include "platform/clock.h"
 #include "platform/event_loop.h"
 #include "resources/resource.h"
 #include "stores/directory.h"
-#include "stores/paths.h"
-#include "stores/preferences.h"
 #include "stores/status_log.h"
 #include "window_fixture.h"
 
@@ -37,6 +33,15 @@ using namespace kb::stores;
 namespace {
 
 using MainWindowTest = WindowTest;
+
+// The texts as one, ", " between them, so that a table's cell holds them.
+std::string Joined(const std::vector<std::string>& texts) {
+    std::string all;
+    for (const std::string& text : texts) {
+        all += (all.empty() ? "" : ", ") + text;
+    }
+    return all;
+}
 
 // The engine's display call measures the rate of a file that moved that many
 // bytes in a second, under a ceiling well above it.
@@ -124,11 +129,9 @@ TEST_F(MainWindowTest, TheButtonsFollowTheLinkAndTheFileList) {
 }
 
 TEST_F(MainWindowTest, EventsReachOnlyControlsAUserCouldUse) {
-    // Disabled, hidden and unnamed controls refuse, with the reason.
-    EventOutcome outcome = Press(IDC_SEND);
-    EXPECT_FALSE(outcome.Done);
-    EXPECT_EQ(outcome.Refusal, "IDC_SEND is disabled");
-    outcome = Click(IDC_2B, true);
+    // Hidden and unnamed controls refuse, with the reason, as disabled ones
+    // do (the station's refusal to send shows that).
+    EventOutcome outcome = Click(IDC_2B, true);
     EXPECT_FALSE(outcome.Done);
     EXPECT_EQ(outcome.Refusal, "IDC_2B is hidden");
     EXPECT_FALSE(Controls().Checked(IDC_2B));
@@ -314,27 +317,53 @@ TEST_F(MainWindowTest, TheLogKeeps600LinesThe601stLeaves301AndClearLogLeavesOnly
 
 // ---- The figures of a transfer ----
 
-// One 64K channel carries 7200 bytes a second, and a whole second is added;
-// the size is shown in whole KB, rounded up, and hours of three digits whole.
-TEST_F(MainWindowTest, TheEstimateIsNeverNothingAndRoundsTheSizeUp) {
-    struct SizeCase {
+// The time for a batch: its size / rate + 1 seconds, at 7200 bytes a second
+// for one 64K channel, 5700 at 56K, 15500 for two channels, 14500 for two at
+// 56K; the size is shown in whole KB, rounded up, and hours of three digits
+// whole.
+TEST_F(MainWindowTest, TheEstimateFollowsTheOutgoingSettingsAndRoundsTheSizeUp) {
+    struct EstimateCase {
+        const char* What;
         uint32_t Bytes;
+        int16_t Model;
+        int Row;
+        bool At56k, TwoChannels, V42;
         const char* Kb;
         const char* Time;
     };
-    const SizeCase cases[] = {
-        {1, "1 KB", "00:00:01"},
-        {1023, "1 KB", "00:00:01"},
-        {1024, "2 KB", "00:00:01"},
-        {7199, "8 KB", "00:00:01"},
-        {7200, "8 KB", "00:00:02"},
-        {3599u * 7200u, "25306 KB", "01:00:00"},
-        {359999u * 7200u, "2531243 KB", "100:00:00"},
-        {4294967295u, "4194304 KB", "165:42:04"},
+    const EstimateCase cases[] = {
+        {"a byte", 1, ModelBitSURFR, 0, false, false, false, "1 KB", "00:00:01"},
+        {"a KB less a byte", 1023, ModelBitSURFR, 0, false, false, false, "1 KB", "00:00:01"},
+        {"a KB", 1024, ModelBitSURFR, 0, false, false, false, "2 KB", "00:00:01"},
+        {"a second less a byte", 7199, ModelBitSURFR, 0, false, false, false, "8 KB", "00:00:01"},
+        {"a second", 7200, ModelBitSURFR, 0, false, false, false, "8 KB", "00:00:02"},
+        {"an hour", 3599u * 7200u, ModelBitSURFR, 0, false, false, false, "25306 KB", "01:00:00"},
+        {"100 hours", 359999u * 7200u, ModelBitSURFR, 0, false, false, false, "2531243 KB",
+         "100:00:00"},
+        {"V.120, 2B at 56K", 1000000, ModelBitSURFR, 0, true, true, false, "977 KB", "00:01:09"},
+        {"V.120 at 56K", 1000000, ModelBitSURFR, 0, true, false, false, "977 KB", "00:02:56"},
+        {"V.120", 1000000, ModelBitSURFR, 0, false, false, false, "977 KB", "00:02:19"},
+        {"V.120, 2B", 1000000, ModelBitSURFR, 0, false, true, false, "977 KB", "00:01:05"},
+        // AIMUX takes two channels whatever 2B says.
+        {"AIMUX with 2B", 1000000, ModelBitSURFR, 1, false, true, false, "977 KB", "00:01:05"},
+        {"AIMUX without 2B", 1000000, ModelBitSURFR, 1, false, false, false, "977 KB", "00:01:05"},
+        // The rows' texts name the protocol: on a ZyXEL, X.75, where 2B decides.
+        {"ZyXEL, AIMUX's row", 1000000, ModelZyXEL, 1, false, false, false, "977 KB", "00:02:19"},
+        {"ZyXEL X.75", 1000000, ModelZyXEL, 2, false, false, false, "977 KB", "00:02:19"},
+        {"ZyXEL X.75, 2B", 1000000, ModelZyXEL, 2, false, true, false, "977 KB", "00:01:05"},
+        {"V.42 does not enter", 1000000, ModelZyXEL, 2, false, true, true, "977 KB", "00:01:05"},
+        // With no row chosen the estimate is V.120's.
+        {"no row, 2B", 1000000, ModelBitSURFR, -1, false, true, true, "977 KB", "00:01:05"},
+        {"no row", 1000000, ModelBitSURFR, -1, false, false, false, "977 KB", "00:02:19"},
+        {"the most", 4294967295u, ModelBitSURFR, 0, false, false, false, "4194304 KB", "165:42:04"},
     };
-    Controls().Select(IDC_PROTOCOL, 0);
-    for (const SizeCase& c : cases) {
-        SCOPED_TRACE(c.Bytes);
+    for (const EstimateCase& c : cases) {
+        SCOPED_TRACE(c.What);
+        Stores().Prefs.AdapterModel = c.Model;
+        Controls().Select(IDC_PROTOCOL, c.Row);
+        Controls().Check(IDC_56K, c.At56k);
+        Controls().Check(IDC_2B, c.TwoChannels);
+        Controls().Check(IDC_V42, c.V42);
         window_->Display().ShowBatchEstimate(c.Bytes);
         EXPECT_EQ(Controls().Text(IDC_TOTAL_KB), c.Kb);
         EXPECT_EQ(Controls().Text(IDC_EST_TIME), std::string("Est. Time: ") + c.Time);
@@ -346,48 +375,6 @@ TEST_F(MainWindowTest, TheEstimateIsNeverNothingAndRoundsTheSizeUp) {
     EXPECT_FALSE(Controls().Enabled(IDC_TOTAL_KB));
     EXPECT_FALSE(Controls().Enabled(IDC_EST_TIME));
     EXPECT_EQ(Controls().Text(IDC_EST_TIME), "Est. Time: 165:42:04");
-}
-
-// The time for 1000000 bytes: 1000000 / rate + 1 seconds, at 7200 bytes a
-// second for one 64K channel, 5700 at 56K, 15500 for two channels, 14500
-// for two at 56K.
-TEST_F(MainWindowTest, TheFixedRatesFollowTheOutgoingSettings) {
-    struct RateCase {
-        const char* What;
-        int16_t Model;
-        int Row;
-        bool At56k;
-        bool TwoChannels;
-        bool V42;
-        const char* Time;
-    };
-    const RateCase cases[] = {
-        {"V.120, 2B at 56K", ModelBitSURFR, 0, true, true, false, "00:01:09"},
-        {"V.120 at 56K", ModelBitSURFR, 0, true, false, false, "00:02:56"},
-        {"V.120", ModelBitSURFR, 0, false, false, false, "00:02:19"},
-        {"V.120, 2B", ModelBitSURFR, 0, false, true, false, "00:01:05"},
-        // AIMUX takes two channels whatever 2B says.
-        {"AIMUX with 2B", ModelBitSURFR, 1, false, true, false, "00:01:05"},
-        {"AIMUX without 2B", ModelBitSURFR, 1, false, false, false, "00:01:05"},
-        // The rows' texts name the protocol: on a ZyXEL, X.75, where 2B decides.
-        {"ZyXEL, AIMUX's row", ModelZyXEL, 1, false, false, false, "00:02:19"},
-        {"ZyXEL X.75", ModelZyXEL, 2, false, false, false, "00:02:19"},
-        {"ZyXEL X.75, 2B", ModelZyXEL, 2, false, true, false, "00:01:05"},
-        {"V.42 does not enter", ModelZyXEL, 2, false, true, true, "00:01:05"},
-        // With no row chosen the estimate is V.120's.
-        {"no row, 2B", ModelBitSURFR, -1, false, true, true, "00:01:05"},
-        {"no row", ModelBitSURFR, -1, false, false, false, "00:02:19"},
-    };
-    for (const RateCase& c : cases) {
-        SCOPED_TRACE(c.What);
-        Stores().Prefs.AdapterModel = c.Model;
-        Controls().Select(IDC_PROTOCOL, c.Row);
-        Controls().Check(IDC_56K, c.At56k);
-        Controls().Check(IDC_2B, c.TwoChannels);
-        Controls().Check(IDC_V42, c.V42);
-        window_->Display().ShowBatchEstimate(1000000);
-        EXPECT_EQ(Controls().Text(IDC_EST_TIME), std::string("Est. Time: ") + c.Time);
-    }
     // A measured rate takes over.
     MeasureRate(*window_, 1000);
     window_->Display().ShowBatchEstimate(1000000);

@@ -1,19 +1,14 @@
 #include "window_fixture.h"
 
-#include <sys/stat.h>
-
 #include "app/control_model.h"
-#include "engine/transfer_engine.h"
 #include "platform/event_loop.h"
 #include "platform/files.h"
 #include "resources/resource.h"
-#include "stores/installation.h"
 
 namespace kb::test {
 
 using namespace kb::app;
 using namespace kb::engine;
-using namespace kb::line;
 using namespace kb::platform;
 using namespace kb::resources;
 using namespace kb::stores;
@@ -81,57 +76,12 @@ std::vector<std::string> WindowTest::Observed() const {
     return observed_;
 }
 
-EventOutcome WindowTest::Click(int id, bool checked) {
-    WindowEvent event = Event(EventKind::BoxClicked, id);
-    event.Checked = checked;
-    return Handle(event);
-}
-
-EventOutcome WindowTest::Choose(int id, int row) {
-    WindowEvent event = Event(EventKind::SelectionChanged, id);
-    event.Row = row;
-    return Handle(event);
-}
-
-EventOutcome WindowTest::Type(int id, const std::string& text) {
-    WindowEvent event = Event(EventKind::TextEdited, id);
-    event.Text = text;
-    return Handle(event);
-}
-
-EventOutcome WindowTest::Drop(int id, const std::vector<std::string>& paths) {
-    WindowEvent event = Event(EventKind::FilesDropped, id);
-    event.Paths = paths;
-    return Handle(event);
-}
-
 std::vector<std::string> RowTexts(int id) {
     std::vector<std::string> texts;
     for (const ListRow& row : Controls().Rows(id)) {
         texts.push_back(row.Text);
     }
     return texts;
-}
-
-std::string Joined(const std::vector<std::string>& texts) {
-    std::string all;
-    for (const std::string& text : texts) {
-        all += (all.empty() ? "" : ", ") + text;
-    }
-    return all;
-}
-
-void ExpectFirstRunPreferences(const std::string& bytes) {
-    ASSERT_EQ(bytes.size(), 1176u);
-    EXPECT_EQ(bytes.substr(0, 8), std::string("\0\0\0\0\x80\x25\0\0", 8));
-    EXPECT_EQ(bytes.find_first_not_of('\0', 8), std::string::npos);
-}
-
-WindowEvent Event(EventKind kind, int id) {
-    WindowEvent event;
-    event.Kind = kind;
-    event.Id = id;
-    return event;
 }
 
 }  // namespace kb::test

@@ -33,13 +33,12 @@ using stores::Installation;
 
 // Rows of a list, by their text.
 std::vector<std::string> RowTexts(int id);
-// The texts as one, ", " between them, so that a table's cell holds them.
-std::string Joined(const std::vector<std::string>& texts);
-// The first run's preferences: 9600 bps and nothing else.
-void ExpectFirstRunPreferences(const std::string& bytes);
 
-// A user's event on a control.
-WindowEvent Event(EventKind kind, int id);
+// A user's event on a control, with what it carries.
+inline WindowEvent Event(EventKind kind, int id, int row = -1, bool checked = false,
+                         const std::string& text = "", const std::vector<std::string>& paths = {}) {
+    return {kind, id, row, checked, text, paths};
+}
 
 class WindowTest : public ::testing::Test {
 protected:
@@ -62,10 +61,18 @@ protected:
     EventOutcome Handle(const WindowEvent& event) { return window_->HandleEvent(event); }
     EventOutcome Press(int id) { return Handle(Event(EventKind::ButtonPressed, id)); }
     EventOutcome ChooseMenu(int id) { return Handle(Event(EventKind::MenuCommand, id)); }
-    EventOutcome Click(int id, bool checked);
-    EventOutcome Choose(int id, int row);
-    EventOutcome Type(int id, const std::string& text);
-    EventOutcome Drop(int id, const std::vector<std::string>& paths);
+    EventOutcome Click(int id, bool checked) {
+        return Handle(Event(EventKind::BoxClicked, id, -1, checked));
+    }
+    EventOutcome Choose(int id, int row) {
+        return Handle(Event(EventKind::SelectionChanged, id, row));
+    }
+    EventOutcome Type(int id, const std::string& text) {
+        return Handle(Event(EventKind::TextEdited, id, -1, false, text));
+    }
+    EventOutcome Drop(int id, const std::vector<std::string>& paths) {
+        return Handle(Event(EventKind::FilesDropped, id, -1, false, "", paths));
+    }
 
     // The installation of the window that runs or ran last; a restart makes
     // a new one from the same folder, as the program's next start does.

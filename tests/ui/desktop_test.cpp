@@ -6,7 +6,6 @@
 #include <QDesktopServices>
 #include <QDir>
 #include <QFile>
-#include <QUrl>
 
 #include <gtest/gtest.h>
 
@@ -15,11 +14,9 @@
 
 #include <atomic>
 #include <future>
-#include <mutex>
 #include <regex>
 #include <thread>
 
-#include "app/application.h"
 #include "platform/files.h"
 #include "support/temp_folder.h"
 #include "ui/gui_thread.h"
@@ -95,15 +92,9 @@ TEST_F(DesktopTest, AProgramStartsInASessionOfItsOwnWithNoSignalHeldBack) {
     // moment whenever it starts a command, so its record, read from outside,
     // may show that moment.
     WriteWholeFile(script,
-                   "#!/bin/sh\n"
-                   "cut -d' ' -f6 /proc/self/stat > '" +
-                       session +
-                       "'\n"
-                       "cat /proc/self/status > '" +
-                       report +
-                       ".part'\n"
-                       "mv '" +
-                       report + ".part' '" + report + "'\n");
+                   "#!/bin/sh\ncd \"$(dirname \"$0\")\"\n"
+                   "cut -d' ' -f6 /proc/self/stat > session\n"
+                   "cat /proc/self/status > status.part && mv status.part status\n");
     ASSERT_TRUE(QFile::setPermissions(QString::fromStdString(script),
                                       QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
     FromAnotherThread([&] { desktop_.StartProgram(script); });

@@ -3,7 +3,6 @@
 #include <QAbstractButton>
 #include <QAbstractItemView>
 #include <QApplication>
-#include <QCheckBox>
 #include <QComboBox>
 #include <QFileDialog>
 #include <QLabel>
@@ -242,9 +241,17 @@ std::vector<std::string> UiTest::Differences() const {
             case ControlKind::PictureButton:
                 Compare(differences, name + "picture", ShowsPicture(widget), state.Picture != 0);
                 break;
+            case ControlKind::ListView: {
+                auto* tree = qobject_cast<QTreeWidget*>(widget);
+                std::vector<std::string> headers;
+                for (int column = 0; column < tree->columnCount(); ++column) {
+                    headers.push_back(Text(tree->headerItem()->text(column)));
+                }
+                Compare(differences, name + "columns", headers, state.Columns);
+                [[fallthrough]];
+            }
             case ControlKind::ListBox:
             case ControlKind::DropDown:
-            case ControlKind::ListView:
                 Compare(differences, name + "rows", ShownRows(widget), ModelRows(state));
                 Compare(differences, name + "selection", ShownSelection(widget), state.Selection);
                 break;
@@ -254,14 +261,6 @@ std::vector<std::string> UiTest::Differences() const {
                 break;
             case ControlKind::Window:
                 break;
-        }
-        if (state.Kind == ControlKind::ListView) {
-            auto* tree = qobject_cast<QTreeWidget*>(widget);
-            std::vector<std::string> headers;
-            for (int column = 0; column < tree->columnCount(); ++column) {
-                headers.push_back(Text(tree->headerItem()->text(column)));
-            }
-            Compare(differences, name + "columns", headers, state.Columns);
         }
     }
     return differences;

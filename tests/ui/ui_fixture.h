@@ -6,7 +6,6 @@
 #pragma once
 
 #include <QObject>
-#include <QString>
 #include <QTimer>
 
 #include <gtest/gtest.h>
