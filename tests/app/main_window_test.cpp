@@ -254,8 +254,10 @@ TEST_F(MainWindowTest, TheWindowShowsWhatTheAdapterFoundOffers) {
             EXPECT_EQ(Controls().MenuItemChecked(ID_PORT_SPEED_230400), c.Checked230400);
             EXPECT_EQ(Controls().MenuItemChecked(ID_PORT_SPEED_115200), !c.Checked230400);
         }
+        // No adapter is there to take the closing command that a stop sends
+        // to a found one.
+        line_->AdapterFound.store(false);
     }
-    line_->AdapterFound.store(false);
 }
 
 TEST_F(MainWindowTest, TheAboutBoxOfTheMenuNeitherClosesByItselfNorSearches) {
