@@ -12,7 +12,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <string>
