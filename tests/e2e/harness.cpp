@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <stdexcept>
 
-#include "support/tcp_relay.h"
 #include "support/temp_folder.h"
 
 namespace kb::test {
@@ -23,10 +22,6 @@ VirtualAdapters::VirtualAdapters(const std::vector<std::string>& adapters,
     if (!process_.WaitForLine("ready", std::chrono::seconds(20))) {
         throw std::runtime_error("virtual-ta did not become ready");
     }
-}
-
-uint16_t VirtualAdapters::ListeningPort() const {
-    return test::ListeningPort(process_.AllLines());
 }
 
 Station::Station(const std::string& folder) : process_(KBSTATION_PATH, {}, folder) {}

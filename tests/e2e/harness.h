@@ -29,8 +29,6 @@ class VirtualAdapters {
 public:
     VirtualAdapters(const std::vector<std::string>& adapters,
                     const std::vector<std::string>& options = {});
-    // The port it listens on for calls from other virtual-ta processes.
-    uint16_t ListeningPort() const;
     pid_t Pid() const { return process_.Pid(); }
 
 private:

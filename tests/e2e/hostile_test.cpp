@@ -22,25 +22,6 @@ namespace {
 
 class HostilePeer : public PeerAndStation {
 protected:
-    // Dials the station and exchanges SYNCON and RCVCON.
-    void Call() {
-        ASSERT_TRUE(port_->Dial("5552002"));
-        Resync();
-    }
-
-    // SYNCON until RCVCON answers: the station still hears tokens. A refusal
-    // throws away what waits in its input, which may take a SYNCON sent right
-    // behind the refusal with it, so one is sent again after a while.
-    void Resync() {
-        for (int attempt = 0; attempt < 10; ++attempt) {
-            port_->Send("SYNCON\r\n");
-            if (port_->ReceiveUntil("RCVCON\r\n", 1000).find("RCVCON\r\n") != std::string::npos) {
-                return;
-            }
-        }
-        FAIL() << "SYNCON is no longer answered\n" << LogText();
-    }
-
     // The next token from the station, past any RCVCON that a repeated
     // SYNCON brought.
     std::string Reply(int timeoutMs) {
@@ -53,15 +34,6 @@ protected:
     }
 
     long Count(const std::string& line) { return station_->Count(line); }
-
-    // A plain session after all the rest: the station is unharmed.
-    void ExpectANormalCallStillWorks() {
-        const std::vector<peer::File> files = {{"after.txt", RandomBytes(30000, 31)}};
-        ASSERT_TRUE(port_->Dial("5552002"));
-        EXPECT_EQ(peer::SendSession(*port_, files), "");
-        EndCall();
-        EXPECT_TRUE(Incoming("after.txt") == files[0].Bytes);
-    }
 
     // The station sends its one file, out.bin: the peer answers its call and
     // takes the offer up to the list.
@@ -99,9 +71,7 @@ TEST_F(HostilePeer, NamesAreMadeSafeAndNothingLandsOutsideIncomingFiles) {
     for (const auto& [file, filed] : names) {
         files.push_back(file);
     }
-    ASSERT_TRUE(port_->Dial("5552002"));
-    EXPECT_EQ(peer::SendSession(*port_, files, "../up"), "");
-    EndCall();
+    PeerSends(files, "../up");
     for (const auto& [file, filed] : names) {
         EXPECT_EQ(Incoming(".._up/" + filed), file.Bytes) << filed;
     }
@@ -225,7 +195,10 @@ TEST_F(HostilePeer, EndlessLinesNoiseAndListsThatCannotBeRightAreRefused) {
         EXPECT_FALSE(PathExists(stationPath_ + "/Incoming Files/" + refused)) << refused;
     }
     EXPECT_EQ(PathsOutsideIncoming(), before);
-    ExpectANormalCallStillWorks();
+    // A plain session after all the rest: the station is unharmed.
+    const std::string after = RandomBytes(30000, 31);
+    PeerSends({{"after.txt", after}});
+    EXPECT_TRUE(Incoming("after.txt") == after);
 }
 
 // The station sends one file. The peer answers the list with a FILERESTA3

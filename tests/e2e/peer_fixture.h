@@ -78,6 +78,33 @@ protected:
         return heard;
     }
 
+    // The peer calls the station, sends it the files, in the folder if one is
+    // named, and hangs up.
+    void PeerSends(const std::vector<peer::File>& files, const std::string& folder = "") {
+        ASSERT_TRUE(port_->Dial("5552002"));
+        EXPECT_EQ(peer::SendSession(*port_, files, folder), "") << LogText();
+        EndCall();
+    }
+
+    // The peer calls the station and exchanges SYNCON and RCVCON.
+    void Call() {
+        ASSERT_TRUE(port_->Dial("5552002"));
+        Resync();
+    }
+
+    // SYNCON until RCVCON answers: the station still hears tokens. A refusal
+    // throws away what waits in its input, which may take a SYNCON sent right
+    // behind the refusal with it, so one is sent again after a while.
+    void Resync() {
+        for (int attempt = 0; attempt < 10; ++attempt) {
+            port_->Send("SYNCON\r\n");
+            if (port_->ReceiveUntil("RCVCON\r\n", 1000).find("RCVCON\r\n") != std::string::npos) {
+                return;
+            }
+        }
+        FAIL() << "SYNCON is no longer answered\n" << LogText();
+    }
+
     // The peer hangs up, if the station has not already, and the station is
     // idle again.
     void EndCall() {

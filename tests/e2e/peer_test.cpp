@@ -22,9 +22,7 @@ TEST_F(PeerAndStation, APeerSendsAFolderOfFilesAndTheStationFilesThemIdentical) 
         {"whole.bin", RandomBytes(131070, 31)}, {"mid.bin", RandomBytes(131071, 22)},
         {"big.bin", RandomBytes(300000, 23)},
     };
-    ASSERT_TRUE(port_->Dial("5552002"));
-    EXPECT_EQ(peer::SendSession(*port_, files, "Album"), "");
-    EndCall();
+    PeerSends(files, "Album");
     for (const peer::File& file : files) {
         EXPECT_TRUE(Incoming("Album/" + file.Name) == file.Bytes) << file.Name;
     }

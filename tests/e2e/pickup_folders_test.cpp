@@ -37,53 +37,22 @@ void AddRecord(Station& station, const std::string& name, const std::string& num
     EXPECT_EQ(station.Command("entry add"), "ok");
 }
 
-// Alice and Bob, each in an installation of their own on a line that runs as
-// fast as the ports go; a station starts when a test asks for it.
-class TwoLines : public ::testing::Test {
-protected:
-    void SetUp() override {
-        for (const char* name : {"alice", "bob"}) {
-            paths_.push_back(MakeInstallation(root_, name));
-        }
-        adapters_ = std::make_unique<VirtualAdapters>(
-            std::vector<std::string>{paths_[0] + "/COM1=bitsurfr:5551001",
-                                     paths_[1] + "/COM1=zyxel-2864:5552002"},
-            std::vector<std::string>{"--rate", "0"});
-    }
+// Bob presses Retrieve and Alice answers: the line that ends the session at
+// each end, and both ends idle again.
+void Retrieve(AliceAndBob& line, const std::string& answer, const std::string& alicesAnswer = "") {
+    ASSERT_EQ(line.Bob->Command("retrieve"), "ok");
+    ASSERT_TRUE(line.Bob->WaitForLog(answer));
+    ASSERT_TRUE(line.Alice->WaitForLog(alicesAnswer.empty() ? answer : alicesAnswer));
+    line.BackToIdle();
+}
 
-    // The station of line 0 or 1, started and waiting for calls.
-    Station& Start(size_t line) {
-        stations_[line] = WaitingStation(paths_[line]);
-        return *stations_[line];
-    }
-    std::string PickUp(size_t line, const std::string& relative) const {
-        return paths_[line] + "/Pick Up/" + relative;
-    }
-    std::string Incoming(size_t line, const std::string& relative) const {
-        return paths_[line] + "/Incoming Files/" + relative;
-    }
-    // Presses Retrieve and waits for the lines that end the session at each
-    // end and until both ends are idle again.
-    void Retrieve(Station& caller, Station& holder, const std::string& answer,
-                  const std::string& holderAnswer = "") {
-        ASSERT_EQ(caller.Command("retrieve"), "ok");
-        ASSERT_TRUE(caller.WaitForLog(answer));
-        ASSERT_TRUE(holder.WaitForLog(holderAnswer.empty() ? answer : holderAnswer));
-        ASSERT_TRUE(caller.WaitForLog("Reinitializing Incoming"));
-        ASSERT_TRUE(holder.WaitForLog("Reinitializing Incoming"));
-        ASSERT_EQ(caller.Command("wait-state idle 30"), "ok");
-        ASSERT_EQ(holder.Command("wait-state idle 30"), "ok");
-    }
-
-    TempFolder root_;
-    std::vector<std::string> paths_;
-    std::unique_ptr<VirtualAdapters> adapters_;
-    std::unique_ptr<Station> stations_[2];
-};
-
-TEST_F(TwoLines, ACorrespondentFetchesItsFolderAndAnyoneElseIsToldThereIsNone) {
-    Station& alice = Start(0);
-    Station& bob = Start(1);
+TEST(PickUpFolders, ACorrespondentFetchesItsFolderAndAnyoneElseIsToldThereIsNone) {
+    AliceAndBob line("zyxel-2864", {"--rate", "0"});
+    Station& alice = *line.Alice;
+    Station& bob = *line.Bob;
+    const auto pickUp = [&](const std::string& relative) {
+        return line.AlicePath + "/Pick Up/" + relative;
+    };
 
     // Alice keeps a folder for Bob, made with the button, and fills it.
     AddRecord(alice, "Bob", "030 555-2002");
@@ -92,7 +61,7 @@ TEST_F(TwoLines, ACorrespondentFetchesItsFolderAndAnyoneElseIsToldThereIsNone) {
                                            {"note.txt", RandomBytes(1000, 42)},
                                            {"empty.txt", ""}};
     for (const peer::File& file : files) {
-        WriteWholeFile(PickUp(0, "Bob/" + file.Name), file.Bytes);
+        WriteWholeFile(pickUp("Bob/" + file.Name), file.Bytes);
     }
 
     // Two long names that go out shortened alike.
@@ -101,28 +70,29 @@ TEST_F(TwoLines, ACorrespondentFetchesItsFolderAndAnyoneElseIsToldThereIsNone) {
         {"quarterly report of the year 2024.pdf", RandomBytes(800, 47)}};
     const std::string shortened = "quarterly report of the yea.pdf";
     for (const peer::File& file : longNamed) {
-        WriteWholeFile(PickUp(0, "Bob/" + file.Name), file.Bytes);
+        WriteWholeFile(pickUp("Bob/" + file.Name), file.Bytes);
     }
 
     // Bob fetches it: the roles turn, and the files land under Alice's name
     // for the folder.
     AddRecord(bob, "Alice", "5551001");
-    Retrieve(bob, alice, "All files received.", "All files sent.");
+    Retrieve(line, "All files received.", "All files sent.");
     for (const peer::File& file : files) {
         SCOPED_TRACE(file.Name);
-        ExpectSameBytes(Incoming(1, "Bob/" + file.Name), file.Bytes);
-        ExpectSameBytes(PickUp(0, "Bob/Sent Files/" + file.Name), file.Bytes);
-        EXPECT_FALSE(PathExists(PickUp(0, "Bob/" + file.Name)));
+        ExpectSameBytes(line.IncomingPath("Bob/" + file.Name), file.Bytes);
+        ExpectSameBytes(pickUp("Bob/Sent Files/" + file.Name), file.Bytes);
+        EXPECT_FALSE(PathExists(pickUp("Bob/" + file.Name)));
     }
     // Each long name stays Alice's own in "Sent Files"; Bob has them under
     // the shortened name, the second with its letter.
     for (const peer::File& file : longNamed) {
         SCOPED_TRACE(file.Name);
-        ExpectSameBytes(PickUp(0, "Bob/Sent Files/" + file.Name), file.Bytes);
-        EXPECT_FALSE(PathExists(PickUp(0, "Bob/" + file.Name)));
+        ExpectSameBytes(pickUp("Bob/Sent Files/" + file.Name), file.Bytes);
+        EXPECT_FALSE(PathExists(pickUp("Bob/" + file.Name)));
     }
-    const std::string first = ReadWholeFile(Incoming(1, "Bob/" + shortened));
-    const std::string second = ReadWholeFile(Incoming(1, "Bob/" + shortened.substr(0, 29) + "-A"));
+    const std::string first = ReadWholeFile(line.IncomingPath("Bob/" + shortened));
+    const std::string second =
+        ReadWholeFile(line.IncomingPath("Bob/" + shortened.substr(0, 29) + "-A"));
     EXPECT_TRUE((first == longNamed[0].Bytes && second == longNamed[1].Bytes) ||
                 (first == longNamed[1].Bytes && second == longNamed[0].Bytes));
     // The folder goes in the order the file system lists it.
@@ -143,40 +113,32 @@ TEST_F(TwoLines, ACorrespondentFetchesItsFolderAndAnyoneElseIsToldThereIsNone) {
                                         "Receiving File: " + shortened}));
 
     // Nothing waits for Bob now.
-    Retrieve(bob, alice, "No files to be retrieved.");
+    Retrieve(line, "No files to be retrieved.");
     EXPECT_EQ(alice.Count("Retrieve request from 5552002"), 1);
 
     // Alice's record for Bob takes another number: Bob's call finds no folder.
-    WriteWholeFile(PickUp(0, "Bob/later.txt"), "for Bob only");
+    WriteWholeFile(pickUp("Bob/later.txt"), "for Bob only");
     ASSERT_EQ(alice.Command("select Bob"), "ok");
     ASSERT_EQ(alice.Command("number 5559999"), "ok");
     ASSERT_EQ(alice.Command("entry change"), "ok");
-    Retrieve(bob, alice, "No retrieve folder found.");
-    EXPECT_EQ(ReadWholeFile(PickUp(0, "Bob/later.txt")), "for Bob only");
-    EXPECT_FALSE(PathExists(Incoming(1, "Bob/later.txt")));
+    Retrieve(line, "No retrieve folder found.");
+    EXPECT_EQ(ReadWholeFile(pickUp("Bob/later.txt")), "for Bob only");
+    EXPECT_FALSE(PathExists(line.IncomingPath("Bob/later.txt")));
 
     // The folder buttons and the rest hand their work to the desktop.
-    ASSERT_EQ(alice.Command("open-folder"), "ok");
-    ASSERT_EQ(alice.Command("ctrl on"), "ok");
-    ASSERT_EQ(alice.Command("open-folder"), "ok");
-    ASSERT_EQ(alice.Command("ctrl off"), "ok");
-    ASSERT_EQ(alice.Command("open-incoming"), "ok");
-    ASSERT_EQ(alice.Command("help"), "ok");
-    ASSERT_EQ(alice.Command("browser off"), "ok");
-    ASSERT_EQ(alice.Command("help"), "ok");
-    ASSERT_EQ(alice.Command("program a /usr/bin/gimp"), "ok");
-    ASSERT_EQ(alice.Command("program a"), "ok");
-    ASSERT_EQ(alice.Command("shift on"), "ok");
-    ASSERT_EQ(alice.Command("program a cancel"), "ok");
-    ASSERT_EQ(alice.Command("shift off"), "ok");
-    ASSERT_EQ(alice.Command("program a"), "ok");
-    const std::string manual = paths_[0] + "/Kestrelbound_Manual/Start_Here.html";
-    EXPECT_EQ(
-        alice.TakeHandOffs(),
-        (std::vector<std::string>{"open: " + PickUp(0, "Bob"), "open: " + paths_[0] + "/Pick Up",
-                                  "open: " + paths_[0] + "/Incoming Files", "browse: " + manual,
-                                  "raise: browser", "browse: " + manual, "dialog: open",
-                                  "run: /usr/bin/gimp", "dialog: open", "dialog: open"}));
+    for (const char* command :
+         {"open-folder", "ctrl on", "open-folder", "ctrl off", "open-incoming", "help",
+          "browser off", "help", "program a /usr/bin/gimp", "program a", "shift on",
+          "program a cancel", "shift off", "program a"}) {
+        ASSERT_EQ(alice.Command(command), "ok") << command;
+    }
+    const std::string manual = line.AlicePath + "/Kestrelbound_Manual/Start_Here.html";
+    EXPECT_EQ(alice.TakeHandOffs(),
+              (std::vector<std::string>{
+                  "open: " + pickUp("Bob"), "open: " + line.AlicePath + "/Pick Up",
+                  "open: " + line.AlicePath + "/Incoming Files", "browse: " + manual,
+                  "raise: browser", "browse: " + manual, "dialog: open", "run: /usr/bin/gimp",
+                  "dialog: open", "dialog: open"}));
     EXPECT_EQ(
         alice.Messages(),
         std::vector<std::string>{"Please launch your preferred web browser to use\non-line help."});
@@ -230,24 +192,7 @@ TEST(EntriesInACall, AnEntryIsEnteredOnceAtTheEndOfTheCallThatBroughtItWhole) {
 
 // The station as holder of folders, called by a far end that sends what no
 // sound correspondent would.
-class FolderThief : public PeerAndStation {
-protected:
-    // An exported entry: name and number, a pick-up folder claimed.
-    static peer::File Entry(const std::string& file, const std::string& name,
-                            const std::string& number) {
-        return {file, peer::DirectoryEntry(name, number, true)};
-    }
-    // Calls in and asks for the folder of the number; the station's answer.
-    std::string RequestFolder(const std::string& number) {
-        EXPECT_TRUE(port_->Dial("5552002"));
-        port_->Send("SYNCON\r\n");
-        EXPECT_NE(port_->ReceiveUntil("RCVCON\r\n", 5000).find("RCVCON"), std::string::npos);
-        port_->Send("RETRIEVE\r\n" + number + std::string(32 - number.size(), '\0'));
-        const std::string answer = port_->ReceiveUntil("\r\n", 5000);
-        EndCall();
-        return answer;
-    }
-};
+using FolderThief = PeerAndStation;
 
 TEST_F(FolderThief, EntriesAndRequestsMeantForOtherPeoplesFoldersReachNothing) {
     // The station keeps a folder for Smith.
@@ -259,14 +204,15 @@ TEST_F(FolderThief, EntriesAndRequestsMeantForOtherPeoplesFoldersReachNothing) {
     ASSERT_TRUE(CreateFolder(stationPath_ + "/Pick Up/Jones"));
     WriteWholeFile(stationPath_ + "/Pick Up/Jones/old.txt", "Jones's old file");
 
-    // Entries for Smith's name with the thief's number, for a name that would
-    // climb out of "Pick Up", and for Jones with a folder claimed.
-    const std::vector<peer::File> entries = {Entry("smith.KBE", "Smith", "5553003"),
-                                             Entry("up.KBE", "..", "5553003"),
-                                             Entry("jones.KBE", "Jones", "5553003")};
-    ASSERT_TRUE(port_->Dial("5552002"));
-    ASSERT_EQ(peer::SendSession(*port_, entries), "");
-    EndCall();
+    // Exported entries, each with a pick-up folder claimed: for Smith's name
+    // with the thief's number, for a name that would climb out of "Pick Up",
+    // and for Jones.
+    std::vector<peer::File> entries;
+    for (const char* name : {"Smith", "..", "Jones"}) {
+        entries.push_back(
+            {name + std::string(".KBE"), peer::DirectoryEntry(name, "5553003", true)});
+    }
+    PeerSends(entries);
     ASSERT_TRUE(station_->WaitForLog("Directory Entry Added"));
     EXPECT_EQ(station_->Count("Directory Entry Not Added: Smith is in the directory already."), 1);
     EXPECT_EQ(station_->Count("Directory Entry Not Added: its name cannot name a folder."), 1);
@@ -277,7 +223,10 @@ TEST_F(FolderThief, EntriesAndRequestsMeantForOtherPeoplesFoldersReachNothing) {
     // inside Smith's.
     for (const std::string number : {"5553003", "", "777"}) {
         SCOPED_TRACE(number);
-        EXPECT_EQ(RequestFolder(number), "NOFILEDIR\r\n");
+        Call();
+        port_->Send("RETRIEVE\r\n" + number + std::string(32 - number.size(), '\0'));
+        EXPECT_EQ(port_->ReceiveUntil("\r\n", 5000), "NOFILEDIR\r\n");
+        EndCall();
     }
     EXPECT_EQ(station_->Count("No retrieve folder found."), 3);
     EXPECT_EQ(ReadWholeFile(smith + "contract.txt"), "Smith's contract");

@@ -12,7 +12,6 @@
 #include "harness.h"
 #include "platform/files.h"
 #include "support/installation.h"
-#include "support/tcp_relay.h"
 #include "support/wire_peer.h"
 
 namespace kb::test {
@@ -22,29 +21,13 @@ using platform::CreateFolder;
 class AliceAndBob {
 public:
     // Bob's adapter is of the family given; Alice's is a BitSURFR. The
-    // options are virtual-ta's: the line's rate, its faults. Over TCP, as on
-    // two computers: each adapter in a virtual-ta of its own, both with the
-    // options, Bob's listening on loopback and Alice's routing Bob's number
-    // to it, through a relay that can cut the connection.
-    AliceAndBob(const std::string& bobFamily, const std::vector<std::string>& options,
-                bool overTcp = false)
-        : AlicePath(MakeInstallation(Root, "alice")), BobPath(MakeInstallation(Root, "bob")) {
-        const std::string alice = AlicePath + "/COM1=bitsurfr:5551001";
-        const std::string bob = BobPath + "/COM1=" + bobFamily + ":5552002";
-        if (overTcp) {
-            std::vector<std::string> bobs = options;
-            bobs.insert(bobs.end(), {"--listen", "127.0.0.1:0"});
-            Adapters = std::make_unique<VirtualAdapters>(std::vector<std::string>{bob}, bobs);
-            Relay = std::make_unique<TcpRelay>(Adapters->ListeningPort());
-            std::vector<std::string> alices = options;
-            alices.insert(alices.end(),
-                          {"--route", "5552002=127.0.0.1:" + std::to_string(Relay->Port())});
-            AlicesAdapters =
-                std::make_unique<VirtualAdapters>(std::vector<std::string>{alice}, alices);
-        } else {
-            Adapters =
-                std::make_unique<VirtualAdapters>(std::vector<std::string>{alice, bob}, options);
-        }
+    // options are virtual-ta's: the line's rate, its faults.
+    AliceAndBob(const std::string& bobFamily, const std::vector<std::string>& options)
+        : AlicePath(MakeInstallation(Root, "alice")),
+          BobPath(MakeInstallation(Root, "bob")),
+          Adapters(
+              {AlicePath + "/COM1=bitsurfr:5551001", BobPath + "/COM1=" + bobFamily + ":5552002"},
+              options) {
         // Bob first: Alice's start-up, a second long, gives his adapter time
         // to take its incoming profile, so that her call rings him when he
         // listens and he answers its first ring rather than its second.
@@ -85,6 +68,9 @@ public:
         ASSERT_EQ(Bob->Command("wait-state idle 30"), "ok");
     }
 
+    // Both logs, for a failure's message.
+    std::string Logs() const { return "alice:\n" + Alice->LogText() + "bob:\n" + Bob->LogText(); }
+
     std::string IncomingPath(const std::string& relative) const {
         return BobPath + "/Incoming Files/" + relative;
     }
@@ -95,9 +81,7 @@ public:
     TempFolder Root;
     std::string AlicePath;
     std::string BobPath;
-    std::unique_ptr<VirtualAdapters> Adapters;  // Bob's alone when over TCP
-    std::unique_ptr<VirtualAdapters> AlicesAdapters;
-    std::unique_ptr<TcpRelay> Relay;
+    VirtualAdapters Adapters;
     std::unique_ptr<Station> Alice;
     std::unique_ptr<Station> Bob;
 };

@@ -60,11 +60,6 @@ struct BytePipe::State {
         }
         return taken;
     }
-
-    void EmptyQueue() {
-        Queue.clear();
-        Head = 0;
-    }
 };
 
 namespace {
@@ -80,11 +75,11 @@ public:
         return true;
     }
     void Close() override {
-        std::lock_guard<std::mutex> guard(state_->Lock);
-        state_->Open = false;
-        state_->Arriving.clear();
-        state_->EmptyQueue();
-        state_->Written.clear();
+        {
+            std::lock_guard<std::mutex> guard(state_->Lock);
+            state_->Open = false;
+        }
+        Purge();
     }
     bool IsOpen() const override {
         std::lock_guard<std::mutex> guard(state_->Lock);
@@ -94,7 +89,8 @@ public:
     void Purge() override {
         std::lock_guard<std::mutex> guard(state_->Lock);
         state_->Arriving.clear();
-        state_->EmptyQueue();
+        state_->Queue.clear();
+        state_->Head = 0;
         state_->Written.clear();
     }
     void PurgeOutput() override {

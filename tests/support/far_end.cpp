@@ -162,26 +162,25 @@ std::string FarEnd::Command(const std::string& command, int timeoutMs) {
     return ReceiveUntilAny({"OK\r\n", "ERROR\r\n"}, timeoutMs);
 }
 
-bool FarEnd::Dial(const std::string& number) {
-    Send("ATD" + number + "\r");
-    if (ReceiveUntil("CONNECT", 40000).find("CONNECT") == std::string::npos) {
+bool FarEnd::LineWith(const std::string& text, int timeoutMs) {
+    if (ReceiveUntil(text, timeoutMs).find(text) == std::string::npos) {
         return false;
     }
-    ReceiveUntil("\r\n", 1000);  // the rest of the CONNECT line
+    ReceiveUntil("\r\n", 1000);  // the rest of the line
     return true;
 }
 
+bool FarEnd::Dial(const std::string& number) {
+    Send("ATD" + number + "\r");
+    return LineWith("CONNECT", 40000);
+}
+
 bool FarEnd::Answer(int timeoutMs) {
-    if (ReceiveUntil("RING", timeoutMs).find("RING") == std::string::npos) {
+    if (!LineWith("RING", timeoutMs)) {
         return false;
     }
-    ReceiveUntil("\r\n", 1000);  // the rest of the RING line
     Send("ATA\r");
-    if (ReceiveUntil("CONNECT", 10000).find("CONNECT") == std::string::npos) {
-        return false;
-    }
-    ReceiveUntil("\r\n", 1000);
-    return true;
+    return LineWith("CONNECT", 10000);
 }
 
 bool FarEnd::HangUp() {

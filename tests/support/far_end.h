@@ -66,6 +66,9 @@ public:
     bool HangUp();
 
 private:
+    // Takes everything up to the end of the line that holds the text; whether
+    // it came within the time.
+    bool LineWith(const std::string& text, int timeoutMs);
     // Takes in what the line brings, waiting until the deadline on the
     // monotonic clock in milliseconds; false once the time is up or the line
     // has gone.
