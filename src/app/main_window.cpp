@@ -125,6 +125,19 @@ constexpr uint32_t HotFolderPeriodMs = 15000;
 
 }  // namespace
 
+std::string WindowTitle(const std::string& installation, const std::string& ownNumber) {
+    std::string folder = installation;
+    while (!folder.empty() && folder.back() == '/') {
+        folder.pop_back();
+    }
+    folder = folder.substr(folder.find_last_of('/') + 1);
+    if (folder.empty()) {
+        return WindowCaption;
+    }
+    const std::string number = ownNumber.empty() ? "" : " (" + ownNumber + ")";
+    return folder + number + " - " + WindowCaption;
+}
+
 const std::vector<ControlPlace>& MainWindowLayout() {
     static const std::vector<ControlPlace> Layout = [] {
         std::vector<ControlPlace> places;
@@ -255,7 +268,7 @@ void MainWindow::CreateControls() {
     ControlState window;
     window.Id = IDD_MAIN_WINDOW;
     window.Kind = ControlKind::Window;
-    window.Text = WindowCaption;
+    window.Text = WindowTitle(stores_.Paths.RootDirectory, "");
     controls.Create(window);
     ControlState about;
     about.Id = IDD_ABOUTBOX;
@@ -401,6 +414,11 @@ void MainWindow::ShowAdapter(bool searchSucceeded) {
     }
     const bool channelOptions = CurrentFamily(stores_.Prefs).HasChannelOptions;
     line_.OfferAdapter(notOffered, channelOptions);
+    // The number is known once the adapter has shown it on the window's line.
+    const bool numberKnown = !adapterLine_.OwnNumberCaption().empty();
+    Controls().SetText(IDD_MAIN_WINDOW,
+                       WindowTitle(stores_.Paths.RootDirectory,
+                                   numberKnown ? adapterLine_.LocalNumber : ""));
     directory_.OfferAdapter(notOffered, channelOptions);
 }
 

@@ -61,6 +61,12 @@ using engine::TransferEngine;
 // is the caption.
 inline constexpr int IDD_MAIN_WINDOW = 102;
 inline constexpr const char* WindowCaption = "Kestrelbound";
+// The window's title: the installation's folder and, once the adapter has
+// told it, this end's own number, in front of the program's name, so that two
+// windows on one desktop are told apart at a glance. Without a folder the
+// title is the program's name alone.
+[[nodiscard]] std::string WindowTitle(const std::string& installation,
+                                      const std::string& ownNumber);
 // The About box, kept in the control model beside the window's controls: shown
 // while the box is open, with its text and picture.
 inline constexpr int IDD_ABOUTBOX = 100;

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -212,6 +213,9 @@ TEST_F(MainWindowTest, TheWindowShowsWhatTheAdapterFoundOffers) {
         SCOPED_TRACE(c.Name);
         StopWindow();
         StartWindow();
+        // Before the adapter has told its number, the title names the folder.
+        EXPECT_EQ(Controls().Text(IDD_MAIN_WINDOW),
+                  std::filesystem::path(folder_.Path()).filename().string() + " - Kestrelbound");
         Stores().Prefs.AdapterModel = c.Model;
         Stores().Prefs.AdapterVariant = c.Variant;
         Stores().Prefs.IncomingProtocol = c.Incoming;

@@ -58,6 +58,8 @@ TEST_P(Detection, FindsTheAdapterShowsItsNumberAndTakesTheIncomingProfile) {
     EXPECT_EQ(station.ShowControl("IDC_OWN_NUMBER"),
               std::string("control IDC_OWN_NUMBER text=\"Your ISDN Number: ") + number +
                   family.Label + "\" enabled=1 shown=1");
+    EXPECT_EQ(station.ShowControl("window"),
+              "window caption=\"station (" + number + ") - Kestrelbound\"");
     EXPECT_NE(station.ShowControl("menu text=\"&Port Speed\"")
                   .find(std::string("checked=\"") + family.Checked + "\""),
               std::string::npos);
