@@ -4,6 +4,7 @@
 #include <cstring>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "app/chosen_call.h"
@@ -97,6 +98,30 @@ bool NameInDirectory(const CorrespondentDirectory& directory, const std::string&
         }
     }
     return false;
+}
+
+// A number the dial can use: digits, and between them only the separators
+// people write numbers with and the "+" or "&" that joins a second number.
+// Anything else, a letter O for a zero above all, would be dropped from the
+// dial without a word.
+bool NumberCanBeDialled(const std::string& number) {
+    bool digits = false;
+    for (const char c : number) {
+        if (c >= '0' && c <= '9') {
+            digits = true;
+        } else if (std::string_view(" -()/.+&").find(c) == std::string_view::npos) {
+            return false;
+        }
+    }
+    return digits;
+}
+
+std::string Trimmed(const std::string& text) {
+    const size_t first = text.find_first_not_of(" \t");
+    if (first == std::string::npos) {
+        return "";
+    }
+    return text.substr(first, text.find_last_not_of(" \t") - first + 1);
 }
 
 }  // namespace
@@ -342,12 +367,43 @@ void DirectoryPanel::OnDirectorySelect() {
     window_.Display().RecomputeSendTotal();
 }
 
+bool DirectoryPanel::FormCanBeStored(int16_t replacing) {
+    ControlModel& controls = Controls();
+    // Blanks around a name or a number are no part of it, and two records
+    // whose names differ only by them would look the same in the list.
+    const std::string name = Trimmed(controls.Text(IDC_NAME));
+    const std::string number = Trimmed(controls.Text(IDC_NUMBER));
+    controls.SetText(IDC_NAME, name);
+    controls.SetText(IDC_NUMBER, number);
+    if (controls.Selection(IDC_FORM) == 1) {
+        return true;  // a contact's name and telephone are only kept
+    }
+    if (!NumberCanBeDialled(number)) {
+        ShowMessageBox("The ISDN number \"" + number +
+                       "\" cannot be dialled.\rPlease use digits; spaces and + & - ( ) / . may "
+                       "stand between them.");
+        return false;
+    }
+    const int16_t count = stores_.Directory.Count.load();
+    for (int16_t i = 0; i < count; ++i) {
+        if (i != replacing && FieldText(stores_.Directory[i].FirmName) ==
+                                  name.substr(0, FirmNameMaxLength)) {
+            ShowMessageBox(name + " is in your Directory already.\rPlease choose another name.");
+            return false;
+        }
+    }
+    return true;
+}
+
 void DirectoryPanel::OnDirectoryAdd() {
     const int16_t count = stores_.Directory.Count.load();
     if (count >= DirectoryMaxRecords) {
         ShowMessageBox(
             "Directory already has 128 entries.\r  Please delete an entry before adding a new "
             "one.");
+        return;
+    }
+    if (!FormCanBeStored(-1)) {
         return;
     }
     ReadCorrespondentForm(count);
@@ -365,12 +421,19 @@ void DirectoryPanel::OnDirectoryAdd() {
     Controls().Show(IDC_MAKE_FOLDER, true);
     Controls().Show(IDC_FOLDER_EMPTY, false);
     Controls().Show(IDC_FOLDER_FILLED, false);
+    // The new record is on show and chosen, as if clicked in the list.
+    for (int id : {IDC_CHANGE, IDC_DELETE, IDC_NEW}) {
+        Controls().Enable(id, true);
+    }
 }
 
 void DirectoryPanel::OnDirectoryChange() {
     const int16_t current = currentEntry_.load();
     const int16_t count = stores_.Directory.Count.load();
     if (current < 0 || current >= count) {
+        return;
+    }
+    if (!FormCanBeStored(current)) {
         return;
     }
     ControlModel& controls = Controls();

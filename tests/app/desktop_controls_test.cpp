@@ -53,7 +53,28 @@ TEST_F(DesktopControlsTest, AddedRecordsStandInByteOrderAndTheNewOneIsOnShow) {
     Controls().Check(IDC_56K, true);
     Controls().Select(IDC_CARRIER, 2);
     ASSERT_TRUE(Press(IDC_ADD).Done);
-    AddRecord("Zeta", "666");
+    // The new record is chosen, as if clicked.
+    for (int id : {IDC_CHANGE, IDC_DELETE, IDC_NEW}) {
+        EXPECT_TRUE(Controls().Enabled(id)) << ControlName(id);
+    }
+    AddRecord("  Zeta\t", " 666 ");
+
+    // A number the dial cannot use, or another record's name, is refused
+    // with a word, and nothing is stored; blanks around either do not count.
+    const std::string badNumber = "\" cannot be dialled.\rPlease use digits; spaces and + & - "
+                                  "( ) / . may stand between them.";
+    const std::vector<std::vector<std::string>> refusals = {
+        {"Beta", "   ", "The ISDN number \"" + badNumber},
+        {"Beta", "555-2OO2", "The ISDN number \"555-2OO2" + badNumber},
+        {" Zeta", "777", "Zeta is in your Directory already.\rPlease choose another name."},
+    };
+    for (const std::vector<std::string>& refused : refusals) {
+        Type(IDC_NAME, refused[0]);
+        Type(IDC_NUMBER, refused[1]);
+        ASSERT_TRUE(Press(IDC_ADD).Done);
+        EXPECT_EQ(Messages().back(), refused[2]);
+        EXPECT_EQ(Stores().Directory.Count.load(), 2);
+    }
 
     EXPECT_EQ(RowTexts(IDC_DIRECTORY_LIST), (std::vector<std::string>{"Zeta", "alpha"}));
     EXPECT_EQ(Controls().Selection(IDC_DIRECTORY_LIST), 0);
@@ -77,6 +98,15 @@ TEST_F(DesktopControlsTest, AddedRecordsStandInByteOrderAndTheNewOneIsOnShow) {
     for (int id : {IDC_ADD, IDC_CHANGE, IDC_DELETE, IDC_NEW}) {
         EXPECT_TRUE(Controls().Enabled(id)) << ControlName(id);
     }
+    Type(IDC_NAME, "Zeta");
+    ASSERT_TRUE(Press(IDC_CHANGE).Done);
+    EXPECT_EQ(Messages().size(), refusals.size() + 1);
+    EXPECT_EQ(FieldText(Stores().Directory[1].FirmName), "alpha");
+    EXPECT_EQ(FieldText(Stores().Directory[0].FirmName), "Zeta");
+    EXPECT_EQ(FieldText(Stores().Directory[0].IsdnNumber), "666");
+    Type(IDC_NAME, "alpha");  // a record keeps its own name
+    ASSERT_TRUE(Press(IDC_CHANGE).Done);
+    EXPECT_EQ(Messages().size(), refusals.size() + 1);
     // The contact form changes a record and never adds or deletes one.
     Choose(IDC_FORM, 1);
     EXPECT_FALSE(Controls().Enabled(IDC_DELETE));
@@ -199,7 +229,7 @@ TEST_F(DesktopControlsTest, ANameThatIsNoFolderNameNeverBecomesAPath) {
     ASSERT_TRUE(Press(IDC_MAKE_FOLDER).Done);
     ASSERT_EQ(Controls().RowText(IDC_DIRECTORY_LIST, 4), "Jones");
     Choose(IDC_DIRECTORY_LIST, 4);
-    Type(IDC_NAME, "../Smith");
+    Type(IDC_NAME, "./Smith");
     ASSERT_TRUE(Press(IDC_CHANGE).Done);
     EXPECT_TRUE(FolderExists(Stores().Paths.PickUpPath + "/Jones/Sent Files"));
     EXPECT_EQ(ReadWholeFile(Stores().Paths.PickUpPath + "/Smith/secret"), "smith's");
