@@ -3,6 +3,8 @@
 // sources use it; the engine gets it as a record.
 #pragma once
 
+#include <string>
+
 #include "engine/dialing.h"
 
 namespace kb::app {
@@ -11,5 +13,13 @@ using engine::CallRequest;
 
 // The protocol is the one the selected row names; no row selected is V.120.
 CallRequest ChosenCall();
+
+// A number the dial can use: digits, and between them only the separators
+// people write numbers with and the "+" or "&" that joins a second number.
+// Anything else, a letter O for a zero above all, would be dropped from the
+// dial without a word.
+[[nodiscard]] bool NumberCanBeDialled(const std::string& number);
+// What the user is told about a number that cannot be dialled.
+[[nodiscard]] std::string UndiallableNumberMessage(const std::string& number);
 
 }  // namespace kb::app

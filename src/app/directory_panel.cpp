@@ -100,22 +100,6 @@ bool NameInDirectory(const CorrespondentDirectory& directory, const std::string&
     return false;
 }
 
-// A number the dial can use: digits, and between them only the separators
-// people write numbers with and the "+" or "&" that joins a second number.
-// Anything else, a letter O for a zero above all, would be dropped from the
-// dial without a word.
-bool NumberCanBeDialled(const std::string& number) {
-    bool digits = false;
-    for (const char c : number) {
-        if (c >= '0' && c <= '9') {
-            digits = true;
-        } else if (std::string_view(" -()/.+&").find(c) == std::string_view::npos) {
-            return false;
-        }
-    }
-    return digits;
-}
-
 std::string Trimmed(const std::string& text) {
     const size_t first = text.find_first_not_of(" \t");
     if (first == std::string::npos) {
@@ -138,6 +122,24 @@ CallRequest ChosenCall() {
     call.Line.TwoChannels = controls.Checked(IDC_2B);
     call.Line.Compression = controls.Checked(IDC_V42);
     return call;
+}
+
+bool NumberCanBeDialled(const std::string& number) {
+    bool digits = false;
+    for (const char c : number) {
+        if (c >= '0' && c <= '9') {
+            digits = true;
+        } else if (std::string_view(" -()/.+&").find(c) == std::string_view::npos) {
+            return false;
+        }
+    }
+    return digits;
+}
+
+std::string UndiallableNumberMessage(const std::string& number) {
+    return "The ISDN number \"" + number +
+           "\" cannot be dialled.\rPlease use digits; spaces and + & - ( ) / . may stand "
+           "between them.";
 }
 
 std::span<const int> DirectoryPanel::ControlIds() const {
@@ -379,9 +381,7 @@ bool DirectoryPanel::FormCanBeStored(int16_t replacing) {
         return true;  // a contact's name and telephone are only kept
     }
     if (!NumberCanBeDialled(number)) {
-        ShowMessageBox("The ISDN number \"" + number +
-                       "\" cannot be dialled.\rPlease use digits; spaces and + & - ( ) / . may "
-                       "stand between them.");
+        ShowMessageBox(UndiallableNumberMessage(number));
         return false;
     }
     const int16_t count = stores_.Directory.Count.load();

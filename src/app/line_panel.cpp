@@ -8,6 +8,7 @@
 #include "engine/pickup.h"
 #include "line/line.h"
 #include "line/profiles.h"
+#include "platform/message_box.h"
 #include "resources/resource.h"
 #include "stores/installation.h"
 
@@ -15,6 +16,7 @@ namespace kb::app {
 
 using namespace kb::engine;
 using namespace kb::line;
+using namespace kb::platform;
 using namespace kb::resources;
 
 namespace {
@@ -23,6 +25,16 @@ constexpr int LineControls[] = {
     IDC_SEND,   IDC_RETRIEVE, IDC_DISCONNECT, IDC_LABEL_IN_PROTOCOL, IDC_IN_PROTOCOL,
     IDC_IN_56K, IDC_IN_2B,    IDC_IN_V42,     IDC_OWN_NUMBER};
 constexpr int IncomingSettings[] = {IDC_IN_PROTOCOL, IDC_IN_56K, IDC_IN_2B, IDC_IN_V42};
+
+// A call to a number that the dial would shorten without a word is not
+// placed; an empty number is left to the dial's own word about it.
+bool CanBeDialled(const CallRequest& call) {
+    if (call.Number.empty() || NumberCanBeDialled(call.Number)) {
+        return true;
+    }
+    ShowMessageBox(UndiallableNumberMessage(call.Number));
+    return false;
+}
 
 }  // namespace
 
@@ -36,7 +48,9 @@ EventOutcome LinePanel::OnButton(int id) {
             OnSend();
             return {};
         case IDC_RETRIEVE:
-            OnRetrieveClicked(window_.Engine(), ChosenCall());
+            if (const CallRequest call = ChosenCall(); CanBeDialled(call)) {
+                OnRetrieveClicked(window_.Engine(), call);
+            }
             return {};
         case IDC_DISCONNECT:
             EndCall(window_.Engine(), CallEnd::Requested);
@@ -60,7 +74,9 @@ EventOutcome LinePanel::OnBoxClicked(int id, bool /*checked*/) {
 }
 
 void LinePanel::OnSend() {
-    OnSendClicked(window_.Engine(), ChosenCall());
+    if (const CallRequest call = ChosenCall(); CanBeDialled(call)) {
+        OnSendClicked(window_.Engine(), call);
+    }
 }
 
 void LinePanel::ShowCallPermissions(const Permissions& may) {

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "app/chosen_call.h"
 #include "app/control_model.h"
 #include "app/main_window.h"
 #include "engine/transfer_engine.h"
@@ -171,6 +172,15 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
               "Could not find your ISDN TA.  Please check your cables\rand make sure the ISDN "
               "TA is powered on.");
     EXPECT_EQ(Engine().Call.LinkState.load(), LinkState::Idle);
+    // A number that the dial would shorten is not dialled, by Send or by
+    // Retrieve, and the message names it.
+    Type(IDC_NUMBER, "555-2OO2");
+    Drop(IDC_SEND, {folder_ / "unreadable"});
+    const std::string undiallable = UndiallableNumberMessage("555-2OO2");
+    EXPECT_EQ(Messages().back(), undiallable);
+    window_->Line().OnButton(IDC_RETRIEVE);
+    EXPECT_EQ(Messages().end()[-2], undiallable);
+    EXPECT_EQ(Messages().back(), undiallable);
 }
 
 TEST_F(FileListTest, DeleteTakesTheClickedRowAndItsEntry) {
