@@ -386,8 +386,8 @@ bool DirectoryPanel::FormCanBeStored(int16_t replacing) {
     }
     const int16_t count = stores_.Directory.Count.load();
     for (int16_t i = 0; i < count; ++i) {
-        if (i != replacing && FieldText(stores_.Directory[i].FirmName) ==
-                                  name.substr(0, FirmNameMaxLength)) {
+        if (i != replacing &&
+            FieldText(stores_.Directory[i].FirmName) == name.substr(0, FirmNameMaxLength)) {
             ShowMessageBox(name + " is in your Directory already.\rPlease choose another name.");
             return false;
         }

@@ -416,9 +416,8 @@ void MainWindow::ShowAdapter(bool searchSucceeded) {
     line_.OfferAdapter(notOffered, channelOptions);
     // The number is known once the adapter has shown it on the window's line.
     const bool numberKnown = !adapterLine_.OwnNumberCaption().empty();
-    Controls().SetText(IDD_MAIN_WINDOW,
-                       WindowTitle(stores_.Paths.RootDirectory,
-                                   numberKnown ? adapterLine_.LocalNumber : ""));
+    Controls().SetText(IDD_MAIN_WINDOW, WindowTitle(stores_.Paths.RootDirectory,
+                                                    numberKnown ? adapterLine_.LocalNumber : ""));
     directory_.OfferAdapter(notOffered, channelOptions);
 }
 

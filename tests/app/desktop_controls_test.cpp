@@ -61,8 +61,9 @@ TEST_F(DesktopControlsTest, AddedRecordsStandInByteOrderAndTheNewOneIsOnShow) {
 
     // A number the dial cannot use, or another record's name, is refused
     // with a word, and nothing is stored; blanks around either do not count.
-    const std::string badNumber = "\" cannot be dialled.\rPlease use digits; spaces and + & - "
-                                  "( ) / . may stand between them.";
+    const std::string badNumber =
+        "\" cannot be dialled.\rPlease use digits; spaces and + & - "
+        "( ) / . may stand between them.";
     const std::vector<std::vector<std::string>> refusals = {
         {"Beta", "   ", "The ISDN number \"" + badNumber},
         {"Beta", "555-2OO2", "The ISDN number \"555-2OO2" + badNumber},
