@@ -386,8 +386,8 @@ bool DirectoryPanel::FormCanBeStored(int16_t replacing) {
     }
     const int16_t count = stores_.Directory.Count.load();
     for (int16_t i = 0; i < count; ++i) {
-        if (i != replacing &&
-            FieldText(stores_.Directory[i].FirmName) == name.substr(0, FirmNameMaxLength)) {
+        if (i != replacing && FieldText(stores_.Directory[i].FirmName) ==
+                                  CutToWholeCharacters(name, FirmNameMaxLength)) {
             ShowMessageBox(name + " is in your Directory already.\rPlease choose another name.");
             return false;
         }
@@ -438,7 +438,7 @@ void DirectoryPanel::OnDirectoryChange() {
     }
     ControlModel& controls = Controls();
     Correspondent& record = stores_.Directory[current];
-    const std::string newName = controls.Text(IDC_NAME).substr(0, FirmNameMaxLength);
+    const std::string newName(CutToWholeCharacters(controls.Text(IDC_NAME), FirmNameMaxLength));
     if (record.HasPickUp != 0 && controls.Selection(IDC_FORM) == 0 &&
         newName != FieldText(record.FirmName)) {
         // The folder follows the name; a rename that fails shows later as a

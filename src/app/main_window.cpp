@@ -21,6 +21,7 @@
 #include "platform/event_loop.h"
 #include "platform/message_box.h"
 #include "resources/resource.h"
+#include "stores/directory.h"
 #include "stores/installation.h"
 
 namespace kb::app {
@@ -569,8 +570,12 @@ EventOutcome MainWindow::HandleEvent(const WindowEvent& event) {
             if (kind != ControlKind::Edit) {
                 return Refused(name + " takes no text");
             }
-            // The edit fields take at most 31 characters, as a record holds.
-            controls.SetText(event.Id, event.Text.substr(0, 31));
+            // An edit field takes what the record's field holds, cut between
+            // two characters, and the cut shows in the field as it is typed.
+            controls.SetText(
+                event.Id, std::string(CutToWholeCharacters(
+                              event.Text, controls.Selection(IDC_FORM) == 1 ? ContactMaxLength
+                                                                            : FirmNameMaxLength)));
             return panel->OnTextEdited(event.Id);
         case Kind::BoxClicked:
             if (kind != ControlKind::CheckBox && kind != ControlKind::RadioButton) {

@@ -98,13 +98,27 @@ std::string FieldText(const char (&field)[N]) {
     return std::string(field, length);
 }
 
-// Puts text into a field, cut to the field's width less one, and clears every
-// byte behind it.
+// The longest start of text that takes at most `bytes` bytes and ends
+// between two characters, so that a name cut to a field never ends in half
+// of one.
+inline std::string_view CutToWholeCharacters(std::string_view text, size_t bytes) {
+    if (text.size() <= bytes) {
+        return text;
+    }
+    size_t end = bytes;
+    while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) {
+        --end;
+    }
+    return text.substr(0, end);
+}
+
+// Puts text into a field, cut to the field's width less one between two
+// characters, and clears every byte behind it.
 template <size_t N>
 void SetFieldText(char (&field)[N], std::string_view text) {
-    const size_t n = text.size() < N ? text.size() : N - 1;
+    const std::string_view kept = CutToWholeCharacters(text, N - 1);
     for (size_t i = 0; i < N; ++i) {
-        field[i] = i < n ? text[i] : '\0';
+        field[i] = i < kept.size() ? kept[i] : '\0';
     }
 }
 

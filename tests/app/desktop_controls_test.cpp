@@ -105,6 +105,18 @@ TEST_F(DesktopControlsTest, AddedRecordsStandInByteOrderAndTheNewOneIsOnShow) {
     EXPECT_EQ(FieldText(Stores().Directory[1].FirmName), "alpha");
     EXPECT_EQ(FieldText(Stores().Directory[0].FirmName), "Zeta");
     EXPECT_EQ(FieldText(Stores().Directory[0].IsdnNumber), "666");
+    // A field takes what the record holds, cut between two characters, and
+    // shows the cut as it is typed: 31 bytes of a firm, 19 of a contact.
+    std::string umlauts;
+    for (int i = 0; i < 31; ++i) {
+        umlauts += "\xc3\xbc";
+    }
+    Type(IDC_NAME, "a" + umlauts);
+    EXPECT_EQ(Controls().Text(IDC_NAME), "a" + umlauts.substr(0, 30));
+    Choose(IDC_FORM, 1);
+    Type(IDC_NUMBER, umlauts);
+    EXPECT_EQ(Controls().Text(IDC_NUMBER), umlauts.substr(0, 18));
+    Choose(IDC_FORM, 0);
     Type(IDC_NAME, "alpha");  // a record keeps its own name
     ASSERT_TRUE(Press(IDC_CHANGE).Done);
     EXPECT_EQ(Messages().size(), refusals.size() + 1);

@@ -87,7 +87,7 @@ TEST_F(DirectoryTest, SaveWritesEveryFieldAtItsOffsetAndKeepsTheOlderTail) {
     r.UseV42 = 1;
     r.HasPickUp = 1;
     r.HotSend = 1;
-    SetFieldText(r.ContactName, "a contact name longer than nineteen");
+    SetFieldText(r.ContactName, "a contact name lon\xc3\xbcger than nineteen");
     SetFieldText(r.ContactPhone, "0123");
     r.HotBytes = 40000;
     std::memcpy(r.EntryMagic, "eDBK", 4);
@@ -97,11 +97,12 @@ TEST_F(DirectoryTest, SaveWritesEveryFieldAtItsOffsetAndKeepsTheOlderTail) {
     // Not cut short: the older bytes behind the new record stay.
     ASSERT_EQ(bytes.size(), 2 + tail.size());
     EXPECT_EQ(bytes.substr(0, 2), CountBytes(1));
-    // Little-endian numbers; the flag bytes 72 to 79; the contact cut to 19.
+    // Little-endian numbers; the flag bytes 72 to 79; the contact cut to 19
+    // bytes, less where that would split a character.
     EXPECT_EQ(bytes.substr(2, CorrespondentSize),
               Padded("Smith & Sons", 32) + Padded("555+666", 32) +
                   std::string("\x02\0\0\0\x04\x03\x02\x01\x00\x01\x01\x00\x01\x01\x01\x01", 16) +
-                  Padded("a contact name long", 20) + Padded("0123", 20) +
+                  Padded("a contact name lon", 20) + Padded("0123", 20) +
                   std::string("\x40\x9C\0\0", 4) + std::string(12, '\0') + "eDBK");
     EXPECT_EQ(bytes.substr(2 + CorrespondentSize), tail.substr(CorrespondentSize));
 }
