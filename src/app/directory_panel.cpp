@@ -380,6 +380,10 @@ bool DirectoryPanel::FormCanBeStored(int16_t replacing) {
     if (controls.Selection(IDC_FORM) == 1) {
         return true;  // a contact's name and telephone are only kept
     }
+    if (name.empty()) {
+        ShowMessageBox("Please type the correspondent's name.");
+        return false;
+    }
     if (!NumberCanBeDialled(number)) {
         ShowMessageBox(UndiallableNumberMessage(number));
         return false;

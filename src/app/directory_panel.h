@@ -77,8 +77,8 @@ public:
 
 private:
     // Trims the form's name and number, and says why a record of them
-    // cannot be stored: a number that cannot be dialled, or the name of
-    // another record than the one being replaced (-1 for none).
+    // cannot be stored: no name, a number that cannot be dialled, or the
+    // name of another record than the one being replaced (-1 for none).
     [[nodiscard]] bool FormCanBeStored(int16_t replacing);
     // Selects the record that carries SelectMark, shows it and makes it the
     // current one.

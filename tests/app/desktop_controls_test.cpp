@@ -65,6 +65,7 @@ TEST_F(DesktopControlsTest, AddedRecordsStandInByteOrderAndTheNewOneIsOnShow) {
         "\" cannot be dialled.\rPlease use digits; spaces and + & - "
         "( ) / . may stand between them.";
     const std::vector<std::vector<std::string>> refusals = {
+        {" \t ", "555", "Please type the correspondent's name."},
         {"Beta", "   ", "The ISDN number \"" + badNumber},
         {"Beta", "555-2OO2", "The ISDN number \"555-2OO2" + badNumber},
         {" Zeta", "777", "Zeta is in your Directory already.\rPlease choose another name."},
