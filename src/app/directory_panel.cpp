@@ -90,10 +90,12 @@ constexpr const char* PickUpFolderRefusal =
     "Could not create a new pick up directory for this correspondent.\r  Please check to see "
     "that you do not already have a directory\r in your Pick Up folder by this name.";
 
-bool NameInDirectory(const CorrespondentDirectory& directory, const std::string& name) {
+// Whether a record other than `except` bears the name as its firm name.
+bool NameInDirectory(const CorrespondentDirectory& directory, std::string_view name,
+                     int16_t except = -1) {
     const int16_t count = directory.Count.load();
     for (int16_t i = 0; i < count; ++i) {
-        if (FieldText(directory[i].FirmName) == name) {
+        if (i != except && FieldText(directory[i].FirmName) == name) {
             return true;
         }
     }
@@ -388,13 +390,10 @@ bool DirectoryPanel::FormCanBeStored(int16_t replacing) {
         ShowMessageBox(UndiallableNumberMessage(number));
         return false;
     }
-    const int16_t count = stores_.Directory.Count.load();
-    for (int16_t i = 0; i < count; ++i) {
-        if (i != replacing && FieldText(stores_.Directory[i].FirmName) ==
-                                  CutToWholeCharacters(name, FirmNameMaxLength)) {
-            ShowMessageBox(name + " is in your Directory already.\rPlease choose another name.");
-            return false;
-        }
+    if (NameInDirectory(stores_.Directory, CutToWholeCharacters(name, FirmNameMaxLength),
+                        replacing)) {
+        ShowMessageBox(name + " is in your Directory already.\rPlease choose another name.");
+        return false;
     }
     return true;
 }
