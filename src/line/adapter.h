@@ -15,10 +15,14 @@ inline constexpr int16_t EscapeReplyLimitMs = 2250;
 inline constexpr int16_t HangUpReplyLimitMs = 1000;
 
 // The message of a search that found nothing, and of an adapter that stopped
-// answering before its speed was tested.
+// answering before its speed was tested. On a PC that never had an adapter,
+// cables and power are not the answer: its second paragraph names the two
+// ways such a PC gets one, and where the manual tells more.
 inline constexpr const char* NoAdapterMessage =
     "Could not find your ISDN TA.  Please check your cables\rand make sure the ISDN TA is "
-    "powered on.";
+    "powered on.\r\rNo ISDN TA on this PC? Start a virtual adapter (virtual-ta), or make "
+    "\"COM1\" in the installation folder a link to your adapter's port. The manual's page "
+    "Troubleshooting, \"No adapter found\", tells how.";
 
 // One conversation with the adapter of a line, from any thread: for its
 // lifetime the communications thread is kept off the port and this thread

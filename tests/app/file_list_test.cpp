@@ -13,6 +13,7 @@
 #include "app/control_model.h"
 #include "app/main_window.h"
 #include "engine/transfer_engine.h"
+#include "line/adapter.h"
 #include "platform/files.h"
 #include "resources/resource.h"
 #include "support/recording_desktop.h"
@@ -168,9 +169,7 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
     // call is not placed, and the user is told why.
     Type(IDC_NUMBER, "5551234");
     Drop(IDC_SEND, {folder_ / "unreadable"});
-    EXPECT_EQ(Messages().back(),
-              "Could not find your ISDN TA.  Please check your cables\rand make sure the ISDN "
-              "TA is powered on.");
+    EXPECT_EQ(Messages().back(), line::NoAdapterMessage);
     EXPECT_EQ(Engine().Call.LinkState.load(), LinkState::Idle);
     // A number that the dial would shorten is not dialled, by Send or by
     // Retrieve, and the message names it.

@@ -71,8 +71,12 @@ TEST(StationTest, WithoutAnAdapterItRefusesToSendAndOnlySigtermEndsIt) {
     ASSERT_EQ(Command(station, "show"), "ok");
     const std::vector<std::string> shown = station.AllLines();
     EXPECT_EQ(LinesHolding(shown, {"message: "}),
-              std::vector<std::string>{"message: Could not find your ISDN TA.  Please check your "
-                                       "cables\\rand make sure the ISDN TA is powered on."});
+              std::vector<std::string>{
+                  "message: Could not find your ISDN TA.  Please check your cables\\rand make "
+                  "sure the ISDN TA is powered on.\\r\\rNo ISDN TA on this PC? Start a virtual "
+                  "adapter (virtual-ta), or make \"COM1\" in the installation folder a link to "
+                  "your adapter's port. The manual's page Troubleshooting, \"No adapter found\", "
+                  "tells how."});
     const std::vector<std::string> number = LinesHolding(shown, {"control IDC_OWN_NUMBER "});
     ASSERT_EQ(number.size(), 1u);
     EXPECT_NE(number[0].find(" enabled=0"), std::string::npos) << number[0];
