@@ -2,7 +2,7 @@
 # where the desktop looks for it: the three programs, the manual's pages, the
 # menu entry and its icon.
 #
-#   cmake -DBUILD=<build> -DPREFIX=<folder> -DMANUAL=<src/ui/manual> -P check_install.cmake
+#   cmake -DBUILD=<build> -DPREFIX=<folder> -DMANUAL=<build>/src/ui/manual -P check_install.cmake
 file(REMOVE_RECURSE ${PREFIX})
 execute_process(COMMAND ${CMAKE_COMMAND} --install ${BUILD} --prefix ${PREFIX}
     RESULT_VARIABLE status OUTPUT_VARIABLE out ERROR_VARIABLE out)

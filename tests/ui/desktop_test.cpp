@@ -15,7 +15,9 @@
 #include <atomic>
 #include <future>
 #include <regex>
+#include <set>
 #include <thread>
+#include <vector>
 
 #include "platform/files.h"
 #include "support/temp_folder.h"
@@ -148,22 +150,41 @@ TEST(GuiThreadTest, WorkFromOtherThreadsRunsOnTheGuiThreadInOrderAndNothingRunsO
 TEST(ManualTest, TheManualIsWrittenWhereHelpLooksWhenItsStartPageIsMissingAndOnlyThen) {
     TempFolder root;
     ASSERT_TRUE(InstallManual(root.Path()));
-    const QDir source(QStringLiteral(KB_MANUAL_SOURCE));
-    const QStringList pages = source.entryList(QDir::Files);
+    const QDir made(QStringLiteral(KB_MANUAL_FOLDER));
+    const QStringList pages = made.entryList(QDir::Files);
     ASSERT_FALSE(pages.isEmpty());
     for (const QString& page : pages) {
         EXPECT_EQ(ReadWholeFile(ManualFolderBelow(root.Path()) + "/" + page.toStdString()),
-                  ReadWholeFile(source.filePath(page).toStdString()))
+                  ReadWholeFile(made.filePath(page).toStdString()))
             << page.toStdString();
     }
     EXPECT_TRUE(PathExists(ManualStartPageBelow(root.Path())));
 
     // Every page and picture a page links to was written, and every place
-    // it points into is there.
+    // it points into is there; every page's navigation bar leads to every
+    // page and marks the page itself.
     const std::string written = ManualFolderBelow(root.Path()) + "/";
     const std::regex link(R"((?:href|src)="([^":]*?)(?:#([^"]*))?")");
+    const std::regex barEntry(R"re(<li><a href="([^"]+)"( aria-current="page")?>)re");
+    std::set<std::string> everyPage;
+    for (const QString& page : made.entryList({QStringLiteral("*.html")}, QDir::Files)) {
+        everyPage.insert(page.toStdString());
+    }
     for (const QString& page : pages) {
         const std::string text = ReadWholeFile(written + page.toStdString());
+        if (page.endsWith(QStringLiteral(".html"))) {
+            const std::string bar = text.substr(0, text.find("</nav>"));
+            std::set<std::string> listed;
+            std::vector<std::string> marked;
+            for (std::sregex_iterator it(bar.begin(), bar.end(), barEntry), end; it != end; ++it) {
+                listed.insert((*it)[1].str());
+                if ((*it)[2].matched) {
+                    marked.push_back((*it)[1].str());
+                }
+            }
+            EXPECT_EQ(listed, everyPage) << page.toStdString();
+            EXPECT_EQ(marked, std::vector<std::string>{page.toStdString()});
+        }
         for (std::sregex_iterator it(text.begin(), text.end(), link), end; it != end; ++it) {
             const std::string target = (*it)[1].str().empty() ? page.toStdString() : (*it)[1].str();
             ASSERT_TRUE(PathExists(written + target)) << page.toStdString() << " -> " << target;
