@@ -197,7 +197,11 @@ void ImportReceivedEntries(TransferEngine& engine) {
     for (int16_t i = 0; i < size && i < ListCapacity; ++i) {
         const FileEntry& entry = engine.ReceiveList[i];
         const std::string_view name = entry.DisplayName.View();
-        if (entry.EntryComplete != 0 && (EndsWith(name, ".KBE") || EndsWith(name, ".kbe"))) {
+        // An entry that arrived under another name than its own, beside a
+        // file of that name, is kept but not entered: its letter now stands
+        // in front of the extension, so the extension alone no longer tells.
+        if (entry.EntryComplete != 0 && name == entry.WireName.View() &&
+            (EndsWith(name, ".KBE") || EndsWith(name, ".kbe"))) {
             Display(engine).ImportDirectoryEntry(std::string(entry.FilePath.View()));
         }
     }
