@@ -177,6 +177,7 @@ bool MakeEmptyFile(TransferEngine& engine, const std::string& folder, const std:
         LogCannotWrite(engine, name, file.OutOfSpace());
         return false;
     }
+    engine.FiledFolder.Set(folder);
     return true;
 }
 
@@ -541,6 +542,7 @@ bool PublishReceivedFile(TransferEngine& engine, FileEntry& entry) {
         if (MoveFileNoReplace(part, folder + "/" + name)) {
             entry.DisplayName.Set(name);
             entry.FilePath.Set(folder + "/" + name);
+            engine.FiledFolder.Set(folder);
             if (name != planned) {
                 engine.Stores().Log.Add("Name taken meanwhile; saved as " + name);
             }

@@ -19,6 +19,7 @@
 #include "line/profiles.h"
 #include "platform/clock.h"
 #include "platform/files.h"
+#include "stores/paths.h"
 
 namespace kb::engine {
 
@@ -187,6 +188,7 @@ void DeleteUnfinishedReceives(TransferEngine& engine) {
 void EndOfCallCleanup(TransferEngine& engine) {
     DeleteUnfinishedReceives(engine);
     ImportReceivedEntries(engine);
+    TellWhereFilesWereFiled(engine);
     engine.Call.ReceiveCount = 0;
     engine.SendList.Clear();
     Display(engine).ClearFileList();
@@ -206,6 +208,22 @@ void ImportReceivedEntries(TransferEngine& engine) {
         }
     }
     engine.Call.ReceiveListSize = 0;
+}
+
+void TellWhereFilesWereFiled(TransferEngine& engine) {
+    const std::string folder(engine.FiledFolder.View());
+    if (folder.empty()) {
+        return;
+    }
+    engine.FiledFolder.Clear();
+    // As the user finds it from the installation's folder. Each list with a
+    // folder marker gets a folder of its own, "Alice", "Alice-A" and on, so
+    // the name alone would not tell which one.
+    const std::string& incoming = engine.Stores().Paths.IncomingPath;
+    const bool below = folder.compare(0, incoming.size(), incoming) == 0;
+    engine.Stores().Log.Add(
+        "Received files are in " +
+        (below ? stores::IncomingFolderName + folder.substr(incoming.size()) : folder));
 }
 
 void DiscardUnfinishedFiles(TransferEngine& engine) {

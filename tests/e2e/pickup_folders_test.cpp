@@ -103,14 +103,17 @@ TEST(PickUpFolders, ACorrespondentFetchesItsFolderAndAnyoneElseIsToldThereIsNone
                                               "Sending File: note.txt", "Sending File: photo.bin",
                                               "Sending File: " + shortened,
                                               "Sending File: " + shortened}));
+    // Bob's log ends the call with the folder the files went to.
     std::vector<std::string> received = LinesHolding(
-        bob.LogLines(), {"Calling", "at ", "Created new folder: ", "Receiving File: "});
-    std::sort(received.begin() + 3, received.end());
-    EXPECT_EQ(received,
-              (std::vector<std::string>{"Calling Alice", "at 5551001", "Created new folder: Bob",
-                                        "Receiving File: note.txt", "Receiving File: photo.bin",
-                                        "Receiving File: " + suffixed,
-                                        "Receiving File: " + shortened}));
+        bob.LogLines(),
+        {"Calling", "at ", "Created new folder: ", "Receiving File: ", "Received files are in "});
+    ASSERT_EQ(received.back(), "Received files are in Incoming Files/Bob");
+    std::sort(received.begin() + 3, received.end() - 1);
+    EXPECT_EQ(received, (std::vector<std::string>{
+                            "Calling Alice", "at 5551001", "Created new folder: Bob",
+                            "Receiving File: note.txt", "Receiving File: photo.bin",
+                            "Receiving File: " + suffixed, "Receiving File: " + shortened,
+                            "Received files are in Incoming Files/Bob"}));
 
     // Nothing waits for Bob now.
     Retrieve(line, "No files to be retrieved.");
