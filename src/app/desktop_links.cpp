@@ -8,6 +8,7 @@
 #include "platform/key_state.h"
 #include "platform/message_box.h"
 #include "resources/resource.h"
+#include "stores/folder_tree.h"
 #include "stores/installation.h"
 
 namespace kb::app {
@@ -52,7 +53,10 @@ EventOutcome DesktopButtons::OnButton(int id) {
 }
 
 void DesktopButtons::OnOpenIncoming() {
-    TheDesktop().ShowFolder(stores_.Paths.IncomingPath);
+    // Where the latest files went, which after a few deliveries is no longer
+    // easy to tell among "Alice", "Alice-A", "Alice-B"; the rest of "Incoming
+    // Files" is one level up in the file manager.
+    TheDesktop().ShowFolder(NewestArrivalFolder(stores_.Paths.IncomingPath));
 }
 
 void DesktopButtons::OnHelp() {

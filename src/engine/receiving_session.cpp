@@ -41,9 +41,13 @@ namespace {
 constexpr int16_t TokenLineLimitMs = 500;
 constexpr int16_t HeaderLimitMs = 500;
 constexpr int16_t ListLimitMs = 1000;
-// Characters of a name kept in front of a suffix such as "-A".
-constexpr size_t NameStemForSuffix = 29;
 constexpr size_t NameLimit = 31;
+// A suffix such as "-A".
+constexpr size_t SuffixLength = 2;
+// A tail behind the last dot longer than this, dot included, is part of the
+// name rather than what a program recognises the file by; the sending side
+// keeps extensions of the same length when it shortens a name.
+constexpr size_t ExtensionMaxLength = 10;
 
 uint64_t FreeSpace(TransferEngine& engine) {
     std::lock_guard<std::mutex> guard(engine.FreeSpace.Lock);
@@ -114,9 +118,10 @@ std::string AnnouncedName(const WireFileEntry& entry) {
     return std::string(name.substr(0, WholeCharactersWithin(name, NameLimit)));
 }
 
-// A name taken already gets a letter behind it.
-std::string Suffixed(const std::string& name, char letter) {
-    return name.substr(0, WholeCharactersWithin(name, NameStemForSuffix)) + "-" + letter;
+// A folder's name taken already gets a letter behind it, the name cut so
+// that the whole stays within the limit.
+std::string SuffixedFolderName(const std::string& name, char letter) {
+    return name.substr(0, WholeCharactersWithin(name, NameLimit - SuffixLength)) + "-" + letter;
 }
 
 // The first name free in the folder, the plain name or a suffix from -A to
@@ -132,7 +137,7 @@ std::string FreeName(const std::string& folder, const std::string& name,
         return name;
     }
     for (char letter = 'A'; letter <= 'Z'; ++letter) {
-        const std::string candidate = Suffixed(name, letter);
+        const std::string candidate = SuffixedFileName(name, letter);
         if (isFree(candidate)) {
             return candidate;
         }
@@ -147,7 +152,7 @@ std::string FreeFolderName(TransferEngine& engine, const std::string& name) {
         return name;
     }
     for (char letter = 'A'; letter <= 'Z'; ++letter) {
-        const std::string candidate = Suffixed(name, letter);
+        const std::string candidate = SuffixedFolderName(name, letter);
         if (!PathExists(engine.Stores().Paths.IncomingPath + "/" + candidate)) {
             return candidate;
         }
@@ -172,6 +177,7 @@ bool MakeEmptyFile(TransferEngine& engine, const std::string& folder, const std:
         LogCannotWrite(engine, name, file.OutOfSpace());
         return false;
     }
+    engine.FiledFolder.Set(folder);
     return true;
 }
 
@@ -487,6 +493,16 @@ std::string SafeReceivedName(std::string_view announced) {
     return name;
 }
 
+std::string SuffixedFileName(std::string_view name, char letter) {
+    const size_t dot = name.rfind('.');
+    const bool extension = dot != std::string_view::npos && dot > 0 && dot + 1 < name.size() &&
+                           name.size() - dot <= ExtensionMaxLength;
+    const std::string_view tail = extension ? name.substr(dot) : std::string_view();
+    const std::string_view stem = name.substr(0, name.size() - tail.size());
+    const size_t kept = WholeCharactersWithin(stem, NameLimit - SuffixLength - tail.size());
+    return std::string(stem.substr(0, kept)) + "-" + letter + std::string(tail);
+}
+
 bool BeginReceivedFile(TransferEngine& engine, FileEntry& entry) {
     const std::string folder(engine.ReceiveFolder.View());
     const std::string name(entry.DisplayName.View());
@@ -520,12 +536,13 @@ bool PublishReceivedFile(TransferEngine& engine, FileEntry& entry) {
     const std::string announced = SafeReceivedName(entry.WireName.View());
     std::vector<std::string> names{planned, announced};
     for (char letter = 'A'; letter <= 'Z'; ++letter) {
-        names.push_back(Suffixed(announced, letter));
+        names.push_back(SuffixedFileName(announced, letter));
     }
     for (const std::string& name : names) {
         if (MoveFileNoReplace(part, folder + "/" + name)) {
             entry.DisplayName.Set(name);
             entry.FilePath.Set(folder + "/" + name);
+            engine.FiledFolder.Set(folder);
             if (name != planned) {
                 engine.Stores().Log.Add("Name taken meanwhile; saved as " + name);
             }

@@ -53,6 +53,15 @@ enum AdmitResult : int16_t {
 // become "_".
 std::string SafeReceivedName(std::string_view announced);
 
+// The name that a file arriving under a name taken already tries, for the
+// letter A to Z: the letter goes in front of the extension, so that programs
+// still know the file ("report.pdf", "report-A.pdf"). A name without one
+// ("notes", ".profile", "file.") takes it at the end ("notes-A"), and so does
+// one whose tail behind its last dot is too long to be an extension; only the
+// last dot counts ("a.tar.gz", "a.tar-A.gz"). The stem is cut, between two
+// characters, so that the name stays within 31 bytes.
+[[nodiscard]] std::string SuffixedFileName(std::string_view name, char letter);
+
 // What a received file carries behind its name until it is complete.
 inline constexpr std::string_view PartMarker = ".part";
 

@@ -19,6 +19,7 @@
 #include "line/profiles.h"
 #include "platform/clock.h"
 #include "platform/files.h"
+#include "stores/paths.h"
 
 namespace kb::engine {
 
@@ -187,6 +188,7 @@ void DeleteUnfinishedReceives(TransferEngine& engine) {
 void EndOfCallCleanup(TransferEngine& engine) {
     DeleteUnfinishedReceives(engine);
     ImportReceivedEntries(engine);
+    TellWhereFilesWereFiled(engine);
     engine.Call.ReceiveCount = 0;
     engine.SendList.Clear();
     Display(engine).ClearFileList();
@@ -197,11 +199,31 @@ void ImportReceivedEntries(TransferEngine& engine) {
     for (int16_t i = 0; i < size && i < ListCapacity; ++i) {
         const FileEntry& entry = engine.ReceiveList[i];
         const std::string_view name = entry.DisplayName.View();
-        if (entry.EntryComplete != 0 && (EndsWith(name, ".KBE") || EndsWith(name, ".kbe"))) {
+        // An entry that arrived under another name than its own, beside a
+        // file of that name, is kept but not entered: its letter now stands
+        // in front of the extension, so the extension alone no longer tells.
+        if (entry.EntryComplete != 0 && name == entry.WireName.View() &&
+            (EndsWith(name, ".KBE") || EndsWith(name, ".kbe"))) {
             Display(engine).ImportDirectoryEntry(std::string(entry.FilePath.View()));
         }
     }
     engine.Call.ReceiveListSize = 0;
+}
+
+void TellWhereFilesWereFiled(TransferEngine& engine) {
+    const std::string folder(engine.FiledFolder.View());
+    if (folder.empty()) {
+        return;
+    }
+    engine.FiledFolder.Clear();
+    // As the user finds it from the installation's folder. Each list with a
+    // folder marker gets a folder of its own, "Alice", "Alice-A" and on, so
+    // the name alone would not tell which one.
+    const std::string& incoming = engine.Stores().Paths.IncomingPath;
+    const bool below = folder.compare(0, incoming.size(), incoming) == 0;
+    engine.Stores().Log.Add(
+        "Received files are in " +
+        (below ? stores::IncomingFolderName + folder.substr(incoming.size()) : folder));
 }
 
 void DiscardUnfinishedFiles(TransferEngine& engine) {

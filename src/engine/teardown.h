@@ -34,6 +34,9 @@ void EndOfCallCleanup(TransferEngine& engine);
 // kept for a resume, and empties the list.
 void DeleteUnfinishedReceives(TransferEngine& engine);
 void ImportReceivedEntries(TransferEngine& engine);
+// Logs the folder in which the call's latest file was filed, "Received files
+// are in Incoming Files/NAME", if any was.
+void TellWhereFilesWereFiled(TransferEngine& engine);
 // At the program's exit: the files of a receive still under way are deleted,
 // all but the one kept for a resume, which the record keeps for the next
 // start to take up.

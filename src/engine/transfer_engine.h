@@ -125,6 +125,9 @@ struct TransferEngine {
     // Where this session's files go: the incoming folder, or a folder made for
     // it.
     FixedText<512> ReceiveFolder;
+    // The folder in which this call's latest file was filed, whole; empty
+    // while none has been. The end of the call tells the user where to look.
+    FixedText<512> FiledFolder;
 
     // The line the engine works on, from SetEngineLine on: the port, and the
     // token buffer, which AT replies share with wire tokens. Every engine

@@ -194,6 +194,8 @@ bool ListFolder(const std::string& path, std::vector<FolderEntry>& entries) {
             item.IsFolder = S_ISDIR(info.st_mode);
             item.IsFile = S_ISREG(info.st_mode);
             item.Size = item.IsFile ? static_cast<uint64_t>(info.st_size) : 0;
+            item.ModifiedNs =
+                item.IsFile ? int64_t{info.st_mtim.tv_sec} * 1000000000 + info.st_mtim.tv_nsec : 0;
         } else {
             item.IsFolder = entry->d_type == DT_DIR;
         }

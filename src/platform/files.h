@@ -87,6 +87,9 @@ struct FolderEntry {
     bool IsFolder = false;
     bool IsFile = false;  // a plain file; neither flag: a FIFO, device or socket
     uint64_t Size = 0;    // of a plain file
+    // When the content of a plain file last changed, in nanoseconds of the
+    // system's clock; 0 for anything else.
+    int64_t ModifiedNs = 0;
 };
 
 // Lists a folder, "." and ".." included, in the order the file system gives.

@@ -1,4 +1,5 @@
-// The folders of a correspondent below "Pick Up".
+// The folders of a correspondent below "Pick Up", and the folder below
+// "Incoming Files" where the latest file arrived.
 //
 // A firm name is also the name of its record's pick-up folder. Names arrive
 // from other people, in exported entries dropped or received, so a name
@@ -21,5 +22,13 @@ bool NameCanBeFolder(std::string_view name);
 // (StorePaths::PickUpPath); "" when its firm name cannot name a folder, so
 // that no operation on it reaches anywhere.
 std::string PickUpFolderOf(const std::string& pickUpRoot, const Correspondent& record);
+
+// Where the latest file arrived: the folder, "Incoming Files" itself or one
+// directly below it (each list that brings a folder gets one of its own,
+// "Alice", "Alice-A" and on), that holds the plain file changed last; the
+// incoming folder when none holds any. A file manager sorts a folder its own
+// way, so the program cannot put the newest first in "Incoming Files"; it can
+// open the folder the newest is in.
+[[nodiscard]] std::string NewestArrivalFolder(const std::string& incomingRoot);
 
 }  // namespace kb::stores

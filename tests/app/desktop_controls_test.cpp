@@ -6,7 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -265,6 +267,40 @@ TEST_F(DesktopControlsTest, EachProgramButtonKeepsItsOwnPathAndNoneCutShort) {
     EXPECT_EQ(FieldText(Stores().Prefs.ExternalProgramB), "");
     ASSERT_TRUE(Press(IDC_PROGRAM_2).Done);
     EXPECT_EQ(desktop_.Take(), std::vector<std::string>(3, "dialog: open"));
+}
+
+// The IN button opens the folder where the latest file arrived: "Incoming
+// Files" itself or a delivery's folder directly below it.
+TEST_F(DesktopControlsTest, TheIncomingButtonOpensTheFolderOfTheLatestArrival) {
+    const std::string incoming = Stores().Paths.IncomingPath;
+    ASSERT_TRUE(CreateFolder(incoming + "/Alice"));
+    ASSERT_TRUE(CreateFolder(incoming + "/Alice-A"));
+    ASSERT_TRUE(CreateFolder(incoming + "/Alice-A/inner"));
+    const auto now = std::filesystem::file_time_type::clock::now();
+    const struct {
+        const char* Arrives;  // below "Incoming Files", or nothing
+        int MinutesAgo;
+        const char* Opened;  // below "Incoming Files"
+    } steps[] = {
+        {nullptr, 0, ""},
+        {"/Alice/a.txt", 30, "/Alice"},
+        {"/Alice-A/b.txt", 20, "/Alice-A"},
+        {"/Alice-A/inner/deeper.txt", 1, "/Alice-A"},  // not a delivery's own
+        {"/loose.txt", 10, ""},
+        {"/Alice/c.txt", 5, "/Alice"},
+        {"/Alice-A/d.txt", 5, "/Alice-A"},  // the same moment: the later letter
+    };
+    std::vector<std::string> expected;
+    for (const auto& step : steps) {
+        if (step.Arrives != nullptr) {
+            WriteWholeFile(incoming + step.Arrives, "x");
+            std::filesystem::last_write_time(incoming + step.Arrives,
+                                             now - std::chrono::minutes(step.MinutesAgo));
+        }
+        ASSERT_TRUE(Press(IDC_OPEN_INCOMING).Done);
+        expected.push_back("open: " + incoming + step.Opened);
+    }
+    EXPECT_EQ(desktop_.Take(), expected);
 }
 
 TEST_F(DesktopControlsTest, AnExportedEntryComesBackWholeAsTheRecordItWas) {

@@ -163,8 +163,8 @@ TEST(FaultyLineTest, ACallCutOffAnywhereLeavesWholeFilesOrAResumableOneAndTheRes
                   std::vector<std::string>{"Recovering File: " + inProgress});
         ExpectSameBytes(line.IncomingPath("big.bin"), big);
         ExpectSameBytes(line.IncomingPath("note.txt"), note);
-        EXPECT_FALSE(PathExists(line.IncomingPath("big.bin-A")));
-        EXPECT_FALSE(PathExists(line.IncomingPath("note.txt-A")));
+        EXPECT_FALSE(PathExists(line.IncomingPath("big-A.bin")));
+        EXPECT_FALSE(PathExists(line.IncomingPath("note-A.txt")));
         EXPECT_FALSE(PathExists(line.IncomingPath(inProgress + ".part")));
     });
 }
@@ -228,7 +228,7 @@ TEST(FaultyLineTest, AFarEndThatFallsSilentIsLetGoAndBothStationsCanBeCalledAgai
 
         line.SendThrough();
         ExpectSameBytes(line.IncomingPath("note.txt"), note);
-        EXPECT_FALSE(PathExists(line.IncomingPath("note.txt-A")));
+        EXPECT_FALSE(PathExists(line.IncomingPath("note-A.txt")));
     });
 }
 
@@ -277,9 +277,9 @@ TEST(FaultyLineTest, DisconnectOnEitherSideEndsTheCallCleanly) {
 
         line.SendThrough();
         ExpectSameBytes(line.IncomingPath("note.txt"), note);
-        EXPECT_EQ(PathExists(line.IncomingPath("note.txt-A")), arrivedWhole) << line.Logs();
+        EXPECT_EQ(PathExists(line.IncomingPath("note-A.txt")), arrivedWhole) << line.Logs();
         if (arrivedWhole) {
-            ExpectSameBytes(line.IncomingPath("note.txt-A"), note);
+            ExpectSameBytes(line.IncomingPath("note-A.txt"), note);
         } else {
             EXPECT_EQ(LinesHolding(line.Bob->LogLines(), {"Recovering File: "}),
                       std::vector<std::string>{"Recovering File: note.txt"});

@@ -63,9 +63,9 @@ TEST_F(TwoStations, FilesAndFoldersArriveByteForByteBesideWhatIsThereAndTheCalle
     Choose({{"note.txt", again}});
     SendThrough();
     EXPECT_EQ(LinesHolding(Bob->LogLines(), {"Receiving File: note"}),
-              (std::vector<std::string>{"Receiving File: note.txt", "Receiving File: note.txt-A"}));
+              (std::vector<std::string>{"Receiving File: note.txt", "Receiving File: note-A.txt"}));
     EXPECT_TRUE(Received("note.txt") == note);
-    EXPECT_TRUE(Received("note.txt-A") == again);
+    EXPECT_TRUE(Received("note-A.txt") == again);
 
     ASSERT_TRUE(CreateFolder(Root / "samples/Reports"));
     ASSERT_TRUE(CreateFolder(Root / "samples/Reports/Old"));

@@ -146,25 +146,44 @@ TEST_F(AdmissionTest, ANameWithAllItsSuffixesTakenRefusesTheListAndMakesNothing)
 TEST_F(AdmissionTest, NamesTakenOnDiskOrByTheListGetSuffixesAndTheAnnouncedNameIsKept) {
     WriteWholeFile(Incoming("report.doc"), "mine");
     EXPECT_EQ(Offer({{"report.doc", 0, 5}, {"report.doc", 0, 5}}), "ACK3\r\n");
-    EXPECT_EQ(ReceivedNames(), (std::vector<std::string>{"report.doc-A", "report.doc-B"}));
+    EXPECT_EQ(ReceivedNames(), (std::vector<std::string>{"report-A.doc", "report-B.doc"}));
     // The announced name stays for a resume; the list on the wire follows the
     // names in use.
     EXPECT_EQ(Inspect([&] { return std::string(engine_.ReceiveList[0].WireName.View()); }),
               "report.doc");
     EXPECT_EQ(Inspect([&] { return std::string(engine_.WireList[1].Name.View()); }),
-              "report.doc-B");
+              "report-B.doc");
     EXPECT_EQ(ReadWholeFile(Incoming("report.doc")), "mine");
     Abandon();
 
-    // A suffix never cuts a character of two bytes in two: fifteen "ü" and
-    // an "a" are 31 bytes, and 29 of them would end inside the fifteenth.
+    // The letter goes in front of the extension, which only the last dot
+    // begins and which is neither the whole name, nor empty, nor longer than
+    // ten bytes; the stem gives way to keep 31 bytes, and never cuts a
+    // character of two bytes in two.
     std::string umlauts;
     for (int i = 0; i < 15; ++i) {
         umlauts += "\xC3\xBC";
     }
-    EXPECT_EQ(Offer({{umlauts + "a", 0, 5}, {umlauts + "a", 0, 5}}), "ACK3\r\n");
-    EXPECT_EQ(ReceivedNames(),
-              (std::vector<std::string>{umlauts + "a", umlauts.substr(0, 28) + "-A"}));
+    const struct {
+        std::string Name;
+        std::string Second;
+    } cases[] = {
+        {"notes", "notes-A"},
+        {".profile", ".profile-A"},
+        {"file.", "file.-A"},
+        {"a.tar.gz", "a.tar-A.gz"},
+        {"m.abcdefghi", "m-A.abcdefghi"},
+        {"m.abcdefghij", "m.abcdefghij-A"},
+        {"abcdefghijklmnopqrstuvwxyz0.pdf", "abcdefghijklmnopqrstuvwxy-A.pdf"},
+        {umlauts.substr(0, 26) + "a.pdf", umlauts.substr(0, 24) + "-A.pdf"},
+        {umlauts + "a", umlauts.substr(0, 28) + "-A"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.Name);
+        EXPECT_EQ(Offer({{c.Name, 0, 5}, {c.Name, 0, 5}}), "ACK3\r\n");
+        EXPECT_EQ(ReceivedNames(), (std::vector<std::string>{c.Name, c.Second}));
+        Abandon();
+    }
 }
 
 // A file stands under its own name only once it is whole: until then under a
@@ -186,9 +205,9 @@ TEST_F(AdmissionTest, AFileTakesItsOwnNameOnlyWhenWholeAndNeverFromWhatCameMeanw
     EXPECT_EQ(Take(6), "ACK4\r\n");
     // Compared whole, so that a failure does not print the data.
     EXPECT_TRUE(ReadWholeFile(Incoming("a.txt")) == "mine");
-    EXPECT_TRUE(ReadWholeFile(Incoming("a.txt-A")) == first.Bytes);
+    EXPECT_TRUE(ReadWholeFile(Incoming("a-A.txt")) == first.Bytes);
     EXPECT_FALSE(PathExists(Incoming("a.txt.part")));
-    EXPECT_TRUE(Logged("Name taken meanwhile; saved as a.txt-A"));
+    EXPECT_TRUE(Logged("Name taken meanwhile; saved as a-A.txt"));
     EXPECT_TRUE(PathExists(Incoming("b.txt.part")));
 
     Send(peer::Stream(second.Bytes));
