@@ -376,10 +376,26 @@ void MainView::MakeWidget(const ControlState& state, const ControlPlace& place) 
     widget->setGeometry(where);
     widget->setObjectName(Text(place.Name));
     widgets_[id] = widget;
+    GiveWords(id, widget);
     const bool caption = state.Kind == ControlKind::Label || state.Kind == ControlKind::CheckBox ||
                          state.Kind == ControlKind::RadioButton;
     if (caption) {
         captionPlaces_[id] = where;
+    }
+}
+
+void MainView::GiveWords(int id, QWidget* widget) {
+    const QString tip = Text(ControlTip(id));
+    if (!tip.isEmpty()) {
+        widget->setToolTip(tip);
+        widget->setAccessibleName(tip);
+    }
+    if (id == IDC_EMBLEM) {
+        // The program's mark, drawn whole and without a button's edge until
+        // the pointer is on it.
+        auto* button = static_cast<QPushButton*>(widget);
+        button->setFlat(true);
+        button->setCursor(Qt::PointingHandCursor);
     }
 }
 
@@ -485,7 +501,10 @@ void MainView::Follow(int id, const std::map<int, int>& rowsToShow) {
         case ControlKind::PictureButton:
             if (PictureChanged(widget, state.Picture)) {
                 auto* button = static_cast<QPushButton*>(widget);
-                const QSize room = button->size() - QSize(units_.X(4), units_.Y(4));
+                // A flat button has no edge to leave room for.
+                const QSize room = button->isFlat()
+                                       ? button->size()
+                                       : button->size() - QSize(units_.X(4), units_.Y(4));
                 button->setIconSize(room);
                 button->setIcon(PictureIcon(state.Picture, room));
             }
@@ -563,11 +582,9 @@ void MainView::RebuildMenus() {
         menu->deleteLater();
     }
     menus_.clear();
-    std::vector<Menu> menus = Controls().Menus();
-    // The entries the window adds to the system menu go into a menu of their
-    // own: a Linux desktop has no window menu to take them.
-    menus.push_back(Menu{"&Help", Controls().SystemMenu()});
-    for (const Menu& menu : menus) {
+    // The entries the window adds to the system menu are in its Help menu
+    // too: a Linux desktop has no window menu to take them.
+    for (const Menu& menu : Controls().Menus()) {
         auto* shown = new QMenu(Text(menu.Title), bar);
         const bool checks = std::any_of(menu.Items.begin(), menu.Items.end(),
                                         [](const MenuItem& item) { return item.Checked; });

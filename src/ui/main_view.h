@@ -65,6 +65,8 @@ protected:
 private:
     void MakeWidget(const ControlState& state, const ControlPlace& place);
     void Follow(int id, const std::map<int, int>& rowsToShow);
+    // A control's words: its tooltip and the name a screen reader says.
+    void GiveWords(int id, QWidget* widget);
     void RebuildMenus();
     // Gives each caption the room its text needs in this font.
     void FitCaptions();

@@ -6,14 +6,17 @@
 #include <QApplication>
 #include <QCheckBox>
 #include <QComboBox>
+#include <QHelpEvent>
 #include <QLineEdit>
 #include <QListWidget>
 #include <QMenu>
 #include <QMenuBar>
+#include <QPainter>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QRadioButton>
 #include <QTest>
+#include <QToolTip>
 #include <QTreeWidget>
 
 #include <gtest/gtest.h>
@@ -28,6 +31,8 @@
 #include "platform/event_loop.h"
 #include "platform/files.h"
 #include "resources/resource.h"
+#include "stores/paths.h"
+#include "support/process_state.h"
 #include "support/recording_desktop.h"
 #include "ui/about_box.h"
 #include "ui_fixture.h"
@@ -38,6 +43,7 @@ using namespace kb::app;
 using namespace kb::line;
 using namespace kb::platform;
 using namespace kb::resources;
+using namespace kb::stores;
 using namespace kb::ui;
 
 namespace {
@@ -61,10 +67,8 @@ std::vector<std::string> ShownMenus(const MainView& view) {
 }
 
 std::vector<std::string> ModelMenus() {
-    std::vector<Menu> menus = Controls().Menus();
-    menus.push_back(Menu{"&Help", Controls().SystemMenu()});
     std::vector<std::string> written;
-    for (const Menu& menu : menus) {
+    for (const Menu& menu : Controls().Menus()) {
         std::string line = menu.Title + ":";
         bool first = true;
         for (const MenuItem& item : menu.Items) {
@@ -167,6 +171,27 @@ TEST_F(WindowTest, TheSplashClosesByItselfEnterAndEscapeNeverEndTheProgramTheClo
         ASSERT_TRUE(WaitUntil([&] { return !View().About()->isVisible(); }));
         EXPECT_FALSE(Controls().Shown(IDD_ABOUTBOX));
     }
+    // Help and the Help menu's first entry: no browser takes the manual
+    // without a desktop session, and each message, closed with Esc, says
+    // where the manual is; its text can be copied.
+    {
+        EnvironmentValue display("DISPLAY", "");
+        EnvironmentValue wayland("WAYLAND_DISPLAY", "");
+        answerer_->CloseMessagesWithEscape(true);
+        const size_t before = answerer_->Messages().size();
+        Click(IDC_HELP);
+        ASSERT_TRUE(WaitUntil([&] { return answerer_->Messages().size() == before + 1; }));
+        MenuEntry(View(), "&Contents")->trigger();
+        ASSERT_TRUE(WaitUntil([&] { return answerer_->Messages().size() == before + 2; }));
+        ASSERT_TRUE(WaitUntil([] { return QApplication::activeModalWidget() == nullptr; }));
+        answerer_->CloseMessagesWithEscape(false);
+        const std::vector<std::string> messages = answerer_->Messages();
+        EXPECT_EQ(
+            std::vector<std::string>(messages.begin() + static_cast<long>(before), messages.end()),
+            std::vector<std::string>(2, ManualNotOpened + folder_ / HelpPageName));
+        EXPECT_EQ(answerer_->UnselectableMessages(), 0);
+    }
+
     // The window still answers, and stays up.
     EXPECT_EQ(OnMainLoop([this] { return frontEnd_->Window()->load() != nullptr; }), true);
     EXPECT_FALSE(frontEnd_->Ended());
@@ -305,6 +330,24 @@ TEST_F(WindowTest, TypingClicksKeysChoicesAndMenusReachTheWindowWhichDecides) {
     EXPECT_EQ(handOffs,
               (std::vector<std::string>{"dialog: open", "run: /usr/bin/true", "dialog: open",
                                         "open: " + pickUp + "/Bob", "open: " + pickUp}));
+
+    // A pointer resting on a picture button shows its words.
+    QWidget* program = Widget(IDC_PROGRAM_1);
+    QHelpEvent hover(QEvent::ToolTip, program->rect().center(),
+                     program->mapToGlobal(program->rect().center()));
+    QApplication::sendEvent(program, &hover);
+    ASSERT_TRUE(WaitUntil([] { return QToolTip::isVisible(); }));
+    EXPECT_EQ(QToolTip::text().toStdString(), ControlTip(IDC_PROGRAM_1));
+    // The tip is a window of its own, drawn over the window's picture where
+    // it stands.
+    QPixmap shot = View().grab();
+    for (QWidget* top : QApplication::topLevelWidgets()) {
+        if (top->windowType() == Qt::ToolTip && top->isVisible()) {
+            QPainter(&shot).drawPixmap(View().mapFromGlobal(top->pos()), top->grab());
+        }
+    }
+    shot.save(QString::fromStdString(ScreensFolder() + "/window-tooltip.png"));
+    QToolTip::hideText();
 
     ExpectWidgetsToFollow();
 }
