@@ -171,24 +171,29 @@ TEST_F(WindowTest, TheSplashClosesByItselfEnterAndEscapeNeverEndTheProgramTheClo
         ASSERT_TRUE(WaitUntil([&] { return !View().About()->isVisible(); }));
         EXPECT_FALSE(Controls().Shown(IDD_ABOUTBOX));
     }
-    // Help and the Help menu's first entry: no browser takes the manual
+    // Enter and Space press the button that has the focus, here Help, and
+    // so does the Help menu's first entry. No browser takes the manual
     // without a desktop session, and each message, closed with Esc, says
     // where the manual is; its text can be copied.
     {
         EnvironmentValue display("DISPLAY", "");
         EnvironmentValue wayland("WAYLAND_DISPLAY", "");
         answerer_->CloseMessagesWithEscape(true);
+        QWidget* help = Widget(IDC_HELP);
+        help->setFocus();
         const size_t before = answerer_->Messages().size();
-        Click(IDC_HELP);
+        QTest::keyClick(help, Qt::Key_Return);
         ASSERT_TRUE(WaitUntil([&] { return answerer_->Messages().size() == before + 1; }));
-        MenuEntry(View(), "&Contents")->trigger();
+        QTest::keyClick(help, Qt::Key_Space);
         ASSERT_TRUE(WaitUntil([&] { return answerer_->Messages().size() == before + 2; }));
+        MenuEntry(View(), "&Contents")->trigger();
+        ASSERT_TRUE(WaitUntil([&] { return answerer_->Messages().size() == before + 3; }));
         ASSERT_TRUE(WaitUntil([] { return QApplication::activeModalWidget() == nullptr; }));
         answerer_->CloseMessagesWithEscape(false);
         const std::vector<std::string> messages = answerer_->Messages();
         EXPECT_EQ(
             std::vector<std::string>(messages.begin() + static_cast<long>(before), messages.end()),
-            std::vector<std::string>(2, ManualNotOpened + folder_ / HelpPageName));
+            std::vector<std::string>(3, ManualNotOpened + folder_ / HelpPageName));
         EXPECT_EQ(answerer_->UnselectableMessages(), 0);
     }
 
@@ -348,6 +353,27 @@ TEST_F(WindowTest, TypingClicksKeysChoicesAndMenusReachTheWindowWhichDecides) {
     }
     shot.save(QString::fromStdString(ScreensFolder() + "/window-tooltip.png"));
     QToolTip::hideText();
+
+    // A list that has the focus shows it, also with no row to mark; with
+    // none picked, an arrow picks the row its mark stands on, here the only
+    // one, as the focus brought by Tab put it there.
+    Click(IDC_NEW);
+    ASSERT_TRUE(WaitUntil([] { return Controls().Selection(IDC_DIRECTORY_LIST) == -1; }));
+    ExpectWidgetsToFollow();
+    View().activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(&View()));
+    for (const int id : {IDC_LOG, IDC_FILE_LIST, IDC_DIRECTORY_LIST}) {
+        QWidget* list = Widget(id);
+        const QRect around = list->geometry().adjusted(-4, -4, 4, 4);
+        Widget(IDC_NAME)->setFocus();
+        const QImage unfocused = View().Page()->grab(around).toImage();
+        list->setFocus(Qt::TabFocusReason);
+        ASSERT_TRUE(WaitUntil([&] { return list->hasFocus(); }));
+        EXPECT_NE(View().Page()->grab(around).toImage(), unfocused) << ControlName(id);
+    }
+    QTest::keyClick(Widget(IDC_DIRECTORY_LIST), Qt::Key_Down);
+    ASSERT_TRUE(WaitUntil([] { return Controls().Selection(IDC_DIRECTORY_LIST) == 0; }));
+    EXPECT_TRUE(Controls().Enabled(IDC_DELETE)) << "the record the arrow picked is on show";
 
     ExpectWidgetsToFollow();
 }
