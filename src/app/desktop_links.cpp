@@ -64,7 +64,7 @@ void DesktopButtons::OnHelp() {
         TheDesktop().ActivateBrowser();
         return;
     }
-    ShowMessageBox("Please launch your preferred web browser to use\non-line help.");
+    ShowMessageBox(ManualNotOpened + stores_.Paths.HelpPath);
 }
 
 void DesktopButtons::OnProgramA() {
@@ -91,6 +91,7 @@ void DesktopButtons::PickExternalProgram(ProgramButton which) {
     FileDialogRequest request;
     // Linux programs carry no extension of their own to filter by.
     request.Filter = AllFilesFilter;
+    request.Title = ChooseProgramTitle + std::string(which == ProgramButton::A ? "1" : "2");
     const std::optional<std::string> chosen = TheDesktop().ChooseFile(request);
     // A cancel forgets the program, so Shift and Cancel clear the button. A
     // path the field cannot hold whole is not kept cut short.

@@ -13,6 +13,15 @@ namespace kb::app {
 
 using stores::Installation;
 
+// Help's message when no browser took the manual, in front of the manual's
+// path: the manual is on disk, and a person can open it by hand.
+inline constexpr const char* ManualNotOpened =
+    "The manual could not be opened in a web browser.\nIt is this file, which any browser "
+    "shows:\n";
+// The title of the dialog that chooses the program of button 1 or 2, in
+// front of the button's number.
+inline constexpr const char* ChooseProgramTitle = "Choose the program for button ";
+
 class DesktopButtons final : public WindowPanel {
 public:
     explicit DesktopButtons(Installation& stores) : stores_(stores) {}

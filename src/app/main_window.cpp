@@ -90,7 +90,7 @@ const std::vector<ControlStart>& StartTable() {
         {{IDC_BYTES_SEC, "IDC_BYTES_SEC", 129, 188, 51, 8}, K::Label, "", {}, Off, On, -1, 0},
         {{IDC_CLEAR_LOG, "IDC_CLEAR_LOG", 188, 185, 50, 14}, K::Button, "Clear Log", {}, On, On, -1, 0},
         {{IDC_DIR_SCRATCH, "IDC_DIR_SCRATCH", 256, 188, 16, 30}, K::DropDown, "", {}, On, Off, -1, 0},
-        {{IDC_EMBLEM, "", 311, 187, 16, 16}, K::Picture, "", {}, On, On, -1, IDB_EMBLEM},
+        {{IDC_EMBLEM, "IDC_EMBLEM", 311, 187, 16, 16}, K::PictureButton, "", {}, On, On, -1, IDB_EMBLEM},
         {{IDC_PROGRESS, "IDC_PROGRESS", 128, 205, 161, 7}, K::ProgressBar, "", {}, On, Off, -1, 0},
         {{IDC_SEND, "IDC_SEND", 294, 119, 50, 19}, K::Button, "Send", {}, Off, On, -1, 0},
         {{IDC_RETRIEVE, "IDC_RETRIEVE", 294, 141, 50, 19}, K::Button, "Retrieve", {}, Off, On, -1, 0},
@@ -118,8 +118,39 @@ std::vector<Menu> StartMenus() {
           {ID_FILE_EXIT, "E&xit", false}}},
         {"&Port Speed",
          {{ID_PORT_SPEED_115200, "115200", false}, {ID_PORT_SPEED_230400, "230400", false}}},
+        // A Linux desktop has no window menu for About; the manual comes
+        // first, as in any program's Help menu.
+        {"&Help",
+         {{ID_HELP_CONTENTS, "&Contents", false},
+          {0, "", false},
+          {IDM_ABOUTBOX, "&About Kestrelbound...", false}}},
     };
 }
+
+// What each picture says in words, to a pointer resting on it and to a
+// screen reader; a picture tells a newcomer nothing of what a click does.
+struct PictureWords {
+    int Id;
+    const char* Tip;
+};
+
+constexpr PictureWords PictureTips[] = {
+    {IDC_MAKE_FOLDER, "Make a pick-up folder for this correspondent"},
+    {IDC_FOLDER_EMPTY,
+     "Open this correspondent's pick-up folder, now empty (Ctrl-click: all pick-up folders)"},
+    {IDC_FOLDER_FILLED,
+     "Open this correspondent's pick-up folder, which holds files (Ctrl-click: all pick-up "
+     "folders)"},
+    {IDC_HOT_EMPTY,
+     "Open this correspondent's hot folder, now empty (Ctrl-click: all pick-up folders)"},
+    {IDC_HOT_FILLED,
+     "Open this correspondent's hot folder, whose files go out by themselves (Ctrl-click: all "
+     "pick-up folders)"},
+    {IDC_OPEN_INCOMING, "Open the folder of the files you received (Incoming Files)"},
+    {IDC_PROGRAM_1, "Run program 1 (the first click, or a Shift-click, chooses the program)"},
+    {IDC_PROGRAM_2, "Run program 2 (the first click, or a Shift-click, chooses the program)"},
+    {IDC_EMBLEM, "About Kestrelbound"},
+};
 
 // The hot folders are looked at this often.
 constexpr uint32_t HotFolderPeriodMs = 15000;
@@ -137,6 +168,15 @@ std::string WindowTitle(const std::string& installation, const std::string& ownN
     }
     const std::string number = ownNumber.empty() ? "" : " (" + ownNumber + ")";
     return folder + number + " - " + WindowCaption;
+}
+
+std::string ControlTip(int id) {
+    for (const PictureWords& words : PictureTips) {
+        if (words.Id == id) {
+            return words.Tip;
+        }
+    }
+    return "";
 }
 
 const std::vector<ControlPlace>& MainWindowLayout() {
@@ -556,6 +596,12 @@ EventOutcome MainWindow::HandleEvent(const WindowEvent& event) {
             if (kind != ControlKind::Button && kind != ControlKind::PictureButton) {
                 return Refused(name + " is no button");
             }
+            // The emblem is the program's own mark, and a click on it tells
+            // what the program is, as About in the Help menu does.
+            if (event.Id == IDC_EMBLEM) {
+                OpenAboutBox();
+                return {};
+            }
             return panel->OnButton(event.Id);
         case Kind::SelectionChanged:
             if (kind != ControlKind::ListBox && kind != ControlKind::DropDown &&
@@ -624,6 +670,9 @@ EventOutcome MainWindow::OnMenuCommand(int id) {
     switch (id) {
         case IDM_ABOUTBOX:
             OpenAboutBox();
+            return {};
+        case ID_HELP_CONTENTS:
+            desktop_.OnHelp();
             return {};
         case ID_FILE_EXIT:
             OnClose();

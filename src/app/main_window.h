@@ -74,7 +74,8 @@ inline constexpr const char* AboutText = "Kestrelbound Version 1.0.3";
 inline constexpr uint32_t SplashMs = 1000;
 
 // The window's labels and its emblem have no resource numbers of their own;
-// these numbers name them in the control model.
+// these numbers name them in the control model. The emblem is a button that
+// opens the About box.
 inline constexpr int IDC_LABEL_DIRECTORY = 2001;
 inline constexpr int IDC_LABEL_PROTOCOL = 2002;
 inline constexpr int IDC_LABEL_CARRIER = 2003;
@@ -96,6 +97,9 @@ struct ControlPlace {
 const std::vector<ControlPlace>& MainWindowLayout();
 // The resource name of a control ("IDC_SEND"); "" for a label.
 std::string ControlName(int id);
+// What a picture button does, in words: its tooltip and the name a screen
+// reader gives it. "" for a control whose own text says it.
+std::string ControlTip(int id);
 
 // What a front end reports of the user. Every event is handled on the main
 // loop's thread, one at a time, as a window's messages are.

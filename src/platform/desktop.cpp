@@ -276,6 +276,9 @@ std::optional<std::string> LinuxDesktop::ChooseFile(const FileDialogRequest& req
         return std::nullopt;
     }
     std::vector<std::string> words = {"zenity", "--file-selection"};
+    if (!request.Title.empty()) {
+        words.push_back("--title=" + request.Title);
+    }
     if (request.For == FileDialogRequest::Purpose::Save) {
         words.push_back("--save");
         words.push_back("--confirm-overwrite");

@@ -25,6 +25,9 @@ struct FileDialogRequest {
     std::string ProposedName;
     // The kinds of file offered, as "Name (*.ext)|*.ext|" pairs.
     std::string Filter;
+    // What the dialog is for, as its title says; "" for the desktop's own
+    // title of an open or save dialog.
+    std::string Title;
 };
 
 class Desktop {

@@ -54,12 +54,14 @@ inline constexpr int IDC_LABEL_TELEPHONE = 1049;
 inline constexpr int IDC_LABEL_ISDN = 1050;
 inline constexpr int IDC_IGNORE_HOT = 1051;
 
-// Menu commands. The About entry sits in the system menu.
+// Menu commands. The About entry sits in the system menu and in the Help menu.
 inline constexpr int IDM_ABOUTBOX = 16;
 inline constexpr int ID_FILE_EXPORT_ENTRY = 32771;
 inline constexpr int ID_FILE_EXIT = 32772;
 inline constexpr int ID_PORT_SPEED_115200 = 32774;
 inline constexpr int ID_PORT_SPEED_230400 = 32775;
+// The Help menu's entry for the manual; the Help button does the same.
+inline constexpr int ID_HELP_CONTENTS = 32776;
 // Position of the "&Port Speed" menu in the main menu.
 inline constexpr int PortSpeedMenuPosition = 1;
 

@@ -173,6 +173,8 @@ void FrontEnd::ShowMessage(const std::string& text) {
     shown.replace(QLatin1Char('\r'), QLatin1Char('\n'));
     QMessageBox box(QMessageBox::NoIcon, QString::fromLatin1(WindowCaption), shown, QMessageBox::Ok,
                     view_.get());
+    // A message may name a file or a number that the user wants to copy.
+    box.setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
     box.exec();
 }
 

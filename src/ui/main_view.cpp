@@ -1,12 +1,15 @@
 #include "ui/main_view.h"
 
+#include <QApplication>
 #include <QCheckBox>
 #include <QCloseEvent>
 #include <QComboBox>
 #include <QDragEnterEvent>
 #include <QDropEvent>
 #include <QFile>
+#include <QFocusFrame>
 #include <QHeaderView>
+#include <QKeyEvent>
 #include <QLabel>
 #include <QLayout>
 #include <QLineEdit>
@@ -212,6 +215,14 @@ MainView::MainView(std::shared_ptr<ControlChanges> changes, WindowHandle window,
     setCentralWidget(page_);
     layout()->setSizeConstraint(QLayout::SetFixedSize);
     setAcceptDrops(true);
+    focusMark_ = new QFocusFrame(page_);
+    // Drawn in the colour of a picked row, so that it reads as the list's
+    // mark and not as an edge of the window.
+    QPalette marked = focusMark_->palette();
+    marked.setColor(QPalette::WindowText, marked.color(QPalette::Highlight));
+    focusMark_->setPalette(marked);
+    connect(qApp, &QApplication::focusChanged, this,
+            [this](QWidget*, QWidget* now) { MarkFocusedList(now); });
 
     // The About box has a font two points smaller than the window's.
     QFont aboutFont = font;
@@ -376,11 +387,75 @@ void MainView::MakeWidget(const ControlState& state, const ControlPlace& place) 
     widget->setGeometry(where);
     widget->setObjectName(Text(place.Name));
     widgets_[id] = widget;
+    GiveWordsAndKeys(id, widget);
     const bool caption = state.Kind == ControlKind::Label || state.Kind == ControlKind::CheckBox ||
                          state.Kind == ControlKind::RadioButton;
     if (caption) {
         captionPlaces_[id] = where;
     }
+}
+
+void MainView::GiveWordsAndKeys(int id, QWidget* widget) {
+    const QString tip = Text(ControlTip(id));
+    if (!tip.isEmpty()) {
+        widget->setToolTip(tip);
+        widget->setAccessibleName(tip);
+    }
+    if (id == IDC_EMBLEM) {
+        // The program's mark, drawn whole and without a button's edge until
+        // the pointer is on it.
+        auto* button = static_cast<QPushButton*>(widget);
+        button->setFlat(true);
+        button->setCursor(Qt::PointingHandCursor);
+    }
+    // Enter presses a button that has the focus, as Space does; the arrows
+    // pick a row of a list that has none picked.
+    if (qobject_cast<QPushButton*>(widget) != nullptr ||
+        qobject_cast<QAbstractItemView*>(widget) != nullptr) {
+        widget->installEventFilter(this);
+    }
+}
+
+void MainView::MarkFocusedList(QWidget* focused) {
+    // A list shows that it has the focus by a frame around it, also while
+    // it has no row to mark; the style draws none of its own.
+    auto* list = qobject_cast<QAbstractItemView*>(focused);
+    const bool ours = std::any_of(widgets_.begin(), widgets_.end(),
+                                  [&](const auto& entry) { return entry.second == list; });
+    focusMark_->setWidget(ours ? list : nullptr);
+}
+
+bool MainView::KeyForControl(QObject* watched, QEvent* event) {
+    if (event->type() != QEvent::KeyPress) {
+        return false;
+    }
+    const auto* key = static_cast<QKeyEvent*>(event);
+    if (auto* button = qobject_cast<QPushButton*>(watched)) {
+        const bool enter = key->key() == Qt::Key_Return || key->key() == Qt::Key_Enter;
+        if (enter && key->modifiers() == Qt::NoModifier && button->isEnabled()) {
+            if (!key->isAutoRepeat()) {
+                button->animateClick();
+            }
+            return true;
+        }
+        return false;
+    }
+    auto* view = qobject_cast<QAbstractItemView*>(watched);
+    const bool arrow = key->key() == Qt::Key_Up || key->key() == Qt::Key_Down;
+    if (view == nullptr || !arrow || view->model()->rowCount() == 0 ||
+        view->selectionModel()->hasSelection()) {
+        return false;
+    }
+    // With no row picked, the list's mark may already stand on the row that
+    // an arrow would move to, or on the only row, and Qt would then pick
+    // nothing: the arrow picks the marked row, or the first.
+    const int id = std::find_if(widgets_.begin(), widgets_.end(), [&](const auto& entry) {
+                       return entry.second == view;
+                   })->first;
+    WindowEvent picked = EventOf(EventKind::SelectionChanged, id);
+    picked.Row = view->currentIndex().isValid() ? view->currentIndex().row() : 0;
+    Send(picked);
+    return true;
 }
 
 int MainView::RoomLeftOf(int id, const QRect& place) const {
@@ -485,7 +560,10 @@ void MainView::Follow(int id, const std::map<int, int>& rowsToShow) {
         case ControlKind::PictureButton:
             if (PictureChanged(widget, state.Picture)) {
                 auto* button = static_cast<QPushButton*>(widget);
-                const QSize room = button->size() - QSize(units_.X(4), units_.Y(4));
+                // A flat button has no edge to leave room for.
+                const QSize room = button->isFlat()
+                                       ? button->size()
+                                       : button->size() - QSize(units_.X(4), units_.Y(4));
                 button->setIconSize(room);
                 button->setIcon(PictureIcon(state.Picture, room));
             }
@@ -563,11 +641,9 @@ void MainView::RebuildMenus() {
         menu->deleteLater();
     }
     menus_.clear();
-    std::vector<Menu> menus = Controls().Menus();
-    // The entries the window adds to the system menu go into a menu of their
-    // own: a Linux desktop has no window menu to take them.
-    menus.push_back(Menu{"&Help", Controls().SystemMenu()});
-    for (const Menu& menu : menus) {
+    // The entries the window adds to the system menu are in its Help menu
+    // too: a Linux desktop has no window menu to take them.
+    for (const Menu& menu : Controls().Menus()) {
         auto* shown = new QMenu(Text(menu.Title), bar);
         const bool checks = std::any_of(menu.Items.begin(), menu.Items.end(),
                                         [](const MenuItem& item) { return item.Checked; });
@@ -648,6 +724,9 @@ void MainView::dropEvent(QDropEvent* event) {
 }
 
 bool MainView::eventFilter(QObject* watched, QEvent* event) {
+    if (KeyForControl(watched, event)) {
+        return true;
+    }
     const auto found = viewports_.find(watched);
     if (found == viewports_.end()) {
         return QMainWindow::eventFilter(watched, event);

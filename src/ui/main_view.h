@@ -18,6 +18,7 @@
 #include "ui/control_changes.h"
 #include "ui/dialog_units.h"
 
+class QFocusFrame;
 class QMenu;
 
 namespace kb::ui {
@@ -65,6 +66,14 @@ protected:
 private:
     void MakeWidget(const ControlState& state, const ControlPlace& place);
     void Follow(int id, const std::map<int, int>& rowsToShow);
+    // A control's words (its tooltip and the name a screen reader says) and
+    // the keys it answers beyond Qt's own.
+    void GiveWordsAndKeys(int id, QWidget* widget);
+    // Enter on a button, an arrow on a list with no row picked; true when
+    // the key was taken.
+    bool KeyForControl(QObject* watched, QEvent* event);
+    // Puts the focus mark around the list that has the focus, or hides it.
+    void MarkFocusedList(QWidget* focused);
     void RebuildMenus();
     // Gives each caption the room its text needs in this font.
     void FitCaptions();
@@ -81,6 +90,7 @@ private:
     DialogUnits units_;
     QWidget* page_ = nullptr;
     AboutBox* about_ = nullptr;
+    QFocusFrame* focusMark_ = nullptr;
     std::map<int, QWidget*> widgets_;
     // The lists' viewports, whose clicks the view reports itself, by the
     // list's control.

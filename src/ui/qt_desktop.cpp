@@ -51,13 +51,12 @@ void QtDesktop::ShowFolder(const std::string& path) {
 }
 
 bool QtDesktop::OpenInBrowser(const std::string& page) {
-    bool taken = false;
-    gui_.Call([&] {
-        const QUrl url = !page.empty() && page[0] == '/' ? QUrl::fromLocalFile(LocalPath(page))
-                                                         : QUrl(QString::fromStdString(page));
-        taken = QDesktopServices::openUrl(url);
-    });
-    return taken;
+    // Qt hands a page to the desktop's handler and counts it as taken once
+    // the handler has started, so a handler that fails at once (no browser
+    // set up, a page it cannot show) would go unnoticed and Help would say
+    // nothing. The desktop's own handler is asked instead, and its answer
+    // heard; it runs on the caller's thread, never on the GUI's.
+    return LinuxDesktop().OpenInBrowser(page);
 }
 
 void QtDesktop::ActivateBrowser() {
@@ -81,8 +80,9 @@ std::optional<std::string> QtDesktop::ChooseFile(const FileDialogRequest& reques
             chosen = QFileDialog::getSaveFileName(parent_(), QStringLiteral("Save As"), proposed,
                                                   filter);
         } else {
-            chosen =
-                QFileDialog::getOpenFileName(parent_(), QStringLiteral("Open"), QString(), filter);
+            const QString title = request.Title.empty() ? QStringLiteral("Open")
+                                                        : QString::fromStdString(request.Title);
+            chosen = QFileDialog::getOpenFileName(parent_(), title, QString(), filter);
         }
     });
     if (chosen.isEmpty()) {

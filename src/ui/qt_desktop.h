@@ -1,8 +1,9 @@
-// The desktop as Qt reaches it: folders and pages go to the desktop's own
-// handlers through QDesktopServices, programs start detached in a session of
-// their own, and the file dialogs are Qt's (or the desktop's, where Qt uses
-// them). Every hand-off runs on the GUI thread; a caller on another thread
-// waits for it there.
+// The desktop as Qt reaches it: folders go to the desktop's own handlers
+// through QDesktopServices, pages to xdg-open as without Qt (its answer is
+// heard), programs start detached in a session of their own, and the file
+// dialogs are Qt's (or the desktop's, where Qt uses them). Every hand-off but
+// a page runs on the GUI thread; a caller on another thread waits for it
+// there.
 #pragma once
 
 #include <functional>
@@ -15,6 +16,7 @@ namespace kb::ui {
 
 using platform::Desktop;
 using platform::FileDialogRequest;
+using platform::LinuxDesktop;
 
 class GuiThread;
 

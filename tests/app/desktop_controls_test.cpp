@@ -256,8 +256,9 @@ TEST_F(DesktopControlsTest, ANameThatIsNoFolderNameNeverBecomesAPath) {
     EXPECT_TRUE(FolderExists(Stores().Paths.PickUpPath + "/Jones"));
 }
 
-// Each program button keeps its own program, and a path its field cannot
-// hold whole is not kept cut short.
+// Each program button keeps its own program, chosen in a dialog that says
+// which button it is for, and a path its field cannot hold whole is not kept
+// cut short.
 TEST_F(DesktopControlsTest, EachProgramButtonKeepsItsOwnPathAndNoneCutShort) {
     desktop_.Answer("/usr/bin/gimp");
     ASSERT_TRUE(Press(IDC_PROGRAM_1).Done);
@@ -267,6 +268,25 @@ TEST_F(DesktopControlsTest, EachProgramButtonKeepsItsOwnPathAndNoneCutShort) {
     EXPECT_EQ(FieldText(Stores().Prefs.ExternalProgramB), "");
     ASSERT_TRUE(Press(IDC_PROGRAM_2).Done);
     EXPECT_EQ(desktop_.Take(), std::vector<std::string>(3, "dialog: open"));
+    EXPECT_EQ(desktop_.Titles(), (std::vector<std::string>{"Choose the program for button 1",
+                                                           "Choose the program for button 2",
+                                                           "Choose the program for button 2"}));
+}
+
+// Help and the Help menu's Contents hand the manual to a browser; when none
+// takes it, the message says where the manual lies, so it can be opened by
+// hand.
+TEST_F(DesktopControlsTest, HelpAndItsMenuEntryShowTheManualOrSayWhereItIs) {
+    const std::string manual = Stores().Paths.HelpPath;
+    ASSERT_TRUE(ChooseMenu(ID_HELP_CONTENTS).Done);
+    desktop_.BrowserRunning = false;
+    ASSERT_TRUE(Press(IDC_HELP).Done);
+    EXPECT_EQ(desktop_.Take(), (std::vector<std::string>{"browse: " + manual, "raise: browser",
+                                                         "browse: " + manual}));
+    EXPECT_EQ(Messages(), std::vector<std::string>{
+                              "The manual could not be opened in a web browser.\nIt is this file, "
+                              "which any browser shows:\n" +
+                              manual});
 }
 
 // The IN button opens the folder where the latest file arrived: "Incoming

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -185,6 +186,35 @@ TEST_F(MainWindowTest, EventsReachOnlyControlsAUserCouldUse) {
     }
 }
 
+// Every picture button says in words what a click on it does: one line per
+// button, with the words that tell it from the others.
+TEST_F(MainWindowTest, EveryPictureButtonSaysWhatItDoes) {
+    const std::map<int, const char*> told = {
+        {IDC_MAKE_FOLDER, "Make a pick-up folder"},
+        {IDC_FOLDER_EMPTY, "pick-up folder, now empty"},
+        {IDC_FOLDER_FILLED, "pick-up folder, which holds files"},
+        {IDC_HOT_EMPTY, "hot folder, now empty"},
+        {IDC_HOT_FILLED, "hot folder, whose files go out"},
+        {IDC_OPEN_INCOMING, "Incoming Files"},
+        {IDC_PROGRAM_1, "program 1"},
+        {IDC_PROGRAM_2, "program 2"},
+        {IDC_EMBLEM, "About Kestrelbound"},
+    };
+    size_t buttons = 0;
+    for (const ControlPlace& place : MainWindowLayout()) {
+        const std::string tip = ControlTip(place.Id);
+        if (Controls().State(place.Id).Kind != ControlKind::PictureButton) {
+            EXPECT_EQ(tip, "") << place.Id << ": its own text says it";
+            continue;
+        }
+        ++buttons;
+        const auto words = told.find(place.Id);
+        ASSERT_NE(words, told.end()) << place.Name;
+        EXPECT_NE(tip.find(words->second), std::string::npos) << place.Name << ": " << tip;
+    }
+    EXPECT_EQ(buttons, told.size());
+}
+
 // After the search the window shows what the adapter offers on this port:
 // the protocol lists lose what it cannot do, the ZyXEL's options show, and
 // the incoming settings and the Port Speed menu come from the preferences.
@@ -253,7 +283,7 @@ TEST_F(MainWindowTest, TheWindowShowsWhatTheAdapterFoundOffers) {
         for (const Menu& menu : Controls().Menus()) {
             menus.push_back(menu.Title);
         }
-        EXPECT_EQ(Joined(menus), c.SpeedMenu ? "&File, &Port Speed" : "&File");
+        EXPECT_EQ(Joined(menus), c.SpeedMenu ? "&File, &Port Speed, &Help" : "&File, &Help");
         if (c.SpeedMenu) {
             EXPECT_EQ(Controls().MenuItemChecked(ID_PORT_SPEED_230400), c.Checked230400);
             EXPECT_EQ(Controls().MenuItemChecked(ID_PORT_SPEED_115200), !c.Checked230400);
@@ -269,12 +299,15 @@ TEST_F(MainWindowTest, TheAboutBoxOfTheMenuNeitherClosesByItselfNorSearches) {
     window_->OpenAboutBox();
     window_->OnAboutOk();
     MainLoop().KillTimer(TimerFindAdapter);
-    EXPECT_TRUE(ChooseMenu(IDM_ABOUTBOX).Done);
-    EXPECT_TRUE(Controls().Shown(IDD_ABOUTBOX));
-    EXPECT_FALSE(MainLoop().TimerRunning(TimerSplashClose));
-    EXPECT_TRUE(Handle(Event(EventKind::AboutOk, 0)).Done);
-    EXPECT_FALSE(Controls().Shown(IDD_ABOUTBOX));
-    EXPECT_FALSE(MainLoop().TimerRunning(TimerFindAdapter));
+    // The menu's entry and the emblem open the same box.
+    for (const bool emblem : {false, true}) {
+        EXPECT_TRUE((emblem ? Press(IDC_EMBLEM) : ChooseMenu(IDM_ABOUTBOX)).Done);
+        EXPECT_TRUE(Controls().Shown(IDD_ABOUTBOX)) << emblem;
+        EXPECT_FALSE(MainLoop().TimerRunning(TimerSplashClose));
+        EXPECT_TRUE(Handle(Event(EventKind::AboutOk, 0)).Done);
+        EXPECT_FALSE(Controls().Shown(IDD_ABOUTBOX));
+        EXPECT_FALSE(MainLoop().TimerRunning(TimerFindAdapter));
+    }
 
     // The splash of the next start, closed by OK before its time, starts the
     // search once.

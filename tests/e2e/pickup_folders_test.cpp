@@ -142,9 +142,10 @@ TEST(PickUpFolders, ACorrespondentFetchesItsFolderAndAnyoneElseIsToldThereIsNone
                   "open: " + line.AlicePath + "/Incoming Files", "browse: " + manual,
                   "raise: browser", "browse: " + manual, "dialog: open", "run: /usr/bin/gimp",
                   "dialog: open", "dialog: open"}));
-    EXPECT_EQ(
-        alice.Messages(),
-        std::vector<std::string>{"Please launch your preferred web browser to use\non-line help."});
+    EXPECT_EQ(alice.Messages(),
+              std::vector<std::string>{"The manual could not be opened in a web browser.\nIt is "
+                                       "this file, which any browser shows:\n" +
+                                       manual});
 }
 
 TEST(EntriesInACall, AnEntryIsEnteredOnceAtTheEndOfTheCallThatBroughtItWhole) {

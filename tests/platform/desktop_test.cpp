@@ -122,9 +122,13 @@ TEST_F(LinuxDesktopTest, FileDialogsAreZenitysAndACancelOrNoSessionChoosesNothin
                                    "--file-filter=Entries (*.KBE) | *.KBE\n"
                                    "--file-filter=All Files (*) | *\n");
 
+    // A dialog with a purpose says it in its title.
     Tool("zenity", "exit 1");
-    EXPECT_EQ(desktop.ChooseFile(FileDialogRequest{}), std::nullopt) << "Cancel";
-    EXPECT_EQ(Reported("selection\n"), root_ / "bin/zenity\n--file-selection\n");
+    FileDialogRequest program;
+    program.Title = "Choose the program for button 1";
+    EXPECT_EQ(desktop.ChooseFile(program), std::nullopt) << "Cancel";
+    EXPECT_EQ(Reported("1\n"),
+              root_ / "bin/zenity\n--file-selection\n--title=Choose the program for button 1\n");
     EnvironmentValue display("DISPLAY", "");
     EnvironmentValue wayland("WAYLAND_DISPLAY", "");
     Tool("zenity", "echo /etc/passwd");

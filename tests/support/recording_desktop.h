@@ -1,7 +1,8 @@
 // A desktop for tests: every hand-off is noted as the station program prints
 // it ("open: PATH", "browse: PAGE", "raise: browser", "run: PATH",
 // "dialog: open", "dialog: save NAME"), and file dialogs take their answers
-// from a queue, an empty queue cancelling. Installed while it lives.
+// from a queue, an empty queue cancelling; their titles are kept. Installed
+// while it lives.
 #pragma once
 
 #include <deque>
@@ -37,6 +38,7 @@ public:
                  ? "dialog: save " + request.ProposedName
                  : "dialog: open");
         std::lock_guard<std::mutex> guard(lock_);
+        titles_.push_back(request.Title);
         if (answers_.empty()) {
             return std::nullopt;
         }
@@ -58,6 +60,12 @@ public:
         return taken;
     }
 
+    // The title each file dialog was given, in order.
+    std::vector<std::string> Titles() {
+        std::lock_guard<std::mutex> guard(lock_);
+        return titles_;
+    }
+
     bool BrowserRunning = true;
 
 private:
@@ -68,6 +76,7 @@ private:
 
     std::mutex lock_;
     std::vector<std::string> noted_;
+    std::vector<std::string> titles_;
     std::deque<std::optional<std::string>> answers_;
 };
 

@@ -63,10 +63,19 @@ void ModalAnswerer::Answer() {
     QWidget* modal = QApplication::activeModalWidget();
     if (auto* box = qobject_cast<QMessageBox*>(modal)) {
         messages_.push_back(box->text().toStdString());
+        const Qt::TextInteractionFlags copying =
+            Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard;
+        unselectable_ += (box->textInteractionFlags() & copying) == copying ? 0 : 1;
+        if (escape_) {
+            // A box that Esc does not close is noted again at the next look.
+            QTest::keyClick(box, Qt::Key_Escape);
+            return;
+        }
         box->button(QMessageBox::Ok)->click();
         return;
     }
     if (auto* dialog = qobject_cast<QFileDialog*>(modal)) {
+        titles_.push_back(dialog->windowTitle().toStdString());
         std::optional<std::string> answer;
         const QStringList proposed = dialog->selectedFiles();
         proposals_.push_back(proposed.isEmpty() ? std::string() : proposed.first().toStdString());
@@ -223,6 +232,9 @@ std::vector<std::string> UiTest::Differences() const {
             differences.push_back(name + "has no widget");
             continue;
         }
+        Compare(differences, name + "tooltip", Text(widget->toolTip()), ControlTip(state.Id));
+        Compare(differences, name + "accessible name", Text(widget->accessibleName()),
+                ControlTip(state.Id));
         Compare(differences, name + "enabled", widget->isEnabled(), state.Enabled);
         Compare(differences, name + "shown", !widget->isHidden(), state.Shown);
         switch (state.Kind) {

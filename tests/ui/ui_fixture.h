@@ -40,8 +40,9 @@ std::optional<bool> OnMainLoop(const std::function<bool()>& work,
                                std::chrono::milliseconds limit = std::chrono::seconds(30));
 
 // Answers the message boxes and file dialogs that open: a message box with
-// OK, noting its text; a file dialog with the next answer given, or Cancel.
-// It lives on the GUI thread, as the tests do.
+// OK (or Esc, when told), noting its text; a file dialog with the next answer
+// given, or Cancel, noting its title. It lives on the GUI thread, as the
+// tests do.
 class ModalAnswerer : public QObject {
     Q_OBJECT
 
@@ -54,6 +55,12 @@ public:
     std::vector<std::string> Messages() const { return messages_; }
     // The file each file dialog proposed when it opened, in order.
     std::vector<std::string> Proposals() const { return proposals_; }
+    // The title of each file dialog, in order.
+    std::vector<std::string> Titles() const { return titles_; }
+    // The message boxes so far whose text could not be selected and copied.
+    int UnselectableMessages() const { return unselectable_; }
+    // Closes the message boxes with Esc from now on, as a user may.
+    void CloseMessagesWithEscape(bool escape) { escape_ = escape; }
 
 private:
     void Answer();
@@ -61,6 +68,9 @@ private:
     QTimer timer_;
     std::vector<std::string> messages_;
     std::vector<std::string> proposals_;
+    std::vector<std::string> titles_;
+    int unselectable_ = 0;
+    bool escape_ = false;
     std::deque<std::optional<std::string>> answers_;
 };
 

@@ -6,14 +6,17 @@
 #include <QApplication>
 #include <QCheckBox>
 #include <QComboBox>
+#include <QHelpEvent>
 #include <QLineEdit>
 #include <QListWidget>
 #include <QMenu>
 #include <QMenuBar>
+#include <QPainter>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QRadioButton>
 #include <QTest>
+#include <QToolTip>
 #include <QTreeWidget>
 
 #include <gtest/gtest.h>
@@ -28,6 +31,8 @@
 #include "platform/event_loop.h"
 #include "platform/files.h"
 #include "resources/resource.h"
+#include "stores/paths.h"
+#include "support/process_state.h"
 #include "support/recording_desktop.h"
 #include "ui/about_box.h"
 #include "ui_fixture.h"
@@ -38,6 +43,7 @@ using namespace kb::app;
 using namespace kb::line;
 using namespace kb::platform;
 using namespace kb::resources;
+using namespace kb::stores;
 using namespace kb::ui;
 
 namespace {
@@ -61,10 +67,8 @@ std::vector<std::string> ShownMenus(const MainView& view) {
 }
 
 std::vector<std::string> ModelMenus() {
-    std::vector<Menu> menus = Controls().Menus();
-    menus.push_back(Menu{"&Help", Controls().SystemMenu()});
     std::vector<std::string> written;
-    for (const Menu& menu : menus) {
+    for (const Menu& menu : Controls().Menus()) {
         std::string line = menu.Title + ":";
         bool first = true;
         for (const MenuItem& item : menu.Items) {
@@ -167,6 +171,32 @@ TEST_F(WindowTest, TheSplashClosesByItselfEnterAndEscapeNeverEndTheProgramTheClo
         ASSERT_TRUE(WaitUntil([&] { return !View().About()->isVisible(); }));
         EXPECT_FALSE(Controls().Shown(IDD_ABOUTBOX));
     }
+    // Enter and Space press the button that has the focus, here Help, and
+    // so does the Help menu's first entry. No browser takes the manual
+    // without a desktop session, and each message, closed with Esc, says
+    // where the manual is; its text can be copied.
+    {
+        EnvironmentValue display("DISPLAY", "");
+        EnvironmentValue wayland("WAYLAND_DISPLAY", "");
+        answerer_->CloseMessagesWithEscape(true);
+        QWidget* help = Widget(IDC_HELP);
+        help->setFocus();
+        const size_t before = answerer_->Messages().size();
+        QTest::keyClick(help, Qt::Key_Return);
+        ASSERT_TRUE(WaitUntil([&] { return answerer_->Messages().size() == before + 1; }));
+        QTest::keyClick(help, Qt::Key_Space);
+        ASSERT_TRUE(WaitUntil([&] { return answerer_->Messages().size() == before + 2; }));
+        MenuEntry(View(), "&Contents")->trigger();
+        ASSERT_TRUE(WaitUntil([&] { return answerer_->Messages().size() == before + 3; }));
+        ASSERT_TRUE(WaitUntil([] { return QApplication::activeModalWidget() == nullptr; }));
+        answerer_->CloseMessagesWithEscape(false);
+        const std::vector<std::string> messages = answerer_->Messages();
+        EXPECT_EQ(
+            std::vector<std::string>(messages.begin() + static_cast<long>(before), messages.end()),
+            std::vector<std::string>(3, ManualNotOpened + folder_ / HelpPageName));
+        EXPECT_EQ(answerer_->UnselectableMessages(), 0);
+    }
+
     // The window still answers, and stays up.
     EXPECT_EQ(OnMainLoop([this] { return frontEnd_->Window()->load() != nullptr; }), true);
     EXPECT_FALSE(frontEnd_->Ended());
@@ -305,6 +335,45 @@ TEST_F(WindowTest, TypingClicksKeysChoicesAndMenusReachTheWindowWhichDecides) {
     EXPECT_EQ(handOffs,
               (std::vector<std::string>{"dialog: open", "run: /usr/bin/true", "dialog: open",
                                         "open: " + pickUp + "/Bob", "open: " + pickUp}));
+
+    // A pointer resting on a picture button shows its words.
+    QWidget* program = Widget(IDC_PROGRAM_1);
+    QHelpEvent hover(QEvent::ToolTip, program->rect().center(),
+                     program->mapToGlobal(program->rect().center()));
+    QApplication::sendEvent(program, &hover);
+    ASSERT_TRUE(WaitUntil([] { return QToolTip::isVisible(); }));
+    EXPECT_EQ(QToolTip::text().toStdString(), ControlTip(IDC_PROGRAM_1));
+    // The tip is a window of its own, drawn over the window's picture where
+    // it stands.
+    QPixmap shot = View().grab();
+    for (QWidget* top : QApplication::topLevelWidgets()) {
+        if (top->windowType() == Qt::ToolTip && top->isVisible()) {
+            QPainter(&shot).drawPixmap(View().mapFromGlobal(top->pos()), top->grab());
+        }
+    }
+    shot.save(QString::fromStdString(ScreensFolder() + "/window-tooltip.png"));
+    QToolTip::hideText();
+
+    // A list that has the focus shows it, also with no row to mark; with
+    // none picked, an arrow picks the row its mark stands on, here the only
+    // one, as the focus brought by Tab put it there.
+    Click(IDC_NEW);
+    ASSERT_TRUE(WaitUntil([] { return Controls().Selection(IDC_DIRECTORY_LIST) == -1; }));
+    ExpectWidgetsToFollow();
+    View().activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(&View()));
+    for (const int id : {IDC_LOG, IDC_FILE_LIST, IDC_DIRECTORY_LIST}) {
+        QWidget* list = Widget(id);
+        const QRect around = list->geometry().adjusted(-4, -4, 4, 4);
+        Widget(IDC_NAME)->setFocus();
+        const QImage unfocused = View().Page()->grab(around).toImage();
+        list->setFocus(Qt::TabFocusReason);
+        ASSERT_TRUE(WaitUntil([&] { return list->hasFocus(); }));
+        EXPECT_NE(View().Page()->grab(around).toImage(), unfocused) << ControlName(id);
+    }
+    QTest::keyClick(Widget(IDC_DIRECTORY_LIST), Qt::Key_Down);
+    ASSERT_TRUE(WaitUntil([] { return Controls().Selection(IDC_DIRECTORY_LIST) == 0; }));
+    EXPECT_TRUE(Controls().Enabled(IDC_DELETE)) << "the record the arrow picked is on show";
 
     ExpectWidgetsToFollow();
 }
