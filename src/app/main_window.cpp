@@ -146,7 +146,7 @@ constexpr PictureWords PictureTips[] = {
     {IDC_HOT_FILLED,
      "Open this correspondent's hot folder, whose files go out by themselves (Ctrl-click: all "
      "pick-up folders)"},
-    {IDC_OPEN_INCOMING, "Open the folder of the files you received (Incoming Files)"},
+    {IDC_OPEN_INCOMING, "Open the folder in Incoming Files where the latest received file is"},
     {IDC_PROGRAM_1, "Run program 1 (the first click, or a Shift-click, chooses the program)"},
     {IDC_PROGRAM_2, "Run program 2 (the first click, or a Shift-click, chooses the program)"},
     {IDC_EMBLEM, "About Kestrelbound"},
