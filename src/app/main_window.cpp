@@ -113,7 +113,8 @@ const std::vector<ControlStart>& StartTable() {
 std::vector<Menu> StartMenus() {
     return {
         {"&File",
-         {{ID_FILE_EXPORT_ENTRY, "&Export Directory Entry...", false},
+         {{ID_FILE_ADD_FOLDER, "Add &Folder to File List...", false},
+          {ID_FILE_EXPORT_ENTRY, "&Export Directory Entry...", false},
           {0, "", false},
           {ID_FILE_EXIT, "E&xit", false}}},
         {"&Port Speed",
@@ -606,9 +607,9 @@ EventOutcome MainWindow::OnBoxClicked(WindowPanel& panel, int id, bool checked) 
 void MainWindow::OnDropFiles(int targetId, const std::vector<std::string>& paths) {
     const bool onList = targetId == IDC_FILE_LIST || targetId == IDC_SEND;
     if (onList && engine_.Call.LinkState.load() == LinkState::Idle) {
-        files_.OnDropFiles(paths);
-        // One drop on Send fills the list and starts the call.
-        if (targetId == IDC_SEND) {
+        // One drop on Send fills the list and starts the call; a drop the
+        // user took back starts nothing.
+        if (files_.OnDropFiles(paths) && targetId == IDC_SEND) {
             line_.OnSend();
         }
         return;
@@ -638,6 +639,9 @@ EventOutcome MainWindow::OnMenuCommand(int id) {
             return {};
         case ID_FILE_EXPORT_ENTRY:
             return directory_.OnExportEntry();
+        case ID_FILE_ADD_FOLDER:
+            files_.OnAddFolder();
+            return {};
         default:
             return Refused("no such menu command");
     }

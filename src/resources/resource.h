@@ -60,6 +60,7 @@ inline constexpr int ID_FILE_EXPORT_ENTRY = 32771;
 inline constexpr int ID_FILE_EXIT = 32772;
 inline constexpr int ID_PORT_SPEED_115200 = 32774;
 inline constexpr int ID_PORT_SPEED_230400 = 32775;
+inline constexpr int ID_FILE_ADD_FOLDER = 32790;
 // Position of the "&Port Speed" menu in the main menu.
 inline constexpr int PortSpeedMenuPosition = 1;
 

@@ -102,6 +102,7 @@ FrontEnd::~FrontEnd() {
     }
     Controls().RemoveListener(listener_);
     SetMessageBoxHandler(nullptr);
+    SetQuestionHandler(nullptr);
     SetKeyStateQuery(nullptr);
     InstallDesktop(nullptr);
     qApp->removeEventFilter(&keys_);
@@ -134,6 +135,13 @@ void FrontEnd::Start() {
             if (!gui_->Call([&] { ShowMessage(text); })) {
                 PrintMessage(text);
             }
+        });
+        // A question that can no longer be shown is answered No: nothing
+        // changes that nobody agreed to.
+        SetQuestionHandler([this](const std::string& text) {
+            bool yes = false;
+            gui_->Call([&] { yes = AskQuestion(text); });
+            return yes;
         });
     } else {
         SetMessageBoxHandler(PrintMessage);
@@ -174,6 +182,16 @@ void FrontEnd::ShowMessage(const std::string& text) {
     QMessageBox box(QMessageBox::NoIcon, QString::fromLatin1(WindowCaption), shown, QMessageBox::Ok,
                     view_.get());
     box.exec();
+}
+
+bool FrontEnd::AskQuestion(const std::string& text) {
+    QString shown = QString::fromStdString(text);
+    shown.replace(QStringLiteral("\r\n"), QStringLiteral("\n"));
+    shown.replace(QLatin1Char('\r'), QLatin1Char('\n'));
+    QMessageBox box(QMessageBox::Question, QString::fromLatin1(WindowCaption), shown,
+                    QMessageBox::Yes | QMessageBox::No, view_.get());
+    box.setDefaultButton(QMessageBox::No);
+    return box.exec() == QMessageBox::Yes;
 }
 
 void FrontEnd::WaitForStartToEnd() {

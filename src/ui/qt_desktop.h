@@ -1,6 +1,6 @@
 // The desktop as Qt reaches it: folders and pages go to the desktop's own
 // handlers through QDesktopServices, programs start detached in a session of
-// their own, and the file dialogs are Qt's (or the desktop's, where Qt uses
+// their own, and the file and folder dialogs are Qt's (or the desktop's, where Qt uses
 // them). Every hand-off runs on the GUI thread; a caller on another thread
 // waits for it there.
 #pragma once
@@ -28,6 +28,7 @@ public:
     void ActivateBrowser() override;
     void StartProgram(const std::string& path) override;
     [[nodiscard]] std::optional<std::string> ChooseFile(const FileDialogRequest& request) override;
+    [[nodiscard]] std::vector<std::string> ChooseFiles(const FileDialogRequest& request) override;
 
 private:
     GuiThread& gui_;

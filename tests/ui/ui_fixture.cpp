@@ -63,7 +63,9 @@ void ModalAnswerer::Answer() {
     QWidget* modal = QApplication::activeModalWidget();
     if (auto* box = qobject_cast<QMessageBox*>(modal)) {
         messages_.push_back(box->text().toStdString());
-        box->button(QMessageBox::Ok)->click();
+        // A question is answered Yes: the user meant what they did.
+        QAbstractButton* ok = box->button(QMessageBox::Ok);
+        (ok != nullptr ? ok : box->button(QMessageBox::Yes))->click();
         return;
     }
     if (auto* dialog = qobject_cast<QFileDialog*>(modal)) {

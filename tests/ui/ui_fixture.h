@@ -40,7 +40,8 @@ std::optional<bool> OnMainLoop(const std::function<bool()>& work,
                                std::chrono::milliseconds limit = std::chrono::seconds(30));
 
 // Answers the message boxes and file dialogs that open: a message box with
-// OK, noting its text; a file dialog with the next answer given, or Cancel.
+// OK, or with Yes where it asks, noting its text; a file dialog with the next
+// answer given, or Cancel.
 // It lives on the GUI thread, as the tests do.
 class ModalAnswerer : public QObject {
     Q_OBJECT
