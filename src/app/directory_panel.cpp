@@ -470,11 +470,18 @@ void DirectoryPanel::OnDirectoryDelete() {
         return;
     }
     const Correspondent& record = stores_.Directory[current];
-    // A folder that still holds anything keeps its record alive. A name that
-    // cannot be a folder has none to remove.
+    // A folder that still holds anything keeps its record alive. Its "Sent
+    // Files" is made whenever the record is shown, so that one goes with it
+    // while empty. A name that cannot be a folder has none to remove.
     const std::string folder = PickUpFolderOf(stores_.Paths.PickUpPath, record);
-    if (record.HasPickUp != 0 && !folder.empty() && !RemoveFolder(folder)) {
-        return;
+    if (record.HasPickUp != 0 && !folder.empty()) {
+        static_cast<void>(RemoveFolder(folder + "/Sent Files"));
+        if (!RemoveFolder(folder)) {
+            ShowMessageBox(FieldText(record.FirmName) +
+                           " stays in your Directory: its pick-up folder\r" + folder +
+                           "\rstill holds files. Please move them elsewhere first.");
+            return;
+        }
     }
     // The zero slot behind the last record moves down with the others.
     for (int16_t i = current; i < count; ++i) {
