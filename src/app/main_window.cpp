@@ -330,6 +330,9 @@ void MainWindow::OnTimer(int id) {
             if (search == AdapterSearch::WaitingForCalls) {
                 MainLoop().SetTimer(TimerHotFolders, HotFolderPeriodMs);
             }
+            // The buttons follow the rule from the start on, not from the
+            // first record put on show.
+            UpdateActionButtons();
             startOver_ = true;
             break;
         }
