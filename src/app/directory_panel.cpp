@@ -161,6 +161,8 @@ EventOutcome DirectoryPanel::OnButton(int id) {
             return {};
         case IDC_NEW:
             OnDirectoryNew();
+            // The form is empty for a new record, whose name comes first.
+            Controls().RequestFocus(IDC_NAME);
             return {};
         case IDC_MAKE_FOLDER:
             OnCreatePickUpFolder();

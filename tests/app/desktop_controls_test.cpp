@@ -128,9 +128,10 @@ TEST_F(DesktopControlsTest, AddedRecordsStandInByteOrderAndTheNewOneIsOnShow) {
     Type(IDC_NUMBER, "1");
     EXPECT_FALSE(Controls().Enabled(IDC_ADD));
     Choose(IDC_FORM, 0);
-    // New empties the form.
+    // New empties the form and puts the cursor in the name field.
     Press(IDC_NEW);
     EXPECT_EQ(Controls().Text(IDC_NAME), "");
+    EXPECT_EQ(Controls().FocusRequested(), IDC_NAME);
     EXPECT_EQ(window_->Correspondents().CurrentEntry(), -1);
     EXPECT_EQ(Controls().Selection(IDC_DIRECTORY_LIST), -1);
     for (int id : {IDC_ADD, IDC_CHANGE, IDC_DELETE, IDC_NEW}) {

@@ -306,6 +306,10 @@ TEST_F(WindowTest, TypingClicksKeysChoicesAndMenusReachTheWindowWhichDecides) {
               (std::vector<std::string>{"dialog: open", "run: /usr/bin/true", "dialog: open",
                                         "open: " + pickUp + "/Bob", "open: " + pickUp}));
 
+    // New empties the form and puts the cursor in the name field.
+    Click(IDC_NEW);
+    ASSERT_TRUE(WaitUntil([&] { return View().focusWidget() == Widget(IDC_NAME); }));
+
     ExpectWidgetsToFollow();
 }
 
