@@ -315,7 +315,7 @@ TEST_F(DesktopControlsTest, AnExportedEntryComesBackWholeAsTheRecordItWas) {
 
     // Taken back in a directory of its own, and only whole: a file cut
     // short, one too long, one of another magic or none is no entry, nor is
-    // a drop of a name in .Kbe.
+    // a drop of a name in .Kbe; each is named in a message.
     ASSERT_TRUE(RemoveFolder(Stores().Paths.PickUpPath + "/Smith & Co/Sent Files"));
     window_->Correspondents().OnDirectoryDelete();
     ASSERT_EQ(Stores().Directory.Count.load(), 0);
@@ -332,6 +332,13 @@ TEST_F(DesktopControlsTest, AnExportedEntryComesBackWholeAsTheRecordItWas) {
     EXPECT_EQ(Stores().Directory.Count.load(), 0);
     Drop(IDC_DIRECTORY_LIST, {exported, folder_ / "smith.Kbe"});
     ASSERT_EQ(Stores().Directory.Count.load(), 1);
+    const auto noEntry = [](const std::string& path) {
+        return "This file is no exported directory entry and was not added:\r" + path;
+    };
+    EXPECT_EQ(Messages(), (std::vector<std::string>{
+                              Messages()[0], noEntry(folder_ / "bad.KBE"),
+                              noEntry(folder_ / "bad.KBE"), noEntry(folder_ / "bad.KBE"),
+                              noEntry(folder_ / "missing.KBE"), noEntry(folder_ / "smith.Kbe")}));
     EXPECT_EQ(Observed().back(), "Directory Entry Added");
     EXPECT_EQ(window_->Correspondents().CurrentEntry(), 0);
     EXPECT_EQ(Controls().Text(IDC_NAME), "Smith & Co");
