@@ -121,7 +121,7 @@ void FileListPanel::OnFileAdd() {
 void FileListPanel::OnAddFolder() {
     // The menu stays open during a call, when the list takes nothing.
     if (window_.Engine().Call.LinkState.load() != LinkState::Idle) {
-        ShowMessageBox("The File List cannot change during a call.");
+        ShowMessageBox(FileListShutMessage);
         return;
     }
     FileDialogRequest request;

@@ -21,6 +21,9 @@ using stores::Installation;
 class MainWindow;
 struct Permissions;
 
+// What a drop on the list, or the menu's folder, hears during a call.
+inline constexpr const char* FileListShutMessage = "The File List cannot change during a call.";
+
 class FileListPanel final : public WindowPanel {
 public:
     FileListPanel(MainWindow& window, Installation& stores) : window_(window), stores_(stores) {}

@@ -532,9 +532,11 @@ EventOutcome MainWindow::HandleEvent(const WindowEvent& event) {
         case Kind::MenuCommand:
             return OnMenuCommand(event.Id);
         case Kind::FilesDropped:
-            // The file list and Send take nothing while a call is up.
+            // The file list and Send take nothing while a call is up, and a
+            // drop there says so rather than vanish.
             if ((event.Id == IDC_FILE_LIST || event.Id == IDC_SEND) &&
                 engine_.Call.LinkState.load() != LinkState::Idle) {
+                ShowMessageBox(FileListShutMessage);
                 return Refused("the file list is shut during a call");
             }
             OnDropFiles(event.Id, event.Paths);

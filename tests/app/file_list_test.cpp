@@ -130,7 +130,8 @@ TEST_F(FileListTest, AFolderReplacesTheListAndTravelsOneLevelDeep) {
 }
 
 TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
-    // During a call, or beside the lists, a drop does nothing.
+    // During a call, or beside the lists, a drop does nothing; during a
+    // call it says so.
     const std::string file = MakeFile("file", 10);
     Engine().Call.LinkState = LinkState::Connected;
     Drop(IDC_FILE_LIST, {file});
@@ -151,7 +152,9 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
     Drop(IDC_SEND, {kept});
     AnswerQuestions(true);
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), std::vector<std::string>{"smith.KBE"});
-    EXPECT_EQ(Messages(), (std::vector<std::string>{Replacing("kept"), Replacing("kept")}));
+    const std::string shut = "The File List cannot change during a call.";
+    EXPECT_EQ(Messages(),
+              (std::vector<std::string>{shut, shut, Replacing("kept"), Replacing("kept")}));
 
     // What cannot be read, file or folder, is named in one message and left
     // out; the files and folders dropped with it stay.
@@ -183,7 +186,7 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"docs", "a"}));
     EXPECT_EQ(Entry(0).EntryKind, FileKind::FolderMarker);
     EXPECT_EQ(Messages(), (std::vector<std::string>{
-                              Replacing("kept"), Replacing("kept"),
+                              shut, shut, Replacing("kept"), Replacing("kept"),
                               "These could not be opened and were not added:\r" + lockedFile +
                                   "\r" + lockedFolder + "\r" + (folder_ / "gone"),
                               Replacing("docs"),
