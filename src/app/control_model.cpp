@@ -101,6 +101,7 @@ void ControlModel::Reset() {
     index_.clear();
     menus_.clear();
     systemMenu_.clear();
+    focusRequested_ = 0;
     Announce(guard, {{0, ControlChange::Menus, -1, {}}});
 }
 
@@ -315,6 +316,20 @@ void ControlModel::Select(int id, int row) {
     }
     control->Selection = chosen;
     Announce(guard, {{id, ControlChange::Selection, chosen, {}}});
+}
+
+void ControlModel::RequestFocus(int id) {
+    std::unique_lock<std::mutex> guard(stateLock_);
+    if (Find(id) == nullptr) {
+        return;
+    }
+    focusRequested_ = id;
+    Announce(guard, {{id, ControlChange::Focus, -1, {}}});
+}
+
+int ControlModel::FocusRequested() const {
+    std::lock_guard<std::mutex> guard(stateLock_);
+    return focusRequested_;
 }
 
 void ControlModel::SetMenus(const std::vector<Menu>& menus) {

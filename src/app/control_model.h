@@ -70,6 +70,7 @@ enum class ControlChange {
     Selection,
     Position,
     Menus,  // id 0: the menus changed
+    Focus,  // the window asks for the control to take the keyboard's focus
 };
 
 struct ControlEvent {
@@ -135,6 +136,12 @@ public:
     // Selects a row; -1, or a row that does not exist, selects none.
     void Select(int id, int row);
 
+    // Asks for the control to take the keyboard's focus; asked again, it
+    // takes it again, wherever the user has moved it since.
+    void RequestFocus(int id);
+    // The control the window last asked to take the focus; 0 for none.
+    int FocusRequested() const;
+
     void SetMenus(const std::vector<Menu>& menus);
     std::vector<Menu> Menus() const;
     // The entries added to the window's system menu, behind the desktop's own.
@@ -169,6 +176,7 @@ private:
     std::map<int, size_t> index_;
     std::vector<Menu> menus_;
     std::vector<MenuItem> systemMenu_;
+    int focusRequested_ = 0;
 
     std::deque<ControlEvent> queued_;  // under stateLock_
 

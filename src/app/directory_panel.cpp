@@ -102,6 +102,12 @@ bool NameInDirectory(const CorrespondentDirectory& directory, std::string_view n
     return false;
 }
 
+// A file dropped on the directory list that is no entry is named, so that a
+// drop aimed at the file list, or a damaged entry, does not pass unnoticed.
+void ShowNoEntryMessage(const std::string& path) {
+    ShowMessageBox("This file is no exported directory entry and was not added:\r" + path);
+}
+
 std::string Trimmed(const std::string& text) {
     const size_t first = text.find_first_not_of(" \t");
     if (first == std::string::npos) {
@@ -161,6 +167,8 @@ EventOutcome DirectoryPanel::OnButton(int id) {
             return {};
         case IDC_NEW:
             OnDirectoryNew();
+            // The form is empty for a new record, whose name comes first.
+            Controls().RequestFocus(IDC_NAME);
             return {};
         case IDC_MAKE_FOLDER:
             OnCreatePickUpFolder();
@@ -260,6 +268,8 @@ void DirectoryPanel::OnDropFiles(const std::vector<std::string>& paths) {
                                                 first.compare(first.size() - 4, 4, ".kbe") == 0);
     if (exported) {
         ImportDirectoryEntry(first);
+    } else {
+        ShowNoEntryMessage(first);
     }
 }
 
@@ -470,11 +480,18 @@ void DirectoryPanel::OnDirectoryDelete() {
         return;
     }
     const Correspondent& record = stores_.Directory[current];
-    // A folder that still holds anything keeps its record alive. A name that
-    // cannot be a folder has none to remove.
+    // A folder that still holds anything keeps its record alive. Its "Sent
+    // Files" is made whenever the record is shown, so that one goes with it
+    // while empty. A name that cannot be a folder has none to remove.
     const std::string folder = PickUpFolderOf(stores_.Paths.PickUpPath, record);
-    if (record.HasPickUp != 0 && !folder.empty() && !RemoveFolder(folder)) {
-        return;
+    if (record.HasPickUp != 0 && !folder.empty()) {
+        static_cast<void>(RemoveFolder(folder + "/Sent Files"));
+        if (!RemoveFolder(folder)) {
+            ShowMessageBox(FieldText(record.FirmName) +
+                           " stays in your Directory: its pick-up folder\r" + folder +
+                           "\rstill holds files. Please move them elsewhere first.");
+            return;
+        }
     }
     // The zero slot behind the last record moves down with the others.
     for (int16_t i = current; i < count; ++i) {
@@ -546,20 +563,28 @@ bool DirectoryPanel::ImportDirectoryEntry(const std::string& path, EntrySource s
             "Your directory is full.\r Please delete an entry before adding a new entry.");
         return false;
     }
+    // What a call brings that is no entry stays an ordinary file; only the
+    // user's own drop hears why nothing was added.
+    const auto noEntry = [&] {
+        if (source == EntrySource::Dropped) {
+            ShowNoEntryMessage(path);
+        }
+        return false;
+    };
     File file;
     if (!file.Open(path, File::Mode::Read)) {
-        return false;
+        return noEntry();
     }
     // A file whose length cannot be told is not taken for an entry.
     const std::optional<int64_t> length = file.Length();
     if (!length || *length != CorrespondentSize) {
-        return false;
+        return noEntry();
     }
     Correspondent record{};
     const uint32_t got = file.Read(&record, CorrespondentSize);
     file.Close();
     if (got != CorrespondentSize) {
-        return false;
+        return noEntry();
     }
     record.Protocol = static_cast<int32_t>(Swapped(record.Protocol)) - 1;
     record.Carrier = static_cast<int32_t>(Swapped(record.Carrier)) - 1;
@@ -568,7 +593,7 @@ bool DirectoryPanel::ImportDirectoryEntry(const std::string& path, EntrySource s
     const uint8_t expected[4] = {ExportedEntryMagic[3], ExportedEntryMagic[2],
                                  ExportedEntryMagic[1], ExportedEntryMagic[0]};
     if (std::memcmp(record.EntryMagic, expected, 4) != 0) {
-        return false;
+        return noEntry();
     }
     // The name is also a folder name, and comes from someone else.
     const std::string name = FieldText(record.FirmName);

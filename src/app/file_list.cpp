@@ -112,10 +112,22 @@ void FileListPanel::ShowPermissions(const Permissions& may) {
 void FileListPanel::OnFileAdd() {
     FileDialogRequest request;
     request.Filter = AllFilesFilter;
-    const std::optional<std::string> chosen = TheDesktop().ChooseFile(request);
-    if (chosen) {
+    for (const std::string& chosen : TheDesktop().ChooseFiles(request)) {
         // A file of length 0 is accepted here, unlike in a drop.
-        AddFileToList(*chosen, FileNameOfPath(*chosen));
+        AddFileToList(chosen, FileNameOfPath(chosen));
+    }
+}
+
+void FileListPanel::OnAddFolder() {
+    // The menu stays open during a call, when the list takes nothing.
+    if (window_.Engine().Call.LinkState.load() != LinkState::Idle) {
+        ShowMessageBox(FileListShutMessage);
+        return;
+    }
+    FileDialogRequest request;
+    request.For = FileDialogRequest::Purpose::Folder;
+    if (const std::optional<std::string> chosen = TheDesktop().ChooseFile(request)) {
+        OnDropFiles({*chosen});
     }
 }
 
@@ -249,7 +261,22 @@ void FileListPanel::OnFileClick(int row) {
     }
 }
 
-void FileListPanel::OnDropFiles(const std::vector<std::string>& paths) {
+bool FileListPanel::OnDropFiles(const std::vector<std::string>& paths) {
+    // A folder replaces the list, and of several folders in one drop the
+    // last stays: a list that holds anything goes only when the user says so.
+    std::string replacing;
+    for (const std::string& dropped : paths) {
+        const std::string path = WithoutTrailingSlash(dropped);
+        std::vector<FolderEntry> entries;
+        if (KindOfPath(path) == PathKind::Folder && ListFolder(path, entries)) {
+            replacing = FileNameOfPath(path);
+        }
+    }
+    if (!replacing.empty() && HasFiles() &&
+        !AskYesNo("The folder \"" + replacing +
+                  "\" takes the place of everything in the File List.\rReplace the list?")) {
+        return false;
+    }
     // What cannot be read is named and left out; the rest of the drop
     // stays. Taken for a folder, it would replace the list with a marker
     // of its own name, and the files dropped with it would be gone
@@ -289,6 +316,7 @@ void FileListPanel::OnDropFiles(const std::vector<std::string>& paths) {
     if (!unreadable.empty()) {
         ShowMessageBox("These could not be opened and were not added:" + unreadable);
     }
+    return true;
 }
 
 void FileListPanel::ListIncomingFiles() {

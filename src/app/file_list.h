@@ -21,6 +21,9 @@ using stores::Installation;
 class MainWindow;
 struct Permissions;
 
+// What a drop on the list, or the menu's folder, hears during a call.
+inline constexpr const char* FileListShutMessage = "The File List cannot change during a call.";
+
 class FileListPanel final : public WindowPanel {
 public:
     FileListPanel(MainWindow& window, Installation& stores) : window_(window), stores_(stores) {}
@@ -34,7 +37,11 @@ public:
     // The list's buttons follow what the user may do.
     void ShowPermissions(const Permissions& may);
 
+    // The button Add: the files chosen together in its dialog join the list.
     void OnFileAdd();
+    // The File menu's "Add Folder to File List...": the folder chosen in its
+    // dialog is taken as a drop of it is.
+    void OnAddFolder();
     // Appends one file to SendList and the list. False if it was not added.
     bool AddFileToList(const std::string& path, const std::string& name);
     void AddFolderToSendList(const std::string& path, const std::string& name);
@@ -44,7 +51,9 @@ public:
     // A click on the file list that hit row (-1: no row).
     void OnFileClick(int row);
     // Files and folders dropped on the list or on Send, while no call is up.
-    void OnDropFiles(const std::vector<std::string>& paths);
+    // A folder replaces what the list holds, so the user is asked first;
+    // false if the answer kept the list as it was and nothing was taken.
+    bool OnDropFiles(const std::vector<std::string>& paths);
     [[nodiscard]] int16_t SelectedFileRow() const { return selectedFileRow_.load(); }
 
     // During a transfer: the receiving side's list, and a finished file's row

@@ -113,7 +113,8 @@ const std::vector<ControlStart>& StartTable() {
 std::vector<Menu> StartMenus() {
     return {
         {"&File",
-         {{ID_FILE_EXPORT_ENTRY, "&Export Directory Entry...", false},
+         {{ID_FILE_ADD_FOLDER, "Add &Folder to File List...", false},
+          {ID_FILE_EXPORT_ENTRY, "&Export Directory Entry...", false},
           {0, "", false},
           {ID_FILE_EXIT, "E&xit", false}}},
         {"&Port Speed",
@@ -369,6 +370,9 @@ void MainWindow::OnTimer(int id) {
             if (search == AdapterSearch::WaitingForCalls) {
                 MainLoop().SetTimer(TimerHotFolders, HotFolderPeriodMs);
             }
+            // The buttons follow the rule from the start on, not from the
+            // first record put on show.
+            UpdateActionButtons();
             startOver_ = true;
             break;
         }
@@ -568,9 +572,11 @@ EventOutcome MainWindow::HandleEvent(const WindowEvent& event) {
         case Kind::MenuCommand:
             return OnMenuCommand(event.Id);
         case Kind::FilesDropped:
-            // The file list and Send take nothing while a call is up.
+            // The file list and Send take nothing while a call is up, and a
+            // drop there says so rather than vanish.
             if ((event.Id == IDC_FILE_LIST || event.Id == IDC_SEND) &&
                 engine_.Call.LinkState.load() != LinkState::Idle) {
+                ShowMessageBox(FileListShutMessage);
                 return Refused("the file list is shut during a call");
             }
             OnDropFiles(event.Id, event.Paths);
@@ -652,9 +658,9 @@ EventOutcome MainWindow::OnBoxClicked(WindowPanel& panel, int id, bool checked) 
 void MainWindow::OnDropFiles(int targetId, const std::vector<std::string>& paths) {
     const bool onList = targetId == IDC_FILE_LIST || targetId == IDC_SEND;
     if (onList && engine_.Call.LinkState.load() == LinkState::Idle) {
-        files_.OnDropFiles(paths);
-        // One drop on Send fills the list and starts the call.
-        if (targetId == IDC_SEND) {
+        // One drop on Send fills the list and starts the call; a drop the
+        // user took back starts nothing.
+        if (files_.OnDropFiles(paths) && targetId == IDC_SEND) {
             line_.OnSend();
         }
         return;
@@ -687,6 +693,9 @@ EventOutcome MainWindow::OnMenuCommand(int id) {
             return {};
         case ID_FILE_EXPORT_ENTRY:
             return directory_.OnExportEntry();
+        case ID_FILE_ADD_FOLDER:
+            files_.OnAddFolder();
+            return {};
         default:
             return Refused("no such menu command");
     }

@@ -59,7 +59,9 @@ uint32_t TransferDisplay::FixedRate() const {
 void TransferDisplay::ShowBatchEstimate(uint32_t bytes) {
     ControlModel& controls = Controls();
     if (bytes == 0) {
-        // The last texts stay, grey.
+        // Figures of a list that has gone would be read as the list's.
+        controls.SetText(IDC_TOTAL_KB, "");
+        controls.SetText(IDC_EST_TIME, "");
         controls.Enable(IDC_TOTAL_KB, false);
         controls.Enable(IDC_EST_TIME, false);
         return;

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
@@ -271,13 +272,20 @@ void LinuxDesktop::StartProgram(const std::string& path) {
     StartDetached({path});
 }
 
-std::optional<std::string> LinuxDesktop::ChooseFile(const FileDialogRequest& request) {
+namespace {
+
+// What zenity printed for the dialog, without the line ends behind it; "" when
+// the dialog was cancelled or could not be shown.
+std::string ZenityChoice(const FileDialogRequest& request, std::vector<std::string> options) {
     if (!GraphicalSession()) {
-        return std::nullopt;
+        return "";
     }
     std::vector<std::string> words = {"zenity", "--file-selection"};
     if (!request.Title.empty()) {
         words.push_back("--title=" + request.Title);
+    }
+    for (std::string& option : options) {
+        words.push_back(std::move(option));
     }
     if (request.For == FileDialogRequest::Purpose::Save) {
         words.push_back("--save");
@@ -286,20 +294,44 @@ std::optional<std::string> LinuxDesktop::ChooseFile(const FileDialogRequest& req
             words.push_back("--filename=" + request.ProposedName);
         }
     }
-    for (std::string& option : ZenityFilters(request.Filter)) {
-        words.push_back(std::move(option));
+    if (request.For == FileDialogRequest::Purpose::Folder) {
+        words.push_back("--directory");
+    } else {
+        for (std::string& option : ZenityFilters(request.Filter)) {
+            words.push_back(std::move(option));
+        }
     }
-    std::optional<std::string> chosen = OutputOf(words);
-    if (!chosen) {
-        return std::nullopt;
+    std::string chosen = OutputOf(words).value_or("");
+    while (!chosen.empty() && (chosen.back() == '\n' || chosen.back() == '\r')) {
+        chosen.pop_back();
     }
-    while (!chosen->empty() && (chosen->back() == '\n' || chosen->back() == '\r')) {
-        chosen->pop_back();
-    }
-    if (chosen->empty()) {
+    return chosen;
+}
+
+}  // namespace
+
+std::optional<std::string> LinuxDesktop::ChooseFile(const FileDialogRequest& request) {
+    std::string chosen = ZenityChoice(request, {});
+    if (chosen.empty()) {
         return std::nullopt;
     }
     return chosen;
+}
+
+std::vector<std::string> LinuxDesktop::ChooseFiles(const FileDialogRequest& request) {
+    // One path a line: a file name may hold zenity's own separator, "|",
+    // but no line end that a file dialog lets a user pick.
+    const std::string chosen = ZenityChoice(request, {"--multiple", "--separator=\n"});
+    std::vector<std::string> paths;
+    size_t at = 0;
+    while (at < chosen.size()) {
+        const size_t end = std::min(chosen.find('\n', at), chosen.size());
+        if (end > at) {
+            paths.push_back(chosen.substr(at, end - at));
+        }
+        at = end + 1;
+    }
+    return paths;
 }
 
 }  // namespace kb::platform

@@ -1,6 +1,7 @@
 // What the program hands to the desktop: a folder for the user to look at, a
 // page for the web browser, a program to start, and the dialogs in which the
-// user picks a file to open or a place to save one.
+// user picks a file, several files or a folder to open, or a place to save
+// one.
 //
 // The front end installs the desktop it knows, the way it installs the
 // message box: a windowed front end its toolkit's services, the station
@@ -10,6 +11,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace kb::platform {
 
@@ -17,9 +19,10 @@ namespace kb::platform {
 // needs, so the program's dialogs offer every file.
 inline constexpr const char* AllFilesFilter = "All Files (*)|*|";
 
-// One file dialog: to choose an existing file to open, or a path to save to.
+// One file dialog: to choose an existing file (or several) to open, an
+// existing folder, or a path to save to.
 struct FileDialogRequest {
-    enum class Purpose { Open, Save };
+    enum class Purpose { Open, Folder, Save };
     Purpose For = Purpose::Open;
     // The file name that a save dialog proposes; "" for none.
     std::string ProposedName;
@@ -49,6 +52,11 @@ public:
     // dialog was cancelled or could not be shown.
     [[nodiscard]] virtual std::optional<std::string> ChooseFile(
         const FileDialogRequest& request) = 0;
+    // The user's choice in a dialog that takes several existing files at
+    // once: their full paths, or none when the dialog was cancelled or
+    // could not be shown.
+    [[nodiscard]] virtual std::vector<std::string> ChooseFiles(
+        const FileDialogRequest& request) = 0;
 };
 
 // The desktop installed, or the default.
@@ -71,6 +79,7 @@ public:
     void ActivateBrowser() override;
     void StartProgram(const std::string& path) override;
     [[nodiscard]] std::optional<std::string> ChooseFile(const FileDialogRequest& request) override;
+    [[nodiscard]] std::vector<std::string> ChooseFiles(const FileDialogRequest& request) override;
 };
 
 }  // namespace kb::platform

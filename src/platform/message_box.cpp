@@ -9,6 +9,17 @@ namespace {
 
 std::mutex HandlerLock;
 MessageBoxHandler CurrentHandler;
+QuestionHandler CurrentQuestionHandler;
+
+void PrintText(const std::string& text) {
+    std::string shown = text;
+    for (char& c : shown) {
+        if (c == '\r') {
+            c = '\n';
+        }
+    }
+    std::fprintf(stderr, "%s\n", shown.c_str());
+}
 
 }  // namespace
 
@@ -22,13 +33,25 @@ void ShowMessageBox(const std::string& text) {
         handler(text);
         return;
     }
-    std::string shown = text;
-    for (char& c : shown) {
-        if (c == '\r') {
-            c = '\n';
-        }
+    PrintText(text);
+}
+
+bool AskYesNo(const std::string& text) {
+    QuestionHandler handler;
+    {
+        std::lock_guard<std::mutex> guard(HandlerLock);
+        handler = CurrentQuestionHandler;
     }
-    std::fprintf(stderr, "%s\n", shown.c_str());
+    if (handler) {
+        return handler(text);
+    }
+    PrintText(text);
+    return true;
+}
+
+void SetQuestionHandler(QuestionHandler handler) {
+    std::lock_guard<std::mutex> guard(HandlerLock);
+    CurrentQuestionHandler = std::move(handler);
 }
 
 void SetMessageBoxHandler(MessageBoxHandler handler) {

@@ -62,6 +62,7 @@ inline constexpr int ID_PORT_SPEED_115200 = 32774;
 inline constexpr int ID_PORT_SPEED_230400 = 32775;
 // The Help menu's entry for the manual; the Help button does the same.
 inline constexpr int ID_HELP_CONTENTS = 32776;
+inline constexpr int ID_FILE_ADD_FOLDER = 32790;
 // Position of the "&Port Speed" menu in the main menu.
 inline constexpr int PortSpeedMenuPosition = 1;
 

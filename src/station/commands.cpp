@@ -3,7 +3,6 @@
 #include <atomic>
 #include <cstdlib>
 #include <functional>
-#include <optional>
 #include <vector>
 
 #include "app/control_model.h"
@@ -39,7 +38,7 @@ Answer Deliver(StationFrontEnd& station, WindowEvent event) {
 // Hands the event to the window with the answer for a file dialog that it
 // may open; a dialog that does not open leaves the answer unused.
 Answer DeliverAnswering(StationFrontEnd& station, WindowEvent event,
-                        std::optional<std::string> answer) {
+                        std::vector<std::string> answer) {
     return station.Waits.OnMainLoop(
         [&station, event = std::move(event), answer = std::move(answer)] {
             MainWindow* window = station.App.Window()->load();
@@ -48,7 +47,7 @@ Answer DeliverAnswering(StationFrontEnd& station, WindowEvent event,
             }
             station.Desktop.AnswerNextDialog(answer);
             Answer result = FromOutcome(window->HandleEvent(event));
-            station.Desktop.AnswerNextDialog(std::nullopt);
+            station.Desktop.AnswerNextDialog({});
             return result;
         });
 }
@@ -163,15 +162,22 @@ bool SplitWords(const std::string& argument, std::vector<std::string>& words) {
     return true;
 }
 
+// The paths of an argument. A whole argument that names something is one
+// path, blanks and all, so that a path need not be quoted when it comes
+// alone. False if a quote is left open.
+bool PathWords(const std::string& argument, std::vector<std::string>& words) {
+    if (!argument.empty() && argument[0] != '"' && PathExists(FullPath(argument))) {
+        words = {argument};
+        return true;
+    }
+    return SplitWords(argument, words);
+}
+
 // Files and folders dropped together on a control, as a file manager drops
 // them: only what exists can be dragged.
 Answer Drop(StationFrontEnd& station, int id, const std::string& argument) {
     std::vector<std::string> words;
-    // A whole argument that names something is one path, blanks and all, so
-    // that a path need not be quoted when it comes alone.
-    if (!argument.empty() && argument[0] != '"' && PathExists(FullPath(argument))) {
-        words = {argument};
-    } else if (!SplitWords(argument, words)) {
+    if (!PathWords(argument, words)) {
         return Fail("a quote is left open");
     }
     if (words.empty()) {
@@ -190,21 +196,34 @@ Answer Drop(StationFrontEnd& station, int id, const std::string& argument) {
 
 // The answer a command gives a file dialog: a path, or "cancel" (or nothing)
 // for Cancel.
-std::optional<std::string> DialogAnswer(const std::string& argument) {
+std::vector<std::string> DialogAnswer(const std::string& argument) {
     if (argument.empty() || argument == "cancel") {
-        return std::nullopt;
+        return {};
     }
-    return FullPath(argument);
+    return {FullPath(argument)};
 }
 
-// The button "Add" with the path picked in its file dialog. Unlike a drop,
-// the dialog accepts a file of length 0.
-Answer ChooseFile(StationFrontEnd& station, const std::string& argument) {
-    if (argument.empty()) {
+// The button "Add" with the paths picked together in its file dialog.
+// Unlike a drop, the dialog accepts a file of length 0.
+Answer ChooseFiles(StationFrontEnd& station, const std::string& argument) {
+    std::vector<std::string> words;
+    if (!PathWords(argument, words)) {
+        return Fail("a quote is left open");
+    }
+    if (words.empty()) {
         return Fail("choose what?");
     }
-    return DeliverAnswering(station, EventOf(EventKind::ButtonPressed, IDC_FILE_ADD),
-                            FullPath(argument));
+    std::vector<std::string> paths;
+    for (const std::string& word : words) {
+        paths.push_back(FullPath(word));
+    }
+    return DeliverAnswering(station, EventOf(EventKind::ButtonPressed, IDC_FILE_ADD), paths);
+}
+
+// "Add Folder to File List..." with the folder chosen in its dialog.
+Answer AddFolder(StationFrontEnd& station, const std::string& argument) {
+    return DeliverAnswering(station, EventOf(EventKind::MenuCommand, ID_FILE_ADD_FOLDER),
+                            DialogAnswer(argument));
 }
 
 // "a|b [PATH|cancel]": a program button, and the answer for its file dialog
@@ -460,7 +479,8 @@ const std::vector<StationCommand>& CommandTable() {
         {"in-v42", [](S station, A on) { return ClickBox(station, IDC_IN_V42, on); }},
         {"ignore-hot", [](S station, A on) { return ClickBox(station, IDC_IGNORE_HOT, on); }},
         {"add", [](S station, A paths) { return Drop(station, IDC_FILE_LIST, paths); }},
-        {"choose", ChooseFile},
+        {"choose", ChooseFiles},
+        {"add-folder", AddFolder},
         {"drop-send", [](S station, A paths) { return Drop(station, IDC_SEND, paths); }},
         {"drop-directory",
          [](S station, A paths) { return Drop(station, IDC_DIRECTORY_LIST, paths); }},

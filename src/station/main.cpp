@@ -56,6 +56,12 @@ int main() {
     SetMessageBoxHandler([&station](const std::string& text) {
         station.Output.PrintLine("message: " + OneLine(text));
     });
+    // The command that raised a question meant what it asked for: a station
+    // answers Yes, and prints what it was asked.
+    SetQuestionHandler([&station](const std::string& text) {
+        station.Output.PrintLine("question: " + OneLine(text));
+        return true;
+    });
     SetKeyStateQuery([&station](Key key) { return station.Desktop.KeyHeld(key); });
     InstallDesktop(&station.Desktop);
     const int listener =
@@ -75,6 +81,7 @@ int main() {
     station.Input.Stop();
     Controls().RemoveListener(listener);
     SetMessageBoxHandler(nullptr);
+    SetQuestionHandler(nullptr);
     SetKeyStateQuery(nullptr);
     InstallDesktop(nullptr);
     return 0;

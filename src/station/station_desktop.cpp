@@ -22,10 +22,27 @@ void StationDesktop::StartProgram(const std::string& path) {
 }
 
 std::optional<std::string> StationDesktop::ChooseFile(const FileDialogRequest& request) {
-    const bool save = request.For == FileDialogRequest::Purpose::Save;
-    output_.PrintLine(save ? "dialog: save " + OneLine(request.ProposedName) : "dialog: open");
+    const std::vector<std::string> answer = ChooseFiles(request);
+    if (answer.empty()) {
+        return std::nullopt;
+    }
+    return answer.front();
+}
+
+std::vector<std::string> StationDesktop::ChooseFiles(const FileDialogRequest& request) {
+    switch (request.For) {
+        case FileDialogRequest::Purpose::Save:
+            output_.PrintLine("dialog: save " + OneLine(request.ProposedName));
+            break;
+        case FileDialogRequest::Purpose::Folder:
+            output_.PrintLine("dialog: folder");
+            break;
+        case FileDialogRequest::Purpose::Open:
+            output_.PrintLine("dialog: open");
+            break;
+    }
     std::lock_guard<std::mutex> guard(answerLock_);
-    std::optional<std::string> answer;
+    std::vector<std::string> answer;
     answer.swap(nextAnswer_);
     return answer;
 }
@@ -34,7 +51,7 @@ void StationDesktop::SetBrowserRunning(bool running) {
     browserRunning_.store(running);
 }
 
-void StationDesktop::AnswerNextDialog(std::optional<std::string> answer) {
+void StationDesktop::AnswerNextDialog(std::vector<std::string> answer) {
     std::lock_guard<std::mutex> guard(answerLock_);
     nextAnswer_ = std::move(answer);
 }

@@ -3,8 +3,9 @@
 // A station has no desktop to hand folders, pages and programs to, so each
 // hand-off is printed as the user would have seen it go: "open: PATH" for a
 // folder, "browse: PAGE" for a page, "run: PATH" for a program. A file dialog
-// prints "dialog: open" or "dialog: save NAME" and takes the answer that the
-// command which opened it gave; without one it is cancelled. The keys Shift
+// prints "dialog: open", "dialog: folder" or "dialog: save NAME" and takes
+// the answer that the command which opened it gave; without one it is
+// cancelled. The keys Shift
 // and Ctrl are held down by commands.
 #pragma once
 
@@ -12,6 +13,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/desktop.h"
 #include "platform/key_state.h"
@@ -32,12 +34,14 @@ public:
     void ActivateBrowser() override;
     void StartProgram(const std::string& path) override;
     [[nodiscard]] std::optional<std::string> ChooseFile(const FileDialogRequest& request) override;
+    [[nodiscard]] std::vector<std::string> ChooseFiles(const FileDialogRequest& request) override;
 
     // Whether a browser takes the pages handed to it; at start one does.
     void SetBrowserRunning(bool running);
-    // The answer for the next file dialog: a path, or nothing for Cancel.
-    // A dialog takes it and leaves none for the dialog after.
-    void AnswerNextDialog(std::optional<std::string> answer);
+    // The answer for the next file dialog: paths (one for a dialog that
+    // takes one), or none for Cancel. A dialog takes it and leaves none for
+    // the dialog after.
+    void AnswerNextDialog(std::vector<std::string> answer);
 
     // Holds a key down, or lets it go.
     void HoldKey(Key key, bool down);
@@ -50,7 +54,7 @@ private:
     std::atomic<bool> shiftDown_{false};
     std::atomic<bool> controlDown_{false};
     std::mutex answerLock_;
-    std::optional<std::string> nextAnswer_;
+    std::vector<std::string> nextAnswer_;
 };
 
 }  // namespace kb::station

@@ -29,6 +29,8 @@ void ControlChanges::Note(const ControlEvent& event) {
     std::lock_guard<std::mutex> guard(lock_);
     if (event.Change == ControlChange::Menus) {
         pending_.Menus = true;
+    } else if (event.Change == ControlChange::Focus) {
+        pending_.Focus = event.Id;
     } else {
         pending_.Ids.insert(event.Id);
         if (event.Change == ControlChange::Selection && event.Row >= 0) {

@@ -33,6 +33,8 @@ public:
         std::map<int, int> RowsToShow;
         // How many of the user's edits of each field the window has handled.
         std::map<int, int> EditsHandled;
+        // The control the window last asked to take the focus; 0 for none.
+        int Focus = 0;
     };
 
     // The object whose slot "FlushChanges" the GUI thread runs when there is

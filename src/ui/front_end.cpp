@@ -56,6 +56,18 @@ void PrintMessage(const std::string& text) {
     std::fprintf(stderr, "%s\n", shown.c_str());
 }
 
+// A box for one of the program's messages, which break their lines with CR.
+// Its text can be selected: a message may name a file or a number that the
+// user wants to copy.
+void SetMessage(QMessageBox& box, const std::string& text) {
+    QString shown = QString::fromStdString(text);
+    shown.replace(QStringLiteral("\r\n"), QStringLiteral("\n"));
+    shown.replace(QLatin1Char('\r'), QLatin1Char('\n'));
+    box.setWindowTitle(QString::fromLatin1(WindowCaption));
+    box.setText(shown);
+    box.setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
+}
+
 }  // namespace
 
 QFont DialogFont() {
@@ -102,6 +114,7 @@ FrontEnd::~FrontEnd() {
     }
     Controls().RemoveListener(listener_);
     SetMessageBoxHandler(nullptr);
+    SetQuestionHandler(nullptr);
     SetKeyStateQuery(nullptr);
     InstallDesktop(nullptr);
     qApp->removeEventFilter(&keys_);
@@ -135,6 +148,13 @@ void FrontEnd::Start() {
                 PrintMessage(text);
             }
         });
+        // A question that can no longer be shown is answered No: nothing
+        // changes that nobody agreed to.
+        SetQuestionHandler([this](const std::string& text) {
+            bool yes = false;
+            gui_->Call([&] { yes = AskQuestion(text); });
+            return yes;
+        });
     } else {
         SetMessageBoxHandler(PrintMessage);
     }
@@ -167,15 +187,19 @@ void FrontEnd::OnProgramEnded() {
 }
 
 void FrontEnd::ShowMessage(const std::string& text) {
-    // The program's messages break their lines with CR.
-    QString shown = QString::fromStdString(text);
-    shown.replace(QStringLiteral("\r\n"), QStringLiteral("\n"));
-    shown.replace(QLatin1Char('\r'), QLatin1Char('\n'));
-    QMessageBox box(QMessageBox::NoIcon, QString::fromLatin1(WindowCaption), shown, QMessageBox::Ok,
-                    view_.get());
-    // A message may name a file or a number that the user wants to copy.
-    box.setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
+    QMessageBox box(view_.get());
+    SetMessage(box, text);
+    box.setStandardButtons(QMessageBox::Ok);
     box.exec();
+}
+
+bool FrontEnd::AskQuestion(const std::string& text) {
+    QMessageBox box(view_.get());
+    SetMessage(box, text);
+    box.setIcon(QMessageBox::Question);
+    box.setStandardButtons(QMessageBox::Yes | QMessageBox::No);
+    box.setDefaultButton(QMessageBox::No);
+    return box.exec() == QMessageBox::Yes;
 }
 
 void FrontEnd::WaitForStartToEnd() {

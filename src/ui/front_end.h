@@ -98,6 +98,8 @@ private:
     Q_INVOKABLE void OnProgramEnded();
     void WaitForStartToEnd();
     void ShowMessage(const std::string& text);
+    // A question with Yes and No, No the default: true for Yes.
+    bool AskQuestion(const std::string& text);
 
     FrontEndOptions options_;
     // The program, run on a thread of its own.

@@ -632,6 +632,15 @@ void MainView::FlushChanges() {
     if (!pending.Ids.empty()) {
         FitCaptions();
     }
+    TakeFocus(pending.Focus);
+}
+
+void MainView::TakeFocus(int id) {
+    // After the widgets follow the model: a widget just enabled or shown
+    // can take the focus, and one still disabled cannot.
+    if (QWidget* widget = WidgetOf(id)) {
+        widget->setFocus(Qt::OtherFocusReason);
+    }
 }
 
 void MainView::RebuildMenus() {

@@ -77,6 +77,9 @@ private:
     void RebuildMenus();
     // Gives each caption the room its text needs in this font.
     void FitCaptions();
+    // Gives the control's widget the keyboard's focus, as the window asked;
+    // 0 asks nothing.
+    void TakeFocus(int id);
     // The room a caption may take on either side of its place: up to the
     // nearest control shown beside it, or the window's edge.
     [[nodiscard]] int RoomLeftOf(int id, const QRect& place) const;

@@ -79,6 +79,9 @@ std::optional<std::string> QtDesktop::ChooseFile(const FileDialogRequest& reques
             const QString proposed = QDir::current().filePath(LocalPath(request.ProposedName));
             chosen = QFileDialog::getSaveFileName(parent_(), QStringLiteral("Save As"), proposed,
                                                   filter);
+        } else if (request.For == FileDialogRequest::Purpose::Folder) {
+            chosen =
+                QFileDialog::getExistingDirectory(parent_(), QStringLiteral("Choose a Folder"));
         } else {
             const QString title = request.Title.empty() ? QStringLiteral("Open")
                                                         : QString::fromStdString(request.Title);
@@ -89,6 +92,20 @@ std::optional<std::string> QtDesktop::ChooseFile(const FileDialogRequest& reques
         return std::nullopt;
     }
     return QFile::encodeName(chosen).toStdString();
+}
+
+std::vector<std::string> QtDesktop::ChooseFiles(const FileDialogRequest& request) {
+    QStringList chosen;
+    gui_.Call([&] {
+        chosen =
+            QFileDialog::getOpenFileNames(parent_(), QStringLiteral("Open"), QString(),
+                                          QString::fromStdString(QtFileFilter(request.Filter)));
+    });
+    std::vector<std::string> paths;
+    for (const QString& path : chosen) {
+        paths.push_back(QFile::encodeName(path).toStdString());
+    }
+    return paths;
 }
 
 }  // namespace kb::ui

@@ -1,9 +1,9 @@
 // The desktop as Qt reaches it: folders go to the desktop's own handlers
 // through QDesktopServices, pages to xdg-open as without Qt (its answer is
 // heard), programs start detached in a session of their own, and the file
-// dialogs are Qt's (or the desktop's, where Qt uses them). Every hand-off but
-// a page runs on the GUI thread; a caller on another thread waits for it
-// there.
+// and folder dialogs are Qt's (or the desktop's, where Qt uses them). Every
+// hand-off but a page runs on the GUI thread; a caller on another thread
+// waits for it there.
 #pragma once
 
 #include <functional>
@@ -30,6 +30,7 @@ public:
     void ActivateBrowser() override;
     void StartProgram(const std::string& path) override;
     [[nodiscard]] std::optional<std::string> ChooseFile(const FileDialogRequest& request) override;
+    [[nodiscard]] std::vector<std::string> ChooseFiles(const FileDialogRequest& request) override;
 
 private:
     GuiThread& gui_;

@@ -139,14 +139,17 @@ TEST_F(AppStartTest, TheSplashClosesItselfAfterASecondAndTheSearchFollowsOnce) {
         }
     });
     // The search finds nothing and says so; the start is over only once the
-    // search has returned. The user then leaves.
+    // search has returned, and Retrieve, with an empty list, is on from
+    // then. The user then leaves.
     std::vector<bool> startOver;
+    bool retrieveOn = false;
     MainLoop().Post([&] { startOver.push_back(Window()->StartIsOver()); });
     output_.OnMessage = [&](const std::string& text) {
         if (text == NoAdapterMessage) {
             startOver.push_back(Window()->StartIsOver());
             MainLoop().Post([&] {
                 startOver.push_back(Window()->StartIsOver());
+                retrieveOn = Controls().Enabled(IDC_RETRIEVE);
                 PostEvent(EventKind::Close);
             });
         }
@@ -155,6 +158,7 @@ TEST_F(AppStartTest, TheSplashClosesItselfAfterASecondAndTheSearchFollowsOnce) {
     Controls().RemoveListener(listener);
 
     EXPECT_EQ(startOver, (std::vector<bool>{false, false, true}));
+    EXPECT_TRUE(retrieveOn);
     EXPECT_EQ(opened, 1);
     EXPECT_GE(std::chrono::duration_cast<std::chrono::milliseconds>(hidden - shown).count(), 990);
     EXPECT_EQ(Messages(), std::vector<std::string>{NoAdapterMessage});

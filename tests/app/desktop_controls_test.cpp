@@ -130,9 +130,10 @@ TEST_F(DesktopControlsTest, AddedRecordsStandInByteOrderAndTheNewOneIsOnShow) {
     Type(IDC_NUMBER, "1");
     EXPECT_FALSE(Controls().Enabled(IDC_ADD));
     Choose(IDC_FORM, 0);
-    // New empties the form.
+    // New empties the form and puts the cursor in the name field.
     Press(IDC_NEW);
     EXPECT_EQ(Controls().Text(IDC_NAME), "");
+    EXPECT_EQ(Controls().FocusRequested(), IDC_NAME);
     EXPECT_EQ(window_->Correspondents().CurrentEntry(), -1);
     EXPECT_EQ(Controls().Selection(IDC_DIRECTORY_LIST), -1);
     for (int id : {IDC_ADD, IDC_CHANGE, IDC_DELETE, IDC_NEW}) {
@@ -184,10 +185,29 @@ TEST_F(DesktopControlsTest, APickUpFolderIsMadeOnceTurnsHotWhenStoredAndItsButto
     EXPECT_TRUE(Controls().Checked(IDC_HOT_RETRIEVE));
     EXPECT_FALSE(Controls().Checked(IDC_HOT_SEND));
 
+    // A folder that still holds a file keeps its record, with a word; once
+    // it holds nothing but the "Sent Files" that showing the record makes,
+    // both folders go with the record.
+    const std::string smith = Stores().Paths.PickUpPath + "/Smith";
+    Choose(IDC_DIRECTORY_LIST, 0);
+    Press(IDC_DELETE);
+    const std::string stays = "Smith stays in your Directory: its pick-up folder\r" + smith +
+                              "\rstill holds files. Please move them elsewhere first.";
+    EXPECT_EQ(Messages(), std::vector<std::string>{stays});
+    EXPECT_EQ(Stores().Directory.Count.load(), 1);
+    ASSERT_TRUE(DeleteFileAt(smith + "/a.txt"));
+    Choose(IDC_DIRECTORY_LIST, 0);
+    Press(IDC_DELETE);
+    EXPECT_FALSE(PathExists(smith));
+    EXPECT_EQ(Stores().Directory.Count.load(), 0);
+    EXPECT_EQ(ReadWholeFile(Stores().Paths.DirectoryPath).substr(0, 2), std::string(2, '\0'));
+    EXPECT_EQ(Controls().RowCount(IDC_DIRECTORY_LIST), 0);
+
     // A folder removed by hand: the record has none from then on.
-    ASSERT_TRUE(DeleteFileAt(Stores().Paths.PickUpPath + "/Smith/a.txt"));
-    ASSERT_TRUE(RemoveFolder(Stores().Paths.PickUpPath + "/Smith/Sent Files"));
-    ASSERT_TRUE(RemoveFolder(Stores().Paths.PickUpPath + "/Smith"));
+    AddRecord("Smith", "5551234");
+    ASSERT_TRUE(Press(IDC_MAKE_FOLDER).Done);
+    ASSERT_TRUE(RemoveFolder(smith + "/Sent Files"));
+    ASSERT_TRUE(RemoveFolder(smith));
     window_->Correspondents().ShowCorrespondent(0);
     EXPECT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
     EXPECT_FALSE(Controls().Shown(IDC_HOT_SEND));
@@ -195,15 +215,13 @@ TEST_F(DesktopControlsTest, APickUpFolderIsMadeOnceTurnsHotWhenStoredAndItsButto
     Choose(IDC_DIRECTORY_LIST, 0);
     Press(IDC_DELETE);
     EXPECT_EQ(Stores().Directory.Count.load(), 0);
-    EXPECT_EQ(ReadWholeFile(Stores().Paths.DirectoryPath).substr(0, 2), std::string(2, '\0'));
-    EXPECT_EQ(Controls().RowCount(IDC_DIRECTORY_LIST), 0);
 
     // A folder of that name on disk already belongs to nobody here: the
     // message, and the record keeps no folder.
     ASSERT_TRUE(CreateFolder(Stores().Paths.PickUpPath + "/Jones"));
     AddRecord("Jones", "5559876");
     ASSERT_TRUE(Press(IDC_MAKE_FOLDER).Done);
-    EXPECT_EQ(Messages(), std::vector<std::string>{FolderRefusal});
+    EXPECT_EQ(Messages(), (std::vector<std::string>{stays, FolderRefusal}));
     EXPECT_EQ(Stores().Directory[0].HasPickUp, 0) << "Jones";
     EXPECT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
 }
@@ -353,7 +371,7 @@ TEST_F(DesktopControlsTest, AnExportedEntryComesBackWholeAsTheRecordItWas) {
 
     // Taken back in a directory of its own, and only whole: a file cut
     // short, one too long, one of another magic or none is no entry, nor is
-    // a drop of a name in .Kbe.
+    // a drop of a name in .Kbe; each is named in a message.
     ASSERT_TRUE(RemoveFolder(Stores().Paths.PickUpPath + "/Smith & Co/Sent Files"));
     window_->Correspondents().OnDirectoryDelete();
     ASSERT_EQ(Stores().Directory.Count.load(), 0);
@@ -370,6 +388,13 @@ TEST_F(DesktopControlsTest, AnExportedEntryComesBackWholeAsTheRecordItWas) {
     EXPECT_EQ(Stores().Directory.Count.load(), 0);
     Drop(IDC_DIRECTORY_LIST, {exported, folder_ / "smith.Kbe"});
     ASSERT_EQ(Stores().Directory.Count.load(), 1);
+    const auto noEntry = [](const std::string& path) {
+        return "This file is no exported directory entry and was not added:\r" + path;
+    };
+    EXPECT_EQ(Messages(), (std::vector<std::string>{
+                              Messages()[0], noEntry(folder_ / "bad.KBE"),
+                              noEntry(folder_ / "bad.KBE"), noEntry(folder_ / "bad.KBE"),
+                              noEntry(folder_ / "missing.KBE"), noEntry(folder_ / "smith.Kbe")}));
     EXPECT_EQ(Observed().back(), "Directory Entry Added");
     EXPECT_EQ(window_->Correspondents().CurrentEntry(), 0);
     EXPECT_EQ(Controls().Text(IDC_NAME), "Smith & Co");

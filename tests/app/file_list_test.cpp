@@ -33,6 +33,12 @@ protected:
     const FileEntry& Entry(int i) { return Engine().SendList[i]; }
 };
 
+// What the user is asked before a folder takes the place of the list.
+std::string Replacing(const std::string& folder) {
+    return "The folder \"" + folder +
+           "\" takes the place of everything in the File List.\rReplace the list?";
+}
+
 // Files are opened as a user without root's rights would open them, on this
 // thread, for the life of the object: a file or folder without read
 // permission is then unreadable even when the tests run as root.
@@ -48,8 +54,9 @@ private:
 };
 
 // A dialog that is cancelled adds nothing; a file that cannot be opened is
-// told and leaves the list as it was.
-TEST_F(FileListTest, ACancelledDialogOrAFileThatCannotBeOpenedAddsNothing) {
+// told and leaves the list as it was. Add takes several files at once, and
+// the File menu a folder, as a drop of it would.
+TEST_F(FileListTest, TheDialogsTakeSeveralFilesOrAFolderAndACancelNothing) {
     RecordingDesktop desktop;
     window_->Files().OnFileAdd();
     EXPECT_EQ(desktop.Take(), std::vector<std::string>{"dialog: open"});
@@ -58,6 +65,23 @@ TEST_F(FileListTest, ACancelledDialogOrAFileThatCannotBeOpenedAddsNothing) {
                               "Cannot open file.  It may be in use by another application."});
     EXPECT_EQ(Engine().SendList.Count(), 0);
     EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 0);
+
+    desktop.Answer(std::vector<std::string>{MakeFile("one", 1), MakeFile("two", 0)});
+    ASSERT_TRUE(Press(IDC_FILE_ADD).Done);
+    EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"one", "two"}));
+    MakeFolder("docs");
+    MakeFile("docs/a", 3);
+    desktop.Answer(folder_ / "docs");
+    ASSERT_TRUE(ChooseMenu(ID_FILE_ADD_FOLDER).Done);
+    EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"docs", "a"}));
+    EXPECT_EQ(Messages().back(), Replacing("docs"));
+    EXPECT_EQ(desktop.Take(), (std::vector<std::string>{"dialog: open", "dialog: folder"}));
+    // The menu is open during a call, the list is not.
+    Engine().Call.LinkState = LinkState::Connected;
+    ASSERT_TRUE(ChooseMenu(ID_FILE_ADD_FOLDER).Done);
+    Engine().Call.LinkState = LinkState::Idle;
+    EXPECT_EQ(Messages().back(), "The File List cannot change during a call.");
+    EXPECT_TRUE(desktop.Take().empty());
 }
 
 TEST_F(FileListTest, AFolderReplacesTheListAndTravelsOneLevelDeep) {
@@ -107,7 +131,8 @@ TEST_F(FileListTest, AFolderReplacesTheListAndTravelsOneLevelDeep) {
 }
 
 TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
-    // During a call, or beside the lists, a drop does nothing.
+    // During a call, or beside the lists, a drop does nothing; during a
+    // call it says so.
     const std::string file = MakeFile("file", 10);
     Engine().Call.LinkState = LinkState::Connected;
     Drop(IDC_FILE_LIST, {file});
@@ -119,6 +144,18 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
     // A name ending in .KBE is a file like any other on the file list.
     Drop(IDC_FILE_LIST, {MakeFile("smith.KBE", 140)});
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), std::vector<std::string>{"smith.KBE"});
+    // A folder would replace the list: the user is asked, and No keeps the
+    // list and places no call from Send.
+    const std::string kept = MakeFolder("kept");
+    MakeFile("kept/k", 1);
+    AnswerQuestions(false);
+    Drop(IDC_FILE_LIST, {file, kept});
+    Drop(IDC_SEND, {kept});
+    AnswerQuestions(true);
+    EXPECT_EQ(RowTexts(IDC_FILE_LIST), std::vector<std::string>{"smith.KBE"});
+    const std::string shut = "The File List cannot change during a call.";
+    EXPECT_EQ(Messages(),
+              (std::vector<std::string>{shut, shut, Replacing("kept"), Replacing("kept")}));
 
     // What cannot be read, file or folder, is named in one message and left
     // out; the files and folders dropped with it stay.
@@ -150,8 +187,10 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"docs", "a"}));
     EXPECT_EQ(Entry(0).EntryKind, FileKind::FolderMarker);
     EXPECT_EQ(Messages(), (std::vector<std::string>{
+                              shut, shut, Replacing("kept"), Replacing("kept"),
                               "These could not be opened and were not added:\r" + lockedFile +
                                   "\r" + lockedFolder + "\r" + (folder_ / "gone"),
+                              Replacing("docs"),
                               "These could not be opened and were not added:\r" + lockedFile}));
     Press(IDC_FILE_CLEAR);
 

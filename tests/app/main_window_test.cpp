@@ -409,11 +409,12 @@ TEST_F(MainWindowTest, TheEstimateFollowsTheOutgoingSettingsAndRoundsTheSizeUp) 
         EXPECT_TRUE(Controls().Enabled(IDC_TOTAL_KB));
         EXPECT_TRUE(Controls().Enabled(IDC_EST_TIME));
     }
-    // Nothing to send: the last texts stay, grey.
+    // Nothing to send: no figures are left to be read as the list's.
     window_->Display().ShowBatchEstimate(0);
     EXPECT_FALSE(Controls().Enabled(IDC_TOTAL_KB));
     EXPECT_FALSE(Controls().Enabled(IDC_EST_TIME));
-    EXPECT_EQ(Controls().Text(IDC_EST_TIME), "Est. Time: 165:42:04");
+    EXPECT_EQ(Controls().Text(IDC_TOTAL_KB), "");
+    EXPECT_EQ(Controls().Text(IDC_EST_TIME), "");
     // A measured rate takes over.
     MeasureRate(*window_, 1000);
     window_->Display().ShowBatchEstimate(1000000);

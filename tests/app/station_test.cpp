@@ -54,7 +54,8 @@ void ExpectWholeLines(const std::vector<std::string>& lines) {
     for (const std::string& line : lines) {
         const bool known = line == "ok" || line.rfind("error: ", 0) == 0 ||
                            line.rfind("log: ", 0) == 0 || line.rfind("message: ", 0) == 0 ||
-                           line.rfind("control IDC_", 0) == 0 || line.rfind("menu text=", 0) == 0;
+                           line.rfind("question: ", 0) == 0 || line.rfind("control IDC_", 0) == 0 ||
+                           line.rfind("menu text=", 0) == 0;
         EXPECT_TRUE(known) << line;
     }
 }
@@ -96,6 +97,21 @@ TEST(StationTest, WithoutAnAdapterItRefusesToSendAndOnlySigtermEndsIt) {
         LinesHolding(station.AllLines(), {"log: File too large"});
     ASSERT_EQ(logged, std::vector<std::string>{"log: File too large to send: " + escaped});
     EXPECT_EQ(Unescaped(logged[0]), "log: File too large to send: " + name);
+
+    // Add takes several files at once, and the File menu a folder, which
+    // asks before it takes their place; the station answers Yes.
+    WriteWholeFile(folder + "/one", "1");
+    WriteWholeFile(folder + "/two", "2");
+    ASSERT_TRUE(CreateFolder(folder + "/docs"));
+    WriteWholeFile(folder + "/docs/a", "a");
+    EXPECT_EQ(Command(station, "choose one two"), "ok");
+    EXPECT_EQ(Command(station, "file-click 1"), "ok");
+    EXPECT_EQ(Command(station, "add-folder docs"), "ok");
+    EXPECT_EQ(Command(station, "file-click 2"), "error: IDC_FILE_LIST has no row 2");
+    EXPECT_EQ(LinesHolding(station.AllLines(), {"dialog: ", "question: "}),
+              (std::vector<std::string>{"dialog: open", "dialog: folder",
+                                        "question: The folder \"docs\" takes the place of "
+                                        "everything in the File List.\\rReplace the list?"}));
 
     station.CloseInput();
     // Still answering: an unattended station waits for calls.

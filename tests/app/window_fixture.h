@@ -54,7 +54,10 @@ protected:
     std::string MakeFile(const std::string& name, size_t size, char fill = 'x');
     std::string MakeFolder(const std::string& name);
 
+    // The messages and questions shown, in order; questions are answered
+    // Yes until a test says otherwise.
     std::vector<std::string> Messages() const { return output_.Messages(); }
+    void AnswerQuestions(bool yes) { output_.Answer = yes; }
     std::vector<std::string> Observed() const;
 
     // The user's events, as the window's front end hands them over.

@@ -121,6 +121,20 @@ TEST_F(LinuxDesktopTest, FileDialogsAreZenitysAndACancelOrNoSessionChoosesNothin
                                    "--confirm-overwrite\n--filename=Bob.KBE\n"
                                    "--file-filter=Entries (*.KBE) | *.KBE\n"
                                    "--file-filter=All Files (*) | *\n");
+    // Several files come one a line, whatever else their names hold; a
+    // folder dialog offers folders alone.
+    Tool("zenity", "printf '/home/a/one\\n/home/a/two|2\\n'");
+    FileDialogRequest open;
+    open.Filter = "All Files (*)|*|";
+    EXPECT_EQ(desktop.ChooseFiles(open),
+              (std::vector<std::string>{"/home/a/one", "/home/a/two|2"}));
+    EXPECT_EQ(Reported("*\n"), root_ /
+                                   "bin/zenity\n--file-selection\n--multiple\n"
+                                   "--separator=\n\n--file-filter=All Files (*) | *\n");
+    Tool("zenity", "echo /home/a/docs");
+    open.For = FileDialogRequest::Purpose::Folder;
+    EXPECT_EQ(desktop.ChooseFile(open), std::optional<std::string>("/home/a/docs"));
+    EXPECT_EQ(Reported("--directory\n"), root_ / "bin/zenity\n--file-selection\n--directory\n");
 
     // A dialog with a purpose says it in its title.
     Tool("zenity", "exit 1");

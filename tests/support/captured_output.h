@@ -1,9 +1,11 @@
-// The message boxes, and if asked the log lines, that the program shows while
-// a test runs, caught from whichever thread shows them; the program's own
-// handling is back once the capture goes.
+// The message boxes and questions, and if asked the log lines, that the
+// program shows while a test runs, caught from whichever thread shows them;
+// a question is answered as Answer says. The program's own handling is back
+// once the capture goes.
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -15,6 +17,7 @@
 namespace kb::test {
 
 using platform::SetMessageBoxHandler;
+using platform::SetQuestionHandler;
 using stores::StatusLog;
 
 class CapturedOutput {
@@ -31,9 +34,14 @@ public:
             }
             Add(messages_, text);
         });
+        SetQuestionHandler([this](const std::string& text) {
+            Add(messages_, text);
+            return Answer.load();
+        });
     }
     ~CapturedOutput() {
         SetMessageBoxHandler(nullptr);
+        SetQuestionHandler(nullptr);
         if (caught_ != nullptr) {
             caught_->SetSink(nullptr);
         }
@@ -42,6 +50,7 @@ public:
     CapturedOutput& operator=(const CapturedOutput&) = delete;
 
     std::vector<std::string> Log() const { return Copy(log_); }
+    // The messages and the questions, in the order they were shown.
     std::vector<std::string> Messages() const { return Copy(messages_); }
     // How often the log holds exactly this line.
     long Count(const std::string& line) const {
@@ -56,6 +65,8 @@ public:
 
     // Called with each message as it is shown, before it is acknowledged.
     std::function<void(const std::string&)> OnMessage;
+    // The answer to every question: true for Yes.
+    std::atomic<bool> Answer{true};
 
 private:
     void Add(std::vector<std::string>& to, const std::string& text) {

@@ -1,8 +1,8 @@
 // A desktop for tests: every hand-off is noted as the station program prints
 // it ("open: PATH", "browse: PAGE", "raise: browser", "run: PATH",
-// "dialog: open", "dialog: save NAME"), and file dialogs take their answers
-// from a queue, an empty queue cancelling; their titles are kept. Installed
-// while it lives.
+// "dialog: open", "dialog: folder", "dialog: save NAME"), and file dialogs
+// take their answers from a queue, an empty queue cancelling; their titles
+// are kept. Installed while it lives.
 #pragma once
 
 #include <deque>
@@ -34,21 +34,30 @@ public:
     void ActivateBrowser() override { Note("raise: browser"); }
     void StartProgram(const std::string& path) override { Note("run: " + path); }
     std::optional<std::string> ChooseFile(const FileDialogRequest& request) override {
-        Note(request.For == FileDialogRequest::Purpose::Save
-                 ? "dialog: save " + request.ProposedName
-                 : "dialog: open");
+        const std::vector<std::string> answer = ChooseFiles(request);
+        return answer.empty() ? std::nullopt : std::optional<std::string>(answer.front());
+    }
+    std::vector<std::string> ChooseFiles(const FileDialogRequest& request) override {
+        using Purpose = FileDialogRequest::Purpose;
+        Note(request.For == Purpose::Save     ? "dialog: save " + request.ProposedName
+             : request.For == Purpose::Folder ? "dialog: folder"
+                                              : "dialog: open");
         std::lock_guard<std::mutex> guard(lock_);
         titles_.push_back(request.Title);
         if (answers_.empty()) {
-            return std::nullopt;
+            return {};
         }
-        std::optional<std::string> answer = answers_.front();
+        std::vector<std::string> answer = answers_.front();
         answers_.pop_front();
         return answer;
     }
 
     // The next dialog's answer; nothing for Cancel.
     void Answer(std::optional<std::string> answer) {
+        Answer(answer ? std::vector<std::string>{*answer} : std::vector<std::string>{});
+    }
+    // The next dialog's answer, the paths chosen together; none for Cancel.
+    void Answer(std::vector<std::string> answer) {
         std::lock_guard<std::mutex> guard(lock_);
         answers_.push_back(std::move(answer));
     }
@@ -77,7 +86,7 @@ private:
     std::mutex lock_;
     std::vector<std::string> noted_;
     std::vector<std::string> titles_;
-    std::deque<std::optional<std::string>> answers_;
+    std::deque<std::vector<std::string>> answers_;
 };
 
 }  // namespace kb::test

@@ -123,6 +123,16 @@ TEST_F(DesktopTest, FileDialogsGiveTheChosenPathOrNothing) {
     EXPECT_EQ(FromAnotherThread([&] { return desktop_.ChooseFile(open); }), std::nullopt);
     EXPECT_EQ(answerer_.Titles(),
               (std::vector<std::string>{"Open", "Choose the program for button 2"}));
+    // Several files at once, as the dialog's name field takes them; and a
+    // folder.
+    const std::string second = folder_ / "second.txt";
+    WriteWholeFile(second, "y");
+    answerer_.AnswerNextDialog("\"" + chosen + "\" \"" + second + "\"");
+    EXPECT_EQ(FromAnotherThread([&] { return desktop_.ChooseFiles(open); }),
+              (std::vector<std::string>{chosen, second}));
+    answerer_.AnswerNextDialog(folder_.Path());
+    open.For = FileDialogRequest::Purpose::Folder;
+    EXPECT_EQ(FromAnotherThread([&] { return desktop_.ChooseFile(open); }), folder_.Path());
 
     EXPECT_EQ(QtFileFilter("All Files (*)|*|"), "All Files (*)");
     EXPECT_EQ(QtFileFilter("Entries (*.KBE)|*.KBE;*.kbe|All Files (*)|*|"),

@@ -66,12 +66,20 @@ void ModalAnswerer::Answer() {
         const Qt::TextInteractionFlags copying =
             Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard;
         unselectable_ += (box->textInteractionFlags() & copying) == copying ? 0 : 1;
+        // Each box is pictured, so that every message the tests bring up can
+        // be looked at as the user sees it.
+        const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
+        box->grab().save(QString::fromStdString(ScreensFolder() + "/message-" +
+                                                (test != nullptr ? test->name() : "none") + "-" +
+                                                std::to_string(messages_.size()) + ".png"));
         if (escape_) {
             // A box that Esc does not close is noted again at the next look.
             QTest::keyClick(box, Qt::Key_Escape);
             return;
         }
-        box->button(QMessageBox::Ok)->click();
+        // A question is answered Yes: the user meant what they did.
+        QAbstractButton* ok = box->button(QMessageBox::Ok);
+        (ok != nullptr ? ok : box->button(QMessageBox::Yes))->click();
         return;
     }
     if (auto* dialog = qobject_cast<QFileDialog*>(modal)) {

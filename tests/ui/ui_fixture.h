@@ -40,9 +40,9 @@ std::optional<bool> OnMainLoop(const std::function<bool()>& work,
                                std::chrono::milliseconds limit = std::chrono::seconds(30));
 
 // Answers the message boxes and file dialogs that open: a message box with
-// OK (or Esc, when told), noting its text; a file dialog with the next answer
-// given, or Cancel, noting its title. It lives on the GUI thread, as the
-// tests do.
+// OK, or with Yes where it asks (or Esc, when told), noting its text and
+// picturing it; a file dialog with the next answer given, or Cancel, noting
+// its title. It lives on the GUI thread, as the tests do.
 class ModalAnswerer : public QObject {
     Q_OBJECT
 

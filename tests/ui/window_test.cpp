@@ -354,12 +354,14 @@ TEST_F(WindowTest, TypingClicksKeysChoicesAndMenusReachTheWindowWhichDecides) {
     shot.save(QString::fromStdString(ScreensFolder() + "/window-tooltip.png"));
     QToolTip::hideText();
 
-    // A list that has the focus shows it, also with no row to mark; with
-    // none picked, an arrow picks the row its mark stands on, here the only
-    // one, as the focus brought by Tab put it there.
+    // New empties the form and puts the cursor in the name field. A list
+    // that has the focus shows it, also with no row to mark; with none
+    // picked, an arrow picks the row its mark stands on, here the only one,
+    // as the focus brought by Tab put it there.
     Click(IDC_NEW);
     ASSERT_TRUE(WaitUntil([] { return Controls().Selection(IDC_DIRECTORY_LIST) == -1; }));
     ExpectWidgetsToFollow();
+    ASSERT_TRUE(WaitUntil([&] { return View().focusWidget() == Widget(IDC_NAME); }));
     View().activateWindow();
     ASSERT_TRUE(QTest::qWaitForWindowActive(&View()));
     for (const int id : {IDC_LOG, IDC_FILE_LIST, IDC_DIRECTORY_LIST}) {
@@ -411,6 +413,14 @@ TEST_F(WindowTest, FilesDroppedOnTheFileListSendAndTheDirectoryList) {
     EXPECT_EQ(answerer_->Messages().back(), "Please select a correspondent in your Directory.");
     EXPECT_EQ(Controls().RowText(IDC_FILE_LIST, 2), "first.txt");
     EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 3) << "the drop beside the lists took nothing";
+    // A folder would take the list's place: the window asks, and Yes lets it.
+    ASSERT_TRUE(CreateFolder(folder_ / "docs"));
+    MakeFile("docs/a.txt", 5);
+    Drop(IDC_FILE_LIST, {folder_ / "docs"});
+    ASSERT_TRUE(WaitUntil([] { return Controls().RowText(IDC_FILE_LIST, 0) == "docs"; }));
+    EXPECT_EQ(answerer_->Messages().back(),
+              "The folder \"docs\" takes the place of everything in the File List.\nReplace the "
+              "list?");
 
     // An exported entry dropped on the directory list is entered: Bob's
     // entry, saved through the File menu, comes back after his record went.
