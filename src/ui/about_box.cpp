@@ -59,6 +59,7 @@ void AboutBox::Follow(const ControlState& state) {
         ok_->setIcon(PictureIcon(picture_, ok_->size()));
     }
     if (state.Shown && !isVisible()) {
+        CentreOver(parentWidget());
         show();
         raise();
         activateWindow();
@@ -66,6 +67,10 @@ void AboutBox::Follow(const ControlState& state) {
     } else if (!state.Shown && isVisible()) {
         hide();
     }
+}
+
+void AboutBox::CentreOver(const QWidget* window) {
+    move(window->frameGeometry().center() - rect().center());
 }
 
 void AboutBox::done(int /*result*/) {
