@@ -59,7 +59,6 @@ void AboutBox::Follow(const ControlState& state) {
         ok_->setIcon(PictureIcon(picture_, ok_->size()));
     }
     if (state.Shown && !isVisible()) {
-        CentreOver(parentWidget());
         show();
         raise();
         activateWindow();

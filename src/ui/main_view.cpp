@@ -383,9 +383,6 @@ void MainView::MakeWidget(const ControlState& state, const ControlPlace& place) 
             list->setUniformItemSizes(true);
             list->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
             list->setItemDelegate(new FullWidthRows(list));
-            // The rows are laid out anew, as wide as the list, when it
-            // grows or shrinks.
-            list->setResizeMode(QListView::Adjust);
             list->viewport()->installEventFilter(this);
             viewports_[list->viewport()] = id;
             // Clicks come through the filter; this is the keyboard's choice.

@@ -225,6 +225,9 @@ TEST_F(WindowTest, WidgetsFollowChangesFromOtherThreadsWithoutWaitingAndNeverUnd
         return QToolTip::isVisible() ? QToolTip::text().toStdString() : std::string();
     };
     EXPECT_EQ(tipAt(log->count() - 1), longLine);
+    // Its row is as wide as the list, no wider: the line ends in "..."
+    // where the list ends, not behind its edge.
+    EXPECT_EQ(log->visualItemRect(log->item(log->count() - 1)).width(), log->viewport()->width());
     tipAt(log->count() - 2);
     EXPECT_TRUE(WaitUntil([] { return !QToolTip::isVisible(); }));
 
