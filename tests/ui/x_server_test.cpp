@@ -30,8 +30,8 @@ namespace {
 using namespace std::chrono_literals;
 
 // The X server and the window manager, for the whole test program.
-std::unique_ptr<ChildProcess> server;
-std::unique_ptr<ChildProcess> windowManager;
+std::unique_ptr<ChildProcess> Server;
+std::unique_ptr<ChildProcess> WindowManager;
 
 // Starts both on a display of their own; the reason when it cannot.
 std::optional<std::string> StartDesktop() {
@@ -42,7 +42,7 @@ std::optional<std::string> StartDesktop() {
     }
     try {
         // The server picks a free display and writes its number.
-        server = std::make_unique<ChildProcess>(
+        Server = std::make_unique<ChildProcess>(
             serverPath.toStdString(),
             std::vector<std::string>{"-displayfd", "1", "-screen", "0", "1600x1000x24", "-nolisten",
                                      "tcp"},
@@ -51,32 +51,32 @@ std::optional<std::string> StartDesktop() {
         return std::string("Xvfb cannot start: ") + error.what();
     }
     std::string display;
-    if (!server->NextLine(display, 10s) || display.empty()) {
-        return "Xvfb gave no display: " + server->ErrorText();
+    if (!Server->NextLine(display, 10s) || display.empty()) {
+        return "Xvfb gave no display: " + Server->ErrorText();
     }
     setenv("DISPLAY", (":" + display).c_str(), 1);
     // The window manager is up once it runs what it starts with.
-    windowManager = std::make_unique<ChildProcess>(
+    WindowManager = std::make_unique<ChildProcess>(
         managerPath.toStdString(), std::vector<std::string>{"--startup", "echo ready"}, "",
         ChildProcess::Errors::Kept);
-    if (!windowManager->WaitForLine("ready", 10s)) {
-        return "openbox did not start: " + windowManager->ErrorText();
+    if (!WindowManager->WaitForLine("ready", 10s)) {
+        return "openbox did not start: " + WindowManager->ErrorText();
     }
     return std::nullopt;
 }
 
-std::optional<std::string> noDesktop = "not started";
+std::optional<std::string> NoDesktop = "not started";
 
 class XServerTest : public UiTest {
 protected:
     void SetUp() override {
-        if (noDesktop) {
-            GTEST_SKIP() << *noDesktop;
+        if (NoDesktop) {
+            GTEST_SKIP() << *NoDesktop;
         }
         UiTest::SetUp();
     }
     void TearDown() override {
-        if (!noDesktop) {
+        if (!NoDesktop) {
             UiTest::TearDown();
         }
     }
@@ -149,14 +149,14 @@ int main(int argc, char** argv) {
         listing = listing || std::string(argv[i]) == "--gtest_list_tests";
     }
     if (!listing) {
-        kb::test::noDesktop = kb::test::StartDesktop();
+        kb::test::NoDesktop = kb::test::StartDesktop();
     }
-    qputenv("QT_QPA_PLATFORM", kb::test::noDesktop ? "offscreen" : "xcb");
+    qputenv("QT_QPA_PLATFORM", kb::test::NoDesktop ? "offscreen" : "xcb");
     QApplication application(argc, argv);
     QApplication::setQuitOnLastWindowClosed(false);
     ::testing::InitGoogleTest(&argc, argv);
     const int status = RUN_ALL_TESTS();
-    kb::test::windowManager.reset();
-    kb::test::server.reset();
+    kb::test::WindowManager.reset();
+    kb::test::Server.reset();
     return status;
 }
