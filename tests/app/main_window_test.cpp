@@ -553,7 +553,7 @@ TEST_F(MainWindowTest, TheListsTakeTheRoomOfALargerWindowAndTheControlsMoveWithT
 
     // At any size from the smallest up, every control stays on the page, and
     // controls apart at the laid-out size stay apart (a drop-down counted
-    // closed); at that size each is where the layout puts it.
+    // closed).
     const auto closed = [&](int id, Box place) {
         if (Controls().State(id).Kind == ControlKind::DropDown) {
             place.Height = ClosedDropDownHeight;
