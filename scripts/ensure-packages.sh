@@ -4,9 +4,12 @@
 
 # Qt 6 for the desktop program (kestrelbound): Widgets, its tools (moc, rcc),
 # SVG for the pictures, the platform plugins (its tests run on "offscreen"),
-# and a font for them to draw with.
+# and a font for them to draw with; a virtual X server and a small window
+# manager, for the one test that resizes and maximises the window as a
+# desktop does.
 KB_PACKAGES=(cmake ninja-build g++ libgtest-dev libgmock-dev clang-format clang-tidy
-    qt6-base-dev qt6-base-dev-tools qt6-svg-dev qt6-qpa-plugins libgl-dev fonts-dejavu-core)
+    qt6-base-dev qt6-base-dev-tools qt6-svg-dev qt6-qpa-plugins libgl-dev fonts-dejavu-core
+    xvfb openbox)
 
 kb_missing_packages() {
     local missing=()

@@ -68,6 +68,10 @@ void AboutBox::Follow(const ControlState& state) {
     }
 }
 
+void AboutBox::CentreOver(const QWidget* window) {
+    move(window->frameGeometry().center() - rect().center());
+}
+
 void AboutBox::done(int /*result*/) {
     onOk_();
 }

@@ -27,6 +27,10 @@ public:
 
     // Shows, hides and fills the box as the model's state of it says.
     void Follow(const ControlState& state);
+    // Puts the box in the middle of the window again, when the desktop has
+    // moved the window while the box is open. A dialog opens over its
+    // window by itself.
+    void CentreOver(const QWidget* window);
     [[nodiscard]] QPushButton* OkButton() const { return ok_; }
     [[nodiscard]] QLabel* VersionLabel() const { return version_; }
 

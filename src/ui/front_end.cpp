@@ -13,6 +13,7 @@
 #include "app/application.h"
 #include "app/control_model.h"
 #include "app/main_window.h"
+#include "app/window_layout.h"
 #include "platform/desktop.h"
 #include "platform/event_loop.h"
 #include "platform/files.h"
@@ -137,7 +138,8 @@ void FrontEnd::Start() {
 
     gui_ = std::make_unique<GuiThread>();
     changes_ = std::make_shared<ControlChanges>();
-    view_ = std::make_unique<MainView>(changes_, app_.Window(), DialogFont());
+    view_ = std::make_unique<MainView>(changes_, app_.Window(), DialogFont(),
+                                       QString::fromStdString(WindowPlaceFileBelow(root)));
     desktop_ = std::make_unique<QtDesktop>(*gui_, [this] { return view_.get(); });
 
     qApp->installEventFilter(&keys_);
@@ -181,6 +183,7 @@ void FrontEnd::OnProgramEnded() {
         program_.join();
     }
     ended_ = true;
+    view_->SavePlace();
     view_->About()->hide();
     view_->hide();
     emit ProgramEnded();

@@ -8,7 +8,9 @@
 #include <QDropEvent>
 #include <QFile>
 #include <QFocusFrame>
+#include <QGuiApplication>
 #include <QHeaderView>
+#include <QHelpEvent>
 #include <QKeyEvent>
 #include <QLabel>
 #include <QLayout>
@@ -17,17 +19,25 @@
 #include <QMenuBar>
 #include <QMimeData>
 #include <QMouseEvent>
+#include <QMoveEvent>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QRadioButton>
+#include <QScreen>
+#include <QSettings>
 #include <QSignalBlocker>
+#include <QStyledItemDelegate>
+#include <QToolTip>
 #include <QTreeWidget>
 #include <QUrl>
 
 #include <algorithm>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "app/control_model.h"
+#include "app/window_layout.h"
 #include "platform/event_loop.h"
 #include "resources/resource.h"
 #include "ui/about_box.h"
@@ -41,16 +51,8 @@ using namespace kb::resources;
 
 namespace {
 
-// The window's size in dialog units.
-constexpr int DialogWidth = 351;
-constexpr int DialogHeight = 250;
-// A drop-down's place is given with its list open; closed it is as high as
-// an edit field.
-constexpr int ClosedDropDownHeight = 14;
 // The longest text an edit field takes, as a record holds it.
 constexpr int EditMaxLength = 31;
-// The file list's second column leaves room for a scroll bar.
-constexpr int ScrollBarRoom = 18;
 // Each row of the file list shows its icon at this size.
 constexpr int RowIconSize = 16;
 
@@ -62,6 +64,65 @@ constexpr qreal CaptionStep = 0.25;
 
 // The role under which a file list row keeps the image it shows.
 constexpr int ImageRole = Qt::UserRole;
+
+// Before the window is first shown its frame is not known; a window that
+// opens on a small screen leaves this many units for a title bar.
+constexpr int FrameAllowance = 16;
+// Where the window's place is kept between runs, in the installation's
+// folder, and under which keys.
+constexpr const char* PlaceKey = "Window/Place";
+constexpr const char* MaximisedKey = "Window/Maximised";
+
+Box BoxOf(const QRect& rect) {
+    return Box{rect.x(), rect.y(), rect.width(), rect.height()};
+}
+
+QRect RectOf(const Box& box) {
+    return QRect(box.X, box.Y, box.Width, box.Height);
+}
+
+std::optional<WindowPlace> LoadPlace(const QString& file) {
+    const QSettings settings(file, QSettings::IniFormat);
+    if (file.isEmpty() || !settings.contains(QString::fromLatin1(PlaceKey))) {
+        return std::nullopt;
+    }
+    return WindowPlace{BoxOf(settings.value(QString::fromLatin1(PlaceKey)).toRect()),
+                       settings.value(QString::fromLatin1(MaximisedKey)).toBool()};
+}
+
+// Each row of a list box is as wide as the list, so that a line longer than
+// that ends in "..." where the list ends, rather than behind a scroll bar;
+// the row's tooltip shows it whole.
+class FullWidthRows : public QStyledItemDelegate {
+public:
+    explicit FullWidthRows(QAbstractItemView* view) : QStyledItemDelegate(view), view_(view) {}
+
+    [[nodiscard]] QSize sizeHint(const QStyleOptionViewItem& option,
+                                 const QModelIndex& index) const override {
+        return QSize(view_->viewport()->width(),
+                     QStyledItemDelegate::sizeHint(option, index).height());
+    }
+
+private:
+    QAbstractItemView* view_;
+};
+
+// The text of the row under the point when the row shows less than all of
+// it; empty when it shows all.
+QString CutTextAt(const QAbstractItemView* view, const QPoint& point) {
+    const QModelIndex index = view->indexAt(point);
+    if (!index.isValid()) {
+        return {};
+    }
+    const QString text = index.data(Qt::DisplayRole).toString();
+    // The room the row leaves for its text: its width less the icon's and
+    // the margins on either side, and a few pixels to spare: a tooltip on a
+    // line that just fits does no harm, none on a cut line hides its end.
+    const int iconRoom = index.data(Qt::DecorationRole).isNull() ? 0 : view->iconSize().width();
+    const int margins = 2 * (view->style()->pixelMetric(QStyle::PM_FocusFrameHMargin) + 1) + 4;
+    const int room = view->visualRect(index).width() - iconRoom - margins;
+    return view->fontMetrics().horizontalAdvance(text) > room ? text : QString();
+}
 
 QString Text(const std::string& text) {
     return QString::fromStdString(text);
@@ -156,13 +217,12 @@ void FollowListView(QTreeWidget* tree, const ControlState& state, int rowToShow)
     }
     if (!sameHeaders && !headers.isEmpty()) {
         tree->setHeaderLabels(headers);
+        // "Size" is as wide as its widest figure; "Name" takes the rest.
         if (headers.size() > 1) {
             header->setTextAlignment(1, Qt::AlignRight | Qt::AlignVCenter);
+            tree->header()->setSectionResizeMode(0, QHeaderView::Stretch);
+            tree->header()->setSectionResizeMode(1, QHeaderView::ResizeToContents);
         }
-        // "Name" takes two thirds; "Size" the rest but for a scroll bar.
-        const int width = tree->width();
-        tree->setColumnWidth(0, width * 2 / 3);
-        tree->setColumnWidth(1, std::max(0, width - width * 2 / 3 - ScrollBarRoom));
     }
     FollowRows(
         tree->topLevelItemCount(), state.Rows,
@@ -197,23 +257,26 @@ bool PictureChanged(QWidget* widget, int picture) {
 
 }  // namespace
 
-MainView::MainView(std::shared_ptr<ControlChanges> changes, WindowHandle window, const QFont& font)
-    : changes_(std::move(changes)), window_(std::move(window)), units_(font) {
+MainView::MainView(std::shared_ptr<ControlChanges> changes, WindowHandle window, const QFont& font,
+                   QString placeFile)
+    : changes_(std::move(changes)),
+      window_(std::move(window)),
+      units_(font),
+      placeFile_(std::move(placeFile)) {
     setFont(font);
-    // A fixed dialog with a minimise box and a close box, and nothing to
-    // maximise.
+    // A window to resize, maximise, minimise and close.
     setWindowFlags(Qt::Window | Qt::CustomizeWindowHint | Qt::WindowTitleHint |
                    Qt::WindowSystemMenuHint | Qt::WindowMinimizeButtonHint |
-                   Qt::WindowCloseButtonHint);
+                   Qt::WindowMaximizeButtonHint | Qt::WindowCloseButtonHint);
     QIcon icon;
     for (const int size : {16, 24, 32, 48, 64, 128}) {
         icon.addPixmap(RenderPicture(IDR_MAINFRAME, QSize(size, size), 1.0));
     }
     setWindowIcon(icon);
     page_ = new QWidget(this);
-    page_->setFixedSize(units_.X(DialogWidth), units_.Y(DialogHeight));
+    page_->setMinimumSize(units_.X(SmallestLayoutWidth), units_.Y(SmallestLayoutHeight));
+    page_->installEventFilter(this);
     setCentralWidget(page_);
-    layout()->setSizeConstraint(QLayout::SetFixedSize);
     setAcceptDrops(true);
     focusMark_ = new QFocusFrame(page_);
     // Drawn in the colour of a picked row, so that it reads as the list's
@@ -329,6 +392,8 @@ void MainView::MakeWidget(const ControlState& state, const ControlPlace& place) 
             auto* list = new QListWidget(page_);
             list->setSelectionMode(QAbstractItemView::SingleSelection);
             list->setUniformItemSizes(true);
+            list->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+            list->setItemDelegate(new FullWidthRows(list));
             list->viewport()->installEventFilter(this);
             viewports_[list->viewport()] = id;
             // Clicks come through the filter; this is the keyboard's choice.
@@ -348,7 +413,7 @@ void MainView::MakeWidget(const ControlState& state, const ControlPlace& place) 
                 event.Row = row;
                 Send(event);
             });
-            where.setHeight(units_.Y(ClosedDropDownHeight));
+            where.setHeight(units_.Y(app::ClosedDropDownHeight));
             widget = box;
             break;
         }
@@ -384,6 +449,8 @@ void MainView::MakeWidget(const ControlState& state, const ControlPlace& place) 
         case ControlKind::Window:
             return;
     }
+    laidOut_[id] = where;
+    where = PlaceInPage(id);
     widget->setGeometry(where);
     widget->setObjectName(Text(place.Name));
     widgets_[id] = widget;
@@ -456,6 +523,70 @@ bool MainView::KeyForControl(QObject* watched, QEvent* event) {
     picked.Row = view->currentIndex().isValid() ? view->currentIndex().row() : 0;
     Send(picked);
     return true;
+}
+
+QRect MainView::PlaceInPage(int id) const {
+    const int grownX = page_->width() - units_.X(LayoutWidth);
+    const int grownY = page_->height() - units_.Y(LayoutHeight);
+    return RectOf(GrownPlace(id, BoxOf(laidOut_.at(id)), grownX, grownY));
+}
+
+void MainView::PlaceControls() {
+    for (const auto& [id, widget] : widgets_) {
+        const QRect place = PlaceInPage(id);
+        widget->setGeometry(place);
+        if (captionPlaces_.count(id) != 0) {
+            captionPlaces_[id] = place;
+        }
+    }
+    FitCaptions();
+}
+
+void MainView::OpenAtItsPlace() {
+    // The smallest window and the laid-out one, each with its menu bar.
+    layout()->activate();
+    const QSize smallest = minimumSizeHint();
+    const QSize laidOut =
+        smallest + QSize(units_.X(LayoutWidth), units_.Y(LayoutHeight)) - page_->minimumSize();
+    std::vector<Box> screens;
+    for (const QScreen* screen : QGuiApplication::screens()) {
+        screens.push_back(BoxOf(screen->geometry()));
+    }
+    const std::optional<WindowPlace> place =
+        PlaceToReopen(LoadPlace(placeFile_), screens, smallest.width(), smallest.height());
+    if (place) {
+        resize(place->Normal.Width, place->Normal.Height);
+        move(place->Normal.X, place->Normal.Y);
+        if (place->Maximised) {
+            showMaximized();
+        } else {
+            show();
+        }
+        return;
+    }
+    // Otherwise at the laid-out size, or what the screen has room for, in
+    // the middle of the screen: placed by the program, so that the splash
+    // opens over it and not where the window stood before the desktop
+    // placed it.
+    const QRect screen = QGuiApplication::primaryScreen()->availableGeometry();
+    const int frame = units_.Y(FrameAllowance);
+    const Box size = OpeningSize(BoxOf(QRect(QPoint(), laidOut)), BoxOf(QRect(QPoint(), smallest)),
+                                 BoxOf(screen.adjusted(0, frame, 0, 0)));
+    resize(size.Width, size.Height);
+    move(screen.center() - QPoint(size.Width / 2, (size.Height + frame) / 2));
+    show();
+}
+
+void MainView::SavePlace() const {
+    if (placeFile_.isEmpty() || !shown_) {
+        return;
+    }
+    // The place of the frame and the size without it, as the window stands
+    // when it is neither maximised nor minimised.
+    const QRect normal = isMaximized() || isMinimized() ? normalGeometry() : geometry();
+    QSettings settings(placeFile_, QSettings::IniFormat);
+    settings.setValue(QString::fromLatin1(PlaceKey), normal.translated(-normalFrame_));
+    settings.setValue(QString::fromLatin1(MaximisedKey), isMaximized());
 }
 
 int MainView::RoomLeftOf(int id, const QRect& place) const {
@@ -620,7 +751,7 @@ void MainView::FlushChanges() {
         }
         FitCaptions();
         shown_ = true;
-        show();
+        OpenAtItsPlace();
         if (pending.Ids.count(IDD_ABOUTBOX) != 0) {
             Follow(IDD_ABOUTBOX, pending.RowsToShow);
         }
@@ -732,7 +863,23 @@ void MainView::dropEvent(QDropEvent* event) {
     }
 }
 
+void MainView::moveEvent(QMoveEvent* event) {
+    QMainWindow::moveEvent(event);
+    // A maximised window may have a frame of another width.
+    if (windowState() == Qt::WindowNoState) {
+        normalFrame_ = geometry().topLeft() - pos();
+    }
+    // The desktop may place the window after the splash has opened.
+    if (about_->isVisible()) {
+        about_->CentreOver(this);
+    }
+}
+
 bool MainView::eventFilter(QObject* watched, QEvent* event) {
+    if (watched == page_ && event->type() == QEvent::Resize) {
+        PlaceControls();
+        return false;
+    }
     if (KeyForControl(watched, event)) {
         return true;
     }
@@ -742,6 +889,17 @@ bool MainView::eventFilter(QObject* watched, QEvent* event) {
     }
     const int id = found->second;
     auto* view = static_cast<QAbstractItemView*>(WidgetOf(id));
+    if (event->type() == QEvent::ToolTip) {
+        // A row that shows less than its whole text shows it whole here.
+        const auto* help = static_cast<QHelpEvent*>(event);
+        const QString cut = CutTextAt(view, help->pos());
+        if (cut.isEmpty()) {
+            QToolTip::hideText();
+        } else {
+            QToolTip::showText(help->globalPos(), cut, view->viewport());
+        }
+        return true;
+    }
     if (event->type() == QEvent::MouseButtonPress) {
         const auto* click = static_cast<QMouseEvent*>(event);
         if (click->button() != Qt::LeftButton) {

@@ -1,12 +1,14 @@
 // The main window as Qt widgets: a drawing of the control model and a source
 // of the user's actions, and nothing more. Every control of the model gets the
-// widget of its kind at its place; each change the model announces brings the
+// widget of its kind at its place, moved and grown with the window as the
+// window's layout says (app/window_layout.h); each change the model announces brings the
 // widget to the model's state, and each action of the user goes to the
 // window's HandleEvent on the main loop's thread, which decides. The view
 // changes no state of the program itself.
 #pragma once
 
 #include <QMainWindow>
+#include <QString>
 
 #include <map>
 #include <memory>
@@ -35,8 +37,11 @@ class MainView : public QMainWindow {
 
 public:
     // font is the dialog's font, from which its measures follow; the
-    // user's actions go to the window that handle names.
-    MainView(std::shared_ptr<ControlChanges> changes, WindowHandle window, const QFont& font);
+    // user's actions go to the window that handle names. The window opens
+    // where placeFile says it last was, if it says so and that place is
+    // still on a screen.
+    MainView(std::shared_ptr<ControlChanges> changes, WindowHandle window, const QFont& font,
+             QString placeFile = {});
     ~MainView() override;
 
     // The widget that shows a control; null while the model has no such
@@ -55,9 +60,13 @@ public:
     // Takes what the model has announced since the last time and brings
     // those widgets, and the menus, to the model's state.
     Q_INVOKABLE void FlushChanges();
+    // Writes the window's place and size, and whether it is maximised, to
+    // the place file, once the window has been shown.
+    void SavePlace() const;
 
 protected:
     void closeEvent(QCloseEvent* event) override;
+    void moveEvent(QMoveEvent* event) override;
     void dragEnterEvent(QDragEnterEvent* event) override;
     void dragMoveEvent(QDragMoveEvent* event) override;
     void dropEvent(QDropEvent* event) override;
@@ -65,6 +74,13 @@ protected:
 
 private:
     void MakeWidget(const ControlState& state, const ControlPlace& place);
+    // Where the control lies in the page at its present size.
+    [[nodiscard]] QRect PlaceInPage(int id) const;
+    // Puts every control where the page's size says.
+    void PlaceControls();
+    // Shows the window for the first time: where it last was, or else at the
+    // laid-out size as far as the screen has room, in the screen's middle.
+    void OpenAtItsPlace();
     void Follow(int id, const std::map<int, int>& rowsToShow);
     // A control's words (its tooltip and the name a screen reader says) and
     // the keys it answers beyond Qt's own.
@@ -94,12 +110,19 @@ private:
     QWidget* page_ = nullptr;
     AboutBox* about_ = nullptr;
     QFocusFrame* focusMark_ = nullptr;
+    QString placeFile_;
+    // The frame's width at the left and the top while the window is neither
+    // maximised nor minimised.
+    QPoint normalFrame_;
     std::map<int, QWidget*> widgets_;
+    // Each control's place at the laid-out size, in pixels.
+    std::map<int, QRect> laidOut_;
     // The lists' viewports, whose clicks the view reports itself, by the
     // list's control.
     std::map<QObject*, int> viewports_;
     // The place of each caption (a label, check box or radio button) as the
-    // layout gives it, before it is fitted to its text.
+    // layout gives it at the page's present size, before it is fitted to its
+    // text.
     std::map<int, QRect> captionPlaces_;
     std::vector<QMenu*> menus_;
     // The user's edits of each field that the window has not handled yet.

@@ -8,11 +8,15 @@
 #include <atomic>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "app/control_model.h"
+#include "app/window_layout.h"
 #include "engine/session_threads.h"
 #include "engine/transfer_engine.h"
 #include "line/adapter_family.h"
@@ -539,6 +543,118 @@ TEST_F(MainWindowTest, TheIncomingListShowsTheWireSizesAndLosesItsTopRow) {
     window_->Files().RemoveTopFileRow();
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"report.txt", "tool.exe"}));
     Engine().Call.ReceiveCount = 0;
+}
+
+// A larger window gives its room to the directory list, the file list and
+// the log; the rest moves with the edge it stands by. Units throughout.
+TEST_F(MainWindowTest, TheListsTakeTheRoomOfALargerWindowAndTheControlsMoveWithTheirEdges) {
+    struct Grown {
+        int X;
+        int Y;
+        int Id;
+        Box Place;
+    };
+    const std::vector<Grown> table = {
+        {90, 40, IDC_DIRECTORY_LIST, {7, 19, 146, 88}},
+        {90, 40, IDC_LABEL_DIRECTORY, {65, 7, 29, 8}},
+        {90, 40, IDC_NAME, {193, 20, 171, 14}},
+        {90, 40, IDC_ADD, {370, 21, 30, 14}},
+        {90, 40, IDC_FILE_LIST, {7, 132, 146, 90}},
+        {90, 40, IDC_FILE_DELETE, {65, 225, 30, 14}},
+        {90, 40, IDC_LOG, {158, 132, 221, 90}},
+        {90, 40, IDC_LABEL_LOG, {266, 123, 13, 8}},
+        {90, 40, IDC_SEND, {384, 132, 50, 19}},
+        {90, 40, IDC_PROGRESS, {158, 245, 221, 7}},
+        {90, 40, IDC_HELP, {411, 263, 23, 20}},
+        {90, 40, IDC_OWN_NUMBER, {7, 275, 218, 8}},
+        {0, SmallestLayoutHeight - LayoutHeight, IDC_LOG, {128, 113, 161, 49}},
+        {0, SmallestLayoutHeight - LayoutHeight, IDC_DIRECTORY_LIST, {7, 19, 116, 69}},
+    };
+    const auto placeOf = [](int id) {
+        for (const ControlPlace& place : MainWindowLayout()) {
+            if (place.Id == id) {
+                return Box{place.X, place.Y, place.Width, place.Height};
+            }
+        }
+        return Box{};
+    };
+    for (const Grown& row : table) {
+        const Box place = GrownPlace(row.Id, placeOf(row.Id), row.X, row.Y);
+        EXPECT_EQ(std::vector<int>({place.X, place.Y, place.Width, place.Height}),
+                  std::vector<int>({row.Place.X, row.Place.Y, row.Place.Width, row.Place.Height}))
+            << ControlName(row.Id) << " " << row.Id << " grown by " << row.X << "," << row.Y;
+    }
+
+    // At any size from the smallest up, every control stays on the page, and
+    // controls apart at the laid-out size stay apart (a drop-down counted
+    // closed).
+    const auto closed = [&](int id, Box place) {
+        if (Controls().State(id).Kind == ControlKind::DropDown) {
+            place.Height = ClosedDropDownHeight;
+        }
+        return place;
+    };
+    const auto meet = [](const Box& a, const Box& b) {
+        return a.X < b.X + b.Width && b.X < a.X + a.Width && a.Y < b.Y + b.Height &&
+               b.Y < a.Y + a.Height;
+    };
+    const std::vector<ControlPlace>& layout = MainWindowLayout();
+    for (const auto& [x, y] : std::vector<std::pair<int, int>>{
+             {0, 0}, {0, SmallestLayoutHeight - LayoutHeight}, {1, 1}, {5, 3}, {600, 400}}) {
+        const Box page{0, 0, LayoutWidth + x, LayoutHeight + y};
+        for (size_t a = 0; a < layout.size(); ++a) {
+            const Box laidOutA = closed(layout[a].Id, placeOf(layout[a].Id));
+            const Box grownA = closed(layout[a].Id, GrownPlace(layout[a].Id, laidOutA, x, y));
+            EXPECT_TRUE(grownA.X >= 0 && grownA.Y >= 0 && grownA.X + grownA.Width <= page.Width &&
+                        grownA.Y + grownA.Height <= page.Height)
+                << ControlName(layout[a].Id) << " off the page grown by " << x << "," << y;
+            for (size_t b = a + 1; b < layout.size(); ++b) {
+                const Box laidOutB = closed(layout[b].Id, placeOf(layout[b].Id));
+                const Box grownB = closed(layout[b].Id, GrownPlace(layout[b].Id, laidOutB, x, y));
+                EXPECT_FALSE(!meet(laidOutA, laidOutB) && meet(grownA, grownB))
+                    << layout[a].Id << " meets " << layout[b].Id << " grown by " << x << "," << y;
+            }
+        }
+    }
+}
+
+// A saved place is taken only when it is at least the smallest size and
+// lies wholly on a screen; a window with none opens at the laid-out size, or
+// at what the screen leaves room for, never below the smallest.
+TEST(WindowPlaceTest, ASavedPlaceOffTheScreensOrTooSmallGivesWayToTheLaidOutSize) {
+    const std::vector<Box> screens = {{0, 0, 1600, 1000}, {1600, 0, 1280, 1024}};
+    struct Case {
+        const char* Name;
+        std::optional<WindowPlace> Saved;
+        bool Taken;
+    };
+    const std::vector<Case> cases = {
+        {"none saved", std::nullopt, false},
+        {"on the first screen", WindowPlace{{100, 50, 900, 600}, false}, true},
+        {"maximised on the second", WindowPlace{{1700, 20, 800, 500}, true}, true},
+        {"partly off the screens", WindowPlace{{1000, 600, 900, 600}, false}, false},
+        {"where no screen is", WindowPlace{{-2000, 50, 800, 500}, false}, false},
+        {"narrower than the smallest", WindowPlace{{100, 50, 699, 600}, false}, false},
+        {"lower than the smallest", WindowPlace{{100, 50, 900, 449}, false}, false},
+    };
+    for (const Case& c : cases) {
+        const std::optional<WindowPlace> reopened = PlaceToReopen(c.Saved, screens, 700, 450);
+        ASSERT_EQ(reopened.has_value(), c.Taken) << c.Name;
+        if (c.Taken) {
+            EXPECT_EQ(reopened->Normal.X, c.Saved->Normal.X) << c.Name;
+            EXPECT_EQ(reopened->Maximised, c.Saved->Maximised) << c.Name;
+        }
+    }
+    const Box laidOut{0, 0, 704, 490};
+    const Box smallest{0, 0, 704, 450};
+    for (const auto& [room, width, height] :
+         std::vector<std::tuple<Box, int, int>>{{{0, 0, 1600, 1000}, 704, 490},
+                                                {{0, 0, 800, 470}, 704, 470},
+                                                {{0, 0, 640, 400}, 704, 450}}) {
+        const Box opened = OpeningSize(laidOut, smallest, room);
+        EXPECT_EQ(std::make_pair(opened.Width, opened.Height), std::make_pair(width, height))
+            << room.Width << "x" << room.Height;
+    }
 }
 
 }  // namespace

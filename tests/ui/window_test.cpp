@@ -6,6 +6,7 @@
 #include <QApplication>
 #include <QCheckBox>
 #include <QComboBox>
+#include <QHeaderView>
 #include <QHelpEvent>
 #include <QLineEdit>
 #include <QListWidget>
@@ -239,6 +240,24 @@ TEST_F(WindowTest, WidgetsFollowChangesFromOtherThreadsWithoutWaitingAndNeverUnd
     // The newest line has been brought into view.
     EXPECT_TRUE(
         log->viewport()->rect().intersects(log->visualItemRect(log->item(log->count() - 1))));
+    // A line longer than the log is wide shows whole in its tooltip; a line
+    // that fits shows none.
+    const std::string longLine = "Directory Entry Not Added: " + std::string(200, 'x');
+    window->Log().AddLogLine(longLine);
+    ASSERT_TRUE(
+        WaitUntil([&] { return log->item(log->count() - 1)->text().toStdString() == longLine; }));
+    const auto tipAt = [&](int row) {
+        const QPoint point = log->visualItemRect(log->item(row)).center();
+        QHelpEvent help(QEvent::ToolTip, point, log->viewport()->mapToGlobal(point));
+        QApplication::sendEvent(log->viewport(), &help);
+        return QToolTip::isVisible() ? QToolTip::text().toStdString() : std::string();
+    };
+    EXPECT_EQ(tipAt(log->count() - 1), longLine);
+    // Its row is as wide as the list, no wider: the line ends in "..."
+    // where the list ends, not behind its edge.
+    EXPECT_EQ(log->visualItemRect(log->item(log->count() - 1)).width(), log->viewport()->width());
+    tipAt(log->count() - 2);
+    EXPECT_TRUE(WaitUntil([] { return !QToolTip::isVisible(); }));
 
     // Typing is never undone by the window catching up with it: the window
     // is busy (as during the search for the adapter) while the user types
@@ -383,7 +402,7 @@ TEST_F(WindowTest, TypingClicksKeysChoicesAndMenusReachTheWindowWhichDecides) {
 TEST_F(WindowTest, FilesDroppedOnTheFileListSendAndTheDirectoryList) {
     WaitForStart();
     const std::string first = MakeFile("first.txt", 10);
-    const std::string second = MakeFile("second.exe", 1234);
+    const std::string second = MakeFile("second.exe", 2000000);
     const std::string empty = MakeFile("empty.txt", 0);
 
     // Files dropped on the file list join it (an empty file does not); the
@@ -392,6 +411,13 @@ TEST_F(WindowTest, FilesDroppedOnTheFileListSendAndTheDirectoryList) {
     ASSERT_TRUE(WaitUntil([] { return Controls().RowCount(IDC_FILE_LIST) == 2; }));
     auto* files = WidgetAs<QTreeWidget>(IDC_FILE_LIST);
     ASSERT_TRUE(WaitUntil([&] { return files->topLevelItemCount() == 2; }));
+    // The sizes show in full, with the margins a cell keeps on either side;
+    // the names take the rest of the row.
+    const int margin = files->style()->pixelMetric(QStyle::PM_FocusFrameHMargin) + 1;
+    EXPECT_GE(files->header()->sectionSize(1),
+              files->fontMetrics().horizontalAdvance(files->topLevelItem(1)->text(1)) + 2 * margin);
+    EXPECT_EQ(files->header()->sectionSize(0) + files->header()->sectionSize(1),
+              files->viewport()->width());
 
     // A click on a row selects it and turns Delete on; a click below the
     // rows selects none and turns it off.
