@@ -11,17 +11,24 @@ std::mutex HandlerLock;
 MessageBoxHandler CurrentHandler;
 QuestionHandler CurrentQuestionHandler;
 
-void PrintText(const std::string& text) {
-    std::string shown = text;
-    for (char& c : shown) {
-        if (c == '\r') {
-            c = '\n';
+}  // namespace
+
+std::string MessageLines(const std::string& text) {
+    std::string lines;
+    lines.reserve(text.size());
+    for (size_t at = 0; at < text.size(); ++at) {
+        if (text[at] != '\r') {
+            lines += text[at];
+        } else if (at + 1 >= text.size() || text[at + 1] != '\n') {
+            lines += '\n';
         }
     }
-    std::fprintf(stderr, "%s\n", shown.c_str());
+    return lines;
 }
 
-}  // namespace
+void PrintMessage(const std::string& text) {
+    std::fprintf(stderr, "%s\n", MessageLines(text).c_str());
+}
 
 void ShowMessageBox(const std::string& text) {
     MessageBoxHandler handler;
@@ -33,7 +40,7 @@ void ShowMessageBox(const std::string& text) {
         handler(text);
         return;
     }
-    PrintText(text);
+    PrintMessage(text);
 }
 
 bool AskYesNo(const std::string& text) {
@@ -45,7 +52,7 @@ bool AskYesNo(const std::string& text) {
     if (handler) {
         return handler(text);
     }
-    PrintText(text);
+    PrintMessage(text);
     return true;
 }
 

@@ -17,6 +17,12 @@ namespace kb::platform {
 using MessageBoxHandler = std::function<void(const std::string& text)>;
 using QuestionHandler = std::function<bool(const std::string& text)>;
 
+// The text with its line breaks (CR, or CR LF) as LF, as a box or a terminal
+// shows them.
+[[nodiscard]] std::string MessageLines(const std::string& text);
+// Writes the message to standard error: where no box can show it.
+void PrintMessage(const std::string& text);
+
 // Shows the message and returns when it has been acknowledged.
 void ShowMessageBox(const std::string& text);
 

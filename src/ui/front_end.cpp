@@ -46,26 +46,12 @@ WindowEvent EventOf(EventKind kind, int id) {
     return event;
 }
 
-// A message that no box can show any more still reaches the user.
-void PrintMessage(const std::string& text) {
-    std::string shown = text;
-    for (char& c : shown) {
-        if (c == '\r') {
-            c = '\n';
-        }
-    }
-    std::fprintf(stderr, "%s\n", shown.c_str());
-}
-
-// A box for one of the program's messages, which break their lines with CR.
+// A box for one of the program's messages.
 // Its text can be selected: a message may name a file or a number that the
 // user wants to copy.
 void SetMessage(QMessageBox& box, const std::string& text) {
-    QString shown = QString::fromStdString(text);
-    shown.replace(QStringLiteral("\r\n"), QStringLiteral("\n"));
-    shown.replace(QLatin1Char('\r'), QLatin1Char('\n'));
     box.setWindowTitle(QString::fromLatin1(WindowCaption));
-    box.setText(shown);
+    box.setText(QString::fromStdString(MessageLines(text)));
     box.setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
 }
 
