@@ -5,6 +5,7 @@
 
 #include "app/main_window.h"
 #include "resources/resource.h"
+#include "stores/paths.h"
 
 namespace kb::app {
 
@@ -130,8 +131,7 @@ Box GrownPlace(int id, const Box& laidOut, int grownX, int grownY) {
 }
 
 std::string WindowPlaceFileBelow(const std::string& root) {
-    const bool slashed = !root.empty() && root.back() == '/';
-    return root + (slashed ? "" : "/") + WindowPlaceFileName;
+    return stores::StorePaths(root).WindowPlacePath;
 }
 
 std::optional<WindowPlace> PlaceToReopen(const std::optional<WindowPlace>& saved,

@@ -72,7 +72,6 @@ struct WindowPlace {
 // The file in the installation's folder that keeps the window's place
 // between runs; only the desktop program, which has a window to place,
 // writes it.
-inline constexpr const char* WindowPlaceFileName = "kestrelbound_window";
 std::string WindowPlaceFileBelow(const std::string& root);
 
 // The place to open the window at: the place saved, when it is at least the

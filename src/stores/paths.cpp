@@ -21,6 +21,7 @@ StorePaths::StorePaths(const std::string& root)
       IncomingPath(Below(root, IncomingFolderName)),
       PickUpPath(Below(root, PickUpFolderName)),
       HelpPath(Below(root, HelpPageName)),
-      ResumeRecordPath(Below(root, ResumeFileName)) {}
+      ResumeRecordPath(Below(root, ResumeFileName)),
+      WindowPlacePath(Below(root, WindowPlaceFileName)) {}
 
 }  // namespace kb::stores

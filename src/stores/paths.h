@@ -14,6 +14,7 @@ inline constexpr const char* PrefsFileName = "kestrelbound_prefs";
 inline constexpr const char* DirectoryFileName = "kestrelbound_directory";
 inline constexpr const char* LogFileName = "kestrelbound_log";
 inline constexpr const char* ResumeFileName = "kestrelbound_resume";
+inline constexpr const char* WindowPlaceFileName = "kestrelbound_window";
 inline constexpr const char* IncomingFolderName = "Incoming Files";
 inline constexpr const char* PickUpFolderName = "Pick Up";
 inline constexpr const char* HelpPageName = "Kestrelbound_Manual/Start_Here.html";
@@ -42,6 +43,8 @@ struct StorePaths {
     std::string HelpPath;
     // The record of a received file that a cut-off call left for a resume.
     std::string ResumeRecordPath;
+    // Where the desktop program keeps its window's size and place.
+    std::string WindowPlacePath;
 };
 
 }  // namespace kb::stores
