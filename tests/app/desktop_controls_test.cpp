@@ -276,8 +276,8 @@ TEST_F(DesktopControlsTest, ANameThatIsNoFolderNameNeverBecomesAPath) {
 
 // Each program button keeps its own program, chosen in a dialog that says
 // which button it is for, and a path its field cannot hold whole is not kept
-// cut short.
-TEST_F(DesktopControlsTest, EachProgramButtonKeepsItsOwnPathAndNoneCutShort) {
+// cut short; the manual goes to a browser or its path is told.
+TEST_F(DesktopControlsTest, EachProgramButtonKeepsItsOwnPathAndHelpItsManual) {
     desktop_.Answer("/usr/bin/gimp");
     ASSERT_TRUE(Press(IDC_PROGRAM_1).Done);
     desktop_.Answer("/" + std::string(600, 'p'));
@@ -289,12 +289,10 @@ TEST_F(DesktopControlsTest, EachProgramButtonKeepsItsOwnPathAndNoneCutShort) {
     EXPECT_EQ(desktop_.Titles(), (std::vector<std::string>{"Choose the program for button 1",
                                                            "Choose the program for button 2",
                                                            "Choose the program for button 2"}));
-}
 
-// Help and the Help menu's Contents hand the manual to a browser; when none
-// takes it, the message says where the manual lies, so it can be opened by
-// hand.
-TEST_F(DesktopControlsTest, HelpAndItsMenuEntryShowTheManualOrSayWhereItIs) {
+    // Help and the Help menu's Contents hand the manual to a browser; when
+    // none takes it, the message says where the manual lies, so it can be
+    // opened by hand.
     const std::string manual = Stores().Paths.HelpPath;
     ASSERT_TRUE(ChooseMenu(ID_HELP_CONTENTS).Done);
     desktop_.BrowserRunning = false;

@@ -384,8 +384,6 @@ TEST_F(MainWindowTest, TheEstimateFollowsTheOutgoingSettingsAndRoundsTheSizeUp) 
         {"100 hours", 359999u * 7200u, ModelBitSURFR, 0, false, false, false, "2531243 KB",
          "100:00:00"},
         {"V.120, 2B at 56K", 1000000, ModelBitSURFR, 0, true, true, false, "977 KB", "00:01:09"},
-        {"V.120 at 56K", 1000000, ModelBitSURFR, 0, true, false, false, "977 KB", "00:02:56"},
-        {"V.120", 1000000, ModelBitSURFR, 0, false, false, false, "977 KB", "00:02:19"},
         {"V.120, 2B", 1000000, ModelBitSURFR, 0, false, true, false, "977 KB", "00:01:05"},
         // AIMUX takes two channels whatever 2B says.
         {"AIMUX with 2B", 1000000, ModelBitSURFR, 1, false, true, false, "977 KB", "00:01:05"},
