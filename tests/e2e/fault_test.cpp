@@ -46,14 +46,6 @@ size_t DataByte(size_t start, size_t section, size_t byte) {
     return start + section * SectionOnLine + 2 + byte;
 }
 
-std::string Corrupt(size_t offset) {
-    return "corrupt:5551001:" + std::to_string(offset);
-}
-
-std::string Drop(size_t offset) {
-    return "drop:5551001:" + std::to_string(offset);
-}
-
 // Two stations, Alice calling Bob, on adapters with the given faults.
 struct FaultyLine : AliceAndBob {
     explicit FaultyLine(const std::vector<std::string>& faults, const std::string& rate = "0")
@@ -101,7 +93,7 @@ TEST(FaultyLineTest, ACorruptedByteIsFoundAndItsSectionSentAgainUnlessItIsInTheU
         const std::string bytes = RandomBytes(c.Size, 11);
         std::vector<std::string> faults;
         for (const size_t offset : c.Offsets) {
-            faults.push_back(Corrupt(offset));
+            faults.push_back("corrupt:5551001:" + std::to_string(offset));
         }
         FaultyLine line(faults);
         line.Choose({{"file.bin", bytes}});
@@ -133,7 +125,7 @@ TEST(FaultyLineTest, ACallCutOffAnywhereLeavesWholeFilesOrAResumableOneAndTheRes
     };
     EachCaseAtOnce(cases, [&](const Case& c) {
         SCOPED_TRACE(c.What);
-        FaultyLine line({Drop(c.Offset)});
+        FaultyLine line({"drop:5551001:" + std::to_string(c.Offset)});
         line.Choose({{"big.bin", big}, {"note.txt", note}});
         ASSERT_EQ(line.Alice->Command("send"), "ok");
         ASSERT_TRUE(line.Bob->WaitForLog("Disconnected"));

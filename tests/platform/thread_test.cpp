@@ -39,11 +39,6 @@ unsigned CountOnce(void* parameter) {
     return 0;
 }
 
-unsigned RecordProcessor(void* parameter) {
-    static_cast<std::atomic<int>*>(parameter)->store(CurrentProcessor());
-    return 0;
-}
-
 struct Parker {
     ThreadHandle Self;
     std::atomic<int> Passes{0};
@@ -121,8 +116,12 @@ TEST(Thread, AThreadKeptOnAProcessorRunsThere) {
     ASSERT_NE(processor, AnyProcessor);
     for (int round = 0; round < 20; ++round) {
         std::atomic<int> ranOn{AnyProcessor};
-        ThreadHandle thread =
-            StartThread(RecordProcessor, &ranOn, ThreadPriority::Normal, false, processor);
+        ThreadHandle thread = StartThread(
+            [](void* ranOn) {
+                static_cast<std::atomic<int>*>(ranOn)->store(CurrentProcessor());
+                return 0u;
+            },
+            &ranOn, ThreadPriority::Normal, false, processor);
         ASSERT_TRUE(thread);
         JoinThread(thread);
         EXPECT_EQ(ranOn.load(), processor);

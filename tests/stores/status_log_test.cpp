@@ -36,12 +36,20 @@ protected:
     std::string LogFile() const { return folder_ / "kestrelbound_log"; }
 };
 
-TEST_F(StatusLogFileTest, ShorterLogKeepsTheStaleTailWhichTheNextStartIgnores) {
+TEST_F(StatusLogFileTest, SavedLinesCannotFakeAnEndMarkAndAShorterLogKeepsAStaleTailThatIsIgnored) {
     // A new installation gets a log of one byte, the end mark.
     ASSERT_TRUE(stores_.Log.Load());
     EXPECT_EQ(ReadWholeFile(LogFile()), std::string(1, '\0'));
     EXPECT_TRUE(stores_.Log.StoredLines().empty());
     EXPECT_TRUE(Messages().empty());
+    // An empty line would be the end mark, and a NUL inside a line would end
+    // it early; neither may hide the lines after it.
+    ASSERT_TRUE(stores_.Log.Save({"first", "", std::string("sec\0ond", 7), "third"}));
+    EXPECT_EQ(ReadWholeFile(LogFile()), std::string("first\0sec\0third\0\0", 17));
+    stores_.Log.Free();
+    ASSERT_TRUE(stores_.Log.Load());
+    EXPECT_EQ(stores_.Log.StoredLines(), (std::vector<std::string>{"first", "sec", "third"}));
+
     ASSERT_TRUE(stores_.Log.Save(Numbered(1, 20)));
     const std::string before = ReadWholeFile(LogFile());
 
@@ -57,18 +65,6 @@ TEST_F(StatusLogFileTest, ShorterLogKeepsTheStaleTailWhichTheNextStartIgnores) {
     stores_.Log.Free();
     ASSERT_TRUE(stores_.Log.Load());
     EXPECT_EQ(stores_.Log.StoredLines(), std::vector<std::string>{stopping});
-}
-
-TEST_F(StatusLogFileTest, SaveCannotBeFooledIntoAnEarlyEndMark) {
-    ASSERT_TRUE(stores_.Log.Load());
-    // An empty line would be the end mark, and a NUL inside a line would end
-    // it early; neither may hide the lines after it.
-    ASSERT_TRUE(stores_.Log.Save({"first", "", std::string("sec\0ond", 7), "third"}));
-    EXPECT_EQ(ReadWholeFile(LogFile()), std::string("first\0sec\0third\0\0", 17));
-
-    stores_.Log.Free();
-    ASSERT_TRUE(stores_.Log.Load());
-    EXPECT_EQ(stores_.Log.StoredLines(), (std::vector<std::string>{"first", "sec", "third"}));
 }
 
 TEST_F(StatusLogFileTest, OnlyTheFirst28000BytesAreReadAndACutLineIsLeftOut) {
