@@ -90,6 +90,7 @@ TEST_F(VirtualTaCommandLine, BadArgumentsGiveOneLineAndExit2) {
         {"--route", "5551000=127.0.0.1:4000", good},
         {"--route", "5552000=a:1", "--route", "5552000=b:2", good},
         {"--config", folder_ / "bad.conf", good},
+        {"--config=", good},
     };
     WriteWholeFile(folder_ / "bad.conf", "rate fast\n");
     for (const auto& arguments : cases) {
