@@ -151,8 +151,8 @@ TEST_F(VirtualTaCommandLine, TheConfigurationFileGivesWhatTheCommandLineGives) {
         arguments.insert(arguments.end(), added.begin(), added.end());
         EXPECT_EQ(Parsed(arguments), refusal.empty() ? Parsed(same) : "refused: " + refusal);
     }
-    EXPECT_EQ(Parsed({"--config", folder_ / "missing.conf"}),
-              "refused: cannot read the configuration file '" + folder_ / "missing.conf" + "'");
+    EXPECT_EQ(Parsed({"--config", folder_ / "sub", folder_ / "COM1=3com:1"}),
+              "refused: cannot read the configuration file '" + folder_ / "sub" + "'");
 }
 
 TEST_F(VirtualTaCommandLine, HelpDescribesTheAdapters) {

@@ -38,8 +38,9 @@ std::string PathFromFile(const std::string& path, const std::string& fileFolder)
 }  // namespace
 
 bool ReadConfigFile(const std::string& path, Options& options, std::string& error) {
+    // A folder would open, and read as an empty file.
     std::ifstream file(path);
-    if (!file) {
+    if (kb::platform::KindOfPath(path) != kb::platform::PathKind::File || !file) {
         error = "cannot read the configuration file '" + path + "'";
         return false;
     }
