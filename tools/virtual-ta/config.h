@@ -4,7 +4,7 @@
 //
 //   # Bob's PC
 //   listen 0.0.0.0:4000
-//   adapter ~/kestrelbound/COM1=zyxel-2864:5552002
+//   adapter ~/Kestrelbound/COM1=zyxel-2864:5552002
 //   route 5551001=alices-pc:4000
 //
 // "NAME VALUE", the names of the long options without "--", "adapter" for an
