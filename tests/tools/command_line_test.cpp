@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <sstream>
 
+#include "virtual-ta/options.h"
 #include "vta_harness.h"
 
 namespace kb::test {
@@ -20,6 +21,37 @@ using VirtualTaCommandLine = VirtualTaTest;
 bool IsLink(const std::string& path) {
     struct stat status {};
     return ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+}
+
+// Every setting of the options, in the order given, or the reason they were
+// refused.
+std::string Parsed(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), "virtual-ta");
+    std::vector<const char*> argv;
+    for (const std::string& argument : arguments) {
+        argv.push_back(argument.c_str());
+    }
+    virtual_ta::Options options;
+    std::string error;
+    if (!virtual_ta::ParseCommandLine(static_cast<int>(argv.size()), argv.data(), options, error)) {
+        return "refused: " + error;
+    }
+    std::ostringstream text;
+    text << options.Rate << " " << options.TracePath << " " << options.AnswerWaitMs << " "
+         << options.ListenHost << ":" << options.ListenPort;
+    for (const virtual_ta::AdapterSetting& given : options.Adapters) {
+        text << "\n"
+             << given.Path << "=" << given.Model->Name << ":" << given.Number << ","
+             << given.MaxSpeed << given.Dip230400 << given.NoDialTone;
+    }
+    for (const virtual_ta::FaultSetting& fault : options.Faults) {
+        text << "\nfault " << static_cast<int>(fault.Kind) << ":" << fault.Number << ":"
+             << fault.Offset << ":" << fault.Probability << ":" << fault.Seed;
+    }
+    for (const virtual_ta::RouteSetting& route : options.Routes) {
+        text << "\nroute " << route.Number << "=" << route.Host << ":" << route.Port;
+    }
+    return text.str();
 }
 
 TEST_F(VirtualTaCommandLine, BadArgumentsGiveOneLineAndExit2) {
@@ -57,7 +89,10 @@ TEST_F(VirtualTaCommandLine, BadArgumentsGiveOneLineAndExit2) {
         {"--route", "555-2000=127.0.0.1:4000", good},
         {"--route", "5551000=127.0.0.1:4000", good},
         {"--route", "5552000=a:1", "--route", "5552000=b:2", good},
+        {"--config", folder_ / "bad.conf", good},
+        {"--config=", good},
     };
+    WriteWholeFile(folder_ / "bad.conf", "rate fast\n");
     for (const auto& arguments : cases) {
         SCOPED_TRACE(testing::PrintToString(arguments));
         ChildProcess run(VIRTUAL_TA_PATH, arguments, "", ChildProcess::Errors::Kept);
@@ -71,6 +106,55 @@ TEST_F(VirtualTaCommandLine, BadArgumentsGiveOneLineAndExit2) {
     EXPECT_EQ(ReadWholeFile(folder_ / "taken"), "mine") << "what is not a link stays";
 }
 
+// A configuration file gives what the same settings on the command line
+// give, read from the file's own folder or the home folder; the command line
+// replaces its single values and adds to its lists; a bad line is named.
+TEST_F(VirtualTaCommandLine, TheConfigurationFileGivesWhatTheCommandLineGives) {
+    const std::string file = folder_ / "line.conf";
+    ASSERT_NE(std::getenv("HOME"), nullptr);
+    const std::string home = std::getenv("HOME");
+    ASSERT_EQ(::mkdir((folder_ / "sub").c_str(), 0700), 0);
+    const struct {
+        std::string Text;
+        std::vector<std::string> Added;  // to the command line, beside --config
+        std::vector<std::string> Same;   // a command line alone that means the same
+        std::string Refusal;             // or the reason the whole is refused
+    } cases[] = {
+        {"# Bob's PC\r\n\n\trate  0   # as fast as it goes\r\n"
+         "adapter COM1=zyxel-2864:5552002,max-speed=57600\nadapter sub/COM2=adtran-xr:12,"
+         "dip230400,no-dialtone\nfault drop:5552002:10\nfault noise:12:1e-5:7\n"
+         "fault corrupt:12:3\ntrace ~/t.txt\nanswer-wait 5\r\nlisten 0.0.0.0:4000\n"
+         "route 5551001=alices-pc:4000\n",
+         {},
+         {"--rate", "0", folder_ / "COM1=zyxel-2864:5552002,max-speed=57600",
+          folder_ / "sub/COM2=adtran-xr:12,dip230400,no-dialtone", "--fault", "drop:5552002:10",
+          "--fault", "noise:12:1e-5:7", "--fault", "corrupt:12:3", "--trace", home + "/t.txt",
+          "--answer-wait", "5", "--listen", "0.0.0.0:4000", "--route", "5551001=alices-pc:4000"},
+         ""},
+        {"rate 0\ntrace /tmp/t\nadapter COM1=3com:1\nroute 2=a:1\n",
+         {"--rate=100", "--route", "3=b:2", folder_ / "sub/COM2=3com:4"},
+         {"--trace", "/tmp/t", folder_ / "COM1=3com:1", "--route", "2=a:1", "--rate", "100",
+          "--route", "3=b:2", folder_ / "sub/COM2=3com:4"},
+         ""},
+        {"adapter COM1=3com:1\n\n# a typo\nrout 2=a:1\n",
+         {},
+         {},
+         file + ":4: unknown setting 'rout'"},
+        {"trace\n", {}, {}, file + ":1: trace needs a value"},
+        {"adapter COM1=3com:1\nadapter COM2=3com:1\n", {}, {}, "two adapters with the number 1"},
+        {"route 2=a:1\n", {folder_ / "COM1=3com:1", "--route", "2=b:1"}, {}, "two routes for 2"},
+    };
+    for (const auto& [text, added, same, refusal] : cases) {
+        SCOPED_TRACE(text);
+        WriteWholeFile(file, text);
+        std::vector<std::string> arguments = {"--config", file};
+        arguments.insert(arguments.end(), added.begin(), added.end());
+        EXPECT_EQ(Parsed(arguments), refusal.empty() ? Parsed(same) : "refused: " + refusal);
+    }
+    EXPECT_EQ(Parsed({"--config", folder_ / "sub", folder_ / "COM1=3com:1"}),
+              "refused: cannot read the configuration file '" + folder_ / "sub" + "'");
+}
+
 TEST_F(VirtualTaCommandLine, HelpDescribesTheAdapters) {
     ChildProcess run(VIRTUAL_TA_PATH, {"--help"});
     EXPECT_EQ(run.WaitForExit(10s), 0);
@@ -82,12 +166,14 @@ TEST_F(VirtualTaCommandLine, HelpDescribesTheAdapters) {
 }
 
 // A link left by an earlier run is replaced; each of the stop signals ends
-// the tool with its links removed.
+// the tool with its links removed. The first adapter comes from a
+// configuration file, its link in the file's folder, not the tool's.
 TEST_F(VirtualTaCommandLine, LinksAreMadeReplacedAndRemovedAtEachStopSignal) {
+    WriteWholeFile(folder_ / "line.conf", "adapter COM1=bitsurfr:5551001\n");
     for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
         SCOPED_TRACE(signal);
         ASSERT_EQ(::symlink("/dev/pts/nowhere", (folder_ / "COM1").c_str()), 0);
-        Start({folder_ / "COM1=bitsurfr:5551001", folder_ / "COM2=zyxel-omninet:5551002"});
+        Start({"--config", folder_ / "line.conf", folder_ / "COM2=zyxel-omninet:5551002"});
         ASSERT_TRUE(IsLink(folder_ / "COM2"));
         EXPECT_EQ(Port("COM1").Command("AT"), "AT\r\r\nOK\r\n") << "the stale link was replaced";
         ports_.clear();

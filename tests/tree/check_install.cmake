@@ -1,6 +1,7 @@
 # Installs the build into a fresh folder and shows that every piece lands
 # where the desktop looks for it: the three programs, the manual's pages, the
-# menu entry and its icon.
+# menu entry and its icon, and the adapters' user service, which names the
+# installed program, beside the example of its configuration.
 #
 #   cmake -DBUILD=<build> -DPREFIX=<folder> -DMANUAL=<build>/src/ui/manual -P check_install.cmake
 file(REMOVE_RECURSE ${PREFIX})
@@ -41,6 +42,20 @@ if(EXISTS ${entry})
     endforeach()
 else()
     list(APPEND failures "the menu entry is missing")
+endif()
+set(unit ${PREFIX}/lib/systemd/user/kestrelbound-line.service)
+if(EXISTS ${unit})
+    file(READ ${unit} text)
+    set(line "ExecStart=${PREFIX}/bin/virtual-ta --config %h/.config/kestrelbound/line.conf\n")
+    string(FIND "${text}" "${line}" at)
+    if(at EQUAL -1)
+        list(APPEND failures "the service lacks \"${line}\"")
+    endif()
+else()
+    list(APPEND failures "the adapters' service is missing")
+endif()
+if(NOT EXISTS ${PREFIX}/share/doc/kestrelbound/line.conf.example)
+    list(APPEND failures "the example configuration is missing")
 endif()
 
 if(failures)

@@ -4,10 +4,12 @@
 
 #include <algorithm>
 #include <cctype>
+#include <optional>
 #include <set>
 #include <stdexcept>
 
 #include "platform/files.h"
+#include "virtual-ta/config.h"
 #include "virtual-ta/link.h"
 
 namespace kb::virtual_ta {
@@ -182,26 +184,107 @@ bool ParseFault(const std::string& text, FaultSetting& fault, std::string& error
 
 }  // namespace
 
-bool ParseCommandLine(int argc, const char* const* argv, Options& options, std::string& error) {
-    options = Options{};
+Applied ApplySetting(const std::string& name, const std::string& shown, const ValueTaker& take,
+                     Options& options, std::string& error) {
+    std::string value;
+    const auto takeValue = [&]() { return take(value, error); };
+    if (name == "rate") {
+        if (!takeValue()) {
+            return Applied::Refused;
+        }
+        if (!ParseNumber(value, 1000000000, options.Rate)) {
+            error = shown + " must be bytes per second, 0 to 1000000000";
+            return Applied::Refused;
+        }
+    } else if (name == "fault") {
+        if (!takeValue()) {
+            return Applied::Refused;
+        }
+        FaultSetting fault;
+        if (!ParseFault(value, fault, error)) {
+            return Applied::Refused;
+        }
+        options.Faults.push_back(fault);
+    } else if (name == "trace") {
+        if (!takeValue()) {
+            return Applied::Refused;
+        }
+        if (value.empty()) {
+            error = shown + " needs a file";
+            return Applied::Refused;
+        }
+        options.TracePath = value;
+    } else if (name == "answer-wait") {
+        uint64_t seconds = 0;
+        if (!takeValue()) {
+            return Applied::Refused;
+        }
+        if (!ParseNumber(value, 3600, seconds) || seconds == 0) {
+            error = shown + " must be seconds, 1 to 3600";
+            return Applied::Refused;
+        }
+        options.AnswerWaitMs = static_cast<uint32_t>(seconds * 1000);
+    } else if (name == "listen") {
+        if (!takeValue()) {
+            return Applied::Refused;
+        }
+        if (!ParseHostPort(value, true, options.ListenHost, options.ListenPort)) {
+            error = shown + " must be HOST:PORT, e.g. 0.0.0.0:4000 (port 0: any free port)";
+            return Applied::Refused;
+        }
+    } else if (name == "route") {
+        if (!takeValue()) {
+            return Applied::Refused;
+        }
+        RouteSetting route;
+        const size_t equals = value.find('=');
+        route.Number = value.substr(0, equals);
+        if (equals == std::string::npos || !AllDigits(route.Number) || route.Number.size() > 31 ||
+            !ParseHostPort(value.substr(equals + 1), false, route.Host, route.Port)) {
+            error = "route '" + value + "' is not NUMBER=HOST:PORT";
+            return Applied::Refused;
+        }
+        options.Routes.push_back(route);
+    } else if (name == "adapter") {
+        if (!takeValue()) {
+            return Applied::Refused;
+        }
+        AdapterSetting given;
+        if (!ParseAdapter(value, given, error)) {
+            return Applied::Refused;
+        }
+        options.Adapters.push_back(given);
+    } else {
+        return Applied::Unknown;
+    }
+    return Applied::Taken;
+}
+
+namespace {
+
+// Applies the arguments to the options, leaving what they do not set as it
+// is; --config is noted, not read.
+bool ApplyCommandLine(int argc, const char* const* argv, Options& options, std::string& error) {
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
-        std::string value;
-        bool hasValue = false;
+        std::optional<std::string> attached;
         if (arg.rfind("--", 0) == 0) {
             const size_t equals = arg.find('=');
             if (equals != std::string::npos) {
-                value = arg.substr(equals + 1);
+                attached = arg.substr(equals + 1);
                 arg = arg.substr(0, equals);
-                hasValue = true;
             }
         }
-        const auto takeValue = [&]() {
-            if (hasValue) {
+        // A value is the part behind "=" or else the next argument.
+        bool taken = false;
+        const ValueTaker take = [&](std::string& value, std::string& reason) {
+            taken = true;
+            if (attached) {
+                value = *attached;
                 return true;
             }
             if (i + 1 >= argc) {
-                error = arg + " needs a value";
+                reason = arg + " needs a value";
                 return false;
             }
             value = argv[++i];
@@ -211,75 +294,41 @@ bool ParseCommandLine(int argc, const char* const* argv, Options& options, std::
             options.Help = true;
             return true;
         }
-        if (arg == "--rate") {
-            if (!takeValue()) {
+        if (arg == "--config") {
+            if (!take(options.ConfigPath, error)) {
                 return false;
             }
-            if (!ParseNumber(value, 1000000000, options.Rate)) {
-                error = "--rate must be bytes per second, 0 to 1000000000";
+            if (options.ConfigPath.empty()) {
+                error = "--config needs a file";
                 return false;
             }
-        } else if (arg == "--fault") {
-            if (!takeValue()) {
-                return false;
-            }
-            FaultSetting fault;
-            if (!ParseFault(value, fault, error)) {
-                return false;
-            }
-            options.Faults.push_back(fault);
-        } else if (arg == "--trace") {
-            if (!takeValue()) {
-                return false;
-            }
-            if (value.empty()) {
-                error = "--trace needs a file";
-                return false;
-            }
-            options.TracePath = value;
-        } else if (arg == "--answer-wait") {
-            uint64_t seconds = 0;
-            if (!takeValue()) {
-                return false;
-            }
-            if (!ParseNumber(value, 3600, seconds) || seconds == 0) {
-                error = "--answer-wait must be seconds, 1 to 3600";
-                return false;
-            }
-            options.AnswerWaitMs = static_cast<uint32_t>(seconds * 1000);
-        } else if (arg == "--listen") {
-            if (!takeValue()) {
-                return false;
-            }
-            if (!ParseHostPort(value, true, options.ListenHost, options.ListenPort)) {
-                error = "--listen must be HOST:PORT, e.g. 0.0.0.0:4000 (port 0: any free port)";
-                return false;
-            }
-        } else if (arg == "--route") {
-            if (!takeValue()) {
-                return false;
-            }
-            RouteSetting route;
-            const size_t equals = value.find('=');
-            route.Number = value.substr(0, equals);
-            if (equals == std::string::npos || !AllDigits(route.Number) ||
-                route.Number.size() > 31 ||
-                !ParseHostPort(value.substr(equals + 1), false, route.Host, route.Port)) {
-                error = "route '" + value + "' is not NUMBER=HOST:PORT";
-                return false;
-            }
-            options.Routes.push_back(route);
-        } else if (arg.rfind("-", 0) == 0) {
+            continue;
+        }
+        Applied applied = Applied::Unknown;
+        if (arg.rfind("--", 0) == 0) {
+            applied = arg == "--adapter" ? Applied::Unknown
+                                         : ApplySetting(arg.substr(2), arg, take, options, error);
+        } else if (arg.rfind("-", 0) != 0) {
+            attached = arg;
+            applied = ApplySetting("adapter", arg, take, options, error);
+        }
+        if (applied == Applied::Unknown) {
             error = "unknown option '" + arg + "'";
             return false;
-        } else {
-            AdapterSetting given;
-            if (!ParseAdapter(arg, given, error)) {
-                return false;
-            }
-            options.Adapters.push_back(given);
+        }
+        if (applied == Applied::Refused) {
+            return false;
+        }
+        if (attached && !taken) {
+            error = arg + " takes no value";
+            return false;
         }
     }
+    return true;
+}
+
+// The checks that only all settings together allow.
+bool CheckSettings(const Options& options, std::string& error) {
     if (options.Adapters.empty()) {
         error = "no ADAPTER given";
         return false;
@@ -314,6 +363,29 @@ bool ParseCommandLine(int argc, const char* const* argv, Options& options, std::
         }
     }
     return true;
+}
+
+}  // namespace
+
+bool ParseCommandLine(int argc, const char* const* argv, Options& options, std::string& error) {
+    options = Options{};
+    if (!ApplyCommandLine(argc, argv, options, error)) {
+        return false;
+    }
+    if (options.Help) {
+        return true;
+    }
+    if (!options.ConfigPath.empty()) {
+        // The file first, then the command line again on top of it: its
+        // single values replace the file's, its lists add to them.
+        Options merged;
+        if (!ReadConfigFile(options.ConfigPath, merged, error) ||
+            !ApplyCommandLine(argc, argv, merged, error)) {
+            return false;
+        }
+        options = std::move(merged);
+    }
+    return CheckSettings(options, error);
 }
 
 const char* UsageHint() {
@@ -376,6 +448,13 @@ Options:
                       (may be given several times). The call then behaves as
                       a call between two adapters here; NO CARRIER if that
                       virtual-ta cannot be reached.
+  --config FILE       take the settings of FILE first: one a line, "NAME
+                      VALUE", NAME an option above without "--" or "adapter"
+                      for an ADAPTER; "#" starts a comment. A path there that
+                      begins with "~/" is in the home folder, another relative
+                      one is relative to the file's folder. Options given here
+                      as well replace the file's single values and add to its
+                      adapters, faults and routes.
   --help              this text
 
 It prints "ready" once every link exists, runs until SIGINT or SIGTERM, then

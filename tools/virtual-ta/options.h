@@ -1,8 +1,10 @@
-// The command line of virtual-ta: the adapters it plays, the pace of the line,
-// the faults to put on it and the trace to keep.
+// The settings of virtual-ta, from its command line and its configuration
+// file: the adapters it plays, the pace of the line, the faults to put on it
+// and the trace to keep.
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -56,11 +58,26 @@ struct Options {
     std::string ListenHost;
     uint16_t ListenPort = 0;
     std::vector<RouteSetting> Routes;
+    std::string ConfigPath;  // --config FILE: the settings of the file come first
     bool Help = false;
 };
 
-// Parses the arguments. False with a one-line reason for bad ones.
+// Parses the arguments, and the configuration file that --config names. False
+// with a one-line reason for bad ones.
 bool ParseCommandLine(int argc, const char* const* argv, Options& options, std::string& error);
+
+// Gives the value of the setting being applied; false, with the reason, if it
+// has none.
+using ValueTaker = std::function<bool(std::string& value, std::string& error)>;
+
+enum class Applied { Taken, Refused, Unknown };
+
+// Applies one setting to the options, as the command line and the file both
+// name it: its long option without "--" ("rate"), or "adapter" for an
+// ADAPTER. shown is the name as the user wrote it, for the reasons. Refused
+// leaves the reason in error; Unknown names no setting.
+[[nodiscard]] Applied ApplySetting(const std::string& name, const std::string& shown,
+                                   const ValueTaker& take, Options& options, std::string& error);
 
 // The text of --help.
 std::string HelpText();
