@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <sstream>
 
+#include "virtual-ta/identity.h"
 #include "vta_harness.h"
 
 namespace kb::test {
@@ -57,6 +58,11 @@ TEST_F(VirtualTaCommandLine, BadArgumentsGiveOneLineAndExit2) {
         {"--route", "555-2000=127.0.0.1:4000", good},
         {"--route", "5551000=127.0.0.1:4000", good},
         {"--route", "5552000=a:1", "--route", "5552000=b:2", good},
+        {"--peer", "GBRVB-W61JJ-JS677", good},
+        {"--route", "5552000=127.0.0.1:4000/GBRVB-W61JJ-JS677-421R6-BEAAV-A4VP7", good},
+        // Plain TCP beyond loopback, without --insecure.
+        {"--listen", "0.0.0.0:0", good},
+        {"--route", "5552000=192.0.2.7:4000", good},
     };
     for (const auto& arguments : cases) {
         SCOPED_TRACE(testing::PrintToString(arguments));
@@ -69,6 +75,67 @@ TEST_F(VirtualTaCommandLine, BadArgumentsGiveOneLineAndExit2) {
     }
     EXPECT_FALSE(IsLink(folder_ / "COM1")) << "no link is left by a refused start";
     EXPECT_EQ(ReadWholeFile(folder_ / "taken"), "mine") << "what is not a link stays";
+    // Those addresses are taken with a peer to take calls from, or under --insecure.
+    const std::string key = folder_ / "line.key";
+    Start({"--listen", "0.0.0.0:0", "--identity", key, "--peer", ShowIdentity(key), good});
+    Start({"--insecure", "--listen", "0.0.0.0:0", "--route", "5552000=192.0.2.7:4000", good});
+}
+
+// The key is made once, for its user alone, and gives the same line ID at
+// each start; one that others may read, or that is no key, is refused.
+TEST_F(VirtualTaCommandLine, TheIdentityKeyIsMadeOnceForItsUserAlone) {
+    const std::string key = folder_ / "made/here/line.key";
+    const std::string id = ShowIdentity(key);
+    EXPECT_EQ(id.size(), 35u) << id;
+    EXPECT_EQ(ShowIdentity(key), id);
+    struct stat status {};
+    ASSERT_EQ(::stat(key.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0600u);
+    WriteWholeFile(folder_ / "junk.key", "not a key\n");
+    ASSERT_EQ(::chmod((folder_ / "junk.key").c_str(), 0600), 0);
+    ASSERT_EQ(::chmod(key.c_str(), 0640), 0);
+    for (const std::string& path : {key, folder_ / "junk.key"}) {
+        ChildProcess run(VIRTUAL_TA_PATH, {"--show-identity", "--identity", path}, "",
+                         ChildProcess::Errors::Kept);
+        EXPECT_EQ(run.WaitForExit(10s), 1);
+        EXPECT_TRUE(run.AllLines().empty());
+        EXPECT_NE(run.ErrorText().find(path), std::string::npos) << run.ErrorText();
+    }
+}
+
+// A line ID is read as a person may type it, and any one character wrong, or
+// two neighbours swapped, is caught in its group.
+TEST_F(VirtualTaCommandLine, ALineIdIsReadAsTypedAndATypoNamesItsGroup) {
+    using virtual_ta::LineId;
+    using virtual_ta::ParseLineId;
+    LineId id;  // the first 40 bits 00001 repeated, the rest 0
+    const uint8_t start[] = {0x08, 0x42, 0x10, 0x84, 0x21};
+    std::copy(std::begin(start), std::end(start), id.Bits.begin());
+    const std::string text = "1111T-1111T-00000-00000-00000-00000";
+    EXPECT_EQ(id.Text(), text);
+    const struct {
+        const char* Typed;
+        const char* Error;  // "" when it is read as the ID
+    } cases[] = {
+        {"1111T-1111T-00000-00000-00000-00000", ""},
+        {"llllt iiiit ooooo 0O0o0 00000-0000-0", ""},
+        {"1111T1111T0000000000000000000000", "30 characters"},
+        {"1111T-1111T-00000-00080-00000-00000", "group 4"},
+        {"1111T-111T1-00000-00000-00000-00000", "group 2"},
+        {"1111T-1111T-00000-00000-00000-0000U", "group 6"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.Typed);
+        std::string error;
+        const std::optional<LineId> read = ParseLineId(c.Typed, error);
+        if (c.Error[0] == '\0') {
+            ASSERT_TRUE(read.has_value()) << error;
+            EXPECT_EQ(read->Text(), text);
+        } else {
+            EXPECT_FALSE(read.has_value());
+            EXPECT_NE(error.find(c.Error), std::string::npos) << error;
+        }
+    }
 }
 
 TEST_F(VirtualTaCommandLine, HelpDescribesTheAdapters) {
