@@ -255,8 +255,8 @@ protected:
         std::vector<std::string> bobsKeys;
         std::vector<std::string> alicesKeys;
         if (tls) {
-            const std::string alicesId = ShowIdentity(folder_ / "alice.key");
-            const std::string bobsId = ShowIdentity(folder_ / "bob.key");
+            const std::string alicesId = ShowIdentity(VIRTUAL_TA_PATH, folder_ / "alice.key");
+            const std::string bobsId = ShowIdentity(VIRTUAL_TA_PATH, folder_ / "bob.key");
             toAlice = "/" + alicesId;
             toBob = "/" + (bobAtAlice.empty() ? bobsId : bobAtAlice);
             bobsKeys = {"--identity", folder_ / "bob.key", "--peer", alicesId};
@@ -346,7 +346,7 @@ TEST_F(CallsAway, ACallEachWayCarriesEveryByteInOrderAndALostOneEndsAtBothEnds) 
 // Bob, Alice hears NO CARRIER, and each refusing tool logs the address and
 // the ID that was offered.
 TEST_F(CallsAway, AStrangerAndAToolOfAnotherIdAreRefusedInTheHandshake) {
-    const std::string strangersId = ShowIdentity(folder_ / "stranger.key");
+    const std::string strangersId = ShowIdentity(VIRTUAL_TA_PATH, folder_ / "stranger.key");
     for (const bool strangerCalls : {true, false}) {
         SCOPED_TRACE(strangerCalls ? "a stranger calls" : "another ID answers");
         if (strangerCalls) {
@@ -364,7 +364,7 @@ TEST_F(CallsAway, AStrangerAndAToolOfAnotherIdAreRefusedInTheHandshake) {
                 Occurrences(ReadWholeFile(bobsTrace_), "line ID " + strangersId + " is not a peer"),
                 1u);
         } else {
-            const std::string bobsId = ShowIdentity(folder_ / "bob.key");
+            const std::string bobsId = ShowIdentity(VIRTUAL_TA_PATH, folder_ / "bob.key");
             EXPECT_NE(alicesTool_->ErrorText().find(
                           "refused by 127.0.0.1:" + std::to_string(relay_->Port()) + ": line ID " +
                           bobsId + " is not the route's " + strangersId),

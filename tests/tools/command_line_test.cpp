@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <sstream>
 
+#include "support/tcp_relay.h"
 #include "virtual-ta/identity.h"
 #include "vta_harness.h"
 
@@ -77,7 +78,8 @@ TEST_F(VirtualTaCommandLine, BadArgumentsGiveOneLineAndExit2) {
     EXPECT_EQ(ReadWholeFile(folder_ / "taken"), "mine") << "what is not a link stays";
     // Those addresses are taken with a peer to take calls from, or under --insecure.
     const std::string key = folder_ / "line.key";
-    Start({"--listen", "0.0.0.0:0", "--identity", key, "--peer", ShowIdentity(key), good});
+    Start({"--listen", "0.0.0.0:0", "--identity", key, "--peer", ShowIdentity(VIRTUAL_TA_PATH, key),
+           good});
     Start({"--insecure", "--listen", "0.0.0.0:0", "--route", "5552000=192.0.2.7:4000", good});
 }
 
@@ -85,9 +87,9 @@ TEST_F(VirtualTaCommandLine, BadArgumentsGiveOneLineAndExit2) {
 // each start; one that others may read, or that is no key, is refused.
 TEST_F(VirtualTaCommandLine, TheIdentityKeyIsMadeOnceForItsUserAlone) {
     const std::string key = folder_ / "made/here/line.key";
-    const std::string id = ShowIdentity(key);
+    const std::string id = ShowIdentity(VIRTUAL_TA_PATH, key);
     EXPECT_EQ(id.size(), 35u) << id;
-    EXPECT_EQ(ShowIdentity(key), id);
+    EXPECT_EQ(ShowIdentity(VIRTUAL_TA_PATH, key), id);
     struct stat status {};
     ASSERT_EQ(::stat(key.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0600u);

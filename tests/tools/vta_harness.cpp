@@ -29,15 +29,6 @@ FarEnd& VirtualTaTest::Port(const std::string& name, uint32_t speed) {
     return *ports_.back();
 }
 
-std::string ShowIdentity(const std::string& keyPath) {
-    ChildProcess run(VIRTUAL_TA_PATH, {"--show-identity", "--identity", keyPath});
-    std::string id;
-    return run.NextLine(id, std::chrono::seconds(10)) &&
-                   run.WaitForExit(std::chrono::seconds(10)) == 0
-               ? id
-               : "";
-}
-
 bool WaitForTrace(const std::string& path, const std::string& text, size_t count, int timeoutMs) {
     // The tool writes each line with one write, so a line read is whole.
     return PollUntil([&] { return Occurrences(ReadWholeFile(path), text) >= count; },

@@ -34,10 +34,6 @@ protected:
     std::vector<std::unique_ptr<FarEnd>> ports_;
 };
 
-// The line ID that virtual-ta --show-identity prints for the key file, made
-// there if missing; "" if it prints none.
-std::string ShowIdentity(const std::string& keyPath);
-
 // Waits until the trace file holds count lines with the text in them; false
 // if it does not within the time.
 bool WaitForTrace(const std::string& path, const std::string& text, size_t count, int timeoutMs);
