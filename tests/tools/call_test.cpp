@@ -314,13 +314,15 @@ int SilentConnection(uint16_t port) {
     return fd;
 }
 
-// In plain TCP and over TLS: more than one message of the link holds, both
-// ways at once; Bob calls back with a carrier code in front. A lost
-// connection is NO CARRIER at both ends, and the next call goes through.
+// In plain TCP, Alice's tool under --insecure, and over TLS: more than one
+// message of the link holds, both ways at once; Bob calls back with a carrier
+// code in front. A lost connection is NO CARRIER at both ends, and the next
+// call goes through.
 TEST_F(CallsAway, ACallEachWayCarriesEveryByteInOrderAndALostOneEndsAtBothEnds) {
     for (const bool tls : {false, true}) {
         SCOPED_TRACE(tls ? "TLS" : "plain");
-        StartBoth({}, 0, tls);
+        StartBoth(tls ? std::vector<std::string>{} : std::vector<std::string>{"--insecure"}, 0,
+                  tls);
         FarEnd& alice = Port("alice");
         FarEnd& bob = Port("bob");
         CallEachWay(alice, bob, "5552002", "102885551001", RandomBytes(300000, 1),
@@ -338,6 +340,9 @@ TEST_F(CallsAway, ACallEachWayCarriesEveryByteInOrderAndALostOneEndsAtBothEnds) 
         // Bob's trace is begun anew by each start: over TLS, it holds his
         // call back and the three calls to him.
         EXPECT_EQ(Occurrences(ReadWholeFile(bobsTrace_), "TLS with 127.0.0.1:"), tls ? 4u : 0u);
+        // Alice's log tells of each of her calls in plain TCP, both ways.
+        EXPECT_EQ(Occurrences(alicesTool_->ErrorText(), "in plain TCP (--insecure)"), tls ? 0u : 4u)
+            << alicesTool_->ErrorText();
     }
 }
 
