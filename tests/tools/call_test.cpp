@@ -297,6 +297,9 @@ protected:
     uint16_t alicesPort_ = 0;
 };
 
+// The first byte of a TLS handshake.
+constexpr char TlsRecord = 0x16;
+
 // A connection to the port on loopback that says nothing; -1 if it is not
 // made within 10 s.
 int SilentConnection(uint16_t port) {
@@ -349,7 +352,8 @@ TEST_F(CallsAway, ACallEachWayCarriesEveryByteInOrderAndALostOneEndsAtBothEnds) 
 // A stranger's tool calling Bob's is refused in the handshake, and so is
 // Bob's by Alice's when her route names another ID for him: nothing rings
 // Bob, Alice hears NO CARRIER, and each refusing tool logs the address and
-// the ID that was offered.
+// the ID that was offered. A handshake begun and never finished is closed as
+// a silent connection is.
 TEST_F(CallsAway, AStrangerAndAToolOfAnotherIdAreRefusedInTheHandshake) {
     const std::string strangersId = ShowIdentity(VIRTUAL_TA_PATH, folder_ / "stranger.key");
     for (const bool strangerCalls : {true, false}) {
@@ -361,6 +365,8 @@ TEST_F(CallsAway, AStrangerAndAToolOfAnotherIdAreRefusedInTheHandshake) {
         }
         FarEnd& alice = Port("alice");
         FarEnd& bob = Port("bob");
+        const int halfway = SilentConnection(ListeningPort(tool_->AllLines()));
+        ASSERT_EQ(::send(halfway, &TlsRecord, 1, MSG_NOSIGNAL), 1);
         ExpectFailedDial(alice, "5552002", "NO CARRIER");
         EXPECT_EQ(bob.ReceiveFor(300), "") << "no RING";
         if (strangerCalls) {
@@ -368,6 +374,7 @@ TEST_F(CallsAway, AStrangerAndAToolOfAnotherIdAreRefusedInTheHandshake) {
             EXPECT_EQ(
                 Occurrences(ReadWholeFile(bobsTrace_), "line ID " + strangersId + " is not a peer"),
                 1u);
+            EXPECT_TRUE(WaitForTrace(bobsTrace_, "closed: no call set up within 5 s", 1, 10000));
         } else {
             const std::string bobsId = ShowIdentity(VIRTUAL_TA_PATH, folder_ / "bob.key");
             EXPECT_NE(alicesTool_->ErrorText().find(
@@ -376,6 +383,7 @@ TEST_F(CallsAway, AStrangerAndAToolOfAnotherIdAreRefusedInTheHandshake) {
                       std::string::npos)
                 << alicesTool_->ErrorText();
         }
+        ::close(halfway);
     }
 }
 
