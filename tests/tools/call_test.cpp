@@ -300,23 +300,6 @@ protected:
 // The first byte of a TLS handshake.
 constexpr char TlsRecord = 0x16;
 
-// A connection to the port on loopback that says nothing; -1 if it is not
-// made within 10 s.
-int SilentConnection(uint16_t port) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const timeval limit{10, 0};  // a blocking connect waits no longer than a send
-    if (::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0 ||
-        ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
-}
-
 // In plain TCP, Alice's tool under --insecure, and over TLS: more than one
 // message of the link holds, both ways at once; Bob calls back with a carrier
 // code in front. A lost connection is NO CARRIER at both ends, and the next

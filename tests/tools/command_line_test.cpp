@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -76,11 +77,36 @@ TEST_F(VirtualTaCommandLine, BadArgumentsGiveOneLineAndExit2) {
     }
     EXPECT_FALSE(IsLink(folder_ / "COM1")) << "no link is left by a refused start";
     EXPECT_EQ(ReadWholeFile(folder_ / "taken"), "mine") << "what is not a link stays";
-    // Those addresses are taken with a peer to take calls from, or under --insecure.
+    // Those addresses are taken with an ID to take calls from (a route's
+    // will do), or under --insecure; and only then is a plain call taken
+    // from away.
     const std::string key = folder_ / "line.key";
-    Start({"--listen", "0.0.0.0:0", "--identity", key, "--peer", ShowIdentity(VIRTUAL_TA_PATH, key),
-           good});
-    Start({"--insecure", "--listen", "0.0.0.0:0", "--route", "5552000=192.0.2.7:4000", good});
+    const std::string trace = folder_ / "trace.txt";
+    const std::string away = AddressBeyondLoopback();
+    const std::vector<std::string> taken[] = {
+        {"--route", "5552000=192.0.2.7:4000/" + ShowIdentity(VIRTUAL_TA_PATH, key), "--identity",
+         key},
+        {"--route", "5552000=192.0.2.7:4000", "--insecure"},
+    };
+    for (const auto& options : taken) {
+        const bool insecure = &options == &taken[1];
+        SCOPED_TRACE(insecure ? "insecure" : "with an ID");
+        std::vector<std::string> arguments = {"--trace", trace, "--listen", "0.0.0.0:0", good};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        Start(arguments);
+        if (away.empty()) {
+            continue;
+        }
+        const int call = SilentConnection(ListeningPort(tool_->AllLines()), away);
+        ASSERT_EQ(::send(call, "S", 1, MSG_NOSIGNAL), 1);
+        EXPECT_TRUE(WaitForTrace(
+            trace, insecure ? "in plain TCP (--insecure)" : "plain TCP is taken from loopback only",
+            1, 5000));
+        ::close(call);
+    }
+    if (away.empty()) {
+        GTEST_SKIP() << "no address beyond loopback to call from";
+    }
 }
 
 // The key is made once, for its user alone, and gives the same line ID at
