@@ -171,7 +171,8 @@ TEST_F(VirtualTaCommandLine, HelpDescribesTheAdapters) {
     EXPECT_EQ(run.WaitForExit(10s), 0);
     for (const char* word :
          {"PATH=FAMILY:NUMBER", "bitsurfr", "adtran-xrt", "zyxel-ta128", "3com", "max-speed=N",
-          "dip230400", "no-dialtone", "--rate", "--fault", "--trace"}) {
+          "dip230400", "no-dialtone", "--rate", "--fault", "--trace", "--peer ID",
+          "--identity FILE", "--show-identity", "--insecure"}) {
         EXPECT_FALSE(LinesHolding(run.AllLines(), {word}).empty()) << word;
     }
 }
