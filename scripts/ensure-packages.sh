@@ -6,10 +6,10 @@
 # SVG for the pictures, the platform plugins (its tests run on "offscreen"),
 # and a font for them to draw with; a virtual X server and a small window
 # manager, for the one test that resizes and maximises the window as a
-# desktop does.
+# desktop does. OpenSSL 3 for virtual-ta's TLS and identity keys.
 KB_PACKAGES=(cmake ninja-build g++ libgtest-dev libgmock-dev clang-format clang-tidy
     qt6-base-dev qt6-base-dev-tools qt6-svg-dev qt6-qpa-plugins libgl-dev fonts-dejavu-core
-    xvfb openbox)
+    xvfb openbox libssl-dev)
 
 kb_missing_packages() {
     local missing=()

@@ -30,6 +30,8 @@ public:
     VirtualAdapters(const std::vector<std::string>& adapters,
                     const std::vector<std::string>& options = {});
     pid_t Pid() const { return process_.Pid(); }
+    // The port it said it listens on, with --listen; 0 without.
+    uint16_t ListeningPort() const;
 
 private:
     ChildProcess process_;

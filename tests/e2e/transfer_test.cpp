@@ -105,6 +105,26 @@ TEST_F(TwoStations, FilesAndFoldersArriveByteForByteBesideWhatIsThereAndTheCalle
     EXPECT_TRUE(arrived == back) << arrived.size() << " bytes arrived of " << back.size();
 }
 
+// Alice and Bob on computers of their own, as far as the tools can tell: each
+// station's adapter on a tool of its own, the tools calling over TLS. A file
+// goes each way whole.
+TEST(StationsApart, AFileGoesEachWayOverTls) {
+    AliceAndBob line("zyxel-2864", {"--rate", "0"}, true);
+    const std::string there = RandomBytes(300000, 21);
+    line.Choose({{"there.bin", there}});
+    line.SendThrough();
+    ExpectSameBytes(line.IncomingPath("there.bin"), there);
+
+    const std::string back = RandomBytes(70000, 22);
+    ASSERT_EQ(line.Bob->Command("name Alice"), "ok");
+    ASSERT_EQ(line.Bob->Command("number 5551001"), "ok");
+    ASSERT_EQ(line.Bob->Command("choose " + line.Sample("back.bin", back)), "ok");
+    ASSERT_EQ(line.Bob->Command("send"), "ok");
+    ASSERT_TRUE(line.Bob->WaitForLog("All files sent.")) << line.Logs();
+    ASSERT_TRUE(line.Alice->WaitForLog("All files received."));
+    ExpectSameBytes(line.AlicePath + "/Incoming Files/back.bin", back);
+}
+
 // The largest file that the sending side's block counter holds, 2047 whole
 // sections, goes through as fast as the ports go; one byte more is refused
 // before any call, as the file list's own test shows. The file is sparse, so

@@ -8,10 +8,12 @@
 #include <unistd.h>
 
 #include <cerrno>
-
+#include <chrono>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "support/child_process.h"
 
 namespace kb::test {
 
@@ -48,6 +50,15 @@ uint16_t ListeningPort(const std::vector<std::string>& lines) {
         }
     }
     return 0;
+}
+
+std::string ShowIdentity(const std::string& program, const std::string& keyPath) {
+    ChildProcess run(program, {"--show-identity", "--identity", keyPath});
+    std::string id;
+    return run.NextLine(id, std::chrono::seconds(10)) &&
+                   run.WaitForExit(std::chrono::seconds(10)) == 0
+               ? id
+               : "";
 }
 
 TcpRelay::TcpRelay(uint16_t targetPort) : targetPort_(targetPort) {

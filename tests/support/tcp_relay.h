@@ -18,6 +18,9 @@ uint16_t FreePort();
 // The port that a virtual-ta started with --listen says it got, found in its
 // output lines ("listening on HOST:PORT"); 0 if it said none.
 uint16_t ListeningPort(const std::vector<std::string>& lines);
+// The line ID that the virtual-ta program prints with --show-identity for
+// the key file, made there if missing; "" if it prints none.
+std::string ShowIdentity(const std::string& program, const std::string& keyPath);
 
 class TcpRelay {
 public:

@@ -240,70 +240,133 @@ TEST_F(VirtualTaPorts, APortLeftExclusiveOpensForAnyUserWithTheAdapterAsItWas) {
 // call between two adapters of one process.
 class CallsAway : public VirtualTaTest {
 protected:
-    // Bob's process runs unthrottled, with the descriptors it is allowed if
-    // bobsDescriptors is not 0; Alice's takes the extra options. Her dials of
-    // Bob's numbers go through a relay, which a test may cut.
-    void StartBoth(const std::vector<std::string>& aliceOptions, int bobsDescriptors = 0) {
+    // Bob's process runs unthrottled and traces, with the descriptors it is
+    // allowed if bobsDescriptors is not 0; Alice's takes the extra options.
+    // Her dials of Bob's numbers go through a relay, which a test may cut.
+    // Over TLS, each tool has a key in the test's folder and knows the
+    // other's line ID: Bob's as a peer, Alice's on her routes, where Bob's
+    // tool is given bobAtAlice instead if that is not empty.
+    void StartBoth(const std::vector<std::string>& aliceOptions, int bobsDescriptors = 0,
+                   bool tls = false, const std::string& bobAtAlice = "") {
         alicesPort_ = FreePort();
         const std::string alicePort = std::to_string(alicesPort_);
-        Start(
-            {"--rate", "0", "--listen", "127.0.0.1:0", "--route", "5551001=127.0.0.1:" + alicePort,
-             folder_ / "bob=zyxel-2864:5552002", folder_ / "carol=3com:5552003"},
-            bobsDescriptors);
+        std::string toAlice;
+        std::string toBob;
+        std::vector<std::string> bobsKeys;
+        std::vector<std::string> alicesKeys;
+        if (tls) {
+            const std::string alicesId = ShowIdentity(VIRTUAL_TA_PATH, folder_ / "alice.key");
+            const std::string bobsId = ShowIdentity(VIRTUAL_TA_PATH, folder_ / "bob.key");
+            toAlice = "/" + alicesId;
+            toBob = "/" + (bobAtAlice.empty() ? bobsId : bobAtAlice);
+            bobsKeys = {"--identity", folder_ / "bob.key", "--peer", alicesId};
+            alicesKeys = {"--identity", folder_ / "alice.key"};
+        }
+        std::vector<std::string> bobs = {"--rate",
+                                         "0",
+                                         "--trace",
+                                         bobsTrace_,
+                                         "--listen",
+                                         "127.0.0.1:0",
+                                         "--route",
+                                         "5551001=127.0.0.1:" + alicePort + toAlice,
+                                         folder_ / "bob=zyxel-2864:5552002",
+                                         folder_ / "carol=3com:5552003"};
+        bobs.insert(bobs.end(), bobsKeys.begin(), bobsKeys.end());
+        Start(bobs, bobsDescriptors);
         ASSERT_NE(ListeningPort(tool_->AllLines()), 0);
         relay_ = std::make_unique<TcpRelay>(ListeningPort(tool_->AllLines()));
-        const std::string bobs = "127.0.0.1:" + std::to_string(relay_->Port());
+        const std::string relayed = "127.0.0.1:" + std::to_string(relay_->Port()) + toBob;
         std::vector<std::string> arguments = {
-            "--rate", "0", "--listen", "127.0.0.1:" + alicePort, "--route", "5552002=" + bobs,
-            "--route", "5552003=" + bobs, "--route", "5559999=" + bobs,
+            "--rate", "0", "--listen", "127.0.0.1:" + alicePort, "--route", "5552002=" + relayed,
+            "--route", "5552003=" + relayed, "--route", "5559999=" + relayed,
             // Nobody listens there.
-            "--route", "5550000=127.0.0.1:" + std::to_string(FreePort()),
+            "--route", "5550000=127.0.0.1:" + std::to_string(FreePort()) + toBob,
             folder_ / "alice=bitsurfr:5551001"};
+        arguments.insert(arguments.end(), alicesKeys.begin(), alicesKeys.end());
         arguments.insert(arguments.end(), aliceOptions.begin(), aliceOptions.end());
-        alicesTool_ = std::make_unique<ChildProcess>(VIRTUAL_TA_PATH, arguments);
-        ASSERT_TRUE(alicesTool_->WaitForLine("ready", std::chrono::seconds(10)));
+        alicesTool_ = std::make_unique<ChildProcess>(VIRTUAL_TA_PATH, arguments, "",
+                                                     ChildProcess::Errors::Kept);
+        ASSERT_TRUE(alicesTool_->WaitForLine("ready", std::chrono::seconds(10)))
+            << alicesTool_->ErrorText();
     }
 
+    const std::string bobsTrace_ = folder_ / "bob.trace";
     std::unique_ptr<TcpRelay> relay_;
     std::unique_ptr<ChildProcess> alicesTool_;
     uint16_t alicesPort_ = 0;
 };
 
-// A connection to the port on loopback that says nothing; -1 if it is not
-// made within 10 s.
-int SilentConnection(uint16_t port) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const timeval limit{10, 0};  // a blocking connect waits no longer than a send
-    if (::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0 ||
-        ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-        ::close(fd);
-        return -1;
+// The first byte of a TLS handshake.
+constexpr char TlsRecord = 0x16;
+
+// In plain TCP, Alice's tool under --insecure, and over TLS: more than one
+// message of the link holds, both ways at once; Bob calls back with a carrier
+// code in front. A lost connection is NO CARRIER at both ends, and the next
+// call goes through.
+TEST_F(CallsAway, ACallEachWayCarriesEveryByteInOrderAndALostOneEndsAtBothEnds) {
+    for (const bool tls : {false, true}) {
+        SCOPED_TRACE(tls ? "TLS" : "plain");
+        StartBoth(tls ? std::vector<std::string>{} : std::vector<std::string>{"--insecure"}, 0,
+                  tls);
+        FarEnd& alice = Port("alice");
+        FarEnd& bob = Port("bob");
+        CallEachWay(alice, bob, "5552002", "102885551001", RandomBytes(300000, 1),
+                    RandomBytes(200000, 2));
+        for (int round = 0; round < 2; ++round) {
+            SCOPED_TRACE(round);
+            ASSERT_TRUE(SetUpCall(alice, bob, "5552002").Connected);
+            ExpectCarried(alice, bob, "hello bob", "hello alice");
+            relay_->Cut();
+            EXPECT_EQ(alice.ReceiveUntil("NO CARRIER\r\n", 3000), "\r\nNO CARRIER\r\n");
+            EXPECT_EQ(bob.ReceiveUntil("NO CARRIER\r\n", 3000), "\r\nNO CARRIER\r\n");
+            EXPECT_EQ(alice.Command("AT"), "AT\r\r\nOK\r\n");
+            EXPECT_EQ(bob.Command("AT"), "AT\r\r\nOK\r\n");
+        }
+        // Bob's trace is begun anew by each start: over TLS, it holds his
+        // call back and the three calls to him.
+        EXPECT_EQ(Occurrences(ReadWholeFile(bobsTrace_), "TLS with 127.0.0.1:"), tls ? 4u : 0u);
+        // Alice's log tells of each of her calls in plain TCP, both ways.
+        EXPECT_EQ(Occurrences(alicesTool_->ErrorText(), "in plain TCP (--insecure)"), tls ? 0u : 4u)
+            << alicesTool_->ErrorText();
     }
-    return fd;
 }
 
-// More than one message of the link holds, both ways at once; Bob calls back
-// with a carrier code in front. A lost connection is NO CARRIER at both ends,
-// and the next call goes through.
-TEST_F(CallsAway, ACallEachWayCarriesEveryByteInOrderAndALostOneEndsAtBothEnds) {
-    StartBoth({});
-    FarEnd& alice = Port("alice");
-    FarEnd& bob = Port("bob");
-    CallEachWay(alice, bob, "5552002", "102885551001", RandomBytes(300000, 1),
-                RandomBytes(200000, 2));
-    for (int round = 0; round < 2; ++round) {
-        SCOPED_TRACE(round);
-        ASSERT_TRUE(SetUpCall(alice, bob, "5552002").Connected);
-        ExpectCarried(alice, bob, "hello bob", "hello alice");
-        relay_->Cut();
-        EXPECT_EQ(alice.ReceiveUntil("NO CARRIER\r\n", 3000), "\r\nNO CARRIER\r\n");
-        EXPECT_EQ(bob.ReceiveUntil("NO CARRIER\r\n", 3000), "\r\nNO CARRIER\r\n");
-        EXPECT_EQ(alice.Command("AT"), "AT\r\r\nOK\r\n");
-        EXPECT_EQ(bob.Command("AT"), "AT\r\r\nOK\r\n");
+// A stranger's tool calling Bob's is refused in the handshake, and so is
+// Bob's by Alice's when her route names another ID for him: nothing rings
+// Bob, Alice hears NO CARRIER, and each refusing tool logs the address and
+// the ID that was offered. A handshake begun and never finished is closed as
+// a silent connection is.
+TEST_F(CallsAway, AStrangerAndAToolOfAnotherIdAreRefusedInTheHandshake) {
+    const std::string strangersId = ShowIdentity(VIRTUAL_TA_PATH, folder_ / "stranger.key");
+    for (const bool strangerCalls : {true, false}) {
+        SCOPED_TRACE(strangerCalls ? "a stranger calls" : "another ID answers");
+        if (strangerCalls) {
+            StartBoth({"--identity", folder_ / "stranger.key"}, 0, true);
+        } else {
+            StartBoth({}, 0, true, strangersId);
+        }
+        FarEnd& alice = Port("alice");
+        FarEnd& bob = Port("bob");
+        const int halfway = SilentConnection(ListeningPort(tool_->AllLines()));
+        ASSERT_EQ(::send(halfway, &TlsRecord, 1, MSG_NOSIGNAL), 1);
+        ExpectFailedDial(alice, "5552002", "NO CARRIER");
+        EXPECT_EQ(bob.ReceiveFor(300), "") << "no RING";
+        if (strangerCalls) {
+            EXPECT_TRUE(WaitForTrace(bobsTrace_, "refused 127.0.0.1:", 1, 3000));
+            EXPECT_EQ(
+                Occurrences(ReadWholeFile(bobsTrace_), "line ID " + strangersId + " is not a peer"),
+                1u);
+            EXPECT_TRUE(WaitForTrace(bobsTrace_, "closed: no call set up within 5 s", 1, 10000));
+        } else {
+            const std::string bobsId = ShowIdentity(VIRTUAL_TA_PATH, folder_ / "bob.key");
+            EXPECT_NE(alicesTool_->ErrorText().find(
+                          "refused by 127.0.0.1:" + std::to_string(relay_->Port()) + ": line ID " +
+                          bobsId + " is not the route's " + strangersId),
+                      std::string::npos)
+                << alicesTool_->ErrorText();
+        }
+        ::close(halfway);
     }
 }
 

@@ -2,12 +2,15 @@
 #include <gtest/gtest.h>
 
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <sstream>
 
+#include "support/tcp_relay.h"
+#include "virtual-ta/identity.h"
 #include "virtual-ta/options.h"
 #include "vta_harness.h"
 
@@ -49,8 +52,13 @@ std::string Parsed(std::vector<std::string> arguments) {
              << fault.Offset << ":" << fault.Probability << ":" << fault.Seed;
     }
     for (const virtual_ta::RouteSetting& route : options.Routes) {
-        text << "\nroute " << route.Number << "=" << route.Host << ":" << route.Port;
+        text << "\nroute " << route.Number << "=" << route.Host << ":" << route.Port << "/"
+             << route.PeerId;
     }
+    for (const std::string& peer : options.Peers) {
+        text << "\npeer " << peer;
+    }
+    text << "\n" << options.IdentityPath << " " << options.Insecure;
     return text.str();
 }
 
@@ -91,6 +99,11 @@ TEST_F(VirtualTaCommandLine, BadArgumentsGiveOneLineAndExit2) {
         {"--route", "5552000=a:1", "--route", "5552000=b:2", good},
         {"--config", folder_ / "bad.conf", good},
         {"--config=", good},
+        {"--peer", "GBRVB-W61JJ-JS677", good},
+        {"--route", "5552000=127.0.0.1:4000/GBRVB-W61JJ-JS677-421R6-BEAAV-A4VP7", good},
+        // Plain TCP beyond loopback, without --insecure.
+        {"--listen", "0.0.0.0:0", good},
+        {"--route", "5552000=192.0.2.7:4000", good},
     };
     WriteWholeFile(folder_ / "bad.conf", "rate fast\n");
     for (const auto& arguments : cases) {
@@ -104,6 +117,93 @@ TEST_F(VirtualTaCommandLine, BadArgumentsGiveOneLineAndExit2) {
     }
     EXPECT_FALSE(IsLink(folder_ / "COM1")) << "no link is left by a refused start";
     EXPECT_EQ(ReadWholeFile(folder_ / "taken"), "mine") << "what is not a link stays";
+    // Those addresses are taken with an ID to take calls from (a route's
+    // will do), or under --insecure; and only then is a plain call taken
+    // from away.
+    const std::string key = folder_ / "line.key";
+    const std::string trace = folder_ / "trace.txt";
+    const std::string away = AddressBeyondLoopback();
+    const std::vector<std::string> taken[] = {
+        {"--route", "5552000=192.0.2.7:4000/" + ShowIdentity(VIRTUAL_TA_PATH, key), "--identity",
+         key},
+        {"--route", "5552000=192.0.2.7:4000", "--insecure"},
+    };
+    for (const auto& options : taken) {
+        const bool insecure = &options == &taken[1];
+        SCOPED_TRACE(insecure ? "insecure" : "with an ID");
+        std::vector<std::string> arguments = {"--trace", trace, "--listen", "0.0.0.0:0", good};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        Start(arguments);
+        if (away.empty()) {
+            continue;
+        }
+        const int call = SilentConnection(ListeningPort(tool_->AllLines()), away);
+        ASSERT_EQ(::send(call, "S", 1, MSG_NOSIGNAL), 1);
+        EXPECT_TRUE(WaitForTrace(
+            trace, insecure ? "in plain TCP (--insecure)" : "plain TCP is taken from loopback only",
+            1, 5000));
+        ::close(call);
+    }
+    if (away.empty()) {
+        GTEST_SKIP() << "no address beyond loopback to call from";
+    }
+}
+
+// The key is made once, for its user alone, and gives the same line ID at
+// each start; one that others may read, or that is no key, is refused.
+TEST_F(VirtualTaCommandLine, TheIdentityKeyIsMadeOnceForItsUserAlone) {
+    const std::string key = folder_ / "made/here/line.key";
+    const std::string id = ShowIdentity(VIRTUAL_TA_PATH, key);
+    EXPECT_EQ(id.size(), 35u) << id;
+    EXPECT_EQ(ShowIdentity(VIRTUAL_TA_PATH, key), id);
+    struct stat status {};
+    ASSERT_EQ(::stat(key.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0600u);
+    WriteWholeFile(folder_ / "junk.key", "not a key\n");
+    ASSERT_EQ(::chmod((folder_ / "junk.key").c_str(), 0600), 0);
+    ASSERT_EQ(::chmod(key.c_str(), 0640), 0);
+    for (const std::string& path : {key, folder_ / "junk.key"}) {
+        ChildProcess run(VIRTUAL_TA_PATH, {"--show-identity", "--identity", path}, "",
+                         ChildProcess::Errors::Kept);
+        EXPECT_EQ(run.WaitForExit(10s), 1);
+        EXPECT_TRUE(run.AllLines().empty());
+        EXPECT_NE(run.ErrorText().find(path), std::string::npos) << run.ErrorText();
+    }
+}
+
+// A line ID is read as a person may type it, and any one character wrong, or
+// two neighbours swapped, is caught in its group.
+TEST_F(VirtualTaCommandLine, ALineIdIsReadAsTypedAndATypoNamesItsGroup) {
+    using virtual_ta::LineId;
+    using virtual_ta::ParseLineId;
+    LineId id;  // the first 40 bits 00001 repeated, the rest 0
+    const uint8_t start[] = {0x08, 0x42, 0x10, 0x84, 0x21};
+    std::copy(std::begin(start), std::end(start), id.Bits.begin());
+    const std::string text = "1111T-1111T-00000-00000-00000-00000";
+    EXPECT_EQ(id.Text(), text);
+    const struct {
+        const char* Typed;
+        const char* Error;  // "" when it is read as the ID
+    } cases[] = {
+        {"1111T-1111T-00000-00000-00000-00000", ""},
+        {"llllt iiiit ooooo 0O0o0 00000-0000-0", ""},
+        {"1111T1111T0000000000000000000000", "30 characters"},
+        {"1111T-1111T-00000-00080-00000-00000", "group 4"},
+        {"1111T-111T1-00000-00000-00000-00000", "group 2"},
+        {"1111T-1111T-00000-00000-00000-0000U", "group 6"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.Typed);
+        std::string error;
+        const std::optional<LineId> read = ParseLineId(c.Typed, error);
+        if (c.Error[0] == '\0') {
+            ASSERT_TRUE(read.has_value()) << error;
+            EXPECT_EQ(read->Text(), text);
+        } else {
+            EXPECT_FALSE(read.has_value());
+            EXPECT_NE(error.find(c.Error), std::string::npos) << error;
+        }
+    }
 }
 
 // A configuration file gives what the same settings on the command line
@@ -114,6 +214,7 @@ TEST_F(VirtualTaCommandLine, TheConfigurationFileGivesWhatTheCommandLineGives) {
     ASSERT_NE(std::getenv("HOME"), nullptr);
     const std::string home = std::getenv("HOME");
     ASSERT_EQ(::mkdir((folder_ / "sub").c_str(), 0700), 0);
+    const std::string id = "1111T-1111T-00000-00000-00000-00000";
     const struct {
         std::string Text;
         std::vector<std::string> Added;  // to the command line, beside --config
@@ -124,13 +225,39 @@ TEST_F(VirtualTaCommandLine, TheConfigurationFileGivesWhatTheCommandLineGives) {
          "adapter COM1=zyxel-2864:5552002,max-speed=57600\nadapter sub/COM2=adtran-xr:12,"
          "dip230400,no-dialtone\nfault drop:5552002:10\nfault noise:12:1e-5:7\n"
          "fault corrupt:12:3\ntrace ~/t.txt\nanswer-wait 5\r\nlisten 0.0.0.0:4000\n"
-         "route 5551001=alices-pc:4000\n",
+         "route 5551001=alices-pc:4000\nidentity keys/line.key\npeer " +
+             id + "\nroute 5551003=carols-pc:4000/" + id + "\n",
          {},
-         {"--rate", "0", folder_ / "COM1=zyxel-2864:5552002,max-speed=57600",
-          folder_ / "sub/COM2=adtran-xr:12,dip230400,no-dialtone", "--fault", "drop:5552002:10",
-          "--fault", "noise:12:1e-5:7", "--fault", "corrupt:12:3", "--trace", home + "/t.txt",
-          "--answer-wait", "5", "--listen", "0.0.0.0:4000", "--route", "5551001=alices-pc:4000"},
+         {"--rate",
+          "0",
+          folder_ / "COM1=zyxel-2864:5552002,max-speed=57600",
+          folder_ / "sub/COM2=adtran-xr:12,dip230400,no-dialtone",
+          "--fault",
+          "drop:5552002:10",
+          "--fault",
+          "noise:12:1e-5:7",
+          "--fault",
+          "corrupt:12:3",
+          "--trace",
+          home + "/t.txt",
+          "--answer-wait",
+          "5",
+          "--listen",
+          "0.0.0.0:4000",
+          "--route",
+          "5551001=alices-pc:4000",
+          "--identity",
+          folder_ / "keys/line.key",
+          "--peer",
+          id,
+          "--route",
+          "5551003=carols-pc:4000/" + id},
          ""},
+        {"insecure\nlisten 0.0.0.0:1\n",
+         {folder_ / "COM1=3com:1"},
+         {"--insecure", "--listen", "0.0.0.0:1", folder_ / "COM1=3com:1"},
+         ""},
+        {"insecure yes\n", {}, {}, file + ":1: insecure takes no value"},
         {"rate 0\ntrace /tmp/t\nadapter COM1=3com:1\nroute 2=a:1\n",
          {"--rate=100", "--route", "3=b:2", folder_ / "sub/COM2=3com:4"},
          {"--trace", "/tmp/t", folder_ / "COM1=3com:1", "--route", "2=a:1", "--rate", "100",
@@ -160,7 +287,8 @@ TEST_F(VirtualTaCommandLine, HelpDescribesTheAdapters) {
     EXPECT_EQ(run.WaitForExit(10s), 0);
     for (const char* word :
          {"PATH=FAMILY:NUMBER", "bitsurfr", "adtran-xrt", "zyxel-ta128", "3com", "max-speed=N",
-          "dip230400", "no-dialtone", "--rate", "--fault", "--trace"}) {
+          "dip230400", "no-dialtone", "--rate", "--fault", "--trace", "--peer ID",
+          "--identity FILE", "--show-identity", "--insecure"}) {
         EXPECT_FALSE(LinesHolding(run.AllLines(), {word}).empty()) << word;
     }
 }

@@ -1,6 +1,11 @@
 #include "vta_harness.h"
 
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <netinet/in.h>
 #include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -27,6 +32,42 @@ void VirtualTaTest::Start(const std::vector<std::string>& arguments, int descrip
 FarEnd& VirtualTaTest::Port(const std::string& name, uint32_t speed) {
     ports_.push_back(std::make_unique<FarEnd>(folder_ / name, speed));
     return *ports_.back();
+}
+
+int SilentConnection(uint16_t port, const std::string& address) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(port);
+    const timeval limit{10, 0};  // a blocking connect waits no longer than a send
+    if (::inet_pton(AF_INET, address.c_str(), &to.sin_addr) != 1 ||
+        ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0 ||
+        ::connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+std::string AddressBeyondLoopback() {
+    ifaddrs* all = nullptr;
+    if (::getifaddrs(&all) != 0) {
+        return "";
+    }
+    std::string found;
+    for (const ifaddrs* at = all; at != nullptr && found.empty(); at = at->ifa_next) {
+        if (at->ifa_addr == nullptr || at->ifa_addr->sa_family != AF_INET) {
+            continue;
+        }
+        const in_addr address = reinterpret_cast<const sockaddr_in*>(at->ifa_addr)->sin_addr;
+        char text[INET_ADDRSTRLEN] = "";
+        if ((ntohl(address.s_addr) >> 24) != 127 &&
+            ::inet_ntop(AF_INET, &address, text, sizeof text) != nullptr) {
+            found = text;
+        }
+    }
+    ::freeifaddrs(all);
+    return found;
 }
 
 bool WaitForTrace(const std::string& path, const std::string& text, size_t count, int timeoutMs) {

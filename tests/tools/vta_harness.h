@@ -34,6 +34,12 @@ protected:
     std::vector<std::unique_ptr<FarEnd>> ports_;
 };
 
+// A connection to the port at the IPv4 address that says nothing; -1 if it
+// is not made within 10 s.
+int SilentConnection(uint16_t port, const std::string& address = "127.0.0.1");
+// An IPv4 address of this computer's own beyond loopback; "" if it has none.
+std::string AddressBeyondLoopback();
+
 // Waits until the trace file holds count lines with the text in them; false
 // if it does not within the time.
 bool WaitForTrace(const std::string& path, const std::string& text, size_t count, int timeoutMs);

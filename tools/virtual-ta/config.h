@@ -5,7 +5,7 @@
 //   # Bob's PC
 //   listen 0.0.0.0:4000
 //   adapter ~/Kestrelbound/COM1=zyxel-2864:5552002
-//   route 5551001=alices-pc:4000
+//   route 5551001=alices-pc:4000/ALICES-LINE-ID
 //
 // "NAME VALUE", the names of the long options without "--", "adapter" for an
 // ADAPTER; "#" starts a comment. A path in adapter, trace or identity that

@@ -78,7 +78,7 @@ bool Exchange::Open(std::string& error) {
                                     adapter->Pty.SlavePath);
         adapters_.push_back(std::move(adapter));
     }
-    return OpenListener(error);
+    return OpenTls(error) && OpenListener(error);
 }
 
 void Exchange::Close() {

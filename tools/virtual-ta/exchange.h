@@ -14,9 +14,11 @@
 
 #include "virtual-ta/data_path.h"
 #include "virtual-ta/family.h"
+#include "virtual-ta/identity.h"
 #include "virtual-ta/link.h"
 #include "virtual-ta/options.h"
 #include "virtual-ta/port.h"
+#include "virtual-ta/tls.h"
 
 namespace kb::virtual_ta {
 
@@ -148,6 +150,7 @@ private:
                    uint64_t now);
 
     // Calls with other virtual-ta processes (exchange_links.cpp).
+    [[nodiscard]] bool OpenTls(std::string& error);
     [[nodiscard]] bool OpenListener(std::string& error);
     [[nodiscard]] const RouteSetting* FindRoute(const std::string& number) const;
     void DialAway(Call& call, const RouteSetting& route, const std::string& second, uint64_t now);
@@ -163,6 +166,11 @@ private:
     void CollectLinks(std::vector<pollfd>& entries, uint64_t now);
     void HandleLinks(const pollfd* entries, uint64_t now);
     void AcceptCalls(uint64_t now);
+    // A connection taken: TLS or plain by its first byte, refused if plain
+    // from away without --insecure.
+    void SortLink(Link& link, uint64_t now);
+    void StartTls(Link& link, bool listening, uint64_t now);
+    void Handshake(Link& link, uint64_t now);
     [[nodiscard]] size_t LinksAwaitingSetup() const;
     [[nodiscard]] bool DropLinkAwaitingSetup(uint64_t now);
     void SweepLinks();
@@ -179,7 +187,12 @@ private:
     bool listenerPolled_ = false;
     uint64_t listenerRestsUntil_ = 0;  // out of descriptors: not listened to until then
     std::list<std::unique_ptr<Link>> links_;
-    std::vector<Link*> polledLinks_;  // in the order CollectPoll gave them
+    std::vector<Link*> polledLinks_;
+    // TLS, when any line ID is given: the tool's key, and the IDs that may
+    // call in (its peers and its routes' far tools).
+    Key key_;
+    std::unique_ptr<TlsContext> tls_;
+    std::vector<LineId> peers_;  // in the order CollectPoll gave them
 };
 
 }  // namespace kb::virtual_ta

@@ -67,6 +67,34 @@ std::string HostPort(const RouteSetting& route) {
 
 }  // namespace
 
+bool Exchange::OpenTls(std::string& error) {
+    std::vector<std::string> ids = options_.Peers;
+    for (const RouteSetting& route : options_.Routes) {
+        if (!route.PeerId.empty()) {
+            ids.push_back(route.PeerId);
+        }
+    }
+    if (ids.empty()) {
+        return true;  // plain TCP alone, on loopback or under --insecure
+    }
+    for (const std::string& text : ids) {
+        std::string unused;
+        if (const std::optional<LineId> id = ParseLineId(text, unused)) {
+            peers_.push_back(*id);
+        }
+    }
+    key_ = LoadOrMakeKey(options_.IdentityPath, error);
+    if (!key_) {
+        return false;
+    }
+    tls_ = std::make_unique<TlsContext>();
+    if (!tls_->Open(key_.get(), error)) {
+        return false;
+    }
+    TraceLine("-", "line ID " + LineIdOf(key_.get()).Text());
+    return true;
+}
+
 bool Exchange::OpenListener(std::string& error) {
     if (options_.ListenHost.empty()) {
         return true;
@@ -76,7 +104,7 @@ bool Exchange::OpenListener(std::string& error) {
     if (listener_ < 0) {
         return false;
     }
-    listeningAt_ = HostPort(RouteSetting{"", options_.ListenHost, port});
+    listeningAt_ = HostPort(RouteSetting{"", options_.ListenHost, port, ""});
     TraceLine("-", "listening on " + listeningAt_);
     rlimit limit{};
     const rlim_t most = ::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < INT_MAX
@@ -106,6 +134,13 @@ void Exchange::DialAway(Call& call, const RouteSetting& route, const std::string
                         uint64_t now) {
     Adapter& caller = *call.Caller;
     auto link = std::make_unique<Link>();
+    std::string unused;
+    link->FarId = ParseLineId(route.PeerId, unused);
+    link->LoopbackOnly = !link->FarId && !options_.Insecure;
+    if (!link->FarId && options_.Insecure) {
+        LogLine(caller.Who + " calls " + call.FarWho + " at " + HostPort(route) +
+                " in plain TCP (--insecure): neither side is checked, anyone on the way reads it");
+    }
     if (!StartConnect(*link, route.Host, route.Port)) {
         // Unreachable: the same as a number that nobody has.
         TraceLine(caller.Who, "cannot reach " + HostPort(route));
@@ -365,6 +400,13 @@ void Exchange::ServiceLinks(uint64_t now) {
             CloseLink(link);
             continue;
         }
+        if (link.Unsorted || link.Handshaking) {
+            // Nothing has been said over it yet that is worth ending well.
+            if (link.Closing) {
+                CloseLink(link);
+            }
+            continue;
+        }
         if (link.PeerClosed) {
             // Everything that came before the end has been handled, or waits
             // for the port; the end itself counts once nothing whole is left.
@@ -382,7 +424,7 @@ void Exchange::ServiceLinks(uint64_t now) {
             continue;
         }
         if (link.Closing && link.PendingOut() == 0 && !link.ShutDown) {
-            ::shutdown(link.Fd, SHUT_WR);
+            EndWrites(link);
             link.ShutDown = true;
         }
         if (link.Closing && now >= link.CloseBy) {
@@ -408,6 +450,10 @@ void Exchange::CollectLinks(std::vector<pollfd>& entries, uint64_t now) {
         pollfd entry{link.Fd, 0, 0};
         if (link.Connecting) {
             entry.events = POLLOUT;
+        } else if (link.Unsorted) {
+            entry.events = POLLIN;
+        } else if (link.Handshaking) {
+            entry.events = link.Tls->WantsWrite ? POLLOUT : POLLIN;
         } else {
             if (link.Closing || link.PendingIn() < LinkBacklog + 3) {
                 entry.events |= POLLIN;
@@ -437,9 +483,20 @@ void Exchange::HandleLinks(const pollfd* entries, uint64_t now) {
         if (link->Connecting) {
             if (Connected(link->Fd)) {
                 link->Connecting = false;
+                if (link->FarId) {
+                    StartTls(*link, false, now);
+                }
             } else if (!ConnectNext(*link)) {
                 LinkLost(*link, now);
             }
+            continue;
+        }
+        if (link->Unsorted) {
+            SortLink(*link, now);
+            continue;
+        }
+        if (link->Handshaking) {
+            Handshake(*link, now);
             continue;
         }
         if ((events & POLLOUT) != 0 && !WriteLink(*link)) {
@@ -488,7 +545,89 @@ void Exchange::AcceptCalls(uint64_t now) {
         link->Peer = peer;
         link->AcceptedAt = now;
         link->SetupBy = now + SetupWaitNs;
+        link->Unsorted = true;
         links_.push_back(std::move(link));
+    }
+}
+
+void Exchange::SortLink(Link& link, uint64_t now) {
+    char first = 0;
+    const ssize_t n = ::recv(link.Fd, &first, 1, MSG_PEEK);
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
+        return;
+    }
+    if (n <= 0) {
+        CloseLink(link);
+        return;
+    }
+    link.Unsorted = false;
+    link.Heard = true;
+    if (first == TlsHandshakeRecord) {
+        if (!tls_) {
+            LogLine("refused " + link.Peer + ": a call in TLS, but no --peer is set");
+            CloseLink(link);
+            return;
+        }
+        StartTls(link, true, now);
+        return;
+    }
+    if (!options_.Insecure && !PeerIsLoopback(link.Fd)) {
+        LogLine("refused " + link.Peer + ": plain TCP is taken from loopback only");
+        CloseLink(link);
+        return;
+    }
+    if (options_.Insecure) {
+        LogLine("call from " + link.Peer +
+                " in plain TCP (--insecure): neither side is checked, anyone on the way reads it");
+    }
+    if (!ReadLink(link)) {
+        link.PeerClosed = true;
+    }
+}
+
+void Exchange::StartTls(Link& link, bool listening, uint64_t now) {
+    link.Tls =
+        tls_->Start(link.Fd, listening, listening ? peers_ : std::vector<LineId>{*link.FarId});
+    if (!link.Tls) {
+        LogLine("cannot start TLS with " + link.Peer);
+        if (listening) {
+            CloseLink(link);
+        } else {
+            LinkLost(link, now);
+        }
+        return;
+    }
+    link.Handshaking = true;
+    Handshake(link, now);
+}
+
+// Nothing reaches an adapter before this is through: the link's messages
+// are read only once the peer's line ID has been accepted.
+void Exchange::Handshake(Link& link, uint64_t now) {
+    std::string error;
+    switch (ContinueHandshake(*link.Tls, error)) {
+        case HandshakeStep::Waiting:
+            return;
+        case HandshakeStep::Done:
+            link.Handshaking = false;
+            TraceLine("-", "TLS with " + link.Peer + ", line ID " + link.Tls->Offered->Text());
+            return;
+        case HandshakeStep::Failed:
+            break;
+    }
+    const bool calling = link.FarId.has_value();
+    const std::optional<LineId>& offered = link.Tls->Offered;
+    std::string why = "TLS handshake failed: " + error;
+    if (offered && !link.Tls->OfferedAccepted()) {
+        why = "line ID " + offered->Text() +
+              (calling ? " is not the route's " + link.FarId->Text() : " is not a peer");
+    }
+    if (calling) {
+        LogLine("refused by " + link.Peer + ": " + why);
+        LinkLost(link, now);
+    } else {
+        LogLine("refused " + link.Peer + ": " + why);
+        CloseLink(link);
     }
 }
 

@@ -7,8 +7,13 @@
 #include <netinet/tcp.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+
+#include <openssl/err.h>
+
+#include "virtual-ta/trace.h"
 
 namespace kb::virtual_ta {
 
@@ -58,6 +63,17 @@ bool Resolve(const std::string& host, uint16_t port, bool passive,
     }
     ::freeaddrinfo(found);
     return !addresses.empty();
+}
+
+bool IsLoopback(const sockaddr_storage& address) {
+    if (address.ss_family == AF_INET) {
+        return (ntohl(reinterpret_cast<const sockaddr_in&>(address).sin_addr.s_addr) >> 24) == 127;
+    }
+    if (address.ss_family != AF_INET6) {
+        return false;
+    }
+    const in6_addr& v6 = reinterpret_cast<const sockaddr_in6&>(address).sin6_addr;
+    return IN6_IS_ADDR_LOOPBACK(&v6) || (IN6_IS_ADDR_V4MAPPED(&v6) && v6.s6_addr[12] == 127);
 }
 
 socklen_t LengthOf(const sockaddr_storage& address) {
@@ -185,6 +201,11 @@ bool ConnectNext(Link& link) {
         const sockaddr_storage address = link.Addresses.back();
         link.Addresses.pop_back();
         link.Peer = AddressText(address);
+        if (link.LoopbackOnly && !IsLoopback(address)) {
+            LogLine("not calling " + link.Peer +
+                    " in plain TCP: a route without a line ID reaches loopback only");
+            continue;
+        }
         const int fd = ::socket(address.ss_family, SOCK_STREAM, 0);
         if (fd < 0) {
             continue;
@@ -208,8 +229,55 @@ bool Connected(int fd) {
     return ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) == 0 && error == 0;
 }
 
+bool PeerIsLoopback(int fd) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    return ::getpeername(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0 &&
+           IsLoopback(address);
+}
+
+bool IsLoopbackHost(const std::string& host) {
+    sockaddr_storage address{};
+    auto& v4 = reinterpret_cast<sockaddr_in&>(address);
+    auto& v6 = reinterpret_cast<sockaddr_in6&>(address);
+    if (::inet_pton(AF_INET, host.c_str(), &v4.sin_addr) == 1) {
+        address.ss_family = AF_INET;
+    } else if (::inet_pton(AF_INET6, host.c_str(), &v6.sin6_addr) == 1) {
+        address.ss_family = AF_INET6;
+    } else {
+        return host == "localhost";
+    }
+    return IsLoopback(address);
+}
+
+namespace {
+
+// Through TLS: a record at a time until the chunk is full or the socket has
+// no more, so that nothing waits inside TLS where poll cannot see it.
+bool ReadTls(Link& link, char* buffer) {
+    size_t total = 0;
+    while (total < ReadChunk) {
+        ERR_clear_error();
+        const int n = SSL_read(link.Tls->Ssl, buffer, static_cast<int>(ReadChunk));
+        if (n > 0) {
+            link.In.append(buffer, static_cast<size_t>(n));
+            link.Heard = true;
+            total += static_cast<size_t>(n);
+            continue;
+        }
+        const int error = SSL_get_error(link.Tls->Ssl, n);
+        return error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE;
+    }
+    return true;
+}
+
+}  // namespace
+
 bool ReadLink(Link& link) {
     char buffer[ReadChunk];
+    if (link.Tls) {
+        return ReadTls(link, buffer);
+    }
     for (;;) {
         const ssize_t n = ::read(link.Fd, buffer, sizeof buffer);
         if (n > 0) {
@@ -226,18 +294,30 @@ bool ReadLink(Link& link) {
 
 bool WriteLink(Link& link) {
     while (link.PendingOut() > 0) {
-        const ssize_t n =
-            ::send(link.Fd, link.Out.data() + link.OutHead, link.PendingOut(), MSG_NOSIGNAL);
+        ssize_t n = 0;
+        bool waits = false;
+        if (link.Tls) {
+            ERR_clear_error();
+            n = SSL_write(link.Tls->Ssl, link.Out.data() + link.OutHead,
+                          static_cast<int>(std::min(link.PendingOut(), ReadChunk)));
+            const int error =
+                n > 0 ? SSL_ERROR_NONE : SSL_get_error(link.Tls->Ssl, static_cast<int>(n));
+            waits = error == SSL_ERROR_WANT_WRITE || error == SSL_ERROR_WANT_READ;
+        } else {
+            n = ::send(link.Fd, link.Out.data() + link.OutHead, link.PendingOut(), MSG_NOSIGNAL);
+            waits = n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+            if (n < 0 && errno == EINTR) {
+                continue;
+            }
+        }
         if (n > 0) {
             link.OutHead += static_cast<size_t>(n);
-        } else if (n < 0 && errno == EINTR) {
-            continue;
         } else {
             if (link.OutHead > ReadChunk) {
                 link.Out.erase(0, link.OutHead);
                 link.OutHead = 0;
             }
-            return n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+            return waits;
         }
     }
     link.Out.clear();
@@ -245,7 +325,17 @@ bool WriteLink(Link& link) {
     return true;
 }
 
+void EndWrites(Link& link) {
+    if (link.Tls) {
+        // The peer's TLS reads a proper end rather than a cut connection.
+        ERR_clear_error();
+        SSL_shutdown(link.Tls->Ssl);
+    }
+    ::shutdown(link.Fd, SHUT_WR);
+}
+
 void CloseLink(Link& link) {
+    link.Tls.reset();
     if (link.Fd >= 0) {
         ::close(link.Fd);
         link.Fd = -1;

@@ -3,17 +3,26 @@
 // sends away, the listening process accepts. Everything on the connection is
 // a message: a type byte, a length of two bytes (high byte first) and that
 // many bytes, so that the data of the call and its control never mix.
+//
+// Between tools on different computers the messages go inside TLS (see
+// tls.h); a plain connection is taken only where nobody else can reach it.
+// The listener tells one from the other by the first byte: a TLS handshake
+// record begins with 0x16, a plain link with its setup, 'S'.
 #pragma once
 
 #include <sys/socket.h>
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "virtual-ta/deadline.h"
+#include "virtual-ta/identity.h"
+#include "virtual-ta/tls.h"
 
 namespace kb::virtual_ta {
 
@@ -29,6 +38,7 @@ enum class LinkMessage : uint8_t {
 };
 
 constexpr size_t LongestMessage = 65535;
+constexpr char TlsHandshakeRecord = 0x16;
 
 struct Link {
     int Fd = -1;
@@ -36,6 +46,17 @@ struct Link {
     // Addresses still to try while the connection is being made.
     std::vector<sockaddr_storage> Addresses;
     bool Connecting = false;
+    // A route without a line ID dials in plain TCP, and then only loopback
+    // addresses unless --insecure allows any.
+    bool LoopbackOnly = false;
+    // The far tool's line ID when the connection is to be TLS.
+    std::optional<LineId> FarId;
+
+    // A connection taken whose first byte has not come: TLS or plain is
+    // not known yet.
+    bool Unsorted = false;
+    std::unique_ptr<TlsSession> Tls;  // null on a plain connection
+    bool Handshaking = false;         // nothing is read or written but the handshake
 
     std::string In;       // received, from InHead on not handled yet
     size_t InHead = 0;    // the start of the next message
@@ -84,12 +105,18 @@ bool StartConnect(Link& link, const std::string& host, uint16_t port);
 bool ConnectNext(Link& link);
 // Whether a connection under way has been made; false when it failed.
 bool Connected(int fd);
+// Whether the connection's peer is on this computer's loopback.
+bool PeerIsLoopback(int fd);
+// Whether the host is written as a loopback address ("localhost" counts).
+bool IsLoopbackHost(const std::string& host);
 
-// Reads what the socket has into the link's input: false when the peer
-// closed the connection or it failed.
+// Reads what the socket has into the link's input, through the link's TLS
+// when it has one: false when the peer closed the connection or it failed.
 bool ReadLink(Link& link);
 // Writes what the socket takes: false when the connection failed.
 bool WriteLink(Link& link);
+// Nothing more is written: the peer reads the end after what it was sent.
+void EndWrites(Link& link);
 void CloseLink(Link& link);
 
 }  // namespace kb::virtual_ta

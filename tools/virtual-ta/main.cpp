@@ -9,6 +9,7 @@
 #include "platform/stop_signals.h"
 #include "virtual-ta/event_loop.h"
 #include "virtual-ta/exchange.h"
+#include "virtual-ta/identity.h"
 #include "virtual-ta/options.h"
 #include "virtual-ta/trace.h"
 
@@ -24,6 +25,15 @@ int main(int argc, char** argv) {
     }
     if (options.Help) {
         std::fputs(HelpText().c_str(), stdout);
+        return 0;
+    }
+    if (options.ShowIdentity) {
+        const Key key = LoadOrMakeKey(options.IdentityPath, error);
+        if (!key) {
+            std::fprintf(stderr, "virtual-ta: %s\n", error.c_str());
+            return 1;
+        }
+        std::printf("%s\n", LineIdOf(key.get()).Text().c_str());
         return 0;
     }
     if (!options.TracePath.empty() && !OpenTrace(options.TracePath)) {

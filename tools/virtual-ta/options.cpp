@@ -1,5 +1,7 @@
 #include "virtual-ta/options.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -10,6 +12,7 @@
 
 #include "platform/files.h"
 #include "virtual-ta/config.h"
+#include "virtual-ta/identity.h"
 #include "virtual-ta/link.h"
 
 namespace kb::virtual_ta {
@@ -30,6 +33,13 @@ bool ParseNumber(const std::string& text, uint64_t limit, uint64_t& value) {
     }
     value = std::stoull(text);
     return value <= limit;
+}
+
+// An address written out, as opposed to a name to look up.
+bool IsAddress(const std::string& host) {
+    unsigned char address[sizeof(in6_addr)];
+    return ::inet_pton(AF_INET, host.c_str(), address) == 1 ||
+           ::inet_pton(AF_INET6, host.c_str(), address) == 1;
 }
 
 std::string FolderOf(const std::string& path) {
@@ -238,13 +248,47 @@ Applied ApplySetting(const std::string& name, const std::string& shown, const Va
         }
         RouteSetting route;
         const size_t equals = value.find('=');
+        const size_t slash = value.find('/');
         route.Number = value.substr(0, equals);
         if (equals == std::string::npos || !AllDigits(route.Number) || route.Number.size() > 31 ||
-            !ParseHostPort(value.substr(equals + 1), false, route.Host, route.Port)) {
-            error = "route '" + value + "' is not NUMBER=HOST:PORT";
+            (slash != std::string::npos && slash < equals) ||
+            !ParseHostPort(
+                value.substr(equals + 1,
+                             slash == std::string::npos ? std::string::npos : slash - equals - 1),
+                false, route.Host, route.Port)) {
+            error = "route '" + value + "' is not NUMBER=HOST:PORT[/ID]";
             return Applied::Refused;
         }
+        if (slash != std::string::npos) {
+            const std::optional<LineId> id = ParseLineId(value.substr(slash + 1), error);
+            if (!id) {
+                error = "route '" + value + "': " + error;
+                return Applied::Refused;
+            }
+            route.PeerId = id->Text();
+        }
         options.Routes.push_back(route);
+    } else if (name == "peer") {
+        if (!takeValue()) {
+            return Applied::Refused;
+        }
+        const std::optional<LineId> id = ParseLineId(value, error);
+        if (!id) {
+            error = shown + " '" + value + "': " + error;
+            return Applied::Refused;
+        }
+        options.Peers.push_back(id->Text());
+    } else if (name == "identity") {
+        if (!takeValue()) {
+            return Applied::Refused;
+        }
+        if (value.empty()) {
+            error = shown + " needs a file";
+            return Applied::Refused;
+        }
+        options.IdentityPath = value;
+    } else if (name == "insecure") {
+        options.Insecure = true;
     } else if (name == "adapter") {
         if (!takeValue()) {
             return Applied::Refused;
@@ -293,6 +337,11 @@ bool ApplyCommandLine(int argc, const char* const* argv, Options& options, std::
         if (arg == "--help" || arg == "-h") {
             options.Help = true;
             return true;
+        }
+        if (arg == "--show-identity" && !attached) {
+            // Not a setting of the file: a tool run from it would only print.
+            options.ShowIdentity = true;
+            continue;
         }
         if (arg == "--config") {
             if (!take(options.ConfigPath, error)) {
@@ -346,7 +395,16 @@ bool CheckSettings(const Options& options, std::string& error) {
         }
     }
     std::set<std::string> routed;
+    bool anyId = !options.Peers.empty();
     for (const RouteSetting& route : options.Routes) {
+        anyId = anyId || !route.PeerId.empty();
+        // A host name is checked when the dial has its addresses.
+        if (route.PeerId.empty() && !options.Insecure && IsAddress(route.Host) &&
+            !IsLoopbackHost(route.Host)) {
+            error = "route for " + route.Number + " has no line ID: plain TCP goes to loopback " +
+                    "only (add /ID, or --insecure)";
+            return false;
+        }
         if (numbers.count(route.Number) != 0) {
             error = "route for " + route.Number + ", which is an adapter's number here";
             return false;
@@ -355,6 +413,12 @@ bool CheckSettings(const Options& options, std::string& error) {
             error = "two routes for " + route.Number;
             return false;
         }
+    }
+    if (!options.ListenHost.empty() && !anyId && !options.Insecure &&
+        !IsLoopbackHost(options.ListenHost)) {
+        error = "--listen " + options.ListenHost + " takes calls from away, but no --peer says " +
+                "from whom (or --insecure for anyone)";
+        return false;
     }
     for (const FaultSetting& fault : options.Faults) {
         if (numbers.count(fault.Number) == 0) {
@@ -384,6 +448,12 @@ bool ParseCommandLine(int argc, const char* const* argv, Options& options, std::
             return false;
         }
         options = std::move(merged);
+    }
+    if (options.IdentityPath.empty()) {
+        options.IdentityPath = DefaultIdentityPath();
+    }
+    if (options.ShowIdentity) {
+        return true;
     }
     return CheckSettings(options, error);
 }
@@ -443,11 +513,26 @@ Options:
                       on this TCP address (0.0.0.0 for every interface; port
                       0 takes a free port). Before "ready" it prints
                       "listening on HOST:PORT" with the port it got.
-  --route NUMBER=HOST:PORT
+  --route NUMBER=HOST:PORT[/ID]
                       a dial of NUMBER goes to the virtual-ta listening there
                       (may be given several times). The call then behaves as
                       a call between two adapters here; NO CARRIER if that
-                      virtual-ta cannot be reached.
+                      virtual-ta cannot be reached. With the line ID of that
+                      virtual-ta the call goes over TLS, and only to it; that
+                      ID may also call in. Without, in plain TCP, and only to
+                      a loopback address unless --insecure.
+  --peer ID           a line ID that may call in over TLS (may be given
+                      several times). Calls from other IDs are refused in
+                      the TLS handshake, logged with their address and ID.
+  --identity FILE     the key that makes this virtual-ta's line ID, made
+                      with mode 0600 on first use (default
+                      ~/.config/kestrelbound/line.key, under XDG_CONFIG_HOME
+                      if that is set)
+  --show-identity     print this virtual-ta's line ID, making its key if
+                      there is none, and exit
+  --insecure          take and make calls in plain TCP with any address, not
+                      only loopback: nothing checks who calls, and anyone on
+                      the way reads the call. The log says so at every call.
   --config FILE       take the settings of FILE first: one a line, "NAME
                       VALUE", NAME an option above without "--" or "adapter"
                       for an ADAPTER; "#" starts a comment. A path there that
@@ -459,12 +544,16 @@ Options:
 
 It prints "ready" once every link exists, runs until SIGINT or SIGTERM, then
 removes its links and exits 0. Bad arguments: a one-line message and exit 2.
+A listening address other than loopback needs a --peer or a route with an ID
+(or --insecure). Refused calls and calls in plain TCP under --insecure are
+logged on standard error, and in the trace.
 
 Example:
   virtual-ta alice/COM1=bitsurfr:5551001 bob/COM1=zyxel-2864:5551002
-Across two computers, Alice's calling Bob's:
-  virtual-ta --listen 0.0.0.0:4000 bob/COM1=zyxel-2864:5551002
-  virtual-ta --route 5551002=bobs-pc:4000 alice/COM1=bitsurfr:5551001
+Across two computers, Alice's calling Bob's; each has told the other the line
+ID that virtual-ta --show-identity printed:
+  virtual-ta --listen 0.0.0.0:4000 --peer ALICES-ID bob/COM1=zyxel-2864:5551002
+  virtual-ta --route 5551002=bobs-pc:4000/BOBS-ID alice/COM1=bitsurfr:5551001
 )";
 }
 

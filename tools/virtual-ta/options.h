@@ -40,11 +40,13 @@ struct FaultSetting {
     uint64_t UntilNext = 0;  // bytes that pass clean before the next garbled one
 };
 
-// --route NUMBER=HOST:PORT: dials of NUMBER go to the virtual-ta there.
+// --route NUMBER=HOST:PORT[/ID]: dials of NUMBER go to the virtual-ta there,
+// over TLS to the tool of that line ID, or in plain TCP without one.
 struct RouteSetting {
     std::string Number;
     std::string Host;
     uint16_t Port = 0;
+    std::string PeerId;  // as LineId::Text() writes it; empty for a plain route
 };
 
 struct Options {
@@ -59,6 +61,14 @@ struct Options {
     uint16_t ListenPort = 0;
     std::vector<RouteSetting> Routes;
     std::string ConfigPath;  // --config FILE: the settings of the file come first
+    // The key that makes the tool's line ID: --identity FILE.
+    std::string IdentityPath;
+    bool ShowIdentity = false;  // print the line ID and exit
+    // --peer ID: the line IDs that may call in, besides those of the routes
+    // (as LineId::Text() writes them).
+    std::vector<std::string> Peers;
+    // Plain TCP with any address, not only loopback.
+    bool Insecure = false;
     bool Help = false;
 };
 

@@ -60,6 +60,15 @@ void TraceLine(std::string_view who, std::string_view text) {
     }
 }
 
+void LogLine(std::string_view text) {
+    std::string line = "virtual-ta: ";
+    line.append(text);
+    line += '\n';
+    std::fputs(line.c_str(), stderr);
+    std::fflush(stderr);
+    TraceLine("-", text);
+}
+
 std::string Printable(std::string_view bytes) {
     std::string text;
     for (const char c : bytes) {

@@ -16,6 +16,12 @@ bool TraceOn();
 // Writes "SECONDS WHO TEXT".
 void TraceLine(std::string_view who, std::string_view text);
 
+// The tool's log: what its user should know of its calls with other
+// computers (a refused connection, a call in plain TCP under --insecure).
+// A line on standard error, which the journal keeps when the tool runs as
+// a service, and the same in the trace as "-".
+void LogLine(std::string_view text);
+
 // Bytes as readable text: printable characters as they are, CR as \r, LF as
 // \n, anything else as \xNN.
 std::string Printable(std::string_view bytes);
