@@ -17,7 +17,6 @@ if [ $# -ne 1 ]; then
     exit 2
 fi
 build=$(cd "$1" && pwd)
-root=$(cd "$(dirname "$0")/../.." && pwd)
 sudo=""
 if [ "$(id -u)" -ne 0 ]; then
     sudo="sudo"
