@@ -36,8 +36,9 @@ debs=("$work"/out/*.deb)
 [ ${#debs[@]} -eq 1 ] || fail "expected one package, got: ${debs[*]}"
 deb=${debs[0]}
 
-# Errors and warnings fail; a warning that is right for this package is
-# overridden in packaging/ with the reason beside it.
+# Errors and warnings fail; a warning that is right for this package is to
+# be overridden, with the reason, in a file that the build installs as
+# share/lintian/overrides/kestrelbound.
 if ! lintian --fail-on error,warning "$deb" >"$work/lintian.log" 2>&1; then
     cat "$work/lintian.log" >&2
     fail "lintian finds errors or warnings"
