@@ -75,10 +75,15 @@ int main(int argc, char** argv) {
     using namespace kb::ui;
 
     // Help needs no display, so it comes before Qt looks for one.
+    // A FILE named "--help" is a file, not the option.
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--help") == 0) {
             std::fputs(Help, stdout);
             return 0;
+        }
+        if (std::strcmp(argv[i], "--screenshot") == 0 ||
+            std::strcmp(argv[i], "--screenshot-on-signal") == 0) {
+            ++i;
         }
     }
     // Before any thread starts, Qt's own included, so that every thread
