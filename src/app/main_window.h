@@ -31,9 +31,9 @@
 #include "app/line_panel.h"
 #include "app/log_panel.h"
 #include "app/transfer_display.h"
-#include "app/version.h"
 #include "app/window_panel.h"
 #include "platform/thread.h"
+#include "version/version.h"
 
 namespace kb::engine {
 struct TransferEngine;
