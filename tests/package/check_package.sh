@@ -54,6 +54,12 @@ for page in "${pages[@]}"; do
     includes+=(-o "DPkg::Options::=--path-include=${page#.}")
 done
 
+# A copy installed before, of the same version say, would make apt-get
+# install nothing; the test starts from none.
+if dpkg-query -W kestrelbound >/dev/null 2>&1; then
+    $sudo env DEBIAN_FRONTEND=noninteractive apt-get purge -y kestrelbound >/dev/null 2>&1 ||
+        fail "cannot purge the kestrelbound installed before"
+fi
 $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends \
     "${includes[@]}" "$deb" >"$work/install.log" 2>&1 || {
     cat "$work/install.log" >&2
