@@ -4,7 +4,8 @@
 # not fall behind. The options are read from the help itself: the lines
 # between "Options:" and the next blank line, an option beginning at each
 # line that starts with "  --" and running on to the next. Blanks and line
-# breaks do not count, on either side.
+# breaks do not count, on either side. And each option that the page
+# describes is one that --help still shows.
 #
 #   check_man_options.sh PROGRAM PAGE [PROGRAM PAGE...]
 set -uo pipefail
@@ -40,5 +41,16 @@ while [ $# -ge 2 ]; do
                 ;;
         esac
     done
+    # And the other way: an option that the page describes (the tag of each
+    # paragraph of its OPTIONS) and the program no longer has.
+    while read -r name; do
+        if ! printf '%s\n' "${options[@]}" | grep -qE -- "^$name( |$)"; then
+            echo "$(basename "$page") describes $name, which $program --help does not" >&2
+            status=1
+        fi
+    done < <(awk '
+        /^\.SH/ { inside = ($2 == "OPTIONS") }
+        inside && tag && match($0, /\\-\\-[a-z0-9\\-]+/) { print substr($0, RSTART, RLENGTH) }
+        { tag = inside && /^\.TP/ }' "$page" | sed 's/\\-/-/g')
 done
 exit "$status"
