@@ -9,7 +9,9 @@
 #   tests/package/check_package.sh BUILD
 #
 # BUILD is a built folder (./test.sh's own): the package is made from it
-# rather than from a build of its own, to keep the run short.
+# rather than from a build of its own, to keep the run short. With
+# KB_PACKAGE_PICTURE=FILE the installed window's picture is kept there, to be
+# looked at.
 set -euo pipefail
 
 if [ $# -ne 1 ]; then
@@ -92,10 +94,14 @@ echo "package: the installed window pictured itself in $(stat -c %s "$work/windo
 if [ -n "${KB_PACKAGE_PICTURE:-}" ]; then
     cp "$work/window.png" "$KB_PACKAGE_PICTURE"
 fi
-/usr/bin/virtual-ta --help | grep -q '^Usage: virtual-ta' || fail "the installed virtual-ta --help"
+# Read whole before looking into: a reader that stops at its match would
+# break the writer's pipe and fail the pipeline.
+help=$(/usr/bin/virtual-ta --help) || fail "the installed virtual-ta --help failed"
+grep -q '^Usage: virtual-ta' <<<"$help" || fail "the installed virtual-ta --help shows no usage"
 page=$(man -w kbstation) || fail "man finds no page for kbstation"
 [ "$page" = /usr/share/man/man1/kbstation.1.gz ] || fail "man finds kbstation's page at $page"
-man kbstation 2>/dev/null | grep -q 'kbstation - Kestrelbound without a window' ||
+shown=$(man kbstation 2>/dev/null) || fail "man cannot show kbstation's page"
+grep -q 'kbstation - Kestrelbound without a window' <<<"$shown" ||
     fail "man does not show kbstation's page"
 
 $sudo env DEBIAN_FRONTEND=noninteractive apt-get purge -y kestrelbound >"$work/purge.log" 2>&1 || {
