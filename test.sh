@@ -2,7 +2,8 @@
 # Installs what is missing, builds Kestrelbound and runs every test.
 # The exit status is that of the tests.
 #
-#   ./test.sh                the ordinary build, the style checks, every test
+#   ./test.sh                the ordinary build, the style checks, every test,
+#                            and the Debian package installed and purged
 #   ./test.sh --sanitizers   every test under AddressSanitizer with
 #                            UndefinedBehaviorSanitizer, then every test under
 #                            ThreadSanitizer, each in a build of its own
@@ -34,6 +35,9 @@ if [ "$sanitizers" -eq 0 ]; then
     # and timers far more than they compute (the whole suite takes some 17 s
     # of processor time), and the few that compile ask for both cores.
     ctest --test-dir "$build" --output-on-failure -j4 || status=1
+    # The Debian package, made from this build, installed on the machine,
+    # used and purged; the sanitized builds make no package.
+    tests/package/check_package.sh "$build" || status=1
     exit "$status"
 fi
 

@@ -26,7 +26,12 @@ function(kb_layer_view view)
     endforeach()
 endfunction()
 
-set(kb_below "")
+# The program's version, made by the build from cmake/version.h.in into a
+# folder of its own, is seen by every layer and front end as
+# "version/version.h", below even the resources.
+set(kb_version ${PROJECT_BINARY_DIR}/version)
+configure_file(${PROJECT_SOURCE_DIR}/cmake/version.h.in ${kb_version}/version.h @ONLY)
+set(kb_below version=${kb_version})
 foreach(layer IN LISTS KB_LAYERS)
     list(APPEND kb_below ${layer})
     kb_layer_view(${layer} ${kb_below})
@@ -35,9 +40,9 @@ endforeach()
 # platform's services, never the engine, the line or the stores behind them:
 # "frontend" is what the window's library shows to whoever links it, and each
 # front end adds its own folder.
-kb_layer_view(frontend resources platform app)
-kb_layer_view(station resources platform app station)
-kb_layer_view(ui resources platform app ui)
+kb_layer_view(frontend version=${kb_version} resources platform app)
+kb_layer_view(station version=${kb_version} resources platform app station)
+kb_layer_view(ui version=${kb_version} resources platform app ui)
 # virtual-ta plays the adapters; it shares the platform's services and
 # nothing of the program's own logic.
 kb_layer_view(virtual-ta platform virtual-ta=${PROJECT_SOURCE_DIR}/tools/virtual-ta)

@@ -33,6 +33,7 @@
 #include "app/transfer_display.h"
 #include "app/window_panel.h"
 #include "platform/thread.h"
+#include "version/version.h"
 
 namespace kb::engine {
 struct TransferEngine;
@@ -70,7 +71,7 @@ inline constexpr const char* WindowCaption = "Kestrelbound";
 // The About box, kept in the control model beside the window's controls: shown
 // while the box is open, with its text and picture.
 inline constexpr int IDD_ABOUTBOX = 100;
-inline constexpr const char* AboutText = "Kestrelbound Version 1.0.3";
+inline constexpr const char* AboutText = "Kestrelbound Version " KB_VERSION;
 inline constexpr uint32_t SplashMs = 1000;
 
 // The window's labels and its emblem have no resource numbers of their own;

@@ -4,13 +4,9 @@
 // keeps lies below the folder it starts in. SIGINT and SIGTERM end it as the
 // window's close box does.
 //
-//   kestrelbound [--screenshot FILE] [--screenshot-on-signal FILE]
+//   kestrelbound [--screenshot FILE] [--screenshot-on-signal FILE] [--help]
 //
-// --screenshot FILE             once the start is over (the splash gone, the
-//                               search for the adapter ended), writes a PNG
-//                               of the window to FILE and leaves as Exit does
-// --screenshot-on-signal FILE   each SIGUSR1 writes a PNG of the window to
-//                               FILE; the program runs on
+// The options are described in Help below, which the manual page repeats.
 
 #include <QApplication>
 #include <QFileInfo>
@@ -19,6 +15,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <optional>
 
 #include "platform/stop_signals.h"
@@ -29,7 +26,25 @@ namespace kb::ui {
 namespace {
 
 constexpr const char* Usage =
-    "usage: kestrelbound [--screenshot FILE] [--screenshot-on-signal FILE]\n";
+    "usage: kestrelbound [--screenshot FILE] [--screenshot-on-signal FILE] [--help]\n";
+
+constexpr const char* Help = R"(Usage: kestrelbound [options]
+
+Kestrelbound with its window. It keeps everything in the folder it is started
+in: its settings, directory and log, "Incoming Files", "Pick Up" and the
+manual that Help shows.
+
+Options:
+  --screenshot FILE   once the start is over (the splash gone, the search for
+                      the adapter ended), write a PNG of the window to FILE
+                      and leave as File, Exit does
+  --screenshot-on-signal FILE
+                      each SIGUSR1 writes a PNG of the window to FILE; the
+                      program runs on
+  --help              this text
+
+SIGINT and SIGTERM end it as the window's close box does.
+)";
 
 // False for anything the program does not know.
 bool ReadOptions(const QStringList& arguments, FrontEndOptions& options) {
@@ -59,6 +74,18 @@ int main(int argc, char** argv) {
     using namespace kb::platform;
     using namespace kb::ui;
 
+    // Help needs no display, so it comes before Qt looks for one.
+    // A FILE named "--help" is a file, not the option.
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--help") == 0) {
+            std::fputs(Help, stdout);
+            return 0;
+        }
+        if (std::strcmp(argv[i], "--screenshot") == 0 ||
+            std::strcmp(argv[i], "--screenshot-on-signal") == 0) {
+            ++i;
+        }
+    }
     // Before any thread starts, Qt's own included, so that every thread
     // inherits the mask and the signals come only through the descriptor.
     StopSignals stopSignals({SIGUSR1});

@@ -1,0 +1,56 @@
+#!/usr/bin/env bash
+# Every option that a program's --help describes is in its manual page in the
+# same words. The two are written apart, and the options change; the page must
+# not fall behind. The options are read from the help itself: the lines
+# between "Options:" and the next blank line, an option beginning at each
+# line that starts with "  --" and running on to the next. Blanks and line
+# breaks do not count, on either side. And each option that the page
+# describes is one that --help still shows.
+#
+#   check_man_options.sh PROGRAM PAGE [PROGRAM PAGE...]
+set -uo pipefail
+
+status=0
+while [ $# -ge 2 ]; do
+    program=$1 page=$2
+    shift 2
+    if ! help=$("$program" --help); then
+        echo "$program --help failed" >&2
+        status=1
+        continue
+    fi
+    # The page as man shows it, in plain ASCII, without hyphenation, on lines
+    # too long to break.
+    text=$(groff -man -Tascii -P-cbou -rHY=0 -rLL=2000n "$page" | tr -s ' \n' '  ')
+    mapfile -t options < <(awk '
+        /^Options:/ { inside = 1; next }
+        inside && /^$/ { exit }
+        inside && /^  --/ { if (option != "") print option; option = $0; next }
+        inside { option = option " " $0 }
+        END { if (option != "") print option }' <<<"$help" | tr -s ' ' ' ' | sed 's/^ //')
+    if [ ${#options[@]} -eq 0 ]; then
+        echo "$program --help shows no options" >&2
+        status=1
+    fi
+    for option in "${options[@]}"; do
+        case "$text" in
+            *"$option"*) ;;
+            *)
+                echo "$(basename "$page") does not say, in these words: $option" >&2
+                status=1
+                ;;
+        esac
+    done
+    # And the other way: an option that the page describes (the tag of each
+    # paragraph of its OPTIONS) and the program no longer has.
+    while read -r name; do
+        if ! printf '%s\n' "${options[@]}" | grep -qE -- "^$name( |$)"; then
+            echo "$(basename "$page") describes $name, which $program --help does not" >&2
+            status=1
+        fi
+    done < <(awk '
+        /^\.SH/ { inside = ($2 == "OPTIONS") }
+        inside && tag && match($0, /\\-\\-[a-z0-9\\-]+/) { print substr($0, RSTART, RLENGTH) }
+        { tag = inside && /^\.TP/ }' "$page" | sed 's/\\-/-/g')
+done
+exit "$status"
