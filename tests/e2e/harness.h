@@ -30,6 +30,8 @@ public:
     VirtualAdapters(const std::vector<std::string>& adapters,
                     const std::vector<std::string>& options = {});
     pid_t Pid() const { return process_.Pid(); }
+    // Its output so far, "listening on HOST:PORT" among it.
+    std::vector<std::string> OutputLines() const { return process_.AllLines(); }
 
 private:
     ChildProcess process_;
