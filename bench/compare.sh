@@ -11,8 +11,8 @@
 # short of its goodput: 0.999 of the line rate near, 0.99 far away.
 #
 # Usage: bench/compare.sh [--quick] [--out FOLDER] [--table]
-#   --quick   small files and one unthrottled run each: a minute or two, for
-#             trying the script; the full run takes some 30 minutes.
+#   --quick   small files and one unthrottled run each: some four minutes,
+#             for trying the script; the full run takes some 30 minutes.
 #   --table   runs nothing: makes the table and the plot again from the raw
 #             figures of an earlier run in the folder
 set -euo pipefail
@@ -140,8 +140,8 @@ median_case() {
         fi
     done | sort -n | awk '{ line[NR] = $2 } END { if (NR) print line[int((NR + 1) / 2)] }'
 }
-goodput() {  # case, line rate in bytes per second
-    calc 'printf "%.3f", a / b / c' "$(field "$1" bytes)" "$(field "$1" seconds)" "$2"
+goodput() {  # case, line rate in bytes per second[, decimals: 3]
+    calc "printf \"%.${3:-3}f\", a / b / c" "$(field "$1" bytes)" "$(field "$1" seconds)" "$2"
 }
 # A note for a case whose transfer ended with a file that is not as sent.
 damage() {
@@ -203,7 +203,7 @@ across_table="$out/across.md"
     echo "|---|---|---|"
     for delay in $delays; do
         where=$([ $delay = 0 ] && echo "near" || echo "$delay ms each way")
-        echo "| goodput, $(size_name $across), 1 channel ($rate B/s), $where, of the line rate | $(goodput across-tls-$delay $rate)$(damage across-tls-$delay) | $(goodput across-plain-$delay $rate)$(damage across-plain-$delay) |"
+        echo "| goodput, $(size_name $across), 1 channel ($rate B/s), $where, of the line rate | $(goodput across-tls-$delay $rate 4)$(damage across-tls-$delay) | $(goodput across-plain-$delay $rate 4)$(damage across-plain-$delay) |"
     done
     for delay in $delays; do
         where=$([ $delay = 0 ] && echo "near" || echo "$delay ms each way")
@@ -258,7 +258,7 @@ for transport in $transports; do
             echo "below threshold: $name set up only $later s later than near, less than a round trip" >&2
             short=1
         fi
-        got=$(calc "printf \"%.4f\", a / b / $rate" "$(field $name bytes)" "$(field $name seconds)")
+        got=$(goodput $name $rate 6)
         if [ "$got" = failed ]; then
             echo "below threshold: $name failed (see $raw/$name.err)" >&2
             short=1
