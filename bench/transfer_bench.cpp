@@ -3,10 +3,13 @@
 // start-up time of a station on each adapter family. bench/compare.sh runs the
 // cases and makes the table; each run prints one line of figures:
 //   seconds=S bytes=B sender_cpu=S receiver_cpu=S sender_kb=K receiver_kb=K
-//   identical=1|0 (0: a file arrived damaged)
+//   identical=1|0 (0: a file arrived damaged), and for the stations
+//   tools_cpu=S (every virtual-ta's processor seconds over the timed span)
+//   set_up=S (from Alice's "send" to her first "Sending File: ")
 //
 // Usage: kb_transfer_bench [--program kestrelbound|zmodem] [--rate N]
 //            [--channels 1|2] [--size BYTES] [--files N] [--noise P] [--logs]
+//            [--across plain|tls [--delay MS]]
 //        kb_transfer_bench --startup
 //   --rate      bytes per second per B channel (virtual-ta's --rate; 0 = as
 //               fast as the ports go)
@@ -15,6 +18,11 @@
 //   --noise     each byte that either adapter sends is garbled with
 //               probability P (virtual-ta's noise fault, fixed seeds)
 //   --logs      prints the stations' logs also when all went well
+//   --across    the stations' adapters on two virtual-ta processes, Alice's
+//               calling Bob's over TCP on loopback, plain or over TLS; the
+//               stations alone, not ZMODEM
+//   --delay     the call's connection through a relay that holds every byte
+//               MS milliseconds each way
 //   --startup   prints "FAMILY seconds" for each adapter family: from the
 //               start of a station to its "Initializing Incoming"
 
@@ -30,6 +38,8 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -38,6 +48,7 @@
 #include "support/far_end.h"
 #include "support/installation.h"
 #include "support/process_state.h"
+#include "support/tcp_relay.h"
 
 namespace kb::bench {
 
@@ -55,6 +66,8 @@ struct Settings {
     int Files = 1;
     std::string Noise;  // "" for a clean line
     bool ShowLogs = false;
+    std::string Across;  // "" for both adapters on one virtual-ta, "plain" or "tls"
+    int DelayMs = 0;
 };
 
 struct Figures {
@@ -63,6 +76,10 @@ struct Figures {
     double ReceiverCpu = 0;
     long SenderPeakKb = 0;
     long ReceiverPeakKb = 0;
+    double ToolsCpu = 0;  // every virtual-ta together, over the same span as the stations'
+    // From Alice's "send" to her first "Sending File: ": the call's set-up
+    // and the file list, which a delay of the network stretches.
+    double SetUpSeconds = 0;
     // Whether every file arrived as sent. A run whose transfer ended but
     // delivered a damaged file still has its figures: on a noisy line that
     // is part of the result.
@@ -105,6 +122,67 @@ long PeakResidentKb(pid_t pid) {
     return -1;
 }
 
+// The line ID of the key in the file, made there if missing.
+std::string LineIdOf(const std::string& keyFile) {
+    ChildProcess show(VIRTUAL_TA_PATH, {"--show-identity", "--identity", keyFile});
+    std::string id;
+    if (!show.NextLine(id, std::chrono::seconds(20)) ||
+        show.WaitForExit(std::chrono::seconds(20)) != 0) {
+        throw std::runtime_error("virtual-ta --show-identity --identity " + keyFile + " failed");
+    }
+    return id;
+}
+
+// The adapters of a run: both on one virtual-ta, or Bob's on one that listens
+// and Alice's on another that routes his number there, and through a relay
+// when the network is to be far away.
+class Adapters {
+public:
+    Adapters(const Settings& settings, const std::string& alicePath, const std::string& bobPath,
+             const TempFolder& root) {
+        const std::string alice = alicePath + "/COM1=bitsurfr:" + CallerNumber;
+        const std::string bob = bobPath + "/COM1=adtran-xr:" + AnswererNumber;
+        if (settings.Across.empty()) {
+            tools_.push_back(std::make_unique<VirtualAdapters>(std::vector{alice, bob},
+                                                               AdapterOptions(settings)));
+            return;
+        }
+        const bool tls = settings.Across == "tls";
+        std::vector<std::string> bobs = AdapterOptions(settings);
+        std::vector<std::string> alices = bobs;
+        std::string routeId;
+        if (tls) {
+            bobs.insert(bobs.end(),
+                        {"--identity", root / "bob.key", "--peer", LineIdOf(root / "alice.key")});
+            alices.insert(alices.end(), {"--identity", root / "alice.key"});
+            routeId = "/" + LineIdOf(root / "bob.key");
+        }
+        bobs.insert(bobs.end(), {"--listen", "127.0.0.1:0"});
+        tools_.push_back(std::make_unique<VirtualAdapters>(std::vector{bob}, bobs));
+        uint16_t port = ListeningPort(tools_.back()->OutputLines());
+        if (settings.DelayMs > 0) {
+            relay_ = std::make_unique<TcpRelay>(port, std::chrono::milliseconds(settings.DelayMs));
+            port = relay_->Port();
+        }
+        alices.insert(alices.end(), {"--route", std::string(AnswererNumber) + "=127.0.0.1:" +
+                                                    std::to_string(port) + routeId});
+        tools_.push_back(std::make_unique<VirtualAdapters>(std::vector{alice}, alices));
+    }
+
+    // Processor seconds of every virtual-ta so far.
+    double ProcessorSeconds() const {
+        double seconds = 0;
+        for (const auto& tool : tools_) {
+            seconds += ProcessCpuMs(tool->Pid()) / 1000;
+        }
+        return seconds;
+    }
+
+private:
+    std::vector<std::unique_ptr<VirtualAdapters>> tools_;
+    std::unique_ptr<TcpRelay> relay_;
+};
+
 // The files to send, random, in a folder of their own; their names in order.
 std::vector<std::string> MakeFiles(const std::string& folder, const Settings& settings) {
     ::mkdir(folder.c_str(), 0755);
@@ -139,9 +217,7 @@ bool RunStations(const Settings& settings, Figures& figures) {
     const std::string alicePath = MakeInstallation(root, "alice");
     const std::string bobPath = MakeInstallation(root, "bob");
     const std::vector<std::string> names = MakeFiles(root / "out", settings);
-    VirtualAdapters adapters({alicePath + "/COM1=bitsurfr:" + CallerNumber,
-                              bobPath + "/COM1=adtran-xr:" + AnswererNumber},
-                             AdapterOptions(settings));
+    const Adapters adapters(settings, alicePath, bobPath, root);
     Station alice(alicePath);
     Station bob(bobPath);
     std::string add = "add";
@@ -153,19 +229,23 @@ bool RunStations(const Settings& settings, Figures& figures) {
         (twoChannels && bob.Command("in-protocol AIMUX") != "ok") ||
         (twoChannels && alice.Command("protocol AIMUX") != "ok") ||
         alice.Command("name Bob") != "ok" || alice.Command("number 5552002") != "ok" ||
-        alice.Command(add) != "ok" || alice.Command("send") != "ok") {
+        alice.Command(add) != "ok") {
         std::fprintf(stderr, "the stations did not get ready\n");
         PrintLogs(alice, bob);
         return false;
     }
-    if (!alice.WaitForLog("Sending File: ", std::chrono::seconds(120))) {
+    const auto sendAt = Clock::now();
+    if (alice.Command("send") != "ok" ||
+        !alice.WaitForLog("Sending File: ", std::chrono::seconds(120))) {
         std::fprintf(stderr, "the transfer did not start\n");
         PrintLogs(alice, bob);
         return false;
     }
     const auto start = Clock::now();
+    figures.SetUpSeconds = std::chrono::duration<double>(start - sendAt).count();
     const double aliceStart = ProcessorSeconds(alice.Pid());
     const double bobStart = ProcessorSeconds(bob.Pid());
+    const double toolsStart = adapters.ProcessorSeconds();
     if (!alice.WaitForLog("All files sent.", std::chrono::hours(3))) {
         std::fprintf(stderr, "the transfer did not end\n");
         PrintLogs(alice, bob);
@@ -174,6 +254,7 @@ bool RunStations(const Settings& settings, Figures& figures) {
     figures.Seconds = std::chrono::duration<double>(Clock::now() - start).count();
     figures.SenderCpu = ProcessorSeconds(alice.Pid()) - aliceStart;
     figures.ReceiverCpu = ProcessorSeconds(bob.Pid()) - bobStart;
+    figures.ToolsCpu = adapters.ProcessorSeconds() - toolsStart;
     figures.SenderPeakKb = PeakResidentKb(alice.Pid());
     figures.ReceiverPeakKb = PeakResidentKb(bob.Pid());
     if (!bob.WaitForLog("All files received.", std::chrono::seconds(120))) {
@@ -342,28 +423,53 @@ int main(int argc, char** argv) {
             settings.ShowLogs = true;
         } else if (option == "--noise" && hasValue) {
             settings.Noise = argv[++i];
+        } else if (option == "--across" && hasValue) {
+            settings.Across = argv[++i];
+        } else if (option == "--delay" && hasValue) {
+            settings.DelayMs = std::stoi(argv[++i]);
         } else {
-            std::fprintf(
-                stderr,
-                "usage: kb_transfer_bench [--program kestrelbound|zmodem] [--rate N] "
-                "[--channels 1|2] [--size BYTES] [--files N] [--noise P] [--logs] | --startup\n");
+            std::fprintf(stderr,
+                         "usage: kb_transfer_bench [--program kestrelbound|zmodem] [--rate N] "
+                         "[--channels 1|2] [--size BYTES] [--files N] [--noise P] [--logs] "
+                         "[--across plain|tls [--delay MS]] | --startup\n");
             return 2;
         }
+    }
+    // The noise faults name both adapters, which two tools do not share; and
+    // ZMODEM runs on one tool's ports.
+    const bool acrossKnown =
+        settings.Across.empty() || settings.Across == "plain" || settings.Across == "tls";
+    if (!acrossKnown ||
+        (!settings.Across.empty() && (!settings.Noise.empty() || settings.Program == "zmodem")) ||
+        (settings.DelayMs != 0 && settings.Across.empty())) {
+        std::fprintf(stderr,
+                     "--across is plain or tls, without --noise or ZMODEM; --delay needs it\n");
+        return 2;
     }
     if (startup) {
         return RunStartup() ? 0 : 1;
     }
     Figures figures;
-    const bool done = settings.Program == "zmodem" ? RunZmodem(settings, figures)
-                                                   : RunStations(settings, figures);
-    if (!done) {
+    // A tool that does not start (an option it does not know, say) throws.
+    try {
+        const bool done = settings.Program == "zmodem" ? RunZmodem(settings, figures)
+                                                       : RunStations(settings, figures);
+        if (!done) {
+            return 1;
+        }
+    } catch (const std::exception& thrown) {
+        std::fprintf(stderr, "%s\n", thrown.what());
         return 1;
     }
     std::printf(
         "seconds=%.3f bytes=%zu sender_cpu=%.3f receiver_cpu=%.3f sender_kb=%ld "
-        "receiver_kb=%ld identical=%d\n",
+        "receiver_kb=%ld identical=%d",
         figures.Seconds, settings.Size * static_cast<size_t>(settings.Files), figures.SenderCpu,
         figures.ReceiverCpu, figures.SenderPeakKb, figures.ReceiverPeakKb,
         figures.Identical ? 1 : 0);
+    if (settings.Program != "zmodem") {
+        std::printf(" tools_cpu=%.3f set_up=%.3f", figures.ToolsCpu, figures.SetUpSeconds);
+    }
+    std::printf("\n");
     return 0;
 }

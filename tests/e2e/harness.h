@@ -32,6 +32,8 @@ public:
     pid_t Pid() const { return process_.Pid(); }
     // The port it said it listens on, with --listen; 0 without.
     uint16_t ListeningPort() const;
+    // Its output so far, "listening on HOST:PORT" among it.
+    std::vector<std::string> OutputLines() const { return process_.AllLines(); }
 
 private:
     ChildProcess process_;

@@ -7,8 +7,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <deque>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -61,7 +64,8 @@ std::string ShowIdentity(const std::string& program, const std::string& keyPath)
                : "";
 }
 
-TcpRelay::TcpRelay(uint16_t targetPort) : targetPort_(targetPort) {
+TcpRelay::TcpRelay(uint16_t targetPort, std::chrono::microseconds delay)
+    : targetPort_(targetPort), delay_(delay) {
     listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address = Loopback(0);
     socklen_t length = sizeof address;
@@ -93,14 +97,25 @@ void TcpRelay::Cut() {
 }
 
 void TcpRelay::Run() {
+    using Clock = std::chrono::steady_clock;
     // Each connection is a pair: the one accepted, and the one made to the
-    // target. Each direction holds what it read until the other side has
-    // taken all of it, and reads again only then: the relay never blocks on
-    // a write, so a side that stops reading never holds up the other
-    // direction, as a network does not.
+    // target. Each direction keeps what it read, each read with the time it
+    // may go on, and sends what is due as soon as the other side takes it:
+    // the relay never blocks on a write, so a side that stops reading never
+    // holds up the other direction, as a network does not. A direction reads
+    // while it holds less than a window, enough for a fast line's bytes over
+    // the longest delay; beyond that, its source waits, as behind a
+    // network's full window.
+    constexpr size_t Window = 1 << 20;
+    struct Held {
+        Clock::time_point Due;
+        std::string Bytes;
+    };
     struct Direction {
-        std::string Pending;
-        bool Ended = false;     // its source has closed
+        std::deque<Held> Queue;
+        size_t Queued = 0;
+        bool Ended = false;  // its source has closed
+        Clock::time_point EndDue;
         bool ShutDown = false;  // its end has been passed on
     };
     struct Pair {
@@ -116,24 +131,46 @@ void TcpRelay::Run() {
         pairs.clear();
     };
     for (;;) {
+        Clock::time_point now = Clock::now();
+        std::optional<Clock::time_point> wakeAt;
+        const auto wakeBy = [&](Clock::time_point due) {
+            if (!wakeAt || due < *wakeAt) {
+                wakeAt = due;
+            }
+        };
         std::vector<pollfd> entries = {{wake_[0], POLLIN, 0}, {listener_, POLLIN, 0}};
         for (const Pair& pair : pairs) {
             for (int side = 0; side < 2; ++side) {
                 const Direction& in = pair.Way[side];
                 const Direction& out = pair.Way[1 - side];
                 short events = 0;
-                if (!in.Ended && in.Pending.empty()) {
+                if (!in.Ended && in.Queued < Window) {
                     events |= POLLIN;
                 }
-                if (!out.Pending.empty()) {
-                    events |= POLLOUT;
+                if (!out.Queue.empty()) {
+                    if (out.Queue.front().Due <= now) {
+                        events |= POLLOUT;
+                    } else {
+                        wakeBy(out.Queue.front().Due);
+                    }
+                } else if (out.Ended && !out.ShutDown) {
+                    wakeBy(out.EndDue);
                 }
                 entries.push_back({events == 0 ? -1 : pair.Fd[side], events, 0});
             }
         }
-        if (::poll(entries.data(), entries.size(), -1) < 0) {
+        timespec timeout{};
+        if (wakeAt) {
+            const auto left = std::max(Clock::duration::zero(), *wakeAt - now);
+            const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
+            timeout.tv_sec = seconds.count();
+            timeout.tv_nsec =
+                std::chrono::duration_cast<std::chrono::nanoseconds>(left - seconds).count();
+        }
+        if (::ppoll(entries.data(), entries.size(), wakeAt ? &timeout : nullptr, nullptr) < 0) {
             continue;
         }
+        now = Clock::now();
         if ((entries[0].revents & POLLIN) != 0) {
             char request = 0;
             (void)!::read(wake_[0], &request, 1);
@@ -167,33 +204,48 @@ void TcpRelay::Run() {
                 const short events = entries[2 + 2 * i + static_cast<size_t>(side)].revents;
                 Direction& in = pair.Way[side];
                 Direction& out = pair.Way[1 - side];
-                if ((events & POLLOUT) != 0 && !out.Pending.empty()) {
+                while ((events & POLLOUT) != 0 && !out.Queue.empty() &&
+                       out.Queue.front().Due <= now) {
+                    std::string& bytes = out.Queue.front().Bytes;
                     const ssize_t m =
-                        ::send(pair.Fd[side], out.Pending.data(), out.Pending.size(), MSG_NOSIGNAL);
+                        ::send(pair.Fd[side], bytes.data(), bytes.size(), MSG_NOSIGNAL);
                     if (m > 0) {
                         carried_ += static_cast<uint64_t>(m);
-                        out.Pending.erase(0, static_cast<size_t>(m));
-                    } else if (errno != EAGAIN && errno != EINTR) {
-                        out.Pending.clear();  // nobody to take it any more
-                        out.Ended = true;
+                        out.Queued -= static_cast<size_t>(m);
+                        bytes.erase(0, static_cast<size_t>(m));
+                        if (!bytes.empty()) {
+                            break;  // the socket is full: the rest when it is not
+                        }
+                        out.Queue.pop_front();
+                    } else {
+                        if (errno != EAGAIN && errno != EINTR) {
+                            // Nobody to take it any more.
+                            out.Queue.clear();
+                            out.Queued = 0;
+                            out.Ended = true;
+                        }
+                        break;
                     }
                 }
                 if ((events & (POLLIN | POLLHUP | POLLERR)) != 0 && !in.Ended &&
-                    in.Pending.empty()) {
+                    in.Queued < Window) {
                     char buffer[65536];
                     const ssize_t n = ::read(pair.Fd[side], buffer, sizeof buffer);
                     if (n > 0) {
-                        in.Pending.assign(buffer, static_cast<size_t>(n));
+                        in.Queue.push_back(
+                            {now + delay_, std::string(buffer, static_cast<size_t>(n))});
+                        in.Queued += static_cast<size_t>(n);
                     } else if (n == 0 || (errno != EAGAIN && errno != EINTR)) {
                         in.Ended = true;
+                        in.EndDue = now + delay_;
                     }
                 }
             }
             // One side closed: the other learns it the same way, once it has
-            // everything that came before.
+            // everything that came before, and as late.
             for (int side = 0; side < 2; ++side) {
                 Direction& in = pair.Way[side];
-                if (in.Ended && in.Pending.empty() && !in.ShutDown) {
+                if (in.Ended && in.Queue.empty() && !in.ShutDown && in.EndDue <= now) {
                     ::shutdown(pair.Fd[1 - side], SHUT_WR);
                     in.ShutDown = true;
                 }

@@ -1,10 +1,13 @@
 // A relay between two virtual-ta processes on loopback, for tests that need
-// the network between them to fail: it takes connections on a port of its own
-// and carries each on to the target port, both ways, until Cut closes every
-// connection at once, as a network that fails would.
+// the network between them to fail and for the benchmark that needs it to be
+// far away: it takes connections on a port of its own and carries each on to
+// the target port, both ways, each byte as long after it came as the delay
+// says, until Cut closes every connection at once, as a network that fails
+// would.
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <thread>
@@ -24,8 +27,10 @@ std::string ShowIdentity(const std::string& program, const std::string& keyPath)
 
 class TcpRelay {
 public:
-    // Relays to 127.0.0.1:targetPort. Throws if it cannot listen.
-    explicit TcpRelay(uint16_t targetPort);
+    // Relays to 127.0.0.1:targetPort, each way after the delay. Throws if it
+    // cannot listen.
+    explicit TcpRelay(uint16_t targetPort,
+                      std::chrono::microseconds delay = std::chrono::microseconds(0));
     ~TcpRelay();
     TcpRelay(const TcpRelay&) = delete;
     TcpRelay& operator=(const TcpRelay&) = delete;
@@ -41,6 +46,7 @@ private:
     void Run();
 
     uint16_t targetPort_;
+    std::chrono::microseconds delay_;
     uint16_t port_ = 0;
     int listener_ = -1;
     int wake_[2] = {-1, -1};  // a byte per request: 'c' cut, 's' stop
