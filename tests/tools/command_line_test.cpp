@@ -151,10 +151,10 @@ TEST_F(VirtualTaCommandLine, BadArgumentsGiveOneLineAndExit2) {
 }
 
 // The key is made once, for its user alone, by one of several starts at
-// once, and gives the same line ID at each start; a start that makes it
-// says so in the log. One that others may read, that is no key, or that is
-// no file is refused with an exit status of its own, at --show-identity as
-// at a start that needs it.
+// once, and gives the same line ID at each start, through a link too; a
+// start that makes it says so in the log. One that others may read, that is
+// no key, or that is no file is refused with an exit status of its own, at
+// --show-identity as at a start that needs it.
 TEST_F(VirtualTaCommandLine, TheIdentityKeyIsMadeOnceForItsUserAlone) {
     const std::string key = folder_ / "made/here/line.key";
     std::vector<std::unique_ptr<ChildProcess>> runs;
@@ -173,6 +173,8 @@ TEST_F(VirtualTaCommandLine, TheIdentityKeyIsMadeOnceForItsUserAlone) {
     struct stat status {};
     ASSERT_EQ(::stat(key.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0600u);
+    ASSERT_EQ(::symlink(key.c_str(), (folder_ / "link.key").c_str()), 0);
+    EXPECT_EQ(ShowIdentity(VIRTUAL_TA_PATH, folder_ / "link.key"), id) << "a link is followed";
     const std::string good = folder_ / "COM1=bitsurfr:5551000";
     const std::string trace = folder_ / "trace.txt";
     const std::string newKey = folder_ / "new.key";
