@@ -144,8 +144,11 @@ Key MakeKey(const std::string& path, std::string& error, NewKey told) {
         error = Failure(path, "cannot be made");
         return nullptr;
     }
+    // The name too must reach the disk, or a crash brings back no key and a
+    // new ID at the next start; a file system that cannot sync a folder
+    // (EINVAL) keeps its names its own way.
     const int folderFd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (folderFd < 0 || ::fsync(folderFd) != 0) {
+    if (folderFd < 0 || (::fsync(folderFd) != 0 && errno != EINVAL)) {
         error = Failure(path, "cannot be kept in its folder");
         if (folderFd >= 0) {
             ::close(folderFd);
