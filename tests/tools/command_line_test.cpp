@@ -100,7 +100,8 @@ TEST_F(VirtualTaCommandLine, BadArgumentsGiveOneLineAndExit2) {
         {"--config", folder_ / "bad.conf", good},
         {"--config=", good},
         {"--peer", "GBRVB-W61JJ-JS677", good},
-        {"--route", "5552000=127.0.0.1:4000/GBRVB-W61JJ-JS677-421R6-BEAAV-A4VP7", good},
+        {"--route", "5552000=127.0.0.1:4000/GBRV3-W61J3-JS678-421RB-BEAA7-A4VPZ", good},
+        {"--insecure", "--peer", "GBRV3-W61J3-JS678-421RB-BEAA7-A4VPY", good},
         // Plain TCP beyond loopback, without --insecure.
         {"--listen", "0.0.0.0:0", good},
         {"--route", "5552000=192.0.2.7:4000", good},
@@ -149,25 +150,55 @@ TEST_F(VirtualTaCommandLine, BadArgumentsGiveOneLineAndExit2) {
     }
 }
 
-// The key is made once, for its user alone, and gives the same line ID at
-// each start; one that others may read, or that is no key, is refused.
+// The key is made once, for its user alone, by one of several starts at
+// once, and gives the same line ID at each start, through a link too; a
+// start that makes it says so in the log. One that others may read, that is
+// no key, or that is no file is refused with an exit status of its own, at
+// --show-identity as at a start that needs it.
 TEST_F(VirtualTaCommandLine, TheIdentityKeyIsMadeOnceForItsUserAlone) {
     const std::string key = folder_ / "made/here/line.key";
+    std::vector<std::unique_ptr<ChildProcess>> runs;
+    for (int i = 0; i < 8; ++i) {
+        runs.push_back(std::make_unique<ChildProcess>(
+            VIRTUAL_TA_PATH, std::vector<std::string>{"--show-identity", "--identity", key}, "",
+            ChildProcess::Errors::Kept));
+    }
     const std::string id = ShowIdentity(VIRTUAL_TA_PATH, key);
     EXPECT_EQ(id.size(), 35u) << id;
-    EXPECT_EQ(ShowIdentity(VIRTUAL_TA_PATH, key), id);
+    for (const auto& run : runs) {
+        EXPECT_EQ(run->WaitForExit(10s), 0) << run->ErrorText();
+        EXPECT_EQ(run->AllLines(), std::vector<std::string>{id});
+        EXPECT_EQ(run->ErrorText(), "") << "no log at --show-identity";
+    }
     struct stat status {};
     ASSERT_EQ(::stat(key.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0600u);
+    ASSERT_EQ(::symlink(key.c_str(), (folder_ / "link.key").c_str()), 0);
+    EXPECT_EQ(ShowIdentity(VIRTUAL_TA_PATH, folder_ / "link.key"), id) << "a link is followed";
+    const std::string good = folder_ / "COM1=bitsurfr:5551000";
+    const std::string trace = folder_ / "trace.txt";
+    const std::string newKey = folder_ / "new.key";
+    Start({"--trace", trace, "--identity", newKey, "--peer", id, good});
+    EXPECT_EQ(Occurrences(ReadWholeFile(trace), "made a new identity key " + newKey + ", line ID " +
+                                                    ShowIdentity(VIRTUAL_TA_PATH, newKey)),
+              1u);
+    tool_.reset();
     WriteWholeFile(folder_ / "junk.key", "not a key\n");
     ASSERT_EQ(::chmod((folder_ / "junk.key").c_str(), 0600), 0);
     ASSERT_EQ(::chmod(key.c_str(), 0640), 0);
-    for (const std::string& path : {key, folder_ / "junk.key"}) {
-        ChildProcess run(VIRTUAL_TA_PATH, {"--show-identity", "--identity", path}, "",
-                         ChildProcess::Errors::Kept);
-        EXPECT_EQ(run.WaitForExit(10s), 1);
-        EXPECT_TRUE(run.AllLines().empty());
-        EXPECT_NE(run.ErrorText().find(path), std::string::npos) << run.ErrorText();
+    ASSERT_EQ(::mkfifo((folder_ / "fifo.key").c_str(), 0600), 0);
+    for (const std::string& path : {key, folder_ / "junk.key", folder_ / "fifo.key"}) {
+        for (const bool show : {true, false}) {
+            SCOPED_TRACE(path + (show ? " shown" : " at a start"));
+            ChildProcess run(VIRTUAL_TA_PATH,
+                             show
+                                 ? std::vector<std::string>{"--show-identity", "--identity", path}
+                                 : std::vector<std::string>{"--identity", path, "--peer", id, good},
+                             "", ChildProcess::Errors::Kept);
+            EXPECT_EQ(run.WaitForExit(10s), 3);
+            EXPECT_TRUE(run.AllLines().empty());
+            EXPECT_NE(run.ErrorText().find(path), std::string::npos) << run.ErrorText();
+        }
     }
 }
 
@@ -176,21 +207,28 @@ TEST_F(VirtualTaCommandLine, TheIdentityKeyIsMadeOnceForItsUserAlone) {
 TEST_F(VirtualTaCommandLine, ALineIdIsReadAsTypedAndATypoNamesItsGroup) {
     using virtual_ta::LineId;
     using virtual_ta::ParseLineId;
-    LineId id;  // the first 40 bits 00001 repeated, the rest 0
-    const uint8_t start[] = {0x08, 0x42, 0x10, 0x84, 0x21};
+    // The values 1 1 1 1 | 1 1 1 1 | 0 31 0 0 | 0 0 29 31, the rest 0. Each
+    // group's check c makes v1 x^4 + v2 x^3 + v3 x^2 + v4 x + c zero in GF(32)
+    // modulo x^5 + x^2 + 1 (by Horner: s = s x + v): 1, 3, 7, 15 gives
+    // c = 15 x = 30 (Y); 0, 31, 27, 19 gives c = 19 x = 3; 0, 0, 29, 31 ^ 31
+    // gives c = 0.
+    LineId id;
+    const uint8_t start[] = {0x08, 0x42, 0x10, 0x84, 0x21, 0x07, 0xC0, 0x00, 0x03, 0xBF};
     std::copy(std::begin(start), std::end(start), id.Bits.begin());
-    const std::string text = "1111T-1111T-00000-00000-00000-00000";
+    const std::string text = "1111Y-1111Y-0Z003-00XZ0-00000-00000";
     EXPECT_EQ(id.Text(), text);
     const struct {
         const char* Typed;
         const char* Error;  // "" when it is read as the ID
     } cases[] = {
-        {"1111T-1111T-00000-00000-00000-00000", ""},
-        {"llllt iiiit ooooo 0O0o0 00000-0000-0", ""},
-        {"1111T1111T0000000000000000000000", "30 characters"},
-        {"1111T-1111T-00000-00080-00000-00000", "group 4"},
-        {"1111T-111T1-00000-00000-00000-00000", "group 2"},
-        {"1111T-1111T-00000-00000-00000-0000U", "group 6"},
+        {"1111Y-1111Y-0Z003-00XZ0-00000-00000", ""},
+        {"llll-y iiiiy ozoo3 0OxzO 00000-0000-0", ""},
+        {"1111Y1111Y0Z00300XZ0000000000000", "not 32"},
+        {"1111Y-1111Y-0Z003-00XZ0-00080-00000", "group 5"},
+        {"1111Y-111Y1-0Z003-00XZ0-00000-00000", "group 2"},
+        {"1111Y-1111Y-Z0003-00XZ0-00000-00000", "group 3"},
+        {"1111Y-1111Y-0Z003-00X0Z-00000-00000", "group 4"},
+        {"1111Y-1111Y-0Z003-00XZ0-00000-0000U", "group 6"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.Typed);
@@ -214,12 +252,13 @@ TEST_F(VirtualTaCommandLine, TheConfigurationFileGivesWhatTheCommandLineGives) {
     ASSERT_NE(std::getenv("HOME"), nullptr);
     const std::string home = std::getenv("HOME");
     ASSERT_EQ(::mkdir((folder_ / "sub").c_str(), 0700), 0);
-    const std::string id = "1111T-1111T-00000-00000-00000-00000";
+    const std::string id = "1111Y-1111Y-0Z003-00XZ0-00000-00000";
     const struct {
         std::string Text;
         std::vector<std::string> Added;  // to the command line, beside --config
         std::vector<std::string> Same;   // a command line alone that means the same
         std::string Refusal;             // or the reason the whole is refused
+        mode_t Mode = 0644;
     } cases[] = {
         {"# Bob's PC\r\n\n\trate  0   # as fast as it goes\r\n"
          "adapter COM1=zyxel-2864:5552002,max-speed=57600\nadapter sub/COM2=adtran-xr:12,"
@@ -270,16 +309,31 @@ TEST_F(VirtualTaCommandLine, TheConfigurationFileGivesWhatTheCommandLineGives) {
         {"trace\n", {}, {}, file + ":1: trace needs a value"},
         {"adapter COM1=3com:1\nadapter COM2=3com:1\n", {}, {}, "two adapters with the number 1"},
         {"route 2=a:1\n", {folder_ / "COM1=3com:1", "--route", "2=b:1"}, {}, "two routes for 2"},
+        {"rate 0\n",
+         {},
+         {},
+         "the configuration file '" + file +
+             "' may be changed by others (mode 0620): make it the user's alone with chmod go-w",
+         0620},
     };
-    for (const auto& [text, added, same, refusal] : cases) {
+    for (const auto& [text, added, same, refusal, mode] : cases) {
         SCOPED_TRACE(text);
         WriteWholeFile(file, text);
+        ASSERT_EQ(::chmod(file.c_str(), mode), 0);
         std::vector<std::string> arguments = {"--config", file};
         arguments.insert(arguments.end(), added.begin(), added.end());
         EXPECT_EQ(Parsed(arguments), refusal.empty() ? Parsed(same) : "refused: " + refusal);
     }
     EXPECT_EQ(Parsed({"--config", folder_ / "sub", folder_ / "COM1=3com:1"}),
               "refused: cannot read the configuration file '" + folder_ / "sub" + "'");
+    // Nor is another user's file read, which only root can make here.
+    if (::geteuid() == 0) {
+        ASSERT_EQ(::chmod(file.c_str(), 0644), 0);
+        ASSERT_EQ(::chown(file.c_str(), 1, 1), 0);
+        EXPECT_EQ(Parsed({"--config", file}),
+                  "refused: the configuration file '" + file +
+                      "' belongs to another user (1): make it the user's own with chown");
+    }
 }
 
 TEST_F(VirtualTaCommandLine, HelpDescribesTheAdapters) {

@@ -1,27 +1,20 @@
 #include "virtual-ta/config.h"
 
-#include <pwd.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <fstream>
+#include <cstdio>
+#include <sstream>
 
 #include "platform/files.h"
+#include "virtual-ta/identity.h"
 
 namespace kb::virtual_ta {
 
 namespace {
 
 constexpr const char* Blanks = " \t\r";
-
-std::string HomeFolder() {
-    const char* home = std::getenv("HOME");
-    if (home != nullptr && *home != '\0') {
-        return home;
-    }
-    const passwd* user = ::getpwuid(::getuid());
-    return user != nullptr && user->pw_dir != nullptr ? user->pw_dir : "";
-}
 
 // A path written in the file, as the tool opens it: the file does not move
 // with the folder the tool happens to start in (the service manager's is /).
@@ -35,16 +28,56 @@ std::string PathFromFile(const std::string& path, const std::string& fileFolder)
     return fileFolder + "/" + path;
 }
 
-}  // namespace
-
-bool ReadConfigFile(const std::string& path, Options& options, std::string& error) {
-    // A folder would open, and read as an empty file.
-    std::ifstream file(path);
-    if (kb::platform::KindOfPath(path) != kb::platform::PathKind::File || !file) {
+// The file's text, if it is a file (a folder would read as an empty one,
+// a FIFO would hang the start) that only its user may change: whoever can
+// write it can add a peer, take --insecure or point the trace at any of the
+// user's files. One of root's is the user's too, as for ssh.
+bool ReadOwnFile(const std::string& path, std::string& text, std::string& error) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    struct stat status {};
+    if (fd < 0 || ::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+        if (fd >= 0) {
+            ::close(fd);
+        }
         error = "cannot read the configuration file '" + path + "'";
         return false;
     }
+    if (status.st_uid != ::geteuid() && status.st_uid != 0) {
+        ::close(fd);
+        error = "the configuration file '" + path + "' belongs to another user (" +
+                std::to_string(status.st_uid) + "): make it the user's own with chown";
+        return false;
+    }
+    if ((status.st_mode & 022) != 0) {
+        ::close(fd);
+        char mode[8];
+        std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(status.st_mode & 07777));
+        error = "the configuration file '" + path + "' may be changed by others (mode " + mode +
+                "): make it the user's alone with chmod go-w";
+        return false;
+    }
+    char buffer[4096];
+    ssize_t count = 0;
+    while ((count = ::read(fd, buffer, sizeof buffer)) > 0) {
+        text.append(buffer, static_cast<size_t>(count));
+    }
+    ::close(fd);
+    if (count < 0) {
+        error = "cannot read the configuration file '" + path + "'";
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool ReadConfigFile(const std::string& path, Options& options, std::string& error) {
+    std::string text;
+    if (!ReadOwnFile(path, text, error)) {
+        return false;
+    }
     const std::string folder = kb::platform::FolderOfPath(path);
+    std::istringstream file(text);
     std::string line;
     for (int number = 1; std::getline(file, line); ++number) {
         line = line.substr(0, line.find('#'));

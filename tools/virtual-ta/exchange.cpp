@@ -78,7 +78,12 @@ bool Exchange::Open(std::string& error) {
                                     adapter->Pty.SlavePath);
         adapters_.push_back(std::move(adapter));
     }
-    return OpenTls(error) && OpenListener(error);
+    if (!OpenTls(error)) {
+        // Its one failure before the key is there is the key's.
+        keyRefused_ = !key_;
+        return false;
+    }
+    return OpenListener(error);
 }
 
 void Exchange::Close() {

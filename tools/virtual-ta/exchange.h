@@ -84,6 +84,9 @@ public:
 
     // Makes every pseudo-terminal and link. False with a reason.
     [[nodiscard]] bool Open(std::string& error);
+    // After Open failed: true if it was for the identity key (unreadable,
+    // read by others, no key, or not to be made).
+    [[nodiscard]] bool KeyRefused() const { return keyRefused_; }
     // Removes the links and closes the pseudo-terminals.
     void Close();
 
@@ -191,6 +194,7 @@ private:
     // TLS, when any line ID is given: the tool's key, and the IDs that may
     // call in (its peers and its routes' far tools).
     Key key_;
+    bool keyRefused_ = false;
     std::unique_ptr<TlsContext> tls_;
     std::vector<LineId> peers_;  // in the order CollectPoll gave them
 };

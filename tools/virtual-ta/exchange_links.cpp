@@ -91,7 +91,7 @@ bool Exchange::OpenTls(std::string& error) {
     if (!tls_->Open(key_.get(), error)) {
         return false;
     }
-    TraceLine("-", "line ID " + LineIdOf(key_.get()).Text());
+    TraceLine("-", "line ID " + LineIdOf(key_.get())->Text());
     return true;
 }
 

@@ -2,8 +2,8 @@
 // and the line ID that names it. The ID is what two people pass on to each
 // other, like a telephone number: the first 120 bits of the SHA-256 of the
 // public key (its DER SubjectPublicKeyInfo), written as 24 characters of
-// Crockford's base32 in 6 groups of 4, each group followed by a Luhn mod 32
-// check character, e.g. "7K2M9-QX4TZ-...". A typo is caught in its group.
+// Crockford's base32 in 6 groups of 4, each group followed by a check
+// character, e.g. "7K2M9-QX4TZ-...". A typo is caught in its group.
 #pragma once
 
 #include <array>
@@ -35,16 +35,28 @@ struct KeyFree {
 };
 using Key = std::unique_ptr<EVP_PKEY, KeyFree>;
 
-// The line ID of a public key (or of a key pair's public half).
-LineId LineIdOf(const EVP_PKEY* key);
+// The line ID of a public key (or of a key pair's public half); empty if
+// the key cannot be encoded, which no ID may stand for.
+std::optional<LineId> LineIdOf(const EVP_PKEY* key);
+
+// The user's home folder: $HOME, or the user database's when it is unset
+// (a service may be started without it); empty if neither says.
+std::string HomeFolder();
 
 // Where the key is kept unless --identity says otherwise:
 // $XDG_CONFIG_HOME/kestrelbound/line.key, or ~/.config/kestrelbound/line.key.
 std::string DefaultIdentityPath();
 
+// Whether making a new key is told in the tool's log. A new key at a start
+// gives the tool an ID that every peer refuses, so it is logged, except when
+// the user asked for the ID to pass on.
+enum class NewKey { Logged, Quiet };
+
 // The key pair in the file; made there, with mode 0600 and its folders as
 // needed, when the file does not exist. Null with a reason when the file can
-// be read by others, is no Ed25519 key, or cannot be read or made.
-Key LoadOrMakeKey(const std::string& path, std::string& error);
+// be read by others, is no Ed25519 key, or cannot be read or made; a key
+// given has a line ID. Several tools starting at once on a new path all end
+// with the one key made.
+Key LoadOrMakeKey(const std::string& path, std::string& error, NewKey told = NewKey::Logged);
 
 }  // namespace kb::virtual_ta

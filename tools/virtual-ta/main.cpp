@@ -13,6 +13,14 @@
 #include "virtual-ta/options.h"
 #include "virtual-ta/trace.h"
 
+namespace {
+
+// An identity key that cannot be read or made stays so until the user sees
+// to it: the service manager does not start the tool again for it.
+constexpr int KeyRefused = 3;
+
+}  // namespace
+
 int main(int argc, char** argv) {
     using namespace kb::platform;
     using namespace kb::virtual_ta;
@@ -28,12 +36,12 @@ int main(int argc, char** argv) {
         return 0;
     }
     if (options.ShowIdentity) {
-        const Key key = LoadOrMakeKey(options.IdentityPath, error);
+        const Key key = LoadOrMakeKey(options.IdentityPath, error, NewKey::Quiet);
         if (!key) {
             std::fprintf(stderr, "virtual-ta: %s\n", error.c_str());
-            return 1;
+            return KeyRefused;
         }
-        std::printf("%s\n", LineIdOf(key.get()).Text().c_str());
+        std::printf("%s\n", LineIdOf(key.get())->Text().c_str());
         return 0;
     }
     if (!options.TracePath.empty() && !OpenTrace(options.TracePath)) {
@@ -55,7 +63,7 @@ int main(int argc, char** argv) {
     if (!exchange.Open(error)) {
         exchange.Close();
         std::fprintf(stderr, "virtual-ta: %s\n", error.c_str());
-        return 1;
+        return exchange.KeyRefused() ? KeyRefused : 1;
     }
     if (!exchange.ListeningAt().empty()) {
         std::printf("listening on %s\n", exchange.ListeningAt().c_str());

@@ -414,6 +414,14 @@ bool CheckSettings(const Options& options, std::string& error) {
             return false;
         }
     }
+    // Under --insecure a plain call is taken from anyone, so a peer list
+    // would only seem to choose who may call.
+    if (anyId && options.Insecure) {
+        error =
+            "--insecure takes plain calls from anyone; with --peer or a route's ID, leave it "
+            "out";
+        return false;
+    }
     if (!options.ListenHost.empty() && !anyId && !options.Insecure &&
         !IsLoopbackHost(options.ListenHost)) {
         error = "--listen " + options.ListenHost + " takes calls from away, but no --peer says " +
@@ -543,7 +551,9 @@ Options:
   --help              this text
 
 It prints "ready" once every link exists, runs until SIGINT or SIGTERM, then
-removes its links and exits 0. Bad arguments: a one-line message and exit 2.
+removes its links and exits 0. Bad arguments: a one-line message and exit 2;
+an identity key that cannot be read or made: exit 3; another failure at the
+start (a pseudo-terminal, the listening address): exit 1.
 A listening address other than loopback needs a --peer or a route with an ID
 (or --insecure). Refused calls and calls in plain TCP under --insecure are
 logged on standard error, and in the trace.

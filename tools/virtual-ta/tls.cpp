@@ -17,6 +17,10 @@ using Certificate = std::unique_ptr<X509, CertificateFree>;
 // The certificate only carries the key: its names and dates say nothing
 // that is checked, so it is valid from yesterday for a century.
 Certificate SelfSigned(EVP_PKEY* key) {
+    const std::optional<LineId> id = LineIdOf(key);
+    if (!id) {
+        return nullptr;
+    }
     Certificate certificate(X509_new());
     X509_NAME* name = X509_NAME_new();
     const bool made =
@@ -25,9 +29,9 @@ Certificate SelfSigned(EVP_PKEY* key) {
         ASN1_INTEGER_set(X509_get_serialNumber(certificate.get()), 1) == 1 &&
         X509_time_adj_ex(X509_getm_notBefore(certificate.get()), -1, 0, nullptr) != nullptr &&
         X509_time_adj_ex(X509_getm_notAfter(certificate.get()), 36525, 0, nullptr) != nullptr &&
-        X509_NAME_add_entry_by_txt(
-            name, "CN", MBSTRING_ASC,
-            reinterpret_cast<const unsigned char*>(LineIdOf(key).Text().c_str()), -1, -1, 0) == 1 &&
+        X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
+                                   reinterpret_cast<const unsigned char*>(id->Text().c_str()), -1,
+                                   -1, 0) == 1 &&
         X509_set_subject_name(certificate.get(), name) == 1 &&
         X509_set_issuer_name(certificate.get(), name) == 1 &&
         X509_set_pubkey(certificate.get(), key) == 1 &&
@@ -51,7 +55,11 @@ int VerifyPeer(int /*preverified*/, X509_STORE_CTX* store) {
     if (session == nullptr || key == nullptr) {
         return 0;
     }
-    session->Offered = LineIdOf(key);
+    const std::optional<LineId> offered = LineIdOf(key);
+    if (!offered) {
+        return 0;
+    }
+    session->Offered = *offered;
     if (session->OfferedAccepted()) {
         return 1;
     }
