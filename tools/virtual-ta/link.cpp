@@ -40,16 +40,22 @@ std::string AddressText(const sockaddr_storage& address) {
     return "[" + std::string(host) + "]:" + std::to_string(port);
 }
 
-bool Resolve(const std::string& host, uint16_t port, bool passive,
-             std::vector<sockaddr_storage>& addresses) {
+socklen_t LengthOf(const sockaddr_storage& address) {
+    return address.ss_family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
+}
+
+}  // namespace
+
+std::vector<sockaddr_storage> FindAddresses(const std::string& host, uint16_t port, int flags) {
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
-    hints.ai_flags = AI_NUMERICSERV | (passive ? AI_PASSIVE : 0);
+    hints.ai_flags = AI_NUMERICSERV | flags;
     addrinfo* found = nullptr;
     const std::string service = std::to_string(port);
+    std::vector<sockaddr_storage> addresses;
     if (::getaddrinfo(host.c_str(), service.c_str(), &hints, &found) != 0) {
-        return false;
+        return addresses;
     }
     for (const addrinfo* at = found; at != nullptr; at = at->ai_next) {
         sockaddr_storage address{};
@@ -57,14 +63,8 @@ bool Resolve(const std::string& host, uint16_t port, bool passive,
         addresses.push_back(address);
     }
     ::freeaddrinfo(found);
-    return !addresses.empty();
+    return addresses;
 }
-
-socklen_t LengthOf(const sockaddr_storage& address) {
-    return address.ss_family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
-}
-
-}  // namespace
 
 void Link::Queue(LinkMessage type, std::string_view payload) {
     Out += static_cast<char>(type);
@@ -126,8 +126,8 @@ bool ParseHostPort(const std::string& text, bool allowZero, std::string& host, u
 }
 
 int ListenOn(const std::string& host, uint16_t& port, std::string& error) {
-    std::vector<sockaddr_storage> addresses;
-    if (!Resolve(host, port, true, addresses)) {
+    const std::vector<sockaddr_storage> addresses = FindAddresses(host, port, AI_PASSIVE);
+    if (addresses.empty()) {
         error = "cannot find the address '" + host + "' to listen on";
         return -1;
     }
@@ -165,14 +165,9 @@ int AcceptOn(int listener, std::string& peer, int& error) {
     return fd;
 }
 
-bool StartConnect(Link& link, const std::string& host, uint16_t port) {
-    link.Addresses.clear();
-    if (!Resolve(host, port, false, link.Addresses)) {
-        return false;
-    }
+bool StartConnect(Link& link, const std::vector<sockaddr_storage>& addresses) {
     // The addresses are tried from the front.
-    std::vector<sockaddr_storage> inOrder(link.Addresses.rbegin(), link.Addresses.rend());
-    link.Addresses.swap(inOrder);
+    link.Addresses.assign(addresses.rbegin(), addresses.rend());
     return ConnectNext(link);
 }
 
