@@ -357,8 +357,8 @@ TEST_F(CallsAway, BusyUnknownAndUnreachableFailAsLocallyAndTheSlowerRatePacesThe
 // none for more than 5 s, letting the longest-waiting go for a newer one.
 // Bob's tool, allowed few descriptors, keeps some for its adapters, and at
 // its limit takes no processor time; a routed call rings and connects all
-// the same.
-TEST_F(CallsAway, SilentConnectionsAreCappedAndTimedOutAndARoutedCallStillGoesThrough) {
+// the same, also through a crowd that speaks and never sets up a call.
+TEST_F(CallsAway, ConnectionsWithoutACallAreCappedAndTimedOutAndARoutedCallStillGoesThrough) {
     const std::string alicesTrace = folder_ / "alice.trace";
     StartBoth({"--trace", alicesTrace}, 26);
     FarEnd& alice = Port("alice");
@@ -394,6 +394,42 @@ TEST_F(CallsAway, SilentConnectionsAreCappedAndTimedOutAndARoutedCallStillGoesTh
     const std::string trace = ReadWholeFile(alicesTrace);
     EXPECT_EQ(Occurrences(trace, "closed: too many connections without a call"), 40u - 16u);
     EXPECT_EQ(Occurrences(trace, "closed: no call set up within 5 s"), 16u);
+
+    // Then at Alice's tool: 200 connections at once that each stop half-way
+    // through a setup, one that sends garbage, and one that announces a whole
+    // frame and stops half-way. Bob's call still goes through, and when they
+    // are gone Alice's tool holds no more memory than before, nor did
+    // meanwhile.
+    const long memoryBefore = ProcessMemoryKb(alicesTool_->Pid());
+    const long peakBefore = ProcessMemoryKb(alicesTool_->Pid(), true);
+    std::vector<int> hostile;
+    std::vector<std::string> openings(200, std::string("S\x00\x28", 3) + "5551001 - 555");
+    openings.push_back("GET / HTTP/1.1\r\n" + RandomBytes(4000000, 5));
+    openings.push_back("D\xFF\xFF" + RandomBytes(30000, 6));
+    for (const std::string& opening : openings) {
+        hostile.push_back(SilentConnection(alicesPort_));
+        ASSERT_GE(hostile.back(), 0);
+        ::send(hostile.back(), opening.data(), opening.size(), MSG_NOSIGNAL);
+    }
+    const CallSetUp back = SetUpCall(bob, alice, "5551001");
+    ASSERT_TRUE(back.Connected) << back.AtCaller << " / " << back.AtAnswerer;
+    ExpectCarried(bob, alice, "through", "the crowd again");
+    ASSERT_TRUE(bob.HangUp());
+    EXPECT_EQ(alice.ReceiveUntil("NO CARRIER\r\n", 3000), "\r\nNO CARRIER\r\n");
+    // Each connection that brought no call ends with a line in the trace.
+    EXPECT_TRUE(PollUntil(
+        [&] {
+            const std::string ends = ReadWholeFile(alicesTrace);
+            return Occurrences(ends, "too many connections without a call") +
+                       Occurrences(ends, "no call set up within") ==
+                   silent.size() / 2 + hostile.size();
+        },
+        std::chrono::seconds(30)));
+    EXPECT_LT(ProcessMemoryKb(alicesTool_->Pid()) - memoryBefore, 1024);
+    EXPECT_LT(ProcessMemoryKb(alicesTool_->Pid(), true) - peakBefore, 1024);
+    for (const int fd : hostile) {
+        ::close(fd);
+    }
 }
 
 // The tool's exchange in the test's process, on a thread of its own: its

@@ -571,15 +571,20 @@ size_t Exchange::LinksAwaitingSetup() const {
 }
 
 // Lets go of the connection that has awaited its setup longest without a
-// word, to make room for a newer one. A connection taken in this pass has
-// not been listened to yet, and one that has spoken may be a caller whose
-// setup is still on its way; neither is let go.
+// word, to make room for a newer one; failing that, of the one that has
+// awaited it longest. A connection taken in this pass has not been listened
+// to yet, and is not let go. One that has spoken may be a caller whose setup
+// is still on its way, so the silent go first; but a crowd of connections
+// that each sent the start of a setup and stopped must not keep every real
+// caller out until their time is up, and a real caller's setup follows its
+// connection at once.
 bool Exchange::DropLinkAwaitingSetup(uint64_t now) {
     Link* oldest = nullptr;
     for (auto& owned : links_) {
         Link& link = *owned;
-        if (link.AwaitingSetup() && !link.Heard && link.AcceptedAt < now &&
-            (oldest == nullptr || link.AcceptedAt < oldest->AcceptedAt)) {
+        if (link.AwaitingSetup() && link.AcceptedAt < now &&
+            (oldest == nullptr || std::make_pair(link.Heard, link.AcceptedAt) <
+                                      std::make_pair(oldest->Heard, oldest->AcceptedAt))) {
             oldest = &link;
         }
     }
