@@ -542,16 +542,17 @@ std::string DialsTaken(int listener) {
 // A name server that never answers holds only the dial that waits on it: a
 // call between two adapters of the same tool goes on meanwhile. The held
 // dial, and one to a host that takes the connection and never answers, end
-// in NO CARRIER at the time limit; answers that come after their dial has
-// gone, by the limit or by a hang-up, are dropped; and the tool ends with a
-// lookup still held.
+// in NO CARRIER at the time limit; a host's address that takes no connection
+// gives way to the next at the limit; answers that come after their dial
+// has gone, by the limit or by a hang-up, are dropped; and the tool ends
+// with a lookup still held.
 TEST_F(HeldLookups, ADialWaitingOnANameServerHoldsNoOtherCallAndFailsAtItsLimit) {
     std::string error;
     uint16_t silentPort = 0;
     const int silent = virtual_ta::ListenOn("127.0.0.1", silentPort, error);
     ASSERT_GE(silent, 0) << error;
-    RunExchange({"--rate", "0", "--route", "5559001=far.example:4000", "--route",
-                 "5559002=127.0.0.1:" + std::to_string(silentPort),
+    RunExchange({"--rate", "0", "--answer-wait", "120", "--route", "5559001=far.example:4000",
+                 "--route", "5559002=127.0.0.1:" + std::to_string(silentPort),
                  folder_ / "alice=bitsurfr:5551001", folder_ / "bob=zyxel-2864:5551002",
                  folder_ / "carol=3com:5551003"});
     FarEnd& alice = Port("alice");
@@ -576,13 +577,31 @@ TEST_F(HeldLookups, ADialWaitingOnANameServerHoldsNoOtherCallAndFailsAtItsLimit)
     ASSERT_TRUE(LookupsStarted(2));
     alice.Send(" ");
     EXPECT_EQ(alice.ReceiveUntil("NO CARRIER\r\n", 1000), "ATD5559001\r\r\nNO CARRIER\r\n");
-    // Both held lookups answer now, with the silent host; then a third dial
-    // reaches it, and alone.
-    SetGate(true, virtual_ta::FindAddresses("127.0.0.1", silentPort, 0));
+    EXPECT_EQ(DialsTaken(silent), "5559002 ");
+    // Both held lookups answer now: first an address whose listener's queue
+    // is full, so that a connection to it waits for ever, then the silent
+    // host's. A third dial tries the second at the first's time limit, and
+    // no other dial reaches it.
+    uint16_t stuckPort = 0;
+    const int stuck = virtual_ta::ListenOn("127.0.0.1", stuckPort, error);
+    ASSERT_TRUE(stuck >= 0 && ::listen(stuck, 0) == 0) << error;
+    const int filler = SilentConnection(stuckPort);
+    std::vector<sockaddr_storage> addresses = virtual_ta::FindAddresses("127.0.0.1", stuckPort, 0);
+    addresses.push_back(virtual_ta::FindAddresses("127.0.0.1", silentPort, 0).front());
+    SetGate(true, addresses);
     alice.Send("ATD5559001\r");
     EXPECT_EQ(alice.ReceiveUntil("\r", 1000), "ATD5559001\r");
-    EXPECT_EQ(DialsTaken(silent), "5559002 5559001 ");
-    ::close(silent);
+    EXPECT_TRUE(PollUntil(
+        [&] {
+            MoveOn(5000);
+            pollfd waiting{silent, POLLIN, 0};
+            return ::poll(&waiting, 1, 200) == 1;
+        },
+        std::chrono::seconds(5)));
+    EXPECT_EQ(DialsTaken(silent), "5559001 ");
+    for (const int fd : {silent, stuck, filler}) {
+        ::close(fd);
+    }
 
     SetGate(false, {});
     carol.Send("ATD5559001\r");
