@@ -134,9 +134,12 @@ int ListenOn(const std::string& host, uint16_t& port, std::string& error) {
     const sockaddr_storage& address = addresses.front();
     const int fd = ::socket(address.ss_family, SOCK_STREAM, 0);
     const int on = 1;
+    // The system's queue takes a crowd of connections whole: the exchange
+    // lets them go itself, and a caller among them is not held back by the
+    // second its connection waits when the queue drops it.
     if (fd < 0 || ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
         ::bind(fd, reinterpret_cast<const sockaddr*>(&address), LengthOf(address)) != 0 ||
-        ::listen(fd, 16) != 0) {
+        ::listen(fd, SOMAXCONN) != 0) {
         error = "cannot listen on " + AddressText(address) + ": " + std::strerror(errno);
         if (fd >= 0) {
             ::close(fd);
