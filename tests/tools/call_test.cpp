@@ -568,10 +568,10 @@ TEST_F(HeldLookups, ADialWaitingOnANameServerHoldsNoOtherCallAndFailsAtItsLimit)
     EXPECT_EQ(carol.ReceiveUntil("NO CARRIER\r\n", 3000), "\r\nNO CARRIER\r\n");
     carol.Send("ATD5559002\r");
     EXPECT_EQ(carol.ReceiveUntil("\r", 1000), "ATD5559002\r");
-    MoveOn(5000);
+    MoveOn(3000);
     EXPECT_EQ(alice.ReceiveFor(300), "ATD5559001\r");
     EXPECT_EQ(carol.ReceiveFor(0), "");
-    MoveOn(5000);
+    MoveOn(7000);
     EXPECT_EQ(alice.ReceiveUntil("NO CARRIER\r\n", 3000), "\r\nNO CARRIER\r\n");
     EXPECT_EQ(carol.ReceiveUntil("NO CARRIER\r\n", 3000), "\r\nNO CARRIER\r\n");
 
