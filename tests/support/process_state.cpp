@@ -56,6 +56,18 @@ double ProcessCpuMs(pid_t pid) {
            static_cast<double>(::sysconf(_SC_CLK_TCK));
 }
 
+long ProcessMemoryKb(pid_t pid, bool peak) {
+    long kb = -1;
+    if (FILE* file = std::fopen(("/proc/" + std::to_string(pid) + "/status").c_str(), "r")) {
+        char line[256];
+        while (std::fgets(line, sizeof line, file) != nullptr &&
+               std::sscanf(line, peak ? "VmHWM: %ld kB" : "VmRSS: %ld kB", &kb) != 1) {
+        }
+        std::fclose(file);
+    }
+    return kb;
+}
+
 std::string TextLock(pid_t pid) {
     char text[16];
     std::snprintf(text, sizeof text, "%10d\n", static_cast<int>(pid));

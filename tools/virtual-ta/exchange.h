@@ -18,6 +18,7 @@
 #include "virtual-ta/link.h"
 #include "virtual-ta/options.h"
 #include "virtual-ta/port.h"
+#include "virtual-ta/resolver.h"
 #include "virtual-ta/tls.h"
 
 namespace kb::virtual_ta {
@@ -77,7 +78,8 @@ struct Call {
 
 class Exchange {
 public:
-    explicit Exchange(Options options);
+    // The exchange looks the hosts of routes up with the resolver.
+    Exchange(Options options, Resolver& resolver);
     ~Exchange();
     Exchange(const Exchange&) = delete;
     Exchange& operator=(const Exchange&) = delete;
@@ -154,6 +156,9 @@ private:
     [[nodiscard]] bool OpenListener(std::string& error);
     [[nodiscard]] const RouteSetting* FindRoute(const std::string& number) const;
     void DialAway(Call& call, const RouteSetting& route, const std::string& second, uint64_t now);
+    void Reach(Link& link, const std::vector<sockaddr_storage>& addresses, uint64_t now);
+    void TakeLookups(uint64_t now);
+    void NoAnswer(Link& link, uint64_t now);
     void CallFromAway(Link& link, std::string_view setup, uint64_t now);
     void ConnectedAway(Call& call, std::string_view message, uint64_t now);
     void FailAway(Call& call, const char* result, uint64_t now);
@@ -176,6 +181,7 @@ private:
     void SweepLinks();
 
     Options options_;
+    Resolver& resolver_;
     std::vector<std::unique_ptr<Adapter>> adapters_;
     std::list<std::unique_ptr<Call>> calls_;
     int portWatch_ = -1;  // notes the opens and closes of every adapter's port
