@@ -15,6 +15,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <csignal>
 #include <memory>
 #include <mutex>
 #include <sstream>
@@ -420,7 +421,8 @@ TEST_F(CallsAway, BusyUnknownAndUnreachableFailAsLocallyAndTheSlowerRatePacesThe
 // none for more than 5 s, letting the longest-waiting go for a newer one.
 // Bob's tool, allowed few descriptors, keeps some for its adapters, and at
 // its limit takes no processor time; a routed call rings and connects all
-// the same, also through a crowd that speaks and never sets up a call.
+// the same, also when it comes at once with the crowd (Bob's tool is stopped
+// meanwhile), and through a crowd that speaks and never sets up a call.
 TEST_F(CallsAway, ConnectionsWithoutACallAreCappedAndTimedOutAndARoutedCallStillGoesThrough) {
     const std::string alicesTrace = folder_ / "alice.trace";
     StartBoth({"--trace", alicesTrace}, 27);
@@ -430,14 +432,20 @@ TEST_F(CallsAway, ConnectionsWithoutACallAreCappedAndTimedOutAndARoutedCallStill
     constexpr uint64_t NsPerMs = 1000000;
     const uint64_t start = MonotonicNs();
     std::vector<int> silent;
+    ASSERT_EQ(::kill(tool_->Pid(), SIGSTOP), 0);
     for (const uint16_t port : {ListeningPort(tool_->AllLines()), alicesPort_}) {
         for (int i = 0; i < 40; ++i) {
             silent.push_back(SilentConnection(port));
             ASSERT_GE(silent.back(), 0);
         }
     }
-    const CallSetUp call = SetUpCall(alice, bob, "5552002");
-    ASSERT_TRUE(call.Connected) << call.AtCaller << " / " << call.AtAnswerer;
+    alice.Send("ATD5552002\r");
+    EXPECT_TRUE(PollUntil([&] { return relay_->Carried() > 0; }, std::chrono::seconds(3)));
+    ASSERT_EQ(::kill(tool_->Pid(), SIGCONT), 0);
+    EXPECT_EQ(bob.ReceiveUntil("RING\r\n", 3000), "\r\nRING\r\n");
+    bob.Send("ATA\r");
+    EXPECT_EQ(bob.ReceiveUntil("CONNECT 115200\r\n", 3000), "ATA\r\r\nCONNECT 115200\r\n");
+    ASSERT_NE(alice.ReceiveUntil("CONNECT 115200\r\n", 3000).find("CONNECT"), std::string::npos);
     ExpectCarried(alice, bob, "through", "the crowd");
     ASSERT_TRUE(alice.HangUp());
     EXPECT_EQ(bob.ReceiveUntil("NO CARRIER\r\n", 3000), "\r\nNO CARRIER\r\n");

@@ -177,6 +177,7 @@ private:
     void StartTls(Link& link, bool listening, uint64_t now);
     void Handshake(Link& link, uint64_t now);
     [[nodiscard]] size_t LinksAwaitingSetup() const;
+    [[nodiscard]] Link* LinkToLetGo(uint64_t now);
     [[nodiscard]] bool DropLinkAwaitingSetup(uint64_t now);
     void SweepLinks();
 

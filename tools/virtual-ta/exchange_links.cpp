@@ -590,7 +590,17 @@ void Exchange::HandleLinks(const pollfd* entries, uint64_t now) {
 // one pass as may await their setup, so that a flood of them never holds
 // the adapters' ports back for long.
 void Exchange::AcceptCalls(uint64_t now) {
+    size_t kept = 0;
+    bool atRoom = false;
     for (size_t taken = 0; taken < AwaitingSetupMax; ++taken) {
+        // Room is made only by connections of earlier turns. When all that
+        // could go came in this one, the rest of a crowd that came at once
+        // wait in the system's queue for the next turn, rather than being
+        // turned away with a caller among them.
+        if (kept > 0 && (atRoom || LinksAwaitingSetup() >= AwaitingSetupMax) &&
+            LinkToLetGo(now) == nullptr) {
+            return;
+        }
         std::string peer;
         int error = 0;
         const int fd = AcceptOn(listener_, peer, error);
@@ -622,6 +632,8 @@ void Exchange::AcceptCalls(uint64_t now) {
         link->SetupBy = now + SetupWaitNs;
         link->Unsorted = true;
         links_.push_back(std::move(link));
+        ++kept;
+        atRoom = fd + 1 >= descriptorRoom_;
     }
 }
 
@@ -711,15 +723,15 @@ size_t Exchange::LinksAwaitingSetup() const {
         links_.begin(), links_.end(), [](const auto& link) { return link->AwaitingSetup(); }));
 }
 
-// Lets go of the connection that has awaited its setup longest without a
-// word, to make room for a newer one; failing that, of the one that has
+// The connection to let go to make room for a newer one: the one that has
+// awaited its setup longest without a word; failing that, the one that has
 // awaited it longest. A connection taken in this pass has not been listened
 // to yet, and is not let go. One that has spoken may be a caller whose setup
 // is still on its way, so the silent go first; but a crowd of connections
 // that each sent the start of a setup and stopped must not keep every real
 // caller out until their time is up, and a real caller's setup follows its
 // connection at once.
-bool Exchange::DropLinkAwaitingSetup(uint64_t now) {
+Link* Exchange::LinkToLetGo(uint64_t now) {
     Link* oldest = nullptr;
     for (auto& owned : links_) {
         Link& link = *owned;
@@ -729,6 +741,11 @@ bool Exchange::DropLinkAwaitingSetup(uint64_t now) {
             oldest = &link;
         }
     }
+    return oldest;
+}
+
+bool Exchange::DropLinkAwaitingSetup(uint64_t now) {
+    Link* oldest = LinkToLetGo(now);
     if (oldest == nullptr) {
         return false;
     }
