@@ -283,7 +283,7 @@ protected:
                                          folder_ / "bob=zyxel-2864:5552002",
                                          folder_ / "carol=3com:5552003"};
         bobs.insert(bobs.end(), bobsKeys.begin(), bobsKeys.end());
-        Start(bobs, bobsDescriptors);
+        Start(bobs, bobsDescriptors, false, ChildProcess::Errors::Kept);
         ASSERT_NE(ListeningPort(tool_->AllLines()), 0);
         relay_ = std::make_unique<TcpRelay>(ListeningPort(tool_->AllLines()));
         const std::string relayed = "127.0.0.1:" + std::to_string(relay_->Port()) + toBob;
@@ -346,8 +346,10 @@ TEST_F(CallsAway, ACallEachWayCarriesEveryByteInOrderAndALostOneEndsAtBothEnds) 
 // A stranger's tool calling Bob's is refused in the handshake, and so is
 // Bob's by Alice's when her route names another ID for him: nothing rings
 // Bob, Alice hears NO CARRIER, and each refusing tool logs the address and
-// the ID that was offered. A handshake begun and never finished is closed as
-// a silent connection is.
+// the ID that was offered, Bob's once for the stranger's three dials; the
+// stranger's tool logs that it was refused. A handshake begun and never
+// finished is closed as a silent connection is, and a hello that asks for a
+// costly key exchange is refused at once; both are in the trace alone.
 TEST_F(CallsAway, AStrangerAndAToolOfAnotherIdAreRefusedInTheHandshake) {
     const std::string strangersId = ShowIdentity(VIRTUAL_TA_PATH, folder_ / "stranger.key");
     for (const bool strangerCalls : {true, false}) {
@@ -361,14 +363,29 @@ TEST_F(CallsAway, AStrangerAndAToolOfAnotherIdAreRefusedInTheHandshake) {
         FarEnd& bob = Port("bob");
         const int halfway = SilentConnection(ListeningPort(tool_->AllLines()));
         ASSERT_EQ(::send(halfway, &TlsRecord, 1, MSG_NOSIGNAL), 1);
-        ExpectFailedDial(alice, "5552002", "NO CARRIER");
+        const int dials = strangerCalls ? 3 : 1;
+        for (int dial = 0; dial < dials; ++dial) {
+            ExpectFailedDial(alice, "5552002", "NO CARRIER");
+        }
         EXPECT_EQ(bob.ReceiveFor(300), "") << "no RING";
         if (strangerCalls) {
-            EXPECT_TRUE(WaitForTrace(bobsTrace_, "refused 127.0.0.1:", 1, 3000));
-            EXPECT_EQ(
-                Occurrences(ReadWholeFile(bobsTrace_), "line ID " + strangersId + " is not a peer"),
-                1u);
+            const std::string refusal = "line ID " + strangersId + " is not a peer";
+            EXPECT_TRUE(WaitForTrace(bobsTrace_, refusal, 3, 3000));
+            EXPECT_EQ(Occurrences(tool_->ErrorText(), refusal), 1u) << tool_->ErrorText();
+            EXPECT_EQ(Occurrences(alicesTool_->ErrorText(),
+                                  "refused by 127.0.0.1:" + std::to_string(relay_->Port()) +
+                                      ": the far tool does not take line ID " + strangersId),
+                      3u)
+                << alicesTool_->ErrorText();
+            ChildProcess hello("/usr/bin/openssl",
+                               {"s_client", "-tls1_3", "-groups", "ffdhe8192", "-connect",
+                                "127.0.0.1:" + std::to_string(ListeningPort(tool_->AllLines()))},
+                               "", ChildProcess::Errors::Kept);
+            hello.CloseInput();
+            EXPECT_NE(hello.WaitForExit(std::chrono::seconds(10)), 0);
+            EXPECT_TRUE(WaitForTrace(bobsTrace_, "no suitable key share", 1, 3000));
             EXPECT_TRUE(WaitForTrace(bobsTrace_, "closed: no call set up within 5 s", 1, 10000));
+            EXPECT_EQ(Occurrences(tool_->ErrorText(), "refused"), 1u) << tool_->ErrorText();
         } else {
             const std::string bobsId = ShowIdentity(VIRTUAL_TA_PATH, folder_ / "bob.key");
             EXPECT_NE(alicesTool_->ErrorText().find(

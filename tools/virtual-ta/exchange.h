@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <list>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -176,6 +177,11 @@ private:
     void SortLink(Link& link, uint64_t now);
     void StartTls(Link& link, bool listening, uint64_t now);
     void Handshake(Link& link, uint64_t now);
+    // A refusal of a caller that showed itself (offered a line ID, or TLS
+    // to a tool that takes none) goes to the log, but from one address at
+    // most once a minute; the others are counted, and told of after it.
+    void LogRefusal(const std::string& peer, const std::string& text, uint64_t now);
+    void LogMoreRefusals(uint64_t now);
     [[nodiscard]] size_t LinksAwaitingSetup() const;
     [[nodiscard]] Link* LinkToLetGo(uint64_t now);
     [[nodiscard]] bool DropLinkAwaitingSetup(uint64_t now);
@@ -200,6 +206,13 @@ private:
     Key key_;
     std::unique_ptr<TlsContext> tls_;
     std::vector<LineId> peers_;  // in the order CollectPoll gave them
+    // By address: when its next refusal may be logged, and how many were
+    // not logged since the last one.
+    struct RefusalsFrom {
+        uint64_t QuietUntil = 0;
+        size_t NotLogged = 0;
+    };
+    std::map<std::string, RefusalsFrom> refusals_;
 };
 
 }  // namespace kb::virtual_ta

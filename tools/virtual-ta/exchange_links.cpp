@@ -37,6 +37,9 @@ constexpr size_t LinkBacklog = 65536;
 // answers, is then an unreachable number well before the caller would give
 // up its ringing.
 constexpr uint64_t ReachWaitNs = 10000 * NsPerMs;
+// The log tells of a refused caller at most once a minute for each address:
+// a crowd of them would fill the journal, and the tool would wait on it.
+constexpr uint64_t RefusalsQuietNs = 60000 * NsPerMs;
 // A link that has said its last waits this long for the far process to close.
 constexpr uint64_t CloseWaitNs = 5000 * NsPerMs;
 // A caller's process sends its setup as soon as it is connected, so a
@@ -411,6 +414,12 @@ void Exchange::Detach(Call& call, bool release) {
 }
 
 void Exchange::LinkLost(Link& link, uint64_t now) {
+    if (link.RefusedByAlert && key_) {
+        // In TLS 1.3 the caller's handshake is through before the far tool
+        // has checked it: its refusal comes as an alert after.
+        LogLine("refused by " + link.Peer + ": the far tool does not take line ID " +
+                LineIdOf(key_.get()).Text());
+    }
     Call* call = link.InCall;
     CloseLink(link);
     link.InCall = nullptr;
@@ -439,6 +448,7 @@ void Exchange::LinkLost(Link& link, uint64_t now) {
 }
 
 void Exchange::ServiceLinks(uint64_t now) {
+    LogMoreRefusals(now);
     for (auto& owned : links_) {
         Link& link = *owned;
         if (link.Gone) {
@@ -651,7 +661,8 @@ void Exchange::SortLink(Link& link, uint64_t now) {
     link.Heard = true;
     if (first == TlsHandshakeRecord) {
         if (!tls_) {
-            LogLine("refused " + link.Peer + ": a call in TLS, but no --peer is set");
+            LogRefusal(link.Peer, "refused " + link.Peer + ": a call in TLS, but no --peer is set",
+                       now);
             CloseLink(link);
             return;
         }
@@ -659,7 +670,7 @@ void Exchange::SortLink(Link& link, uint64_t now) {
         return;
     }
     if (!options_.Insecure && !PeerIsLoopback(link.Fd)) {
-        LogLine("refused " + link.Peer + ": plain TCP is taken from loopback only");
+        TraceLine("-", "refused " + link.Peer + ": plain TCP is taken from loopback only");
         CloseLink(link);
         return;
     }
@@ -705,16 +716,55 @@ void Exchange::Handshake(Link& link, uint64_t now) {
     const bool calling = link.FarId.has_value();
     const std::optional<LineId>& offered = link.Tls->Offered;
     std::string why = "TLS handshake failed: " + error;
-    if (offered && !link.Tls->OfferedAccepted()) {
+    const bool stranger = offered && !link.Tls->OfferedAccepted();
+    if (stranger) {
         why = "line ID " + offered->Text() +
               (calling ? " is not the route's " + link.FarId->Text() : " is not a peer");
     }
     if (calling) {
         LogLine("refused by " + link.Peer + ": " + why);
         LinkLost(link, now);
+        return;
+    }
+    // A connection that failed without showing an ID (garbage, a cut, no
+    // certificate) is what a scanner leaves: the trace alone tells of it.
+    if (stranger) {
+        LogRefusal(link.Peer, "refused " + link.Peer + ": " + why, now);
     } else {
-        LogLine("refused " + link.Peer + ": " + why);
-        CloseLink(link);
+        TraceLine("-", "refused " + link.Peer + ": " + why);
+    }
+    CloseLink(link);
+}
+
+void Exchange::LogRefusal(const std::string& peer, const std::string& text, uint64_t now) {
+    // The refusals of so many addresses at once are a scan, not callers.
+    constexpr size_t AddressesMax = 1024;
+    const std::string address = peer.substr(0, peer.rfind(':'));
+    const auto known = refusals_.find(address);
+    if (known == refusals_.end() && refusals_.size() >= AddressesMax) {
+        TraceLine("-", text);
+        return;
+    }
+    RefusalsFrom& from = refusals_[address];
+    if (now < from.QuietUntil) {
+        ++from.NotLogged;
+        TraceLine("-", text);
+        return;
+    }
+    from.QuietUntil = now + RefusalsQuietNs;
+    LogLine(text);
+}
+
+void Exchange::LogMoreRefusals(uint64_t now) {
+    for (auto at = refusals_.begin(); at != refusals_.end();) {
+        if (now < at->second.QuietUntil) {
+            ++at;
+            continue;
+        }
+        if (at->second.NotLogged > 0) {
+            LogLine(std::to_string(at->second.NotLogged) + " more refused from " + at->first);
+        }
+        at = refusals_.erase(at);
     }
 }
 

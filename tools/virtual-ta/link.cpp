@@ -250,6 +250,14 @@ bool IsLoopbackHost(const std::string& host) {
 
 namespace {
 
+// OpenSSL gives an alert received as its reason plus this offset.
+void NoteAlert(Link& link, int error) {
+    if (error == SSL_ERROR_SSL && !link.Heard &&
+        ERR_GET_REASON(ERR_peek_error()) > SSL_AD_REASON_OFFSET) {
+        link.RefusedByAlert = true;
+    }
+}
+
 // Through TLS: a record at a time until the chunk is full or the socket has
 // no more, so that nothing waits inside TLS where poll cannot see it.
 bool ReadTls(Link& link, char* buffer) {
@@ -264,6 +272,7 @@ bool ReadTls(Link& link, char* buffer) {
             continue;
         }
         const int error = SSL_get_error(link.Tls->Ssl, n);
+        NoteAlert(link, error);
         return error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE;
     }
     return true;
@@ -311,6 +320,14 @@ bool WriteLink(Link& link) {
         if (n > 0) {
             link.OutHead += static_cast<size_t>(n);
         } else {
+            if (link.Tls && !waits && !link.Heard) {
+                // A far tool that refused this one may have closed before
+                // the first write: its alert waits to be read.
+                char byte = 0;
+                ERR_clear_error();
+                const int read = SSL_read(link.Tls->Ssl, &byte, 1);
+                NoteAlert(link, SSL_get_error(link.Tls->Ssl, read));
+            }
             if (link.OutHead > ReadChunk) {
                 link.Out.erase(0, link.OutHead);
                 link.OutHead = 0;

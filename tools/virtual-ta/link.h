@@ -75,7 +75,10 @@ struct Link {
     // when it may wait for its call to be set up.
     uint64_t AcceptedAt = 0;
     uint64_t SetupBy = Never;
-    bool Heard = false;        // a byte has come from the peer
+    bool Heard = false;  // a byte has come from the peer
+    // The caller's TLS ended on the far tool's alert before a word came:
+    // the far tool refused this tool's line ID.
+    bool RefusedByAlert = false;
     bool Closing = false;      // writes what it holds, then ends the connection
     bool ShutDown = false;     // nothing more is written
     bool PeerClosed = false;   // the connection has ended or failed; In may still hold messages
