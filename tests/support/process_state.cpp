@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
 #include <string>
 
 namespace kb::test {
@@ -66,6 +67,16 @@ long ProcessMemoryKb(pid_t pid, bool peak) {
         std::fclose(file);
     }
     return kb;
+}
+
+long ProcessDescriptors(pid_t pid) {
+    std::error_code error;
+    long count = 0;
+    for (std::filesystem::directory_iterator at("/proc/" + std::to_string(pid) + "/fd", error);
+         !error && at != std::filesystem::directory_iterator(); at.increment(error)) {
+        ++count;
+    }
+    return error ? -1 : count;
 }
 
 std::string TextLock(pid_t pid) {

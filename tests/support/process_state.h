@@ -34,6 +34,9 @@ double ProcessCpuMs(pid_t pid);
 // Kilobytes of memory a process of this machine holds now (VmRSS), or held
 // at its peak (VmHWM); -1 if it cannot be read.
 long ProcessMemoryKb(pid_t pid, bool peak = false);
+// The descriptors a process of this machine holds open now; -1 if they
+// cannot be read.
+long ProcessDescriptors(pid_t pid);
 
 // A port lock's text for the process, as serial programs write it: the id in
 // ten characters, right-aligned, and a newline.

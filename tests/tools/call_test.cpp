@@ -314,7 +314,8 @@ constexpr char TlsRecord = 0x16;
 // In plain TCP, Alice's tool under --insecure, and over TLS: more than one
 // message of the link holds, both ways at once; Bob calls back with a carrier
 // code in front. A lost connection is NO CARRIER at both ends, and the next
-// call goes through.
+// call goes through. A dial given up while Bob's tool, stopped, has not
+// answered its TLS hello closes its connection at once.
 TEST_F(CallsAway, ACallEachWayCarriesEveryByteInOrderAndALostOneEndsAtBothEnds) {
     for (const bool tls : {false, true}) {
         SCOPED_TRACE(tls ? "TLS" : "plain");
@@ -340,6 +341,20 @@ TEST_F(CallsAway, ACallEachWayCarriesEveryByteInOrderAndALostOneEndsAtBothEnds) 
         // Alice's log tells of each of her calls in plain TCP, both ways.
         EXPECT_EQ(Occurrences(alicesTool_->ErrorText(), "in plain TCP (--insecure)"), tls ? 0u : 4u)
             << alicesTool_->ErrorText();
+        if (tls) {
+            const long descriptors = ProcessDescriptors(alicesTool_->Pid());
+            const uint64_t carried = relay_->Carried();
+            ASSERT_EQ(::kill(tool_->Pid(), SIGSTOP), 0);
+            alice.Send("ATD5552002\r");
+            EXPECT_TRUE(
+                PollUntil([&] { return relay_->Carried() > carried; }, std::chrono::seconds(3)));
+            alice.Send(" ");
+            EXPECT_EQ(alice.ReceiveUntil("NO CARRIER\r\n", 1000), "ATD5552002\r\r\nNO CARRIER\r\n");
+            EXPECT_TRUE(
+                PollUntil([&] { return ProcessDescriptors(alicesTool_->Pid()) == descriptors; },
+                          std::chrono::seconds(3)));
+            ASSERT_EQ(::kill(tool_->Pid(), SIGCONT), 0);
+        }
     }
 }
 
