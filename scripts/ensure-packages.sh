@@ -6,14 +6,15 @@
 # SVG for the pictures, the platform plugins (its tests run on "offscreen"),
 # and a font for them to draw with; a virtual X server and a small window
 # manager, for the one test that resizes and maximises the window as a
-# desktop does. OpenSSL 3 for virtual-ta's TLS and identity keys.
+# desktop does. OpenSSL 3 for virtual-ta's TLS and identity keys, and its
+# command, with which a test offers a handshake no tool would.
 # rsvg-convert draws the icon's bitmaps from its SVG. The packages: dpkg-dev
 # finds their dependencies from the programs (CPack's shlibdeps), lintian
 # checks them, appstreamcli and desktop-file-validate check the desktop
 # metadata, and man-db reads the manual pages.
 KB_PACKAGES=(cmake ninja-build g++ libgtest-dev libgmock-dev clang-format clang-tidy
     qt6-base-dev qt6-base-dev-tools qt6-svg-dev qt6-qpa-plugins libgl-dev fonts-dejavu-core
-    xvfb openbox libssl-dev librsvg2-bin dpkg-dev lintian appstream desktop-file-utils man-db)
+    xvfb openbox libssl-dev openssl librsvg2-bin dpkg-dev lintian appstream desktop-file-utils man-db)
 
 kb_missing_packages() {
     local missing=()

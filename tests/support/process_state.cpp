@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
 #include <string>
 
 namespace kb::test {
@@ -54,6 +55,28 @@ double ProcessCpuMs(pid_t pid) {
     }
     return static_cast<double>(user + system) * 1000.0 /
            static_cast<double>(::sysconf(_SC_CLK_TCK));
+}
+
+long ProcessMemoryKb(pid_t pid, bool peak) {
+    long kb = -1;
+    if (FILE* file = std::fopen(("/proc/" + std::to_string(pid) + "/status").c_str(), "r")) {
+        char line[256];
+        while (std::fgets(line, sizeof line, file) != nullptr &&
+               std::sscanf(line, peak ? "VmHWM: %ld kB" : "VmRSS: %ld kB", &kb) != 1) {
+        }
+        std::fclose(file);
+    }
+    return kb;
+}
+
+long ProcessDescriptors(pid_t pid) {
+    std::error_code error;
+    long count = 0;
+    for (std::filesystem::directory_iterator at("/proc/" + std::to_string(pid) + "/fd", error);
+         !error && at != std::filesystem::directory_iterator(); at.increment(error)) {
+        ++count;
+    }
+    return error ? -1 : count;
 }
 
 std::string TextLock(pid_t pid) {

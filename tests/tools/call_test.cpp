@@ -6,19 +6,28 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <condition_variable>
+#include <csignal>
 #include <memory>
+#include <mutex>
 #include <sstream>
 #include <string>
+#include <thread>
 
 #include "platform/clock.h"
 #include "support/process_state.h"
 #include "support/tcp_relay.h"
+#include "virtual-ta/event_loop.h"
+#include "virtual-ta/exchange.h"
+#include "virtual-ta/resolver.h"
 #include "vta_harness.h"
 
 namespace kb::test {
@@ -242,7 +251,8 @@ class CallsAway : public VirtualTaTest {
 protected:
     // Bob's process runs unthrottled and traces, with the descriptors it is
     // allowed if bobsDescriptors is not 0; Alice's takes the extra options.
-    // Her dials of Bob's numbers go through a relay, which a test may cut.
+    // Her dials of Bob's numbers go through a relay, which a test may cut;
+    // Carol's number is routed by a host name, which her tool looks up.
     // Over TLS, each tool has a key in the test's folder and knows the
     // other's line ID: Bob's as a peer, Alice's on her routes, where Bob's
     // tool is given bobAtAlice instead if that is not empty.
@@ -273,13 +283,14 @@ protected:
                                          folder_ / "bob=zyxel-2864:5552002",
                                          folder_ / "carol=3com:5552003"};
         bobs.insert(bobs.end(), bobsKeys.begin(), bobsKeys.end());
-        Start(bobs, bobsDescriptors);
+        Start(bobs, bobsDescriptors, false, ChildProcess::Errors::Kept);
         ASSERT_NE(ListeningPort(tool_->AllLines()), 0);
         relay_ = std::make_unique<TcpRelay>(ListeningPort(tool_->AllLines()));
         const std::string relayed = "127.0.0.1:" + std::to_string(relay_->Port()) + toBob;
         std::vector<std::string> arguments = {
             "--rate", "0", "--listen", "127.0.0.1:" + alicePort, "--route", "5552002=" + relayed,
-            "--route", "5552003=" + relayed, "--route", "5559999=" + relayed,
+            "--route", "5552003=localhost:" + std::to_string(relay_->Port()) + toBob, "--route",
+            "5559999=" + relayed,
             // Nobody listens there.
             "--route", "5550000=127.0.0.1:" + std::to_string(FreePort()) + toBob,
             folder_ / "alice=bitsurfr:5551001"};
@@ -303,7 +314,8 @@ constexpr char TlsRecord = 0x16;
 // In plain TCP, Alice's tool under --insecure, and over TLS: more than one
 // message of the link holds, both ways at once; Bob calls back with a carrier
 // code in front. A lost connection is NO CARRIER at both ends, and the next
-// call goes through.
+// call goes through. A dial given up while Bob's tool, stopped, has not
+// answered its TLS hello closes its connection at once.
 TEST_F(CallsAway, ACallEachWayCarriesEveryByteInOrderAndALostOneEndsAtBothEnds) {
     for (const bool tls : {false, true}) {
         SCOPED_TRACE(tls ? "TLS" : "plain");
@@ -329,14 +341,30 @@ TEST_F(CallsAway, ACallEachWayCarriesEveryByteInOrderAndALostOneEndsAtBothEnds) 
         // Alice's log tells of each of her calls in plain TCP, both ways.
         EXPECT_EQ(Occurrences(alicesTool_->ErrorText(), "in plain TCP (--insecure)"), tls ? 0u : 4u)
             << alicesTool_->ErrorText();
+        if (tls) {
+            const long descriptors = ProcessDescriptors(alicesTool_->Pid());
+            const uint64_t carried = relay_->Carried();
+            ASSERT_EQ(::kill(tool_->Pid(), SIGSTOP), 0);
+            alice.Send("ATD5552002\r");
+            EXPECT_TRUE(
+                PollUntil([&] { return relay_->Carried() > carried; }, std::chrono::seconds(3)));
+            alice.Send(" ");
+            EXPECT_EQ(alice.ReceiveUntil("NO CARRIER\r\n", 1000), "ATD5552002\r\r\nNO CARRIER\r\n");
+            EXPECT_TRUE(
+                PollUntil([&] { return ProcessDescriptors(alicesTool_->Pid()) == descriptors; },
+                          std::chrono::seconds(3)));
+            ASSERT_EQ(::kill(tool_->Pid(), SIGCONT), 0);
+        }
     }
 }
 
 // A stranger's tool calling Bob's is refused in the handshake, and so is
 // Bob's by Alice's when her route names another ID for him: nothing rings
 // Bob, Alice hears NO CARRIER, and each refusing tool logs the address and
-// the ID that was offered. A handshake begun and never finished is closed as
-// a silent connection is.
+// the ID that was offered, Bob's once for the stranger's three dials; the
+// stranger's tool logs that it was refused. A handshake begun and never
+// finished is closed as a silent connection is, and a hello that asks for a
+// costly key exchange is refused at once; both are in the trace alone.
 TEST_F(CallsAway, AStrangerAndAToolOfAnotherIdAreRefusedInTheHandshake) {
     const std::string strangersId = ShowIdentity(VIRTUAL_TA_PATH, folder_ / "stranger.key");
     for (const bool strangerCalls : {true, false}) {
@@ -350,14 +378,29 @@ TEST_F(CallsAway, AStrangerAndAToolOfAnotherIdAreRefusedInTheHandshake) {
         FarEnd& bob = Port("bob");
         const int halfway = SilentConnection(ListeningPort(tool_->AllLines()));
         ASSERT_EQ(::send(halfway, &TlsRecord, 1, MSG_NOSIGNAL), 1);
-        ExpectFailedDial(alice, "5552002", "NO CARRIER");
+        const int dials = strangerCalls ? 3 : 1;
+        for (int dial = 0; dial < dials; ++dial) {
+            ExpectFailedDial(alice, "5552002", "NO CARRIER");
+        }
         EXPECT_EQ(bob.ReceiveFor(300), "") << "no RING";
         if (strangerCalls) {
-            EXPECT_TRUE(WaitForTrace(bobsTrace_, "refused 127.0.0.1:", 1, 3000));
-            EXPECT_EQ(
-                Occurrences(ReadWholeFile(bobsTrace_), "line ID " + strangersId + " is not a peer"),
-                1u);
+            const std::string refusal = "line ID " + strangersId + " is not a peer";
+            EXPECT_TRUE(WaitForTrace(bobsTrace_, refusal, 3, 3000));
+            EXPECT_EQ(Occurrences(tool_->ErrorText(), refusal), 1u) << tool_->ErrorText();
+            EXPECT_EQ(Occurrences(alicesTool_->ErrorText(),
+                                  "refused by 127.0.0.1:" + std::to_string(relay_->Port()) +
+                                      ": the far tool does not take line ID " + strangersId),
+                      3u)
+                << alicesTool_->ErrorText();
+            ChildProcess hello("/usr/bin/openssl",
+                               {"s_client", "-tls1_3", "-groups", "ffdhe8192", "-connect",
+                                "127.0.0.1:" + std::to_string(ListeningPort(tool_->AllLines()))},
+                               "", ChildProcess::Errors::Kept);
+            hello.CloseInput();
+            EXPECT_NE(hello.WaitForExit(std::chrono::seconds(10)), 0);
+            EXPECT_TRUE(WaitForTrace(bobsTrace_, "no suitable key share", 1, 3000));
             EXPECT_TRUE(WaitForTrace(bobsTrace_, "closed: no call set up within 5 s", 1, 10000));
+            EXPECT_EQ(Occurrences(tool_->ErrorText(), "refused"), 1u) << tool_->ErrorText();
         } else {
             const std::string bobsId = ShowIdentity(VIRTUAL_TA_PATH, folder_ / "bob.key");
             EXPECT_NE(alicesTool_->ErrorText().find(
@@ -410,24 +453,31 @@ TEST_F(CallsAway, BusyUnknownAndUnreachableFailAsLocallyAndTheSlowerRatePacesThe
 // none for more than 5 s, letting the longest-waiting go for a newer one.
 // Bob's tool, allowed few descriptors, keeps some for its adapters, and at
 // its limit takes no processor time; a routed call rings and connects all
-// the same.
-TEST_F(CallsAway, SilentConnectionsAreCappedAndTimedOutAndARoutedCallStillGoesThrough) {
+// the same, also when it comes at once with the crowd (Bob's tool is stopped
+// meanwhile), and through a crowd that speaks and never sets up a call.
+TEST_F(CallsAway, ConnectionsWithoutACallAreCappedAndTimedOutAndARoutedCallStillGoesThrough) {
     const std::string alicesTrace = folder_ / "alice.trace";
-    StartBoth({"--trace", alicesTrace}, 26);
+    StartBoth({"--trace", alicesTrace}, 27);
     FarEnd& alice = Port("alice");
     FarEnd& bob = Port("bob");
     const double cpuBefore = ProcessCpuMs(tool_->Pid());
     constexpr uint64_t NsPerMs = 1000000;
     const uint64_t start = MonotonicNs();
     std::vector<int> silent;
+    ASSERT_EQ(::kill(tool_->Pid(), SIGSTOP), 0);
     for (const uint16_t port : {ListeningPort(tool_->AllLines()), alicesPort_}) {
         for (int i = 0; i < 40; ++i) {
             silent.push_back(SilentConnection(port));
             ASSERT_GE(silent.back(), 0);
         }
     }
-    const CallSetUp call = SetUpCall(alice, bob, "5552002");
-    ASSERT_TRUE(call.Connected) << call.AtCaller << " / " << call.AtAnswerer;
+    alice.Send("ATD5552002\r");
+    EXPECT_TRUE(PollUntil([&] { return relay_->Carried() > 0; }, std::chrono::seconds(3)));
+    ASSERT_EQ(::kill(tool_->Pid(), SIGCONT), 0);
+    EXPECT_EQ(bob.ReceiveUntil("RING\r\n", 3000), "\r\nRING\r\n");
+    bob.Send("ATA\r");
+    EXPECT_EQ(bob.ReceiveUntil("CONNECT 115200\r\n", 3000), "ATA\r\r\nCONNECT 115200\r\n");
+    ASSERT_NE(alice.ReceiveUntil("CONNECT 115200\r\n", 3000).find("CONNECT"), std::string::npos);
     ExpectCarried(alice, bob, "through", "the crowd");
     ASSERT_TRUE(alice.HangUp());
     EXPECT_EQ(bob.ReceiveUntil("NO CARRIER\r\n", 3000), "\r\nNO CARRIER\r\n");
@@ -447,6 +497,221 @@ TEST_F(CallsAway, SilentConnectionsAreCappedAndTimedOutAndARoutedCallStillGoesTh
     const std::string trace = ReadWholeFile(alicesTrace);
     EXPECT_EQ(Occurrences(trace, "closed: too many connections without a call"), 40u - 16u);
     EXPECT_EQ(Occurrences(trace, "closed: no call set up within 5 s"), 16u);
+
+    // Then at Alice's tool: 200 connections at once that each stop half-way
+    // through a setup, one that sends garbage, and one that announces a whole
+    // frame and stops half-way. Bob's call still goes through, and when they
+    // are gone Alice's tool holds no more memory than before, nor did
+    // meanwhile.
+    const long memoryBefore = ProcessMemoryKb(alicesTool_->Pid());
+    const long peakBefore = ProcessMemoryKb(alicesTool_->Pid(), true);
+    std::vector<int> hostile;
+    std::vector<std::string> openings(200, std::string("S\x00\x28", 3) + "5551001 - 555");
+    openings.push_back("GET / HTTP/1.1\r\n" + RandomBytes(4000000, 5));
+    openings.push_back("D\xFF\xFF" + RandomBytes(30000, 6));
+    for (const std::string& opening : openings) {
+        hostile.push_back(SilentConnection(alicesPort_));
+        ASSERT_GE(hostile.back(), 0);
+        ::send(hostile.back(), opening.data(), opening.size(), MSG_NOSIGNAL);
+    }
+    const CallSetUp back = SetUpCall(bob, alice, "5551001");
+    ASSERT_TRUE(back.Connected) << back.AtCaller << " / " << back.AtAnswerer;
+    ExpectCarried(bob, alice, "through", "the crowd again");
+    ASSERT_TRUE(bob.HangUp());
+    EXPECT_EQ(alice.ReceiveUntil("NO CARRIER\r\n", 3000), "\r\nNO CARRIER\r\n");
+    // Each connection that brought no call ends with a line in the trace.
+    EXPECT_TRUE(PollUntil(
+        [&] {
+            const std::string ends = ReadWholeFile(alicesTrace);
+            return Occurrences(ends, "too many connections without a call") +
+                       Occurrences(ends, "no call set up within") ==
+                   silent.size() / 2 + hostile.size();
+        },
+        std::chrono::seconds(30)));
+    if (!VIRTUAL_TA_SANITIZED) {
+        EXPECT_LT(ProcessMemoryKb(alicesTool_->Pid()) - memoryBefore, 1024);
+        EXPECT_LT(ProcessMemoryKb(alicesTool_->Pid(), true) - peakBefore, 1024);
+    }
+    for (const int fd : hostile) {
+        ::close(fd);
+    }
+}
+
+// The tool's exchange in the test's process, on a thread of its own: its
+// lookups of host names wait until the test opens the gate, and its clock
+// runs ahead of the real one by what the test adds, so that a time limit is
+// crossed without waiting it out.
+class HeldLookups : public VirtualTaTest {
+protected:
+    struct Gate {
+        std::mutex Mutex;
+        std::condition_variable Changed;
+        bool Open = false;
+        int Started = 0;
+        std::vector<sockaddr_storage> Answer;
+    };
+
+    void RunExchange(const std::vector<std::string>& arguments) {
+        std::vector<const char*> argv = {"virtual-ta"};
+        for (const std::string& argument : arguments) {
+            argv.push_back(argument.c_str());
+        }
+        virtual_ta::Options options;
+        std::string error;
+        ASSERT_TRUE(virtual_ta::ParseCommandLine(static_cast<int>(argv.size()), argv.data(),
+                                                 options, error))
+            << error;
+        resolver_ =
+            std::make_unique<virtual_ta::Resolver>([gate = gate_](const std::string&, uint16_t) {
+                std::unique_lock lock(gate->Mutex);
+                ++gate->Started;
+                gate->Changed.notify_all();
+                gate->Changed.wait(lock, [&] { return gate->Open; });
+                return gate->Answer;
+            });
+        exchange_ = std::make_unique<virtual_ta::Exchange>(options, *resolver_);
+        ASSERT_TRUE(exchange_->Open(error)) << error;
+        loop_ = std::thread([this] {
+            virtual_ta::RunEventLoop(*exchange_,
+                                     {wake_,
+                                      [this] {
+                                          uint64_t count = 0;
+                                          static_cast<void>(::read(wake_, &count, sizeof count));
+                                          return stop_ ? std::optional<int>(0) : std::nullopt;
+                                      }},
+                                     [this] { return MonotonicNs() + skippedMs_ * 1000000; });
+        });
+    }
+
+    void StopExchange() {
+        if (loop_.joinable()) {
+            stop_ = true;
+            Wake();
+            loop_.join();
+        }
+        exchange_.reset();
+        resolver_.reset();
+    }
+
+    void TearDown() override {
+        // Lookups still held end now, answering nobody.
+        SetGate(true, {});
+        StopExchange();
+        ::close(wake_);
+    }
+
+    void MoveOn(uint64_t ms) {
+        skippedMs_ += ms;
+        Wake();
+    }
+    void Wake() const {
+        const uint64_t one = 1;
+        ASSERT_EQ(::write(wake_, &one, sizeof one), 8);
+    }
+    void SetGate(bool open, const std::vector<sockaddr_storage>& answer) {
+        const std::lock_guard lock(gate_->Mutex);
+        gate_->Open = open;
+        gate_->Answer = answer;
+        gate_->Changed.notify_all();
+    }
+    bool LookupsStarted(int count) {
+        std::unique_lock lock(gate_->Mutex);
+        return gate_->Changed.wait_for(lock, std::chrono::seconds(3),
+                                       [&] { return gate_->Started == count; });
+    }
+
+    std::shared_ptr<Gate> gate_ = std::make_shared<Gate>();
+    std::unique_ptr<virtual_ta::Resolver> resolver_;
+    std::unique_ptr<virtual_ta::Exchange> exchange_;
+    std::thread loop_;
+    int wake_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    std::atomic<bool> stop_{false};
+    std::atomic<uint64_t> skippedMs_{0};
+};
+
+// The numbers dialled in the setups on the connections that the tool made
+// to the listener, in the order they came, until none comes for a while.
+std::string DialsTaken(int listener) {
+    std::string dials;
+    for (pollfd waiting{listener, POLLIN, 0}; ::poll(&waiting, 1, 500) == 1;) {
+        const int fd = ::accept(listener, nullptr, nullptr);
+        char setup[10] = {};
+        if (fd >= 0 && ::recv(fd, setup, sizeof setup, MSG_WAITALL) == sizeof setup) {
+            dials += std::string(setup + 3, 7) + " ";
+        }
+        ::close(fd);
+    }
+    return dials;
+}
+
+// A name server that never answers holds only the dial that waits on it: a
+// call between two adapters of the same tool goes on meanwhile. The held
+// dial, and one to a host that takes the connection and never answers, end
+// in NO CARRIER at the time limit; a host's address that takes no connection
+// gives way to the next at the limit; answers that come after their dial
+// has gone, by the limit or by a hang-up, are dropped; and the tool ends
+// with a lookup still held.
+TEST_F(HeldLookups, ADialWaitingOnANameServerHoldsNoOtherCallAndFailsAtItsLimit) {
+    std::string error;
+    uint16_t silentPort = 0;
+    const int silent = virtual_ta::ListenOn("127.0.0.1", silentPort, error);
+    ASSERT_GE(silent, 0) << error;
+    RunExchange({"--rate", "0", "--answer-wait", "120", "--route", "5559001=far.example:4000",
+                 "--route", "5559002=127.0.0.1:" + std::to_string(silentPort),
+                 folder_ / "alice=bitsurfr:5551001", folder_ / "bob=zyxel-2864:5551002",
+                 folder_ / "carol=3com:5551003"});
+    FarEnd& alice = Port("alice");
+    FarEnd& bob = Port("bob");
+    FarEnd& carol = Port("carol");
+    alice.Send("ATD5559001\r");
+    ASSERT_TRUE(LookupsStarted(1));
+    ASSERT_TRUE(SetUpCall(bob, carol, "5551003").Connected);
+    ExpectCarried(bob, carol, RandomBytes(100000, 1), RandomBytes(100000, 2));
+    ASSERT_TRUE(bob.HangUp());
+    EXPECT_EQ(carol.ReceiveUntil("NO CARRIER\r\n", 3000), "\r\nNO CARRIER\r\n");
+    carol.Send("ATD5559002\r");
+    EXPECT_EQ(carol.ReceiveUntil("\r", 1000), "ATD5559002\r");
+    MoveOn(3000);
+    EXPECT_EQ(alice.ReceiveFor(300), "ATD5559001\r");
+    EXPECT_EQ(carol.ReceiveFor(0), "");
+    MoveOn(7000);
+    EXPECT_EQ(alice.ReceiveUntil("NO CARRIER\r\n", 3000), "\r\nNO CARRIER\r\n");
+    EXPECT_EQ(carol.ReceiveUntil("NO CARRIER\r\n", 3000), "\r\nNO CARRIER\r\n");
+
+    alice.Send("ATD5559001\r");
+    ASSERT_TRUE(LookupsStarted(2));
+    alice.Send(" ");
+    EXPECT_EQ(alice.ReceiveUntil("NO CARRIER\r\n", 1000), "ATD5559001\r\r\nNO CARRIER\r\n");
+    EXPECT_EQ(DialsTaken(silent), "5559002 ");
+    // Both held lookups answer now: first an address whose listener's queue
+    // is full, so that a connection to it waits for ever, then the silent
+    // host's. A third dial tries the second at the first's time limit, and
+    // no other dial reaches it.
+    uint16_t stuckPort = 0;
+    const int stuck = virtual_ta::ListenOn("127.0.0.1", stuckPort, error);
+    ASSERT_TRUE(stuck >= 0 && ::listen(stuck, 0) == 0) << error;
+    const int filler = SilentConnection(stuckPort);
+    std::vector<sockaddr_storage> addresses = virtual_ta::FindAddresses("127.0.0.1", stuckPort, 0);
+    addresses.push_back(virtual_ta::FindAddresses("127.0.0.1", silentPort, 0).front());
+    SetGate(true, addresses);
+    alice.Send("ATD5559001\r");
+    EXPECT_EQ(alice.ReceiveUntil("\r", 1000), "ATD5559001\r");
+    EXPECT_TRUE(PollUntil(
+        [&] {
+            MoveOn(5000);
+            pollfd waiting{silent, POLLIN, 0};
+            return ::poll(&waiting, 1, 200) == 1;
+        },
+        std::chrono::seconds(5)));
+    EXPECT_EQ(DialsTaken(silent), "5559001 ");
+    for (const int fd : {silent, stuck, filler}) {
+        ::close(fd);
+    }
+
+    SetGate(false, {});
+    carol.Send("ATD5559001\r");
+    ASSERT_TRUE(LookupsStarted(4));
+    StopExchange();
 }
 
 }  // namespace

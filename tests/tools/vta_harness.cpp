@@ -18,11 +18,10 @@ namespace kb::test {
 using namespace kb::platform;
 
 void VirtualTaTest::Start(const std::vector<std::string>& arguments, int descriptorLimit,
-                          bool unprivileged) {
+                          bool unprivileged, ChildProcess::Errors errors) {
     ports_.clear();
     tool_.reset();
-    tool_ = std::make_unique<ChildProcess>(VIRTUAL_TA_PATH, arguments, "",
-                                           ChildProcess::Errors::PassedThrough, descriptorLimit,
+    tool_ = std::make_unique<ChildProcess>(VIRTUAL_TA_PATH, arguments, "", errors, descriptorLimit,
                                            unprivileged);
     if (!tool_->WaitForLine("ready", std::chrono::seconds(10))) {
         throw std::runtime_error("virtual-ta did not become ready");

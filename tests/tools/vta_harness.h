@@ -21,11 +21,12 @@ class VirtualTaTest : public testing::Test {
 protected:
     // Starts the tool with the arguments, allowed that many open descriptors
     // if descriptorLimit is not 0, as an unprivileged user if asked (see
-    // ChildProcess), and waits for its "ready"; throws if it does not come.
-    // A tool started before is stopped first, and the ports opened on it are
-    // closed.
+    // ChildProcess), its standard error kept if asked, and waits for its
+    // "ready"; throws if it does not come. A tool started before is stopped
+    // first, and the ports opened on it are closed.
     void Start(const std::vector<std::string>& arguments, int descriptorLimit = 0,
-               bool unprivileged = false);
+               bool unprivileged = false,
+               ChildProcess::Errors errors = ChildProcess::Errors::PassedThrough);
     // The port whose link is name in the folder, open until the test ends.
     FarEnd& Port(const std::string& name, uint32_t speed = 115200);
 

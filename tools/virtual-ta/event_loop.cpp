@@ -4,22 +4,19 @@
 
 #include <cerrno>
 #include <ctime>
-#include <optional>
 #include <vector>
 
 #include "virtual-ta/deadline.h"
 
 namespace kb::virtual_ta {
 
-using namespace kb::platform;
-
-int RunEventLoop(Exchange& exchange, StopSignals& stopSignals) {
+int RunEventLoop(Exchange& exchange, const LoopEnd& end, const std::function<uint64_t()>& clock) {
     std::vector<pollfd> entries;
     for (;;) {
-        uint64_t now = MonotonicNs();
+        uint64_t now = clock();
         exchange.Service(now);
         entries.clear();
-        entries.push_back(pollfd{stopSignals.Descriptor(), POLLIN, 0});
+        entries.push_back(pollfd{end.Descriptor, POLLIN, 0});
         exchange.CollectPoll(entries, now);
         const uint64_t deadline = exchange.NextDeadline(now);
         timespec limit{};
@@ -38,12 +35,12 @@ int RunEventLoop(Exchange& exchange, StopSignals& stopSignals) {
             return 0;
         }
         if ((entries[0].revents & POLLIN) != 0) {
-            if (const std::optional<int> signalNumber = stopSignals.Take()) {
-                return *signalNumber;
+            if (const std::optional<int> number = end.Take()) {
+                return *number;
             }
         }
         if (ready > 0) {
-            now = MonotonicNs();
+            now = clock();
             exchange.HandlePoll(entries.data() + 1, now);
         }
     }

@@ -38,13 +38,18 @@ std::string BehindCarrierCode(const std::string& number) {
     return {};
 }
 
-Exchange::Exchange(Options options) : options_(std::move(options)) {}
+Exchange::Exchange(Options options, Resolver& resolver)
+    : options_(std::move(options)), resolver_(resolver) {}
 
 Exchange::~Exchange() {
     Close();
 }
 
 bool Exchange::Open(std::string& error) {
+    if (!resolver_.IsOpen()) {
+        error = "cannot make the descriptor of host name lookups";
+        return false;
+    }
     portWatch_ = OpenPortWatch();
     if (portWatch_ < 0) {
         error = "cannot watch the ports";
@@ -202,7 +207,7 @@ uint64_t Exchange::NextDeadline(uint64_t now) {
         }
     }
     for (const auto& link : links_) {
-        next = std::min(next, link->CloseBy);
+        next = std::min({next, link->CloseBy, link->AnswerBy});
         if (link->AwaitingSetup()) {
             next = std::min(next, link->SetupBy);
         }

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <list>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,6 +19,7 @@
 #include "virtual-ta/link.h"
 #include "virtual-ta/options.h"
 #include "virtual-ta/port.h"
+#include "virtual-ta/resolver.h"
 #include "virtual-ta/tls.h"
 
 namespace kb::virtual_ta {
@@ -77,7 +79,8 @@ struct Call {
 
 class Exchange {
 public:
-    explicit Exchange(Options options);
+    // The exchange looks the hosts of routes up with the resolver.
+    Exchange(Options options, Resolver& resolver);
     ~Exchange();
     Exchange(const Exchange&) = delete;
     Exchange& operator=(const Exchange&) = delete;
@@ -157,6 +160,9 @@ private:
     [[nodiscard]] bool OpenListener(std::string& error);
     [[nodiscard]] const RouteSetting* FindRoute(const std::string& number) const;
     void DialAway(Call& call, const RouteSetting& route, const std::string& second, uint64_t now);
+    void Reach(Link& link, const std::vector<sockaddr_storage>& addresses, uint64_t now);
+    void TakeLookups(uint64_t now);
+    void NoAnswer(Link& link, uint64_t now);
     void CallFromAway(Link& link, std::string_view setup, uint64_t now);
     void ConnectedAway(Call& call, std::string_view message, uint64_t now);
     void FailAway(Call& call, const char* result, uint64_t now);
@@ -174,11 +180,18 @@ private:
     void SortLink(Link& link, uint64_t now);
     void StartTls(Link& link, bool listening, uint64_t now);
     void Handshake(Link& link, uint64_t now);
+    // A refusal of a caller that showed itself (offered a line ID, or TLS
+    // to a tool that takes none) goes to the log, but from one address at
+    // most once a minute; the others are counted, and told of after it.
+    void LogRefusal(const std::string& peer, const std::string& text, uint64_t now);
+    void LogMoreRefusals(uint64_t now);
     [[nodiscard]] size_t LinksAwaitingSetup() const;
+    [[nodiscard]] Link* LinkToLetGo(uint64_t now);
     [[nodiscard]] bool DropLinkAwaitingSetup(uint64_t now);
     void SweepLinks();
 
     Options options_;
+    Resolver& resolver_;
     std::vector<std::unique_ptr<Adapter>> adapters_;
     std::list<std::unique_ptr<Call>> calls_;
     int portWatch_ = -1;  // notes the opens and closes of every adapter's port
@@ -197,6 +210,13 @@ private:
     bool keyRefused_ = false;
     std::unique_ptr<TlsContext> tls_;
     std::vector<LineId> peers_;  // in the order CollectPoll gave them
+    // By address: when its next refusal may be logged, and how many were
+    // not logged since the last one.
+    struct RefusalsFrom {
+        uint64_t QuietUntil = 0;
+        size_t NotLogged = 0;
+    };
+    std::map<std::string, RefusalsFrom> refusals_;
 };
 
 }  // namespace kb::virtual_ta

@@ -8,6 +8,7 @@
 // of the adapter that sends, so the data of a link arrives already paced and
 // goes to the port as it comes.
 
+#include <netdb.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -30,6 +31,15 @@ namespace {
 // Bytes of a call waiting for the socket; beyond this the data stays on the
 // line, whose sender is then held back as when the far port takes nothing.
 constexpr size_t LinkBacklog = 65536;
+// A dial away is given this long for the far host's name to be found, and
+// then for each of its addresses in turn to take the connection and the far
+// tool to answer the dial. A host that has gone, or a name server that never
+// answers, is then an unreachable number well before the caller would give
+// up its ringing.
+constexpr uint64_t ReachWaitNs = 10000 * NsPerMs;
+// The log tells of a refused caller at most once a minute for each address:
+// a crowd of them would fill the journal, and the tool would wait on it.
+constexpr uint64_t RefusalsQuietNs = 60000 * NsPerMs;
 // A link that has said its last waits this long for the far process to close.
 constexpr uint64_t CloseWaitNs = 5000 * NsPerMs;
 // A caller's process sends its setup as soon as it is connected, so a
@@ -133,34 +143,79 @@ const RouteSetting* Exchange::FindRoute(const std::string& number) const {
 void Exchange::DialAway(Call& call, const RouteSetting& route, const std::string& second,
                         uint64_t now) {
     Adapter& caller = *call.Caller;
-    auto link = std::make_unique<Link>();
+    auto owned = std::make_unique<Link>();
+    Link& link = *owned;
+    links_.push_back(std::move(owned));
+    link.Peer = HostPort(route);
     std::string unused;
-    link->FarId = ParseLineId(route.PeerId, unused);
-    link->LoopbackOnly = !link->FarId && !options_.Insecure;
-    if (!link->FarId && options_.Insecure) {
-        LogLine(caller.Who + " calls " + call.FarWho + " at " + HostPort(route) +
+    link.FarId = ParseLineId(route.PeerId, unused);
+    link.LoopbackOnly = !link.FarId && !options_.Insecure;
+    if (!link.FarId && options_.Insecure) {
+        LogLine(caller.Who + " calls " + call.FarWho + " at " + link.Peer +
                 " in plain TCP (--insecure): neither side is checked, anyone on the way reads it");
     }
-    if (!StartConnect(*link, route.Host, route.Port)) {
-        // Unreachable: the same as a number that nobody has.
-        TraceLine(caller.Who, "cannot reach " + HostPort(route));
-        call.ResultAt = now + RoutingDelayNs;
-        return;
-    }
     const LineSetup setup = SetupOf(caller.Given.Model->Kind, caller.Registers);
-    link->Queue(LinkMessage::Setup, call.FarWho + " " + (second.empty() ? "-" : second) + " " +
-                                        caller.Who + " " + BundlingName(setup.Bundle) + " " +
-                                        (setup.Is56k ? "56" : "64") + " " +
-                                        std::to_string(options_.Rate) + " " + Describe(setup));
-    link->InCall = &call;
+    link.Queue(LinkMessage::Setup, call.FarWho + " " + (second.empty() ? "-" : second) + " " +
+                                       caller.Who + " " + BundlingName(setup.Bundle) + " " +
+                                       (setup.Is56k ? "56" : "64") + " " +
+                                       std::to_string(options_.Rate) + " " + Describe(setup));
+    link.InCall = &call;
     call.Away = true;
-    call.Remote = link.get();
+    call.Remote = &link;
     // The far exchange tells whether it rings; until then the caller waits
     // as for a ringing call, and gives up after the same time.
     call.Phase = CallPhase::Ringing;
     call.GiveUpAt = now + static_cast<uint64_t>(options_.AnswerWaitMs) * NsPerMs;
     TraceLine(caller.Who, "calls " + call.FarWho + " at " + HostPort(route));
-    links_.push_back(std::move(link));
+    // A literal address needs no name server; a name is looked up off the
+    // loop, whose other calls go on meanwhile.
+    const std::vector<sockaddr_storage> literal =
+        FindAddresses(route.Host, route.Port, AI_NUMERICHOST);
+    if (!literal.empty()) {
+        Reach(link, literal, now);
+        return;
+    }
+    link.Lookup = resolver_.Start(route.Host, route.Port);
+    link.AnswerBy = now + ReachWaitNs;
+}
+
+void Exchange::Reach(Link& link, const std::vector<sockaddr_storage>& addresses, uint64_t now) {
+    link.Lookup = 0;
+    if (!StartConnect(link, addresses)) {
+        // Unreachable: the same as a number that nobody has.
+        LinkLost(link, now);
+        return;
+    }
+    link.AnswerBy = now + ReachWaitNs;
+}
+
+void Exchange::TakeLookups(uint64_t now) {
+    for (const LookupAnswer& answer : resolver_.Take()) {
+        // A lookup whose dial was given up meanwhile finds its link gone.
+        const auto found = std::find_if(links_.begin(), links_.end(), [&](const auto& link) {
+            return !link->Gone && link->InCall != nullptr && link->Lookup == answer.Id;
+        });
+        if (found == links_.end()) {
+            continue;
+        }
+        Link& link = **found;
+        if (answer.Addresses.empty()) {
+            TraceLine(link.InCall->Caller->Who, "cannot find the host of " + link.Peer);
+        }
+        Reach(link, answer.Addresses, now);
+    }
+}
+
+// The far tool has not answered in time: the next of its addresses is
+// tried, if there is one still to try, or the route is unreachable.
+void Exchange::NoAnswer(Link& link, uint64_t now) {
+    TraceLine(link.InCall->Caller->Who, "no answer from " + link.Peer + " within " +
+                                            std::to_string(ReachWaitNs / NsPerMs / 1000) + " s");
+    if (link.Connecting && ConnectNext(link)) {
+        link.AnswerBy = now + ReachWaitNs;
+        return;
+    }
+    LinkLost(link, now);
 }
 
 void Exchange::CallFromAway(Link& link, std::string_view setup, uint64_t now) {
@@ -245,6 +300,7 @@ void Exchange::HandleMessages(Link& link, uint64_t now) {
     LinkMessage type{};
     std::string_view payload;
     while (!link.Gone && link.Peek(type, payload)) {
+        link.AnswerBy = Never;
         Call* call = link.InCall;
         if (call == nullptr) {
             // Before its call, a link from away says only what it wants; after
@@ -351,12 +407,19 @@ void Exchange::Detach(Call& call, bool release) {
         link->Queue(LinkMessage::Release, {});
     }
     link->InCall = nullptr;
+    link->AnswerBy = Never;
     link->Closing = true;
     link->CloseBy = MonotonicNs() + CloseWaitNs;
     call.Remote = nullptr;
 }
 
 void Exchange::LinkLost(Link& link, uint64_t now) {
+    if (link.RefusedByAlert && key_) {
+        // In TLS 1.3 the caller's handshake is through before the far tool
+        // has checked it: its refusal comes as an alert after.
+        LogLine("refused by " + link.Peer + ": the far tool does not take line ID " +
+                LineIdOf(key_.get()).Text());
+    }
     Call* call = link.InCall;
     CloseLink(link);
     link.InCall = nullptr;
@@ -385,13 +448,28 @@ void Exchange::LinkLost(Link& link, uint64_t now) {
 }
 
 void Exchange::ServiceLinks(uint64_t now) {
+    LogMoreRefusals(now);
     for (auto& owned : links_) {
         Link& link = *owned;
-        if (link.Gone || link.Connecting) {
+        if (link.Gone) {
+            continue;
+        }
+        // A dial away still reaching the far tool: its name, its connection
+        // or, over TLS, its handshake. The far tool's first word ends it.
+        if (link.Lookup != 0 || link.Connecting || (link.Handshaking && link.FarId)) {
+            if (link.InCall == nullptr) {
+                CloseLink(link);  // its dial was given up before a word was said
+            } else if (now >= link.AnswerBy) {
+                NoAnswer(link, now);
+            }
             continue;
         }
         HandleMessages(link, now);
         if (link.Gone) {
+            continue;
+        }
+        if (now >= link.AnswerBy) {
+            NoAnswer(link, now);
             continue;
         }
         if (link.AwaitingSetup() && now >= link.SetupBy) {
@@ -436,6 +514,7 @@ void Exchange::ServiceLinks(uint64_t now) {
 
 void Exchange::CollectLinks(std::vector<pollfd>& entries, uint64_t now) {
     polledLinks_.clear();
+    entries.push_back(pollfd{resolver_.Descriptor(), POLLIN, 0});
     listenerPolled_ = listener_ >= 0 && now >= listenerRestsUntil_;
     if (listenerPolled_) {
         entries.push_back(pollfd{listener_, POLLIN, 0});
@@ -468,6 +547,7 @@ void Exchange::CollectLinks(std::vector<pollfd>& entries, uint64_t now) {
 }
 
 void Exchange::HandleLinks(const pollfd* entries, uint64_t now) {
+    const bool answered = (entries++)->revents != 0;
     bool calling = false;
     if (listenerPolled_) {
         calling = (entries->revents & POLLIN) != 0;
@@ -486,7 +566,9 @@ void Exchange::HandleLinks(const pollfd* entries, uint64_t now) {
                 if (link->FarId) {
                     StartTls(*link, false, now);
                 }
-            } else if (!ConnectNext(*link)) {
+            } else if (ConnectNext(*link)) {
+                link->AnswerBy = now + ReachWaitNs;
+            } else {
                 LinkLost(*link, now);
             }
             continue;
@@ -506,6 +588,9 @@ void Exchange::HandleLinks(const pollfd* entries, uint64_t now) {
             link->PeerClosed = true;
         }
     }
+    if (answered) {
+        TakeLookups(now);
+    }
     if (calling) {
         AcceptCalls(now);
     }
@@ -515,7 +600,17 @@ void Exchange::HandleLinks(const pollfd* entries, uint64_t now) {
 // one pass as may await their setup, so that a flood of them never holds
 // the adapters' ports back for long.
 void Exchange::AcceptCalls(uint64_t now) {
+    size_t kept = 0;
+    bool atRoom = false;
     for (size_t taken = 0; taken < AwaitingSetupMax; ++taken) {
+        // Room is made only by connections of earlier turns. When all that
+        // could go came in this one, the rest of a crowd that came at once
+        // wait in the system's queue for the next turn, rather than being
+        // turned away with a caller among them.
+        if (kept > 0 && (atRoom || LinksAwaitingSetup() >= AwaitingSetupMax) &&
+            LinkToLetGo(now) == nullptr) {
+            return;
+        }
         std::string peer;
         int error = 0;
         const int fd = AcceptOn(listener_, peer, error);
@@ -547,6 +642,8 @@ void Exchange::AcceptCalls(uint64_t now) {
         link->SetupBy = now + SetupWaitNs;
         link->Unsorted = true;
         links_.push_back(std::move(link));
+        ++kept;
+        atRoom = fd + 1 >= descriptorRoom_;
     }
 }
 
@@ -564,7 +661,8 @@ void Exchange::SortLink(Link& link, uint64_t now) {
     link.Heard = true;
     if (first == TlsHandshakeRecord) {
         if (!tls_) {
-            LogLine("refused " + link.Peer + ": a call in TLS, but no --peer is set");
+            LogRefusal(link.Peer, "refused " + link.Peer + ": a call in TLS, but no --peer is set",
+                       now);
             CloseLink(link);
             return;
         }
@@ -572,7 +670,7 @@ void Exchange::SortLink(Link& link, uint64_t now) {
         return;
     }
     if (!options_.Insecure && !PeerIsLoopback(link.Fd)) {
-        LogLine("refused " + link.Peer + ": plain TCP is taken from loopback only");
+        TraceLine("-", "refused " + link.Peer + ": plain TCP is taken from loopback only");
         CloseLink(link);
         return;
     }
@@ -618,16 +716,55 @@ void Exchange::Handshake(Link& link, uint64_t now) {
     const bool calling = link.FarId.has_value();
     const std::optional<LineId>& offered = link.Tls->Offered;
     std::string why = "TLS handshake failed: " + error;
-    if (offered && !link.Tls->OfferedAccepted()) {
+    const bool stranger = offered && !link.Tls->OfferedAccepted();
+    if (stranger) {
         why = "line ID " + offered->Text() +
               (calling ? " is not the route's " + link.FarId->Text() : " is not a peer");
     }
     if (calling) {
         LogLine("refused by " + link.Peer + ": " + why);
         LinkLost(link, now);
+        return;
+    }
+    // A connection that failed without showing an ID (garbage, a cut, no
+    // certificate) is what a scanner leaves: the trace alone tells of it.
+    if (stranger) {
+        LogRefusal(link.Peer, "refused " + link.Peer + ": " + why, now);
     } else {
-        LogLine("refused " + link.Peer + ": " + why);
-        CloseLink(link);
+        TraceLine("-", "refused " + link.Peer + ": " + why);
+    }
+    CloseLink(link);
+}
+
+void Exchange::LogRefusal(const std::string& peer, const std::string& text, uint64_t now) {
+    // The refusals of so many addresses at once are a scan, not callers.
+    constexpr size_t AddressesMax = 1024;
+    const std::string address = peer.substr(0, peer.rfind(':'));
+    const auto known = refusals_.find(address);
+    if (known == refusals_.end() && refusals_.size() >= AddressesMax) {
+        TraceLine("-", text);
+        return;
+    }
+    RefusalsFrom& from = refusals_[address];
+    if (now < from.QuietUntil) {
+        ++from.NotLogged;
+        TraceLine("-", text);
+        return;
+    }
+    from.QuietUntil = now + RefusalsQuietNs;
+    LogLine(text);
+}
+
+void Exchange::LogMoreRefusals(uint64_t now) {
+    for (auto at = refusals_.begin(); at != refusals_.end();) {
+        if (now < at->second.QuietUntil) {
+            ++at;
+            continue;
+        }
+        if (at->second.NotLogged > 0) {
+            LogLine(std::to_string(at->second.NotLogged) + " more refused from " + at->first);
+        }
+        at = refusals_.erase(at);
     }
 }
 
@@ -636,19 +773,29 @@ size_t Exchange::LinksAwaitingSetup() const {
         links_.begin(), links_.end(), [](const auto& link) { return link->AwaitingSetup(); }));
 }
 
-// Lets go of the connection that has awaited its setup longest without a
-// word, to make room for a newer one. A connection taken in this pass has
-// not been listened to yet, and one that has spoken may be a caller whose
-// setup is still on its way; neither is let go.
-bool Exchange::DropLinkAwaitingSetup(uint64_t now) {
+// The connection to let go to make room for a newer one: the one that has
+// awaited its setup longest without a word; failing that, the one that has
+// awaited it longest. A connection taken in this pass has not been listened
+// to yet, and is not let go. One that has spoken may be a caller whose setup
+// is still on its way, so the silent go first; but a crowd of connections
+// that each sent the start of a setup and stopped must not keep every real
+// caller out until their time is up, and a real caller's setup follows its
+// connection at once.
+Link* Exchange::LinkToLetGo(uint64_t now) {
     Link* oldest = nullptr;
     for (auto& owned : links_) {
         Link& link = *owned;
-        if (link.AwaitingSetup() && !link.Heard && link.AcceptedAt < now &&
-            (oldest == nullptr || link.AcceptedAt < oldest->AcceptedAt)) {
+        if (link.AwaitingSetup() && link.AcceptedAt < now &&
+            (oldest == nullptr || std::make_pair(link.Heard, link.AcceptedAt) <
+                                      std::make_pair(oldest->Heard, oldest->AcceptedAt))) {
             oldest = &link;
         }
     }
+    return oldest;
+}
+
+bool Exchange::DropLinkAwaitingSetup(uint64_t now) {
+    Link* oldest = LinkToLetGo(now);
     if (oldest == nullptr) {
         return false;
     }

@@ -45,26 +45,6 @@ std::string AddressText(const sockaddr_storage& address) {
     return "[" + std::string(host) + "]:" + std::to_string(port);
 }
 
-bool Resolve(const std::string& host, uint16_t port, bool passive,
-             std::vector<sockaddr_storage>& addresses) {
-    addrinfo hints{};
-    hints.ai_family = AF_UNSPEC;
-    hints.ai_socktype = SOCK_STREAM;
-    hints.ai_flags = AI_NUMERICSERV | (passive ? AI_PASSIVE : 0);
-    addrinfo* found = nullptr;
-    const std::string service = std::to_string(port);
-    if (::getaddrinfo(host.c_str(), service.c_str(), &hints, &found) != 0) {
-        return false;
-    }
-    for (const addrinfo* at = found; at != nullptr; at = at->ai_next) {
-        sockaddr_storage address{};
-        std::memcpy(&address, at->ai_addr, at->ai_addrlen);
-        addresses.push_back(address);
-    }
-    ::freeaddrinfo(found);
-    return !addresses.empty();
-}
-
 bool IsLoopback(const sockaddr_storage& address) {
     if (address.ss_family == AF_INET) {
         return (ntohl(reinterpret_cast<const sockaddr_in&>(address).sin_addr.s_addr) >> 24) == 127;
@@ -81,6 +61,26 @@ socklen_t LengthOf(const sockaddr_storage& address) {
 }
 
 }  // namespace
+
+std::vector<sockaddr_storage> FindAddresses(const std::string& host, uint16_t port, int flags) {
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_NUMERICSERV | flags;
+    addrinfo* found = nullptr;
+    const std::string service = std::to_string(port);
+    std::vector<sockaddr_storage> addresses;
+    if (::getaddrinfo(host.c_str(), service.c_str(), &hints, &found) != 0) {
+        return addresses;
+    }
+    for (const addrinfo* at = found; at != nullptr; at = at->ai_next) {
+        sockaddr_storage address{};
+        std::memcpy(&address, at->ai_addr, at->ai_addrlen);
+        addresses.push_back(address);
+    }
+    ::freeaddrinfo(found);
+    return addresses;
+}
 
 void Link::Queue(LinkMessage type, std::string_view payload) {
     Out += static_cast<char>(type);
@@ -142,17 +142,20 @@ bool ParseHostPort(const std::string& text, bool allowZero, std::string& host, u
 }
 
 int ListenOn(const std::string& host, uint16_t& port, std::string& error) {
-    std::vector<sockaddr_storage> addresses;
-    if (!Resolve(host, port, true, addresses)) {
+    const std::vector<sockaddr_storage> addresses = FindAddresses(host, port, AI_PASSIVE);
+    if (addresses.empty()) {
         error = "cannot find the address '" + host + "' to listen on";
         return -1;
     }
     const sockaddr_storage& address = addresses.front();
     const int fd = ::socket(address.ss_family, SOCK_STREAM, 0);
     const int on = 1;
+    // The system's queue takes a crowd of connections whole: the exchange
+    // lets them go itself, and a caller among them is not held back by the
+    // second its connection waits when the queue drops it.
     if (fd < 0 || ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
         ::bind(fd, reinterpret_cast<const sockaddr*>(&address), LengthOf(address)) != 0 ||
-        ::listen(fd, 16) != 0) {
+        ::listen(fd, SOMAXCONN) != 0) {
         error = "cannot listen on " + AddressText(address) + ": " + std::strerror(errno);
         if (fd >= 0) {
             ::close(fd);
@@ -181,14 +184,9 @@ int AcceptOn(int listener, std::string& peer, int& error) {
     return fd;
 }
 
-bool StartConnect(Link& link, const std::string& host, uint16_t port) {
-    link.Addresses.clear();
-    if (!Resolve(host, port, false, link.Addresses)) {
-        return false;
-    }
+bool StartConnect(Link& link, const std::vector<sockaddr_storage>& addresses) {
     // The addresses are tried from the front.
-    std::vector<sockaddr_storage> inOrder(link.Addresses.rbegin(), link.Addresses.rend());
-    link.Addresses.swap(inOrder);
+    link.Addresses.assign(addresses.rbegin(), addresses.rend());
     return ConnectNext(link);
 }
 
@@ -252,6 +250,14 @@ bool IsLoopbackHost(const std::string& host) {
 
 namespace {
 
+// OpenSSL gives an alert received as its reason plus this offset.
+void NoteAlert(Link& link, int error) {
+    if (error == SSL_ERROR_SSL && !link.Heard &&
+        ERR_GET_REASON(ERR_peek_error()) > SSL_AD_REASON_OFFSET) {
+        link.RefusedByAlert = true;
+    }
+}
+
 // Through TLS: a record at a time until the chunk is full or the socket has
 // no more, so that nothing waits inside TLS where poll cannot see it.
 bool ReadTls(Link& link, char* buffer) {
@@ -266,6 +272,7 @@ bool ReadTls(Link& link, char* buffer) {
             continue;
         }
         const int error = SSL_get_error(link.Tls->Ssl, n);
+        NoteAlert(link, error);
         return error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE;
     }
     return true;
@@ -313,6 +320,14 @@ bool WriteLink(Link& link) {
         if (n > 0) {
             link.OutHead += static_cast<size_t>(n);
         } else {
+            if (link.Tls && !waits && !link.Heard) {
+                // A far tool that refused this one may have closed before
+                // the first write: its alert waits to be read.
+                char byte = 0;
+                ERR_clear_error();
+                const int read = SSL_read(link.Tls->Ssl, &byte, 1);
+                NoteAlert(link, SSL_get_error(link.Tls->Ssl, read));
+            }
             if (link.OutHead > ReadChunk) {
                 link.Out.erase(0, link.OutHead);
                 link.OutHead = 0;

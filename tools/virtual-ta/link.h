@@ -58,6 +58,12 @@ struct Link {
     std::unique_ptr<TlsSession> Tls;  // null on a plain connection
     bool Handshaking = false;         // nothing is read or written but the handshake
 
+    // The caller's: the lookup of the far host under way (0 for none), and
+    // when the far tool must have answered by, from the dial or from the
+    // start of the connection to each address.
+    uint64_t Lookup = 0;
+    uint64_t AnswerBy = Never;
+
     std::string In;       // received, from InHead on not handled yet
     size_t InHead = 0;    // the start of the next message
     size_t DataDone = 0;  // bytes of the data message at InHead already taken
@@ -69,7 +75,10 @@ struct Link {
     // when it may wait for its call to be set up.
     uint64_t AcceptedAt = 0;
     uint64_t SetupBy = Never;
-    bool Heard = false;        // a byte has come from the peer
+    bool Heard = false;  // a byte has come from the peer
+    // The caller's TLS ended on the far tool's alert before a word came:
+    // the far tool refused this tool's line ID.
+    bool RefusedByAlert = false;
     bool Closing = false;      // writes what it holds, then ends the connection
     bool ShutDown = false;     // nothing more is written
     bool PeerClosed = false;   // the connection has ended or failed; In may still hold messages
@@ -98,10 +107,13 @@ int ListenOn(const std::string& host, uint16_t& port, std::string& error);
 // Takes a waiting connection: its descriptor, not blocking, or -1 with the
 // reason in error (errno's value; EAGAIN when none waits).
 int AcceptOn(int listener, std::string& peer, int& error);
-// Looks the host up and starts connecting to its first address; the link
-// tries the others in turn (ConnectNext) if that one fails. False if there
-// is no address to try.
-bool StartConnect(Link& link, const std::string& host, uint16_t port);
+// The addresses of the host, IPv6 and IPv4, with getaddrinfo's flags added
+// (AI_NUMERICHOST: a literal address only, which never waits on a name
+// server); none if there is none.
+std::vector<sockaddr_storage> FindAddresses(const std::string& host, uint16_t port, int flags);
+// Starts connecting to the first address; the link tries the others in turn
+// (ConnectNext) if that one fails. False if there is no address to try.
+bool StartConnect(Link& link, const std::vector<sockaddr_storage>& addresses);
 bool ConnectNext(Link& link);
 // Whether a connection under way has been made; false when it failed.
 bool Connected(int fd);

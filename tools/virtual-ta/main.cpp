@@ -11,6 +11,7 @@
 #include "virtual-ta/exchange.h"
 #include "virtual-ta/identity.h"
 #include "virtual-ta/options.h"
+#include "virtual-ta/resolver.h"
 #include "virtual-ta/trace.h"
 
 namespace {
@@ -59,7 +60,8 @@ int main(int argc, char** argv) {
     // Standard output may be a pipe whose reader left after "ready".
     ::signal(SIGPIPE, SIG_IGN);
 
-    Exchange exchange(options);
+    Resolver resolver;
+    Exchange exchange(options, resolver);
     if (!exchange.Open(error)) {
         exchange.Close();
         std::fprintf(stderr, "virtual-ta: %s\n", error.c_str());
@@ -72,7 +74,9 @@ int main(int argc, char** argv) {
     std::fflush(stdout);
     TraceLine("-", "ready");
 
-    const int signalNumber = RunEventLoop(exchange, stopSignals);
+    const int signalNumber = RunEventLoop(
+        exchange, LoopEnd{stopSignals.Descriptor(), [&] { return stopSignals.Take(); }},
+        MonotonicNs);
     exchange.Close();
     TraceLine("-", "stopped by signal " + std::to_string(signalNumber));
     CloseTrace();

@@ -535,7 +535,8 @@ Options:
   --identity FILE     the key that makes this virtual-ta's line ID, made
                       with mode 0600 on first use (default
                       ~/.config/kestrelbound/line.key, under XDG_CONFIG_HOME
-                      if that is set)
+                      if that is set); read only when a --peer or a route's
+                      ID is given, or with --show-identity
   --show-identity     print this virtual-ta's line ID, making its key if
                       there is none, and exit
   --insecure          take and make calls in plain TCP with any address, not

@@ -1,6 +1,7 @@
 #include "virtual-ta/trace.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -64,8 +65,13 @@ void LogLine(std::string_view text) {
     std::string line = "virtual-ta: ";
     line.append(text);
     line += '\n';
-    std::fputs(line.c_str(), stderr);
-    std::fflush(stderr);
+    // Standard error may be a journal or a terminal that reads slowly: a
+    // line it cannot take at once is dropped rather than waited for, since
+    // the tool's one loop carries every call. The trace keeps it whole.
+    pollfd error{STDERR_FILENO, POLLOUT, 0};
+    if (::poll(&error, 1, 0) == 1 && (error.revents & POLLOUT) != 0) {
+        [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, line.data(), line.size());
+    }
     TraceLine("-", text);
 }
 
