@@ -418,7 +418,7 @@ void Exchange::LinkLost(Link& link, uint64_t now) {
         // In TLS 1.3 the caller's handshake is through before the far tool
         // has checked it: its refusal comes as an alert after.
         LogLine("refused by " + link.Peer + ": the far tool does not take line ID " +
-                LineIdOf(key_.get()).Text());
+                LineIdOf(key_.get())->Text());
     }
     Call* call = link.InCall;
     CloseLink(link);
