@@ -30,33 +30,29 @@ set(icon ${PREFIX}/share/icons/hicolor/scalable/apps/kestrelbound.svg)
 if(NOT EXISTS ${icon})
     list(APPEND failures "the icon is missing")
 endif()
-set(entry ${PREFIX}/share/applications/kestrelbound.desktop)
-if(EXISTS ${entry})
-    file(READ ${entry} text)
-    # The entry names the icon that is installed and the program by name.
-    foreach(line "Icon=kestrelbound\n" "exec kestrelbound")
+# Each line must be in the installed file, which must be there.
+function(expect_lines file what)
+    if(NOT EXISTS ${file})
+        set(failures ${failures} "the ${what} is missing" PARENT_SCOPE)
+        return()
+    endif()
+    file(READ ${file} text)
+    foreach(line IN LISTS ARGN)
         string(FIND "${text}" "${line}" at)
         if(at EQUAL -1)
-            list(APPEND failures "the menu entry lacks \"${line}\"")
+            list(APPEND failures "the ${what} lacks \"${line}\"")
         endif()
     endforeach()
-else()
-    list(APPEND failures "the menu entry is missing")
-endif()
-set(unit ${PREFIX}/lib/systemd/user/kestrelbound-line.service)
-if(EXISTS ${unit})
-    file(READ ${unit} text)
-    # Not restarted for a bad setting (2) nor a bad key (3), which stay so.
-    foreach(line "ExecStart=${PREFIX}/bin/virtual-ta --config %h/.config/kestrelbound/line.conf\n"
-                 "RestartPreventExitStatus=2 3\n")
-        string(FIND "${text}" "${line}" at)
-        if(at EQUAL -1)
-            list(APPEND failures "the service lacks \"${line}\"")
-        endif()
-    endforeach()
-else()
-    list(APPEND failures "the adapters' service is missing")
-endif()
+    set(failures ${failures} PARENT_SCOPE)
+endfunction()
+# The entry names the icon that is installed and the program by name.
+expect_lines(${PREFIX}/share/applications/kestrelbound.desktop "menu entry"
+    "Icon=kestrelbound\n" "exec kestrelbound")
+# The service is not restarted for a bad setting (2) nor a bad key (3),
+# which stay so.
+expect_lines(${PREFIX}/lib/systemd/user/kestrelbound-line.service "adapters' service"
+    "ExecStart=${PREFIX}/bin/virtual-ta --config %h/.config/kestrelbound/line.conf\n"
+    "RestartPreventExitStatus=2 3\n")
 if(NOT EXISTS ${PREFIX}/share/doc/kestrelbound/line.conf.example)
     list(APPEND failures "the example configuration is missing")
 endif()

@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <sstream>
 
 #include "platform/files.h"
@@ -50,10 +49,8 @@ bool ReadOwnFile(const std::string& path, std::string& text, std::string& error)
     }
     if ((status.st_mode & 022) != 0) {
         ::close(fd);
-        char mode[8];
-        std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(status.st_mode & 07777));
-        error = "the configuration file '" + path + "' may be changed by others (mode " + mode +
-                "): make it the user's alone with chmod go-w";
+        error = "the configuration file '" + path + "' may be changed by others (mode " +
+                ModeText(status.st_mode) + "): make it the user's alone with chmod go-w";
         return false;
     }
     char buffer[4096];

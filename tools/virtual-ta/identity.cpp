@@ -179,10 +179,8 @@ Key ReadKey(const std::string& path, std::string& error) {
     }
     if ((status.st_mode & 077) != 0) {
         ::close(fd);
-        char mode[8];
-        std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(status.st_mode & 07777));
-        error = "the identity key '" + path + "' may be read by others (mode " + mode +
-                "): make it the user's alone with chmod 600";
+        error = "the identity key '" + path + "' may be read by others (mode " +
+                ModeText(status.st_mode) + "): make it the user's alone with chmod 600";
         return nullptr;
     }
     FILE* file = ::fdopen(fd, "r");
@@ -274,6 +272,12 @@ std::string HomeFolder() {
     }
     const passwd* user = ::getpwuid(::getuid());
     return user != nullptr && user->pw_dir != nullptr ? user->pw_dir : "";
+}
+
+std::string ModeText(unsigned mode) {
+    char text[8];
+    std::snprintf(text, sizeof text, "%04o", mode & 07777);
+    return text;
 }
 
 std::string DefaultIdentityPath() {

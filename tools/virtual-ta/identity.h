@@ -43,6 +43,10 @@ std::optional<LineId> LineIdOf(const EVP_PKEY* key);
 // (a service may be started without it); empty if neither says.
 std::string HomeFolder();
 
+// A file's permission bits in octal, "0644", for the messages that refuse a
+// file others may read or change.
+std::string ModeText(unsigned mode);
+
 // Where the key is kept unless --identity says otherwise:
 // $XDG_CONFIG_HOME/kestrelbound/line.key, or ~/.config/kestrelbound/line.key.
 std::string DefaultIdentityPath();
