@@ -173,6 +173,22 @@ TEST_F(VirtualTaCommandLine, TheIdentityKeyIsMadeOnceForItsUserAlone) {
     struct stat status {};
     ASSERT_EQ(::stat(key.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0600u);
+    // The ID is the fingerprint of the public key's DER SubjectPublicKeyInfo,
+    // as openssl itself computes it from the key file.
+    ChildProcess fingerprint("/bin/sh",
+                             {"-c", "openssl pkey -in '" + key +
+                                        "' -pubout -outform DER | openssl dgst -sha256 -binary | "
+                                        "head -c 15 | od -An -tx1 -v | tr -d ' \\n'; echo"});
+    ASSERT_EQ(fingerprint.WaitForExit(10s), 0);
+    std::string error;
+    const std::optional<virtual_ta::LineId> read = virtual_ta::ParseLineId(id, error);
+    ASSERT_TRUE(read.has_value()) << error;
+    std::string bits;
+    for (const uint8_t byte : read->Bits) {
+        bits += "0123456789abcdef"[byte >> 4];
+        bits += "0123456789abcdef"[byte & 15];
+    }
+    EXPECT_EQ(fingerprint.AllLines(), std::vector<std::string>{bits});
     ASSERT_EQ(::symlink(key.c_str(), (folder_ / "link.key").c_str()), 0);
     EXPECT_EQ(ShowIdentity(VIRTUAL_TA_PATH, folder_ / "link.key"), id) << "a link is followed";
     const std::string good = folder_ / "COM1=bitsurfr:5551000";
