@@ -103,6 +103,10 @@ page=$(man -w kbstation) || fail "man finds no page for kbstation"
 shown=$(man kbstation 2>/dev/null) || fail "man cannot show kbstation's page"
 grep -q 'kbstation - Kestrelbound without a window' <<<"$shown" ||
     fail "man does not show kbstation's page"
+# The adapters' service runs the installed program, not the build's.
+grep -qx 'ExecStart=/usr/bin/virtual-ta --config %h/.config/kestrelbound/line.conf' \
+    /usr/lib/systemd/user/kestrelbound-line.service ||
+    fail "the installed service does not run /usr/bin/virtual-ta"
 
 $sudo env DEBIAN_FRONTEND=noninteractive apt-get purge -y kestrelbound >"$work/purge.log" 2>&1 || {
     cat "$work/purge.log" >&2

@@ -556,8 +556,9 @@ removes its links and exits 0. Bad arguments: a one-line message and exit 2;
 an identity key that cannot be read or made: exit 3; another failure at the
 start (a pseudo-terminal, the listening address): exit 1.
 A listening address other than loopback needs a --peer or a route with an ID
-(or --insecure). Refused calls and calls in plain TCP under --insecure are
-logged on standard error, and in the trace.
+(or --insecure). Callers refused for the line ID they showed (once a minute
+per address), refusals of this tool's own dials, and calls in plain TCP under
+--insecure are logged on standard error; every connection is in the trace.
 
 Example:
   virtual-ta alice/COM1=bitsurfr:5551001 bob/COM1=zyxel-2864:5551002
