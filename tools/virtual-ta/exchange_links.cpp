@@ -8,6 +8,7 @@
 // of the adapter that sends, so the data of a link arrives already paced and
 // goes to the port as it comes.
 
+#include <malloc.h>
 #include <netdb.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -17,7 +18,10 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <map>
 #include <sstream>
+#include <string_view>
+#include <tuple>
 
 #include "virtual-ta/exchange.h"
 #include "virtual-ta/trace.h"
@@ -27,6 +31,11 @@ namespace kb::virtual_ta {
 using namespace kb::platform;
 
 namespace {
+
+// The address of a peer's "HOST:PORT" ("[::1]:4000" gives "[::1]").
+std::string_view HostOf(const std::string& peer) {
+    return std::string_view(peer).substr(0, peer.rfind(':'));
+}
 
 // Bytes of a call waiting for the socket; beyond this the data stays on the
 // line, whose sender is then held back as when the far port takes nothing.
@@ -739,7 +748,7 @@ void Exchange::Handshake(Link& link, uint64_t now) {
 void Exchange::LogRefusal(const std::string& peer, const std::string& text, uint64_t now) {
     // The refusals of so many addresses at once are a scan, not callers.
     constexpr size_t AddressesMax = 1024;
-    const std::string address = peer.substr(0, peer.rfind(':'));
+    const std::string address(HostOf(peer));
     const auto known = refusals_.find(address);
     if (known == refusals_.end() && refusals_.size() >= AddressesMax) {
         TraceLine("-", text);
@@ -781,17 +790,29 @@ size_t Exchange::LinksAwaitingSetup() const {
 // that each sent the start of a setup and stopped must not keep every real
 // caller out until their time is up, and a real caller's setup follows its
 // connection at once.
+//
+// Among those alike, the address that holds the most goes first: a crowd
+// from one address then makes room out of its own, never by letting a caller
+// from elsewhere go half-way through its TLS handshake.
 Link* Exchange::LinkToLetGo(uint64_t now) {
-    Link* oldest = nullptr;
+    std::map<std::string_view, int> waitingFrom;
+    for (const auto& owned : links_) {
+        if (owned->AwaitingSetup()) {
+            ++waitingFrom[HostOf(owned->Peer)];
+        }
+    }
+    Link* chosen = nullptr;
+    const auto rank = [&](const Link& link) {
+        return std::make_tuple(link.Heard, -waitingFrom[HostOf(link.Peer)], link.AcceptedAt);
+    };
     for (auto& owned : links_) {
         Link& link = *owned;
         if (link.AwaitingSetup() && link.AcceptedAt < now &&
-            (oldest == nullptr || std::make_pair(link.Heard, link.AcceptedAt) <
-                                      std::make_pair(oldest->Heard, oldest->AcceptedAt))) {
-            oldest = &link;
+            (chosen == nullptr || rank(link) < rank(*chosen))) {
+            chosen = &link;
         }
     }
-    return oldest;
+    return chosen;
 }
 
 bool Exchange::DropLinkAwaitingSetup(uint64_t now) {
@@ -806,7 +827,14 @@ bool Exchange::DropLinkAwaitingSetup(uint64_t now) {
 }
 
 void Exchange::SweepLinks() {
+    const size_t before = links_.size();
     links_.remove_if([](const std::unique_ptr<Link>& link) { return link->Gone; });
+    // Once a crowd of connections from away is gone, what their TLS buffers
+    // took goes back to the system: the allocator would keep it for good, and
+    // a tool that runs for months would stay at the size of its worst flood.
+    if (links_.size() < before && LinksAwaitingSetup() == 0) {
+        ::malloc_trim(0);
+    }
 }
 
 }  // namespace kb::virtual_ta
