@@ -89,6 +89,10 @@ void FarEnd::Send(std::string_view bytes) {
     lastSendMs_.store(NowMsec());
 }
 
+void FarEnd::NoteSentUntilNow() {
+    lastSendMs_.store(NowMsec());
+}
+
 bool FarEnd::Fill(int64_t deadlineMs) {
     const int64_t left = std::max<int64_t>(deadlineMs - NowMsec(), 0);
     pollfd entry{fd_, POLLIN, 0};

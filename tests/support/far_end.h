@@ -43,6 +43,10 @@ public:
 
     // Sends every byte, waiting while the line takes no more.
     void Send(std::string_view bytes);
+    // Bytes went to the port past Send, through Descriptor(), and the
+    // adapter took the last of them only now (the far end has them): the
+    // escape's guard time counts from here.
+    void NoteSentUntilNow();
     // Exactly count bytes, or what came before the time ran out.
     std::string Receive(size_t count, int timeoutMs);
     // Everything up to and including the marker; what came if it did not.
