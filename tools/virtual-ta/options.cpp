@@ -198,6 +198,18 @@ Applied ApplySetting(const std::string& name, const std::string& shown, const Va
                      Options& options, std::string& error) {
     std::string value;
     const auto takeValue = [&]() { return take(value, error); };
+    // A file's path: an empty one would name no file.
+    const auto takeFile = [&](std::string& path) {
+        if (!takeValue()) {
+            return false;
+        }
+        if (value.empty()) {
+            error = shown + " needs a file";
+            return false;
+        }
+        path = value;
+        return true;
+    };
     if (name == "rate") {
         if (!takeValue()) {
             return Applied::Refused;
@@ -216,14 +228,9 @@ Applied ApplySetting(const std::string& name, const std::string& shown, const Va
         }
         options.Faults.push_back(fault);
     } else if (name == "trace") {
-        if (!takeValue()) {
+        if (!takeFile(options.TracePath)) {
             return Applied::Refused;
         }
-        if (value.empty()) {
-            error = shown + " needs a file";
-            return Applied::Refused;
-        }
-        options.TracePath = value;
     } else if (name == "answer-wait") {
         uint64_t seconds = 0;
         if (!takeValue()) {
@@ -279,14 +286,9 @@ Applied ApplySetting(const std::string& name, const std::string& shown, const Va
         }
         options.Peers.push_back(id->Text());
     } else if (name == "identity") {
-        if (!takeValue()) {
+        if (!takeFile(options.IdentityPath)) {
             return Applied::Refused;
         }
-        if (value.empty()) {
-            error = shown + " needs a file";
-            return Applied::Refused;
-        }
-        options.IdentityPath = value;
     } else if (name == "insecure") {
         options.Insecure = true;
     } else if (name == "adapter") {
