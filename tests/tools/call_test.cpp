@@ -2,15 +2,12 @@
 // dial fails, as each end's port shows them; a port that its program left
 // without closing it properly; and calls to the adapters of another
 // virtual-ta process.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -578,15 +575,9 @@ protected:
     };
 
     void RunExchange(const std::vector<std::string>& arguments) {
-        std::vector<const char*> argv = {"virtual-ta"};
-        for (const std::string& argument : arguments) {
-            argv.push_back(argument.c_str());
-        }
         virtual_ta::Options options;
         std::string error;
-        ASSERT_TRUE(virtual_ta::ParseCommandLine(static_cast<int>(argv.size()), argv.data(),
-                                                 options, error))
-            << error;
+        ASSERT_TRUE(ParseArguments(arguments, options, error)) << error;
         resolver_ =
             std::make_unique<virtual_ta::Resolver>([gate = gate_](const std::string&, uint16_t) {
                 std::unique_lock lock(gate->Mutex);

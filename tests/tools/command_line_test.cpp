@@ -11,7 +11,6 @@
 
 #include "support/tcp_relay.h"
 #include "virtual-ta/identity.h"
-#include "virtual-ta/options.h"
 #include "vta_harness.h"
 
 namespace kb::test {
@@ -19,7 +18,23 @@ namespace kb::test {
 namespace {
 
 using namespace std::chrono_literals;
-using VirtualTaCommandLine = VirtualTaTest;
+class VirtualTaCommandLine : public VirtualTaTest {
+protected:
+    // Runs the tool in the folder with the words of run (split at blanks),
+    // which it must refuse with the exit status and no output; what it said
+    // on standard error.
+    std::string Refusal(const std::string& run, int status) {
+        std::vector<std::string> words;
+        std::istringstream split(run);
+        for (std::string word; split >> word;) {
+            words.push_back(word);
+        }
+        ChildProcess tool(VIRTUAL_TA_PATH, words, folder_.Path(), ChildProcess::Errors::Kept);
+        EXPECT_EQ(tool.WaitForExit(10s), status);
+        EXPECT_TRUE(tool.AllLines().empty());
+        return tool.ErrorText();
+    }
+};
 
 bool IsLink(const std::string& path) {
     struct stat status {};
@@ -28,15 +43,10 @@ bool IsLink(const std::string& path) {
 
 // Every setting of the options, in the order given, or the reason they were
 // refused.
-std::string Parsed(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), "virtual-ta");
-    std::vector<const char*> argv;
-    for (const std::string& argument : arguments) {
-        argv.push_back(argument.c_str());
-    }
+std::string Parsed(const std::vector<std::string>& arguments) {
     virtual_ta::Options options;
     std::string error;
-    if (!virtual_ta::ParseCommandLine(static_cast<int>(argv.size()), argv.data(), options, error)) {
+    if (!ParseArguments(arguments, options, error)) {
         return "refused: " + error;
     }
     std::ostringstream text;
@@ -63,59 +73,39 @@ std::string Parsed(std::vector<std::string> arguments) {
 }
 
 TEST_F(VirtualTaCommandLine, BadArgumentsGiveOneLineAndExit2) {
-    const std::string good = folder_ / "COM1=bitsurfr:5551000";
     WriteWholeFile(folder_ / "taken", "mine");
-    const std::vector<std::vector<std::string>> cases = {
-        {},
-        {"--rate"},
-        {"--rate", "fast", good},
-        {"--bogus", good},
-        {folder_ / "COM1=modem:5551000"},
-        {folder_ / "COM1=bitsurfr:55-51"},
-        {folder_ / "COM1=bitsurfr:"},
-        {folder_ / "COM1bitsurfr5551000"},
-        {folder_ / "missing/COM1=bitsurfr:5551000"},
-        {folder_ / "taken=bitsurfr:5551000"},
-        {folder_ / "COM1=bitsurfr:5551000,max-speed=fast"},
-        {folder_ / "COM1=bitsurfr:5551000,dip230400"},
-        {folder_ / "COM1=bitsurfr:5551000,turbo"},
-        {good, folder_ / "COM2=3com:5551000"},
-        {good, good},
-        {"--fault", "corrupt:5551000", good},
-        {"--fault", "melt:5551000:10", good},
-        {"--fault", "drop:5559999:10", good},
-        {"--fault", "drop:5551000:-1", good},
-        {"--fault", "noise:5551000:0", good},
-        {"--fault", "noise:5551000:1", good},
-        {"--fault", "noise:5551000:1e-5x", good},
-        {"--fault", "noise:5551000:1e-5:seven", good},
-        {"--answer-wait", "0", good},
-        {"--trace", folder_ / "missing/trace.txt", good},
-        {"--listen", "4000", good},
-        {"--listen", "127.0.0.1:65536", good},
-        {"--route", "5552000=127.0.0.1:0", good},
-        {"--route", "555-2000=127.0.0.1:4000", good},
-        {"--route", "5551000=127.0.0.1:4000", good},
-        {"--route", "5552000=a:1", "--route", "5552000=b:2", good},
-        {"--config", folder_ / "bad.conf", good},
-        {"--config=", good},
-        {"--peer", "GBRVB-W61JJ-JS677", good},
-        {"--route", "5552000=127.0.0.1:4000/GBRV3-W61J3-JS678-421RB-BEAA7-A4VPZ", good},
-        {"--insecure", "--peer", "GBRV3-W61J3-JS678-421RB-BEAA7-A4VPY", good},
-        // Plain TCP beyond loopback, without --insecure.
-        {"--listen", "0.0.0.0:0", good},
-        {"--route", "5552000=192.0.2.7:4000", good},
-    };
     WriteWholeFile(folder_ / "bad.conf", "rate fast\n");
-    for (const auto& arguments : cases) {
-        SCOPED_TRACE(testing::PrintToString(arguments));
-        ChildProcess run(VIRTUAL_TA_PATH, arguments, "", ChildProcess::Errors::Kept);
-        EXPECT_EQ(run.WaitForExit(10s), 2);
-        EXPECT_TRUE(run.AllLines().empty());
-        const std::string errors = run.ErrorText();
+    const auto refused = [this](const std::string& run) {
+        SCOPED_TRACE(run);
+        const std::string errors = Refusal(run, 2);
         EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 1) << errors;
         EXPECT_EQ(errors.rfind("virtual-ta: ", 0), 0u) << errors;
+    };
+    for (const char* run :
+         {"", "--rate", "COM1=modem:5551000", "COM1=bitsurfr:55-51", "COM1=bitsurfr:",
+          "COM1bitsurfr5551000", "missing/COM1=bitsurfr:5551000", "taken=bitsurfr:5551000",
+          "COM1=bitsurfr:5551000,max-speed=fast", "COM1=bitsurfr:5551000,dip230400",
+          "COM1=bitsurfr:5551000,turbo", "COM1=bitsurfr:5551000 COM2=3com:5551000",
+          "COM1=bitsurfr:5551000 COM1=bitsurfr:5551000"}) {
+        refused(run);
     }
+    // Each before a good adapter.
+    for (const char* options :
+         {"--rate fast", "--bogus", "--fault corrupt:5551000", "--fault melt:5551000:10",
+          "--fault drop:5559999:10", "--fault drop:5551000:-1", "--fault noise:5551000:0",
+          "--fault noise:5551000:1", "--fault noise:5551000:1e-5x",
+          "--fault noise:5551000:1e-5:seven", "--answer-wait 0", "--trace missing/trace.txt",
+          "--listen 4000", "--listen 127.0.0.1:65536", "--route 5552000=127.0.0.1:0",
+          "--route 555-2000=127.0.0.1:4000", "--route 5551000=127.0.0.1:4000",
+          "--route 5552000=a:1 --route 5552000=b:2", "--config bad.conf",
+          "--config=", "--peer GBRVB-W61JJ-JS677",
+          "--route 5552000=127.0.0.1:4000/GBRV3-W61J3-JS678-421RB-BEAA7-A4VPZ",
+          "--insecure --peer GBRV3-W61J3-JS678-421RB-BEAA7-A4VPY",
+          // Plain TCP beyond loopback, without --insecure.
+          "--listen 0.0.0.0:0", "--route 5552000=192.0.2.7:4000"}) {
+        refused(options + std::string(" COM1=bitsurfr:5551000"));
+    }
+    const std::string good = folder_ / "COM1=bitsurfr:5551000";
     EXPECT_FALSE(IsLink(folder_ / "COM1")) << "no link is left by a refused start";
     EXPECT_EQ(ReadWholeFile(folder_ / "taken"), "mine") << "what is not a link stays";
     // Those addresses are taken with an ID to take calls from (a route's
@@ -205,15 +195,11 @@ TEST_F(VirtualTaCommandLine, TheIdentityKeyIsMadeOnceForItsUserAlone) {
     ASSERT_EQ(::mkfifo((folder_ / "fifo.key").c_str(), 0600), 0);
     for (const std::string& path : {key, folder_ / "junk.key", folder_ / "fifo.key"}) {
         for (const bool show : {true, false}) {
-            SCOPED_TRACE(path + (show ? " shown" : " at a start"));
-            ChildProcess run(VIRTUAL_TA_PATH,
-                             show
-                                 ? std::vector<std::string>{"--show-identity", "--identity", path}
-                                 : std::vector<std::string>{"--identity", path, "--peer", id, good},
-                             "", ChildProcess::Errors::Kept);
-            EXPECT_EQ(run.WaitForExit(10s), 3);
-            EXPECT_TRUE(run.AllLines().empty());
-            EXPECT_NE(run.ErrorText().find(path), std::string::npos) << run.ErrorText();
+            const std::string run = show ? "--show-identity --identity " + path
+                                         : "--identity " + path + " --peer " + id + " " + good;
+            SCOPED_TRACE(run);
+            const std::string errors = Refusal(run, 3);
+            EXPECT_NE(errors.find(path), std::string::npos) << errors;
         }
     }
 }
@@ -283,30 +269,13 @@ TEST_F(VirtualTaCommandLine, TheConfigurationFileGivesWhatTheCommandLineGives) {
          "route 5551001=alices-pc:4000\nidentity keys/line.key\npeer " +
              id + "\nroute 5551003=carols-pc:4000/" + id + "\n",
          {},
-         {"--rate",
-          "0",
+         {"--rate", "0", "--fault", "drop:5552002:10", "--fault", "noise:12:1e-5:7", "--fault",
+          "corrupt:12:3", "--answer-wait", "5", "--listen", "0.0.0.0:4000", "--route",
+          "5551001=alices-pc:4000", "--peer", id, "--route", "5551003=carols-pc:4000/" + id,
+          // The file's paths are taken from its own folder, "~/" from the home folder.
           folder_ / "COM1=zyxel-2864:5552002,max-speed=57600",
-          folder_ / "sub/COM2=adtran-xr:12,dip230400,no-dialtone",
-          "--fault",
-          "drop:5552002:10",
-          "--fault",
-          "noise:12:1e-5:7",
-          "--fault",
-          "corrupt:12:3",
-          "--trace",
-          home + "/t.txt",
-          "--answer-wait",
-          "5",
-          "--listen",
-          "0.0.0.0:4000",
-          "--route",
-          "5551001=alices-pc:4000",
-          "--identity",
-          folder_ / "keys/line.key",
-          "--peer",
-          id,
-          "--route",
-          "5551003=carols-pc:4000/" + id},
+          folder_ / "sub/COM2=adtran-xr:12,dip230400,no-dialtone", "--trace", home + "/t.txt",
+          "--identity", folder_ / "keys/line.key"},
          ""},
         {"insecure\nlisten 0.0.0.0:1\n",
          {folder_ / "COM1=3com:1"},

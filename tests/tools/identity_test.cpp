@@ -10,10 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "line/adapter.h"
-#include "line/comm_port.h"
+#include "line/adapter_family.h"
 #include "line/line.h"
-#include "line/profiles.h"
 #include "platform/clock.h"
 #include "resources/resource.h"
 #include "stores/installation.h"

@@ -33,6 +33,15 @@ FarEnd& VirtualTaTest::Port(const std::string& name, uint32_t speed) {
     return *ports_.back();
 }
 
+bool ParseArguments(const std::vector<std::string>& arguments, virtual_ta::Options& options,
+                    std::string& error) {
+    std::vector<const char*> argv = {"virtual-ta"};
+    for (const std::string& argument : arguments) {
+        argv.push_back(argument.c_str());
+    }
+    return virtual_ta::ParseCommandLine(static_cast<int>(argv.size()), argv.data(), options, error);
+}
+
 int SilentConnection(uint16_t port, const std::string& address) {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in to{};
