@@ -260,41 +260,33 @@ protected:
         std::string toAlice;
         std::string toBob;
         std::vector<std::string> bobsKeys;
-        std::vector<std::string> alicesKeys;
+        // Her own options come behind her key, which they may replace.
+        std::vector<std::string> alices = aliceOptions;
         if (tls) {
             const std::string alicesId = ShowIdentity(VIRTUAL_TA_PATH, folder_ / "alice.key");
             const std::string bobsId = ShowIdentity(VIRTUAL_TA_PATH, folder_ / "bob.key");
             toAlice = "/" + alicesId;
             toBob = "/" + (bobAtAlice.empty() ? bobsId : bobAtAlice);
             bobsKeys = {"--identity", folder_ / "bob.key", "--peer", alicesId};
-            alicesKeys = {"--identity", folder_ / "alice.key"};
+            alices.insert(alices.begin(), {"--identity", folder_ / "alice.key"});
         }
-        std::vector<std::string> bobs = {"--rate",
-                                         "0",
-                                         "--trace",
-                                         bobsTrace_,
-                                         "--listen",
-                                         "127.0.0.1:0",
-                                         "--route",
-                                         "5551001=127.0.0.1:" + alicePort + toAlice,
-                                         folder_ / "bob=zyxel-2864:5552002",
-                                         folder_ / "carol=3com:5552003"};
-        bobs.insert(bobs.end(), bobsKeys.begin(), bobsKeys.end());
-        Start(bobs, bobsDescriptors, false, ChildProcess::Errors::Kept);
+        Start(Concatenated({"--rate", "0", "--trace", bobsTrace_, "--listen", "127.0.0.1:0",
+                            "--route", "5551001=127.0.0.1:" + alicePort + toAlice,
+                            folder_ / "bob=zyxel-2864:5552002", folder_ / "carol=3com:5552003"},
+                           bobsKeys),
+              bobsDescriptors, false, ChildProcess::Errors::Kept);
         ASSERT_NE(ListeningPort(tool_->AllLines()), 0);
         relay_ = std::make_unique<TcpRelay>(ListeningPort(tool_->AllLines()));
         const std::string relayed = "127.0.0.1:" + std::to_string(relay_->Port()) + toBob;
-        std::vector<std::string> arguments = {
+        const std::vector<std::string> arguments = {
             "--rate", "0", "--listen", "127.0.0.1:" + alicePort, "--route", "5552002=" + relayed,
             "--route", "5552003=localhost:" + std::to_string(relay_->Port()) + toBob, "--route",
             "5559999=" + relayed,
             // Nobody listens there.
             "--route", "5550000=127.0.0.1:" + std::to_string(FreePort()) + toBob,
             folder_ / "alice=bitsurfr:5551001"};
-        arguments.insert(arguments.end(), alicesKeys.begin(), alicesKeys.end());
-        arguments.insert(arguments.end(), aliceOptions.begin(), aliceOptions.end());
-        alicesTool_ = std::make_unique<ChildProcess>(VIRTUAL_TA_PATH, arguments, "",
-                                                     ChildProcess::Errors::Kept);
+        alicesTool_ = std::make_unique<ChildProcess>(
+            VIRTUAL_TA_PATH, Concatenated(arguments, alices), "", ChildProcess::Errors::Kept);
         ASSERT_TRUE(alicesTool_->WaitForLine("ready", std::chrono::seconds(10)))
             << alicesTool_->ErrorText();
     }

@@ -122,9 +122,7 @@ TEST_F(VirtualTaCommandLine, BadArgumentsGiveOneLineAndExit2) {
     for (const auto& options : taken) {
         const bool insecure = &options == &taken[1];
         SCOPED_TRACE(insecure ? "insecure" : "with an ID");
-        std::vector<std::string> arguments = {"--trace", trace, "--listen", "0.0.0.0:0", good};
-        arguments.insert(arguments.end(), options.begin(), options.end());
-        Start(arguments);
+        Start(Concatenated({"--trace", trace, "--listen", "0.0.0.0:0", good}, options));
         if (away.empty()) {
             continue;
         }
@@ -305,9 +303,8 @@ TEST_F(VirtualTaCommandLine, TheConfigurationFileGivesWhatTheCommandLineGives) {
         SCOPED_TRACE(text);
         WriteWholeFile(file, text);
         ASSERT_EQ(::chmod(file.c_str(), mode), 0);
-        std::vector<std::string> arguments = {"--config", file};
-        arguments.insert(arguments.end(), added.begin(), added.end());
-        EXPECT_EQ(Parsed(arguments), refusal.empty() ? Parsed(same) : "refused: " + refusal);
+        EXPECT_EQ(Parsed(Concatenated({"--config", file}, added)),
+                  refusal.empty() ? Parsed(same) : "refused: " + refusal);
     }
     EXPECT_EQ(Parsed({"--config", folder_ / "sub", folder_ / "COM1=3com:1"}),
               "refused: cannot read the configuration file '" + folder_ / "sub" + "'");
@@ -377,19 +374,18 @@ TEST_F(VirtualTaCommandLine, TheTraceShowsCommandsRepliesAndTheChannelsOfEachCal
 
     const std::string text = ReadWholeFile(trace);
     std::istringstream stream(text);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(stream, line); lines.push_back(line)) {
+    for (std::string line; std::getline(stream, line);) {
         // "SECONDS.MMM WHO TEXT"
         const size_t dot = line.find('.');
         ASSERT_NE(dot, std::string::npos) << line;
         EXPECT_EQ(line.find(' '), dot + 4) << line;
     }
-    const auto count = [&lines](const std::string& text) {
-        return LinesHolding(lines, {text}).size();
-    };
-    EXPECT_EQ(count("AIMUX 64K to AIMUX 64K, 1 channel, 8000 bytes/s each way"), 2u) << text;
-    EXPECT_EQ(count("AIMUX 64K to AIMUX 64K, 2 channels, 16000 bytes/s each way"), 2u) << text;
-    EXPECT_EQ(count("fault: line falls after 0 bytes"), 3u) << "each fault acts once, one per call";
+    EXPECT_EQ(Occurrences(text, "AIMUX 64K to AIMUX 64K, 1 channel, 8000 bytes/s each way"), 2u)
+        << text;
+    EXPECT_EQ(Occurrences(text, "AIMUX 64K to AIMUX 64K, 2 channels, 16000 bytes/s each way"), 2u)
+        << text;
+    EXPECT_EQ(Occurrences(text, "fault: line falls after 0 bytes"), 3u)
+        << "each fault acts once, one per call";
     for (const char* expected :
          {"1 <- ATD2\n", "2 -> RING", "2 <- ATA", "1 -> CONNECT 115200", "1 escape to command mode",
           "1 <- ATH", "ATH by 1): 1 sent 5 bytes, 2 sent 3 bytes", "2 -> NO CARRIER"}) {

@@ -19,12 +19,12 @@ namespace {
 
 class VirtualTaDataMode : public VirtualTaTest {
 protected:
-    // Alice (a BitSURFR) and Bob (a ZyXEL), connected, both ports at 115200.
+    // Alice (a BitSURFR) and Bob (a ZyXEL), connected, both ports at 115200,
+    // the line unthrottled.
     void Connect(const std::vector<std::string>& extra = {}) {
-        std::vector<std::string> arguments = {folder_ / "alice=bitsurfr:5551001",
-                                              folder_ / "bob=zyxel-2864:5551002"};
-        arguments.insert(arguments.end(), extra.begin(), extra.end());
-        Start(arguments);
+        Start(Concatenated(
+            {"--rate", "0", folder_ / "alice=bitsurfr:5551001", folder_ / "bob=zyxel-2864:5551002"},
+            extra));
         alice_ = &Port("alice");
         bob_ = &Port("bob");
         ASSERT_TRUE(SetUpCall(*alice_, *bob_, "5551002").Connected);
@@ -55,7 +55,7 @@ protected:
 // holds the far end's data until ATO, and a hang-up from it puts NO CARRIER
 // behind the data at the far end.
 TEST_F(VirtualTaDataMode, AnEscapeNeedsSilenceAroundItAndHoldsTheFarEndsDataUntilATOOrATH) {
-    Connect({"--rate", "0"});
+    Connect();
     // Inside a run, and right behind other bytes with silence after.
     ExpectCarried(*alice_, *bob_, "abc+++def", "");
     ExpectCarried(*alice_, *bob_, "xyz+++", "");
@@ -113,7 +113,7 @@ TEST_F(VirtualTaDataMode, AnEscapeNeedsSilenceAroundItAndHoldsTheFarEndsDataUnti
 // takes nothing and the line is full, as it reaches one that holds its port
 // back by hardware handshake.
 TEST_F(VirtualTaDataMode, NoByteIsLostOnAFullLineAndAPurgeEmptiesThePortForAnEscape) {
-    Connect({"--rate", "0"});
+    Connect();
     std::string bytes = RandomBytes(1 << 20, 3);
     // Bob reads nothing: Alice's port takes a little and then holds her back.
     size_t written = SendUntilHeldBack(bytes);
@@ -146,8 +146,8 @@ TEST_F(VirtualTaDataMode, NoByteIsLostOnAFullLineAndAPurgeEmptiesThePortForAnEsc
 }
 
 TEST_F(VirtualTaDataMode, FaultsActAtTheirOffsetsOnceAndInOrder) {
-    Connect({"--rate", "0", "--fault", "corrupt:5551002:0", "--fault", "corrupt:5551001:100",
-             "--fault", "corrupt:5551001:7000", "--fault", "drop:5551001:9000"});
+    Connect({"--fault", "corrupt:5551002:0", "--fault", "corrupt:5551001:100", "--fault",
+             "corrupt:5551001:7000", "--fault", "drop:5551001:9000"});
     // Bob's first byte arrives with one bit flipped.
     const std::string fromBob = RandomBytes(500, 5);
     Transfer transfer = TransferBothWays(*alice_, *bob_, "", fromBob, 2000);

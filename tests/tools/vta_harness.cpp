@@ -33,6 +33,12 @@ FarEnd& VirtualTaTest::Port(const std::string& name, uint32_t speed) {
     return *ports_.back();
 }
 
+std::vector<std::string> Concatenated(std::vector<std::string> first,
+                                      const std::vector<std::string>& second) {
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
 bool ParseArguments(const std::vector<std::string>& arguments, virtual_ta::Options& options,
                     std::string& error) {
     std::vector<const char*> argv = {"virtual-ta"};

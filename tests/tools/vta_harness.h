@@ -36,6 +36,10 @@ protected:
     std::vector<std::unique_ptr<FarEnd>> ports_;
 };
 
+// The words of first, then those of second.
+std::vector<std::string> Concatenated(std::vector<std::string> first,
+                                      const std::vector<std::string>& second);
+
 // Reads the tool's options from the arguments as its start reads its
 // command line; false, with the reason in error, if they are refused.
 bool ParseArguments(const std::vector<std::string>& arguments, virtual_ta::Options& options,
