@@ -217,30 +217,23 @@ TEST_F(VirtualTaCommandLine, ALineIdIsReadAsTypedAndATypoNamesItsGroup) {
     std::copy(std::begin(start), std::end(start), id.Bits.begin());
     const std::string text = "1111Y-1111Y-0Z003-00XZ0-00000-00000";
     EXPECT_EQ(id.Text(), text);
-    const struct {
-        const char* Typed;
-        const char* Error;  // "" when it is read as the ID
-    } cases[] = {
-        {"1111Y-1111Y-0Z003-00XZ0-00000-00000", ""},
-        {"llll-y iiiiy ozoo3 0OxzO 00000-0000-0", ""},
-        {"1111Y1111Y0Z00300XZ0000000000000", "not 32"},
-        {"1111Y-1111Y-0Z003-00XZ0-00080-00000", "group 5"},
-        {"1111Y-111Y1-0Z003-00XZ0-00000-00000", "group 2"},
-        {"1111Y-1111Y-Z0003-00XZ0-00000-00000", "group 3"},
-        {"1111Y-1111Y-0Z003-00X0Z-00000-00000", "group 4"},
-        {"1111Y-1111Y-0Z003-00XZ0-00000-0000U", "group 6"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.Typed);
+    for (const char* typed :
+         {"1111Y-1111Y-0Z003-00XZ0-00000-00000", "llll-y iiiiy ozoo3 0OxzO 00000-0000-0"}) {
         std::string error;
-        const std::optional<LineId> read = ParseLineId(c.Typed, error);
-        if (c.Error[0] == '\0') {
-            ASSERT_TRUE(read.has_value()) << error;
-            EXPECT_EQ(read->Text(), text);
-        } else {
-            EXPECT_FALSE(read.has_value());
-            EXPECT_NE(error.find(c.Error), std::string::npos) << error;
-        }
+        const std::optional<LineId> read = ParseLineId(typed, error);
+        ASSERT_TRUE(read.has_value()) << typed << ": " << error;
+        EXPECT_EQ(read->Text(), text);
+    }
+    for (const auto& [typed, group] : std::initializer_list<std::pair<const char*, const char*>>{
+             {"1111Y1111Y0Z00300XZ0000000000000", "not 32"},
+             {"1111Y-1111Y-0Z003-00XZ0-00080-00000", "group 5"},
+             {"1111Y-111Y1-0Z003-00XZ0-00000-00000", "group 2"},
+             {"1111Y-1111Y-Z0003-00XZ0-00000-00000", "group 3"},
+             {"1111Y-1111Y-0Z003-00X0Z-00000-00000", "group 4"},
+             {"1111Y-1111Y-0Z003-00XZ0-00000-0000U", "group 6"}}) {
+        std::string error;
+        EXPECT_FALSE(ParseLineId(typed, error).has_value()) << typed;
+        EXPECT_NE(error.find(group), std::string::npos) << typed << ": " << error;
     }
 }
 
