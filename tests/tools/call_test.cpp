@@ -447,9 +447,8 @@ TEST_F(CallsAway, ConnectionsWithoutACallAreCappedAndTimedOutAndARoutedCallStill
     alice_->Send("ATD5552002\r");
     EXPECT_TRUE(PollUntil([&] { return relay_->Carried() > 0; }, std::chrono::seconds(3)));
     ASSERT_EQ(::kill(tool_->Pid(), SIGCONT), 0);
-    EXPECT_EQ(bob_->ReceiveUntil("RING\r\n", 3000), "\r\nRING\r\n");
-    bob_->Send("ATA\r");
-    EXPECT_EQ(bob_->ReceiveUntil("CONNECT 115200\r\n", 3000), "ATA\r\r\nCONNECT 115200\r\n");
+    // (The bytes of a routed call's set-up are the test of calls each way's.)
+    ASSERT_TRUE(bob_->Answer(3000));
     ASSERT_NE(alice_->ReceiveUntil("CONNECT 115200\r\n", 3000).find("CONNECT"), std::string::npos);
     ExpectCarried(*alice_, *bob_, "through", "the crowd");
     ASSERT_TRUE(alice_->HangUp());

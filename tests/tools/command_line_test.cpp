@@ -311,13 +311,13 @@ TEST_F(VirtualTaCommandLine, TheConfigurationFileGivesWhatTheCommandLineGives) {
     }
 }
 
+// (The options are the manual page's test's: each that the page describes
+// must be in the help in the same words.)
 TEST_F(VirtualTaCommandLine, HelpDescribesTheAdapters) {
     ChildProcess run(VIRTUAL_TA_PATH, {"--help"});
     EXPECT_EQ(run.WaitForExit(10s), 0);
-    for (const char* word :
-         {"PATH=FAMILY:NUMBER", "bitsurfr", "adtran-xrt", "zyxel-ta128", "3com", "max-speed=N",
-          "dip230400", "no-dialtone", "--rate", "--fault", "--trace", "--peer ID",
-          "--identity FILE", "--show-identity", "--insecure"}) {
+    for (const char* word : {"PATH=FAMILY:NUMBER", "bitsurfr", "adtran-xrt", "zyxel-ta128", "3com",
+                             "max-speed=N", "dip230400", "no-dialtone"}) {
         EXPECT_FALSE(LinesHolding(run.AllLines(), {word}).empty()) << word;
     }
 }

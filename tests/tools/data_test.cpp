@@ -186,14 +186,11 @@ TEST_F(VirtualTaDataMode, FaultsActAtTheirOffsetsOnceAndInOrder) {
 // with the same seed garble the same bytes, another seed others, about P of
 // them each, and a tiny P none in a call's worth of bytes.
 TEST_F(VirtualTaDataMode, NoiseGarblesTheSameBytesForTheSameSeed) {
-    std::vector<std::string> arguments = {
-        "--rate",          "0",       "--fault",         "noise:11:0.01:7", "--fault",
-        "noise:12:0.01:7", "--fault", "noise:13:1e-2:8", "--fault",         "noise:21:1e-9"};
-    for (const char* n : {"1", "2", "3"}) {
-        arguments.push_back(folder_ / (std::string("caller") + n + "=bitsurfr:1" + n));
-        arguments.push_back(folder_ / (std::string("answerer") + n + "=zyxel-2864:2" + n));
-    }
-    Start(arguments);
+    Start({"--rate", "0", "--fault", "noise:11:0.01:7", "--fault", "noise:12:0.01:7", "--fault",
+           "noise:13:1e-2:8", "--fault", "noise:21:1e-9", folder_ / "caller1=bitsurfr:11",
+           folder_ / "answerer1=zyxel-2864:21", folder_ / "caller2=bitsurfr:12",
+           folder_ / "answerer2=zyxel-2864:22", folder_ / "caller3=bitsurfr:13",
+           folder_ / "answerer3=zyxel-2864:23"});
     const std::string bytes = RandomBytes(100000, 9);
     std::vector<std::vector<size_t>> garbled;
     for (const char* n : {"1", "2", "3"}) {

@@ -161,12 +161,8 @@ TEST_F(VirtualTaCommandMode, EchoAndResultCodesFollowEAndV) {
 // and all; &V shows what was set, and "A/" repeats a line without a CR.
 TEST_F(VirtualTaCommandMode, EveryFamilyTakesTheInitStringsOfTerminalPrograms) {
     const char* const families[] = {"bitsurfr", "adtran-xr", "zyxel-2864", "3com"};
-    std::vector<std::string> arguments;
-    for (const char* family : families) {
-        arguments.push_back(folder_ / (std::string(family) + "=" + family + ":555100" +
-                                       std::to_string(arguments.size())));
-    }
-    Start(arguments);
+    Start({folder_ / "bitsurfr=bitsurfr:5551000", folder_ / "adtran-xr=adtran-xr:5551001",
+           folder_ / "zyxel-2864=zyxel-2864:5551002", folder_ / "3com=3com:5551003"});
     for (const char* family : families) {
         SCOPED_TRACE(family);
         FarEnd& port = Port(family);
