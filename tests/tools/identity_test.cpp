@@ -204,7 +204,7 @@ protected:
 
 // Each adapter as it starts, tried at speeds in this order: nothing heard at
 // a speed it does not understand stays behind to spoil the next try.
-TEST_F(VirtualTaPortSpeeds, EachFamilyUnderstandsItsPortOnlyAtItsOwnSpeeds) {
+TEST_F(VirtualTaPortSpeeds, EachFamilyUnderstandsItsPortOnlyAtItsOwnSpeedsWhereItsCommandsMoveIt) {
     const struct {
         const char* Adapter;
         std::vector<std::pair<uint32_t, bool>> Answers;
@@ -231,13 +231,12 @@ TEST_F(VirtualTaPortSpeeds, EachFamilyUnderstandsItsPortOnlyAtItsOwnSpeeds) {
             EXPECT_EQ(Answers(port, speed), answers) << speed;
         }
     }
-}
 
-// The BitSURFR answers its speed command at the old speed; the 3Com gives no
-// result code, and the program moves its port right behind the command. Up at
-// 230400 either understands nothing else, until the command back or the
-// closing command takes it to where a new start begins.
-TEST_F(VirtualTaPortSpeeds, TheSpeedCommandsMoveAnAdapterTo230400AndBack) {
+    // Then the BitSURFR and the 3Com, COM3 and COM4. The BitSURFR answers its
+    // speed command at the old speed; the 3Com gives no result code, and the
+    // program moves its port right behind the command. Up at 230400 either
+    // understands nothing else, until the command back or the closing command
+    // takes it to where a new start begins.
     const struct {
         const char* Family;
         const char* Up;
@@ -248,11 +247,10 @@ TEST_F(VirtualTaPortSpeeds, TheSpeedCommandsMoveAnAdapterTo230400AndBack) {
         {"bitsurfr", "AT@P2=230400", "AT@P2=115200", "AT@P2=9600S25=5", true},
         {"3com", "AT$B230400", "AT$B0", "AT$B0E1", false},
     };
-    Start({folder_ / "COM1=bitsurfr:1", folder_ / "COM2=3com:2"});
     for (size_t i = 0; i < std::size(families); ++i) {
         const auto& family = families[i];
         SCOPED_TRACE(family.Family);
-        FarEnd& port = Port("COM" + std::to_string(i + 1));
+        FarEnd& port = *ports_[i + 2];
         const auto move = [&](const std::string& command, uint32_t from, uint32_t to) {
             port.SetSpeed(from);
             if (family.Answered) {
