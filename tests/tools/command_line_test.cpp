@@ -248,9 +248,9 @@ TEST_F(VirtualTaCommandLine, TheConfigurationFileGivesWhatTheCommandLineGives) {
     const std::string id = "1111Y-1111Y-0Z003-00XZ0-00000-00000";
     const struct {
         std::string Text;
-        std::vector<std::string> Added;  // to the command line, beside --config
-        std::vector<std::string> Same;   // a command line alone that means the same
-        std::string Refusal;             // or the reason the whole is refused
+        std::string Refusal;                  // the reason the whole is refused, if it is
+        std::vector<std::string> Added = {};  // to the command line, beside --config
+        std::vector<std::string> Same = {};   // a command line alone that means the same
         mode_t Mode = 0644;
     } cases[] = {
         {"# Bob's PC\r\n\n\trate  0   # as fast as it goes\r\n"
@@ -259,6 +259,7 @@ TEST_F(VirtualTaCommandLine, TheConfigurationFileGivesWhatTheCommandLineGives) {
          "fault corrupt:12:3\ntrace ~/t.txt\nanswer-wait 5\r\nlisten 0.0.0.0:4000\n"
          "route 5551001=alices-pc:4000\nidentity keys/line.key\npeer " +
              id + "\nroute 5551003=carols-pc:4000/" + id + "\n",
+         "",
          {},
          {"--rate", "0", "--fault", "drop:5552002:10", "--fault", "noise:12:1e-5:7", "--fault",
           "corrupt:12:3", "--answer-wait", "5", "--listen", "0.0.0.0:4000", "--route",
@@ -266,33 +267,29 @@ TEST_F(VirtualTaCommandLine, TheConfigurationFileGivesWhatTheCommandLineGives) {
           // The file's paths are taken from its own folder, "~/" from the home folder.
           folder_ / "COM1=zyxel-2864:5552002,max-speed=57600",
           folder_ / "sub/COM2=adtran-xr:12,dip230400,no-dialtone", "--trace", home + "/t.txt",
-          "--identity", folder_ / "keys/line.key"},
-         ""},
+          "--identity", folder_ / "keys/line.key"}},
         {"insecure\nlisten 0.0.0.0:1\n",
+         "",
          {folder_ / "COM1=3com:1"},
-         {"--insecure", "--listen", "0.0.0.0:1", folder_ / "COM1=3com:1"},
-         ""},
-        {"insecure yes\n", {}, {}, file + ":1: insecure takes no value"},
+         {"--insecure", "--listen", "0.0.0.0:1", folder_ / "COM1=3com:1"}},
+        {"insecure yes\n", file + ":1: insecure takes no value"},
         {"rate 0\ntrace /tmp/t\nadapter COM1=3com:1\nroute 2=a:1\n",
+         "",
          {"--rate=100", "--route", "3=b:2", folder_ / "sub/COM2=3com:4"},
          {"--trace", "/tmp/t", folder_ / "COM1=3com:1", "--route", "2=a:1", "--rate", "100",
-          "--route", "3=b:2", folder_ / "sub/COM2=3com:4"},
-         ""},
-        {"adapter COM1=3com:1\n\n# a typo\nrout 2=a:1\n",
-         {},
-         {},
-         file + ":4: unknown setting 'rout'"},
-        {"trace\n", {}, {}, file + ":1: trace needs a value"},
-        {"adapter COM1=3com:1\nadapter COM2=3com:1\n", {}, {}, "two adapters with the number 1"},
-        {"route 2=a:1\n", {folder_ / "COM1=3com:1", "--route", "2=b:1"}, {}, "two routes for 2"},
+          "--route", "3=b:2", folder_ / "sub/COM2=3com:4"}},
+        {"adapter COM1=3com:1\n\n# a typo\nrout 2=a:1\n", file + ":4: unknown setting 'rout'"},
+        {"trace\n", file + ":1: trace needs a value"},
+        {"adapter COM1=3com:1\nadapter COM2=3com:1\n", "two adapters with the number 1"},
+        {"route 2=a:1\n", "two routes for 2", {folder_ / "COM1=3com:1", "--route", "2=b:1"}},
         {"rate 0\n",
-         {},
-         {},
          "the configuration file '" + file +
              "' may be changed by others (mode 0620): make it the user's alone with chmod go-w",
+         {},
+         {},
          0620},
     };
-    for (const auto& [text, added, same, refusal, mode] : cases) {
+    for (const auto& [text, refusal, added, same, mode] : cases) {
         SCOPED_TRACE(text);
         WriteWholeFile(file, text);
         ASSERT_EQ(::chmod(file.c_str(), mode), 0);
