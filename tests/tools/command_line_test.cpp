@@ -370,12 +370,10 @@ TEST_F(VirtualTaCommandLine, TheTraceShowsCommandsRepliesAndTheChannelsOfEachCal
         ASSERT_NE(dot, std::string::npos) << line;
         EXPECT_EQ(line.find(' '), dot + 4) << line;
     }
-    EXPECT_EQ(Occurrences(text, "AIMUX 64K to AIMUX 64K, 1 channel, 8000 bytes/s each way"), 2u)
-        << text;
-    EXPECT_EQ(Occurrences(text, "AIMUX 64K to AIMUX 64K, 2 channels, 16000 bytes/s each way"), 2u)
-        << text;
-    EXPECT_EQ(Occurrences(text, "fault: line falls after 0 bytes"), 3u)
-        << "each fault acts once, one per call";
+    const auto count = [&text](const std::string& part) { return Occurrences(text, part); };
+    EXPECT_EQ(count("AIMUX 64K to AIMUX 64K, 1 channel, 8000 bytes/s each way"), 2u) << text;
+    EXPECT_EQ(count("AIMUX 64K to AIMUX 64K, 2 channels, 16000 bytes/s each way"), 2u) << text;
+    EXPECT_EQ(count("fault: line falls after 0 bytes"), 3u) << "each fault acts once, one per call";
     for (const char* expected :
          {"1 <- ATD2\n", "2 -> RING", "2 <- ATA", "1 -> CONNECT 115200", "1 escape to command mode",
           "1 <- ATH", "ATH by 1): 1 sent 5 bytes, 2 sent 3 bytes", "2 -> NO CARRIER"}) {
