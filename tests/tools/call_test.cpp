@@ -288,9 +288,6 @@ protected:
     FarEnd* bob_ = nullptr;
 };
 
-// The first byte of a TLS handshake.
-constexpr char TlsRecord = 0x16;
-
 // In plain TCP, Alice's tool under --insecure, and over TLS: more than one
 // message of the link holds, both ways at once; Bob calls back with a carrier
 // code in front. A lost connection is NO CARRIER at both ends, and the next
@@ -354,7 +351,8 @@ TEST_F(CallsAway, AStrangerAndAToolOfAnotherIdAreRefusedInTheHandshake) {
             StartBoth({}, 0, true, strangersId);
         }
         const int halfway = SilentConnection(ListeningPort(tool_->AllLines()));
-        ASSERT_EQ(::send(halfway, &TlsRecord, 1, MSG_NOSIGNAL), 1);
+        // The first byte of a TLS handshake, and no more.
+        ASSERT_EQ(::send(halfway, "\x16", 1, MSG_NOSIGNAL), 1);
         const int dials = strangerCalls ? 3 : 1;
         for (int dial = 0; dial < dials; ++dial) {
             ExpectFailedDial(*alice_, "5552002", "NO CARRIER");
