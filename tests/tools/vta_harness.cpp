@@ -33,6 +33,21 @@ FarEnd& VirtualTaTest::Port(const std::string& name, uint32_t speed) {
     return *ports_.back();
 }
 
+std::vector<std::string> Concatenated(std::vector<std::string> first,
+                                      const std::vector<std::string>& second) {
+    first.insert(first.end(), second.begin(), second.end());
+    return first;
+}
+
+bool ParseArguments(const std::vector<std::string>& arguments, virtual_ta::Options& options,
+                    std::string& error) {
+    std::vector<const char*> argv = {"virtual-ta"};
+    for (const std::string& argument : arguments) {
+        argv.push_back(argument.c_str());
+    }
+    return virtual_ta::ParseCommandLine(static_cast<int>(argv.size()), argv.data(), options, error);
+}
+
 int SilentConnection(uint16_t port, const std::string& address) {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in to{};

@@ -14,6 +14,7 @@
 #include "support/far_end.h"
 #include "support/temp_folder.h"
 #include "support/test_data.h"
+#include "virtual-ta/options.h"
 
 namespace kb::test {
 
@@ -34,6 +35,15 @@ protected:
     std::unique_ptr<ChildProcess> tool_;
     std::vector<std::unique_ptr<FarEnd>> ports_;
 };
+
+// The words of first, then those of second.
+std::vector<std::string> Concatenated(std::vector<std::string> first,
+                                      const std::vector<std::string>& second);
+
+// Reads the tool's options from the arguments as its start reads its
+// command line; false, with the reason in error, if they are refused.
+bool ParseArguments(const std::vector<std::string>& arguments, virtual_ta::Options& options,
+                    std::string& error);
 
 // A connection to the port at the IPv4 address that says nothing; -1 if it
 // is not made within 10 s.
