@@ -135,6 +135,9 @@ TEST_F(VirtualTaCommandLine, BadArgumentsGiveOneLineAndExit2) {
         std::vector<std::string> arguments = {"--trace", trace, "--listen", "0.0.0.0:0", good};
         arguments.insert(arguments.end(), options.begin(), options.end());
         Start(arguments);
+        struct stat traced {};
+        ASSERT_EQ(::stat(trace.c_str(), &traced), 0);
+        EXPECT_EQ(traced.st_mode & 0777, 0600u) << "the trace says who called whom, from where";
         if (away.empty()) {
             continue;
         }
