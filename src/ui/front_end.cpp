@@ -161,6 +161,13 @@ void FrontEnd::Start() {
 }
 
 void FrontEnd::RequestClose() {
+    // A stop asked from outside (a signal, the session ending) must not wait
+    // for somebody to answer a box: the one on show closes as Escape would
+    // close it, and none opens after, so the program gets to its exit.
+    stopping_ = true;
+    if (openBox_) {
+        openBox_->reject();
+    }
     view_->Send(EventOf(EventKind::Close, 0));
 }
 
@@ -176,18 +183,27 @@ void FrontEnd::OnProgramEnded() {
 }
 
 void FrontEnd::ShowMessage(const std::string& text) {
+    if (stopping_) {
+        PrintMessage(text);
+        return;
+    }
     QMessageBox box(view_.get());
     SetMessage(box, text);
     box.setStandardButtons(QMessageBox::Ok);
+    openBox_ = &box;
     box.exec();
 }
 
 bool FrontEnd::AskQuestion(const std::string& text) {
+    if (stopping_) {
+        return false;
+    }
     QMessageBox box(view_.get());
     SetMessage(box, text);
     box.setIcon(QMessageBox::Question);
     box.setStandardButtons(QMessageBox::Yes | QMessageBox::No);
     box.setDefaultButton(QMessageBox::No);
+    openBox_ = &box;
     return box.exec() == QMessageBox::Yes;
 }
 

@@ -12,6 +12,7 @@
 
 #include <QFont>
 #include <QObject>
+#include <QPointer>
 #include <QString>
 
 #include <atomic>
@@ -20,6 +21,8 @@
 
 #include "app/application.h"
 #include "platform/key_state.h"
+
+class QMessageBox;
 
 namespace kb::ui {
 
@@ -71,8 +74,9 @@ public:
     // installs the hooks and the view, and starts the program in the current
     // folder. On the GUI thread, once.
     void Start();
-    // What the window's close box does: the window prepares the exit and
-    // the program ends.
+    // A stop from outside (a signal, the session ending): a box on show
+    // closes unanswered and none opens after, then the window prepares the
+    // exit as its close box does and the program ends.
     void RequestClose();
     // True once the program's main loop has ended and its thread is gone.
     [[nodiscard]] bool Ended() const { return ended_; }
@@ -113,6 +117,10 @@ private:
     std::thread program_;
     bool started_ = false;
     bool ended_ = false;
+    // Set by a stop asked from outside: no message box opens any more.
+    bool stopping_ = false;
+    // The message box or question on show, while one is.
+    QPointer<QMessageBox> openBox_;
     int exitStatus_ = 0;
 };
 

@@ -123,6 +123,9 @@ TEST_F(VirtualTaCommandLine, BadArgumentsGiveOneLineAndExit2) {
         const bool insecure = &options == &taken[1];
         SCOPED_TRACE(insecure ? "insecure" : "with an ID");
         Start(Concatenated({"--trace", trace, "--listen", "0.0.0.0:0", good}, options));
+        struct stat traced {};
+        ASSERT_EQ(::stat(trace.c_str(), &traced), 0);
+        EXPECT_EQ(traced.st_mode & 0777, 0600u) << "the trace says who called whom, from where";
         if (away.empty()) {
             continue;
         }

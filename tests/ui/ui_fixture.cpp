@@ -16,6 +16,7 @@
 #include <QUrl>
 
 #include <future>
+#include <utility>
 
 #include "app/control_model.h"
 #include "app/main_window.h"
@@ -62,6 +63,10 @@ ModalAnswerer::ModalAnswerer() {
 void ModalAnswerer::Answer() {
     QWidget* modal = QApplication::activeModalWidget();
     if (auto* box = qobject_cast<QMessageBox*>(modal)) {
+        if (instead_) {
+            std::exchange(instead_, nullptr)();
+            return;
+        }
         messages_.push_back(box->text().toStdString());
         const Qt::TextInteractionFlags copying =
             Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard;

@@ -61,6 +61,9 @@ public:
     int UnselectableMessages() const { return unselectable_; }
     // Closes the message boxes with Esc from now on, as a user may.
     void CloseMessagesWithEscape(bool escape) { escape_ = escape; }
+    // Does this instead of answering the next message box, which it leaves
+    // open, as a user away would.
+    void InsteadOfNextMessage(std::function<void()> work) { instead_ = std::move(work); }
 
 private:
     void Answer();
@@ -70,6 +73,7 @@ private:
     std::vector<std::string> proposals_;
     std::vector<std::string> titles_;
     int unselectable_ = 0;
+    std::function<void()> instead_;
     bool escape_ = false;
     std::deque<std::optional<std::string>> answers_;
 };

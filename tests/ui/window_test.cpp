@@ -485,6 +485,34 @@ TEST_F(WindowTest, FilesDroppedOnTheFileListSendAndTheDirectoryList) {
     View().grab().save(QString::fromStdString(ScreensFolder() + "/window-with-files.png"));
 }
 
+// A stop from outside (a signal, the session ending) ends the program though
+// nobody is there to answer the message on show.
+TEST_F(WindowTest, AStopEndsTheProgramThoughNobodyAnswersTheMessageOnShow) {
+    answerer_->InsteadOfNextMessage([this] { frontEnd_->RequestClose(); });
+    ASSERT_TRUE(WaitUntil([&] { return frontEnd_->Ended(); }));
+    EXPECT_EQ(QApplication::activeModalWidget(), nullptr);
+    EXPECT_TRUE(answerer_->Messages().empty());
+    // Through the orderly stop, which saves the log with its Stopping line.
+    const std::string log = ReadWholeFile(folder_ / "kestrelbound_log");
+    EXPECT_NE(log.find("ISDN TA not found."), std::string::npos);
+    EXPECT_NE(log.find("Stopping Kestrelbound "), std::string::npos);
+}
+
+// And a question that comes after such a stop is answered No unasked: a
+// folder dropped on a full file list just before the stop keeps the list.
+TEST_F(WindowTest, AQuestionThatComesAfterAStopIsAnsweredNoUnasked) {
+    WaitForStart();
+    Drop(IDC_FILE_LIST, {MakeFile("first.txt", 10)});
+    ASSERT_TRUE(WaitUntil([] { return Controls().RowCount(IDC_FILE_LIST) == 1; }));
+    ASSERT_TRUE(CreateFolder(folder_ / "docs"));
+    MakeFile("docs/a.txt", 5);
+    const size_t shown = answerer_->Messages().size();
+    Drop(IDC_FILE_LIST, {folder_ / "docs"});
+    frontEnd_->RequestClose();
+    ASSERT_TRUE(WaitUntil([&] { return frontEnd_->Ended(); }));
+    EXPECT_EQ(answerer_->Messages().size(), shown);
+}
+
 }  // namespace
 
 }  // namespace kb::test

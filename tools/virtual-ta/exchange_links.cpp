@@ -488,10 +488,8 @@ void Exchange::ServiceLinks(uint64_t now) {
             continue;
         }
         if (link.Unsorted || link.Handshaking) {
-            // Nothing has been said over it yet that is worth ending well.
-            if (link.Closing) {
-                CloseLink(link);
-            }
+            // Nothing has been said over it yet that is worth ending well; a
+            // dial given up mid-handshake was closed above.
             continue;
         }
         if (link.PeerClosed) {

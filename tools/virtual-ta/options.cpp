@@ -340,8 +340,12 @@ bool ApplyCommandLine(int argc, const char* const* argv, Options& options, std::
             options.Help = true;
             return true;
         }
-        if (arg == "--show-identity" && !attached) {
+        if (arg == "--show-identity") {
             // Not a setting of the file: a tool run from it would only print.
+            if (attached) {
+                error = arg + " takes no value";
+                return false;
+            }
             options.ShowIdentity = true;
             continue;
         }

@@ -21,7 +21,8 @@ uint64_t StartNs = MonotonicNs();
 
 bool OpenTrace(const std::string& path) {
     CloseTrace();
-    TraceFd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
+    // For its user alone: it says who called whom, and from which address.
+    TraceFd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0600);
     return TraceFd >= 0;
 }
 
