@@ -1,16 +1,10 @@
 // Admission of a file list where a peer on a real line cannot check the far
 // end's word.
 
-#include <gtest/gtest.h>
-
-#include <chrono>
 #include <optional>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "engine/call_end.h"
-#include "engine/wire.h"
 #include "engine_harness.h"
 #include "platform/files.h"
 

@@ -1,8 +1,5 @@
 #include "engine_harness.h"
 
-#include <cstdint>
-
-#include "engine/wire.h"
 #include "platform/files.h"
 
 namespace kb::test {

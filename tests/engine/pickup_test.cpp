@@ -2,11 +2,7 @@
 // goes out once it has stopped changing. The folder put on the send list and
 // its files on the wire are the stations' pick-up tests'.
 
-#include <gtest/gtest.h>
-
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "engine/dialing.h"
 #include "engine/pickup.h"
@@ -18,7 +14,6 @@
 namespace kb::test {
 
 using namespace kb::engine;
-using namespace kb::line;
 using namespace kb::platform;
 using namespace kb::stores;
 

@@ -1,18 +1,11 @@
 // The ends of a call that the stations' end-to-end tests cannot bring about
 // or do not look into.
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <atomic>
-#include <functional>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "engine/call_end.h"
-#include "engine/session_threads.h"
-#include "engine/wire.h"
 #include "engine_harness.h"
 #include "platform/files.h"
 #include "support/small_volume.h"

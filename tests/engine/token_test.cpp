@@ -1,14 +1,7 @@
 // Tokens on both sides of a session in the orders of the protocol, and the
 // adapter's answers to a dial.
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
 #include "engine/dialing.h"
-#include "engine/session_threads.h"
-#include "engine/wire.h"
 #include "engine_harness.h"
 #include "platform/files.h"
 

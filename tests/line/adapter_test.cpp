@@ -1,7 +1,5 @@
 #include "line/adapter.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -11,12 +9,9 @@
 #include <optional>
 #include <thread>
 
-#include "line/comm_port.h"
 #include "line/port_speed.h"
-#include "line/profiles.h"
 #include "line_fixture.h"
 #include "platform/key_state.h"
-#include "stores/preferences.h"
 #include "support/test_data.h"
 
 namespace kb::test {
@@ -166,11 +161,8 @@ TEST_F(LineTest, IdentificationTellsEachFamilyAndVariantByItsMarks) {
     line_.SelectPortNumber(2);
     for (const IdentityCase& c : cases) {
         SCOPED_TRACE(c.Name);
-        AdapterScript script;
-        script.Identity0 = c.Identity0;
-        script.Identity8 = c.Identity8;
-        script.Unanswered = c.Unanswered;
-        adapter.SetResponder(RespondAs(script));
+        adapter.SetResponder(RespondAs(
+            {.Identity0 = c.Identity0, .Identity8 = c.Identity8, .Unanswered = c.Unanswered}));
         adapter.ClearCommands();
         line_.AdapterFound.store(false);
         stores_.Prefs.AdapterModel = Model3Com + 1;

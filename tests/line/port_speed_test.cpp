@@ -1,12 +1,6 @@
 #include "line/port_speed.h"
 
-#include <gtest/gtest.h>
-
-#include "line/adapter.h"
-#include "line/comm_port.h"
 #include "line_fixture.h"
-#include "platform/message_box.h"
-#include "stores/preferences.h"
 
 namespace kb::test {
 

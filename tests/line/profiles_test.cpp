@@ -1,13 +1,8 @@
 #include "line/profiles.h"
 
-#include <gtest/gtest.h>
-
 #include <cstring>
 
-#include "line/adapter.h"
-#include "line/comm_port.h"
 #include "line_fixture.h"
-#include "stores/preferences.h"
 
 namespace kb::test {
 

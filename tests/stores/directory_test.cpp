@@ -1,10 +1,6 @@
 #include "stores/directory.h"
 
-#include <gtest/gtest.h>
-
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "store_fixture.h"
 

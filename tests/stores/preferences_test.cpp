@@ -1,18 +1,13 @@
 #include "stores/preferences.h"
 
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <cstring>
-#include <string>
 #include <vector>
 
 #include "platform/files.h"
 #include "store_fixture.h"
-#include "stores/directory.h"
-#include "stores/status_log.h"
 
 namespace kb::test {
 

@@ -1,8 +1,5 @@
 #include "stores/status_log.h"
 
-#include <gtest/gtest.h>
-#include <stdlib.h>
-
 #include <chrono>
 #include <future>
 #include <string>
