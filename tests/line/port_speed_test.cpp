@@ -10,8 +10,11 @@ namespace {
 
 class PortSpeedTest : public LineTest {
 protected:
-    // An adapter found on port n by the search: the port at 9600 bps.
-    ScriptedAdapter& FoundAt(int port, int16_t model, AdapterScript script) {
+    // An adapter found on port n by the search, silent above its top speed:
+    // the port at 9600 bps.
+    ScriptedAdapter& FoundAt(int port, int16_t model, AdapterScript script,
+                             uint32_t topSpeed = 230400) {
+        script.MaxSpeed = topSpeed;
         stores_.Prefs.AdapterModel = model;
         line_.AdapterFound.store(true);
         ScriptedAdapter& adapter = Attach(port, RespondAs(std::move(script)));
@@ -30,9 +33,7 @@ TEST_F(PortSpeedTest, AdtranWithItsSwitchAt230400SkipsTheLadder) {
 }
 
 TEST_F(PortSpeedTest, PortThatAnswersAt57600ButNotAt115200) {
-    AdapterScript script = ZyxelScript("2864");
-    script.MaxSpeed = 57600;
-    ScriptedAdapter& adapter = FoundAt(2, ModelZyXEL, script);
+    ScriptedAdapter& adapter = FoundAt(2, ModelZyXEL, ZyxelScript("2864"), 57600);
 
     line_.QualifyPortSpeed();
     const std::string expected =
@@ -45,9 +46,7 @@ TEST_F(PortSpeedTest, PortThatAnswersAt57600ButNotAt115200) {
 }
 
 TEST_F(PortSpeedTest, ThreeComThatFailsAt230400IsSentBack) {
-    AdapterScript script = ThreeComScript();
-    script.MaxSpeed = 115200;
-    ScriptedAdapter& adapter = FoundAt(3, Model3Com, script);
+    ScriptedAdapter& adapter = FoundAt(3, Model3Com, ThreeComScript(), 115200);
 
     line_.QualifyPortSpeed();
     ASSERT_TRUE(adapter.WaitForCommands(14, 2000));

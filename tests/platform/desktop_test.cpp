@@ -69,10 +69,8 @@ TEST_F(LinuxDesktopTest, FoldersPagesAndProgramsGoToTheDesktopsHandlers) {
     EXPECT_EQ(Reported("html\n"),
               root_ / "bin/xdg-open\nfile:///home/a%20b/%23Manual/Start_Here.html\n");
 
-    // A handler that refuses the page: no browser took it.
-    Tool("xdg-open", "exit 3");
-    EXPECT_FALSE(desktop.OpenInBrowser("http://example.org/refused"));
-    // One still handing the page over at the limit: a browser is showing it.
+    // A handler that refuses the page is the window's desktop test's; one
+    // still handing the page over at the limit: a browser is showing it.
     Tool("xdg-open", "exec /bin/sleep 30");
     EXPECT_TRUE(desktop.OpenInBrowser("http://example.org/slow"));
     {
@@ -87,8 +85,7 @@ TEST_F(LinuxDesktopTest, FoldersPagesAndProgramsGoToTheDesktopsHandlers) {
     Tool("xdg-open");
     desktop.ShowFolder("/end");
     const std::string handler = root_ / "bin/xdg-open\n";
-    EXPECT_EQ(Reported("/end\n"), handler + "http://example.org/refused\n" + handler +
-                                      "http://example.org/slow\n" + handler + "/end\n")
+    EXPECT_EQ(Reported("/end\n"), handler + "http://example.org/slow\n" + handler + "/end\n")
         << "the page without a session reached no handler";
 
     // A program starts as it is, and may be stopped like any other: the

@@ -41,8 +41,6 @@ TEST_F(PreferencesTest, ShortAndEmptyFilesAreTakenAsTheyStandAndNotRewritten) {
     WriteWholeFile(folder_ / "kestrelbound_prefs", "");
     ASSERT_TRUE(LoadPreferences(stores_.Prefs, stores_.Paths.PrefsPath));
     EXPECT_EQ(stores_.Prefs.MaxPortSpeed, 0u);
-    EXPECT_EQ(stores_.Prefs.ComPort, 0);
-    EXPECT_EQ(stores_.Prefs.IncomingProtocol, 0);
     EXPECT_EQ(ReadWholeFile(folder_ / "kestrelbound_prefs").size(), 0u);
     EXPECT_TRUE(Messages().empty());
 }
