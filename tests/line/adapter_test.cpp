@@ -86,7 +86,6 @@ TEST_F(LineTest, ExchangeTakesThePortFromAReaderThatWaitsOnIt) {
         << "the reader was not woken";
     EXPECT_TRUE(exchange.get());
     EXPECT_EQ(line_.LinePollingEnabled.load(), true);
-    line_.SetLinePolling(false);
 }
 
 TEST_F(LineTest, ConversationsThatOverlapLeaveThePollingFlagRight) {
@@ -128,7 +127,6 @@ TEST_F(LineTest, ConversationsThatOverlapLeaveThePollingFlagRight) {
     other.join();
     EXPECT_TRUE(otherHadPort.load());
     EXPECT_EQ(line_.LinePollingEnabled.load(), true);
-    line_.SetLinePolling(false);
 }
 
 struct IdentityCase {
@@ -357,7 +355,6 @@ TEST_F(LineTest, TwoLinesSideBySideKeepEachItsOwnState) {
     EXPECT_FALSE(otherStopped.load()) << "the read ended only once the other line was done";
     readEnded = true;
     otherReads.join();
-    line_.SetLinePolling(false);
 }
 
 }  // namespace

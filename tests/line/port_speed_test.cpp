@@ -119,7 +119,6 @@ TEST_F(PortSpeedTest, MenuMovesOfEachFamily) {
             EXPECT_EQ(atMessage, expected);
         }
         output_.OnMessage = nullptr;
-        line_.SetLinePolling(false);
         line_.CommPortClose();
     }
 }
