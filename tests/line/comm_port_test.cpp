@@ -11,6 +11,7 @@
 #include "platform/files.h"
 #include "support/byte_pipe.h"
 #include "support/process_state.h"
+#include "support/test_data.h"
 
 namespace kb::test {
 
@@ -108,19 +109,13 @@ TEST_F(CommPortTest, BlockReadWaitsWhileATrickleGoesOnThenDeliversWhatCame) {
 }
 
 TEST_F(CommPortTest, ThreeWholeBlocksFitTheInputQueueAndTheRestWaits) {
-    std::string stream;
-    for (int i = 0; i < 5 * 8192; ++i) {
-        stream += static_cast<char>((i * 7 + i / 8192) & 0xFF);
-    }
+    const std::string stream = RandomBytes(5 * 8192, 5);
     std::thread sender([&] { far_.Send(stream); });
     std::string got;
     uint8_t block[8192];
     // Let the queue fill before reading, then take block after block.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (line_.PortQueueCount(PortQueue::Input) < 3 * 8192 &&
-           std::chrono::steady_clock::now() < deadline) {
-        line_.WaitForPortInput(100);
-    }
+    PollUntil([&] { return line_.PortQueueCount(PortQueue::Input) >= 3 * 8192; },
+              std::chrono::seconds(10));
     EXPECT_EQ(line_.PortQueueCount(PortQueue::Input), 3u * 8192u);
     for (int i = 0; i < 5; ++i) {
         ASSERT_EQ(line_.ReadBlock(block, sizeof block, 2000), sizeof block) << "block " << i;

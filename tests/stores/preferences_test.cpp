@@ -127,7 +127,6 @@ TEST_F(StoreTest, AFolderWhereNoFileCanBeMadeGivesEachMessageOnceAndEmptyStores)
     EXPECT_FALSE(SavePreferences(missing.Prefs, missing.Paths.PrefsPath));
     EXPECT_EQ(Messages().size(), 3u);
     EXPECT_FALSE(PathExists(folder_ / "missing"));
-    missing.Log.Free();
 }
 
 }  // namespace

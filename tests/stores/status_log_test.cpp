@@ -26,10 +26,6 @@ std::vector<std::string> Numbered(int from, int count) {
 
 class StatusLogFileTest : public StoreTest {
 protected:
-    void TearDown() override {
-        StoreTest::TearDown();
-        stores_.Log.Free();
-    }
     std::string LogFile() const { return folder_ / "kestrelbound_log"; }
 };
 
