@@ -327,8 +327,7 @@ TEST_F(ReceiverTeardownTest, AStreamThatBringsNoTokenAfterAFailedSectionIsHungUp
     streaming = false;
     stream.join();
     EXPECT_EQ(AnswerCommand(), "ATH");
-    EXPECT_TRUE(AnswerProfile());
-    EXPECT_TRUE(WaitForState(LinkState::Idle));
+    BackToIdle();
     EXPECT_TRUE(Logged("Sending disconnect..."));
     EXPECT_EQ(Count("Serial Limit Reached"), 1);
 }
