@@ -53,9 +53,7 @@ TEST_F(PreferencesTest, SaveWritesEveryFieldAtItsOffsetAndKeepsReservedBytesAndT
     for (size_t i = 1052; i < file.size(); ++i) {
         file[i] = static_cast<char>(i * 7 + 1);
     }
-    file[4] = '\x00';
-    file[5] = '\xC2';
-    file[6] = '\x01';  // MaxPortSpeed 115200
+    file.replace(4, 4, std::string("\x00\xC2\x01\x00", 4));  // MaxPortSpeed 115200
     WriteWholeFile(folder_ / "kestrelbound_prefs", file);
     ASSERT_TRUE(LoadPreferences(stores_.Prefs, stores_.Paths.PrefsPath));
     EXPECT_EQ(stores_.Prefs.MaxPortSpeed, 115200u);
