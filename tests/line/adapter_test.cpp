@@ -178,12 +178,6 @@ TEST_F(LineTest, IdentificationTellsEachFamilyAndVariantByItsMarks) {
     }
 }
 
-TEST_F(LineTest, IdentificationFailsOnAPortThatCannotBeOpened) {
-    line_.SelectPortNumber(3);  // a plain file
-    EXPECT_FALSE(line_.IdentifyAdapter());
-    EXPECT_FALSE(line_.Port()->IsOpen.load());
-}
-
 TEST_F(LineTest, ShiftSearchesAgainFromTheFirstPortAtTheSearchSpeed) {
     stores_.Prefs.ComPort = 3;
     stores_.Prefs.MaxPortSpeed = 57600;
@@ -273,6 +267,8 @@ TEST_F(LineTest, QuickStartGoesToTheSavedPortAndSpeed) {
     }
 }
 
+// A port that cannot be opened identifies nothing: the quick start's
+// failures below and the comm port's busy port show it.
 TEST_F(LineTest, FailuresOfTheQuickStart) {
     // The DIP-switch route on a port that cannot be opened: no message.
     stores_.Prefs.ComPort = 2;
