@@ -122,7 +122,6 @@ TEST_F(StoreTest, AFolderWhereNoFileCanBeMadeGivesEachMessageOnceAndEmptyStores)
 
     EXPECT_FALSE(missing.Log.Save({"Stopping Kestrelbound"}));
     EXPECT_FALSE(SaveDirectory(missing.Directory, missing.Paths.DirectoryPath));
-    EXPECT_FALSE(SavePreferences(missing.Prefs, missing.Paths.PrefsPath));
     EXPECT_EQ(Messages().size(), 3u);
     EXPECT_FALSE(PathExists(folder_ / "missing"));
 }
