@@ -1,8 +1,5 @@
 #include "engine_harness.h"
 
-#include <cstdint>
-
-#include "engine/wire.h"
 #include "platform/files.h"
 
 namespace kb::test {
@@ -98,20 +95,17 @@ void EngineHarness::AnswerHangUp(bool behindData) {
     }
     far_.Send("\r\nOK\r\n");
     EXPECT_EQ(AnswerCommand(), "ATH");
-    EXPECT_TRUE(AnswerProfile());
-    EXPECT_TRUE(WaitForState(LinkState::Idle));
+    BackToIdle();
 }
 
 void EngineHarness::AnswerLostLine(int timeoutMs) {
     EXPECT_EQ(AnswerCommand(timeoutMs), "AT");
-    EXPECT_TRUE(AnswerProfile());
-    EXPECT_TRUE(WaitForState(LinkState::Idle));
+    BackToIdle();
 }
 
 void EngineHarness::DropLine() {
     Send("\r\nNO CARRIER\r\n");
-    EXPECT_TRUE(AnswerProfile());
-    EXPECT_TRUE(WaitForState(LinkState::Idle));
+    BackToIdle();
 }
 
 void EngineHarness::ConnectAsReceiver() {

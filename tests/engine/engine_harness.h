@@ -77,6 +77,11 @@ protected:
     // The far end hangs up: NO CARRIER, the incoming profile answered, and
     // the link idle again.
     void DropLine();
+    // The incoming profile answered, and the link idle again.
+    void BackToIdle() {
+        EXPECT_TRUE(AnswerProfile());
+        EXPECT_TRUE(WaitForState(LinkState::Idle));
+    }
 
     // ---- The engine ----
     bool WaitForState(LinkState state, int timeoutMs = 5000) {

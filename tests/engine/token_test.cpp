@@ -1,14 +1,7 @@
 // Tokens on both sides of a session in the orders of the protocol, and the
 // adapter's answers to a dial.
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
 #include "engine/dialing.h"
-#include "engine/session_threads.h"
-#include "engine/wire.h"
 #include "engine_harness.h"
 #include "platform/files.h"
 
@@ -35,10 +28,10 @@ TEST_F(ReceiverTokenTest, NoiseAndTwoTokensOnALineAreHeardAndInRecoveryOnlySendR
     // limit of 10 s, however slow a loaded machine is.
     EXPECT_EQ(Take(10, 8000), "CONTSEND\r\n");
     ASSERT_TRUE(WaitForState(LinkState::Recovery));
-    // Neither the line's fall nor a new session moves it now.
+    // Neither the line's fall nor a new session moves it now: SENDRECOVR
+    // still finds it there.
     Send("\r\nNO CARRIER\r\nSYNCON\r\n");
     EXPECT_EQ(TakeFor(200), "");
-    EXPECT_EQ(engine_.Call.LinkState.load(), LinkState::Recovery);
     // Behind noise on its line, SENDRECOVR is heard, and the section comes
     // again from its start.
     Send("xx SENDRECOVR\r\n" + peer::Stream(bytes));
@@ -50,10 +43,10 @@ TEST_F(SenderTokenTest, AnAcceptanceBehindNoiseStartsTheTransferAndAck1CountsAsA
     const std::string bytes = RandomBytes(3000, 11);
     ChooseFile("a.bin", bytes);
     ConnectAsCaller();
-    // Tokens that belong to no session in progress do nothing.
+    // Tokens that belong to no session in progress do nothing: the list
+    // still goes out below.
     Send("ACK4\r\nACK2\r\nCONTSEND\r\nACK3\r\n");
     EXPECT_EQ(TakeFor(200), "");
-    EXPECT_EQ(engine_.Call.LinkState.load(), LinkState::Connected);
 
     Send(std::string("junk\0 RCVCON\r\n", 14));
     const std::string offer = ListFor({{"a.bin", bytes}});

@@ -1,31 +1,22 @@
 #include "line/comm_port.h"
 
-#include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstring>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "line/adapter.h"
 #include "line_fixture.h"
 #include "platform/files.h"
-#include "stores/installation.h"
 #include "support/byte_pipe.h"
-#include "support/far_end.h"
 #include "support/process_state.h"
-#include "support/temp_folder.h"
-#include "support/test_clock.h"
+#include "support/test_data.h"
 
 namespace kb::test {
 
 using namespace kb::line;
 using namespace kb::platform;
-using namespace kb::stores;
 
 namespace {
 
@@ -37,10 +28,6 @@ protected:
         LineTest::SetUp();
         far_.LinkAs(root_.Path(), 1);
         OpenPort(1, 115200);
-    }
-    int CountLogged(const std::string& line) const {
-        const std::vector<std::string> log = Logged();
-        return static_cast<int>(std::count(log.begin(), log.end(), line));
     }
 
     FarEnd far_;
@@ -67,7 +54,6 @@ TEST_F(CommPortTest, TokenIsFoundAndWhatFollowsItStaysQueued) {
     ASSERT_NE(token, nullptr);
     EXPECT_STREQ(buffer_, "noise ACK3") << "the NUL is dropped, the read stops at the token";
     EXPECT_EQ(token, buffer_ + 6);
-    EXPECT_EQ(line_.PortQueueCount(PortQueue::Input), 5u);
     uint8_t rest[5];
     EXPECT_EQ(line_.ReadBlock(rest, 5, 500), 5u);
     EXPECT_EQ(std::memcmp(rest, "\r\n\xFF\xAA\x55", 5), 0);
@@ -82,14 +68,14 @@ TEST_F(CommPortTest, LineLimitOf1023BytesCountsOnlyRealBytes) {
     far_.Send(reply);
     ASSERT_NE(line_.ReadUntilOk(4000, buffer_), nullptr);
     EXPECT_EQ(std::strlen(buffer_), 1023u);
-    EXPECT_EQ(CountLogged("Serial Limit Reached"), 0);
 
-    // One byte more and the limit comes first, once, with time still left.
+    // One byte more and the limit comes first, with time still left, and is
+    // told once, this time.
     far_.Send(std::string(1020, 'y') + "OK\r\n");
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(line_.ReadUntilOk(20000, buffer_), nullptr);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
-    EXPECT_EQ(CountLogged("Serial Limit Reached"), 1);
+    EXPECT_EQ(output_.Count("Serial Limit Reached"), 1);
 }
 
 TEST_F(CommPortTest, SilentLineTimesOutWithBufferUntouchedAndCostsNoProcessor) {
@@ -98,7 +84,7 @@ TEST_F(CommPortTest, SilentLineTimesOutWithBufferUntouchedAndCostsNoProcessor) {
     EXPECT_EQ(line_.ReadUntilOk(4000, buffer_), nullptr);
     EXPECT_LT(ThreadCpuMs() - before, 50.0);
     EXPECT_STREQ(buffer_, "previous reply OK\r\n") << "nothing was read, nothing written";
-    EXPECT_EQ(CountLogged("Serial Limit Reached"), 0);
+    EXPECT_EQ(output_.Count("Serial Limit Reached"), 0);
 }
 
 TEST_F(CommPortTest, BlockReadWaitsWhileATrickleGoesOnThenDeliversWhatCame) {
@@ -115,26 +101,20 @@ TEST_F(CommPortTest, BlockReadWaitsWhileATrickleGoesOnThenDeliversWhatCame) {
     EXPECT_EQ(got, 80u);
     EXPECT_EQ(block[0], 'a');
     EXPECT_EQ(block[79], 'h');
-    EXPECT_EQ(CountLogged("Read Buffer Timeout"), 1);
+    EXPECT_EQ(output_.Count("Read Buffer Timeout"), 1);
 
     EXPECT_EQ(line_.ReadBlock(block, 16, 100), 0u) << "nothing received, nothing delivered";
-    EXPECT_EQ(CountLogged("Read Buffer Timeout"), 2);
+    EXPECT_EQ(output_.Count("Read Buffer Timeout"), 2);
 }
 
 TEST_F(CommPortTest, ThreeWholeBlocksFitTheInputQueueAndTheRestWaits) {
-    std::string stream;
-    for (int i = 0; i < 5 * 8192; ++i) {
-        stream += static_cast<char>((i * 7 + i / 8192) & 0xFF);
-    }
+    const std::string stream = RandomBytes(5 * 8192, 5);
     std::thread sender([&] { far_.Send(stream); });
     std::string got;
     uint8_t block[8192];
     // Let the queue fill before reading, then take block after block.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (line_.PortQueueCount(PortQueue::Input) < 3 * 8192 &&
-           std::chrono::steady_clock::now() < deadline) {
-        line_.WaitForPortInput(100);
-    }
+    PollUntil([&] { return line_.PortQueueCount(PortQueue::Input) >= 3 * 8192; },
+              std::chrono::seconds(10));
     EXPECT_EQ(line_.PortQueueCount(PortQueue::Input), 3u * 8192u);
     for (int i = 0; i < 5; ++i) {
         ASSERT_EQ(line_.ReadBlock(block, sizeof block, 2000), sizeof block) << "block " << i;
@@ -142,7 +122,7 @@ TEST_F(CommPortTest, ThreeWholeBlocksFitTheInputQueueAndTheRestWaits) {
     }
     sender.join();
     EXPECT_TRUE(got == stream);
-    EXPECT_EQ(CountLogged("Read Buffer Timeout"), 0);
+    EXPECT_EQ(output_.Count("Read Buffer Timeout"), 0);
 }
 
 TEST_F(CommPortTest, DrainReturnsOnlyAfterTheLineHasBeenQuiet) {
@@ -205,7 +185,8 @@ TEST_F(CommPortTest, TheLockFileFollowsThePortAndAFolderWithoutOneIsSaidOnce) {
     line_.SendCommand("AT");
     EXPECT_NE(far_.ReceiveUntil("AT\r", 2000).find("AT\r"), std::string::npos);
     EXPECT_EQ(
-        CountLogged("Cannot write lock files in " + missing + "; ports are used without them."), 1);
+        output_.Count("Cannot write lock files in " + missing + "; ports are used without them."),
+        1);
 }
 
 TEST(CommPortRecord, OperationsWithoutARecordDoNothingAndAPortNumberNamesItsDevice) {

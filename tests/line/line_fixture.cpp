@@ -1,11 +1,8 @@
 #include "line_fixture.h"
 
 #include <algorithm>
-#include <memory>
 
 #include "platform/key_state.h"
-#include "stores/paths.h"
-#include "stores/preferences.h"
 #include "support/installation.h"
 
 namespace kb::test {

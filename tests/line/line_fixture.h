@@ -22,7 +22,6 @@
 namespace kb::test {
 
 using line::Line;
-using line::NumberReply;
 using stores::Installation;
 using Texts = std::vector<std::string>;
 

@@ -1,12 +1,6 @@
 #include "line/port_speed.h"
 
-#include <gtest/gtest.h>
-
-#include "line/adapter.h"
-#include "line/comm_port.h"
 #include "line_fixture.h"
-#include "platform/message_box.h"
-#include "stores/preferences.h"
 
 namespace kb::test {
 
@@ -16,8 +10,11 @@ namespace {
 
 class PortSpeedTest : public LineTest {
 protected:
-    // An adapter found on port n by the search: the port at 9600 bps.
-    ScriptedAdapter& FoundAt(int port, int16_t model, AdapterScript script) {
+    // An adapter found on port n by the search, silent above its top speed:
+    // the port at 9600 bps.
+    ScriptedAdapter& FoundAt(int port, int16_t model, AdapterScript script,
+                             uint32_t topSpeed = 230400) {
+        script.MaxSpeed = topSpeed;
         stores_.Prefs.AdapterModel = model;
         line_.AdapterFound.store(true);
         ScriptedAdapter& adapter = Attach(port, RespondAs(std::move(script)));
@@ -36,9 +33,7 @@ TEST_F(PortSpeedTest, AdtranWithItsSwitchAt230400SkipsTheLadder) {
 }
 
 TEST_F(PortSpeedTest, PortThatAnswersAt57600ButNotAt115200) {
-    AdapterScript script = ZyxelScript("2864");
-    script.MaxSpeed = 57600;
-    ScriptedAdapter& adapter = FoundAt(2, ModelZyXEL, script);
+    ScriptedAdapter& adapter = FoundAt(2, ModelZyXEL, ZyxelScript("2864"), 57600);
 
     line_.QualifyPortSpeed();
     const std::string expected =
@@ -51,9 +46,7 @@ TEST_F(PortSpeedTest, PortThatAnswersAt57600ButNotAt115200) {
 }
 
 TEST_F(PortSpeedTest, ThreeComThatFailsAt230400IsSentBack) {
-    AdapterScript script = ThreeComScript();
-    script.MaxSpeed = 115200;
-    ScriptedAdapter& adapter = FoundAt(3, Model3Com, script);
+    ScriptedAdapter& adapter = FoundAt(3, Model3Com, ThreeComScript(), 115200);
 
     line_.QualifyPortSpeed();
     ASSERT_TRUE(adapter.WaitForCommands(14, 2000));
@@ -107,7 +100,6 @@ TEST_F(PortSpeedTest, MenuMovesOfEachFamily) {
         ASSERT_TRUE(adapter.WaitForCommands(CommandCount(c.Up), 2000));
         EXPECT_EQ(Described(adapter.Commands(), c.Up), c.Up);
         EXPECT_EQ(line_.Port()->BaudRate.load(), 230400u);
-        EXPECT_EQ(PortSpeedChoice(stores_.Prefs), SpeedChoice::At230400);
         EXPECT_EQ(stores_.Prefs.SelectedPortSpeed, 230400u);
         EXPECT_TRUE(line_.LinePollingEnabled.load());
 
@@ -116,7 +108,6 @@ TEST_F(PortSpeedTest, MenuMovesOfEachFamily) {
         ASSERT_TRUE(adapter.WaitForCommands(CommandCount(c.Down), 2000));
         EXPECT_EQ(Described(adapter.Commands(), c.Down), c.Down);
         EXPECT_EQ(adapter.Far().Speed(), 115200u);
-        EXPECT_EQ(PortSpeedChoice(stores_.Prefs), SpeedChoice::At115200);
         EXPECT_EQ(stores_.Prefs.SelectedPortSpeed, 115200u);
         EXPECT_EQ(Logged(), (Texts{"Port speed changed to 230400 bps.",
                                    "Port speed changed to 115200 bps."}));
@@ -126,7 +117,6 @@ TEST_F(PortSpeedTest, MenuMovesOfEachFamily) {
             EXPECT_EQ(atMessage, expected);
         }
         output_.OnMessage = nullptr;
-        line_.SetLinePolling(false);
         line_.CommPortClose();
     }
 }

@@ -1,13 +1,8 @@
 #include "line/profiles.h"
 
-#include <gtest/gtest.h>
-
 #include <cstring>
 
-#include "line/adapter.h"
-#include "line/comm_port.h"
 #include "line_fixture.h"
-#include "stores/preferences.h"
 
 namespace kb::test {
 
@@ -99,98 +94,80 @@ TEST_F(ProfileTest, EachFamilysNumberIsReadAsItWritesIt) {
 
 // The first incoming profile of each family: the protocol saved, unless the
 // adapter on this port does not offer it, and the channel options of the
-// families that have them.
-TEST_F(ProfileTest, TheFirstIncomingProfileFollowsThePreferencesAndTheFamily) {
-    struct IncomingCase {
+// families that have them; and the outgoing profile of the settings chosen
+// for a call.
+TEST_F(ProfileTest, EachProfileFollowsItsSettingsAndTheFamily) {
+    struct ProfileCase {
         const char* Name;
+        bool Outgoing;
         int16_t Model;
         int16_t Variant;
         int16_t SpeedClass;
-        int16_t Saved;  // IncomingProtocol
+        int16_t Protocol;  // saved as IncomingProtocol, or chosen for the call
         bool At56k;
         bool TwoChannels;
         bool Compression;
-        int16_t ProtocolAfter;
+        int16_t ProtocolAfter;  // IncomingProtocol after an incoming set-up
         uint16_t Rate;
         std::string Command;  // "" where another case has the family's strings
         std::string Logged;   // the lines, joined
     };
     const std::string zyxelOff = " | 2B channel connection OFF | V.42bis compression OFF";
-    const IncomingCase cases[] = {
-        {"ZyXEL with both options", ModelZyXEL, 1, 2, 0, false, true, true, 0, 32000,
+    const ProfileCase cases[] = {
+        {"ZyXEL with both options", false, ModelZyXEL, 1, 2, 0, false, true, true, 0, 32000,
          "AT&H3&D0&C1&E0&S0Q0E1V1B20&O2S0=0X1&J3&K44",
          "Initializing Incoming: V.120 - 64K | 2B channel connection ON | V.42bis compression ON"},
-        {"ZyXEL X.75 at 56K", ModelZyXEL, 3, 2, 2, true, false, false, 2, 7000,
+        {"ZyXEL X.75 at 56K", false, ModelZyXEL, 3, 2, 2, true, false, false, 2, 7000,
          "AT&H3&D0&C1&E1&S0Q0E1V1B00&O2S0=0X1&J0&K00",
          "Initializing Incoming: X.75 - 56K" + zyxelOff},
-        {"BitSURFR on a slow port with AIMUX saved", ModelBitSURFR, 0, 1, 1, false, true, true, 0,
-         8000, "AT\\Q3%A2=2%A4=0S0=0S12=25&D0&C1W1E1", "Initializing Incoming: V.120 - 64K"},
-        {"BitSURFR on a fast port", ModelBitSURFR, 0, 2, 1, false, false, false, 1, 16000, "",
-         "Initializing Incoming: AIMUX - 64K"},
-        {"AdTran with X.75 saved", ModelAdTran, 1, 2, 2, false, false, false, 0, 8000, "",
+        {"BitSURFR on a slow port with AIMUX saved", false, ModelBitSURFR, 0, 1, 1, false, true,
+         true, 0, 8000, "AT\\Q3%A2=2%A4=0S0=0S12=25&D0&C1W1E1",
          "Initializing Incoming: V.120 - 64K"},
-        {"Omni.net with X.75 saved", ModelZyXEL, 2, 2, 2, false, false, false, 0, 8000, "",
-         "Initializing Incoming: V.120 - 64K" + zyxelOff},
-        {"Elite with AIMUX saved", ModelZyXEL, 1, 2, 1, false, false, false, 0, 8000, "",
-         "Initializing Incoming: V.120 - 64K" + zyxelOff},
-        {"3Com with X.75 saved", Model3Com, 0, 2, 2, false, false, false, 0, 8000, "",
+        {"BitSURFR on a fast port", false, ModelBitSURFR, 0, 2, 1, false, false, false, 1, 16000,
+         "", "Initializing Incoming: AIMUX - 64K"},
+        {"AdTran with X.75 saved", false, ModelAdTran, 1, 2, 2, false, false, false, 0, 8000, "",
          "Initializing Incoming: V.120 - 64K"},
+        {"Omni.net with X.75 saved", false, ModelZyXEL, 2, 2, 2, false, false, false, 0, 8000, "",
+         "Initializing Incoming: V.120 - 64K" + zyxelOff},
+        {"Elite with AIMUX saved", false, ModelZyXEL, 1, 2, 1, false, false, false, 0, 8000, "",
+         "Initializing Incoming: V.120 - 64K" + zyxelOff},
+        {"3Com with X.75 saved", false, Model3Com, 0, 2, 2, false, false, false, 0, 8000, "",
+         "Initializing Incoming: V.120 - 64K"},
+        {"ZyXEL X.75 with 2B, outgoing", true, ModelZyXEL, 3, 2, ProtocolX75, false, true, false, 0,
+         16000, "AT&H3&D0&C1&E0&S0Q0E1V1B00&O2S0=0X1&J3&K00",
+         "Initializing Outgoing: X.75 - 64K | 2B channel connection ON | V.42bis compression OFF"},
+        {"AdTran AIMUX at 56K, outgoing, its 2B box without effect", true, ModelAdTran, 0, 2,
+         ProtocolAimux, true, true, false, 0, 14000, "AT&F4\\Q3&D0X1S0=0S12=25S53=2S54=2S15=1",
+         "Initializing Outgoing: AIMUX - 56K"},
+        {"AdTran V.120, outgoing", true, ModelAdTran, 0, 2, ProtocolV120, false, false, false, 0,
+         8000, "AT&F3\\Q3&D0X1S0=0S12=25S53=3S54=6", "Initializing Outgoing: V.120 - 64K"},
+        {"3Com with X.75 asked for, outgoing", true, Model3Com, 0, 2, ProtocolX75, false, false,
+         false, 0, 8000, "AT\\Q3S0=0&D0&C1W1E1S71=2S73=0S74=253S75=0S60=64",
+         "Initializing Outgoing: V.120 - 64K"},
     };
     ScriptedAdapter& adapter = Adapter(ZyxelScript("2864"));
-    for (const IncomingCase& c : cases) {
+    for (const ProfileCase& c : cases) {
         SCOPED_TRACE(c.Name);
         stores_.Prefs = Preferences{};
         Found(c.Model, c.Variant, c.SpeedClass);
-        stores_.Prefs.IncomingProtocol = c.Saved;
-        stores_.Prefs.Incoming56K = c.At56k ? 1 : 0;
-        stores_.Prefs.Incoming2B = c.TwoChannels ? 1 : 0;
-        stores_.Prefs.IncomingV42 = c.Compression ? 1 : 0;
         ClearLogged();
-
-        EXPECT_TRUE(line_.InitializeIncoming());
-        EXPECT_EQ(stores_.Prefs.IncomingProtocol, c.ProtocolAfter);
+        if (c.Outgoing) {
+            line_.InitializeOutgoing(
+                {static_cast<LineProtocol>(c.Protocol), c.At56k, c.TwoChannels, c.Compression});
+        } else {
+            stores_.Prefs.IncomingProtocol = c.Protocol;
+            stores_.Prefs.Incoming56K = c.At56k ? 1 : 0;
+            stores_.Prefs.Incoming2B = c.TwoChannels ? 1 : 0;
+            stores_.Prefs.IncomingV42 = c.Compression ? 1 : 0;
+            EXPECT_TRUE(line_.InitializeIncoming());
+            EXPECT_EQ(stores_.Prefs.IncomingProtocol, c.ProtocolAfter);
+        }
         EXPECT_EQ(Joined(Logged()), c.Logged);
         EXPECT_EQ(line_.RateEstimate.load(), c.Rate);
         if (!c.Command.empty()) {
             EXPECT_EQ(LastCommand(adapter), c.Command);
         }
         EXPECT_TRUE(Messages().empty());
-    }
-}
-
-TEST_F(ProfileTest, TheOutgoingProfileFollowsTheChosenSettings) {
-    struct OutgoingCase {
-        const char* Name;
-        int16_t Model;
-        int16_t Variant;
-        LineProtocol Protocol;
-        bool At56k;
-        bool TwoChannels;
-        uint16_t Rate;
-        std::string Command;
-        std::string Logged;  // the lines, joined
-    };
-    const OutgoingCase cases[] = {
-        {"ZyXEL X.75 with 2B", ModelZyXEL, 3, ProtocolX75, false, true, 16000,
-         "AT&H3&D0&C1&E0&S0Q0E1V1B00&O2S0=0X1&J3&K00",
-         "Initializing Outgoing: X.75 - 64K | 2B channel connection ON | V.42bis compression OFF"},
-        {"AdTran AIMUX at 56K, its 2B box without effect", ModelAdTran, 0, ProtocolAimux, true,
-         true, 14000, "AT&F4\\Q3&D0X1S0=0S12=25S53=2S54=2S15=1",
-         "Initializing Outgoing: AIMUX - 56K"},
-        {"AdTran V.120", ModelAdTran, 0, ProtocolV120, false, false, 8000,
-         "AT&F3\\Q3&D0X1S0=0S12=25S53=3S54=6", "Initializing Outgoing: V.120 - 64K"},
-        {"3Com with X.75 asked for", Model3Com, 0, ProtocolX75, false, false, 8000,
-         "AT\\Q3S0=0&D0&C1W1E1S71=2S73=0S74=253S75=0S60=64", "Initializing Outgoing: V.120 - 64K"},
-    };
-    ScriptedAdapter& adapter = Adapter(AdtranScript(false));
-    for (const OutgoingCase& c : cases) {
-        SCOPED_TRACE(c.Name);
-        Found(c.Model, c.Variant, 2);
-        ClearLogged();
-        line_.InitializeOutgoing({c.Protocol, c.At56k, c.TwoChannels, false});
-        EXPECT_EQ(LastCommand(adapter), c.Command);
-        EXPECT_EQ(line_.RateEstimate.load(), c.Rate);
-        EXPECT_EQ(Joined(Logged()), c.Logged);
     }
 }
 

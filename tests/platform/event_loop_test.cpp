@@ -18,9 +18,11 @@ using namespace kb::platform;
 TEST(EventLoop, PostedWorkRunsInOrderOnTheLoopThread) {
     EventLoop loop;
     std::vector<int> order;
+    std::vector<int> expected;
     std::atomic<bool> onLoop{true};
     std::thread runner([&] { loop.Run(); });
     for (int i = 0; i < 100; ++i) {
+        expected.push_back(i);
         loop.Post([&, i] {
             order.push_back(i);
             onLoop.store(onLoop.load() && loop.OnLoopThread());
@@ -28,10 +30,7 @@ TEST(EventLoop, PostedWorkRunsInOrderOnTheLoopThread) {
     }
     loop.Post([&] { loop.Quit(); });
     runner.join();
-    ASSERT_EQ(order.size(), 100u);
-    for (int i = 0; i < 100; ++i) {
-        EXPECT_EQ(order[static_cast<size_t>(i)], i);
-    }
+    EXPECT_EQ(order, expected);
     EXPECT_TRUE(onLoop.load());
     EXPECT_FALSE(loop.OnLoopThread());
 }
