@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <csignal>
@@ -526,6 +527,29 @@ TEST_F(CallsAway, ConnectionsWithoutACallAreCappedAndTimedOutAndARoutedCallStill
         for (const int fd : hostile) {
             ::close(fd);
         }
+    }
+
+    // Among connections that have all spoken, the address that holds the
+    // most makes room out of its own: a crowd from 127.0.0.2 lets one of its
+    // own go for its seventeenth, not the earlier one from 127.0.0.1.
+    const auto closed = [](int fd) {
+        pollfd entry{fd, POLLIN, 0};
+        char byte = 0;
+        return ::poll(&entry, 1, 0) == 1 && ::recv(fd, &byte, 1, MSG_DONTWAIT) == 0;
+    };
+    ASSERT_EQ(::kill(alicesTool_->Pid(), SIGSTOP), 0);
+    std::vector<int> spoken;
+    for (int i = 0; i < 17; ++i) {
+        spoken.push_back(SilentConnection(alicesPort_, "127.0.0.1", i == 0 ? "" : "127.0.0.2"));
+        ASSERT_GE(spoken.back(), 0);
+        ASSERT_EQ(::send(spoken.back(), "S", 1, MSG_NOSIGNAL), 1);
+    }
+    ASSERT_EQ(::kill(alicesTool_->Pid(), SIGCONT), 0);
+    EXPECT_TRUE(PollUntil([&] { return std::any_of(spoken.begin() + 1, spoken.end(), closed); },
+                          std::chrono::seconds(3)));
+    EXPECT_FALSE(closed(spoken[0]));
+    for (const int fd : spoken) {
+        ::close(fd);
     }
 }
 

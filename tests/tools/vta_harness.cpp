@@ -48,13 +48,17 @@ bool ParseArguments(const std::vector<std::string>& arguments, virtual_ta::Optio
     return virtual_ta::ParseCommandLine(static_cast<int>(argv.size()), argv.data(), options, error);
 }
 
-int SilentConnection(uint16_t port, const std::string& address) {
+int SilentConnection(uint16_t port, const std::string& address, const std::string& from) {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in to{};
     to.sin_family = AF_INET;
     to.sin_port = htons(port);
+    sockaddr_in self{};
+    self.sin_family = AF_INET;
     const timeval limit{10, 0};  // a blocking connect waits no longer than a send
-    if (::inet_pton(AF_INET, address.c_str(), &to.sin_addr) != 1 ||
+    if ((!from.empty() && (::inet_pton(AF_INET, from.c_str(), &self.sin_addr) != 1 ||
+                           ::bind(fd, reinterpret_cast<sockaddr*>(&self), sizeof self) != 0)) ||
+        ::inet_pton(AF_INET, address.c_str(), &to.sin_addr) != 1 ||
         ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0 ||
         ::connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0) {
         ::close(fd);

@@ -45,9 +45,10 @@ std::vector<std::string> Concatenated(std::vector<std::string> first,
 bool ParseArguments(const std::vector<std::string>& arguments, virtual_ta::Options& options,
                     std::string& error);
 
-// A connection to the port at the IPv4 address that says nothing; -1 if it
-// is not made within 10 s.
-int SilentConnection(uint16_t port, const std::string& address = "127.0.0.1");
+// A connection to the port at the IPv4 address that says nothing, made from
+// the address from if one is given; -1 if it is not made within 10 s.
+int SilentConnection(uint16_t port, const std::string& address = "127.0.0.1",
+                     const std::string& from = "");
 // An IPv4 address of this computer's own beyond loopback; "" if it has none.
 std::string AddressBeyondLoopback();
 
