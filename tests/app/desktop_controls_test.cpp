@@ -56,9 +56,7 @@ TEST_F(DesktopControlsTest, AddedRecordsStandInByteOrderAndTheNewOneIsOnShow) {
     Controls().Select(IDC_CARRIER, 2);
     ASSERT_TRUE(Press(IDC_ADD).Done);
     // The new record is chosen, as if clicked.
-    for (int id : {IDC_CHANGE, IDC_DELETE, IDC_NEW}) {
-        EXPECT_TRUE(Controls().Enabled(id)) << ControlName(id);
-    }
+    EXPECT_EQ(EnabledOf({IDC_CHANGE, IDC_DELETE, IDC_NEW}), std::vector<bool>(3, true));
     AddRecord("  Zeta\t", " 666 ");
 
     // A number the dial cannot use, or another record's name, is refused
@@ -73,9 +71,7 @@ TEST_F(DesktopControlsTest, AddedRecordsStandInByteOrderAndTheNewOneIsOnShow) {
         {" Zeta", "777", "Zeta is in your Directory already.\rPlease choose another name."},
     };
     for (const std::vector<std::string>& refused : refusals) {
-        Type(IDC_NAME, refused[0]);
-        Type(IDC_NUMBER, refused[1]);
-        ASSERT_TRUE(Press(IDC_ADD).Done);
+        AddRecord(refused[0], refused[1]);
         EXPECT_EQ(Messages().back(), refused[2]);
         EXPECT_EQ(Stores().Directory.Count.load(), 2);
     }
@@ -99,9 +95,7 @@ TEST_F(DesktopControlsTest, AddedRecordsStandInByteOrderAndTheNewOneIsOnShow) {
     EXPECT_EQ(Controls().Text(IDC_NUMBER), "555");
     EXPECT_TRUE(Controls().Checked(IDC_56K));
     EXPECT_EQ(Controls().Selection(IDC_CARRIER), 2);
-    for (int id : {IDC_ADD, IDC_CHANGE, IDC_DELETE, IDC_NEW}) {
-        EXPECT_TRUE(Controls().Enabled(id)) << ControlName(id);
-    }
+    EXPECT_EQ(EnabledOf({IDC_ADD, IDC_CHANGE, IDC_DELETE, IDC_NEW}), std::vector<bool>(4, true));
     Type(IDC_NAME, "Zeta");
     ASSERT_TRUE(Press(IDC_CHANGE).Done);
     EXPECT_EQ(Messages().size(), refusals.size() + 1);
@@ -136,9 +130,7 @@ TEST_F(DesktopControlsTest, AddedRecordsStandInByteOrderAndTheNewOneIsOnShow) {
     EXPECT_EQ(Controls().FocusRequested(), IDC_NAME);
     EXPECT_EQ(window_->Correspondents().CurrentEntry(), -1);
     EXPECT_EQ(Controls().Selection(IDC_DIRECTORY_LIST), -1);
-    for (int id : {IDC_ADD, IDC_CHANGE, IDC_DELETE, IDC_NEW}) {
-        EXPECT_FALSE(Controls().Enabled(id)) << ControlName(id);
-    }
+    EXPECT_EQ(EnabledOf({IDC_ADD, IDC_CHANGE, IDC_DELETE, IDC_NEW}), std::vector<bool>(4, false));
 }
 
 TEST_F(DesktopControlsTest, APickUpFolderIsMadeOnceTurnsHotWhenStoredAndItsButtonTellsItsState) {

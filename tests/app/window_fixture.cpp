@@ -84,4 +84,12 @@ std::vector<std::string> RowTexts(int id) {
     return texts;
 }
 
+std::vector<bool> EnabledOf(const std::vector<int>& ids) {
+    std::vector<bool> enabled;
+    for (int id : ids) {
+        enabled.push_back(Controls().Enabled(id));
+    }
+    return enabled;
+}
+
 }  // namespace kb::test
