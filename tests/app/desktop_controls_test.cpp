@@ -147,7 +147,6 @@ TEST_F(DesktopControlsTest, APickUpFolderIsMadeOnceTurnsHotWhenStoredAndItsButto
     // Send marks the folder hot only when the record is stored.
     Choose(IDC_DIRECTORY_LIST, 0);
     ASSERT_TRUE(Click(IDC_HOT_SEND, true).Done);
-    EXPECT_FALSE(Controls().Checked(IDC_HOT_RETRIEVE));
     EXPECT_EQ(Stores().Directory[0].HotSend, 0);
     ASSERT_TRUE(Press(IDC_CHANGE).Done);
     EXPECT_EQ(Stores().Directory[0].HotSend, 1);
