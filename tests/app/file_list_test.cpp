@@ -85,7 +85,6 @@ TEST_F(FileListTest, TheDialogsTakeSeveralFilesOrAFolderAndACancelNothing) {
 }
 
 TEST_F(FileListTest, AFolderReplacesTheListAndTravelsOneLevelDeep) {
-    const std::string loose = MakeFile("loose", 10);
     const std::string docs = MakeFolder("docs");
     MakeFile("docs/a.txt", 100);
     MakeFile("docs/b.exe.txt", 200);
@@ -93,7 +92,7 @@ TEST_F(FileListTest, AFolderReplacesTheListAndTravelsOneLevelDeep) {
     MakeFolder("docs/Sent Files");
     MakeFile("docs/Sent Files/old", 5);
 
-    Drop(IDC_FILE_LIST, {loose, docs + "/"});
+    Drop(IDC_FILE_LIST, {MakeFile("loose", 10), docs + "/"});
     ASSERT_EQ(Engine().SendList.Count(), 4);
     const std::vector<ListRow> rows = Controls().Rows(IDC_FILE_LIST);
     ASSERT_EQ(rows.size(), 4u);
@@ -285,8 +284,7 @@ TEST_F(FileListTest, ALongNameKeepsItsExtensionAndThePathStaysWhole) {
     EXPECT_EQ(ShortDisplayName(std::string(20, 'x') + "." + std::string(20, 'e')),
               std::string(20, 'x') + "." + std::string(10, 'e'));
     // A character of two bytes is never cut in two.
-    const std::string accented = std::string(30, 'x') + "\xC3\xA9" + "tail";
-    EXPECT_EQ(ShortDisplayName(accented), std::string(30, 'x'));
+    EXPECT_EQ(ShortDisplayName(std::string(30, 'x') + "\xC3\xA9" + "tail"), std::string(30, 'x'));
 }
 
 TEST_F(FileListTest, APathTooLongOrAFileTooLargeForTheProtocolIsRefusedWithItsLine) {

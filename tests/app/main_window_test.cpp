@@ -133,9 +133,7 @@ TEST_F(MainWindowTest, TheButtonsFollowTheLinkAndTheFileList) {
 TEST_F(MainWindowTest, EventsReachOnlyControlsAUserCouldUse) {
     // Hidden and unnamed controls refuse, with the reason, as disabled ones
     // do (the station's refusal to send shows that).
-    EventOutcome outcome = Click(IDC_2B, true);
-    EXPECT_FALSE(outcome.Done);
-    EXPECT_EQ(outcome.Refusal, "IDC_2B is hidden");
+    EXPECT_EQ(Click(IDC_2B, true).Refusal, "IDC_2B is hidden");
     EXPECT_FALSE(Controls().Checked(IDC_2B));
     EXPECT_FALSE(Press(4711).Done);
     EXPECT_FALSE(Choose(IDC_PROTOCOL, 3).Done);
@@ -172,8 +170,7 @@ TEST_F(MainWindowTest, EventsReachOnlyControlsAUserCouldUse) {
 
     // The Port Speed menu answers only while it is there.
     Controls().RemoveMenu(PortSpeedMenuPosition);
-    outcome = ChooseMenu(ID_PORT_SPEED_230400);
-    EXPECT_FALSE(outcome.Done);
+    EXPECT_FALSE(ChooseMenu(ID_PORT_SPEED_230400).Done);
     EXPECT_TRUE(Messages().empty());
 
     // Every named control belongs to a panel that takes its events: none is
@@ -260,9 +257,8 @@ TEST_F(MainWindowTest, TheWindowShowsWhatTheAdapterFoundOffers) {
         EXPECT_EQ(Joined(RowTexts(IDC_IN_PROTOCOL)), c.Rows);
         EXPECT_EQ(Controls().Selection(IDC_IN_PROTOCOL), c.Selection);
         EXPECT_EQ(Controls().Selection(IDC_PROTOCOL), 0);
-        const bool options = c.Model == ModelZyXEL;
         for (int id : {IDC_2B, IDC_V42, IDC_IN_2B, IDC_IN_V42}) {
-            EXPECT_EQ(Controls().Shown(id), options) << ControlName(id);
+            EXPECT_EQ(Controls().Shown(id), c.Model == ModelZyXEL) << ControlName(id);
         }
         EXPECT_TRUE(Controls().Checked(IDC_IN_2B)) << "set from the preferences in every family";
         // A record shows its protocol in the row that names it, one that the
@@ -495,8 +491,7 @@ TEST_F(MainWindowTest, ProgressIsComputedInSixtyFourBitsAndShownOnlyDuringATrans
 
 TEST_F(MainWindowTest, TheElapsedTimeIsLoggedOncePerSession) {
     window_->Display().LogElapsedTime();
-    const size_t lines = Observed().size();
-    EXPECT_EQ(lines, 1u);  // nothing ran: no line
+    EXPECT_EQ(Observed().size(), 1u);  // nothing ran: no line
     Engine().Call.TransferStartTime = WallSeconds() - 3725;
     window_->Display().LogElapsedTime();
     window_->Display().LogElapsedTime();

@@ -158,8 +158,8 @@ TEST(Screenshot, AWindowPicturesItselfOnceItsAdapterIsFoundAndLeavesAsExitDoes) 
 
 TEST(Screenshot, AFileThatCannotBeWrittenMakesTheExitStatusOne) {
     TempFolder root;
-    const std::string station = MakeInstallation(root, "station", 1);
-    ChildProcess window = StartWindow(station, {"--screenshot", root / "no/such/folder/x.png"});
+    ChildProcess window = StartWindow(MakeInstallation(root, "station", 1),
+                                      {"--screenshot", root / "no/such/folder/x.png"});
     EXPECT_EQ(window.WaitForExit(120s), 1) << window.ErrorText();
     // Without an adapter the message that says so went to standard error.
     EXPECT_NE(window.ErrorText().find("Could not find your ISDN TA."), std::string::npos);

@@ -302,7 +302,6 @@ TEST_F(WindowTest, TypingClicksKeysChoicesAndMenusReachTheWindowWhichDecides) {
     Click(IDC_MAKE_FOLDER);
     ASSERT_TRUE(WaitUntil([&] { return !Widget(IDC_HOT_SEND)->isHidden(); }));
     auto* retrieve = WidgetAs<QRadioButton>(IDC_HOT_RETRIEVE);
-    auto* send = WidgetAs<QRadioButton>(IDC_HOT_SEND);
     ASSERT_TRUE(WaitUntil([&] { return retrieve->isChecked(); }));
 
     // A click on the chosen radio button would clear it; the window refuses,
@@ -311,7 +310,7 @@ TEST_F(WindowTest, TypingClicksKeysChoicesAndMenusReachTheWindowWhichDecides) {
     EXPECT_FALSE(retrieve->isChecked()) << "the click itself clears it";
     ASSERT_TRUE(WaitUntil([&] { return retrieve->isChecked(); }));
     // The other one is chosen, and the window clears the first.
-    QTest::mouseClick(send, Qt::LeftButton);
+    QTest::mouseClick(WidgetAs<QRadioButton>(IDC_HOT_SEND), Qt::LeftButton);
     ASSERT_TRUE(WaitUntil([&] { return !retrieve->isChecked(); }));
     EXPECT_TRUE(Controls().Checked(IDC_HOT_SEND));
 
@@ -410,12 +409,10 @@ TEST_F(WindowTest, TypingClicksKeysChoicesAndMenusReachTheWindowWhichDecides) {
 TEST_F(WindowTest, FilesDroppedOnTheFileListSendAndTheDirectoryList) {
     WaitForStart();
     const std::string first = MakeFile("first.txt", 10);
-    const std::string second = MakeFile("second.exe", 2000000);
-    const std::string empty = MakeFile("empty.txt", 0);
 
     // Files dropped on the file list join it (an empty file does not); the
     // rows show their sizes and kinds, as the last comparison shows.
-    Drop(IDC_FILE_LIST, {first, empty, second});
+    Drop(IDC_FILE_LIST, {first, MakeFile("empty.txt", 0), MakeFile("second.exe", 2000000)});
     ASSERT_TRUE(WaitUntil([] { return Controls().RowCount(IDC_FILE_LIST) == 2; }));
     auto* files = WidgetAs<QTreeWidget>(IDC_FILE_LIST);
     ASSERT_TRUE(WaitUntil([&] { return files->topLevelItemCount() == 2; }));
