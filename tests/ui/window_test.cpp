@@ -114,12 +114,10 @@ protected:
     }
     // Types a correspondent into the form and presses Add, as the user does.
     void AddCorrespondent(const std::string& name, const std::string& number) {
-        auto* nameEdit = WidgetAs<QLineEdit>(IDC_NAME);
-        auto* numberEdit = WidgetAs<QLineEdit>(IDC_NUMBER);
-        nameEdit->clear();
-        QTest::keyClicks(nameEdit, QString::fromStdString(name));
-        numberEdit->clear();
-        QTest::keyClicks(numberEdit, QString::fromStdString(number));
+        for (const auto& [id, text] : {std::pair(IDC_NAME, name), std::pair(IDC_NUMBER, number)}) {
+            WidgetAs<QLineEdit>(id)->clear();
+            QTest::keyClicks(Widget(id), QString::fromStdString(text));
+        }
         Click(IDC_ADD);
         auto* list = WidgetAs<QListWidget>(IDC_DIRECTORY_LIST);
         ASSERT_TRUE(WaitUntil([&] {
