@@ -8,7 +8,6 @@
 namespace kb::test {
 
 using namespace kb::app;
-using namespace kb::engine;
 using namespace kb::platform;
 using namespace kb::resources;
 using namespace kb::stores;

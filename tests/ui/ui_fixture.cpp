@@ -27,7 +27,6 @@ namespace kb::test {
 
 using namespace kb::app;
 using namespace kb::platform;
-using namespace kb::ui;
 
 bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
     const auto deadline = std::chrono::steady_clock::now() + limit;

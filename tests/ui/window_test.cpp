@@ -45,7 +45,6 @@ using namespace kb::line;
 using namespace kb::platform;
 using namespace kb::resources;
 using namespace kb::stores;
-using namespace kb::ui;
 
 namespace {
 
