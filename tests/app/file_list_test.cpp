@@ -64,7 +64,6 @@ TEST_F(FileListTest, TheDialogsTakeSeveralFilesOrAFolderAndACancelNothing) {
     EXPECT_EQ(Messages(), std::vector<std::string>{
                               "Cannot open file.  It may be in use by another application."});
     EXPECT_EQ(Engine().SendList.Count(), 0);
-    EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 0);
 
     desktop.Answer(std::vector<std::string>{MakeFile("one", 1), MakeFile("two", 0)});
     ASSERT_TRUE(Press(IDC_FILE_ADD).Done);
