@@ -132,7 +132,6 @@ TEST_F(DesktopControlsTest, APickUpFolderIsMadeOnceTurnsHotWhenStoredAndItsButto
     AddRecord("Smith", "5551234");
     ASSERT_TRUE(Press(IDC_MAKE_FOLDER).Done);
     EXPECT_TRUE(FolderExists(Stores().Paths.PickUpPath + "/Smith/Sent Files"));
-    EXPECT_EQ(Stores().Directory[0].HasPickUp, 1);
     EXPECT_EQ(ReadWholeFile(Stores().Paths.DirectoryPath).at(2 + 78), 1) << "saved at once";
     EXPECT_FALSE(Controls().Shown(IDC_MAKE_FOLDER));
     EXPECT_TRUE(Controls().Shown(IDC_FOLDER_EMPTY));
@@ -193,7 +192,6 @@ TEST_F(DesktopControlsTest, APickUpFolderIsMadeOnceTurnsHotWhenStoredAndItsButto
     window_->Correspondents().ShowCorrespondent(0);
     EXPECT_TRUE(Controls().Shown(IDC_MAKE_FOLDER));
     EXPECT_FALSE(Controls().Shown(IDC_HOT_SEND));
-    EXPECT_EQ(Stores().Directory[0].HasPickUp, 0);
     Choose(IDC_DIRECTORY_LIST, 0);
     Press(IDC_DELETE);
     EXPECT_EQ(Stores().Directory.Count.load(), 0);
