@@ -348,7 +348,6 @@ TEST_F(DesktopControlsTest, AnExportedEntryComesBackWholeAsTheRecordItWas) {
     EXPECT_FALSE(window_->Correspondents().ImportDirectoryEntry(folder_ / "missing.KBE"));
     WriteWholeFile(folder_ / "smith.Kbe", bytes);
     Drop(IDC_DIRECTORY_LIST, {folder_ / "smith.Kbe"});
-    EXPECT_EQ(Stores().Directory.Count.load(), 0);
     Drop(IDC_DIRECTORY_LIST, {exported, folder_ / "smith.Kbe"});
     ASSERT_EQ(Stores().Directory.Count.load(), 1);
     const auto noEntry = [](const std::string& path) {
