@@ -394,13 +394,11 @@ TEST_F(MainWindowTest, TheEstimateFollowsTheOutgoingSettingsAndRoundsTheSizeUp) 
         window_->Display().ShowBatchEstimate(c.Bytes);
         EXPECT_EQ(Controls().Text(IDC_TOTAL_KB), c.Kb);
         EXPECT_EQ(Controls().Text(IDC_EST_TIME), std::string("Est. Time: ") + c.Time);
-        EXPECT_TRUE(Controls().Enabled(IDC_TOTAL_KB));
-        EXPECT_TRUE(Controls().Enabled(IDC_EST_TIME));
+        EXPECT_EQ(EnabledOf({IDC_TOTAL_KB, IDC_EST_TIME}), std::vector<bool>(2, true));
     }
     // Nothing to send: no figures are left to be read as the list's.
     window_->Display().ShowBatchEstimate(0);
-    EXPECT_FALSE(Controls().Enabled(IDC_TOTAL_KB));
-    EXPECT_FALSE(Controls().Enabled(IDC_EST_TIME));
+    EXPECT_EQ(EnabledOf({IDC_TOTAL_KB, IDC_EST_TIME}), std::vector<bool>(2, false));
     EXPECT_EQ(Controls().Text(IDC_TOTAL_KB), "");
     EXPECT_EQ(Controls().Text(IDC_EST_TIME), "");
     // A measured rate takes over.
