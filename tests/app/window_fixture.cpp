@@ -8,7 +8,6 @@
 namespace kb::test {
 
 using namespace kb::app;
-using namespace kb::engine;
 using namespace kb::platform;
 using namespace kb::resources;
 using namespace kb::stores;
@@ -82,6 +81,14 @@ std::vector<std::string> RowTexts(int id) {
         texts.push_back(row.Text);
     }
     return texts;
+}
+
+std::vector<bool> EnabledOf(const std::vector<int>& ids) {
+    std::vector<bool> enabled;
+    for (int id : ids) {
+        enabled.push_back(Controls().Enabled(id));
+    }
+    return enabled;
 }
 
 }  // namespace kb::test

@@ -33,6 +33,8 @@ using stores::Installation;
 
 // Rows of a list, by their text.
 std::vector<std::string> RowTexts(int id);
+// Whether each of the controls is enabled, in the order given.
+std::vector<bool> EnabledOf(const std::vector<int>& ids);
 
 // A user's event on a control, with what it carries.
 inline WindowEvent Event(EventKind kind, int id, int row = -1, bool checked = false,

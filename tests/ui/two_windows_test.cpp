@@ -5,7 +5,6 @@
 // the pictures come from the program's picture options.
 
 #include <signal.h>
-#include <sys/types.h>
 
 #include <QImage>
 #include <QString>
@@ -13,7 +12,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <iterator>
 #include <string>
@@ -126,10 +124,9 @@ TEST(TwoWindows, AHotFolderGoesFromOneWindowToTheOtherAndBothArePicturedDuringTh
     EXPECT_EQ(bobWindow.Stop(SIGTERM, 60s), 0) << bobWindow.ErrorText();
     EXPECT_EQ(lockCount(), 0) << "the windows leave their ports unlocked";
     const std::vector<std::string> aliceLog = SavedLog(alice);
-    const std::vector<std::string> bobLog = SavedLog(bob);
     EXPECT_EQ(LinesHolding(aliceLog, {"Calling Bob", "All files sent."}),
               (std::vector<std::string>{"Calling Bob", "All files sent."}));
-    EXPECT_EQ(LinesHolding(bobLog, {"All files received."}),
+    EXPECT_EQ(LinesHolding(SavedLog(bob), {"All files received."}),
               (std::vector<std::string>{"All files received."}));
     ASSERT_FALSE(aliceLog.empty());
     EXPECT_EQ(aliceLog.back().rfind("Stopping Kestrelbound ", 0), 0u);
@@ -161,8 +158,8 @@ TEST(Screenshot, AWindowPicturesItselfOnceItsAdapterIsFoundAndLeavesAsExitDoes) 
 
 TEST(Screenshot, AFileThatCannotBeWrittenMakesTheExitStatusOne) {
     TempFolder root;
-    const std::string station = MakeInstallation(root, "station", 1);
-    ChildProcess window = StartWindow(station, {"--screenshot", root / "no/such/folder/x.png"});
+    ChildProcess window = StartWindow(MakeInstallation(root, "station", 1),
+                                      {"--screenshot", root / "no/such/folder/x.png"});
     EXPECT_EQ(window.WaitForExit(120s), 1) << window.ErrorText();
     // Without an adapter the message that says so went to standard error.
     EXPECT_NE(window.ErrorText().find("Could not find your ISDN TA."), std::string::npos);

@@ -6,7 +6,6 @@
 #include <QComboBox>
 #include <QFileDialog>
 #include <QLabel>
-#include <QLineEdit>
 #include <QMessageBox>
 #include <QMimeData>
 #include <QProgressBar>
@@ -22,7 +21,6 @@
 #include "app/main_window.h"
 #include "platform/event_loop.h"
 #include "platform/files.h"
-#include "resources/resource.h"
 #include "support/installation.h"
 #include "ui/about_box.h"
 
@@ -30,7 +28,6 @@ namespace kb::test {
 
 using namespace kb::app;
 using namespace kb::platform;
-using namespace kb::ui;
 
 bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
@@ -191,19 +188,6 @@ int ShownSelection(QWidget* widget) {
     return selected.isEmpty() ? -1 : selected.first().row();
 }
 
-std::string ShownText(QWidget* widget) {
-    if (auto* label = qobject_cast<QLabel*>(widget)) {
-        return Text(label->text());
-    }
-    if (auto* edit = qobject_cast<QLineEdit*>(widget)) {
-        return Text(edit->text());
-    }
-    if (auto* button = qobject_cast<QAbstractButton*>(widget)) {
-        return Text(button->text());
-    }
-    return "";
-}
-
 bool ShowsPicture(QWidget* widget) {
     if (auto* label = qobject_cast<QLabel*>(widget)) {
         return !label->pixmap().isNull();
@@ -251,16 +235,17 @@ std::vector<std::string> UiTest::Differences() const {
         Compare(differences, name + "enabled", widget->isEnabled(), state.Enabled);
         Compare(differences, name + "shown", !widget->isHidden(), state.Shown);
         switch (state.Kind) {
+            case ControlKind::CheckBox:
+            case ControlKind::RadioButton:
+                Compare(differences, name + "checked",
+                        qobject_cast<QAbstractButton*>(widget)->isChecked(), state.Checked);
+                [[fallthrough]];
             case ControlKind::Label:
             case ControlKind::Edit:
             case ControlKind::Button:
-                Compare(differences, name + "text", ShownText(widget), state.Text);
-                break;
-            case ControlKind::CheckBox:
-            case ControlKind::RadioButton:
-                Compare(differences, name + "text", ShownText(widget), state.Text);
-                Compare(differences, name + "checked",
-                        qobject_cast<QAbstractButton*>(widget)->isChecked(), state.Checked);
+                // Labels, edit fields and buttons all show theirs as "text".
+                Compare(differences, name + "text", Text(widget->property("text").toString()),
+                        state.Text);
                 break;
             case ControlKind::Picture:
             case ControlKind::PictureButton:
@@ -298,10 +283,8 @@ void UiTest::Drop(int id, const std::vector<std::string>& paths) {
         urls << QUrl::fromLocalFile(QString::fromStdString(path));
     }
     data.setUrls(urls);
-    QPoint at = View().Page()->rect().bottomRight() - QPoint(2, 2);
-    if (id != 0) {
-        at = Widget(id)->geometry().center();
-    }
+    const QPoint at = id != 0 ? Widget(id)->geometry().center()
+                              : View().Page()->rect().bottomRight() - QPoint(2, 2);
     const QPointF inWindow = View().Page()->mapTo(&View(), at);
     QDragEnterEvent enter(inWindow.toPoint(), Qt::CopyAction, &data, Qt::LeftButton,
                           Qt::NoModifier);
