@@ -291,10 +291,13 @@ TEST_F(WindowTest, TypingClicksKeysChoicesAndMenusReachTheWindowWhichDecides) {
     QTest::keyClick(form, Qt::Key_Up);
     ASSERT_TRUE(WaitUntil([&] { return !Widget(IDC_LABEL_ISDN)->isHidden(); }));
 
-    // A click on the record shows it; the folder button makes its pick-up
-    // folder and the pair of radio buttons appears.
+    // A click on the record shows it, over what was typed meanwhile; the
+    // folder button makes its pick-up folder and the pair of radio buttons
+    // appears.
+    QTest::keyClicks(Widget(IDC_NAME), "ette");
     ClickRow(WidgetAs<QListWidget>(IDC_DIRECTORY_LIST), 0);
     ASSERT_TRUE(WaitUntil([] { return Controls().Selection(IDC_DIRECTORY_LIST) == 0; }));
+    ASSERT_TRUE(WaitUntil([&] { return WidgetAs<QLineEdit>(IDC_NAME)->text() == "Bob"; }));
     Click(IDC_MAKE_FOLDER);
     ASSERT_TRUE(WaitUntil([&] { return !Widget(IDC_HOT_SEND)->isHidden(); }));
     auto* retrieve = WidgetAs<QRadioButton>(IDC_HOT_RETRIEVE);
