@@ -223,6 +223,7 @@ TEST_F(FileListTest, DeleteTakesTheClickedRowAndItsEntry) {
     window_->Files().OnFileClick(1);
     window_->Files().OnFileDelete();
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"a", "c"}));
+    EXPECT_EQ(Entry(0).DisplayName.View(), "a");
     EXPECT_EQ(Entry(1).DisplayName.View(), "c");
     EXPECT_EQ(Engine().SendList.Remaining(), 204u);
     EXPECT_FALSE(Controls().Enabled(IDC_FILE_DELETE));
