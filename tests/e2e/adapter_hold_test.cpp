@@ -21,7 +21,7 @@ using namespace kb::platform;
 
 namespace {
 
-constexpr uintmax_t SectionData = 131070;
+using peer::SectionData;
 
 // The bytes of a file on the disk so far, 0 while it is not there.
 uintmax_t SizeOnDisk(const std::string& path) {

@@ -27,18 +27,11 @@ using namespace kb::platform;
 
 namespace {
 
-constexpr size_t SectionData = 131070;
+using peer::ListBytes;
+using peer::SectionData;
+
 constexpr size_t SectionOnLine = SectionData + 2;
 constexpr size_t ChecksumChunk = 1024;
-
-size_t ListBytes(size_t entries) {
-    return 8 + 6 + 28 + 56 * entries;
-}
-
-size_t StreamBytes(size_t fileSize) {
-    const size_t sections = (fileSize + SectionData - 1) / SectionData;
-    return fileSize + 2 * sections;
-}
 
 // The line offset of data byte `byte` of section `section` of a file whose
 // stream starts at `start`.
@@ -111,7 +104,7 @@ TEST(FaultyLineTest, ACallCutOffAnywhereLeavesWholeFilesOrAResumableOneAndTheRes
     const std::string big = RandomBytes(1 << 20, 14);
     const std::string note = RandomBytes(20000, 15);
     const size_t start = ListBytes(2);
-    const size_t noteStart = start + StreamBytes(big.size());
+    const size_t noteStart = start + peer::StreamLength(big.size());
     struct Case {
         const char* What;
         size_t Offset;
@@ -128,8 +121,6 @@ TEST(FaultyLineTest, ACallCutOffAnywhereLeavesWholeFilesOrAResumableOneAndTheRes
         FaultyLine line({"drop:5551001:" + std::to_string(c.Offset)});
         line.Choose({{"big.bin", big}, {"note.txt", note}});
         ASSERT_EQ(line.Alice->Command("send"), "ok");
-        ASSERT_TRUE(line.Bob->WaitForLog("Disconnected"));
-        ASSERT_TRUE(line.Alice->WaitForLog("Disconnected"));
         line.BackToIdle();
 
         const std::string inProgress = c.BigComplete ? "note.txt" : "big.bin";
@@ -176,8 +167,6 @@ TEST(FaultyLineTest, AListLargerThanTheRoomWhereFilesGoIsRefusedAndTheSenderSays
     ASSERT_TRUE(LinesHolding(line.Bob->LogLines(), {"Receiving File: "}).empty())
         << "the list was taken";
     ASSERT_TRUE(line.Alice->WaitForLog("The far end refused the list: not enough free space."));
-    ASSERT_TRUE(line.Alice->WaitForLog("Disconnected"));
-    ASSERT_TRUE(line.Bob->WaitForLog("Disconnected"));
     line.BackToIdle();
     EXPECT_FALSE(PathExists(line.IncomingPath("big.bin.part")));
     EXPECT_FALSE(PathExists(line.IncomingPath("big.bin")));
@@ -254,8 +243,6 @@ TEST(FaultyLineTest, DisconnectOnEitherSideEndsTheCallCleanly) {
             const std::string answer = presser.Command("disconnect");
             EXPECT_TRUE(press > 0 || answer == "ok") << answer;
         }
-        ASSERT_TRUE(line.Alice->WaitForLog("Disconnected")) << line.Logs();
-        ASSERT_TRUE(line.Bob->WaitForLog("Disconnected")) << line.Logs();
         line.BackToIdle();
         if (c.ByReceiver) {
             EXPECT_EQ(LinesHolding(line.Alice->LogLines(), {"Received abort request."}).size(), 1u)

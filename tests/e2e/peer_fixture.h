@@ -18,8 +18,6 @@
 
 namespace kb::test {
 
-using platform::CreateFolder;
-
 // The files that came to the peer are those the station sent, in order, or
 // in any order when they are a folder's, which goes as the folder lists it.
 inline void ExpectArrived(std::vector<peer::File> arrived, const std::vector<peer::File>& sent,
@@ -61,7 +59,7 @@ protected:
 
     // Sample files of these bytes, chosen for the station to send.
     void Choose(const std::vector<peer::File>& files) {
-        ASSERT_TRUE(CreateFolder(root_ / "samples"));
+        ASSERT_TRUE(platform::CreateFolder(root_ / "samples"));
         for (const peer::File& file : files) {
             WriteWholeFile(root_ / "samples/" + file.Name, file.Bytes);
             ASSERT_EQ(station_->Command("choose " + (root_ / "samples/" + file.Name)), "ok");

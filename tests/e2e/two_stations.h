@@ -17,8 +17,6 @@
 
 namespace kb::test {
 
-using platform::CreateFolder;
-
 class AliceAndBob {
 public:
     // Bob's adapter is of the family given; Alice's is a BitSURFR. The
@@ -48,7 +46,7 @@ public:
         Alice = WaitingStation(AlicePath);
         EXPECT_EQ(Alice->Command("name Bob"), "ok");
         EXPECT_EQ(Alice->Command("number 555-2002"), "ok");
-        EXPECT_TRUE(CreateFolder(Root / "samples"));
+        EXPECT_TRUE(platform::CreateFolder(Root / "samples"));
     }
 
     // A sample file of the given bytes; its path.
@@ -65,20 +63,36 @@ public:
         }
     }
 
-    // Alice presses Send; both sides see the session through.
-    void SendThrough() {
-        ASSERT_EQ(Alice->Command("send"), "ok");
+    // Alice presses Send, or gives the command that starts the call; both
+    // sides see the session through.
+    void SendThrough(const std::string& command = "send") {
+        ASSERT_EQ(Alice->Command(command), "ok");
         ASSERT_TRUE(Alice->WaitForLog("All files sent."));
         ASSERT_TRUE(Bob->WaitForLog("All files received."));
         BackToIdle();
     }
 
-    // Both stations have their incoming profile again and are idle.
+    // Both stations have ended the call, have their incoming profile again
+    // and are idle.
     void BackToIdle() {
-        ASSERT_TRUE(Alice->WaitForLog("Reinitializing Incoming"));
-        ASSERT_TRUE(Bob->WaitForLog("Reinitializing Incoming"));
+        for (Station* station : {Alice.get(), Bob.get()}) {
+            ASSERT_TRUE(station->WaitForLog("Disconnected")) << Logs();
+            ASSERT_TRUE(station->WaitForLog("Reinitializing Incoming")) << Logs();
+        }
         ASSERT_EQ(Alice->Command("wait-state idle 30"), "ok");
         ASSERT_EQ(Bob->Command("wait-state idle 30"), "ok");
+    }
+
+    // Bob calls Alice and sends her a file of these bytes, which arrives
+    // whole.
+    void BobSendsBack(const std::string& bytes) {
+        ASSERT_EQ(Bob->Command("name Alice"), "ok");
+        ASSERT_EQ(Bob->Command("number 5551001"), "ok");
+        ASSERT_EQ(Bob->Command("choose " + Sample("back.bin", bytes)), "ok");
+        ASSERT_EQ(Bob->Command("send"), "ok");
+        ASSERT_TRUE(Bob->WaitForLog("All files sent.")) << Logs();
+        ASSERT_TRUE(Alice->WaitForLog("All files received.")) << Logs();
+        ExpectSameBytes(AlicePath + "/Incoming Files/back.bin", bytes);
     }
 
     // A tool of the two apart: its key in Root, listening on the address,

@@ -50,8 +50,8 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
         const rlimit limit{static_cast<rlim_t>(descriptorLimit),
                            static_cast<rlim_t>(descriptorLimit)};
         if ((descriptorLimit > 0 && ::setrlimit(RLIMIT_NOFILE, &limit) != 0) ||
-            (unprivileged && (::setgroups(0, nullptr) != 0 || ::setgid(Nobody) != 0 ||
-                              ::setuid(Nobody) != 0))) {
+            (unprivileged &&
+             (::setgroups(0, nullptr) != 0 || ::setgid(Nobody) != 0 || ::setuid(Nobody) != 0))) {
             ::_exit(126);
         }
         ::execv(argv[0], argv.data());
