@@ -120,7 +120,7 @@ TEST(KilledStation, RestartedItHangsUpTheCallItsAdapterHeldAndTheResendGoesOnWhe
         EXPECT_EQ(line.Bob->Count("Recovering File: " + name), 1) << line.Bob->LogText();
         EXPECT_EQ(line.Alice->Count("Sending Recovered File: " + name), 1);
         for (const peer::File& file : files) {
-            EXPECT_TRUE(line.Received(file.Name) == file.Bytes) << file.Name;
+            ExpectSameBytes(line.IncomingPath(file.Name), file.Bytes);
         }
         EXPECT_FALSE(PathExists(part));
     }

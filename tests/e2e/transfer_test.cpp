@@ -31,11 +31,11 @@ TEST_F(TwoStations, FilesAndFoldersArriveByteForByteBesideWhatIsThereAndTheCalle
     Choose({{"note.txt", note}, {"mid.bin", mid}, {"big.bin", big}, {"empty.dat", ""}});
     SendThrough();
 
-    EXPECT_TRUE(Received("note.txt") == note);
-    EXPECT_TRUE(Received("mid.bin") == mid);
-    EXPECT_TRUE(Received("big.bin") == big);
-    EXPECT_TRUE(PathExists(BobPath + "/Incoming Files/empty.dat"));
-    EXPECT_EQ(Received("empty.dat"), "");
+    ExpectSameBytes(IncomingPath("note.txt"), note);
+    ExpectSameBytes(IncomingPath("mid.bin"), mid);
+    ExpectSameBytes(IncomingPath("big.bin"), big);
+    EXPECT_TRUE(PathExists(IncomingPath("empty.dat")));
+    ExpectSameBytes(IncomingPath("empty.dat"), "");
 
     const std::vector<std::string> sent =
         LinesHolding(Alice->LogLines(), {"Calling", "at 555", "Connected", "Sending File",
@@ -69,8 +69,8 @@ TEST_F(TwoStations, FilesAndFoldersArriveByteForByteBesideWhatIsThereAndTheCalle
     SendThrough();
     EXPECT_EQ(LinesHolding(Bob->LogLines(), {"Created new folder"}),
               std::vector<std::string>{"Created new folder: Reports"});
-    EXPECT_TRUE(Received("Reports/first.bin") == first);
-    EXPECT_TRUE(Received("Reports/second.bin") == second);
+    ExpectSameBytes(IncomingPath("Reports/first.bin"), first);
+    ExpectSameBytes(IncomingPath("Reports/second.bin"), second);
     EXPECT_TRUE(PathExists(BobPath + "/Incoming Files/Reports/empty.txt"));
     EXPECT_FALSE(PathExists(BobPath + "/Incoming Files/Reports/Old"));
 
@@ -79,9 +79,10 @@ TEST_F(TwoStations, FilesAndFoldersArriveByteForByteBesideWhatIsThereAndTheCalle
     EXPECT_EQ(
         LinesHolding(Bob->LogLines(), {"Created new folder"}),
         (std::vector<std::string>{"Created new folder: Reports", "Created new folder: Reports-A"}));
-    EXPECT_TRUE(Received("Reports-A/first.bin") == first);
-    EXPECT_TRUE(Received("Reports-A/second.bin") == second);
-    EXPECT_TRUE(Received("Reports/first.bin") == first) << "the first folder stays as it was";
+    ExpectSameBytes(IncomingPath("Reports-A/first.bin"), first);
+    ExpectSameBytes(IncomingPath("Reports-A/second.bin"), second);
+    // The first folder stays as it was.
+    ExpectSameBytes(IncomingPath("Reports/first.bin"), first);
 
     // Now the other way round: Bob calls Alice.
     BobSendsBack(RandomBytes(40000, 8));

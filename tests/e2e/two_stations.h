@@ -119,9 +119,6 @@ public:
     std::string IncomingPath(const std::string& relative) const {
         return BobPath + "/Incoming Files/" + relative;
     }
-    std::string Received(const std::string& relative) const {
-        return ReadWholeFile(IncomingPath(relative));
-    }
 
     TempFolder Root;
     std::string AlicePath;

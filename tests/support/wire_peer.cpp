@@ -123,22 +123,17 @@ std::string SendSession(FarEnd& port, const std::vector<File>& files, const std:
     if (port.ReceiveUntil("RCVCON\r\n", 5000).find("RCVCON\r\n") == std::string::npos) {
         return "no RCVCON";
     }
-    std::string list;
+    std::string list = folder.empty() ? "" : Entry(folder, 1, 0, 0);
     uint32_t total = 0;
-    uint32_t count = 0;
-    if (!folder.empty()) {
-        list += Entry(folder, 1, 0, 0);
-        ++count;
-    }
     size_t withData = 0;
     for (const File& file : files) {
         const uint32_t length = StreamLength(file.Bytes.size());
         list += Entry(file.Name, file.Kind, length, length);
         total += length;
-        ++count;
         withData += file.Bytes.empty() ? 0 : 1;
     }
-    port.Send("H100\r\n" + Header(count, total) + list);
+    // Each entry is 56 bytes long.
+    port.Send("H100\r\n" + Header(static_cast<uint32_t>(list.size() / 56), total) + list);
     const std::string answer = port.ReceiveUntil("\r\n", 5000);
     if (withData == 0) {
         return answer == "ACK2\r\n" ? "" : "list of empty files answered with " + answer;
