@@ -56,8 +56,7 @@ using RingGivenUp = PeerAndStation;
 TEST(KilledStation, RestartedItHangsUpTheCallItsAdapterHeldAndTheResendGoesOnWhereItStopped) {
     AliceAndBob line("adtran-xr", {"--rate", "128000"});
     const auto setUp = [&line] {
-        ASSERT_EQ(line.Alice->Command("name Bob"), "ok");
-        ASSERT_EQ(line.Alice->Command("number 555-2002"), "ok");
+        ASSERT_TRUE(line.Alice->Address("Bob", "555-2002"));
         ASSERT_EQ(line.Alice->Command("protocol AIMUX"), "ok");
         ASSERT_EQ(line.Bob->Command("in-protocol AIMUX"), "ok");
     };

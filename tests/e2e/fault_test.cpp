@@ -39,18 +39,6 @@ size_t DataByte(size_t start, size_t section, size_t byte) {
     return start + section * SectionOnLine + 2 + byte;
 }
 
-// Two stations, Alice calling Bob, on adapters with the given faults.
-struct FaultyLine : AliceAndBob {
-    explicit FaultyLine(const std::vector<std::string>& faults, const std::string& rate = "0")
-        : AliceAndBob("zyxel-2864", [&] {
-              std::vector<std::string> options{"--rate", rate};
-              for (const std::string& fault : faults) {
-                  options.insert(options.end(), {"--fault", fault});
-              }
-              return options;
-          }()) {}
-};
-
 }  // namespace
 
 TEST(FaultyLineTest, ACorruptedByteIsFoundAndItsSectionSentAgainUnlessItIsInTheUncheckedTail) {
@@ -84,11 +72,11 @@ TEST(FaultyLineTest, ACorruptedByteIsFoundAndItsSectionSentAgainUnlessItIsInTheU
     EachCaseAtOnce(cases, [](const Case& c) {
         SCOPED_TRACE(c.What);
         const std::string bytes = RandomBytes(c.Size, 11);
-        std::vector<std::string> faults;
+        std::vector<std::string> options = {"--rate", "0"};
         for (const size_t offset : c.Offsets) {
-            faults.push_back("corrupt:5551001:" + std::to_string(offset));
+            options.insert(options.end(), {"--fault", "corrupt:5551001:" + std::to_string(offset)});
         }
-        FaultyLine line(faults);
+        AliceAndBob line("zyxel-2864", options);
         line.Choose({{"file.bin", bytes}});
         line.SendThrough();
         EXPECT_EQ(LinesHolding(line.Bob->LogLines(), {"Packet byte error"}), c.Lines);
@@ -118,7 +106,8 @@ TEST(FaultyLineTest, ACallCutOffAnywhereLeavesWholeFilesOrAResumableOneAndTheRes
     };
     EachCaseAtOnce(cases, [&](const Case& c) {
         SCOPED_TRACE(c.What);
-        FaultyLine line({"drop:5551001:" + std::to_string(c.Offset)});
+        AliceAndBob line("zyxel-2864",
+                         {"--rate", "0", "--fault", "drop:5551001:" + std::to_string(c.Offset)});
         line.Choose({{"big.bin", big}, {"note.txt", note}});
         ASSERT_EQ(line.Alice->Command("send"), "ok");
         line.BackToIdle();
@@ -156,7 +145,7 @@ TEST(FaultyLineTest, ACallCutOffAnywhereLeavesWholeFilesOrAResumableOneAndTheRes
 // disk of his installation: a list that does not fit there is refused, and
 // Alice says why and hangs up.
 TEST(FaultyLineTest, AListLargerThanTheRoomWhereFilesGoIsRefusedAndTheSenderSaysWhy) {
-    FaultyLine line({});
+    AliceAndBob line("zyxel-2864", {"--rate", "0"});
     SmallVolume volume(line.IncomingPath(""), "100k");
     if (!volume.Mounted()) {
         GTEST_SKIP() << volume.Why();
@@ -186,7 +175,7 @@ TEST(FaultyLineTest, AFarEndThatFallsSilentIsLetGoAndBothStationsCanBeCalledAgai
     const std::string note = RandomBytes(30000, 16);
     EachCaseAtOnce(cases, [&](const Case& c) {
         SCOPED_TRACE(c.What);
-        FaultyLine line({}, c.Rate);
+        AliceAndBob line("zyxel-2864", {"--rate", c.Rate});
         line.Choose({{"note.txt", note}});
         ASSERT_EQ(line.Alice->Command("send"), "ok");
         ASSERT_TRUE(line.Alice->WaitForLog(c.StopAfter));
@@ -226,7 +215,7 @@ TEST(FaultyLineTest, DisconnectOnEitherSideEndsTheCallCleanly) {
     const std::string note = RandomBytes(72000, 17);
     EachCaseAtOnce(cases, [&](const Case& c) {
         SCOPED_TRACE(c.What);
-        FaultyLine line({}, "24000");
+        AliceAndBob line("zyxel-2864", {"--rate", "24000"});
         line.Choose({{"note.txt", note}});
         ASSERT_EQ(line.Alice->Command("send"), "ok");
         ASSERT_EQ(line.Alice->Command(std::string("wait-state ") + c.State + " 30"), "ok");
@@ -364,8 +353,7 @@ TEST(CallEndTest, EveryCallEndsAndNoneHoldsTheLine) {
             continue;
         }
         ASSERT_TRUE(call.Sender->WaitForLog("Initializing Incoming"));
-        ASSERT_EQ(call.Sender->Command("name Far"), "ok");
-        ASSERT_EQ(call.Sender->Command("number " + number(i, true)), "ok");
+        ASSERT_TRUE(call.Sender->Address("Far", number(i, true)));
         if (call.Case.TwoChannels) {
             // Two channels as the families bundle them: AIMUX, or a ZyXEL's 2B.
             const bool zyxel = std::string(call.Case.SenderFamily).rfind("zyxel", 0) == 0;

@@ -51,8 +51,7 @@ protected:
     // The station calls the peer, which answers; what it sends is already
     // in its list.
     void CallThePeer() {
-        ASSERT_EQ(station_->Command("name Peer"), "ok");
-        ASSERT_EQ(station_->Command("number 5553003"), "ok");
+        ASSERT_TRUE(station_->Address("Peer", "5553003"));
         ASSERT_EQ(station_->Command("send"), "ok");
         ASSERT_TRUE(port_->Answer(30000));
     }

@@ -28,8 +28,7 @@ std::string Rows(Station& station, const std::string& control) {
 
 // Types a record into the form and presses Add; the new record is on show.
 void AddRecord(Station& station, const std::string& name, const std::string& number) {
-    EXPECT_EQ(station.Command("name " + name), "ok");
-    EXPECT_EQ(station.Command("number " + number), "ok");
+    EXPECT_TRUE(station.Address(name, number));
     EXPECT_EQ(station.Command("entry add"), "ok");
 }
 
@@ -143,8 +142,7 @@ TEST(EntriesInACall, AnEntryIsEnteredOnceAtTheEndOfTheCallThatBroughtItWhole) {
     AddRecord(*line.Alice, "Alice Ltd", "5551001");
     const std::string entry = line.Root / "samples/alice.KBE";
     ASSERT_EQ(line.Alice->Command("export " + entry), "ok");
-    ASSERT_EQ(line.Alice->Command("name Bob"), "ok");
-    ASSERT_EQ(line.Alice->Command("number 5552002"), "ok");
+    ASSERT_TRUE(line.Alice->Address("Bob", "5552002"));
     ASSERT_EQ(line.Alice->Command("choose " + line.Sample("big.bin", big)), "ok");
     ASSERT_EQ(line.Alice->Command("choose " + entry), "ok");
 

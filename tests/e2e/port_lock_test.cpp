@@ -40,8 +40,7 @@ TEST(PortLocks, StationsHonourLivingLocksReplaceStaleOnesAndRemoveTheirOwnAtTheE
               (std::vector<std::string>{"Searching Comm Port 1", "Searching Comm Port 2"}));
 
     WriteWholeFile(root / "note.bin", RandomBytes(16000, 7));
-    EXPECT_EQ(aliceStation->Command("name Bob"), "ok");
-    EXPECT_EQ(aliceStation->Command("number 555-2002"), "ok");
+    EXPECT_TRUE(aliceStation->Address("Bob", "555-2002"));
     EXPECT_EQ(aliceStation->Command("choose " + (root / "note.bin")), "ok");
     ASSERT_EQ(aliceStation->Command("send"), "ok");
     ASSERT_TRUE(bobStation->WaitForLog("Receiving File: note.bin"));

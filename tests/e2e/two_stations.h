@@ -44,8 +44,7 @@ public:
         // listens and he answers its first ring rather than its second.
         Bob = WaitingStation(BobPath);
         Alice = WaitingStation(AlicePath);
-        EXPECT_EQ(Alice->Command("name Bob"), "ok");
-        EXPECT_EQ(Alice->Command("number 555-2002"), "ok");
+        EXPECT_TRUE(Alice->Address("Bob", "555-2002"));
         EXPECT_TRUE(platform::CreateFolder(Root / "samples"));
     }
 
@@ -86,8 +85,7 @@ public:
     // Bob calls Alice and sends her a file of these bytes, which arrives
     // whole.
     void BobSendsBack(const std::string& bytes) {
-        ASSERT_EQ(Bob->Command("name Alice"), "ok");
-        ASSERT_EQ(Bob->Command("number 5551001"), "ok");
+        ASSERT_TRUE(Bob->Address("Alice", "5551001"));
         ASSERT_EQ(Bob->Command("choose " + Sample("back.bin", bytes)), "ok");
         ASSERT_EQ(Bob->Command("send"), "ok");
         ASSERT_TRUE(Bob->WaitForLog("All files sent.")) << Logs();
