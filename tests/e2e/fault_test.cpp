@@ -27,7 +27,6 @@ using namespace kb::platform;
 
 namespace {
 
-using peer::ListBytes;
 using peer::SectionData;
 
 constexpr size_t SectionOnLine = SectionData + 2;
@@ -43,7 +42,7 @@ size_t DataByte(size_t start, size_t section, size_t byte) {
 
 TEST(FaultyLineTest, ACorruptedByteIsFoundAndItsSectionSentAgainUnlessItIsInTheUncheckedTail) {
     constexpr size_t Whole = 7 * SectionData + 9000;  // seven full sections and a short one
-    const size_t start = ListBytes(1);
+    const size_t start = peer::ListBytes(1);
     // One section that ends exactly on a block: after it the sender waits,
     // so its bytes on the line are the section, "SENDRECOVR\r\n" and the
     // section again.
@@ -91,7 +90,7 @@ TEST(FaultyLineTest, ACorruptedByteIsFoundAndItsSectionSentAgainUnlessItIsInTheU
 TEST(FaultyLineTest, ACallCutOffAnywhereLeavesWholeFilesOrAResumableOneAndTheResendCompletes) {
     const std::string big = RandomBytes(1 << 20, 14);
     const std::string note = RandomBytes(20000, 15);
-    const size_t start = ListBytes(2);
+    const size_t start = peer::ListBytes(2);
     const size_t noteStart = start + peer::StreamLength(big.size());
     struct Case {
         const char* What;

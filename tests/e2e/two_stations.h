@@ -99,15 +99,10 @@ public:
                                    const std::string& listen, const std::string& number,
                                    uint16_t port) {
         const std::string other = who == "bob" ? "alice" : "bob";
-        const std::vector<std::string> more = {
-            "--identity",
-            Root / who + ".key",
-            "--listen",
-            listen,
-            "--route",
-            number + "=127.0.0.1:" + std::to_string(port) + "/" +
-                ShowIdentity(VIRTUAL_TA_PATH, Root / other + ".key")};
-        options.insert(options.end(), more.begin(), more.end());
+        options.insert(options.end(),
+                       {"--identity", Root / who + ".key", "--listen", listen, "--route",
+                        number + "=127.0.0.1:" + std::to_string(port) + "/" +
+                            ShowIdentity(VIRTUAL_TA_PATH, Root / other + ".key")});
         return options;
     }
 
