@@ -21,7 +21,7 @@ using namespace kb::platform;
 
 namespace {
 
-constexpr uintmax_t SectionData = 131070;
+using peer::SectionData;
 
 // The bytes of a file on the disk so far, 0 while it is not there.
 uintmax_t SizeOnDisk(const std::string& path) {
@@ -56,8 +56,7 @@ using RingGivenUp = PeerAndStation;
 TEST(KilledStation, RestartedItHangsUpTheCallItsAdapterHeldAndTheResendGoesOnWhereItStopped) {
     AliceAndBob line("adtran-xr", {"--rate", "128000"});
     const auto setUp = [&line] {
-        ASSERT_EQ(line.Alice->Command("name Bob"), "ok");
-        ASSERT_EQ(line.Alice->Command("number 555-2002"), "ok");
+        ASSERT_TRUE(line.Alice->Address("Bob", "555-2002"));
         ASSERT_EQ(line.Alice->Command("protocol AIMUX"), "ok");
         ASSERT_EQ(line.Bob->Command("in-protocol AIMUX"), "ok");
     };
@@ -120,7 +119,7 @@ TEST(KilledStation, RestartedItHangsUpTheCallItsAdapterHeldAndTheResendGoesOnWhe
         EXPECT_EQ(line.Bob->Count("Recovering File: " + name), 1) << line.Bob->LogText();
         EXPECT_EQ(line.Alice->Count("Sending Recovered File: " + name), 1);
         for (const peer::File& file : files) {
-            EXPECT_TRUE(line.Received(file.Name) == file.Bytes) << file.Name;
+            ExpectSameBytes(line.IncomingPath(file.Name), file.Bytes);
         }
         EXPECT_FALSE(PathExists(part));
     }

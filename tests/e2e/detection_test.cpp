@@ -17,7 +17,7 @@ struct Family {
     const char* Checked;  // the Port Speed item checked afterwards
 };
 
-const Family Families[] = {
+const std::vector<Family> Families = {
     {"bitsurfr", "     BitSURFR Pro", "Test Successful through 230400 bps.", "230400"},
     {"adtran-xr", "     AdTran Express XR", "Test Successful through 115200 bps.", "115200"},
     {"adtran-xrt", "     AdTran Express XRT", "Test Successful through 115200 bps.", "115200"},
@@ -27,60 +27,52 @@ const Family Families[] = {
     {"3com", "     3ComImpact IQ", "Test Successful through 230400 bps.", "230400"},
 };
 
-class Detection : public ::testing::TestWithParam<Family> {};
-
 }  // namespace
 
-TEST_P(Detection, FindsTheAdapterShowsItsNumberAndTakesTheIncomingProfile) {
-    const Family& family = GetParam();
-    TempFolder root;
-    const std::string folder = MakeInstallation(root, "station");
-    const std::string number = "4930123456789";
-    VirtualAdapters adapters({folder + "/COM1=" + family.Name + ":" + number});
-    Station station(folder);
-    ASSERT_TRUE(station.WaitForLog("Initializing Incoming: V.120 - 64K"));
+// Every family at once, each with an adapter and a station of its own.
+TEST(Detection, FindsTheAdapterOfEveryFamilyShowsItsNumberAndTakesTheIncomingProfile) {
+    EachCaseAtOnce(Families, [](const Family& family) {
+        SCOPED_TRACE(family.Name);
+        TempFolder root;
+        const std::string folder = MakeInstallation(root, "station");
+        const std::string number = "4930123456789";
+        VirtualAdapters adapters({folder + "/COM1=" + family.Name + ":" + number});
+        Station station(folder);
+        ASSERT_TRUE(station.WaitForLog("Initializing Incoming: V.120 - 64K"));
 
-    const std::vector<std::string> search = LinesHolding(
-        station.LogLines(), {"Searching", "Testing", "Test Successful", "Initializing"});
-    std::vector<std::string> expected = {"Searching Comm Port 1", "Testing 57600 bps...",
-                                         "Testing 115200 bps..."};
-    if (std::string(family.Checked) == "230400") {
-        expected.push_back("Testing 230400 bps...");
-    }
-    expected.push_back(family.TopLine);
-    expected.push_back("Initializing Incoming: V.120 - 64K");
-    EXPECT_EQ(search, expected);
-    if (std::string(family.Name).rfind("zyxel", 0) == 0) {
-        EXPECT_TRUE(station.WaitForLog("2B channel connection OFF"));
-        EXPECT_TRUE(station.WaitForLog("V.42bis compression OFF"));
-    }
+        const std::vector<std::string> search = LinesHolding(
+            station.LogLines(), {"Searching", "Testing", "Test Successful", "Initializing"});
+        std::vector<std::string> expected = {"Searching Comm Port 1", "Testing 57600 bps...",
+                                             "Testing 115200 bps..."};
+        if (std::string(family.Checked) == "230400") {
+            expected.push_back("Testing 230400 bps...");
+        }
+        expected.push_back(family.TopLine);
+        expected.push_back("Initializing Incoming: V.120 - 64K");
+        EXPECT_EQ(search, expected);
+        if (std::string(family.Name).rfind("zyxel", 0) == 0) {
+            EXPECT_TRUE(station.WaitForLog("2B channel connection OFF"));
+            EXPECT_TRUE(station.WaitForLog("V.42bis compression OFF"));
+        }
 
-    EXPECT_EQ(station.ShowControl("IDC_OWN_NUMBER"),
-              std::string("control IDC_OWN_NUMBER text=\"Your ISDN Number: ") + number +
-                  family.Label + "\" enabled=1 shown=1");
-    EXPECT_EQ(station.ShowControl("window"),
-              "window caption=\"station (" + number + ") - Kestrelbound\"");
-    EXPECT_NE(station.ShowControl("menu text=\"&Port Speed\"")
-                  .find(std::string("checked=\"") + family.Checked + "\""),
-              std::string::npos);
-    EXPECT_TRUE(station.Messages().empty());
-    EXPECT_EQ(station.Quit(), 0);
+        EXPECT_EQ(station.ShowControl("IDC_OWN_NUMBER"),
+                  std::string("control IDC_OWN_NUMBER text=\"Your ISDN Number: ") + number +
+                      family.Label + "\" enabled=1 shown=1");
+        EXPECT_EQ(station.ShowControl("window"),
+                  "window caption=\"station (" + number + ") - Kestrelbound\"");
+        EXPECT_NE(station.ShowControl("menu text=\"&Port Speed\"")
+                      .find(std::string("checked=\"") + family.Checked + "\""),
+                  std::string::npos);
+        EXPECT_TRUE(station.Messages().empty());
+        EXPECT_EQ(station.Quit(), 0);
 
-    // The search is saved: the port, the family and the top speed.
-    const std::string prefs = ReadWholeFile(folder + "/kestrelbound_prefs");
-    ASSERT_EQ(prefs.size(), 1176u);
-    EXPECT_EQ(prefs[0], 1) << "COM1";
-    EXPECT_EQ(std::string(prefs.data() + 4, 4), std::string("\x00\x84\x03\x00", 4)) << "230400";
+        // The search is saved: the port, the family and the top speed.
+        const std::string prefs = ReadWholeFile(folder + "/kestrelbound_prefs");
+        ASSERT_EQ(prefs.size(), 1176u);
+        EXPECT_EQ(prefs[0], 1) << "COM1";
+        EXPECT_EQ(std::string(prefs.data() + 4, 4), std::string("\x00\x84\x03\x00", 4)) << "230400";
+    });
 }
-
-INSTANTIATE_TEST_SUITE_P(EveryFamily, Detection, ::testing::ValuesIn(Families),
-                         [](const ::testing::TestParamInfo<Family>& info) {
-                             std::string name = info.param.Name;
-                             for (char& c : name) {
-                                 c = c == '-' ? '_' : c;
-                             }
-                             return name;
-                         });
 
 TEST(DetectionLimits, APortThatTopsOutAt57600IsSavedAndTheNextStartGoesStraightToIt) {
     TempFolder root;

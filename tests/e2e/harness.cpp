@@ -39,17 +39,11 @@ std::string Unescaped(const std::string& shown) {
             continue;
         }
         const char kind = shown[++at];
-        if (kind == 'r') {
-            text += '\r';
-        } else if (kind == 'n') {
-            text += '\n';
-        } else if (kind == 't') {
-            text += '\t';
-        } else if (kind == 'x' && at + 2 < shown.size()) {
+        if (kind == 'x' && at + 2 < shown.size()) {
             text += static_cast<char>(std::stoi(shown.substr(at + 1, 2), nullptr, 16));
             at += 2;
         } else {
-            text += kind;
+            text += kind == 'r' ? '\r' : kind == 'n' ? '\n' : kind == 't' ? '\t' : kind;
         }
     }
     return text;

@@ -49,6 +49,11 @@ public:
     // "error: ..." (with the prefix); "" if no answer came in time.
     std::string Command(const std::string& command,
                         std::chrono::milliseconds limit = std::chrono::seconds(120));
+    // Types a correspondent's name and ISDN number into the form; whether
+    // both were taken.
+    bool Address(const std::string& name, const std::string& number) {
+        return Command("name " + name) == "ok" && Command("number " + number) == "ok";
+    }
     // Waits until a log line holding text has come (counting lines already
     // seen since the last successful wait of this kind).
     bool WaitForLog(const std::string& text,

@@ -18,8 +18,6 @@
 
 namespace kb::test {
 
-using platform::CreateFolder;
-
 // The files that came to the peer are those the station sent, in order, or
 // in any order when they are a folder's, which goes as the folder lists it.
 inline void ExpectArrived(std::vector<peer::File> arrived, const std::vector<peer::File>& sent,
@@ -53,15 +51,14 @@ protected:
     // The station calls the peer, which answers; what it sends is already
     // in its list.
     void CallThePeer() {
-        ASSERT_EQ(station_->Command("name Peer"), "ok");
-        ASSERT_EQ(station_->Command("number 5553003"), "ok");
+        ASSERT_TRUE(station_->Address("Peer", "5553003"));
         ASSERT_EQ(station_->Command("send"), "ok");
         ASSERT_TRUE(port_->Answer(30000));
     }
 
     // Sample files of these bytes, chosen for the station to send.
     void Choose(const std::vector<peer::File>& files) {
-        ASSERT_TRUE(CreateFolder(root_ / "samples"));
+        ASSERT_TRUE(platform::CreateFolder(root_ / "samples"));
         for (const peer::File& file : files) {
             WriteWholeFile(root_ / "samples/" + file.Name, file.Bytes);
             ASSERT_EQ(station_->Command("choose " + (root_ / "samples/" + file.Name)), "ok");

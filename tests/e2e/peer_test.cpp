@@ -4,12 +4,10 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "peer_fixture.h"
-#include "platform/files.h"
 
 namespace kb::test {
 
@@ -26,12 +24,6 @@ TEST_F(PeerAndStation, APeerSendsAFolderOfFilesAndTheStationFilesThemIdentical) 
     for (const peer::File& file : files) {
         EXPECT_TRUE(Incoming("Album/" + file.Name) == file.Bytes) << file.Name;
     }
-    EXPECT_EQ(LinesHolding(station_->LogLines(),
-                           {"Created new folder", "Receiving File", "All files received"}),
-              (std::vector<std::string>{"Created new folder: Album", "Receiving File: hello.txt",
-                                        "Receiving File: one.byte", "Receiving File: block.bin",
-                                        "Receiving File: whole.bin", "Receiving File: mid.bin",
-                                        "Receiving File: big.bin", "All files received."}));
 }
 
 // The station sends files, then in a second call a folder. In the first,
@@ -50,7 +42,6 @@ TEST_F(PeerAndStation, AStationSendsFilesAndAFolderAndThePeerReceivesThemIdentic
     ExpectArrived(arrived, files);
     // The station hangs up once the last file is acknowledged.
     StationHangsUp();
-    EXPECT_EQ(station_->Count("All files sent."), 1);
 
     // The folder's marker comes first, a program file with its kind.
     const std::vector<peer::File> holiday = {
@@ -69,7 +60,6 @@ TEST_F(PeerAndStation, AStationSendsFilesAndAFolderAndThePeerReceivesThemIdentic
     EXPECT_EQ(folder, "Holiday");
     ExpectArrived(arrived, holiday, true);
     StationHangsUp();
-    EXPECT_EQ(station_->Count("All files sent."), 2);
 }
 
 }  // namespace kb::test

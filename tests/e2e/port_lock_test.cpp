@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdlib>
 #include <string>
 
 #include "harness.h"
@@ -39,11 +38,9 @@ TEST(PortLocks, StationsHonourLivingLocksReplaceStaleOnesAndRemoveTheirOwnAtTheE
     auto bobStation = WaitingStation(bob);
     EXPECT_EQ(LinesHolding(aliceStation->LogLines(), {"Searching Comm Port"}),
               (std::vector<std::string>{"Searching Comm Port 1", "Searching Comm Port 2"}));
-    EXPECT_EQ(ReadWholeFile(aliceBlocked), TextLock(::getpid()));
 
     WriteWholeFile(root / "note.bin", RandomBytes(16000, 7));
-    EXPECT_EQ(aliceStation->Command("name Bob"), "ok");
-    EXPECT_EQ(aliceStation->Command("number 555-2002"), "ok");
+    EXPECT_TRUE(aliceStation->Address("Bob", "555-2002"));
     EXPECT_EQ(aliceStation->Command("choose " + (root / "note.bin")), "ok");
     ASSERT_EQ(aliceStation->Command("send"), "ok");
     ASSERT_TRUE(bobStation->WaitForLog("Receiving File: note.bin"));

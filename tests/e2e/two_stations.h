@@ -17,8 +17,6 @@
 
 namespace kb::test {
 
-using platform::CreateFolder;
-
 class AliceAndBob {
 public:
     // Bob's adapter is of the family given; Alice's is a BitSURFR. The
@@ -46,9 +44,8 @@ public:
         // listens and he answers its first ring rather than its second.
         Bob = WaitingStation(BobPath);
         Alice = WaitingStation(AlicePath);
-        EXPECT_EQ(Alice->Command("name Bob"), "ok");
-        EXPECT_EQ(Alice->Command("number 555-2002"), "ok");
-        EXPECT_TRUE(CreateFolder(Root / "samples"));
+        EXPECT_TRUE(Alice->Address("Bob", "555-2002"));
+        EXPECT_TRUE(platform::CreateFolder(Root / "samples"));
     }
 
     // A sample file of the given bytes; its path.
@@ -65,20 +62,35 @@ public:
         }
     }
 
-    // Alice presses Send; both sides see the session through.
-    void SendThrough() {
-        ASSERT_EQ(Alice->Command("send"), "ok");
+    // Alice presses Send, or gives the command that starts the call; both
+    // sides see the session through.
+    void SendThrough(const std::string& command = "send") {
+        ASSERT_EQ(Alice->Command(command), "ok");
         ASSERT_TRUE(Alice->WaitForLog("All files sent."));
         ASSERT_TRUE(Bob->WaitForLog("All files received."));
         BackToIdle();
     }
 
-    // Both stations have their incoming profile again and are idle.
+    // Both stations have ended the call, have their incoming profile again
+    // and are idle.
     void BackToIdle() {
-        ASSERT_TRUE(Alice->WaitForLog("Reinitializing Incoming"));
-        ASSERT_TRUE(Bob->WaitForLog("Reinitializing Incoming"));
+        for (Station* station : {Alice.get(), Bob.get()}) {
+            ASSERT_TRUE(station->WaitForLog("Disconnected")) << Logs();
+            ASSERT_TRUE(station->WaitForLog("Reinitializing Incoming")) << Logs();
+        }
         ASSERT_EQ(Alice->Command("wait-state idle 30"), "ok");
         ASSERT_EQ(Bob->Command("wait-state idle 30"), "ok");
+    }
+
+    // Bob calls Alice and sends her a file of these bytes, which arrives
+    // whole.
+    void BobSendsBack(const std::string& bytes) {
+        ASSERT_TRUE(Bob->Address("Alice", "5551001"));
+        ASSERT_EQ(Bob->Command("choose " + Sample("back.bin", bytes)), "ok");
+        ASSERT_EQ(Bob->Command("send"), "ok");
+        ASSERT_TRUE(Bob->WaitForLog("All files sent.")) << Logs();
+        ASSERT_TRUE(Alice->WaitForLog("All files received.")) << Logs();
+        ExpectSameBytes(AlicePath + "/Incoming Files/back.bin", bytes);
     }
 
     // A tool of the two apart: its key in Root, listening on the address,
@@ -87,15 +99,10 @@ public:
                                    const std::string& listen, const std::string& number,
                                    uint16_t port) {
         const std::string other = who == "bob" ? "alice" : "bob";
-        const std::vector<std::string> more = {
-            "--identity",
-            Root / who + ".key",
-            "--listen",
-            listen,
-            "--route",
-            number + "=127.0.0.1:" + std::to_string(port) + "/" +
-                ShowIdentity(VIRTUAL_TA_PATH, Root / other + ".key")};
-        options.insert(options.end(), more.begin(), more.end());
+        options.insert(options.end(),
+                       {"--identity", Root / who + ".key", "--listen", listen, "--route",
+                        number + "=127.0.0.1:" + std::to_string(port) + "/" +
+                            ShowIdentity(VIRTUAL_TA_PATH, Root / other + ".key")});
         return options;
     }
 
@@ -104,9 +111,6 @@ public:
 
     std::string IncomingPath(const std::string& relative) const {
         return BobPath + "/Incoming Files/" + relative;
-    }
-    std::string Received(const std::string& relative) const {
-        return ReadWholeFile(IncomingPath(relative));
     }
 
     TempFolder Root;

@@ -13,14 +13,11 @@
 
 namespace kb::test {
 
-bool BecomeUnprivileged() {
-    return ::setgroups(0, nullptr) == 0 && ::setgid(UnprivilegedId) == 0 &&
-           ::setuid(UnprivilegedId) == 0;
-}
-
 ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& arguments,
                            const std::string& folder, Errors errors, int descriptorLimit,
                            bool unprivileged) {
+    // "nobody": a user who may open no device but its own and those open to all.
+    constexpr uid_t Nobody = 65534;
     int toChild[2];
     int fromChild[2];
     int errorsFromChild[2] = {-1, -1};
@@ -53,7 +50,8 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
         const rlimit limit{static_cast<rlim_t>(descriptorLimit),
                            static_cast<rlim_t>(descriptorLimit)};
         if ((descriptorLimit > 0 && ::setrlimit(RLIMIT_NOFILE, &limit) != 0) ||
-            (unprivileged && !BecomeUnprivileged())) {
+            (unprivileged &&
+             (::setgroups(0, nullptr) != 0 || ::setgid(Nobody) != 0 || ::setuid(Nobody) != 0))) {
             ::_exit(126);
         }
         ::execv(argv[0], argv.data());

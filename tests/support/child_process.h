@@ -15,14 +15,6 @@
 
 namespace kb::test {
 
-// The user and group "nobody": a user who may open no device but those of
-// its own and those open to all.
-constexpr uid_t UnprivilegedId = 65534;
-
-// Takes this process, a test's child, to UnprivilegedId for good; false if
-// it cannot. Only system calls: it runs between fork and exec.
-bool BecomeUnprivileged();
-
 class ChildProcess {
 public:
     // Where the child's standard error goes.
@@ -30,7 +22,7 @@ public:
 
     // Starts program with arguments in folder ("" for this process's own),
     // allowed that many open descriptors when descriptorLimit is not 0, as
-    // the user and group UnprivilegedId with no other groups when
+    // the user and group "nobody" (65534) with no other groups when
     // unprivileged (a test running as root only); throws if it cannot.
     ChildProcess(const std::string& program, const std::vector<std::string>& arguments,
                  const std::string& folder = "", Errors errors = Errors::PassedThrough,

@@ -9,6 +9,8 @@
 #include <filesystem>
 #include <string>
 
+#include "support/temp_folder.h"
+
 namespace kb::test {
 
 EnvironmentValue::EnvironmentValue(const char* name, const std::string& value) : name_(name) {
@@ -35,13 +37,7 @@ double ThreadCpuMs() {
 double ProcessCpuMs(pid_t pid) {
     // The name in the second field may hold blanks; the fields behind its
     // closing bracket are counted from the third on.
-    std::string stat;
-    if (FILE* file = std::fopen(("/proc/" + std::to_string(pid) + "/stat").c_str(), "r")) {
-        char buffer[1024];
-        const size_t n = std::fread(buffer, 1, sizeof buffer, file);
-        std::fclose(file);
-        stat.assign(buffer, n);
-    }
+    const std::string stat = ReadWholeFile("/proc/" + std::to_string(pid) + "/stat");
     const size_t close = stat.rfind(')');
     if (close == std::string::npos) {
         return -1;
@@ -58,13 +54,11 @@ double ProcessCpuMs(pid_t pid) {
 }
 
 long ProcessMemoryKb(pid_t pid, bool peak) {
-    long kb = -1;
-    if (FILE* file = std::fopen(("/proc/" + std::to_string(pid) + "/status").c_str(), "r")) {
-        char line[256];
-        while (std::fgets(line, sizeof line, file) != nullptr &&
-               std::sscanf(line, peak ? "VmHWM: %ld kB" : "VmRSS: %ld kB", &kb) != 1) {
-        }
-        std::fclose(file);
+    const std::string status = ReadWholeFile("/proc/" + std::to_string(pid) + "/status");
+    const size_t at = status.find(peak ? "VmHWM:" : "VmRSS:");
+    long kb = -1;  // as long as no number is read
+    if (at != std::string::npos) {
+        std::sscanf(status.c_str() + at + 6, "%ld", &kb);
     }
     return kb;
 }

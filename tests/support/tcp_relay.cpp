@@ -123,13 +123,6 @@ void TcpRelay::Run() {
         Direction Way[2];  // Way[side]: from Fd[side] to Fd[1 - side]
     };
     std::vector<Pair> pairs;
-    const auto closeAll = [&] {
-        for (const Pair& pair : pairs) {
-            ::close(pair.Fd[0]);
-            ::close(pair.Fd[1]);
-        }
-        pairs.clear();
-    };
     for (;;) {
         Clock::time_point now = Clock::now();
         std::optional<Clock::time_point> wakeAt;
@@ -174,7 +167,11 @@ void TcpRelay::Run() {
         if ((entries[0].revents & POLLIN) != 0) {
             char request = 0;
             (void)!::read(wake_[0], &request, 1);
-            closeAll();
+            for (const Pair& pair : pairs) {
+                ::close(pair.Fd[0]);
+                ::close(pair.Fd[1]);
+            }
+            pairs.clear();
             if (request == 's') {
                 return;
             }

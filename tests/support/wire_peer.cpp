@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <initializer_list>
 #include <thread>
+#include <utility>
 
 namespace kb::test {
 
@@ -10,12 +12,13 @@ namespace peer {
 
 namespace {
 
-constexpr size_t SectionData = 131070;
 constexpr size_t Chunk = 1024;
 
-void Put32(std::string& out, uint32_t value) {
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        out += static_cast<char>((value >> shift) & 0xFF);
+void Put32(std::string& out, std::initializer_list<uint32_t> values) {
+    for (const uint32_t value : values) {
+        for (int shift = 24; shift >= 0; shift -= 8) {
+            out += static_cast<char>((value >> shift) & 0xFF);
+        }
     }
 }
 
@@ -55,11 +58,10 @@ uint16_t SectionChecksum(const uint8_t* bytes, size_t length) {
 
 std::string Header(uint32_t fileCount, uint32_t totalBytes, uint32_t magic) {
     std::string out;
-    Put32(out, magic);
+    Put32(out, {magic});
     out.append(10, '\0');
     out += std::string("W100\0\0", 6);
-    Put32(out, fileCount);
-    Put32(out, totalBytes);
+    Put32(out, {fileCount, totalBytes});
     return out;
 }
 
@@ -67,10 +69,7 @@ std::string Entry(const std::string& name, int32_t kind, uint32_t totalLength,
                   uint32_t dataLength) {
     std::string out = name.substr(0, 31);
     out.resize(32, '\0');
-    Put32(out, static_cast<uint32_t>(kind));
-    Put32(out, totalLength);
-    Put32(out, dataLength);
-    Put32(out, 0);
+    Put32(out, {static_cast<uint32_t>(kind), totalLength, dataLength, 0});
     out += "dosaTEXT";
     return out;
 }
@@ -89,24 +88,16 @@ std::string RecoveryBody(uint32_t dataLength, uint32_t section, uint32_t receive
     constexpr uint32_t BlockBytes = 8192;
     const uint32_t nextBlock = section * 16;
     std::string out;
-    Put32(out, BlockBytes);  // the block expected next: a whole one
-    Put32(out, receiveRemaining);
-    Put32(out, 0);           // a plain file
-    Put32(out, dataLength);  // total length
-    Put32(out, dataLength);
-    Put32(out, 0);      // no second stream
+    // The block expected next, a whole one; what is left of the list; a plain
+    // file; its total and data lengths; no second stream.
+    Put32(out, {BlockBytes, receiveRemaining, 0, dataLength, dataLength, 0});
     out += "asodTXET";  // the two codes, each turned like a number
-    Put32(out, 0);      // not complete
-    Put32(out, nextBlock);
-    Put32(out, dataLength / BlockBytes);
-    Put32(out, nextBlock);  // blocks done
-    Put32(out, dataLength % BlockBytes);
-    Put32(out, 0);  // data not done
-    for (int field = 0; field < 4; ++field) {
-        Put32(out, 0);  // the second stream's position
-    }
-    Put32(out, 1);  // the empty second stream is done
-    Put32(out, nextBlock * BlockBytes);
+    // Not complete; the next block; the stream's whole blocks; the blocks
+    // done; the bytes of its short last block; data not done; the second
+    // stream's position, four fields; the empty second stream done; the
+    // bytes done.
+    Put32(out, {0, nextBlock, dataLength / BlockBytes, nextBlock, dataLength % BlockBytes, 0, 0, 0,
+                0, 0, 1, nextBlock * BlockBytes});
     return out;
 }
 
@@ -132,22 +123,17 @@ std::string SendSession(FarEnd& port, const std::vector<File>& files, const std:
     if (port.ReceiveUntil("RCVCON\r\n", 5000).find("RCVCON\r\n") == std::string::npos) {
         return "no RCVCON";
     }
-    std::string list;
+    std::string list = folder.empty() ? "" : Entry(folder, 1, 0, 0);
     uint32_t total = 0;
-    uint32_t count = 0;
-    if (!folder.empty()) {
-        list += Entry(folder, 1, 0, 0);
-        ++count;
-    }
     size_t withData = 0;
     for (const File& file : files) {
         const uint32_t length = StreamLength(file.Bytes.size());
         list += Entry(file.Name, file.Kind, length, length);
         total += length;
-        ++count;
         withData += file.Bytes.empty() ? 0 : 1;
     }
-    port.Send("H100\r\n" + Header(count, total) + list);
+    // Each entry is 56 bytes long.
+    port.Send("H100\r\n" + Header(static_cast<uint32_t>(list.size() / 56), total) + list);
     const std::string answer = port.ReceiveUntil("\r\n", 5000);
     if (withData == 0) {
         return answer == "ACK2\r\n" ? "" : "list of empty files answered with " + answer;
@@ -206,12 +192,8 @@ std::string ReceiveSession(FarEnd& port, std::vector<File>& files, std::string* 
     if (list.size() != 56 * size_t{count}) {
         return "a short list";
     }
-    struct Announced {
-        std::string Name;
-        uint32_t DataLength;
-        int32_t Kind;
-    };
-    std::vector<Announced> announced;
+    // Each file announced, with the length of its stream.
+    std::vector<std::pair<File, uint32_t>> announced;
     uint32_t total = 0;
     size_t left = 0;  // files with data still to come
     for (uint32_t i = 0; i < count; ++i) {
@@ -244,18 +226,17 @@ std::string ReceiveSession(FarEnd& port, std::vector<File>& files, std::string* 
         }
         total += dataLength;
         left += dataLength != 0 ? 1 : 0;
-        announced.push_back({name, dataLength, static_cast<int32_t>(kind)});
+        announced.push_back({{name, "", static_cast<int32_t>(kind)}, dataLength});
     }
     if (total != Get32(header, 24)) {
         return "a total that is not the sum of the entries";
     }
     SendToken(port, "ACK3\r\n", tokenPauseMs);
-    for (const Announced& a : announced) {
-        File file{a.Name, "", a.Kind};
-        if (a.DataLength != 0) {
-            const std::string stream = port.Receive(a.DataLength, 30000);
-            if (stream.size() != a.DataLength) {
-                return a.Name + " arrived short";
+    for (auto& [file, dataLength] : announced) {
+        if (dataLength != 0) {
+            const std::string stream = port.Receive(dataLength, 30000);
+            if (stream.size() != dataLength) {
+                return file.Name + " arrived short";
             }
             for (size_t at = 0; at < stream.size(); at += SectionData + 2) {
                 const size_t length = std::min(SectionData, stream.size() - at - 2);
@@ -263,7 +244,7 @@ std::string ReceiveSession(FarEnd& port, std::vector<File>& files, std::string* 
                 const uint16_t sum = static_cast<uint16_t>((static_cast<uint8_t>(stream[at]) << 8) |
                                                            static_cast<uint8_t>(stream[at + 1]));
                 if (sum != SectionChecksum(bytes, length)) {
-                    return a.Name + " has a section that fails its checksum";
+                    return file.Name + " has a section that fails its checksum";
                 }
                 file.Bytes.append(stream, at + 2, length);
             }

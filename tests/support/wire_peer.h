@@ -5,6 +5,7 @@
 // would, and can also send it anything at all.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -14,6 +15,15 @@
 namespace kb::test {
 
 namespace peer {
+
+// The file bytes of a whole section.
+constexpr size_t SectionData = 131070;
+
+// What a sender puts on the line ahead of its first file's stream: SYNCON,
+// H100, the header and an entry for each file.
+constexpr size_t ListBytes(size_t entries) {
+    return 8 + 6 + 28 + 56 * entries;
+}
 
 // Records and data as the wire carries them; integers high byte first.
 std::string Header(uint32_t fileCount, uint32_t totalBytes, uint32_t magic = 0xFFAA5500u);
