@@ -338,8 +338,7 @@ TEST_F(MainWindowTest, TheLogKeeps600LinesThe601stLeaves301AndClearLogLeavesOnly
     window_->Log().OnClearLog();
     EXPECT_EQ(Controls().RowCount(IDC_LOG), 0);
     StopWindow();
-    const std::string bytes = ReadWholeFile(Stores().Paths.LogPath);
-    const std::vector<std::string> lines = LogLinesFromBuffer(bytes.data(), bytes.size());
+    const std::vector<std::string> lines = SavedLog(folder_.Path());
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].rfind("Stopping Kestrelbound ", 0), 0u);
 }

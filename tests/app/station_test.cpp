@@ -43,11 +43,6 @@ std::string Command(ChildProcess& station, const std::string& command) {
     return "";
 }
 
-std::vector<std::string> StoredLines(const std::string& path) {
-    const std::string bytes = ReadWholeFile(path);
-    return LogLinesFromBuffer(bytes.data(), bytes.size());
-}
-
 // Every line of output is whole and of one of the kinds the station prints:
 // threads that print while the station ends never tear a line.
 void ExpectWholeLines(const std::vector<std::string>& lines) {
@@ -119,7 +114,7 @@ TEST(StationTest, WithoutAnAdapterItRefusesToSendAndOnlySigtermEndsIt) {
     EXPECT_EQ(station.WaitForExit(0ms), -1);
     EXPECT_EQ(station.Stop(SIGTERM, 30s), 0);
     EXPECT_EQ(LinesHolding(station.AllLines(), {"log: Stopping Kestrelbound "}).size(), 1u);
-    const std::vector<std::string> stored = StoredLines(folder + "/kestrelbound_log");
+    const std::vector<std::string> stored = SavedLog(folder);
     ASSERT_GE(stored.size(), 2u);
     EXPECT_EQ(stored.front().rfind("Starting Kestrelbound ", 0), 0u);
     EXPECT_EQ(stored.back().rfind("Stopping Kestrelbound ", 0), 0u);
@@ -152,7 +147,7 @@ TEST(StationTest, StationsThatLeaveDuringATransferStopCleanlyAndKeepThePartForAR
     EXPECT_EQ(b.WaitForExit(30s), 0);
     EXPECT_TRUE(PathExists(receiver + "/Incoming Files/big.bin.part"));
     EXPECT_FALSE(PathExists(receiver + "/Incoming Files/big.bin"));
-    const std::vector<std::string> stored = StoredLines(receiver + "/kestrelbound_log");
+    const std::vector<std::string> stored = SavedLog(receiver);
     ASSERT_FALSE(stored.empty());
     EXPECT_EQ(stored.back().rfind("Stopping Kestrelbound ", 0), 0u);
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "platform/files.h"
 #include "support/tcp_relay.h"
 #include "support/temp_folder.h"
 
@@ -167,6 +168,7 @@ std::unique_ptr<Station> WaitingStation(const std::string& folder) {
 }
 
 void ExpectSameBytes(const std::string& path, const std::string& expected) {
+    EXPECT_TRUE(platform::PathExists(path)) << path << " is missing";  // reads as empty
     const std::string arrived = ReadWholeFile(path);
     EXPECT_EQ(arrived.size(), expected.size()) << path;
     EXPECT_TRUE(arrived == expected) << path << " differs";

@@ -2,6 +2,9 @@
 
 #include <filesystem>
 
+#include "stores/paths.h"
+#include "stores/status_log.h"
+
 namespace kb::test {
 
 void BlockPorts(const std::string& folder, int firstPort) {
@@ -16,6 +19,11 @@ std::string MakeInstallation(const TempFolder& root, const std::string& name, in
     std::filesystem::create_directories(folder, ignored);
     BlockPorts(folder, firstFreePort);
     return folder;
+}
+
+std::vector<std::string> SavedLog(const std::string& installation) {
+    const std::string bytes = ReadWholeFile(stores::StorePaths(installation).LogPath);
+    return stores::LogLinesFromBuffer(bytes.data(), bytes.size());
 }
 
 }  // namespace kb::test

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "support/temp_folder.h"
 
@@ -18,5 +19,8 @@ void BlockPorts(const std::string& folder, int firstPort = 1);
 // (COM1 by default).
 std::string MakeInstallation(const TempFolder& root, const std::string& name,
                              int firstFreePort = 2);
+
+// The lines of an installation's saved log, read as the program reads them.
+std::vector<std::string> SavedLog(const std::string& installation);
 
 }  // namespace kb::test

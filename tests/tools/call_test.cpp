@@ -204,6 +204,7 @@ TEST_F(VirtualTaPorts, APortLeftExclusiveOpensForAnyUserWithTheAdapterAsItWas) {
            folder_ / "bob=zyxel-2864:5551002"},
           0, true);
     const double cpuAtStart = ProcessCpuMs(tool_->Pid());
+    ASSERT_GE(cpuAtStart, 0.0) << "the tool's processor time cannot be read";
     // Each program closes the port without clearing the mode, as the system
     // closes it for a killed program.
     {

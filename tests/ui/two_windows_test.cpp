@@ -41,11 +41,6 @@ bool IsPicture(const std::string& path) {
     return !picture.isNull() && picture.width() > 0 && picture.height() > 0;
 }
 
-std::vector<std::string> SavedLog(const std::string& installation) {
-    const std::string bytes = ReadWholeFile(installation + "/kestrelbound_log");
-    return LogLinesFromBuffer(bytes.data(), bytes.size());
-}
-
 // The directory of an installation as the program keeps it, with one record:
 // a correspondent whose pick-up folder sends itself.
 void KeepHotFolderFor(const std::string& installation, const std::string& name,
