@@ -156,8 +156,6 @@ TEST_F(MainWindowTest, EventsReachOnlyControlsAUserCouldUse) {
     Stores().Prefs.AdapterModel = ModelBitSURFR;
     EXPECT_TRUE(Choose(IDC_IN_PROTOCOL, 1).Done);
     EXPECT_EQ(Stores().Prefs.IncomingProtocol, 1);
-    EXPECT_TRUE(Click(IDC_IGNORE_HOT, true).Done);
-    EXPECT_EQ(Stores().Prefs.IgnoreHotFolders, 1);
 
     // An outgoing setting changes the estimate of what waits to go.
     MakeFile("a", 1000000);
