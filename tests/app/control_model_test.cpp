@@ -8,6 +8,8 @@
 #include <thread>
 #include <vector>
 
+#include "window_fixture.h"
+
 namespace kb::test {
 
 using namespace kb::app;
@@ -60,10 +62,7 @@ TEST(ControlModel, ListenersThatReadTheModelSeeItsOrderAndNeverDeadlockWithWrite
     a.join();
     b.join();
     c.join();
-    std::vector<std::string> texts;
-    for (const ListRow& row : model.Rows(7)) {
-        texts.push_back(row.Text);
-    }
+    const std::vector<std::string> texts = RowTexts(7, model);
     ASSERT_EQ(texts.size(), 4000u);
     EXPECT_EQ(seen, texts);
     EXPECT_EQ(announced.load(), 6000);

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <map>
@@ -39,15 +40,6 @@ using namespace kb::stores;
 namespace {
 
 using MainWindowTest = WindowTest;
-
-// The texts as one, ", " between them, so that a table's cell holds them.
-std::string Joined(const std::vector<std::string>& texts) {
-    std::string all;
-    for (const std::string& text : texts) {
-        all += (all.empty() ? "" : ", ") + text;
-    }
-    return all;
-}
 
 // The engine's display call measures the rate of a file that moved that many
 // bytes in a second, under a ceiling well above it.
@@ -156,8 +148,6 @@ TEST_F(MainWindowTest, EventsReachOnlyControlsAUserCouldUse) {
     Stores().Prefs.AdapterModel = ModelBitSURFR;
     EXPECT_TRUE(Choose(IDC_IN_PROTOCOL, 1).Done);
     EXPECT_EQ(Stores().Prefs.IncomingProtocol, 1);
-    EXPECT_TRUE(Click(IDC_IGNORE_HOT, true).Done);
-    EXPECT_EQ(Stores().Prefs.IgnoreHotFolders, 1);
 
     // An outgoing setting changes the estimate of what waits to go.
     MakeFile("a", 1000000);
@@ -223,18 +213,18 @@ TEST_F(MainWindowTest, TheWindowShowsWhatTheAdapterFoundOffers) {
         int16_t SpeedClass;
         int16_t Incoming;  // IncomingProtocol, as the search left it
         uint32_t MaxSpeed;
-        const char* Rows;  // of both protocol lists
+        std::vector<std::string> Rows;  // of both protocol lists
         int Selection;
         bool SpeedMenu;
         bool Checked230400;
     };
     const AdapterCase cases[] = {
-        {"BitSURFR on a slow port", ModelBitSURFR, 0, 1, 0, 57600, "V.120", 0, false, false},
-        {"BitSURFR on a fast port", ModelBitSURFR, 0, 2, 1, 230400, "V.120, AIMUX", 1, true, true},
-        {"AdTran", ModelAdTran, 1, 2, 0, 230400, "V.120, AIMUX", 0, true, false},
-        {"Omni.net", ModelZyXEL, 2, 2, 0, 115200, "V.120", 0, false, false},
-        {"Elite with X.75", ModelZyXEL, 1, 2, 2, 230400, "V.120, X.75", 1, true, true},
-        {"3Com", Model3Com, 0, 2, 0, 230400, "V.120", 0, true, false},
+        {"BitSURFR, slow port", ModelBitSURFR, 0, 1, 0, 57600, {"V.120"}, 0, false, false},
+        {"BitSURFR, fast port", ModelBitSURFR, 0, 2, 1, 230400, {"V.120", "AIMUX"}, 1, true, true},
+        {"AdTran", ModelAdTran, 1, 2, 0, 230400, {"V.120", "AIMUX"}, 0, true, false},
+        {"Omni.net", ModelZyXEL, 2, 2, 0, 115200, {"V.120"}, 0, false, false},
+        {"Elite with X.75", ModelZyXEL, 1, 2, 2, 230400, {"V.120", "X.75"}, 1, true, true},
+        {"3Com", Model3Com, 0, 2, 0, 230400, {"V.120"}, 0, true, false},
     };
     for (const AdapterCase& c : cases) {
         SCOPED_TRACE(c.Name);
@@ -253,8 +243,8 @@ TEST_F(MainWindowTest, TheWindowShowsWhatTheAdapterFoundOffers) {
         line_->AdapterFound.store(true);
         window_->ShowAdapter(true);
 
-        EXPECT_EQ(Joined(RowTexts(IDC_PROTOCOL)), c.Rows);
-        EXPECT_EQ(Joined(RowTexts(IDC_IN_PROTOCOL)), c.Rows);
+        EXPECT_EQ(RowTexts(IDC_PROTOCOL), c.Rows);
+        EXPECT_EQ(RowTexts(IDC_IN_PROTOCOL), c.Rows);
         EXPECT_EQ(Controls().Selection(IDC_IN_PROTOCOL), c.Selection);
         EXPECT_EQ(Controls().Selection(IDC_PROTOCOL), 0);
         for (int id : {IDC_2B, IDC_V42, IDC_IN_2B, IDC_IN_V42}) {
@@ -265,8 +255,7 @@ TEST_F(MainWindowTest, TheWindowShowsWhatTheAdapterFoundOffers) {
         // adapter does not offer as V.120, and a Change stores what is shown.
         for (const LineProtocol protocol : {ProtocolV120, ProtocolAimux, ProtocolX75}) {
             const std::string name = ProtocolNames[protocol];
-            const std::string shown =
-                std::string(c.Rows).find(name) != std::string::npos ? name : "V.120";
+            const std::string shown = std::ranges::count(c.Rows, name) != 0 ? name : "V.120";
             Stores().Directory[0] = Correspondent{};
             Stores().Directory[0].Protocol = protocol;
             window_->Correspondents().ShowCorrespondent(0);
@@ -279,7 +268,8 @@ TEST_F(MainWindowTest, TheWindowShowsWhatTheAdapterFoundOffers) {
         for (const Menu& menu : Controls().Menus()) {
             menus.push_back(menu.Title);
         }
-        EXPECT_EQ(Joined(menus), c.SpeedMenu ? "&File, &Port Speed, &Help" : "&File, &Help");
+        EXPECT_EQ(menus, (c.SpeedMenu ? std::vector<std::string>{"&File", "&Port Speed", "&Help"}
+                                      : std::vector<std::string>{"&File", "&Help"}));
         if (c.SpeedMenu) {
             EXPECT_EQ(Controls().MenuItemChecked(ID_PORT_SPEED_230400), c.Checked230400);
             EXPECT_EQ(Controls().MenuItemChecked(ID_PORT_SPEED_115200), !c.Checked230400);

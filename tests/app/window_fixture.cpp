@@ -1,6 +1,5 @@
 #include "window_fixture.h"
 
-#include "app/control_model.h"
 #include "platform/event_loop.h"
 #include "platform/files.h"
 #include "resources/resource.h"
@@ -75,9 +74,9 @@ std::vector<std::string> WindowTest::Observed() const {
     return observed_;
 }
 
-std::vector<std::string> RowTexts(int id) {
+std::vector<std::string> RowTexts(int id, const ControlModel& model) {
     std::vector<std::string> texts;
-    for (const ListRow& row : Controls().Rows(id)) {
+    for (const ListRow& row : model.Rows(id)) {
         texts.push_back(row.Text);
     }
     return texts;

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "app/control_model.h"
 #include "app/main_window.h"
 #include "engine/transfer_engine.h"
 #include "line/line.h"
@@ -31,8 +32,8 @@ using line::Line;
 using platform::MonotonicClock;
 using stores::Installation;
 
-// Rows of a list, by their text.
-std::vector<std::string> RowTexts(int id);
+// Rows of a list, by their text; the window's model unless told another.
+std::vector<std::string> RowTexts(int id, const app::ControlModel& model = app::Controls());
 // Whether each of the controls is enabled, in the order given.
 std::vector<bool> EnabledOf(const std::vector<int>& ids);
 
