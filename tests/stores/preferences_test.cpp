@@ -4,7 +4,6 @@
 #include <sys/resource.h>
 
 #include <cstring>
-#include <vector>
 
 #include "platform/files.h"
 #include "store_fixture.h"
