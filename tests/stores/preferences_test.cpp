@@ -4,7 +4,6 @@
 #include <sys/resource.h>
 
 #include <cstring>
-#include <vector>
 
 #include "platform/files.h"
 #include "store_fixture.h"
@@ -80,7 +79,6 @@ TEST_F(PreferencesTest, SaveWritesEveryFieldAtItsOffsetAndKeepsReservedBytesAndT
 }
 
 TEST_F(PreferencesTest, SaveNeedsAnExistingFileAndSaysNothingWithout) {
-    stores_.Prefs = Preferences{};
     stores_.Prefs.ComPort = 1;
     EXPECT_FALSE(SavePreferences(stores_.Prefs, stores_.Paths.PrefsPath));
     EXPECT_FALSE(PathExists(folder_ / "kestrelbound_prefs"));

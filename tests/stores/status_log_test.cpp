@@ -2,9 +2,7 @@
 
 #include <chrono>
 #include <future>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "platform/files.h"
 #include "store_fixture.h"

@@ -2,7 +2,6 @@
 // dial fails, as each end's port shows them; a port that its program left
 // without closing it properly; and calls to the adapters of another
 // virtual-ta process.
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
@@ -14,10 +13,8 @@
 #include <atomic>
 #include <condition_variable>
 #include <csignal>
-#include <memory>
 #include <mutex>
 #include <sstream>
-#include <string>
 #include <thread>
 
 #include "platform/clock.h"

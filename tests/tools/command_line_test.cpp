@@ -1,5 +1,4 @@
 // The tool's command line, its links, its trace and its end.
-#include <gtest/gtest.h>
 
 #include <signal.h>
 #include <sys/socket.h>

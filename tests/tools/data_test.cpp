@@ -1,6 +1,5 @@
 // Data mode: what passes over a connected call, the escape to command mode
 // and the hang-up, the faults, and the pace of the line.
-#include <gtest/gtest.h>
 
 #include <poll.h>
 #include <termios.h>

@@ -5,12 +5,9 @@
 // end-to-end detection test checks, through the whole program.)
 // Then the speeds at which each family understands its port, and the speed
 // commands that move it.
-#include <gtest/gtest.h>
 
 #include <algorithm>
-#include <string>
 #include <utility>
-#include <vector>
 
 #include "line/adapter_family.h"
 #include "line/line.h"
