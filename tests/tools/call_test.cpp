@@ -241,6 +241,9 @@ protected:
     // tool is given bobAtAlice instead if that is not empty.
     void StartBoth(const std::vector<std::string>& aliceOptions, int bobsDescriptors = 0,
                    bool tls = false, const std::string& bobAtAlice = "") {
+        // The tool of a start before goes first: ending, it takes its links
+        // away, and one made meanwhile under the same name could go too.
+        alicesTool_.reset();
         alicesPort_ = FreePort();
         const std::string alicePort = std::to_string(alicesPort_);
         std::string toAlice;
