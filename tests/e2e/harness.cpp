@@ -1,7 +1,5 @@
 #include "harness.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <stdexcept>
 
