@@ -1,7 +1,5 @@
 #include "harness.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <stdexcept>
 
@@ -65,34 +63,25 @@ void Station::Sort(const std::string& line) {
 }
 
 bool Station::TakeUntil(const std::function<bool(const std::string&)>& test,
-                        std::chrono::milliseconds limit, std::string* found) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    std::string line;
-    for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0 || !process_.NextLine(line, left)) {
-            return false;
-        }
-        Sort(line);
-        if (test(line)) {
-            if (found != nullptr) {
-                *found = line;
-            }
-            return true;
-        }
-    }
+                        std::chrono::milliseconds limit) {
+    return process_.WaitForLine(
+        [&](const std::string& line) {
+            Sort(line);
+            return test(line);
+        },
+        limit);
 }
 
 std::string Station::Command(const std::string& command, std::chrono::milliseconds limit) {
     process_.WriteLine(command);
     std::string answer;
-    if (!TakeUntil(
-            [](const std::string& line) { return line == "ok" || line.rfind("error:", 0) == 0; },
-            limit, &answer)) {
-        return "";
-    }
-    return answer;
+    const bool answered = TakeUntil(
+        [&answer](const std::string& line) {
+            answer = line;
+            return line == "ok" || line.rfind("error:", 0) == 0;
+        },
+        limit);
+    return answered ? answer : "";
 }
 
 bool Station::WaitForLog(const std::string& text, std::chrono::milliseconds limit) {
@@ -107,7 +96,7 @@ bool Station::WaitForLog(const std::string& text, std::chrono::milliseconds limi
             return line.rfind("log: ", 0) == 0 &&
                    Unescaped(line.substr(5)).find(text) != std::string::npos;
         },
-        limit, nullptr);
+        limit);
     if (seen) {
         logWaitMark_ = logLines_.size();
     }
@@ -137,7 +126,7 @@ std::string Station::ShowControl(const std::string& name) {
             }
             return line == "ok" || line.rfind("error:", 0) == 0;
         },
-        std::chrono::seconds(30), nullptr);
+        std::chrono::seconds(30));
     return shown;
 }
 

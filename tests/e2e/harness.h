@@ -85,7 +85,7 @@ public:
 private:
     // Takes output lines, sorting them, until one satisfies the test.
     bool TakeUntil(const std::function<bool(const std::string&)>& test,
-                   std::chrono::milliseconds limit, std::string* found);
+                   std::chrono::milliseconds limit);
     void Sort(const std::string& line);
 
     ChildProcess process_;

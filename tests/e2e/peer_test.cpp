@@ -22,7 +22,7 @@ TEST_F(PeerAndStation, APeerSendsAFolderOfFilesAndTheStationFilesThemIdentical) 
     };
     PeerSends(files, "Album");
     for (const peer::File& file : files) {
-        EXPECT_TRUE(Incoming("Album/" + file.Name) == file.Bytes) << file.Name;
+        ExpectSameBytes(stationPath_ + "/Incoming Files/Album/" + file.Name, file.Bytes);
     }
 }
 

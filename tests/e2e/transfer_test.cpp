@@ -34,7 +34,6 @@ TEST_F(TwoStations, FilesAndFoldersArriveByteForByteBesideWhatIsThereAndTheCalle
     ExpectSameBytes(IncomingPath("note.txt"), note);
     ExpectSameBytes(IncomingPath("mid.bin"), mid);
     ExpectSameBytes(IncomingPath("big.bin"), big);
-    EXPECT_TRUE(PathExists(IncomingPath("empty.dat")));
     ExpectSameBytes(IncomingPath("empty.dat"), "");
 
     const std::vector<std::string> sent =
@@ -55,7 +54,6 @@ TEST_F(TwoStations, FilesAndFoldersArriveByteForByteBesideWhatIsThereAndTheCalle
     // The sender's list went down to nothing; the receiver's list is cleared.
     EXPECT_NE(Alice->ShowControl("IDC_FILE_LIST").find("rows=\"\""), std::string::npos);
     EXPECT_NE(Bob->ShowControl("IDC_FILE_LIST").find("rows=\"\""), std::string::npos);
-    EXPECT_NE(Alice->ShowControl("IDC_RETRIEVE").find("enabled=1"), std::string::npos);
 
     ASSERT_TRUE(CreateFolder(Root / "samples/Reports"));
     ASSERT_TRUE(CreateFolder(Root / "samples/Reports/Old"));
@@ -129,7 +127,6 @@ TEST_F(TwoStations, TheLargestFileThatCanBeSentArrivesWhole) {
     ASSERT_EQ(Alice->Count("All files sent."), 1) << Alice->LogText();
     ASSERT_TRUE(Bob->WaitForLog("All files received."));
     EXPECT_EQ(FileDigest(IncomingPath("largest.bin")), FileDigest(path));
-    EXPECT_TRUE(LinesHolding(Alice->LogLines(), {"Cannot read file"}).empty());
 }
 
 }  // namespace kb::test

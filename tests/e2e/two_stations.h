@@ -77,9 +77,8 @@ public:
         for (Station* station : {Alice.get(), Bob.get()}) {
             ASSERT_TRUE(station->WaitForLog("Disconnected")) << Logs();
             ASSERT_TRUE(station->WaitForLog("Reinitializing Incoming")) << Logs();
+            ASSERT_EQ(station->Command("wait-state idle 30"), "ok");
         }
-        ASSERT_EQ(Alice->Command("wait-state idle 30"), "ok");
-        ASSERT_EQ(Bob->Command("wait-state idle 30"), "ok");
     }
 
     // Bob calls Alice and sends her a file of these bytes, which arrives

@@ -158,12 +158,13 @@ bool ChildProcess::NextLine(std::string& line, std::chrono::milliseconds limit) 
     return true;
 }
 
-bool ChildProcess::WaitForLine(const std::string& text, std::chrono::milliseconds limit) {
+bool ChildProcess::WaitForLine(const std::function<bool(const std::string&)>& test,
+                               std::chrono::milliseconds limit) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     std::string line;
     while (NextLine(line, std::chrono::duration_cast<std::chrono::milliseconds>(
                               deadline - std::chrono::steady_clock::now()))) {
-        if (line == text) {
+        if (test(line)) {
             return true;
         }
     }

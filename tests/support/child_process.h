@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -37,8 +38,13 @@ public:
     // The next line of output not taken yet, waiting up to the limit; false at
     // the limit or at the end of the output.
     bool NextLine(std::string& line, std::chrono::milliseconds limit);
-    // Takes lines until one is the text; false at the limit or the end.
-    bool WaitForLine(const std::string& text, std::chrono::milliseconds limit);
+    // Takes lines until one satisfies the test, which sees every line taken;
+    // false at the limit or the end.
+    bool WaitForLine(const std::function<bool(const std::string&)>& test,
+                     std::chrono::milliseconds limit);
+    bool WaitForLine(const std::string& text, std::chrono::milliseconds limit) {
+        return WaitForLine([&text](const std::string& line) { return line == text; }, limit);
+    }
     // Every line printed so far.
     std::vector<std::string> AllLines() const;
     // Standard error so far, when it is kept.
