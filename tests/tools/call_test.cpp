@@ -454,13 +454,16 @@ TEST_F(CallsAway, ConnectionsWithoutACallAreCappedAndTimedOutAndARoutedCallStill
     ASSERT_TRUE(alice_->HangUp());
     EXPECT_EQ(bob_->ReceiveUntil("NO CARRIER\r\n", 3000), "\r\nNO CARRIER\r\n");
     // Each is closed by the far end: its read ends without a byte.
+    const auto closedWithin = [](int fd, int waitMs) {
+        pollfd entry{fd, POLLIN, 0};
+        char byte = 0;
+        return ::poll(&entry, 1, waitMs) == 1 && ::recv(fd, &byte, 1, MSG_DONTWAIT) <= 0;
+    };
     const uint64_t closedBy = MonotonicNs() + 30000 * NsPerMs;
     for (const int fd : silent) {
         const uint64_t now = MonotonicNs();
-        pollfd entry{fd, POLLIN, 0};
-        char byte = 0;
         const int waitMs = now < closedBy ? static_cast<int>((closedBy - now) / NsPerMs) : 0;
-        EXPECT_TRUE(::poll(&entry, 1, waitMs) == 1 && ::read(fd, &byte, 1) <= 0);
+        EXPECT_TRUE(closedWithin(fd, waitMs));
         ::close(fd);
     }
     const double elapsedMs = static_cast<double>(MonotonicNs() - start) / 1e6;
@@ -533,11 +536,7 @@ TEST_F(CallsAway, ConnectionsWithoutACallAreCappedAndTimedOutAndARoutedCallStill
     // Among connections that have all spoken, the address that holds the
     // most makes room out of its own: a crowd from 127.0.0.2 lets one of its
     // own go for its seventeenth, not the earlier one from 127.0.0.1.
-    const auto closed = [](int fd) {
-        pollfd entry{fd, POLLIN, 0};
-        char byte = 0;
-        return ::poll(&entry, 1, 0) == 1 && ::recv(fd, &byte, 1, MSG_DONTWAIT) == 0;
-    };
+    const auto closed = [&](int fd) { return closedWithin(fd, 0); };
     ASSERT_EQ(::kill(alicesTool_->Pid(), SIGSTOP), 0);
     std::vector<int> spoken;
     for (int i = 0; i < 17; ++i) {
