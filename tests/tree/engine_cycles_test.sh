@@ -75,11 +75,10 @@ void Pick() {
 }
 SOURCE
 
-# Builds the planted engine into LIBRARY with the given flags.
+# The planted engine as a library, built with the flags that follow its name.
 build() {
     local library=$1
     shift
-    rm -f "$library"
     for source in "$work"/*.cpp; do
         "$compiler" -std=c++20 -O2 "$@" -c "$source" -o "$work/$(basename "$source").o" || exit 1
     done
