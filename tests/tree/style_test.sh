@@ -10,6 +10,12 @@ build=$1
 work=$2
 rm -rf "$work"
 mkdir -p "$work/src/line"
+fail() {
+    echo "$1" >&2
+    echo "--- the check said:" >&2
+    echo "$out" >&2
+    exit 1
+}
 
 planted=$work/src/line/planted.cpp
 cat >"$planted" <<'SOURCE'
@@ -23,15 +29,7 @@ int  badlyLaidOut() { return kLimitMs; }
 }  // namespace
 SOURCE
 
-out=$("$root/scripts/check-style.sh" "$build" "$planted" 2>&1)
-status=$?
-fail() {
-    echo "$1" >&2
-    echo "--- the check said:" >&2
-    echo "$out" >&2
-    exit 1
-}
-[ "$status" -ne 0 ] || fail "the planted source passed"
+out=$("$root/scripts/check-style.sh" "$build" "$planted" 2>&1) && fail "the planted source passed"
 grep -q "^format: .*planted.cpp" <<<"$out" || fail "its layout was not found"
 grep -q "^includes: .*planted.cpp:1:.*climbs out" <<<"$out" || fail "its ../ include was not found"
 grep -q "^includes: .*planted.cpp:2:.*layer's folder" <<<"$out" || fail "its bare include was not found"
@@ -57,9 +55,7 @@ int DistinctCount(std::vector<int> values) {
     return static_cast<int>(values.size());
 }
 SOURCE
-out=$("$root/scripts/check-style.sh" "$build" "$results" 2>&1)
-status=$?
-[ "$status" -ne 0 ] || fail "a source that drops results passed"
+out=$("$root/scripts/check-style.sh" "$build" "$results" 2>&1) && fail "a source that drops results passed"
 grep -q "^results: .*results.cpp:.*'Level'.*nodiscard" <<<"$out" || fail "its unmarked result was not found"
 grep -q "^results: .*results.cpp:13:.*should be used" <<<"$out" || fail "its dropped result was not found"
 
