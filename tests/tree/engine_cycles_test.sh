@@ -29,22 +29,16 @@ void Dial();
 void Pick();
 void Answer();
 SOURCE
-cat >"$work/call_end.cpp" <<'SOURCE'
-#include "engine.h"
-void EndCall(int reason) { if (reason > 0) Tidy(); }
-SOURCE
-cat >"$work/teardown.cpp" <<'SOURCE'
-#include "engine.h"
-void Tidy() { EndCall(0); }
-SOURCE
-cat >"$work/transfer_engine.cpp" <<'SOURCE'
-#include "engine.h"
-void Start() { Feed(); Dial(); }
+# Each source of the planted engine, from standard input, behind engine.h.
+plant() {
+    { echo '#include "engine.h"' && cat; } >"$work/$1"
+}
+plant call_end.cpp <<<'void EndCall(int reason) { if (reason > 0) Tidy(); }'
+plant teardown.cpp <<<'void Tidy() { EndCall(0); }'
+plant transfer_engine.cpp <<<'void Start() { Feed(); Dial(); }
 void Stop() {}
-void Answer() { EndCall(1); }
-SOURCE
-cat >"$work/sending_session.cpp" <<'SOURCE'
-#include "engine.h"
+void Answer() { EndCall(1); }'
+plant sending_session.cpp <<'SOURCE'
 namespace {
 struct Gauge {
     void Stop() { ++stops; }
@@ -62,18 +56,12 @@ void Feed() {
 #endif
 }
 SOURCE
-cat >"$work/dialing.cpp" <<'SOURCE'
-#include "engine.h"
-void Dial() { Pick(); }
-SOURCE
-cat >"$work/pickup.cpp" <<'SOURCE'
-#include "engine.h"
-void Pick() {
+plant dialing.cpp <<<'void Dial() { Pick(); }'
+plant pickup.cpp <<<'void Pick() {
 #ifndef UNTANGLED
     Answer();
 #endif
-}
-SOURCE
+}'
 
 # The planted engine as a library, built with the flags that follow its name.
 build() {
