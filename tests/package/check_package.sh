@@ -22,8 +22,7 @@ fail() {
     echo "package: $*" >&2
     exit 1
 }
-# Runs the command after the words saying what fails if it does, and shows
-# its output then.
+# Runs the command after the words that fail it, its output shown then.
 logged() {
     local failure=$1
     shift
@@ -65,7 +64,6 @@ logged "apt-get install failed" apt install --no-install-recommends "${includes[
 mapfile -t installed < <(dpkg -L kestrelbound)
 [ ${#installed[@]} -gt 0 ] || fail "dpkg lists no files of the package"
 
-# The desktop metadata, as installed.
 appstreamcli validate --no-net /usr/share/metainfo/org.kestrelbound.Kestrelbound.metainfo.xml ||
     fail "appstreamcli finds the metainfo invalid"
 desktop-file-validate /usr/share/applications/kestrelbound.desktop >&2 ||
@@ -76,9 +74,7 @@ desktop-file-validate /usr/share/applications/kestrelbound.desktop >&2 ||
 # finds no adapter, and pictures itself.
 station="$work/station"
 mkdir -p "$station"
-for port in COM1 COM2 COM3 COM4; do
-    : >"$station/$port"
-done
+touch "$station"/COM{1,2,3,4}
 logged "the installed kestrelbound did not picture its window" env -C "$station" \
     KESTRELBOUND_LOCK_DIR="$station" QT_QPA_PLATFORM=offscreen \
     timeout 120 /usr/bin/kestrelbound --screenshot "$work/window.png"

@@ -19,11 +19,9 @@ if [ $# -ne 2 ]; then
     echo "usage: tests/tree/check_engine_cycles.sh NM LIBRARY" >&2
     exit 2
 fi
-nm_tool=$1
-library=$2
 
-symbols=$("$nm_tool" -A -P -C "$library") && [ -n "$symbols" ] || {
-    echo "cannot read the symbols of $library" >&2
+symbols=$("$1" -A -P -C "$2") && [ -n "$symbols" ] || {
+    echo "cannot read the symbols of $2" >&2
     exit 2
 }
 
