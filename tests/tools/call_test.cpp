@@ -582,7 +582,7 @@ protected:
     void StopExchange() {
         if (loop_.joinable()) {
             stop_ = true;
-            Wake();
+            MoveOn(0);
             loop_.join();
         }
         exchange_.reset();
@@ -596,11 +596,9 @@ protected:
         ::close(wake_);
     }
 
+    // Wakes the loop, its clock moved on by ms.
     void MoveOn(uint64_t ms) {
         skippedMs_ += ms;
-        Wake();
-    }
-    void Wake() const {
         const uint64_t one = 1;
         ASSERT_EQ(::write(wake_, &one, sizeof one), 8);
     }

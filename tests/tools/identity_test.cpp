@@ -177,20 +177,19 @@ TEST_F(VirtualTaCommandMode, EveryFamilyTakesTheInitStringsOfTerminalPrograms) {
     }
 }
 
+// True if an "AT" at this speed gets its OK; an adapter that does not
+// understand the speed must not answer at all.
+bool Answers(FarEnd& port, uint32_t speed) {
+    port.SetSpeed(speed);
+    port.Send("AT\r");
+    const std::string reply = port.ReceiveUntil("OK\r\n", 400);
+    EXPECT_TRUE(reply.empty() || reply == "AT\r\r\nOK\r\n") << speed << ": " << reply;
+    return reply == "AT\r\r\nOK\r\n";
+}
+
 // The speed of each port: an adapter understands its port only at the speeds
 // its family runs at, and the families' speed commands move it.
-class VirtualTaPortSpeeds : public VirtualTaTest {
-protected:
-    // True if an "AT" at this speed gets its OK; an adapter that does not
-    // understand the speed must not answer at all.
-    static bool Answers(FarEnd& port, uint32_t speed) {
-        port.SetSpeed(speed);
-        port.Send("AT\r");
-        const std::string reply = port.ReceiveUntil("OK\r\n", 400);
-        EXPECT_TRUE(reply.empty() || reply == "AT\r\r\nOK\r\n") << speed << ": " << reply;
-        return reply == "AT\r\r\nOK\r\n";
-    }
-};
+using VirtualTaPortSpeeds = VirtualTaTest;
 
 // Each adapter as it starts, tried at speeds in this order: nothing heard at
 // a speed it does not understand stays behind to spoil the next try.

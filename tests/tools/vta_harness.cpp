@@ -1,7 +1,6 @@
 #include "vta_harness.h"
 
 #include <arpa/inet.h>
-#include <ifaddrs.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -9,6 +8,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <sstream>
 #include <stdexcept>
 
 #include "platform/clock.h"
@@ -68,24 +68,18 @@ int SilentConnection(uint16_t port, const std::string& address, const std::strin
 }
 
 std::string AddressBeyondLoopback() {
-    ifaddrs* all = nullptr;
-    if (::getifaddrs(&all) != 0) {
-        return "";
-    }
-    std::string found;
-    for (const ifaddrs* at = all; at != nullptr && found.empty(); at = at->ifa_next) {
-        if (at->ifa_addr == nullptr || at->ifa_addr->sa_family != AF_INET) {
-            continue;
-        }
-        const in_addr address = reinterpret_cast<const sockaddr_in*>(at->ifa_addr)->sin_addr;
-        char text[INET_ADDRSTRLEN] = "";
-        if ((ntohl(address.s_addr) >> 24) != 127 &&
-            ::inet_ntop(AF_INET, &address, text, sizeof text) != nullptr) {
-            found = text;
+    // hostname lists the computer's addresses without loopback's, IPv6 with ':'.
+    ChildProcess hostname("/bin/hostname", {"-I"});
+    hostname.WaitForExit(std::chrono::seconds(10));
+    for (const std::string& line : hostname.AllLines()) {
+        std::istringstream addresses(line);
+        for (std::string address; addresses >> address;) {
+            if (address.find(':') == std::string::npos) {
+                return address;
+            }
         }
     }
-    ::freeifaddrs(all);
-    return found;
+    return "";
 }
 
 bool WaitForTrace(const std::string& path, const std::string& text, size_t count, int timeoutMs) {
