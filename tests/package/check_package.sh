@@ -40,9 +40,8 @@ debs=("$work"/out/*.deb)
 [ ${#debs[@]} -eq 1 ] || fail "expected one package, got: ${debs[*]}"
 deb=${debs[0]}
 
-# Errors and warnings fail; a warning that is right for this package is to
-# be overridden, with the reason, in a file that the build installs as
-# share/lintian/overrides/kestrelbound.
+# Errors and warnings fail; a warning right for this package is overridden,
+# with the reason, in share/lintian/overrides/kestrelbound, which it installs.
 logged "lintian finds errors or warnings" lintian --fail-on error,warning "$deb"
 
 # Debian's container images keep manual pages out of every package

@@ -7,12 +7,10 @@
 #   tests/tree/check_engine_cycles.sh NM LIBRARY
 #
 # LIBRARY is the engine's static library as the build made it: its symbols say
-# what the compiler saw, not what the text looks like. Each source's object
-# defines (T) what others can reach of it, static and anonymous functions left
-# out, and needs (U) each function of another source that it calls or whose
-# address it takes, whatever its parameters; so a name in a comment, a string
-# or another class's member makes no edge, and a call in a header's inline
-# function counts for the source that uses it, where its flow goes.
+# what the compiler saw, whatever the text looks like. Each source's object
+# defines (T) its functions that others can reach and needs (U) each function
+# of another source that it calls or whose address it takes, a call in a
+# header's inline function counting for the source that uses it.
 set -uo pipefail
 
 if [ $# -ne 2 ]; then
