@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <iterator>
 #include <sstream>
 
 #include "support/tcp_relay.h"
@@ -23,11 +24,8 @@ protected:
     // which it must refuse with the exit status and no output; what it said
     // on standard error.
     std::string Refusal(const std::string& run, int status) {
-        std::vector<std::string> words;
         std::istringstream split(run);
-        for (std::string word; split >> word;) {
-            words.push_back(word);
-        }
+        const std::vector<std::string> words{std::istream_iterator<std::string>(split), {}};
         ChildProcess tool(VIRTUAL_TA_PATH, words, folder_.Path(), ChildProcess::Errors::Kept);
         EXPECT_EQ(tool.WaitForExit(10s), status);
         EXPECT_TRUE(tool.AllLines().empty());

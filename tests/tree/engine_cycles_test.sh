@@ -7,10 +7,7 @@
 #   tests/tree/engine_cycles_test.sh COMPILER AR NM WORK
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
-compiler=$1
-ar_tool=$2
-nm_tool=$3
-work=$4
+compiler=$1 ar_tool=$2 nm_tool=$3 work=$4
 rm -rf "$work"
 mkdir -p "$work"
 

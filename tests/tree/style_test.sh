@@ -6,8 +6,7 @@
 #   tests/tree/style_test.sh BUILD WORK
 set -uo pipefail
 root=$(cd "$(dirname "$0")/../.." && pwd)
-build=$1
-work=$2
+build=$1 work=$2
 rm -rf "$work"
 mkdir -p "$work/src/line"
 fail() {
