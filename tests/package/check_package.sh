@@ -49,10 +49,7 @@ logged "lintian finds errors or warnings" lintian --fail-on error,warning "$deb"
 # pages in, and only them, so that man finds what a desktop install gets.
 mapfile -t pages < <(dpkg-deb -c "$deb" | awk '{print $NF}' | grep '^\./usr/share/man/.*\.gz$')
 [ ${#pages[@]} -eq 3 ] || fail "expected three manual pages in the package, not: ${pages[*]}"
-includes=()
-for page in "${pages[@]}"; do
-    includes+=(-o "DPkg::Options::=--path-include=${page#.}")
-done
+includes=("${pages[@]/#./-oDPkg::Options::=--path-include=}")
 
 # A copy installed before, of the same version say, would make apt-get
 # install nothing; the test starts from none.

@@ -70,10 +70,9 @@ awk '
             sub(/\(.*$/, "", name)
             last = name
             sub(/^.*::/, "", last)
-            if ((last == "EndCall" && to == "call_end.cpp") || (from, to, name) in seen) {
+            if ((last == "EndCall" && to == "call_end.cpp") || seen[from, to, name]++) {
                 continue
             }
-            seen[from, to, name] = 1
             if (!((from, to) in names)) {
                 edge[++edges] = from SUBSEP to
                 out[from] = out[from] " " to

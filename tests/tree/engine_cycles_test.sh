@@ -7,6 +7,7 @@
 #   tests/tree/engine_cycles_test.sh COMPILER AR NM WORK
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
+. "$here/fail.sh"
 compiler=$1 ar_tool=$2 nm_tool=$3 work=$4
 rm -rf "$work"
 mkdir -p "$work"
@@ -68,13 +69,6 @@ build() {
         "$compiler" -std=c++20 -O2 "$@" -c "$source" -o "$work/$(basename "$source").o" || exit 1
     done
     "$ar_tool" rc "$library" "$work"/*.cpp.o || exit 1
-}
-
-fail() {
-    echo "$1" >&2
-    echo "--- the check said:" >&2
-    echo "$out" >&2
-    exit 1
 }
 
 build "$work/tangled.a"

@@ -9,12 +9,7 @@ root=$(cd "$(dirname "$0")/../.." && pwd)
 build=$1 work=$2
 rm -rf "$work"
 mkdir -p "$work/src/line"
-fail() {
-    echo "$1" >&2
-    echo "--- the check said:" >&2
-    echo "$out" >&2
-    exit 1
-}
+. "$root/tests/tree/fail.sh"
 
 planted=$work/src/line/planted.cpp
 cat >"$planted" <<'SOURCE'
