@@ -61,18 +61,17 @@ plant pickup.cpp <<<'void Pick() {
 #endif
 }'
 
-# The planted engine as a library, built with the flags that follow its name.
-build() {
-    local library=$1
-    shift
+# Builds the planted engine with the given flags into one library, as the
+# build makes the engine's, and checks it; out is what the check said.
+check() {
     for source in "$work"/*.cpp; do
-        "$compiler" -std=c++20 -O2 "$@" -c "$source" -o "$work/$(basename "$source").o" || exit 1
+        "$compiler" -std=c++20 -O2 "$@" -c "$source" -o "$source.o" || exit 1
     done
-    "$ar_tool" rc "$library" "$work"/*.cpp.o || exit 1
+    "$ar_tool" rc "$work/engine.a" "$work"/*.cpp.o || exit 1
+    out=$("$here/check_engine_cycles.sh" "$nm_tool" "$work/engine.a" 2>&1)
 }
 
-build "$work/tangled.a"
-out=$("$here/check_engine_cycles.sh" "$nm_tool" "$work/tangled.a" 2>&1)
+check
 [ $? -eq 1 ] || fail "the planted circles passed"
 expected="  sending_session.cpp -> transfer_engine.cpp -> sending_session.cpp
   dialing.cpp -> pickup.cpp -> transfer_engine.cpp -> dialing.cpp"
@@ -81,7 +80,6 @@ expected="  sending_session.cpp -> transfer_engine.cpp -> sending_session.cpp
 grep -q "^  sending_session.cpp -> transfer_engine.cpp: Stop$" <<<"$out" ||
     fail "the call that closes the shorter circle was not named"
 
-build "$work/untangled.a" -DUNTANGLED
-out=$("$here/check_engine_cycles.sh" "$nm_tool" "$work/untangled.a" 2>&1) ||
-    fail "an engine whose only way back is EndCall failed"
+# The same members again, rebuilt: the library holds the untangled engine.
+check -DUNTANGLED || fail "an engine whose only way back is EndCall failed"
 echo "The planted circles were found, the shorter first, and the untangled engine passed."
