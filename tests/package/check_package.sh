@@ -83,8 +83,7 @@ fi
 # break the writer's pipe and fail the pipeline.
 help=$(/usr/bin/virtual-ta --help) || fail "the installed virtual-ta --help failed"
 grep -q '^Usage: virtual-ta' <<<"$help" || fail "the installed virtual-ta --help shows no usage"
-page=$(man -w kbstation) || fail "man finds no page for kbstation"
-[ "$page" = /usr/share/man/man1/kbstation.1.gz ] || fail "man finds kbstation's page at $page"
+[ "$(man -w kbstation)" = /usr/share/man/man1/kbstation.1.gz ] || fail "man finds no kbstation.1.gz"
 shown=$(man kbstation 2>/dev/null) || fail "man cannot show kbstation's page"
 grep -q 'kbstation - Kestrelbound without a window' <<<"$shown" ||
     fail "man does not show kbstation's page"

@@ -13,8 +13,6 @@
 
 namespace kb::test {
 
-using namespace kb::platform;
-
 namespace {
 
 class VirtualTaDataMode : public VirtualTaTest {
@@ -92,7 +90,7 @@ TEST_F(VirtualTaDataMode, AnEscapeNeedsSilenceAroundItAndHoldsTheFarEndsDataUnti
     const std::string data = RandomBytes(5000, 4);
     alice_->Send(data);
     ::usleep(650000);
-    const MonotonicClock clock;
+    const platform::MonotonicClock clock;
     const uint32_t sent = clock.NowMs();
     alice_->Send("+++");
     EXPECT_EQ(alice_->ReceiveUntil("OK\r\n", 2250), "\r\nOK\r\n");

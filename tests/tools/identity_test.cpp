@@ -19,9 +19,7 @@
 namespace kb::test {
 
 using namespace kb::line;
-using kb::platform::MonotonicClock;
 using namespace kb::resources;
-using namespace kb::stores;
 
 namespace {
 
@@ -59,9 +57,9 @@ TEST_P(AdapterChoice, IsFoundAndTakesOnlyItsFamilysSetUps) {
 
     // The program at its start: it identifies the adapter at 9600 bps, reads
     // the adapter's number and sends its incoming profile.
-    Installation stores(folder_.Path());
+    stores::Installation stores(folder_.Path());
     stores.Prefs.AdapterModel = Model3Com + 1;
-    MonotonicClock clock;
+    platform::MonotonicClock clock;
     Line line(stores, clock);
     ASSERT_TRUE(line.CommPortCreate());
     line.SelectPortNumber(1);
