@@ -90,7 +90,6 @@ awk '
         errors = "/dev/stderr"
         print "The engine'"'"'s files call one another in a circle (only EndCall may lead back):" >errors
         fflush(errors)
-        # The shortest first.
         for (i = 1; i <= cycles; i++) {
             print cycle[i] | "sort -n | cut -f2 >&2"
         }

@@ -13,8 +13,7 @@ while [ $# -ge 2 ]; do
     program=$1 page=$2
     shift 2
     help=$("$program" --help)
-    # The page as man shows it, in plain ASCII, without hyphenation, on lines
-    # too long to break.
+    # The page as man shows it: plain ASCII, no hyphenation, no line breaks.
     text=$(groff -man -Tascii -P-cbou -rHY=0 -rLL=2000n "$page" | tr -s ' \n' '  ')
     mapfile -t options < <(awk '
         /^Options:/ { inside = 1; next }
