@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <iterator>
 #include <sstream>
 
 #include "support/tcp_relay.h"
@@ -23,11 +24,8 @@ protected:
     // which it must refuse with the exit status and no output; what it said
     // on standard error.
     std::string Refusal(const std::string& run, int status) {
-        std::vector<std::string> words;
         std::istringstream split(run);
-        for (std::string word; split >> word;) {
-            words.push_back(word);
-        }
+        const std::vector<std::string> words{std::istream_iterator<std::string>(split), {}};
         ChildProcess tool(VIRTUAL_TA_PATH, words, folder_.Path(), ChildProcess::Errors::Kept);
         EXPECT_EQ(tool.WaitForExit(10s), status);
         EXPECT_TRUE(tool.AllLines().empty());
@@ -207,14 +205,12 @@ TEST_F(VirtualTaCommandLine, TheIdentityKeyIsMadeOnceForItsUserAlone) {
 // A line ID is read as a person may type it, and any one character wrong, or
 // two neighbours swapped, is caught in its group.
 TEST_F(VirtualTaCommandLine, ALineIdIsReadAsTypedAndATypoNamesItsGroup) {
-    using virtual_ta::LineId;
-    using virtual_ta::ParseLineId;
     // The values 1 1 1 1 | 1 1 1 1 | 0 31 0 0 | 0 0 29 31, the rest 0. Each
     // group's check c makes v1 x^4 + v2 x^3 + v3 x^2 + v4 x + c zero in GF(32)
     // modulo x^5 + x^2 + 1 (by Horner: s = s x + v): 1, 3, 7, 15 gives
     // c = 15 x = 30 (Y); 0, 31, 27, 19 gives c = 19 x = 3; 0, 0, 29, 31 ^ 31
     // gives c = 0.
-    LineId id;
+    virtual_ta::LineId id;
     const uint8_t start[] = {0x08, 0x42, 0x10, 0x84, 0x21, 0x07, 0xC0, 0x00, 0x03, 0xBF};
     std::copy(std::begin(start), std::end(start), id.Bits.begin());
     const std::string text = "1111Y-1111Y-0Z003-00XZ0-00000-00000";
@@ -222,7 +218,7 @@ TEST_F(VirtualTaCommandLine, ALineIdIsReadAsTypedAndATypoNamesItsGroup) {
     for (const char* typed :
          {"1111Y-1111Y-0Z003-00XZ0-00000-00000", "llll-y iiiiy ozoo3 0OxzO 00000-0000-0"}) {
         std::string error;
-        const std::optional<LineId> read = ParseLineId(typed, error);
+        const std::optional<virtual_ta::LineId> read = virtual_ta::ParseLineId(typed, error);
         ASSERT_TRUE(read.has_value()) << typed << ": " << error;
         EXPECT_EQ(read->Text(), text);
     }
@@ -234,7 +230,7 @@ TEST_F(VirtualTaCommandLine, ALineIdIsReadAsTypedAndATypoNamesItsGroup) {
              {"1111Y-1111Y-0Z003-00X0Z-00000-00000", "group 4"},
              {"1111Y-1111Y-0Z003-00XZ0-00000-0000U", "group 6"}}) {
         std::string error;
-        EXPECT_FALSE(ParseLineId(typed, error).has_value()) << typed;
+        EXPECT_FALSE(virtual_ta::ParseLineId(typed, error).has_value()) << typed;
         EXPECT_NE(error.find(group), std::string::npos) << typed << ": " << error;
     }
 }
@@ -354,13 +350,12 @@ TEST_F(VirtualTaCommandLine, TheTraceShowsCommandsRepliesAndTheChannelsOfEachCal
     ASSERT_EQ(b.Command("AT&F4S53=3"), "AT&F4S53=3\r\r\nOK\r\n");
     for (const char* dial : {"2&3", "2&9", "2&103332"}) {
         // Each call falls at once, by the drop faults at offset 0.
-        const CallSetUp call = SetUpCall(a, b, dial);
-        ASSERT_TRUE(call.Connected) << dial;
+        ASSERT_TRUE(SetUpCall(a, b, dial)) << dial;
         EXPECT_EQ(a.ReceiveUntil("NO CARRIER\r\n", 1000), "\r\nNO CARRIER\r\n");
         EXPECT_EQ(b.ReceiveUntil("NO CARRIER\r\n", 1000), "\r\nNO CARRIER\r\n");
     }
     // The faults are spent: the next call stands until a hangs up.
-    ASSERT_TRUE(SetUpCall(a, b, "2").Connected);
+    ASSERT_TRUE(SetUpCall(a, b, "2"));
     ExpectCarried(a, b, "12345", "123");
     ASSERT_TRUE(a.HangUp());
 

@@ -13,8 +13,6 @@
 
 namespace kb::test {
 
-using namespace kb::platform;
-
 namespace {
 
 class VirtualTaDataMode : public VirtualTaTest {
@@ -27,7 +25,7 @@ protected:
             extra));
         alice_ = &Port("alice");
         bob_ = &Port("bob");
-        ASSERT_TRUE(SetUpCall(*alice_, *bob_, "5551002").Connected);
+        ASSERT_TRUE(SetUpCall(*alice_, *bob_, "5551002"));
     }
 
     // Alice writes the bytes as fast as her port takes them, until it has
@@ -92,7 +90,7 @@ TEST_F(VirtualTaDataMode, AnEscapeNeedsSilenceAroundItAndHoldsTheFarEndsDataUnti
     const std::string data = RandomBytes(5000, 4);
     alice_->Send(data);
     ::usleep(650000);
-    const MonotonicClock clock;
+    const platform::MonotonicClock clock;
     const uint32_t sent = clock.NowMs();
     alice_->Send("+++");
     EXPECT_EQ(alice_->ReceiveUntil("OK\r\n", 2250), "\r\nOK\r\n");
@@ -170,7 +168,7 @@ TEST_F(VirtualTaDataMode, FaultsActAtTheirOffsetsOnceAndInOrder) {
     // every offset of the spent faults.
     alice_->ReceiveFor(200);
     bob_->ReceiveFor(200);
-    ASSERT_TRUE(SetUpCall(*alice_, *bob_, "5551002").Connected);
+    ASSERT_TRUE(SetUpCall(*alice_, *bob_, "5551002"));
     ExpectCarried(*alice_, *bob_, RandomBytes(10000, 1), RandomBytes(10000, 2));
 }
 
@@ -188,7 +186,7 @@ TEST_F(VirtualTaDataMode, NoiseGarblesTheSameBytesForTheSameSeed) {
     for (const char* n : {"1", "2", "3"}) {
         FarEnd& caller = Port(std::string("caller") + n);
         FarEnd& answerer = Port(std::string("answerer") + n);
-        ASSERT_TRUE(SetUpCall(caller, answerer, std::string("2") + n).Connected);
+        ASSERT_TRUE(SetUpCall(caller, answerer, std::string("2") + n));
         const Transfer transfer = TransferBothWays(caller, answerer, bytes, bytes, 10000);
         ASSERT_EQ(transfer.AtB.size(), bytes.size()) << "noise changes bytes, it loses none";
         ASSERT_EQ(transfer.AtA.size(), bytes.size());
@@ -249,7 +247,7 @@ TEST_F(VirtualTaLineRate, TwoChannelsNeedBothEndsAnd56KCarriesSevenEighths) {
         FarEnd& answerer = Port("answerer" + n);
         ASSERT_TRUE(setUp(caller, calls[i].CallerProfile)) << calls[i].Why;
         ASSERT_TRUE(setUp(answerer, calls[i].AnswererProfile)) << calls[i].Why;
-        ASSERT_TRUE(SetUpCall(caller, answerer, "2" + n).Connected) << calls[i].Why;
+        ASSERT_TRUE(SetUpCall(caller, answerer, "2" + n)) << calls[i].Why;
         sent.push_back(RandomBytes(2 * calls[i].BytesPerSecond, static_cast<uint32_t>(i)));
     }
     for (size_t i = 0; i < std::size(calls); ++i) {

@@ -19,9 +19,7 @@
 namespace kb::test {
 
 using namespace kb::line;
-using kb::platform::MonotonicClock;
 using namespace kb::resources;
-using namespace kb::stores;
 
 namespace {
 
@@ -59,9 +57,9 @@ TEST_P(AdapterChoice, IsFoundAndTakesOnlyItsFamilysSetUps) {
 
     // The program at its start: it identifies the adapter at 9600 bps, reads
     // the adapter's number and sends its incoming profile.
-    Installation stores(folder_.Path());
+    stores::Installation stores(folder_.Path());
     stores.Prefs.AdapterModel = Model3Com + 1;
-    MonotonicClock clock;
+    platform::MonotonicClock clock;
     Line line(stores, clock);
     ASSERT_TRUE(line.CommPortCreate());
     line.SelectPortNumber(1);
@@ -177,20 +175,19 @@ TEST_F(VirtualTaCommandMode, EveryFamilyTakesTheInitStringsOfTerminalPrograms) {
     }
 }
 
+// True if an "AT" at this speed gets its OK; an adapter that does not
+// understand the speed must not answer at all.
+bool Answers(FarEnd& port, uint32_t speed) {
+    port.SetSpeed(speed);
+    port.Send("AT\r");
+    const std::string reply = port.ReceiveUntil("OK\r\n", 400);
+    EXPECT_TRUE(reply.empty() || reply == "AT\r\r\nOK\r\n") << speed << ": " << reply;
+    return reply == "AT\r\r\nOK\r\n";
+}
+
 // The speed of each port: an adapter understands its port only at the speeds
 // its family runs at, and the families' speed commands move it.
-class VirtualTaPortSpeeds : public VirtualTaTest {
-protected:
-    // True if an "AT" at this speed gets its OK; an adapter that does not
-    // understand the speed must not answer at all.
-    static bool Answers(FarEnd& port, uint32_t speed) {
-        port.SetSpeed(speed);
-        port.Send("AT\r");
-        const std::string reply = port.ReceiveUntil("OK\r\n", 400);
-        EXPECT_TRUE(reply.empty() || reply == "AT\r\r\nOK\r\n") << speed << ": " << reply;
-        return reply == "AT\r\r\nOK\r\n";
-    }
-};
+using VirtualTaPortSpeeds = VirtualTaTest;
 
 // Each adapter as it starts, tried at speeds in this order: nothing heard at
 // a speed it does not understand stays behind to spoil the next try.

@@ -70,15 +70,9 @@ Transfer TransferBothWays(FarEnd& a, FarEnd& b, const std::string& aToB, const s
 // unchanged, and nothing more within the transfer.
 void ExpectCarried(FarEnd& a, FarEnd& b, const std::string& aToB, const std::string& bToA);
 
-// The caller dials the number and the answerer answers its RING with ATA.
-// The texts each port showed, up to and including its CONNECT line, are
-// returned; empty texts if no CONNECT came.
-struct CallSetUp {
-    std::string AtCaller;
-    std::string AtAnswerer;
-    bool Connected = false;
-};
-CallSetUp SetUpCall(FarEnd& caller, FarEnd& answerer, const std::string& dialString);
+// The caller dials the number and the answerer answers its RING with ATA;
+// whether both saw CONNECT, the caller's whole line of it taken.
+bool SetUpCall(FarEnd& caller, FarEnd& answerer, const std::string& dialString);
 
 // Alice calls Bob, who answers: he rings at once, and each CONNECT tells the
 // speed of its own end's port, Alice's 57600 and Bob's 115200; up and down

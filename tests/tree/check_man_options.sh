@@ -1,11 +1,9 @@
 #!/usr/bin/env bash
 # Every option that a program's --help describes is in its manual page in the
-# same words. The two are written apart, and the options change; the page must
-# not fall behind. The options are read from the help itself: the lines
-# between "Options:" and the next blank line, an option beginning at each
-# line that starts with "  --" and running on to the next. Blanks and line
-# breaks do not count, on either side. And each option that the page
-# describes is one that --help still shows.
+# same words, and each option the page describes is one --help still shows:
+# the two are written apart, and the page must not fall behind. An option of
+# the help begins at each line of its "Options:" block that starts with "  --";
+# blanks and line breaks do not count, on either side.
 #
 #   check_man_options.sh PROGRAM PAGE [PROGRAM PAGE...]
 set -uo pipefail
@@ -14,13 +12,8 @@ status=0
 while [ $# -ge 2 ]; do
     program=$1 page=$2
     shift 2
-    if ! help=$("$program" --help); then
-        echo "$program --help failed" >&2
-        status=1
-        continue
-    fi
-    # The page as man shows it, in plain ASCII, without hyphenation, on lines
-    # too long to break.
+    help=$("$program" --help)
+    # The page as man shows it: plain ASCII, no hyphenation, no line breaks.
     text=$(groff -man -Tascii -P-cbou -rHY=0 -rLL=2000n "$page" | tr -s ' \n' '  ')
     mapfile -t options < <(awk '
         /^Options:/ { inside = 1; next }
@@ -29,17 +22,14 @@ while [ $# -ge 2 ]; do
         inside { option = option " " $0 }
         END { if (option != "") print option }' <<<"$help" | tr -s ' ' ' ' | sed 's/^ //')
     if [ ${#options[@]} -eq 0 ]; then
-        echo "$program --help shows no options" >&2
+        echo "$program --help failed or shows no options" >&2
         status=1
     fi
     for option in "${options[@]}"; do
-        case "$text" in
-            *"$option"*) ;;
-            *)
-                echo "$(basename "$page") does not say, in these words: $option" >&2
-                status=1
-                ;;
-        esac
+        if [[ "$text" != *"$option"* ]]; then
+            echo "$(basename "$page") does not say, in these words: $option" >&2
+            status=1
+        fi
     done
     # And the other way: an option that the page describes (the tag of each
     # paragraph of its OPTIONS) and the program no longer has.

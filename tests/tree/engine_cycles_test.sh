@@ -7,10 +7,8 @@
 #   tests/tree/engine_cycles_test.sh COMPILER AR NM WORK
 set -uo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
-compiler=$1
-ar_tool=$2
-nm_tool=$3
-work=$4
+. "$here/fail.sh"
+compiler=$1 ar_tool=$2 nm_tool=$3 work=$4
 rm -rf "$work"
 mkdir -p "$work"
 
@@ -29,22 +27,16 @@ void Dial();
 void Pick();
 void Answer();
 SOURCE
-cat >"$work/call_end.cpp" <<'SOURCE'
-#include "engine.h"
-void EndCall(int reason) { if (reason > 0) Tidy(); }
-SOURCE
-cat >"$work/teardown.cpp" <<'SOURCE'
-#include "engine.h"
-void Tidy() { EndCall(0); }
-SOURCE
-cat >"$work/transfer_engine.cpp" <<'SOURCE'
-#include "engine.h"
-void Start() { Feed(); Dial(); }
+# Each source of the planted engine, from standard input, behind engine.h.
+plant() {
+    { echo '#include "engine.h"' && cat; } >"$work/$1"
+}
+plant call_end.cpp <<<'void EndCall(int reason) { if (reason > 0) Tidy(); }'
+plant teardown.cpp <<<'void Tidy() { EndCall(0); }'
+plant transfer_engine.cpp <<<'void Start() { Feed(); Dial(); }
 void Stop() {}
-void Answer() { EndCall(1); }
-SOURCE
-cat >"$work/sending_session.cpp" <<'SOURCE'
-#include "engine.h"
+void Answer() { EndCall(1); }'
+plant sending_session.cpp <<'SOURCE'
 namespace {
 struct Gauge {
     void Stop() { ++stops; }
@@ -62,39 +54,24 @@ void Feed() {
 #endif
 }
 SOURCE
-cat >"$work/dialing.cpp" <<'SOURCE'
-#include "engine.h"
-void Dial() { Pick(); }
-SOURCE
-cat >"$work/pickup.cpp" <<'SOURCE'
-#include "engine.h"
-void Pick() {
+plant dialing.cpp <<<'void Dial() { Pick(); }'
+plant pickup.cpp <<<'void Pick() {
 #ifndef UNTANGLED
     Answer();
 #endif
-}
-SOURCE
+}'
 
-# Builds the planted engine into LIBRARY with the given flags.
-build() {
-    local library=$1
-    shift
-    rm -f "$library"
+# Builds the planted engine with the given flags into one library, as the
+# build makes the engine's, and checks it; out is what the check said.
+check() {
     for source in "$work"/*.cpp; do
-        "$compiler" -std=c++20 -O2 "$@" -c "$source" -o "$work/$(basename "$source").o" || exit 1
+        "$compiler" -std=c++20 -O2 "$@" -c "$source" -o "$source.o" || exit 1
     done
-    "$ar_tool" rc "$library" "$work"/*.cpp.o || exit 1
+    "$ar_tool" rc "$work/engine.a" "$work"/*.cpp.o || exit 1
+    out=$("$here/check_engine_cycles.sh" "$nm_tool" "$work/engine.a" 2>&1)
 }
 
-fail() {
-    echo "$1" >&2
-    echo "--- the check said:" >&2
-    echo "$out" >&2
-    exit 1
-}
-
-build "$work/tangled.a"
-out=$("$here/check_engine_cycles.sh" "$nm_tool" "$work/tangled.a" 2>&1)
+check
 [ $? -eq 1 ] || fail "the planted circles passed"
 expected="  sending_session.cpp -> transfer_engine.cpp -> sending_session.cpp
   dialing.cpp -> pickup.cpp -> transfer_engine.cpp -> dialing.cpp"
@@ -103,7 +80,6 @@ expected="  sending_session.cpp -> transfer_engine.cpp -> sending_session.cpp
 grep -q "^  sending_session.cpp -> transfer_engine.cpp: Stop$" <<<"$out" ||
     fail "the call that closes the shorter circle was not named"
 
-build "$work/untangled.a" -DUNTANGLED
-out=$("$here/check_engine_cycles.sh" "$nm_tool" "$work/untangled.a" 2>&1) ||
-    fail "an engine whose only way back is EndCall failed"
+# The same members again, rebuilt: the library holds the untangled engine.
+check -DUNTANGLED || fail "an engine whose only way back is EndCall failed"
 echo "The planted circles were found, the shorter first, and the untangled engine passed."
