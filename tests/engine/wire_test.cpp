@@ -43,18 +43,6 @@ TEST(WireArithmetic, TheBlockCountersReachEveryStreamBelowTheLimitAndEverySectio
     EXPECT_EQ(SectionFileOffset(32752), int64_t{2047} * 131070);
 }
 
-TEST(WireRecovery, ABodyIsWhatAnIndependentPeerWritesAndGoesBehindItsToken) {
-    // Two sections of a file of 400000 bytes have arrived.
-    FileEntry entry = EntryForFile("report.doc", "/data/report.doc", 400000);
-    entry.NextBlock = 32;
-    entry.BlocksDone = 32;
-    entry.BytesDone = 262144;
-    const RecoveryBody body = MakeRecoveryBody(8192, 0x01020304, entry);
-    EXPECT_EQ(BytesOf(body), peer::RecoveryBody(400008, 2, 0x01020304));
-    EXPECT_EQ(BytesOf(MakeRecoveryMessage(TokenFileRecovr, body)),
-              "FILERECOVR\r\n" + BytesOf(body));
-}
-
 TEST(WireRecovery, EveryFieldOfABodyIsTakenAndMadeAgainSignedOnesWithTheirSign) {
     // The twenty fields high byte first: the two session values, then the
     // entry's, the signed ones sign-extended and the codes turned round.
