@@ -216,7 +216,7 @@ TEST_F(LineTest, QuickStartGoesToTheSavedPortAndSpeed) {
         std::string Logged;    // the first lines of the log
     };
     // The reply names the XRT; this route does not identify again.
-    AdapterScript xrtAsSaved = AdtranScript(true);
+    AdapterScript xrtAsSaved = AdtranScript();
     xrtAsSaved.NumberQuery = "ATSS62?";
     AdapterScript threeComLeft = ThreeComScript();
     threeComLeft.LeftAt230400 = true;
@@ -281,7 +281,7 @@ TEST_F(LineTest, FailuresOfTheQuickStart) {
     // Any other saved port that does not answer: the message, the line, and
     // no search of the other ports.
     stores_.Prefs.AdapterModel = ModelZyXEL;
-    Attach(1, RespondAs(ZyxelScript("2864")));
+    Attach(1, RespondAs(ZyxelScript()));
     EXPECT_EQ(line_.FindAdapter(), AdapterSearch::NotFound);
     EXPECT_EQ(Messages(), (Texts{NoAdapterMessage}));
     EXPECT_EQ(Logged(), (Texts{"ISDN TA not found."}));

@@ -25,7 +25,7 @@ protected:
 
 TEST_F(PortSpeedTest, AdtranWithItsSwitchAt230400SkipsTheLadder) {
     stores_.Prefs.SelectedPortSpeed = 230400;
-    ScriptedAdapter& adapter = FoundAt(1, ModelAdTran, AdtranScript(true));
+    ScriptedAdapter& adapter = FoundAt(1, ModelAdTran, AdtranScript());
     line_.QualifyPortSpeed();
     EXPECT_FALSE(adapter.WaitForCommands(1, 200));
     EXPECT_TRUE(Logged().empty());
@@ -33,7 +33,7 @@ TEST_F(PortSpeedTest, AdtranWithItsSwitchAt230400SkipsTheLadder) {
 }
 
 TEST_F(PortSpeedTest, PortThatAnswersAt57600ButNotAt115200) {
-    ScriptedAdapter& adapter = FoundAt(2, ModelZyXEL, ZyxelScript("2864"), 57600);
+    ScriptedAdapter& adapter = FoundAt(2, ModelZyXEL, ZyxelScript(), 57600);
 
     line_.QualifyPortSpeed();
     const std::string expected =
@@ -71,8 +71,8 @@ TEST_F(PortSpeedTest, MenuMovesOfEachFamily) {
         {"BitSURFR", ModelBitSURFR, BitsurfrScript(), "AT@P2=230400@115200 | AT@230400",
          "AT@P2=115200@230400 | AT@115200"},
         {"3Com", Model3Com, ThreeComScript(), "AT$B230400@any", "AT$B0@any"},
-        {"ZyXEL", ModelZyXEL, ZyxelScript("1292"), "AT@230400", "AT@115200"},
-        {"AdTran", ModelAdTran, AdtranScript(true), "AT@230400", "AT@115200"},
+        {"ZyXEL", ModelZyXEL, ZyxelScript(), "AT@230400", "AT@115200"},
+        {"AdTran", ModelAdTran, AdtranScript(), "AT@230400", "AT@115200"},
     };
     const Texts switchMessages = {
         "Please move DIP switch 1 to the OFF (up) position\ron the back of the AdTran ISDN "

@@ -145,7 +145,7 @@ TEST_F(ProfileTest, EachProfileFollowsItsSettingsAndTheFamily) {
          false, 0, 8000, "AT\\Q3S0=0&D0&C1W1E1S71=2S73=0S74=253S75=0S60=64",
          "Initializing Outgoing: V.120 - 64K"},
     };
-    ScriptedAdapter& adapter = Adapter(ZyxelScript("2864"));
+    ScriptedAdapter& adapter = Adapter(ZyxelScript());
     for (const ProfileCase& c : cases) {
         SCOPED_TRACE(c.Name);
         stores_.Prefs = Preferences{};
@@ -176,7 +176,7 @@ TEST_F(ProfileTest, EachProfileFollowsItsSettingsAndTheFamily) {
 TEST_F(ProfileTest, OnlyTheFirstIncomingSetUpReportsAFailureAndLaterOnesDrainTheLineFirst) {
     Found(ModelAdTran, 1, 2);
     stores_.Prefs.IncomingProtocol = 1;
-    AdapterScript script = AdtranScript(true);
+    AdapterScript script = AdtranScript();
     script.Unanswered = {"AT&F4\\Q3&D0X1S0=0S12=25S53=3S54=2S15=1"};
     ScriptedAdapter& adapter = Adapter(script);
     // Stale input that must not be taken for the reply.
