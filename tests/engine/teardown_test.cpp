@@ -136,30 +136,20 @@ TEST_F(CallEndTest, EachWayOfEndingLogsItsLinesAndLeavesTheLinkIdle) {
     }
 }
 
-TEST_F(ReceiverTeardownTest, AChangedFileOfTheSameNameIsANewFileAndTheOldPartGoes) {
-    LeaveAPartForAResume({"second.bin", RandomBytes(SectionFileBytes + 7000, 2)});
-    // Same name, another length: admitted as new, under the plain name,
-    // since the part left behind has gone.
-    const peer::File changed{"second.bin", RandomBytes(900, 9)};
-    OfferAsCaller({changed});
-    EXPECT_TRUE(WaitForLog("Receiving File: second.bin"));
-    Send(peer::Stream(changed.Bytes));
-    EXPECT_EQ(Take(6), "ACK2\r\n");
-    EXPECT_EQ(ReadWholeFile(Incoming("second.bin")), changed.Bytes);
-    EXPECT_FALSE(PathExists(Incoming("second.bin.part")));
-}
-
 // The program ends with a file kept for a resume and starts again: the
 // record on the disk brings the candidate back, a part one section longer
 // than recorded (an end between a section's append and the record's write)
 // cut back. A record that is not whole, or a part that fits it in no such
 // way, is no resume: the file comes whole, and the part stays as it stands.
+// A file of that name but another length is a new file: it comes whole
+// under the plain name, and the part goes.
 TEST_F(ReceiverTeardownTest, ARestartTakesUpOnlyAPartThatItsRecordVouchesFor) {
     ShortenPauses();
     struct Case {
         const char* What;
         std::function<void(const std::string& part)> Change;
         bool Resumed;
+        size_t Changed = 0;  // the length of the file offered instead, if any
     };
     const auto grow = [](size_t bytes) {
         return [bytes](const std::string& part) {
@@ -179,6 +169,7 @@ TEST_F(ReceiverTeardownTest, ARestartTakesUpOnlyAPartThatItsRecordVouchesFor) {
          [](const std::string& part) { WriteWholeFile(part, ReadWholeFile(part).substr(0, 1000)); },
          false},
         {"a part longer by more than a section", grow(SectionFileBytes + 1), false},
+        {"a changed file", [](const std::string&) {}, false, 900},
     };
     uint32_t seed = 30;
     for (const Case& c : cases) {
@@ -197,10 +188,12 @@ TEST_F(ReceiverTeardownTest, ARestartTakesUpOnlyAPartThatItsRecordVouchesFor) {
             EngineStartup(engine_, stores_);
         });
 
-        const std::string stream = peer::Stream(file.Bytes);
-        const uint32_t length = peer::StreamLength(file.Bytes.size());
+        const peer::File offered =
+            c.Changed == 0 ? file : peer::File{file.Name, RandomBytes(c.Changed, 9)};
+        const std::string stream = peer::Stream(offered.Bytes);
+        const uint32_t length = peer::StreamLength(offered.Bytes.size());
         ConnectAsReceiver();
-        Send(ListFor({file}));
+        Send(ListFor({offered}));
         if (c.Resumed) {
             EXPECT_EQ(Take(12 + 80),
                       "FILERESTA3\r\n" + peer::RecoveryBody(length, 1, length - SectionWireBytes));
@@ -211,8 +204,8 @@ TEST_F(ReceiverTeardownTest, ARestartTakesUpOnlyAPartThatItsRecordVouchesFor) {
         }
         EXPECT_EQ(Take(6), "ACK2\r\n");
         DropLine();
-        EXPECT_TRUE(ReadWholeFile(Incoming(file.Name)) == file.Bytes);
-        if (c.Resumed) {
+        EXPECT_TRUE(ReadWholeFile(Incoming(file.Name)) == offered.Bytes);
+        if (c.Resumed || c.Changed != 0) {
             EXPECT_FALSE(PathExists(part));
         } else {
             EXPECT_TRUE(ReadWholeFile(part) == left);
