@@ -179,11 +179,17 @@ TEST_F(CommPortTest, TheLockFileFollowsThePortAndAFolderWithoutOneIsSaidOnce) {
         1);
 }
 
-TEST(CommPortRecord, OperationsWithoutARecordDoNothingAndAPortNumberNamesItsDevice) {
+// Before its port record is made a line does nothing with a port. A port
+// number names a link in the installation, or a serial device. A line handed
+// a device of its own works on that device alone: its port opens on a name
+// no serial device could open, and its bytes, reads and waits go through the
+// device, whose input ends a wait as it comes.
+TEST(CommPortRecord, ALineWithoutARecordDoesNothingAndOneHandedADeviceWorksOnItAlone) {
     TempFolder root;
     Installation stores(root.Path());
+    BytePipe pipe;
     TestClock clock;
-    Line line(stores, clock);
+    Line line(stores, clock, [&pipe] { return pipe.MakeDevice(); });
     ASSERT_EQ(line.Port(), nullptr);
     EXPECT_EQ(line.CommPortClose(), 0);
     EXPECT_EQ(line.CommPortDestroy(), 0);
@@ -192,31 +198,19 @@ TEST(CommPortRecord, OperationsWithoutARecordDoNothingAndAPortNumberNamesItsDevi
     char buffer[TokenBufferSize] = {};
     EXPECT_EQ(line.ReadLine(10, buffer), nullptr);
 
-    // A port number names a link in the installation, or a serial device.
     EXPECT_EQ(CommPortDevicePath(root.Path(), 3), "/dev/ttyS2");
     FarEnd far;
     far.LinkAs(root.Path(), 3);
     EXPECT_EQ(CommPortDevicePath(root.Path(), 3), root / "COM3");
-}
 
-// A line handed a device of its own works on that device alone: its port
-// opens on a name no serial device could open, and its bytes, reads and
-// waits go through the device, whose input ends a wait as it comes.
-TEST(CommPortRecord, ALineWorksOnTheDeviceItIsHandedAlone) {
-    TempFolder root;
-    Installation stores(root.Path());
     File name;
     ASSERT_TRUE(name.Open(root / "COM1", File::Mode::CreateReadWrite));
     name.Close();
-    BytePipe pipe;
-    TestClock clock;
-    Line line(stores, clock, [&pipe] { return pipe.MakeDevice(); });
     ASSERT_TRUE(line.CommPortCreate());
     ASSERT_TRUE(line.CommPortOpen());
     line.SendCommand("AT");
     EXPECT_EQ(pipe.Take(), "AT\r");
     std::thread answer([&pipe] { pipe.Put("noise\r\nOK\r\n"); });
-    char buffer[TokenBufferSize] = {};
     EXPECT_NE(line.ReadUntilOk(30000, buffer), nullptr);
     answer.join();
     line.InterruptPortWait();

@@ -35,11 +35,21 @@ TEST_F(StatusLogFileTest, SavedLinesCannotFakeAnEndMarkAndAShorterLogKeepsAStale
     // An empty line would be the end mark, and a NUL inside a line would end
     // it early; neither may hide the lines after it.
     ASSERT_TRUE(stores_.Log.Save({"first", "", std::string("sec\0ond", 7), "third"}));
-    // How such a file loads is the 700 lines' test's.
+    // How a saved file loads, the 700 lines below show.
     EXPECT_EQ(ReadWholeFile(LogFile()), std::string("first\0sec\0third\0\0", 17));
 
-    ASSERT_TRUE(stores_.Log.Save(Numbered(1, 20)));
+    // A stored log of 700 lines comes back whole; the next line trims it.
+    ASSERT_TRUE(stores_.Log.Save(Numbered(0, 700)));
     const std::string before = ReadWholeFile(LogFile());
+    stores_.Log.Free();
+    ASSERT_TRUE(stores_.Log.Load());
+    std::vector<std::string> lines = stores_.Log.StoredLines();
+    ASSERT_EQ(lines, Numbered(0, 700));
+    EXPECT_EQ(AppendLogLine(lines, "Starting Kestrelbound"), 300u);
+    ASSERT_EQ(lines.size(), 401u);
+    EXPECT_EQ(lines.front(), "line 300");
+    EXPECT_EQ(lines.back(), "Starting Kestrelbound");
+    // Trimming in batches, 600 lines and then 301, is the window's log test's.
 
     // The user cleared the log; at exit only the Stopping line is there.
     const std::string stopping = "Stopping Kestrelbound Tue Nov 18 21:00:00 1997";
@@ -79,21 +89,6 @@ TEST_F(StatusLogFileTest, OnlyTheFirst28000BytesAreReadAndACutLineIsLeftOut) {
         // Loading reads; it never changes the file.
         EXPECT_EQ(ReadWholeFile(LogFile()), file);
     }
-}
-
-TEST_F(StatusLogFileTest, AStoredLogOf700LinesComesBackWholeAndTheNextLineTrimsIt) {
-    ASSERT_TRUE(stores_.Log.Load());
-    ASSERT_TRUE(stores_.Log.Save(Numbered(0, 700)));
-    stores_.Log.Free();
-    ASSERT_TRUE(stores_.Log.Load());
-
-    std::vector<std::string> lines = stores_.Log.StoredLines();
-    ASSERT_EQ(lines, Numbered(0, 700));
-    EXPECT_EQ(AppendLogLine(lines, "Starting Kestrelbound"), 300u);
-    ASSERT_EQ(lines.size(), 401u);
-    EXPECT_EQ(lines.front(), "line 300");
-    EXPECT_EQ(lines.back(), "Starting Kestrelbound");
-    // Trimming in batches, 600 lines and then 301, is the window's log test's.
 }
 
 // That the walk stops at the end mark is the stale tail's test above.
