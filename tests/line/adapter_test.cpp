@@ -18,7 +18,6 @@ namespace kb::test {
 
 using namespace kb::line;
 using namespace kb::platform;
-using namespace kb::stores;
 
 namespace {
 

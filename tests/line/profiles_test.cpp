@@ -7,7 +7,6 @@
 namespace kb::test {
 
 using namespace kb::line;
-using namespace kb::stores;
 
 namespace {
 

@@ -11,7 +11,6 @@
 namespace kb::test {
 
 using namespace kb::platform;
-using namespace kb::stores;
 
 namespace {
 
