@@ -42,49 +42,37 @@ TEST_F(LineTest, ExchangeKeepsTheWholeReplyAndPutsPollingBackAsItWas) {
     EXPECT_EQ(adapters_[0]->CommandTexts(), (Texts{"ATI3", "ATI4", "ATQ"}));
 }
 
-// A stand-in for the communications thread: it holds the read lock for each
-// pass in which polling is on, and sleeps long waits that only a wake ends.
-class PollingReader {
-public:
-    explicit PollingReader(Line& line)
-        : line_(line), thread_([this] {
-              while (!stop_.load()) {
-                  if (line_.LinePollingEnabled.load()) {
-                      std::lock_guard<std::recursive_mutex> guard(line_.PortReadLock);
-                      passes_.fetch_add(1);
-                      line_.WaitForPortInput(30000);
-                  } else {
-                      line_.WaitForPortWake(30000);
-                  }
-              }
-          }) {}
-    ~PollingReader() {
-        stop_.store(true);
-        line_.InterruptPortWait();
-        thread_.join();
-    }
-    int Passes() const { return passes_.load(); }
-
-private:
-    Line& line_;
-    std::atomic<bool> stop_{false};
-    std::atomic<int> passes_{0};
-    std::thread thread_;
-};
-
 TEST_F(LineTest, ExchangeTakesThePortFromAReaderThatWaitsOnIt) {
     Attach(1, [](const std::string& command, uint32_t) { return Answer(command); });
     OpenPort(1, 115200);
     line_.SetLinePolling(true);
-    PollingReader reader(line_);
-    ASSERT_TRUE(PollUntil([&] { return reader.Passes() > 0; }, std::chrono::seconds(10)));
+    // A stand-in for the communications thread: it holds the read lock for
+    // each pass in which polling is on, and sleeps long waits that only a
+    // wake ends.
+    std::atomic<bool> stop{false};
+    std::atomic<int> passes{0};
+    std::thread reader([&] {
+        while (!stop.load()) {
+            if (line_.LinePollingEnabled.load()) {
+                std::lock_guard<std::recursive_mutex> guard(line_.PortReadLock);
+                passes.fetch_add(1);
+                line_.WaitForPortInput(30000);
+            } else {
+                line_.WaitForPortWake(30000);
+            }
+        }
+    });
+    EXPECT_TRUE(PollUntil([&] { return passes.load() > 0; }, std::chrono::seconds(10)));
     // The reader sits in a long wait holding the lock; the exchange must wake
     // it rather than wait out its time.
     auto exchange = std::async(std::launch::async, [this] { return line_.SendAndWaitOk("AT"); });
-    ASSERT_EQ(exchange.wait_for(std::chrono::seconds(10)), std::future_status::ready)
+    EXPECT_EQ(exchange.wait_for(std::chrono::seconds(10)), std::future_status::ready)
         << "the reader was not woken";
     EXPECT_TRUE(exchange.get());
     EXPECT_EQ(line_.LinePollingEnabled.load(), true);
+    stop.store(true);
+    line_.InterruptPortWait();
+    reader.join();
 }
 
 TEST_F(LineTest, ConversationsThatOverlapLeaveThePollingFlagRight) {
