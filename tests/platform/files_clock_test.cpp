@@ -27,14 +27,13 @@ TEST(Files, FolderRulesThatCallersRelyOn) {
     EXPECT_FALSE(FolderExists(folder));
 }
 
-TEST(Clock, IntervalArithmeticIsSixteenBit) {
+TEST(Clock, IntervalArithmeticIsSixteenBitAndStampIntervalsSurviveTheWrap) {
     EXPECT_EQ(ElapsedBetween(100, 900, 101, 150), 250);
     EXPECT_EQ(ElapsedBetween(100, 0, 104, 0), 4000);
     EXPECT_EQ(ElapsedBetween(100, 0, 132, 767), 32767);
     EXPECT_LT(ElapsedBetween(100, 0, 132, 768), 0) << "turns negative past 32767 ms";
-}
 
-TEST(Clock, StampIntervalsSurviveTheWrap) {
+    // Stamp intervals survive the wrap.
     TestClock clock;
     clock.MoveOn(0xFFFFFFFFu - clock.NowMs() - 5);  // the clock now stands 5 ms before the wrap
     const uint32_t before = clock.NowMs();

@@ -60,7 +60,7 @@ TEST(PortLock, NamesTheDeviceTheLinksResolveTo) {
     }
 }
 
-TEST(PortLock, TakesAFreeOrStaleLockAndRefusesALivingOne) {
+TEST(PortLock, TakesAStaleLockRefusesALivingOneAndWithoutAFolderLeavesThePortUnlocked) {
     LockFolder locks;
     const std::string lockPath = locks / "LCK..null";
     // A free lock taken, its text, and its removal with the port are the
@@ -88,6 +88,19 @@ TEST(PortLock, TakesAFreeOrStaleLockAndRefusesALivingOne) {
         EXPECT_EQ(ReadWholeFile(lockPath), TextLock(::getppid()));
         ASSERT_TRUE(DeleteFileAt(lockPath));
     }
+
+    // A folder that takes no file leaves the port unlocked, and so does a
+    // port with no device to name.
+    WriteWholeFile(locks / "file", "");
+    PortLock lock;
+    for (const std::string& folder : {locks / "missing", locks / "file"}) {
+        const EnvironmentValue inFolder("KESTRELBOUND_LOCK_DIR", folder);
+        EXPECT_EQ(lock.Take("/dev/null"), PortLockResult::NotWritable) << folder;
+        EXPECT_EQ(lock.Path(), "");
+    }
+    TempFolder root;
+    WriteWholeFile(root / "COM1", "");
+    EXPECT_EQ(lock.Take(root / "COM1"), PortLockResult::NoDeviceName);
 }
 
 // A killed program's lock whose id now belongs to some other living
@@ -126,20 +139,6 @@ TEST(PortLock, AnOldLockOfALivingProcessWithoutTheDeviceIsStale) {
         EXPECT_EQ(lock.Take(terminal.SlavePath), c.Result);
     }
     ClosePseudoTerminal(terminal);
-}
-
-TEST(PortLock, AFolderThatTakesNoFileLeavesThePortUnlocked) {
-    LockFolder locks;
-    WriteWholeFile(locks / "file", "");
-    PortLock lock;
-    for (const std::string& folder : {locks / "missing", locks / "file"}) {
-        const EnvironmentValue inFolder("KESTRELBOUND_LOCK_DIR", folder);
-        EXPECT_EQ(lock.Take("/dev/null"), PortLockResult::NotWritable) << folder;
-        EXPECT_EQ(lock.Path(), "");
-    }
-    TempFolder root;
-    WriteWholeFile(root / "COM1", "");
-    EXPECT_EQ(lock.Take(root / "COM1"), PortLockResult::NoDeviceName);
 }
 
 TEST(PortLock, ALockHeldAtExitIsRemoved) {

@@ -74,25 +74,6 @@ TEST_F(SerialDeviceTest, UnderXonXoffAWriteHeldBackByAnXoffIsQueuedAndGoesOutWit
     EXPECT_EQ(far_.ReceiveUntil("atv1\r", 2000), "atv1\r");
 }
 
-TEST_F(SerialDeviceTest, WaitsEndOnInputOnInterruptOrOnTime) {
-    ASSERT_TRUE(port_.Configure(SerialSettings{}));
-
-    port_.Interrupt();
-    EXPECT_EQ(port_.WaitForInput(5000), WaitResult::Interrupted) << "a kept interruption";
-    EXPECT_EQ(port_.WaitForInput(20), WaitResult::TimedOut);
-
-    std::thread interrupter([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        port_.Interrupt();
-    });
-    EXPECT_EQ(port_.WaitForInput(5000), WaitResult::Interrupted);
-    interrupter.join();
-
-    far_.Send("RING\r\n");
-    EXPECT_EQ(port_.WaitForInput(5000), WaitResult::Input);
-    EXPECT_EQ(port_.InputCount(), 6u);
-}
-
 TEST(SerialDevice, AWaitOnADeadLineCostsNoProcessor) {
     PseudoTerminal terminal;
     ASSERT_TRUE(OpenPseudoTerminal(terminal));
@@ -109,7 +90,8 @@ TEST(SerialDevice, AWaitOnADeadLineCostsNoProcessor) {
     port.Close();
 }
 
-TEST_F(SerialDeviceTest, SettingsReachTheDeviceAndRefusalsKeepTheOld) {
+// A refused setting keeps the old one.
+TEST_F(SerialDeviceTest, SettingsReachTheDeviceAndWaitsEndOnInputInterruptOrTime) {
     SerialSettings settings;
     settings.BaudRate = 115200;
     settings.RtsCtsFlow = true;
@@ -127,6 +109,22 @@ TEST_F(SerialDeviceTest, SettingsReachTheDeviceAndRefusalsKeepTheOld) {
     settings.BaudRate = 230400;
     EXPECT_TRUE(port_.Configure(settings));
     EXPECT_EQ(far_.Speed(), 230400u);
+
+    // Waits end on input, on an interruption, or on time.
+    port_.Interrupt();
+    EXPECT_EQ(port_.WaitForInput(5000), WaitResult::Interrupted) << "a kept interruption";
+    EXPECT_EQ(port_.WaitForInput(20), WaitResult::TimedOut);
+
+    std::thread interrupter([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        port_.Interrupt();
+    });
+    EXPECT_EQ(port_.WaitForInput(5000), WaitResult::Interrupted);
+    interrupter.join();
+
+    far_.Send("RING\r\n");
+    EXPECT_EQ(port_.WaitForInput(5000), WaitResult::Input);
+    EXPECT_EQ(port_.InputCount(), 6u);
 }
 
 }  // namespace kb::test

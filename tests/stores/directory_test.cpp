@@ -102,8 +102,8 @@ TEST_F(DirectoryTest, SaveWritesEveryFieldAtItsOffsetAndKeepsTheOlderTail) {
 
 // The order of whole names is the window's and the station's tests'; here the
 // edges of the key. Byte 32 of the name field lies beyond it: two names that
-// differ only there compare equal.
-TEST(DirectoryOrder, TheKeyIsTheFirst31BytesOfTheNameAsUnsignedBytes) {
+// differ only there compare equal. A field is read within its width.
+TEST(DirectoryFields, TheKeyIsTheFirst31BytesOfTheNameAsUnsignedBytesAndAFieldEndsAtItsWidth) {
     Correspondent a{};
     Correspondent b{};
     std::memset(a.FirmName, 'x', 32);
@@ -116,14 +116,10 @@ TEST(DirectoryOrder, TheKeyIsTheFirst31BytesOfTheNameAsUnsignedBytes) {
     SetFieldText(a.FirmName, "\xC3\x89tienne");
     SetFieldText(b.FirmName, "zed");
     EXPECT_GT(CompareCorrespondents(a, b), 0);
-}
-
-// A field without its NUL, as a damaged file may hold, stops at its end.
-TEST(DirectoryFields, AFieldIsReadWithinItsWidth) {
-    Correspondent r{};
-    std::memset(r.ContactName, 'c', sizeof r.ContactName);
-    std::memset(r.ContactPhone, 'p', sizeof r.ContactPhone);
-    EXPECT_EQ(FieldText(r.ContactName), std::string(20, 'c'));
+    // A field without its NUL, as a damaged file may hold, stops at its end.
+    std::memset(a.ContactName, 'c', sizeof a.ContactName);
+    std::memset(a.ContactPhone, 'p', sizeof a.ContactPhone);
+    EXPECT_EQ(FieldText(a.ContactName), std::string(20, 'c'));
 }
 
 }  // namespace

@@ -89,10 +89,8 @@ TEST_F(StatusLogFileTest, OnlyTheFirst28000BytesAreReadAndACutLineIsLeftOut) {
         // Loading reads; it never changes the file.
         EXPECT_EQ(ReadWholeFile(LogFile()), file);
     }
-}
-
-// That the walk stops at the end mark is the stale tail's test above.
-TEST(LogBufferTest, WalkNeverReadsPastTheBuffer) {
+    // A walk never reads past the buffer; that it stops at the end mark is
+    // the stale tail's test's.
     // The bytes that follow the buffer end the cut line; a walk that looked at
     // them would return it.
     const std::string memory = std::string("kept\0", 5) + std::string(30, 'z') + '\0';
