@@ -115,6 +115,14 @@ TEST_F(CallEndTest, EachWayOfEndingLogsItsLinesAndLeavesTheLinkIdle) {
          },
          4 * SectionWireBytes,
          {"Remote end not responding.", "Disconnected", rule, profile}},
+        {"the file cannot be read",
+         [this] {
+             ASSERT_TRUE(DeleteFileAt(CallWithFile("gone.txt", LetterBytes(3000))));
+             Send("ACK3\r\n");
+             AnswerHangUp();
+         },
+         3002,
+         {"Cannot read file: gone.txt", "Disconnected", rule, profile}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.What);
@@ -132,6 +140,8 @@ TEST_F(CallEndTest, EachWayOfEndingLogsItsLinesAndLeavesTheLinkIdle) {
         EXPECT_EQ(Inspect([&] { return uint32_t{engine_.SendList[0].BytesDone}; }), 0u);
         EXPECT_EQ(Inspect([&] { return engine_.SendList[0].NextBlock; }), 0);
         EXPECT_EQ(engine_.SendList.Remaining(), c.Total);
+        // A time that went untold is not told by a later call's end either.
+        EXPECT_EQ(engine_.Call.TransferStartTime.load(), 0);
         engine_.SendList.Clear();
     }
 }
@@ -322,16 +332,6 @@ TEST_F(ReceiverTeardownTest, AStreamThatBringsNoTokenAfterAFailedSectionIsHungUp
     BackToIdle();
     EXPECT_TRUE(Logged("Sending disconnect..."));
     EXPECT_EQ(Count("Serial Limit Reached"), 1);
-}
-
-TEST_F(SenderTeardownTest, AFileThatCannotBeReadEndsTheCall) {
-    ASSERT_TRUE(DeleteFileAt(CallWithFile("gone.txt", LetterBytes(3000))));
-    Send("ACK3\r\n");
-    AnswerHangUp();
-    EXPECT_TRUE(Logged("Cannot read file: gone.txt"));
-    EXPECT_FALSE(FeederRunning(engine_));
-    // Its time went untold; a later call's end must not tell it either.
-    EXPECT_EQ(engine_.Call.TransferStartTime.load(), 0);
 }
 
 // An escape left unanswered after the last ACK. The line fell while the
