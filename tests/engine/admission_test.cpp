@@ -104,39 +104,7 @@ TEST_F(AdmissionTest, FreeSpaceMustHoldTheLargerOfTheHeadersTotalAndTheEntries) 
     EXPECT_FALSE(PathExists(Incoming("last")));
 }
 
-TEST_F(AdmissionTest, ANameWithAllItsSuffixesTakenRefusesTheListAndMakesNothing) {
-    WriteWholeFile(Incoming("busy"), "0");
-    ASSERT_TRUE(CreateFolder(Incoming("box")));
-    for (char letter = 'A'; letter <= 'Z'; ++letter) {
-        WriteWholeFile(Incoming(std::string("busy-") + letter), std::string(1, letter));
-        ASSERT_TRUE(CreateFolder(Incoming(std::string("box-") + letter)));
-    }
-    EXPECT_EQ(Offer({{"free", 0, 3}, {"busy", 0, 3}}), "NAK4\r\n");
-    EXPECT_TRUE(WaitForLog("Too many files named busy"));
-    EXPECT_FALSE(PathExists(Incoming("free")));
-    EXPECT_EQ(ReadWholeFile(Incoming("busy-Z")), "Z");
-
-    // A folder marker whose name and every suffix are taken refuses the list
-    // the same way; nothing is made in any of the folders.
-    EXPECT_EQ(Offer({{"box", 1, 0}, {"inside", 0, 3}}), "NAK4\r\n");
-    EXPECT_TRUE(WaitForLog("Too many files named box"));
-    EXPECT_FALSE(PathExists(Incoming("box/inside")));
-    EXPECT_FALSE(PathExists(Incoming("box-Z/inside")));
-
-    // Twenty-eight files of one name in one list: the plain name and its 26
-    // suffixes hold 27 of them.
-    std::vector<Offered> same(28, Offered{"same", 0, 3});
-    same.insert(same.begin(), Offered{"Box", 1, 0});
-    EXPECT_EQ(Offer(same), "NAK4\r\n");
-    EXPECT_TRUE(WaitForLog("Too many files named same"));
-    // The folder made for the refused list is gone again, and the log never
-    // said it was made.
-    EXPECT_FALSE(PathExists(Incoming("Box")));
-    EXPECT_FALSE(Logged("Created new folder: Box"));
-    EXPECT_EQ(engine_.Call.LinkState.load(), LinkState::Connected);
-}
-
-TEST_F(AdmissionTest, NamesTakenOnDiskOrByTheListGetSuffixesAndTheAnnouncedNameIsKept) {
+TEST_F(AdmissionTest, NamesTakenGetSuffixesTheAnnouncedNameIsKeptAndWithoutOneLeftTheListGoes) {
     WriteWholeFile(Incoming("report.doc"), "mine");
     EXPECT_EQ(Offer({{"report.doc", 0, 5}, {"report.doc", 0, 5}}), "ACK3\r\n");
     EXPECT_EQ(ReceivedNames(), (std::vector<std::string>{"report-A.doc", "report-B.doc"}));
@@ -177,6 +145,37 @@ TEST_F(AdmissionTest, NamesTakenOnDiskOrByTheListGetSuffixesAndTheAnnouncedNameI
         EXPECT_EQ(ReceivedNames(), (std::vector<std::string>{c.Name, c.Second}));
         Abandon();
     }
+
+    // A name with all its suffixes taken refuses the list and makes nothing.
+    WriteWholeFile(Incoming("busy"), "0");
+    ASSERT_TRUE(CreateFolder(Incoming("box")));
+    for (char letter = 'A'; letter <= 'Z'; ++letter) {
+        WriteWholeFile(Incoming(std::string("busy-") + letter), std::string(1, letter));
+        ASSERT_TRUE(CreateFolder(Incoming(std::string("box-") + letter)));
+    }
+    EXPECT_EQ(Offer({{"free", 0, 3}, {"busy", 0, 3}}), "NAK4\r\n");
+    EXPECT_TRUE(WaitForLog("Too many files named busy"));
+    EXPECT_FALSE(PathExists(Incoming("free")));
+    EXPECT_EQ(ReadWholeFile(Incoming("busy-Z")), "Z");
+
+    // A folder marker whose name and every suffix are taken refuses the list
+    // the same way; nothing is made in any of the folders.
+    EXPECT_EQ(Offer({{"box", 1, 0}, {"inside", 0, 3}}), "NAK4\r\n");
+    EXPECT_TRUE(WaitForLog("Too many files named box"));
+    EXPECT_FALSE(PathExists(Incoming("box/inside")));
+    EXPECT_FALSE(PathExists(Incoming("box-Z/inside")));
+
+    // Twenty-eight files of one name in one list: the plain name and its 26
+    // suffixes hold 27 of them.
+    std::vector<Offered> same(28, Offered{"same", 0, 3});
+    same.insert(same.begin(), Offered{"Box", 1, 0});
+    EXPECT_EQ(Offer(same), "NAK4\r\n");
+    EXPECT_TRUE(WaitForLog("Too many files named same"));
+    // The folder made for the refused list is gone again, and the log never
+    // said it was made.
+    EXPECT_FALSE(PathExists(Incoming("Box")));
+    EXPECT_FALSE(Logged("Created new folder: Box"));
+    EXPECT_EQ(engine_.Call.LinkState.load(), LinkState::Connected);
 }
 
 // A file stands under its own name only once it is whole: until then under a
