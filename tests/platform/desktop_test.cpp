@@ -174,6 +174,7 @@ TEST(Files, OnlyPlainFilesOpenAndAFifoNeverHoldsTheOpener) {
     EXPECT_EQ(KindOfPath(root / "folder"), PathKind::Folder);
     EXPECT_EQ(KindOfPath(root / "plain"), PathKind::File);
     EXPECT_EQ(KindOfPath(root / "missing"), PathKind::Missing);
+    EXPECT_FALSE(FolderExists(root / "missing"));
     std::vector<FolderEntry> entries;
     ASSERT_TRUE(ListFolder(root.Path(), entries));
     for (const FolderEntry& entry : entries) {
@@ -182,6 +183,11 @@ TEST(Files, OnlyPlainFilesOpenAndAFifoNeverHoldsTheOpener) {
         EXPECT_EQ(entry.IsFolder,
                   entry.Name == "folder" || entry.Name == "." || entry.Name == "..");
     }
+    // A file deleted once is gone: a second delete fails. (A folder that
+    // exists or holds a file, made or removed, is the pick-up folder
+    // controls' test's.)
+    EXPECT_TRUE(DeleteFileAt(root / "plain"));
+    EXPECT_FALSE(DeleteFileAt(root / "plain"));
 }
 
 }  // namespace

@@ -1,31 +1,13 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <string>
 
 #include "platform/clock.h"
-#include "platform/files.h"
-#include "support/temp_folder.h"
 #include "support/test_clock.h"
 
 namespace kb::test {
 
 using namespace kb::platform;
-
-// That a move never replaces a file is the admission test's, where a name
-// taken meanwhile keeps its own bytes.
-TEST(Files, FolderRulesThatCallersRelyOn) {
-    TempFolder root;
-    const std::string folder = root / "Incoming Files";
-    EXPECT_TRUE(CreateFolder(folder));
-    EXPECT_FALSE(CreateFolder(folder)) << "making a folder that exists must fail";
-    WriteWholeFile(folder + "/a.txt", "x");
-    EXPECT_FALSE(RemoveFolder(folder)) << "a folder that holds a file stays";
-    EXPECT_TRUE(DeleteFileAt(folder + "/a.txt"));
-    EXPECT_FALSE(DeleteFileAt(folder + "/a.txt"));
-    EXPECT_TRUE(RemoveFolder(folder));
-    EXPECT_FALSE(FolderExists(folder));
-}
 
 TEST(Clock, IntervalArithmeticIsSixteenBitAndStampIntervalsSurviveTheWrap) {
     EXPECT_EQ(ElapsedBetween(100, 900, 101, 150), 250);
