@@ -21,7 +21,7 @@ using namespace kb::platform;
 
 namespace {
 
-TEST_F(LineTest, ExchangeKeepsTheWholeReplyAndPutsPollingBackAsItWas) {
+TEST_F(LineTest, ExchangeKeepsTheWholeReplyPutsPollingBackAndTakesThePortFromAWaitingReader) {
     Attach(1, [](const std::string& command, uint32_t) {
         return command == "ATQ" ? EchoOnly(command) : Answer(command, {"line one"});
     });
@@ -40,15 +40,10 @@ TEST_F(LineTest, ExchangeKeepsTheWholeReplyAndPutsPollingBackAsItWas) {
     EXPECT_FALSE(line_.SendAndWaitOkShort("ATQ")) << "an echo without OK is a failure";
     EXPECT_EQ(line_.LinePollingEnabled.load(), true) << "also after a failed one";
     EXPECT_EQ(adapters_[0]->CommandTexts(), (Texts{"ATI3", "ATI4", "ATQ"}));
-}
 
-TEST_F(LineTest, ExchangeTakesThePortFromAReaderThatWaitsOnIt) {
-    Attach(1, [](const std::string& command, uint32_t) { return Answer(command); });
-    OpenPort(1, 115200);
-    line_.SetLinePolling(true);
-    // A stand-in for the communications thread: it holds the read lock for
-    // each pass in which polling is on, and sleeps long waits that only a
-    // wake ends.
+    // An exchange takes the port from a reader that waits on it. A stand-in for the communications
+    // thread: it holds the read lock for each pass in which polling is on, and sleeps long waits
+    // that only a wake ends.
     std::atomic<bool> stop{false};
     std::atomic<int> passes{0};
     std::thread reader([&] {

@@ -171,8 +171,9 @@ TEST_F(ProfileTest, EachProfileFollowsItsSettingsAndTheFamily) {
 }
 
 // A later set-up drains the line first and ignores its result; the first
-// one of a run says that it failed, with the number read all the same.
-TEST_F(ProfileTest, OnlyTheFirstIncomingSetUpReportsAFailureAndLaterOnesDrainTheLineFirst) {
+// one of a run says that it failed, with the number read all the same. The
+// closing command waits for its OK except on the 3Com.
+TEST_F(ProfileTest, OnlyTheFirstSetUpReportsAFailureLaterOnesDrainTheLineAndTheLastCommandGoes) {
     Found(ModelAdTran, 1, 2);
     stores_.Prefs.IncomingProtocol = 1;
     AdapterScript script = AdtranScript();
@@ -203,34 +204,30 @@ TEST_F(ProfileTest, OnlyTheFirstIncomingSetUpReportsAFailureAndLaterOnesDrainThe
     EXPECT_EQ(LastCommand(adapter), "AT\\Q3S0=0&D0&C1W1E1S71=2S73=1S74=256S75=0S60=56");
     EXPECT_EQ(line_.RateEstimate.load(), 7000);
 
-    // Without an adapter nothing goes out.
-    line_.AdapterFound.store(false);
+    // The closing command: the 3Com's goes out with its reply not read, the
+    // others' wait for their OK.
     adapter.ClearCommands();
-    ClearLogged();
-    line_.ReinitializeIncoming();
-    EXPECT_TRUE(adapter.CommandTexts().empty());
-    EXPECT_TRUE(Logged().empty());
-}
-
-TEST_F(ProfileTest, ClosingCommandWaitsForOkExceptOnThe3Com) {
-    Found(Model3Com, 0, 2);
-    ScriptedAdapter& adapter = Adapter(ThreeComScript());
+    line_.TokenBuffer[0] = '\0';
     line_.SendClosingCommand();
     EXPECT_EQ(line_.TokenBuffer[0], '\0') << "the 3Com's command is sent and its reply not read";
     ASSERT_TRUE(adapter.WaitForCommands(1, 2000));
     line_.DrainInput(200);
-
     stores_.Prefs.AdapterModel = ModelZyXEL;
     line_.SendClosingCommand();
     EXPECT_STREQ(line_.TokenBuffer, "AT&O0E1\r\r\nOK\r\n");
     EXPECT_EQ(adapter.CommandTexts(), (Texts{"AT$B0E1", "AT&O0E1"}));
 
+    // Without an adapter nothing goes out, neither a set-up nor a closing
+    // command of either kind.
     line_.AdapterFound.store(false);
     adapter.ClearCommands();
+    ClearLogged();
+    line_.ReinitializeIncoming();
     line_.SendClosingCommand();
     stores_.Prefs.AdapterModel = Model3Com;
     line_.SendClosingCommand();
     EXPECT_FALSE(adapter.WaitForCommands(1, 200)) << "nothing goes to a port without an adapter";
+    EXPECT_TRUE(Logged().empty());
 }
 
 }  // namespace
