@@ -57,7 +57,16 @@ TEST_F(CommPortTest, TokenIsFoundAndWhatFollowsItStaysQueued) {
     EXPECT_EQ(std::memcmp(rest, "\r\n\xFF\xAA\x55", 5), 0);
 }
 
-TEST_F(CommPortTest, LineLimitOf1023BytesCountsOnlyRealBytes) {
+// A silent line times out with the buffer untouched and costs no processor;
+// the limit of 1023 bytes on a reply counts only real bytes.
+TEST_F(CommPortTest, ASilentLineCostsNothingAndTheLineLimitCountsOnlyRealBytes) {
+    std::strcpy(buffer_, "previous reply OK\r\n");
+    const double before = ThreadCpuMs();
+    EXPECT_EQ(line_.ReadUntilOk(4000, buffer_), nullptr);
+    EXPECT_LT(ThreadCpuMs() - before, 50.0);
+    EXPECT_STREQ(buffer_, "previous reply OK\r\n") << "nothing was read, nothing written";
+    EXPECT_EQ(output_.Count("Serial Limit Reached"), 0);
+
     // NULs do not count towards the limit: 1019 letters, 2000 NULs, then the
     // token's last byte is the 1023rd real byte and is still found.
     std::string reply(1019, 'x');
@@ -69,36 +78,7 @@ TEST_F(CommPortTest, LineLimitOf1023BytesCountsOnlyRealBytes) {
     // One byte more, and the limit told once a call: the hostile peer's test.
 }
 
-TEST_F(CommPortTest, SilentLineTimesOutWithBufferUntouchedAndCostsNoProcessor) {
-    std::strcpy(buffer_, "previous reply OK\r\n");
-    const double before = ThreadCpuMs();
-    EXPECT_EQ(line_.ReadUntilOk(4000, buffer_), nullptr);
-    EXPECT_LT(ThreadCpuMs() - before, 50.0);
-    EXPECT_STREQ(buffer_, "previous reply OK\r\n") << "nothing was read, nothing written";
-    EXPECT_EQ(output_.Count("Serial Limit Reached"), 0);
-}
-
-TEST_F(CommPortTest, BlockReadWaitsWhileATrickleGoesOnThenDeliversWhatCame) {
-    // 8 chunks 60 ms apart take longer than the 400 ms limit; only silence ends it.
-    std::thread trickle([&] {
-        for (int i = 0; i < 8; ++i) {
-            far_.Send(std::string(10, static_cast<char>('a' + i)));
-            std::this_thread::sleep_for(std::chrono::milliseconds(60));
-        }
-    });
-    uint8_t block[8192];
-    const uint32_t got = line_.ReadBlock(block, sizeof block, 400);
-    trickle.join();
-    EXPECT_EQ(got, 80u);
-    EXPECT_EQ(block[0], 'a');
-    EXPECT_EQ(block[79], 'h');
-    EXPECT_EQ(output_.Count("Read Buffer Timeout"), 1);
-
-    EXPECT_EQ(line_.ReadBlock(block, 16, 100), 0u) << "nothing received, nothing delivered";
-    EXPECT_EQ(output_.Count("Read Buffer Timeout"), 2);
-}
-
-TEST_F(CommPortTest, ThreeWholeBlocksFitTheInputQueueAndTheRestWaits) {
+TEST_F(CommPortTest, ThreeWholeBlocksFitTheQueueAndABlockReadWaitsWhileATrickleGoesOn) {
     const std::string stream = RandomBytes(5 * 8192, 5);
     std::thread sender([&] { far_.Send(stream); });
     std::string got;
@@ -114,6 +94,24 @@ TEST_F(CommPortTest, ThreeWholeBlocksFitTheInputQueueAndTheRestWaits) {
     sender.join();
     EXPECT_TRUE(got == stream);
     EXPECT_EQ(output_.Count("Read Buffer Timeout"), 0);
+
+    // A block read waits while a trickle goes on, then delivers what came.
+    // 8 chunks 60 ms apart take longer than the 400 ms limit; only silence ends it.
+    std::thread trickle([&] {
+        for (int i = 0; i < 8; ++i) {
+            far_.Send(std::string(10, static_cast<char>('a' + i)));
+            std::this_thread::sleep_for(std::chrono::milliseconds(60));
+        }
+    });
+    const uint32_t trickled = line_.ReadBlock(block, sizeof block, 400);
+    trickle.join();
+    EXPECT_EQ(trickled, 80u);
+    EXPECT_EQ(block[0], 'a');
+    EXPECT_EQ(block[79], 'h');
+    EXPECT_EQ(output_.Count("Read Buffer Timeout"), 1);
+
+    EXPECT_EQ(line_.ReadBlock(block, 16, 100), 0u) << "nothing received, nothing delivered";
+    EXPECT_EQ(output_.Count("Read Buffer Timeout"), 2);
 }
 
 TEST_F(CommPortTest, DrainReturnsOnlyAfterTheLineHasBeenQuiet) {

@@ -96,19 +96,17 @@ TEST_F(PortSpeedTest, MenuMovesOfEachFamily) {
             atMessage.push_back({adapter.Far().Speed(), adapter.Commands().size()});
         };
 
-        line_.ChangePortSpeed(230400);
-        ASSERT_TRUE(adapter.WaitForCommands(CommandCount(c.Up), 2000));
-        EXPECT_EQ(Described(adapter.Commands(), c.Up), c.Up);
-        EXPECT_EQ(line_.Port()->BaudRate.load(), 230400u);
-        EXPECT_EQ(stores_.Prefs.SelectedPortSpeed, 230400u);
-        EXPECT_TRUE(line_.LinePollingEnabled.load());
-
-        adapter.ClearCommands();
-        line_.ChangePortSpeed(115200);
-        ASSERT_TRUE(adapter.WaitForCommands(CommandCount(c.Down), 2000));
-        EXPECT_EQ(Described(adapter.Commands(), c.Down), c.Down);
-        EXPECT_EQ(adapter.Far().Speed(), 115200u);
-        EXPECT_EQ(stores_.Prefs.SelectedPortSpeed, 115200u);
+        for (const auto& [speed, commands] :
+             {std::pair{230400u, c.Up}, std::pair{115200u, c.Down}}) {
+            adapter.ClearCommands();
+            line_.ChangePortSpeed(speed);
+            ASSERT_TRUE(adapter.WaitForCommands(CommandCount(commands), 2000));
+            EXPECT_EQ(Described(adapter.Commands(), commands), commands);
+            EXPECT_EQ(line_.Port()->BaudRate.load(), speed);
+            EXPECT_EQ(adapter.Far().Speed(), speed);
+            EXPECT_EQ(stores_.Prefs.SelectedPortSpeed, speed);
+            EXPECT_TRUE(line_.LinePollingEnabled.load());
+        }
         EXPECT_EQ(Logged(), (Texts{"Port speed changed to 230400 bps.",
                                    "Port speed changed to 115200 bps."}));
         EXPECT_EQ(Messages(), c.Model == ModelAdTran ? switchMessages : Texts{});
