@@ -58,7 +58,7 @@ protected:
     EnvironmentValue display_{"DISPLAY", ":99"};
 };
 
-TEST_F(LinuxDesktopTest, FoldersPagesAndProgramsGoToTheDesktopsHandlers) {
+TEST_F(LinuxDesktopTest, FoldersPagesProgramsAndFileDialogsGoToTheDesktopsHandlers) {
     LinuxDesktop desktop;
     Tool("xdg-open");
     desktop.ShowFolder("/home/a/Pick Up");
@@ -103,10 +103,8 @@ TEST_F(LinuxDesktopTest, FoldersPagesAndProgramsGoToTheDesktopsHandlers) {
     EXPECT_EQ(Reported("SigBlk:\t0000000000000000\n"),
               root_ / "bin/program\nSigBlk:\t0000000000000000\n");
     ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-}
 
-TEST_F(LinuxDesktopTest, FileDialogsAreZenitysAndACancelOrNoSessionChoosesNothing) {
-    LinuxDesktop desktop;
+    // The file dialogs are zenity's; a cancel, or no session, chooses nothing.
     const std::string zenity = root_ / "bin/zenity\n--file-selection\n";
     Tool("zenity", "echo /home/a/Bob.KBE");
     FileDialogRequest save;

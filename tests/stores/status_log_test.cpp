@@ -154,7 +154,7 @@ TEST_F(LogSinkTest, LinesBeforeTheSinkAreHeldUnderTheListLimitAndArriveFirstInOr
     EXPECT_EQ(next, (std::vector<std::string>{"after the window", "held two", "meanwhile"}));
 }
 
-TEST_F(LogSinkTest, LinesFromSeveralThreadsAllArriveEachThreadInItsOrder) {
+TEST_F(LogSinkTest, LinesFromSeveralThreadsAllArriveInOrderAndRemovingTheSinkWaitsForOne) {
     std::mutex seenLock;
     std::vector<std::string> seen;
     log_.SetSink([&](const std::string& line) {
@@ -184,9 +184,8 @@ TEST_F(LogSinkTest, LinesFromSeveralThreadsAllArriveEachThreadInItsOrder) {
         ASSERT_EQ(i, nextOf[t]) << line;
         ++nextOf[t];
     }
-}
 
-TEST_F(LogSinkTest, RemovingTheSinkWaitsForALineInProgress) {
+    // Removing the sink waits for a line in progress.
     std::promise<void> entered;
     std::promise<void> release;
     std::shared_future<void> released = release.get_future().share();
