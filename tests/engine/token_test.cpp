@@ -114,7 +114,7 @@ TEST_F(SenderTokenTest, ARefusalOrAnAck2ToTheListEndsTheSessionAtOnce) {
     }
 }
 
-TEST_F(CallProgressTest, BusyNoCarrierAndNoDialtoneEndTheDialAndOtherLinesDoNot) {
+TEST_F(CallProgressTest, BusyNoCarrierAndNoDialtoneEndTheDialAndCarrierCodesLeadEachNumber) {
     // Neither the far end's ringing nor a connection at a speed of no ISDN
     // call is the end of a dial.
     engine_.Call.LinkState = LinkState::Dialing;
@@ -142,9 +142,8 @@ TEST_F(CallProgressTest, BusyNoCarrierAndNoDialtoneEndTheDialAndOtherLinesDoNot)
         "Cannot place an outgoing data call.\rPlease make sure your ISDN "
         "line is properly connected.";
     EXPECT_EQ(Messages(), std::vector<std::string>(2, noLine));
-}
 
-TEST(DialStringTest, CarrierCodesGoInFrontOfEachNumber) {
+    // The carrier's code goes in front of each number dialled.
     EXPECT_EQ(DialString("(555) 123-4567", 2), "ATD102225551234567");
     EXPECT_EQ(DialString("111+222", 1), "ATD10288111+10288222");
     EXPECT_EQ(DialString("111&222", 0), "ATD111&222");

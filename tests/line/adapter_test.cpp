@@ -21,7 +21,10 @@ using namespace kb::platform;
 
 namespace {
 
-TEST_F(LineTest, ExchangeKeepsTheWholeReplyPutsPollingBackAndTakesThePortFromAWaitingReader) {
+// An exchange keeps the whole reply and puts polling back as it was, also
+// after conversations that overlap, and takes the port from a reader that
+// waits on it.
+TEST_F(LineTest, ExchangesAndConversationsPutPollingBackAndTakeThePortFromAWaitingReader) {
     Attach(1, [](const std::string& command, uint32_t) {
         return command == "ATQ" ? EchoOnly(command) : Answer(command, {"line one"});
     });
@@ -68,9 +71,8 @@ TEST_F(LineTest, ExchangeKeepsTheWholeReplyPutsPollingBackAndTakesThePortFromAWa
     stop.store(true);
     line_.InterruptPortWait();
     reader.join();
-}
 
-TEST_F(LineTest, ConversationsThatOverlapLeaveThePollingFlagRight) {
+    // Conversations that overlap leave the polling flag right.
     line_.SetLinePolling(true);
     std::optional<PortConversation> first(std::in_place, line_);
     EXPECT_EQ(line_.LinePollingEnabled.load(), false);

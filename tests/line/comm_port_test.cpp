@@ -36,7 +36,7 @@ protected:
 
 }  // namespace
 
-TEST_F(CommPortTest, CommandsEndInCarriageReturnAloneAndLongOnesAreRefused) {
+TEST_F(CommPortTest, CommandsEndInCarriageReturnAloneAndATokenLeavesWhatFollowsQueued) {
     const std::string longest(254, 'A');
     line_.SendCommand(longest.c_str());
     EXPECT_EQ(far_.Receive(255, 2000), longest + "\r");
@@ -44,9 +44,8 @@ TEST_F(CommPortTest, CommandsEndInCarriageReturnAloneAndLongOnesAreRefused) {
     line_.SendCommand(tooLong.c_str());
     line_.SendBytes("\x00\xFF", 2);
     EXPECT_EQ(far_.Receive(3, 300), std::string("\x00\xFF", 2)) << "nothing of the refused command";
-}
 
-TEST_F(CommPortTest, TokenIsFoundAndWhatFollowsItStaysQueued) {
+    // A token is found, and what follows it stays queued.
     far_.Send(std::string("noise\0 ACK3\r\n", 13) + "\xFF\xAA\x55");
     char* token = line_.ReadUntilToken("ACK3", 2000, buffer_);
     ASSERT_NE(token, nullptr);

@@ -32,7 +32,7 @@ protected:
 // than the file holds, only the whole records that fit, never more than the
 // table holds; the slot behind them stays zero, whatever a load before left
 // there. (The two zero bytes of a first run are the program's start test's.)
-TEST_F(DirectoryTest, ACountOutsideTheTableNeverWritesPastIt) {
+TEST_F(DirectoryTest, ACountOutsideTheTableNeverWritesPastItAndASaveWritesEveryField) {
     std::string many = CountBytes(200);
     for (int i = 0; i < 130; ++i) {
         many += RecordBytes("Firm" + std::to_string(i), "1", static_cast<uint8_t>(i + 1));
@@ -63,9 +63,8 @@ TEST_F(DirectoryTest, ACountOutsideTheTableNeverWritesPastIt) {
         EXPECT_EQ(std::string(behind, CorrespondentSize), std::string(CorrespondentSize, '\0'));
     }
     EXPECT_TRUE(Messages().empty());
-}
 
-TEST_F(DirectoryTest, SaveWritesEveryFieldAtItsOffsetAndKeepsTheOlderTail) {
+    // A save writes every field at its offset and keeps the older tail.
     const std::string tail(3 * CorrespondentSize, 't');
     WriteWholeFile(FilePath(), CountBytes(3) + tail);
     ASSERT_TRUE(LoadDirectory(stores_.Directory, stores_.Paths.DirectoryPath));
