@@ -64,7 +64,7 @@ protected:
 
 }  // namespace
 
-TEST_F(AdmissionTest, FreeSpaceMustHoldTheLargerOfTheHeadersTotalAndTheEntries) {
+TEST_F(AdmissionTest, FreeSpaceHoldsTheLargerTotalAndAFileTakesItsNameOnlyWhenWhole) {
     struct Case {
         const char* What;
         uint64_t Free;
@@ -102,6 +102,31 @@ TEST_F(AdmissionTest, FreeSpaceMustHoldTheLargerOfTheHeadersTotalAndTheEntries) 
     // The last list's file is kept for a resume, under its marker.
     EXPECT_TRUE(PathExists(Incoming("last.part")));
     EXPECT_FALSE(PathExists(Incoming("last")));
+
+    // A file stands under its own name only once it is whole: until then under a
+    // marker, made when its turn comes, so that a file not begun has nothing on
+    // the disk. A name that something took meanwhile is never taken from it.
+    const peer::File first{"a.txt", RandomBytes(2000, 4)};
+    const peer::File second{"b.txt", RandomBytes(10, 5)};
+    Send(ListFor({first, second, {"e.txt", ""}}));
+    EXPECT_EQ(Take(6), "ACK3\r\n");
+    // What else stands on the disk meanwhile, the killed station's test shows.
+    EXPECT_TRUE(PathExists(Incoming("a.txt.part")));
+
+    WriteWholeFile(Incoming("a.txt"), "mine");
+    Send(peer::Stream(first.Bytes));
+    EXPECT_EQ(Take(6), "ACK4\r\n");
+    // Compared whole, so that a failure does not print the data.
+    EXPECT_TRUE(ReadWholeFile(Incoming("a.txt")) == "mine");
+    EXPECT_TRUE(ReadWholeFile(Incoming("a-A.txt")) == first.Bytes);
+    EXPECT_FALSE(PathExists(Incoming("a.txt.part")));
+    EXPECT_TRUE(Logged("Name taken meanwhile; saved as a-A.txt"));
+    EXPECT_TRUE(PathExists(Incoming("b.txt.part")));
+
+    Send(peer::Stream(second.Bytes));
+    EXPECT_EQ(Take(6), "ACK2\r\n");
+    EXPECT_TRUE(ReadWholeFile(Incoming("b.txt")) == second.Bytes);
+    EXPECT_FALSE(PathExists(Incoming("b.txt.part")));
 }
 
 TEST_F(AdmissionTest, NamesTakenGetSuffixesTheAnnouncedNameIsKeptAndWithoutOneLeftTheListGoes) {
@@ -176,33 +201,6 @@ TEST_F(AdmissionTest, NamesTakenGetSuffixesTheAnnouncedNameIsKeptAndWithoutOneLe
     EXPECT_FALSE(PathExists(Incoming("Box")));
     EXPECT_FALSE(Logged("Created new folder: Box"));
     EXPECT_EQ(engine_.Call.LinkState.load(), LinkState::Connected);
-}
-
-// A file stands under its own name only once it is whole: until then under a
-// marker, made when its turn comes, so that a file not begun has nothing on
-// the disk. A name that something took meanwhile is never taken from it.
-TEST_F(AdmissionTest, AFileTakesItsOwnNameOnlyWhenWholeAndNeverFromWhatCameMeanwhile) {
-    const peer::File first{"a.txt", RandomBytes(2000, 4)};
-    const peer::File second{"b.txt", RandomBytes(10, 5)};
-    Send(ListFor({first, second, {"e.txt", ""}}));
-    EXPECT_EQ(Take(6), "ACK3\r\n");
-    // What else stands on the disk meanwhile, the killed station's test shows.
-    EXPECT_TRUE(PathExists(Incoming("a.txt.part")));
-
-    WriteWholeFile(Incoming("a.txt"), "mine");
-    Send(peer::Stream(first.Bytes));
-    EXPECT_EQ(Take(6), "ACK4\r\n");
-    // Compared whole, so that a failure does not print the data.
-    EXPECT_TRUE(ReadWholeFile(Incoming("a.txt")) == "mine");
-    EXPECT_TRUE(ReadWholeFile(Incoming("a-A.txt")) == first.Bytes);
-    EXPECT_FALSE(PathExists(Incoming("a.txt.part")));
-    EXPECT_TRUE(Logged("Name taken meanwhile; saved as a-A.txt"));
-    EXPECT_TRUE(PathExists(Incoming("b.txt.part")));
-
-    Send(peer::Stream(second.Bytes));
-    EXPECT_EQ(Take(6), "ACK2\r\n");
-    EXPECT_TRUE(ReadWholeFile(Incoming("b.txt")) == second.Bytes);
-    EXPECT_FALSE(PathExists(Incoming("b.txt.part")));
 }
 
 }  // namespace kb::test

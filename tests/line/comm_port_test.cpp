@@ -77,7 +77,7 @@ TEST_F(CommPortTest, ASilentLineCostsNothingAndTheLineLimitCountsOnlyRealBytes) 
     // One byte more, and the limit told once a call: the hostile peer's test.
 }
 
-TEST_F(CommPortTest, ThreeWholeBlocksFitTheQueueAndABlockReadWaitsWhileATrickleGoesOn) {
+TEST_F(CommPortTest, TheQueueHoldsThreeBlocksABlockReadWaitsOutATrickleAndSoDoesADrain) {
     const std::string stream = RandomBytes(5 * 8192, 5);
     std::thread sender([&] { far_.Send(stream); });
     std::string got;
@@ -111,11 +111,10 @@ TEST_F(CommPortTest, ThreeWholeBlocksFitTheQueueAndABlockReadWaitsWhileATrickleG
 
     EXPECT_EQ(line_.ReadBlock(block, 16, 100), 0u) << "nothing received, nothing delivered";
     EXPECT_EQ(output_.Count("Read Buffer Timeout"), 2);
-}
 
-TEST_F(CommPortTest, DrainReturnsOnlyAfterTheLineHasBeenQuiet) {
+    // A drain returns only after the line has been quiet.
     std::atomic<bool> sending{true};
-    std::thread stream([&] {
+    std::thread dribble([&] {
         for (int i = 0; i < 30; ++i) {
             far_.Send("z");
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -125,7 +124,7 @@ TEST_F(CommPortTest, DrainReturnsOnlyAfterTheLineHasBeenQuiet) {
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
     line_.DrainInput(150);
     EXPECT_FALSE(sending.load()) << "returned while bytes were still arriving";
-    stream.join();
+    dribble.join();
     EXPECT_EQ(line_.PortQueueCount(PortQueue::Input), 0u);
 }
 

@@ -127,7 +127,7 @@ protected:
     StatusLog log_{std::string()};
 };
 
-TEST_F(LogSinkTest, LinesBeforeTheSinkAreHeldUnderTheListLimitAndArriveFirstInOrder) {
+TEST_F(LogSinkTest, LinesArriveInOrderHeldBeforeTheSinkOrFromThreadsAndRemovalWaitsForOne) {
     for (const std::string& line : Numbered(1, 601)) {
         log_.Add(line);
     }
@@ -152,14 +152,13 @@ TEST_F(LogSinkTest, LinesBeforeTheSinkAreHeldUnderTheListLimitAndArriveFirstInOr
         }
     });
     EXPECT_EQ(next, (std::vector<std::string>{"after the window", "held two", "meanwhile"}));
-}
 
-TEST_F(LogSinkTest, LinesFromSeveralThreadsAllArriveInOrderAndRemovingTheSinkWaitsForOne) {
-    std::mutex seenLock;
-    std::vector<std::string> seen;
+    // Lines from several threads all arrive, each thread's in its order.
+    std::mutex arrivedLock;
+    std::vector<std::string> arrived;
     log_.SetSink([&](const std::string& line) {
-        std::lock_guard<std::mutex> guard(seenLock);
-        seen.push_back(line);
+        std::lock_guard<std::mutex> guard(arrivedLock);
+        arrived.push_back(line);
     });
     constexpr int Threads = 4;
     constexpr int Lines = 500;
@@ -176,9 +175,9 @@ TEST_F(LogSinkTest, LinesFromSeveralThreadsAllArriveInOrderAndRemovingTheSinkWai
     }
     log_.SetSink(nullptr);
 
-    ASSERT_EQ(seen.size(), static_cast<size_t>(Threads * Lines));
+    ASSERT_EQ(arrived.size(), static_cast<size_t>(Threads * Lines));
     std::vector<int> nextOf(Threads, 0);
-    for (const std::string& line : seen) {
+    for (const std::string& line : arrived) {
         const int t = std::stoi(line.substr(0, line.find(' ')));
         const int i = std::stoi(line.substr(line.find(' ') + 1));
         ASSERT_EQ(i, nextOf[t]) << line;
