@@ -168,8 +168,7 @@ TEST_F(LineTest, ShiftSearchesAgainFromTheFirstPortAtTheSearchSpeed) {
     stores_.Prefs.AdapterModel = ModelZyXEL;
     stores_.Prefs.AdapterVariant = 1;
     SetKeyStateQuery([](Key key) { return key == Key::Shift; });
-    AdapterScript script = ThreeComScript();
-    ScriptedAdapter& adapter = Attach(1, RespondAs(script));
+    ScriptedAdapter& adapter = Attach(1, RespondAs(ThreeComScript()));
 
     EXPECT_EQ(line_.FindAdapter(), AdapterSearch::WaitingForCalls);
     EXPECT_EQ(stores_.Prefs.ComPort, 1);

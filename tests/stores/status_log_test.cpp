@@ -27,7 +27,7 @@ protected:
     std::string LogFile() const { return folder_ / "kestrelbound_log"; }
 };
 
-TEST_F(StatusLogFileTest, SavedLinesCannotFakeAnEndMarkAndAShorterLogKeepsAStaleTailThatIsIgnored) {
+TEST_F(StatusLogFileTest, NoLineFakesTheEndMarkAStaleTailAndWhatPasses28000BytesAreLeftOut) {
     // A new installation gets a log of one byte, the end mark.
     ASSERT_TRUE(stores_.Log.Load());
     EXPECT_EQ(ReadWholeFile(LogFile()), std::string(1, '\0'));
@@ -63,9 +63,8 @@ TEST_F(StatusLogFileTest, SavedLinesCannotFakeAnEndMarkAndAShorterLogKeepsAStale
     stores_.Log.Free();
     ASSERT_TRUE(stores_.Log.Load());
     EXPECT_EQ(stores_.Log.StoredLines(), std::vector<std::string>{stopping});
-}
 
-TEST_F(StatusLogFileTest, OnlyTheFirst28000BytesAreReadAndACutLineIsLeftOut) {
+    // Only the first 28000 bytes are read, and a line cut there is left out.
     // Lines of 99 characters and their NUL fill the first 27900 bytes; the
     // next line starts there and runs past byte 28000.
     std::string cut;
