@@ -19,11 +19,6 @@ protected:
         line_.AdapterFound.store(true);
         line_.SpeedClass.store(speedClass);
     }
-    ScriptedAdapter& Adapter(AdapterScript script) {
-        ScriptedAdapter& adapter = Attach(1, RespondAs(std::move(script)));
-        OpenPort(1, 115200);
-        return adapter;
-    }
     // The last command the adapter received.
     static std::string LastCommand(ScriptedAdapter& adapter) {
         const Texts commands = adapter.CommandTexts();
@@ -43,7 +38,7 @@ struct NumberCase {
 
 // Every family's caption for a plain number is the detection tests'; here the
 // zeros behind a number and the replies that give none.
-TEST_F(ProfileTest, EachFamilysNumberIsReadAsItWritesIt) {
+TEST_F(ProfileTest, EachFamilysNumberIsReadAsItWritesItAndEachProfileFollowsItsSettings) {
     const std::string longNumber = "1234567890123456789012345678901234567890";
     const NumberCase cases[] = {
         {"BitSURFR", ModelBitSURFR, 0, "AT!N1?", "AT!N1?\r\r\n5552001\r\nOK\r\n",
@@ -89,13 +84,11 @@ TEST_F(ProfileTest, EachFamilysNumberIsReadAsItWritesIt) {
         EXPECT_EQ(std::string(line_.LocalNumber, sizeof line_.LocalNumber), expected)
             << "the number, with zeros behind it";
     }
-}
 
-// The first incoming profile of each family: the protocol saved, unless the
-// adapter on this port does not offer it, and the channel options of the
-// families that have them; and the outgoing profile of the settings chosen
-// for a call.
-TEST_F(ProfileTest, EachProfileFollowsItsSettingsAndTheFamily) {
+    // The first incoming profile of each family: the protocol saved, unless the
+    // adapter on this port does not offer it, and the channel options of the
+    // families that have them; and the outgoing profile of the settings chosen
+    // for a call.
     struct ProfileCase {
         const char* Name;
         bool Outgoing;
@@ -112,7 +105,7 @@ TEST_F(ProfileTest, EachProfileFollowsItsSettingsAndTheFamily) {
         std::string Logged;   // the lines, joined
     };
     const std::string zyxelOff = " | 2B channel connection OFF | V.42bis compression OFF";
-    const ProfileCase cases[] = {
+    const ProfileCase profiles[] = {
         {"ZyXEL with both options", false, ModelZyXEL, 1, 2, 0, false, true, true, 0, 32000,
          "AT&H3&D0&C1&E0&S0Q0E1V1B20&O2S0=0X1&J3&K44",
          "Initializing Incoming: V.120 - 64K | 2B channel connection ON | V.42bis compression ON"},
@@ -144,8 +137,8 @@ TEST_F(ProfileTest, EachProfileFollowsItsSettingsAndTheFamily) {
          false, 0, 8000, "AT\\Q3S0=0&D0&C1W1E1S71=2S73=0S74=253S75=0S60=64",
          "Initializing Outgoing: V.120 - 64K"},
     };
-    ScriptedAdapter& adapter = Adapter(ZyxelScript());
-    for (const ProfileCase& c : cases) {
+    adapter.SetResponder(RespondAs(ZyxelScript()));
+    for (const ProfileCase& c : profiles) {
         SCOPED_TRACE(c.Name);
         stores_.Prefs = Preferences{};
         Found(c.Model, c.Variant, c.SpeedClass);
@@ -178,7 +171,8 @@ TEST_F(ProfileTest, OnlyTheFirstSetUpReportsAFailureLaterOnesDrainTheLineAndTheL
     stores_.Prefs.IncomingProtocol = 1;
     AdapterScript script = AdtranScript();
     script.Unanswered = {"AT&F4\\Q3&D0X1S0=0S12=25S53=3S54=2S15=1"};
-    ScriptedAdapter& adapter = Adapter(script);
+    ScriptedAdapter& adapter = Attach(1, RespondAs(script));
+    OpenPort(1, 115200);
     // Stale input that must not be taken for the reply.
     adapter.Far().Send("\r\nRING\r\n");
 
