@@ -64,7 +64,7 @@ protected:
 
 }  // namespace
 
-TEST_F(AdmissionTest, FreeSpaceMustHoldTheLargerOfTheHeadersTotalAndTheEntries) {
+TEST_F(AdmissionTest, FreeSpaceHoldsTheLargerTotalAndAFileTakesItsNameOnlyWhenWhole) {
     struct Case {
         const char* What;
         uint64_t Free;
@@ -102,41 +102,34 @@ TEST_F(AdmissionTest, FreeSpaceMustHoldTheLargerOfTheHeadersTotalAndTheEntries) 
     // The last list's file is kept for a resume, under its marker.
     EXPECT_TRUE(PathExists(Incoming("last.part")));
     EXPECT_FALSE(PathExists(Incoming("last")));
+
+    // A file stands under its own name only once it is whole: until then under a
+    // marker, made when its turn comes, so that a file not begun has nothing on
+    // the disk. A name that something took meanwhile is never taken from it.
+    const peer::File first{"a.txt", RandomBytes(2000, 4)};
+    const peer::File second{"b.txt", RandomBytes(10, 5)};
+    Send(ListFor({first, second, {"e.txt", ""}}));
+    EXPECT_EQ(Take(6), "ACK3\r\n");
+    // What else stands on the disk meanwhile, the killed station's test shows.
+    EXPECT_TRUE(PathExists(Incoming("a.txt.part")));
+
+    WriteWholeFile(Incoming("a.txt"), "mine");
+    Send(peer::Stream(first.Bytes));
+    EXPECT_EQ(Take(6), "ACK4\r\n");
+    // Compared whole, so that a failure does not print the data.
+    EXPECT_TRUE(ReadWholeFile(Incoming("a.txt")) == "mine");
+    EXPECT_TRUE(ReadWholeFile(Incoming("a-A.txt")) == first.Bytes);
+    EXPECT_FALSE(PathExists(Incoming("a.txt.part")));
+    EXPECT_TRUE(Logged("Name taken meanwhile; saved as a-A.txt"));
+    EXPECT_TRUE(PathExists(Incoming("b.txt.part")));
+
+    Send(peer::Stream(second.Bytes));
+    EXPECT_EQ(Take(6), "ACK2\r\n");
+    EXPECT_TRUE(ReadWholeFile(Incoming("b.txt")) == second.Bytes);
+    EXPECT_FALSE(PathExists(Incoming("b.txt.part")));
 }
 
-TEST_F(AdmissionTest, ANameWithAllItsSuffixesTakenRefusesTheListAndMakesNothing) {
-    WriteWholeFile(Incoming("busy"), "0");
-    ASSERT_TRUE(CreateFolder(Incoming("box")));
-    for (char letter = 'A'; letter <= 'Z'; ++letter) {
-        WriteWholeFile(Incoming(std::string("busy-") + letter), std::string(1, letter));
-        ASSERT_TRUE(CreateFolder(Incoming(std::string("box-") + letter)));
-    }
-    EXPECT_EQ(Offer({{"free", 0, 3}, {"busy", 0, 3}}), "NAK4\r\n");
-    EXPECT_TRUE(WaitForLog("Too many files named busy"));
-    EXPECT_FALSE(PathExists(Incoming("free")));
-    EXPECT_EQ(ReadWholeFile(Incoming("busy-Z")), "Z");
-
-    // A folder marker whose name and every suffix are taken refuses the list
-    // the same way; nothing is made in any of the folders.
-    EXPECT_EQ(Offer({{"box", 1, 0}, {"inside", 0, 3}}), "NAK4\r\n");
-    EXPECT_TRUE(WaitForLog("Too many files named box"));
-    EXPECT_FALSE(PathExists(Incoming("box/inside")));
-    EXPECT_FALSE(PathExists(Incoming("box-Z/inside")));
-
-    // Twenty-eight files of one name in one list: the plain name and its 26
-    // suffixes hold 27 of them.
-    std::vector<Offered> same(28, Offered{"same", 0, 3});
-    same.insert(same.begin(), Offered{"Box", 1, 0});
-    EXPECT_EQ(Offer(same), "NAK4\r\n");
-    EXPECT_TRUE(WaitForLog("Too many files named same"));
-    // The folder made for the refused list is gone again, and the log never
-    // said it was made.
-    EXPECT_FALSE(PathExists(Incoming("Box")));
-    EXPECT_FALSE(Logged("Created new folder: Box"));
-    EXPECT_EQ(engine_.Call.LinkState.load(), LinkState::Connected);
-}
-
-TEST_F(AdmissionTest, NamesTakenOnDiskOrByTheListGetSuffixesAndTheAnnouncedNameIsKept) {
+TEST_F(AdmissionTest, NamesTakenGetSuffixesTheAnnouncedNameIsKeptAndWithoutOneLeftTheListGoes) {
     WriteWholeFile(Incoming("report.doc"), "mine");
     EXPECT_EQ(Offer({{"report.doc", 0, 5}, {"report.doc", 0, 5}}), "ACK3\r\n");
     EXPECT_EQ(ReceivedNames(), (std::vector<std::string>{"report-A.doc", "report-B.doc"}));
@@ -177,36 +170,37 @@ TEST_F(AdmissionTest, NamesTakenOnDiskOrByTheListGetSuffixesAndTheAnnouncedNameI
         EXPECT_EQ(ReceivedNames(), (std::vector<std::string>{c.Name, c.Second}));
         Abandon();
     }
-}
 
-// A file stands under its own name only once it is whole: until then under a
-// marker, made when its turn comes, so that a file not begun has nothing on
-// the disk. A name that something took meanwhile is never taken from it.
-TEST_F(AdmissionTest, AFileTakesItsOwnNameOnlyWhenWholeAndNeverFromWhatCameMeanwhile) {
-    const peer::File first{"a.txt", RandomBytes(2000, 4)};
-    const peer::File second{"b.txt", RandomBytes(10, 5)};
-    Send(ListFor({first, second, {"e.txt", ""}}));
-    EXPECT_EQ(Take(6), "ACK3\r\n");
-    EXPECT_TRUE(PathExists(Incoming("a.txt.part")));
-    EXPECT_FALSE(PathExists(Incoming("a.txt")));
-    EXPECT_FALSE(PathExists(Incoming("b.txt")));
-    EXPECT_FALSE(PathExists(Incoming("b.txt.part")));
-    EXPECT_TRUE(PathExists(Incoming("e.txt"))) << "an empty file is whole at once";
+    // A name with all its suffixes taken refuses the list and makes nothing.
+    WriteWholeFile(Incoming("busy"), "0");
+    ASSERT_TRUE(CreateFolder(Incoming("box")));
+    for (char letter = 'A'; letter <= 'Z'; ++letter) {
+        WriteWholeFile(Incoming(std::string("busy-") + letter), std::string(1, letter));
+        ASSERT_TRUE(CreateFolder(Incoming(std::string("box-") + letter)));
+    }
+    EXPECT_EQ(Offer({{"free", 0, 3}, {"busy", 0, 3}}), "NAK4\r\n");
+    EXPECT_TRUE(WaitForLog("Too many files named busy"));
+    EXPECT_FALSE(PathExists(Incoming("free")));
+    EXPECT_EQ(ReadWholeFile(Incoming("busy-Z")), "Z");
 
-    WriteWholeFile(Incoming("a.txt"), "mine");
-    Send(peer::Stream(first.Bytes));
-    EXPECT_EQ(Take(6), "ACK4\r\n");
-    // Compared whole, so that a failure does not print the data.
-    EXPECT_TRUE(ReadWholeFile(Incoming("a.txt")) == "mine");
-    EXPECT_TRUE(ReadWholeFile(Incoming("a-A.txt")) == first.Bytes);
-    EXPECT_FALSE(PathExists(Incoming("a.txt.part")));
-    EXPECT_TRUE(Logged("Name taken meanwhile; saved as a-A.txt"));
-    EXPECT_TRUE(PathExists(Incoming("b.txt.part")));
+    // A folder marker whose name and every suffix are taken refuses the list
+    // the same way; nothing is made in any of the folders.
+    EXPECT_EQ(Offer({{"box", 1, 0}, {"inside", 0, 3}}), "NAK4\r\n");
+    EXPECT_TRUE(WaitForLog("Too many files named box"));
+    EXPECT_FALSE(PathExists(Incoming("box/inside")));
+    EXPECT_FALSE(PathExists(Incoming("box-Z/inside")));
 
-    Send(peer::Stream(second.Bytes));
-    EXPECT_EQ(Take(6), "ACK2\r\n");
-    EXPECT_TRUE(ReadWholeFile(Incoming("b.txt")) == second.Bytes);
-    EXPECT_FALSE(PathExists(Incoming("b.txt.part")));
+    // Twenty-eight files of one name in one list: the plain name and its 26
+    // suffixes hold 27 of them.
+    std::vector<Offered> same(28, Offered{"same", 0, 3});
+    same.insert(same.begin(), Offered{"Box", 1, 0});
+    EXPECT_EQ(Offer(same), "NAK4\r\n");
+    EXPECT_TRUE(WaitForLog("Too many files named same"));
+    // The folder made for the refused list is gone again, and the log never
+    // said it was made.
+    EXPECT_FALSE(PathExists(Incoming("Box")));
+    EXPECT_FALSE(Logged("Created new folder: Box"));
+    EXPECT_EQ(engine_.Call.LinkState.load(), LinkState::Connected);
 }
 
 }  // namespace kb::test

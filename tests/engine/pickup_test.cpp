@@ -49,8 +49,9 @@ protected:
 }  // namespace
 
 // The answers and their log lines are the end-to-end tests'; here the
-// holder's state after a folder that holds nothing to send.
-TEST_F(PickUpTest, TheHolderAnswersARequestForAnEmptyFolderAndStaysTheReceiver) {
+// holder's state after a folder that holds nothing to send, and a sent file's
+// move to "Sent Files".
+TEST_F(PickUpTest, TheHolderAnswersARequestForAnEmptyFolderAndMovesASentFileToSentFiles) {
     AddRecord("Empty", "030 5555+7777", false, {});
     ConnectAsReceiver();
     // 5555, in its 32-byte field, matches the record, whose folder holds
@@ -60,6 +61,14 @@ TEST_F(PickUpTest, TheHolderAnswersARequestForAnEmptyFolderAndStaysTheReceiver) 
     EXPECT_TRUE(WaitForLog("No files to be retrieved."));
     EXPECT_EQ(engine_.Call.LinkState.load(), LinkState::Connected);
     EXPECT_EQ(engine_.Call.Role.load(), Role::Receiver);
+
+    // A file sent moves to "Sent Files", replacing an older one.
+    AddRecord("P", "1", false, {"f.txt"});
+    const std::string folder = stores_.Paths.PickUpPath + "/P";
+    WriteWholeFile(folder + "/Sent Files/f.txt", "old");
+    MoveToSentFiles(folder + "/f.txt");
+    EXPECT_FALSE(PathExists(folder + "/f.txt"));
+    EXPECT_EQ(ReadWholeFile(folder + "/Sent Files/f.txt"), "f.txt");
 }
 
 TEST_F(PickUpTest, AHotFolderGoesOutOnceItsTotalHasStoodStill) {
@@ -107,15 +116,6 @@ TEST_F(PickUpTest, AHotFolderGoesOutOnceItsTotalHasStoodStill) {
     EXPECT_TRUE(engine_.PickupSend.load());
     EXPECT_EQ(Messages(),
               std::vector<std::string>{"Please select a correspondent in your Directory."});
-}
-
-TEST_F(PickUpTest, ASentFileMovesToSentFilesReplacingAnOlderOne) {
-    AddRecord("P", "1", false, {"f.txt"});
-    const std::string folder = stores_.Paths.PickUpPath + "/P";
-    WriteWholeFile(folder + "/Sent Files/f.txt", "old");
-    MoveToSentFiles(folder + "/f.txt");
-    EXPECT_FALSE(PathExists(folder + "/f.txt"));
-    EXPECT_EQ(ReadWholeFile(folder + "/Sent Files/f.txt"), "f.txt");
 }
 
 }  // namespace kb::test

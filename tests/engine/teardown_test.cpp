@@ -115,6 +115,14 @@ TEST_F(CallEndTest, EachWayOfEndingLogsItsLinesAndLeavesTheLinkIdle) {
          },
          4 * SectionWireBytes,
          {"Remote end not responding.", "Disconnected", rule, profile}},
+        {"the file cannot be read",
+         [this] {
+             ASSERT_TRUE(DeleteFileAt(CallWithFile("gone.txt", LetterBytes(3000))));
+             Send("ACK3\r\n");
+             AnswerHangUp();
+         },
+         3002,
+         {"Cannot read file: gone.txt", "Disconnected", rule, profile}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.What);
@@ -132,21 +140,10 @@ TEST_F(CallEndTest, EachWayOfEndingLogsItsLinesAndLeavesTheLinkIdle) {
         EXPECT_EQ(Inspect([&] { return uint32_t{engine_.SendList[0].BytesDone}; }), 0u);
         EXPECT_EQ(Inspect([&] { return engine_.SendList[0].NextBlock; }), 0);
         EXPECT_EQ(engine_.SendList.Remaining(), c.Total);
+        // A time that went untold is not told by a later call's end either.
+        EXPECT_EQ(engine_.Call.TransferStartTime.load(), 0);
         engine_.SendList.Clear();
     }
-}
-
-TEST_F(ReceiverTeardownTest, AChangedFileOfTheSameNameIsANewFileAndTheOldPartGoes) {
-    LeaveAPartForAResume({"second.bin", RandomBytes(SectionFileBytes + 7000, 2)});
-    // Same name, another length: admitted as new, under the plain name,
-    // since the part left behind has gone.
-    const peer::File changed{"second.bin", RandomBytes(900, 9)};
-    OfferAsCaller({changed});
-    EXPECT_TRUE(WaitForLog("Receiving File: second.bin"));
-    Send(peer::Stream(changed.Bytes));
-    EXPECT_EQ(Take(6), "ACK2\r\n");
-    EXPECT_EQ(ReadWholeFile(Incoming("second.bin")), changed.Bytes);
-    EXPECT_FALSE(PathExists(Incoming("second.bin.part")));
 }
 
 // The program ends with a file kept for a resume and starts again: the
@@ -154,12 +151,15 @@ TEST_F(ReceiverTeardownTest, AChangedFileOfTheSameNameIsANewFileAndTheOldPartGoe
 // than recorded (an end between a section's append and the record's write)
 // cut back. A record that is not whole, or a part that fits it in no such
 // way, is no resume: the file comes whole, and the part stays as it stands.
+// A file of that name but another length is a new file: it comes whole
+// under the plain name, and the part goes.
 TEST_F(ReceiverTeardownTest, ARestartTakesUpOnlyAPartThatItsRecordVouchesFor) {
     ShortenPauses();
     struct Case {
         const char* What;
         std::function<void(const std::string& part)> Change;
         bool Resumed;
+        size_t Changed = 0;  // the length of the file offered instead, if any
     };
     const auto grow = [](size_t bytes) {
         return [bytes](const std::string& part) {
@@ -179,6 +179,7 @@ TEST_F(ReceiverTeardownTest, ARestartTakesUpOnlyAPartThatItsRecordVouchesFor) {
          [](const std::string& part) { WriteWholeFile(part, ReadWholeFile(part).substr(0, 1000)); },
          false},
         {"a part longer by more than a section", grow(SectionFileBytes + 1), false},
+        {"a changed file", [](const std::string&) {}, false, 900},
     };
     uint32_t seed = 30;
     for (const Case& c : cases) {
@@ -197,10 +198,12 @@ TEST_F(ReceiverTeardownTest, ARestartTakesUpOnlyAPartThatItsRecordVouchesFor) {
             EngineStartup(engine_, stores_);
         });
 
-        const std::string stream = peer::Stream(file.Bytes);
-        const uint32_t length = peer::StreamLength(file.Bytes.size());
+        const peer::File offered =
+            c.Changed == 0 ? file : peer::File{file.Name, RandomBytes(c.Changed, 9)};
+        const std::string stream = peer::Stream(offered.Bytes);
+        const uint32_t length = peer::StreamLength(offered.Bytes.size());
         ConnectAsReceiver();
-        Send(ListFor({file}));
+        Send(ListFor({offered}));
         if (c.Resumed) {
             EXPECT_EQ(Take(12 + 80),
                       "FILERESTA3\r\n" + peer::RecoveryBody(length, 1, length - SectionWireBytes));
@@ -211,8 +214,8 @@ TEST_F(ReceiverTeardownTest, ARestartTakesUpOnlyAPartThatItsRecordVouchesFor) {
         }
         EXPECT_EQ(Take(6), "ACK2\r\n");
         DropLine();
-        EXPECT_TRUE(ReadWholeFile(Incoming(file.Name)) == file.Bytes);
-        if (c.Resumed) {
+        EXPECT_TRUE(ReadWholeFile(Incoming(file.Name)) == offered.Bytes);
+        if (c.Resumed || c.Changed != 0) {
             EXPECT_FALSE(PathExists(part));
         } else {
             EXPECT_TRUE(ReadWholeFile(part) == left);
@@ -273,8 +276,9 @@ TEST_F(ReceiverTeardownTest, AFullDiskIsSaidAndTheFileTakenUpOnceThereIsRoom) {
     EXPECT_TRUE(ReadWholeFile(Incoming("big.bin")) == big.Bytes);
 }
 
-TEST_F(ReceiverTeardownTest,
-       FiveSecondsWithoutABlockAbortTheTransferAndTenWithNothingButSynconTheCall) {
+// The receiver's limits on silence: on blocks, on anything at all, and on a
+// token after a failed section.
+TEST_F(ReceiverTeardownTest, FiveSecondsWithoutABlockOrTenWithoutATokenEndTheTransferAndTheCall) {
     OfferAsCaller({{"stall.bin", RandomBytes(8191, 1)}});
     // Each limit counts from a stamp of the engine's last pass: once that
     // pass has ended, the clock goes to just before the limit, and with the
@@ -300,13 +304,11 @@ TEST_F(ReceiverTeardownTest,
     EXPECT_EQ(TakeFor(500), "RCVCON\r\n");
     JumpClock(501);
     AnswerLostLine(700);
-}
 
-// A caller that passed a list and then streams bytes that are no blocks:
-// the section fails, its rest never stops coming, and no SENDRECOVR comes.
-// Once the limit on silence has passed, the receiver aborts and hangs up at
-// once, and finds the escape's OK behind the stream still arriving.
-TEST_F(ReceiverTeardownTest, AStreamThatBringsNoTokenAfterAFailedSectionIsHungUp) {
+    // A caller that passed a list and then streams bytes that are no blocks:
+    // the section fails, its rest never stops coming, and no SENDRECOVR comes.
+    // Once the limit on silence has passed, the receiver aborts and hangs up at
+    // once, and finds the escape's OK behind the stream still arriving.
     OfferAsCaller({{"s.bin", RandomBytes(SectionFileBytes + 100, 3)}});
     std::atomic<bool> streaming{true};
     std::thread stream([&] {
@@ -327,18 +329,8 @@ TEST_F(ReceiverTeardownTest, AStreamThatBringsNoTokenAfterAFailedSectionIsHungUp
     stream.join();
     EXPECT_EQ(AnswerCommand(), "ATH");
     BackToIdle();
-    EXPECT_TRUE(Logged("Sending disconnect..."));
+    EXPECT_EQ(Count("Sending disconnect..."), 2);
     EXPECT_EQ(Count("Serial Limit Reached"), 1);
-}
-
-TEST_F(SenderTeardownTest, AFileThatCannotBeReadEndsTheCall) {
-    ASSERT_TRUE(DeleteFileAt(CallWithFile("gone.txt", LetterBytes(3000))));
-    Send("ACK3\r\n");
-    AnswerHangUp();
-    EXPECT_TRUE(Logged("Cannot read file: gone.txt"));
-    EXPECT_FALSE(FeederRunning(engine_));
-    // Its time went untold; a later call's end must not tell it either.
-    EXPECT_EQ(engine_.Call.TransferStartTime.load(), 0);
 }
 
 // An escape left unanswered after the last ACK. The line fell while the

@@ -63,21 +63,16 @@ TEST_F(SenderTokenTest, AnAcceptanceBehindNoiseStartsTheTransferAndAck1CountsAsA
     EXPECT_EQ(TakeFor(100), "");
 }
 
-TEST_F(SenderTokenTest, FileResta1GoesOnFromTheReceiversPosition) {
+// A FILERESTA1 moves the feeder to the receiver's position; a recovery body
+// that points past the file's blocks ends the call.
+TEST_F(SenderTokenTest, FileResta1GoesOnFromTheReceiversPositionAndABodyOutsideTheFileEndsTheCall) {
     const std::string bytes = RandomBytes(2 * SectionFileBytes + 500, 13);
+    const uint32_t length = peer::StreamLength(bytes.size());
     CallWithFile("big.bin", bytes);
-    Send("FILERESTA1\r\n" + peer::RecoveryBody(peer::StreamLength(bytes.size()), 2, 502));
+    Send("FILERESTA1\r\n" + peer::RecoveryBody(length, 2, 502));
     EXPECT_EQ(Take(502), peer::Stream(bytes).substr(2 * SectionWireBytes));
-}
-
-TEST_F(SenderTokenTest, ARecoveryBodyOutsideTheFileEndsTheCall) {
-    const std::string bytes = LetterBytes(1000);
-    CallWithFile("s.txt", bytes);
-    Send("ACK3\r\n");
-    EXPECT_EQ(Take(1002), peer::Stream(bytes));
     EXPECT_TRUE(WaitForState(LinkState::FileSent));
-    // A position sixteen blocks into a file that has none.
-    Send("FILERECOVR\r\n" + peer::RecoveryBody(1002, 1, 0));
+    Send("FILERECOVR\r\n" + peer::RecoveryBody(length, 3, 0));
     AnswerHangUp();
     EXPECT_FALSE(FeederRunning(engine_));
 }
@@ -119,7 +114,7 @@ TEST_F(SenderTokenTest, ARefusalOrAnAck2ToTheListEndsTheSessionAtOnce) {
     }
 }
 
-TEST_F(CallProgressTest, BusyNoCarrierAndNoDialtoneEndTheDialAndOtherLinesDoNot) {
+TEST_F(CallProgressTest, BusyNoCarrierAndNoDialtoneEndTheDialAndCarrierCodesLeadEachNumber) {
     // Neither the far end's ringing nor a connection at a speed of no ISDN
     // call is the end of a dial.
     engine_.Call.LinkState = LinkState::Dialing;
@@ -147,9 +142,8 @@ TEST_F(CallProgressTest, BusyNoCarrierAndNoDialtoneEndTheDialAndOtherLinesDoNot)
         "Cannot place an outgoing data call.\rPlease make sure your ISDN "
         "line is properly connected.";
     EXPECT_EQ(Messages(), std::vector<std::string>(2, noLine));
-}
 
-TEST(DialStringTest, CarrierCodesGoInFrontOfEachNumber) {
+    // The carrier's code goes in front of each number dialled.
     EXPECT_EQ(DialString("(555) 123-4567", 2), "ATD102225551234567");
     EXPECT_EQ(DialString("111+222", 1), "ATD10288111+10288222");
     EXPECT_EQ(DialString("111&222", 0), "ATD111&222");

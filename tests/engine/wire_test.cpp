@@ -21,7 +21,7 @@ std::string BytesOf(const Record& record) {
     return std::string(reinterpret_cast<const char*>(&record), sizeof record);
 }
 
-TEST(WireRecords, NameAndNumberFieldsAreZeroPaddedAndCutToTheirSize) {
+TEST(WireRecords, FieldsAreZeroPaddedAndCutAndTheBlockCountersReachEveryStreamAndSection) {
     FileEntry entry = EntryForFile("b", "/data/b", 10);
     // Left-over bytes behind the terminator of the entry's own field.
     std::memset(entry.DisplayName.Bytes + 2, 'Z', sizeof entry.DisplayName.Bytes - 2);
@@ -30,9 +30,9 @@ TEST(WireRecords, NameAndNumberFieldsAreZeroPaddedAndCutToTheirSize) {
     // A number too long for the field keeps its terminator.
     EXPECT_EQ(BytesOf(MakeRetrieveRequest(std::string(40, '9'))),
               std::string(31, '9') + std::string(1, '\0'));
-}
 
-TEST(WireArithmetic, TheBlockCountersReachEveryStreamBelowTheLimitAndEverySection) {
+    // The block counters reach every stream below the limit, and every
+    // section.
     EXPECT_EQ(DataBlocksOf(static_cast<uint32_t>(DataLengthLimit - 1)), 32767);
     // The largest file whose stream still fits, and one byte more.
     const uint64_t size = (DataLengthLimit - 1) / SectionWireBytes * SectionFileBytes +
@@ -41,18 +41,6 @@ TEST(WireArithmetic, TheBlockCountersReachEveryStreamBelowTheLimitAndEverySectio
     EXPECT_FALSE(DataLengthFits(DataLengthForSize(size + 1)));
     // The highest section start that the 16-bit counter reaches.
     EXPECT_EQ(SectionFileOffset(32752), int64_t{2047} * 131070);
-}
-
-TEST(WireRecovery, ABodyIsWhatAnIndependentPeerWritesAndGoesBehindItsToken) {
-    // Two sections of a file of 400000 bytes have arrived.
-    FileEntry entry = EntryForFile("report.doc", "/data/report.doc", 400000);
-    entry.NextBlock = 32;
-    entry.BlocksDone = 32;
-    entry.BytesDone = 262144;
-    const RecoveryBody body = MakeRecoveryBody(8192, 0x01020304, entry);
-    EXPECT_EQ(BytesOf(body), peer::RecoveryBody(400008, 2, 0x01020304));
-    EXPECT_EQ(BytesOf(MakeRecoveryMessage(TokenFileRecovr, body)),
-              "FILERECOVR\r\n" + BytesOf(body));
 }
 
 TEST(WireRecovery, EveryFieldOfABodyIsTakenAndMadeAgainSignedOnesWithTheirSign) {

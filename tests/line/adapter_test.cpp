@@ -18,11 +18,13 @@ namespace kb::test {
 
 using namespace kb::line;
 using namespace kb::platform;
-using namespace kb::stores;
 
 namespace {
 
-TEST_F(LineTest, ExchangeKeepsTheWholeReplyAndPutsPollingBackAsItWas) {
+// An exchange keeps the whole reply and puts polling back as it was, also
+// after conversations that overlap, and takes the port from a reader that
+// waits on it.
+TEST_F(LineTest, ExchangesAndConversationsPutPollingBackAndTakeThePortFromAWaitingReader) {
     Attach(1, [](const std::string& command, uint32_t) {
         return command == "ATQ" ? EchoOnly(command) : Answer(command, {"line one"});
     });
@@ -41,54 +43,36 @@ TEST_F(LineTest, ExchangeKeepsTheWholeReplyAndPutsPollingBackAsItWas) {
     EXPECT_FALSE(line_.SendAndWaitOkShort("ATQ")) << "an echo without OK is a failure";
     EXPECT_EQ(line_.LinePollingEnabled.load(), true) << "also after a failed one";
     EXPECT_EQ(adapters_[0]->CommandTexts(), (Texts{"ATI3", "ATI4", "ATQ"}));
-}
 
-// A stand-in for the communications thread: it holds the read lock for each
-// pass in which polling is on, and sleeps long waits that only a wake ends.
-class PollingReader {
-public:
-    explicit PollingReader(Line& line)
-        : line_(line), thread_([this] {
-              while (!stop_.load()) {
-                  if (line_.LinePollingEnabled.load()) {
-                      std::lock_guard<std::recursive_mutex> guard(line_.PortReadLock);
-                      passes_.fetch_add(1);
-                      line_.WaitForPortInput(30000);
-                  } else {
-                      line_.WaitForPortWake(30000);
-                  }
-              }
-          }) {}
-    ~PollingReader() {
-        stop_.store(true);
-        line_.InterruptPortWait();
-        thread_.join();
-    }
-    int Passes() const { return passes_.load(); }
-
-private:
-    Line& line_;
-    std::atomic<bool> stop_{false};
-    std::atomic<int> passes_{0};
-    std::thread thread_;
-};
-
-TEST_F(LineTest, ExchangeTakesThePortFromAReaderThatWaitsOnIt) {
-    Attach(1, [](const std::string& command, uint32_t) { return Answer(command); });
-    OpenPort(1, 115200);
-    line_.SetLinePolling(true);
-    PollingReader reader(line_);
-    ASSERT_TRUE(PollUntil([&] { return reader.Passes() > 0; }, std::chrono::seconds(10)));
+    // An exchange takes the port from a reader that waits on it. A stand-in for the communications
+    // thread: it holds the read lock for each pass in which polling is on, and sleeps long waits
+    // that only a wake ends.
+    std::atomic<bool> stop{false};
+    std::atomic<int> passes{0};
+    std::thread reader([&] {
+        while (!stop.load()) {
+            if (line_.LinePollingEnabled.load()) {
+                std::lock_guard<std::recursive_mutex> guard(line_.PortReadLock);
+                passes.fetch_add(1);
+                line_.WaitForPortInput(30000);
+            } else {
+                line_.WaitForPortWake(30000);
+            }
+        }
+    });
+    EXPECT_TRUE(PollUntil([&] { return passes.load() > 0; }, std::chrono::seconds(10)));
     // The reader sits in a long wait holding the lock; the exchange must wake
     // it rather than wait out its time.
     auto exchange = std::async(std::launch::async, [this] { return line_.SendAndWaitOk("AT"); });
-    ASSERT_EQ(exchange.wait_for(std::chrono::seconds(10)), std::future_status::ready)
+    EXPECT_EQ(exchange.wait_for(std::chrono::seconds(10)), std::future_status::ready)
         << "the reader was not woken";
     EXPECT_TRUE(exchange.get());
     EXPECT_EQ(line_.LinePollingEnabled.load(), true);
-}
+    stop.store(true);
+    line_.InterruptPortWait();
+    reader.join();
 
-TEST_F(LineTest, ConversationsThatOverlapLeaveThePollingFlagRight) {
+    // Conversations that overlap leave the polling flag right.
     line_.SetLinePolling(true);
     std::optional<PortConversation> first(std::in_place, line_);
     EXPECT_EQ(line_.LinePollingEnabled.load(), false);
@@ -184,8 +168,7 @@ TEST_F(LineTest, ShiftSearchesAgainFromTheFirstPortAtTheSearchSpeed) {
     stores_.Prefs.AdapterModel = ModelZyXEL;
     stores_.Prefs.AdapterVariant = 1;
     SetKeyStateQuery([](Key key) { return key == Key::Shift; });
-    AdapterScript script = ThreeComScript();
-    ScriptedAdapter& adapter = Attach(1, RespondAs(script));
+    ScriptedAdapter& adapter = Attach(1, RespondAs(ThreeComScript()));
 
     EXPECT_EQ(line_.FindAdapter(), AdapterSearch::WaitingForCalls);
     EXPECT_EQ(stores_.Prefs.ComPort, 1);
@@ -216,7 +199,7 @@ TEST_F(LineTest, QuickStartGoesToTheSavedPortAndSpeed) {
         std::string Logged;    // the first lines of the log
     };
     // The reply names the XRT; this route does not identify again.
-    AdapterScript xrtAsSaved = AdtranScript(true);
+    AdapterScript xrtAsSaved = AdtranScript();
     xrtAsSaved.NumberQuery = "ATSS62?";
     AdapterScript threeComLeft = ThreeComScript();
     threeComLeft.LeftAt230400 = true;
@@ -281,7 +264,7 @@ TEST_F(LineTest, FailuresOfTheQuickStart) {
     // Any other saved port that does not answer: the message, the line, and
     // no search of the other ports.
     stores_.Prefs.AdapterModel = ModelZyXEL;
-    Attach(1, RespondAs(ZyxelScript("2864")));
+    Attach(1, RespondAs(ZyxelScript()));
     EXPECT_EQ(line_.FindAdapter(), AdapterSearch::NotFound);
     EXPECT_EQ(Messages(), (Texts{NoAdapterMessage}));
     EXPECT_EQ(Logged(), (Texts{"ISDN TA not found."}));

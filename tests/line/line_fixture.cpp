@@ -40,15 +40,14 @@ AdapterScript BitsurfrScript() {
             .NumberReply = "AT!N1?\r\r\n5552001\r\nOK\r\n"};
 }
 
-AdapterScript AdtranScript(bool xrt) {
-    const std::string query = xrt ? "ATSS63?" : "ATSS62?";
-    return {.Identity0 = {xrt ? "ADTRAN EXPRESS XRT ISDN" : "ADTRAN EXPRESS XR ISDN", "Rev. B"},
-            .NumberQuery = query,
-            .NumberReply = Answer(query, {xrt ? "5552063" : "5552062"})};
+AdapterScript AdtranScript() {
+    return {.Identity0 = {"ADTRAN EXPRESS XRT ISDN", "Rev. B"},
+            .NumberQuery = "ATSS63?",
+            .NumberReply = Answer("ATSS63?", {"5552063"})};
 }
 
-AdapterScript ZyxelScript(const std::string& modelNumber) {
-    return {.Identity0 = {"ZyXEL " + modelNumber, "V 2.17"},
+AdapterScript ZyxelScript() {
+    return {.Identity0 = {"ZyXEL 2864", "V 2.17"},
             .NumberQuery = "AT&ZI?",
             .NumberReply = Answer("AT&ZI?", {"(MultiAuto):(5552864)"})};
 }

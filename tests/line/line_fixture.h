@@ -43,8 +43,8 @@ struct AdapterScript {
 
 // Scripts of the families as the tests' adapters present themselves.
 AdapterScript BitsurfrScript();
-AdapterScript AdtranScript(bool xrt);
-AdapterScript ZyxelScript(const std::string& modelNumber);
+AdapterScript AdtranScript();
+AdapterScript ZyxelScript();
 AdapterScript ThreeComScript();
 
 // Answers as the script says: the identities, the number, "OK" to all else,

@@ -58,7 +58,7 @@ protected:
     EnvironmentValue display_{"DISPLAY", ":99"};
 };
 
-TEST_F(LinuxDesktopTest, FoldersPagesAndProgramsGoToTheDesktopsHandlers) {
+TEST_F(LinuxDesktopTest, FoldersPagesProgramsAndFileDialogsGoToTheDesktopsHandlers) {
     LinuxDesktop desktop;
     Tool("xdg-open");
     desktop.ShowFolder("/home/a/Pick Up");
@@ -103,10 +103,8 @@ TEST_F(LinuxDesktopTest, FoldersPagesAndProgramsGoToTheDesktopsHandlers) {
     EXPECT_EQ(Reported("SigBlk:\t0000000000000000\n"),
               root_ / "bin/program\nSigBlk:\t0000000000000000\n");
     ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-}
 
-TEST_F(LinuxDesktopTest, FileDialogsAreZenitysAndACancelOrNoSessionChoosesNothing) {
-    LinuxDesktop desktop;
+    // The file dialogs are zenity's; a cancel, or no session, chooses nothing.
     const std::string zenity = root_ / "bin/zenity\n--file-selection\n";
     Tool("zenity", "echo /home/a/Bob.KBE");
     FileDialogRequest save;
@@ -174,6 +172,7 @@ TEST(Files, OnlyPlainFilesOpenAndAFifoNeverHoldsTheOpener) {
     EXPECT_EQ(KindOfPath(root / "folder"), PathKind::Folder);
     EXPECT_EQ(KindOfPath(root / "plain"), PathKind::File);
     EXPECT_EQ(KindOfPath(root / "missing"), PathKind::Missing);
+    EXPECT_FALSE(FolderExists(root / "missing"));
     std::vector<FolderEntry> entries;
     ASSERT_TRUE(ListFolder(root.Path(), entries));
     for (const FolderEntry& entry : entries) {
@@ -182,6 +181,11 @@ TEST(Files, OnlyPlainFilesOpenAndAFifoNeverHoldsTheOpener) {
         EXPECT_EQ(entry.IsFolder,
                   entry.Name == "folder" || entry.Name == "." || entry.Name == "..");
     }
+    // A file deleted once is gone: a second delete fails. (A folder that
+    // exists or holds a file, made or removed, is the pick-up folder
+    // controls' test's.)
+    EXPECT_TRUE(DeleteFileAt(root / "plain"));
+    EXPECT_FALSE(DeleteFileAt(root / "plain"));
 }
 
 }  // namespace

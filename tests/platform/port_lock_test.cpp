@@ -41,7 +41,8 @@ private:
 
 }  // namespace
 
-TEST(PortLock, NamesTheDeviceTheLinksResolveTo) {
+TEST(PortLock, IsNamedForTheDeviceTakesAStaleLockRefusesALivingOneAndNeedsAFolder) {
+    // A lock is named for the device the links resolve to.
     TempFolder root;
     ASSERT_EQ(::symlink("/dev/null", (root / "COM1").c_str()), 0);
     ASSERT_EQ(::symlink((root / "COM1").c_str(), (root / "COM2").c_str()), 0);
@@ -58,9 +59,7 @@ TEST(PortLock, NamesTheDeviceTheLinksResolveTo) {
     for (const auto& c : cases) {
         EXPECT_EQ(PortLockName(c.Path), c.Name) << c.Path;
     }
-}
 
-TEST(PortLock, TakesAFreeOrStaleLockAndRefusesALivingOne) {
     LockFolder locks;
     const std::string lockPath = locks / "LCK..null";
     // A free lock taken, its text, and its removal with the port are the
@@ -88,6 +87,17 @@ TEST(PortLock, TakesAFreeOrStaleLockAndRefusesALivingOne) {
         EXPECT_EQ(ReadWholeFile(lockPath), TextLock(::getppid()));
         ASSERT_TRUE(DeleteFileAt(lockPath));
     }
+
+    // A folder that takes no file leaves the port unlocked, and so does a
+    // port with no device to name.
+    WriteWholeFile(locks / "file", "");
+    PortLock lock;
+    for (const std::string& folder : {locks / "missing", locks / "file"}) {
+        const EnvironmentValue inFolder("KESTRELBOUND_LOCK_DIR", folder);
+        EXPECT_EQ(lock.Take("/dev/null"), PortLockResult::NotWritable) << folder;
+        EXPECT_EQ(lock.Path(), "");
+    }
+    EXPECT_EQ(lock.Take(root / "COM4"), PortLockResult::NoDeviceName);
 }
 
 // A killed program's lock whose id now belongs to some other living
@@ -126,20 +136,6 @@ TEST(PortLock, AnOldLockOfALivingProcessWithoutTheDeviceIsStale) {
         EXPECT_EQ(lock.Take(terminal.SlavePath), c.Result);
     }
     ClosePseudoTerminal(terminal);
-}
-
-TEST(PortLock, AFolderThatTakesNoFileLeavesThePortUnlocked) {
-    LockFolder locks;
-    WriteWholeFile(locks / "file", "");
-    PortLock lock;
-    for (const std::string& folder : {locks / "missing", locks / "file"}) {
-        const EnvironmentValue inFolder("KESTRELBOUND_LOCK_DIR", folder);
-        EXPECT_EQ(lock.Take("/dev/null"), PortLockResult::NotWritable) << folder;
-        EXPECT_EQ(lock.Path(), "");
-    }
-    TempFolder root;
-    WriteWholeFile(root / "COM1", "");
-    EXPECT_EQ(lock.Take(root / "COM1"), PortLockResult::NoDeviceName);
 }
 
 TEST(PortLock, ALockHeldAtExitIsRemoved) {

@@ -30,7 +30,7 @@ protected:
 
 }  // namespace
 
-TEST_F(SerialDeviceTest, PurgeEmptiesTheInputAndStopsAWriteThatTheFarEndHoldsBack) {
+TEST_F(SerialDeviceTest, PurgeStopsAHeldWriteSettingsReachTheDeviceAndWaitsEndAsTheyShould) {
     ASSERT_TRUE(port_.Configure(SerialSettings{}));  // the far end never reads
     far_.Send("stale reply\r\n");
     ASSERT_EQ(port_.WaitForInput(2000), WaitResult::Input);
@@ -47,6 +47,41 @@ TEST_F(SerialDeviceTest, PurgeEmptiesTheInputAndStopsAWriteThatTheFarEndHoldsBac
     // The port works on after a purge.
     EXPECT_TRUE(port_.Write("AT\r", 3));
     EXPECT_NE(far_.ReceiveUntil("AT\r", 2000).find("AT\r"), std::string::npos);
+
+    // A refused setting keeps the old one.
+    SerialSettings settings;
+    settings.BaudRate = 115200;
+    settings.RtsCtsFlow = true;
+    ASSERT_TRUE(port_.Configure(settings));
+    EXPECT_EQ(far_.Speed(), 115200u);
+
+    SerialSettings odd = settings;
+    odd.BaudRate = 12345;
+    EXPECT_FALSE(port_.Configure(odd));
+    odd.BaudRate = 230400;
+    odd.StopBits = 1;  // one and a half: no such setting here
+    EXPECT_FALSE(port_.Configure(odd));
+    EXPECT_EQ(far_.Speed(), 115200u) << "a refused change leaves the old speed";
+
+    settings.BaudRate = 230400;
+    EXPECT_TRUE(port_.Configure(settings));
+    EXPECT_EQ(far_.Speed(), 230400u);
+
+    // Waits end on input, on an interruption, or on time.
+    port_.Interrupt();
+    EXPECT_EQ(port_.WaitForInput(5000), WaitResult::Interrupted) << "a kept interruption";
+    EXPECT_EQ(port_.WaitForInput(20), WaitResult::TimedOut);
+
+    std::thread interrupter([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        port_.Interrupt();
+    });
+    EXPECT_EQ(port_.WaitForInput(5000), WaitResult::Interrupted);
+    interrupter.join();
+
+    far_.Send("RING\r\n");
+    EXPECT_EQ(port_.WaitForInput(5000), WaitResult::Input);
+    EXPECT_EQ(port_.InputCount(), 6u);
 }
 
 // A call's data may bring an XOFF and then stop: the write must not wait for
@@ -74,25 +109,6 @@ TEST_F(SerialDeviceTest, UnderXonXoffAWriteHeldBackByAnXoffIsQueuedAndGoesOutWit
     EXPECT_EQ(far_.ReceiveUntil("atv1\r", 2000), "atv1\r");
 }
 
-TEST_F(SerialDeviceTest, WaitsEndOnInputOnInterruptOrOnTime) {
-    ASSERT_TRUE(port_.Configure(SerialSettings{}));
-
-    port_.Interrupt();
-    EXPECT_EQ(port_.WaitForInput(5000), WaitResult::Interrupted) << "a kept interruption";
-    EXPECT_EQ(port_.WaitForInput(20), WaitResult::TimedOut);
-
-    std::thread interrupter([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        port_.Interrupt();
-    });
-    EXPECT_EQ(port_.WaitForInput(5000), WaitResult::Interrupted);
-    interrupter.join();
-
-    far_.Send("RING\r\n");
-    EXPECT_EQ(port_.WaitForInput(5000), WaitResult::Input);
-    EXPECT_EQ(port_.InputCount(), 6u);
-}
-
 TEST(SerialDevice, AWaitOnADeadLineCostsNoProcessor) {
     PseudoTerminal terminal;
     ASSERT_TRUE(OpenPseudoTerminal(terminal));
@@ -107,26 +123,6 @@ TEST(SerialDevice, AWaitOnADeadLineCostsNoProcessor) {
     EXPECT_EQ(port.WaitForInput(500), WaitResult::TimedOut);
     EXPECT_LT(ThreadCpuMs() - before, 50.0);
     port.Close();
-}
-
-TEST_F(SerialDeviceTest, SettingsReachTheDeviceAndRefusalsKeepTheOld) {
-    SerialSettings settings;
-    settings.BaudRate = 115200;
-    settings.RtsCtsFlow = true;
-    ASSERT_TRUE(port_.Configure(settings));
-    EXPECT_EQ(far_.Speed(), 115200u);
-
-    SerialSettings odd = settings;
-    odd.BaudRate = 12345;
-    EXPECT_FALSE(port_.Configure(odd));
-    odd.BaudRate = 230400;
-    odd.StopBits = 1;  // one and a half: no such setting here
-    EXPECT_FALSE(port_.Configure(odd));
-    EXPECT_EQ(far_.Speed(), 115200u) << "a refused change leaves the old speed";
-
-    settings.BaudRate = 230400;
-    EXPECT_TRUE(port_.Configure(settings));
-    EXPECT_EQ(far_.Speed(), 230400u);
 }
 
 }  // namespace kb::test

@@ -74,7 +74,7 @@ TEST(Thread, WakesBeforeParksAreNeverLost) {
     EXPECT_EQ(a.Turns.load() + b.Turns.load(), 40000);
 }
 
-TEST(Thread, SuspendedThreadRunsOnlyAfterItsWake) {
+TEST(Thread, ASuspendedThreadRunsOnlyAfterItsWakeAndSeveralWakesBeforeAParkCountAsOne) {
     std::atomic<int> runs{0};
     ThreadHandle thread = StartThread(CountOnce, &runs, ThreadPriority::Highest, true);
     ASSERT_TRUE(thread);
@@ -91,9 +91,8 @@ TEST(Thread, SuspendedThreadRunsOnlyAfterItsWake) {
     ASSERT_TRUE(thread);
     thread = nullptr;
     EXPECT_TRUE(PollUntil([&] { return runs.load() == 2; }, std::chrono::seconds(5)));
-}
 
-TEST(Thread, SeveralWakesBeforeAParkCountAsOne) {
+    // Several wakes before a park count as one.
     Parker parker;
     parker.Self = StartThread(ParkTwice, &parker, ThreadPriority::Normal, true);
     ASSERT_TRUE(parker.Self);

@@ -32,7 +32,7 @@ protected:
 // than the file holds, only the whole records that fit, never more than the
 // table holds; the slot behind them stays zero, whatever a load before left
 // there. (The two zero bytes of a first run are the program's start test's.)
-TEST_F(DirectoryTest, ACountOutsideTheTableNeverWritesPastIt) {
+TEST_F(DirectoryTest, ACountOutsideTheTableNeverWritesPastItAndASaveWritesEveryField) {
     std::string many = CountBytes(200);
     for (int i = 0; i < 130; ++i) {
         many += RecordBytes("Firm" + std::to_string(i), "1", static_cast<uint8_t>(i + 1));
@@ -63,9 +63,8 @@ TEST_F(DirectoryTest, ACountOutsideTheTableNeverWritesPastIt) {
         EXPECT_EQ(std::string(behind, CorrespondentSize), std::string(CorrespondentSize, '\0'));
     }
     EXPECT_TRUE(Messages().empty());
-}
 
-TEST_F(DirectoryTest, SaveWritesEveryFieldAtItsOffsetAndKeepsTheOlderTail) {
+    // A save writes every field at its offset and keeps the older tail.
     const std::string tail(3 * CorrespondentSize, 't');
     WriteWholeFile(FilePath(), CountBytes(3) + tail);
     ASSERT_TRUE(LoadDirectory(stores_.Directory, stores_.Paths.DirectoryPath));
@@ -102,8 +101,8 @@ TEST_F(DirectoryTest, SaveWritesEveryFieldAtItsOffsetAndKeepsTheOlderTail) {
 
 // The order of whole names is the window's and the station's tests'; here the
 // edges of the key. Byte 32 of the name field lies beyond it: two names that
-// differ only there compare equal.
-TEST(DirectoryOrder, TheKeyIsTheFirst31BytesOfTheNameAsUnsignedBytes) {
+// differ only there compare equal. A field is read within its width.
+TEST(DirectoryFields, TheKeyIsTheFirst31BytesOfTheNameAsUnsignedBytesAndAFieldEndsAtItsWidth) {
     Correspondent a{};
     Correspondent b{};
     std::memset(a.FirmName, 'x', 32);
@@ -116,14 +115,10 @@ TEST(DirectoryOrder, TheKeyIsTheFirst31BytesOfTheNameAsUnsignedBytes) {
     SetFieldText(a.FirmName, "\xC3\x89tienne");
     SetFieldText(b.FirmName, "zed");
     EXPECT_GT(CompareCorrespondents(a, b), 0);
-}
-
-// A field without its NUL, as a damaged file may hold, stops at its end.
-TEST(DirectoryFields, AFieldIsReadWithinItsWidth) {
-    Correspondent r{};
-    std::memset(r.ContactName, 'c', sizeof r.ContactName);
-    std::memset(r.ContactPhone, 'p', sizeof r.ContactPhone);
-    EXPECT_EQ(FieldText(r.ContactName), std::string(20, 'c'));
+    // A field without its NUL, as a damaged file may hold, stops at its end.
+    std::memset(a.ContactName, 'c', sizeof a.ContactName);
+    std::memset(a.ContactPhone, 'p', sizeof a.ContactPhone);
+    EXPECT_EQ(FieldText(a.ContactName), std::string(20, 'c'));
 }
 
 }  // namespace

@@ -11,7 +11,6 @@
 namespace kb::test {
 
 using namespace kb::platform;
-using namespace kb::stores;
 
 namespace {
 
@@ -78,7 +77,10 @@ TEST_F(PreferencesTest, SaveWritesEveryFieldAtItsOffsetAndKeepsReservedBytesAndT
                   file.substr(1052));
 }
 
-TEST_F(PreferencesTest, SaveNeedsAnExistingFileAndSaysNothingWithout) {
+// A save needs an existing file and says nothing without. A folder where no
+// file can be made: each store says so once at its load, and is left empty;
+// the saves at exit fail in silence and make nothing.
+TEST_F(PreferencesTest, SavesNeedAFileAndFailSilentlyAndLoadsWhereNoneCanBeMadeSaySoOnce) {
     stores_.Prefs.ComPort = 1;
     EXPECT_FALSE(SavePreferences(stores_.Prefs, stores_.Paths.PrefsPath));
     EXPECT_FALSE(PathExists(folder_ / "kestrelbound_prefs"));
@@ -97,11 +99,9 @@ TEST_F(PreferencesTest, SaveNeedsAnExistingFileAndSaysNothingWithout) {
     ::signal(SIGXFSZ, oldHandler);
     EXPECT_FALSE(saved);
     EXPECT_TRUE(Messages().empty()) << "neither failure was said";
-}
 
-// A folder where no file can be made: each store says so once at its load,
-// and is left empty; the saves at exit fail in silence and make nothing.
-TEST_F(StoreTest, AFolderWhereNoFileCanBeMadeGivesEachMessageOnceAndEmptyStores) {
+    // A folder where no file can be made: each store says so once at its load,
+    // and is left empty; the saves at exit fail in silence and make nothing.
     Installation missing(folder_ / "missing");
     missing.Prefs.MaxPortSpeed = 57600;
     missing.Directory.Count = 3;

@@ -27,7 +27,7 @@ protected:
     std::string LogFile() const { return folder_ / "kestrelbound_log"; }
 };
 
-TEST_F(StatusLogFileTest, SavedLinesCannotFakeAnEndMarkAndAShorterLogKeepsAStaleTailThatIsIgnored) {
+TEST_F(StatusLogFileTest, NoLineFakesTheEndMarkAStaleTailAndWhatPasses28000BytesAreLeftOut) {
     // A new installation gets a log of one byte, the end mark.
     ASSERT_TRUE(stores_.Log.Load());
     EXPECT_EQ(ReadWholeFile(LogFile()), std::string(1, '\0'));
@@ -35,11 +35,21 @@ TEST_F(StatusLogFileTest, SavedLinesCannotFakeAnEndMarkAndAShorterLogKeepsAStale
     // An empty line would be the end mark, and a NUL inside a line would end
     // it early; neither may hide the lines after it.
     ASSERT_TRUE(stores_.Log.Save({"first", "", std::string("sec\0ond", 7), "third"}));
-    // How such a file loads is the 700 lines' test's.
+    // How a saved file loads, the 700 lines below show.
     EXPECT_EQ(ReadWholeFile(LogFile()), std::string("first\0sec\0third\0\0", 17));
 
-    ASSERT_TRUE(stores_.Log.Save(Numbered(1, 20)));
+    // A stored log of 700 lines comes back whole; the next line trims it.
+    ASSERT_TRUE(stores_.Log.Save(Numbered(0, 700)));
     const std::string before = ReadWholeFile(LogFile());
+    stores_.Log.Free();
+    ASSERT_TRUE(stores_.Log.Load());
+    std::vector<std::string> lines = stores_.Log.StoredLines();
+    ASSERT_EQ(lines, Numbered(0, 700));
+    EXPECT_EQ(AppendLogLine(lines, "Starting Kestrelbound"), 300u);
+    ASSERT_EQ(lines.size(), 401u);
+    EXPECT_EQ(lines.front(), "line 300");
+    EXPECT_EQ(lines.back(), "Starting Kestrelbound");
+    // Trimming in batches, 600 lines and then 301, is the window's log test's.
 
     // The user cleared the log; at exit only the Stopping line is there.
     const std::string stopping = "Stopping Kestrelbound Tue Nov 18 21:00:00 1997";
@@ -53,9 +63,8 @@ TEST_F(StatusLogFileTest, SavedLinesCannotFakeAnEndMarkAndAShorterLogKeepsAStale
     stores_.Log.Free();
     ASSERT_TRUE(stores_.Log.Load());
     EXPECT_EQ(stores_.Log.StoredLines(), std::vector<std::string>{stopping});
-}
 
-TEST_F(StatusLogFileTest, OnlyTheFirst28000BytesAreReadAndACutLineIsLeftOut) {
+    // Only the first 28000 bytes are read, and a line cut there is left out.
     // Lines of 99 characters and their NUL fill the first 27900 bytes; the
     // next line starts there and runs past byte 28000.
     std::string cut;
@@ -79,25 +88,8 @@ TEST_F(StatusLogFileTest, OnlyTheFirst28000BytesAreReadAndACutLineIsLeftOut) {
         // Loading reads; it never changes the file.
         EXPECT_EQ(ReadWholeFile(LogFile()), file);
     }
-}
-
-TEST_F(StatusLogFileTest, AStoredLogOf700LinesComesBackWholeAndTheNextLineTrimsIt) {
-    ASSERT_TRUE(stores_.Log.Load());
-    ASSERT_TRUE(stores_.Log.Save(Numbered(0, 700)));
-    stores_.Log.Free();
-    ASSERT_TRUE(stores_.Log.Load());
-
-    std::vector<std::string> lines = stores_.Log.StoredLines();
-    ASSERT_EQ(lines, Numbered(0, 700));
-    EXPECT_EQ(AppendLogLine(lines, "Starting Kestrelbound"), 300u);
-    ASSERT_EQ(lines.size(), 401u);
-    EXPECT_EQ(lines.front(), "line 300");
-    EXPECT_EQ(lines.back(), "Starting Kestrelbound");
-    // Trimming in batches, 600 lines and then 301, is the window's log test's.
-}
-
-// That the walk stops at the end mark is the stale tail's test above.
-TEST(LogBufferTest, WalkNeverReadsPastTheBuffer) {
+    // A walk never reads past the buffer; that it stops at the end mark is
+    // the stale tail's test's.
     // The bytes that follow the buffer end the cut line; a walk that looked at
     // them would return it.
     const std::string memory = std::string("kept\0", 5) + std::string(30, 'z') + '\0';
@@ -134,7 +126,7 @@ protected:
     StatusLog log_{std::string()};
 };
 
-TEST_F(LogSinkTest, LinesBeforeTheSinkAreHeldUnderTheListLimitAndArriveFirstInOrder) {
+TEST_F(LogSinkTest, LinesArriveInOrderHeldBeforeTheSinkOrFromThreadsAndRemovalWaitsForOne) {
     for (const std::string& line : Numbered(1, 601)) {
         log_.Add(line);
     }
@@ -159,14 +151,13 @@ TEST_F(LogSinkTest, LinesBeforeTheSinkAreHeldUnderTheListLimitAndArriveFirstInOr
         }
     });
     EXPECT_EQ(next, (std::vector<std::string>{"after the window", "held two", "meanwhile"}));
-}
 
-TEST_F(LogSinkTest, LinesFromSeveralThreadsAllArriveEachThreadInItsOrder) {
-    std::mutex seenLock;
-    std::vector<std::string> seen;
+    // Lines from several threads all arrive, each thread's in its order.
+    std::mutex arrivedLock;
+    std::vector<std::string> arrived;
     log_.SetSink([&](const std::string& line) {
-        std::lock_guard<std::mutex> guard(seenLock);
-        seen.push_back(line);
+        std::lock_guard<std::mutex> guard(arrivedLock);
+        arrived.push_back(line);
     });
     constexpr int Threads = 4;
     constexpr int Lines = 500;
@@ -183,17 +174,16 @@ TEST_F(LogSinkTest, LinesFromSeveralThreadsAllArriveEachThreadInItsOrder) {
     }
     log_.SetSink(nullptr);
 
-    ASSERT_EQ(seen.size(), static_cast<size_t>(Threads * Lines));
+    ASSERT_EQ(arrived.size(), static_cast<size_t>(Threads * Lines));
     std::vector<int> nextOf(Threads, 0);
-    for (const std::string& line : seen) {
+    for (const std::string& line : arrived) {
         const int t = std::stoi(line.substr(0, line.find(' ')));
         const int i = std::stoi(line.substr(line.find(' ') + 1));
         ASSERT_EQ(i, nextOf[t]) << line;
         ++nextOf[t];
     }
-}
 
-TEST_F(LogSinkTest, RemovingTheSinkWaitsForALineInProgress) {
+    // Removing the sink waits for a line in progress.
     std::promise<void> entered;
     std::promise<void> release;
     std::shared_future<void> released = release.get_future().share();

@@ -1,40 +1,21 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <string>
 
 #include "platform/clock.h"
-#include "platform/files.h"
-#include "support/temp_folder.h"
 #include "support/test_clock.h"
 
 namespace kb::test {
 
 using namespace kb::platform;
 
-// That a move never replaces a file is the admission test's, where a name
-// taken meanwhile keeps its own bytes.
-TEST(Files, FolderRulesThatCallersRelyOn) {
-    TempFolder root;
-    const std::string folder = root / "Incoming Files";
-    EXPECT_TRUE(CreateFolder(folder));
-    EXPECT_FALSE(CreateFolder(folder)) << "making a folder that exists must fail";
-    WriteWholeFile(folder + "/a.txt", "x");
-    EXPECT_FALSE(RemoveFolder(folder)) << "a folder that holds a file stays";
-    EXPECT_TRUE(DeleteFileAt(folder + "/a.txt"));
-    EXPECT_FALSE(DeleteFileAt(folder + "/a.txt"));
-    EXPECT_TRUE(RemoveFolder(folder));
-    EXPECT_FALSE(FolderExists(folder));
-}
-
-TEST(Clock, IntervalArithmeticIsSixteenBit) {
+TEST(Clock, IntervalArithmeticIsSixteenBitAndStampIntervalsSurviveTheWrap) {
     EXPECT_EQ(ElapsedBetween(100, 900, 101, 150), 250);
     EXPECT_EQ(ElapsedBetween(100, 0, 104, 0), 4000);
     EXPECT_EQ(ElapsedBetween(100, 0, 132, 767), 32767);
     EXPECT_LT(ElapsedBetween(100, 0, 132, 768), 0) << "turns negative past 32767 ms";
-}
 
-TEST(Clock, StampIntervalsSurviveTheWrap) {
+    // Stamp intervals survive the wrap.
     TestClock clock;
     clock.MoveOn(0xFFFFFFFFu - clock.NowMs() - 5);  // the clock now stands 5 ms before the wrap
     const uint32_t before = clock.NowMs();
