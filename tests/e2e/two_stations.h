@@ -37,7 +37,7 @@ public:
                          : std::vector<std::string>{AlicePath + "/COM1=bitsurfr:5551001",
                                                     BobPath + "/COM1=" + bobFamily + ":5552002"},
                    apart ? Apart(options, "alice", "127.0.0.1:" + std::to_string(AlicesPort),
-                                 "5552002", BobsAdapters->ListeningPort())
+                                 "5552002", ListeningPort(BobsAdapters->OutputLines()))
                          : options) {
         // Bob first: Alice's start-up, a second long, gives his adapter time
         // to take its incoming profile, so that her call rings him when he
