@@ -27,15 +27,6 @@ uintmax_t SizeOnDisk(const std::string& path) {
     return absent ? 0 : size;
 }
 
-// Whether the resume record has been written since the part last grew, so
-// that what the part holds is in the record too.
-bool RecordedSince(const std::string& record, const std::string& part) {
-    std::error_code absent;
-    const auto recorded = std::filesystem::last_write_time(record, absent);
-    const auto grown = std::filesystem::last_write_time(part, absent);
-    return !absent && recorded >= grown;
-}
-
 }  // namespace
 
 // Alice on a BitSURFR and Bob on an AdTran, both set up for AIMUX: two
@@ -72,11 +63,14 @@ TEST(KilledStation, RestartedItHangsUpTheCallItsAdapterHeldAndTheResendGoesOnWhe
         }
         line.Choose(files);
         ASSERT_EQ(line.Alice->Command("send"), "ok");
-        // A whole section on Bob's disk and in his record, and three more to
-        // come.
+        // A whole section on Bob's disk and in his record, written since the
+        // part last grew, and three more to come.
         const auto sectionKept = [&] {
-            return SizeOnDisk(part) >= SectionData &&
-                   RecordedSince(line.BobPath + "/kestrelbound_resume", part);
+            std::error_code absent;
+            const auto recorded =
+                std::filesystem::last_write_time(line.BobPath + "/kestrelbound_resume", absent);
+            return !absent && SizeOnDisk(part) >= SectionData &&
+                   recorded >= std::filesystem::last_write_time(part);
         };
         ASSERT_TRUE(PollUntil(sectionKept, std::chrono::seconds(30)));
 

@@ -251,30 +251,10 @@ struct CallCase {
 
 struct CallEnds {
     const CallCase& Case;
-    std::string CallerPort;
+    std::string CallerPort;  // of the sender's adapter
     std::unique_ptr<Station> Sender;
     std::unique_ptr<Station> Receiver;
 };
-
-// Calls the receiver and sends it bytes, no token among them, until its
-// station hangs up; what the caller heard up to NO CARRIER.
-std::string StreamUntilHungUp(const CallEnds& call, const std::string& number) {
-    FarEnd caller(call.CallerPort);
-    if (!caller.Dial(number)) {
-        return "";
-    }
-    std::atomic<bool> streaming{true};
-    std::thread stream([&] {
-        const std::string bytes(1024, 'x');
-        while (streaming.load()) {
-            caller.Send(bytes);
-        }
-    });
-    const std::string heard = caller.ReceiveUntil("NO CARRIER", 30000);
-    streaming = false;
-    stream.join();
-    return heard;
-}
 
 }  // namespace
 
@@ -359,7 +339,20 @@ TEST(CallEndTest, EveryCallEndsAndNoneHoldsTheLine) {
             Station& receiver = *call.Receiver;
             const auto fewSeconds = std::chrono::seconds(10);
             if (end == CallCase::CallerStreams) {
-                const std::string heard = StreamUntilHungUp(call, called);
+                // The caller sends bytes, no token among them, until the
+                // receiver hangs up.
+                FarEnd caller(call.CallerPort);
+                ASSERT_TRUE(caller.Dial(called));
+                std::atomic<bool> streaming{true};
+                std::thread stream([&] {
+                    const std::string bytes(1024, 'x');
+                    while (streaming.load()) {
+                        caller.Send(bytes);
+                    }
+                });
+                const std::string heard = caller.ReceiveUntil("NO CARRIER", 30000);
+                streaming = false;
+                stream.join();
                 EXPECT_NE(heard.find("NO CARRIER"), std::string::npos);
                 EXPECT_TRUE(receiver.WaitForLog("Disconnected", fewSeconds)) << receiver.LogText();
                 EXPECT_EQ(receiver.Command("wait-state idle 30"), "ok");
