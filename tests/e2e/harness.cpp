@@ -4,7 +4,6 @@
 #include <stdexcept>
 
 #include "platform/files.h"
-#include "support/tcp_relay.h"
 #include "support/temp_folder.h"
 
 namespace kb::test {
@@ -22,10 +21,6 @@ VirtualAdapters::VirtualAdapters(const std::vector<std::string>& adapters,
     if (!process_.WaitForLine("ready", std::chrono::seconds(20))) {
         throw std::runtime_error("virtual-ta did not become ready");
     }
-}
-
-uint16_t VirtualAdapters::ListeningPort() const {
-    return kb::test::ListeningPort(process_.AllLines());
 }
 
 Station::Station(const std::string& folder) : process_(KBSTATION_PATH, {}, folder) {}

@@ -30,9 +30,7 @@ public:
     VirtualAdapters(const std::vector<std::string>& adapters,
                     const std::vector<std::string>& options = {});
     pid_t Pid() const { return process_.Pid(); }
-    // The port it said it listens on, with --listen; 0 without.
-    uint16_t ListeningPort() const;
-    // Its output so far, "listening on HOST:PORT" among it.
+    // Its output so far, "listening on HOST:PORT" among it with --listen.
     std::vector<std::string> OutputLines() const { return process_.AllLines(); }
 
 private:

@@ -21,17 +21,6 @@ namespace {
 
 class HostilePeer : public PeerAndStation {
 protected:
-    // The next token from the station, past any RCVCON that a repeated
-    // SYNCON brought.
-    std::string Reply(int timeoutMs) {
-        for (;;) {
-            const std::string line = port_->ReceiveUntil("\r\n", timeoutMs);
-            if (line != "RCVCON\r\n") {
-                return line;
-            }
-        }
-    }
-
     long Count(const std::string& line) { return station_->Count(line); }
 
     // The station sends its one file, out.bin: the peer answers its call and
@@ -163,7 +152,11 @@ TEST_F(HostilePeer, EndlessLinesNoiseAndListsThatCannotBeRightAreRefused) {
         port_->Send("H100\r\n" + c.Records);
         ASSERT_TRUE(station_->WaitForLog(c.LogLine)) << LogText();
         if (*c.Reply != '\0') {
-            EXPECT_EQ(Reply(3000), c.Reply);
+            // The next token, past any RCVCON that a repeated SYNCON brought.
+            std::string reply;
+            while ((reply = port_->ReceiveUntil("\r\n", 3000)) == "RCVCON\r\n") {
+            }
+            EXPECT_EQ(reply, c.Reply);
         }
         EXPECT_EQ(Count(c.LogLine), seen + 1);
         Resync();

@@ -20,19 +20,14 @@ namespace kb::test {
 
 // The files that came to the peer are those the station sent, in order, or
 // in any order when they are a folder's, which goes as the folder lists it.
+// Compared whole, so that a failure does not print the data.
 inline void ExpectArrived(std::vector<peer::File> arrived, const std::vector<peer::File>& sent,
                           bool anyOrder = false) {
     if (anyOrder) {
         std::sort(arrived.begin(), arrived.end(),
                   [](const peer::File& a, const peer::File& b) { return a.Name < b.Name; });
     }
-    ASSERT_EQ(arrived.size(), sent.size());
-    for (size_t i = 0; i < sent.size(); ++i) {
-        EXPECT_EQ(arrived[i].Name, sent[i].Name);
-        EXPECT_EQ(arrived[i].Kind, sent[i].Kind) << sent[i].Name;
-        // Compared whole, so that a failure does not print the data.
-        EXPECT_TRUE(arrived[i].Bytes == sent[i].Bytes) << sent[i].Name;
-    }
+    EXPECT_TRUE(arrived == sent) << arrived.size() << " of " << sent.size() << " files arrived";
 }
 
 class PeerAndStation : public ::testing::Test {

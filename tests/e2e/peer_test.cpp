@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "peer_fixture.h"
@@ -13,7 +15,7 @@ namespace kb::test {
 
 using namespace kb::platform;
 
-TEST_F(PeerAndStation, APeerSendsAFolderOfFilesAndTheStationFilesThemIdentical) {
+TEST_F(PeerAndStation, APeerSendsFilesAndTheStationFilesThemIdenticalAlsoRightAfterARingGivenUp) {
     const std::vector<peer::File> files = {
         {"hello.txt", RandomBytes(1000, 21)},   {"empty.dat", ""},
         {"one.byte", RandomBytes(1, 29)},       {"block.bin", RandomBytes(8190, 30)},
@@ -23,6 +25,23 @@ TEST_F(PeerAndStation, APeerSendsAFolderOfFilesAndTheStationFilesThemIdentical) 
     PeerSends(files, "Album");
     for (const peer::File& file : files) {
         ExpectSameBytes(stationPath_ + "/Incoming Files/Album/" + file.Name, file.Bytes);
+    }
+
+    // Then the peer rings, gives up at once and calls again a moment later,
+    // while the station is still on its way to answer the first ring: the one
+    // answer takes the call that rings by then, and it is served.
+    for (const int gapMs : {200, 350, 500}) {
+        SCOPED_TRACE(gapMs);
+        const peer::File after = {"after-" + std::to_string(gapMs) + ".txt",
+                                  RandomBytes(20000, static_cast<uint32_t>(gapMs))};
+        port_->Send("ATD5552002\r");
+        ASSERT_NE(port_->ReceiveUntil("RINGING\r\n", 5000).find("RINGING"), std::string::npos);
+        port_->Send(" ");  // gives up
+        ASSERT_NE(port_->ReceiveUntil("NO CARRIER\r\n", 5000).find("NO CARRIER"),
+                  std::string::npos);
+        std::this_thread::sleep_for(std::chrono::milliseconds(gapMs));
+        PeerSends({after});
+        EXPECT_TRUE(Incoming(after.Name) == after.Bytes);
     }
 }
 

@@ -1,6 +1,5 @@
 #include "support/process_state.h"
 
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -9,6 +8,7 @@
 #include <filesystem>
 #include <string>
 
+#include "support/child_process.h"
 #include "support/temp_folder.h"
 
 namespace kb::test {
@@ -80,12 +80,9 @@ std::string TextLock(pid_t pid) {
 }
 
 pid_t GonePid() {
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::_exit(0);
-    }
-    ::waitpid(child, nullptr, 0);
-    return child;
+    ChildProcess gone("/bin/true", {});
+    gone.WaitForExit(std::chrono::seconds(10));
+    return gone.Pid();
 }
 
 }  // namespace kb::test

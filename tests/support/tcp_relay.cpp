@@ -105,7 +105,9 @@ void TcpRelay::Run() {
     // holds up the other direction, as a network does not. A direction reads
     // while it holds less than a window, enough for a fast line's bytes over
     // the longest delay; beyond that, its source waits, as behind a
-    // network's full window.
+    // network's full window. A source that closes leaves an empty run
+    // behind its last: the other side learns of the close as late as of
+    // the bytes, and only after them.
     constexpr size_t Window = 1 << 20;
     struct Held {
         Clock::time_point Due;
@@ -115,8 +117,6 @@ void TcpRelay::Run() {
         std::deque<Held> Queue;
         size_t Queued = 0;
         bool Ended = false;  // its source has closed
-        Clock::time_point EndDue;
-        bool ShutDown = false;  // its end has been passed on
     };
     struct Pair {
         int Fd[2];
@@ -146,8 +146,6 @@ void TcpRelay::Run() {
                     } else {
                         wakeBy(out.Queue.front().Due);
                     }
-                } else if (out.Ended && !out.ShutDown) {
-                    wakeBy(out.EndDue);
                 }
                 entries.push_back({events == 0 ? -1 : pair.Fd[side], events, 0});
             }
@@ -204,6 +202,11 @@ void TcpRelay::Run() {
                 while ((events & POLLOUT) != 0 && !out.Queue.empty() &&
                        out.Queue.front().Due <= now) {
                     std::string& bytes = out.Queue.front().Bytes;
+                    if (bytes.empty()) {
+                        ::shutdown(pair.Fd[side], SHUT_WR);
+                        out.Queue.pop_front();
+                        continue;
+                    }
                     const ssize_t m =
                         ::send(pair.Fd[side], bytes.data(), bytes.size(), MSG_NOSIGNAL);
                     if (m > 0) {
@@ -234,17 +237,8 @@ void TcpRelay::Run() {
                         in.Queued += static_cast<size_t>(n);
                     } else if (n == 0 || (errno != EAGAIN && errno != EINTR)) {
                         in.Ended = true;
-                        in.EndDue = now + delay_;
+                        in.Queue.push_back({now + delay_, ""});
                     }
-                }
-            }
-            // One side closed: the other learns it the same way, once it has
-            // everything that came before, and as late.
-            for (int side = 0; side < 2; ++side) {
-                Direction& in = pair.Way[side];
-                if (in.Ended && in.Queue.empty() && !in.ShutDown && in.EndDue <= now) {
-                    ::shutdown(pair.Fd[1 - side], SHUT_WR);
-                    in.ShutDown = true;
                 }
             }
         }

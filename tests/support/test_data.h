@@ -14,11 +14,6 @@ namespace kb::test {
 // Bytes of a fixed pseudo-random sequence: the same seed, the same bytes.
 std::string RandomBytes(size_t count, uint32_t seed);
 
-// A digest of a file's bytes, read a piece at a time, so that files of
-// hundreds of megabytes are compared without holding them; 0 for a file that
-// cannot be read.
-uint64_t FileDigest(const std::string& path);
-
 // The lines that hold any of the texts, in their order.
 std::vector<std::string> LinesHolding(const std::vector<std::string>& lines,
                                       const std::vector<std::string>& texts);

@@ -44,6 +44,8 @@ struct File {
     std::string Name;
     std::string Bytes;
     int32_t Kind = 0;  // 2 for a program file
+
+    bool operator==(const File&) const = default;
 };
 
 // The whole of a session as the sending side, after CONNECT as the caller:
