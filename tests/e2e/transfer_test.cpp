@@ -86,6 +86,19 @@ TEST_F(TwoStations, FilesAndFoldersArriveByteForByteBesideWhatIsThereAndTheCalle
     BobSendsBack(RandomBytes(40000, 8));
 }
 
+// Alice and Bob on computers of their own, as far as the tools can tell: each
+// station's adapter on a tool of its own, the tools calling over TLS. A file
+// goes each way whole.
+TEST(StationsApart, AFileGoesEachWayOverTls) {
+    AliceAndBob line("zyxel-2864", {"--rate", "0"}, true);
+    const std::string there = RandomBytes(300000, 21);
+    line.Choose({{"there.bin", there}});
+    line.SendThrough();
+    ExpectSameBytes(line.IncomingPath("there.bin"), there);
+
+    line.BobSendsBack(RandomBytes(70000, 22));
+}
+
 // The largest file that the sending side's block counter holds, 2047 whole
 // sections, goes through as fast as the ports go; one byte more is refused
 // before any call, as the file list's own test shows. The file is sparse, so

@@ -12,6 +12,7 @@
 #include "harness.h"
 #include "platform/files.h"
 #include "support/installation.h"
+#include "support/tcp_relay.h"
 #include "support/wire_peer.h"
 
 namespace kb::test {
@@ -19,13 +20,25 @@ namespace kb::test {
 class AliceAndBob {
 public:
     // Bob's adapter is of the family given; Alice's is a BitSURFR. The
-    // options are virtual-ta's: the line's rate, its faults.
-    AliceAndBob(const std::string& bobFamily, const std::vector<std::string>& options)
+    // options are virtual-ta's: the line's rate, its faults. Apart, Bob's
+    // adapter is on a tool of his own, and the two tools call each other
+    // over TLS on loopback, each with a key of its own and the other's line
+    // ID on its route.
+    AliceAndBob(const std::string& bobFamily, const std::vector<std::string>& options,
+                bool apart = false)
         : AlicePath(MakeInstallation(Root, "alice")),
           BobPath(MakeInstallation(Root, "bob")),
-          Adapters(
-              {AlicePath + "/COM1=bitsurfr:5551001", BobPath + "/COM1=" + bobFamily + ":5552002"},
-              options) {
+          BobsAdapters(
+              apart ? std::make_unique<VirtualAdapters>(
+                          std::vector<std::string>{BobPath + "/COM1=" + bobFamily + ":5552002"},
+                          Apart(options, "bob", "127.0.0.1:0", "5551001", AlicesPort))
+                    : nullptr),
+          Adapters(apart ? std::vector<std::string>{AlicePath + "/COM1=bitsurfr:5551001"}
+                         : std::vector<std::string>{AlicePath + "/COM1=bitsurfr:5551001",
+                                                    BobPath + "/COM1=" + bobFamily + ":5552002"},
+                   apart ? Apart(options, "alice", "127.0.0.1:" + std::to_string(AlicesPort),
+                                 "5552002", ListeningPort(BobsAdapters->OutputLines()))
+                         : options) {
         // Bob first: Alice's start-up, a second long, gives his adapter time
         // to take its incoming profile, so that her call rings him when he
         // listens and he answers its first ring rather than its second.
@@ -79,6 +92,19 @@ public:
         ExpectSameBytes(AlicePath + "/Incoming Files/back.bin", bytes);
     }
 
+    // A tool of the two apart: its key in Root, listening on the address,
+    // with a route for the other's number to the port and his line ID.
+    std::vector<std::string> Apart(std::vector<std::string> options, const std::string& who,
+                                   const std::string& listen, const std::string& number,
+                                   uint16_t port) {
+        const std::string other = who == "bob" ? "alice" : "bob";
+        options.insert(options.end(),
+                       {"--identity", Root / who + ".key", "--listen", listen, "--route",
+                        number + "=127.0.0.1:" + std::to_string(port) + "/" +
+                            ShowIdentity(VIRTUAL_TA_PATH, Root / other + ".key")});
+        return options;
+    }
+
     // Both logs, for a failure's message.
     std::string Logs() const { return "alice:\n" + Alice->LogText() + "bob:\n" + Bob->LogText(); }
 
@@ -89,7 +115,9 @@ public:
     TempFolder Root;
     std::string AlicePath;
     std::string BobPath;
-    VirtualAdapters Adapters;
+    const uint16_t AlicesPort = FreePort();         // where her tool listens, when apart
+    std::unique_ptr<VirtualAdapters> BobsAdapters;  // his tool, when apart
+    VirtualAdapters Adapters;                       // hers, and his unless apart
     std::unique_ptr<Station> Alice;
     std::unique_ptr<Station> Bob;
 };
