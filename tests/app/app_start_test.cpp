@@ -30,13 +30,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// The first run's preferences: 9600 bps and nothing else.
-void ExpectFirstRunPreferences(const std::string& bytes) {
-    ASSERT_EQ(bytes.size(), 1176u);
-    EXPECT_EQ(bytes.substr(0, 8), std::string("\0\0\0\0\x80\x25\0\0", 8));
-    EXPECT_EQ(bytes.find_first_not_of('\0', 8), std::string::npos);
-}
-
 class AppStartTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -80,7 +73,7 @@ private:
     std::string previous_;
 };
 
-TEST_F(AppStartTest, AFirstRunMakesItsFilesAndAnExitWithoutAnAdapterSavesNoPreferences) {
+TEST_F(AppStartTest, AFirstRunSavesNoPreferencesWithoutAnAdapterAndTheNextSplashLastsASecond) {
     const std::vector<std::string> lines = Run([this] {
         // The user changes a preference and leaves at once.
         Window()->HandleEvent(Event(EventKind::BoxClicked, IDC_IGNORE_HOT, -1, true));
@@ -90,7 +83,9 @@ TEST_F(AppStartTest, AFirstRunMakesItsFilesAndAnExitWithoutAnAdapterSavesNoPrefe
     // The preferences file holds the first run's defaults: 9600 bps and
     // nothing else, the change of this run not saved.
     const std::string prefs = ReadWholeFile(folder_ / "kestrelbound_prefs");
-    ExpectFirstRunPreferences(prefs);
+    ASSERT_EQ(prefs.size(), 1176u);
+    EXPECT_EQ(prefs.substr(0, 8), std::string("\0\0\0\0\x80\x25\0\0", 8));
+    EXPECT_EQ(prefs.find_first_not_of('\0', 8), std::string::npos);
     EXPECT_EQ(ReadWholeFile(folder_ / "kestrelbound_directory"), std::string(2, '\0'));
     EXPECT_TRUE(FolderExists(folder_ / "Incoming Files"));
     EXPECT_TRUE(FolderExists(folder_ / "Pick Up"));
@@ -103,25 +98,12 @@ TEST_F(AppStartTest, AFirstRunMakesItsFilesAndAnExitWithoutAnAdapterSavesNoPrefe
     EXPECT_TRUE(Messages().empty());
     EXPECT_TRUE(windowLeftEngine_);
 
-    // The second start shows the stored lines above its own Starting line.
-    std::vector<std::string> rows;
-    const std::vector<std::string> second = Run([&] {
-        rows = RowTexts(IDC_LOG);
-        PostEvent(EventKind::MenuCommand, ID_FILE_EXIT);
-    });
-    // Only lines added in this run went through the log.
-    ASSERT_EQ(second.size(), 2u);
-    EXPECT_EQ(second[0].rfind("Starting Kestrelbound ", 0), 0u);
-    EXPECT_EQ(rows, (std::vector<std::string>{lines[0], lines[1], second[0]}));
-    EXPECT_EQ(ReadWholeFile(folder_ / "kestrelbound_prefs"), prefs);
-}
-
-TEST_F(AppStartTest, TheSplashClosesItselfAfterASecondAndTheSearchFollowsOnce) {
+    // The second start shows its splash, which closes itself after a second;
+    // the box starts hidden, so its changes alternate: shown, hidden. A
+    // listener keeps to what the announcement says.
     Clock::time_point shown;
     Clock::time_point hidden;
     int opened = 0;
-    // The box starts hidden, so its changes alternate: shown, hidden. A
-    // listener keeps to what the announcement says.
     int changes = 0;
     const int listener = Controls().AddListener([&](const ControlEvent& event) {
         if (event.Id == IDD_ABOUTBOX && event.Change == ControlChange::Shown) {
@@ -133,31 +115,42 @@ TEST_F(AppStartTest, TheSplashClosesItselfAfterASecondAndTheSearchFollowsOnce) {
             }
         }
     });
-    // The search finds nothing and says so; the start is over only once the
-    // search has returned, and Retrieve, with an empty list, is on from
-    // then. The user then leaves.
+    // It shows the stored lines above its own Starting line. The search
+    // finds nothing and says so; the start is over only once the search has
+    // returned, and Retrieve, with an empty list, is on from then. The user
+    // then leaves.
+    std::vector<std::string> rows;
     std::vector<bool> startOver;
     bool retrieveOn = false;
-    MainLoop().Post([&] { startOver.push_back(Window()->StartIsOver()); });
+    MainLoop().Post([&] {
+        rows = RowTexts(IDC_LOG);
+        startOver.push_back(Window()->StartIsOver());
+    });
     output_.OnMessage = [&](const std::string& text) {
         if (text == NoAdapterMessage) {
             startOver.push_back(Window()->StartIsOver());
             MainLoop().Post([&] {
                 startOver.push_back(Window()->StartIsOver());
                 retrieveOn = Controls().Enabled(IDC_RETRIEVE);
-                PostEvent(EventKind::Close);
+                PostEvent(EventKind::MenuCommand, ID_FILE_EXIT);
             });
         }
     };
-    Run(nullptr);
+    const std::vector<std::string> second = Run(nullptr);
     Controls().RemoveListener(listener);
 
+    // Only lines added in this run went through the log: its Starting line,
+    // then the search's.
+    ASSERT_GE(second.size(), 2u);
+    EXPECT_EQ(second[0].rfind("Starting Kestrelbound ", 0), 0u);
+    EXPECT_EQ(second[1], "Searching Comm Port 1");
+    EXPECT_EQ(rows, (std::vector<std::string>{lines[0], lines[1], second[0]}));
     EXPECT_EQ(startOver, (std::vector<bool>{false, false, true}));
     EXPECT_TRUE(retrieveOn);
     EXPECT_EQ(opened, 1);
     EXPECT_GE(std::chrono::duration_cast<std::chrono::milliseconds>(hidden - shown).count(), 990);
     // No adapter: the preferences file is as the first run made it.
-    ExpectFirstRunPreferences(ReadWholeFile(folder_ / "kestrelbound_prefs"));
+    EXPECT_EQ(ReadWholeFile(folder_ / "kestrelbound_prefs"), prefs);
 }
 
 }  // namespace

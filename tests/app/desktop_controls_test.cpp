@@ -217,7 +217,8 @@ TEST_F(DesktopControlsTest, ANameThatIsNoFolderNameNeverBecomesAPath) {
         // Nor is an exported entry of that name entered.
         WriteWholeFile(folder_ / "bad.KBE", peer::DirectoryEntry(name, "5558888", true));
         EXPECT_FALSE(window_->Correspondents().ImportDirectoryEntry(folder_ / "bad.KBE"));
-        EXPECT_EQ(Observed().back(), "Directory Entry Not Added: its name cannot name a folder.");
+        EXPECT_EQ(RowTexts(IDC_LOG).back(),
+                  "Directory Entry Not Added: its name cannot name a folder.");
         EXPECT_EQ(static_cast<size_t>(Stores().Directory.Count.load()), refusals);
         if (name.empty()) {
             continue;

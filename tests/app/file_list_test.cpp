@@ -249,18 +249,18 @@ TEST_F(FileListTest, TheListHoldsAHundredEntriesAndNeverMore) {
     EXPECT_FALSE(window_->Files().AddFileToList(file, "f"));
     EXPECT_EQ(Engine().SendList.Count(), 100);
     EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 100);
-    EXPECT_EQ(Observed().back(), "File list is full: f was not added.");
+    EXPECT_EQ(RowTexts(IDC_LOG).back(), "File list is full: f was not added.");
 
     // A folder of 120 files: its marker and the first 99, and one line.
     const std::string big = MakeFolder("big");
     for (int i = 0; i < 120; ++i) {
         MakeFile("big/file" + std::to_string(i), 1);
     }
-    const size_t linesBefore = Observed().size();
+    const size_t linesBefore = RowTexts(IDC_LOG).size();
     window_->Files().AddFolderToSendList(big, "big");
     EXPECT_EQ(Engine().SendList.Count(), 100);
     EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 100);
-    const std::vector<std::string> lines = Observed();
+    const std::vector<std::string> lines = RowTexts(IDC_LOG);
     ASSERT_EQ(lines.size(), linesBefore + 1);
     EXPECT_EQ(lines.back(), "File list is full: 21 files of big were not added.");
 }
@@ -291,7 +291,7 @@ TEST_F(FileListTest, APathTooLongOrAFileTooLargeForTheProtocolIsRefusedWithItsLi
     ASSERT_GT(longPath.size(), 511u);
     WriteWholeFile(longPath, "x");
     EXPECT_FALSE(window_->Files().AddFileToList(longPath, name));
-    EXPECT_EQ(Observed().back(), "Path too long: " + name + " was not added.");
+    EXPECT_EQ(RowTexts(IDC_LOG).back(), "Path too long: " + name + " was not added.");
 
     // One byte more than 2047 sections, the most that the sending side's
     // block counter holds: the smallest file too large (the largest goes
@@ -299,7 +299,7 @@ TEST_F(FileListTest, APathTooLongOrAFileTooLargeForTheProtocolIsRefusedWithItsLi
     const std::string huge = MakeFile("huge.bin", 0);
     ASSERT_EQ(::truncate(huge.c_str(), off_t{2047} * 131070 + 1), 0);
     EXPECT_FALSE(window_->Files().AddFileToList(huge, "huge.bin"));
-    EXPECT_EQ(Observed().back(), "File too large to send: huge.bin");
+    EXPECT_EQ(RowTexts(IDC_LOG).back(), "File too large to send: huge.bin");
     EXPECT_EQ(Engine().SendList.Count(), 0);
     EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 0);
 }

@@ -435,14 +435,14 @@ TEST_F(MainWindowTest, TheShownRateNeverPassesTheCeiling) {
         entry.LastBlockTime = step.LastBlockTime;
         entry.BytesDone = step.BytesDone;
         line_->RateEstimate = step.Ceiling;
-        const size_t lines = Observed().size();
+        const size_t lines = RowTexts(IDC_LOG).size();
         window_->Display().ShowThroughput(step.Sending, step.Log);
         EXPECT_EQ(window_->Display().MeasuredRate(), step.Measured);
         EXPECT_EQ(Controls().Text(IDC_BYTES_SEC), step.Shown);
         const bool logged = step.Log && step.StartTime != 0;
-        ASSERT_EQ(Observed().size(), lines + (logged ? 1 : 0));
+        ASSERT_EQ(RowTexts(IDC_LOG).size(), lines + (logged ? 1 : 0));
         if (logged) {
-            EXPECT_EQ(Observed().back(), std::string("Average throughput: ") + step.Shown);
+            EXPECT_EQ(RowTexts(IDC_LOG).back(), std::string("Average throughput: ") + step.Shown);
         }
     }
 }
@@ -477,11 +477,11 @@ TEST_F(MainWindowTest, ProgressIsComputedInSixtyFourBitsAndShownOnlyDuringATrans
 
 TEST_F(MainWindowTest, TheElapsedTimeIsLoggedOncePerSession) {
     window_->Display().LogElapsedTime();
-    EXPECT_EQ(Observed().size(), 1u);  // nothing ran: no line
+    EXPECT_EQ(RowTexts(IDC_LOG).size(), 1u);  // nothing ran: no line
     Engine().Call.TransferStartTime = WallSeconds() - 3725;
     window_->Display().LogElapsedTime();
     window_->Display().LogElapsedTime();
-    const std::vector<std::string> observed = Observed();
+    const std::vector<std::string> observed = RowTexts(IDC_LOG);
     ASSERT_EQ(observed.size(), 2u);
     // A second may pass between the two readings of the clock.
     EXPECT_TRUE(observed[1] == "Elapsed Time: 01:02:05" || observed[1] == "Elapsed Time: 01:02:06")

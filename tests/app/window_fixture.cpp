@@ -31,10 +31,6 @@ void WindowTest::StartWindow() {
     // The next start's engine holds nothing of the last run's.
     engine_ = std::make_unique<TransferEngine>(clock_);
     window_ = std::make_unique<MainWindow>(*stores_, *line_, *engine_);
-    window_->SetLogObserver([this](const std::string& line) {
-        std::lock_guard<std::mutex> guard(lock_);
-        observed_.push_back(line);
-    });
     ASSERT_TRUE(window_->OnInitDialog());
 }
 
@@ -67,11 +63,6 @@ std::string WindowTest::MakeFolder(const std::string& name) {
     const std::string path = folder_ / name;
     EXPECT_TRUE(CreateFolder(path));
     return path;
-}
-
-std::vector<std::string> WindowTest::Observed() const {
-    std::lock_guard<std::mutex> guard(lock_);
-    return observed_;
 }
 
 std::vector<std::string> RowTexts(int id, const ControlModel& model) {

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -61,7 +60,6 @@ protected:
     // Yes until a test says otherwise.
     std::vector<std::string> Messages() const { return output_.Messages(); }
     void AnswerQuestions(bool yes) { output_.Answer = yes; }
-    std::vector<std::string> Observed() const;
 
     // The user's events, as the window's front end hands them over.
     EventOutcome Handle(const WindowEvent& event) { return window_->HandleEvent(event); }
@@ -97,8 +95,6 @@ protected:
 
 private:
     CapturedOutput output_;
-    mutable std::mutex lock_;
-    std::vector<std::string> observed_;
 };
 
 }  // namespace kb::test
