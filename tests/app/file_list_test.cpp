@@ -30,7 +30,7 @@ namespace {
 
 class FileListTest : public WindowTest {
 protected:
-    const FileEntry& Entry(int i) { return Engine().SendList[i]; }
+    const FileEntry& Entry(int i) { return engine_->SendList[i]; }
 };
 
 // What the user is asked before a folder takes the place of the list.
@@ -63,7 +63,7 @@ TEST_F(FileListTest, TheDialogsTakeSeveralFilesOrAFolderAndACancelNothing) {
     EXPECT_FALSE(window_->Files().AddFileToList(folder_ / "missing", "missing"));
     EXPECT_EQ(Messages(), std::vector<std::string>{
                               "Cannot open file.  It may be in use by another application."});
-    EXPECT_EQ(Engine().SendList.Count(), 0);
+    EXPECT_EQ(engine_->SendList.Count(), 0);
 
     desktop.Answer(std::vector<std::string>{MakeFile("one", 1), MakeFile("two", 0)});
     ASSERT_TRUE(Press(IDC_FILE_ADD).Done);
@@ -76,9 +76,9 @@ TEST_F(FileListTest, TheDialogsTakeSeveralFilesOrAFolderAndACancelNothing) {
     EXPECT_EQ(Messages().back(), Replacing("docs"));
     EXPECT_EQ(desktop.Take(), (std::vector<std::string>{"dialog: open", "dialog: folder"}));
     // The menu is open during a call, the list is not.
-    Engine().Call.LinkState = LinkState::Connected;
+    engine_->Call.LinkState = LinkState::Connected;
     ASSERT_TRUE(ChooseMenu(ID_FILE_ADD_FOLDER).Done);
-    Engine().Call.LinkState = LinkState::Idle;
+    engine_->Call.LinkState = LinkState::Idle;
     EXPECT_EQ(Messages().back(), "The File List cannot change during a call.");
     EXPECT_TRUE(desktop.Take().empty());
 }
@@ -92,7 +92,7 @@ TEST_F(FileListTest, AFolderReplacesTheListAndTravelsOneLevelDeep) {
     MakeFile("docs/Sent Files/old", 5);
 
     Drop(IDC_FILE_LIST, {MakeFile("loose", 10), docs + "/"});
-    ASSERT_EQ(Engine().SendList.Count(), 4);
+    ASSERT_EQ(engine_->SendList.Count(), 4);
     const std::vector<ListRow> rows = Controls().Rows(IDC_FILE_LIST);
     ASSERT_EQ(rows.size(), 4u);
     EXPECT_EQ(rows[0].Text, "docs");
@@ -120,9 +120,9 @@ TEST_F(FileListTest, AFolderReplacesTheListAndTravelsOneLevelDeep) {
         EXPECT_EQ(rows[i].Image, KindNumber(kind));
     }
     // The marker adds nothing to the total.
-    EXPECT_EQ(Engine().SendList.Remaining(), 102u + 202u + 0u);
+    EXPECT_EQ(engine_->SendList.Remaining(), 102u + 202u + 0u);
     window_->Display().RecomputeSendTotal();
-    EXPECT_EQ(Engine().SendList.Remaining(), 304u);
+    EXPECT_EQ(engine_->SendList.Remaining(), 304u);
     // The process's folder never moved.
     EXPECT_NE(CurrentFolder(), docs);
 }
@@ -131,10 +131,10 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
     // During a call, or beside the lists, a drop does nothing; during a
     // call it says so.
     const std::string file = MakeFile("file", 10);
-    Engine().Call.LinkState = LinkState::Connected;
+    engine_->Call.LinkState = LinkState::Connected;
     Drop(IDC_FILE_LIST, {file});
     Drop(IDC_SEND, {file});
-    Engine().Call.LinkState = LinkState::Idle;
+    engine_->Call.LinkState = LinkState::Idle;
     Drop(IDC_LOG, {file});
     Drop(0, {file});
     // A name ending in .KBE is a file like any other on the file list.
@@ -197,7 +197,7 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
     MakeFile("second/two", 2);
     Drop(IDC_FILE_LIST, {folder_ / "first", folder_ / "second"});
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"second", "two"}));
-    EXPECT_EQ(Engine().SendList.Count(), 2);
+    EXPECT_EQ(engine_->SendList.Count(), 2);
 
     // A drop on Send with an unreadable item still goes for the call; with
     // a number but no adapter found, nothing would ever answer the dial: the
@@ -205,7 +205,7 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
     Type(IDC_NUMBER, "5551234");
     Drop(IDC_SEND, {folder_ / "unreadable"});
     EXPECT_EQ(Messages().back(), line::NoAdapterMessage);
-    EXPECT_EQ(Engine().Call.LinkState.load(), LinkState::Idle);
+    EXPECT_EQ(engine_->Call.LinkState.load(), LinkState::Idle);
     // A number that the dial would shorten is not dialled, by Send or by
     // Retrieve, and the message names it.
     Type(IDC_NUMBER, "555-2OO2");
@@ -225,11 +225,11 @@ TEST_F(FileListTest, DeleteTakesTheClickedRowAndItsEntry) {
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"a", "c"}));
     EXPECT_EQ(Entry(0).DisplayName.View(), "a");
     EXPECT_EQ(Entry(1).DisplayName.View(), "c");
-    EXPECT_EQ(Engine().SendList.Remaining(), 204u);
+    EXPECT_EQ(engine_->SendList.Remaining(), 204u);
     EXPECT_FALSE(Controls().Enabled(IDC_FILE_DELETE));
     // With no row chosen, Delete does nothing.
     window_->Files().OnFileDelete();
-    EXPECT_EQ(Engine().SendList.Count(), 2);
+    EXPECT_EQ(engine_->SendList.Count(), 2);
 
     // Adding a file forgets the click.
     window_->Files().OnFileClick(0);
@@ -238,7 +238,7 @@ TEST_F(FileListTest, DeleteTakesTheClickedRowAndItsEntry) {
     EXPECT_FALSE(Controls().Enabled(IDC_FILE_DELETE));
     // The same file can go in twice.
     ASSERT_TRUE(window_->Files().AddFileToList(folder_ / "d", "d"));
-    EXPECT_EQ(Engine().SendList.Count(), 4);
+    EXPECT_EQ(engine_->SendList.Count(), 4);
 }
 
 TEST_F(FileListTest, TheListHoldsAHundredEntriesAndNeverMore) {
@@ -247,7 +247,7 @@ TEST_F(FileListTest, TheListHoldsAHundredEntriesAndNeverMore) {
         ASSERT_TRUE(window_->Files().AddFileToList(file, "f"));
     }
     EXPECT_FALSE(window_->Files().AddFileToList(file, "f"));
-    EXPECT_EQ(Engine().SendList.Count(), 100);
+    EXPECT_EQ(engine_->SendList.Count(), 100);
     EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 100);
     EXPECT_EQ(RowTexts(IDC_LOG).back(), "File list is full: f was not added.");
 
@@ -258,7 +258,7 @@ TEST_F(FileListTest, TheListHoldsAHundredEntriesAndNeverMore) {
     }
     const size_t linesBefore = RowTexts(IDC_LOG).size();
     window_->Files().AddFolderToSendList(big, "big");
-    EXPECT_EQ(Engine().SendList.Count(), 100);
+    EXPECT_EQ(engine_->SendList.Count(), 100);
     EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 100);
     const std::vector<std::string> lines = RowTexts(IDC_LOG);
     ASSERT_EQ(lines.size(), linesBefore + 1);
@@ -300,7 +300,7 @@ TEST_F(FileListTest, APathTooLongOrAFileTooLargeForTheProtocolIsRefusedWithItsLi
     ASSERT_EQ(::truncate(huge.c_str(), off_t{2047} * 131070 + 1), 0);
     EXPECT_FALSE(window_->Files().AddFileToList(huge, "huge.bin"));
     EXPECT_EQ(RowTexts(IDC_LOG).back(), "File too large to send: huge.bin");
-    EXPECT_EQ(Engine().SendList.Count(), 0);
+    EXPECT_EQ(engine_->SendList.Count(), 0);
     EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 0);
 }
 

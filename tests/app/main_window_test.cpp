@@ -77,13 +77,13 @@ TEST_F(MainWindowTest, TheButtonsFollowTheLinkAndTheFileList) {
         SCOPED_TRACE("state " + std::to_string(static_cast<int>(row.Link)) + " count " +
                      std::to_string(row.Count) + " row " + std::to_string(row.Selected));
         // A selected row is what a click leaves behind.
-        Engine().Call.LinkState = LinkState::Idle;
-        Engine().SendList.Clear();
+        engine_->Call.LinkState = LinkState::Idle;
+        engine_->SendList.Clear();
         for (int i = 0; i < row.Count; ++i) {
-            ASSERT_TRUE(Engine().SendList.Add(FileEntry{}));
+            ASSERT_TRUE(engine_->SendList.Add(FileEntry{}));
         }
         window_->Files().OnFileClick(row.Selected);
-        Engine().Call.LinkState = row.Link;
+        engine_->Call.LinkState = row.Link;
         window_->UpdateActionButtons();
         EXPECT_EQ(EnabledOf({IDC_SEND, IDC_RETRIEVE, IDC_DISCONNECT, IDC_FILE_ADD, IDC_FILE_CLEAR,
                              IDC_FILE_DELETE}),
@@ -97,8 +97,8 @@ TEST_F(MainWindowTest, TheButtonsFollowTheLinkAndTheFileList) {
     }
     // The state a front end is told never runs ahead of the buttons: asked
     // while the end of a call is changing them, it comes once they show idle.
-    Engine().SendList.Clear();
-    Engine().Call.LinkState = LinkState::Connected;
+    engine_->SendList.Clear();
+    engine_->Call.LinkState = LinkState::Connected;
     window_->UpdateActionButtons();
     std::atomic<bool> asked{false};
     std::thread asker;
@@ -109,13 +109,13 @@ TEST_F(MainWindowTest, TheButtonsFollowTheLinkAndTheFileList) {
             return;
         }
         asker = std::thread([&] {
-            told = MainWindow::LinkStateName(Engine());
+            told = MainWindow::LinkStateName(*engine_);
             addOpenWhenTold = Controls().Enabled(IDC_FILE_ADD);
         });
         // The rest of the buttons change after the asker has had its chance.
         clock_.SleepMs(100);
     });
-    ReturnToIdle(Engine());
+    ReturnToIdle(*engine_);
     Controls().RemoveListener(listener);
     asker.join();
     EXPECT_EQ(told, "idle");
@@ -139,15 +139,15 @@ TEST_F(MainWindowTest, EventsReachOnlyControlsAUserCouldUse) {
     // The incoming settings are stored at once; without an adapter nothing
     // goes to the line.
     EXPECT_TRUE(Click(IDC_IN_56K, true).Done);
-    EXPECT_EQ(Stores().Prefs.Incoming56K, 1);
+    EXPECT_EQ(stores_->Prefs.Incoming56K, 1);
     EXPECT_TRUE(Click(IDC_IN_56K, false).Done);
-    EXPECT_EQ(Stores().Prefs.Incoming56K, 0);
-    Stores().Prefs.AdapterModel = ModelZyXEL;
+    EXPECT_EQ(stores_->Prefs.Incoming56K, 0);
+    stores_->Prefs.AdapterModel = ModelZyXEL;
     EXPECT_TRUE(Choose(IDC_IN_PROTOCOL, 1).Done);
-    EXPECT_EQ(Stores().Prefs.IncomingProtocol, 2);
-    Stores().Prefs.AdapterModel = ModelBitSURFR;
+    EXPECT_EQ(stores_->Prefs.IncomingProtocol, 2);
+    stores_->Prefs.AdapterModel = ModelBitSURFR;
     EXPECT_TRUE(Choose(IDC_IN_PROTOCOL, 1).Done);
-    EXPECT_EQ(Stores().Prefs.IncomingProtocol, 1);
+    EXPECT_EQ(stores_->Prefs.IncomingProtocol, 1);
 
     // An outgoing setting changes the estimate of what waits to go.
     MakeFile("a", 1000000);
@@ -233,12 +233,12 @@ TEST_F(MainWindowTest, TheWindowShowsWhatTheAdapterFoundOffers) {
         // Before the adapter has told its number, the title names the folder.
         EXPECT_EQ(Controls().Text(IDD_MAIN_WINDOW),
                   std::filesystem::path(folder_.Path()).filename().string() + " - Kestrelbound");
-        Stores().Prefs.AdapterModel = c.Model;
-        Stores().Prefs.AdapterVariant = c.Variant;
-        Stores().Prefs.IncomingProtocol = c.Incoming;
-        Stores().Prefs.Incoming2B = 1;
-        Stores().Prefs.MaxPortSpeed = c.MaxSpeed;
-        Stores().Prefs.SelectedPortSpeed = c.Checked230400 ? 230400 : 115200;
+        stores_->Prefs.AdapterModel = c.Model;
+        stores_->Prefs.AdapterVariant = c.Variant;
+        stores_->Prefs.IncomingProtocol = c.Incoming;
+        stores_->Prefs.Incoming2B = 1;
+        stores_->Prefs.MaxPortSpeed = c.MaxSpeed;
+        stores_->Prefs.SelectedPortSpeed = c.Checked230400 ? 230400 : 115200;
         line_->SpeedClass.store(c.SpeedClass);
         line_->AdapterFound.store(true);
         window_->ShowAdapter(true);
@@ -256,13 +256,13 @@ TEST_F(MainWindowTest, TheWindowShowsWhatTheAdapterFoundOffers) {
         for (const LineProtocol protocol : {ProtocolV120, ProtocolAimux, ProtocolX75}) {
             const std::string name = ProtocolNames[protocol];
             const std::string shown = std::ranges::count(c.Rows, name) != 0 ? name : "V.120";
-            Stores().Directory[0] = Correspondent{};
-            Stores().Directory[0].Protocol = protocol;
+            stores_->Directory[0] = Correspondent{};
+            stores_->Directory[0].Protocol = protocol;
             window_->Correspondents().ShowCorrespondent(0);
             EXPECT_EQ(Controls().RowText(IDC_PROTOCOL, Controls().Selection(IDC_PROTOCOL)), shown)
                 << name;
             window_->Correspondents().ReadCorrespondentForm(0);
-            EXPECT_EQ(Stores().Directory[0].Protocol, ProtocolNamed(shown)) << name;
+            EXPECT_EQ(stores_->Directory[0].Protocol, ProtocolNamed(shown)) << name;
         }
         std::vector<std::string> menus;
         for (const Menu& menu : Controls().Menus()) {
@@ -313,10 +313,10 @@ TEST_F(MainWindowTest, TheLogKeeps600LinesThe601stLeaves301AndClearLogLeavesOnly
     const size_t start = RowTexts(IDC_LOG).size();
     ASSERT_EQ(start, 1u);  // the Starting line
     for (size_t i = start; i < 600; ++i) {
-        Stores().Log.Add("line " + std::to_string(i));
+        stores_->Log.Add("line " + std::to_string(i));
     }
     EXPECT_EQ(Controls().RowCount(IDC_LOG), 600);
-    Stores().Log.Add("line 600");
+    stores_->Log.Add("line 600");
     const std::vector<std::string> rows = RowTexts(IDC_LOG);
     ASSERT_EQ(rows.size(), 301u);
     EXPECT_EQ(rows.front(), "line 300");
@@ -375,7 +375,7 @@ TEST_F(MainWindowTest, TheEstimateFollowsTheOutgoingSettingsAndRoundsTheSizeUp) 
     };
     for (const EstimateCase& c : cases) {
         SCOPED_TRACE(c.What);
-        Stores().Prefs.AdapterModel = c.Model;
+        stores_->Prefs.AdapterModel = c.Model;
         Controls().Select(IDC_PROTOCOL, c.Row);
         Controls().Check(IDC_56K, c.At56k);
         Controls().Check(IDC_2B, c.TwoChannels);
@@ -425,12 +425,12 @@ TEST_F(MainWindowTest, TheShownRateNeverPassesTheCeiling) {
         {"the receiving side reads its own list", false, 10, 2010, 14000, 16000, false, 7000,
          "7000 Bytes/sec"},
     };
-    Engine().SendList[0] = FileEntry{};
-    Engine().ReceiveList[0] = FileEntry{};
+    engine_->SendList[0] = FileEntry{};
+    engine_->ReceiveList[0] = FileEntry{};
     Controls().SetText(IDC_BYTES_SEC, "untouched");
     for (const RateStep& step : steps) {
         SCOPED_TRACE(step.What);
-        FileEntry& entry = step.Sending ? Engine().SendList[0] : Engine().ReceiveList[0];
+        FileEntry& entry = step.Sending ? engine_->SendList[0] : engine_->ReceiveList[0];
         entry.StartTime = step.StartTime;
         entry.LastBlockTime = step.LastBlockTime;
         entry.BytesDone = step.BytesDone;
@@ -478,7 +478,7 @@ TEST_F(MainWindowTest, ProgressIsComputedInSixtyFourBitsAndShownOnlyDuringATrans
 TEST_F(MainWindowTest, TheElapsedTimeIsLoggedOncePerSession) {
     window_->Display().LogElapsedTime();
     EXPECT_EQ(RowTexts(IDC_LOG).size(), 1u);  // nothing ran: no line
-    Engine().Call.TransferStartTime = WallSeconds() - 3725;
+    engine_->Call.TransferStartTime = WallSeconds() - 3725;
     window_->Display().LogElapsedTime();
     window_->Display().LogElapsedTime();
     const std::vector<std::string> observed = RowTexts(IDC_LOG);
@@ -486,11 +486,11 @@ TEST_F(MainWindowTest, TheElapsedTimeIsLoggedOncePerSession) {
     // A second may pass between the two readings of the clock.
     EXPECT_TRUE(observed[1] == "Elapsed Time: 01:02:05" || observed[1] == "Elapsed Time: 01:02:06")
         << observed[1];
-    EXPECT_EQ(Engine().Call.TransferStartTime.load(), 0);
+    EXPECT_EQ(engine_->Call.TransferStartTime.load(), 0);
 }
 
 TEST_F(MainWindowTest, TheIncomingListShowsTheWireSizesAndLosesItsTopRow) {
-    FileEntry* list = Engine().ReceiveList.get();
+    FileEntry* list = engine_->ReceiveList.get();
     list[0] = FileEntry{};
     list[0].DisplayName.Set("Smith-A");
     list[0].EntryKind = FileKind::FolderMarker;
@@ -501,7 +501,7 @@ TEST_F(MainWindowTest, TheIncomingListShowsTheWireSizesAndLosesItsTopRow) {
     list[2].DisplayName.Set("tool.exe");
     list[2].EntryKind = FileKind::ProgramFile;
     list[2].TotalLength = 12;
-    Engine().Call.ReceiveCount = 3;
+    engine_->Call.ReceiveCount = 3;
     window_->Files().ListIncomingFiles();
     std::vector<ListRow> rows = Controls().Rows(IDC_FILE_LIST);
     ASSERT_EQ(rows.size(), 3u);
@@ -512,7 +512,7 @@ TEST_F(MainWindowTest, TheIncomingListShowsTheWireSizesAndLosesItsTopRow) {
     EXPECT_EQ(rows[2].Image, KindNumber(FileKind::ProgramFile));
     window_->Files().RemoveTopFileRow();
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"report.txt", "tool.exe"}));
-    Engine().Call.ReceiveCount = 0;
+    engine_->Call.ReceiveCount = 0;
 }
 
 // A larger window gives its room to the directory list, the file list and

@@ -45,7 +45,7 @@ void WindowTest::StopWindow() {
     line_->CommPortClose();
     line_->CommPortDestroy();
     if (window_->EngineStarted()) {
-        EngineShutdown(Engine());
+        EngineShutdown(*engine_);
     }
     stores_->Log.Free();
     window_.reset();

@@ -78,15 +78,12 @@ protected:
         return Handle(Event(EventKind::FilesDropped, id, -1, false, "", paths));
     }
 
-    // The installation of the window that runs or ran last; a restart makes
-    // a new one from the same folder, as the program's next start does.
-    Installation& Stores() { return *stores_; }
-    // The engine of the window that runs or ran last.
-    TransferEngine& Engine() { return *engine_; }
-
     TempFolder folder_;
     // The clock of every window's line and engine, as in the program.
     MonotonicClock clock_;
+    // The installation and the engine of the window that runs or ran last; a
+    // restart makes new ones, the installation from the same folder, as the
+    // program's next start does.
     std::unique_ptr<Installation> stores_;
     // The window's line, made anew with each window, which it outlives.
     std::unique_ptr<Line> line_;

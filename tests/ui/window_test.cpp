@@ -25,7 +25,6 @@
 #include <future>
 #include <thread>
 
-#include "app/chosen_call.h"
 #include "app/control_model.h"
 #include "app/main_window.h"
 #include "line/adapter.h"
@@ -388,18 +387,6 @@ TEST_F(WindowTest, TypingClicksKeysChoicesAndMenusReachTheWindowWhichDecides) {
     QTest::keyClick(Widget(IDC_DIRECTORY_LIST), Qt::Key_Down);
     ASSERT_TRUE(WaitUntil([] { return Controls().Selection(IDC_DIRECTORY_LIST) == 0; }));
     EXPECT_TRUE(Controls().Enabled(IDC_DELETE)) << "the record the arrow picked is on show";
-
-    // The form's refusal comes in a box, pictured with the others: a number
-    // typed with the letter O stores nothing.
-    Click(IDC_NEW);
-    ASSERT_TRUE(WaitUntil([&] { return WidgetAs<QLineEdit>(IDC_NUMBER)->text().isEmpty(); }));
-    QTest::keyClicks(WidgetAs<QLineEdit>(IDC_NAME), "Carol");
-    QTest::keyClicks(WidgetAs<QLineEdit>(IDC_NUMBER), "555-2OO2");
-    Click(IDC_ADD);
-    std::string refusal = UndiallableNumberMessage("555-2OO2");
-    std::replace(refusal.begin(), refusal.end(), '\r', '\n');
-    ASSERT_TRUE(WaitUntil([&] { return answerer_->Messages().back() == refusal; }));
-    EXPECT_EQ(Controls().RowCount(IDC_DIRECTORY_LIST), 1);
 
     ExpectWidgetsToFollow();
 }
