@@ -61,8 +61,6 @@ protected:
         MainLoop().Post([this, kind, id] { Window()->HandleEvent(Event(kind, id)); });
     }
 
-    std::vector<std::string> Messages() const { return output_.Messages(); }
-
     TempFolder folder_;
     CapturedOutput output_;
     std::unique_ptr<TransferApp> app_ = std::make_unique<TransferApp>();
@@ -95,7 +93,7 @@ TEST_F(AppStartTest, AFirstRunSavesNoPreferencesWithoutAnAdapterAndTheNextSplash
     EXPECT_EQ(lines[1].rfind("Stopping Kestrelbound ", 0), 0u);
     const std::string log = ReadWholeFile(folder_ / "kestrelbound_log");
     EXPECT_EQ(log, lines[0] + std::string(1, '\0') + lines[1] + std::string(2, '\0'));
-    EXPECT_TRUE(Messages().empty());
+    EXPECT_TRUE(output_.Messages().empty());
     EXPECT_TRUE(windowLeftEngine_);
 
     // The second start shows its splash, which closes itself after a second;

@@ -490,18 +490,17 @@ TEST_F(MainWindowTest, TheElapsedTimeIsLoggedOncePerSession) {
 }
 
 TEST_F(MainWindowTest, TheIncomingListShowsTheWireSizesAndLosesItsTopRow) {
-    FileEntry* list = engine_->ReceiveList.get();
-    list[0] = FileEntry{};
-    list[0].DisplayName.Set("Smith-A");
-    list[0].EntryKind = FileKind::FolderMarker;
-    list[1] = FileEntry{};
-    list[1].DisplayName.Set("report.txt");
-    list[1].TotalLength = 131075;
-    list[2] = FileEntry{};
-    list[2].DisplayName.Set("tool.exe");
-    list[2].EntryKind = FileKind::ProgramFile;
-    list[2].TotalLength = 12;
-    engine_->Call.ReceiveCount = 3;
+    const std::tuple<const char*, FileKind, uint32_t> received[] = {
+        {"Smith-A", FileKind::FolderMarker, 0},
+        {"report.txt", FileKind::PlainFile, 131075},
+        {"tool.exe", FileKind::ProgramFile, 12}};
+    for (const auto& [name, kind, length] : received) {
+        FileEntry& entry = engine_->ReceiveList[engine_->Call.ReceiveCount++];
+        entry = FileEntry{};
+        entry.DisplayName.Set(name);
+        entry.EntryKind = kind;
+        entry.TotalLength = length;
+    }
     window_->Files().ListIncomingFiles();
     std::vector<ListRow> rows = Controls().Rows(IDC_FILE_LIST);
     ASSERT_EQ(rows.size(), 3u);
@@ -540,18 +539,16 @@ TEST_F(MainWindowTest, TheListsTakeTheRoomOfALargerWindowAndTheControlsMoveWithT
         {0, SmallestLayoutHeight - LayoutHeight, IDC_LOG, {128, 113, 161, 49}},
         {0, SmallestLayoutHeight - LayoutHeight, IDC_DIRECTORY_LIST, {7, 19, 116, 69}},
     };
-    const auto placeOf = [](int id) {
-        for (const ControlPlace& place : MainWindowLayout()) {
-            if (place.Id == id) {
-                return Box{place.X, place.Y, place.Width, place.Height};
-            }
-        }
-        return Box{};
+    const std::vector<ControlPlace>& layout = MainWindowLayout();
+    const auto placeOf = [](const ControlPlace& place) {
+        return Box{place.X, place.Y, place.Width, place.Height};
+    };
+    const auto sides = [](const Box& box) {
+        return std::vector<int>{box.X, box.Y, box.Width, box.Height};
     };
     for (const Grown& row : table) {
-        const Box place = GrownPlace(row.Id, placeOf(row.Id), row.X, row.Y);
-        EXPECT_EQ(std::vector<int>({place.X, place.Y, place.Width, place.Height}),
-                  std::vector<int>({row.Place.X, row.Place.Y, row.Place.Width, row.Place.Height}))
+        const Box laidOut = placeOf(*std::ranges::find(layout, row.Id, &ControlPlace::Id));
+        EXPECT_EQ(sides(GrownPlace(row.Id, laidOut, row.X, row.Y)), sides(row.Place))
             << ControlName(row.Id) << " " << row.Id << " grown by " << row.X << "," << row.Y;
     }
 
@@ -568,20 +565,22 @@ TEST_F(MainWindowTest, TheListsTakeTheRoomOfALargerWindowAndTheControlsMoveWithT
         return a.X < b.X + b.Width && b.X < a.X + a.Width && a.Y < b.Y + b.Height &&
                b.Y < a.Y + a.Height;
     };
-    const std::vector<ControlPlace>& layout = MainWindowLayout();
     for (const auto& [x, y] : std::vector<std::pair<int, int>>{
              {0, 0}, {0, SmallestLayoutHeight - LayoutHeight}, {1, 1}, {5, 3}, {600, 400}}) {
-        const Box page{0, 0, LayoutWidth + x, LayoutHeight + y};
+        // Each control's place laid out and grown.
+        std::vector<std::pair<Box, Box>> places;
+        for (const ControlPlace& control : layout) {
+            const Box laidOut = closed(control.Id, placeOf(control));
+            places.emplace_back(laidOut, closed(control.Id, GrownPlace(control.Id, laidOut, x, y)));
+        }
         for (size_t a = 0; a < layout.size(); ++a) {
-            const Box laidOutA = closed(layout[a].Id, placeOf(layout[a].Id));
-            const Box grownA = closed(layout[a].Id, GrownPlace(layout[a].Id, laidOutA, x, y));
-            EXPECT_TRUE(grownA.X >= 0 && grownA.Y >= 0 && grownA.X + grownA.Width <= page.Width &&
-                        grownA.Y + grownA.Height <= page.Height)
+            const auto& [laidOutA, grownA] = places[a];
+            EXPECT_TRUE(grownA.X >= 0 && grownA.Y >= 0 &&
+                        grownA.X + grownA.Width <= LayoutWidth + x &&
+                        grownA.Y + grownA.Height <= LayoutHeight + y)
                 << ControlName(layout[a].Id) << " off the page grown by " << x << "," << y;
             for (size_t b = a + 1; b < layout.size(); ++b) {
-                const Box laidOutB = closed(layout[b].Id, placeOf(layout[b].Id));
-                const Box grownB = closed(layout[b].Id, GrownPlace(layout[b].Id, laidOutB, x, y));
-                EXPECT_FALSE(!meet(laidOutA, laidOutB) && meet(grownA, grownB))
+                EXPECT_FALSE(!meet(laidOutA, places[b].first) && meet(grownA, places[b].second))
                     << layout[a].Id << " meets " << layout[b].Id << " grown by " << x << "," << y;
             }
         }

@@ -41,22 +41,6 @@ bool IsPicture(const std::string& path) {
     return !picture.isNull() && picture.width() > 0 && picture.height() > 0;
 }
 
-// The directory of an installation as the program keeps it, with one record:
-// a correspondent whose pick-up folder sends itself.
-void KeepHotFolderFor(const std::string& installation, const std::string& name,
-                      const std::string& number) {
-    Correspondent record{};
-    SetFieldText(record.FirmName, name);
-    SetFieldText(record.IsdnNumber, number);
-    record.HasPickUp = 1;
-    record.HotSend = 1;
-    std::string file = {1, 0};
-    file.append(reinterpret_cast<const char*>(&record), sizeof record);
-    WriteWholeFile(installation + "/kestrelbound_directory", file);
-    EXPECT_TRUE(CreateFolder(installation + "/Pick Up"));
-    EXPECT_TRUE(CreateFolder(installation + "/Pick Up/" + name));
-}
-
 // A window process; its standard error is kept, to be shown when it fails.
 ChildProcess StartWindow(const std::string& installation, const std::vector<std::string>& options) {
     return ChildProcess(KESTRELBOUND_PATH, options, installation, ChildProcess::Errors::Kept);
@@ -68,7 +52,15 @@ TEST(TwoWindows, AHotFolderGoesFromOneWindowToTheOtherAndBothArePicturedDuringTh
     const std::string bob = MakeInstallation(root, "bob");
     // Alice keeps a hot folder for Bob, filled before she starts: two looks
     // 15 s apart find it unchanged, and it dials by itself.
-    KeepHotFolderFor(alice, "Bob", "5552002");
+    Correspondent bobsRecord{};
+    SetFieldText(bobsRecord.FirmName, "Bob");
+    SetFieldText(bobsRecord.IsdnNumber, "5552002");
+    bobsRecord.HasPickUp = 1;
+    bobsRecord.HotSend = 1;
+    std::string directory = {1, 0};
+    directory.append(reinterpret_cast<const char*>(&bobsRecord), sizeof bobsRecord);
+    WriteWholeFile(alice + "/kestrelbound_directory", directory);
+    ASSERT_TRUE(std::filesystem::create_directories(alice + "/Pick Up/Bob"));
     const std::string note = RandomBytes(700, 51);
     const std::string photo = RandomBytes(96000, 52);
     WriteWholeFile(alice + "/Pick Up/Bob/note.txt", note);
