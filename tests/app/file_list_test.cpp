@@ -161,14 +161,12 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
     MakeFile("docs/a", 3);
     const std::string lockedFile = MakeFile("locked file", 4);
     const std::string lockedFolder = MakeFolder("locked folder");
-    for (const std::string& path : {folder_.Path(), docs}) {
-        ASSERT_EQ(::chmod(path.c_str(), 0755), 0);
+    const std::pair<std::string, mode_t> modes[] = {
+        {folder_.Path(), 0755}, {docs, 0755},    {before, 0644},   {after, 0644},
+        {docs + "/a", 0644},    {lockedFile, 0}, {lockedFolder, 0}};
+    for (const auto& [path, mode] : modes) {
+        ASSERT_EQ(::chmod(path.c_str(), mode), 0) << path;
     }
-    for (const std::string& path : {before, after, docs + "/a"}) {
-        ASSERT_EQ(::chmod(path.c_str(), 0644), 0);
-    }
-    ASSERT_EQ(::chmod(lockedFile.c_str(), 0), 0);
-    ASSERT_EQ(::chmod(lockedFolder.c_str(), 0), 0);
     {
         const ReadingAsUser user;
         if (File probe; probe.Open(lockedFile, File::Mode::Read)) {

@@ -312,33 +312,30 @@ TEST_F(WindowTest, WidgetsFollowOtherThreadsAndTypingClicksKeysChoicesAndMenusRe
     QTest::mouseClick(WidgetAs<QCheckBox>(IDC_IGNORE_HOT), Qt::LeftButton);
     ASSERT_TRUE(WaitUntil([] { return Controls().Checked(IDC_IGNORE_HOT); }));
 
-    // Shift and Ctrl held at a click reach the window.
+    // Shift and Ctrl held at a click reach the window. The first click on a
+    // program button chooses its program; the next runs it; with Shift held
+    // it chooses anew. The folder button opens the record's folder, or with
+    // Ctrl held the folder of all pick-up folders. Each click waits for its
+    // hand-off.
     RecordingDesktop desktop;
+    desktop.Answer("/usr/bin/true");
+    const std::pair<int, Qt::KeyboardModifiers> clicks[] = {
+        {IDC_PROGRAM_1, {}},
+        {IDC_PROGRAM_1, {}},
+        {IDC_PROGRAM_1, Qt::ShiftModifier},
+        {IDC_FOLDER_EMPTY, {}},
+        {IDC_FOLDER_EMPTY, Qt::ControlModifier}};
     std::vector<std::string> handOffs;
-    const auto handedOver = [&](size_t count) {
-        return WaitUntil([&] {
+    for (const auto& [id, keys] : clicks) {
+        const size_t before = handOffs.size();
+        Click(id, keys);
+        ASSERT_TRUE(WaitUntil([&] {
             for (std::string& taken : desktop.Take()) {
                 handOffs.push_back(std::move(taken));
             }
-            return handOffs.size() >= count;
-        });
-    };
-
-    // The first click on a program button chooses its program; the next
-    // runs it; with Shift held it chooses anew.
-    desktop.Answer("/usr/bin/true");
-    Click(IDC_PROGRAM_1);
-    ASSERT_TRUE(handedOver(1));
-    Click(IDC_PROGRAM_1);
-    ASSERT_TRUE(handedOver(2));
-    Click(IDC_PROGRAM_1, Qt::ShiftModifier);
-    ASSERT_TRUE(handedOver(3));
-    // The folder button opens the record's folder, or with Ctrl held the
-    // folder of all pick-up folders.
-    Click(IDC_FOLDER_EMPTY);
-    ASSERT_TRUE(handedOver(4));
-    Click(IDC_FOLDER_EMPTY, Qt::ControlModifier);
-    ASSERT_TRUE(handedOver(5));
+            return handOffs.size() > before;
+        }));
+    }
     const std::string pickUp = folder_ / "Pick Up";
     EXPECT_EQ(handOffs,
               (std::vector<std::string>{"dialog: open", "run: /usr/bin/true", "dialog: open",
