@@ -5,7 +5,6 @@
 
 #include <QApplication>
 #include <QStandardPaths>
-#include <QTest>
 
 #include <gtest/gtest.h>
 
