@@ -256,8 +256,9 @@ TEST_F(DesktopControlsTest, ANameThatIsNoFolderNameNeverBecomesAPath) {
 
 // Each program button keeps its own program, chosen in a dialog that says
 // which button it is for, and a path its field cannot hold whole is not kept
-// cut short.
-TEST_F(DesktopControlsTest, EachProgramButtonKeepsItsOwnPath) {
+// cut short. The IN button opens the folder where the latest file arrived:
+// "Incoming Files" itself or a delivery's folder directly below it.
+TEST_F(DesktopControlsTest, EachProgramButtonKeepsItsOwnPathAndInOpensTheLatestArrivalsFolder) {
     desktop_.Answer("/usr/bin/gimp");
     ASSERT_TRUE(Press(IDC_PROGRAM_1).Done);
     desktop_.Answer("/" + std::string(600, 'p'));
@@ -269,15 +270,10 @@ TEST_F(DesktopControlsTest, EachProgramButtonKeepsItsOwnPath) {
     EXPECT_EQ(desktop_.Titles(), (std::vector<std::string>{"Choose the program for button 1",
                                                            "Choose the program for button 2",
                                                            "Choose the program for button 2"}));
-}
 
-// The IN button opens the folder where the latest file arrived: "Incoming
-// Files" itself or a delivery's folder directly below it.
-TEST_F(DesktopControlsTest, TheIncomingButtonOpensTheFolderOfTheLatestArrival) {
     const std::string incoming = stores_->Paths.IncomingPath;
     ASSERT_TRUE(CreateFolder(incoming + "/Alice"));
-    ASSERT_TRUE(CreateFolder(incoming + "/Alice-A"));
-    ASSERT_TRUE(CreateFolder(incoming + "/Alice-A/inner"));
+    ASSERT_TRUE(std::filesystem::create_directories(incoming + "/Alice-A/inner"));
     const auto now = std::filesystem::file_time_type::clock::now();
     const struct {
         const char* Arrives;  // below "Incoming Files", or nothing

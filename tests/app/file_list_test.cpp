@@ -239,7 +239,47 @@ TEST_F(FileListTest, DeleteTakesTheClickedRowAndItsEntry) {
     EXPECT_EQ(engine_->SendList.Count(), 4);
 }
 
-TEST_F(FileListTest, TheListHoldsAHundredEntriesAndNeverMore) {
+TEST_F(FileListTest, ALongNameKeepsItsExtensionAndThePathStaysWhole) {
+    const std::string name = "a report with a name far longer than the field.pdf";
+    const std::string path = MakeFile(name, 10);
+    ASSERT_TRUE(window_->Files().AddFileToList(path, name));
+    EXPECT_EQ(Entry(0).DisplayName.View(), "a report with a name far lo.pdf");
+    EXPECT_EQ(Entry(0).FilePath.View(), path);
+    EXPECT_EQ(RowTexts(IDC_FILE_LIST), std::vector<std::string>{"a report with a name far lo.pdf"});
+
+    EXPECT_EQ(ShortDisplayName(std::string(40, 'x')), std::string(31, 'x'));
+    EXPECT_EQ(ShortDisplayName(std::string(31, 'x')), std::string(31, 'x'));
+    // An extension too long to be worth keeping is cut with the rest.
+    EXPECT_EQ(ShortDisplayName(std::string(20, 'x') + "." + std::string(20, 'e')),
+              std::string(20, 'x') + "." + std::string(10, 'e'));
+    // A character of two bytes is never cut in two.
+    EXPECT_EQ(ShortDisplayName(std::string(30, 'x') + "\xC3\xA9" + "tail"), std::string(30, 'x'));
+}
+
+// What the list refuses it names in a log line: a path too long, a file too
+// large for the protocol, and what passes a hundred entries.
+TEST_F(FileListTest, APathTooLongAFileTooLargeOrAHundredAndFirstEntryIsRefusedWithItsLine) {
+    // Folders of 200 characters each: the path passes 511 at the file.
+    const std::string deep = MakeFolder(std::string(200, 'd')) + "/" + std::string(200, 'e');
+    ASSERT_TRUE(CreateFolder(deep));
+    const std::string name = std::string(120, 'f');
+    const std::string longPath = deep + "/" + name;
+    ASSERT_GT(longPath.size(), 511u);
+    WriteWholeFile(longPath, "x");
+    EXPECT_FALSE(window_->Files().AddFileToList(longPath, name));
+    EXPECT_EQ(RowTexts(IDC_LOG).back(), "Path too long: " + name + " was not added.");
+
+    // One byte more than 2047 sections, the most that the sending side's
+    // block counter holds: the smallest file too large (the largest goes
+    // whole from one station to another). Sparse, so that it costs no disk.
+    const std::string huge = MakeFile("huge.bin", 0);
+    ASSERT_EQ(::truncate(huge.c_str(), off_t{2047} * 131070 + 1), 0);
+    EXPECT_FALSE(window_->Files().AddFileToList(huge, "huge.bin"));
+    EXPECT_EQ(RowTexts(IDC_LOG).back(), "File too large to send: huge.bin");
+    EXPECT_EQ(engine_->SendList.Count(), 0);
+    EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 0);
+
+    // The list holds a hundred entries and never more.
     const std::string file = MakeFile("f", 1);
     for (int i = 0; i < 100; ++i) {
         ASSERT_TRUE(window_->Files().AddFileToList(file, "f"));
@@ -261,45 +301,6 @@ TEST_F(FileListTest, TheListHoldsAHundredEntriesAndNeverMore) {
     const std::vector<std::string> lines = RowTexts(IDC_LOG);
     ASSERT_EQ(lines.size(), linesBefore + 1);
     EXPECT_EQ(lines.back(), "File list is full: 21 files of big were not added.");
-}
-
-TEST_F(FileListTest, ALongNameKeepsItsExtensionAndThePathStaysWhole) {
-    const std::string name = "a report with a name far longer than the field.pdf";
-    const std::string path = MakeFile(name, 10);
-    ASSERT_TRUE(window_->Files().AddFileToList(path, name));
-    EXPECT_EQ(Entry(0).DisplayName.View(), "a report with a name far lo.pdf");
-    EXPECT_EQ(Entry(0).FilePath.View(), path);
-    EXPECT_EQ(RowTexts(IDC_FILE_LIST), std::vector<std::string>{"a report with a name far lo.pdf"});
-
-    EXPECT_EQ(ShortDisplayName(std::string(40, 'x')), std::string(31, 'x'));
-    EXPECT_EQ(ShortDisplayName(std::string(31, 'x')), std::string(31, 'x'));
-    // An extension too long to be worth keeping is cut with the rest.
-    EXPECT_EQ(ShortDisplayName(std::string(20, 'x') + "." + std::string(20, 'e')),
-              std::string(20, 'x') + "." + std::string(10, 'e'));
-    // A character of two bytes is never cut in two.
-    EXPECT_EQ(ShortDisplayName(std::string(30, 'x') + "\xC3\xA9" + "tail"), std::string(30, 'x'));
-}
-
-TEST_F(FileListTest, APathTooLongOrAFileTooLargeForTheProtocolIsRefusedWithItsLine) {
-    // Folders of 200 characters each: the path passes 511 at the file.
-    const std::string deep = MakeFolder(std::string(200, 'd')) + "/" + std::string(200, 'e');
-    ASSERT_TRUE(CreateFolder(deep));
-    const std::string name = std::string(120, 'f');
-    const std::string longPath = deep + "/" + name;
-    ASSERT_GT(longPath.size(), 511u);
-    WriteWholeFile(longPath, "x");
-    EXPECT_FALSE(window_->Files().AddFileToList(longPath, name));
-    EXPECT_EQ(RowTexts(IDC_LOG).back(), "Path too long: " + name + " was not added.");
-
-    // One byte more than 2047 sections, the most that the sending side's
-    // block counter holds: the smallest file too large (the largest goes
-    // whole from one station to another). Sparse, so that it costs no disk.
-    const std::string huge = MakeFile("huge.bin", 0);
-    ASSERT_EQ(::truncate(huge.c_str(), off_t{2047} * 131070 + 1), 0);
-    EXPECT_FALSE(window_->Files().AddFileToList(huge, "huge.bin"));
-    EXPECT_EQ(RowTexts(IDC_LOG).back(), "File too large to send: huge.bin");
-    EXPECT_EQ(engine_->SendList.Count(), 0);
-    EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 0);
 }
 
 }  // namespace

@@ -447,7 +447,7 @@ TEST_F(MainWindowTest, TheShownRateNeverPassesTheCeiling) {
     }
 }
 
-TEST_F(MainWindowTest, ProgressIsComputedInSixtyFourBitsAndShownOnlyDuringATransfer) {
+TEST_F(MainWindowTest, ProgressIsComputedInSixtyFourBitsShownInATransferAndItsTimeLoggedOnce) {
     const uint32_t progress[][3] = {{50u << 20, 60u << 20, 83},
                                     {4000000000u, 4200000000u, 95},
                                     {100, 100, 100},
@@ -473,9 +473,8 @@ TEST_F(MainWindowTest, ProgressIsComputedInSixtyFourBitsAndShownOnlyDuringATrans
         EXPECT_EQ(Controls().Enabled(IDC_CLEAR_LOG), !transfer);
         EXPECT_EQ(window_->Display().MeasuredRate(), 0);
     }
-}
 
-TEST_F(MainWindowTest, TheElapsedTimeIsLoggedOncePerSession) {
+    // The elapsed time is logged once per session.
     window_->Display().LogElapsedTime();
     EXPECT_EQ(RowTexts(IDC_LOG).size(), 1u);  // nothing ran: no line
     engine_->Call.TransferStartTime = WallSeconds() - 3725;

@@ -75,7 +75,35 @@ protected:
     TempFolder folder_;
 };
 
-TEST_F(DesktopTest, FoldersGoToTheDesktopsHandlersAndPagesToOneWhoseAnswerIsHeard) {
+// File dialogs give the chosen path or nothing; folders go to the desktop's
+// handlers, and pages to one whose answer is heard.
+TEST_F(DesktopTest, FileDialogsGiveTheChosenPathFoldersGoToHandlersAndPagesToOneThatAnswers) {
+    const std::string chosen = folder_ / "chosen.txt";
+    WriteWholeFile(chosen, "x");
+    FileDialogRequest open;
+    open.Filter = "All Files (*)|*|";
+    answerer_.AnswerNextDialog(chosen);
+    EXPECT_EQ(FromAnotherThread([&] { return desktop_.ChooseFile(open); }), chosen);
+    answerer_.AnswerNextDialog(std::nullopt);
+    open.Title = "Choose the program for button 2";
+    EXPECT_EQ(FromAnotherThread([&] { return desktop_.ChooseFile(open); }), std::nullopt);
+    EXPECT_EQ(answerer_.Titles(),
+              (std::vector<std::string>{"Open", "Choose the program for button 2"}));
+    // Several files at once, as the dialog's name field takes them; and a
+    // folder.
+    const std::string second = folder_ / "second.txt";
+    WriteWholeFile(second, "y");
+    answerer_.AnswerNextDialog("\"" + chosen + "\" \"" + second + "\"");
+    EXPECT_EQ(FromAnotherThread([&] { return desktop_.ChooseFiles(open); }),
+              (std::vector<std::string>{chosen, second}));
+    answerer_.AnswerNextDialog(folder_.Path());
+    open.For = FileDialogRequest::Purpose::Folder;
+    EXPECT_EQ(FromAnotherThread([&] { return desktop_.ChooseFile(open); }), folder_.Path());
+
+    EXPECT_EQ(QtFileFilter("All Files (*)|*|"), "All Files (*)");
+    EXPECT_EQ(QtFileFilter("Entries (*.KBE)|*.KBE;*.kbe|All Files (*)|*|"),
+              "Entries (*.KBE *.kbe);;All Files (*)");
+
     const std::string folder = folder_ / "Incoming Files";
     FromAnotherThread([&] { desktop_.ShowFolder(folder); });
     EXPECT_EQ(catcher_.Caught(), (std::vector<std::string>{"file://" + folder}));
@@ -123,34 +151,6 @@ TEST_F(DesktopTest, AProgramStartsInASessionOfItsOwnWithNoSignalHeldBack) {
     const std::string status = ReadWholeFile(report);
     EXPECT_TRUE(std::regex_search(status, std::regex("\nSigBlk:\\s*0000000000000000\n"))) << status;
     EXPECT_NE(std::stol(ReadWholeFile(session)), static_cast<long>(getsid(0)));
-}
-
-TEST_F(DesktopTest, FileDialogsGiveTheChosenPathOrNothing) {
-    const std::string chosen = folder_ / "chosen.txt";
-    WriteWholeFile(chosen, "x");
-    FileDialogRequest open;
-    open.Filter = "All Files (*)|*|";
-    answerer_.AnswerNextDialog(chosen);
-    EXPECT_EQ(FromAnotherThread([&] { return desktop_.ChooseFile(open); }), chosen);
-    answerer_.AnswerNextDialog(std::nullopt);
-    open.Title = "Choose the program for button 2";
-    EXPECT_EQ(FromAnotherThread([&] { return desktop_.ChooseFile(open); }), std::nullopt);
-    EXPECT_EQ(answerer_.Titles(),
-              (std::vector<std::string>{"Open", "Choose the program for button 2"}));
-    // Several files at once, as the dialog's name field takes them; and a
-    // folder.
-    const std::string second = folder_ / "second.txt";
-    WriteWholeFile(second, "y");
-    answerer_.AnswerNextDialog("\"" + chosen + "\" \"" + second + "\"");
-    EXPECT_EQ(FromAnotherThread([&] { return desktop_.ChooseFiles(open); }),
-              (std::vector<std::string>{chosen, second}));
-    answerer_.AnswerNextDialog(folder_.Path());
-    open.For = FileDialogRequest::Purpose::Folder;
-    EXPECT_EQ(FromAnotherThread([&] { return desktop_.ChooseFile(open); }), folder_.Path());
-
-    EXPECT_EQ(QtFileFilter("All Files (*)|*|"), "All Files (*)");
-    EXPECT_EQ(QtFileFilter("Entries (*.KBE)|*.KBE;*.kbe|All Files (*)|*|"),
-              "Entries (*.KBE *.kbe);;All Files (*)");
 }
 
 TEST(GuiThreadTest, WorkFromOtherThreadsRunsOnTheGuiThreadInOrderAndNothingRunsOnceItIsClosed) {

@@ -121,7 +121,7 @@ TEST(TwoWindows, AHotFolderGoesFromOneWindowToTheOtherAndBothArePicturedDuringTh
     EXPECT_TRUE(IsPicture(bobPicture));
 }
 
-TEST(Screenshot, AWindowPicturesItselfOnceItsAdapterIsFoundAndLeavesAsExitDoes) {
+TEST(Screenshot, AWindowPicturesItselfOnceItsAdapterIsFoundAndExitsOneIfThePictureCannotBeWritten) {
     TempFolder root;
     const std::string station = MakeInstallation(root, "station");
     VirtualAdapters adapters({station + "/COM1=zyxel-2864:5552002"});
@@ -141,15 +141,13 @@ TEST(Screenshot, AWindowPicturesItselfOnceItsAdapterIsFoundAndLeavesAsExitDoes) 
     EXPECT_EQ(prefs[0], 1) << "port COM1";
     // Nobody was there to answer a message box.
     EXPECT_EQ(window.ErrorText().find("ISDN TA"), std::string::npos) << window.ErrorText();
-}
 
-TEST(Screenshot, AFileThatCannotBeWrittenMakesTheExitStatusOne) {
-    TempFolder root;
-    ChildProcess window = StartWindow(MakeInstallation(root, "station", 1),
-                                      {"--screenshot", root / "no/such/folder/x.png"});
-    EXPECT_EQ(window.WaitForExit(120s), 1) << window.ErrorText();
-    // Without an adapter the message that says so went to standard error.
-    EXPECT_NE(window.ErrorText().find("Could not find your ISDN TA."), std::string::npos);
+    // A picture that cannot be written makes the exit status 1; without an
+    // adapter the message that says so went to standard error.
+    ChildProcess failing = StartWindow(MakeInstallation(root, "without", 1),
+                                       {"--screenshot", root / "no/such/folder/x.png"});
+    EXPECT_EQ(failing.WaitForExit(120s), 1) << failing.ErrorText();
+    EXPECT_NE(failing.ErrorText().find("Could not find your ISDN TA."), std::string::npos);
 }
 
 }  // namespace

@@ -150,10 +150,6 @@ void UiTest::ExpectWidgetsToFollow() {
 
 namespace {
 
-std::string Text(const QString& text) {
-    return text.toStdString();
-}
-
 // The rows a list widget shows, as the model's rows are written.
 std::vector<std::string> ShownRows(QWidget* widget) {
     const auto* box = qobject_cast<QComboBox*>(widget);
@@ -162,9 +158,9 @@ std::vector<std::string> ShownRows(QWidget* widget) {
     const QAbstractItemModel* model = box != nullptr ? box->model() : view->model();
     std::vector<std::string> rows;
     for (int row = 0; row < model->rowCount(); ++row) {
-        rows.push_back(Text(model->index(row, 0).data().toString()));
+        rows.push_back(model->index(row, 0).data().toString().toStdString());
         if (tree != nullptr) {
-            rows.back() += "|" + Text(tree->topLevelItem(row)->text(1)) + "|" +
+            rows.back() += "|" + tree->topLevelItem(row)->text(1).toStdString() + "|" +
                            (tree->topLevelItem(row)->icon(0).isNull() ? "no icon" : "icon");
         }
     }
@@ -210,12 +206,12 @@ std::vector<std::string> UiTest::Differences() const {
             }
         };
         if (state.Kind == ControlKind::Window) {
-            differ("caption", Text(View().windowTitle()) == state.Text);
+            differ("caption", View().windowTitle().toStdString() == state.Text);
             continue;
         }
         if (state.Id == IDD_ABOUTBOX) {
             differ("shown", View().About()->isVisible() == state.Shown);
-            differ("text", Text(View().About()->VersionLabel()->text()) == state.Text);
+            differ("text", View().About()->VersionLabel()->text().toStdString() == state.Text);
             differ("picture", ShowsPicture(View().About()->OkButton()) == (state.Picture != 0));
             continue;
         }
@@ -224,8 +220,8 @@ std::vector<std::string> UiTest::Differences() const {
             differ("has no widget", false);
             continue;
         }
-        differ("tooltip", Text(widget->toolTip()) == ControlTip(state.Id));
-        differ("accessible name", Text(widget->accessibleName()) == ControlTip(state.Id));
+        differ("tooltip", widget->toolTip().toStdString() == ControlTip(state.Id));
+        differ("accessible name", widget->accessibleName().toStdString() == ControlTip(state.Id));
         differ("enabled", widget->isEnabled() == state.Enabled);
         differ("shown", !widget->isHidden() == state.Shown);
         switch (state.Kind) {
@@ -238,7 +234,7 @@ std::vector<std::string> UiTest::Differences() const {
             case ControlKind::Edit:
             case ControlKind::Button:
                 // Labels, edit fields and buttons all show theirs as "text".
-                differ("text", Text(widget->property("text").toString()) == state.Text);
+                differ("text", widget->property("text").toString().toStdString() == state.Text);
                 break;
             case ControlKind::Picture:
             case ControlKind::PictureButton:
@@ -248,7 +244,7 @@ std::vector<std::string> UiTest::Differences() const {
                 auto* tree = qobject_cast<QTreeWidget*>(widget);
                 std::vector<std::string> headers;
                 for (int column = 0; column < tree->columnCount(); ++column) {
-                    headers.push_back(Text(tree->headerItem()->text(column)));
+                    headers.push_back(tree->headerItem()->text(column).toStdString());
                 }
                 differ("columns", headers == state.Columns);
                 [[fallthrough]];
