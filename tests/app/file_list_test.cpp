@@ -39,20 +39,6 @@ std::string Replacing(const std::string& folder) {
            "\" takes the place of everything in the File List.\rReplace the list?";
 }
 
-// Files are opened as a user without root's rights would open them, on this
-// thread, for the life of the object: a file or folder without read
-// permission is then unreadable even when the tests run as root.
-class ReadingAsUser {
-public:
-    ReadingAsUser() : before_(::setfsuid(65534)) {}
-    ~ReadingAsUser() { ::setfsuid(before_); }
-    ReadingAsUser(const ReadingAsUser&) = delete;
-    ReadingAsUser& operator=(const ReadingAsUser&) = delete;
-
-private:
-    int before_;
-};
-
 // A dialog that is cancelled adds nothing; a file that cannot be opened is
 // told and leaves the list as it was. Add takes several files at once, and
 // the File menu a folder, as a drop of it would.
@@ -167,16 +153,22 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
     for (const auto& [path, mode] : modes) {
         ASSERT_EQ(::chmod(path.c_str(), mode), 0) << path;
     }
-    {
-        const ReadingAsUser user;
-        if (File probe; probe.Open(lockedFile, File::Mode::Read)) {
-            GTEST_SKIP() << "files without read permission can still be read here";
-        }
+    // Files are opened from here as a user without root's rights opens them,
+    // on this thread: a file or folder without read permission is then
+    // unreadable even when the tests run as root.
+    const int root = ::setfsuid(65534);
+    File probe;
+    const bool unreadable = !probe.Open(lockedFile, File::Mode::Read);
+    if (unreadable) {
         Drop(IDC_FILE_LIST, {before, lockedFile, lockedFolder, folder_ / "gone", after});
         EXPECT_EQ(RowTexts(IDC_FILE_LIST),
                   (std::vector<std::string>{"smith.KBE", "before", "after"}));
         // A folder still replaces the list, and what cannot be read does not.
         Drop(IDC_FILE_LIST, {docs, lockedFile});
+    }
+    ::setfsuid(root);
+    if (!unreadable) {
+        GTEST_SKIP() << "files without read permission can still be read here";
     }
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"docs", "a"}));
     EXPECT_EQ(Entry(0).EntryKind, FileKind::FolderMarker);
