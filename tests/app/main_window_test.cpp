@@ -516,13 +516,8 @@ TEST_F(MainWindowTest, TheIncomingListShowsTheWireSizesAndLosesItsTopRow) {
 // A larger window gives its room to the directory list, the file list and
 // the log; the rest moves with the edge it stands by. Units throughout.
 TEST_F(MainWindowTest, TheListsTakeTheRoomOfALargerWindowAndTheControlsMoveWithTheirEdges) {
-    struct Grown {
-        int X;
-        int Y;
-        int Id;
-        Box Place;
-    };
-    const std::vector<Grown> table = {
+    // Grown by X and Y, the control's place.
+    const std::tuple<int, int, int, Box> table[] = {
         {90, 40, IDC_DIRECTORY_LIST, {7, 19, 146, 88}},
         {90, 40, IDC_LABEL_DIRECTORY, {65, 7, 29, 8}},
         {90, 40, IDC_NAME, {193, 20, 171, 14}},
@@ -545,10 +540,10 @@ TEST_F(MainWindowTest, TheListsTakeTheRoomOfALargerWindowAndTheControlsMoveWithT
     const auto sides = [](const Box& box) {
         return std::vector<int>{box.X, box.Y, box.Width, box.Height};
     };
-    for (const Grown& row : table) {
-        const Box laidOut = placeOf(*std::ranges::find(layout, row.Id, &ControlPlace::Id));
-        EXPECT_EQ(sides(GrownPlace(row.Id, laidOut, row.X, row.Y)), sides(row.Place))
-            << ControlName(row.Id) << " " << row.Id << " grown by " << row.X << "," << row.Y;
+    for (const auto& [x, y, id, place] : table) {
+        const Box laidOut = placeOf(*std::ranges::find(layout, id, &ControlPlace::Id));
+        EXPECT_EQ(sides(GrownPlace(id, laidOut, x, y)), sides(place))
+            << ControlName(id) << " " << id << " grown by " << x << "," << y;
     }
 
     // At any size from the smallest up, every control stays on the page, and
@@ -591,12 +586,8 @@ TEST_F(MainWindowTest, TheListsTakeTheRoomOfALargerWindowAndTheControlsMoveWithT
 // at what the screen leaves room for, never below the smallest.
 TEST(WindowPlaceTest, ASavedPlaceOffTheScreensOrTooSmallGivesWayToTheLaidOutSize) {
     const std::vector<Box> screens = {{0, 0, 1600, 1000}, {1600, 0, 1280, 1024}};
-    struct Case {
-        const char* Name;
-        std::optional<WindowPlace> Saved;
-        bool Taken;
-    };
-    const std::vector<Case> cases = {
+    // What was saved, and whether it is taken.
+    const std::tuple<const char*, std::optional<WindowPlace>, bool> cases[] = {
         {"none saved", std::nullopt, false},
         {"on the first screen", WindowPlace{{100, 50, 900, 600}, false}, true},
         {"maximised on the second", WindowPlace{{1700, 20, 800, 500}, true}, true},
@@ -605,12 +596,12 @@ TEST(WindowPlaceTest, ASavedPlaceOffTheScreensOrTooSmallGivesWayToTheLaidOutSize
         {"narrower than the smallest", WindowPlace{{100, 50, 699, 600}, false}, false},
         {"lower than the smallest", WindowPlace{{100, 50, 900, 449}, false}, false},
     };
-    for (const Case& c : cases) {
-        const std::optional<WindowPlace> reopened = PlaceToReopen(c.Saved, screens, 700, 450);
-        ASSERT_EQ(reopened.has_value(), c.Taken) << c.Name;
-        if (c.Taken) {
-            EXPECT_EQ(reopened->Normal.X, c.Saved->Normal.X) << c.Name;
-            EXPECT_EQ(reopened->Maximised, c.Saved->Maximised) << c.Name;
+    for (const auto& [name, saved, taken] : cases) {
+        const std::optional<WindowPlace> reopened = PlaceToReopen(saved, screens, 700, 450);
+        ASSERT_EQ(reopened.has_value(), taken) << name;
+        if (taken) {
+            EXPECT_EQ(reopened->Normal.X, saved->Normal.X) << name;
+            EXPECT_EQ(reopened->Maximised, saved->Maximised) << name;
         }
     }
     const Box laidOut{0, 0, 704, 490};
