@@ -350,7 +350,6 @@ TEST_F(MainWindowTest, TheEstimateFollowsTheOutgoingSettingsAndRoundsTheSizeUp) 
         const char* Time;
     };
     const EstimateCase cases[] = {
-        {"a byte", 1, ModelBitSURFR, 0, false, false, false, "1 KB", "00:00:01"},
         {"a KB less a byte", 1023, ModelBitSURFR, 0, false, false, false, "1 KB", "00:00:01"},
         {"a KB", 1024, ModelBitSURFR, 0, false, false, false, "2 KB", "00:00:01"},
         {"a second less a byte", 7199, ModelBitSURFR, 0, false, false, false, "8 KB", "00:00:01"},
