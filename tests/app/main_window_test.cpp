@@ -122,7 +122,7 @@ TEST_F(MainWindowTest, TheButtonsFollowTheLinkAndTheFileList) {
     EXPECT_TRUE(addOpenWhenTold);
 }
 
-TEST_F(MainWindowTest, EventsReachOnlyControlsAUserCouldUse) {
+TEST_F(MainWindowTest, EventsReachOnlyControlsAUserCouldUseAndPictureButtonsSayWhatTheyDo) {
     // Hidden and unnamed controls refuse, with the reason, as disabled ones
     // do (the station's refusal to send shows that).
     EXPECT_EQ(Click(IDC_2B, true).Refusal, "IDC_2B is hidden");
@@ -164,18 +164,9 @@ TEST_F(MainWindowTest, EventsReachOnlyControlsAUserCouldUse) {
     EXPECT_TRUE(Messages().empty());
 
     // Every named control belongs to a panel that takes its events: none is
-    // refused as unknown. Its own text, typed again, changes nothing.
-    for (const ControlPlace& place : MainWindowLayout()) {
-        if (*place.Name != '\0') {
-            EXPECT_NE(Type(place.Id, Controls().Text(place.Id)).Refusal, "no such control")
-                << place.Name;
-        }
-    }
-}
-
-// Every picture button says in words what a click on it does: one line per
-// button, with the words that tell it from the others.
-TEST_F(MainWindowTest, EveryPictureButtonSaysWhatItDoes) {
+    // refused as unknown. Its own text, typed again, changes nothing. Every
+    // picture button says in words what a click on it does: one line per
+    // button, with the words that tell it from the others.
     const std::map<int, const char*> told = {
         {IDC_MAKE_FOLDER, "Make a pick-up folder"},
         {IDC_FOLDER_EMPTY, "pick-up folder, now empty"},
@@ -189,6 +180,10 @@ TEST_F(MainWindowTest, EveryPictureButtonSaysWhatItDoes) {
     };
     size_t buttons = 0;
     for (const ControlPlace& place : MainWindowLayout()) {
+        if (*place.Name != '\0') {
+            EXPECT_NE(Type(place.Id, Controls().Text(place.Id)).Refusal, "no such control")
+                << place.Name;
+        }
         const std::string tip = ControlTip(place.Id);
         if (Controls().State(place.Id).Kind != ControlKind::PictureButton) {
             EXPECT_EQ(tip, "") << place.Id << ": its own text says it";
