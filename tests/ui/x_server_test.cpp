@@ -39,16 +39,12 @@ std::optional<std::string> StartDesktop() {
     if (serverPath.isEmpty() || managerPath.isEmpty()) {
         return "Xvfb or openbox is not installed (scripts/ensure-packages.sh installs them)";
     }
-    try {
-        // The server picks a free display and writes its number.
-        Server = std::make_unique<ChildProcess>(
-            serverPath.toStdString(),
-            std::vector<std::string>{"-displayfd", "1", "-screen", "0", "1600x1000x24", "-nolisten",
-                                     "tcp"},
-            "", ChildProcess::Errors::Kept);
-    } catch (const std::exception& error) {
-        return std::string("Xvfb cannot start: ") + error.what();
-    }
+    // The server picks a free display and writes its number.
+    Server =
+        std::make_unique<ChildProcess>(serverPath.toStdString(),
+                                       std::vector<std::string>{"-displayfd", "1", "-screen", "0",
+                                                                "1600x1000x24", "-nolisten", "tcp"},
+                                       "", ChildProcess::Errors::Kept);
     std::string display;
     if (!Server->NextLine(display, 10s) || display.empty()) {
         return "Xvfb gave no display: " + Server->ErrorText();
