@@ -114,7 +114,7 @@ void UiTest::SetUp() {
     ASSERT_TRUE(ChangeCurrentFolder(folder_.Path()));
     BlockPorts(folder_.Path());
     answerer_ = std::make_unique<ModalAnswerer>();
-    frontEnd_ = std::make_unique<FrontEnd>();
+    frontEnd_ = std::make_unique<ui::FrontEnd>();
     frontEnd_->Start();
 }
 

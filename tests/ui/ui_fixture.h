@@ -25,9 +25,6 @@
 
 namespace kb::test {
 
-using ui::FrontEnd;
-using ui::MainView;
-
 // Runs Qt's events until the condition holds or 30 s pass; whether it held.
 bool WaitUntil(const std::function<bool()>& condition);
 
@@ -88,7 +85,7 @@ protected:
     // difference left at the limit.
     void ExpectWidgetsToFollow();
 
-    MainView& View() const { return frontEnd_->View(); }
+    ui::MainView& View() const { return frontEnd_->View(); }
     QWidget* Widget(int id) const { return View().WidgetOf(id); }
     template <typename T>
     T* WidgetAs(int id) const {
@@ -101,7 +98,7 @@ protected:
 
     TempFolder folder_;
     std::unique_ptr<ModalAnswerer> answerer_;
-    std::unique_ptr<FrontEnd> frontEnd_;
+    std::unique_ptr<ui::FrontEnd> frontEnd_;
 
 private:
     std::string previousFolder_;

@@ -51,7 +51,7 @@ using namespace std::chrono_literals;
 
 // The menu bar as written: each menu's title, then its entries ("-" for a
 // separator, "*" behind a checked one).
-std::vector<std::string> ShownMenus(const MainView& view) {
+std::vector<std::string> ShownMenus(const ui::MainView& view) {
     std::vector<std::string> menus;
     for (QAction* top : view.menuBar()->actions()) {
         std::string written = top->text().toStdString() + ":";
@@ -83,7 +83,7 @@ std::vector<std::string> ModelMenus() {
     return written;
 }
 
-QAction* MenuEntry(const MainView& view, const std::string& text) {
+QAction* MenuEntry(const ui::MainView& view, const std::string& text) {
     for (QAction* top : view.menuBar()->actions()) {
         for (QAction* entry : top->menu()->actions()) {
             if (entry->text().toStdString() == text) {

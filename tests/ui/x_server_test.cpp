@@ -127,7 +127,7 @@ TEST_F(XServerTest, TheWindowResizesMaximisesAndOpensAsItWasLeft) {
     // The next run opens maximised, and at the size it had before.
     View().close();
     ASSERT_TRUE(WaitUntil([&] { return frontEnd_->Ended(); }));
-    frontEnd_ = std::make_unique<FrontEnd>();
+    frontEnd_ = std::make_unique<ui::FrontEnd>();
     frontEnd_->Start();
     WaitForStart();
     ASSERT_TRUE(WaitUntil([&] { return View().isMaximized(); }));
