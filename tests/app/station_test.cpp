@@ -24,7 +24,6 @@ namespace kb::test {
 
 using namespace kb::platform;
 using namespace kb::station;
-using namespace kb::stores;
 
 namespace {
 
