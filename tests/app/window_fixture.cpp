@@ -53,9 +53,9 @@ void WindowTest::StopWindow() {
     // until the next start.
 }
 
-std::string WindowTest::MakeFile(const std::string& name, size_t size, char fill) {
+std::string WindowTest::MakeFile(const std::string& name, size_t size) {
     const std::string path = folder_ / name;
-    WriteWholeFile(path, std::string(size, fill));
+    WriteWholeFile(path, std::string(size, 'x'));
     return path;
 }
 

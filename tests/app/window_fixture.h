@@ -45,7 +45,7 @@ protected:
     void StopWindow();
 
     // A file of that many bytes in the installation folder; its full path.
-    std::string MakeFile(const std::string& name, size_t size, char fill = 'x');
+    std::string MakeFile(const std::string& name, size_t size);
     std::string MakeFolder(const std::string& name);
 
     // The messages and questions shown, in order; questions are answered

@@ -70,11 +70,6 @@ protected:
         }
         UiTest::SetUp();
     }
-    void TearDown() override {
-        if (!NoDesktop) {
-            UiTest::TearDown();
-        }
-    }
 
     // The log's distance from the page's right and bottom edges.
     QSize LogToCorner() const {
