@@ -29,10 +29,7 @@ using namespace kb::resources;
 
 namespace {
 
-class FileListTest : public WindowTest {
-protected:
-    const FileEntry& Entry(int i) { return engine_->SendList[i]; }
-};
+using FileListTest = WindowTest;
 
 // What the user is asked before a folder takes the place of the list.
 std::string Replacing(const std::string& folder) {
@@ -85,8 +82,8 @@ TEST_F(FileListTest, AFolderReplacesTheListAndTravelsOneLevelDeep) {
     EXPECT_EQ(rows[0].Text, "docs");
     EXPECT_EQ(rows[0].Detail, "");
     EXPECT_EQ(rows[0].Image, KindNumber(FileKind::FolderMarker));
-    EXPECT_EQ(Entry(0).FilePath.View(), docs);
-    EXPECT_EQ(Entry(0).TotalLength, 0u);
+    EXPECT_EQ(engine_->SendList[0].FilePath.View(), docs);
+    EXPECT_EQ(engine_->SendList[0].TotalLength, 0u);
 
     // The files, in the order the file system lists them, the empty one too.
     std::vector<FolderEntry> listed;
@@ -100,10 +97,10 @@ TEST_F(FileListTest, AFolderReplacesTheListAndTravelsOneLevelDeep) {
     ASSERT_EQ(expected.size(), 3u);
     for (int i = 1; i < 4; ++i) {
         EXPECT_EQ(rows[i].Text, expected[i - 1]);
-        EXPECT_EQ(Entry(i).FilePath.View(), docs + "/" + expected[i - 1]);
+        EXPECT_EQ(engine_->SendList[i].FilePath.View(), docs + "/" + expected[i - 1]);
         const FileKind kind =
             expected[i - 1] == "b.exe.txt" ? FileKind::ProgramFile : FileKind::PlainFile;
-        EXPECT_EQ(Entry(i).EntryKind, kind);
+        EXPECT_EQ(engine_->SendList[i].EntryKind, kind);
         EXPECT_EQ(rows[i].Image, KindNumber(kind));
     }
     // The marker adds nothing to the total.
@@ -172,7 +169,7 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
         GTEST_SKIP() << "files without read permission can still be read here";
     }
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"docs", "a"}));
-    EXPECT_EQ(Entry(0).EntryKind, FileKind::FolderMarker);
+    EXPECT_EQ(engine_->SendList[0].EntryKind, FileKind::FolderMarker);
     EXPECT_EQ(Messages(), (std::vector<std::string>{
                               shut, shut, Replacing("kept"), Replacing("kept"),
                               "These could not be opened and were not added:\r" + lockedFile +
@@ -214,8 +211,8 @@ TEST_F(FileListTest, DeleteTakesTheClickedRowAndItsEntry) {
     window_->Files().OnFileClick(1);
     window_->Files().OnFileDelete();
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"a", "c"}));
-    EXPECT_EQ(Entry(0).DisplayName.View(), "a");
-    EXPECT_EQ(Entry(1).DisplayName.View(), "c");
+    EXPECT_EQ(engine_->SendList[0].DisplayName.View(), "a");
+    EXPECT_EQ(engine_->SendList[1].DisplayName.View(), "c");
     EXPECT_EQ(engine_->SendList.Remaining(), 204u);
     EXPECT_FALSE(Controls().Enabled(IDC_FILE_DELETE));
     // With no row chosen, Delete does nothing.
@@ -236,8 +233,8 @@ TEST_F(FileListTest, ALongNameKeepsItsExtensionAndThePathStaysWhole) {
     const std::string name = "a report with a name far longer than the field.pdf";
     const std::string path = MakeFile(name, 10);
     ASSERT_TRUE(window_->Files().AddFileToList(path, name));
-    EXPECT_EQ(Entry(0).DisplayName.View(), "a report with a name far lo.pdf");
-    EXPECT_EQ(Entry(0).FilePath.View(), path);
+    EXPECT_EQ(engine_->SendList[0].DisplayName.View(), "a report with a name far lo.pdf");
+    EXPECT_EQ(engine_->SendList[0].FilePath.View(), path);
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), std::vector<std::string>{"a report with a name far lo.pdf"});
 
     EXPECT_EQ(ShortDisplayName(std::string(40, 'x')), std::string(31, 'x'));

@@ -69,14 +69,12 @@ std::vector<std::string> ModelMenus() {
     std::vector<std::string> written;
     for (const Menu& menu : Controls().Menus()) {
         std::string line = menu.Title + ":";
-        bool first = true;
         for (const MenuItem& item : menu.Items) {
-            if (item.Text.empty() && first) {
-                continue;
+            // A separator at the top of a menu is not drawn.
+            if (!item.Text.empty() || line.size() > menu.Title.size() + 1) {
+                line += " " + (item.Text.empty() ? std::string("-")
+                                                 : item.Text + (item.Checked ? "*" : ""));
             }
-            first = false;
-            line += " " +
-                    (item.Text.empty() ? std::string("-") : item.Text + (item.Checked ? "*" : ""));
         }
         written.push_back(line);
     }
