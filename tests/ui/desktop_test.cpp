@@ -157,14 +157,13 @@ TEST(GuiThreadTest, WorkFromOtherThreadsRunsOnTheGuiThreadInOrderAndNothingRunsO
     GuiThread gui;
     std::vector<int> order;
     std::atomic<bool> onGui{true};
-    const bool ran = FromAnotherThread([&] {
+    EXPECT_TRUE(FromAnotherThread([&] {
         gui.Post([&] { order.push_back(1); });
         return gui.Call([&] {
             order.push_back(2);
             onGui = onGui && gui.OnGuiThread();
         });
-    });
-    EXPECT_TRUE(ran);
+    }));
     EXPECT_TRUE(onGui);
     EXPECT_EQ(order, (std::vector<int>{1, 2}));
 

@@ -28,9 +28,10 @@ namespace kb::test {
 
 using namespace kb::app;
 using namespace kb::platform;
+using namespace std::chrono_literals;
 
 bool WaitUntil(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    const auto deadline = std::chrono::steady_clock::now() + 30s;
     while (!condition()) {
         if (std::chrono::steady_clock::now() >= deadline) {
             return false;
@@ -44,9 +45,7 @@ std::optional<bool> OnMainLoop(const std::function<bool()>& work) {
     auto answer = std::make_shared<std::promise<bool>>();
     std::future<bool> result = answer->get_future();
     MainLoop().Post([answer, work] { answer->set_value(work()); });
-    if (!WaitUntil([&] {
-            return result.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
-        })) {
+    if (!WaitUntil([&] { return result.wait_for(0s) == std::future_status::ready; })) {
         return std::nullopt;
     }
     return result.get();
