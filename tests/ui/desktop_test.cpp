@@ -6,7 +6,6 @@
 #include <QDesktopServices>
 #include <QDir>
 #include <QFile>
-#include <QUrl>
 
 #include <gtest/gtest.h>
 
@@ -27,6 +26,7 @@
 #include "ui/manual.h"
 #include "ui/qt_desktop.h"
 #include "ui_fixture.h"
+#include "url_catcher.h"
 
 namespace kb::test {
 
@@ -37,20 +37,6 @@ using namespace kb::ui;
 namespace {
 
 using namespace std::chrono_literals;
-
-// Takes the URLs that the desktop's handlers would get.
-class UrlCatcher : public QObject {
-    Q_OBJECT
-
-public:
-    std::vector<std::string> Caught() const { return caught_; }
-
-public slots:
-    void Catch(const QUrl& url) { caught_.push_back(url.toString().toStdString()); }
-
-private:
-    std::vector<std::string> caught_;
-};
 
 // Runs the call on a thread of its own, as the program's threads call the
 // desktop, while the GUI thread keeps its events running.
@@ -238,5 +224,3 @@ TEST(ManualTest, TheManualIsWrittenWhereHelpLooksWhenItsStartPageIsMissingAndOnl
 }  // namespace
 
 }  // namespace kb::test
-
-#include "desktop_test.moc"
