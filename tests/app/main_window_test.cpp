@@ -311,9 +311,8 @@ TEST_F(MainWindowTest, TheAboutBoxOfTheMenuNeitherClosesByItselfNorSearches) {
 }
 
 TEST_F(MainWindowTest, TheLogKeeps600LinesThe601stLeaves301AndClearLogLeavesOnlyStopping) {
-    const size_t start = RowTexts(IDC_LOG).size();
-    ASSERT_EQ(start, 1u);  // the Starting line
-    for (size_t i = start; i < 600; ++i) {
+    ASSERT_EQ(Controls().RowCount(IDC_LOG), 1);  // the Starting line
+    for (size_t i = 1; i < 600; ++i) {
         stores_->Log.Add("line " + std::to_string(i));
     }
     EXPECT_EQ(Controls().RowCount(IDC_LOG), 600);
@@ -683,8 +682,8 @@ TEST_F(AppStartTest, AFirstRunSavesNoPreferencesWithoutAnAdapterAndTheNextSplash
     ASSERT_EQ(lines.size(), 2u);
     EXPECT_EQ(lines[0].rfind("Starting Kestrelbound ", 0), 0u);
     EXPECT_EQ(lines[1].rfind("Stopping Kestrelbound ", 0), 0u);
-    const std::string log = ReadWholeFile(folder_ / "kestrelbound_log");
-    EXPECT_EQ(log, lines[0] + std::string(1, '\0') + lines[1] + std::string(2, '\0'));
+    EXPECT_EQ(ReadWholeFile(folder_ / "kestrelbound_log"),
+              lines[0] + std::string(1, '\0') + lines[1] + std::string(2, '\0'));
     EXPECT_TRUE(output_.Messages().empty());
     EXPECT_TRUE(windowLeftEngine_);
 
