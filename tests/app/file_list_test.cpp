@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "app/chosen_call.h"
@@ -28,30 +29,13 @@ using namespace kb::resources;
 
 namespace {
 
-class FileListTest : public WindowTest {
-protected:
-    const FileEntry& Entry(int i) { return Engine().SendList[i]; }
-};
+using FileListTest = WindowTest;
 
 // What the user is asked before a folder takes the place of the list.
 std::string Replacing(const std::string& folder) {
     return "The folder \"" + folder +
            "\" takes the place of everything in the File List.\rReplace the list?";
 }
-
-// Files are opened as a user without root's rights would open them, on this
-// thread, for the life of the object: a file or folder without read
-// permission is then unreadable even when the tests run as root.
-class ReadingAsUser {
-public:
-    ReadingAsUser() : before_(::setfsuid(65534)) {}
-    ~ReadingAsUser() { ::setfsuid(before_); }
-    ReadingAsUser(const ReadingAsUser&) = delete;
-    ReadingAsUser& operator=(const ReadingAsUser&) = delete;
-
-private:
-    int before_;
-};
 
 // A dialog that is cancelled adds nothing; a file that cannot be opened is
 // told and leaves the list as it was. Add takes several files at once, and
@@ -63,7 +47,7 @@ TEST_F(FileListTest, TheDialogsTakeSeveralFilesOrAFolderAndACancelNothing) {
     EXPECT_FALSE(window_->Files().AddFileToList(folder_ / "missing", "missing"));
     EXPECT_EQ(Messages(), std::vector<std::string>{
                               "Cannot open file.  It may be in use by another application."});
-    EXPECT_EQ(Engine().SendList.Count(), 0);
+    EXPECT_EQ(engine_->SendList.Count(), 0);
 
     desktop.Answer(std::vector<std::string>{MakeFile("one", 1), MakeFile("two", 0)});
     ASSERT_TRUE(Press(IDC_FILE_ADD).Done);
@@ -76,9 +60,9 @@ TEST_F(FileListTest, TheDialogsTakeSeveralFilesOrAFolderAndACancelNothing) {
     EXPECT_EQ(Messages().back(), Replacing("docs"));
     EXPECT_EQ(desktop.Take(), (std::vector<std::string>{"dialog: open", "dialog: folder"}));
     // The menu is open during a call, the list is not.
-    Engine().Call.LinkState = LinkState::Connected;
+    engine_->Call.LinkState = LinkState::Connected;
     ASSERT_TRUE(ChooseMenu(ID_FILE_ADD_FOLDER).Done);
-    Engine().Call.LinkState = LinkState::Idle;
+    engine_->Call.LinkState = LinkState::Idle;
     EXPECT_EQ(Messages().back(), "The File List cannot change during a call.");
     EXPECT_TRUE(desktop.Take().empty());
 }
@@ -92,14 +76,14 @@ TEST_F(FileListTest, AFolderReplacesTheListAndTravelsOneLevelDeep) {
     MakeFile("docs/Sent Files/old", 5);
 
     Drop(IDC_FILE_LIST, {MakeFile("loose", 10), docs + "/"});
-    ASSERT_EQ(Engine().SendList.Count(), 4);
+    ASSERT_EQ(engine_->SendList.Count(), 4);
     const std::vector<ListRow> rows = Controls().Rows(IDC_FILE_LIST);
     ASSERT_EQ(rows.size(), 4u);
     EXPECT_EQ(rows[0].Text, "docs");
     EXPECT_EQ(rows[0].Detail, "");
     EXPECT_EQ(rows[0].Image, KindNumber(FileKind::FolderMarker));
-    EXPECT_EQ(Entry(0).FilePath.View(), docs);
-    EXPECT_EQ(Entry(0).TotalLength, 0u);
+    EXPECT_EQ(engine_->SendList[0].FilePath.View(), docs);
+    EXPECT_EQ(engine_->SendList[0].TotalLength, 0u);
 
     // The files, in the order the file system lists them, the empty one too.
     std::vector<FolderEntry> listed;
@@ -113,16 +97,16 @@ TEST_F(FileListTest, AFolderReplacesTheListAndTravelsOneLevelDeep) {
     ASSERT_EQ(expected.size(), 3u);
     for (int i = 1; i < 4; ++i) {
         EXPECT_EQ(rows[i].Text, expected[i - 1]);
-        EXPECT_EQ(Entry(i).FilePath.View(), docs + "/" + expected[i - 1]);
+        EXPECT_EQ(engine_->SendList[i].FilePath.View(), docs + "/" + expected[i - 1]);
         const FileKind kind =
             expected[i - 1] == "b.exe.txt" ? FileKind::ProgramFile : FileKind::PlainFile;
-        EXPECT_EQ(Entry(i).EntryKind, kind);
+        EXPECT_EQ(engine_->SendList[i].EntryKind, kind);
         EXPECT_EQ(rows[i].Image, KindNumber(kind));
     }
     // The marker adds nothing to the total.
-    EXPECT_EQ(Engine().SendList.Remaining(), 102u + 202u + 0u);
+    EXPECT_EQ(engine_->SendList.Remaining(), 102u + 202u + 0u);
     window_->Display().RecomputeSendTotal();
-    EXPECT_EQ(Engine().SendList.Remaining(), 304u);
+    EXPECT_EQ(engine_->SendList.Remaining(), 304u);
     // The process's folder never moved.
     EXPECT_NE(CurrentFolder(), docs);
 }
@@ -131,10 +115,10 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
     // During a call, or beside the lists, a drop does nothing; during a
     // call it says so.
     const std::string file = MakeFile("file", 10);
-    Engine().Call.LinkState = LinkState::Connected;
+    engine_->Call.LinkState = LinkState::Connected;
     Drop(IDC_FILE_LIST, {file});
     Drop(IDC_SEND, {file});
-    Engine().Call.LinkState = LinkState::Idle;
+    engine_->Call.LinkState = LinkState::Idle;
     Drop(IDC_LOG, {file});
     Drop(0, {file});
     // A name ending in .KBE is a file like any other on the file list.
@@ -161,27 +145,31 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
     MakeFile("docs/a", 3);
     const std::string lockedFile = MakeFile("locked file", 4);
     const std::string lockedFolder = MakeFolder("locked folder");
-    for (const std::string& path : {folder_.Path(), docs}) {
-        ASSERT_EQ(::chmod(path.c_str(), 0755), 0);
+    const std::pair<std::string, mode_t> modes[] = {
+        {folder_.Path(), 0755}, {docs, 0755},    {before, 0644},   {after, 0644},
+        {docs + "/a", 0644},    {lockedFile, 0}, {lockedFolder, 0}};
+    for (const auto& [path, mode] : modes) {
+        ASSERT_EQ(::chmod(path.c_str(), mode), 0) << path;
     }
-    for (const std::string& path : {before, after, docs + "/a"}) {
-        ASSERT_EQ(::chmod(path.c_str(), 0644), 0);
-    }
-    ASSERT_EQ(::chmod(lockedFile.c_str(), 0), 0);
-    ASSERT_EQ(::chmod(lockedFolder.c_str(), 0), 0);
-    {
-        const ReadingAsUser user;
-        if (File probe; probe.Open(lockedFile, File::Mode::Read)) {
-            GTEST_SKIP() << "files without read permission can still be read here";
-        }
+    // Files are opened from here as a user without root's rights opens them,
+    // on this thread: a file or folder without read permission is then
+    // unreadable even when the tests run as root.
+    const int root = ::setfsuid(65534);
+    File probe;
+    const bool unreadable = !probe.Open(lockedFile, File::Mode::Read);
+    if (unreadable) {
         Drop(IDC_FILE_LIST, {before, lockedFile, lockedFolder, folder_ / "gone", after});
         EXPECT_EQ(RowTexts(IDC_FILE_LIST),
                   (std::vector<std::string>{"smith.KBE", "before", "after"}));
         // A folder still replaces the list, and what cannot be read does not.
         Drop(IDC_FILE_LIST, {docs, lockedFile});
     }
+    ::setfsuid(root);
+    if (!unreadable) {
+        GTEST_SKIP() << "files without read permission can still be read here";
+    }
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"docs", "a"}));
-    EXPECT_EQ(Entry(0).EntryKind, FileKind::FolderMarker);
+    EXPECT_EQ(engine_->SendList[0].EntryKind, FileKind::FolderMarker);
     EXPECT_EQ(Messages(), (std::vector<std::string>{
                               shut, shut, Replacing("kept"), Replacing("kept"),
                               "These could not be opened and were not added:\r" + lockedFile +
@@ -197,7 +185,7 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
     MakeFile("second/two", 2);
     Drop(IDC_FILE_LIST, {folder_ / "first", folder_ / "second"});
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"second", "two"}));
-    EXPECT_EQ(Engine().SendList.Count(), 2);
+    EXPECT_EQ(engine_->SendList.Count(), 2);
 
     // A drop on Send with an unreadable item still goes for the call; with
     // a number but no adapter found, nothing would ever answer the dial: the
@@ -205,7 +193,7 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
     Type(IDC_NUMBER, "5551234");
     Drop(IDC_SEND, {folder_ / "unreadable"});
     EXPECT_EQ(Messages().back(), line::NoAdapterMessage);
-    EXPECT_EQ(Engine().Call.LinkState.load(), LinkState::Idle);
+    EXPECT_EQ(engine_->Call.LinkState.load(), LinkState::Idle);
     // A number that the dial would shorten is not dialled, by Send or by
     // Retrieve, and the message names it.
     Type(IDC_NUMBER, "555-2OO2");
@@ -223,13 +211,13 @@ TEST_F(FileListTest, DeleteTakesTheClickedRowAndItsEntry) {
     window_->Files().OnFileClick(1);
     window_->Files().OnFileDelete();
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"a", "c"}));
-    EXPECT_EQ(Entry(0).DisplayName.View(), "a");
-    EXPECT_EQ(Entry(1).DisplayName.View(), "c");
-    EXPECT_EQ(Engine().SendList.Remaining(), 204u);
+    EXPECT_EQ(engine_->SendList[0].DisplayName.View(), "a");
+    EXPECT_EQ(engine_->SendList[1].DisplayName.View(), "c");
+    EXPECT_EQ(engine_->SendList.Remaining(), 204u);
     EXPECT_FALSE(Controls().Enabled(IDC_FILE_DELETE));
     // With no row chosen, Delete does nothing.
     window_->Files().OnFileDelete();
-    EXPECT_EQ(Engine().SendList.Count(), 2);
+    EXPECT_EQ(engine_->SendList.Count(), 2);
 
     // Adding a file forgets the click.
     window_->Files().OnFileClick(0);
@@ -238,39 +226,15 @@ TEST_F(FileListTest, DeleteTakesTheClickedRowAndItsEntry) {
     EXPECT_FALSE(Controls().Enabled(IDC_FILE_DELETE));
     // The same file can go in twice.
     ASSERT_TRUE(window_->Files().AddFileToList(folder_ / "d", "d"));
-    EXPECT_EQ(Engine().SendList.Count(), 4);
-}
-
-TEST_F(FileListTest, TheListHoldsAHundredEntriesAndNeverMore) {
-    const std::string file = MakeFile("f", 1);
-    for (int i = 0; i < 100; ++i) {
-        ASSERT_TRUE(window_->Files().AddFileToList(file, "f"));
-    }
-    EXPECT_FALSE(window_->Files().AddFileToList(file, "f"));
-    EXPECT_EQ(Engine().SendList.Count(), 100);
-    EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 100);
-    EXPECT_EQ(Observed().back(), "File list is full: f was not added.");
-
-    // A folder of 120 files: its marker and the first 99, and one line.
-    const std::string big = MakeFolder("big");
-    for (int i = 0; i < 120; ++i) {
-        MakeFile("big/file" + std::to_string(i), 1);
-    }
-    const size_t linesBefore = Observed().size();
-    window_->Files().AddFolderToSendList(big, "big");
-    EXPECT_EQ(Engine().SendList.Count(), 100);
-    EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 100);
-    const std::vector<std::string> lines = Observed();
-    ASSERT_EQ(lines.size(), linesBefore + 1);
-    EXPECT_EQ(lines.back(), "File list is full: 21 files of big were not added.");
+    EXPECT_EQ(engine_->SendList.Count(), 4);
 }
 
 TEST_F(FileListTest, ALongNameKeepsItsExtensionAndThePathStaysWhole) {
     const std::string name = "a report with a name far longer than the field.pdf";
     const std::string path = MakeFile(name, 10);
     ASSERT_TRUE(window_->Files().AddFileToList(path, name));
-    EXPECT_EQ(Entry(0).DisplayName.View(), "a report with a name far lo.pdf");
-    EXPECT_EQ(Entry(0).FilePath.View(), path);
+    EXPECT_EQ(engine_->SendList[0].DisplayName.View(), "a report with a name far lo.pdf");
+    EXPECT_EQ(engine_->SendList[0].FilePath.View(), path);
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), std::vector<std::string>{"a report with a name far lo.pdf"});
 
     EXPECT_EQ(ShortDisplayName(std::string(40, 'x')), std::string(31, 'x'));
@@ -282,7 +246,9 @@ TEST_F(FileListTest, ALongNameKeepsItsExtensionAndThePathStaysWhole) {
     EXPECT_EQ(ShortDisplayName(std::string(30, 'x') + "\xC3\xA9" + "tail"), std::string(30, 'x'));
 }
 
-TEST_F(FileListTest, APathTooLongOrAFileTooLargeForTheProtocolIsRefusedWithItsLine) {
+// What the list refuses it names in a log line: a path too long, a file too
+// large for the protocol, and what passes a hundred entries.
+TEST_F(FileListTest, APathTooLongAFileTooLargeOrAHundredAndFirstEntryIsRefusedWithItsLine) {
     // Folders of 200 characters each: the path passes 511 at the file.
     const std::string deep = MakeFolder(std::string(200, 'd')) + "/" + std::string(200, 'e');
     ASSERT_TRUE(CreateFolder(deep));
@@ -291,7 +257,7 @@ TEST_F(FileListTest, APathTooLongOrAFileTooLargeForTheProtocolIsRefusedWithItsLi
     ASSERT_GT(longPath.size(), 511u);
     WriteWholeFile(longPath, "x");
     EXPECT_FALSE(window_->Files().AddFileToList(longPath, name));
-    EXPECT_EQ(Observed().back(), "Path too long: " + name + " was not added.");
+    EXPECT_EQ(RowTexts(IDC_LOG).back(), "Path too long: " + name + " was not added.");
 
     // One byte more than 2047 sections, the most that the sending side's
     // block counter holds: the smallest file too large (the largest goes
@@ -299,9 +265,32 @@ TEST_F(FileListTest, APathTooLongOrAFileTooLargeForTheProtocolIsRefusedWithItsLi
     const std::string huge = MakeFile("huge.bin", 0);
     ASSERT_EQ(::truncate(huge.c_str(), off_t{2047} * 131070 + 1), 0);
     EXPECT_FALSE(window_->Files().AddFileToList(huge, "huge.bin"));
-    EXPECT_EQ(Observed().back(), "File too large to send: huge.bin");
-    EXPECT_EQ(Engine().SendList.Count(), 0);
+    EXPECT_EQ(RowTexts(IDC_LOG).back(), "File too large to send: huge.bin");
+    EXPECT_EQ(engine_->SendList.Count(), 0);
     EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 0);
+
+    // The list holds a hundred entries and never more.
+    const std::string file = MakeFile("f", 1);
+    for (int i = 0; i < 100; ++i) {
+        ASSERT_TRUE(window_->Files().AddFileToList(file, "f"));
+    }
+    EXPECT_FALSE(window_->Files().AddFileToList(file, "f"));
+    EXPECT_EQ(engine_->SendList.Count(), 100);
+    EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 100);
+    EXPECT_EQ(RowTexts(IDC_LOG).back(), "File list is full: f was not added.");
+
+    // A folder of 120 files: its marker and the first 99, and one line.
+    const std::string big = MakeFolder("big");
+    for (int i = 0; i < 120; ++i) {
+        MakeFile("big/file" + std::to_string(i), 1);
+    }
+    const size_t linesBefore = RowTexts(IDC_LOG).size();
+    window_->Files().AddFolderToSendList(big, "big");
+    EXPECT_EQ(engine_->SendList.Count(), 100);
+    EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 100);
+    const std::vector<std::string> lines = RowTexts(IDC_LOG);
+    ASSERT_EQ(lines.size(), linesBefore + 1);
+    EXPECT_EQ(lines.back(), "File list is full: 21 files of big were not added.");
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // The window's controls, its button rule, the routing of the user's events,
-// the log list and the figures of a transfer, through the real control model.
+// the log list and the figures of a transfer, through the real control model;
+// and the whole start and stop of the program.
 
 #include "app/main_window.h"
 
@@ -7,6 +8,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <map>
 #include <optional>
@@ -16,16 +18,20 @@
 #include <utility>
 #include <vector>
 
+#include "app/application.h"
 #include "app/control_model.h"
 #include "app/window_layout.h"
 #include "engine/session_threads.h"
 #include "engine/transfer_engine.h"
+#include "line/adapter.h"
 #include "line/adapter_family.h"
 #include "platform/clock.h"
 #include "platform/event_loop.h"
+#include "platform/files.h"
 #include "resources/resource.h"
 #include "stores/directory.h"
 #include "stores/status_log.h"
+#include "support/temp_folder.h"
 #include "window_fixture.h"
 
 namespace kb::test {
@@ -77,13 +83,13 @@ TEST_F(MainWindowTest, TheButtonsFollowTheLinkAndTheFileList) {
         SCOPED_TRACE("state " + std::to_string(static_cast<int>(row.Link)) + " count " +
                      std::to_string(row.Count) + " row " + std::to_string(row.Selected));
         // A selected row is what a click leaves behind.
-        Engine().Call.LinkState = LinkState::Idle;
-        Engine().SendList.Clear();
+        engine_->Call.LinkState = LinkState::Idle;
+        engine_->SendList.Clear();
         for (int i = 0; i < row.Count; ++i) {
-            ASSERT_TRUE(Engine().SendList.Add(FileEntry{}));
+            ASSERT_TRUE(engine_->SendList.Add(FileEntry{}));
         }
         window_->Files().OnFileClick(row.Selected);
-        Engine().Call.LinkState = row.Link;
+        engine_->Call.LinkState = row.Link;
         window_->UpdateActionButtons();
         EXPECT_EQ(EnabledOf({IDC_SEND, IDC_RETRIEVE, IDC_DISCONNECT, IDC_FILE_ADD, IDC_FILE_CLEAR,
                              IDC_FILE_DELETE}),
@@ -97,8 +103,8 @@ TEST_F(MainWindowTest, TheButtonsFollowTheLinkAndTheFileList) {
     }
     // The state a front end is told never runs ahead of the buttons: asked
     // while the end of a call is changing them, it comes once they show idle.
-    Engine().SendList.Clear();
-    Engine().Call.LinkState = LinkState::Connected;
+    engine_->SendList.Clear();
+    engine_->Call.LinkState = LinkState::Connected;
     window_->UpdateActionButtons();
     std::atomic<bool> asked{false};
     std::thread asker;
@@ -109,20 +115,20 @@ TEST_F(MainWindowTest, TheButtonsFollowTheLinkAndTheFileList) {
             return;
         }
         asker = std::thread([&] {
-            told = MainWindow::LinkStateName(Engine());
+            told = MainWindow::LinkStateName(*engine_);
             addOpenWhenTold = Controls().Enabled(IDC_FILE_ADD);
         });
         // The rest of the buttons change after the asker has had its chance.
         clock_.SleepMs(100);
     });
-    ReturnToIdle(Engine());
+    ReturnToIdle(*engine_);
     Controls().RemoveListener(listener);
     asker.join();
     EXPECT_EQ(told, "idle");
     EXPECT_TRUE(addOpenWhenTold);
 }
 
-TEST_F(MainWindowTest, EventsReachOnlyControlsAUserCouldUse) {
+TEST_F(MainWindowTest, EventsReachOnlyControlsAUserCouldUseAndPictureButtonsSayWhatTheyDo) {
     // Hidden and unnamed controls refuse, with the reason, as disabled ones
     // do (the station's refusal to send shows that).
     EXPECT_EQ(Click(IDC_2B, true).Refusal, "IDC_2B is hidden");
@@ -139,15 +145,15 @@ TEST_F(MainWindowTest, EventsReachOnlyControlsAUserCouldUse) {
     // The incoming settings are stored at once; without an adapter nothing
     // goes to the line.
     EXPECT_TRUE(Click(IDC_IN_56K, true).Done);
-    EXPECT_EQ(Stores().Prefs.Incoming56K, 1);
+    EXPECT_EQ(stores_->Prefs.Incoming56K, 1);
     EXPECT_TRUE(Click(IDC_IN_56K, false).Done);
-    EXPECT_EQ(Stores().Prefs.Incoming56K, 0);
-    Stores().Prefs.AdapterModel = ModelZyXEL;
+    EXPECT_EQ(stores_->Prefs.Incoming56K, 0);
+    stores_->Prefs.AdapterModel = ModelZyXEL;
     EXPECT_TRUE(Choose(IDC_IN_PROTOCOL, 1).Done);
-    EXPECT_EQ(Stores().Prefs.IncomingProtocol, 2);
-    Stores().Prefs.AdapterModel = ModelBitSURFR;
+    EXPECT_EQ(stores_->Prefs.IncomingProtocol, 2);
+    stores_->Prefs.AdapterModel = ModelBitSURFR;
     EXPECT_TRUE(Choose(IDC_IN_PROTOCOL, 1).Done);
-    EXPECT_EQ(Stores().Prefs.IncomingProtocol, 1);
+    EXPECT_EQ(stores_->Prefs.IncomingProtocol, 1);
 
     // An outgoing setting changes the estimate of what waits to go.
     MakeFile("a", 1000000);
@@ -164,18 +170,9 @@ TEST_F(MainWindowTest, EventsReachOnlyControlsAUserCouldUse) {
     EXPECT_TRUE(Messages().empty());
 
     // Every named control belongs to a panel that takes its events: none is
-    // refused as unknown. Its own text, typed again, changes nothing.
-    for (const ControlPlace& place : MainWindowLayout()) {
-        if (*place.Name != '\0') {
-            EXPECT_NE(Type(place.Id, Controls().Text(place.Id)).Refusal, "no such control")
-                << place.Name;
-        }
-    }
-}
-
-// Every picture button says in words what a click on it does: one line per
-// button, with the words that tell it from the others.
-TEST_F(MainWindowTest, EveryPictureButtonSaysWhatItDoes) {
+    // refused as unknown. Its own text, typed again, changes nothing. Every
+    // picture button says in words what a click on it does: one line per
+    // button, with the words that tell it from the others.
     const std::map<int, const char*> told = {
         {IDC_MAKE_FOLDER, "Make a pick-up folder"},
         {IDC_FOLDER_EMPTY, "pick-up folder, now empty"},
@@ -189,6 +186,10 @@ TEST_F(MainWindowTest, EveryPictureButtonSaysWhatItDoes) {
     };
     size_t buttons = 0;
     for (const ControlPlace& place : MainWindowLayout()) {
+        if (*place.Name != '\0') {
+            EXPECT_NE(Type(place.Id, Controls().Text(place.Id)).Refusal, "no such control")
+                << place.Name;
+        }
         const std::string tip = ControlTip(place.Id);
         if (Controls().State(place.Id).Kind != ControlKind::PictureButton) {
             EXPECT_EQ(tip, "") << place.Id << ": its own text says it";
@@ -233,12 +234,12 @@ TEST_F(MainWindowTest, TheWindowShowsWhatTheAdapterFoundOffers) {
         // Before the adapter has told its number, the title names the folder.
         EXPECT_EQ(Controls().Text(IDD_MAIN_WINDOW),
                   std::filesystem::path(folder_.Path()).filename().string() + " - Kestrelbound");
-        Stores().Prefs.AdapterModel = c.Model;
-        Stores().Prefs.AdapterVariant = c.Variant;
-        Stores().Prefs.IncomingProtocol = c.Incoming;
-        Stores().Prefs.Incoming2B = 1;
-        Stores().Prefs.MaxPortSpeed = c.MaxSpeed;
-        Stores().Prefs.SelectedPortSpeed = c.Checked230400 ? 230400 : 115200;
+        stores_->Prefs.AdapterModel = c.Model;
+        stores_->Prefs.AdapterVariant = c.Variant;
+        stores_->Prefs.IncomingProtocol = c.Incoming;
+        stores_->Prefs.Incoming2B = 1;
+        stores_->Prefs.MaxPortSpeed = c.MaxSpeed;
+        stores_->Prefs.SelectedPortSpeed = c.Checked230400 ? 230400 : 115200;
         line_->SpeedClass.store(c.SpeedClass);
         line_->AdapterFound.store(true);
         window_->ShowAdapter(true);
@@ -256,13 +257,13 @@ TEST_F(MainWindowTest, TheWindowShowsWhatTheAdapterFoundOffers) {
         for (const LineProtocol protocol : {ProtocolV120, ProtocolAimux, ProtocolX75}) {
             const std::string name = ProtocolNames[protocol];
             const std::string shown = std::ranges::count(c.Rows, name) != 0 ? name : "V.120";
-            Stores().Directory[0] = Correspondent{};
-            Stores().Directory[0].Protocol = protocol;
+            stores_->Directory[0] = Correspondent{};
+            stores_->Directory[0].Protocol = protocol;
             window_->Correspondents().ShowCorrespondent(0);
             EXPECT_EQ(Controls().RowText(IDC_PROTOCOL, Controls().Selection(IDC_PROTOCOL)), shown)
                 << name;
             window_->Correspondents().ReadCorrespondentForm(0);
-            EXPECT_EQ(Stores().Directory[0].Protocol, ProtocolNamed(shown)) << name;
+            EXPECT_EQ(stores_->Directory[0].Protocol, ProtocolNamed(shown)) << name;
         }
         std::vector<std::string> menus;
         for (const Menu& menu : Controls().Menus()) {
@@ -310,13 +311,12 @@ TEST_F(MainWindowTest, TheAboutBoxOfTheMenuNeitherClosesByItselfNorSearches) {
 }
 
 TEST_F(MainWindowTest, TheLogKeeps600LinesThe601stLeaves301AndClearLogLeavesOnlyStopping) {
-    const size_t start = RowTexts(IDC_LOG).size();
-    ASSERT_EQ(start, 1u);  // the Starting line
-    for (size_t i = start; i < 600; ++i) {
-        Stores().Log.Add("line " + std::to_string(i));
+    ASSERT_EQ(Controls().RowCount(IDC_LOG), 1);  // the Starting line
+    for (size_t i = 1; i < 600; ++i) {
+        stores_->Log.Add("line " + std::to_string(i));
     }
     EXPECT_EQ(Controls().RowCount(IDC_LOG), 600);
-    Stores().Log.Add("line 600");
+    stores_->Log.Add("line 600");
     const std::vector<std::string> rows = RowTexts(IDC_LOG);
     ASSERT_EQ(rows.size(), 301u);
     EXPECT_EQ(rows.front(), "line 300");
@@ -350,7 +350,6 @@ TEST_F(MainWindowTest, TheEstimateFollowsTheOutgoingSettingsAndRoundsTheSizeUp) 
         const char* Time;
     };
     const EstimateCase cases[] = {
-        {"a byte", 1, ModelBitSURFR, 0, false, false, false, "1 KB", "00:00:01"},
         {"a KB less a byte", 1023, ModelBitSURFR, 0, false, false, false, "1 KB", "00:00:01"},
         {"a KB", 1024, ModelBitSURFR, 0, false, false, false, "2 KB", "00:00:01"},
         {"a second less a byte", 7199, ModelBitSURFR, 0, false, false, false, "8 KB", "00:00:01"},
@@ -375,7 +374,7 @@ TEST_F(MainWindowTest, TheEstimateFollowsTheOutgoingSettingsAndRoundsTheSizeUp) 
     };
     for (const EstimateCase& c : cases) {
         SCOPED_TRACE(c.What);
-        Stores().Prefs.AdapterModel = c.Model;
+        stores_->Prefs.AdapterModel = c.Model;
         Controls().Select(IDC_PROTOCOL, c.Row);
         Controls().Check(IDC_56K, c.At56k);
         Controls().Check(IDC_2B, c.TwoChannels);
@@ -425,29 +424,29 @@ TEST_F(MainWindowTest, TheShownRateNeverPassesTheCeiling) {
         {"the receiving side reads its own list", false, 10, 2010, 14000, 16000, false, 7000,
          "7000 Bytes/sec"},
     };
-    Engine().SendList[0] = FileEntry{};
-    Engine().ReceiveList[0] = FileEntry{};
+    engine_->SendList[0] = FileEntry{};
+    engine_->ReceiveList[0] = FileEntry{};
     Controls().SetText(IDC_BYTES_SEC, "untouched");
     for (const RateStep& step : steps) {
         SCOPED_TRACE(step.What);
-        FileEntry& entry = step.Sending ? Engine().SendList[0] : Engine().ReceiveList[0];
+        FileEntry& entry = step.Sending ? engine_->SendList[0] : engine_->ReceiveList[0];
         entry.StartTime = step.StartTime;
         entry.LastBlockTime = step.LastBlockTime;
         entry.BytesDone = step.BytesDone;
         line_->RateEstimate = step.Ceiling;
-        const size_t lines = Observed().size();
+        const size_t lines = RowTexts(IDC_LOG).size();
         window_->Display().ShowThroughput(step.Sending, step.Log);
         EXPECT_EQ(window_->Display().MeasuredRate(), step.Measured);
         EXPECT_EQ(Controls().Text(IDC_BYTES_SEC), step.Shown);
         const bool logged = step.Log && step.StartTime != 0;
-        ASSERT_EQ(Observed().size(), lines + (logged ? 1 : 0));
+        ASSERT_EQ(RowTexts(IDC_LOG).size(), lines + (logged ? 1 : 0));
         if (logged) {
-            EXPECT_EQ(Observed().back(), std::string("Average throughput: ") + step.Shown);
+            EXPECT_EQ(RowTexts(IDC_LOG).back(), std::string("Average throughput: ") + step.Shown);
         }
     }
 }
 
-TEST_F(MainWindowTest, ProgressIsComputedInSixtyFourBitsAndShownOnlyDuringATransfer) {
+TEST_F(MainWindowTest, ProgressIsComputedInSixtyFourBitsShownInATransferAndItsTimeLoggedOnce) {
     const uint32_t progress[][3] = {{50u << 20, 60u << 20, 83},
                                     {4000000000u, 4200000000u, 95},
                                     {100, 100, 100},
@@ -473,35 +472,33 @@ TEST_F(MainWindowTest, ProgressIsComputedInSixtyFourBitsAndShownOnlyDuringATrans
         EXPECT_EQ(Controls().Enabled(IDC_CLEAR_LOG), !transfer);
         EXPECT_EQ(window_->Display().MeasuredRate(), 0);
     }
-}
 
-TEST_F(MainWindowTest, TheElapsedTimeIsLoggedOncePerSession) {
+    // The elapsed time is logged once per session.
     window_->Display().LogElapsedTime();
-    EXPECT_EQ(Observed().size(), 1u);  // nothing ran: no line
-    Engine().Call.TransferStartTime = WallSeconds() - 3725;
+    EXPECT_EQ(RowTexts(IDC_LOG).size(), 1u);  // nothing ran: no line
+    engine_->Call.TransferStartTime = WallSeconds() - 3725;
     window_->Display().LogElapsedTime();
     window_->Display().LogElapsedTime();
-    const std::vector<std::string> observed = Observed();
+    const std::vector<std::string> observed = RowTexts(IDC_LOG);
     ASSERT_EQ(observed.size(), 2u);
     // A second may pass between the two readings of the clock.
     EXPECT_TRUE(observed[1] == "Elapsed Time: 01:02:05" || observed[1] == "Elapsed Time: 01:02:06")
         << observed[1];
-    EXPECT_EQ(Engine().Call.TransferStartTime.load(), 0);
+    EXPECT_EQ(engine_->Call.TransferStartTime.load(), 0);
 }
 
 TEST_F(MainWindowTest, TheIncomingListShowsTheWireSizesAndLosesItsTopRow) {
-    FileEntry* list = Engine().ReceiveList.get();
-    list[0] = FileEntry{};
-    list[0].DisplayName.Set("Smith-A");
-    list[0].EntryKind = FileKind::FolderMarker;
-    list[1] = FileEntry{};
-    list[1].DisplayName.Set("report.txt");
-    list[1].TotalLength = 131075;
-    list[2] = FileEntry{};
-    list[2].DisplayName.Set("tool.exe");
-    list[2].EntryKind = FileKind::ProgramFile;
-    list[2].TotalLength = 12;
-    Engine().Call.ReceiveCount = 3;
+    const std::tuple<const char*, FileKind, uint32_t> received[] = {
+        {"Smith-A", FileKind::FolderMarker, 0},
+        {"report.txt", FileKind::PlainFile, 131075},
+        {"tool.exe", FileKind::ProgramFile, 12}};
+    for (const auto& [name, kind, length] : received) {
+        FileEntry& entry = engine_->ReceiveList[engine_->Call.ReceiveCount++];
+        entry = FileEntry{};
+        entry.DisplayName.Set(name);
+        entry.EntryKind = kind;
+        entry.TotalLength = length;
+    }
     window_->Files().ListIncomingFiles();
     std::vector<ListRow> rows = Controls().Rows(IDC_FILE_LIST);
     ASSERT_EQ(rows.size(), 3u);
@@ -512,19 +509,14 @@ TEST_F(MainWindowTest, TheIncomingListShowsTheWireSizesAndLosesItsTopRow) {
     EXPECT_EQ(rows[2].Image, KindNumber(FileKind::ProgramFile));
     window_->Files().RemoveTopFileRow();
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"report.txt", "tool.exe"}));
-    Engine().Call.ReceiveCount = 0;
+    engine_->Call.ReceiveCount = 0;
 }
 
 // A larger window gives its room to the directory list, the file list and
 // the log; the rest moves with the edge it stands by. Units throughout.
 TEST_F(MainWindowTest, TheListsTakeTheRoomOfALargerWindowAndTheControlsMoveWithTheirEdges) {
-    struct Grown {
-        int X;
-        int Y;
-        int Id;
-        Box Place;
-    };
-    const std::vector<Grown> table = {
+    // Grown by X and Y, the control's place.
+    const std::tuple<int, int, int, Box> table[] = {
         {90, 40, IDC_DIRECTORY_LIST, {7, 19, 146, 88}},
         {90, 40, IDC_LABEL_DIRECTORY, {65, 7, 29, 8}},
         {90, 40, IDC_NAME, {193, 20, 171, 14}},
@@ -540,19 +532,17 @@ TEST_F(MainWindowTest, TheListsTakeTheRoomOfALargerWindowAndTheControlsMoveWithT
         {0, SmallestLayoutHeight - LayoutHeight, IDC_LOG, {128, 113, 161, 49}},
         {0, SmallestLayoutHeight - LayoutHeight, IDC_DIRECTORY_LIST, {7, 19, 116, 69}},
     };
-    const auto placeOf = [](int id) {
-        for (const ControlPlace& place : MainWindowLayout()) {
-            if (place.Id == id) {
-                return Box{place.X, place.Y, place.Width, place.Height};
-            }
-        }
-        return Box{};
+    const std::vector<ControlPlace>& layout = MainWindowLayout();
+    const auto placeOf = [](const ControlPlace& place) {
+        return Box{place.X, place.Y, place.Width, place.Height};
     };
-    for (const Grown& row : table) {
-        const Box place = GrownPlace(row.Id, placeOf(row.Id), row.X, row.Y);
-        EXPECT_EQ(std::vector<int>({place.X, place.Y, place.Width, place.Height}),
-                  std::vector<int>({row.Place.X, row.Place.Y, row.Place.Width, row.Place.Height}))
-            << ControlName(row.Id) << " " << row.Id << " grown by " << row.X << "," << row.Y;
+    const auto sides = [](const Box& box) {
+        return std::vector<int>{box.X, box.Y, box.Width, box.Height};
+    };
+    for (const auto& [x, y, id, place] : table) {
+        const Box laidOut = placeOf(*std::ranges::find(layout, id, &ControlPlace::Id));
+        EXPECT_EQ(sides(GrownPlace(id, laidOut, x, y)), sides(place))
+            << ControlName(id) << " " << id << " grown by " << x << "," << y;
     }
 
     // At any size from the smallest up, every control stays on the page, and
@@ -568,20 +558,22 @@ TEST_F(MainWindowTest, TheListsTakeTheRoomOfALargerWindowAndTheControlsMoveWithT
         return a.X < b.X + b.Width && b.X < a.X + a.Width && a.Y < b.Y + b.Height &&
                b.Y < a.Y + a.Height;
     };
-    const std::vector<ControlPlace>& layout = MainWindowLayout();
     for (const auto& [x, y] : std::vector<std::pair<int, int>>{
              {0, 0}, {0, SmallestLayoutHeight - LayoutHeight}, {1, 1}, {5, 3}, {600, 400}}) {
-        const Box page{0, 0, LayoutWidth + x, LayoutHeight + y};
+        // Each control's place laid out and grown.
+        std::vector<std::pair<Box, Box>> places;
+        for (const ControlPlace& control : layout) {
+            const Box laidOut = closed(control.Id, placeOf(control));
+            places.emplace_back(laidOut, closed(control.Id, GrownPlace(control.Id, laidOut, x, y)));
+        }
         for (size_t a = 0; a < layout.size(); ++a) {
-            const Box laidOutA = closed(layout[a].Id, placeOf(layout[a].Id));
-            const Box grownA = closed(layout[a].Id, GrownPlace(layout[a].Id, laidOutA, x, y));
-            EXPECT_TRUE(grownA.X >= 0 && grownA.Y >= 0 && grownA.X + grownA.Width <= page.Width &&
-                        grownA.Y + grownA.Height <= page.Height)
+            const auto& [laidOutA, grownA] = places[a];
+            EXPECT_TRUE(grownA.X >= 0 && grownA.Y >= 0 &&
+                        grownA.X + grownA.Width <= LayoutWidth + x &&
+                        grownA.Y + grownA.Height <= LayoutHeight + y)
                 << ControlName(layout[a].Id) << " off the page grown by " << x << "," << y;
             for (size_t b = a + 1; b < layout.size(); ++b) {
-                const Box laidOutB = closed(layout[b].Id, placeOf(layout[b].Id));
-                const Box grownB = closed(layout[b].Id, GrownPlace(layout[b].Id, laidOutB, x, y));
-                EXPECT_FALSE(!meet(laidOutA, laidOutB) && meet(grownA, grownB))
+                EXPECT_FALSE(!meet(laidOutA, places[b].first) && meet(grownA, places[b].second))
                     << layout[a].Id << " meets " << layout[b].Id << " grown by " << x << "," << y;
             }
         }
@@ -593,12 +585,8 @@ TEST_F(MainWindowTest, TheListsTakeTheRoomOfALargerWindowAndTheControlsMoveWithT
 // at what the screen leaves room for, never below the smallest.
 TEST(WindowPlaceTest, ASavedPlaceOffTheScreensOrTooSmallGivesWayToTheLaidOutSize) {
     const std::vector<Box> screens = {{0, 0, 1600, 1000}, {1600, 0, 1280, 1024}};
-    struct Case {
-        const char* Name;
-        std::optional<WindowPlace> Saved;
-        bool Taken;
-    };
-    const std::vector<Case> cases = {
+    // What was saved, and whether it is taken.
+    const std::tuple<const char*, std::optional<WindowPlace>, bool> cases[] = {
         {"none saved", std::nullopt, false},
         {"on the first screen", WindowPlace{{100, 50, 900, 600}, false}, true},
         {"maximised on the second", WindowPlace{{1700, 20, 800, 500}, true}, true},
@@ -607,12 +595,12 @@ TEST(WindowPlaceTest, ASavedPlaceOffTheScreensOrTooSmallGivesWayToTheLaidOutSize
         {"narrower than the smallest", WindowPlace{{100, 50, 699, 600}, false}, false},
         {"lower than the smallest", WindowPlace{{100, 50, 900, 449}, false}, false},
     };
-    for (const Case& c : cases) {
-        const std::optional<WindowPlace> reopened = PlaceToReopen(c.Saved, screens, 700, 450);
-        ASSERT_EQ(reopened.has_value(), c.Taken) << c.Name;
-        if (c.Taken) {
-            EXPECT_EQ(reopened->Normal.X, c.Saved->Normal.X) << c.Name;
-            EXPECT_EQ(reopened->Maximised, c.Saved->Maximised) << c.Name;
+    for (const auto& [name, saved, taken] : cases) {
+        const std::optional<WindowPlace> reopened = PlaceToReopen(saved, screens, 700, 450);
+        ASSERT_EQ(reopened.has_value(), taken) << name;
+        if (taken) {
+            EXPECT_EQ(reopened->Normal.X, saved->Normal.X) << name;
+            EXPECT_EQ(reopened->Maximised, saved->Maximised) << name;
         }
     }
     const Box laidOut{0, 0, 704, 490};
@@ -625,6 +613,133 @@ TEST(WindowPlaceTest, ASavedPlaceOffTheScreensOrTooSmallGivesWayToTheLaidOutSize
         EXPECT_EQ(std::make_pair(opened.Width, opened.Height), std::make_pair(width, height))
             << room.Width << "x" << room.Height;
     }
+}
+
+// ---- The whole start and stop of the program ----
+
+// Run as the program runs it: in the current folder, with the main loop and
+// its timers.
+using Clock = std::chrono::steady_clock;
+
+class AppStartTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        previous_ = CurrentFolder().value_or("");
+        ASSERT_TRUE(ChangeCurrentFolder(folder_.Path()));
+        BlockPorts(folder_.Path());
+    }
+    void TearDown() override { EXPECT_TRUE(ChangeCurrentFolder(previous_)); }
+
+    // One run of the program; the window's first task is the given one.
+    std::vector<std::string> Run(const std::function<void()>& first) {
+        std::vector<std::string> lines;
+        app_->PrepareWindow = [&](MainWindow& window) {
+            window.SetLogObserver([&](const std::string& line) { lines.push_back(line); });
+        };
+        if (first) {
+            MainLoop().Post(first);
+        }
+        EXPECT_FALSE(app_->InitInstance());
+        windowLeftEngine_ = app_->Engine().Window.load() == nullptr;
+        // The next run is the program's next start.
+        app_ = std::make_unique<TransferApp>();
+        return lines;
+    }
+
+    // The window of the run under way; on the main loop's thread.
+    MainWindow* Window() const { return app_->Window()->load(); }
+    void PostEvent(EventKind kind, int id = 0) {
+        MainLoop().Post([this, kind, id] { Window()->HandleEvent(Event(kind, id)); });
+    }
+
+    TempFolder folder_;
+    CapturedOutput output_;
+    std::unique_ptr<TransferApp> app_ = std::make_unique<TransferApp>();
+    // Whether the last run's window let go of the engine as it ended.
+    bool windowLeftEngine_ = false;
+
+private:
+    std::string previous_;
+};
+
+TEST_F(AppStartTest, AFirstRunSavesNoPreferencesWithoutAnAdapterAndTheNextSplashLastsASecond) {
+    const std::vector<std::string> lines = Run([this] {
+        // The user changes a preference and leaves at once.
+        Window()->HandleEvent(Event(EventKind::BoxClicked, IDC_IGNORE_HOT, -1, true));
+        PostEvent(EventKind::Close);
+    });
+
+    // The preferences file holds the first run's defaults: 9600 bps and
+    // nothing else, the change of this run not saved.
+    const std::string prefs = ReadWholeFile(folder_ / "kestrelbound_prefs");
+    ASSERT_EQ(prefs.size(), 1176u);
+    EXPECT_EQ(prefs.substr(0, 8), std::string("\0\0\0\0\x80\x25\0\0", 8));
+    EXPECT_EQ(prefs.find_first_not_of('\0', 8), std::string::npos);
+    EXPECT_EQ(ReadWholeFile(folder_ / "kestrelbound_directory"), std::string(2, '\0'));
+    EXPECT_TRUE(FolderExists(folder_ / "Incoming Files"));
+    EXPECT_TRUE(FolderExists(folder_ / "Pick Up"));
+
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].rfind("Starting Kestrelbound ", 0), 0u);
+    EXPECT_EQ(lines[1].rfind("Stopping Kestrelbound ", 0), 0u);
+    EXPECT_EQ(ReadWholeFile(folder_ / "kestrelbound_log"),
+              lines[0] + std::string(1, '\0') + lines[1] + std::string(2, '\0'));
+    EXPECT_TRUE(output_.Messages().empty());
+    EXPECT_TRUE(windowLeftEngine_);
+
+    // The second start shows its splash, which closes itself after a second;
+    // the box starts hidden, so its changes alternate: shown, hidden. A
+    // listener keeps to what the announcement says.
+    Clock::time_point shown;
+    Clock::time_point hidden;
+    int opened = 0;
+    int changes = 0;
+    const int listener = Controls().AddListener([&](const ControlEvent& event) {
+        if (event.Id == IDD_ABOUTBOX && event.Change == ControlChange::Shown) {
+            if (changes++ % 2 == 0) {
+                ++opened;
+                shown = Clock::now();
+            } else {
+                hidden = Clock::now();
+            }
+        }
+    });
+    // It shows the stored lines above its own Starting line. The search
+    // finds nothing and says so; the start is over only once the search has
+    // returned, and Retrieve, with an empty list, is on from then. The user
+    // then leaves.
+    std::vector<std::string> rows;
+    std::vector<bool> startOver;
+    bool retrieveOn = false;
+    MainLoop().Post([&] {
+        rows = RowTexts(IDC_LOG);
+        startOver.push_back(Window()->StartIsOver());
+    });
+    output_.OnMessage = [&](const std::string& text) {
+        if (text == NoAdapterMessage) {
+            startOver.push_back(Window()->StartIsOver());
+            MainLoop().Post([&] {
+                startOver.push_back(Window()->StartIsOver());
+                retrieveOn = Controls().Enabled(IDC_RETRIEVE);
+                PostEvent(EventKind::MenuCommand, ID_FILE_EXIT);
+            });
+        }
+    };
+    const std::vector<std::string> second = Run(nullptr);
+    Controls().RemoveListener(listener);
+
+    // Only lines added in this run went through the log: its Starting line,
+    // then the search's.
+    ASSERT_GE(second.size(), 2u);
+    EXPECT_EQ(second[0].rfind("Starting Kestrelbound ", 0), 0u);
+    EXPECT_EQ(second[1], "Searching Comm Port 1");
+    EXPECT_EQ(rows, (std::vector<std::string>{lines[0], lines[1], second[0]}));
+    EXPECT_EQ(startOver, (std::vector<bool>{false, false, true}));
+    EXPECT_TRUE(retrieveOn);
+    EXPECT_EQ(opened, 1);
+    EXPECT_GE(std::chrono::duration_cast<std::chrono::milliseconds>(hidden - shown).count(), 990);
+    // No adapter: the preferences file is as the first run made it.
+    EXPECT_EQ(ReadWholeFile(folder_ / "kestrelbound_prefs"), prefs);
 }
 
 }  // namespace

@@ -9,7 +9,6 @@
 
 #include <chrono>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "e2e/harness.h"
@@ -24,7 +23,6 @@ namespace kb::test {
 
 using namespace kb::platform;
 using namespace kb::station;
-using namespace kb::stores;
 
 namespace {
 
@@ -110,8 +108,7 @@ TEST(StationTest, WithoutAnAdapterItRefusesToSendAndOnlySigtermEndsIt) {
 
     station.CloseInput();
     // Still answering: an unattended station waits for calls.
-    std::this_thread::sleep_for(300ms);
-    EXPECT_EQ(station.WaitForExit(0ms), -1);
+    EXPECT_EQ(station.WaitForExit(300ms), -1);
     EXPECT_EQ(station.Stop(SIGTERM, 30s), 0);
     EXPECT_EQ(LinesHolding(station.AllLines(), {"log: Stopping Kestrelbound "}).size(), 1u);
     const std::vector<std::string> stored = SavedLog(folder);

@@ -31,10 +31,6 @@ void WindowTest::StartWindow() {
     // The next start's engine holds nothing of the last run's.
     engine_ = std::make_unique<TransferEngine>(clock_);
     window_ = std::make_unique<MainWindow>(*stores_, *line_, *engine_);
-    window_->SetLogObserver([this](const std::string& line) {
-        std::lock_guard<std::mutex> guard(lock_);
-        observed_.push_back(line);
-    });
     ASSERT_TRUE(window_->OnInitDialog());
 }
 
@@ -49,7 +45,7 @@ void WindowTest::StopWindow() {
     line_->CommPortClose();
     line_->CommPortDestroy();
     if (window_->EngineStarted()) {
-        EngineShutdown(Engine());
+        EngineShutdown(*engine_);
     }
     stores_->Log.Free();
     window_.reset();
@@ -57,9 +53,9 @@ void WindowTest::StopWindow() {
     // until the next start.
 }
 
-std::string WindowTest::MakeFile(const std::string& name, size_t size, char fill) {
+std::string WindowTest::MakeFile(const std::string& name, size_t size) {
     const std::string path = folder_ / name;
-    WriteWholeFile(path, std::string(size, fill));
+    WriteWholeFile(path, std::string(size, 'x'));
     return path;
 }
 
@@ -67,11 +63,6 @@ std::string WindowTest::MakeFolder(const std::string& name) {
     const std::string path = folder_ / name;
     EXPECT_TRUE(CreateFolder(path));
     return path;
-}
-
-std::vector<std::string> WindowTest::Observed() const {
-    std::lock_guard<std::mutex> guard(lock_);
-    return observed_;
 }
 
 std::vector<std::string> RowTexts(int id, const ControlModel& model) {

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -23,23 +22,15 @@
 
 namespace kb::test {
 
-using app::EventKind;
-using app::EventOutcome;
-using app::MainWindow;
-using app::WindowEvent;
-using engine::TransferEngine;
-using line::Line;
-using platform::MonotonicClock;
-using stores::Installation;
-
 // Rows of a list, by their text; the window's model unless told another.
 std::vector<std::string> RowTexts(int id, const app::ControlModel& model = app::Controls());
 // Whether each of the controls is enabled, in the order given.
 std::vector<bool> EnabledOf(const std::vector<int>& ids);
 
 // A user's event on a control, with what it carries.
-inline WindowEvent Event(EventKind kind, int id, int row = -1, bool checked = false,
-                         const std::string& text = "", const std::vector<std::string>& paths = {}) {
+inline app::WindowEvent Event(app::EventKind kind, int id, int row = -1, bool checked = false,
+                              const std::string& text = "",
+                              const std::vector<std::string>& paths = {}) {
     return {kind, id, row, checked, text, paths};
 }
 
@@ -54,51 +45,45 @@ protected:
     void StopWindow();
 
     // A file of that many bytes in the installation folder; its full path.
-    std::string MakeFile(const std::string& name, size_t size, char fill = 'x');
+    std::string MakeFile(const std::string& name, size_t size);
     std::string MakeFolder(const std::string& name);
 
     // The messages and questions shown, in order; questions are answered
     // Yes until a test says otherwise.
     std::vector<std::string> Messages() const { return output_.Messages(); }
     void AnswerQuestions(bool yes) { output_.Answer = yes; }
-    std::vector<std::string> Observed() const;
 
     // The user's events, as the window's front end hands them over.
-    EventOutcome Handle(const WindowEvent& event) { return window_->HandleEvent(event); }
-    EventOutcome Press(int id) { return Handle(Event(EventKind::ButtonPressed, id)); }
-    EventOutcome ChooseMenu(int id) { return Handle(Event(EventKind::MenuCommand, id)); }
-    EventOutcome Click(int id, bool checked) {
-        return Handle(Event(EventKind::BoxClicked, id, -1, checked));
+    app::EventOutcome Handle(const app::WindowEvent& event) { return window_->HandleEvent(event); }
+    app::EventOutcome Press(int id) { return Handle(Event(app::EventKind::ButtonPressed, id)); }
+    app::EventOutcome ChooseMenu(int id) { return Handle(Event(app::EventKind::MenuCommand, id)); }
+    app::EventOutcome Click(int id, bool checked) {
+        return Handle(Event(app::EventKind::BoxClicked, id, -1, checked));
     }
-    EventOutcome Choose(int id, int row) {
-        return Handle(Event(EventKind::SelectionChanged, id, row));
+    app::EventOutcome Choose(int id, int row) {
+        return Handle(Event(app::EventKind::SelectionChanged, id, row));
     }
-    EventOutcome Type(int id, const std::string& text) {
-        return Handle(Event(EventKind::TextEdited, id, -1, false, text));
+    app::EventOutcome Type(int id, const std::string& text) {
+        return Handle(Event(app::EventKind::TextEdited, id, -1, false, text));
     }
-    EventOutcome Drop(int id, const std::vector<std::string>& paths) {
-        return Handle(Event(EventKind::FilesDropped, id, -1, false, "", paths));
+    app::EventOutcome Drop(int id, const std::vector<std::string>& paths) {
+        return Handle(Event(app::EventKind::FilesDropped, id, -1, false, "", paths));
     }
-
-    // The installation of the window that runs or ran last; a restart makes
-    // a new one from the same folder, as the program's next start does.
-    Installation& Stores() { return *stores_; }
-    // The engine of the window that runs or ran last.
-    TransferEngine& Engine() { return *engine_; }
 
     TempFolder folder_;
     // The clock of every window's line and engine, as in the program.
-    MonotonicClock clock_;
-    std::unique_ptr<Installation> stores_;
+    platform::MonotonicClock clock_;
+    // The installation and the engine of the window that runs or ran last; a
+    // restart makes new ones, the installation from the same folder, as the
+    // program's next start does.
+    std::unique_ptr<stores::Installation> stores_;
     // The window's line, made anew with each window, which it outlives.
-    std::unique_ptr<Line> line_;
-    std::unique_ptr<TransferEngine> engine_;
-    std::unique_ptr<MainWindow> window_;
+    std::unique_ptr<line::Line> line_;
+    std::unique_ptr<engine::TransferEngine> engine_;
+    std::unique_ptr<app::MainWindow> window_;
 
 private:
     CapturedOutput output_;
-    mutable std::mutex lock_;
-    std::vector<std::string> observed_;
 };
 
 }  // namespace kb::test

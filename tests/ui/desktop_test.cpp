@@ -61,7 +61,35 @@ protected:
     TempFolder folder_;
 };
 
-TEST_F(DesktopTest, FoldersGoToTheDesktopsHandlersAndPagesToOneWhoseAnswerIsHeard) {
+// File dialogs give the chosen path or nothing; folders go to the desktop's
+// handlers, and pages to one whose answer is heard.
+TEST_F(DesktopTest, FileDialogsGiveTheChosenPathFoldersGoToHandlersAndPagesToOneThatAnswers) {
+    const std::string chosen = folder_ / "chosen.txt";
+    WriteWholeFile(chosen, "x");
+    FileDialogRequest open;
+    open.Filter = "All Files (*)|*|";
+    answerer_.AnswerNextDialog(chosen);
+    EXPECT_EQ(FromAnotherThread([&] { return desktop_.ChooseFile(open); }), chosen);
+    answerer_.AnswerNextDialog(std::nullopt);
+    open.Title = "Choose the program for button 2";
+    EXPECT_EQ(FromAnotherThread([&] { return desktop_.ChooseFile(open); }), std::nullopt);
+    EXPECT_EQ(answerer_.Titles(),
+              (std::vector<std::string>{"Open", "Choose the program for button 2"}));
+    // Several files at once, as the dialog's name field takes them; and a
+    // folder.
+    const std::string second = folder_ / "second.txt";
+    WriteWholeFile(second, "y");
+    answerer_.AnswerNextDialog("\"" + chosen + "\" \"" + second + "\"");
+    EXPECT_EQ(FromAnotherThread([&] { return desktop_.ChooseFiles(open); }),
+              (std::vector<std::string>{chosen, second}));
+    answerer_.AnswerNextDialog(folder_.Path());
+    open.For = FileDialogRequest::Purpose::Folder;
+    EXPECT_EQ(FromAnotherThread([&] { return desktop_.ChooseFile(open); }), folder_.Path());
+
+    EXPECT_EQ(QtFileFilter("All Files (*)|*|"), "All Files (*)");
+    EXPECT_EQ(QtFileFilter("Entries (*.KBE)|*.KBE;*.kbe|All Files (*)|*|"),
+              "Entries (*.KBE *.kbe);;All Files (*)");
+
     const std::string folder = folder_ / "Incoming Files";
     FromAnotherThread([&] { desktop_.ShowFolder(folder); });
     EXPECT_EQ(catcher_.Caught(), (std::vector<std::string>{"file://" + folder}));
@@ -111,46 +139,17 @@ TEST_F(DesktopTest, AProgramStartsInASessionOfItsOwnWithNoSignalHeldBack) {
     EXPECT_NE(std::stol(ReadWholeFile(session)), static_cast<long>(getsid(0)));
 }
 
-TEST_F(DesktopTest, FileDialogsGiveTheChosenPathOrNothing) {
-    const std::string chosen = folder_ / "chosen.txt";
-    WriteWholeFile(chosen, "x");
-    FileDialogRequest open;
-    open.Filter = "All Files (*)|*|";
-    answerer_.AnswerNextDialog(chosen);
-    EXPECT_EQ(FromAnotherThread([&] { return desktop_.ChooseFile(open); }), chosen);
-    answerer_.AnswerNextDialog(std::nullopt);
-    open.Title = "Choose the program for button 2";
-    EXPECT_EQ(FromAnotherThread([&] { return desktop_.ChooseFile(open); }), std::nullopt);
-    EXPECT_EQ(answerer_.Titles(),
-              (std::vector<std::string>{"Open", "Choose the program for button 2"}));
-    // Several files at once, as the dialog's name field takes them; and a
-    // folder.
-    const std::string second = folder_ / "second.txt";
-    WriteWholeFile(second, "y");
-    answerer_.AnswerNextDialog("\"" + chosen + "\" \"" + second + "\"");
-    EXPECT_EQ(FromAnotherThread([&] { return desktop_.ChooseFiles(open); }),
-              (std::vector<std::string>{chosen, second}));
-    answerer_.AnswerNextDialog(folder_.Path());
-    open.For = FileDialogRequest::Purpose::Folder;
-    EXPECT_EQ(FromAnotherThread([&] { return desktop_.ChooseFile(open); }), folder_.Path());
-
-    EXPECT_EQ(QtFileFilter("All Files (*)|*|"), "All Files (*)");
-    EXPECT_EQ(QtFileFilter("Entries (*.KBE)|*.KBE;*.kbe|All Files (*)|*|"),
-              "Entries (*.KBE *.kbe);;All Files (*)");
-}
-
 TEST(GuiThreadTest, WorkFromOtherThreadsRunsOnTheGuiThreadInOrderAndNothingRunsOnceItIsClosed) {
     GuiThread gui;
     std::vector<int> order;
     std::atomic<bool> onGui{true};
-    const bool ran = FromAnotherThread([&] {
+    EXPECT_TRUE(FromAnotherThread([&] {
         gui.Post([&] { order.push_back(1); });
         return gui.Call([&] {
             order.push_back(2);
             onGui = onGui && gui.OnGuiThread();
         });
-    });
-    EXPECT_TRUE(ran);
+    }));
     EXPECT_TRUE(onGui);
     EXPECT_EQ(order, (std::vector<int>{1, 2}));
 
@@ -170,16 +169,11 @@ TEST(ManualTest, TheManualIsWrittenWhereHelpLooksWhenItsStartPageIsMissingAndOnl
     const QDir made(QStringLiteral(KB_MANUAL_FOLDER));
     const QStringList pages = made.entryList(QDir::Files);
     ASSERT_FALSE(pages.isEmpty());
-    for (const QString& page : pages) {
-        EXPECT_EQ(ReadWholeFile(ManualFolderBelow(root.Path()) + "/" + page.toStdString()),
-                  ReadWholeFile(made.filePath(page).toStdString()))
-            << page.toStdString();
-    }
     EXPECT_TRUE(PathExists(ManualStartPageBelow(root.Path())));
 
-    // Every page and picture a page links to was written, and every place
-    // it points into is there; every page's navigation bar leads to every
-    // page and marks the page itself.
+    // Every page is written as made; every page and picture a page links to
+    // was written, and every place it points into is there; every page's
+    // navigation bar leads to every page and marks the page itself.
     const std::string written = ManualFolderBelow(root.Path()) + "/";
     const std::regex link(R"((?:href|src)="([^":]*?)(?:#([^"]*))?")");
     const std::regex barEntry(R"re(<li><a href="([^"]+)"( aria-current="page")?>)re");
@@ -187,9 +181,11 @@ TEST(ManualTest, TheManualIsWrittenWhereHelpLooksWhenItsStartPageIsMissingAndOnl
     for (const QString& page : made.entryList({QStringLiteral("*.html")}, QDir::Files)) {
         everyPage.insert(page.toStdString());
     }
-    for (const QString& page : pages) {
-        const std::string text = ReadWholeFile(written + page.toStdString());
-        if (page.endsWith(QStringLiteral(".html"))) {
+    for (const QString& file : pages) {
+        const std::string page = file.toStdString();
+        const std::string text = ReadWholeFile(written + page);
+        EXPECT_EQ(text, ReadWholeFile(made.filePath(file).toStdString())) << page;
+        if (file.endsWith(QStringLiteral(".html"))) {
             const std::string bar = text.substr(0, text.find("</nav>"));
             std::set<std::string> listed;
             std::vector<std::string> marked;
@@ -199,16 +195,16 @@ TEST(ManualTest, TheManualIsWrittenWhereHelpLooksWhenItsStartPageIsMissingAndOnl
                     marked.push_back((*it)[1].str());
                 }
             }
-            EXPECT_EQ(listed, everyPage) << page.toStdString();
-            EXPECT_EQ(marked, std::vector<std::string>{page.toStdString()});
+            EXPECT_EQ(listed, everyPage) << page;
+            EXPECT_EQ(marked, std::vector<std::string>{page});
         }
         for (std::sregex_iterator it(text.begin(), text.end(), link), end; it != end; ++it) {
-            const std::string target = (*it)[1].str().empty() ? page.toStdString() : (*it)[1].str();
-            ASSERT_TRUE(PathExists(written + target)) << page.toStdString() << " -> " << target;
+            const std::string target = (*it)[1].str().empty() ? page : (*it)[1].str();
+            ASSERT_TRUE(PathExists(written + target)) << page << " -> " << target;
             if ((*it)[2].matched) {
                 EXPECT_NE(ReadWholeFile(written + target).find("id=\"" + (*it)[2].str() + "\""),
                           std::string::npos)
-                    << page.toStdString() << " -> " << (*it)[0].str();
+                    << page << " -> " << (*it)[0].str();
             }
         }
     }

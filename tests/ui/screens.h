@@ -8,12 +8,10 @@
 
 namespace kb::test {
 
-using platform::CreateFolder;
-
 inline std::string ScreensFolder() {
     const std::string folder = KB_SCREENS_DIR;
     // Every screen test after the first finds the folder there already.
-    static_cast<void>(CreateFolder(folder));
+    static_cast<void>(platform::CreateFolder(folder));
     return folder;
 }
 

@@ -41,22 +41,6 @@ bool IsPicture(const std::string& path) {
     return !picture.isNull() && picture.width() > 0 && picture.height() > 0;
 }
 
-// The directory of an installation as the program keeps it, with one record:
-// a correspondent whose pick-up folder sends itself.
-void KeepHotFolderFor(const std::string& installation, const std::string& name,
-                      const std::string& number) {
-    Correspondent record{};
-    SetFieldText(record.FirmName, name);
-    SetFieldText(record.IsdnNumber, number);
-    record.HasPickUp = 1;
-    record.HotSend = 1;
-    std::string file = {1, 0};
-    file.append(reinterpret_cast<const char*>(&record), sizeof record);
-    WriteWholeFile(installation + "/kestrelbound_directory", file);
-    EXPECT_TRUE(CreateFolder(installation + "/Pick Up"));
-    EXPECT_TRUE(CreateFolder(installation + "/Pick Up/" + name));
-}
-
 // A window process; its standard error is kept, to be shown when it fails.
 ChildProcess StartWindow(const std::string& installation, const std::vector<std::string>& options) {
     return ChildProcess(KESTRELBOUND_PATH, options, installation, ChildProcess::Errors::Kept);
@@ -68,7 +52,15 @@ TEST(TwoWindows, AHotFolderGoesFromOneWindowToTheOtherAndBothArePicturedDuringTh
     const std::string bob = MakeInstallation(root, "bob");
     // Alice keeps a hot folder for Bob, filled before she starts: two looks
     // 15 s apart find it unchanged, and it dials by itself.
-    KeepHotFolderFor(alice, "Bob", "5552002");
+    Correspondent bobsRecord{};
+    SetFieldText(bobsRecord.FirmName, "Bob");
+    SetFieldText(bobsRecord.IsdnNumber, "5552002");
+    bobsRecord.HasPickUp = 1;
+    bobsRecord.HotSend = 1;
+    std::string directory = {1, 0};
+    directory.append(reinterpret_cast<const char*>(&bobsRecord), sizeof bobsRecord);
+    WriteWholeFile(alice + "/kestrelbound_directory", directory);
+    ASSERT_TRUE(std::filesystem::create_directories(alice + "/Pick Up/Bob"));
     const std::string note = RandomBytes(700, 51);
     const std::string photo = RandomBytes(96000, 52);
     WriteWholeFile(alice + "/Pick Up/Bob/note.txt", note);
@@ -129,7 +121,7 @@ TEST(TwoWindows, AHotFolderGoesFromOneWindowToTheOtherAndBothArePicturedDuringTh
     EXPECT_TRUE(IsPicture(bobPicture));
 }
 
-TEST(Screenshot, AWindowPicturesItselfOnceItsAdapterIsFoundAndLeavesAsExitDoes) {
+TEST(Screenshot, AWindowPicturesItselfOnceItsAdapterIsFoundAndExitsOneIfThePictureCannotBeWritten) {
     TempFolder root;
     const std::string station = MakeInstallation(root, "station");
     VirtualAdapters adapters({station + "/COM1=zyxel-2864:5552002"});
@@ -149,15 +141,13 @@ TEST(Screenshot, AWindowPicturesItselfOnceItsAdapterIsFoundAndLeavesAsExitDoes) 
     EXPECT_EQ(prefs[0], 1) << "port COM1";
     // Nobody was there to answer a message box.
     EXPECT_EQ(window.ErrorText().find("ISDN TA"), std::string::npos) << window.ErrorText();
-}
 
-TEST(Screenshot, AFileThatCannotBeWrittenMakesTheExitStatusOne) {
-    TempFolder root;
-    ChildProcess window = StartWindow(MakeInstallation(root, "station", 1),
-                                      {"--screenshot", root / "no/such/folder/x.png"});
-    EXPECT_EQ(window.WaitForExit(120s), 1) << window.ErrorText();
-    // Without an adapter the message that says so went to standard error.
-    EXPECT_NE(window.ErrorText().find("Could not find your ISDN TA."), std::string::npos);
+    // A picture that cannot be written makes the exit status 1; without an
+    // adapter the message that says so went to standard error.
+    ChildProcess failing = StartWindow(MakeInstallation(root, "without", 1),
+                                       {"--screenshot", root / "no/such/folder/x.png"});
+    EXPECT_EQ(failing.WaitForExit(120s), 1) << failing.ErrorText();
+    EXPECT_NE(failing.ErrorText().find("Could not find your ISDN TA."), std::string::npos);
 }
 
 }  // namespace

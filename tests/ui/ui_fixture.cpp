@@ -28,9 +28,10 @@ namespace kb::test {
 
 using namespace kb::app;
 using namespace kb::platform;
+using namespace std::chrono_literals;
 
-bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
+bool WaitUntil(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + 30s;
     while (!condition()) {
         if (std::chrono::steady_clock::now() >= deadline) {
             return false;
@@ -40,13 +41,11 @@ bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds
     return true;
 }
 
-std::optional<bool> OnMainLoop(const std::function<bool()>& work, std::chrono::milliseconds limit) {
+std::optional<bool> OnMainLoop(const std::function<bool()>& work) {
     auto answer = std::make_shared<std::promise<bool>>();
     std::future<bool> result = answer->get_future();
     MainLoop().Post([answer, work] { answer->set_value(work()); });
-    if (!WaitUntil(
-            [&] { return result.wait_for(std::chrono::seconds(0)) == std::future_status::ready; },
-            limit)) {
+    if (!WaitUntil([&] { return result.wait_for(0s) == std::future_status::ready; })) {
         return std::nullopt;
     }
     return result.get();
@@ -65,9 +64,10 @@ void ModalAnswerer::Answer() {
             return;
         }
         messages_.push_back(box->text().toStdString());
+        // Every message's text can be selected and copied.
         const Qt::TextInteractionFlags copying =
             Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard;
-        unselectable_ += (box->textInteractionFlags() & copying) == copying ? 0 : 1;
+        EXPECT_EQ(box->textInteractionFlags() & copying, copying) << messages_.back();
         // Each box is pictured, so that every message the tests bring up can
         // be looked at as the user sees it.
         const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
@@ -113,7 +113,7 @@ void UiTest::SetUp() {
     ASSERT_TRUE(ChangeCurrentFolder(folder_.Path()));
     BlockPorts(folder_.Path());
     answerer_ = std::make_unique<ModalAnswerer>();
-    frontEnd_ = std::make_unique<FrontEnd>();
+    frontEnd_ = std::make_unique<ui::FrontEnd>();
     frontEnd_->Start();
 }
 
@@ -124,7 +124,10 @@ void UiTest::TearDown() {
     }
     frontEnd_.reset();
     answerer_.reset();
-    EXPECT_TRUE(ChangeCurrentFolder(previousFolder_));
+    // A test skipped before its set-up has no folder to go back to.
+    if (!previousFolder_.empty()) {
+        EXPECT_TRUE(ChangeCurrentFolder(previousFolder_));
+    }
 }
 
 void UiTest::WaitForStart() {
@@ -149,10 +152,6 @@ void UiTest::ExpectWidgetsToFollow() {
 
 namespace {
 
-std::string Text(const QString& text) {
-    return text.toStdString();
-}
-
 // The rows a list widget shows, as the model's rows are written.
 std::vector<std::string> ShownRows(QWidget* widget) {
     const auto* box = qobject_cast<QComboBox*>(widget);
@@ -161,9 +160,9 @@ std::vector<std::string> ShownRows(QWidget* widget) {
     const QAbstractItemModel* model = box != nullptr ? box->model() : view->model();
     std::vector<std::string> rows;
     for (int row = 0; row < model->rowCount(); ++row) {
-        rows.push_back(Text(model->index(row, 0).data().toString()));
+        rows.push_back(model->index(row, 0).data().toString().toStdString());
         if (tree != nullptr) {
-            rows.back() += "|" + Text(tree->topLevelItem(row)->text(1)) + "|" +
+            rows.back() += "|" + tree->topLevelItem(row)->text(1).toStdString() + "|" +
                            (tree->topLevelItem(row)->icon(0).isNull() ? "no icon" : "icon");
         }
     }
@@ -198,76 +197,67 @@ bool ShowsPicture(QWidget* widget) {
     return false;
 }
 
-template <typename T>
-void Compare(std::vector<std::string>& differences, const std::string& what, const T& shown,
-             const T& model) {
-    if (!(shown == model)) {
-        differences.push_back(what);
-    }
-}
-
 }  // namespace
 
 std::vector<std::string> UiTest::Differences() const {
     std::vector<std::string> differences;
     for (const ControlState& state : Controls().AllStates()) {
-        const std::string name = "control " + std::to_string(state.Id) + " ";
+        const auto differ = [&](const std::string& what, bool same) {
+            if (!same) {
+                differences.push_back("control " + std::to_string(state.Id) + " " + what);
+            }
+        };
         if (state.Kind == ControlKind::Window) {
-            Compare(differences, name + "caption", Text(View().windowTitle()), state.Text);
+            differ("caption", View().windowTitle().toStdString() == state.Text);
             continue;
         }
         if (state.Id == IDD_ABOUTBOX) {
-            Compare(differences, name + "shown", View().About()->isVisible(), state.Shown);
-            Compare(differences, name + "text", Text(View().About()->VersionLabel()->text()),
-                    state.Text);
-            Compare(differences, name + "picture", ShowsPicture(View().About()->OkButton()),
-                    state.Picture != 0);
+            differ("shown", View().About()->isVisible() == state.Shown);
+            differ("text", View().About()->VersionLabel()->text().toStdString() == state.Text);
+            differ("picture", ShowsPicture(View().About()->OkButton()) == (state.Picture != 0));
             continue;
         }
         QWidget* widget = View().WidgetOf(state.Id);
         if (widget == nullptr) {
-            differences.push_back(name + "has no widget");
+            differ("has no widget", false);
             continue;
         }
-        Compare(differences, name + "tooltip", Text(widget->toolTip()), ControlTip(state.Id));
-        Compare(differences, name + "accessible name", Text(widget->accessibleName()),
-                ControlTip(state.Id));
-        Compare(differences, name + "enabled", widget->isEnabled(), state.Enabled);
-        Compare(differences, name + "shown", !widget->isHidden(), state.Shown);
+        differ("tooltip", widget->toolTip().toStdString() == ControlTip(state.Id));
+        differ("accessible name", widget->accessibleName().toStdString() == ControlTip(state.Id));
+        differ("enabled", widget->isEnabled() == state.Enabled);
+        differ("shown", !widget->isHidden() == state.Shown);
         switch (state.Kind) {
             case ControlKind::CheckBox:
             case ControlKind::RadioButton:
-                Compare(differences, name + "checked",
-                        qobject_cast<QAbstractButton*>(widget)->isChecked(), state.Checked);
+                differ("checked",
+                       qobject_cast<QAbstractButton*>(widget)->isChecked() == state.Checked);
                 [[fallthrough]];
             case ControlKind::Label:
             case ControlKind::Edit:
             case ControlKind::Button:
                 // Labels, edit fields and buttons all show theirs as "text".
-                Compare(differences, name + "text", Text(widget->property("text").toString()),
-                        state.Text);
+                differ("text", widget->property("text").toString().toStdString() == state.Text);
                 break;
             case ControlKind::Picture:
             case ControlKind::PictureButton:
-                Compare(differences, name + "picture", ShowsPicture(widget), state.Picture != 0);
+                differ("picture", ShowsPicture(widget) == (state.Picture != 0));
                 break;
             case ControlKind::ListView: {
                 auto* tree = qobject_cast<QTreeWidget*>(widget);
                 std::vector<std::string> headers;
                 for (int column = 0; column < tree->columnCount(); ++column) {
-                    headers.push_back(Text(tree->headerItem()->text(column)));
+                    headers.push_back(tree->headerItem()->text(column).toStdString());
                 }
-                Compare(differences, name + "columns", headers, state.Columns);
+                differ("columns", headers == state.Columns);
                 [[fallthrough]];
             }
             case ControlKind::ListBox:
             case ControlKind::DropDown:
-                Compare(differences, name + "rows", ShownRows(widget), ModelRows(state));
-                Compare(differences, name + "selection", ShownSelection(widget), state.Selection);
+                differ("rows", ShownRows(widget) == ModelRows(state));
+                differ("selection", ShownSelection(widget) == state.Selection);
                 break;
             case ControlKind::ProgressBar:
-                Compare(differences, name + "position",
-                        qobject_cast<QProgressBar*>(widget)->value(), state.Position);
+                differ("position", qobject_cast<QProgressBar*>(widget)->value() == state.Position);
                 break;
             case ControlKind::Window:
                 break;

@@ -25,24 +25,18 @@
 
 namespace kb::test {
 
-using ui::FrontEnd;
-using ui::MainView;
-
-// Runs Qt's events until the condition holds or the limit passes; whether it
-// held.
-bool WaitUntil(const std::function<bool()>& condition,
-               std::chrono::milliseconds limit = std::chrono::seconds(30));
+// Runs Qt's events until the condition holds or 30 s pass; whether it held.
+bool WaitUntil(const std::function<bool()>& condition);
 
 // Runs the work on the program's main loop thread, between the window's
 // other work, and returns its result, keeping Qt's events running meanwhile;
 // nothing if the loop did not take it in time.
-std::optional<bool> OnMainLoop(const std::function<bool()>& work,
-                               std::chrono::milliseconds limit = std::chrono::seconds(30));
+std::optional<bool> OnMainLoop(const std::function<bool()>& work);
 
 // Answers the message boxes and file dialogs that open: a message box with
-// OK, or with Yes where it asks (or Esc, when told), noting its text and
-// picturing it; a file dialog with the next answer given, or Cancel, noting
-// its title. It lives on the GUI thread, as the tests do.
+// OK, or with Yes where it asks (or Esc, when told), noting its text,
+// picturing it and expecting it selectable; a file dialog with the next answer given, or Cancel,
+// noting its title. It lives on the GUI thread, as the tests do.
 class ModalAnswerer : public QObject {
     Q_OBJECT
 
@@ -57,8 +51,6 @@ public:
     std::vector<std::string> Proposals() const { return proposals_; }
     // The title of each file dialog, in order.
     std::vector<std::string> Titles() const { return titles_; }
-    // The message boxes so far whose text could not be selected and copied.
-    int UnselectableMessages() const { return unselectable_; }
     // Closes the message boxes with Esc from now on, as a user may.
     void CloseMessagesWithEscape(bool escape) { escape_ = escape; }
     // Does this instead of answering the next message box, which it leaves
@@ -72,7 +64,6 @@ private:
     std::vector<std::string> messages_;
     std::vector<std::string> proposals_;
     std::vector<std::string> titles_;
-    int unselectable_ = 0;
     std::function<void()> instead_;
     bool escape_ = false;
     std::deque<std::optional<std::string>> answers_;
@@ -94,7 +85,7 @@ protected:
     // difference left at the limit.
     void ExpectWidgetsToFollow();
 
-    MainView& View() const { return frontEnd_->View(); }
+    ui::MainView& View() const { return frontEnd_->View(); }
     QWidget* Widget(int id) const { return View().WidgetOf(id); }
     template <typename T>
     T* WidgetAs(int id) const {
@@ -107,7 +98,7 @@ protected:
 
     TempFolder folder_;
     std::unique_ptr<ModalAnswerer> answerer_;
-    std::unique_ptr<FrontEnd> frontEnd_;
+    std::unique_ptr<ui::FrontEnd> frontEnd_;
 
 private:
     std::string previousFolder_;
