@@ -28,19 +28,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Sends a command and returns its answer: "ok", "error: ...", or "" at the
-// limit.
-std::string Command(ChildProcess& station, const std::string& command) {
-    station.WriteLine(command);
-    std::string line;
-    while (station.NextLine(line, 60s)) {
-        if (line == "ok" || line.rfind("error: ", 0) == 0) {
-            return line;
-        }
-    }
-    return "";
-}
-
 // Every line of output is whole and of one of the kinds the station prints:
 // threads that print while the station ends never tear a line.
 void ExpectWholeLines(const std::vector<std::string>& lines) {
@@ -59,11 +46,11 @@ void ExpectWholeLines(const std::vector<std::string>& lines) {
 TEST(StationTest, WithoutAnAdapterItRefusesToSendAndOnlySigtermEndsIt) {
     TempFolder root;
     const std::string folder = MakeInstallation(root, "station", 1);
-    ChildProcess station(KBSTATION_PATH, {}, folder);
-    ASSERT_EQ(Command(station, "wait ISDN TA not found. 30"), "ok");
-    EXPECT_EQ(Command(station, "send"), "error: IDC_SEND is disabled");
-    ASSERT_EQ(Command(station, "show"), "ok");
-    const std::vector<std::string> shown = station.AllLines();
+    Station station(folder);
+    ASSERT_EQ(station.Command("wait ISDN TA not found. 30"), "ok");
+    EXPECT_EQ(station.Command("send"), "error: IDC_SEND is disabled");
+    ASSERT_EQ(station.Command("show"), "ok");
+    const std::vector<std::string> shown = station.Process().AllLines();
     EXPECT_EQ(LinesHolding(shown, {"message: "}),
               std::vector<std::string>{
                   "message: Could not find your ISDN TA.  Please check your cables\\rand make "
@@ -81,13 +68,13 @@ TEST(StationTest, WithoutAnAdapterItRefusesToSendAndOnlySigtermEndsIt) {
     const std::string name = "bell\a-esc\x1b[2J-tab\t-back\\-c1\xc2\x9b-bad\xff-\xc3\xbc";
     WriteWholeFile(folder + "/" + name, "");
     ASSERT_EQ(::truncate((folder + "/" + name).c_str(), off_t{1} << 28), 0);
-    EXPECT_EQ(Command(station, "add " + name), "ok");
+    EXPECT_EQ(station.Command("add " + name), "ok");
     const std::string escaped = R"(bell\x07-esc\x1B[2J-tab\t-back\\-c1\xC2\x9B-bad\xFF-)"
                                 "\xc3\xbc";
-    EXPECT_EQ(Command(station, "add gone-" + name),
+    EXPECT_EQ(station.Command("add gone-" + name),
               "error: no such file or folder: gone-" + escaped);
     const std::vector<std::string> logged =
-        LinesHolding(station.AllLines(), {"log: File too large"});
+        LinesHolding(station.Process().AllLines(), {"log: File too large"});
     ASSERT_EQ(logged, std::vector<std::string>{"log: File too large to send: " + escaped});
     EXPECT_EQ(Unescaped(logged[0]), "log: File too large to send: " + name);
 
@@ -97,20 +84,21 @@ TEST(StationTest, WithoutAnAdapterItRefusesToSendAndOnlySigtermEndsIt) {
     WriteWholeFile(folder + "/two", "2");
     ASSERT_TRUE(CreateFolder(folder + "/docs"));
     WriteWholeFile(folder + "/docs/a", "a");
-    EXPECT_EQ(Command(station, "choose one two"), "ok");
-    EXPECT_EQ(Command(station, "file-click 1"), "ok");
-    EXPECT_EQ(Command(station, "add-folder docs"), "ok");
-    EXPECT_EQ(Command(station, "file-click 2"), "error: IDC_FILE_LIST has no row 2");
-    EXPECT_EQ(LinesHolding(station.AllLines(), {"dialog: ", "question: "}),
+    EXPECT_EQ(station.Command("choose one two"), "ok");
+    EXPECT_EQ(station.Command("file-click 1"), "ok");
+    EXPECT_EQ(station.Command("add-folder docs"), "ok");
+    EXPECT_EQ(station.Command("file-click 2"), "error: IDC_FILE_LIST has no row 2");
+    EXPECT_EQ(LinesHolding(station.Process().AllLines(), {"dialog: ", "question: "}),
               (std::vector<std::string>{"dialog: open", "dialog: folder",
                                         "question: The folder \"docs\" takes the place of "
                                         "everything in the File List.\\rReplace the list?"}));
 
-    station.CloseInput();
+    station.Process().CloseInput();
     // Still answering: an unattended station waits for calls.
-    EXPECT_EQ(station.WaitForExit(300ms), -1);
+    EXPECT_EQ(station.Process().WaitForExit(300ms), -1);
     EXPECT_EQ(station.Stop(SIGTERM, 30s), 0);
-    EXPECT_EQ(LinesHolding(station.AllLines(), {"log: Stopping Kestrelbound "}).size(), 1u);
+    EXPECT_EQ(LinesHolding(station.Process().AllLines(), {"log: Stopping Kestrelbound "}).size(),
+              1u);
     const std::vector<std::string> stored = SavedLog(folder);
     ASSERT_GE(stored.size(), 2u);
     EXPECT_EQ(stored.front().rfind("Starting Kestrelbound ", 0), 0u);
@@ -125,23 +113,23 @@ TEST(StationTest, StationsThatLeaveDuringATransferStopCleanlyAndKeepThePartForAR
     WriteWholeFile(sender + "/big.bin", std::string(1000000, 'b'));
     VirtualAdapters adapters({sender + "/COM1=bitsurfr:5551111", receiver + "/COM1=3com:5552222"},
                              {"--rate", "8000"});
-    ChildProcess a(KBSTATION_PATH, {}, sender);
-    ChildProcess b(KBSTATION_PATH, {}, receiver);
-    ASSERT_EQ(Command(a, "wait Initializing Incoming: 60"), "ok");
-    ASSERT_EQ(Command(b, "wait Initializing Incoming: 60"), "ok");
-    ASSERT_EQ(Command(b, "wait-state idle"), "ok");
-    ASSERT_EQ(Command(a, "number 5552222"), "ok");
-    ASSERT_EQ(Command(a, "add big.bin"), "ok");
-    ASSERT_EQ(Command(a, "send"), "ok");
-    ASSERT_EQ(Command(b, "wait Receiving File: big.bin"), "ok");
-    ASSERT_EQ(Command(b, "wait-state transfer"), "ok");
-    ASSERT_EQ(Command(a, "wait-state transfer"), "ok");
+    Station a(sender);
+    Station b(receiver);
+    ASSERT_EQ(a.Command("wait Initializing Incoming: 60"), "ok");
+    ASSERT_EQ(b.Command("wait Initializing Incoming: 60"), "ok");
+    ASSERT_EQ(b.Command("wait-state idle"), "ok");
+    ASSERT_EQ(a.Command("number 5552222"), "ok");
+    ASSERT_EQ(a.Command("add big.bin"), "ok");
+    ASSERT_EQ(a.Command("send"), "ok");
+    ASSERT_EQ(b.Command("wait Receiving File: big.bin"), "ok");
+    ASSERT_EQ(b.Command("wait-state transfer"), "ok");
+    ASSERT_EQ(a.Command("wait-state transfer"), "ok");
 
     // The receiver leaves in the middle of the file: its threads stop, and
     // the file stays under the marker it stands under until it is whole, for
     // the next start to take up.
-    EXPECT_EQ(Command(b, "quit"), "ok");
-    EXPECT_EQ(b.WaitForExit(30s), 0);
+    EXPECT_EQ(b.Command("quit"), "ok");
+    EXPECT_EQ(b.Process().WaitForExit(30s), 0);
     EXPECT_TRUE(PathExists(receiver + "/Incoming Files/big.bin.part"));
     EXPECT_FALSE(PathExists(receiver + "/Incoming Files/big.bin"));
     const std::vector<std::string> stored = SavedLog(receiver);
@@ -149,10 +137,10 @@ TEST(StationTest, StationsThatLeaveDuringATransferStopCleanlyAndKeepThePartForAR
     EXPECT_EQ(stored.back().rfind("Stopping Kestrelbound ", 0), 0u);
 
     // The sender leaves while its feeder and writer may still be at work.
-    EXPECT_EQ(Command(a, "quit"), "ok");
-    EXPECT_EQ(a.WaitForExit(30s), 0);
-    ExpectWholeLines(a.AllLines());
-    ExpectWholeLines(b.AllLines());
+    EXPECT_EQ(a.Command("quit"), "ok");
+    EXPECT_EQ(a.Process().WaitForExit(30s), 0);
+    ExpectWholeLines(a.Process().AllLines());
+    ExpectWholeLines(b.Process().AllLines());
 }
 
 // A wait looks only behind the line that the last wait matched, so the lines

@@ -43,6 +43,8 @@ public:
     explicit Station(const std::string& folder);
 
     pid_t Pid() const { return process_.Pid(); }
+    // The program itself, for a test of its raw output and of its input's end.
+    ChildProcess& Process() { return process_; }
     // Sends a command and waits for its answer. Returns "ok" or the text of
     // "error: ..." (with the prefix); "" if no answer came in time.
     std::string Command(const std::string& command,
