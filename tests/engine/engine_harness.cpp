@@ -78,13 +78,12 @@ std::string EngineHarness::AnswerCommand(int timeoutMs) {
     return command;
 }
 
-bool EngineHarness::AnswerProfile(int timeoutMs) {
-    if (!Comes("AT\\Q", timeoutMs)) {
-        return false;
-    }
-    const std::string rest = TakeUntil("\r", timeoutMs);
+void EngineHarness::BackToIdle() {
+    ASSERT_TRUE(Comes("AT\\Q", 6000));
+    const std::string rest = TakeUntil("\r", 6000);
     far_.Send("AT\\Q" + rest + "\r\nOK\r\n");
-    return !rest.empty() && rest.back() == '\r';
+    EXPECT_TRUE(!rest.empty() && rest.back() == '\r');
+    EXPECT_TRUE(WaitForState(LinkState::Idle));
 }
 
 void EngineHarness::AnswerHangUp(bool behindData) {

@@ -105,8 +105,7 @@ TEST_F(PickUpTest, AHotFolderGoesOutOnceItsTotalHasStoodStill) {
         place.join();
         EXPECT_EQ(command, "ATD123");
         Send("\r\nBUSY\r\n");
-        ASSERT_TRUE(AnswerProfile());
-        ASSERT_TRUE(WaitForState(LinkState::Idle));
+        BackToIdle();
     }
     EXPECT_EQ(LinesHolding(Log(), {"Calling Hot", "Busy"}),
               (std::vector<std::string>{"Calling Hot", "Busy", "Calling Hot", "Busy"}));

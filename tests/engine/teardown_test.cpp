@@ -26,23 +26,6 @@ protected:
         Send(ListFor(files));
         EXPECT_EQ(Take(6), "ACK3\r\n");
     }
-
-    // A call that ends with the file's first section on the disk, kept for a
-    // resume. The user presses Disconnect twice: ABORT, then the hang-up of a
-    // call whose far end has already gone.
-    void LeaveAPartForAResume(const peer::File& file) {
-        OfferAsCaller({file});
-        Send(peer::Stream(file.Bytes).substr(0, SectionWireBytes + 10));
-        ASSERT_TRUE(WaitUntil(
-            [&] { return Inspect([&] { return engine_.ReceiveList[0].NextBlock == 16; }); }));
-        EndCall(engine_, CallEnd::Requested);
-        EXPECT_EQ(Take(7), "ABORT\r\n");
-        EXPECT_EQ(engine_.Call.LinkState.load(), LinkState::Connected);
-        std::thread again([&] { EndCall(engine_, CallEnd::Requested); });
-        AnswerLostLine();
-        again.join();
-        ASSERT_TRUE(PathExists(Incoming(file.Name + ".part")));
-    }
 };
 
 using SenderTeardownTest = EngineHarness;
@@ -187,7 +170,20 @@ TEST_F(ReceiverTeardownTest, ARestartTakesUpOnlyAPartThatItsRecordVouchesFor) {
         const peer::File file{"case" + std::to_string(seed) + ".bin",
                               RandomBytes(SectionFileBytes + 9000, seed++)};
         const std::string part = Incoming(file.Name + ".part");
-        LeaveAPartForAResume(file);
+        // A call that ends with the file's first section on the disk, kept
+        // for a resume. The user presses Disconnect twice: ABORT, then the
+        // hang-up of a call whose far end has already gone.
+        OfferAsCaller({file});
+        Send(peer::Stream(file.Bytes).substr(0, SectionWireBytes + 10));
+        ASSERT_TRUE(WaitUntil(
+            [&] { return Inspect([&] { return engine_.ReceiveList[0].NextBlock == 16; }); }));
+        EndCall(engine_, CallEnd::Requested);
+        EXPECT_EQ(Take(7), "ABORT\r\n");
+        EXPECT_EQ(engine_.Call.LinkState.load(), LinkState::Connected);
+        std::thread again([&] { EndCall(engine_, CallEnd::Requested); });
+        AnswerLostLine();
+        again.join();
+        ASSERT_TRUE(PathExists(part));
         c.Change(part);
         const std::string left = ReadWholeFile(part);
         // The program's exit and its next start, as far as the engine goes:

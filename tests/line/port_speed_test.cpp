@@ -11,14 +11,14 @@ namespace {
 class PortSpeedTest : public LineTest {
 protected:
     // An adapter found on port n by the search, silent above its top speed:
-    // the port at 9600 bps.
+    // the port at 9600 bps unless given.
     ScriptedAdapter& FoundAt(int port, int16_t model, AdapterScript script,
-                             uint32_t topSpeed = 230400) {
+                             uint32_t topSpeed = 230400, uint32_t portSpeed = 9600) {
         script.MaxSpeed = topSpeed;
         stores_.Prefs.AdapterModel = model;
         line_.AdapterFound.store(true);
         ScriptedAdapter& adapter = Attach(port, RespondAs(std::move(script)));
-        OpenPort(port, 9600);
+        OpenPort(port, portSpeed);
         return adapter;
     }
 };
@@ -83,11 +83,8 @@ TEST_F(PortSpeedTest, MenuMovesOfEachFamily) {
     for (const MoveCase& c : cases) {
         SCOPED_TRACE(c.Name);
         ClearLogged();
-        stores_.Prefs.AdapterModel = c.Model;
         stores_.Prefs.MaxPortSpeed = 230400;
-        line_.AdapterFound.store(true);
-        ScriptedAdapter& adapter = Attach(port, RespondAs(c.Script));
-        OpenPort(port++, 115200);
+        ScriptedAdapter& adapter = FoundAt(port++, c.Model, c.Script, 230400, 115200);
         line_.SetLinePolling(true);
         // While the message about the switch waits for the user, the port
         // has moved and nothing has been sent yet.

@@ -14,18 +14,19 @@ using namespace kb::platform;
 
 namespace {
 
+constexpr int Rounds = 20000;
+
 struct PingPong {
     ThreadHandle Self;
     ThreadHandle Other;
     std::atomic<int> Turns{0};
-    int Rounds = 0;
 };
 
 // Parks right after handing the turn over: exactly the window in which a wake
 // could be lost if an early wake were not kept.
 unsigned Player(void* parameter) {
     auto* game = static_cast<PingPong*>(parameter);
-    for (int i = 0; i < game->Rounds; ++i) {
+    for (int i = 0; i < Rounds; ++i) {
         game->Turns.fetch_add(1);
         WakeThread(game->Other);
         ParkThread(game->Self);
@@ -60,7 +61,6 @@ unsigned ParkTwice(void* parameter) {
 TEST(Thread, WakesBeforeParksAreNeverLost) {
     PingPong a;
     PingPong b;
-    a.Rounds = b.Rounds = 20000;
     // Both start suspended so that each handle is known before either runs.
     a.Self = StartThread(Player, &a, ThreadPriority::Normal, true);
     b.Self = StartThread(Player, &b, ThreadPriority::Normal, true);
@@ -71,7 +71,7 @@ TEST(Thread, WakesBeforeParksAreNeverLost) {
     WakeThread(b.Self);
     JoinThread(a.Self);
     JoinThread(b.Self);
-    EXPECT_EQ(a.Turns.load() + b.Turns.load(), 40000);
+    EXPECT_EQ(a.Turns.load() + b.Turns.load(), 2 * Rounds);
 }
 
 TEST(Thread, ASuspendedThreadRunsOnlyAfterItsWakeAndSeveralWakesBeforeAParkCountAsOne) {

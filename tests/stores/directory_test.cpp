@@ -23,10 +23,7 @@ std::string CountBytes(int16_t count) {
     return std::string{static_cast<char>(raw & 0xFF), static_cast<char>(raw >> 8)};
 }
 
-class DirectoryTest : public StoreTest {
-protected:
-    std::string FilePath() const { return folder_ / "kestrelbound_directory"; }
-};
+using DirectoryTest = StoreTest;
 
 // Only the counted records load, and of a count outside the table, or larger
 // than the file holds, only the whole records that fit, never more than the
@@ -52,7 +49,7 @@ TEST_F(DirectoryTest, ACountOutsideTheTableNeverWritesPastItAndASaveWritesEveryF
     };
     for (const CountCase& c : cases) {
         SCOPED_TRACE(c.What);
-        WriteWholeFile(FilePath(), c.File);
+        WriteWholeFile(stores_.Paths.DirectoryPath, c.File);
         ASSERT_TRUE(LoadDirectory(stores_.Directory, stores_.Paths.DirectoryPath));
         EXPECT_EQ(stores_.Directory.Count.load(), c.Loaded);
         if (c.Loaded > 0) {
@@ -66,7 +63,7 @@ TEST_F(DirectoryTest, ACountOutsideTheTableNeverWritesPastItAndASaveWritesEveryF
 
     // A save writes every field at its offset and keeps the older tail.
     const std::string tail(3 * CorrespondentSize, 't');
-    WriteWholeFile(FilePath(), CountBytes(3) + tail);
+    WriteWholeFile(stores_.Paths.DirectoryPath, CountBytes(3) + tail);
     ASSERT_TRUE(LoadDirectory(stores_.Directory, stores_.Paths.DirectoryPath));
 
     stores_.Directory.Count = 1;
@@ -91,7 +88,7 @@ TEST_F(DirectoryTest, ACountOutsideTheTableNeverWritesPastItAndASaveWritesEveryF
     // Little-endian numbers; the flag bytes 72 to 79; the contact cut to 19
     // bytes, less where that would split a character. Not cut short: the
     // older bytes behind the new record stay.
-    EXPECT_EQ(ReadWholeFile(FilePath()),
+    EXPECT_EQ(ReadWholeFile(stores_.Paths.DirectoryPath),
               CountBytes(1) + Padded("Smith & Sons", 32) + Padded("555+666", 32) +
                   std::string("\x02\0\0\0\x04\x03\x02\x01\x00\x01\x01\x00\x01\x01\x01\x01", 16) +
                   Padded("a contact name lon", 20) + Padded("0123", 20) +

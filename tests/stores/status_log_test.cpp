@@ -22,25 +22,22 @@ std::vector<std::string> Numbered(int from, int count) {
     return lines;
 }
 
-class StatusLogFileTest : public StoreTest {
-protected:
-    std::string LogFile() const { return folder_ / "kestrelbound_log"; }
-};
+using StatusLogFileTest = StoreTest;
 
 TEST_F(StatusLogFileTest, NoLineFakesTheEndMarkAStaleTailAndWhatPasses28000BytesAreLeftOut) {
     // A new installation gets a log of one byte, the end mark.
     ASSERT_TRUE(stores_.Log.Load());
-    EXPECT_EQ(ReadWholeFile(LogFile()), std::string(1, '\0'));
+    EXPECT_EQ(ReadWholeFile(stores_.Paths.LogPath), std::string(1, '\0'));
     EXPECT_TRUE(stores_.Log.StoredLines().empty());
     // An empty line would be the end mark, and a NUL inside a line would end
     // it early; neither may hide the lines after it.
     ASSERT_TRUE(stores_.Log.Save({"first", "", std::string("sec\0ond", 7), "third"}));
     // How a saved file loads, the 700 lines below show.
-    EXPECT_EQ(ReadWholeFile(LogFile()), std::string("first\0sec\0third\0\0", 17));
+    EXPECT_EQ(ReadWholeFile(stores_.Paths.LogPath), std::string("first\0sec\0third\0\0", 17));
 
     // A stored log of 700 lines comes back whole; the next line trims it.
     ASSERT_TRUE(stores_.Log.Save(Numbered(0, 700)));
-    const std::string before = ReadWholeFile(LogFile());
+    const std::string before = ReadWholeFile(stores_.Paths.LogPath);
     stores_.Log.Free();
     ASSERT_TRUE(stores_.Log.Load());
     std::vector<std::string> lines = stores_.Log.StoredLines();
@@ -56,7 +53,7 @@ TEST_F(StatusLogFileTest, NoLineFakesTheEndMarkAStaleTailAndWhatPasses28000Bytes
     ASSERT_TRUE(stores_.Log.Save({stopping}));
 
     // The file keeps its length: the tail behind the new end mark is the old.
-    const std::string after = ReadWholeFile(LogFile());
+    const std::string after = ReadWholeFile(stores_.Paths.LogPath);
     EXPECT_EQ(after.substr(0, stopping.size() + 2), stopping + std::string(2, '\0'));
     EXPECT_EQ(after.substr(stopping.size() + 2), before.substr(stopping.size() + 2));
 
@@ -82,11 +79,11 @@ TEST_F(StatusLogFileTest, NoLineFakesTheEndMarkAStaleTailAndWhatPasses28000Bytes
          {std::pair{cut, whole},
           std::pair{last, std::vector<std::string>{std::string(27999, 'a')}}}) {
         stores_.Log.Free();
-        WriteWholeFile(LogFile(), file);
+        WriteWholeFile(stores_.Paths.LogPath, file);
         ASSERT_TRUE(stores_.Log.Load());
         EXPECT_EQ(stores_.Log.StoredLines(), lines);
         // Loading reads; it never changes the file.
-        EXPECT_EQ(ReadWholeFile(LogFile()), file);
+        EXPECT_EQ(ReadWholeFile(stores_.Paths.LogPath), file);
     }
     // A walk never reads past the buffer; that it stops at the end mark is
     // the stale tail's test's.

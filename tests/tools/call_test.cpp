@@ -553,32 +553,6 @@ protected:
         std::vector<sockaddr_storage> Answer;
     };
 
-    void RunExchange(const std::vector<std::string>& arguments) {
-        virtual_ta::Options options;
-        std::string error;
-        ASSERT_TRUE(ParseArguments(arguments, options, error)) << error;
-        resolver_ =
-            std::make_unique<virtual_ta::Resolver>([gate = gate_](const std::string&, uint16_t) {
-                std::unique_lock lock(gate->Mutex);
-                ++gate->Started;
-                gate->Changed.notify_all();
-                gate->Changed.wait(lock, [&] { return gate->Open; });
-                return gate->Answer;
-            });
-        exchange_ = std::make_unique<virtual_ta::Exchange>(options, *resolver_);
-        ASSERT_TRUE(exchange_->Open(error)) << error;
-        loop_ = std::thread([this] {
-            virtual_ta::RunEventLoop(*exchange_,
-                                     {wake_,
-                                      [this] {
-                                          uint64_t count = 0;
-                                          static_cast<void>(::read(wake_, &count, sizeof count));
-                                          return stop_ ? std::optional<int>(0) : std::nullopt;
-                                      }},
-                                     [this] { return MonotonicNs() + skippedMs_ * 1000000; });
-        });
-    }
-
     void StopExchange() {
         if (loop_.joinable()) {
             stop_ = true;
@@ -650,10 +624,33 @@ TEST_F(HeldLookups, ADialWaitingOnANameServerHoldsNoOtherCallAndFailsAtItsLimit)
     uint16_t silentPort = 0;
     const int silent = virtual_ta::ListenOn("127.0.0.1", silentPort, error);
     ASSERT_GE(silent, 0) << error;
-    RunExchange({"--rate", "0", "--answer-wait", "120", "--route", "5559001=far.example:4000",
-                 "--route", "5559002=127.0.0.1:" + std::to_string(silentPort),
-                 folder_ / "alice=bitsurfr:5551001", folder_ / "bob=zyxel-2864:5551002",
-                 folder_ / "carol=3com:5551003"});
+    virtual_ta::Options options;
+    ASSERT_TRUE(ParseArguments(
+        {"--rate", "0", "--answer-wait", "120", "--route", "5559001=far.example:4000", "--route",
+         "5559002=127.0.0.1:" + std::to_string(silentPort), folder_ / "alice=bitsurfr:5551001",
+         folder_ / "bob=zyxel-2864:5551002", folder_ / "carol=3com:5551003"},
+        options, error))
+        << error;
+    resolver_ =
+        std::make_unique<virtual_ta::Resolver>([gate = gate_](const std::string&, uint16_t) {
+            std::unique_lock lock(gate->Mutex);
+            ++gate->Started;
+            gate->Changed.notify_all();
+            gate->Changed.wait(lock, [&] { return gate->Open; });
+            return gate->Answer;
+        });
+    exchange_ = std::make_unique<virtual_ta::Exchange>(options, *resolver_);
+    ASSERT_TRUE(exchange_->Open(error)) << error;
+    loop_ = std::thread([this] {
+        virtual_ta::RunEventLoop(*exchange_,
+                                 {wake_,
+                                  [this] {
+                                      uint64_t count = 0;
+                                      static_cast<void>(::read(wake_, &count, sizeof count));
+                                      return stop_ ? std::optional<int>(0) : std::nullopt;
+                                  }},
+                                 [this] { return MonotonicNs() + skippedMs_ * 1000000; });
+    });
     FarEnd& alice = Port("alice");
     FarEnd& bob = Port("bob");
     FarEnd& carol = Port("carol");

@@ -38,6 +38,22 @@ bool IsLink(const std::string& path) {
     return ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
 }
 
+// An IPv4 address of this computer's own beyond loopback; "" if it has none.
+std::string AddressBeyondLoopback() {
+    // hostname lists the computer's addresses without loopback's, IPv6 with ':'.
+    ChildProcess hostname("/bin/hostname", {"-I"});
+    hostname.WaitForExit(std::chrono::seconds(10));
+    for (const std::string& line : hostname.AllLines()) {
+        std::istringstream addresses(line);
+        for (std::string address; addresses >> address;) {
+            if (address.find(':') == std::string::npos) {
+                return address;
+            }
+        }
+    }
+    return "";
+}
+
 // Every setting of the options, in the order given, or the reason they were
 // refused.
 std::string Parsed(const std::vector<std::string>& arguments) {

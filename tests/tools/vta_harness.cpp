@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <sstream>
 #include <stdexcept>
 
 #include "platform/clock.h"
@@ -65,21 +64,6 @@ int SilentConnection(uint16_t port, const std::string& address, const std::strin
         return -1;
     }
     return fd;
-}
-
-std::string AddressBeyondLoopback() {
-    // hostname lists the computer's addresses without loopback's, IPv6 with ':'.
-    ChildProcess hostname("/bin/hostname", {"-I"});
-    hostname.WaitForExit(std::chrono::seconds(10));
-    for (const std::string& line : hostname.AllLines()) {
-        std::istringstream addresses(line);
-        for (std::string address; addresses >> address;) {
-            if (address.find(':') == std::string::npos) {
-                return address;
-            }
-        }
-    }
-    return "";
 }
 
 bool WaitForTrace(const std::string& path, const std::string& text, size_t count, int timeoutMs) {

@@ -49,8 +49,6 @@ bool ParseArguments(const std::vector<std::string>& arguments, virtual_ta::Optio
 // the address from if one is given; -1 if it is not made within 10 s.
 int SilentConnection(uint16_t port, const std::string& address = "127.0.0.1",
                      const std::string& from = "");
-// An IPv4 address of this computer's own beyond loopback; "" if it has none.
-std::string AddressBeyondLoopback();
 
 // Waits until the trace file holds count lines with the text in them; false
 // if it does not within the time.
