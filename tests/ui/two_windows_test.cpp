@@ -21,7 +21,6 @@
 #include "platform/files.h"
 #include "screens.h"
 #include "stores/directory.h"
-#include "stores/status_log.h"
 #include "support/installation.h"
 #include "support/process_state.h"
 #include "support/temp_folder.h"
