@@ -52,7 +52,6 @@ TEST_F(FileListTest, TheDialogsTakeSeveralFilesOrAFolderAndACancelNothing) {
     desktop.Answer({folder_.MakeFile("one", 1), folder_.MakeFile("two", 0)});
     ASSERT_TRUE(Press(IDC_FILE_ADD).Done);
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"one", "two"}));
-    MakeFolder("docs");
     folder_.MakeFile("docs/a", 3);
     desktop.Answer(folder_ / "docs");
     ASSERT_TRUE(ChooseMenu(ID_FILE_ADD_FOLDER).Done);
@@ -72,7 +71,6 @@ TEST_F(FileListTest, AFolderReplacesTheListAndTravelsOneLevelDeep) {
     folder_.MakeFile("docs/a.txt", 100);
     folder_.MakeFile("docs/b.exe.txt", 200);
     folder_.MakeFile("docs/empty", 0);
-    MakeFolder("docs/Sent Files");
     folder_.MakeFile("docs/Sent Files/old", 5);
 
     Drop(IDC_FILE_LIST, {folder_.MakeFile("loose", 10), docs + "/"});
@@ -179,9 +177,7 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
     Press(IDC_FILE_CLEAR);
 
     // Of two folders in one drop only the second stays.
-    MakeFolder("first");
     folder_.MakeFile("first/one", 1);
-    MakeFolder("second");
     folder_.MakeFile("second/two", 2);
     Drop(IDC_FILE_LIST, {folder_ / "first", folder_ / "second"});
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"second", "two"}));
@@ -250,12 +246,10 @@ TEST_F(FileListTest, ALongNameKeepsItsExtensionAndThePathStaysWhole) {
 // large for the protocol, and what passes a hundred entries.
 TEST_F(FileListTest, APathTooLongAFileTooLargeOrAHundredAndFirstEntryIsRefusedWithItsLine) {
     // Folders of 200 characters each: the path passes 511 at the file.
-    const std::string deep = MakeFolder(std::string(200, 'd')) + "/" + std::string(200, 'e');
-    ASSERT_TRUE(CreateFolder(deep));
     const std::string name = std::string(120, 'f');
-    const std::string longPath = deep + "/" + name;
+    const std::string longPath =
+        folder_.MakeFile(std::string(200, 'd') + "/" + std::string(200, 'e') + "/" + name, 1);
     ASSERT_GT(longPath.size(), 511u);
-    WriteWholeFile(longPath, "x");
     EXPECT_FALSE(window_->Files().AddFileToList(longPath, name));
     EXPECT_EQ(RowTexts(IDC_LOG).back(), "Path too long: " + name + " was not added.");
 

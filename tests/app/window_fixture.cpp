@@ -54,9 +54,8 @@ void WindowTest::StopWindow() {
 }
 
 std::string WindowTest::MakeFolder(const std::string& name) {
-    const std::string path = folder_ / name;
-    EXPECT_TRUE(CreateFolder(path));
-    return path;
+    EXPECT_TRUE(CreateFolder(folder_ / name));
+    return folder_ / name;
 }
 
 std::vector<std::string> RowTexts(int id, const ControlModel& model) {

@@ -23,6 +23,7 @@ TempFolder::~TempFolder() {
 }
 
 std::string TempFolder::MakeFile(const std::string& name, size_t size) const {
+    std::filesystem::create_directories(std::filesystem::path(*this / name).parent_path());
     WriteWholeFile(*this / name, std::string(size, 'x'));
     return *this / name;
 }
