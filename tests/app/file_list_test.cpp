@@ -49,11 +49,10 @@ TEST_F(FileListTest, TheDialogsTakeSeveralFilesOrAFolderAndACancelNothing) {
                               "Cannot open file.  It may be in use by another application."});
     EXPECT_EQ(engine_->SendList.Count(), 0);
 
-    desktop.Answer(std::vector<std::string>{MakeFile("one", 1), MakeFile("two", 0)});
+    desktop.Answer({folder_.MakeFile("one", 1), folder_.MakeFile("two", 0)});
     ASSERT_TRUE(Press(IDC_FILE_ADD).Done);
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"one", "two"}));
-    MakeFolder("docs");
-    MakeFile("docs/a", 3);
+    folder_.MakeFile("docs/a", 3);
     desktop.Answer(folder_ / "docs");
     ASSERT_TRUE(ChooseMenu(ID_FILE_ADD_FOLDER).Done);
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"docs", "a"}));
@@ -69,13 +68,12 @@ TEST_F(FileListTest, TheDialogsTakeSeveralFilesOrAFolderAndACancelNothing) {
 
 TEST_F(FileListTest, AFolderReplacesTheListAndTravelsOneLevelDeep) {
     const std::string docs = MakeFolder("docs");
-    MakeFile("docs/a.txt", 100);
-    MakeFile("docs/b.exe.txt", 200);
-    MakeFile("docs/empty", 0);
-    MakeFolder("docs/Sent Files");
-    MakeFile("docs/Sent Files/old", 5);
+    folder_.MakeFile("docs/a.txt", 100);
+    folder_.MakeFile("docs/b.exe.txt", 200);
+    folder_.MakeFile("docs/empty", 0);
+    folder_.MakeFile("docs/Sent Files/old", 5);
 
-    Drop(IDC_FILE_LIST, {MakeFile("loose", 10), docs + "/"});
+    Drop(IDC_FILE_LIST, {folder_.MakeFile("loose", 10), docs + "/"});
     ASSERT_EQ(engine_->SendList.Count(), 4);
     const std::vector<ListRow> rows = Controls().Rows(IDC_FILE_LIST);
     ASSERT_EQ(rows.size(), 4u);
@@ -114,7 +112,7 @@ TEST_F(FileListTest, AFolderReplacesTheListAndTravelsOneLevelDeep) {
 TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
     // During a call, or beside the lists, a drop does nothing; during a
     // call it says so.
-    const std::string file = MakeFile("file", 10);
+    const std::string file = folder_.MakeFile("file", 10);
     engine_->Call.LinkState = LinkState::Connected;
     Drop(IDC_FILE_LIST, {file});
     Drop(IDC_SEND, {file});
@@ -122,12 +120,12 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
     Drop(IDC_LOG, {file});
     Drop(0, {file});
     // A name ending in .KBE is a file like any other on the file list.
-    Drop(IDC_FILE_LIST, {MakeFile("smith.KBE", 140)});
+    Drop(IDC_FILE_LIST, {folder_.MakeFile("smith.KBE", 140)});
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), std::vector<std::string>{"smith.KBE"});
     // A folder would replace the list: the user is asked, and No keeps the
     // list and places no call from Send.
     const std::string kept = MakeFolder("kept");
-    MakeFile("kept/k", 1);
+    folder_.MakeFile("kept/k", 1);
     AnswerQuestions(false);
     Drop(IDC_FILE_LIST, {file, kept});
     Drop(IDC_SEND, {kept});
@@ -139,11 +137,11 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
 
     // What cannot be read, file or folder, is named in one message and left
     // out; the files and folders dropped with it stay.
-    const std::string before = MakeFile("before", 1);
-    const std::string after = MakeFile("after", 2);
+    const std::string before = folder_.MakeFile("before", 1);
+    const std::string after = folder_.MakeFile("after", 2);
     const std::string docs = MakeFolder("docs");
-    MakeFile("docs/a", 3);
-    const std::string lockedFile = MakeFile("locked file", 4);
+    folder_.MakeFile("docs/a", 3);
+    const std::string lockedFile = folder_.MakeFile("locked file", 4);
     const std::string lockedFolder = MakeFolder("locked folder");
     const std::pair<std::string, mode_t> modes[] = {
         {folder_.Path(), 0755}, {docs, 0755},    {before, 0644},   {after, 0644},
@@ -179,10 +177,8 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
     Press(IDC_FILE_CLEAR);
 
     // Of two folders in one drop only the second stays.
-    MakeFolder("first");
-    MakeFile("first/one", 1);
-    MakeFolder("second");
-    MakeFile("second/two", 2);
+    folder_.MakeFile("first/one", 1);
+    folder_.MakeFile("second/two", 2);
     Drop(IDC_FILE_LIST, {folder_ / "first", folder_ / "second"});
     EXPECT_EQ(RowTexts(IDC_FILE_LIST), (std::vector<std::string>{"second", "two"}));
     EXPECT_EQ(engine_->SendList.Count(), 2);
@@ -206,7 +202,7 @@ TEST_F(FileListTest, WhereADropLandsAndWhatItTakesForAFolder) {
 
 TEST_F(FileListTest, DeleteTakesTheClickedRowAndItsEntry) {
     for (const char* name : {"a", "b", "c"}) {
-        ASSERT_TRUE(window_->Files().AddFileToList(MakeFile(name, 100), name));
+        ASSERT_TRUE(window_->Files().AddFileToList(folder_.MakeFile(name, 100), name));
     }
     window_->Files().OnFileClick(1);
     window_->Files().OnFileDelete();
@@ -221,7 +217,7 @@ TEST_F(FileListTest, DeleteTakesTheClickedRowAndItsEntry) {
 
     // Adding a file forgets the click.
     window_->Files().OnFileClick(0);
-    ASSERT_TRUE(window_->Files().AddFileToList(MakeFile("d", 1), "d"));
+    ASSERT_TRUE(window_->Files().AddFileToList(folder_.MakeFile("d", 1), "d"));
     EXPECT_EQ(window_->Files().SelectedFileRow(), -1);
     EXPECT_FALSE(Controls().Enabled(IDC_FILE_DELETE));
     // The same file can go in twice.
@@ -231,7 +227,7 @@ TEST_F(FileListTest, DeleteTakesTheClickedRowAndItsEntry) {
 
 TEST_F(FileListTest, ALongNameKeepsItsExtensionAndThePathStaysWhole) {
     const std::string name = "a report with a name far longer than the field.pdf";
-    const std::string path = MakeFile(name, 10);
+    const std::string path = folder_.MakeFile(name, 10);
     ASSERT_TRUE(window_->Files().AddFileToList(path, name));
     EXPECT_EQ(engine_->SendList[0].DisplayName.View(), "a report with a name far lo.pdf");
     EXPECT_EQ(engine_->SendList[0].FilePath.View(), path);
@@ -250,19 +246,17 @@ TEST_F(FileListTest, ALongNameKeepsItsExtensionAndThePathStaysWhole) {
 // large for the protocol, and what passes a hundred entries.
 TEST_F(FileListTest, APathTooLongAFileTooLargeOrAHundredAndFirstEntryIsRefusedWithItsLine) {
     // Folders of 200 characters each: the path passes 511 at the file.
-    const std::string deep = MakeFolder(std::string(200, 'd')) + "/" + std::string(200, 'e');
-    ASSERT_TRUE(CreateFolder(deep));
     const std::string name = std::string(120, 'f');
-    const std::string longPath = deep + "/" + name;
+    const std::string longPath =
+        folder_.MakeFile(std::string(200, 'd') + "/" + std::string(200, 'e') + "/" + name, 1);
     ASSERT_GT(longPath.size(), 511u);
-    WriteWholeFile(longPath, "x");
     EXPECT_FALSE(window_->Files().AddFileToList(longPath, name));
     EXPECT_EQ(RowTexts(IDC_LOG).back(), "Path too long: " + name + " was not added.");
 
     // One byte more than 2047 sections, the most that the sending side's
     // block counter holds: the smallest file too large (the largest goes
     // whole from one station to another). Sparse, so that it costs no disk.
-    const std::string huge = MakeFile("huge.bin", 0);
+    const std::string huge = folder_.MakeFile("huge.bin", 0);
     ASSERT_EQ(::truncate(huge.c_str(), off_t{2047} * 131070 + 1), 0);
     EXPECT_FALSE(window_->Files().AddFileToList(huge, "huge.bin"));
     EXPECT_EQ(RowTexts(IDC_LOG).back(), "File too large to send: huge.bin");
@@ -270,7 +264,7 @@ TEST_F(FileListTest, APathTooLongAFileTooLargeOrAHundredAndFirstEntryIsRefusedWi
     EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 0);
 
     // The list holds a hundred entries and never more.
-    const std::string file = MakeFile("f", 1);
+    const std::string file = folder_.MakeFile("f", 1);
     for (int i = 0; i < 100; ++i) {
         ASSERT_TRUE(window_->Files().AddFileToList(file, "f"));
     }
@@ -282,7 +276,7 @@ TEST_F(FileListTest, APathTooLongAFileTooLargeOrAHundredAndFirstEntryIsRefusedWi
     // A folder of 120 files: its marker and the first 99, and one line.
     const std::string big = MakeFolder("big");
     for (int i = 0; i < 120; ++i) {
-        MakeFile("big/file" + std::to_string(i), 1);
+        folder_.MakeFile("big/file" + std::to_string(i), 1);
     }
     const size_t linesBefore = RowTexts(IDC_LOG).size();
     window_->Files().AddFolderToSendList(big, "big");

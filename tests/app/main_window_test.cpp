@@ -156,7 +156,7 @@ TEST_F(MainWindowTest, EventsReachOnlyControlsAUserCouldUseAndPictureButtonsSayW
     EXPECT_EQ(stores_->Prefs.IncomingProtocol, 1);
 
     // An outgoing setting changes the estimate of what waits to go.
-    MakeFile("a", 1000000);
+    folder_.MakeFile("a", 1000000);
     ASSERT_TRUE(window_->Files().AddFileToList(folder_ / "a", "a"));
     EXPECT_EQ(Controls().Text(IDC_EST_TIME), "Est. Time: 00:02:19");
     EXPECT_TRUE(Click(IDC_56K, true).Done);

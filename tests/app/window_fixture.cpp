@@ -53,16 +53,9 @@ void WindowTest::StopWindow() {
     // until the next start.
 }
 
-std::string WindowTest::MakeFile(const std::string& name, size_t size) {
-    const std::string path = folder_ / name;
-    WriteWholeFile(path, std::string(size, 'x'));
-    return path;
-}
-
 std::string WindowTest::MakeFolder(const std::string& name) {
-    const std::string path = folder_ / name;
-    EXPECT_TRUE(CreateFolder(path));
-    return path;
+    EXPECT_TRUE(CreateFolder(folder_ / name));
+    return folder_ / name;
 }
 
 std::vector<std::string> RowTexts(int id, const ControlModel& model) {

@@ -44,8 +44,7 @@ protected:
     // Ends it as the program does, every engine thread stopped.
     void StopWindow();
 
-    // A file of that many bytes in the installation folder; its full path.
-    std::string MakeFile(const std::string& name, size_t size);
+    // A folder in the installation folder; its full path.
     std::string MakeFolder(const std::string& name);
 
     // The messages and questions shown, in order; questions are answered

@@ -50,9 +50,8 @@ public:
 
     // A sample file of the given bytes; its path.
     std::string Sample(const std::string& name, const std::string& bytes) {
-        const std::string path = Root / "samples/" + name;
-        WriteWholeFile(path, bytes);
-        return path;
+        WriteWholeFile(Root / "samples/" + name, bytes);
+        return Root / "samples/" + name;
     }
 
     // Sample files, chosen one by one on Alice's file list.

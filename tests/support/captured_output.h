@@ -16,8 +16,6 @@
 
 namespace kb::test {
 
-using platform::SetMessageBoxHandler;
-using platform::SetQuestionHandler;
 using stores::StatusLog;
 
 class CapturedOutput {
@@ -28,20 +26,20 @@ public:
         if (caught_ != nullptr) {
             caught_->SetSink([this](const std::string& line) { Add(log_, line); });
         }
-        SetMessageBoxHandler([this](const std::string& text) {
+        platform::SetMessageBoxHandler([this](const std::string& text) {
             if (OnMessage) {
                 OnMessage(text);
             }
             Add(messages_, text);
         });
-        SetQuestionHandler([this](const std::string& text) {
+        platform::SetQuestionHandler([this](const std::string& text) {
             Add(messages_, text);
             return Answer.load();
         });
     }
     ~CapturedOutput() {
-        SetMessageBoxHandler(nullptr);
-        SetQuestionHandler(nullptr);
+        platform::SetMessageBoxHandler(nullptr);
+        platform::SetQuestionHandler(nullptr);
         if (caught_ != nullptr) {
             caught_->SetSink(nullptr);
         }

@@ -18,7 +18,6 @@
 namespace kb::test {
 
 using platform::PseudoTerminal;
-using platform::PseudoTerminalSpeed;
 
 class FarEnd {
 public:
@@ -35,7 +34,7 @@ public:
     // link "COMn" to it in the folder, and the speed the program has set.
     const std::string& DevicePath() const { return terminal_.SlavePath; }
     void LinkAs(const std::string& folder, int portNumber) const;
-    uint32_t Speed() const { return PseudoTerminalSpeed(terminal_); }
+    uint32_t Speed() const { return platform::PseudoTerminalSpeed(terminal_); }
     // Of a port opened here: moves it to another speed.
     void SetSpeed(uint32_t speed);
     // For a test that waits on several ends at once.

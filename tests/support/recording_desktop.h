@@ -17,12 +17,11 @@ namespace kb::test {
 
 using platform::Desktop;
 using platform::FileDialogRequest;
-using platform::InstallDesktop;
 
 class RecordingDesktop : public Desktop {
 public:
-    RecordingDesktop() { InstallDesktop(this); }
-    ~RecordingDesktop() override { InstallDesktop(nullptr); }
+    RecordingDesktop() { platform::InstallDesktop(this); }
+    ~RecordingDesktop() override { platform::InstallDesktop(nullptr); }
     RecordingDesktop(const RecordingDesktop&) = delete;
     RecordingDesktop& operator=(const RecordingDesktop&) = delete;
 

@@ -10,8 +10,7 @@
 namespace kb::test {
 
 TempFolder::TempFolder() {
-    const std::string base = std::filesystem::temp_directory_path().string() + "/kbtest.XXXXXX";
-    std::string pattern = base;
+    std::string pattern = std::filesystem::temp_directory_path().string() + "/kbtest.XXXXXX";
     if (::mkdtemp(pattern.data()) == nullptr) {
         throw std::runtime_error("cannot make a temporary folder");
     }
@@ -21,6 +20,12 @@ TempFolder::TempFolder() {
 TempFolder::~TempFolder() {
     std::error_code ignored;
     std::filesystem::remove_all(path_, ignored);
+}
+
+std::string TempFolder::MakeFile(const std::string& name, size_t size) const {
+    std::filesystem::create_directories(std::filesystem::path(*this / name).parent_path());
+    WriteWholeFile(*this / name, std::string(size, 'x'));
+    return *this / name;
 }
 
 std::string ReadWholeFile(const std::string& path) {

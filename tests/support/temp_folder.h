@@ -16,6 +16,9 @@ public:
     const std::string& Path() const { return path_; }
     // Path of a name inside the folder.
     std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+    // A file of that many bytes in the folder, and any folders on its way;
+    // its full path.
+    std::string MakeFile(const std::string& name, size_t size) const;
 
 private:
     std::string path_;

@@ -64,8 +64,7 @@ protected:
 // File dialogs give the chosen path or nothing; folders go to the desktop's
 // handlers, and pages to one whose answer is heard.
 TEST_F(DesktopTest, FileDialogsGiveTheChosenPathFoldersGoToHandlersAndPagesToOneThatAnswers) {
-    const std::string chosen = folder_ / "chosen.txt";
-    WriteWholeFile(chosen, "x");
+    const std::string chosen = folder_.MakeFile("chosen.txt", 1);
     FileDialogRequest open;
     open.Filter = "All Files (*)|*|";
     answerer_.AnswerNextDialog(chosen);
@@ -77,8 +76,7 @@ TEST_F(DesktopTest, FileDialogsGiveTheChosenPathFoldersGoToHandlersAndPagesToOne
               (std::vector<std::string>{"Open", "Choose the program for button 2"}));
     // Several files at once, as the dialog's name field takes them; and a
     // folder.
-    const std::string second = folder_ / "second.txt";
-    WriteWholeFile(second, "y");
+    const std::string second = folder_.MakeFile("second.txt", 1);
     answerer_.AnswerNextDialog("\"" + chosen + "\" \"" + second + "\"");
     EXPECT_EQ(FromAnotherThread([&] { return desktop_.ChooseFiles(open); }),
               (std::vector<std::string>{chosen, second}));

@@ -21,7 +21,6 @@
 #include "platform/files.h"
 #include "screens.h"
 #include "stores/directory.h"
-#include "stores/status_log.h"
 #include "support/installation.h"
 #include "support/process_state.h"
 #include "support/temp_folder.h"
@@ -79,9 +78,8 @@ TEST(TwoWindows, AHotFolderGoesFromOneWindowToTheOtherAndBothArePicturedDuringTh
                              {"--rate", "8000"});
     const std::string alicePicture = ScreensFolder() + "/alice-during-transfer.png";
     const std::string bobPicture = ScreensFolder() + "/bob-during-transfer.png";
-    for (const std::string& picture : {alicePicture, bobPicture}) {
-        std::filesystem::remove(picture);
-    }
+    std::filesystem::remove(alicePicture);
+    std::filesystem::remove(bobPicture);
     ChildProcess aliceWindow = StartWindow(alice, {"--screenshot-on-signal", alicePicture});
     ChildProcess bobWindow = StartWindow(bob, {"--screenshot-on-signal", bobPicture});
 

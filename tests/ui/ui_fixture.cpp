@@ -283,10 +283,4 @@ void UiTest::Drop(int id, const std::vector<std::string>& paths) {
     QApplication::sendEvent(&View(), &drop);
 }
 
-std::string UiTest::MakeFile(const std::string& name, size_t size) {
-    const std::string path = folder_ / name;
-    WriteWholeFile(path, std::string(size, 'k'));
-    return path;
-}
-
 }  // namespace kb::test

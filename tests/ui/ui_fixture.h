@@ -94,7 +94,6 @@ protected:
     // Drops the paths on the window at the centre of the control (0: a place
     // that is no control), as a file manager drops them.
     void Drop(int id, const std::vector<std::string>& paths);
-    std::string MakeFile(const std::string& name, size_t size);
 
     TempFolder folder_;
     std::unique_ptr<ModalAnswerer> answerer_;

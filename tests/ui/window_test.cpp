@@ -379,11 +379,12 @@ TEST_F(WindowTest, WidgetsFollowOtherThreadsAndTypingClicksKeysChoicesAndMenusRe
 
 TEST_F(WindowTest, FilesDroppedOnTheFileListSendAndTheDirectoryList) {
     WaitForStart();
-    const std::string first = MakeFile("first.txt", 10);
+    const std::string first = folder_.MakeFile("first.txt", 10);
 
     // Files dropped on the file list join it (an empty file does not); the
     // rows show their sizes and kinds, as the last comparison shows.
-    Drop(IDC_FILE_LIST, {first, MakeFile("empty.txt", 0), MakeFile("second.exe", 2000000)});
+    Drop(IDC_FILE_LIST,
+         {first, folder_.MakeFile("empty.txt", 0), folder_.MakeFile("second.exe", 2000000)});
     ASSERT_TRUE(WaitUntil([] { return Controls().RowCount(IDC_FILE_LIST) == 2; }));
     auto* files = WidgetAs<QTreeWidget>(IDC_FILE_LIST);
     ASSERT_TRUE(WaitUntil([&] { return files->topLevelItemCount() == 2; }));
@@ -415,8 +416,7 @@ TEST_F(WindowTest, FilesDroppedOnTheFileListSendAndTheDirectoryList) {
     EXPECT_EQ(Controls().RowText(IDC_FILE_LIST, 2), "first.txt");
     EXPECT_EQ(Controls().RowCount(IDC_FILE_LIST), 3) << "the drop beside the lists took nothing";
     // A folder would take the list's place: the window asks, and Yes lets it.
-    ASSERT_TRUE(CreateFolder(folder_ / "docs"));
-    MakeFile("docs/a.txt", 5);
+    folder_.MakeFile("docs/a.txt", 5);
     Drop(IDC_FILE_LIST, {folder_ / "docs"});
     ASSERT_TRUE(WaitUntil([] { return Controls().RowText(IDC_FILE_LIST, 0) == "docs"; }));
     EXPECT_EQ(answerer_->Messages().back(),
