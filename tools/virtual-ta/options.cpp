@@ -340,15 +340,6 @@ bool ApplyCommandLine(int argc, const char* const* argv, Options& options, std::
             options.Help = true;
             return true;
         }
-        if (arg == "--show-identity") {
-            // Not a setting of the file: a tool run from it would only print.
-            if (attached) {
-                error = arg + " takes no value";
-                return false;
-            }
-            options.ShowIdentity = true;
-            continue;
-        }
         if (arg == "--config") {
             if (!take(options.ConfigPath, error)) {
                 return false;
@@ -360,7 +351,11 @@ bool ApplyCommandLine(int argc, const char* const* argv, Options& options, std::
             continue;
         }
         Applied applied = Applied::Unknown;
-        if (arg.rfind("--", 0) == 0) {
+        if (arg == "--show-identity") {
+            // Not a setting of the file: a tool run from it would only print.
+            options.ShowIdentity = true;
+            applied = Applied::Taken;
+        } else if (arg.rfind("--", 0) == 0) {
             applied = arg == "--adapter" ? Applied::Unknown
                                          : ApplySetting(arg.substr(2), arg, take, options, error);
         } else if (arg.rfind("-", 0) != 0) {
