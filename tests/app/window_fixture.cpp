@@ -54,8 +54,9 @@ void WindowTest::StopWindow() {
 }
 
 std::string WindowTest::MakeFolder(const std::string& name) {
-    EXPECT_TRUE(CreateFolder(folder_ / name));
-    return folder_ / name;
+    const std::string path = folder_ / name;
+    EXPECT_TRUE(CreateFolder(path));
+    return path;
 }
 
 std::vector<std::string> RowTexts(int id, const ControlModel& model) {

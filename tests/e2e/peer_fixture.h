@@ -53,10 +53,10 @@ protected:
 
     // Sample files of these bytes, chosen for the station to send.
     void Choose(const std::vector<peer::File>& files) {
-        ASSERT_TRUE(platform::CreateFolder(root_ / "samples"));
         for (const peer::File& file : files) {
-            WriteWholeFile(root_ / "samples/" + file.Name, file.Bytes);
-            ASSERT_EQ(station_->Command("choose " + (root_ / "samples/" + file.Name)), "ok");
+            ASSERT_EQ(
+                station_->Command("choose " + root_.MakeFile("samples/" + file.Name, file.Bytes)),
+                "ok");
         }
     }
 

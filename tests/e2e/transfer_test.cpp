@@ -55,14 +55,12 @@ TEST_F(TwoStations, FilesAndFoldersArriveByteForByteBesideWhatIsThereAndTheCalle
     EXPECT_NE(Alice->ShowControl("IDC_FILE_LIST").find("rows=\"\""), std::string::npos);
     EXPECT_NE(Bob->ShowControl("IDC_FILE_LIST").find("rows=\"\""), std::string::npos);
 
-    ASSERT_TRUE(CreateFolder(Root / "samples/Reports"));
-    ASSERT_TRUE(CreateFolder(Root / "samples/Reports/Old"));
-    WriteWholeFile(Root / "samples/Reports/Old/skipped.txt", "a subfolder does not travel");
+    Sample("Reports/Old/skipped.txt", "a subfolder does not travel");
     const std::string first = RandomBytes(262141, 4);
     const std::string second = RandomBytes(8191, 5);
-    WriteWholeFile(Root / "samples/Reports/first.bin", first);
-    WriteWholeFile(Root / "samples/Reports/second.bin", second);
-    WriteWholeFile(Root / "samples/Reports/empty.txt", "");
+    Sample("Reports/first.bin", first);
+    Sample("Reports/second.bin", second);
+    Sample("Reports/empty.txt", "");
     ASSERT_EQ(Alice->Command("add " + (Root / "samples/Reports")), "ok");
     SendThrough();
     EXPECT_EQ(LinesHolding(Bob->LogLines(), {"Created new folder"}),

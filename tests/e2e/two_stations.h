@@ -50,8 +50,7 @@ public:
 
     // A sample file of the given bytes; its path.
     std::string Sample(const std::string& name, const std::string& bytes) {
-        WriteWholeFile(Root / "samples/" + name, bytes);
-        return Root / "samples/" + name;
+        return Root.MakeFile("samples/" + name, bytes);
     }
 
     // Sample files, chosen one by one on Alice's file list.

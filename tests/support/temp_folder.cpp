@@ -22,10 +22,11 @@ TempFolder::~TempFolder() {
     std::filesystem::remove_all(path_, ignored);
 }
 
-std::string TempFolder::MakeFile(const std::string& name, size_t size) const {
-    std::filesystem::create_directories(std::filesystem::path(*this / name).parent_path());
-    WriteWholeFile(*this / name, std::string(size, 'x'));
-    return *this / name;
+std::string TempFolder::MakeFile(const std::string& name, const std::string& bytes) const {
+    const std::string path = *this / name;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    WriteWholeFile(path, bytes);
+    return path;
 }
 
 std::string ReadWholeFile(const std::string& path) {

@@ -16,9 +16,13 @@ public:
     const std::string& Path() const { return path_; }
     // Path of a name inside the folder.
     std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-    // A file of that many bytes in the folder, and any folders on its way;
-    // its full path.
-    std::string MakeFile(const std::string& name, size_t size) const;
+    // A file of these bytes in the folder, and any folders on its way; its
+    // full path.
+    std::string MakeFile(const std::string& name, const std::string& bytes) const;
+    // The same, of that many bytes.
+    std::string MakeFile(const std::string& name, size_t size) const {
+        return MakeFile(name, std::string(size, 'x'));
+    }
 
 private:
     std::string path_;
