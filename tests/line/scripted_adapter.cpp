@@ -2,8 +2,6 @@
 
 #include <chrono>
 
-#include "support/test_data.h"
-
 namespace kb::test {
 
 ScriptedAdapter::ScriptedAdapter(Responder responder) : responder_(std::move(responder)) {
@@ -39,8 +37,9 @@ void ScriptedAdapter::ClearCommands() {
 }
 
 bool ScriptedAdapter::WaitForCommands(size_t count, int timeoutMs) const {
-    return PollUntil([&] { return Commands().size() >= count; },
-                     std::chrono::milliseconds(timeoutMs));
+    std::unique_lock<std::mutex> guard(lock_);
+    return arrived_.wait_for(guard, std::chrono::milliseconds(timeoutMs),
+                             [&] { return commands_.size() >= count; });
 }
 
 void ScriptedAdapter::Run() {
@@ -59,6 +58,7 @@ void ScriptedAdapter::Run() {
                 commands_.push_back({command, far_.Speed()});
                 responder = responder_;
             }
+            arrived_.notify_all();
             const std::string reply = responder(command, far_.Speed());
             if (!reply.empty()) {
                 far_.Send(reply);

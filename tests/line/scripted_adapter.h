@@ -5,6 +5,7 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -50,6 +51,7 @@ private:
     FarEnd far_;
     Responder responder_;
     mutable std::mutex lock_;
+    mutable std::condition_variable arrived_;
     std::vector<ReceivedCommand> commands_;
     std::string pending_;
     std::atomic<bool> stop_{false};
